@@ -1,0 +1,98 @@
+/* The methods of TarnSysdiagTarnd in the order of their interface indices, which start at 1. */
+#if !defined(TARN_METHOD) || !defined(TARN_METHOD_NO_REPLY)
+#error "define TARN_METHOD(Method, Request, Response) and TARN_METHOD_NO_REPLY(Method, Request) before including this"
+#endif
+
+/* Processes and CPU: 1 to 18 */
+TARN_METHOD(PidIsOnline, PidIsOnlineInput, PidIsOnlineOuput)
+TARN_METHOD(GetProcStatByPid, ProcessStatusInput, ProcessStatusOutput)
+TARN_METHOD(CalculateOsProcCpuUse, OsProcessCpuInput, OsProcessCpuRet)
+TARN_METHOD(CalculateAllThreadCpuUse, ThreadCpuInput, ThreadCpuRet)
+TARN_METHOD(CalculateProcThreadCpuUse, OsProcessCpuInput, OsProcessCpuRet)
+TARN_METHOD(GetHugePagesInfo, None, HugePagesOutput)
+TARN_METHOD(SysCpuStatInfoQuery, SysCpuStatInfoInput, SysCpuStatInfo)
+TARN_METHOD(MultiCpuUsageQuery, MultiCpuUsageInput, MultiCpuUsageRet)
+TARN_METHOD(ResetMaxCpuUseInfo, ResetMaxCpuCondition, ResetMaxCpuResult)
+TARN_METHOD(SysOvLoadCpuThresholdSet, SysOvLoadCpuThreshold, OperResult)
+TARN_METHOD(OvloadCpuSwitchState, OvloadCpuSwitchInput, OvloadCpuSwitchRet)
+TARN_METHOD(DisCpuOvloadInfo, DisCpuOvloadInput, DisCpuOvloadRet)
+TARN_METHOD(DisCpuOvloadCallstackInfo, CpuOvloadThreadCallstackInput, TopCpuOvloadThreadCallstackRet)
+TARN_METHOD(GetSysCpuMonitorHistoryInfo, SysCpuMonitorHistoryInfoInput, SysCpuMonitorHistoryInfoResult)
+TARN_METHOD(GetSysCpuOverloadCfg, None, GetSysCpuOverloadCfgOutput)
+TARN_METHOD(SetCpuOvProcThreshold, SetCpuOvProcThresholdInput, OperResult)
+TARN_METHOD(GetCpuOvMonProcInfo, Process, GetCpuOvMonProcInfoOutput)
+TARN_METHOD(GetKpiCpuInfo, DisOsResourceInfoInput, DisOsResourceInfoRet)
+
+/* Fault records and memory statistics: 19 to 38 */
+TARN_METHOD(GetExceptionInfo, ExceptionInfoCondition, ExceptionInfoResult)
+TARN_METHOD(GetAssertInfo, AssertInfoCondition, AssertInfoResult)
+TARN_METHOD(ResetBBoxInfo, ResetBBoxCondition, ResetBBoxResult)
+TARN_METHOD(GetSysMemStatisPro, PositionStr, SysMemStatisProResult)
+TARN_METHOD(DumpOsProcMemValue, DumpOsProcMemValueInput, DumpOsProcMemValueResult)
+TARN_METHOD(MemLeakOrHisQry, MemLeakQryIn, MemLeakQryOut)
+TARN_METHOD(GetOsProcessMemInfo, SysOsMemInfoInput, SysOsMemInfoResult)
+TARN_METHOD(GetOsProcessMapsInfo, SysProOsInput, SysProOsResult)
+TARN_METHOD(GetSysMemStatisFile, None, SysMemStatisFileResult)
+TARN_METHOD(GetSysOsMemFileList, SysOsMemFileInput, SysOsMemFileResult)
+TARN_METHOD(GetSysMemStatisShare, None, SysMemStatisShareResult)
+TARN_METHOD(GetSysMemOverloadStat, None, GetSysMemOverloadStatOutput)
+TARN_METHOD(GetSysMemOverloadSw, None, GetSysMemOverloadSwOutput)
+TARN_METHOD(GetSysMemOverloadCfg, None, GetSysMemOverloadCfgOutput)
+TARN_METHOD(SysOvLoadMemThresholdSet, SysOvLoadMemThreshold, OperResult)
+TARN_METHOD(ClearEnvAct, ClearEnvActInput, Result)
+TARN_METHOD(GetSysMemUseInfo, None, SysMemUseInfoResult)
+TARN_METHOD(SetOvLoadDebugSwitch, SetOvLoadDebugSwitchInput, Result)
+TARN_METHOD(AppMemInfo, AppMemInfoInput, AppMemInfoOutput)
+TARN_METHOD(GetKpiMemoryInfo, DisOsResourceInfoInput, DisOsResourceInfoRet)
+
+/* Log archives and time: 39 to 45 */
+TARN_METHOD(ZipLogFile, ZiploginfoInput, Result)
+TARN_METHOD(CopyZipLogFile, CopyloginfoInput, Result)
+TARN_METHOD(SetTimezone, SetTimezoneInput, Result)
+TARN_METHOD(SetDst, SetDstInput, Result)
+TARN_METHOD(SetGmt, SetGmtInput, Result)
+TARN_METHOD(SetLocalTime, SetLocalTimeInput, Result)
+TARN_METHOD(SetDateFormat, SetDateFormatInput, Result)
+
+/* Memory diagnostics and debug commands relayed to an agent: 46 to 54 */
+TARN_METHOD(GetMirelMemHandleInfoByTarnd, GetMirelMemHandleInfoInput, GetMirelMemHandleInfoOutput)
+TARN_METHOD(GetProcPartitionMemHandleRecodByTarnd, ProcPtRecodByTarndInput, ProcPtRecodResult)
+TARN_METHOD(GetMirelMemPtInfoByTarnd, GetMirelMemPtInfoByTarndInput, GetMirelMemPtInfoOutput)
+TARN_METHOD(MemDiagMaByTarnd, mem_RPCIN_input, mem_PRCOUT)
+TARN_METHOD_NO_REPLY(DBGCmdExecShowByTarnd, DbgCmdShowByTarndInput)
+TARN_METHOD(DBGCmdExecResultGetByTarnd, DbgCmdResultGetByTarndInput, DiagResult)
+TARN_METHOD_NO_REPLY(DBGCmdExecCleanByTarnd, DbgCmdCleanByTarndInput)
+TARN_METHOD(SetMemDmgScanTarnd, MemDmgScanInTarnd, MemDmgScanOut)
+TARN_METHOD(GetMemDmgInfoTarnd, MemDmgInfoInTarnd, MemDmgInfoOut)
+
+/* Tasks, call stacks and liveness: 55 to 63 */
+TARN_METHOD(GetTaskInfo, GetTaskInfoInput, GetTaskInfoResult)
+TARN_METHOD(ResetTaskRecord, ResetTaskRecordInput, TaskResult)
+TARN_METHOD(SetTaskStarvThreshold, StarvTaskThresholdInput, TaskResult)
+TARN_METHOD(SetTaskSwitch, TaskSwitchInput, TaskResult)
+TARN_METHOD(GetAllTidsByPid, Pid, Tids)
+TARN_METHOD(GetCallStackInfoByTid, Tid, CallStackContext)
+TARN_METHOD(TarnGetDlpCfgFromAgent, GetDeadLoopCfgInput, GetDeadLoopCfgResult)
+TARN_METHOD(SetNoxTimerDebugSwitchByTarnd, SetNoxTimerDebugSwitchTarndInput, Result)
+TARN_METHOD_NO_REPLY(DetectTarndServerOnline, None)
+
+/* Measurement, health, process table, message control, subscriptions and timers: 64 to 79 */
+TARN_METHOD(TarnSetDimOpration, DimSetIn, Result)
+TARN_METHOD_NO_REPLY(TarnSetDimTimeCfgByTarnd, DimTimeCfg)
+TARN_METHOD_NO_REPLY(TarnSetDimWorkModeCfgByTarnd, DimWorkModeCfg)
+TARN_METHOD(TarnGetDimMeasRstByTarnd, None, DimMeasRst)
+TARN_METHOD(TarnPadsGetSystemHealthInfoByTarnd, PadsSystemHealthInput, PadsSystemHealthResult)
+TARN_METHOD_NO_REPLY(TarnPadsSetPadsGlobalSwitchByTarnd, PadsGlobalSwitch)
+TARN_METHOD_NO_REPLY(TarnPadsSetPadsAppFunSwitchByTarnd, PadsAppFunSwitch)
+TARN_METHOD(TarnPadsGetCpuEventByTarnd, PadsCpuEventInput, PadsCpuEventResult)
+TARN_METHOD(ProcTableBuild, ProcTableBuildInput, ProcTableBuildOutput)
+TARN_METHOD(GetProcTable, GetProcTableInput, GetProcTableResult)
+TARN_METHOD(GetQ5ProcInfo, GetQ5ProcInfoInput, GetQ5ProcInfoOutput)
+TARN_METHOD(UpdateMsgCtrlRuleTarnd, UpdateMsgCtrlRuleInput, Result)
+TARN_METHOD(ClearMsgCtrlRuleTarnd, None, Result)
+TARN_METHOD(TarnGetMsgRuleInfoTarnd, GetMsgRuleInfoInput, GetMsgRuleInfoResult)
+TARN_METHOD(TarnGetSubscribeInfoTarnd, GetSubscribeInfoInput, GetSubscribeInfoResult)
+TARN_METHOD(TarnGetTimerInfoTarnd, GetTimerInput, GetTimerInfoResult)
+
+#undef TARN_METHOD
+#undef TARN_METHOD_NO_REPLY

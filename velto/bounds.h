@@ -1,0 +1,127 @@
+// Places in a message that is not trusted. Nothing here adds a wire value to a position before it is known to fit:
+// every check compares the value with the bytes that remain, so none can wrap. All reading of wire offsets and counts
+// goes through this file.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "platform/binding.h"
+#include "velto/bytes.h"
+
+namespace velto {
+
+// A received buffer; its length is at least 4 and, as a signed number, positive.
+struct Message {
+    const uint8_t *bytes;
+    uint32_t length;
+};
+
+// A place in a message and the bytes from there to its end.
+struct Place {
+    const uint8_t *at;
+    uint32_t left;
+};
+
+// A table whose vtable has been verified. `slots` holds an entry for every slot of the type: a vtable that is shorter
+// is completed with zeros.
+struct OpenedTable {
+    const uint8_t *slots;
+    Place start; // at least the 4 bytes of the distance word
+};
+
+// Moves to a field of a table. False when the field's bytes do not lie within the message.
+inline bool GoToField(const OpenedTable &table, uint32_t offset, uint32_t width, Place &field) {
+    if (offset > table.start.left || width > table.start.left - offset) {
+        return false;
+    }
+    field = {table.start.at + offset, table.start.left - offset};
+    return true;
+}
+
+// Moves along the offset word at `place`, which lies within the message, to a count that does too.
+template <bool kSwapped = false>
+bool Follow(Place &place) {
+    const auto offset = Load<uint32_t, kSwapped>(place.at);
+    if (offset > place.left - 4) {
+        return false;
+    }
+    place = {place.at + offset, place.left - offset};
+    return true;
+}
+
+// Reads the count at `place` and moves behind it. False unless as many elements lie within the message.
+template <bool kSwapped = false>
+bool TakeCount(Place &place, uint32_t width, uint32_t &count) {
+    count = Load<uint32_t, kSwapped>(place.at);
+    place = {place.at + 4, place.left - 4};
+    return count <= place.left / width;
+}
+
+// The position that the offset word at `word` leads to; 0, where no table can be, when it wraps.
+template <bool kSwapped = false>
+uint32_t TablePosition(const Message &message, const uint8_t *word) {
+    uint32_t position;
+    const auto from = static_cast<uint32_t>(word - message.bytes);
+    return __builtin_add_overflow(from, Load<uint32_t, kSwapped>(word), &position) ? 0 : position;
+}
+
+// Verifies the table at `position` and its vtable, and logs what it refuses under the decoder's name. `padding` has
+// room for the type's slots.
+template <bool kSwapped = false>
+bool OpenTable(platform::Binding &binding, const Message &message, uint32_t position, uint32_t slotNum,
+               uint8_t *padding, const char *function, OpenedTable &table) {
+    const uint32_t last = message.length - 4;
+    if (position < 4 || position > last) {
+        binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Table offset(%u) is out of range(4 - %u)",
+                    position, message.length);
+        return false;
+    }
+    table.start = {message.bytes + position, message.length - position};
+    const uint32_t vtable = position - Load<uint32_t, kSwapped>(table.start.at);
+    if (vtable < 4 || vtable > last) {
+        binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Vtable offset(%u) is out of range(4 - %u)",
+                    position, last);
+        return false;
+    }
+    const uint32_t length = Load<uint16_t, kSwapped>(message.bytes + vtable);
+    if (length > message.length - vtable) {
+        binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Vtable Len(%u) is out of range(0 - %u)", length,
+                    message.length - vtable);
+        return false;
+    }
+    table.slots = message.bytes + vtable + 4;
+    if (length < 4 + 2 * slotNum) {
+        const uint32_t present = length < 6 ? 0 : (length - 4) / 2;
+        memset(padding, 0, size_t{2} * slotNum);
+        memcpy(padding, table.slots, size_t{2} * present);
+        table.slots = padding;
+    }
+    return true;
+}
+
+// A new array for decoded elements, or null, which it logs under the decoder's name. A size that does not fit the
+// allocator's 32 bits is refused like memory that is not there.
+inline void *AllocArray(platform::Binding &binding, uint32_t count, uint32_t width, const char *function) {
+    const uint64_t size = uint64_t{count} * width;
+    void *const array = size > UINT32_MAX ? nullptr : binding.Alloc(static_cast<uint32_t>(size), function);
+    if (array == nullptr) {
+        binding.Log(platform::kNoMemory, __LINE__, function, "[VELTO]:Malloc unpack data failed, size(%u)",
+                    size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size));
+    }
+    return array;
+}
+
+// A new copy of the `length` bytes at `place` with a terminating 0, or null, as AllocArray. The length was taken with
+// TakeCount, so it leaves room for the terminator in 32 bits.
+inline char *CopyString(platform::Binding &binding, const Place &place, uint32_t length, const char *function) {
+    auto *const text = static_cast<char *>(AllocArray(binding, length + 1, 1, function));
+    if (text != nullptr) {
+        memcpy(text, place.at, length);
+        text[length] = 0;
+    }
+    return text;
+}
+
+} // namespace velto

@@ -1,0 +1,57 @@
+// The described types as data, with their names, for tools and tests that work on any type. A source file includes this
+// one, says TARN_UNIT() and includes the headers of types/: each type's line then enters it here, with codecs of that
+// unit. The library itself is built without the names.
+#pragma once
+
+#define VELTO_ON_TABLE(type) VELTO_CODECS(type) VELTO_REGISTER(type)
+
+#include <vector>
+
+#include "velto/codec.h"
+
+namespace velto {
+
+struct TypeInfo {
+    const char *name; // without the Tarn_sys_diag_ prefix
+    uint32_t hash;
+    const TypeShape *shape;
+    const SlotName *slotNames;
+    bool owns;
+    VeltoPackFn pack;
+    VeltoUnpackFn unpack;
+    VeltoFreeFn freeUnpacked;
+    VeltoFixedPackFn packFixed;   // null for a type without fixed form
+    VeltoFixedSizeFn fixedSize;   // null for a type without fixed form
+    const uint32_t *fixedOffsets; // of each slot from the table's start; null for a type without fixed form
+};
+
+// In the order of declaration: element types stand before the types that hold them.
+inline std::vector<TypeInfo> &Registry() {
+    static std::vector<TypeInfo> types;
+    return types;
+}
+
+template <class Record>
+constexpr const uint32_t *FixedOffsets() {
+    if constexpr (kHasFixed<Record>) {
+        return kFixedLayout<Record>.fields.data();
+    } else {
+        return nullptr;
+    }
+}
+
+template <class Unit, class Record>
+bool Register() {
+    using Functions = Codec<Unit, Record>;
+    constexpr bool kFixed = kHasFixed<Record>;
+    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Record>::kType, Table<Record>::kSlotNames,
+                          kOwns<Record>, Functions::kPack, Functions::kUnpack, Functions::kFreeUnpacked,
+                          kFixed ? Functions::kPackFixed : nullptr, kFixed ? Functions::kFixedSize : nullptr,
+                          FixedOffsets<Record>()});
+    return true;
+}
+
+} // namespace velto
+
+#define VELTO_REGISTER(type)                                                                                           \
+    [[maybe_unused]] static const bool kRegistered_##type = ::velto::Register<Unit, Tarn_sys_diag_##type>();
