@@ -70,7 +70,7 @@ inline void *CopyRequest(const Proxy &proxy, const void *in, const char *tag) {
     return message;
 }
 
-inline IdlCallResult CallWithReply(const Proxy &proxy, const void *in, void *out, void *invokeCtx) {
+[[gnu::noinline]] inline IdlCallResult CallWithReply(const Proxy &proxy, const void *in, void *out, void *invokeCtx) {
     Frame frame(proxy, invokeCtx);
     IdlCallResult result{0, platform::kInvalid};
     if (in != nullptr && out != nullptr && frame.invoker != nullptr) {
@@ -79,7 +79,8 @@ inline IdlCallResult CallWithReply(const Proxy &proxy, const void *in, void *out
     return result;
 }
 
-inline IdlCallResult CallNoReply(const Proxy &proxy, const void *in, void *invokeCtx, const char *tag) {
+[[gnu::noinline]] inline IdlCallResult CallNoReply(const Proxy &proxy, const void *in, void *invokeCtx,
+                                                   const char *tag) {
     Frame frame(proxy, invokeCtx);
     if (frame.invoker == nullptr || in == nullptr) {
         return {0, platform::kInvalid};
@@ -109,8 +110,8 @@ inline uint32_t Start(const Frame &frame, void *request, void *response, IdlAsyn
     return 0;
 }
 
-inline uint32_t StartWithReply(const Proxy &proxy, const void *in, IdlAsyncCallback callback, void *user,
-                               void *invokeCtx, const char *tag) {
+[[gnu::noinline]] inline uint32_t StartWithReply(const Proxy &proxy, const void *in, IdlAsyncCallback callback,
+                                                 void *user, void *invokeCtx, const char *tag) {
     Frame frame(proxy, invokeCtx);
     if (callback == nullptr || in == nullptr || frame.invoker == nullptr) {
         return platform::kInvalid;
@@ -133,8 +134,8 @@ inline uint32_t SendOneway(const Frame &frame, const void *in) {
     return RPC_IdlMsgOnewayCall(frame.invoker, in, &frame.name, &frame.codec);
 }
 
-inline uint32_t StartNoReply(const Proxy &proxy, const void *in, IdlAsyncCallback callback, void *user, void *invokeCtx,
-                             const char *tag) {
+[[gnu::noinline]] inline uint32_t StartNoReply(const Proxy &proxy, const void *in, IdlAsyncCallback callback,
+                                               void *user, void *invokeCtx, const char *tag) {
     Frame frame(proxy, invokeCtx);
     if (frame.invoker == nullptr || in == nullptr) {
         return platform::kInvalid;
@@ -146,7 +147,7 @@ inline uint32_t StartNoReply(const Proxy &proxy, const void *in, IdlAsyncCallbac
     return request == nullptr ? platform::kNoMemory : Start(frame, request, nullptr, callback, user);
 }
 
-inline uint32_t CallOneway(const Proxy &proxy, const void *in, void *invokeCtx) {
+[[gnu::noinline]] inline uint32_t CallOneway(const Proxy &proxy, const void *in, void *invokeCtx) {
     Frame frame(proxy, invokeCtx);
     return in == nullptr || frame.invoker == nullptr ? platform::kInvalid : SendOneway(frame, in);
 }

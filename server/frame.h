@@ -58,26 +58,28 @@ inline bool KeepCodec(void *record, const IdlServerCodecTable *codec) {
     return memcpy_s(RPC_GetUsrFuncLib(record), sizeof *codec, codec, sizeof *codec) == 0;
 }
 
-// The request as the wrapper's own frame holds it. `call` is the method with its reply context, if it takes one;
-// `release` is null unless the request owns memory.
-template <class Call>
-uint32_t DispatchFromFrame(void *request, const IdlServerCodecTable *codec, uint32_t size, VeltoFreeFn release,
-                           Call call) {
+// Calls the daemon's implementation of a method, with the reply context if it takes one.
+using CallFn = uint32_t (*)(const void *record, void *replyCtx);
+
+// Decodes into the wrapper's own frame. `release` is null unless the request owns memory.
+[[gnu::noinline]] inline uint32_t DispatchFromFrame(void *request, void *replyCtx, const IdlServerCodecTable *codec,
+                                                    CallFn call, uint32_t size, VeltoFreeFn release) {
     alignas(8) uint8_t buffer[kCallBuffer];
     memset_s(buffer, size, 0, size);
     void *const record = RPC_IdlReqVeltoMsgUnPack(request, buffer, codec);
     if (record == nullptr) {
         return platform::kNoMemory;
     }
-    const uint32_t status = KeepCodec(record, codec) ? call(record) : kNotKept;
+    const uint32_t status = KeepCodec(record, codec) ? call(record, replyCtx) : kNotKept;
     if (release != nullptr) {
         release(record);
     }
     return status;
 }
 
-template <class Call>
-uint32_t DispatchFromMessage(void *request, const IdlServerCodecTable *codec, uint32_t size, Call call) {
+// Decodes into a runtime message.
+[[gnu::noinline]] inline uint32_t DispatchFromMessage(void *request, void *replyCtx, const IdlServerCodecTable *codec,
+                                                      CallFn call, uint32_t size) {
     void *const message = RPC_IdlMsgNew(size, 0);
     if (message == nullptr) {
         return platform::kNoMemory;
@@ -88,20 +90,20 @@ uint32_t DispatchFromMessage(void *request, const IdlServerCodecTable *codec, ui
         RPC_IdlMsgFree(message, 0);
         return platform::kNoMemory;
     }
-    const uint32_t status = KeepCodec(record, codec) ? call(record) : kNotKept;
+    const uint32_t status = KeepCodec(record, codec) ? call(record, replyCtx) : kNotKept;
     RPC_IdlMsgFree(record, 0);
     return status;
 }
 
-template <class Unit, class Request, class Response, class Call>
-uint32_t Dispatch(void *request, IdlServerCodecTable *codec, IdlUsrFreeFn usrFree, Call call) {
+template <class Unit, class Request, class Response>
+uint32_t Dispatch(void *request, void *replyCtx, IdlServerCodecTable *codec, IdlUsrFreeFn usrFree, CallFn call) {
     constexpr uint32_t kSize = velto::kNativeSize<Request>;
     SetCodec<Unit, Request, Response>(codec->stCodec, usrFree);
     if constexpr (ShapeOf<Request, Response>() == Shape::kLargeRequest) {
-        return DispatchFromMessage(request, codec, kSize, call);
+        return DispatchFromMessage(request, replyCtx, codec, call, kSize);
     } else {
         constexpr VeltoFreeFn kRelease = velto::kOwns<Request> ? velto::Codec<Unit, Request>::kFreeUnpacked : nullptr;
-        return DispatchFromFrame(request, codec, kSize, kRelease, call);
+        return DispatchFromFrame(request, replyCtx, codec, call, kSize, kRelease);
     }
 }
 
@@ -111,17 +113,19 @@ uint32_t Dispatch(void *request, IdlServerCodecTable *codec, IdlUsrFreeFn usrFre
 #define TARN_WRAPPER(method, request, response)                                                                        \
     uint32_t method##_wrapper(void *message, void *replyCtx, IdlServerCodecTable *codec) {                             \
         using Request = Tarn_sys_diag_##request;                                                                       \
-        using Response = Tarn_sys_diag_##response;                                                                     \
         const auto usrFree = reinterpret_cast<IdlUsrFreeFn>(method##_free);                                            \
-        return server::Dispatch<Unit, Request, Response>(message, codec, usrFree, [replyCtx](const void *record) {     \
-            return method(static_cast<const Request *>(record), replyCtx);                                             \
-        });                                                                                                            \
+        const server::CallFn call = [](const void *record, void *ctx) {                                                \
+            return method(static_cast<const Request *>(record), ctx);                                                  \
+        };                                                                                                             \
+        return server::Dispatch<Unit, Request, Tarn_sys_diag_##response>(message, replyCtx, codec, usrFree, call);     \
     }
 #define TARN_WRAPPER_NO_REPLY(method, request)                                                                         \
     uint32_t method##_wrapper(void *message, void *, IdlServerCodecTable *codec) {                                     \
         using Request = Tarn_sys_diag_##request;                                                                       \
-        return server::Dispatch<Unit, Request, server::NoReply>(                                                       \
-            message, codec, nullptr, [](const void *record) { return method(static_cast<const Request *>(record)); }); \
+        const server::CallFn call = [](const void *record, void *) {                                                   \
+            return method(static_cast<const Request *>(record));                                                       \
+        };                                                                                                             \
+        return server::Dispatch<Unit, Request, server::NoReply>(message, nullptr, codec, nullptr, call);               \
     }
 
 // A method's entry in the interface table, and its entries in the message table, which names a type once for each use.

@@ -24,20 +24,21 @@ struct Place {
     uint32_t left;
 };
 
-// A table whose vtable has been verified. `slots` holds an entry for every slot of the type: a vtable that is shorter
-// is completed with zeros.
+// A table whose vtable has been verified.
 struct OpenedTable {
-    const uint8_t *slots;
-    Place start; // at least the 4 bytes of the distance word
+    Place start;          // at least the 4 bytes of the distance word
+    const uint8_t *slots; // the vtable's entries
+    uint32_t slotNum;     // how many there are: a writer may know fewer than the reader, or more
 };
 
-// Moves to a field of a table. False when the field's bytes do not lie within the message.
-inline bool GoToField(const OpenedTable &table, uint32_t offset, uint32_t width, Place &field) {
-    if (offset > table.start.left || width > table.start.left - offset) {
-        return false;
-    }
-    field = {table.start.at + offset, table.start.left - offset};
-    return true;
+// Whether a field of `width` bytes at `offset` from the table's start lies within the message.
+inline bool Holds(const OpenedTable &table, uint32_t offset, uint32_t width) {
+    return (width <= 4 || width <= table.start.left) && offset <= table.start.left - width;
+}
+
+// The place of a field that the message holds.
+inline Place FieldAt(const OpenedTable &table, uint32_t offset) {
+    return {table.start.at + offset, table.start.left - offset};
 }
 
 // Moves along the offset word at `place`, which lies within the message, to a count that does too.
@@ -67,11 +68,10 @@ uint32_t TablePosition(const Message &message, const uint8_t *word) {
     return __builtin_add_overflow(from, Load<uint32_t, kSwapped>(word), &position) ? 0 : position;
 }
 
-// Verifies the table at `position` and its vtable, and logs what it refuses under the decoder's name. `padding` has
-// room for the type's slots.
+// Verifies the table at `position` and its vtable, and logs what it refuses under the decoder's name.
 template <bool kSwapped = false>
-bool OpenTable(platform::Binding &binding, const Message &message, uint32_t position, uint32_t slotNum,
-               uint8_t *padding, const char *function, OpenedTable &table) {
+bool OpenTable(platform::Binding &binding, const Message &message, uint32_t position, const char *function,
+               OpenedTable &table) {
     const uint32_t last = message.length - 4;
     if (position < 4 || position > last) {
         binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Table offset(%u) is out of range(4 - %u)",
@@ -92,12 +92,7 @@ bool OpenTable(platform::Binding &binding, const Message &message, uint32_t posi
         return false;
     }
     table.slots = message.bytes + vtable + 4;
-    if (length < 4 + 2 * slotNum) {
-        const uint32_t present = length < 6 ? 0 : (length - 4) / 2;
-        memset(padding, 0, size_t{2} * slotNum);
-        memcpy(padding, table.slots, size_t{2} * present);
-        table.slots = padding;
-    }
+    table.slotNum = length < 4 ? 0 : (length - 4) / 2;
     return true;
 }
 

@@ -12,17 +12,18 @@
 #define VELTO_CODECS(type)                                                                                             \
     extern "C" {                                                                                                       \
     [[maybe_unused]] static uint32_t Tarn_sys_diag_##type##_pack(const VeltoOutBuf *out, const void *record) {         \
-        return ::velto::Pack<Unit, Tarn_sys_diag_##type>(out, record);                                                 \
+        return ::velto::Pack<Unit, Tarn_sys_diag_##type>(out, record, "Tarn_sys_diag_" #type "_pack");                 \
     }                                                                                                                  \
     [[maybe_unused]] static void *Tarn_sys_diag_##type##_unpack(const uint8_t *bytes, uint32_t length, void *record) { \
-        return ::velto::Unpack<Unit, Tarn_sys_diag_##type>(bytes, length, record);                                     \
+        return ::velto::Unpack<Unit, Tarn_sys_diag_##type>({bytes, length}, record, "Tarn_sys_diag_" #type "_unpack"); \
     }                                                                                                                  \
     [[maybe_unused]] static void *Tarn_sys_diag_##type##_unpack_non_root(const uint8_t *bytes, uint32_t length,        \
                                                                          void *record, uint32_t position) {            \
-        return ::velto::UnpackNonRoot<Unit, Tarn_sys_diag_##type>(bytes, length, record, position);                    \
+        return ::velto::UnpackNonRoot<Unit, Tarn_sys_diag_##type>({bytes, length}, record, position,                   \
+                                                                  "Tarn_sys_diag_" #type "_unpack_non_root");          \
     }                                                                                                                  \
     [[maybe_unused]] static void *Tarn_sys_diag_##type##_free_unpacked(void *record) {                                 \
-        return ::velto::FreeUnpacked<Unit, Tarn_sys_diag_##type>(record);                                              \
+        return ::velto::FreeUnpacked<Unit, Tarn_sys_diag_##type>(record, "Tarn_sys_diag_" #type "_free_unpacked");     \
     }                                                                                                                  \
     [[maybe_unused]] static uint32_t Tarn_sys_diag_##type##_pack_fixed(uint8_t *message, const void *record) {         \
         return ::velto::PackFixed<Unit, Tarn_sys_diag_##type>(message, record);                                        \
@@ -53,77 +54,109 @@ inline const char *Nullness(const void *pointer) {
     return pointer == nullptr ? "null" : "nonNull";
 }
 
+// What every encoder does before it writes. Null after a bad argument.
+template <class Unit>
+[[gnu::noinline]] uint8_t *BeginPack(const VeltoOutBuf *out, const void *record, const char *function) {
+    const uint32_t capacity = out->puiBufLen == nullptr ? 0 : *out->puiBufLen;
+    if (capacity < 4 || out->pucBuf == nullptr || record == nullptr) {
+        Unit::binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Param invalid(%s, %u, %s)",
+                          Nullness(out->pucBuf), capacity, Nullness(record));
+        return nullptr;
+    }
+    Unit::binding.EnsureMemBound();
+    return out->pucBuf;
+}
+
+// What every encoder does when it has written.
+template <class Unit>
+[[gnu::noinline]] uint32_t FinishPack(uint8_t *message, const uint8_t *end, const TypeShape &type) {
+    if (Unit::binding.Swapped()) [[unlikely]] {
+        ReverseMessage(type, message);
+    }
+    return static_cast<uint32_t>(end - message);
+}
+
 template <class Unit, class Record>
-[[gnu::always_inline]] inline uint32_t Pack(const VeltoOutBuf *out, const void *in) {
+[[gnu::always_inline]] inline uint32_t Pack(const VeltoOutBuf *out, const void *in, const char *function) {
     const auto *const record = static_cast<const Record *>(in);
     if (out == nullptr) {
         return record == nullptr ? 0 : RegularSize(*record);
     }
-    const uint32_t capacity = out->puiBufLen == nullptr ? 0 : *out->puiBufLen;
-    uint8_t *const message = out->pucBuf;
-    if (capacity < 4 || message == nullptr || record == nullptr) {
-        Unit::binding.Log(platform::kInvalid, __LINE__, Table<Record>::kPack, "[VELTO]:Param invalid(%s, %u, %s)",
-                          Nullness(message), capacity, Nullness(record));
-        return 0;
-    }
-    Unit::binding.EnsureMemBound();
-    const auto size = static_cast<uint32_t>(WriteRegular(message, *record) - message);
-    if (Unit::binding.Swapped()) [[unlikely]] {
-        ReverseMessage(Shape<Record>::kType, message);
-    }
-    return size;
+    uint8_t *const message = BeginPack<Unit>(out, in, function);
+    return message == nullptr ? 0
+                              : FinishPack<Unit>(message, WriteRegular(message, *record), Shape<Unit, Record>::kType);
 }
 
-// What a decoder checks before it clears the record: the arguments, the root offset, the root table and its vtable.
-template <bool kSwapped>
-bool OpenRoot(platform::Binding &binding, const Message &message, uint32_t slotNum, uint8_t *padding,
-              const char *function, OpenedTable &table) {
-    const auto root = Load<uint32_t, kSwapped>(message.bytes);
-    return OpenTable<kSwapped>(binding, message, root, slotNum, padding, function, table);
-}
-
-template <class Unit, class Record>
-[[gnu::always_inline]] inline void *Unpack(const uint8_t *bytes, uint32_t length, void *out) {
-    constexpr auto &kFunction = Table<Record>::kUnpack;
-    const auto signedLength = static_cast<int32_t>(length);
-    if (bytes == nullptr || out == nullptr || signedLength < 4) {
-        Unit::binding.Log(platform::kInvalid, __LINE__, kFunction, "[VELTO]:Param invalid(%s, %d, %s)", Nullness(bytes),
-                          signedLength, Nullness(out));
-        return nullptr;
+// What every decoder does before it reads fields: checks the arguments, the root offset, the root table and its vtable,
+// and clears the record.
+template <class Unit>
+[[gnu::noinline]] Opened BeginUnpack(const Message &message, void *out, const TypeShape &type, const char *function,
+                                     OpenedTable &table) {
+    const auto length = static_cast<int32_t>(message.length);
+    if (message.bytes == nullptr || out == nullptr || length < 4) {
+        Unit::binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Param invalid(%s, %d, %s)",
+                          Nullness(message.bytes), length, Nullness(out));
+        return Opened::kRefused;
     }
+    auto *const record = static_cast<uint8_t *>(out);
     const bool swapped = Unit::binding.Swapped();
-    const Message message{bytes, length};
-    OpenedTable table;
-    uint8_t padding[2 * kSlotNum<Record> + 1];
-    if (!(swapped ? OpenRoot<true> : OpenRoot<false>)(Unit::binding, message, kSlotNum<Record>, padding, kFunction,
-                                                      table)) {
-        return nullptr;
+    const bool opened =
+        swapped ? OpenTable<true>(Unit::binding, message, Load<uint32_t, true>(message.bytes), function, table)
+                : OpenTable<false>(Unit::binding, message, Load<uint32_t>(message.bytes), function, table);
+    if (!opened) {
+        return Opened::kRefused;
     }
     Unit::binding.EnsureMemBound();
-    auto &record = *static_cast<Record *>(out);
-    memset(out, 0, kNativeSize<Record>);
-    if (swapped ? ReversedDecoder(Unit::binding, message)
-                      .DecodeFields(Shape<Record>::kType, table, static_cast<uint8_t *>(out), kFunction)
-                : DecodeFields<Unit>(message, table, record, kFunction)) [[likely]] {
-        return out;
+    memset(record, 0, type.size);
+    if (!swapped && table.slotNum >= type.slotNum) [[likely]] {
+        return Opened::kStraight;
     }
-    Codec<Unit, Record>::kFreeUnpacked(out);
-    memset(out, 0, kNativeSize<Record>);
+    const bool done = swapped ? TableDriven<true>(Unit::binding, message).DecodeFields(type, table, record, function)
+                              : TableDriven<false>(Unit::binding, message).DecodeFields(type, table, record, function);
+    return done ? Opened::kDone : Opened::kFailed;
+}
+
+// What a decoder does when a field of a cleared record fails: the record is left zero, counts included.
+inline void *Abandon(void *record, uint32_t size, VeltoFreeFn release) {
+    if (release != nullptr) {
+        release(record);
+    }
+    memset(record, 0, size);
     return nullptr;
 }
 
 template <class Unit, class Record>
-[[gnu::always_inline]] inline void *UnpackNonRoot(const uint8_t *bytes, uint32_t length, void *out, uint32_t position) {
-    auto &record = *static_cast<Record *>(out);
-    return DecodeTable<Unit>({bytes, length}, position, record, Table<Record>::kUnpackNonRoot) ? out : nullptr;
+[[gnu::always_inline]] inline void *Unpack(const Message &message, void *out, const char *function) {
+    OpenedTable table;
+    const Opened opened = BeginUnpack<Unit>(message, out, Shape<Unit, Record>::kType, function, table);
+    if (opened == Opened::kRefused) {
+        return nullptr;
+    }
+    if (opened == Opened::kDone ||
+        (opened == Opened::kStraight && DecodeFields<Unit>(message, table, *static_cast<Record *>(out), function)))
+        [[likely]] {
+        return out;
+    }
+    constexpr VeltoFreeFn kRelease = kOwns<Record> ? Codec<Unit, Record>::kFreeUnpacked : nullptr;
+    return Abandon(out, kNativeSize<Record>, kRelease);
 }
 
 template <class Unit, class Record>
-[[gnu::always_inline]] inline void *FreeUnpacked(void *record) {
+[[gnu::always_inline]] inline void *UnpackNonRoot(const Message &message, void *out, uint32_t position,
+                                                  const char *function) {
+    OpenedTable table;
+    const Opened opened = OpenNested<Unit>(message, position, Shape<Unit, Record>::kType, out, function, table);
+    const bool filled = opened == Opened::kStraight
+                            ? DecodeFields<Unit>(message, table, *static_cast<Record *>(out), function)
+                            : opened == Opened::kDone;
+    return filled ? out : nullptr;
+}
+
+template <class Unit, class Record>
+[[gnu::always_inline]] inline void *FreeUnpacked(void *record, const char *function) {
     if constexpr (kOwns<Record>) {
         if (record != nullptr) {
-            Unit::binding.EnsureMemBound();
-            ReleaseMembers<Unit>(*static_cast<Record *>(record), Table<Record>::kFreeUnpacked);
+            ReleaseMembers<Unit>(*static_cast<Record *>(record), function);
         }
     }
     return record;
@@ -134,9 +167,7 @@ template <class Unit, class Record>
     if constexpr (kHasFixed<Record>) {
         Store<uint32_t>(message, 4);
         WriteFixedTable(message + 4, *static_cast<const Record *>(in));
-        if (Unit::binding.Swapped()) [[unlikely]] {
-            ReverseMessage(Shape<Record>::kType, message);
-        }
+        FinishPack<Unit>(message, message, Shape<Unit, Record>::kType);
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// Verifies a message while it fills a native record from it. Straight-line for the little-endian wire; the reversed
-// byte order, which is rare, is read by the table-driven decoder of velto/shape.h.
+// Verifies a message while it fills a native record from it. Straight-line for what peers send: little-endian, with
+// every slot that the type has. The rest is left to the table-driven decoder of velto/shape.h.
 //
 // The record is zero before the first field is read, so that a failure at any point leaves only storage that the
 // type's release function knows.
@@ -7,6 +7,7 @@
 
 #include "velto/bounds.h"
 #include "velto/describe.h"
+#include "velto/shape.h"
 
 namespace velto {
 
@@ -74,26 +75,24 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
 template <class Unit, class Slot, size_t kIndex, class Record>
 bool DecodeSlot(const Message &message, const OpenedTable &table, Record &record, const char *function) {
     const uint32_t offset = Load<uint16_t>(table.slots + 2 * kIndex);
-    Place field;
-    if constexpr (Slot::kKind == Kind::kScalar && sizeof(typename Slot::Value) <= 4) {
+    constexpr uint32_t kWidth = Slot::kKind == Kind::kScalar ? uint32_t{sizeof(typename Slot::Value)} : 4;
+    if constexpr (Slot::kKind == Kind::kScalar && kWidth <= 4) {
         // An absent field reads the distance word and drops it: cheaper than a branch that mispredicts.
-        using Value = typename Slot::Value;
-        if (!GoToField(table, offset, sizeof(Value), field)) {
+        if (!Holds(table, offset, kWidth)) {
             return false;
         }
-        const auto value = Load<Value>(field.at);
-        Slot::Get(record) = offset != 0 ? value : Value{0};
+        const auto value = Load<typename Slot::Value>(table.start.at + offset);
+        Slot::Get(record) = offset != 0 ? value : typename Slot::Value{0};
         return true;
     } else if (offset == 0) {
         return true;
+    } else if (!Holds(table, offset, kWidth)) {
+        return false;
     } else if constexpr (Slot::kKind == Kind::kScalar) {
-        if (!GoToField(table, offset, sizeof(typename Slot::Value), field)) {
-            return false;
-        }
-        Slot::Get(record) = Load<typename Slot::Value>(field.at);
+        Slot::Get(record) = Load<typename Slot::Value>(table.start.at + offset);
         return true;
     } else {
-        return GoToField(table, offset, 4, field) && DecodeReference<Unit, Slot>(message, field, record, function);
+        return DecodeReference<Unit, Slot>(message, FieldAt(table, offset), record, function);
     }
 }
 
@@ -104,13 +103,27 @@ bool DecodeFields(const Message &message, const OpenedTable &table, Record &reco
         [&]<class Slot, size_t kIndex>() { return DecodeSlot<Unit, Slot, kIndex>(message, table, record, function); });
 }
 
-// Fills a zeroed record, one inside another, from the table at `position`.
-template <class Unit, class Record>
-bool DecodeTable(const Message &message, uint32_t position, Record &record, const char *function) {
-    OpenedTable table;
-    uint8_t padding[2 * kSlotNum<Record> + 1];
-    return OpenTable(Unit::binding, message, position, kSlotNum<Record>, padding, function, table) &&
-           DecodeFields<Unit>(message, table, record, function);
+// What became of a table, or is left to do with it.
+enum class Opened {
+    kRefused,  // nothing was written
+    kFailed,   // a field failed
+    kDone,     // all fields are read
+    kStraight, // the fields are the type's own decoder's to read
+};
+
+// Verifies the table at `position`; reads it here when it lacks slots, else leaves it to the type's own decoder.
+template <class Unit>
+[[gnu::noinline]] Opened OpenNested(const Message &message, uint32_t position, const TypeShape &type, void *record,
+                                    const char *function, OpenedTable &table) {
+    if (!OpenTable(Unit::binding, message, position, function, table)) {
+        return Opened::kRefused;
+    }
+    if (table.slotNum >= type.slotNum) [[likely]] {
+        return Opened::kStraight;
+    }
+    TableDriven<false> decoder(Unit::binding, message);
+    return decoder.DecodeFields(type, table, static_cast<uint8_t *>(record), function) ? Opened::kDone
+                                                                                       : Opened::kFailed;
 }
 
 } // namespace velto

@@ -264,10 +264,7 @@ constexpr uint32_t kTypeHash = TypeHash(Table<Record>::kName);
         using Record = Tarn_sys_diag_##type;                                                                           \
         using Slots = ::velto::SlotList<VELTO_EACH(VELTO_SLOT, __VA_ARGS__)>;                                          \
         static constexpr char kName[] = #type;                                                                         \
-        static constexpr char kPack[] = "Tarn_sys_diag_" #type "_pack";                                                \
-        static constexpr char kUnpack[] = "Tarn_sys_diag_" #type "_unpack";                                            \
         static constexpr char kUnpackNonRoot[] = "Tarn_sys_diag_" #type "_unpack_non_root";                            \
-        static constexpr char kFreeUnpacked[] = "Tarn_sys_diag_" #type "_free_unpacked";                               \
         static constexpr ::velto::SlotName kSlotNames[] = {VELTO_EACH(VELTO_NAME, __VA_ARGS__) __VA_OPT__(, ){}};      \
         template <class Any>                                                                                           \
         static constexpr bool kHasMore = requires {                                                                    \

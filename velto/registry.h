@@ -44,10 +44,10 @@ template <class Unit, class Record>
 bool Register() {
     using Functions = Codec<Unit, Record>;
     constexpr bool kFixed = kHasFixed<Record>;
-    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Record>::kType, Table<Record>::kSlotNames,
-                          kOwns<Record>, Functions::kPack, Functions::kUnpack, Functions::kFreeUnpacked,
-                          kFixed ? Functions::kPackFixed : nullptr, kFixed ? Functions::kFixedSize : nullptr,
-                          FixedOffsets<Record>()});
+    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Unit, Record>::kType,
+                          Table<Record>::kSlotNames, kOwns<Record>, Functions::kPack, Functions::kUnpack,
+                          Functions::kFreeUnpacked, kFixed ? Functions::kPackFixed : nullptr,
+                          kFixed ? Functions::kFixedSize : nullptr, FixedOffsets<Record>()});
     return true;
 }
 

@@ -13,6 +13,12 @@ void ReleaseElements(Element *elements, uint32_t count) {
     }
 }
 
+template <class Unit>
+[[gnu::noinline]] void ReleaseBlock(void *block, const char *function) {
+    Unit::binding.EnsureMemBound();
+    Unit::binding.Free(block, function);
+}
+
 template <class Unit, class Record>
 void ReleaseMembers(Record &record, const char *function) {
     EachSlot<Record>([&]<class Slot, size_t>() {
@@ -23,7 +29,7 @@ void ReleaseMembers(Record &record, const char *function) {
                 if constexpr (Slot::kKind == Kind::kTableVector && kOwns<Element>) {
                     ReleaseElements<Unit>(value, Slot::Count(record));
                 }
-                Unit::binding.Free(value, function);
+                ReleaseBlock<Unit>(value, function);
                 value = nullptr;
             }
         } else if constexpr (Slot::kKind == Kind::kTableRun && kOwns<Element>) {

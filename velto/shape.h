@@ -1,6 +1,6 @@
-// A type described at run time, and what works from that description: the codecs of the reversed byte order. No peer
-// in service uses that order, so it has one small table-driven decoder instead of a second copy of every straight-line
-// one, and its encoder turns the finished little-endian message around.
+// A type described at run time, and what works from that description: one small table-driven decoder for all that is
+// not worth a second copy of every straight-line one, and the encoders' reversed byte order, for which the finished
+// little-endian message is turned around.
 #pragma once
 
 #include <algorithm>
@@ -10,164 +10,200 @@
 
 namespace velto {
 
-struct TypeShape;
-
 struct SlotShape {
     Kind kind;
-    uint8_t width;   // bytes of a scalar, or of an element of an array or vector that is not of tables
+    uint8_t width;   // bytes of a scalar, or of an element of a string, array or vector; of tables, which element type
     uint16_t offset; // of the member, or of a vector's pointer
     uint16_t length; // declared, of arrays and runs; of vectors, the offset of the count
-    const TypeShape *table;
 };
 
-struct TypeShape {
-    const SlotShape *slots;
-    uint32_t slotNum;
-    uint32_t size; // native
+struct TypeShape;
+
+// A type of tables inside another, and its nested decoder's name in the log.
+struct ElementShape {
+    const TypeShape *type;
     const char *nonRootName;
 };
 
-// The shape of a described type.
-template <class Record>
-struct Shape {
-    static const TypeShape kType;
+// The head of a type's shape; the slots and the element types stand behind it, so that it needs no pointers to them.
+struct TypeShape {
+    uint32_t size; // native
+    uint16_t slotNum;
+    uint16_t elementsAt; // from the head, in bytes
+
+    const SlotShape &Slot(size_t index) const { return reinterpret_cast<const SlotShape *>(this + 1)[index]; }
+
+    // The element type of a slot of tables.
+    const ElementShape &Element(const SlotShape &slot) const {
+        const auto *const elements = reinterpret_cast<const uint8_t *>(this) + elementsAt;
+        return reinterpret_cast<const ElementShape *>(elements)[slot.width];
+    }
 };
 
 template <class Slot>
-constexpr SlotShape MakeSlotShape() {
-    using Element = typename Slot::Element;
+constexpr SlotShape MakeSlotShape(uint8_t &elementNum) {
     static_assert(Slot::kOffset <= 0xFFFF && Slot::kLength <= 0xFFFF, "a slot's shape has 16 bits for each");
-    SlotShape shape{Slot::kKind, 0, Slot::kOffset, Slot::kLength, nullptr};
+    SlotShape shape{Slot::kKind, 1, Slot::kOffset, Slot::kLength};
     if constexpr (IsVectorKind(Slot::kKind)) {
         static_assert(Slot::kCountOffset <= 0xFFFF);
         shape.length = Slot::kCountOffset;
     }
     if constexpr (IsTableKind(Slot::kKind)) {
-        shape.table = &Shape<Element>::kType;
+        shape.width = elementNum++;
     } else if constexpr (Slot::kKind != Kind::kString) {
-        shape.width = sizeof(Element);
+        shape.width = sizeof(typename Slot::Element);
     }
     return shape;
 }
 
-template <class SlotList>
-struct SlotShapes;
-template <class... Slot>
-struct SlotShapes<SlotList<Slot...>> {
-    static constexpr SlotShape kSlots[] = {MakeSlotShape<Slot>()..., {}};
-};
-
 template <class Record>
-constexpr TypeShape Shape<Record>::kType{SlotShapes<typename Table<Record>::Slots>::kSlots, kSlotNum<Record>,
-                                         kNativeSize<Record>, Table<Record>::kUnpackNonRoot};
+constexpr size_t kElementNum = [] {
+    size_t num = 0;
+    EachSlot<Record>([&]<class Slot, size_t>() { num += IsTableKind(Slot::kKind) ? 1 : 0; });
+    return num;
+}();
+
+// The shape of a described type, in the storage of one unit.
+template <class Unit, class Record>
+struct Shape {
+    struct Storage {
+        TypeShape head;
+        SlotShape slots[kSlotNum<Record> + (kSlotNum<Record> == 0)];
+        ElementShape elements[kElementNum<Record> + (kElementNum<Record> == 0)];
+    };
+    static constexpr Storage Make() {
+        Storage storage{};
+        storage.head = {kNativeSize<Record>, kSlotNum<Record>, offsetof(Storage, elements)};
+        uint8_t elementNum = 0;
+        EachSlot<Record>([&]<class Slot, size_t kIndex>() {
+            if constexpr (IsTableKind(Slot::kKind)) {
+                using Element = typename Slot::Element;
+                storage.elements[elementNum] = {&Shape<Unit, Element>::kStorage.head, Table<Element>::kUnpackNonRoot};
+            }
+            storage.slots[kIndex] = MakeSlotShape<Slot>(elementNum);
+        });
+        return storage;
+    }
+    static const Storage kStorage;
+    static constexpr const TypeShape &kType = kStorage.head;
+};
+template <class Unit, class Record>
+constexpr typename Shape<Unit, Record>::Storage Shape<Unit, Record>::kStorage = Make();
 
 template <class Value>
 inline void Set(uint8_t *record, size_t offset, Value value) {
     memcpy(record + offset, &value, sizeof value);
 }
 
-// Copies scalars and reverses each.
-inline void CopyReversed(uint8_t *to, const uint8_t *from, size_t count, size_t width) {
-    for (size_t i = 0; i < count * width; ++i) {
-        to[i] = from[i / width * width + (width - 1 - i % width)];
+// Copies scalars, turning each around where the wire's order is reversed.
+template <bool kSwapped>
+void CopyScalars(uint8_t *to, const uint8_t *from, size_t count, size_t width) {
+    memmove(to, from, count * width);
+    if (kSwapped && width > 1) {
+        for (uint8_t *const end = to + count * width; to != end; to += width) {
+            std::reverse(to, to + width);
+        }
     }
 }
 
-class ReversedDecoder {
+// Reads what the straight-line decoders leave: messages in the reversed byte order, and tables of writers that know
+// fewer slots.
+template <bool kSwapped>
+class TableDriven {
 public:
-    ReversedDecoder(platform::Binding &binding, const Message &message) : binding_(binding), message_(message) {}
+    TableDriven(platform::Binding &binding, const Message &message) : binding_(binding), message_(message) {}
 
-    // Fills a zeroed record from the table at `position`.
-    bool DecodeTable(const TypeShape &type, uint32_t position, uint8_t *record, const char *function) {
-        OpenedTable table;
-        uint8_t padding[2 * kMaxSlots];
-        if (!OpenTable<true>(binding_, message_, position, type.slotNum, padding, function, table)) {
-            return false;
-        }
-        return DecodeFields(type, table, record, function);
-    }
-
-    // The same from a table that has been verified.
+    // Fills a zeroed record from a verified table.
     bool DecodeFields(const TypeShape &type, const OpenedTable &table, uint8_t *record, const char *function) {
-        for (uint32_t i = 0; i < type.slotNum; ++i) {
-            const uint32_t offset = Load<uint16_t, true>(table.slots + 2 * i);
-            if (offset != 0 && !DecodeSlot(type.slots[i], table, offset, record, function)) {
+        const uint32_t known = table.slotNum < type.slotNum ? table.slotNum : type.slotNum;
+        for (uint32_t i = 0; i < known; ++i) {
+            const uint32_t offset = Load<uint16_t, kSwapped>(table.slots + size_t{2} * i);
+            if (offset == 0) {
+                continue;
+            }
+            const SlotShape &slot = type.Slot(i);
+            if (!Holds(table, offset, slot.kind == Kind::kScalar ? slot.width : 4)) {
+                return false;
+            }
+            const Place place = FieldAt(table, offset);
+            const bool decoded = IsTableKind(slot.kind)
+                                     ? DecodeTables(slot, type.Element(slot), place, record, function)
+                                     : DecodePlain(slot, place, record, function);
+            if (!decoded) {
                 return false;
             }
         }
         return true;
     }
 
-    static constexpr uint32_t kMaxSlots = 40;
-
 private:
-    bool DecodeSlot(const SlotShape &slot, const OpenedTable &table, uint32_t offset, uint8_t *record,
-                    const char *function) {
-        Place place;
-        if (!GoToField(table, offset, slot.kind == Kind::kScalar ? slot.width : 4, place)) {
+    bool DecodePlain(const SlotShape &slot, Place place, uint8_t *record, const char *function) {
+        if (slot.kind == Kind::kScalar) {
+            CopyScalars<kSwapped>(record + slot.offset, place.at, 1, slot.width);
+            return true;
+        }
+        uint32_t count;
+        if (!Follow<kSwapped>(place) || !TakeCount<kSwapped>(place, slot.width, count)) {
             return false;
         }
-        uint32_t count = 1;
-        switch (slot.kind) {
-        case Kind::kScalar:
-            CopyReversed(record + slot.offset, place.at, 1, slot.width);
-            return true;
-        case Kind::kTable:
-            return DecodeRun(*slot.table, place.at, 1, record + slot.offset);
-        case Kind::kTableRun:
-            return Follow<true>(place) && TakeCount<true>(place, 4, count) && count == slot.length &&
-                   DecodeRun(*slot.table, place.at, count, record + slot.offset);
-        case Kind::kBytes:
-        case Kind::kArray64:
-            if (!Follow<true>(place) || !TakeCount<true>(place, slot.width, count) || count != slot.length) {
-                return false;
-            }
-            CopyReversed(record + slot.offset, place.at, count, slot.width);
-            return true;
-        case Kind::kString: {
-            if (!Follow<true>(place) || !TakeCount<true>(place, 1, count)) {
-                return false;
-            }
+        if (slot.kind == Kind::kString) {
             char *const text = CopyString(binding_, place, count, function);
             Set(record, slot.offset, text);
             return text != nullptr;
         }
-        default:
-            return Follow<true>(place) && DecodeVector(slot, place, record, function);
+        if (!IsVectorKind(slot.kind)) {
+            if (count == slot.length) {
+                CopyScalars<kSwapped>(record + slot.offset, place.at, count, slot.width);
+            }
+            return count == slot.length;
         }
+        uint8_t *const elements = NewElements(slot, count, slot.width, record, function);
+        if (elements != nullptr) {
+            CopyScalars<kSwapped>(elements, place.at, count, slot.width);
+        }
+        return elements != nullptr || count == 0;
     }
 
-    bool DecodeVector(const SlotShape &slot, Place place, uint8_t *record, const char *function) {
-        uint32_t count;
-        if (!TakeCount<true>(place, slot.table != nullptr ? 4 : slot.width, count)) {
+    bool DecodeTables(const SlotShape &slot, const ElementShape &element, Place place, uint8_t *record,
+                      const char *function) {
+        uint8_t *elements = record + slot.offset;
+        uint32_t count = 1;
+        if (slot.kind != Kind::kTable && (!Follow<kSwapped>(place) || !TakeCount<kSwapped>(place, 4, count))) {
             return false;
         }
-        if (count == 0) {
-            return true;
-        }
-        const uint32_t width = slot.table != nullptr ? slot.table->size : slot.width;
-        auto *const elements = static_cast<uint8_t *>(AllocArray(binding_, count, width, function));
-        if (elements == nullptr) {
+        if (slot.kind == Kind::kTableRun && count != slot.length) {
             return false;
         }
-        Set(record, slot.offset, elements);
-        Set(record, slot.length, count);
-        if (slot.table == nullptr) {
-            CopyReversed(elements, place.at, count, width);
-            return true;
+        if (slot.kind == Kind::kTableVector) {
+            elements = NewElements(slot, count, element.type->size, record, function);
+            if (elements == nullptr) {
+                return count == 0;
+            }
+            memset(elements, 0, size_t{count} * element.type->size);
         }
-        memset(elements, 0, size_t{count} * width);
-        return DecodeRun(*slot.table, place.at, count, elements);
+        return DecodeRun(element, place.at, count, elements);
     }
 
-    bool DecodeRun(const TypeShape &type, const uint8_t *words, uint32_t count, uint8_t *elements) {
+    bool DecodeRun(const ElementShape &element, const uint8_t *words, uint32_t count, uint8_t *elements) {
         for (uint32_t i = 0; i < count; ++i) {
-            const uint32_t position = TablePosition<true>(message_, words + size_t{4} * i);
-            if (position == 0 || !DecodeTable(type, position, elements + size_t{type.size} * i, type.nonRootName)) {
+            const uint32_t position = TablePosition<kSwapped>(message_, words + size_t{4} * i);
+            OpenedTable table;
+            if (position == 0 || !OpenTable<kSwapped>(binding_, message_, position, element.nonRootName, table) ||
+                !DecodeFields(*element.type, table, elements + size_t{element.type->size} * i, element.nonRootName)) {
                 return false;
             }
         }
         return true;
+    }
+
+    // The storage of a vector's elements, entered in the record; null for an empty vector, or without memory.
+    uint8_t *NewElements(const SlotShape &slot, uint32_t count, uint32_t width, uint8_t *record, const char *function) {
+        void *const elements = count == 0 ? nullptr : AllocArray(binding_, count, width, function);
+        if (elements != nullptr) {
+            Set(record, slot.offset, elements);
+            Set(record, slot.length, count);
+        }
+        return static_cast<uint8_t *>(elements);
     }
 
     platform::Binding &binding_;
@@ -182,36 +218,37 @@ inline Scalar TurnAround(uint8_t *at) {
 }
 
 // Reverses, in place, every scalar of the table at `table`, in a message that this library has just written.
+inline void ReverseTable(const TypeShape &type, uint8_t *table);
+
+inline void ReverseField(const TypeShape &type, const SlotShape &slot, uint8_t *at) {
+    if (slot.kind == Kind::kScalar) {
+        std::reverse(at, at + slot.width);
+        return;
+    }
+    at += TurnAround<uint32_t>(at);
+    if (slot.kind == Kind::kTable) {
+        ReverseTable(*type.Element(slot).type, at);
+        return;
+    }
+    const auto count = TurnAround<uint32_t>(at);
+    at += 4;
+    if (IsTableKind(slot.kind)) {
+        for (uint32_t i = 0; i < count; ++i, at += 4) {
+            ReverseTable(*type.Element(slot).type, at + TurnAround<uint32_t>(at));
+        }
+    } else {
+        CopyScalars<true>(at, at, count, slot.width);
+    }
+}
+
 inline void ReverseTable(const TypeShape &type, uint8_t *table) {
     uint8_t *const vtable = table - static_cast<int32_t>(TurnAround<uint32_t>(table));
     TurnAround<uint16_t>(vtable);
     TurnAround<uint16_t>(vtable + 2);
     for (uint32_t i = 0; i < type.slotNum; ++i) {
-        const SlotShape &slot = type.slots[i];
         const uint32_t offset = TurnAround<uint16_t>(vtable + 4 + size_t{2} * i);
-        uint8_t *at = table + offset;
-        if (offset == 0) {
-            continue;
-        }
-        if (slot.kind == Kind::kScalar) {
-            std::reverse(at, at + slot.width);
-            continue;
-        }
-        at += TurnAround<uint32_t>(at);
-        if (slot.kind == Kind::kTable) {
-            ReverseTable(*slot.table, at);
-            continue;
-        }
-        const auto count = TurnAround<uint32_t>(at);
-        at += 4;
-        const uint32_t width = slot.table != nullptr ? 0 : slot.width;
-        for (uint32_t k = 0; k < count && slot.kind != Kind::kString; ++k) {
-            if (slot.table != nullptr) {
-                uint8_t *const word = at + size_t{4} * k;
-                ReverseTable(*slot.table, word + TurnAround<uint32_t>(word));
-            } else {
-                std::reverse(at + size_t{width} * k, at + size_t{width} * (k + 1));
-            }
+        if (offset != 0) {
+            ReverseField(type, type.Slot(i), table + offset);
         }
     }
 }
