@@ -72,10 +72,11 @@ inline void *CopyRequest(const Proxy &proxy, const void *in, const char *tag) {
 
 [[gnu::noinline]] inline IdlCallResult CallWithReply(const Proxy &proxy, const void *in, void *out, void *invokeCtx) {
     Frame frame(proxy, invokeCtx);
-    IdlCallResult result{0, platform::kInvalid};
-    if (in != nullptr && out != nullptr && frame.invoker != nullptr) {
-        RPC_IdlMsgSyncCall(&result, frame.invoker, in, out, &frame.name, &frame.codec);
+    if (in == nullptr || out == nullptr || frame.invoker == nullptr) {
+        return {0, platform::kInvalid};
     }
+    IdlCallResult result{};
+    RPC_IdlMsgSyncCall(&result, frame.invoker, in, out, &frame.name, &frame.codec);
     return result;
 }
 
