@@ -262,6 +262,14 @@ Json AbsentTable(const Type &type) {
     return json;
 }
 
+Json RecordOf(const Type &type, const Json &members) {
+    Json json = AbsentTable(type);
+    for (const auto &[name, value] : members.items()) {
+        json.at(name) = value;
+    }
+    return json;
+}
+
 namespace {
 class RecordMaker {
 public:

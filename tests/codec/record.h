@@ -77,6 +77,8 @@ Json ToJson(const Type &type, const void *record);
 // What an absent slot, or a table without slots, decodes to.
 Json AbsentSlot(const Slot &slot);
 Json AbsentTable(const Type &type);
+// A record with the given members; the others are absent.
+Json RecordOf(const Type &type, const Json &members);
 
 enum class Filling {
     kRandom, // zeros, nulls and empty strings among the values
