@@ -30,6 +30,7 @@ typedef struct Tarn_sys_diag_DiagResult {
     uint32_t uiValue;
     char *szText; /* owned; null when there is no text */
 } Tarn_sys_diag_DiagResult;
+VELTO_RELEASES_NULL(DiagResult)
 VELTO_TABLE(DiagResult, uiResult, uiValue, szText)
 
 /* Request of DBGCmdExecClean: drop the debug command and its output. */

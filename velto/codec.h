@@ -5,7 +5,7 @@
 #include "platform/rpc.h"
 
 #ifndef VELTO_ON_TABLE
-#define VELTO_ON_TABLE(type) VELTO_CODECS(type)
+#define VELTO_ON_TABLE(type) VELTO_DECLARE_SHAPE(type) VELTO_CODECS(type)
 #endif
 
 // A unit's functions for one type; what the unit does not use is not compiled.
@@ -83,8 +83,7 @@ template <class Unit, class Record>
         return record == nullptr ? 0 : RegularSize(*record);
     }
     uint8_t *const message = BeginPack<Unit>(out, in, function);
-    return message == nullptr ? 0
-                              : FinishPack<Unit>(message, WriteRegular(message, *record), Shape<Unit, Record>::kType);
+    return message == nullptr ? 0 : FinishPack<Unit>(message, WriteRegular(message, *record), Shape<Record>::kType);
 }
 
 // What every decoder does before it reads fields: checks the arguments, the root offset, the root table and its vtable,
@@ -117,18 +116,18 @@ template <class Unit>
 }
 
 // What a decoder does when a field of a cleared record fails: the record is left zero, counts included.
-inline void *Abandon(void *record, uint32_t size, VeltoFreeFn release) {
+[[gnu::cold, gnu::noinline]] inline void *Abandon(void *record, const TypeShape &type, VeltoFreeFn release) {
     if (release != nullptr) {
         release(record);
     }
-    memset(record, 0, size);
+    memset(record, 0, type.size);
     return nullptr;
 }
 
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *Unpack(const Message &message, void *out, const char *function) {
     OpenedTable table;
-    const Opened opened = BeginUnpack<Unit>(message, out, Shape<Unit, Record>::kType, function, table);
+    const Opened opened = BeginUnpack<Unit>(message, out, Shape<Record>::kType, function, table);
     if (opened == Opened::kRefused) {
         return nullptr;
     }
@@ -138,14 +137,14 @@ template <class Unit, class Record>
         return out;
     }
     constexpr VeltoFreeFn kRelease = kOwns<Record> ? Codec<Unit, Record>::kFreeUnpacked : nullptr;
-    return Abandon(out, kNativeSize<Record>, kRelease);
+    return Abandon(out, Shape<Record>::kType, kRelease);
 }
 
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *UnpackNonRoot(const Message &message, void *out, uint32_t position,
                                                   const char *function) {
     OpenedTable table;
-    const Opened opened = OpenNested<Unit>(message, position, Shape<Unit, Record>::kType, out, function, table);
+    const Opened opened = OpenNested<Unit>(message, position, Shape<Record>::kType, out, function, table);
     const bool filled = opened == Opened::kStraight
                             ? DecodeFields<Unit>(message, table, *static_cast<Record *>(out), function)
                             : opened == Opened::kDone;
@@ -167,7 +166,7 @@ template <class Unit, class Record>
     if constexpr (kHasFixed<Record>) {
         Store<uint32_t>(message, 4);
         WriteFixedTable(message + 4, *static_cast<const Record *>(in));
-        FinishPack<Unit>(message, message, Shape<Unit, Record>::kType);
+        FinishPack<Unit>(message, message, Shape<Record>::kType);
     }
     return 0;
 }

@@ -109,8 +109,9 @@ void WriteFixedTable(uint8_t *table, const Record &record) {
     Store(table + kLayout.vtable, static_cast<uint16_t>(kLayout.end - kLayout.vtable));
     Store(table + kLayout.vtable + 2, static_cast<uint16_t>(kLayout.dataEnd));
     EachSlot<Record>([&]<class Slot, size_t kIndex>() {
-        Store(table + kLayout.vtable + 4 + 2 * kIndex, static_cast<uint16_t>(kLayout.fields[kIndex]));
-        WriteFixedField<Slot>(table + kLayout.fields[kIndex], record);
+        constexpr uint32_t kField = kFixedLayout<Record>.fields[kIndex];
+        Store(table + kLayout.vtable + 4 + 2 * kIndex, static_cast<uint16_t>(kField));
+        WriteFixedField<Slot>(table + kField, record);
     });
 }
 

@@ -3,7 +3,7 @@
 // unit. The library itself is built without the names.
 #pragma once
 
-#define VELTO_ON_TABLE(type) VELTO_CODECS(type) VELTO_REGISTER(type)
+#define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline) VELTO_CODECS(type) VELTO_REGISTER(type)
 
 #include <vector>
 
@@ -44,10 +44,10 @@ template <class Unit, class Record>
 bool Register() {
     using Functions = Codec<Unit, Record>;
     constexpr bool kFixed = kHasFixed<Record>;
-    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Unit, Record>::kType,
-                          Table<Record>::kSlotNames, kOwns<Record>, Functions::kPack, Functions::kUnpack,
-                          Functions::kFreeUnpacked, kFixed ? Functions::kPackFixed : nullptr,
-                          kFixed ? Functions::kFixedSize : nullptr, FixedOffsets<Record>()});
+    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Record>::kType, Table<Record>::kSlotNames,
+                          kOwns<Record>, Functions::kPack, Functions::kUnpack, Functions::kFreeUnpacked,
+                          kFixed ? Functions::kPackFixed : nullptr, kFixed ? Functions::kFixedSize : nullptr,
+                          FixedOffsets<Record>()});
     return true;
 }
 

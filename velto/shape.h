@@ -63,14 +63,17 @@ constexpr size_t kElementNum = [] {
     return num;
 }();
 
-// The shape of a described type, in the storage of one unit.
-template <class Unit, class Record>
-struct Shape {
+// The shape of a described type. Each is defined once in a program: VELTO_DEFINE_SHAPE in one source file.
+template <class Record>
+struct [[gnu::visibility("hidden")]] Shape {
     struct Storage {
         TypeShape head;
         SlotShape slots[kSlotNum<Record> + (kSlotNum<Record> == 0)];
         ElementShape elements[kElementNum<Record> + (kElementNum<Record> == 0)];
     };
+    static const Storage kStorage;
+    static constexpr const TypeShape &kType = kStorage.head;
+
     static constexpr Storage Make() {
         Storage storage{};
         storage.head = {kNativeSize<Record>, kSlotNum<Record>, offsetof(Storage, elements)};
@@ -78,17 +81,21 @@ struct Shape {
         EachSlot<Record>([&]<class Slot, size_t kIndex>() {
             if constexpr (IsTableKind(Slot::kKind)) {
                 using Element = typename Slot::Element;
-                storage.elements[elementNum] = {&Shape<Unit, Element>::kStorage.head, Table<Element>::kUnpackNonRoot};
+                storage.elements[elementNum] = {&Shape<Element>::kType, Table<Element>::kUnpackNonRoot};
             }
             storage.slots[kIndex] = MakeSlotShape<Slot>(elementNum);
         });
         return storage;
     }
-    static const Storage kStorage;
-    static constexpr const TypeShape &kType = kStorage.head;
 };
-template <class Unit, class Record>
-constexpr typename Shape<Unit, Record>::Storage Shape<Unit, Record>::kStorage = Make();
+
+#define VELTO_DECLARE_SHAPE(type)                                                                                      \
+    template <>                                                                                                        \
+    const velto::Shape<Tarn_sys_diag_##type>::Storage velto::Shape<Tarn_sys_diag_##type>::kStorage;
+#define VELTO_DEFINE_SHAPE(type, specifier)                                                                            \
+    template <>                                                                                                        \
+    specifier constexpr velto::Shape<Tarn_sys_diag_##type>::Storage velto::Shape<Tarn_sys_diag_##type>::kStorage =     \
+        Make();
 
 template <class Value>
 inline void Set(uint8_t *record, size_t offset, Value value) {
