@@ -15,8 +15,8 @@ struct Proxy {
     IdlServerAddr *service;
     const IdlMethodName *method;
     SetIdlFn setIdl;
-    uint32_t requestSize;
-    uint32_t responseSize; // 0 too where there is no reply
+    uint16_t requestSize;  // native, in bytes
+    uint16_t responseSize; // 0 too where there is no reply
 };
 
 template <class Unit, class Request>

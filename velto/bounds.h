@@ -52,12 +52,17 @@ bool Follow(Place &place) {
     return true;
 }
 
+// How many elements fit. They have 1, 4 or 8 bytes; a division by a variable would be a function call on ARM.
+inline uint32_t Quotient(uint32_t bytes, uint32_t width) {
+    return width == 1 ? bytes : width == 4 ? bytes / 4 : bytes / 8;
+}
+
 // Reads the count at `place` and moves behind it. False unless as many elements lie within the message.
 template <bool kSwapped = false>
 bool TakeCount(Place &place, uint32_t width, uint32_t &count) {
     count = Load<uint32_t, kSwapped>(place.at);
     place = {place.at + 4, place.left - 4};
-    return count <= place.left / width;
+    return count <= Quotient(place.left, width);
 }
 
 // The position that the offset word at `word` leads to; 0, where no table can be, when it wraps.

@@ -72,10 +72,10 @@ template <class Record>
 constexpr uint32_t kFixedSize = AlignUp(4 + kFixedLayout<Record>.end, 8);
 
 template <class Record>
-void WriteFixedTable(uint8_t *table, const Record &record);
+static void WriteFixedTable(uint8_t *table, const Record &record);
 
 template <class Slot, class Record>
-void WriteFixedField(uint8_t *field, const Record &record) {
+static void WriteFixedField(uint8_t *field, const Record &record) {
     using Element = typename Slot::Element;
     const auto &value = Slot::Get(record);
     if constexpr (Slot::kKind == Kind::kScalar) {
@@ -102,7 +102,7 @@ void WriteFixedField(uint8_t *field, const Record &record) {
 }
 
 template <class Record>
-void WriteFixedTable(uint8_t *table, const Record &record) {
+static void WriteFixedTable(uint8_t *table, const Record &record) {
     constexpr auto &kLayout = kFixedLayout<Record>;
     static_assert(kLayout.fields.empty() || kLayout.fields.back() <= 0xFFFF, "a vtable entry has 16 bits");
     Store(table, static_cast<uint32_t>(-static_cast<int32_t>(kLayout.vtable)));
