@@ -22,9 +22,7 @@ public:
     std::vector<std::string> releases;
 
 private:
-    static size_t ElementSize(const Slot &slot) {
-        return slot.table != nullptr ? slot.table->shape->size : slot.width;
-    }
+    static size_t ElementSize(const Slot &slot) { return slot.table != nullptr ? slot.table->shape->size : slot.width; }
 
     void Allocate(const Type &type, const Json &record, const char *operation) {
         const std::string function = FunctionName(type, operation);
@@ -163,6 +161,18 @@ TEST(Allocation, ATypeWithoutStringsAndVectorsAsksForNothing) {
     }
 }
 
+TEST(Allocation, ReleaseOfADiagResultHandsNullOn) {
+    if (!kHasTags) {
+        GTEST_SKIP() << "malloc's free(null) cannot be told from the C library's own";
+    }
+    const Type &type = FindType("DiagResult");
+    Decoded decoded(type, Encode(type, AbsentTable(type)));
+    ASSERT_TRUE(decoded.Accepted());
+    PlatformTrace().Clear();
+    decoded.Release();
+    EXPECT_EQ(PlatformTrace().releases, std::vector<std::string>{"Tarn_sys_diag_DiagResult_free_unpacked"});
+}
+
 TEST(Allocation, NoOtherReleaseHandsNullOn) {
     for (const Type &type : velto::Registry()) {
         if (type.name != std::string("DiagResult")) {
@@ -189,13 +199,13 @@ namespace {
 class SparseMessage {
 public:
     SparseMessage(size_t slotNum, size_t slot, uint32_t count) : length_(kHead + 2 * slotNum + size_t{4} * count) {
-        void *const memory = mmap(nullptr, length_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                                  -1, 0);
+        void *const memory =
+            mmap(nullptr, length_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         bytes_ = memory == MAP_FAILED ? nullptr : static_cast<uint8_t *>(memory);
         if (bytes_ != nullptr) {
             const auto vtable = static_cast<uint16_t>(4 + 2 * slotNum);
-            Bytes head = Message({U32(4U + vtable), U16(vtable), U16(0), Fill(2 * slotNum, 0), I32(vtable), U32(4),
-                                  U32(count)});
+            Bytes head =
+                Message({U32(4U + vtable), U16(vtable), U16(0), Fill(2 * slotNum, 0), I32(vtable), U32(4), U32(count)});
             WriteNumber(head, 8 + 2 * slot, 2, 4);
             std::copy(head.begin(), head.end(), bytes_);
         }

@@ -70,8 +70,8 @@ auto Counting(Call call) {
 }
 
 constexpr uint8_t kMessage[] = {
-    16, 0, 0, 0, 12, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, // only slot 0 is present
-    12, 0, 0, 0, 4, 0, 0, 0, 2, 0, 0, 0, 'a', 'b', 0, // the string "ab"
+    16, 0, 0, 0, 12, 0, 0, 0, 4, 0, 0, 0, 0,   0,   0, 0, // only slot 0 is present
+    12, 0, 0, 0, 4,  0, 0, 0, 2, 0, 0, 0, 'a', 'b', 0,    // the string "ab"
 };
 } // namespace
 
@@ -134,12 +134,13 @@ void XRT_OsalMemFree(void *block, uint32_t moduleId, const char *tag) {
 #endif
 }
 
-// Each of these uses a binding of its own, as new as that of a unit just loaded.
+// Each of these uses a binding of its own, as new as that of a unit just loaded. Blocks are volatile, or a compiler may
+// drop an allocation that is only released.
 
 TEST(Binding, AllocatesWithTheCLibraryUntilItIsResolvedAndAsksForNothing) {
     Reset();
     platform::Binding binding;
-    void *const block = Counting([&] { return binding.Alloc(1, "tag"); });
+    void *volatile block = Counting([&] { return binding.Alloc(1, "tag"); });
     Counting([&] { return binding.Free(block, "tag"), 0; });
     EXPECT_EQ(calls.clibAlloc, 1);
     EXPECT_EQ(calls.clibFree, 1);
@@ -151,7 +152,7 @@ TEST(Binding, TakesThePlatformsMemoryWhenTheFlagIs1AndBothFunctionsExistAndElseT
     platform::Binding binding;
     binding.EnsureMemBound();
     Reset();
-    void *const block = Counting([&] { return binding.Alloc(1, "tag"); });
+    void *volatile block = Counting([&] { return binding.Alloc(1, "tag"); });
     Counting([&] { return binding.Free(block, "tag"), 0; });
     EXPECT_EQ(calls.alloc, kPlatformMemory ? 1 : 0);
     EXPECT_EQ(calls.free, kPlatformMemory ? 1 : 0);
@@ -207,7 +208,8 @@ TEST(Binding, IsResolvedOnceBySixteenThreadsAtOnce) {
                     std::this_thread::yield();
                 }
                 binding.EnsureMemBound();
-                binding.Free(binding.Alloc(8, "tag"), "tag");
+                void *volatile block = binding.Alloc(8, "tag");
+                binding.Free(block, "tag");
                 binding.Log(platform::kInvalid, __LINE__, "function", "[VELTO]:text");
             });
         }
@@ -229,8 +231,7 @@ TEST(Binding, CodecsAllocateAndReleaseThroughIt) {
     Tarn_sys_diag_TestOwner record;
     Tarn_sys_diag_TestOwner_free_unpacked(nullptr);
     Reset();
-    ASSERT_EQ(Counting([&] { return Tarn_sys_diag_TestOwner_unpack(kMessage, sizeof kMessage, &record); }),
-              &record);
+    ASSERT_EQ(Counting([&] { return Tarn_sys_diag_TestOwner_unpack(kMessage, sizeof kMessage, &record); }), &record);
     EXPECT_STREQ(record.pcText, "ab");
     Counting([&] { return Tarn_sys_diag_TestOwner_free_unpacked(&record); });
     EXPECT_EQ(record.pcText, nullptr);

@@ -104,8 +104,7 @@ TEST(Edge, AVtableShorterThan4YieldsAZeroRecord) {
 }
 
 TEST(Edge, AVtableLongerThanTheTypesSlotsIsReadUpToThem) {
-    ExpectAccepted("Result",
-                   Message({U32(14), U16(10), U16(8), U16(4), U16(0xFFFF), U16(0xFFFF), I32(10), U32(38)}),
+    ExpectAccepted("Result", Message({U32(14), U16(10), U16(8), U16(4), U16(0xFFFF), U16(0xFFFF), I32(10), U32(38)}),
                    {{"uiResult", 38}});
 }
 
@@ -285,9 +284,7 @@ TEST(Edge, TidsWithoutAnyEncodeWithoutTheirSlot) {
 // Tables in tables.
 
 TEST(Edge, AnElementThatIsRefusedIsLoggedByItsOwnDecoderAndReleasesTheWholeRecord) {
-    const auto withElement = [](uint32_t offset) {
-        return WithReference(1, 0, Message({U32(1), U32(offset)}));
-    };
+    const auto withElement = [](uint32_t offset) { return WithReference(1, 0, Message({U32(1), U32(offset)})); };
     // The element's word is at 22, the message is 26 bytes long.
     const std::string function = "Tarn_sys_diag_TestPair_unpack_non_root";
     ExpectRefused("TestTables", withElement(4), {{function, 22, kTableOffset, {26, 26}}});
@@ -303,11 +300,13 @@ TEST(Edge, AnElementOffsetThatWrapsIsRefusedSilently) {
 }
 
 TEST(Edge, ATableMayBeSharedByElementsAndEachGetsItsOwnRecord) {
+    // clang-format off
     const Bytes message = Message({
         U32(10), U16(6), U16(0), U16(4), I32(6), U32(4), U32(2), // a vector of two
         U32(16), U32(12),                                        // both offsets lead to the same table
         U16(8), U16(7), U16(4), U16(5), I32(8), U8(1), U16(2),
     });
+    // clang-format on
     ExpectAccepted("TestTables", message,
                    {{"pstPair", {{{"ucValue", 1}, {"usValue", 2}}, {{"ucValue", 1}, {"usValue", 2}}}}});
 }
@@ -329,8 +328,8 @@ TEST(Edge, ACallStackReplyWithAnotherCountThan32IsRefused) {
 }
 
 TEST(Edge, ADstWhoseWeekRuleLiesBeyondTheMessageIsRefusedAsAWhole) {
-    const Json dst = RecordOf(FindType("Dst"), {{"stDstAdjust", {{"ucHour", 1}, {"ucMinute", 2}, {"ucSecond", 3}}},
-                                                {"uiDstOffset", 60}});
+    const Json dst = RecordOf(
+        FindType("Dst"), {{"stDstAdjust", {{"ucHour", 1}, {"ucMinute", 2}, {"ucSecond", 3}}}, {"uiDstOffset", 60}});
     Bytes message = EncodeMembers("SetDstInput", {{"stDst", dst}});
     const TableAt table = ReadLayout(FindType("SetDstInput"), message).tables[1];
     ASSERT_EQ(table.type, &FindType("Dst"));
@@ -445,11 +444,13 @@ TEST(Edge, ALocalTimeWithoutItsLastSlotReadsItAs0) {
 
 TEST(Edge, ATimeOfAnOlderPeerReadsWeekAndMillisecondAs0) {
     const Json time = {{"usYear", 2026}, {"ucMonth", 1}, {"ucDay", 2}, {"ucHour", 3}, {"ucMinute", 4}, {"ucSecond", 5}};
+    // clang-format off
     const Bytes message = Message({
-        U32(10), U16(6), U16(0), U16(4), I32(6), U32(20),                             // SetGmtInput
-        U16(16), U16(11), U16(4), U16(6), U16(7), U16(8), U16(9), U16(10), I32(16),   // stTime with slots 0 to 5
+        U32(10), U16(6), U16(0), U16(4), I32(6), U32(20),                           // SetGmtInput
+        U16(16), U16(11), U16(4), U16(6), U16(7), U16(8), U16(9), U16(10), I32(16), // stTime with slots 0 to 5
         U16(2026), U8(1), U8(2), U8(3), U8(4), U8(5),
     });
+    // clang-format on
     ExpectAccepted("SetGmtInput", message, {{"stTime", RecordOf(FindType("Systime"), time)}});
 }
 
@@ -459,7 +460,8 @@ TEST(Edge, ADumpRequestWithSlot0OnlyReadsBothLongMembersAs0) {
 }
 
 TEST(Edge, AReversedMessageYieldsTheSameTimeAsAPlainOne) {
-    const Json time = RecordOf(FindType("Systime"), {{"usYear", 0x0102}, {"ucMonth", 3}, {"uiMillisecond", 0x04050607}});
+    const Json time =
+        RecordOf(FindType("Systime"), {{"usYear", 0x0102}, {"ucMonth", 3}, {"uiMillisecond", 0x04050607}});
     const Bytes plain = EncodeMembers("SetGmtInput", {{"stTime", time}});
     const SwappedMode swapped;
     const Bytes reversed = EncodeMembers("SetGmtInput", {{"stTime", time}});
@@ -491,9 +493,9 @@ TEST(Edge, AnOutputDescriptorWithoutACapacityCountsAsOneOf0) {
     const VeltoOutBuf out{block.data(), nullptr};
     PlatformTrace().Clear();
     EXPECT_EQ(type.pack(&out, record.get()), 0U);
-    EXPECT_EQ(PlatformTrace().log, (std::vector<LogRecord>{{"Tarn_sys_diag_Result_pack", 22,
-                                                           "[VELTO]:Param invalid(%s, %u, %s)",
-                                                           {"nonNull", 0, "nonNull"}}}));
+    EXPECT_EQ(PlatformTrace().log,
+              (std::vector<LogRecord>{
+                  {"Tarn_sys_diag_Result_pack", 22, "[VELTO]:Param invalid(%s, %u, %s)", {"nonNull", 0, "nonNull"}}}));
 }
 
 TEST(Edge, AnEmptyRegistrationReplyTakes58BytesAndItsFixedForm72) {

@@ -55,6 +55,9 @@ Json Systime(uint16_t year) {
 }
 } // namespace
 
+// Fields stand one to a line, or together where they belong together.
+// clang-format off
+
 TEST(RegularForm, ATypeWithoutMembersIsAnEmptyTableBehindItsVtable) {
     ExpectRegular("None", Json::object(),
                   Message({
@@ -414,3 +417,5 @@ TEST(SwappedMode, ReversesEachNumberAndNothingElse) {
                     Gap(4),
                 }));
 }
+
+// clang-format on

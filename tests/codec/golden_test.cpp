@@ -44,7 +44,8 @@ void EachAccepted(const char *form, Check check) {
     for (const Json &vector : Accepted()) {
         ++index;
         if (vector.at("form") == form) {
-            SCOPED_TRACE("accepted vector " + std::to_string(index) + " of type " + vector.at("type").get<std::string>());
+            SCOPED_TRACE("accepted vector " + std::to_string(index) + " of type " +
+                         vector.at("type").get<std::string>());
             check(TypeOfVector(vector), vector);
             ++checked;
         }
@@ -149,8 +150,8 @@ TEST(Golden, MalformedMessagesAreRefusedInTheSameWords) {
 
         const std::vector<LogRecord> &log = PlatformTrace().log, expected = ExpectedLog(type, vector);
         // Such a table may be refused silently, or by its own decoder.
-        const bool eitherWay = (log.empty() && IsNestedWithoutRoom(expected)) ||
-                               (expected.empty() && IsNestedWithoutRoom(log));
+        const bool eitherWay =
+            (log.empty() && IsNestedWithoutRoom(expected)) || (expected.empty() && IsNestedWithoutRoom(log));
         EXPECT_TRUE(log == expected || eitherWay) << "expected " << vector.at("log") << ", got " << log.size()
                                                   << (log.empty() ? "" : ": " + log[0].function + log[0].args.dump());
         const bool byRoot = !log.empty() && log[0].function == FunctionName(type, "_unpack");

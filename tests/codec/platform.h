@@ -32,13 +32,13 @@ extern const bool kHasTags;
 struct Trace {
     std::vector<LogRecord> log;
     std::vector<MemRequest> allocations;
-    std::vector<std::string> releases; // tags
-    std::map<void *, uint32_t> live;   // blocks and their sizes
-    std::vector<std::string> misuse;   // what no codec may do, whatever the message
+    std::vector<std::string> releases;                  // tags
+    std::map<void *, uint32_t> live;                    // blocks and their sizes
+    std::vector<std::string> misuse;                    // what no codec may do, whatever the message
     size_t failAt = std::numeric_limits<size_t>::max(); // index of the allocation to refuse
-    bool keepsLog = true;              // off where millions of refusals are expected
-    size_t copiesChecked = 0;          // calls of memcpy_s
-    size_t copiesOptimised = 0;        // calls of memcpy_sOptAsm
+    bool keepsLog = true;                               // off where millions of refusals are expected
+    size_t copiesChecked = 0;                           // calls of memcpy_s
+    size_t copiesOptimised = 0;                         // calls of memcpy_sOptAsm
 
     // Forgets everything but live blocks.
     void Clear();

@@ -228,7 +228,7 @@ TEST(EveryType, RefusesBadEncoderArgumentsInTheSameWords) {
             PlatformTrace().Clear();
             EXPECT_EQ(type.pack(&out, in), 0U) << type.name;
             EXPECT_EQ(PlatformTrace().log, (std::vector<LogRecord>{{FunctionName(type, "_pack"), 22,
-                                                                   "[VELTO]:Param invalid(%s, %u, %s)", args}}));
+                                                                    "[VELTO]:Param invalid(%s, %u, %s)", args}}));
         };
         expect({message, &three}, record.get(), {"nonNull", 3, "nonNull"});
         expect({nullptr, &four}, record.get(), {"null", 4, "nonNull"});
@@ -249,7 +249,7 @@ TEST(EveryType, RefusesBadDecoderArgumentsInTheSameWordsAndLeavesTheRecordAlone)
             PlatformTrace().Clear();
             EXPECT_EQ(type.unpack(bytes, size, out), nullptr) << type.name;
             EXPECT_EQ(PlatformTrace().log, (std::vector<LogRecord>{{FunctionName(type, "_unpack"), 22,
-                                                                   "[VELTO]:Param invalid(%s, %d, %s)", args}}));
+                                                                    "[VELTO]:Param invalid(%s, %d, %s)", args}}));
         };
         expect(nullptr, length, record.data(), {"null", length, "nonNull"});
         expect(message.data(), length, nullptr, {"nonNull", length, "null"});

@@ -310,7 +310,8 @@ private:
         if (slot.kind == Kind::kByteVector) {
             return MakeText(count, 0xFF);
         }
-        return MakeList(count, [&] { return slot.table != nullptr ? Make(*slot.table) : Json(MakeScalar(slot.width)); });
+        return MakeList(count,
+                        [&] { return slot.table != nullptr ? Make(*slot.table) : Json(MakeScalar(slot.width)); });
     }
 
     template <class Element>

@@ -1,6 +1,6 @@
-// Any described type by its slots, and records of it: made from JSON or at random, encoded, decoded, and read back as JSON. Byte arrays,
-// byte vectors and strings are hex text; an absent string and an empty vector are null; a vector goes by the name of
-// its pointer member, and its count is the length of its list.
+// Any described type by its slots, and records of it: made from JSON or at random, encoded, decoded, and read back as
+// JSON. Byte arrays, byte vectors and strings are hex text; an absent string and an empty vector are null; a vector
+// goes by the name of its pointer member, and its count is the length of its list.
 #pragma once
 
 #include <cstdint>

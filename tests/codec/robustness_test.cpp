@@ -13,8 +13,8 @@ namespace {
 constexpr size_t kChangedBytes = 512;
 
 bool HoldsNull(const Json &json) {
-    return json.is_null() ||
-           (json.is_structured() && std::any_of(json.begin(), json.end(), [](const Json &part) { return HoldsNull(part); }));
+    return json.is_null() || (json.is_structured() &&
+                              std::any_of(json.begin(), json.end(), [](const Json &part) { return HoldsNull(part); }));
 }
 
 // For each type, the shortest golden message of each form, and of the regular form that with nothing absent.
