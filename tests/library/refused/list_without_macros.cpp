@@ -1,0 +1,1 @@
+#include "server/tarnd_methods.h"

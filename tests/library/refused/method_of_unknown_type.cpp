@@ -1,0 +1,4 @@
+#include "server/service.h"
+#include "types/tarnd.h"
+
+TARN_SERVED(PidIsOffline, NoSuchInput, Result)

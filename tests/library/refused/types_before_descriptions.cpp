@@ -1,0 +1,3 @@
+#include "types/common.h"
+
+#include "velto/describe.h"
