@@ -104,7 +104,7 @@ struct Versions {
     const char *older;
     const char *newer;
 };
-constexpr Versions kVersions[] = {{"OldItem", "NewItem"},    {"OldOwner", "NewOwner"}, {"OldFlat", "NewFlat"},
+constexpr Versions kVersions[] = {{"OldItem", "NewItem"},    {"OldOwner", "NewOwner"},  {"OldFlat", "NewFlat"},
                                   {"OldRoot", "NewRoot"},    {"OldestRoot", "OldRoot"}, {"OldestRoot", "NewRoot"},
                                   {"Nothing", "OldestRoot"}, {"Nothing", "NewRoot"}};
 
