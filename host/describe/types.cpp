@@ -212,6 +212,7 @@ bool Contains(std::string_view text, std::string_view part) {
 
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names) {
     constexpr size_t kMost = 3;
+    constexpr size_t kSpread = 2; // a name that is much further off than the best was not meant
     constexpr size_t kLongest = 128; // what is longer is no misspelt name, and the distance takes quadratic time
     std::vector<std::pair<size_t, std::string_view>> close;
     if (wanted.empty() || wanted.size() > kLongest) {
@@ -227,7 +228,7 @@ std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector
     }
     std::stable_sort(close.begin(), close.end(), [](auto &left, auto &right) { return left.first < right.first; });
     std::vector<std::string> best;
-    for (size_t i = 0; i < close.size() && i < kMost; ++i) {
+    for (size_t i = 0; i < close.size() && i < kMost && close[i].first <= close[0].first + kSpread; ++i) {
         best.emplace_back(close[i].second);
     }
     return best;

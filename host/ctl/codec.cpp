@@ -1,0 +1,139 @@
+// decode and encode: messages in files.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "host/ctl/commands.h"
+#include "host/ctl/print.h"
+#include "host/describe/explain.h"
+
+namespace ctl {
+
+using namespace host::describe;
+
+namespace {
+
+// A message as bytes or as hex digits. Text of hex digits is no message: its first four bytes would be a root offset
+// beyond 700 MiB.
+std::vector<uint8_t> MessageFrom(const std::string &content) {
+    std::string digits = content;
+    std::erase_if(digits, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
+    if (auto bytes = FromHex(digits); bytes && !digits.empty()) {
+        return std::move(*bytes);
+    }
+    return {content.begin(), content.end()};
+}
+
+Json ExplanationJson(const Explanation &explanation) {
+    Json json{{"accepted", !explanation.refusal}, {"refusal", nullptr}, {"notes", Json::array()}};
+    if (const auto &refusal = explanation.refusal) {
+        json["refusal"] = {{"check", CheckName(refusal->check)},
+                           {"at", refusal->at},
+                           {"field", refusal->path},
+                           {"value", refusal->value},
+                           {"least", refusal->least},
+                           {"most", refusal->most},
+                           {"function", refusal->function},
+                           {"text", refusal->text},
+                           {"log", refusal->log}};
+    }
+    for (const Note &note : explanation.notes) {
+        json["notes"].push_back({{"at", note.at}, {"size", note.size}, {"field", note.path}, {"text", note.text}});
+    }
+    return json;
+}
+
+void PrintExplanation(const Explanation &explanation, std::span<const uint8_t> message, bool json) {
+    if (json) {
+        std::cout << ExplanationJson(explanation).dump(2) << "\n";
+        return;
+    }
+    std::cout << DumpText(explanation, message);
+    if (explanation.refusal && !explanation.refusal->log.empty()) {
+        std::cout << "the decoder logs: " << explanation.refusal->log << "\n";
+    }
+}
+
+void WriteMessage(const std::vector<uint8_t> &message, const std::string &file) {
+    const auto *const bytes = reinterpret_cast<const char *>(message.data());
+    if (file.empty()) {
+        if (isatty(STDOUT_FILENO) != 0) {
+            std::cout << Hex(message) << "\n";
+        } else {
+            std::cout.write(bytes, static_cast<std::streamsize>(message.size()));
+        }
+        return;
+    }
+    std::ofstream out(file, std::ios::binary);
+    out.write(bytes, static_cast<std::streamsize>(message.size()));
+    out.close();
+    if (!out) {
+        throw Failure(kOther, fmt::format("{}: cannot write: {}", file, strerror(errno)));
+    }
+}
+
+} // namespace
+
+std::string ReadAll(const std::string &file) {
+    std::ifstream stream;
+    if (file != "-") {
+        stream.open(file, std::ios::binary);
+    }
+    std::istream &in = file == "-" ? std::cin : stream;
+    std::string content{std::istreambuf_iterator<char>(in), {}};
+    if (file != "-" && (!stream.is_open() || stream.bad())) {
+        throw Failure(kOther, fmt::format("{}: cannot read: {}", file, strerror(errno)));
+    }
+    return content;
+}
+
+Record ReadRecord(const Type &type, const std::string &source) {
+    const std::string text = source == "-"             ? ReadAll("-")
+                             : source.starts_with('@') ? ReadAll(source.substr(1))
+                                                       : source;
+    try {
+        return FromJson(type, ParseJson(text));
+    } catch (const JsonError &error) {
+        throw Failure(kUsage, fmt::format("{}: {}", type.name, error.what()));
+    }
+}
+
+void Decode(const DecodeOptions &options) {
+    const Type &type = RequireType(options.type);
+    const std::vector<uint8_t> message = MessageFrom(ReadAll(options.file));
+    const Explanation explanation = Explain(type, message, options.explain);
+    if (options.explain) {
+        PrintExplanation(explanation, message, options.json);
+    }
+    if (explanation.refusal) {
+        throw Failure(kRefused, fmt::format("{}: refused: {}", type.name, explanation.refusal->text));
+    }
+    if (options.explain) {
+        return;
+    }
+    const auto record = host::describe::Decode(type, message);
+    if (!record) {
+        throw Failure(kOther, fmt::format("{}: no memory to decode {} bytes", type.name, message.size()));
+    }
+    if (options.json) {
+        std::cout << ToJson(*record).dump(2) << "\n";
+    } else {
+        PrintRecord(std::cout, *record);
+    }
+}
+
+void Encode(const EncodeOptions &options) {
+    const Type &type = RequireType(options.type);
+    const Record record = ReadRecord(type, options.record);
+    try {
+        WriteMessage(host::describe::Encode(record, options.fixed ? Form::kFixed : Form::kRegular), options.output);
+    } catch (const std::invalid_argument &error) {
+        throw Failure(kUsage, error.what());
+    }
+}
+
+} // namespace ctl

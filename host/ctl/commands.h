@@ -1,0 +1,69 @@
+// The commands of tarnctl. Each writes its result to standard output and throws Failure.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "host/describe/json.h"
+
+namespace ctl {
+
+enum ExitCode {
+    kDone = 0,
+    kOther = 1, // files, memory
+    kUsage = 2,
+    kConnection = 3,
+    kDeadline = 4,
+    kRemote = 5,
+    kRefused = 6,
+};
+
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode code, const std::string &text) : runtime_error(text), code_(code) {}
+    ExitCode Code() const { return code_; }
+
+private:
+    ExitCode code_;
+};
+
+struct CallOptions {
+    std::string method;
+    std::string request; // JSON, @FILE or -
+    std::optional<uint32_t> agent;
+    std::chrono::milliseconds timeout{0}; // 0 for the runtime's default
+    bool json = false;
+};
+
+struct DecodeOptions {
+    std::string type;
+    std::string file; // or - for standard input
+    bool json = false;
+    bool explain = false;
+};
+
+struct EncodeOptions {
+    std::string type;
+    std::string record; // JSON, @FILE or -
+    std::string output; // empty for standard output
+    bool fixed = false;
+};
+
+void List(const std::string &service, bool json);
+void Describe(const std::string &name, bool json);
+void Call(const CallOptions &options);
+void Decode(const DecodeOptions &options);
+void Encode(const EncodeOptions &options);
+
+// By name; what is unknown fails with the closest names.
+const host::describe::Type &RequireType(const std::string &name);
+const host::describe::Method &RequireMethod(const std::string &name);
+
+std::string ReadAll(const std::string &file);
+
+// A record from JSON text, @FILE or -.
+host::describe::Record ReadRecord(const host::describe::Type &type, const std::string &source);
+
+} // namespace ctl

@@ -1,0 +1,139 @@
+// tarnctl: looks at the interface, at messages and at services in use.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <iostream>
+#include <new>
+
+#include "host/ctl/commands.h"
+
+namespace {
+
+constexpr char kFooter[] = R"(Exit codes:
+  0  done
+  1  a file cannot be read or written, or no memory
+  2  usage: bad arguments; unknown method, type or field; a value that does not fit
+  3  connection: no such service or agent, nobody listens, the peer went away
+  4  deadline: no answer in time
+  5  remote failure: the method's status, or not implemented, or the peer refused the message
+  6  the message is refused: it is no well-formed message of its type)";
+
+// "500ms", "2s", "1m"; a bare number is of seconds.
+std::chrono::milliseconds ParseTimeout(const std::string &text) {
+    constexpr uint64_t kMost = 3'600'000;
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string unit = end;
+    const uint64_t scale = unit == "ms" ? 1 : unit == "s" || unit.empty() ? 1000 : unit == "m" ? 60'000 : 0;
+    if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
+        throw ctl::Failure(ctl::kUsage,
+                           fmt::format("--timeout: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", text));
+    }
+    return std::chrono::milliseconds(number * scale);
+}
+
+struct Arguments {
+    std::string service, name, timeout;
+    bool json = false;
+    ctl::CallOptions call;
+    ctl::DecodeOptions decode;
+    ctl::EncodeOptions encode;
+};
+
+void AddList(CLI::App &app, Arguments &arguments) {
+    auto *const list = app.add_subcommand("list", "The methods of all services, or of one");
+    list->add_option("SERVICE", arguments.service);
+    list->add_flag("--json", arguments.json, "For programs");
+    list->callback([&] { ctl::List(arguments.service, arguments.json); });
+
+    auto *const describe = app.add_subcommand("describe", "A method's or a type's fields, sizes and hash");
+    describe->add_option("NAME", arguments.name, "Method, Service.Method or type")->required();
+    describe->add_flag("--json", arguments.json, "For programs");
+    describe->callback([&] { ctl::Describe(arguments.name, arguments.json); });
+}
+
+void AddCall(CLI::App &app, Arguments &arguments) {
+    auto *const call = app.add_subcommand("call", "Calls a method and prints its reply");
+    arguments.call.request = "{}";
+    call->add_option("METHOD", arguments.call.method, "Method or Service.Method")->required();
+    call->add_option("JSON", arguments.call.request, "The request: JSON, @FILE, or - for standard input");
+    call->add_option("--agent", arguments.call.agent, "The process whose agent is called");
+    call->add_option("--timeout", arguments.timeout, "How long to wait: 500ms, 2s, 1m; default 5s");
+    call->add_flag("--json", arguments.call.json, "For programs");
+    call->callback([&, call] {
+        if (call->count("--timeout") != 0) {
+            arguments.call.timeout = ParseTimeout(arguments.timeout);
+        }
+        ctl::Call(arguments.call);
+    });
+}
+
+void AddCodec(CLI::App &app, Arguments &arguments) {
+    auto *const decode = app.add_subcommand("decode", "Prints the record in a message");
+    decode->add_option("TYPE", arguments.decode.type)->required();
+    decode->add_option("FILE", arguments.decode.file, "The message, as bytes or in hex; - for standard input")
+        ->required();
+    decode->add_flag("--json", arguments.decode.json, "For programs");
+    decode->add_flag("--explain", arguments.decode.explain, "What each byte means, and why the message is refused");
+    decode->callback([&] { ctl::Decode(arguments.decode); });
+
+    auto *const encode = app.add_subcommand("encode", "Writes a record as a message, in hex to a terminal");
+    encode->add_option("TYPE", arguments.encode.type)->required();
+    encode->add_option("JSON", arguments.encode.record, "The record: JSON, @FILE, or - for standard input")->required();
+    encode->add_flag("--fixed", arguments.encode.fixed, "In the fixed form");
+    encode->add_option("-o", arguments.encode.output, "File to write to");
+    encode->callback([&] { ctl::Encode(arguments.encode); });
+}
+
+// The parser itself would only say that a command is missing.
+void RequireCommand(const CLI::App &app, int argc, char **argv) {
+    const std::string given = argc > 1 ? argv[1] : "";
+    std::string names;
+    for (const CLI::App *command : app.get_subcommands(nullptr)) {
+        if (command->get_name() == given) {
+            return;
+        }
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    }
+    if (given.empty() || given[0] != '-') {
+        throw ctl::Failure(ctl::kUsage,
+                           fmt::format("found {}, expected a command: {}", given.empty() ? "nothing" : given, names));
+    }
+}
+
+int Fail(int code, std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::cout.flush();
+    std::cerr << "tarnctl: " << text << "\n";
+    return code;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app("Looks at the diagnosis services: their interface, their messages, their answers.", "tarnctl");
+    app.require_subcommand(1);
+    app.footer(kFooter);
+    Arguments arguments;
+    AddList(app, arguments);
+    AddCall(app, arguments);
+    AddCodec(app, arguments);
+    try {
+        RequireCommand(app, argc, argv);
+        app.parse(argc, argv);
+    } catch (const CLI::Success &request) { // --help
+        return app.exit(request);
+    } catch (const CLI::ParseError &error) {
+        return Fail(ctl::kUsage, std::string(error.what()) + " (tarnctl --help says more)");
+    } catch (const ctl::Failure &failure) {
+        return Fail(failure.Code(), failure.what());
+    } catch (const std::bad_alloc &) {
+        return Fail(ctl::kOther, "no memory");
+    } catch (const std::exception &error) {
+        return Fail(ctl::kOther, error.what());
+    }
+    std::cout.flush();
+    return std::cout ? ctl::kDone : Fail(ctl::kOther, "cannot write to standard output");
+}

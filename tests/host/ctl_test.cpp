@@ -1,0 +1,163 @@
+// tarnctl as its users run it: what it prints, and how it ends.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "host/describe/json.h"
+
+namespace {
+
+using host::describe::Json;
+
+std::string Slurp(const std::filesystem::path &file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class Ctl : public testing::Test {
+protected:
+    Ctl() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "ctl_test.XXXXXX").string();
+        dir_ = mkdtemp(pattern.data());
+    }
+    ~Ctl() override { std::filesystem::remove_all(dir_); }
+
+    // Runs tarnctl with arguments as a shell takes them. No service is there to be called.
+    int Run(const std::string &arguments, const std::string &input = "") {
+        std::ofstream(dir_ / "in", std::ios::binary) << input;
+        const std::string command = "cd " + dir_.string() + " && TARN_RUN_DIR=" + dir_.string() + " " + TARNCTL + " " +
+                                    arguments + " <in >out 2>err";
+        const int status = std::system(command.c_str());
+        out_ = Slurp(dir_ / "out");
+        error_ = Slurp(dir_ / "err");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    // A failure prints one line, to standard error.
+    void ExpectFailure(int code, const std::string &arguments, const std::string &message) {
+        EXPECT_EQ(Run(arguments), code) << arguments;
+        EXPECT_EQ(error_, "tarnctl: " + message + "\n") << arguments;
+        EXPECT_EQ(out_, "") << arguments;
+    }
+
+    std::filesystem::path dir_;
+    std::string out_, error_;
+};
+
+TEST_F(Ctl, HelpDocumentsTheExitCodes) {
+    EXPECT_EQ(Run("--help"), 0);
+    for (const char *line :
+         {"  2  usage", "  3  connection", "  4  deadline", "  5  remote failure", "  6  the message"}) {
+        EXPECT_NE(out_.find(line), std::string::npos) << line;
+    }
+}
+
+TEST_F(Ctl, ListsEveryMethodOnce) {
+    ASSERT_EQ(Run("list --json"), 0);
+    EXPECT_EQ(Json::parse(out_).size(), 79u + 2u + 26u + 15u);
+    ASSERT_EQ(Run("list TarnSysdiagTarndAgent"), 0);
+    EXPECT_EQ(out_, "TarnSysdiagTarndAgent\n"
+                    "  1  AgentRegInfo      AgentRegInfoInput  AgentRegInfoResult\n"
+                    "  2  TarnAppSubscribe  AppSubscribeInput  Result\n");
+}
+
+TEST_F(Ctl, DescribesTypesAndMethods) {
+    ASSERT_EQ(Run("describe Result"), 0);
+    EXPECT_EQ(out_, "Result  hash 0x10D68351, record 4 bytes, fixed form 24 bytes\n"
+                    "  slot  field     kind  at  fixed  count\n"
+                    "     0  uiResult  u32    0      4\n");
+    ASSERT_EQ(Run("describe DetectTarndServerOnline --json"), 0);
+    const auto json = Json::parse(out_);
+    EXPECT_TRUE(json["response"].is_null());
+    EXPECT_EQ(json["types"][0]["type"], "None");
+    EXPECT_EQ(json["types"][0]["fixedSize"], 16);
+}
+
+TEST_F(Ctl, EncodesAndDecodes) {
+    ASSERT_EQ(Run("encode Result '{\"uiResult\":7}'"), 0);
+    const std::string message = out_;
+    EXPECT_EQ(message, std::string("\x0A\0\0\0\x06\0\x08\0\x04\0\x06\0\0\0\x07\0\0\0", 18));
+    EXPECT_EQ(Run("decode Result -", message), 0);
+    EXPECT_EQ(out_, "uiResult  7\n");
+    EXPECT_EQ(Run("decode Result - --json", "0a000000 060008000400\n06000000 07000000\n"), 0);
+    EXPECT_EQ(Json::parse(out_), (Json{{"uiResult", 7}}));
+}
+
+TEST_F(Ctl, TakesRecordsFromFilesAndWritesToFiles) {
+    std::ofstream(dir_ / "record.json") << R"({"uiResult": 8})";
+    EXPECT_EQ(Run("encode Result @record.json --fixed -o message"), 0);
+    EXPECT_EQ(out_, "");
+    EXPECT_EQ(std::filesystem::file_size(dir_ / "message"), 24u);
+    EXPECT_EQ(Run("decode Result message"), 0);
+    EXPECT_EQ(out_, "uiResult  8\n");
+    EXPECT_EQ(Run("encode Result - -o message", R"({"uiResult": 9})"), 0);
+    EXPECT_EQ(Run("decode Result message"), 0);
+    EXPECT_EQ(out_, "uiResult  9\n");
+}
+
+TEST_F(Ctl, PrintsVectorsOfFlatTablesAsTables) {
+    ASSERT_EQ(
+        Run(R"(encode OsProcessCpuRet '{"uiValue1":3,"pstThread":[{"acName":"main","uiValue1":12},{"acName":"w"}]}')"
+            " -o message"),
+        0);
+    ASSERT_EQ(Run("decode OsProcessCpuRet message"), 0);
+    EXPECT_EQ(out_, "pstThread  2 elements\n"
+                    "  acName  uiValue1  uiValue2  ullValue3  acValue4  uiValue5  acValue6\n"
+                    "  main          12         0          0  \"\"               0  \"\"\n"
+                    "  w              0         0          0  \"\"               0  \"\"\n"
+                    "uiValue1   3\n");
+}
+
+TEST_F(Ctl, ExplainsARefusal) {
+    ASSERT_EQ(Run("decode Result - --explain", "c80000000600080004000600000007000000"), 6);
+    EXPECT_NE(out_.find("the decoder logs: Tarn_sys_diag_Result_unpack (22) [VELTO]:Table offset(200) is out of "
+                        "range(4 - 18)\n"),
+              std::string::npos);
+    EXPECT_EQ(error_, "tarnctl: Result: refused: byte 0, the message: the table's position is 200, expected 4 to 14\n");
+    ASSERT_EQ(Run("decode Result - --explain --json", "c80000000600080004000600000007000000"), 6);
+    EXPECT_EQ(Json::parse(out_)["refusal"]["value"], 200);
+}
+
+TEST_F(Ctl, RefusesInOneLineWithoutBeingAsked) {
+    EXPECT_EQ(Run("decode Result -", "c80000000600080004000600000007000000"), 6);
+    EXPECT_EQ(out_, "");
+    EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1);
+}
+
+TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
+    ExpectFailure(2, "", "found nothing, expected a command: list, describe, call, decode, encode");
+    ExpectFailure(2, "lst", "found lst, expected a command: list, describe, call, decode, encode");
+    ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr: no such service; did you mean TarnSysdiagMaster?");
+    ExpectFailure(2, "describe DstWek", "DstWek: no such method or type; did you mean DstWeek?");
+    ExpectFailure(2, "decode Resul -", "Resul: no such type; did you mean Result?");
+    ExpectFailure(2, "encode DiagResult '{}' --fixed", "DiagResult has no fixed form: it holds a string or a vector");
+    ExpectFailure(2, "encode Result '{\"uiResult\":-1}'",
+                  "Result: uiResult: found -1, expected a whole number from 0 to 4294967295");
+    ExpectFailure(1, "decode Result nothing", "nothing: cannot read: No such file or directory");
+    ExpectFailure(1, "encode Result '{}' -o /nowhere/file", "/nowhere/file: cannot write: No such file or directory");
+    EXPECT_EQ(Run("decode Result"), 2);
+    EXPECT_EQ(Run("list --nonsense"), 2);
+}
+
+TEST_F(Ctl, CallChecksItsArgumentsFirst) {
+    ExpectFailure(2, "call PidIsOnlin", "PidIsOnlin: no such method; did you mean PidIsOnline?");
+    ExpectFailure(2, "call PidIsOnline '{\"uiPdi\":1}'",
+                  "PidIsOnlineInput: uiPdi: PidIsOnlineInput has no such field; did you mean uiPid?");
+    ExpectFailure(2, "call ClearMsgCtrlRule", "ClearMsgCtrlRule is a method of TarnSysdiagAgent: expected --agent PID");
+    ExpectFailure(2, "call PidIsOnline --agent 1",
+                  "--agent is for methods of TarnSysdiagAgent; PidIsOnline is one of TarnSysdiagTarnd");
+    for (const char *timeout : {"0", "x", "5h", "-1s", "61m", "18446744073709551616ms", ""}) {
+        EXPECT_EQ(Run(std::string("call PidIsOnline --timeout '") + timeout + "'"), 2) << timeout;
+    }
+}
+
+TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
+    EXPECT_EQ(Run("call PidIsOnline --timeout 500ms"), 3);
+    EXPECT_EQ(Run("call ClearMsgCtrlRule --agent 1"), 3);
+    EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1) << error_;
+}
+
+} // namespace
