@@ -1,0 +1,32 @@
+#include "host/answer/answer.h"
+
+#include <new>
+
+#include "host/osal/log.h"
+
+namespace host {
+
+uint32_t StatusOfException(const char *method) {
+    try {
+        throw;
+    } catch (const std::system_error &error) {
+        Log().warn("{}: {}", method, error.what());
+        return error.code().value() != 0 ? static_cast<uint32_t>(error.code().value()) : EIO;
+    } catch (const std::bad_alloc &) {
+        Log().error("{}: out of memory", method);
+        return ENOMEM;
+    } catch (const std::exception &error) {
+        Log().error("{}: {}", method, error.what());
+        return EIO;
+    } catch (...) {
+        Log().error("{}: an unknown failure", method);
+        return EIO;
+    }
+}
+
+uint32_t NotImplemented(const char *method) {
+    Log().info("{}: not implemented", method);
+    return ENOSYS;
+}
+
+} // namespace host

@@ -1,0 +1,130 @@
+// How a served method answers. It is a function that fills its reply or throws; what it throws becomes the call's
+// status, and the reason goes to the log: no exception passes the C functions that the runtime calls.
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "host/runtime/reply.h"
+#include "types/common.h"
+
+namespace host {
+
+// A reply record together with what its pointers point to.
+template <class Record>
+class Reply : public Record {
+public:
+    Reply() : Record{} {}
+
+    // A vector's elements; `count` is the member beside the pointer. None: null.
+    template <class Element>
+    Element *Keep(std::vector<Element> elements, uint32_t &count) {
+        count = static_cast<uint32_t>(elements.size());
+        if (elements.empty()) {
+            return nullptr;
+        }
+        auto kept = std::make_shared<std::vector<Element>>(std::move(elements));
+        kept_.push_back(kept);
+        return kept->data();
+    }
+
+    char *Keep(std::string text) {
+        auto kept = std::make_shared<std::string>(std::move(text));
+        kept_.push_back(kept);
+        return kept->data();
+    }
+
+private:
+    std::vector<std::shared_ptr<void>> kept_;
+};
+
+// What every <Method>_free does: the record is the base of the Reply that Answer made.
+template <class Record>
+void Release(Record *record) {
+    delete static_cast<Reply<Record> *>(record);
+}
+
+// The status for the exception in flight, which it logs. To be called from a catch block.
+uint32_t StatusOfException(const char *method);
+
+// Logs and gives ENOSYS.
+uint32_t NotImplemented(const char *method);
+
+// Runs the function of a method without reply.
+template <class Function>
+uint32_t Run(const char *method, Function function) {
+    try {
+        function();
+        return 0;
+    } catch (...) {
+        return StatusOfException(method);
+    }
+}
+
+// Has a function fill a reply, and sends it.
+template <class Record, class Fill>
+uint32_t Answer(const char *method, void *replyCtx, Fill fill) {
+    return Run(method, [&] {
+        auto reply = std::make_unique<Reply<Record>>();
+        fill(*reply);
+        Record *const record = reply.get();
+        const uint32_t status = TarnHost_Reply(replyCtx, record);
+        if (status != 0) {
+            throw std::system_error(static_cast<int>(status), std::generic_category(), "the reply");
+        }
+        static_cast<void>(reply.release()); // <Method>_free has it
+    });
+}
+
+// The same for a method that answers with nothing but a result, in which a failure travels.
+template <class Function>
+uint32_t AnswerResult(const char *method, void *replyCtx, Function function) {
+    return Answer<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = Run(method, function); });
+}
+
+// A request with a value that is not allowed.
+template <class Value>
+std::system_error BadValue(const char *member, const Value &value, const std::string &expected) {
+    return {EINVAL, std::generic_category(), fmt::format("{} is {}, expected {}", member, value, expected)};
+}
+
+// The text in an array that need not be terminated.
+template <size_t kSize>
+std::string_view TextOf(const char (&array)[kSize]) {
+    return {array, strnlen(array, kSize)};
+}
+
+// Copies a text into an array, cut to leave room for a terminating 0.
+template <size_t kSize>
+void CopyText(char (&to)[kSize], std::string_view text) {
+    const size_t length = text.copy(to, kSize - 1);
+    memset(to + length, 0, kSize - length);
+}
+
+} // namespace host
+
+// For the method lists: the release of a method's reply and, unless its name is in the list of those that are
+// implemented elsewhere, an answer that says so. The list is of macros that expand to "~,"; the last argument is the
+// method's entry, or what would be its name.
+#define TARN_UNIMPLEMENTED(method, request, response, ...)                                                             \
+    void method##_free(Tarn_sys_diag_##response *record) {                                                             \
+        host::Release(record);                                                                                         \
+    }                                                                                                                  \
+    TARN_UNLESS_LISTED(                                                                                                \
+        uint32_t method(const Tarn_sys_diag_##request *, void *) { return host::NotImplemented(#method); },            \
+        __VA_ARGS__)
+#define TARN_UNIMPLEMENTED_NO_REPLY(method, request, ...)                                                              \
+    TARN_UNLESS_LISTED(                                                                                                \
+        uint32_t method(const Tarn_sys_diag_##request *) { return host::NotImplemented(#method); }, __VA_ARGS__)
+#define TARN_UNLESS_LISTED(otherwise, ...) TARN_SECOND(__VA_ARGS__, otherwise, )
+#define TARN_SECOND(...) TARN_SECOND_(__VA_ARGS__)
+#define TARN_SECOND_(first, second, ...) second

@@ -1,0 +1,263 @@
+#include "host/procfs/procfs.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <memory>
+#include <system_error>
+
+namespace host::procfs {
+
+namespace {
+
+[[noreturn]] void Fail(int error, const std::string &what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+// A process that went away shows as a missing file, or as ESRCH once its file is open.
+[[noreturn]] void FailRead(int error, const std::string &path) {
+    const bool ofProcess = path.starts_with("/proc/") && path[6] >= '0' && path[6] <= '9';
+    if (ofProcess && error == ENOENT) {
+        error = ESRCH;
+    } else if (error == EPERM) {
+        error = EACCES;
+    }
+    Fail(error, path);
+}
+
+class File {
+public:
+    explicit File(const std::string &path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+        if (fd_ < 0) {
+            FailRead(errno, path);
+        }
+    }
+    ~File() { close(fd_); }
+    File(const File &) = delete;
+    File &operator=(const File &) = delete;
+    int Fd() const { return fd_; }
+
+private:
+    const int fd_;
+};
+
+std::string Directory(uint32_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
+
+std::string ThreadFile(uint32_t pid, uint32_t tid, const char *file) {
+    return Directory(pid) + "/task/" + std::to_string(tid) + "/" + file;
+}
+
+// The numbers that follow a thread's name and state.
+std::vector<int64_t> Numbers(std::string_view text) {
+    std::vector<int64_t> numbers;
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    while (at < end) {
+        at = std::find_if(at, end, [](char c) { return c != ' ' && c != '\n'; });
+        if (at == end) {
+            break;
+        }
+        uint64_t value = 0;
+        const bool negative = *at == '-';
+        const auto [next, error] = std::from_chars(negative ? at + 1 : at, end, value);
+        if (error != std::errc{}) {
+            Fail(EPROTO, "a number in a stat line");
+        }
+        numbers.push_back(static_cast<int64_t>(negative ? 0 - value : value));
+        at = next;
+    }
+    return numbers;
+}
+
+std::vector<uint32_t> NumericNames(const std::string &path) {
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
+    if (directory == nullptr) {
+        FailRead(errno, path);
+    }
+    std::vector<uint32_t> ids;
+    while (const dirent *entry = readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        uint32_t id = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+        if (error == std::errc{} && end == name.data() + name.size()) {
+            ids.push_back(id);
+        }
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+} // namespace
+
+std::string ReadText(const std::string &path) {
+    const File file(path);
+    std::string text;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t length = read(file.Fd(), buffer, sizeof buffer);
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length < 0) {
+            FailRead(errno, path);
+        }
+        if (length == 0) {
+            return text;
+        }
+        text.append(buffer, static_cast<size_t>(length));
+    }
+}
+
+uint64_t FieldOf(std::string_view text, std::string_view key) {
+    for (size_t at = 0; at < text.size();) {
+        const std::string_view line = text.substr(at, text.find('\n', at) - at);
+        at += line.size() + 1;
+        if (!line.starts_with(key) || line.substr(key.size(), 1) != ":") {
+            continue;
+        }
+        const size_t digit = line.find_first_of("0123456789", key.size());
+        uint64_t value = 0;
+        if (digit != line.npos &&
+            std::from_chars(line.data() + digit, line.data() + line.size(), value).ec == std::errc{}) {
+            return value;
+        }
+        break;
+    }
+    Fail(EPROTO, "no number for \"" + std::string(key) + "\"");
+}
+
+Task ParseStat(std::string_view line) {
+    const size_t open = line.find('(');
+    const size_t closed = line.rfind(')');
+    if (open == line.npos || closed == line.npos || closed < open || closed + 4 > line.size()) {
+        Fail(EPROTO, "a stat line without name and state");
+    }
+    constexpr size_t kFirst = 4; // what the manual calls field 4 is the first number behind the state
+    const std::vector<int64_t> numbers = Numbers(line.substr(closed + 3));
+    if (numbers.size() < 41 - kFirst + 1) {
+        Fail(EPROTO, "a stat line with fewer than 41 fields");
+    }
+    const auto field = [&](size_t number) { return numbers[number - kFirst]; };
+    Task task;
+    std::from_chars(line.data(), line.data() + open, task.id);
+    task.name = line.substr(open + 1, closed - open - 1);
+    task.state = line[closed + 2];
+    task.userTicks = static_cast<uint64_t>(field(14));
+    task.systemTicks = static_cast<uint64_t>(field(15));
+    task.nice = static_cast<int32_t>(field(19));
+    task.threadNum = static_cast<uint32_t>(field(20));
+    task.startTicks = static_cast<uint64_t>(field(22));
+    task.lastCpu = static_cast<uint32_t>(field(39));
+    task.realTimePriority = static_cast<uint32_t>(field(40));
+    task.policy = static_cast<uint32_t>(field(41));
+    return task;
+}
+
+Task ReadProcess(uint32_t pid) {
+    if (FieldOf(ReadText(Directory(pid) + "/status"), "Tgid") != pid) {
+        Fail(ESRCH, std::to_string(pid) + " is a thread, not a process");
+    }
+    return ParseStat(ReadText(Directory(pid) + "/stat"));
+}
+
+Task ReadThread(uint32_t pid, uint32_t tid) {
+    return ParseStat(ReadText(ThreadFile(pid, tid, "stat")));
+}
+
+SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid) {
+    const std::vector<int64_t> numbers = Numbers(ReadText(ThreadFile(pid, tid, "schedstat")));
+    if (numbers.size() < 3) {
+        Fail(EPROTO, ThreadFile(pid, tid, "schedstat") + ": fewer than 3 numbers");
+    }
+    return {static_cast<uint64_t>(numbers[0]), static_cast<uint64_t>(numbers[1]), static_cast<uint64_t>(numbers[2])};
+}
+
+std::vector<uint32_t> ThreadIds(uint32_t pid) {
+    ReadProcess(pid);
+    return NumericNames(Directory(pid) + "/task");
+}
+
+std::vector<Task> ReadThreads(uint32_t pid) {
+    std::vector<Task> threads;
+    for (const uint32_t tid : ThreadIds(pid)) {
+        try {
+            threads.push_back(ReadThread(pid, tid));
+        } catch (const std::system_error &error) {
+            if (error.code().value() != ESRCH) {
+                throw;
+            }
+        }
+    }
+    return threads;
+}
+
+std::vector<uint32_t> ProcessIds() {
+    return NumericNames("/proc");
+}
+
+uint64_t TicksPerSecond() {
+    static const auto ticks = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+    return ticks;
+}
+
+std::string StateText(char state) {
+    const char *text = "unknown";
+    switch (state) {
+    case 'R':
+        text = "running";
+        break;
+    case 'S':
+        text = "sleeping";
+        break;
+    case 'D':
+        text = "waiting for a device";
+        break;
+    case 'T':
+        text = "stopped";
+        break;
+    case 't':
+        text = "traced";
+        break;
+    case 'Z':
+        text = "zombie";
+        break;
+    case 'X':
+    case 'x':
+        text = "dead";
+        break;
+    case 'I':
+        text = "idle";
+        break;
+    default:
+        break;
+    }
+    return std::string(1, state) + " (" + text + ")";
+}
+
+std::string SchedulingText(const Task &task) {
+    const auto realTime = [&](const char *policy) { return policy + (" " + std::to_string(task.realTimePriority)); };
+    const auto shared = [&](const char *policy) { return policy + (" nice " + std::to_string(task.nice)); };
+    switch (task.policy) {
+    case SCHED_FIFO:
+        return realTime("SCHED_FIFO");
+    case SCHED_RR:
+        return realTime("SCHED_RR");
+    case SCHED_OTHER:
+        return shared("SCHED_OTHER");
+    case SCHED_BATCH:
+        return shared("SCHED_BATCH");
+    case SCHED_IDLE:
+        return shared("SCHED_IDLE");
+    default:
+        return "policy " + std::to_string(task.policy);
+    }
+}
+
+} // namespace host::procfs

@@ -1,0 +1,92 @@
+// Processes and threads as /proc shows them. A process that is not there, or may not be seen, is an error, never an
+// empty answer: every function throws std::system_error with ESRCH or EACCES and says which file it wanted.
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace host::procfs {
+
+// A process or one of its threads, from a stat file.
+struct Task {
+    uint32_t id = 0;
+    std::string name;
+    char state = 0; // the kernel's letter: R running, S sleeping, D waiting for a device, T stopped, Z zombie, ...
+    uint64_t userTicks = 0;
+    uint64_t systemTicks = 0;
+    int32_t nice = 0;
+    uint32_t threadNum = 0;  // of the process; the kernel says 0 of a thread that has ended
+    uint64_t startTicks = 0; // since the system started
+    uint32_t lastCpu = 0;
+    uint32_t realTimePriority = 0;
+    uint32_t policy = 0; // SCHED_OTHER, SCHED_FIFO, ...
+
+    uint64_t CpuTicks() const { return userTicks + systemTicks; }
+    bool HasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }
+};
+
+// What the scheduler has counted of one thread.
+struct SchedulerCount {
+    uint64_t runNs = 0;
+    uint64_t waitNs = 0; // ready, but not on a CPU
+    uint64_t sliceNum = 0;
+};
+
+// The text of a file whose size the kernel does not tell in advance.
+std::string ReadText(const std::string &path);
+
+// The number behind "Key:" in files such as meminfo and status; throws EPROTO when there is none.
+uint64_t FieldOf(std::string_view text, std::string_view key);
+
+// A stat line. A name may hold blanks and brackets.
+Task ParseStat(std::string_view line);
+
+// The leading thread of a process. The id of another thread is no process.
+Task ReadProcess(uint32_t pid);
+Task ReadThread(uint32_t pid, uint32_t tid);
+SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid);
+
+// The threads of a process in rising order of their ids; one that ends while it is being read is left out.
+std::vector<uint32_t> ThreadIds(uint32_t pid);
+std::vector<Task> ReadThreads(uint32_t pid);
+
+// The processes that may be seen.
+std::vector<uint32_t> ProcessIds();
+
+uint64_t TicksPerSecond();
+
+// "S (sleeping)"
+std::string StateText(char state);
+
+// "SCHED_OTHER nice 5", "SCHED_FIFO 50"
+std::string SchedulingText(const Task &task);
+
+// Runs a function about one thread or process, of several, that may end meanwhile.
+template <class Function>
+void SkipEnded(Function function) {
+    try {
+        function();
+    } catch (const std::system_error &error) {
+        if (error.code().value() != ESRCH) {
+            throw;
+        }
+    }
+}
+
+// The same where those that may not be seen are left out too.
+template <class Function>
+void SkipHidden(Function function) {
+    try {
+        SkipEnded(function);
+    } catch (const std::system_error &error) {
+        if (error.code().value() != EACCES) {
+            throw;
+        }
+    }
+}
+
+} // namespace host::procfs
