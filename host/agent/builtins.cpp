@@ -1,0 +1,86 @@
+// The debug commands that every agent has: what the process itself can tell.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "host/agent/commands.h"
+#include "host/procfs/procfs.h"
+
+namespace agent {
+
+namespace {
+
+uint32_t Pid() {
+    return static_cast<uint32_t>(getpid());
+}
+
+uint32_t ShowHelp(int, const char *const *, TarnAgentOutput *output, void *registry) {
+    TarnAgent_Print(output, "%s", static_cast<const Registry *>(registry)->Help().c_str());
+    return 0;
+}
+
+uint32_t ShowThreads(int, const char *const *, TarnAgentOutput *output, void *) {
+    TarnAgent_Print(output, "%8s %-16s %-24s %10s\n", "TID", "NAME", "STATE", "CPU ticks");
+    for (const host::procfs::Task &task : host::procfs::ReadThreads(Pid())) {
+        TarnAgent_Print(output, "%8u %-16s %-24s %10llu\n", task.id, task.name.c_str(),
+                        host::procfs::StateText(task.state).c_str(), static_cast<unsigned long long>(task.CpuTicks()));
+    }
+    return 0;
+}
+
+uint32_t ShowMemory(int, const char *const *, TarnAgentOutput *output, void *) {
+    const std::string status = host::procfs::ReadText("/proc/self/status");
+    for (const char *const key :
+         {"VmPeak", "VmSize", "VmHWM", "VmRSS", "RssAnon", "RssFile", "RssShmem", "VmData", "VmStk", "VmSwap"}) {
+        TarnAgent_Print(output, "%-8s %10llu kB\n", key,
+                        static_cast<unsigned long long>(host::procfs::FieldOf(status, key)));
+    }
+    return 0;
+}
+
+uint32_t ShowFds(int, const char *const *, TarnAgentOutput *output, void *) {
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the one that reads the directory is, at the end
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+        if (!gone) {
+            TarnAgent_Print(output, "%4s %s\n", entry.path().filename().c_str(), target.c_str());
+        }
+    }
+    return 0;
+}
+
+uint32_t ShowEnv(int argc, const char *const *argv, TarnAgentOutput *output, void *) {
+    if (argc != 2) {
+        TarnAgent_Print(output, "expected: env NAME\n");
+        return EINVAL;
+    }
+    const char *const value = getenv(argv[1]);
+    if (value == nullptr) {
+        TarnAgent_Print(output, "%s is not set\n", argv[1]);
+        return ENOENT;
+    }
+    TarnAgent_Print(output, "%s=%s\n", argv[1], value);
+    return 0;
+}
+
+uint32_t ShowUptime(int, const char *const *, TarnAgentOutput *output, void *) {
+    const double system = std::stod(host::procfs::ReadText("/proc/uptime"));
+    const auto start = static_cast<double>(host::procfs::ReadProcess(Pid()).startTicks);
+    const double process = system - start / static_cast<double>(host::procfs::TicksPerSecond());
+    TarnAgent_Print(output, "process %.2f s\nsystem %.2f s\n", process, system);
+    return 0;
+}
+
+} // namespace
+
+void AddBuiltins(Registry &registry) {
+    registry.Add("help", "lists the commands", ShowHelp, &registry);
+    registry.Add("threads", "the threads, their states and CPU time", ShowThreads, nullptr);
+    registry.Add("memory", "how much memory the process has", ShowMemory, nullptr);
+    registry.Add("fds", "open descriptors", ShowFds, nullptr);
+    registry.Add("env", "NAME: a variable of the environment", ShowEnv, nullptr);
+    registry.Add("uptime", "how long the process and the system have run", ShowUptime, nullptr);
+}
+
+} // namespace agent

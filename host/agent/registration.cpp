@@ -1,0 +1,99 @@
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd_agent.h"
+
+#include <unistd.h>
+
+#include "host/agent/registration.h"
+#include "host/answer/answer.h"
+#include "host/osal/log.h"
+
+namespace agent {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kPeriod{2000}; // a restarted daemon knows its agents again after this time
+constexpr milliseconds kDeadline{1000};
+constexpr uint32_t kInterfaceVersion = 1;
+
+// The request's bytes in the regular form.
+std::vector<uint8_t> Encode(const Tarn_sys_diag_AgentRegInfoInput &request) {
+    using Codec = velto::Codec<Unit, Tarn_sys_diag_AgentRegInfoInput>;
+    std::vector<uint8_t> bytes(Codec::kPack(nullptr, &request));
+    auto capacity = static_cast<uint32_t>(bytes.size());
+    const VeltoOutBuf out{bytes.data(), &capacity};
+    bytes.resize(Codec::kPack(&out, &request));
+    return bytes;
+}
+
+} // namespace
+
+Registration::Registration(std::string name, const std::filesystem::path &runDir)
+    : name_(std::move(name)), client_({.runDir = runDir}), thread_([this] { Work(); }) {}
+
+Registration::~Registration() {
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
+    }
+    stopped_.notify_one();
+    thread_.join();
+    if (daemonPid_ != 0) {
+        host::Run("AgentRegInfo", [this] { Call(Doing::kLeave); });
+    }
+}
+
+void Registration::Work() {
+    std::unique_lock lock(mutex_);
+    do {
+        lock.unlock();
+        Renew();
+        lock.lock();
+    } while (!stopped_.wait_for(lock, kPeriod, [this] { return stop_; }));
+}
+
+void Registration::Renew() {
+    try {
+        const uint32_t daemonPid = Call(Doing::kStay);
+        if (daemonPid != daemonPid_) {
+            host::Log().info("agent {}: registered with the daemon, process {}", name_, daemonPid);
+        }
+        daemonPid_ = daemonPid;
+        failure_.clear();
+    } catch (const std::exception &error) {
+        if (failure_ != error.what()) {
+            host::Log().warn("agent {}: not registered with the daemon: {}", name_, error.what());
+        }
+        daemonPid_ = 0;
+        failure_ = error.what();
+    }
+}
+
+uint32_t Registration::Call(Doing doing) {
+    Tarn_sys_diag_AgentRegInfoInput request{};
+    host::CopyText(request.szAgentName, name_);
+    request.uiValue1 = static_cast<uint32_t>(getpid());
+    request.uiValue2 = kInterfaceVersion;
+    request.ucValue3 = static_cast<uint8_t>(doing);
+    const host::CallOutcome outcome =
+        client_.Call("TarnSysdiagTarndAgent", 0, "AgentRegInfo", velto::kTypeHash<Tarn_sys_diag_AgentRegInfoInput>,
+                     Encode(request), kDeadline);
+    if (!outcome.Ok()) {
+        throw std::runtime_error(outcome.text);
+    }
+    Tarn_sys_diag_AgentRegInfoResult reply{};
+    if (velto::Codec<Unit, Tarn_sys_diag_AgentRegInfoResult>::kUnpack(
+            outcome.bytes.data(), static_cast<uint32_t>(outcome.bytes.size()), &reply) == nullptr) {
+        throw std::runtime_error("the daemon's reply is malformed");
+    }
+    if (reply.uiValue1 != 0) {
+        throw std::system_error(static_cast<int>(reply.uiValue1), std::generic_category(), "the daemon refuses it");
+    }
+    return reply.uiValue2;
+}
+
+} // namespace agent

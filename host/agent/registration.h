@@ -1,0 +1,38 @@
+// Keeps the agent registered with the daemon, which may come, go and be restarted at any time.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "host/daemon/values.h"
+#include "host/runtime/client.h"
+
+namespace agent {
+
+class Registration {
+public:
+    Registration(std::string name, const std::filesystem::path &runDir);
+    ~Registration(); // says goodbye
+
+private:
+    enum class Doing : uint8_t { kLeave = TARND_AGENT_LEAVES, kStay = TARND_AGENT_RUNS };
+
+    void Work();
+    void Renew();
+    uint32_t Call(Doing doing); // the daemon's process; throws what kept it from taking the registration
+
+    const std::string name_;
+    host::Client client_;
+    uint32_t daemonPid_ = 0; // whom the agent is registered with; 0: with none
+    std::string failure_;    // the last that was logged, so that each is logged once
+    std::mutex mutex_;
+    std::condition_variable stopped_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+} // namespace agent
