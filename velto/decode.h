@@ -35,14 +35,14 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
     uint32_t count = 0;
     if constexpr (Slot::kKind == Kind::kTable) {
         return DecodeRun<Unit>(message, place.at, 1, &value);
-    } else if (!Follow(place)) {
+    } else if (!Follow(place)) [[unlikely]] {
         return false;
     }
     if constexpr (Slot::kKind == Kind::kBytes || Slot::kKind == Kind::kArray64) {
-        if (!TakeCount(place, sizeof(Element), count) || count != Slot::kLength) {
+        if (!TakeCount(place, sizeof(Element), count) || count != Slot::kLength) [[unlikely]] {
             return false;
         }
-        memcpy(value, place.at, sizeof value);
+        CopyArray<sizeof value>(value, place.at);
         return true;
     } else if constexpr (Slot::kKind == Kind::kTableRun) {
         return TakeCount(place, 4, count) && count == Slot::kLength && DecodeRun<Unit>(message, place.at, count, value);
@@ -78,7 +78,7 @@ bool DecodeSlot(const Message &message, const OpenedTable &table, Record &record
     constexpr uint32_t kWidth = Slot::kKind == Kind::kScalar ? uint32_t{sizeof(typename Slot::Value)} : 4;
     if constexpr (Slot::kKind == Kind::kScalar && kWidth <= 4) {
         // An absent field reads the distance word and drops it: cheaper than a branch that mispredicts.
-        if (!Holds(table, offset, kWidth)) {
+        if (!Holds(table, offset, kWidth)) [[unlikely]] {
             return false;
         }
         const auto value = Load<typename Slot::Value>(table.start.at + offset);
@@ -86,7 +86,7 @@ bool DecodeSlot(const Message &message, const OpenedTable &table, Record &record
         return true;
     } else if (offset == 0) {
         return true;
-    } else if (!Holds(table, offset, kWidth)) {
+    } else if (!Holds(table, offset, kWidth)) [[unlikely]] {
         return false;
     } else if constexpr (Slot::kKind == Kind::kScalar) {
         Slot::Get(record) = Load<typename Slot::Value>(table.start.at + offset);

@@ -129,7 +129,7 @@ static uint8_t *WriteData(uint8_t *at, const Record &record) {
         return at + 4 + length + 1;
     } else if constexpr (Slot::kKind == Kind::kBytes || Slot::kKind == Kind::kArray64) {
         Store(at, Slot::kLength);
-        memcpy(at + 4, value, sizeof value);
+        CopyArray<sizeof value>(at + 4, value);
         return at + 4 + sizeof value;
     } else if constexpr (Slot::kKind == Kind::kTable) {
         return WriteTable(at, value);
