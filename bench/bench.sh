@@ -1,0 +1,34 @@
+#!/bin/bash
+# Builds in release mode, counts ARM instructions, measures, and prints the tables: bench.sh. Results are in
+# build/release/bench: codec.json, call.json, instructions.txt. Options are handed to the codec benchmark, which takes
+# Google Benchmark's: --benchmark_filter=velto/Result.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+native=build/release arm=build/arm-bench jobs=${JOBS:-$(nproc)}
+nanopb=$PWD/$arm/nanopb
+result=$native/bench
+
+cmake --preset release -DTARN_BENCH=ON >/dev/null
+cmake --build "$native" -j "$jobs" --target bench_codec bench_call bench_counter
+[[ -d $nanopb/usr ]] || bench/nanopb_arm.sh "$nanopb"
+cmake --preset arm -B "$arm" -DTARN_BENCH=ON -DBUILD_TESTING=OFF -DBENCH_GENERATED="$PWD/$result/generated" \
+    -DNANOPB_ROOT="$nanopb" >/dev/null
+cmake --build "$arm" -j "$jobs" --target bench_instructions
+
+# The plugin prints "row count" for two passes over a row's pool, then for one.
+run_arm() { qemu-arm -L /usr/arm-linux-gnueabihf "$@"; }
+run_arm "$arm/bench/bench_instructions" --rows > "$result/rows.txt"
+run_arm -plugin "$result/bench_counter.so" "$arm/bench/bench_instructions" 2> "$result/marks.txt"
+awk 'NR == FNR { name[$1] = $2; pool[$1] = $3; next }
+     $1 == 0 { next }
+     $1 in twice { printf "%s %.1f\n", name[$1], (twice[$1] - $2) / pool[$1]; next }
+     { twice[$1] = $2 }' "$result/rows.txt" "$result/marks.txt" > "$result/instructions.txt"
+
+commit=$(git describe --always --dirty)
+measure=(--benchmark_out_format=json "--benchmark_context=commit=$commit" --benchmark_enable_random_interleaving=true
+         --benchmark_repetitions=7 --benchmark_min_time=0.02)
+printf '\n== calls\n'
+"$result/bench_call" "${measure[@]}" --benchmark_out="$result/call.json"
+printf '\n== codecs\n'
+"$result/bench_codec" "${measure[@]}" --benchmark_out="$result/codec.json" \
+    --instructions="$result/instructions.txt" "$@"

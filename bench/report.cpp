@@ -1,0 +1,207 @@
+#include "bench/report.h"
+
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+
+namespace bench {
+
+namespace {
+
+// Peers that start from a native record and end in one, and those that do not.
+constexpr const char *kNativePeers[] = {"protobuf_fill", "capnp", "nanopb"};
+constexpr const char *kAllPeers[] = {"protobuf_fill", "capnp", "nanopb", "protobuf"};
+
+constexpr double kPeerGoal = 3, kBlockPeerGoal = 1;
+constexpr double kFloorGoal = 4, kArrayFloorGoal = 2.5, kBlockFloorGoal = 1.25;
+constexpr double kSwapGoal = 1.03;
+
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char *format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
+
+std::string Name(const char *system, const Message &message, const char *operation) {
+    return std::string(system) + '/' + message.spec.name + '/' + operation;
+}
+
+const char *Met(bool met) {
+    return met ? "met" : "MISSED";
+}
+
+class Report {
+public:
+    Report(std::ostream &out, const Rows &rows, const Instructions &instructions)
+        : out_(out), rows_(rows), instructions_(instructions) {}
+
+    void PrintTimes(const std::vector<Message> &messages) {
+        out_ << Format("%-25s %-6s %9s %8s %6s | %9s %6s %6s %-6s | %-13s %9s %6s %6s %-6s\n", "message", "", "velto ns",
+                       "MB/s", "allocs", "floor ns", "ratio", "goal", "", "best peer", "ns", "ratio", "goal", "");
+        for (const char *operation : {"encode", "decode"}) {
+            for (const Message &message : messages) {
+                PrintTime(message, operation);
+            }
+        }
+    }
+
+    void PrintComparisons(const std::vector<Message> &messages) {
+        for (const char *operation : {"encode", "decode"}) {
+            for (const Message &message : messages) {
+                CompareWithin(message, operation);
+            }
+        }
+        double sum = 0;
+        size_t num = 0;
+        for (const Message &message : messages) {
+            for (const char *operation : {"encode", "decode"}) {
+                const double plain = Time("velto_unswapped", message, operation);
+                if (plain > 0) {
+                    const double ratio = Time("velto", message, operation) / plain;
+                    out_ << Format("%-25s %-6s with the byte-swapped branch: %.3f of the time without\n",
+                                   message.spec.name, operation, ratio);
+                    sum += std::log(ratio);
+                    ++num;
+                }
+            }
+        }
+        if (num != 0) {
+            const double mean = std::exp(sum / static_cast<double>(num));
+            out_ << Format("geometric mean %.3f, goal below %.2f: %s\n", mean, kSwapGoal, Met(mean < kSwapGoal));
+        }
+    }
+
+    void PrintInstructions(const std::vector<Message> &messages) {
+        out_ << Format("%-25s %-6s %10s %10s %6s %10s %6s\n", "ARM instructions", "", "velto", "floor", "ratio", "nanopb",
+                       "ratio");
+        for (const char *operation : {"encode", "decode"}) {
+            for (const Message &message : messages) {
+                const double velto = Count("velto", message, operation);
+                const double floor = Count("floor", message, operation);
+                const double nanopb = Count("nanopb", message, operation);
+                out_ << Format("%-25s %-6s %10.0f %10.0f %6.2f %10.0f %6.2f\n", message.spec.name, operation, velto,
+                               floor, velto / floor, nanopb, nanopb / velto);
+            }
+        }
+    }
+
+private:
+    double Time(const char *system, const Message &message, const char *operation) const {
+        const auto row = rows_.find(Name(system, message, operation));
+        return row == rows_.end() ? 0 : row->second.time;
+    }
+
+    double Count(const char *system, const Message &message, const char *operation) const {
+        const auto count = instructions_.find(Name(system, message, operation));
+        return count == instructions_.end() ? NAN : count->second;
+    }
+
+    template <size_t kNum>
+    const char *BestOf(const char *const (&peers)[kNum], const Message &message, const char *operation) const {
+        const char *best = nullptr;
+        for (const char *const peer : peers) {
+            const double time = Time(peer, message, operation);
+            if (time > 0 && (best == nullptr || time < Time(best, message, operation))) {
+                best = peer;
+            }
+        }
+        return best;
+    }
+
+    void PrintTime(const Message &message, const char *operation) {
+        const auto row = rows_.find(Name("velto", message, operation));
+        if (row == rows_.end()) {
+            return; // filtered out
+        }
+        const Row &velto = row->second;
+        out_ << Format("%-25s %-6s %9.1f %8.0f %6.1f", message.spec.name, operation, velto.time,
+                       velto.bytes / velto.time * 1e3, velto.allocations);
+        const bool block = message.spec.dominated == Dominated::kByOneBlock;
+        const Record &record = message.records.front();
+        const bool arrays = static_cast<double>(record.arrayBytes) > velto.bytes / 2;
+        PrintFloor(Time("floor", message, operation), velto.time,
+                   block    ? kBlockFloorGoal
+                   : arrays ? kArrayFloorGoal
+                            : kFloorGoal);
+        const char *const peer = block ? BestOf(kAllPeers, message, operation) : BestOf(kNativePeers, message, operation);
+        PrintPeer(peer, peer == nullptr ? 0 : Time(peer, message, operation), velto.time,
+                  block ? kBlockPeerGoal : kPeerGoal);
+        out_ << '\n';
+    }
+
+    void PrintFloor(double floor, double velto, double goal) {
+        const double ratio = velto / floor;
+        out_ << Format(" | %9.1f %6.2f %6.2f %-6s", floor, ratio, goal, Met(ratio <= goal));
+    }
+
+    void PrintPeer(const char *peer, double time, double velto, double goal) {
+        if (peer != nullptr) {
+            const double ratio = time / velto;
+            out_ << Format(" | %-13s %9.1f %6.2f %6.2f %-6s", peer, time, ratio, goal, Met(ratio >= goal));
+        }
+    }
+
+    // Of a message with elements: the time per element against that of fewer, and with zeros against without.
+    void CompareWithin(const Message &message, const char *operation) {
+        const std::string name = message.spec.name;
+        const double time = Time("velto", message, operation);
+        const std::string zeros = "_zeros";
+        if (time == 0 || name.rfind("SysCpuStatInfo", 0) != 0) {
+            return;
+        }
+        if (name.ends_with(zeros)) {
+            const auto all = rows_.find("velto/" + name.substr(0, name.size() - zeros.size()) + '/' + operation);
+            if (all != rows_.end()) {
+                const double ratio = time / all->second.time;
+                out_ << Format("%-25s %-6s half of the scalars 0: %.2f of the time of all set, goal at most 1: %s\n",
+                               name.c_str(), operation, ratio, Met(ratio <= 1));
+            }
+        } else if (message.spec.elementNum == 256) {
+            const auto few = rows_.find(std::string("velto/SysCpuStatInfo_16/") + operation);
+            if (few != rows_.end()) {
+                const double ratio = time / 256 / (few->second.time / 16);
+                out_ << Format("%-25s %-6s time per element: %.2f of that of 16, goal at most 1: %s\n", name.c_str(),
+                               operation, ratio, Met(ratio <= 1));
+            }
+        }
+    }
+
+    std::ostream &out_;
+    const Rows &rows_;
+    const Instructions &instructions_;
+};
+
+} // namespace
+
+Instructions ReadInstructions(const std::string &path) {
+    std::ifstream in(path);
+    Instructions instructions;
+    std::string name;
+    for (double count; in >> name >> count;) {
+        instructions[name] = count;
+    }
+    if (instructions.empty()) {
+        throw std::runtime_error(path + ": no counts of instructions; expected lines of a row's name and a number");
+    }
+    return instructions;
+}
+
+void PrintReport(std::ostream &out, const std::vector<Message> &messages, const Rows &rows,
+                 const Instructions &instructions) {
+    Report report(out, rows, instructions);
+    report.PrintTimes(messages);
+    out << '\n';
+    report.PrintComparisons(messages);
+    if (!instructions.empty()) {
+        out << '\n';
+        report.PrintInstructions(messages);
+    }
+}
+
+} // namespace bench
