@@ -1,0 +1,115 @@
+#include "host/osal/log.h"
+
+#include <spdlog/sinks/stdout_color_sinks.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+
+#include "platform/osal.h"
+
+namespace host {
+namespace {
+
+// Kept for the life of the process: other libraries log from their own destructors.
+std::shared_ptr<const LogHook> &Hook() {
+    static auto &hook = *new std::shared_ptr<const LogHook>;
+    return hook;
+}
+
+std::mutex hookMutex;
+
+std::shared_ptr<const LogHook> CurrentHook() {
+    const std::lock_guard lock(hookMutex);
+    return Hook();
+}
+
+spdlog::level::level_enum SpdlogLevel(uint32_t level) {
+    switch (level) {
+    case 0:
+    case 1:
+        return spdlog::level::critical;
+    case 2:
+        return spdlog::level::err;
+    case 3:
+        return spdlog::level::warn;
+    case 4:
+        return spdlog::level::info;
+    default:
+        return spdlog::level::debug;
+    }
+}
+
+const char *OrEmpty(const char *text) {
+    return text == nullptr ? "" : text;
+}
+
+std::string Format(const char *format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length < 0) {
+        return format;
+    }
+    std::string text(static_cast<size_t>(length), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+void Write(const LogRecord &record) {
+    const std::string place =
+        record.file.empty() ? fmt::format("line {}", record.line) : fmt::format("{}:{}", record.file, record.line);
+    Log().log(SpdlogLevel(record.level), "{}/{} {} ({}): {} [error {}]", record.component, record.module,
+              record.function, place, record.text, record.errCode);
+}
+
+} // namespace
+
+spdlog::logger &Log() {
+    static auto &log = [&]() -> spdlog::logger & {
+        auto *const made = new spdlog::logger("tarn", std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+        made->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %v");
+        made->flush_on(spdlog::level::trace);
+        return *made;
+    }();
+    return log;
+}
+
+LogHook SetLogHook(LogHook hook) {
+    auto next = hook ? std::make_shared<const LogHook>(std::move(hook)) : nullptr;
+    const std::lock_guard lock(hookMutex);
+    Hook().swap(next);
+    return next ? *next : LogHook();
+}
+
+} // namespace host
+
+void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode, const char *pcFile,
+                      uint32_t uiLine, const char *pcFunction, const char *pcFormat, ...) {
+    const auto hook = host::CurrentHook();
+    if (!hook && !host::Log().should_log(host::SpdlogLevel(uiLevel))) {
+        return;
+    }
+    host::LogRecord record;
+    if (pstModule != nullptr) {
+        record.component = host::OrEmpty(pstModule->pcComponent);
+        record.module = host::OrEmpty(pstModule->pcModule);
+        record.word = pstModule->uiWord;
+    }
+    record.level = uiLevel;
+    record.errCode = uiErrCode;
+    record.file = host::OrEmpty(pcFile);
+    record.line = uiLine;
+    record.function = host::OrEmpty(pcFunction);
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    record.text = host::Format(host::OrEmpty(pcFormat), arguments);
+    va_end(arguments);
+    if (hook) {
+        (*hook)(record);
+    } else {
+        host::Write(record);
+    }
+}

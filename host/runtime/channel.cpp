@@ -1,0 +1,106 @@
+#include "host/runtime/channel.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+namespace host {
+
+// 0 when the socket is ready or has failed, or ETIMEDOUT.
+int Channel::Wait(short events, Transport::Clock::time_point deadline) const {
+    while (true) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Transport::Clock::now()).count();
+        pollfd waiting{fd_.Get(), events, 0};
+        const int ready = poll(&waiting, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
+        if (ready > 0) {
+            return 0;
+        }
+        if (ready == 0 && left <= 0) {
+            return ETIMEDOUT;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+int Channel::Send(std::span<const uint8_t> header, std::span<const uint8_t> payload,
+                  Transport::Clock::time_point deadline) {
+    while (!header.empty() || !payload.empty()) {
+        iovec parts[] = {{const_cast<uint8_t *>(header.data()), header.size()},
+                         {const_cast<uint8_t *>(payload.data()), payload.size()}};
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = 2;
+        const ssize_t sent = sendmsg(fd_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno == EAGAIN) {
+            if (const int error = Wait(POLLOUT, deadline); error != 0) {
+                return error;
+            }
+        } else if (sent < 0 && errno != EINTR) {
+            return ECONNRESET;
+        } else if (sent > 0) {
+            const size_t ofHeader = std::min(static_cast<size_t>(sent), header.size());
+            header = header.subspan(ofHeader);
+            payload = payload.subspan(static_cast<size_t>(sent) - ofHeader);
+        }
+    }
+    return 0;
+}
+
+int Channel::ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count) const {
+    while (true) {
+        if (const int error = Wait(POLLIN, deadline); error != 0) {
+            return error;
+        }
+        const ssize_t received = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
+        if (received > 0) {
+            count = static_cast<size_t>(received);
+            return 0;
+        }
+        if (received == 0 || (errno != EINTR && errno != EAGAIN)) {
+            return ECONNRESET;
+        }
+    }
+}
+
+int Channel::Receive(uint64_t id, Frame &frame, Transport::Clock::time_point deadline, std::string &reason) {
+    uint8_t scratch[16384];
+    while (true) {
+        const std::span<uint8_t> room = parser_.Room();
+        size_t count = 0;
+        if (const int error = ReadSome(deadline, room.empty() ? std::span<uint8_t>(scratch) : room, count);
+            error != 0) {
+            return error;
+        }
+        std::span<const uint8_t> bytes(scratch, count);
+        if (!room.empty()) {
+            parser_.Filled(count);
+            bytes = {};
+        }
+        bool found = false;
+        do {
+            bytes = bytes.subspan(parser_.Feed(bytes));
+            if (parser_.ErrCode() != 0) {
+                reason = parser_.Reason();
+                return static_cast<int>(parser_.ErrCode());
+            }
+            if (parser_.HasFrame()) {
+                Frame next = parser_.Take();
+                if (next.header.id == id || (next.header.id == 0 && next.header.kind == FrameKind::kError)) {
+                    frame = std::move(next);
+                    found = true;
+                }
+            }
+        } while (!bytes.empty());
+        if (found) {
+            return 0;
+        }
+    }
+}
+
+} // namespace host

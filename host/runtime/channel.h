@@ -1,0 +1,30 @@
+// A connection that one thread at a time calls on and waits.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/runtime/outgoing.h"
+
+namespace host {
+
+class Channel {
+public:
+    Channel(UniqueFd fd, uint32_t payloadLimit) : fd_(std::move(fd)), parser_(payloadLimit) {}
+
+    // 0, or an errno value: ETIMEDOUT, or ECONNRESET when the peer has closed.
+    int Send(std::span<const uint8_t> header, std::span<const uint8_t> payload, Transport::Clock::time_point deadline);
+
+    // The frame that answers the call `id`; frames of other calls are passed over. 0, ETIMEDOUT, ECONNRESET, or what
+    // the parser says, its reason in `reason`.
+    int Receive(uint64_t id, Frame &frame, Transport::Clock::time_point deadline, std::string &reason);
+
+private:
+    int Wait(short events, Transport::Clock::time_point deadline) const;
+    int ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count) const;
+
+    UniqueFd fd_;
+    FrameParser parser_;
+};
+
+} // namespace host

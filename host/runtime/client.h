@@ -1,0 +1,106 @@
+// The client side of the runtime. The library's proxies come here through RPC_*; tools call Client.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/runtime/limits.h"
+
+// What a proxy's pInvokeCtx points to; null stands for {0, 0}. It is read during the call of the proxy only.
+struct TarnHost_InvokeCtx {
+    uint32_t uiPid;     // whose agent; 0 for the service's own socket
+    uint32_t uiTimeout; // ms; 0 for the default
+};
+
+extern "C" {
+
+// Why the last call failed that failed on this thread, in words; of an asynchronous call, on the thread of its callback
+// and during it. Never null; valid until the next call on this thread.
+const char *TarnHost_LastError(void);
+}
+
+namespace host {
+
+struct ClientOptions {
+    std::filesystem::path runDir = {}; // empty: DefaultRunDir()
+    Limits limits = {};
+};
+
+// How a call ended. The transport's errors:
+//   2 ENOENT        no such service, agent or method          74 EBADMSG      a message that is not well-formed
+//   90 EMSGSIZE     a message beyond the limit                91 EPROTOTYPE   another type hash than the server's
+//   104 ECONNRESET  the peer went before it answered          110 ETIMEDOUT   the deadline
+//   111 ECONNREFUSED nobody listens                           125 ECANCELED   client or server shut down
+struct CallOutcome {
+    uint32_t status = 0;             // the method's, 0 for success
+    uint32_t errCode = 0;            // errno value of the transport or of either runtime, 0 for success
+    std::string text = {};           // what went wrong; empty after success
+    std::vector<uint8_t> bytes = {}; // the encoded response; empty for a method without reply
+
+    bool Ok() const { return status == 0 && errCode == 0; }
+};
+
+// A call as it goes out. The views are read until the function that takes it returns.
+struct CallRequest {
+    std::string_view service;
+    uint32_t pid = 0; // whose agent; 0 for the service's own socket
+    std::string_view method;
+    uint32_t requestHash = 0;
+    std::span<const uint8_t> request = {}; // encoded
+    std::chrono::milliseconds deadline{0}; // from now; 0 for the default
+};
+
+// Calls any method with encoded messages. All functions are thread-safe.
+class Client {
+public:
+    explicit Client(ClientOptions options = {});
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+    ~Client(); // shuts down
+
+    // The one behind the library's proxies.
+    static Client &Default();
+
+    // Shuts down, and takes other options. For Default(), before the first call.
+    void Configure(ClientOptions options);
+
+    // Sends and waits, on the calling thread.
+    CallOutcome Call(const CallRequest &call);
+    CallOutcome Call(std::string_view service, uint32_t pid, std::string_view method, uint32_t requestHash,
+                     std::span<const uint8_t> request, std::chrono::milliseconds deadline = {});
+
+    // Sends, and returns when the bytes are in the socket. What becomes of the request is not told.
+    CallOutcome Oneway(const CallRequest &call);
+
+    // Sends, and calls back exactly once, from the client's own thread, or from this one after or during Shutdown. The
+    // callback must not throw; while it blocks, no other is called.
+    void CallAsync(const CallRequest &call, std::function<void(CallOutcome &&)> done);
+
+    // Calls back with a failure found before the call, in the way of CallAsync.
+    void FailAsync(CallOutcome failure, std::function<void(CallOutcome &&)> done);
+
+    // Whether the service, or the agent of a process, has a socket.
+    bool Knows(std::string_view service, uint32_t pid) const;
+
+    // Closes all connections and ends every asynchronous call with ECANCELED; returns when all have been called back.
+    // Not from a callback. The next call starts anew.
+    void Shutdown();
+
+    Limits GetLimits() const;
+
+private:
+    class Core;
+    std::shared_ptr<Core> GetCore() const;
+    mutable std::mutex mutex_;
+    std::shared_ptr<Core> core_;
+};
+
+} // namespace host

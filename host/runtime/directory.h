@@ -1,0 +1,27 @@
+// Where services are found: each listens on a socket in the run directory.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+
+namespace host {
+
+// $TARN_RUN_DIR; else /run/tarn for root or where it exists; else $XDG_RUNTIME_DIR/tarn; else /run/tarn.
+std::filesystem::path DefaultRunDir();
+
+class Directory {
+public:
+    // An empty path is DefaultRunDir().
+    explicit Directory(std::filesystem::path runDir = {});
+
+    const std::filesystem::path &RunDir() const { return runDir_; }
+
+    // agent-<pid>.sock for TarnSysdiagAgent, <service>.sock for every other service. Pid 0 is the calling process.
+    std::filesystem::path Socket(std::string_view service, uint32_t pid) const;
+
+private:
+    std::filesystem::path runDir_;
+};
+
+} // namespace host

@@ -1,0 +1,30 @@
+#include "host/runtime/encode.h"
+
+#include <cerrno>
+
+namespace host {
+
+uint32_t Encode(const IdlCodecTable &codec, const void *record, size_t prefix, uint32_t limit,
+                std::vector<uint8_t> &bytes) {
+    const bool fixed = codec.pfnFixedPack != nullptr && codec.pfnFixedSize != nullptr;
+    if (record == nullptr || (!fixed && codec.pfnPack == nullptr)) {
+        return EINVAL;
+    }
+    uint32_t size = fixed ? codec.pfnFixedSize() : codec.pfnPack(nullptr, record);
+    if (size == 0) {
+        return EINVAL;
+    }
+    if (size > limit) {
+        return EMSGSIZE;
+    }
+    bytes.assign(prefix + size, 0);
+    if (fixed) {
+        return codec.pfnFixedPack(bytes.data() + prefix, record) == 0 ? 0 : EINVAL;
+    }
+    const VeltoOutBuf out{bytes.data() + prefix, &size};
+    const uint32_t written = codec.pfnPack(&out, record);
+    bytes.resize(prefix + written);
+    return written == 0 ? EINVAL : 0;
+}
+
+} // namespace host

@@ -1,0 +1,18 @@
+// Encodes a record with the slots of a codec table.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "platform/rpc.h"
+
+namespace host {
+
+// Writes the message behind `prefix` zero bytes, in the fixed form where the table has one; bytes that the encoder
+// leaves out are 0. Returns 0, or an errno value: EINVAL when the record can't be encoded, EMSGSIZE when the message
+// would be larger than the limit.
+uint32_t Encode(const IdlCodecTable &codec, const void *record, size_t prefix, uint32_t limit,
+                std::vector<uint8_t> &bytes);
+
+} // namespace host

@@ -1,0 +1,33 @@
+// A call on its way out, as both kinds of client connection take it.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "host/runtime/client.h"
+#include "host/runtime/protocol.h"
+#include "host/runtime/transport.h"
+
+namespace host {
+
+struct Outgoing {
+    std::string service;
+    uint32_t pid = 0;
+    std::string method;
+    FrameHeader header; // its length set
+    std::chrono::milliseconds timeout;
+    std::chrono::steady_clock::time_point deadline;
+
+    // What the failure of a call is about: the method and where it is served.
+    std::string Label(const Transport &transport) const;
+};
+
+CallOutcome Failure(uint32_t errCode, std::string text);
+CallOutcome TimedOut(const Outgoing &call, const Transport &transport);
+CallOutcome NotConnected(const Outgoing &call, const Transport &transport, int error);
+CallOutcome Disconnected(const Outgoing &call, const Transport &transport);
+
+// What a reply or error frame says.
+CallOutcome OutcomeOf(Frame &&frame);
+
+} // namespace host

@@ -1,0 +1,45 @@
+#include "host/runtime/pool.h"
+
+namespace host {
+namespace {
+
+constexpr size_t kMostIdle = 16; // of a target
+constexpr std::chrono::seconds kIdleFor(30);
+
+} // namespace
+
+std::unique_ptr<Channel> Pool::Take(const std::string &address) {
+    const std::lock_guard lock(mutex_);
+    const auto found = idle_.find(address);
+    if (found == idle_.end() || found->second.empty()) {
+        return nullptr;
+    }
+    auto channel = std::move(found->second.back().channel);
+    found->second.pop_back();
+    return channel;
+}
+
+// Sweeps now and then: processes come and go, and their connections must not stay.
+void Pool::Give(const std::string &address, std::unique_ptr<Channel> channel) {
+    const auto now = Clock::now();
+    const std::lock_guard lock(mutex_);
+    std::vector<Idle> &idle = idle_[address];
+    if (idle.size() < kMostIdle) {
+        idle.push_back({std::move(channel), now});
+    }
+    if (now - lastSweep_ < kIdleFor) {
+        return;
+    }
+    lastSweep_ = now;
+    for (auto entry = idle_.begin(); entry != idle_.end();) {
+        std::erase_if(entry->second, [now](const Idle &one) { return now - one.since >= kIdleFor; });
+        entry = entry->second.empty() ? idle_.erase(entry) : std::next(entry);
+    }
+}
+
+void Pool::Clear() {
+    const std::lock_guard lock(mutex_);
+    idle_.clear();
+}
+
+} // namespace host

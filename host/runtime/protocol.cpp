@@ -1,0 +1,167 @@
+#include "host/runtime/protocol.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "velto/bytes.h"
+
+namespace host {
+namespace {
+
+constexpr uint32_t kMagic = 0x43505254; // "TRPC"
+constexpr uint16_t kVersion = 1;
+
+enum Offset : size_t {
+    kMagicAt = 0,
+    kVersionAt = 4,
+    kKindAt = 6,
+    kIdAt = 8,
+    kTypeHashAt = 16,
+    kDeadlineAt = 20,
+    kStatusAt = 24,
+    kErrCodeAt = 28,
+    kLengthAt = 32,
+    kReservedAt = 36,
+    kServiceAt = 40,
+    kMethodAt = 72,
+};
+static_assert(kMethodAt + kMethodSize == kHeaderSize);
+
+// Payloads grow by at least this much at a time.
+constexpr size_t kStep = 64 << 10;
+
+// False unless `field` is printable text with nothing but NULs behind it.
+bool IsName(const uint8_t *field, size_t size) {
+    const uint8_t *const end = std::find(field, field + size, 0);
+    return std::all_of(field, end, [](uint8_t c) { return c > 0x20 && c < 0x7F; }) &&
+           std::all_of(end, field + size, [](uint8_t c) { return c == 0; });
+}
+
+} // namespace
+
+void WriteHeader(const FrameHeader &header, std::span<uint8_t, kHeaderSize> bytes) {
+    uint8_t *const at = bytes.data();
+    memset(at, 0, kHeaderSize);
+    velto::Store(at + kMagicAt, kMagic);
+    velto::Store(at + kVersionAt, kVersion);
+    velto::Store(at + kKindAt, static_cast<uint16_t>(header.kind));
+    velto::Store(at + kIdAt, header.id);
+    velto::Store(at + kTypeHashAt, header.typeHash);
+    velto::Store(at + kDeadlineAt, header.deadlineMs);
+    velto::Store(at + kStatusAt, header.status);
+    velto::Store(at + kErrCodeAt, header.errCode);
+    velto::Store(at + kLengthAt, header.length);
+    memcpy(at + kServiceAt, header.service, strnlen(header.service, kServiceSize));
+    memcpy(at + kMethodAt, header.method, strnlen(header.method, kMethodSize));
+}
+
+std::vector<uint8_t> MakeFrame(const FrameHeader &header, std::span<const uint8_t> payload) {
+    std::vector<uint8_t> bytes(kHeaderSize + payload.size());
+    FrameHeader complete = header;
+    complete.length = static_cast<uint32_t>(payload.size());
+    WriteHeader(complete, std::span(bytes).first<kHeaderSize>());
+    std::copy(payload.begin(), payload.end(), bytes.begin() + kHeaderSize);
+    return bytes;
+}
+
+size_t FrameParser::Feed(std::span<const uint8_t> bytes) {
+    size_t taken = 0;
+    if (error_ == 0 && headerSize_ < kHeaderSize) {
+        taken = FeedHeader(bytes);
+    }
+    if (error_ != 0 || headerSize_ < kHeaderSize) {
+        return taken;
+    }
+    const size_t count = std::min(bytes.size() - taken, frame_.header.length - have_);
+    const auto from = bytes.subspan(taken, count);
+    frame_.payload.resize(have_);
+    frame_.payload.insert(frame_.payload.end(), from.begin(), from.end());
+    have_ += count;
+    return taken + count;
+}
+
+size_t FrameParser::FeedHeader(std::span<const uint8_t> bytes) {
+    const size_t count = std::min(bytes.size(), kHeaderSize - headerSize_);
+    std::copy_n(bytes.begin(), count, headerBytes_ + headerSize_);
+    headerSize_ += count;
+    CheckStart();
+    if (error_ == 0 && headerSize_ == kHeaderSize) {
+        ReadHeader();
+    }
+    return count;
+}
+
+// A peer of another kind is told so at its first bytes; it may never send as many as a header has.
+void FrameParser::CheckStart() {
+    uint8_t expected[4];
+    velto::Store(expected, kMagic);
+    if (memcmp(headerBytes_, expected, std::min(headerSize_, sizeof expected)) != 0) {
+        Refuse(EBADMSG, fmt::format("not a frame: it starts with {:02x}, expected 54 52 50 43 (\"TRPC\")",
+                                    fmt::join(headerBytes_, headerBytes_ + std::min<size_t>(headerSize_, 4), " ")));
+        return;
+    }
+    if (headerSize_ >= kKindAt && velto::Load<uint16_t>(headerBytes_ + kVersionAt) != kVersion) {
+        Refuse(EBADMSG, fmt::format("frame of version {}, expected {}",
+                                    velto::Load<uint16_t>(headerBytes_ + kVersionAt), kVersion));
+    }
+}
+
+void FrameParser::ReadHeader() {
+    const uint8_t *const at = headerBytes_;
+    FrameHeader &header = frame_.header;
+    const auto kind = velto::Load<uint16_t>(at + kKindAt);
+    header.kind = static_cast<FrameKind>(kind);
+    header.id = velto::Load<uint64_t>(at + kIdAt);
+    header.typeHash = velto::Load<uint32_t>(at + kTypeHashAt);
+    header.deadlineMs = velto::Load<uint32_t>(at + kDeadlineAt);
+    header.status = velto::Load<uint32_t>(at + kStatusAt);
+    header.errCode = velto::Load<uint32_t>(at + kErrCodeAt);
+    header.length = velto::Load<uint32_t>(at + kLengthAt);
+    memcpy(header.service, at + kServiceAt, kServiceSize);
+    memcpy(header.method, at + kMethodAt, kMethodSize);
+    if (kind < static_cast<uint16_t>(FrameKind::kRequest) || kind > static_cast<uint16_t>(FrameKind::kError)) {
+        Refuse(EBADMSG, fmt::format("frame of kind {}, expected 1 to 4", kind));
+    } else if (!IsName(at + kServiceAt, kServiceSize) || !IsName(at + kMethodAt, kMethodSize)) {
+        Refuse(EBADMSG, "frame whose service or method is not printable text padded with NULs");
+    } else if (velto::Load<uint32_t>(at + kReservedAt) != 0) {
+        Refuse(EBADMSG, "frame whose reserved word is not 0");
+    } else if (header.length > payloadLimit_) {
+        Refuse(EMSGSIZE, fmt::format("message of {} bytes, expected at most {}", header.length, payloadLimit_));
+    }
+}
+
+std::span<uint8_t> FrameParser::Room() {
+    if (error_ != 0 || headerSize_ < kHeaderSize || frame_.header.length - have_ < kStep / 4) {
+        return {};
+    }
+    const size_t step = std::max(kStep, have_);
+    frame_.payload.resize(std::min<size_t>(frame_.header.length, have_ + step));
+    return std::span(frame_.payload).subspan(have_);
+}
+
+Frame FrameParser::Take() {
+    frame_.payload.resize(have_);
+    Frame frame = std::move(frame_);
+    frame_ = {};
+    headerSize_ = 0;
+    have_ = 0;
+    return frame;
+}
+
+void FrameParser::Refuse(uint32_t error, std::string reason) {
+    error_ = error;
+    reason_ = std::move(reason);
+}
+
+std::string ErrorText(std::span<const uint8_t> payload) {
+    constexpr size_t kMaxText = 1024;
+    std::string text(payload.begin(), payload.begin() + static_cast<ptrdiff_t>(std::min(payload.size(), kMaxText)));
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }, '?');
+    return text;
+}
+
+} // namespace host

@@ -1,0 +1,61 @@
+// The server side of the runtime: serves the services of module specifications on Unix-domain stream sockets.
+//
+//   host::Server server({.runDir = dir});
+//   server.AddService(__module_spec_TarnSysdiagTarnd);
+//   server.Start();
+//   ...
+//   server.Stop();
+//
+// Each service has a socket of its own (see directory.h; TarnSysdiagAgent listens for the calling process), and all
+// services answer on all of them. Any worker thread runs any wrapper. Of one connection, a request waits for the
+// one-way requests before it; otherwise its requests run at the same time.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "host/runtime/limits.h"
+#include "platform/rpc.h"
+
+namespace host {
+
+struct ServerOptions {
+    std::filesystem::path runDir = {}; // empty: DefaultRunDir(); created when missing
+    unsigned workers = 4;
+    Limits limits = {};
+    std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
+};
+
+class Server {
+public:
+    explicit Server(ServerOptions options = {});
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+    ~Server(); // stops
+
+    // Before Start. The specification and its tables stay the caller's and must outlive the server. Throws
+    // std::invalid_argument for one that is not well-formed, or whose service is already there.
+    void AddService(const IdlModuleSpec &spec);
+
+    // Listens and serves. A socket that a dead server left behind is replaced. Throws std::runtime_error when a live
+    // server holds one, std::system_error when the system refuses; nothing is served then.
+    void Start();
+
+    // Removes the sockets, refuses new requests, waits for handlers and unanswered requests up to the bound, answers
+    // the rest with ECANCELED. False when a handler is still running: its thread is left behind. May be called twice,
+    // and Start may follow.
+    bool Stop();
+
+    // The sockets that the server listens on.
+    std::vector<std::filesystem::path> Sockets() const;
+
+private:
+    class Core;
+    ServerOptions options_;
+    std::vector<const IdlModuleSpec *> specs_;
+    std::shared_ptr<Core> core_;
+};
+
+} // namespace host

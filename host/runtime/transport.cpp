@@ -1,0 +1,150 @@
+#include "host/runtime/transport.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+namespace host {
+namespace {
+
+using std::filesystem::path;
+
+[[noreturn]] void ThrowErrno(const std::string &what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// False when the path does not fit a socket address.
+bool FillAddress(const path &socketPath, sockaddr_un &address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    const std::string &text = socketPath.native();
+    if (text.size() >= sizeof address.sun_path) {
+        return false;
+    }
+    memcpy(address.sun_path, text.data(), text.size());
+    return true;
+}
+
+int ConnectTo(int fd, const sockaddr_un &address) {
+    return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+}
+
+// Held while sockets of a run directory come and go, so that no two servers both find the same one stale.
+UniqueFd LockDirectory(const path &directory) {
+    UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd || flock(fd.Get(), LOCK_EX) != 0) {
+        ThrowErrno("run directory " + directory.string());
+    }
+    return fd;
+}
+
+// Removes what a dead server left at the path; throws when a live one, or something else, is there.
+void RemoveStale(const path &socketPath, const sockaddr_un &address) {
+    struct stat status;
+    if (lstat(socketPath.c_str(), &status) != 0) {
+        return;
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        throw std::runtime_error(socketPath.string() + ": not a socket; expected none, or one that a server left");
+    }
+    const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!probe) {
+        ThrowErrno("socket");
+    }
+    if (ConnectTo(probe.Get(), address) == 0 || errno != ECONNREFUSED) {
+        throw std::runtime_error(socketPath.string() + ": in use by a live server");
+    }
+    if (unlink(socketPath.c_str()) != 0) {
+        ThrowErrno(socketPath.string());
+    }
+}
+
+class UnixListener final : public Listener {
+public:
+    explicit UnixListener(path socketPath) : path_(std::move(socketPath)) {
+        sockaddr_un address;
+        if (!FillAddress(path_, address)) {
+            throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
+                                                 path_.native().size(), sizeof address.sun_path - 1));
+        }
+        create_directories(path_.parent_path());
+        const UniqueFd lock = LockDirectory(path_.parent_path());
+        RemoveStale(path_, address);
+        fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (!fd_ || bind(fd_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+            ThrowErrno(path_.string());
+        }
+        struct stat status;
+        if (listen(fd_.Get(), SOMAXCONN) != 0 || lstat(path_.c_str(), &status) != 0) {
+            ThrowErrno(path_.string());
+        }
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+    }
+
+    // Removes the path only while it is this socket's.
+    ~UnixListener() override {
+        struct stat status;
+        if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+            unlink(path_.c_str());
+        }
+    }
+
+    int Fd() const override { return fd_.Get(); }
+    path Path() const override { return path_; }
+
+private:
+    const path path_;
+    UniqueFd fd_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
+} // namespace
+
+std::string UnixTransport::Address(std::string_view service, uint32_t pid) const {
+    return directory_.Socket(service, pid).string();
+}
+
+bool UnixTransport::Knows(std::string_view service, uint32_t pid) const {
+    struct stat status;
+    return stat(directory_.Socket(service, pid).c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+UniqueFd UnixTransport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
+    sockaddr_un address;
+    if (!FillAddress(directory_.Socket(service, pid), address)) {
+        error = ENAMETOOLONG;
+        return UniqueFd();
+    }
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
+        error = errno;
+        return fd;
+    }
+    // Where the listener's queue is full, connect waits as long as a send may.
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+    const auto wait = std::max<int64_t>(left, 1);
+    const timeval timeout = {wait / 1000000, wait % 1000000};
+    setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    if (ConnectTo(fd.Get(), address) != 0) {
+        error = errno == EAGAIN ? ETIMEDOUT : errno;
+        return UniqueFd();
+    }
+    return fd;
+}
+
+std::unique_ptr<Listener> UnixTransport::Listen(std::string_view service) const {
+    return std::make_unique<UnixListener>(directory_.Socket(service, 0));
+}
+
+} // namespace host

@@ -1,0 +1,1062 @@
+// The runtime over real sockets: the library's proxies and wrappers, and peers that misbehave.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/agent.h"
+#include "types/tarnd.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <future>
+#include <mutex>
+
+#include "client/agent.h"
+#include "host/osal/accounting.h"
+#include "host/osal/log.h"
+#include "host/runtime/catalogue.h"
+#include "host/runtime/protocol.h"
+#include "host/runtime/reply.h"
+#include "host/runtime/server.h"
+#include "host/runtime/transport.h"
+#include "kit.h"
+#include "served.h"
+#include "server/tarnd.h"
+#include "server/tarnd_agent.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Online = Tarn_sys_diag_PidIsOnlineOuput;
+constexpr const char *kTarnd = "TarnSysdiagTarnd";
+
+template <class Record>
+const Record &As(const void *request) {
+    return *static_cast<const Record *>(request);
+}
+
+uint32_t AnswerOnline(const void *request, void *replyCtx) {
+    Online online{As<Tarn_sys_diag_PidIsOnlineInput>(request).uiPid, 1};
+    return TarnHost_Reply(replyCtx, &online);
+}
+
+// A run directory with a server of all services, and a client beside the proxies' own.
+class RuntimeTest : public testing::Test {
+protected:
+    RuntimeTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
+        host::Log().set_level(spdlog::level::off); // refusals are what most tests here are about
+        served::On("PidIsOnline", AnswerOnline);
+        host::Client::Default().Configure({.runDir = dir_.Path()});
+        client_.Configure({.runDir = dir_.Path()});
+        StartServer();
+    }
+
+    ~RuntimeTest() override {
+        client_.Shutdown();
+        host::Client::Default().Shutdown();
+        server_.reset();
+        served::Reset();
+        EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
+        host::Log().set_level(spdlog::level::info);
+    }
+
+    void StartServer(host::Limits limits = {}) {
+        server_.reset();
+        server_ = std::make_unique<host::Server>(
+            host::ServerOptions{.runDir = dir_.Path(), .limits = limits, .stopBound = 300ms});
+        server_->AddService(__module_spec_TarnSysdiagTarnd);
+        server_->AddService(__module_spec_TarnSysdiagTarndAgent);
+        server_->AddService(served_module_spec_TarnSysdiagAgent);
+        server_->Start();
+    }
+
+    host::CallOutcome AskOnline(uint32_t pid = 7, std::chrono::milliseconds deadline = 10s) {
+        const Tarn_sys_diag_PidIsOnlineInput input{pid};
+        return Ask("PidIsOnline", input, deadline);
+    }
+
+    template <class Request>
+    host::CallOutcome Ask(const char *method, const Request &request, std::chrono::milliseconds deadline = 10s) {
+        return client_.Call(kTarnd, 0, method, velto::kTypeHash<Request>, kit::Encode<Unit>(request), deadline);
+    }
+
+    std::filesystem::path SocketOf(const char *service) const {
+        return host::Directory(dir_.Path()).Socket(service, 0);
+    }
+
+    kit::TempDir dir_;
+    host::Client client_;
+    std::unique_ptr<host::Server> server_;
+    const uint64_t liveBefore_;
+};
+
+// --- Exchanges of every shape
+
+TEST_F(RuntimeTest, FixedReply) {
+    const kit::Answer<Unit, Online> answer(AskOnline(4711));
+    EXPECT_EQ(answer.Status(), 0U) << answer.Text();
+    EXPECT_EQ(answer->uiPid, 4711U);
+    EXPECT_EQ(answer->ucIsOnline, 1);
+    EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
+}
+
+TEST_F(RuntimeTest, VariableReply) {
+    served::On("GetAllTidsByPid", [](const void *request, void *replyCtx) {
+        uint32_t tids[] = {As<Tarn_sys_diag_Pid>(request).uiPid, 2, 3};
+        Tarn_sys_diag_Tids reply{3, tids};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    const auto answer =
+        kit::Call<Unit, Tarn_sys_diag_Tids>(client_, kTarnd, 0, "GetAllTidsByPid", Tarn_sys_diag_Pid{9});
+    ASSERT_EQ(answer.Status(), 0U) << answer.Text();
+    ASSERT_EQ(answer->uiTidNum, 3U);
+    EXPECT_EQ(answer->puiTids[0], 9U);
+    EXPECT_EQ(answer->puiTids[2], 3U);
+    EXPECT_EQ(served::Freed("GetAllTidsByPid"), 1U);
+}
+
+TEST_F(RuntimeTest, OwningRequest) {
+    served::On("GetTaskInfo", [](const void *request, void *replyCtx) {
+        std::string text = std::string("task ") + As<Tarn_sys_diag_GetTaskInfoInput>(request).pcTaskName;
+        Tarn_sys_diag_GetTaskInfoResult reply{text.data(), 5, nullptr};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    char name[] = "worker";
+    const Tarn_sys_diag_GetTaskInfoInput input{1, 2, name, 3, 4};
+    const auto answer = kit::Call<Unit, Tarn_sys_diag_GetTaskInfoResult>(client_, kTarnd, 0, "GetTaskInfo", input);
+    ASSERT_EQ(answer.Status(), 0U) << answer.Text();
+    EXPECT_STREQ(answer->pcTaskInfo, "task worker");
+}
+
+TEST_F(RuntimeTest, LargeRequest) {
+    served::On("ZipLogFile", [](const void *request, void *replyCtx) {
+        const auto &input = As<Tarn_sys_diag_ZiploginfoInput>(request);
+        Tarn_sys_diag_Result reply{input.uiZipOption + static_cast<uint32_t>(strlen(input.szZipName))};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    Tarn_sys_diag_ZiploginfoInput input{};
+    kit::Set(input.szZipName, "logs.zip");
+    input.uiZipOption = 100;
+    const auto answer = kit::Call<Unit, Tarn_sys_diag_Result>(client_, kTarnd, 0, "ZipLogFile", input);
+    ASSERT_EQ(answer.Status(), 0U) << answer.Text();
+    EXPECT_EQ(answer->uiResult, 108U);
+}
+
+TEST_F(RuntimeTest, MethodWithoutReplyIsAnsweredWhenItHasRun) {
+    std::atomic<int> runs = 0;
+    served::On("DetectTarndServerOnline", [&](const void *, void *) {
+        ++runs;
+        return 0U;
+    });
+    const host::CallOutcome outcome = Ask("DetectTarndServerOnline", Tarn_sys_diag_None{});
+    EXPECT_TRUE(outcome.Ok()) << outcome.text;
+    EXPECT_TRUE(outcome.bytes.empty());
+    EXPECT_EQ(runs, 1);
+}
+
+TEST_F(RuntimeTest, OnewayRequestsRunInOrderAndBeforeLaterCalls) {
+    std::mutex mutex;
+    std::string seen;
+    served::On("DBGCmdExecShowByTarnd", [&](const void *request, void *) {
+        std::this_thread::sleep_for(1ms);
+        const std::lock_guard lock(mutex);
+        seen += As<Tarn_sys_diag_DbgCmdShowByTarndInput>(request).pcCmdStr;
+        return 0U;
+    });
+    std::string expected;
+    for (int i = 0; i < 50; ++i) {
+        std::string word(1, static_cast<char>('a' + i % 26));
+        expected += word;
+        const Tarn_sys_diag_DbgCmdShowByTarndInput input{word.data(), 1};
+        ASSERT_EQ((kit::Oneway<Unit>(client_, kTarnd, 0, "DBGCmdExecShowByTarnd", input)), 0U);
+    }
+    EXPECT_TRUE(AskOnline().Ok());
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(seen, expected);
+}
+
+TEST_F(RuntimeTest, MethodWithReplyMayBeCalledOneway) {
+    EXPECT_EQ((kit::Oneway<Unit>(client_, kTarnd, 0, "PidIsOnline", Tarn_sys_diag_PidIsOnlineInput{1})), 0U);
+    EXPECT_TRUE(AskOnline().Ok());
+    EXPECT_EQ(served::Freed("PidIsOnline"), 2U);
+}
+
+TEST_F(RuntimeTest, ReplyOfManyMegabytes) {
+    std::vector<uint32_t> tids(3'000'000);
+    for (uint32_t i = 0; i < tids.size(); ++i) {
+        tids[i] = i * 2654435761U;
+    }
+    served::On("GetAllTidsByPid", [&](const void *, void *replyCtx) {
+        Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    const auto answer =
+        kit::Call<Unit, Tarn_sys_diag_Tids>(client_, kTarnd, 0, "GetAllTidsByPid", Tarn_sys_diag_Pid{9});
+    ASSERT_EQ(answer.Status(), 0U) << answer.Text();
+    ASSERT_EQ(answer->uiTidNum, tids.size());
+    EXPECT_EQ(memcmp(answer->puiTids, tids.data(), 4 * tids.size()), 0);
+}
+
+// --- The library's proxies
+
+TEST_F(RuntimeTest, ProxyCallsAndWaits) {
+    served::On("DBGCmdExecResultGet", [](const void *, void *replyCtx) {
+        char text[] = "42 threads";
+        Tarn_sys_diag_DiagResult reply{0, 42, text};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    const Tarn_sys_diag_DbgCmdResultGetInput input{};
+    Tarn_sys_diag_DiagResult reply{};
+    TarnHost_InvokeCtx ctx{static_cast<uint32_t>(getpid()), 10000};
+    const IdlCallResult result = TarnSysdiagAgent_DBGCmdExecResultGet(&input, &reply, &ctx);
+    ASSERT_EQ(result.uiErrCode, 0U) << TarnHost_LastError();
+    EXPECT_EQ(result.uiStatus, 0U);
+    EXPECT_EQ(reply.uiValue, 42U);
+    EXPECT_STREQ(reply.szText, "42 threads");
+    IdlCodecTable codec{};
+    TarnSysdiagAgent_DBGCmdExecResultGetSetIdl(&codec);
+    codec.pfnFreeUnpacked(&reply);
+}
+
+TEST_F(RuntimeTest, ProxyWithoutReply) {
+    std::atomic<int> shows = 0;
+    served::On("DBGCmdExecShow", [&](const void *request, void *) {
+        shows += strcmp(As<Tarn_sys_diag_DbgCmdShowInput>(request).pcCmdStr, "threads") == 0 ? 1 : 100;
+        return 0U;
+    });
+    char command[] = "threads";
+    const Tarn_sys_diag_DbgCmdShowInput input{command};
+    const IdlCallResult result = TarnSysdiagAgent_DBGCmdExecShow(&input, nullptr);
+    EXPECT_EQ(result.uiErrCode, 0U) << TarnHost_LastError();
+    EXPECT_EQ(shows, 1);
+    EXPECT_EQ(TarnSysdiagAgent_DBGCmdExecShow_oneway(&input, nullptr), 0U);
+    EXPECT_EQ(TarnSysdiagAgent_DBGCmdExecShow_async(&input, nullptr, nullptr, nullptr), 0U);
+    EXPECT_TRUE(kit::Eventually([&] { return shows == 3; }));
+}
+
+TEST_F(RuntimeTest, ProxyIsToldTheMethodsStatusInWords) {
+    const Tarn_sys_diag_DbgCmdResultGetInput input{};
+    Tarn_sys_diag_DiagResult reply{};
+    const IdlCallResult result = TarnSysdiagAgent_DBGCmdExecResultGet(&input, &reply, nullptr);
+    EXPECT_EQ(result.uiStatus, 38U);
+    EXPECT_EQ(result.uiErrCode, 0U);
+    EXPECT_STREQ(TarnHost_LastError(), "TarnSysdiagAgent.DBGCmdExecResultGet: not implemented");
+}
+
+TEST_F(RuntimeTest, ProxyOfAProcessWithoutAgent) {
+    const Tarn_sys_diag_DbgCmdResultGetInput input{};
+    Tarn_sys_diag_DiagResult reply{};
+    TarnHost_InvokeCtx ctx{999999999, 0};
+    const IdlCallResult result = TarnSysdiagAgent_DBGCmdExecResultGet(&input, &reply, &ctx);
+    EXPECT_EQ(result.uiStatus, 0U);
+    EXPECT_EQ(result.uiErrCode, 22U);
+    EXPECT_NE(std::string(TarnHost_LastError()).find("TarnSysdiagAgent of process 999999999"), std::string::npos);
+}
+
+// Counts callbacks of asynchronous proxies, by the error that they were given.
+struct Callbacks {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<uint32_t, int> byError;
+    int withRecord = 0;
+    int count = 0;
+
+    static void Callback(const IdlCallResult *result, void *response, void *user) {
+        auto &self = *static_cast<Callbacks *>(user);
+        const std::lock_guard lock(self.mutex);
+        ++self.byError[result->uiErrCode];
+        self.withRecord += response != nullptr ? 1 : 0;
+        ++self.count;
+        self.changed.notify_all();
+    }
+
+    bool Wait(int expected) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 20s, [&] { return count >= expected; });
+    }
+};
+
+void AsyncResultGet(Callbacks &callbacks, uint32_t timeoutMs = 0) {
+    const Tarn_sys_diag_DbgCmdResultGetInput input{};
+    TarnHost_InvokeCtx ctx{0, timeoutMs};
+    ASSERT_EQ(TarnSysdiagAgent_DBGCmdExecResultGet_async(&input, Callbacks::Callback, &callbacks, &ctx), 0U);
+}
+
+TEST_F(RuntimeTest, AsynchronousProxyCallsBackOnceWithTheRecord) {
+    served::On("DBGCmdExecResultGet", [](const void *, void *replyCtx) {
+        char text[] = "text that the runtime releases";
+        Tarn_sys_diag_DiagResult reply{0, 42, text};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    Callbacks callbacks;
+    for (int i = 0; i < 200; ++i) {
+        AsyncResultGet(callbacks);
+    }
+    EXPECT_TRUE(callbacks.Wait(200));
+    host::Client::Default().Shutdown();
+    EXPECT_EQ(callbacks.count, 200);
+    EXPECT_EQ(callbacks.withRecord, 200);
+}
+
+TEST_F(RuntimeTest, AsynchronousProxyIsToldOfAMethodsStatus) {
+    Callbacks callbacks;
+    AsyncResultGet(callbacks);
+    EXPECT_TRUE(callbacks.Wait(1));
+    EXPECT_EQ(callbacks.withRecord, 0);
+    EXPECT_EQ(callbacks.byError[0], 1);
+}
+
+// Keeps requests of an agent's method unanswered.
+class Unanswered {
+public:
+    Unanswered() {
+        served::On("DBGCmdExecResultGet", [this](const void *, void *replyCtx) {
+            const std::lock_guard lock(mutex_);
+            contexts_.push_back(replyCtx);
+            return 0U;
+        });
+    }
+    size_t Count() {
+        const std::lock_guard lock(mutex_);
+        return contexts_.size();
+    }
+    void *At(size_t i) {
+        const std::lock_guard lock(mutex_);
+        return contexts_.at(i);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<void *> contexts_;
+};
+
+TEST_F(RuntimeTest, AsynchronousCallsEndOnceAtTheirDeadline) {
+    Unanswered unanswered;
+    Callbacks callbacks;
+    for (int i = 0; i < 20; ++i) {
+        AsyncResultGet(callbacks, 50);
+    }
+    EXPECT_TRUE(callbacks.Wait(20));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(callbacks.count, 20);
+    EXPECT_EQ(callbacks.byError[ETIMEDOUT], 20);
+}
+
+TEST_F(RuntimeTest, AsynchronousCallsEndOnceAtShutdown) {
+    Unanswered unanswered;
+    Callbacks callbacks;
+    for (int i = 0; i < 20; ++i) {
+        AsyncResultGet(callbacks);
+    }
+    EXPECT_TRUE(kit::Eventually([&] { return unanswered.Count() == 20; }));
+    host::Client::Default().Shutdown();
+    EXPECT_EQ(callbacks.count, 20);
+    EXPECT_EQ(callbacks.byError[ECANCELED], 20);
+}
+
+TEST_F(RuntimeTest, AsynchronousCallsEndOnceWhenTheServerEnds) {
+    Unanswered unanswered;
+    Callbacks callbacks;
+    for (int i = 0; i < 20; ++i) {
+        AsyncResultGet(callbacks);
+    }
+    EXPECT_TRUE(kit::Eventually([&] { return unanswered.Count() == 20; }));
+    EXPECT_TRUE(server_->Stop());
+    EXPECT_TRUE(callbacks.Wait(20));
+    EXPECT_EQ(callbacks.count, 20);
+    EXPECT_EQ(callbacks.byError[ECANCELED], 20);
+}
+
+TEST_F(RuntimeTest, AsynchronousCallToNobodyStillCallsBack) {
+    const std::filesystem::path path = SocketOf("TarnSysdiagAgent");
+    server_->Stop();
+    std::ofstream(path).close();
+    std::promise<host::CallOutcome> ended;
+    client_.CallAsync({.service = "TarnSysdiagAgent", .method = "DBGCmdExecClean"},
+                      [&](host::CallOutcome &&outcome) { ended.set_value(std::move(outcome)); });
+    EXPECT_EQ(ended.get_future().get().errCode, uint32_t{ECONNREFUSED});
+    std::filesystem::remove(path);
+}
+
+TEST_F(RuntimeTest, AsynchronousCallsRaceWithShutdown) {
+    std::atomic<int> started = 0;
+    std::atomic<int> ended = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) {
+                ++started;
+                const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_PidIsOnlineInput{1});
+                client_.CallAsync({.service = kTarnd,
+                                   .method = "PidIsOnline",
+                                   .requestHash = velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>,
+                                   .request = request},
+                                  [&](host::CallOutcome &&) { ++ended; });
+            }
+        });
+    }
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(2ms);
+        client_.Shutdown();
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    client_.Shutdown();
+    EXPECT_EQ(ended, started);
+}
+
+// --- Replies
+
+TEST_F(RuntimeTest, ReplyFromAnotherThreadAfterTheHandlerReturned) {
+    std::thread later;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        later = std::thread([pid = As<Tarn_sys_diag_PidIsOnlineInput>(request).uiPid, replyCtx] {
+            std::this_thread::sleep_for(30ms);
+            Online online{pid, 0};
+            EXPECT_EQ(TarnHost_Reply(replyCtx, &online), 0U);
+            EXPECT_EQ(TarnHost_Reply(replyCtx, &online), uint32_t{EALREADY});
+        });
+        return 0U;
+    });
+    const kit::Answer<Unit, Online> answer(AskOnline(77));
+    server_->Stop(); // the handler has returned
+    later.join();
+    EXPECT_EQ(answer.Status(), 0U) << answer.Text();
+    EXPECT_EQ(answer->uiPid, 77U);
+    EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
+}
+
+TEST_F(RuntimeTest, SecondReplyIsRefusedAndTheRecordStaysTheHandlers) {
+    std::atomic<uint32_t> second = 0;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        Online online{1, 1};
+        EXPECT_EQ(TarnHost_Reply(replyCtx, &online), 0U);
+        online.uiPid = 2;
+        second = TarnHost_Reply(replyCtx, &online);
+        return 0U;
+    });
+    const kit::Answer<Unit, Online> answer(AskOnline());
+    server_->Stop();
+    EXPECT_EQ(answer->uiPid, 1U);
+    EXPECT_EQ(second, uint32_t{EALREADY});
+    EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
+}
+
+TEST_F(RuntimeTest, ReplyWithAStatusLater) {
+    std::thread later;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        later = std::thread([replyCtx] {
+            EXPECT_EQ(TarnHost_ReplyStatus(replyCtx, 0), uint32_t{EINVAL});
+            EXPECT_EQ(TarnHost_ReplyStatus(replyCtx, ESRCH), 0U);
+            EXPECT_EQ(TarnHost_ReplyStatus(replyCtx, ESRCH), uint32_t{EALREADY});
+        });
+        return 0U;
+    });
+    const host::CallOutcome outcome = AskOnline();
+    server_->Stop();
+    later.join();
+    EXPECT_EQ(outcome.status, uint32_t{ESRCH});
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.PidIsOnline: status 3 (No such process)");
+}
+
+TEST_F(RuntimeTest, NullsAreRefused) {
+    Online online{};
+    EXPECT_EQ(TarnHost_Reply(nullptr, &online), uint32_t{EINVAL});
+    EXPECT_EQ(TarnHost_Reply(&online, nullptr), uint32_t{EINVAL});
+    EXPECT_EQ(RPC_IdlMsgAsyncCall(nullptr), uint32_t{EINVAL});
+    EXPECT_EQ(RPC_GetUsrFuncLib(&online), nullptr);
+    EXPECT_EQ(RPC_GetRpcInvoke(nullptr, nullptr), nullptr);
+}
+
+TEST_F(RuntimeTest, UnansweredRequestEndsAtItsDeadline) {
+    std::atomic<void *> context = nullptr;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        context = replyCtx;
+        return 0U;
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    const host::CallOutcome outcome = AskOnline(1, 100ms);
+    EXPECT_EQ(outcome.errCode, uint32_t{ETIMEDOUT}) << outcome.text;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+    EXPECT_TRUE(kit::Eventually([&] {
+        Online online{};
+        return TarnHost_Reply(context, &online) == EALREADY;
+    }));
+}
+
+TEST_F(RuntimeTest, NotImplementedSaysSo) {
+    const host::CallOutcome outcome = Ask("GetHugePagesInfo", Tarn_sys_diag_None{});
+    EXPECT_EQ(outcome.status, 38U);
+    EXPECT_EQ(outcome.errCode, 0U);
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.GetHugePagesInfo: not implemented");
+}
+
+TEST_F(RuntimeTest, EveryServedMethodAnswers) {
+    for (const host::MethodInfo &method : host::Catalogue()) {
+        if (method.service != kTarnd || method.method == "PidIsOnline") {
+            continue;
+        }
+        const uint8_t empty[] = {8, 0, 0, 0, 4, 0, 4, 0, 4, 0, 0, 0}; // a table without fields
+        const host::CallOutcome outcome =
+            client_.Call(method.service, 0, method.method, method.requestHash, empty, 10s);
+        EXPECT_EQ(outcome.status, 38U) << method.method << ": " << outcome.text;
+    }
+}
+
+// --- Deadlines
+
+TEST_F(RuntimeTest, DeadlineOfASlowHandlerIsAnErrorTheCallerSees) {
+    served::On("PidIsOnline", [](const void *request, void *replyCtx) {
+        std::this_thread::sleep_for(300ms);
+        return AnswerOnline(request, replyCtx);
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    const host::CallOutcome outcome = AskOnline(1, 50ms);
+    EXPECT_EQ(outcome.errCode, uint32_t{ETIMEDOUT});
+    EXPECT_NE(outcome.text.find("no answer within 50 ms"), std::string::npos) << outcome.text;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 250ms);
+    EXPECT_TRUE(AskOnline(2).Ok()) << "the late reply of the call before must not be taken for this one's";
+}
+
+TEST_F(RuntimeTest, PeerThatNeverReadsIsAnErrorAtTheDeadline) {
+    served::On("PidIsOnline", [](const void *, void *) {
+        std::this_thread::sleep_for(100ms);
+        return 38U;
+    });
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = dir_.Path() / "Deaf.sock";
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    const std::vector<uint8_t> request(8 << 20);
+    const host::CallOutcome outcome = client_.Call("Deaf", 0, "Any", 0, request, 100ms);
+    EXPECT_EQ(outcome.errCode, uint32_t{ETIMEDOUT}) << outcome.text;
+    close(listener);
+}
+
+// --- Refusals
+
+TEST_F(RuntimeTest, UnknownMethodAndServiceAreRefused) {
+    host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnlin", 1, {}, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.PidIsOnlin: the service has no such method");
+
+    std::filesystem::create_symlink(SocketOf(kTarnd), SocketOf("Other"));
+    outcome = client_.Call("Other", 0, "PidIsOnline", 1, {}, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
+    EXPECT_NE(outcome.text.find("no such service here; served are"), std::string::npos) << outcome.text;
+    EXPECT_NE(outcome.text.find(kTarnd), std::string::npos) << outcome.text;
+
+    EXPECT_EQ(client_.Call("Nobody", 0, "PidIsOnline", 1, {}, 10s).errCode, uint32_t{ENOENT});
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+TEST_F(RuntimeTest, AnotherTypeHashIsRefused) {
+    const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_PidIsOnlineInput{1});
+    const host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnline", 0x12345678, request, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{EPROTOTYPE});
+    EXPECT_EQ(outcome.text.find("TarnSysdiagTarnd.PidIsOnline: request of type 0x12345678, expected 0x"), 0U)
+        << outcome.text;
+    EXPECT_EQ(served::Freed("PidIsOnline"), 0U);
+}
+
+TEST_F(RuntimeTest, UndecodableRequestIsRefusedWithTheDecodersLogRecord) {
+    std::mutex mutex;
+    std::string logged;
+    host::SetLogHook([&](const host::LogRecord &record) {
+        const std::lock_guard lock(mutex);
+        logged += record.function + ": " + record.text;
+    });
+    const uint8_t bad[] = {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
+    const uint32_t hash = velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>;
+    const host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnline", hash, bad, 10s);
+    const host::CallOutcome empty = client_.Call(kTarnd, 0, "PidIsOnline", hash, {}, 10s);
+    host::SetLogHook(nullptr);
+    EXPECT_EQ(outcome.status, 12U);
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.PidIsOnline: the request of 8 bytes is not a valid message");
+    EXPECT_EQ(empty.status, 12U);
+    EXPECT_NE(logged.find("Tarn_sys_diag_PidIsOnlineInput_unpack: [VELTO]:Table offset(4294967295)"), std::string::npos)
+        << logged;
+}
+
+TEST_F(RuntimeTest, OversizeRequestIsRefusedBeforeItIsSent) {
+    const std::vector<uint8_t> request((16U << 20) + 1);
+    const host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnline", 1, request, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
+    EXPECT_NE(outcome.text.find("request of 16777217 bytes, expected at most 16777216"), std::string::npos)
+        << outcome.text;
+}
+
+TEST_F(RuntimeTest, OversizeRequestIsRefusedByTheServer) {
+    StartServer({.messageBytes = 1000});
+    for (const size_t size : {1001U, 10U << 20}) {
+        const std::vector<uint8_t> request(size);
+        const host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnline", 1, request, 10s);
+        EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE}) << outcome.text;
+        EXPECT_EQ(outcome.text,
+                  "connection refused: message of " + std::to_string(size) + " bytes, expected at most 1000");
+        EXPECT_TRUE(AskOnline().Ok());
+    }
+}
+
+TEST_F(RuntimeTest, OversizeReplyIsRefusedOnBothSides) {
+    std::vector<uint32_t> tids(1000);
+    served::On("GetAllTidsByPid", [&](const void *, void *replyCtx) {
+        Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    client_.Configure({.runDir = dir_.Path(), .limits = {.messageBytes = 2000}});
+    host::CallOutcome outcome = Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1});
+    EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
+    EXPECT_NE(outcome.text.find("expected at most 2000"), std::string::npos) << outcome.text;
+    EXPECT_TRUE(AskOnline().Ok());
+
+    client_.Configure({.runDir = dir_.Path()});
+    StartServer({.messageBytes = 2000});
+    outcome = Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1});
+    EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.GetAllTidsByPid: the reply is larger than 2000 bytes");
+    EXPECT_EQ(served::Freed("GetAllTidsByPid"), 2U);
+}
+
+TEST_F(RuntimeTest, OversizeReplyEndsAnAsynchronousCall) {
+    std::vector<uint32_t> tids(1000);
+    served::On("GetAllTidsByPid", [&](const void *, void *replyCtx) {
+        Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    client_.Configure({.runDir = dir_.Path(), .limits = {.messageBytes = 2000}});
+    std::promise<host::CallOutcome> ended;
+    const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_Pid{1});
+    client_.CallAsync({.service = kTarnd,
+                       .method = "GetAllTidsByPid",
+                       .requestHash = velto::kTypeHash<Tarn_sys_diag_Pid>,
+                       .request = request},
+                      [&](host::CallOutcome &&outcome) { ended.set_value(std::move(outcome)); });
+    EXPECT_EQ(ended.get_future().get().errCode, uint32_t{EMSGSIZE});
+}
+
+// --- Peers that misbehave
+
+// A connection of which the test sends the bytes.
+class RawPeer {
+public:
+    explicit RawPeer(const std::filesystem::path &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(fd_.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    }
+    explicit RawPeer(int fd) : fd_(fd) {}
+
+    void Send(std::span<const uint8_t> bytes) const {
+        EXPECT_EQ(send(fd_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+
+    // The frames that arrive until the other side closes, or until there are so many.
+    std::vector<host::Frame> Read(size_t most = SIZE_MAX) const {
+        host::FrameParser parser(16 << 20);
+        std::vector<host::Frame> frames;
+        uint8_t buffer[4096];
+        while (frames.size() < most) {
+            pollfd waiting{fd_.Get(), POLLIN, 0};
+            if (poll(&waiting, 1, 20000) != 1) {
+                ADD_FAILURE() << "nothing came";
+                break;
+            }
+            const ssize_t count = recv(fd_.Get(), buffer, sizeof buffer, 0);
+            if (count <= 0) {
+                break;
+            }
+            std::span<const uint8_t> bytes(buffer, static_cast<size_t>(count));
+            while (!bytes.empty() && parser.ErrCode() == 0) {
+                bytes = bytes.subspan(parser.Feed(bytes));
+                if (parser.HasFrame()) {
+                    frames.push_back(parser.Take());
+                }
+            }
+        }
+        return frames;
+    }
+
+private:
+    host::UniqueFd fd_;
+};
+
+std::vector<uint8_t> OnlineRequest(uint64_t id) {
+    host::FrameHeader header;
+    header.id = id;
+    header.typeHash = velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>;
+    header.deadlineMs = 10000;
+    strcpy(header.service, kTarnd);
+    strcpy(header.method, "PidIsOnline");
+    return host::MakeFrame(header, kit::Encode<Unit>(Tarn_sys_diag_PidIsOnlineInput{static_cast<uint32_t>(id)}));
+}
+
+TEST_F(RuntimeTest, GarbageIsAnsweredWithWhatIsWrongAndTheConnectionClosed) {
+    const RawPeer peer(SocketOf(kTarnd));
+    const std::string garbage = "GET / HTTP/1.1\r\n";
+    peer.Send({reinterpret_cast<const uint8_t *>(garbage.data()), garbage.size()});
+    const auto frames = peer.Read();
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.kind, host::FrameKind::kError);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{EBADMSG});
+    EXPECT_EQ(host::ErrorText(frames[0].payload),
+              "connection refused: not a frame: it starts with 47 45 54 20, expected 54 52 50 43 (\"TRPC\")");
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+TEST_F(RuntimeTest, ReplyFromAClientIsRefused) {
+    const RawPeer peer(SocketOf(kTarnd));
+    std::vector<uint8_t> reply = OnlineRequest(5);
+    reply[6] = 3;
+    peer.Send(reply);
+    const auto frames = peer.Read(1);
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{EBADMSG});
+}
+
+TEST_F(RuntimeTest, PeersThatDieInMidMessageLeaveNothingBehind) {
+    const std::vector<uint8_t> request = OnlineRequest(1);
+    for (size_t size = 0; size < request.size(); size += 7) {
+        const RawPeer peer(SocketOf(kTarnd));
+        peer.Send(std::span(request).first(size));
+    }
+    EXPECT_TRUE(AskOnline().Ok());
+    EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
+}
+
+TEST_F(RuntimeTest, PeersThatDieBeforeTheirAnswerLeaveNothingBehind) {
+    for (int i = 0; i < 50; ++i) {
+        const RawPeer peer(SocketOf(kTarnd));
+        peer.Send(OnlineRequest(1));
+    }
+    EXPECT_TRUE(kit::Eventually([] { return served::Freed("PidIsOnline") == 50; }));
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+TEST_F(RuntimeTest, PipelinedRequestsAreAllAnswered) {
+    const RawPeer peer(SocketOf(kTarnd));
+    constexpr uint64_t kRequests = 300; // several times the limit in flight
+    std::vector<uint8_t> stream;
+    for (uint64_t id = 1; id <= kRequests; ++id) {
+        const std::vector<uint8_t> request = OnlineRequest(id);
+        stream.insert(stream.end(), request.begin(), request.end());
+    }
+    peer.Send(stream);
+    std::map<uint64_t, int> answers;
+    for (const host::Frame &frame : peer.Read(kRequests)) {
+        EXPECT_EQ(frame.header.kind, host::FrameKind::kReply);
+        ++answers[frame.header.id];
+    }
+    EXPECT_EQ(answers.size(), kRequests);
+}
+
+TEST_F(RuntimeTest, RequestsOfOneConnectionRunAtTheSameTime) {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int inside = 0;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        std::unique_lock lock(mutex);
+        ++inside;
+        changed.notify_all();
+        EXPECT_TRUE(changed.wait_for(lock, 10s, [&] { return inside == 3; }));
+        return AnswerOnline(request, replyCtx);
+    });
+    const RawPeer peer(SocketOf(kTarnd));
+    for (uint64_t id = 1; id <= 3; ++id) {
+        peer.Send(OnlineRequest(id));
+    }
+    EXPECT_EQ(peer.Read(3).size(), 3U);
+    server_->Stop();
+}
+
+// A server that is the test's: it takes one connection, a request of it, and answers with bytes.
+class FakeServer {
+public:
+    FakeServer(const std::filesystem::path &path, std::vector<uint8_t> answer, bool repeatId = false) {
+        listener_ = host::UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(listener_.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener_.Get(), 5), 0);
+        thread_ = std::thread([this, answer = std::move(answer), repeatId]() mutable {
+            const RawPeer peer(accept(listener_.Get(), nullptr, nullptr));
+            const auto frames = peer.Read(1);
+            if (repeatId && frames.size() == 1) {
+                velto::Store(answer.data() + 8, frames[0].header.id);
+            }
+            peer.Send(answer);
+        });
+    }
+    ~FakeServer() { thread_.join(); }
+    FakeServer(const FakeServer &) = delete;
+    FakeServer &operator=(const FakeServer &) = delete;
+
+private:
+    host::UniqueFd listener_;
+    std::thread thread_;
+};
+
+std::vector<uint8_t> FakeReply(uint32_t claimedLength, size_t sent) {
+    host::FrameHeader header;
+    header.kind = host::FrameKind::kReply;
+    std::vector<uint8_t> bytes = host::MakeFrame(header, std::vector<uint8_t>(sent));
+    velto::Store(bytes.data() + 32, claimedLength);
+    return bytes;
+}
+
+// What both kinds of call say of a server's answer.
+class FakeServerTest : public RuntimeTest {
+protected:
+    void Expect(uint32_t errCode, const std::vector<uint8_t> &answer, bool repeatId, const std::string &text) {
+        host::CallOutcome outcome;
+        {
+            const FakeServer server(dir_.Path() / "Fake.sock", answer, repeatId);
+            outcome = client_.Call("Fake", 0, "Any", 1, {}, 5s);
+        }
+        EXPECT_EQ(outcome.errCode, errCode) << outcome.text;
+        EXPECT_NE(outcome.text.find(text), std::string::npos) << outcome.text;
+        std::filesystem::remove(dir_.Path() / "Fake.sock");
+        std::promise<host::CallOutcome> ended;
+        {
+            const FakeServer server(dir_.Path() / "Fake.sock", answer, repeatId);
+            client_.CallAsync({.service = "Fake", .method = "Any", .requestHash = 1, .deadline = 5s},
+                              [&](host::CallOutcome &&end) { ended.set_value(std::move(end)); });
+            outcome = ended.get_future().get();
+        }
+        EXPECT_EQ(outcome.errCode, errCode) << outcome.text;
+        std::filesystem::remove(dir_.Path() / "Fake.sock");
+    }
+};
+
+TEST_F(FakeServerTest, DiesInMidReply) {
+    Expect(ECONNRESET, FakeReply(100, 50), true, "the connection ended before the answer");
+}
+
+TEST_F(FakeServerTest, SendsGarbage) {
+    Expect(EBADMSG, std::vector<uint8_t>(200, 0xEE), false, "not a frame");
+}
+
+TEST_F(FakeServerTest, ClaimsTooMuch) {
+    Expect(EMSGSIZE, FakeReply(0xFFFFFFFF, 0), true, "message of 4294967295 bytes");
+}
+
+TEST_F(FakeServerTest, AnswersAnotherCall) {
+    Expect(ECONNRESET, FakeReply(0, 0), false, "the connection ended before the answer");
+}
+
+TEST_F(FakeServerTest, SendsRequests) {
+    std::vector<uint8_t> request = FakeReply(0, 0);
+    request[6] = 1;
+    Expect(EBADMSG, request, true, "a server sends replies");
+}
+
+// --- Many at once, restarts, ends
+
+TEST_F(RuntimeTest, ConcurrentClients) {
+    constexpr uint32_t kThreads = 8;
+    constexpr uint32_t kCalls = 100;
+    std::atomic<uint32_t> good = 0;
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (uint32_t i = 0; i < kCalls; ++i) {
+                const kit::Answer<Unit, Online> answer(AskOnline(t * 1000 + i));
+                good += answer.Status() == 0 && answer->uiPid == t * 1000 + i ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(good, kThreads * kCalls);
+}
+
+TEST_F(RuntimeTest, ClientGoesOnAfterARestart) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(AskOnline().Ok());
+        StartServer();
+    }
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+TEST_F(RuntimeTest, NobodyListens) {
+    server_->Stop();
+    const host::CallOutcome outcome = AskOnline();
+    EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
+    EXPECT_NE(outcome.text.find("TarnSysdiagTarnd.sock: not connected: No such file"), std::string::npos)
+        << outcome.text;
+}
+
+TEST_F(RuntimeTest, StopRemovesTheSockets) {
+    const auto paths = server_->Sockets();
+    EXPECT_EQ(paths.size(), 3U);
+    for (const auto &path : paths) {
+        EXPECT_TRUE(std::filesystem::is_socket(path)) << path;
+    }
+    EXPECT_TRUE(server_->Stop());
+    EXPECT_TRUE(server_->Stop());
+    for (const auto &path : paths) {
+        EXPECT_FALSE(std::filesystem::exists(path)) << path;
+    }
+}
+
+TEST_F(RuntimeTest, SocketOfALiveServerIsNotTakenOver) {
+    host::Server second({.runDir = dir_.Path()});
+    second.AddService(__module_spec_TarnSysdiagTarnd);
+    try {
+        second.Start();
+        ADD_FAILURE() << "a second server started";
+    } catch (const std::runtime_error &error) {
+        EXPECT_NE(std::string(error.what()).find("TarnSysdiagTarnd.sock: in use by a live server"), std::string::npos)
+            << error.what();
+    }
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+TEST_F(RuntimeTest, StaleSocketIsReplacedAndAnythingElseIsNot) {
+    server_->Stop();
+    const int left = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    SocketOf(kTarnd).string().copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(left, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    close(left);
+    ASSERT_TRUE(std::filesystem::is_socket(SocketOf(kTarnd)));
+    StartServer();
+    EXPECT_TRUE(AskOnline().Ok());
+
+    server_->Stop();
+    std::ofstream(SocketOf(kTarnd)) << "a file";
+    EXPECT_THROW(server_->Start(), std::runtime_error);
+    EXPECT_TRUE(std::filesystem::is_regular_file(SocketOf(kTarnd)));
+    EXPECT_FALSE(std::filesystem::exists(SocketOf("TarnSysdiagTarndAgent")));
+}
+
+TEST_F(RuntimeTest, StopWaitsForHandlers) {
+    std::promise<void> entered;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        entered.set_value();
+        std::this_thread::sleep_for(100ms);
+        return AnswerOnline(request, replyCtx);
+    });
+    auto call = std::async(std::launch::async, [&] { return AskOnline(); });
+    entered.get_future().wait();
+    EXPECT_TRUE(server_->Stop());
+    const host::CallOutcome outcome = call.get();
+    EXPECT_TRUE(outcome.Ok()) << outcome.text;
+}
+
+TEST_F(RuntimeTest, StopDoesNotWaitForEver) {
+    std::promise<void> entered;
+    std::promise<void> leave;
+    std::atomic<bool> left = false;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        entered.set_value();
+        leave.get_future().wait();
+        const uint32_t status = AnswerOnline(request, replyCtx);
+        left = true;
+        return status;
+    });
+    auto call = std::async(std::launch::async, [&] { return AskOnline(); });
+    entered.get_future().wait();
+    EXPECT_FALSE(server_->Stop());
+    EXPECT_EQ(call.get().errCode, uint32_t{ECANCELED});
+    leave.set_value();
+    EXPECT_TRUE(kit::Eventually([&] { return left.load(); }));
+}
+
+TEST_F(RuntimeTest, MalformedSpecificationsAreRefused) {
+    host::Server server({.runDir = dir_.Path()});
+    server.AddService(__module_spec_TarnSysdiagTarnd);
+    EXPECT_THROW(server.AddService(__module_spec_TarnSysdiagTarnd), std::invalid_argument);
+    IdlModuleSpec nameless = __module_spec_TarnSysdiagTarnd;
+    memset(nameless.acService, 0, sizeof nameless.acService);
+    EXPECT_THROW(server.AddService(nameless), std::invalid_argument);
+    IdlModuleSpec empty = __module_spec_TarnSysdiagTarnd;
+    strcpy(empty.acService, "Empty");
+    empty.pstInterfaces = nullptr;
+    EXPECT_THROW(server.AddService(empty), std::invalid_argument);
+    const IdlInterfaceEntry hollow[2] = {};
+    empty.pstInterfaces = hollow;
+    empty.uiInterfaceNum = 2;
+    EXPECT_THROW(server.AddService(empty), std::invalid_argument);
+}
+
+TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(AskOnline().Ok());
+    const int used = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    rlimit few = before;
+    few.rlim_cur = static_cast<rlim_t>(used) + 2; // a client gets its socket, the server does not
+    close(used);
+    const host::UniqueFd filler(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    client_.Shutdown();
+    host::Client other({.runDir = dir_.Path()});
+    const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_PidIsOnlineInput{1});
+    std::vector<std::future<host::CallOutcome>> calls;
+    for (int i = 0; i < 8; ++i) {
+        calls.push_back(std::async(std::launch::async, [&] {
+            return other.Call(kTarnd, 0, "PidIsOnline", velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>, request,
+                              300ms);
+        }));
+    }
+    int failed = 0;
+    for (auto &call : calls) {
+        failed += call.get().Ok() ? 0 : 1;
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_GT(failed, 0);
+    EXPECT_TRUE(AskOnline().Ok());
+}
+
+// --- The catalogue
+
+TEST(Catalogue, HasEveryMethodOfTheTables) {
+    EXPECT_EQ(host::Catalogue().size(), 79U + 2 + 26 + 15);
+    for (const IdlModuleSpec *const spec : {&__module_spec_TarnSysdiagTarnd, &__module_spec_TarnSysdiagTarndAgent,
+                                            &served_module_spec_TarnSysdiagAgent}) {
+        for (uint32_t i = 1; i < spec->uiInterfaceNum; ++i) {
+            const IdlInterfaceEntry &entry = spec->pstInterfaces[i];
+            const host::MethodInfo *const method = host::FindMethod(spec->acService, entry.acMethod);
+            ASSERT_NE(method, nullptr) << entry.acMethod;
+            EXPECT_EQ(method->index, i) << entry.acMethod;
+            EXPECT_EQ(method->requestHash, entry.uiRequestHash) << entry.acMethod;
+        }
+    }
+}
+
+TEST(Catalogue, MethodNamesAreUnique) {
+    for (const host::MethodInfo &method : host::Catalogue()) {
+        EXPECT_EQ(host::FindMethod(method.method), &method) << method.method;
+    }
+    EXPECT_EQ(host::FindMethod("TarnSysdiagTarnd", "GetDst"), nullptr);
+    EXPECT_EQ(host::FindMethod("GetDust"), nullptr);
+    EXPECT_FALSE(host::FindMethod("DBGCmdExecShow")->Replies());
+    EXPECT_EQ(host::FindMethod("DBGCmdExecShow")->responseHash, 0U);
+}
+
+TEST(Directory, TakesTheRunDirectoryFromTheEnvironment) {
+    setenv("TARN_RUN_DIR", "/some/where", 1);
+    EXPECT_EQ(host::DefaultRunDir(), "/some/where");
+    EXPECT_EQ(host::Directory().Socket("TarnSysdiagAgent", 12), "/some/where/agent-12.sock");
+    EXPECT_EQ(host::Directory().Socket("TarnSysdiagMaster", 0), "/some/where/TarnSysdiagMaster.sock");
+    unsetenv("TARN_RUN_DIR");
+}
+
+} // namespace
