@@ -46,13 +46,17 @@ void RequireSuccess(const Method &method, const host::CallOutcome &outcome) {
     if (outcome.Ok()) {
         return;
     }
-    std::string what = outcome.errCode == 0 && outcome.status == ENOSYS ? "not implemented" : outcome.text;
-    if (what.empty()) {
-        what = strerror(static_cast<int>(outcome.errCode != 0 ? outcome.errCode : outcome.status));
+    const std::string name = fmt::format("{}.{}: ", method.service, method.name);
+    const bool remote = outcome.errCode == 0;
+    std::string what = remote && outcome.status == ENOSYS ? "not implemented" : outcome.text;
+    if (what.starts_with(name)) { // the runtime names the method too
+        what.erase(0, name.size());
     }
-    const std::string code =
-        outcome.errCode != 0 ? fmt::format("error {}", outcome.errCode) : fmt::format("status {}", outcome.status);
-    throw Failure(CodeOf(outcome), fmt::format("{}.{}: {} ({})", method.service, method.name, what, code));
+    if (what.empty()) {
+        what = strerror(static_cast<int>(remote ? outcome.status : outcome.errCode));
+    }
+    const std::string code = remote ? fmt::format("status {}", outcome.status) : fmt::format("error {}", outcome.errCode);
+    throw Failure(CodeOf(outcome), name + what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : ""));
 }
 
 void PrintReply(const Method &method, const std::vector<uint8_t> &reply, bool json) {
@@ -77,7 +81,9 @@ void PrintReply(const Method &method, const std::vector<uint8_t> &reply, bool js
 void Call(const CallOptions &options) {
     const Method &method = RequireMethod(options.method);
     RequireTarget(method, options);
-    const std::vector<uint8_t> request = host::describe::Encode(ReadRecord(*method.request, options.request));
+    const std::vector<uint8_t> request = options.raw.empty()
+                                             ? host::describe::Encode(ReadRecord(*method.request, options.request))
+                                             : ReadMessage(options.raw);
     host::Client client;
     const host::CallOutcome outcome = client.Call(method.service, options.agent.value_or(0), method.name,
                                                   method.request->hash, request, options.timeout);

@@ -17,17 +17,6 @@ using namespace host::describe;
 
 namespace {
 
-// A message as bytes or as hex digits. Text of hex digits is no message: its first four bytes would be a root offset
-// beyond 700 MiB.
-std::vector<uint8_t> MessageFrom(const std::string &content) {
-    std::string digits = content;
-    std::erase_if(digits, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
-    if (auto bytes = FromHex(digits); bytes && !digits.empty()) {
-        return std::move(*bytes);
-    }
-    return {content.begin(), content.end()};
-}
-
 Json ExplanationJson(const Explanation &explanation) {
     Json json{{"accepted", !explanation.refusal}, {"refusal", nullptr}, {"notes", Json::array()}};
     if (const auto &refusal = explanation.refusal) {
@@ -91,6 +80,17 @@ std::string ReadAll(const std::string &file) {
     return content;
 }
 
+// Text of hex digits is no message: its first four bytes would be a root offset beyond 700 MiB.
+std::vector<uint8_t> ReadMessage(const std::string &file) {
+    const std::string content = ReadAll(file);
+    std::string digits = content;
+    std::erase_if(digits, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
+    if (auto bytes = FromHex(digits); bytes && !digits.empty()) {
+        return std::move(*bytes);
+    }
+    return {content.begin(), content.end()};
+}
+
 Record ReadRecord(const Type &type, const std::string &source) {
     const std::string text = source == "-"             ? ReadAll("-")
                              : source.starts_with('@') ? ReadAll(source.substr(1))
@@ -104,7 +104,7 @@ Record ReadRecord(const Type &type, const std::string &source) {
 
 void Decode(const DecodeOptions &options) {
     const Type &type = RequireType(options.type);
-    const std::vector<uint8_t> message = MessageFrom(ReadAll(options.file));
+    const std::vector<uint8_t> message = ReadMessage(options.file);
     const Explanation explanation = Explain(type, message, options.explain);
     if (options.explain) {
         PrintExplanation(explanation, message, options.json);

@@ -32,6 +32,7 @@ private:
 struct CallOptions {
     std::string method;
     std::string request; // JSON, @FILE or -
+    std::string raw;     // file of a message that is sent as it is instead; empty for none
     std::optional<uint32_t> agent;
     std::chrono::milliseconds timeout{0}; // 0 for the runtime's default
     bool json = false;
@@ -62,6 +63,9 @@ const host::describe::Type &RequireType(const std::string &name);
 const host::describe::Method &RequireMethod(const std::string &name);
 
 std::string ReadAll(const std::string &file);
+
+// A message in a file, as bytes or as hex digits.
+std::vector<uint8_t> ReadMessage(const std::string &file);
 
 // A record from JSON text, @FILE or -.
 host::describe::Record ReadRecord(const host::describe::Type &type, const std::string &source);

@@ -59,6 +59,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
     arguments.call.request = "{}";
     call->add_option("METHOD", arguments.call.method, "Method or Service.Method")->required();
     call->add_option("JSON", arguments.call.request, "The request: JSON, @FILE, or - for standard input");
+    call->add_option("--raw", arguments.call.raw, "Send the message in this file as it is, well-formed or not");
     call->add_option("--agent", arguments.call.agent, "The process whose agent is called");
     call->add_option("--timeout", arguments.timeout, "How long to wait: 500ms, 2s, 1m; default 5s");
     call->add_flag("--json", arguments.call.json, "For programs");

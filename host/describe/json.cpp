@@ -307,10 +307,10 @@ Json ParseJson(std::string_view text) {
     };
     try {
         return Json::parse(text, check);
-    } catch (const Json::parse_error &error) {
+    } catch (const Json::exception &error) { // of the syntax, or a number that no double holds
         const std::string_view what = error.what();
-        const size_t start = what.find("parse error");
-        throw JsonError(fmt::format("not JSON: {}", start == what.npos ? what : what.substr(start)));
+        const size_t start = what.find("] ");
+        throw JsonError(fmt::format("not JSON: {}", start == what.npos ? what : what.substr(start + 2)));
     }
 }
 
