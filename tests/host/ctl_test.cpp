@@ -7,10 +7,12 @@
 #include <fstream>
 
 #include "host/describe/json.h"
+#include "host/runtime/reply.h"
+#include "host/runtime/server.h"
 
 namespace {
 
-using host::describe::Json;
+using namespace host::describe;
 
 std::string Slurp(const std::filesystem::path &file) {
     std::ifstream in(file, std::ios::binary);
@@ -158,6 +160,98 @@ TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
     EXPECT_EQ(Run("call PidIsOnline --timeout 500ms"), 3);
     EXPECT_EQ(Run("call ClearMsgCtrlRule --agent 1"), 3);
     EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1) << error_;
+}
+
+// The wrappers of a service with a method for each way in which a call can end.
+// Decodes the request into the record and keeps the codec table, as the library's wrappers do.
+bool Take(const char *method, void *request, IdlServerCodecTable *codec, VeltoPackFn pack, Record &record) {
+    const auto unpack = FindMethod(method)->request->codec->unpack;
+    codec->stCodec = {unpack, pack, nullptr, [](void *) {}, nullptr, nullptr};
+    if (RPC_IdlReqVeltoMsgUnPack(request, record.Data(), codec) == nullptr) {
+        return false;
+    }
+    *RPC_GetUsrFuncLib(record.Data()) = *codec;
+    return true;
+}
+
+uint32_t Answer(const char *method, void *request, void *replyCtx, IdlServerCodecTable *codec, VeltoPackFn pack) {
+    Record record(*FindMethod(method)->request);
+    if (!Take(method, request, codec, pack, record)) {
+        return 12;
+    }
+    Record response = FromJson(*FindMethod(method)->response, ToJson(record));
+    return TarnHost_Reply(replyCtx, response.Data());
+}
+
+uint32_t NeverAnswer(void *request, void *, IdlServerCodecTable *codec) {
+    Record record(*FindMethod("SetTimezone")->request);
+    return Take("SetTimezone", request, codec, FindType("Result")->codec->pack, record) ? 0 : 12;
+}
+
+uint32_t Online(void *request, void *replyCtx, IdlServerCodecTable *codec) {
+    return Answer("PidIsOnline", request, replyCtx, codec, FindType("PidIsOnlineOuput")->codec->pack);
+}
+
+uint32_t Garble(const VeltoOutBuf *out, const void *) {
+    if (out != nullptr) {
+        memset(out->pucBuf, 0xFF, 8);
+    }
+    return 8;
+}
+
+uint32_t Garbled(void *request, void *replyCtx, IdlServerCodecTable *codec) {
+    return Answer("GetHugePagesInfo", request, replyCtx, codec, Garble);
+}
+
+template <uint32_t kStatus>
+uint32_t Return(void *, void *, IdlServerCodecTable *) {
+    return kStatus;
+}
+
+class CtlCall : public Ctl {
+protected:
+    CtlCall() : server_({.runDir = dir_, .stopBound = std::chrono::milliseconds(100)}) {
+        spec_.uiInterfaceNum = static_cast<uint32_t>(std::size(entries_));
+        spec_.pstInterfaces = entries_;
+        for (IdlInterfaceEntry &entry : entries_) {
+            const Method *const method = FindMethod(entry.acMethod);
+            entry.uiRequestHash = method == nullptr ? 0 : method->request->hash;
+        }
+        server_.AddService(spec_);
+        server_.Start();
+    }
+
+    IdlInterfaceEntry entries_[6] = {{0xFFFFFFFF, nullptr, 0, 0, ""},        {0, Online, 0, 0, "PidIsOnline"},
+                                     {0, Garbled, 0, 0, "GetHugePagesInfo"}, {0, Return<38>, 0, 0, "GetProcStatByPid"},
+                                     {0, Return<5>, 0, 0, "GetTaskInfo"},    {0, NeverAnswer, 0, 0, "SetTimezone"}};
+    IdlModuleSpec spec_{"TarnSysdiagTarnd", 0, 0, nullptr, nullptr, {}};
+    host::Server server_;
+};
+
+TEST_F(CtlCall, PrintsTheReply) {
+    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": 4294967295}'"), 0) << error_;
+    EXPECT_EQ(out_, "uiPid       4294967295\nucIsOnline  0\n");
+    EXPECT_EQ(Run("call TarnSysdiagTarnd.PidIsOnline '{\"uiPid\": 7}' --json"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_), (Json{{"uiPid", 7}, {"ucIsOnline", 0}}));
+    EXPECT_EQ(error_, "");
+}
+
+TEST_F(CtlCall, TellsRemoteFailures) {
+    ExpectFailure(5, "call GetProcStatByPid", "TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)");
+    EXPECT_EQ(Run("call GetTaskInfo"), 5);
+    EXPECT_NE(error_.find("status 5"), std::string::npos) << error_;
+}
+
+TEST_F(CtlCall, TellsTheDeadline) {
+    EXPECT_EQ(Run("call SetTimezone --timeout 200ms"), 4);
+    EXPECT_NE(error_.find("error 110"), std::string::npos) << error_;
+}
+
+TEST_F(CtlCall, TellsARefusedReply) {
+    ExpectFailure(
+        6, "call GetHugePagesInfo",
+        "GetHugePagesInfo: the reply is refused as HugePagesOutput: byte 0, the message: the table's position is "
+        "4294967295, expected 4");
 }
 
 } // namespace
