@@ -239,7 +239,7 @@ TEST(Allocation, AVectorWhoseBytesDoNotFit32BitsIsRefusedWithoutAskingForMemory)
             }
             const uint64_t size = slot.table->shape->size;
             const auto count = static_cast<uint32_t>((uint64_t{1} << 32) / size + 1);
-            if (size_t{4} * count > kLongest) {
+            if (uint64_t{4} * count > kLongest) {
                 continue;
             }
             SCOPED_TRACE(std::string(type.name) + "." + slot.name + ", " + std::to_string(count) + " elements");

@@ -333,7 +333,7 @@ TEST(Edge, ADstWhoseWeekRuleLiesBeyondTheMessageIsRefusedAsAWhole) {
     Bytes message = EncodeMembers("SetDstInput", {{"stDst", dst}});
     const TableAt table = ReadLayout(FindType("SetDstInput"), message).tables[1];
     ASSERT_EQ(table.type, &FindType("Dst"));
-    const auto field = table.at + ReadNumber(message, table.vtable + 4 + 2 * 7, 2); // stDstWeek
+    const size_t field = table.at + static_cast<size_t>(ReadNumber(message, table.vtable + 4 + 2 * 7, 2)); // stDstWeek
     const auto length = static_cast<uint32_t>(message.size());
     WriteNumber(message, field, 4, length - field);
     ExpectRefused("SetDstInput", message,

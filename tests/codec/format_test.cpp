@@ -333,8 +333,8 @@ TEST(FixedForm, OfAnAgentsRegistrationIs72Bytes) {
 TEST(FixedForm, OfACallStackRequestIs288Bytes) {
     std::vector<uint64_t> addresses(32);
     Bytes elements;
-    for (uint64_t i = 0; i < 32; ++i) {
-        addresses[i] = i << 32 | 1;
+    for (size_t i = 0; i < 32; ++i) {
+        addresses[i] = uint64_t{i} << 32 | 1;
         elements = Message({elements, U64(addresses[i])});
     }
     ExpectFixed("CallStackInput", {{"uiPid", 7}, {"aullStackAddr", addresses}},
