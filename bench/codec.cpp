@@ -84,7 +84,8 @@ std::string TakeOption(std::vector<char *> &args, const std::string &prefix) {
 }
 
 int Run(std::vector<char *> args) {
-    const std::string instructions = TakeOption(args, "--instructions=");
+    const std::string path = TakeOption(args, "--instructions=");
+    const bench::Instructions instructions = path.empty() ? bench::Instructions() : bench::ReadInstructions(path);
     int argc = static_cast<int>(args.size());
     benchmark::Initialize(&argc, args.data());
     if (benchmark::ReportUnrecognizedArguments(argc, args.data())) {
@@ -100,8 +101,7 @@ int Run(std::vector<char *> args) {
     }
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
-    PrintReport(std::cout, messages, collector.rows(),
-                instructions.empty() ? bench::Instructions() : bench::ReadInstructions(instructions));
+    PrintReport(std::cout, messages, collector.rows(), instructions);
     return 0;
 }
 

@@ -85,8 +85,10 @@ public:
                 const double velto = Count("velto", message, operation);
                 const double floor = Count("floor", message, operation);
                 const double nanopb = Count("nanopb", message, operation);
-                out_ << Format("%-25s %-6s %10.0f %10.0f %6.2f %10.0f %6.2f\n", message.spec.name, operation, velto,
-                               floor, velto / floor, nanopb, nanopb / velto);
+                out_ << Format("%-25s %-6s %10.0f %10.0f %6.2f", message.spec.name, operation, velto, floor,
+                               velto / floor);
+                out_ << (std::isnan(nanopb) ? Format(" %10s %6s\n", "-", "-")
+                                            : Format(" %10.0f %6.2f\n", nanopb, nanopb / velto));
             }
         }
     }
