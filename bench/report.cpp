@@ -42,8 +42,9 @@ public:
         : out_(out), rows_(rows), instructions_(instructions) {}
 
     void PrintTimes(const std::vector<Message> &messages) {
-        out_ << Format("%-25s %-6s %9s %8s %6s | %9s %6s %6s %-6s | %-13s %9s %6s %6s %-6s\n", "message", "", "velto ns",
-                       "MB/s", "allocs", "floor ns", "ratio", "goal", "", "best peer", "ns", "ratio", "goal", "");
+        out_ << Format("%-25s %-6s %9s %8s %6s | %9s %6s %6s %-6s | %-13s %9s %6s %6s %-6s\n", "message", "",
+                       "velto ns", "MB/s", "allocs", "floor ns", "ratio", "goal", "", "best peer", "ns",
+                       "ratio", "goal", "");
         for (const char *operation : {"encode", "decode"}) {
             for (const Message &message : messages) {
                 PrintTime(message, operation);
@@ -78,8 +79,8 @@ public:
     }
 
     void PrintInstructions(const std::vector<Message> &messages) {
-        out_ << Format("%-25s %-6s %10s %10s %6s %10s %6s\n", "ARM instructions", "", "velto", "floor", "ratio", "nanopb",
-                       "ratio");
+        out_ << Format("%-25s %-6s %10s %10s %6s %10s %6s\n", "ARM instructions", "", "velto", "floor", "ratio",
+                       "nanopb", "ratio");
         for (const char *operation : {"encode", "decode"}) {
             for (const Message &message : messages) {
                 const double velto = Count("velto", message, operation);
@@ -131,7 +132,8 @@ private:
                    block    ? kBlockFloorGoal
                    : arrays ? kArrayFloorGoal
                             : kFloorGoal);
-        const char *const peer = block ? BestOf(kAllPeers, message, operation) : BestOf(kNativePeers, message, operation);
+        const char *const peer =
+            block ? BestOf(kAllPeers, message, operation) : BestOf(kNativePeers, message, operation);
         PrintPeer(peer, peer == nullptr ? 0 : Time(peer, message, operation), velto.time,
                   block ? kBlockPeerGoal : kPeerGoal);
         out_ << '\n';

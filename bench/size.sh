@@ -38,7 +38,8 @@ printf '%-28s %8s %8s %8s %8s %8s %8s %8s\n' 'bytes, ARM -O2' text code rodata d
 sizes "$library" "the library"
 sizes "$work/nanopb.so" "nanopb, all types"
 text=$($arm-size "$library" | awk 'NR == 2 { print $1 }')
-printf 'text %d bytes, goal under %d: %s\n\n' "$text" $((128 * 1024)) "$([[ $text -lt 131072 ]] && echo met || echo MISSED)"
+printf 'text %d bytes, goal under %d: %s\n\n' "$text" $((128 * 1024)) \
+    "$([[ $text -lt 131072 ]] && echo met || echo MISSED)"
 
 printf 'of the library, by kind\n'
 rodata=$($arm-size -A "$library" | awk '$1 == ".rodata" { print $2 }')
@@ -53,7 +54,8 @@ $arm-nm -S -C -t d --defined-only "$library" | awk -v rodata="$rodata" '
         else if ($3 !~ /[tT]/) kind = "tables: shapes, proxies, interfaces"
         else if (name ~ /_pack_fixed|_fixed_size|[Ff]ixed/) kind = "fixed form"
         else if (name ~ /_free_unpacked|Release/) kind = "release"
-        else if (name ~ /_unpack|Decode|Open|BeginUnpack|TableDriven|AllocArray|CopyS|TablePosition|Abandon|NewElements/) kind = "decode"
+        else if (name ~ /_unpack|Decode|Open|Unpack|TableDriven|AllocArray|CopyS|TablePosition|Abandon|NewElements/)
+            kind = "decode"
         else if (name ~ /_wrapper|server::|Dispatch/) kind = "wrappers"
         else if (name ~ /^TarnSysdiag|client::/) kind = "proxies"
         else if (name ~ /_pack|Write|Size|Pack|Reverse|CopyBlock/) kind = "encode"

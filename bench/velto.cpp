@@ -1,4 +1,5 @@
-// The library's own operations, in the regular and the fixed form, and those of a build without the byte-swapped branch.
+// The library's own operations, in the regular and the fixed form, and those of a build without the byte-swapped
+// branch.
 #include "bench/operation.h"
 
 namespace bench {
