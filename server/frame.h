@@ -141,8 +141,12 @@ uint32_t Dispatch(void *request, void *replyCtx, IdlServerCodecTable *codec, Idl
     { 0xFFFFFFFF, nullptr, 0, 0, "" }
 #define TARN_RESERVED_MESSAGE_ENTRY                                                                                    \
     {}
-#define TARN_MODULE_SPEC(service)                                                                                      \
+#define TARN_MODULE_SPEC(service) TARN_MODULE_SPEC_(service)
+#define TARN_MODULE_SPEC_(service)                                                                                     \
     {                                                                                                                  \
 #service, std::size(intf_tbl_##service), std::size(msgdesc_tbl_##service), intf_tbl_##service,                 \
             msgdesc_tbl_##service, {}                                                                                  \
     }
+
+#define TARN_JOIN(a, b) TARN_JOIN_(a, b)
+#define TARN_JOIN_(a, b) a##b

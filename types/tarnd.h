@@ -982,7 +982,7 @@ typedef struct Tarn_sys_diag_ProcTableEntry {
 VELTO_TABLE(ProcTableEntry, uiPid, uiPpid, uiUid, szProcName, ucState, uiThreadNum, uiRss, ullStartTime, ullCpuTime,
             pcCmdLine)
 
-/* Reply of GetProcTable, in the order of the process ids. */
+/* Reply of GetProcTable, in the order that the build asked for. */
 typedef struct Tarn_sys_diag_GetProcTableResult {
     uint32_t uiProcNum;                    /* elements of pstProc */
     Tarn_sys_diag_ProcTableEntry *pstProc; /* owned, with each element's pcCmdLine; null when there are none */

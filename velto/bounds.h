@@ -9,8 +9,26 @@
 
 #include "platform/binding.h"
 #include "velto/bytes.h"
+#include "velto/room.h"
 
 namespace velto {
+
+// What a message says. Neither can be calculated with: only the functions below turn them into places and sizes, and
+// do it after a check.
+enum class Offset : uint32_t {}; // of a field from its table's start
+enum class Count : uint32_t {};  // of elements
+
+constexpr Offset kAbsent{0}; // a field that the message does not have
+
+// The number alone, for a record's count and to count up to.
+constexpr uint32_t Number(Count count) {
+    return static_cast<uint32_t>(count);
+}
+
+// The bytes of as many elements as were allocated or lie within a message.
+constexpr size_t Bytes(Count count, uint32_t width) {
+    return size_t{Number(count)} * width;
+}
 
 // A received buffer; its length is at least 4 and, as a signed number, positive.
 struct Message {
@@ -31,14 +49,21 @@ struct OpenedTable {
     uint32_t slotNum;     // how many there are: a writer may know fewer than the reader, or more
 };
 
-// Whether a field of `width` bytes at `offset` from the table's start lies within the message.
-inline bool Holds(const OpenedTable &table, uint32_t offset, uint32_t width) {
-    return (width <= 4 || width <= table.start.left) && offset <= table.start.left - width;
+// What the vtable says of a slot that it has.
+template <bool kSwapped = false>
+Offset SlotOffset(const OpenedTable &table, size_t index) {
+    return Offset{Load<uint16_t, kSwapped>(table.slots + 2 * index)};
+}
+
+// Whether a field of `width` bytes at `offset` lies within the message.
+inline bool Holds(const OpenedTable &table, Offset offset, uint32_t width) {
+    return (width <= 4 || width <= table.start.left) && static_cast<uint32_t>(offset) <= table.start.left - width;
 }
 
 // The place of a field that the message holds.
-inline Place FieldAt(const OpenedTable &table, uint32_t offset) {
-    return {table.start.at + offset, table.start.left - offset};
+inline Place FieldAt(const OpenedTable &table, Offset offset) {
+    const auto bytes = static_cast<uint32_t>(offset);
+    return {table.start.at + bytes, table.start.left - bytes};
 }
 
 // Moves along the offset word at `place`, which lies within the message, to a count that does too.
@@ -59,10 +84,10 @@ inline uint32_t Quotient(uint32_t bytes, uint32_t width) {
 
 // Reads the count at `place` and moves behind it. False unless as many elements lie within the message.
 template <bool kSwapped = false>
-bool TakeCount(Place &place, uint32_t width, uint32_t &count) {
-    count = Load<uint32_t, kSwapped>(place.at);
+bool TakeCount(Place &place, uint32_t width, Count &count) {
+    count = Count{Load<uint32_t, kSwapped>(place.at)};
     place = {place.at + 4, place.left - 4};
-    return count <= Quotient(place.left, width);
+    return Number(count) <= Quotient(place.left, width);
 }
 
 // The position that the offset word at `word` leads to; 0, where no table can be, when it wraps.
@@ -74,24 +99,24 @@ uint32_t TablePosition(const Message &message, const uint8_t *word) {
 }
 
 // Verifies the table at `position` and its vtable, and logs what it refuses under the decoder's name.
-template <bool kSwapped = false>
-bool OpenTable(platform::Binding &binding, const Message &message, uint32_t position, const char *function,
-               OpenedTable &table) {
+template <bool kSwapped>
+[[gnu::always_inline]] inline bool VerifyTable(platform::Binding &binding, const Message &message, uint32_t position,
+                                               const char *function, OpenedTable &table) {
     const uint32_t last = message.length - 4;
-    if (position < 4 || position > last) {
+    if (position < 4 || position > last) [[unlikely]] {
         binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Table offset(%u) is out of range(4 - %u)",
                     position, message.length);
         return false;
     }
     table.start = {message.bytes + position, message.length - position};
     const uint32_t vtable = position - Load<uint32_t, kSwapped>(table.start.at);
-    if (vtable < 4 || vtable > last) {
+    if (vtable < 4 || vtable > last) [[unlikely]] {
         binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Vtable offset(%u) is out of range(4 - %u)",
                     position, last);
         return false;
     }
     const uint32_t length = Load<uint16_t, kSwapped>(message.bytes + vtable);
-    if (length > message.length - vtable) {
+    if (length > message.length - vtable) [[unlikely]] {
         binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Vtable Len(%u) is out of range(0 - %u)", length,
                     message.length - vtable);
         return false;
@@ -101,10 +126,24 @@ bool OpenTable(platform::Binding &binding, const Message &message, uint32_t posi
     return true;
 }
 
+// The same as a function, for the slow paths.
+template <bool kSwapped = false>
+[[gnu::noinline]] bool OpenTable(platform::Binding &binding, const Message &message, uint32_t position,
+                                 const char *function, OpenedTable &table) {
+    return VerifyTable<kSwapped>(binding, message, position, function, table);
+}
+
+// The same in a frame, compiled in where there is room.
+[[gnu::always_inline]] inline bool OpenTableInFrame(platform::Binding &binding, const Message &message,
+                                                    uint32_t position, const char *function, OpenedTable &table) {
+    return kHasRoom ? VerifyTable<false>(binding, message, position, function, table)
+                    : OpenTable<false>(binding, message, position, function, table);
+}
+
 // A new array for decoded elements, or null, which it logs under the decoder's name. A size that does not fit the
 // allocator's 32 bits is refused like memory that is not there.
-inline void *AllocArray(platform::Binding &binding, uint32_t count, uint32_t width, const char *function) {
-    const uint64_t size = uint64_t{count} * width;
+inline void *AllocArray(platform::Binding &binding, Count count, uint32_t width, const char *function) {
+    const uint64_t size = uint64_t{Number(count)} * width;
     void *const array = size > UINT32_MAX ? nullptr : binding.Alloc(static_cast<uint32_t>(size), function);
     if (array == nullptr) {
         binding.Log(platform::kNoMemory, __LINE__, function, "[VELTO]:Malloc unpack data failed, size(%u)",
@@ -115,11 +154,12 @@ inline void *AllocArray(platform::Binding &binding, uint32_t count, uint32_t wid
 
 // A new copy of the `length` bytes at `place` with a terminating 0, or null, as AllocArray. The length was taken with
 // TakeCount, so it leaves room for the terminator in 32 bits.
-inline char *CopyString(platform::Binding &binding, const Place &place, uint32_t length, const char *function) {
-    auto *const text = static_cast<char *>(AllocArray(binding, length + 1, 1, function));
+inline char *CopyString(platform::Binding &binding, const Place &place, Count length, const char *function) {
+    const uint32_t bytes = Number(length);
+    auto *const text = static_cast<char *>(AllocArray(binding, Count{bytes + 1}, 1, function));
     if (text != nullptr) {
-        memcpy(text, place.at, length);
-        text[length] = 0;
+        memcpy(text, place.at, bytes);
+        text[bytes] = 0;
     }
     return text;
 }

@@ -36,7 +36,7 @@
     struct velto::Codec<Unit, Tarn_sys_diag_##type> {                                                                  \
         static constexpr auto kPack = Tarn_sys_diag_##type##_pack;                                                     \
         static constexpr auto kUnpack = Tarn_sys_diag_##type##_unpack;                                                 \
-        static constexpr auto kUnpackNonRoot = Tarn_sys_diag_##type##_unpack_non_root;                                 \
+        [[maybe_unused]] static constexpr auto kUnpackNonRoot = Tarn_sys_diag_##type##_unpack_non_root;                \
         static constexpr auto kFreeUnpacked = Tarn_sys_diag_##type##_free_unpacked;                                    \
         static constexpr auto kPackFixed = Tarn_sys_diag_##type##_pack_fixed;                                          \
         static constexpr auto kFixedSize = Tarn_sys_diag_##type##_fixed_size;                                          \
@@ -56,9 +56,9 @@ inline const char *Nullness(const void *pointer) {
 
 // What every encoder does before it writes. Null after a bad argument.
 template <class Unit>
-[[gnu::noinline]] uint8_t *BeginPack(const VeltoOutBuf *out, const void *record, const char *function) {
+VELTO_FRAME uint8_t *BeginPack(const VeltoOutBuf *out, const void *record, const char *function) {
     const uint32_t capacity = out->puiBufLen == nullptr ? 0 : *out->puiBufLen;
-    if (capacity < 4 || out->pucBuf == nullptr || record == nullptr) {
+    if (capacity < 4 || out->pucBuf == nullptr || record == nullptr) [[unlikely]] {
         Unit::binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Param invalid(%s, %u, %s)",
                           Nullness(out->pucBuf), capacity, Nullness(record));
         return nullptr;
@@ -69,7 +69,7 @@ template <class Unit>
 
 // What every encoder does when it has written.
 template <class Unit>
-[[gnu::noinline]] uint32_t FinishPack(uint8_t *message, const uint8_t *end, const TypeShape &type) {
+VELTO_FRAME uint32_t FinishPack(uint8_t *message, const uint8_t *end, const TypeShape &type) {
     if (Unit::binding.Swapped()) [[unlikely]] {
         ReverseMessage(type, message);
     }
@@ -86,33 +86,44 @@ template <class Unit, class Record>
     return message == nullptr ? 0 : FinishPack<Unit>(message, WriteRegular(message, *record), Shape<Record>::kType);
 }
 
-// What every decoder does before it reads fields: checks the arguments, the root offset, the root table and its vtable,
-// and clears the record.
+// Decodes in the byte-swapped mode, fields and all.
 template <class Unit>
-[[gnu::noinline]] Opened BeginUnpack(const Message &message, void *out, const TypeShape &type, const char *function,
-                                     OpenedTable &table) {
-    const auto length = static_cast<int32_t>(message.length);
-    if (message.bytes == nullptr || out == nullptr || length < 4) {
-        Unit::binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Param invalid(%s, %d, %s)",
-                          Nullness(message.bytes), length, Nullness(out));
-        return Opened::kRefused;
-    }
-    auto *const record = static_cast<uint8_t *>(out);
-    const bool swapped = Unit::binding.Swapped();
-    const bool opened =
-        swapped ? OpenTable<true>(Unit::binding, message, Load<uint32_t, true>(message.bytes), function, table)
-                : OpenTable<false>(Unit::binding, message, Load<uint32_t>(message.bytes), function, table);
-    if (!opened) {
+[[gnu::cold, gnu::noinline]] Opened UnpackSwapped(Message message, void *record, const TypeShape &type,
+                                                  const char *function) {
+    OpenedTable table;
+    if (!OpenTable<true>(Unit::binding, message, Load<uint32_t, true>(message.bytes), function, table)) {
         return Opened::kRefused;
     }
     Unit::binding.EnsureMemBound();
     memset(record, 0, type.size);
-    if (!swapped && table.slotNum >= type.slotNum) [[likely]] {
-        return Opened::kStraight;
+    TableDriven<true> decoder(Unit::binding, message);
+    return decoder.DecodeFields(type, table, static_cast<uint8_t *>(record), function) ? Opened::kDone
+                                                                                       : Opened::kFailed;
+}
+
+// What every decoder does before it reads fields: checks the arguments, the root offset, the root table and its vtable,
+// and clears the record.
+template <class Unit, class Type>
+VELTO_FRAME Opened BeginUnpack(const Message &message, void *out, const Type &type, const char *function,
+                               OpenedTable &table) {
+    const auto length = static_cast<int32_t>(message.length);
+    if (message.bytes == nullptr || out == nullptr || length < 4) [[unlikely]] {
+        Unit::binding.Log(platform::kInvalid, __LINE__, function, "[VELTO]:Param invalid(%s, %d, %s)",
+                          Nullness(message.bytes), length, Nullness(out));
+        return Opened::kRefused;
     }
-    const bool done = swapped ? TableDriven<true>(Unit::binding, message).DecodeFields(type, table, record, function)
-                              : TableDriven<false>(Unit::binding, message).DecodeFields(type, table, record, function);
-    return done ? Opened::kDone : Opened::kFailed;
+    if (Unit::binding.Swapped()) [[unlikely]] {
+        return UnpackSwapped<Unit>(message, out, type, function);
+    }
+    if (!OpenTableInFrame(Unit::binding, message, Load<uint32_t>(message.bytes), function, table)) [[unlikely]] {
+        return Opened::kRefused;
+    }
+    Unit::binding.EnsureMemBound();
+    auto *const record = static_cast<uint8_t *>(out);
+    const bool straight = table.slotNum >= type.slotNum;
+    const uint32_t from = straight ? type.clearFrom : 0;
+    memset(record + from, 0, type.size - from);
+    return straight ? Opened::kStraight : DecodeByShape<Unit>(message, type, table, record, function);
 }
 
 // What a decoder does when a field of a cleared record fails: the record is left zero, counts included.
@@ -127,7 +138,7 @@ template <class Unit>
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *Unpack(const Message &message, void *out, const char *function) {
     OpenedTable table;
-    const Opened opened = BeginUnpack<Unit>(message, out, Shape<Record>::kType, function, table);
+    const Opened opened = BeginUnpack<Unit>(message, out, FrameShape<Record>(), function, table);
     if (opened == Opened::kRefused) {
         return nullptr;
     }
@@ -143,12 +154,7 @@ template <class Unit, class Record>
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *UnpackNonRoot(const Message &message, void *out, uint32_t position,
                                                   const char *function) {
-    OpenedTable table;
-    const Opened opened = OpenNested<Unit>(message, position, Shape<Record>::kType, out, function, table);
-    const bool filled = opened == Opened::kStraight
-                            ? DecodeFields<Unit>(message, table, *static_cast<Record *>(out), function)
-                            : opened == Opened::kDone;
-    return filled ? out : nullptr;
+    return DecodeNested<Unit>(message, position, *static_cast<Record *>(out), function) ? out : nullptr;
 }
 
 template <class Unit, class Record>

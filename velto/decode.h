@@ -15,13 +15,30 @@ namespace velto {
 template <class Unit, class Record>
 struct Codec;
 
+template <class Unit, class Record>
+bool DecodeNested(const Message &message, uint32_t position, Record &record, const char *function);
+
+// A type without tables inside is read where it is met, if there is room; others by their own function.
+template <class Record>
+constexpr bool kReadInPlace = kHasRoom &&AllSlots<Record>([]<class Slot, size_t>() {
+    return !IsTableKind(Slot::kKind);
+});
+
+template <class Unit, class Record>
+[[gnu::always_inline]] inline bool DecodeElement(const Message &message, uint32_t position, Record &record) {
+    if constexpr (kReadInPlace<Record>) {
+        return DecodeNested<Unit>(message, position, record, Table<Record>::kUnpackNonRoot);
+    } else {
+        return Codec<Unit, Record>::kUnpackNonRoot(message.bytes, message.length, &record, position) != nullptr;
+    }
+}
+
 // Fills `count` zeroed records from the tables that as many offset words lead to.
 template <class Unit, class Record>
-bool DecodeRun(const Message &message, const uint8_t *words, uint32_t count, Record *records) {
+bool DecodeRun(Message message, const uint8_t *words, uint32_t count, Record *records) {
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t position = TablePosition(message, words + size_t{4} * i);
-        if (position == 0 ||
-            !Codec<Unit, Record>::kUnpackNonRoot(message.bytes, message.length, records + i, position)) {
+        if (position == 0 || !DecodeElement<Unit>(message, position, records[i])) [[unlikely]] {
             return false;
         }
     }
@@ -32,20 +49,21 @@ template <class Unit, class Slot, class Record>
 bool DecodeReference(const Message &message, Place place, Record &record, const char *function) {
     using Element = typename Slot::Element;
     auto &value = Slot::Get(record);
-    uint32_t count = 0;
+    Count count{};
     if constexpr (Slot::kKind == Kind::kTable) {
         return DecodeRun<Unit>(message, place.at, 1, &value);
     } else if (!Follow(place)) [[unlikely]] {
         return false;
     }
     if constexpr (Slot::kKind == Kind::kBytes || Slot::kKind == Kind::kArray64) {
-        if (!TakeCount(place, sizeof(Element), count) || count != Slot::kLength) [[unlikely]] {
+        if (!TakeCount(place, sizeof(Element), count) || count != Count{Slot::kLength}) [[unlikely]] {
             return false;
         }
         CopyArray<sizeof value>(value, place.at);
         return true;
     } else if constexpr (Slot::kKind == Kind::kTableRun) {
-        return TakeCount(place, 4, count) && count == Slot::kLength && DecodeRun<Unit>(message, place.at, count, value);
+        return TakeCount(place, 4, count) && count == Count{Slot::kLength} &&
+               DecodeRun<Unit>(message, place.at, Slot::kLength, value);
     } else if constexpr (Slot::kKind == Kind::kString) {
         return TakeCount(place, 1, count) && (value = CopyString(Unit::binding, place, count, function)) != nullptr;
     } else if constexpr (IsVectorKind(Slot::kKind)) {
@@ -53,18 +71,18 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
         if (!TakeCount(place, kTables ? 4 : uint32_t{sizeof(Element)}, count)) {
             return false;
         }
-        if (count == 0) {
+        if (count == Count{0}) {
             return true;
         }
         value = static_cast<Element *>(AllocArray(Unit::binding, count, sizeof(Element), function));
         if (value == nullptr) {
             return false;
         }
-        Slot::Count(record) = count;
-        const size_t size = size_t{count} * sizeof(Element);
+        Slot::Count(record) = Number(count);
+        const size_t size = Bytes(count, sizeof(Element));
         if constexpr (kTables) {
             memset(value, 0, size);
-            return DecodeRun<Unit>(message, place.at, count, value);
+            return DecodeRun<Unit>(message, place.at, Number(count), value);
         } else {
             memcpy(value, place.at, size);
             return true;
@@ -74,29 +92,33 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
 
 template <class Unit, class Slot, size_t kIndex, class Record>
 bool DecodeSlot(const Message &message, const OpenedTable &table, Record &record, const char *function) {
-    const uint32_t offset = Load<uint16_t>(table.slots + 2 * kIndex);
+    const Offset offset = SlotOffset(table, kIndex);
     constexpr uint32_t kWidth = Slot::kKind == Kind::kScalar ? uint32_t{sizeof(typename Slot::Value)} : 4;
     if constexpr (Slot::kKind == Kind::kScalar && kWidth <= 4) {
         // An absent field reads the distance word and drops it: cheaper than a branch that mispredicts.
         if (!Holds(table, offset, kWidth)) [[unlikely]] {
             return false;
         }
-        const auto value = Load<typename Slot::Value>(table.start.at + offset);
-        Slot::Get(record) = offset != 0 ? value : typename Slot::Value{0};
+        const auto value = Load<typename Slot::Value>(FieldAt(table, offset).at);
+        Slot::Get(record) = offset != kAbsent ? value : typename Slot::Value{0};
         return true;
-    } else if (offset == 0) {
+    } else if (offset == kAbsent) {
+        if constexpr (Slot::kOffset < kClearFrom<Record>) {
+            memset(&Slot::Get(record), 0, sizeof(typename Slot::Value));
+        }
         return true;
     } else if (!Holds(table, offset, kWidth)) [[unlikely]] {
         return false;
     } else if constexpr (Slot::kKind == Kind::kScalar) {
-        Slot::Get(record) = Load<typename Slot::Value>(table.start.at + offset);
+        Slot::Get(record) = Load<typename Slot::Value>(FieldAt(table, offset).at);
         return true;
     } else {
         return DecodeReference<Unit, Slot>(message, FieldAt(table, offset), record, function);
     }
 }
 
-// Fills a zeroed record from a verified table. On failure the record holds only storage of its own or zeros.
+// Fills a record, zero from kClearFrom on, from a verified table. On failure the record holds only storage of its own
+// or zeros.
 template <class Unit, class Record>
 bool DecodeFields(const Message &message, const OpenedTable &table, Record &record, const char *function) {
     return AllSlots<Record>(
@@ -111,19 +133,33 @@ enum class Opened {
     kStraight, // the fields are the type's own decoder's to read
 };
 
-// Verifies the table at `position`; reads it here when it lacks slots, else leaves it to the type's own decoder.
+// Fills a zeroed record from a verified table as its type's shape says.
 template <class Unit>
-[[gnu::noinline]] Opened OpenNested(const Message &message, uint32_t position, const TypeShape &type, void *record,
-                                    const char *function, OpenedTable &table) {
-    if (!OpenTable(Unit::binding, message, position, function, table)) {
-        return Opened::kRefused;
-    }
-    if (table.slotNum >= type.slotNum) [[likely]] {
-        return Opened::kStraight;
-    }
+[[gnu::cold, gnu::noinline]] Opened DecodeByShape(Message message, const TypeShape &type, OpenedTable table,
+                                                  void *record, const char *function) {
     TableDriven<false> decoder(Unit::binding, message);
     return decoder.DecodeFields(type, table, static_cast<uint8_t *>(record), function) ? Opened::kDone
                                                                                        : Opened::kFailed;
+}
+
+// Verifies the table at `position`; reads it here when it lacks slots, else leaves it to the type's own decoder.
+template <class Unit, class Type>
+VELTO_FRAME Opened OpenNested(const Message &message, uint32_t position, const Type &type, void *record,
+                              const char *function, OpenedTable &table) {
+    if (!OpenTableInFrame(Unit::binding, message, position, function, table)) [[unlikely]] {
+        return Opened::kRefused;
+    }
+    return table.slotNum >= type.slotNum ? Opened::kStraight
+                                         : DecodeByShape<Unit>(message, type, table, record, function);
+}
+
+// Reads the table at `position` into a zeroed record.
+template <class Unit, class Record>
+[[gnu::always_inline]] inline bool DecodeNested(const Message &message, uint32_t position, Record &record,
+                                                const char *function) {
+    OpenedTable table;
+    const Opened opened = OpenNested<Unit>(message, position, FrameShape<Record>(), &record, function, table);
+    return opened == Opened::kStraight ? DecodeFields<Unit>(message, table, record, function) : opened == Opened::kDone;
 }
 
 } // namespace velto

@@ -15,6 +15,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "velto/room.h"
+
 namespace velto {
 
 // The description of Tarn_sys_diag_<Type>, defined by VELTO_TABLE.
@@ -161,7 +163,7 @@ using SlotOf = std::tuple_element_t<kIndex, typename Table<Record>::Slots::Tuple
 template <class Record, class Function>
 constexpr bool AllSlots(Function function) {
     return [&]<size_t... kIndex>(std::index_sequence<kIndex...>) {
-        return (function.template operator()<SlotOf<Record, kIndex>, kIndex>() && ...);
+        return (Expected(function.template operator()<SlotOf<Record, kIndex>, kIndex>()) && ...);
     }
     (std::make_index_sequence<kSlotNum<Record>>());
 }

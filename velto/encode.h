@@ -169,7 +169,7 @@ static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
     uint8_t *at = table + 4;
     uint32_t references = 0;
     const auto setSlot = [&](size_t index, const uint8_t *field) {
-        Store(vtable + 4 + 2 * index, static_cast<uint16_t>(field == nullptr ? 0 : field - table));
+        Store(vtable + 4 + 2 * index, static_cast<uint16_t>(field - table)); // the table itself: absent
     };
     EachSlot<Record>([&]<class Slot, size_t kIndex>() {
         if constexpr (kIsReference<Slot>) {
@@ -178,14 +178,14 @@ static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
             // A value of 0 is stored and then overwritten by what follows: cheaper than a branch that mispredicts.
             const auto value = Slot::Get(record);
             Store(at, value);
-            setSlot(kIndex, value != 0 ? at : nullptr);
+            setSlot(kIndex, value != 0 ? at : table);
             at += value != 0 ? sizeof value : 0;
         } else if (const auto value = Slot::Get(record); value != 0) {
             Store(at, value);
             setSlot(kIndex, at);
             at += sizeof value;
         } else {
-            setSlot(kIndex, nullptr);
+            setSlot(kIndex, table);
         }
     });
 
@@ -199,7 +199,7 @@ static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
                 at = WriteData<Slot>(at, record);
                 word += 4;
             } else {
-                setSlot(kIndex, nullptr);
+                setSlot(kIndex, table);
             }
         }
     });

@@ -27,7 +27,8 @@ struct ElementShape {
 
 // The head of a type's shape; the slots and the element types stand behind it, so that it needs no pointers to them.
 struct TypeShape {
-    uint32_t size; // native
+    uint16_t size;      // native
+    uint16_t clearFrom; // what a decoder need not clear of a record: kClearFrom
     uint16_t slotNum;
     uint16_t elementsAt; // from the head, in bytes
 
@@ -56,6 +57,19 @@ constexpr SlotShape MakeSlotShape(uint8_t &elementNum) {
     return shape;
 }
 
+// A large array at the start of a record is either overwritten or cleared when it turns out to be absent; only what
+// follows it is cleared before the fields are read.
+template <class Record>
+constexpr uint32_t kClearFrom = [] {
+    uint32_t from = 0;
+    EachSlot<Record>([&]<class Slot, size_t>() {
+        if constexpr (Slot::kKind == Kind::kBytes && Slot::kOffset == 0 && Slot::kLength >= 4096) {
+            from = Slot::kLength;
+        }
+    });
+    return from;
+}();
+
 template <class Record>
 constexpr size_t kElementNum = [] {
     size_t num = 0;
@@ -76,7 +90,8 @@ struct [[gnu::visibility("hidden")]] Shape {
 
     static constexpr Storage Make() {
         Storage storage{};
-        storage.head = {kNativeSize<Record>, kSlotNum<Record>, offsetof(Storage, elements)};
+        static_assert(kNativeSize<Record> <= 0xFFFF, "a type's shape has 16 bits for its size");
+        storage.head = {kNativeSize<Record>, kClearFrom<Record>, kSlotNum<Record>, offsetof(Storage, elements)};
         uint8_t elementNum = 0;
         EachSlot<Record>([&]<class Slot, size_t kIndex>() {
             if constexpr (IsTableKind(Slot::kKind)) {
@@ -88,6 +103,24 @@ struct [[gnu::visibility("hidden")]] Shape {
         return storage;
     }
 };
+
+// What a frame must know of a type: constants where it is compiled into the type's codec, else the shape.
+template <class Record>
+struct ConstantShape {
+    static constexpr uint32_t size = kNativeSize<Record>;
+    static constexpr uint32_t clearFrom = kClearFrom<Record>;
+    static constexpr uint32_t slotNum = kSlotNum<Record>;
+    operator const TypeShape &() const { return Shape<Record>::kType; }
+};
+
+template <class Record>
+constexpr decltype(auto) FrameShape() {
+    if constexpr (kHasRoom) {
+        return ConstantShape<Record>();
+    } else {
+        return (Shape<Record>::kType);
+    }
+}
 
 #define VELTO_DECLARE_SHAPE(type)                                                                                      \
     template <>                                                                                                        \
@@ -104,10 +137,10 @@ inline void Set(uint8_t *record, size_t offset, Value value) {
 
 // Copies scalars, turning each around where the wire's order is reversed.
 template <bool kSwapped>
-void CopyScalars(uint8_t *to, const uint8_t *from, size_t count, size_t width) {
-    memmove(to, from, count * width);
+void CopyScalars(uint8_t *to, const uint8_t *from, size_t size, size_t width) {
+    memmove(to, from, size);
     if (kSwapped && width > 1) {
-        for (uint8_t *const end = to + count * width; to != end; to += width) {
+        for (uint8_t *const end = to + size; to != end; to += width) {
             std::reverse(to, to + width);
         }
     }
@@ -124,8 +157,8 @@ public:
     bool DecodeFields(const TypeShape &type, const OpenedTable &table, uint8_t *record, const char *function) {
         const uint32_t known = table.slotNum < type.slotNum ? table.slotNum : type.slotNum;
         for (uint32_t i = 0; i < known; ++i) {
-            const uint32_t offset = Load<uint16_t, kSwapped>(table.slots + size_t{2} * i);
-            if (offset == 0) {
+            const Offset offset = SlotOffset<kSwapped>(table, i);
+            if (offset == kAbsent) {
                 continue;
             }
             const SlotShape &slot = type.Slot(i);
@@ -146,10 +179,10 @@ public:
 private:
     bool DecodePlain(const SlotShape &slot, Place place, uint8_t *record, const char *function) {
         if (slot.kind == Kind::kScalar) {
-            CopyScalars<kSwapped>(record + slot.offset, place.at, 1, slot.width);
+            CopyScalars<kSwapped>(record + slot.offset, place.at, slot.width, slot.width);
             return true;
         }
-        uint32_t count;
+        Count count;
         if (!Follow<kSwapped>(place) || !TakeCount<kSwapped>(place, slot.width, count)) {
             return false;
         }
@@ -159,36 +192,36 @@ private:
             return text != nullptr;
         }
         if (!IsVectorKind(slot.kind)) {
-            if (count == slot.length) {
-                CopyScalars<kSwapped>(record + slot.offset, place.at, count, slot.width);
+            if (count == Count{slot.length}) {
+                CopyScalars<kSwapped>(record + slot.offset, place.at, Bytes(count, slot.width), slot.width);
             }
-            return count == slot.length;
+            return count == Count{slot.length};
         }
         uint8_t *const elements = NewElements(slot, count, slot.width, record, function);
         if (elements != nullptr) {
-            CopyScalars<kSwapped>(elements, place.at, count, slot.width);
+            CopyScalars<kSwapped>(elements, place.at, Bytes(count, slot.width), slot.width);
         }
-        return elements != nullptr || count == 0;
+        return elements != nullptr || count == Count{0};
     }
 
     bool DecodeTables(const SlotShape &slot, const ElementShape &element, Place place, uint8_t *record,
                       const char *function) {
         uint8_t *elements = record + slot.offset;
-        uint32_t count = 1;
+        Count count{1};
         if (slot.kind != Kind::kTable && (!Follow<kSwapped>(place) || !TakeCount<kSwapped>(place, 4, count))) {
             return false;
         }
-        if (slot.kind == Kind::kTableRun && count != slot.length) {
+        if (slot.kind == Kind::kTableRun && count != Count{slot.length}) {
             return false;
         }
         if (slot.kind == Kind::kTableVector) {
             elements = NewElements(slot, count, element.type->size, record, function);
             if (elements == nullptr) {
-                return count == 0;
+                return count == Count{0};
             }
-            memset(elements, 0, size_t{count} * element.type->size);
+            memset(elements, 0, Bytes(count, element.type->size));
         }
-        return DecodeRun(element, place.at, count, elements);
+        return DecodeRun(element, place.at, Number(count), elements);
     }
 
     bool DecodeRun(const ElementShape &element, const uint8_t *words, uint32_t count, uint8_t *elements) {
@@ -204,11 +237,11 @@ private:
     }
 
     // The storage of a vector's elements, entered in the record; null for an empty vector, or without memory.
-    uint8_t *NewElements(const SlotShape &slot, uint32_t count, uint32_t width, uint8_t *record, const char *function) {
-        void *const elements = count == 0 ? nullptr : AllocArray(binding_, count, width, function);
+    uint8_t *NewElements(const SlotShape &slot, Count count, uint32_t width, uint8_t *record, const char *function) {
+        void *const elements = count == Count{0} ? nullptr : AllocArray(binding_, count, width, function);
         if (elements != nullptr) {
             Set(record, slot.offset, elements);
-            Set(record, slot.length, count);
+            Set(record, slot.length, Number(count));
         }
         return static_cast<uint8_t *>(elements);
     }
@@ -244,7 +277,7 @@ inline void ReverseField(const TypeShape &type, const SlotShape &slot, uint8_t *
             ReverseTable(*type.Element(slot).type, at + TurnAround<uint32_t>(at));
         }
     } else {
-        CopyScalars<true>(at, at, count, slot.width);
+        CopyScalars<true>(at, at, size_t{count} * slot.width, slot.width);
     }
 }
 
