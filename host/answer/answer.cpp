@@ -24,9 +24,4 @@ uint32_t StatusOfException(const char *method) {
     }
 }
 
-uint32_t NotImplemented(const char *method) {
-    Log().info("{}: not implemented", method);
-    return ENOSYS;
-}
-
 } // namespace host

@@ -43,6 +43,9 @@ public:
         return kept->data();
     }
 
+    // What owns memory that the record's pointers point to already.
+    void KeepOwner(std::shared_ptr<void> owner) { kept_.push_back(std::move(owner)); }
+
 private:
     std::vector<std::shared_ptr<void>> kept_;
 };
@@ -55,9 +58,6 @@ void Release(Record *record) {
 
 // The status for the exception in flight, which it logs. To be called from a catch block.
 uint32_t StatusOfException(const char *method);
-
-// Logs and gives ENOSYS.
-uint32_t NotImplemented(const char *method);
 
 // Runs the function of a method without reply.
 template <class Function>
@@ -91,6 +91,25 @@ uint32_t AnswerResult(const char *method, void *replyCtx, Function function) {
     return Answer<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = Run(method, function); });
 }
 
+// For work that takes long, now and then: throws when its result is no longer wanted.
+inline void CheckWanted(void *replyCtx) {
+    if (const uint32_t reason = TarnHost_Cancelled(replyCtx); reason != 0) {
+        throw std::system_error(static_cast<int>(reason), std::generic_category(), "the answer is no longer wanted");
+    }
+}
+
+// The same for a reply with a result and more: when there is a failure, it alone travels.
+template <class Record, class Fill>
+uint32_t AnswerWithResult(const char *method, void *replyCtx, Fill fill) {
+    return Answer<Record>(method, replyCtx, [&](auto &reply) {
+        const uint32_t result = Run(method, [&] { fill(reply); });
+        if (result != 0) {
+            static_cast<Record &>(reply) = Record{};
+        }
+        reply.uiResult = result;
+    });
+}
+
 // A request with a value that is not allowed.
 template <class Value>
 std::system_error BadValue(const char *member, const Value &value, const std::string &expected) {
@@ -112,19 +131,9 @@ void CopyText(char (&to)[kSize], std::string_view text) {
 
 } // namespace host
 
-// For the method lists: the release of a method's reply and, unless its name is in the list of those that are
-// implemented elsewhere, an answer that says so. The list is of macros that expand to "~,"; the last argument is the
-// method's entry, or what would be its name.
-#define TARN_UNIMPLEMENTED(method, request, response, ...)                                                             \
+// For the method lists: the release of a method's reply.
+#define TARN_RELEASE(method, request, response)                                                                        \
     void method##_free(Tarn_sys_diag_##response *record) {                                                             \
         host::Release(record);                                                                                         \
-    }                                                                                                                  \
-    TARN_UNLESS_LISTED(                                                                                                \
-        uint32_t method(const Tarn_sys_diag_##request *, void *) { return host::NotImplemented(#method); },            \
-        __VA_ARGS__)
-#define TARN_UNIMPLEMENTED_NO_REPLY(method, request, ...)                                                              \
-    TARN_UNLESS_LISTED(                                                                                                \
-        uint32_t method(const Tarn_sys_diag_##request *) { return host::NotImplemented(#method); }, __VA_ARGS__)
-#define TARN_UNLESS_LISTED(otherwise, ...) TARN_SECOND(__VA_ARGS__, otherwise, )
-#define TARN_SECOND(...) TARN_SECOND_(__VA_ARGS__)
-#define TARN_SECOND_(first, second, ...) second
+    }
+#define TARN_RELEASE_NO_REPLY(method, request)

@@ -26,4 +26,17 @@ std::vector<TagUse> MemoryByTag();
 // All tags together. Its peak is that of the sum, not the sum of the peaks.
 MemoryUse MemoryTotal();
 
+// While it lives, this thread is refused memory beyond so many bytes in all, whatever it frees meanwhile. A message may
+// ask its decoder for far more than it has bytes.
+class AllocationBudget {
+public:
+    explicit AllocationBudget(uint64_t bytes);
+    AllocationBudget(const AllocationBudget &) = delete;
+    AllocationBudget &operator=(const AllocationBudget &) = delete;
+    ~AllocationBudget();
+
+private:
+    const uint64_t outer_;
+};
+
 } // namespace host

@@ -98,11 +98,22 @@ struct alignas(std::max_align_t) Header {
     uint32_t state; // kLive, or the block is not this allocator's to free
 };
 
+// What this thread may still allocate.
+constinit thread_local uint64_t budget = UINT64_MAX;
+
 const char *NameOf(const char *tag) {
     return tag == nullptr ? "(no tag)" : tag;
 }
 
 } // namespace
+
+AllocationBudget::AllocationBudget(uint64_t bytes) : outer_(budget) {
+    budget = bytes;
+}
+
+AllocationBudget::~AllocationBudget() {
+    budget = outer_;
+}
 
 std::vector<TagUse> MemoryByTag() {
     std::vector<TagUse> uses;
@@ -131,6 +142,9 @@ uint32_t XRT_OsalMemUseFlagGet(uint32_t) {
 }
 
 void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t, const char *pcTag) {
+    if (uiSize > host::budget) {
+        return nullptr;
+    }
     host::Account *const account = host::AccountOf(host::NameOf(pcTag));
     const uint64_t size = uint64_t{uiSize} + sizeof(host::Header);
     auto *const header = account == nullptr || size > SIZE_MAX ? nullptr : static_cast<host::Header *>(malloc(size));
@@ -138,6 +152,7 @@ void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t, const char *pcTag) {
         return nullptr;
     }
     *header = {account, uiSize, host::kLive};
+    host::budget -= host::budget == UINT64_MAX ? 0 : uiSize;
     account->counters.Add(uiSize);
     host::total.Add(uiSize);
     return header + 1;

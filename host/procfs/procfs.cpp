@@ -19,17 +19,6 @@ namespace {
     throw std::system_error(error, std::generic_category(), what);
 }
 
-// A process that went away shows as a missing file, or as ESRCH once its file is open.
-[[noreturn]] void FailRead(int error, const std::string &path) {
-    const bool ofProcess = path.starts_with("/proc/") && path[6] >= '0' && path[6] <= '9';
-    if (ofProcess && error == ENOENT) {
-        error = ESRCH;
-    } else if (error == EPERM) {
-        error = EACCES;
-    }
-    Fail(error, path);
-}
-
 class File {
 public:
     explicit File(const std::string &path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
@@ -52,6 +41,11 @@ std::string Directory(uint32_t pid) {
 
 std::string ThreadFile(uint32_t pid, uint32_t tid, const char *file) {
     return Directory(pid) + "/task/" + std::to_string(tid) + "/" + file;
+}
+
+uint64_t PageKb() {
+    static const auto kb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+    return kb;
 }
 
 // The numbers that follow a thread's name and state.
@@ -96,6 +90,17 @@ std::vector<uint32_t> NumericNames(const std::string &path) {
 
 } // namespace
 
+// A process that went away shows as a missing file, or as ESRCH once its file is open.
+void FailRead(int error, const std::string &path) {
+    const bool ofProcess = path.starts_with("/proc/") && path[6] >= '0' && path[6] <= '9';
+    if (ofProcess && error == ENOENT) {
+        error = ESRCH;
+    } else if (error == EPERM) {
+        error = EACCES;
+    }
+    Fail(error, path);
+}
+
 std::string ReadText(const std::string &path) {
     const File file(path);
     std::string text;
@@ -115,7 +120,7 @@ std::string ReadText(const std::string &path) {
     }
 }
 
-uint64_t FieldOf(std::string_view text, std::string_view key) {
+std::optional<uint64_t> FindField(std::string_view text, std::string_view key) {
     for (size_t at = 0; at < text.size();) {
         const std::string_view line = text.substr(at, text.find('\n', at) - at);
         at += line.size() + 1;
@@ -130,7 +135,15 @@ uint64_t FieldOf(std::string_view text, std::string_view key) {
         }
         break;
     }
-    Fail(EPROTO, "no number for \"" + std::string(key) + "\"");
+    return std::nullopt;
+}
+
+uint64_t FieldOf(std::string_view text, std::string_view key) {
+    const std::optional<uint64_t> value = FindField(text, key);
+    if (!value.has_value()) {
+        Fail(EPROTO, "no number for \"" + std::string(key) + "\"");
+    }
+    return *value;
 }
 
 Task ParseStat(std::string_view line) {
@@ -144,16 +157,23 @@ Task ParseStat(std::string_view line) {
     if (numbers.size() < 41 - kFirst + 1) {
         Fail(EPROTO, "a stat line with fewer than 41 fields");
     }
+    constexpr int64_t kKernelThread = 0x00200000; // PF_KTHREAD
     const auto field = [&](size_t number) { return numbers[number - kFirst]; };
     Task task;
     std::from_chars(line.data(), line.data() + open, task.id);
     task.name = line.substr(open + 1, closed - open - 1);
     task.state = line[closed + 2];
+    task.parent = static_cast<uint32_t>(field(4));
+    task.session = static_cast<uint32_t>(field(6));
+    task.ofKernel = (field(9) & kKernelThread) != 0;
+    task.minorFaults = static_cast<uint64_t>(field(10));
+    task.majorFaults = static_cast<uint64_t>(field(12));
     task.userTicks = static_cast<uint64_t>(field(14));
     task.systemTicks = static_cast<uint64_t>(field(15));
     task.nice = static_cast<int32_t>(field(19));
     task.threadNum = static_cast<uint32_t>(field(20));
     task.startTicks = static_cast<uint64_t>(field(22));
+    task.residentKb = static_cast<uint64_t>(field(24)) * PageKb();
     task.lastCpu = static_cast<uint32_t>(field(39));
     task.realTimePriority = static_cast<uint32_t>(field(40));
     task.policy = static_cast<uint32_t>(field(41));
@@ -165,6 +185,15 @@ Task ReadProcess(uint32_t pid) {
         Fail(ESRCH, std::to_string(pid) + " is a thread, not a process");
     }
     return ParseStat(ReadText(Directory(pid) + "/stat"));
+}
+
+bool Runs(uint32_t pid, uint64_t startTicks) {
+    bool runs = false;
+    SkipEnded([&] {
+        const Task process = ReadProcess(pid);
+        runs = process.startTicks == startTicks && !process.HasEnded();
+    });
+    return runs;
 }
 
 Task ReadThread(uint32_t pid, uint32_t tid) {

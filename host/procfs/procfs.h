@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -16,14 +17,20 @@ struct Task {
     uint32_t id = 0;
     std::string name;
     char state = 0; // the kernel's letter: R running, S sleeping, D waiting for a device, T stopped, Z zombie, ...
+    uint32_t parent = 0;
+    uint32_t session = 0; // the process that leads it
+    bool ofKernel = false;
     uint64_t userTicks = 0;
     uint64_t systemTicks = 0;
+    uint64_t minorFaults = 0; // page faults that needed no disk
+    uint64_t majorFaults = 0; // those that did
     int32_t nice = 0;
     uint32_t threadNum = 0;  // of the process; the kernel says 0 of a thread that has ended
     uint64_t startTicks = 0; // since the system started
     uint32_t lastCpu = 0;
     uint32_t realTimePriority = 0;
     uint32_t policy = 0; // SCHED_OTHER, SCHED_FIFO, ...
+    uint64_t residentKb = 0;
 
     uint64_t CpuTicks() const { return userTicks + systemTicks; }
     bool HasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }
@@ -36,17 +43,25 @@ struct SchedulerCount {
     uint64_t sliceNum = 0;
 };
 
+// Throws what a call on a file of /proc failed with.
+[[noreturn]] void FailRead(int error, const std::string &path);
+
 // The text of a file whose size the kernel does not tell in advance.
 std::string ReadText(const std::string &path);
 
 // The number behind "Key:" in files such as meminfo and status; throws EPROTO when there is none.
 uint64_t FieldOf(std::string_view text, std::string_view key);
+std::optional<uint64_t> FindField(std::string_view text, std::string_view key);
 
 // A stat line. A name may hold blanks and brackets.
 Task ParseStat(std::string_view line);
 
 // The leading thread of a process. The id of another thread is no process.
 Task ReadProcess(uint32_t pid);
+
+// Whether the process that started then is still there, and no other has got its id.
+bool Runs(uint32_t pid, uint64_t startTicks);
+
 Task ReadThread(uint32_t pid, uint32_t tid);
 SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid);
 

@@ -1,0 +1,119 @@
+#include "host/blackbox/box.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <system_error>
+
+namespace host::blackbox {
+
+namespace {
+
+class Descriptor {
+public:
+    explicit Descriptor(const std::filesystem::path &path)
+        : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+        Check(fd_, path);
+    }
+    ~Descriptor() { close(fd_); }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+
+    operator int() const { return fd_; }
+
+    static void Check(int result, const std::filesystem::path &path) {
+        if (result < 0) {
+            throw std::system_error(errno, std::generic_category(), path.string());
+        }
+    }
+
+private:
+    const int fd_;
+};
+
+bool IsBlackBox(int fd, off_t size) {
+    FileHeader header;
+    return size == static_cast<off_t>(kFileBytes) && pread(fd, &header, sizeof header, 0) == sizeof header &&
+           memcmp(header.magic, kMagic, sizeof kMagic) == 0 && header.slotNum == kSlotNum &&
+           header.slotBytes == sizeof(Slot);
+}
+
+// The magic comes last: a file is a black box when all of it is there.
+void Format(int fd, const std::filesystem::path &path) {
+    if (const int error = posix_fallocate(fd, 0, kFileBytes); error != 0) {
+        Descriptor::Check(ftruncate(fd, 0), path);
+        throw std::system_error(error, std::generic_category(), path.string());
+    }
+    FileHeader header{};
+    header.slotNum = kSlotNum;
+    header.slotBytes = sizeof(Slot);
+    memcpy(header.magic, kMagic, sizeof kMagic);
+    if (pwrite(fd, &header, sizeof header, 0) != sizeof header) {
+        throw std::system_error(errno, std::generic_category(), path.string());
+    }
+}
+
+// Whether the path still names the open file: another process may have set it aside.
+bool IsCurrent(const struct stat &opened, const std::filesystem::path &path) {
+    struct stat named {};
+    return lstat(path.c_str(), &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+}
+
+} // namespace
+
+std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid) {
+    return runDir / ("blackbox-" + std::to_string(uid));
+}
+
+Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {
+    for (;;) {
+        const Descriptor fd(file);
+        Descriptor::Check(flock(fd, LOCK_EX), file);
+        struct stat status {};
+        Descriptor::Check(fstat(fd, &status), file);
+        if (!IsCurrent(status, file)) {
+            continue;
+        }
+        if (status.st_size == 0) {
+            Format(fd, file);
+        } else if (!IsBlackBox(fd, status.st_size)) {
+            aside = file.string() + ".damaged";
+            std::filesystem::rename(file, aside);
+            continue;
+        }
+        map_ = mmap(nullptr, kFileBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (map_ == MAP_FAILED) {
+            throw std::system_error(errno, std::generic_category(), file.string());
+        }
+        return;
+    }
+}
+
+Box::~Box() {
+    munmap(map_, kFileBytes);
+}
+
+Slot &Box::Take() const {
+    auto &header = *static_cast<FileHeader *>(map_);
+    auto *const slots = reinterpret_cast<Slot *>(static_cast<char *>(map_) + sizeof(FileHeader));
+    const uint64_t sequence = header.lastSequence.fetch_add(1) + 1;
+    Slot &slot = slots[(sequence - 1) % kSlotNum];
+    slot.sequence = sequence;
+    return slot;
+}
+
+void Box::SealHead(Slot &slot) {
+    slot.headCheck = CheckOf(slot.sequence, slot.head);
+}
+
+void Box::SealStack(Slot &slot) {
+    slot.stackCheck = CheckOf(slot.sequence, slot.stack);
+}
+
+} // namespace host::blackbox

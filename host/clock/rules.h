@@ -1,0 +1,86 @@
+// Time zones and daylight-saving rules: checked, as records, as text, and what a wall clock shows by them.
+//
+// When a rule begins and ends is written as POSIX writes it, with the year before it if it holds for one year only:
+//   M3.5.0/02:00:00      the fifth, that is last, Sunday (0) of March, each year
+//   03-31/02:00:00       31 March, each year
+//   2026-03-29/02:00:00  that day only; 2026-M3.5.0/02:00:00 the same
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/clock/calendar.h"
+
+namespace host {
+
+struct Zone {
+    std::string name = "UTC";
+    int32_t offsetMinutes = 0; // east of Greenwich
+
+    bool operator==(const Zone &) const = default;
+};
+
+constexpr int32_t kMinZoneOffset = -720;
+constexpr int32_t kMaxZoneOffset = 840;
+
+// A moment at which clocks change, by the wall clock before the change.
+struct DstChange {
+    uint16_t year = 0; // 0: each year
+    uint8_t month = 0;
+    uint8_t week = 0; // 1 to 4, 5 for the last; 0: by date
+    uint8_t day = 0;  // of the month; by week, the weekday from Sunday, 0
+    uint8_t hour = 0;
+    uint8_t minute = 0;
+    uint8_t second = 0;
+
+    bool operator==(const DstChange &) const = default;
+};
+
+struct DstRule {
+    std::string name;
+    uint32_t offsetMinutes = 0; // how far clocks go forward
+    DstChange start;
+    DstChange end;
+
+    bool operator==(const DstRule &) const = default;
+};
+
+constexpr uint32_t kMaxDstOffset = 180;
+
+// Coding of the Dst record.
+constexpr uint8_t kDstOff = 0;
+constexpr uint8_t kDstOn = 1;
+constexpr uint8_t kDstByDate = 0;
+constexpr uint8_t kDstByWeek = 1;
+
+// Each throws EINVAL for a value that makes no sense, and says what was expected.
+Zone CheckedZone(Zone zone);
+DstRule CheckedRule(DstRule rule);
+DstChange ParseChange(const std::string &text);
+Zone FromRecord(const Tarn_sys_diag_Timezone &record);
+std::optional<DstRule> FromRecord(const Tarn_sys_diag_Dst &record); // none: no daylight saving
+
+Tarn_sys_diag_Timezone ToRecord(const Zone &zone);
+Tarn_sys_diag_Dst ToRecord(const std::optional<DstRule> &rule);
+
+std::string TextOf(const Zone &zone);
+std::string TextOf(const DstChange &change);
+std::string TextOf(const std::optional<DstRule> &rule);
+
+// What clocks on the wall show in a zone with a rule.
+class WallClock {
+public:
+    explicit WallClock(const Zone &zone = {}, const std::optional<DstRule> &rule = {}) : zone_(zone), rule_(rule) {}
+
+    bool IsDst(GmtTime time) const;
+    LocalMillis ToLocal(GmtTime time) const;
+
+    // Throws EINVAL for a time that the clock skips when it goes forward. Of a time that it shows twice, the first.
+    GmtTime ToGmt(LocalMillis time) const;
+
+private:
+    const Zone zone_;
+    const std::optional<DstRule> rule_;
+};
+
+} // namespace host

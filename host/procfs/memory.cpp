@@ -1,0 +1,170 @@
+#include "host/procfs/memory.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace host::procfs {
+
+namespace {
+
+std::string FileOf(uint32_t pid, const char *name) {
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+// The lines of a file that may be long, without their line feeds.
+class Lines {
+public:
+    explicit Lines(std::string path) : path_(std::move(path)), file_(fopen(path_.c_str(), "re"), fclose) {
+        if (file_ == nullptr) {
+            FailRead(errno, path_);
+        }
+    }
+    ~Lines() { free(line_); }
+    Lines(const Lines &) = delete;
+    Lines &operator=(const Lines &) = delete;
+
+    bool Next(std::string_view &line) {
+        errno = 0;
+        const ssize_t length = getline(&line_, &capacity_, file_.get());
+        if (length < 0) {
+            if (ferror(file_.get()) != 0) {
+                FailRead(errno, path_);
+            }
+            return false;
+        }
+        line = {line_, static_cast<size_t>(length)};
+        if (line.ends_with('\n')) {
+            line.remove_suffix(1);
+        }
+        return true;
+    }
+
+private:
+    const std::string path_;
+    std::unique_ptr<FILE, int (*)(FILE *)> file_;
+    char *line_ = nullptr;
+    size_t capacity_ = 0;
+};
+
+uint64_t *Member(Mapping &mapping, std::string_view key) {
+    if (key == "Rss") {
+        return &mapping.resident;
+    }
+    if (key == "Pss") {
+        return &mapping.proportional;
+    }
+    if (key == "Private_Dirty") {
+        return &mapping.privateDirty;
+    }
+    return key == "Swap" ? &mapping.swap : nullptr;
+}
+
+// "Rss:                1760 kB"
+void TakeSize(Mapping &mapping, std::string_view line, size_t colon) {
+    uint64_t *const member = Member(mapping, line.substr(0, colon));
+    const size_t digit = line.find_first_not_of(' ', colon + 1);
+    if (member != nullptr && digit != line.npos) {
+        std::from_chars(line.data() + digit, line.data() + line.size(), *member);
+    }
+}
+
+void ReadFile(uint32_t pid, const char *file, const TakeMapping &take) {
+    Mapping mapping;
+    bool started = false;
+    Lines lines(FileOf(pid, file));
+    for (std::string_view line; lines.Next(line);) {
+        // A line below a mapping starts with a key and a colon; in a mapping's the range comes before the first colon.
+        const size_t colon = line.find_first_of(": ");
+        if (colon != line.npos && line[colon] == ':') {
+            TakeSize(mapping, line, colon);
+            continue;
+        }
+        if (started) {
+            take(mapping);
+        }
+        mapping = ParseMapping(line);
+        started = true;
+    }
+    if (started) {
+        take(mapping);
+    }
+}
+
+// The kernel ends the file of a process that goes while it is being read, as if there were no more.
+void ReadWhole(uint32_t pid, const char *file, const TakeMapping &take) {
+    const Task before = ReadProcess(pid);
+    if (!HasMemory(ReadText(FileOf(pid, "status")))) {
+        return;
+    }
+    ReadFile(pid, file, take);
+    const Task after = ReadProcess(pid);
+    if (after.startTicks != before.startTicks || !HasMemory(ReadText(FileOf(pid, "status")))) {
+        FailRead(ESRCH, FileOf(pid, file) + ": ended while it was read");
+    }
+}
+
+} // namespace
+
+Mapping ParseMapping(std::string_view line) {
+    const std::string_view whole = line;
+    const auto word = [&] {
+        line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+        const std::string_view found = line.substr(0, line.find(' '));
+        line.remove_prefix(found.size());
+        return found;
+    };
+    Mapping mapping;
+    mapping.range = word();
+    mapping.perms = word();
+    word(); // where in the file
+    mapping.device = word();
+    const std::string_view inode = word();
+    mapping.name = line.substr(std::min(line.find_first_not_of(' '), line.size()));
+    uint64_t start = 0, end = 0;
+    const char *const range = mapping.range.data();
+    const char *const rangeEnd = range + mapping.range.size();
+    const auto [dash, error] = std::from_chars(range, rangeEnd, start, 16);
+    if (error != std::errc{} || dash == rangeEnd || *dash != '-' ||
+        std::from_chars(dash + 1, rangeEnd, end, 16).ec != std::errc{} || end < start ||
+        std::from_chars(inode.data(), inode.data() + inode.size(), mapping.inode).ec != std::errc{}) {
+        throw std::system_error(EPROTO, std::generic_category(), "not a line of maps: " + std::string(whole));
+    }
+    mapping.size = (end - start) / 1024;
+    return mapping;
+}
+
+void ReadMappings(uint32_t pid, const TakeMapping &take) {
+    ReadWhole(pid, "smaps", take);
+}
+
+void ReadMappedRanges(uint32_t pid, const TakeMapping &take) {
+    ReadWhole(pid, "maps", take);
+}
+
+bool HasMemory(std::string_view status) {
+    return FindField(status, "VmSize").has_value();
+}
+
+std::string ProgramName(uint32_t pid) {
+    const std::string path = FileOf(pid, "exe");
+    char target[4096];
+    const ssize_t length = readlink(path.c_str(), target, sizeof target);
+    if (length < 0) {
+        if (errno == ENOENT) {
+            ReadProcess(pid); // there, and has none
+            return {};
+        }
+        FailRead(errno, path);
+    }
+    const std::string_view program(target, static_cast<size_t>(length));
+    return std::string(program.substr(program.rfind('/') + 1));
+}
+
+} // namespace host::procfs

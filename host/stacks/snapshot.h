@@ -1,0 +1,31 @@
+// A thread of another process, stopped for as long as it takes to copy its registers and the top of its stack. All that
+// takes longer, unwinding and looking up names, is done on the copy while the thread runs on.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+namespace host::stacks {
+
+struct Snapshot {
+    std::vector<uint64_t> registers; // in the order of their DWARF numbers
+    uint64_t programCounter = 0;
+    uint64_t stackPointer = 0;
+    std::vector<uint8_t> stack; // from the stack pointer on
+    std::chrono::nanoseconds stopped{};
+};
+
+// How long a thread is given to stop. It does so when it gets a CPU next, which may take a while on a busy machine; one
+// that waits for a device may not stop at all. It is not held up by the attempt.
+constexpr std::chrono::milliseconds kStopTimeout{5000};
+constexpr std::chrono::milliseconds kBlockedTimeout{200};
+
+constexpr size_t kStackBytes = 256U << 10;
+
+// Throws std::system_error: ESRCH the thread has ended; EPERM it may not be looked into, or a debugger has it;
+// ETIMEDOUT it did not stop; ENOTSUP it runs code of another architecture. The thread runs on in any case: should this
+// process die meanwhile, the kernel lets go of it.
+Snapshot TakeSnapshot(uint32_t pid, uint32_t tid);
+
+} // namespace host::stacks

@@ -1,0 +1,225 @@
+#include "host/store/files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace host {
+
+namespace {
+
+constexpr std::string_view kAsideSuffix = ".partial";
+
+std::string AsideName(const std::string &name) {
+    static std::atomic<uint32_t> count = 0;
+    constexpr size_t kLongest = 200; // of the name; the hidden one must not exceed what a file system takes
+    return fmt::format(".{}.{}.{}{}", name.substr(0, kLongest), getpid(), count++, kAsideSuffix);
+}
+
+// The lock says that the file has a living owner; it ends with the owner's process.
+bool TakeOwnership(int fd) {
+    return flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+// -1 and EOPNOTSUPP, or on old systems EISDIR or ENOENT, where there are no files without a name.
+int OpenUnnamed(const Descriptor &directory, mode_t mode) {
+    return openat(directory.Fd(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, mode);
+}
+
+int OpenAside(const Descriptor &directory, const std::string &aside, mode_t mode, FileAside::Until until, bool &named) {
+    if (until == FileAside::Until::kUnnamed) {
+        const int fd = OpenUnnamed(directory, mode);
+        if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != ENOENT)) {
+            return fd;
+        }
+    }
+    const int fd = openat(directory.Fd(), aside.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    named = fd >= 0;
+    return fd;
+}
+
+} // namespace
+
+void Fail(int error, const std::string &what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+Descriptor::Descriptor(int fd, const std::string &what) : fd_(fd) {
+    if (fd_ < 0) {
+        Fail(errno == ELOOP ? EACCES : errno, errno == ELOOP ? what + " is a link" : what);
+    }
+}
+
+Descriptor::Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+Descriptor &Descriptor::operator=(Descriptor &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+}
+
+Descriptor::~Descriptor() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+struct stat Descriptor::Status() const {
+    struct stat status {};
+    if (fstat(fd_, &status) != 0) {
+        Fail(errno, "fstat");
+    }
+    return status;
+}
+
+Descriptor OpenDirectory(const std::string &path) {
+    return {open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path};
+}
+
+Descriptor OpenIn(const Descriptor &directory, const std::string &name) {
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    return {openat(directory.Fd(), name.c_str(), kFlags), name};
+}
+
+std::vector<std::string> NamesBeneath(const std::string &root, std::string_view path) {
+    if (path.starts_with('/')) {
+        const std::string_view base = std::string_view(root).substr(0, root.size() - (root.ends_with('/') ? 1 : 0));
+        if (!path.starts_with(base) || (path.size() > base.size() && path[base.size()] != '/')) {
+            Fail(EACCES, fmt::format("{} lies outside of {}", path, root));
+        }
+        path.remove_prefix(base.size());
+    }
+    std::vector<std::string> names;
+    while (!path.empty()) {
+        const std::string_view name = path.substr(0, path.find('/'));
+        path.remove_prefix(std::min(path.size(), name.size() + 1));
+        if (name == "..") {
+            Fail(EACCES, fmt::format("\"..\" in a path within {}", root));
+        }
+        if (!name.empty() && name != ".") {
+            names.emplace_back(name);
+        }
+    }
+    return names;
+}
+
+Descriptor OpenBeneath(const std::string &root, const std::vector<std::string> &names) {
+    Descriptor at = OpenDirectory(root);
+    for (const std::string &name : names) {
+        at = OpenIn(at, name);
+    }
+    return at;
+}
+
+std::vector<std::string> NamesIn(const Descriptor &directory) {
+    // A description of its own, since the position in the directory is shared with a duplicate.
+    const int own = openat(directory.Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(own < 0 ? nullptr : fdopendir(own), closedir);
+    if (stream == nullptr) {
+        const int error = errno;
+        close(own);
+        Fail(error, "reading a directory");
+    }
+    std::vector<std::string> names;
+    while (const dirent *entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void WriteAll(const Descriptor &file, std::string_view bytes, const std::string &what) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(file.Fd(), bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            Fail(errno, what);
+        }
+        bytes.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+    }
+}
+
+bool SameFile(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+FileAside::FileAside(const Descriptor &directory, std::string name, mode_t mode, Until until)
+    : directory_(directory), name_(std::move(name)), aside_(AsideName(name_)),
+      file_(OpenAside(directory, aside_, mode, until, named_), name_) {
+    TakeOwnership(file_.Fd());
+}
+
+FileAside::~FileAside() {
+    if (named_) {
+        unlinkat(directory_.Fd(), aside_.c_str(), 0);
+    }
+}
+
+bool FileAside::Is(const struct stat &status) const {
+    struct stat older {};
+    const bool replaces = fstatat(directory_.Fd(), name_.c_str(), &older, AT_SYMLINK_NOFOLLOW) == 0;
+    return SameFile(status, file_.Status()) || (replaces && SameFile(status, older));
+}
+
+void FileAside::Commit(Older older) {
+    if (fsync(file_.Fd()) != 0) {
+        Fail(errno, name_);
+    }
+    Rename(older);
+    if (fsync(directory_.Fd()) != 0) {
+        Fail(errno, "the directory of " + name_);
+    }
+}
+
+// A link can't replace a file, so a file without a name is given the hidden one first, if it is to replace an older.
+void FileAside::Rename(Older older) {
+    if (!named_) {
+        const std::string self = fmt::format("/proc/self/fd/{}", file_.Fd());
+        const std::string &name = older == Older::kKeep ? name_ : aside_;
+        if (linkat(AT_FDCWD, self.c_str(), directory_.Fd(), name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            Fail(errno, name_);
+        }
+        if (older == Older::kKeep) {
+            return;
+        }
+        named_ = true;
+    }
+    const unsigned flags = older == Older::kKeep ? RENAME_NOREPLACE : 0;
+    if (renameat2(directory_.Fd(), aside_.c_str(), directory_.Fd(), name_.c_str(), flags) != 0) {
+        Fail(errno, name_);
+    }
+    named_ = false;
+}
+
+bool IsAside(std::string_view name) {
+    return name.starts_with('.') && name.ends_with(kAsideSuffix);
+}
+
+size_t RemoveAbandoned(const Descriptor &directory) {
+    size_t removed = 0;
+    for (const std::string &name : NamesIn(directory)) {
+        if (!IsAside(name)) {
+            continue;
+        }
+        const int fd = openat(directory.Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0 && TakeOwnership(fd) && unlinkat(directory.Fd(), name.c_str(), 0) == 0) {
+            ++removed;
+        }
+        close(fd);
+    }
+    return removed;
+}
+
+} // namespace host

@@ -1,0 +1,150 @@
+#include "host/store/store.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+
+#include "host/osal/log.h"
+
+namespace host {
+
+namespace {
+
+using nlohmann::json;
+
+std::string FileOf(const std::string &name) {
+    const auto allowed = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-'; };
+    if (name.empty() || !std::all_of(name.begin(), name.end(), allowed)) {
+        throw std::invalid_argument(fmt::format("\"{}\" is no name for a document", name));
+    }
+    return name + ".json";
+}
+
+std::string DigestOf(const json &content) {
+    const std::string text = content.dump();
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    size_t size = 0;
+    if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
+        throw std::runtime_error("no SHA-256");
+    }
+    std::string hex;
+    for (size_t i = 0; i != size; ++i) {
+        hex += fmt::format("{:02x}", digest[i]);
+    }
+    return hex;
+}
+
+std::string TextOf(const Descriptor &file, const std::string &name) {
+    if (!S_ISREG(file.Status().st_mode)) {
+        throw std::runtime_error("not a regular file");
+    }
+    std::string text;
+    char buffer[16384];
+    for (ssize_t length = 1; length != 0;) {
+        length = read(file.Fd(), buffer, sizeof buffer);
+        if (length < 0) {
+            Fail(errno, name);
+        }
+        text.append(buffer, static_cast<size_t>(length));
+    }
+    return text;
+}
+
+} // namespace
+
+void Store::Open(const std::filesystem::path &directory) {
+    const std::lock_guard lock(mutex_);
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    path_ = std::filesystem::absolute(directory).lexically_normal();
+    directory_ = OpenDirectory(path_);
+    if (flock(directory_->Fd(), LOCK_EX | LOCK_NB) != 0) {
+        Fail(errno == EWOULDBLOCK ? EBUSY : errno, fmt::format("{} is another process's", path_.string()));
+    }
+    RemoveAbandoned(*directory_);
+}
+
+bool Store::Load(const std::string &name, uint32_t version, const Take &take) {
+    const std::lock_guard lock(mutex_);
+    try {
+        const std::optional<Document> document = Read(name, version);
+        if (document) {
+            take(document->content, document->version);
+        }
+        return document.has_value();
+    } catch (const std::invalid_argument &) {
+        throw;
+    } catch (const std::exception &error) {
+        SetAside(name, ".damaged", error.what());
+        return false;
+    }
+}
+
+bool Store::Load(const std::string &name, uint32_t version, const std::function<void(const json &)> &take) {
+    return Load(name, version, [&](const json &content, uint32_t) { take(content); });
+}
+
+void Store::Save(const std::string &name, uint32_t version, const json &content) {
+    const std::string file = FileOf(name);
+    const std::lock_guard lock(mutex_);
+    if (!directory_) {
+        documents_[name] = {version, content};
+        return;
+    }
+    const std::string what = (path_ / file).string();
+    try {
+        const json whole{{"document", name}, {"version", version}, {"sha256", DigestOf(content)}, {"content", content}};
+        FileAside aside(*directory_, file, 0600);
+        WriteAll(aside.File(), whole.dump(1) + "\n", what);
+        aside.Commit();
+    } catch (const json::exception &error) {
+        Fail(EILSEQ, fmt::format("{}: {}", what, error.what()));
+    }
+}
+
+std::optional<Store::Document> Store::Read(const std::string &name, uint32_t version) {
+    const std::string file = FileOf(name);
+    if (!directory_) {
+        const auto found = documents_.find(name);
+        return found == documents_.end() ? std::nullopt : std::optional(found->second);
+    }
+    const int fd = openat(directory_->Fd(), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) {
+        return {};
+    }
+    const json whole = json::parse(TextOf({fd, file}, file));
+    Document document{whole.at("version").get<uint32_t>(), whole.at("content")};
+    if (whole.at("document") != name) {
+        throw std::runtime_error(fmt::format("it says that it is \"{}\"", whole.at("document").get<std::string>()));
+    }
+    if (whole.at("sha256") != DigestOf(document.content)) {
+        throw std::runtime_error("its content does not match its digest");
+    }
+    if (document.version > version) {
+        SetAside(name, ".newer", fmt::format("it has version {}, expected at most {}", document.version, version));
+        return {};
+    }
+    return document;
+}
+
+void Store::SetAside(const std::string &name, const char *suffix, const std::string &reason) {
+    const std::string file = FileOf(name);
+    if (!directory_) {
+        documents_.erase(name);
+        return;
+    }
+    Log().error("{}: {}; set aside as {}{}", (path_ / file).string(), reason, file, suffix);
+    if (renameat(directory_->Fd(), file.c_str(), directory_->Fd(), (file + suffix).c_str()) != 0) {
+        Log().error("{}: can't be set aside: {}", (path_ / file).string(), std::generic_category().message(errno));
+    }
+}
+
+} // namespace host

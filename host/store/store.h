@@ -1,0 +1,58 @@
+// Documents that outlive a restart, one file each in a directory.
+//
+//   store.Load("clock", 1, [&](const nlohmann::json &content) { ... });   at start
+//   store.Save("clock", 1, content);                                      before a change is confirmed
+//
+// A file is written aside, synced and renamed: after a crash there is the old document or the new one. A file that is
+// damaged (cut off, changed, not ours) is reported and set aside as NAME.damaged, one of a later version as NAME.newer;
+// the document counts as absent then.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "host/store/files.h"
+
+namespace host {
+
+class Store {
+public:
+    Store() = default; // keeps documents in memory only
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
+
+    // Created when missing. Held until the end: EBUSY when another process has it. Throws std::system_error.
+    void Open(const std::filesystem::path &directory);
+
+    // Hands the content over and returns true, if there is such a document. `version` is the newest that the caller
+    // knows; an older document is handed over as well, with its own. What `take` throws counts as damage.
+    using Take = std::function<void(const nlohmann::json &content, uint32_t version)>;
+    bool Load(const std::string &name, uint32_t version, const Take &take);
+    bool Load(const std::string &name, uint32_t version, const std::function<void(const nlohmann::json &)> &take);
+
+    // Throws std::system_error when it can't be kept; the older document is still there then. Who saves a document from
+    // several threads holds a lock of its own from the change until Save returns.
+    void Save(const std::string &name, uint32_t version, const nlohmann::json &content);
+
+private:
+    struct Document {
+        uint32_t version;
+        nlohmann::json content;
+    };
+    std::optional<Document> Read(const std::string &name, uint32_t version);
+    void SetAside(const std::string &name, const char *suffix, const std::string &reason);
+
+    std::mutex mutex_;
+    std::filesystem::path path_;
+    std::optional<Descriptor> directory_;
+    std::map<std::string, Document> documents_; // without a directory
+};
+
+} // namespace host
