@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <asio/executor_work_guard.hpp>
-#include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <cerrno>
+#include <cstring>
+#include <optional>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 
@@ -19,10 +19,11 @@ namespace host {
 class AsyncCalls::Core {
 public:
     Core(std::shared_ptr<const Transport> transport, const Limits &limits)
-        : transport_(std::move(transport)), limits_(limits), work_(io_.get_executor()) {}
+        : transport_(std::move(transport)), limits_(limits) {}
 
     void Start(Outgoing call, std::vector<uint8_t> frame, Done done);
     void Fail(CallOutcome &&outcome, Done done);
+    void Cancel(uint64_t id);
     void Shutdown();
 
 private:
@@ -30,22 +31,22 @@ private:
         Outgoing call;
         Done done;
         std::shared_ptr<Link> link;
-        asio::steady_timer timer;
+        uint64_t timer;
     };
     class Connection;
 
-    bool Post(std::function<void()> work);
+    int Post(std::function<void()> work);
     void Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&done);
     std::shared_ptr<Link> LinkTo(const Outgoing &call, int &error);
     void End(uint64_t id, CallOutcome &&outcome);
+    void GiveUp(uint64_t id, const std::function<CallOutcome(const Outgoing &)> &outcome);
     void EndAll(const Link *link, const std::function<CallOutcome(const Outgoing &)> &outcome);
     void Forget(const Link *link);
     void CloseAll();
 
     const std::shared_ptr<const Transport> transport_;
     const Limits limits_;
-    asio::io_context io_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_;
+    std::optional<Loop> loop_; // from the first call on
     std::unordered_map<uint64_t, Pending> pending_;
     std::unordered_map<std::string, std::shared_ptr<Link>> links_; // by address
     std::mutex mutex_;
@@ -55,7 +56,7 @@ private:
 
 class AsyncCalls::Core::Connection final : public Link {
 public:
-    Connection(Core &core, UniqueFd fd) : Link(core.io_, std::move(fd), core.limits_.messageBytes), core_(core) {}
+    Connection(Core &core, UniqueFd fd) : Link(*core.loop_, std::move(fd), core.limits_.replyBytes), core_(core) {}
 
 private:
     bool Take(std::vector<Frame> &&frames) override {
@@ -92,31 +93,49 @@ private:
 
 void AsyncCalls::Core::Start(Outgoing call, std::vector<uint8_t> frame, Done done) {
     const auto shared = std::make_shared<Done>(std::move(done));
-    const bool posted = Post([this, call = std::move(call), frame = std::move(frame), shared]() mutable {
+    const int error = Post([this, call = std::move(call), frame = std::move(frame), shared]() mutable {
         Begin(std::move(call), std::move(frame), std::move(*shared));
     });
-    if (!posted) {
+    if (error == ECANCELED) {
         (*shared)(Failure(ECANCELED, "the client has shut down"));
+    } else if (error != 0) {
+        (*shared)(
+            Failure(static_cast<uint32_t>(error), fmt::format("no asynchronous call: {}", strerrordesc_np(error))));
     }
 }
 
 void AsyncCalls::Core::Fail(CallOutcome &&outcome, Done done) {
-    if (!Post([outcome, done]() mutable { done(std::move(outcome)); })) {
+    if (Post([outcome, done]() mutable { done(std::move(outcome)); }) != 0) {
         done(std::move(outcome));
     }
 }
 
-// False after Shutdown has begun.
-bool AsyncCalls::Core::Post(std::function<void()> work) {
+void AsyncCalls::Core::Cancel(uint64_t id) {
+    Post([this, id] {
+        GiveUp(id, [this](const Outgoing &call) {
+            return Failure(ECANCELED, call.Label(*transport_) + ": the caller gave up");
+        });
+    });
+}
+
+// 0, ECANCELED after Shutdown has begun, or why the system refuses a thread or descriptors.
+int AsyncCalls::Core::Post(std::function<void()> work) {
     const std::lock_guard lock(mutex_);
     if (stopping_) {
-        return false;
+        return ECANCELED;
     }
-    if (!thread_.joinable()) {
-        thread_ = std::thread([this] { io_.run(); });
+    try {
+        if (!loop_.has_value()) {
+            loop_.emplace();
+        }
+        if (!thread_.joinable()) {
+            thread_ = std::thread([this] { loop_->Run(); });
+        }
+    } catch (const std::system_error &error) {
+        return error.code().value();
     }
-    asio::post(io_, std::move(work));
-    return true;
+    loop_->Post(std::move(work));
+    return 0;
 }
 
 void AsyncCalls::Core::Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&done) {
@@ -131,15 +150,11 @@ void AsyncCalls::Core::Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done
         return;
     }
     const uint64_t id = call.header.id;
-    asio::steady_timer timer(io_, call.deadline);
-    timer.async_wait([this, id](std::error_code aborted) {
-        const auto found = aborted ? pending_.end() : pending_.find(id);
-        if (found != pending_.end()) {
-            End(id, TimedOut(found->second.call, *transport_));
-        }
+    const uint64_t timer = loop_->At(call.deadline, [this, id] {
+        GiveUp(id, [this](const Outgoing &late) { return TimedOut(late, *transport_); });
     });
-    pending_.emplace(id, Pending{std::move(call), std::move(done), link, std::move(timer)});
-    if (!link->Send(std::move(frame))) {
+    pending_.emplace(id, Pending{std::move(call), std::move(done), link, timer});
+    if (!link->Send(frame)) {
         End(id, Disconnected(pending_.at(id).call, *transport_));
     }
 }
@@ -147,19 +162,22 @@ void AsyncCalls::Core::Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done
 std::shared_ptr<Link> AsyncCalls::Core::LinkTo(const Outgoing &call, int &error) {
     // The other calls wait meanwhile; a listener that is there takes a connection at once.
     constexpr std::chrono::milliseconds kPatience(100);
-    const std::string address = transport_->Address(call.service, call.pid);
+    const std::string address = transport_->Address(call.socketOf, call.pid);
     const auto found = links_.find(address);
     if (found != links_.end()) {
         return found->second;
     }
     const auto until = std::min(call.deadline, std::chrono::steady_clock::now() + kPatience);
-    UniqueFd fd = transport_->Connect(call.service, call.pid, until, error);
+    UniqueFd fd = transport_->Connect(call.socketOf, call.pid, until, error);
     if (!fd) {
         return nullptr;
     }
     const auto link = std::make_shared<Connection>(*this, std::move(fd));
+    if (!link->Open()) {
+        error = errno;
+        return nullptr;
+    }
     links_.emplace(address, link);
-    link->Read();
     return link;
 }
 
@@ -167,9 +185,22 @@ std::shared_ptr<Link> AsyncCalls::Core::LinkTo(const Outgoing &call, int &error)
 void AsyncCalls::Core::End(uint64_t id, CallOutcome &&outcome) {
     const auto node = pending_.extract(id);
     if (!node.empty()) {
-        node.mapped().timer.cancel();
+        loop_->CancelTimer(node.mapped().timer);
         node.mapped().done(std::move(outcome));
     }
+}
+
+// Ends a call that the server may still be at work on, and tells the server.
+void AsyncCalls::Core::GiveUp(uint64_t id, const std::function<CallOutcome(const Outgoing &)> &outcome) {
+    const auto found = pending_.find(id);
+    if (found == pending_.end()) {
+        return;
+    }
+    FrameHeader header;
+    header.kind = FrameKind::kCancel;
+    header.id = id;
+    found->second.link->Send(MakeFrame(header, {}));
+    End(id, outcome(found->second.call));
 }
 
 void AsyncCalls::Core::EndAll(const Link *link, const std::function<CallOutcome(const Outgoing &)> &outcome) {
@@ -199,7 +230,7 @@ void AsyncCalls::Core::CloseAll() {
     for (const auto &entry : links) {
         entry.second->Close();
     }
-    work_.reset();
+    loop_->Stop();
 }
 
 void AsyncCalls::Core::Shutdown() {
@@ -208,8 +239,10 @@ void AsyncCalls::Core::Shutdown() {
         const std::lock_guard lock(mutex_);
         if (!stopping_) {
             stopping_ = true;
-            asio::post(io_, [this] { CloseAll(); });
             thread.swap(thread_);
+        }
+        if (thread.joinable()) {
+            loop_->Post([this] { CloseAll(); });
         }
     }
     if (thread.joinable()) {
@@ -230,6 +263,10 @@ void AsyncCalls::Start(Outgoing call, std::vector<uint8_t> frame, Done done) {
 
 void AsyncCalls::Fail(CallOutcome &&outcome, Done done) {
     core_->Fail(std::move(outcome), std::move(done));
+}
+
+void AsyncCalls::Cancel(uint64_t id) {
+    core_->Cancel(id);
 }
 
 void AsyncCalls::Shutdown() {

@@ -20,6 +20,9 @@ public:
     // `frame` is the whole of it. After Shutdown has begun, calls back at once.
     void Start(Outgoing call, std::vector<uint8_t> frame, Done done);
 
+    // Gives up a call that has not ended.
+    void Cancel(uint64_t id);
+
     // Ends a call that never was, on the thread that ends the others.
     void Fail(CallOutcome &&outcome, Done done);
 

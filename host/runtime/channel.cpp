@@ -52,12 +52,29 @@ int Channel::Send(std::span<const uint8_t> header, std::span<const uint8_t> payl
     return 0;
 }
 
-int Channel::ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count) const {
+// Calls mostly have the same deadline, so mostly the socket has the timeout already.
+void Channel::SetReadTimeout(std::chrono::milliseconds timeout) {
+    constexpr std::chrono::milliseconds kClose(2);
+    if (readTimeout_ >= timeout && readTimeout_ <= timeout + kClose) {
+        return;
+    }
+    const timeval value = {timeout.count() / 1000, timeout.count() % 1000 * 1000};
+    setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+    readTimeout_ = timeout;
+}
+
+// Waits in recv, which is cheaper than poll before it, but keeps its timeout less well: the last of it is poll's.
+int Channel::ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count) {
+    constexpr std::chrono::milliseconds kLast(15);
     while (true) {
-        if (const int error = Wait(POLLIN, deadline); error != 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Transport::Clock::now());
+        const bool last = left <= kLast;
+        if (!last) {
+            SetReadTimeout(left - kLast);
+        } else if (const int error = Wait(POLLIN, deadline); error != 0) {
             return error;
         }
-        const ssize_t received = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
+        const ssize_t received = recv(fd_.Get(), to.data(), to.size(), last ? MSG_DONTWAIT : 0);
         if (received > 0) {
             count = static_cast<size_t>(received);
             return 0;

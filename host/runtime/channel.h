@@ -1,6 +1,7 @@
 // A connection that one thread at a time calls on and waits.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -21,10 +22,12 @@ public:
 
 private:
     int Wait(short events, Transport::Clock::time_point deadline) const;
-    int ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count) const;
+    int ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count);
+    void SetReadTimeout(std::chrono::milliseconds timeout);
 
     UniqueFd fd_;
     FrameParser parser_;
+    std::chrono::milliseconds readTimeout_{0}; // that the socket has
 };
 
 } // namespace host

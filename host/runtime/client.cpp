@@ -1,5 +1,6 @@
 #include "host/runtime/client.h"
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -32,7 +33,8 @@ public:
           async_(transport_, options.limits) {}
 
     CallOutcome Exchange(const CallRequest &call, FrameKind kind);
-    void Start(const CallRequest &call, AsyncCalls::Done done);
+    uint64_t Start(const CallRequest &call, AsyncCalls::Done done);
+    void Cancel(uint64_t call) { async_.Cancel(call); }
     void Fail(CallOutcome &&failure, AsyncCalls::Done done) { async_.Fail(std::move(failure), std::move(done)); }
     bool Knows(std::string_view service, uint32_t pid) const { return transport_->Knows(service, pid); }
     const ClientOptions &Options() const { return options_; }
@@ -55,6 +57,7 @@ private:
 bool Client::Core::Prepare(const CallRequest &call, FrameKind kind, Outgoing &out, CallOutcome &refused) const {
     const Limits &limits = options_.limits;
     out.service = call.service;
+    out.socketOf = call.socketOf.empty() ? call.service : call.socketOf;
     out.pid = call.pid;
     out.method = call.method;
     out.timeout = std::min(call.deadline.count() <= 0 ? limits.deadline : call.deadline, limits.maxDeadline);
@@ -86,21 +89,21 @@ CallOutcome Client::Core::Exchange(const CallRequest &call, FrameKind kind) {
     if (!Prepare(call, kind, out, outcome)) {
         return outcome;
     }
-    const std::string address = transport_->Address(call.service, call.pid);
+    const std::string target = fmt::format(FMT_COMPILE("{}/{}"), out.socketOf, call.pid);
     while (true) {
-        auto channel = pool_.Take(address);
+        auto channel = pool_.Take(target);
         const bool fresh = channel == nullptr;
         if (fresh) {
             int error = 0;
-            UniqueFd fd = transport_->Connect(call.service, call.pid, out.deadline, error);
+            UniqueFd fd = transport_->Connect(out.socketOf, call.pid, out.deadline, error);
             if (!fd) {
                 return NotConnected(out, *transport_, error);
             }
-            channel = std::make_unique<Channel>(std::move(fd), options_.limits.messageBytes);
+            channel = std::make_unique<Channel>(std::move(fd), options_.limits.replyBytes);
         }
         if (Try(*channel, fresh, out, call, outcome)) {
             if (outcome.errCode == 0 || outcome.errCode == ENOENT || outcome.errCode == EPROTOTYPE) {
-                pool_.Give(address, std::move(channel));
+                pool_.Give(target, std::move(channel));
             }
             return outcome;
         }
@@ -139,16 +142,19 @@ bool Client::Core::Try(Channel &channel, bool fresh, const Outgoing &out, const 
     return true;
 }
 
-void Client::Core::Start(const CallRequest &call, AsyncCalls::Done done) {
+uint64_t Client::Core::Start(const CallRequest &call, AsyncCalls::Done done) {
     Outgoing out;
     CallOutcome refused;
     std::vector<uint8_t> frame;
+    uint64_t id = 0;
     if (Prepare(call, FrameKind::kRequest, out, refused)) {
+        id = out.header.id;
         frame = MakeFrame(out.header, call.request);
         async_.Start(std::move(out), std::move(frame), std::move(done));
     } else {
         async_.Fail(std::move(refused), std::move(done));
     }
+    return id;
 }
 
 Client::Client(ClientOptions options) : core_(std::make_shared<Core>(options)) {}
@@ -186,15 +192,19 @@ CallOutcome Client::Call(const CallRequest &call) {
 
 CallOutcome Client::Call(std::string_view service, uint32_t pid, std::string_view method, uint32_t requestHash,
                          std::span<const uint8_t> request, std::chrono::milliseconds deadline) {
-    return Call(CallRequest{service, pid, method, requestHash, request, deadline});
+    return Call({service, pid, method, requestHash, request, deadline});
 }
 
 CallOutcome Client::Oneway(const CallRequest &call) {
     return GetCore()->Exchange(call, FrameKind::kOneway);
 }
 
-void Client::CallAsync(const CallRequest &call, std::function<void(CallOutcome &&)> done) {
-    GetCore()->Start(call, std::move(done));
+uint64_t Client::CallAsync(const CallRequest &call, std::function<void(CallOutcome &&)> done) {
+    return GetCore()->Start(call, std::move(done));
+}
+
+void Client::Cancel(uint64_t call) {
+    GetCore()->Cancel(call);
 }
 
 void Client::FailAsync(CallOutcome failure, std::function<void(CallOutcome &&)> done) {

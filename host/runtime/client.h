@@ -56,6 +56,7 @@ struct CallRequest {
     uint32_t requestHash = 0;
     std::span<const uint8_t> request = {}; // encoded
     std::chrono::milliseconds deadline{0}; // from now; 0 for the default
+    std::string_view socketOf = {};        // another service, on whose socket to ask; empty for its own
 };
 
 // Calls any method with encoded messages. All functions are thread-safe.
@@ -81,8 +82,11 @@ public:
     CallOutcome Oneway(const CallRequest &call);
 
     // Sends, and calls back exactly once, from the client's own thread, or from this one after or during Shutdown. The
-    // callback must not throw; while it blocks, no other is called.
-    void CallAsync(const CallRequest &call, std::function<void(CallOutcome &&)> done);
+    // callback must not throw; while it blocks, no other is called. Returns the call's number for Cancel.
+    uint64_t CallAsync(const CallRequest &call, std::function<void(CallOutcome &&)> done);
+
+    // Gives up an asynchronous call that has not ended: it ends with ECANCELED, and the server is told.
+    void Cancel(uint64_t call);
 
     // Calls back with a failure found before the call, in the way of CallAsync.
     void FailAsync(CallOutcome failure, std::function<void(CallOutcome &&)> done);

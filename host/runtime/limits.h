@@ -3,14 +3,43 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace host {
 
 struct Limits {
-    uint32_t messageBytes = 16U << 20;              // payload of a request or reply, sent or received
-    std::chrono::milliseconds deadline{5000};       // of a call that names none
-    std::chrono::milliseconds maxDeadline{3600000}; // a longer one is cut to it
-    uint32_t requestsPerConnection = 64;            // in flight; the server reads no further until one is answered
+    using Milliseconds = std::chrono::milliseconds;
+
+    // Of both sides.
+    uint32_t messageBytes = 16U << 20; // of a request, and of a reply that a server sends
+    uint32_t decodedBytes = 64U << 20; // that decoding one message may allocate
+    Milliseconds deadline{5000};       // of a call that names none
+    Milliseconds maxDeadline{3600000}; // a longer one is cut to it
+
+    // Of a client.
+    uint32_t replyBytes = 4U << 20;
+
+    // Of a server.
+    uint32_t connections = 512;
+    uint32_t userConnections = 256;      // of any one user
+    uint32_t requests = 1024;            // in flight: arrived and not ended; more are refused
+    uint32_t requestsPerConnection = 64; // in flight; the server reads no further until one has ended
+    uint32_t queuedBytes = 32U << 20;    // that wait until a connection's peer takes them; one reply may be larger
+    Milliseconds writeTime{10000};       // until the peer has taken a reply
+    Milliseconds frameTime{10000};       // until the peer has completed a frame that it began
+    Milliseconds idleTime{600000};       // without a request
 };
+
+struct LimitInfo {
+    const char *name;
+    uint64_t value;
+    const char *meaning;
+};
+std::vector<LimitInfo> DescribeLimits(const Limits &limits);
+
+// Sets a limit from "name=value", times in ms. Throws std::invalid_argument that says what was expected.
+void SetLimit(Limits &limits, std::string_view assignment);
 
 } // namespace host

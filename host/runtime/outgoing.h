@@ -12,6 +12,7 @@ namespace host {
 
 struct Outgoing {
     std::string service;
+    std::string socketOf; // the service whose socket takes it
     uint32_t pid = 0;
     std::string method;
     FrameHeader header; // its length set

@@ -8,10 +8,14 @@ constexpr std::chrono::seconds kIdleFor(30);
 
 } // namespace
 
-std::unique_ptr<Channel> Pool::Take(const std::string &address) {
+std::unique_ptr<Channel> Pool::Take(const std::string &target) {
     const std::lock_guard lock(mutex_);
-    const auto found = idle_.find(address);
+    const auto found = idle_.find(target);
     if (found == idle_.end() || found->second.empty()) {
+        return nullptr;
+    }
+    if (Clock::now() - found->second.back().since >= kIdleFor) { // the server may be about to close it
+        found->second.clear();
         return nullptr;
     }
     auto channel = std::move(found->second.back().channel);
@@ -20,10 +24,10 @@ std::unique_ptr<Channel> Pool::Take(const std::string &address) {
 }
 
 // Sweeps now and then: processes come and go, and their connections must not stay.
-void Pool::Give(const std::string &address, std::unique_ptr<Channel> channel) {
+void Pool::Give(const std::string &target, std::unique_ptr<Channel> channel) {
     const auto now = Clock::now();
     const std::lock_guard lock(mutex_);
-    std::vector<Idle> &idle = idle_[address];
+    std::vector<Idle> &idle = idle_[target];
     if (idle.size() < kMostIdle) {
         idle.push_back({std::move(channel), now});
     }

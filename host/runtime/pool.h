@@ -14,8 +14,8 @@ namespace host {
 class Pool {
 public:
     // The connection that was given back last, so that a thread's calls go out in order; or null.
-    std::unique_ptr<Channel> Take(const std::string &address);
-    void Give(const std::string &address, std::unique_ptr<Channel> channel);
+    std::unique_ptr<Channel> Take(const std::string &target);
+    void Give(const std::string &target, std::unique_ptr<Channel> channel);
     void Clear();
 
 private:

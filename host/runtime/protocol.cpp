@@ -31,7 +31,7 @@ enum Offset : size_t {
 static_assert(kMethodAt + kMethodSize == kHeaderSize);
 
 // Payloads grow by at least this much at a time.
-constexpr size_t kStep = 64 << 10;
+constexpr size_t kStep = 256 << 10;
 
 // False unless `field` is printable text with nothing but NULs behind it.
 bool IsName(const uint8_t *field, size_t size) {
@@ -122,8 +122,8 @@ void FrameParser::ReadHeader() {
     header.length = velto::Load<uint32_t>(at + kLengthAt);
     memcpy(header.service, at + kServiceAt, kServiceSize);
     memcpy(header.method, at + kMethodAt, kMethodSize);
-    if (kind < static_cast<uint16_t>(FrameKind::kRequest) || kind > static_cast<uint16_t>(FrameKind::kError)) {
-        Refuse(EBADMSG, fmt::format("frame of kind {}, expected 1 to 4", kind));
+    if (kind < static_cast<uint16_t>(FrameKind::kRequest) || kind > static_cast<uint16_t>(FrameKind::kCancel)) {
+        Refuse(EBADMSG, fmt::format("frame of kind {}, expected 1 to 5", kind));
     } else if (!IsName(at + kServiceAt, kServiceSize) || !IsName(at + kMethodAt, kMethodSize)) {
         Refuse(EBADMSG, "frame whose service or method is not printable text padded with NULs");
     } else if (velto::Load<uint32_t>(at + kReservedAt) != 0) {

@@ -3,8 +3,8 @@
 //   offset size
 //        0    4  magic, "TRPC"
 //        4    2  version, 1
-//        6    2  kind: 1 request, 2 one-way request, 3 reply, 4 error
-//        8    8  call id, the client's; a reply or error repeats it, 0 where the server could not tell it
+//        6    2  kind: 1 request, 2 one-way request, 3 reply, 4 error, 5 cancel
+//        8    8  call id, the client's; a reply, error or cancel repeats it, 0 where the server could not tell it
 //       16    4  type hash of the request type; a reply or error repeats it
 //       20    4  requests: what is left of the deadline, in ms; else 0
 //       24    4  errors: the status that the method returned; else 0
@@ -16,7 +16,8 @@
 //      136       payload: a VELTO message; of an error, its text in UTF-8
 //
 // A method without reply answers a request with an empty reply. One-way requests are not answered, except that any side
-// may send an error before it closes a connection on which it can't find the next frame.
+// may send an error before it closes a connection on which it can't find the next frame. A cancel says that the client
+// takes no answer any more to the request of that id; it is not answered, and neither need the request be.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +32,7 @@ constexpr size_t kHeaderSize = 136;
 constexpr size_t kServiceSize = 32;
 constexpr size_t kMethodSize = 64;
 
-enum class FrameKind : uint16_t { kRequest = 1, kOneway, kReply, kError };
+enum class FrameKind : uint16_t { kRequest = 1, kOneway, kReply, kError, kCancel };
 
 struct FrameHeader {
     FrameKind kind = FrameKind::kRequest;

@@ -23,6 +23,18 @@ uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse);
  */
 uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
 
+/*
+ * Whether work on the request is still wanted; what takes long asks now and then. 0 while it is, else why not: 110
+ * (ETIMEDOUT) its deadline has passed, 125 (ECANCELED) the caller has given up or gone, 108 (ESHUTDOWN) the server is
+ * stopping, 114 (EALREADY) it has been answered. The caller of a one-way request may go. A null context is the request
+ * whose implementation runs on this thread, for a method without reply; 0 when there is none.
+ */
+uint32_t TarnHost_Cancelled(void *pReplyCtx);
+
+/* What is left of the request's deadline, in ms: 0 when it has passed or the request has been answered. Null as above;
+ * the longest there is when no implementation runs on this thread. */
+uint32_t TarnHost_RemainingMs(void *pReplyCtx);
+
 #ifdef __cplusplus
 }
 #endif

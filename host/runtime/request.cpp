@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <unordered_map>
 
 #include "host/osal/log.h"
@@ -13,6 +14,26 @@
 
 namespace host {
 namespace {
+
+// A buffer for a reply, which the thread keeps for the next one unless it is large.
+class Reused {
+public:
+    Reused() : buffer_(std::move(kept_)) {}
+    Reused(const Reused &) = delete;
+    Reused &operator=(const Reused &) = delete;
+    ~Reused() {
+        if (buffer_.capacity() <= kMost) {
+            kept_ = std::move(buffer_);
+        }
+    }
+    std::vector<uint8_t> &Get() { return buffer_; }
+
+private:
+    static constexpr size_t kMost = 1 << 20;
+    static thread_local std::vector<uint8_t> kept_;
+    std::vector<uint8_t> buffer_;
+};
+thread_local std::vector<uint8_t> Reused::kept_;
 
 // The requests whose wrappers run on this thread, innermost first.
 thread_local Request *running = nullptr;
@@ -56,6 +77,59 @@ public:
         return request;
     }
 
+    std::shared_ptr<Request> Find(uintptr_t context) {
+        const std::lock_guard lock(mutex_);
+        const auto found = requests_.find(context);
+        return found == requests_.end() ? nullptr : found->second;
+    }
+
+    // False when nobody waits for the answer any more.
+    bool Begin(uintptr_t context) {
+        const std::lock_guard lock(mutex_);
+        const auto found = requests_.find(context);
+        if (found != requests_.end()) {
+            found->second->stage_ = Stage::kRunning;
+        }
+        return found != requests_.end();
+    }
+
+    // Of one that will be answered after its wrapper has returned.
+    void Return(uintptr_t context) {
+        std::shared_ptr<Request> dropped;
+        const std::lock_guard lock(mutex_);
+        const auto found = requests_.find(context);
+        if (found == requests_.end()) {
+            return;
+        }
+        found->second->stage_ = Stage::kReturned;
+        if (found->second->cancelled_) {
+            dropped = std::move(found->second);
+            requests_.erase(found);
+        }
+    }
+
+    // Those that run are told; the others are gone.
+    void Cancel(const std::function<bool(const Request &)> &concerns) {
+        std::vector<std::shared_ptr<Request>> dropped;
+        {
+            const std::lock_guard lock(mutex_);
+            for (auto entry = requests_.begin(); entry != requests_.end();) {
+                Request &request = *entry->second;
+                const bool meant = concerns(request) && !request.IsOneway();
+                request.cancelled_ = request.cancelled_ || meant;
+                if (meant && request.stage_ != Stage::kRunning) {
+                    dropped.push_back(std::move(entry->second));
+                    entry = requests_.erase(entry);
+                } else {
+                    ++entry;
+                }
+            }
+        }
+        for (const auto &request : dropped) {
+            request->StopTimer();
+        }
+    }
+
     std::vector<uintptr_t> ContextsOf(const void *server) {
         const std::lock_guard lock(mutex_);
         std::vector<uintptr_t> contexts;
@@ -90,24 +164,38 @@ public:
 
 Request::Request(std::shared_ptr<RequestSource> source, Frame frame)
     : source_(std::move(source)), frame_(std::move(frame)),
-      deadline_(std::chrono::steady_clock::now() + DeadlineOf(frame_.header, source_->GetLimits())) {}
+      deadline_(arrived_ + DeadlineOf(frame_.header, source_->GetLimits())) {}
 
 Request::~Request() {
     source_->Finished();
 }
 
-void Request::Run(IdlWrapperFn wrapper) {
-    Live::Get().Enter(shared_from_this());
+std::shared_ptr<Request> Request::Receive(std::shared_ptr<RequestSource> source, Frame frame) {
+    auto request = std::make_shared<Request>(std::move(source), std::move(frame));
+    Live::Get().Enter(request);
+    return request;
+}
+
+void Request::Run(ServedMethod &method) {
     const uintptr_t context = context_;
+    if (std::chrono::steady_clock::now() >= deadline_) {
+        Refuse({Reason::kExpired, ETIMEDOUT, "its deadline passed before its turn"});
+        return;
+    }
+    statistics_ = &method.statistics;
+    if (!Live::Get().Begin(context)) {
+        return;
+    }
     IdlServerCodecTable lent{};
     lent.pRuntimeWord = this;
     uint32_t status;
     {
         const Scope scope(this);
-        status = wrapper(this, reinterpret_cast<void *>(context), &lent);
+        status = method.entry->pfnWrapper(this, reinterpret_cast<void *>(context), &lent);
     }
     if (status == 0 && lent.stCodec.pfnPack != nullptr) {
         StartTimer();
+        Live::Get().Return(context);
         return;
     }
     const auto unanswered = Live::Get().Claim(context);
@@ -116,12 +204,33 @@ void Request::Run(IdlWrapperFn wrapper) {
     } else if (status != 0) {
         Fail(status);
     } else {
-        SendReply(std::vector<uint8_t>(kHeaderSize));
+        uint8_t empty[kHeaderSize];
+        SendReply(empty);
     }
 }
 
-void Request::Refuse(uint32_t errCode, const std::string &text) {
-    SendError(0, errCode, text);
+void Request::Refuse(const Refusal &refusal) {
+    if (Live::Get().Claim(context_) != nullptr) {
+        source_->GetRefusals().Count(refusal.reason);
+        SendError(0, refusal.errCode, refusal.text);
+    }
+}
+
+void Request::Answer(std::string_view payload) {
+    if (Live::Get().Claim(context_) != nullptr) {
+        std::vector<uint8_t> frame(kHeaderSize);
+        frame.insert(frame.end(), payload.begin(), payload.end());
+        SendReply(frame);
+    }
+}
+
+void Request::Cancel(const RequestSource *source, uint64_t id) {
+    Live::Get().Cancel(
+        [=](const Request &request) { return request.source_.get() == source && request.frame_.header.id == id; });
+}
+
+void Request::CancelAll(const RequestSource *source) {
+    Live::Get().Cancel([=](const Request &request) { return request.source_.get() == source; });
 }
 
 void Request::RefuseAll(const void *server, uint32_t errCode, const std::string &text) {
@@ -140,7 +249,8 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
     static const uint8_t nothing = 0;
     const uint8_t *const bytes = frame_.payload.empty() ? &nothing : frame_.payload.data();
     if (record == nullptr || codec.stCodec.pfnUnpack == nullptr ||
-        codec.stCodec.pfnUnpack(bytes, static_cast<uint32_t>(frame_.payload.size()), record) == nullptr) {
+        DecodeWithin(source_->GetLimits().decodedBytes, codec.stCodec, bytes, frame_.payload.size(), record) ==
+            nullptr) {
         undecodable_ = true;
         return nullptr;
     }
@@ -149,14 +259,15 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
 }
 
 void Request::Reply(void *response) {
-    std::vector<uint8_t> bytes;
+    Reused reused;
+    std::vector<uint8_t> &bytes = reused.Get();
     const uint32_t limit = source_->GetLimits().messageBytes;
-    const uint32_t error = Encode(kept_.stCodec, response, kHeaderSize, limit, bytes);
+    const uint32_t error = cancelled_ ? ECANCELED : Encode(kept_.stCodec, response, kHeaderSize, limit, bytes);
     if (kept_.stCodec.pfnUsrFree != nullptr) {
         kept_.stCodec.pfnUsrFree(response);
     }
-    if (error == 0) {
-        SendReply(std::move(bytes));
+    if (error == 0 || error == ECANCELED) {
+        SendReply(bytes);
         return;
     }
     const std::string text =
@@ -179,8 +290,20 @@ void Request::Fail(uint32_t status) {
     }
 }
 
-void Request::SendReply(std::vector<uint8_t> frame) {
-    if (IsOneway()) {
+// Counts, and says whether anybody takes the answer.
+bool Request::Ends(bool well) {
+    if (statistics_ != nullptr) {
+        statistics_->calls.fetch_add(1, std::memory_order_relaxed);
+        (cancelled_ ? statistics_->cancelled : statistics_->errors)
+            .fetch_add(well && !cancelled_ ? 0 : 1, std::memory_order_relaxed);
+        statistics_->latency.Add(std::chrono::steady_clock::now() - arrived_);
+    }
+    return !cancelled_;
+}
+
+// `frame` has room for the header.
+void Request::SendReply(std::span<uint8_t> frame) {
+    if (!Ends(true) || IsOneway()) {
         return;
     }
     FrameHeader header;
@@ -188,11 +311,14 @@ void Request::SendReply(std::vector<uint8_t> frame) {
     header.id = frame_.header.id;
     header.typeHash = frame_.header.typeHash;
     header.length = static_cast<uint32_t>(frame.size() - kHeaderSize);
-    WriteHeader(header, std::span(frame).first<kHeaderSize>());
-    source_->SendAnswer(std::move(frame));
+    WriteHeader(header, frame.first<kHeaderSize>());
+    source_->SendAnswer(frame);
 }
 
 void Request::SendError(uint32_t status, uint32_t errCode, const std::string &text) {
+    if (!Ends(false)) {
+        return;
+    }
     const std::string whole = fmt::format("{}: {}", Label(), text);
     if (IsOneway()) {
         Log().warn("one-way {}", whole);
@@ -212,10 +338,8 @@ void Request::StartTimer() {
     if (answered_) {
         return;
     }
-    timer_.emplace(source_->GetIo(), deadline_);
-    timer_->async_wait([context = context_](std::error_code error) {
-        const auto request = error ? nullptr : Live::Get().Claim(context);
-        if (request != nullptr) {
+    timer_ = source_->GetLoop().At(deadline_, [context = context_] {
+        if (const auto request = Live::Get().Claim(context)) {
             request->SendError(0, ETIMEDOUT, "not answered within its deadline");
         }
     });
@@ -224,7 +348,10 @@ void Request::StartTimer() {
 void Request::StopTimer() {
     const std::lock_guard lock(mutex_);
     answered_ = true;
-    timer_.reset();
+    if (timer_.has_value()) {
+        source_->GetLoop().CancelTimer(*timer_);
+        timer_.reset();
+    }
 }
 
 uint32_t AnswerRecord(void *replyCtx, void *response) {
@@ -251,7 +378,51 @@ uint32_t AnswerStatus(void *replyCtx, uint32_t status) {
     return 0;
 }
 
+// The request that a context stands for; null is this thread's. Null when it has been answered, or there is none.
+std::shared_ptr<Request> Asked(void *replyCtx) {
+    const auto context = replyCtx != nullptr ? reinterpret_cast<uintptr_t>(replyCtx) : running->context_;
+    return Request::Live::Get().Find(context);
+}
+
+uint32_t CancelledWhy(void *replyCtx) {
+    if (replyCtx == nullptr && running == nullptr) {
+        return 0;
+    }
+    const auto request = Asked(replyCtx);
+    if (request == nullptr) {
+        return EALREADY;
+    }
+    if (request->cancelled_) {
+        return ECANCELED;
+    }
+    if (request->source_->IsStopping()) {
+        return ESHUTDOWN;
+    }
+    return std::chrono::steady_clock::now() >= request->deadline_ ? uint32_t{ETIMEDOUT} : 0;
+}
+
+uint32_t RemainingMs(void *replyCtx) {
+    if (replyCtx == nullptr && running == nullptr) {
+        return UINT32_MAX;
+    }
+    const auto request = Asked(replyCtx);
+    if (request == nullptr) {
+        return 0;
+    }
+    const auto left = request->deadline_ - std::chrono::steady_clock::now();
+    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+    return static_cast<uint32_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
+}
+
 } // namespace host
+
+uint32_t TarnHost_Cancelled(void *pReplyCtx) {
+    return host::CancelledWhy(pReplyCtx);
+}
+
+uint32_t TarnHost_RemainingMs(void *pReplyCtx) {
+    return host::RemainingMs(pReplyCtx);
+}
 
 uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse) {
     return host::AnswerRecord(pReplyCtx, pResponse);

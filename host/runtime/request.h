@@ -1,17 +1,18 @@
 // A request on the server's side, from its frame to its answer.
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "host/runtime/limits.h"
-#include "host/runtime/protocol.h"
+#include "host/runtime/loop.h"
+#include "host/runtime/services.h"
 #include "platform/rpc.h"
 
 namespace host {
@@ -20,26 +21,39 @@ namespace host {
 class RequestSource {
 public:
     virtual ~RequestSource() = default;
-    virtual void SendAnswer(std::vector<uint8_t> frame) = 0;
+    virtual void SendAnswer(std::span<const uint8_t> frame) = 0;
     virtual void Finished() = 0; // a request of this connection has been answered, and its wrapper has returned
     virtual const Limits &GetLimits() const = 0;
-    virtual asio::io_context &GetIo() = 0;
+    virtual Refusals &GetRefusals() = 0;
+    virtual Loop &GetLoop() = 0;
     virtual const void *GetServer() const = 0;
+    virtual bool IsStopping() const = 0;
 };
 
-// It lives until it has been answered and its wrapper has returned. Its reply context is a number, looked up at each
-// use, so that a late or second reply finds nothing rather than freed memory.
+// It lives until it has been answered, or its caller has given up, and its wrapper has returned. Its reply context is a
+// number, looked up at each use, so that a late or second reply finds nothing rather than freed memory.
 class Request : public std::enable_shared_from_this<Request> {
 public:
+    // One that has arrived. From now on it may be cancelled.
+    static std::shared_ptr<Request> Receive(std::shared_ptr<RequestSource> source, Frame frame);
+
     Request(std::shared_ptr<RequestSource> source, Frame frame);
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
     ~Request();
 
-    // Runs the wrapper on this thread, and answers unless the implementation has done so or is still to do it.
-    void Run(IdlWrapperFn wrapper);
+    const FrameHeader &Header() const { return frame_.header; }
 
-    void Refuse(uint32_t errCode, const std::string &text);
+    // Runs the wrapper on this thread, and answers unless the implementation has done so or is still to do it. Runs
+    // nothing when nobody waits for the answer any more.
+    void Run(ServedMethod &method);
+
+    void Refuse(const Refusal &refusal);
+    void Answer(std::string_view payload);
+
+    // The caller takes no answer any more: to one call, or to all calls of its connection.
+    static void Cancel(const RequestSource *source, uint64_t id);
+    static void CancelAll(const RequestSource *source);
 
     // Answers every unanswered request of a server with an error.
     static void RefuseAll(const void *server, uint32_t errCode, const std::string &text);
@@ -51,28 +65,38 @@ private:
     friend IdlServerCodecTable * ::RPC_GetUsrFuncLib(void *);
     friend uint32_t AnswerRecord(void *replyCtx, void *response);
     friend uint32_t AnswerStatus(void *replyCtx, uint32_t status);
+    friend std::shared_ptr<Request> Asked(void *replyCtx);
+    friend uint32_t CancelledWhy(void *replyCtx);
+    friend uint32_t RemainingMs(void *replyCtx);
+
+    enum class Stage { kWaiting, kRunning, kReturned };
 
     bool IsOneway() const { return frame_.header.kind == FrameKind::kOneway; }
     std::string Label() const;
     void *Unpack(void *record, const IdlServerCodecTable &codec);
     void Reply(void *response);
     void Fail(uint32_t status);
-    void SendReply(std::vector<uint8_t> frame);
+    void SendReply(std::span<uint8_t> frame);
     void SendError(uint32_t status, uint32_t errCode, const std::string &text);
+    bool Ends(bool well);
     void StartTimer();
     void StopTimer();
 
     const std::shared_ptr<RequestSource> source_;
     Frame frame_;
+    const std::chrono::steady_clock::time_point arrived_ = std::chrono::steady_clock::now();
     const std::chrono::steady_clock::time_point deadline_;
+    MethodStatistics *statistics_ = nullptr; // once it runs
     uintptr_t context_ = 0;
+    Stage stage_ = Stage::kWaiting; // guarded by the table of live requests
+    std::atomic<bool> cancelled_ = false;
     void *record_ = nullptr;     // while its wrapper runs
     IdlServerCodecTable kept_{}; // the wrapper's codec table
     bool undecodable_ = false;
     Request *outer_ = nullptr; // of the same thread
     std::mutex mutex_;         // guards the two below
     bool answered_ = false;
-    std::optional<asio::steady_timer> timer_;
+    std::optional<uint64_t> timer_;
 };
 
 } // namespace host

@@ -58,7 +58,7 @@ bool Prepare(const void *invoker, const void *request, const IdlMethodName *name
         refused = {0, error, fmt::format("{}.{}: {}", name->pcService, name->pcMethod, reason), {}};
         return false;
     }
-    call = {to.service, to.pid, method->method, method->requestHash, bytes, to.timeout};
+    call = {to.service, to.pid, method->method, method->requestHash, bytes, to.timeout, {}};
     return true;
 }
 
@@ -68,7 +68,8 @@ void Decode(const IdlCodecTable &codec, const IdlMethodName &name, void *respons
         return;
     }
     outcome.bytes.reserve(1); // a decoder takes no null
-    if (codec.pfnUnpack(outcome.bytes.data(), static_cast<uint32_t>(outcome.bytes.size()), response) == nullptr) {
+    const uint32_t memory = Client::Default().GetLimits().decodedBytes;
+    if (DecodeWithin(memory, codec, outcome.bytes.data(), outcome.bytes.size(), response) == nullptr) {
         outcome.errCode = EBADMSG;
         outcome.text = fmt::format("{}.{}: the reply of {} bytes is not a valid message", name.pcService, name.pcMethod,
                                    outcome.bytes.size());

@@ -7,8 +7,8 @@
 //   server.Stop();
 //
 // Each service has a socket of its own (see directory.h; TarnSysdiagAgent listens for the calling process), and all
-// services answer on all of them. Any worker thread runs any wrapper. Of one connection, a request waits for the
-// one-way requests before it; otherwise its requests run at the same time.
+// services answer on all of them, also the runtime's own (status.h). Any worker thread runs any wrapper. Of one
+// connection, a request waits for the one-way requests before it; otherwise its requests run at the same time.
 #pragma once
 
 #include <chrono>
@@ -17,14 +17,16 @@
 #include <vector>
 
 #include "host/runtime/limits.h"
+#include "host/runtime/policy.h"
 #include "platform/rpc.h"
 
 namespace host {
 
 struct ServerOptions {
     std::filesystem::path runDir = {}; // empty: DefaultRunDir(); created when missing
-    unsigned workers = 4;
+    unsigned workers = 4;              // requests that run at the same time; the others wait
     Limits limits = {};
+    Policy policy = {};
     std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
 };
 
@@ -35,7 +37,7 @@ public:
     Server &operator=(const Server &) = delete;
     ~Server(); // stops
 
-    // Before Start. The specification and its tables stay the caller's and must outlive the server. Throws
+    // Before Start. The module specification and its tables stay the caller's and must outlive the server. Throws
     // std::invalid_argument for one that is not well-formed, or whose service is already there.
     void AddService(const IdlModuleSpec &spec);
 

@@ -2,68 +2,76 @@
 
 #include <fmt/format.h>
 
-#include <asio/post.hpp>
 #include <cerrno>
 
 #include "host/osal/log.h"
 
 namespace host {
 
-Session::Session(asio::io_context &io, UniqueFd fd, std::shared_ptr<SessionHost> host)
-    : Link(io, std::move(fd), host->GetLimits().messageBytes), host_(std::move(host)) {}
+Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<SessionHost> host)
+    : Link(loop, std::move(fd), host->GetLimits().messageBytes), host_(std::move(host)), peer_(std::move(peer)) {}
 
 bool Session::Take(std::vector<Frame> &&frames) {
-    const std::lock_guard lock(mutex_);
+    const auto self = Self();
     for (Frame &frame : frames) {
-        host_->RequestBegins();
+        if (frame.header.kind == FrameKind::kCancel) {
+            Request::Cancel(this, frame.header.id);
+            continue;
+        }
+        const bool room = host_->RequestBegins();
+        auto request = Request::Receive(self, std::move(frame));
+        if (!room) {
+            request->Refuse({Reason::kRequests, EBUSY,
+                             fmt::format("the server has {} requests in flight, as many as it takes",
+                                         host_->GetLimits().requests)});
+        }
+        const std::lock_guard lock(mutex_);
         ++inFlight_;
-        waiting_.push_back(std::move(frame));
+        waiting_.push_back(std::move(request));
     }
+    const std::lock_guard lock(mutex_);
     reading_ = inFlight_ < host_->GetLimits().requestsPerConnection;
     return reading_;
 }
 
-// Runs waiting requests on this thread, and has another thread take part where more than one may run.
 void Session::Process() {
-    while (true) {
-        Frame frame;
-        bool oneway;
-        {
-            const std::lock_guard lock(mutex_);
-            if (waiting_.empty() || onewayRuns_) {
-                return;
-            }
-            frame = std::move(waiting_.front());
-            waiting_.pop_front();
-            oneway = frame.header.kind == FrameKind::kOneway;
-            onewayRuns_ = oneway;
-            if (!oneway && !waiting_.empty()) {
-                asio::post(Io(),
-                           [self = std::static_pointer_cast<Session>(Link::shared_from_this())] { self->Process(); });
-            }
-        }
-        Serve(std::move(frame));
-        if (oneway) {
-            const std::lock_guard lock(mutex_);
-            onewayRuns_ = false;
-        }
-    }
+    host_->Serve(Self());
 }
 
-void Session::Serve(Frame frame) {
-    const FrameKind kind = frame.header.kind;
-    uint32_t errCode = EBADMSG;
-    std::string reason = "a client sends requests, not replies";
-    IdlWrapperFn wrapper = nullptr;
-    if (kind == FrameKind::kRequest || kind == FrameKind::kOneway) {
-        wrapper = host_->Find(frame.header, errCode, reason);
+bool Session::ServeNext() {
+    std::shared_ptr<Request> request;
+    bool oneway;
+    {
+        const std::lock_guard lock(mutex_);
+        if (waiting_.empty() || onewayRuns_) {
+            return false;
+        }
+        request = std::move(waiting_.front());
+        waiting_.pop_front();
+        oneway = request->Header().kind == FrameKind::kOneway;
+        onewayRuns_ = oneway;
+        if (!oneway && !waiting_.empty()) {
+            host_->ServeElsewhere(Self());
+        }
     }
-    const auto self = std::static_pointer_cast<Session>(Link::shared_from_this());
-    const auto request = std::make_shared<Request>(self, std::move(frame));
-    if (wrapper != nullptr) {
-        request->Run(wrapper);
+    Serve(request);
+    const std::lock_guard lock(mutex_);
+    onewayRuns_ = onewayRuns_ && !oneway;
+    return oneway && !waiting_.empty();
+}
+
+void Session::Serve(const std::shared_ptr<Request> &request) {
+    const FrameHeader &header = request->Header();
+    Refusal refusal{Reason::kGarbage, EBADMSG, "a client sends requests, not replies"};
+    if (header.kind != FrameKind::kRequest && header.kind != FrameKind::kOneway) {
+        request->Refuse(refusal);
+    } else if (header.service == kRuntimeService) {
+        const std::string answer = host_->Introspect(peer_, header, refusal);
+        answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
+    } else if (ServedMethod *const method = host_->Find(peer_, header, refusal)) {
+        request->Run(*method);
     } else {
-        request->Refuse(errCode, reason);
+        request->Refuse(refusal);
     }
 }
 
@@ -77,22 +85,69 @@ bool Session::CountDown() {
 
 void Session::Finished() {
     if (CountDown()) {
-        Read();
+        ReadOn();
     }
     host_->RequestEnds();
 }
 
+void Session::OnEnd() {
+    Request::CancelAll(this);
+    host_->SessionEnds(this);
+}
+
+void Session::CutOff(Reason reason, const std::string &why) {
+    GetRefusals().Count(reason);
+    Log().warn("connection of process {} (user {}) cut off: {}", peer_.pid, peer_.uid, why);
+}
+
+void Session::CheckTimes(Clock::time_point now) {
+    const Limits &limits = GetLimits();
+    const State state = GetState();
+    if (state.unsentBytes > 0 && now - state.unsentSince > limits.writeTime) {
+        CutOff(Reason::kSlowReader, fmt::format("it has not taken a reply within {} ms; {} bytes wait",
+                                                limits.writeTime.count(), state.unsentBytes));
+        Close();
+        return;
+    }
+    if (state.closing) {
+        return;
+    }
+    if (state.inFrame && now - state.frameSince > limits.frameTime) {
+        Refuse(Reason::kSilent, ETIMEDOUT, fmt::format("a frame not completed within {} ms", limits.frameTime.count()));
+        return;
+    }
+    bool busy;
+    {
+        const std::lock_guard lock(mutex_);
+        busy = inFlight_ > 0;
+    }
+    if (!busy && state.unsentBytes == 0 && now - state.lastRead > limits.idleTime) {
+        GetRefusals().Count(Reason::kIdle);
+        Close();
+    }
+}
+
+bool Session::MayQueue(size_t bytes) {
+    const Limits &limits = GetLimits();
+    if (bytes <= limits.queuedBytes) {
+        return true;
+    }
+    CutOff(Reason::kQueuedBytes,
+           fmt::format("{} bytes would wait until it takes them, expected at most {}", bytes, limits.queuedBytes));
+    return false;
+}
+
 void Session::OnBad(const FrameParser &parser) {
+    Refuse(parser.ErrCode() == EMSGSIZE ? Reason::kMessageSize : Reason::kGarbage, parser.ErrCode(), parser.Reason());
+}
+
+void Session::Refuse(Reason reason, uint32_t errCode, const std::string &text) {
     FrameHeader header;
     header.kind = FrameKind::kError;
-    if (parser.ErrCode() == EMSGSIZE) {
-        header.id = parser.Header().id;
-        header.typeHash = parser.Header().typeHash;
-    }
-    header.errCode = parser.ErrCode();
-    const std::string text = fmt::format("connection refused: {}", parser.Reason());
-    Log().warn("{}", text);
-    Send(MakeFrame(header, {reinterpret_cast<const uint8_t *>(text.data()), text.size()}));
+    header.errCode = errCode;
+    CutOff(reason, text);
+    const std::string whole = "connection refused: " + text;
+    Send(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
     CloseWhenSent();
 }
 

@@ -70,7 +70,7 @@ void RemoveStale(const path &socketPath, const sockaddr_un &address) {
 
 class UnixListener final : public Listener {
 public:
-    explicit UnixListener(path socketPath) : path_(std::move(socketPath)) {
+    UnixListener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
         sockaddr_un address;
         if (!FillAddress(path_, address)) {
             throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
@@ -84,7 +84,8 @@ public:
             ThrowErrno(path_.string());
         }
         struct stat status;
-        if (listen(fd_.Get(), SOMAXCONN) != 0 || lstat(path_.c_str(), &status) != 0) {
+        if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Get(), SOMAXCONN) != 0 ||
+            lstat(path_.c_str(), &status) != 0) {
             ThrowErrno(path_.string());
         }
         device_ = status.st_dev;
@@ -143,8 +144,8 @@ UniqueFd UnixTransport::Connect(std::string_view service, uint32_t pid, Clock::t
     return fd;
 }
 
-std::unique_ptr<Listener> UnixTransport::Listen(std::string_view service) const {
-    return std::make_unique<UnixListener>(directory_.Socket(service, 0));
+std::unique_ptr<Listener> UnixTransport::Listen(std::string_view service, bool toAll) const {
+    return std::make_unique<UnixListener>(directory_.Socket(service, 0), toAll);
 }
 
 } // namespace host

@@ -56,7 +56,8 @@ public:
     // An invalid descriptor and the errno value after a failure.
     virtual UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const = 0;
     // Throws std::runtime_error and std::system_error.
-    virtual std::unique_ptr<Listener> Listen(std::string_view service) const = 0;
+    // `toAll` lets every user of the system connect, not only this one.
+    virtual std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const = 0;
 };
 
 // Unix-domain sockets in a run directory.
@@ -67,7 +68,7 @@ public:
     std::string Address(std::string_view service, uint32_t pid) const override;
     bool Knows(std::string_view service, uint32_t pid) const override;
     UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const override;
-    std::unique_ptr<Listener> Listen(std::string_view service) const override;
+    std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const override;
 
 private:
     const Directory directory_;

@@ -1,0 +1,193 @@
+#include "host/runtime/loop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <vector>
+
+namespace host {
+namespace {
+
+enum OwnId : uint64_t { kTasks, kTimers, kStop, kFirstFree };
+
+UniqueFd Checked(int fd, const char *what) {
+    if (fd < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+    return UniqueFd(fd);
+}
+
+void Signal(int eventFd) {
+    const uint64_t one = 1;
+    while (write(eventFd, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+Loop::Loop()
+    : epoll_(Checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
+      tasksComing_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      timerDue_(Checked(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timerfd_create")),
+      stop_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")), lastId_(kFirstFree) {
+    const auto add = [this](int fd, uint32_t events, uint64_t id) {
+        epoll_event event{events, {.u64 = id}};
+        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+            throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+        }
+    };
+    add(tasksComing_.Get(), EPOLLIN | EPOLLET, kTasks);
+    add(timerDue_.Get(), EPOLLIN | EPOLLET, kTimers);
+    add(stop_.Get(), EPOLLIN, kStop); // of the level, for whoever waits only after it
+}
+
+bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Watched> watched, uint64_t &id) {
+    {
+        const std::lock_guard lock(mutex_);
+        id = ++lastId_;
+        watched_.emplace(id, std::move(watched));
+    }
+    epoll_event event{events | EPOLLET, {.u64 = id}};
+    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+        return true;
+    }
+    const int error = errno;
+    const std::lock_guard lock(mutex_);
+    watched_.erase(id);
+    errno = error;
+    return false;
+}
+
+void Loop::Change(int fd, uint32_t events, uint64_t id) {
+    epoll_event event{events | EPOLLET, {.u64 = id}};
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void Loop::Remove(int fd, uint64_t id) {
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+    const std::lock_guard lock(mutex_);
+    watched_.erase(id);
+}
+
+void Loop::Post(Task task) {
+    {
+        const std::lock_guard lock(mutex_);
+        tasks_.push_back(std::move(task));
+    }
+    Signal(tasksComing_.Get());
+}
+
+uint64_t Loop::At(Clock::time_point time, Task task) {
+    const std::lock_guard lock(mutex_);
+    const uint64_t id = ++lastId_;
+    timers_.emplace(std::pair(time, id), std::move(task));
+    timerTimes_.emplace(id, time);
+    if (timers_.begin()->first.second == id) {
+        SetTimer();
+    }
+    return id;
+}
+
+void Loop::CancelTimer(uint64_t timer) {
+    Task last; // released outside of the lock
+    const std::lock_guard lock(mutex_);
+    const auto found = timerTimes_.find(timer);
+    if (found != timerTimes_.end()) {
+        const auto entry = timers_.find({found->second, timer});
+        last = std::move(entry->second);
+        timers_.erase(entry);
+        timerTimes_.erase(found);
+    }
+}
+
+void Loop::Run() {
+    while (!Ended()) {
+        epoll_event event;
+        if (epoll_wait(epoll_.Get(), &event, 1, -1) == 1) {
+            OnEvent(event.data.u64, event.events);
+        }
+    }
+    Signal(stop_.Get()); // one write is not sure to wake more than one thread
+}
+
+void Loop::Stop() {
+    stopping_ = true;
+    Signal(stop_.Get());
+}
+
+bool Loop::Ended() {
+    if (!stopping_) {
+        return false;
+    }
+    const std::lock_guard lock(mutex_);
+    return tasks_.empty();
+}
+
+void Loop::OnEvent(uint64_t id, uint32_t events) {
+    if (id == kTasks || id == kStop) {
+        RunTask();
+        return;
+    }
+    if (id == kTimers) {
+        RunTimers();
+        return;
+    }
+    std::shared_ptr<Watched> watched;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = watched_.find(id);
+        watched = found == watched_.end() ? nullptr : found->second.lock();
+    }
+    if (watched != nullptr) {
+        watched->OnReady(events);
+    }
+}
+
+// One task, which may take long; another thread takes the next.
+void Loop::RunTask() {
+    Task task;
+    {
+        const std::lock_guard lock(mutex_);
+        if (tasks_.empty()) {
+            return;
+        }
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+        if (!tasks_.empty()) {
+            Signal(tasksComing_.Get());
+        }
+    }
+    task();
+}
+
+void Loop::RunTimers() {
+    std::vector<Task> due;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto now = Clock::now();
+        while (!timers_.empty() && timers_.begin()->first.first <= now) {
+            timerTimes_.erase(timers_.begin()->first.second);
+            due.push_back(std::move(timers_.begin()->second));
+            timers_.erase(timers_.begin());
+        }
+        if (!timers_.empty()) {
+            SetTimer();
+        }
+    }
+    for (const Task &task : due) {
+        task();
+    }
+}
+
+// For the first timer, with the mutex held.
+void Loop::SetTimer() {
+    const auto left = timers_.begin()->first.first - Clock::now();
+    const auto ns = std::max<int64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(left).count(), 1);
+    const itimerspec when = {{0, 0}, {ns / 1'000'000'000, ns % 1'000'000'000}};
+    timerfd_settime(timerDue_.Get(), 0, &when, nullptr);
+}
+
+} // namespace host

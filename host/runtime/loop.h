@@ -1,0 +1,74 @@
+// Waits for sockets and moments, on any number of threads, each of which runs what it was woken for.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "host/runtime/transport.h"
+
+namespace host {
+
+// What has a descriptor that is waited for.
+class Watched {
+public:
+    virtual ~Watched() = default;
+    // An event has come, and possibly more than one thread is told. Events are those of epoll.
+    virtual void OnReady(uint32_t events) = 0;
+};
+
+// Events are edges: a descriptor is reported once when it becomes ready, and is to be used until it is not. All
+// functions are thread-safe.
+class Loop {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Task = std::function<void()>;
+
+    Loop();
+    Loop(const Loop &) = delete;
+    Loop &operator=(const Loop &) = delete;
+
+    // Returns what to name it with. False when the system refuses, with errno set.
+    bool Add(int fd, uint32_t events, std::weak_ptr<Watched> watched, uint64_t &id);
+    // Asks for other events, and for those again that it is ready for now.
+    void Change(int fd, uint32_t events, uint64_t id);
+    // While the descriptor is open. OnReady may still be called, or run, for a moment.
+    void Remove(int fd, uint64_t id);
+
+    // Has one of the threads run the task.
+    void Post(Task task);
+    uint64_t At(Clock::time_point time, Task task);
+    // Nothing when it has run, or runs.
+    void CancelTimer(uint64_t timer);
+
+    // Returns after Stop, when no tasks are left.
+    void Run();
+    void Stop();
+
+private:
+    bool Ended();
+    void OnEvent(uint64_t id, uint32_t events);
+    void RunTask();
+    void RunTimers();
+    void SetTimer();
+
+    UniqueFd epoll_;
+    UniqueFd tasksComing_;
+    UniqueFd timerDue_;
+    UniqueFd stop_;
+    std::atomic<bool> stopping_ = false;
+    std::mutex mutex_;
+    uint64_t lastId_;
+    std::unordered_map<uint64_t, std::weak_ptr<Watched>> watched_;
+    std::deque<Task> tasks_;
+    std::map<std::pair<Clock::time_point, uint64_t>, Task> timers_;
+    std::unordered_map<uint64_t, Clock::time_point> timerTimes_;
+};
+
+} // namespace host

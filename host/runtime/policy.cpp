@@ -1,0 +1,192 @@
+#include "host/runtime/policy.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include "host/runtime/catalogue.h"
+
+namespace host {
+namespace {
+
+[[noreturn]] void Refuse(const std::string &where, const std::string &what) {
+    throw std::runtime_error(where + ": " + what);
+}
+
+// A number, or what the system's data base has for a name.
+template <class Entry, class Id>
+std::optional<Id> IdOf(const std::string &name, int (*find)(const char *, Entry *, char *, size_t, Entry **),
+                       Id Entry::*member) {
+    Id id = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error == std::errc() && end == name.data() + name.size() && id != static_cast<Id>(-1)) {
+        return id;
+    }
+    std::vector<char> buffer(1024);
+    Entry entry;
+    Entry *found = nullptr;
+    while (find(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
+        buffer.resize(2 * buffer.size());
+    }
+    return found == nullptr ? std::nullopt : std::optional(found->*member);
+}
+
+std::vector<std::string> WordsOf(const std::string &line) {
+    std::istringstream in(line.substr(0, line.find('#')));
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+bool IsMethod(const std::string &name) {
+    return FindMethod(name) != nullptr || name == "Health" || name == "Status";
+}
+
+} // namespace
+
+bool ReadPeer(int fd, Peer &peer) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+        return false;
+    }
+    peer.pid = credentials.pid;
+    peer.uid = credentials.uid;
+    peer.gid = credentials.gid;
+    peer.groups.resize(32);
+    while (true) {
+        size = static_cast<socklen_t>(peer.groups.size() * sizeof(gid_t));
+        const int result = getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, peer.groups.data(), &size);
+        if (result != 0 && errno != ERANGE) {
+            peer.groups.clear(); // a socket without them
+            return true;
+        }
+        peer.groups.resize(size / sizeof(gid_t));
+        if (result == 0) {
+            return true;
+        }
+    }
+}
+
+Policy::Policy() {
+    for (Rule &rule : groups_) {
+        rule = ParseRule({"same-user", "user:root"}, "policy");
+    }
+}
+
+Policy::Rule Policy::ParseRule(const std::vector<std::string> &words, const std::string &where) {
+    Rule rule;
+    for (const std::string &word : words) {
+        rule.text += (rule.text.empty() ? "" : " ") + word;
+        const std::string name = word.substr(std::min(word.find(':'), word.size() - 1) + 1);
+        if (word == "anyone" || word == "nobody") {
+            if (words.size() != 1) {
+                Refuse(where, fmt::format("\"{}\" among others, expected it alone", word));
+            }
+            rule.anyone = word == "anyone";
+        } else if (word == "same-user") {
+            rule.users.push_back(geteuid());
+        } else if (word == "user:root") {
+            rule.users.push_back(0); // also where the system has no list of users
+        } else if (word.starts_with("user:")) {
+            const auto id = IdOf(name, getpwnam_r, &passwd::pw_uid);
+            if (!id.has_value()) {
+                Refuse(where, fmt::format("no user \"{}\", expected a user's name or number", name));
+            }
+            rule.users.push_back(*id);
+        } else if (word.starts_with("group:")) {
+            const auto id = IdOf(name, getgrnam_r, &group::gr_gid);
+            if (!id.has_value()) {
+                Refuse(where, fmt::format("no group \"{}\", expected a group's name or number", name));
+            }
+            rule.groups.push_back(*id);
+        } else {
+            Refuse(where, fmt::format("\"{}\", expected anyone, nobody, same-user, user:NAME or group:NAME", word));
+        }
+    }
+    return rule;
+}
+
+Policy Policy::Load(const std::filesystem::path &file) {
+    std::ifstream in(file);
+    if (!in) {
+        throw std::runtime_error(fmt::format("{}: {}, expected a policy file", file.string(), strerrordesc_np(errno)));
+    }
+    Policy policy = Parse(in, file.string());
+    if (in.bad()) {
+        throw std::runtime_error(fmt::format("{}: it can't be read, expected a policy file", file.string()));
+    }
+    return policy;
+}
+
+Policy Policy::Parse(std::istream &text, const std::string &name) {
+    Policy policy;
+    std::set<std::string> seen;
+    size_t number = 0;
+    for (std::string line; std::getline(text, line);) {
+        const std::string where = fmt::format("{}:{}", name, ++number);
+        std::vector<std::string> words = WordsOf(line);
+        if (words.empty()) {
+            continue;
+        }
+        const std::string what = words.front();
+        words.erase(words.begin());
+        const auto group = GroupNamed(what);
+        if (!group.has_value() && !IsMethod(what)) {
+            std::string groups;
+            for (const Group known : kGroups) {
+                groups += fmt::format("{}, ", NameOf(known));
+            }
+            Refuse(where, fmt::format("\"{}\", expected {}or a method's name", what, groups));
+        }
+        if (!seen.insert(what).second) {
+            Refuse(where, fmt::format("a second line for \"{}\", expected one", what));
+        }
+        if (words.empty()) {
+            Refuse(where, fmt::format("\"{}\" without who may, expected e.g. same-user, or nobody", what));
+        }
+        (group.has_value() ? policy.groups_[static_cast<size_t>(*group)] : policy.methods_[what]) =
+            ParseRule(words, where);
+    }
+    return policy;
+}
+
+const Policy::Rule &Policy::RuleOf(std::string_view method) const {
+    const auto own = methods_.find(method);
+    return own != methods_.end() ? own->second : groups_[static_cast<size_t>(GroupOf(method))];
+}
+
+bool Policy::Allows(const Peer &peer, std::string_view method) const {
+    const Rule &rule = RuleOf(method);
+    const auto isMember = [&](gid_t group) { return group == peer.gid || std::ranges::count(peer.groups, group) != 0; };
+    return rule.anyone || std::ranges::count(rule.users, peer.uid) != 0 || std::ranges::any_of(rule.groups, isMember);
+}
+
+std::string Policy::Text(std::string_view method) const {
+    return RuleOf(method).text;
+}
+
+bool Policy::AllowsOthers() const {
+    const auto others = [](const Rule &rule) {
+        return rule.anyone || !rule.groups.empty() ||
+               std::ranges::any_of(rule.users, [](uid_t user) { return user != 0 && user != geteuid(); });
+    };
+    return std::ranges::any_of(groups_, others) ||
+           std::ranges::any_of(methods_, [&](const auto &entry) { return others(entry.second); });
+}
+
+} // namespace host
