@@ -1,14 +1,19 @@
 // The agent's C interface: starts and stops the parts.
-#include <pthread.h>
-
-#include <csignal>
 #include <cstring>
 #include <mutex>
 #include <optional>
 #include <utility>
 
+#include "host/agent/commands.h"
+#include "host/agent/dead_loops.h"
+#include "host/agent/faults.h"
+#include "host/agent/health.h"
+#include "host/agent/memory.h"
+#include "host/agent/periodic.h"
 #include "host/agent/registration.h"
+#include "host/agent/resources.h"
 #include "host/agent/service.h"
+#include "host/agent/timers.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
 #include "host/runtime/directory.h"
@@ -21,22 +26,6 @@ namespace {
 
 constexpr size_t kMaxName = sizeof(Tarn_sys_diag_AgentRegInfoInput::szAgentName) - 1;
 
-// Threads started while this lives take no signals: those are the application's.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsBlocked(const SignalsBlocked &) = delete;
-    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
-
-private:
-    sigset_t before_;
-};
-
 Registry &TheRegistry() {
     static Registry &registry = *new Registry; // the agent's threads may outlive main
     return registry;
@@ -47,14 +36,24 @@ public:
     Agent(const std::string &name, const std::filesystem::path &runDir)
         : runner_(TheRegistry()), server_({.runDir = runDir, .workers = 2}) {
         ServeCommandsOf(&runner_);
+        SetHealthName(name);
         runner_.Start();
         server_.AddService(kServiceSpec);
         server_.Start();
+        faults_.emplace(name, host::Directory(runDir).RunDir());
+        TheTimers().Run();
+        TheDeadLoops().Run();
+        TheResources().Run();
         registration_.emplace(name, runDir);
     }
     ~Agent() {
         registration_.reset();
         server_.Stop();
+        TheResources().Halt();
+        TheDeadLoops().Halt();
+        TheTimers().Halt();
+        TheMemory().SetScan(false);
+        faults_.reset();
     }
     Agent(const Agent &) = delete;
     Agent &operator=(const Agent &) = delete;
@@ -62,6 +61,7 @@ public:
 private:
     Runner runner_;
     host::Server server_;
+    std::optional<Faults> faults_;
     std::optional<Registration> registration_;
 };
 

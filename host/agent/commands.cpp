@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "host/agent/methods.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
 
@@ -161,6 +162,33 @@ void Runner::Work() {
         SetResult({result, job.number, std::move(output.text)});
         lock.lock();
     }
+}
+
+namespace {
+
+Runner *servedRunner = nullptr;
+
+} // namespace
+
+void ServeCommandsOf(Runner *runner) {
+    servedRunner = runner;
+}
+
+uint32_t DBGCmdExecShow(const Tarn_sys_diag_DbgCmdShowInput *request) {
+    return host::Run(__func__, [&] { servedRunner->Show(request->pcCmdStr == nullptr ? "" : request->pcCmdStr); });
+}
+
+uint32_t DBGCmdExecResultGet(const Tarn_sys_diag_DbgCmdResultGetInput *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_DiagResult>(__func__, replyCtx, [](auto &reply) {
+        CommandResult result = servedRunner->Result();
+        reply.uiResult = result.result;
+        reply.uiValue = result.number;
+        reply.szText = reply.Keep(std::move(result.text));
+    });
+}
+
+uint32_t DBGCmdExecClean(const Tarn_sys_diag_DbgCmdCleanInput *) {
+    return host::Run(__func__, [] { servedRunner->Clean(); });
 }
 
 } // namespace agent

@@ -88,4 +88,7 @@ private:
     std::thread thread_;
 };
 
+// Whom the methods for commands mean; set before the service is served.
+void ServeCommandsOf(Runner *runner);
+
 } // namespace agent

@@ -1,4 +1,8 @@
-/* tarn-agent: an application with a diagnosis agent in it. It counts, and a debug command tells how far it is. */
+/*
+ * tarn-agent: an application with a diagnosis agent in it, which uses all that the agent offers. Its thread counts,
+ * takes memory for each count from a partition, and asks for each message whether it may send it. Debug commands tell
+ * how far it is, and let it go wrong.
+ */
 #define _GNU_SOURCE
 
 #include <errno.h>
@@ -7,22 +11,61 @@
 #include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include "host/agent/tarn_agent.h"
+#include "host/agent/values.h"
 
 static atomic_uint_fast64_t counter;
 static atomic_bool stop;
 
+static atomic_uint_fast64_t sent, held, heartbeats, warnings;
+static uint32_t partition, requests, leaks, texts;
+
+static void SendMessage(void) {
+    const TarnAgentMessage message = {.uiType = 1, .pcSender = "counter", .pcReceiver = "display", .pcName = "count"};
+    if (TarnAgent_MessagePasses(&message)) {
+        sent++;
+    } else {
+        held++;
+    }
+}
+
 static void *Count(void *argument) {
     const struct timespec pause = {0, 1000000};
     (void)argument;
+    TarnAgent_PrepareThread();
+    TarnAgent_WatchThread(3000);
     while (!stop) {
+        void *const request = TarnAgent_Alloc(requests, 100);
+        TARN_AGENT_CHECK(request != NULL);
         counter++;
+        SendMessage();
+        TarnAgent_Free(request);
         nanosleep(&pause, NULL);
     }
     return NULL;
+}
+
+static void CountHeartbeat(uint32_t timer, void *userData) {
+    (void)timer;
+    (void)userData;
+    heartbeats++;
+}
+
+static uint32_t CheckMessages(uint32_t limit, char *text, size_t room, void *userData) {
+    (void)userData;
+    snprintf(text, room, "%llu messages were held back, limit %u", (unsigned long long)held, limit);
+    return held >= limit ? TARN_AGENT_HEALTH_DEGRADED : TARN_AGENT_HEALTH_GOOD;
+}
+
+static void HoldBack(uint8_t resource, uint8_t level, uint16_t usage, void *userData) {
+    (void)resource;
+    (void)usage;
+    (void)userData;
+    warnings += level != 0;
 }
 
 static uint32_t ShowCounter(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
@@ -36,11 +79,157 @@ static uint32_t ShowCounter(int argc, const char *const *argv, TarnAgentOutput *
     return 0;
 }
 
+/* What goes wrong on command. Not inlined, so that their names stand in the stacks; and let go wrong by sanitizers. */
+#define GOES_WRONG __attribute__((noinline, no_sanitize("undefined")))
+
+GOES_WRONG static void WriteThroughNull(void) {
+    volatile int *volatile nowhere = NULL;
+    *nowhere = 1;
+}
+
+GOES_WRONG static void DivideByZero(void) {
+    volatile int one = 1, zero = 0;
+    counter += (uint_fast64_t)(one / zero);
+}
+
+GOES_WRONG static int Recurse(volatile int depth) {
+    volatile char frame[4096];
+    frame[0] = (char)depth;
+    return depth < 0 ? 0 : Recurse(depth + 1) + frame[0];
+}
+
+static uint32_t ShowState(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)argc;
+    (void)argv;
+    (void)userData;
+    TarnAgent_Print(output, "messages sent %llu held %llu\nheartbeats %llu\nwarnings %llu\ncpu level %u\n",
+                    (unsigned long long)sent, (unsigned long long)held, (unsigned long long)heartbeats,
+                    (unsigned long long)warnings, TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_CPU));
+    return 0;
+}
+
+__attribute__((noinline)) static int LeakBlocks(unsigned long count) {
+    for (unsigned long i = 0; i < count; ++i) {
+        if (TarnAgent_Alloc(leaks, 200) == NULL) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+static uint32_t Leak(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)userData;
+    const unsigned long count = argc == 2 ? strtoul(argv[1], NULL, 10) : 0;
+    if (count == 0) {
+        TarnAgent_Print(output, "expected: leak BLOCKS\n");
+        return EINVAL;
+    }
+    if (!LeakBlocks(count)) {
+        TarnAgent_Print(output, "the partition is full\n");
+        return ENOMEM;
+    }
+    return 0;
+}
+
+__attribute__((noinline)) static void WriteBehindEnd(volatile char *block, size_t size) {
+    block[size] = 1;
+}
+
+static uint32_t Damage(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)argc;
+    (void)argv;
+    (void)userData;
+    char *const block = TarnAgent_Alloc(leaks, 100);
+    if (block == NULL) {
+        return ENOMEM;
+    }
+    WriteBehindEnd(block, 100);
+    TarnAgent_Print(output, "wrote behind %p\n", (void *)block);
+    return 0;
+}
+
+__attribute__((noinline)) static void *SpinUntil(void *argument) {
+    const time_t end = *(const time_t *)argument;
+    free(argument);
+    for (volatile uint32_t turn = 0; time(NULL) < end; ++turn) {
+    }
+    return NULL;
+}
+
+static uint32_t Loop(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)userData;
+    const unsigned long seconds = argc == 2 ? strtoul(argv[1], NULL, 10) : 0;
+    time_t *const end = seconds == 0 ? NULL : malloc(sizeof *end);
+    pthread_t spinning;
+    if (end == NULL) {
+        TarnAgent_Print(output, "expected: loop SECONDS\n");
+        return EINVAL;
+    }
+    *end = time(NULL) + (time_t)seconds;
+    if (pthread_create(&spinning, NULL, SpinUntil, end) != 0) {
+        free(end);
+        return EAGAIN;
+    }
+    pthread_setname_np(spinning, "spinning");
+    pthread_detach(spinning);
+    return 0;
+}
+
+static uint32_t Crash(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)userData;
+    const char *const how = argc == 2 ? argv[1] : "";
+    if (strcmp(how, "segv") == 0) {
+        WriteThroughNull();
+    } else if (strcmp(how, "fpe") == 0) {
+        DivideByZero();
+    } else if (strcmp(how, "abort") == 0) {
+        abort();
+    } else if (strcmp(how, "overflow") == 0) {
+        TarnAgent_PrepareThread();
+        Recurse(0);
+    }
+    TarnAgent_Print(output, "expected: crash segv|fpe|abort|overflow\n");
+    return EINVAL;
+}
+
+static uint32_t Check(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)argv;
+    (void)userData;
+    const int wordNum = argc;
+    if (!TARN_AGENT_CHECK(wordNum == 0)) {
+        TarnAgent_Print(output, "recorded\n");
+    }
+    return 0;
+}
+
+static uint32_t Assert(int argc, const char *const *argv, TarnAgentOutput *output, void *userData) {
+    (void)argv;
+    (void)output;
+    (void)userData;
+    const int wordNum = argc;
+    TARN_AGENT_ASSERT(wordNum == 0);
+    return 0;
+}
+
 static int Usage(FILE *file) {
     fprintf(file, "usage: tarn-agent [--name NAME] [--run-dir DIR]\n"
                   "  --name NAME     what the agent is called [example]\n"
                   "  --run-dir DIR   directory of the sockets [$TARN_RUN_DIR, or /run/tarn]\n");
     return file == stdout ? 0 : 2;
+}
+
+static int RegisterAll(void) {
+    static char title[] = "an application that counts";
+    uint32_t accounted = 0, timer = 0;
+    return TarnAgent_CreatePartition("buffers", 1 << 20, 64, &partition) == 0 &&
+           TarnAgent_OpenMemHandle(partition, "requests", &requests) == 0 &&
+           TarnAgent_OpenMemHandle(partition, "leaks", &leaks) == 0 &&
+           TarnAgent_CreatePartition("static", 0, 0, &accounted) == 0 &&
+           TarnAgent_OpenMemHandle(accounted, "texts", &texts) == 0 &&
+           TarnAgent_AccountAlloc(texts, title, sizeof title) == 0 &&
+           TarnAgent_CreateTimer("heartbeat", 100, 1, CountHeartbeat, NULL, &timer) == 0 &&
+           TarnAgent_StartTimer(timer) == 0 && TarnAgent_AddHealthItem(64, "messages", 100, CheckMessages, NULL) == 0 &&
+           TarnAgent_Subscribe("counter", TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY, HoldBack, NULL) == 0;
 }
 
 static int Serve(const char *name, const char *runDir) {
@@ -53,6 +242,17 @@ static int Serve(const char *name, const char *runDir) {
     pthread_t counting;
     int received = 0;
     TarnAgent_RegisterCommand("counter", "how far the application has counted", ShowCounter, NULL);
+    TarnAgent_RegisterCommand("crash", "segv|fpe|abort|overflow: ends the application", Crash, NULL);
+    TarnAgent_RegisterCommand("check", "records a check that fails", Check, NULL);
+    TarnAgent_RegisterCommand("assert", "records an assertion that fails, and aborts", Assert, NULL);
+    TarnAgent_RegisterCommand("state", "messages, heartbeats, warnings", ShowState, NULL);
+    TarnAgent_RegisterCommand("leak", "BLOCKS: allocates and forgets", Leak, NULL);
+    TarnAgent_RegisterCommand("damage", "writes behind the end of a block", Damage, NULL);
+    TarnAgent_RegisterCommand("loop", "SECONDS: a thread runs without a break", Loop, NULL);
+    if (!RegisterAll()) {
+        fprintf(stderr, "tarn-agent: no memory\n");
+        return 1;
+    }
     const uint32_t error = TarnAgent_Init(name, runDir);
     if (error != 0) {
         fprintf(stderr, "tarn-agent: the agent does not start: %s\n", strerror((int)error));

@@ -7,6 +7,7 @@ TARN_UNIT()
 #include <unistd.h>
 
 #include "host/agent/registration.h"
+#include "host/agent/resources.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
 
@@ -21,13 +22,36 @@ constexpr milliseconds kDeadline{1000};
 constexpr uint32_t kInterfaceVersion = 1;
 
 // The request's bytes in the regular form.
-std::vector<uint8_t> Encode(const Tarn_sys_diag_AgentRegInfoInput &request) {
-    using Codec = velto::Codec<Unit, Tarn_sys_diag_AgentRegInfoInput>;
+template <class Request>
+std::vector<uint8_t> Encode(const Request &request) {
+    using Codec = velto::Codec<Unit, Request>;
     std::vector<uint8_t> bytes(Codec::kPack(nullptr, &request));
     auto capacity = static_cast<uint32_t>(bytes.size());
     const VeltoOutBuf out{bytes.data(), &capacity};
     bytes.resize(Codec::kPack(&out, &request));
     return bytes;
+}
+
+// A method of the service that agents register with; throws what it ended with.
+template <class Response, class Request>
+Response CallDaemon(host::Client &client, const char *method, const Request &request) {
+    const host::CallOutcome outcome =
+        client.Call("TarnSysdiagTarndAgent", 0, method, velto::kTypeHash<Request>, Encode(request), kDeadline);
+    if (!outcome.Ok()) {
+        throw std::runtime_error(outcome.text);
+    }
+    Response reply{};
+    if (velto::Codec<Unit, Response>::kUnpack(outcome.bytes.data(), static_cast<uint32_t>(outcome.bytes.size()),
+                                              &reply) == nullptr) {
+        throw std::runtime_error("the daemon's reply is malformed");
+    }
+    return reply;
+}
+
+void CheckResult(uint32_t result) {
+    if (result != 0) {
+        throw std::system_error(static_cast<int>(result), std::generic_category(), "the daemon refuses it");
+    }
 }
 
 } // namespace
@@ -61,8 +85,10 @@ void Registration::Renew() {
         const uint32_t daemonPid = Call(Doing::kStay);
         if (daemonPid != daemonPid_) {
             host::Log().info("agent {}: registered with the daemon, process {}", name_, daemonPid);
+            events_ = 0;
         }
         daemonPid_ = daemonPid;
+        Subscribe();
         failure_.clear();
     } catch (const std::exception &error) {
         if (failure_ != error.what()) {
@@ -79,21 +105,18 @@ uint32_t Registration::Call(Doing doing) {
     request.uiValue1 = static_cast<uint32_t>(getpid());
     request.uiValue2 = kInterfaceVersion;
     request.ucValue3 = static_cast<uint8_t>(doing);
-    const host::CallOutcome outcome =
-        client_.Call("TarnSysdiagTarndAgent", 0, "AgentRegInfo", velto::kTypeHash<Tarn_sys_diag_AgentRegInfoInput>,
-                     Encode(request), kDeadline);
-    if (!outcome.Ok()) {
-        throw std::runtime_error(outcome.text);
-    }
-    Tarn_sys_diag_AgentRegInfoResult reply{};
-    if (velto::Codec<Unit, Tarn_sys_diag_AgentRegInfoResult>::kUnpack(
-            outcome.bytes.data(), static_cast<uint32_t>(outcome.bytes.size()), &reply) == nullptr) {
-        throw std::runtime_error("the daemon's reply is malformed");
-    }
-    if (reply.uiValue1 != 0) {
-        throw std::system_error(static_cast<int>(reply.uiValue1), std::generic_category(), "the daemon refuses it");
-    }
+    const auto reply = CallDaemon<Tarn_sys_diag_AgentRegInfoResult>(client_, "AgentRegInfo", request);
+    CheckResult(reply.uiValue1);
     return reply.uiValue2;
+}
+
+void Registration::Subscribe() {
+    const uint32_t events = TheResources().Events();
+    if (events != events_) {
+        const Tarn_sys_diag_AppSubscribeInput request{static_cast<uint32_t>(getpid()), events};
+        CheckResult(CallDaemon<Tarn_sys_diag_Result>(client_, "TarnAppSubscribe", request).uiResult);
+        events_ = events;
+    }
 }
 
 } // namespace agent

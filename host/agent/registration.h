@@ -24,10 +24,12 @@ private:
     void Work();
     void Renew();
     uint32_t Call(Doing doing); // the daemon's process; throws what kept it from taking the registration
+    void Subscribe();           // to what the application wants of the daemon
 
     const std::string name_;
     host::Client client_;
     uint32_t daemonPid_ = 0; // whom the agent is registered with; 0: with none
+    uint32_t events_ = 0;    // that the daemon knows the application to want
     std::string failure_;    // the last that was logged, so that each is logged once
     std::mutex mutex_;
     std::condition_variable stopped_;

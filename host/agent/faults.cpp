@@ -1,0 +1,411 @@
+// The recording of faults. What runs in the signal handler calls nothing but functions that may be called there, and
+// allocates nothing; it works on an alternate stack, which an overflown stack needs.
+#include "host/agent/faults.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string_view>
+
+#include "host/agent/stack.h"
+#include "host/agent/tarn_agent.h"
+#include "host/blackbox/box.h"
+#include "host/osal/log.h"
+
+namespace agent {
+
+namespace {
+
+using host::blackbox::Box;
+using host::blackbox::Frame;
+using host::blackbox::Head;
+using host::blackbox::Kind;
+using host::blackbox::Slot;
+using host::blackbox::Stack;
+
+// Set before the handlers are installed, except for the box, which shutting down takes away.
+std::atomic<const Box *> theBox = nullptr;
+std::atomic<int> writerNum = 0;
+std::atomic<uint32_t> faultNum = 0;
+std::array<struct sigaction, kFaultSignals.size()> previous;
+char agentName[sizeof Head::agent];
+char processName[sizeof Head::process];
+
+// Cuts a text to fit; the rest becomes 0.
+template <size_t kSize>
+void Copy(char (&to)[kSize], std::string_view from) {
+    const size_t length = std::min(from.size(), kSize - 1);
+    memset(to, 0, kSize);
+    memcpy(to, from.data(), length);
+}
+
+void AddRegister(Head &head, const char *name, uint64_t value) {
+    auto &one = head.registers[head.registerNum++];
+    Copy(one.name, name);
+    one.value = value;
+}
+
+void AddRegisters(Head &head, const ucontext_t &context) {
+#if defined(__x86_64__)
+    static constexpr struct {
+        int index;
+        const char *name;
+    } kRegisters[] = {{REG_RIP, "rip"}, {REG_RSP, "rsp"}, {REG_RBP, "rbp"},   {REG_RAX, "rax"}, {REG_RBX, "rbx"},
+                      {REG_RCX, "rcx"}, {REG_RDX, "rdx"}, {REG_RSI, "rsi"},   {REG_RDI, "rdi"}, {REG_R8, "r8"},
+                      {REG_R9, "r9"},   {REG_R10, "r10"}, {REG_R11, "r11"},   {REG_R12, "r12"}, {REG_R13, "r13"},
+                      {REG_R14, "r14"}, {REG_R15, "r15"}, {REG_EFL, "eflags"}};
+    for (const auto &one : kRegisters) {
+        AddRegister(head, one.name, static_cast<uint64_t>(context.uc_mcontext.gregs[one.index]));
+    }
+#elif defined(__aarch64__)
+    AddRegister(head, "pc", context.uc_mcontext.pc);
+    AddRegister(head, "sp", context.uc_mcontext.sp);
+    for (size_t i = 0; i < 31; ++i) {
+        const char name[] = {'x', static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10), 0};
+        AddRegister(head, name, context.uc_mcontext.regs[i]);
+    }
+#else
+    static_cast<void>(head), static_cast<void>(context);
+#endif
+}
+
+void FillHead(Head &head, Kind kind, const ucontext_t &context) {
+    memset(&head, 0, sizeof head);
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    head.kind = kind;
+    head.pid = static_cast<uint32_t>(getpid());
+    head.tid = static_cast<uint32_t>(gettid());
+    head.timeNs = static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+    Copy(head.agent, agentName);
+    Copy(head.process, processName);
+    prctl(PR_GET_NAME, head.thread);
+    AddRegisters(head, context);
+}
+
+// The lines of a file, read without allocating. Lines beyond the buffer are cut.
+class Lines {
+public:
+    explicit Lines(const char *path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {}
+    ~Lines() { close(fd_); }
+    Lines(const Lines &) = delete;
+    Lines &operator=(const Lines &) = delete;
+
+    // False at the end.
+    bool Next(std::string_view &line) {
+        size_t length = 0;
+        for (char c = 0; Take(c);) {
+            if (c == '\n') {
+                line = {line_, length};
+                return true;
+            }
+            if (length < sizeof line_) {
+                line_[length++] = c;
+            }
+        }
+        return false;
+    }
+
+private:
+    bool Take(char &c) {
+        if (at_ == end_) {
+            const ssize_t got = read(fd_, buffer_, sizeof buffer_);
+            if (got <= 0) {
+                return false;
+            }
+            at_ = 0;
+            end_ = static_cast<size_t>(got);
+        }
+        c = buffer_[at_++];
+        return true;
+    }
+
+    const int fd_;
+    char buffer_[4096];
+    char line_[512];
+    size_t at_ = 0, end_ = 0;
+};
+
+uint64_t TakeHex(std::string_view &text) {
+    uint64_t value = 0;
+    for (; !text.empty(); text.remove_prefix(1)) {
+        const char c = text.front();
+        if (c >= '0' && c <= '9') {
+            value = value << 4 | static_cast<uint64_t>(c - '0');
+        } else if (c >= 'a' && c <= 'f') {
+            value = value << 4 | static_cast<uint64_t>(c - 'a' + 10);
+        } else {
+            break;
+        }
+    }
+    return value;
+}
+
+// Names the files that the addresses lie in. A line of maps: start-end permissions offset device inode path.
+void FillModules(Stack &stack) {
+    Lines maps("/proc/self/maps");
+    for (std::string_view line; maps.Next(line);) {
+        const size_t path = line.rfind('/');
+        const uint64_t start = TakeHex(line);
+        line.remove_prefix(std::min<size_t>(1, line.size()));
+        const uint64_t end = TakeHex(line);
+        if (path == std::string_view::npos) {
+            continue;
+        }
+        for (size_t i = 0; i < stack.frameNum; ++i) {
+            if (stack.frames[i].address >= start && stack.frames[i].address < end) {
+                Copy(stack.frames[i].module, line.substr(line.rfind('/') + 1));
+            }
+        }
+    }
+}
+
+// `isExact` when the first address is where the thread stopped rather than one that a call returns to.
+void FillStack(Stack &stack, std::span<const uint64_t> addresses, bool isExact) {
+    memset(&stack, 0, sizeof stack);
+    for (const uint64_t address : addresses) {
+        const uint64_t back = isExact && stack.frameNum == 0 ? 0 : 1;
+        Frame &frame = stack.frames[stack.frameNum++];
+        frame.address = address;
+        frame.offset = FunctionAt(address - back, frame.function) + back;
+    }
+    FillModules(stack);
+}
+
+// Keeps the box from being taken away while one writes to it.
+class Writing {
+public:
+    Writing() {
+        ++writerNum;
+        box_ = theBox;
+    }
+    ~Writing() { --writerNum; }
+    Writing(const Writing &) = delete;
+    Writing &operator=(const Writing &) = delete;
+
+    const Box *TheBox() const { return box_; }
+
+private:
+    const Box *box_;
+};
+
+void RecordSignal(int signal, const siginfo_t &info, void *context) {
+    const Writing writing;
+    if (writing.TheBox() == nullptr) {
+        return;
+    }
+    ++faultNum;
+    Slot &slot = writing.TheBox()->Take();
+    FillHead(slot.head, Kind::kException, *static_cast<const ucontext_t *>(context));
+    slot.head.signal = signal;
+    slot.head.code = info.si_code;
+    slot.head.address = reinterpret_cast<uint64_t>(info.si_addr);
+    if (info.si_code <= 0) {
+        slot.head.address = 0; // sent by a process, not raised by an instruction
+    }
+    Box::SealHead(slot);
+    std::array<uint64_t, host::blackbox::kFrameNum> addresses;
+    FillStack(slot.stack, {addresses.data(), CallStackOf(context, addresses)}, true);
+    Box::SealStack(slot);
+}
+
+const struct sigaction &PreviousOf(int signal) {
+    size_t i = 0;
+    while (kFaultSignals[i] != signal) {
+        ++i;
+    }
+    return previous[i];
+}
+
+// Lets what handled the signal before have it. The default action needs the signal once more: an instruction that
+// raised it does so again when the handler returns; one that was sent is sent again.
+void PassOn(int signal, siginfo_t *info, void *context) {
+    const struct sigaction &before = PreviousOf(signal);
+    if ((before.sa_flags & SA_SIGINFO) != 0) {
+        before.sa_sigaction(signal, info, context);
+    } else if (before.sa_handler == SIG_DFL) {
+        sigaction(signal, &before, nullptr);
+        if (info->si_code <= 0) {
+            raise(signal);
+        }
+    } else if (before.sa_handler != SIG_IGN) {
+        before.sa_handler(signal);
+    }
+}
+
+void OnSignal(int signal, siginfo_t *info, void *context) {
+    const int error = errno;
+    RecordSignal(signal, *info, context);
+    PassOn(signal, info, context);
+    errno = error;
+}
+
+void Install() {
+    struct sigaction action {};
+    action.sa_sigaction = OnSignal;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    for (const int signal : kFaultSignals) {
+        sigaddset(&action.sa_mask, signal);
+    }
+    for (size_t i = 0; i < kFaultSignals.size(); ++i) {
+        sigaction(kFaultSignals[i], nullptr, &previous[i]); // known before the first signal
+        sigaction(kFaultSignals[i], &action, nullptr);
+    }
+}
+
+// Leaves alone what the application has installed since.
+void Uninstall() {
+    for (size_t i = 0; i < kFaultSignals.size(); ++i) {
+        struct sigaction now {};
+        sigaction(kFaultSignals[i], nullptr, &now);
+        if ((now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == OnSignal) {
+            sigaction(kFaultSignals[i], &previous[i], nullptr);
+        }
+    }
+}
+
+// A thread's stack for signal handlers, with a page below it that nobody may touch.
+class AlternateStack {
+public:
+    AlternateStack() {
+        stack_t before{};
+        if (sigaltstack(nullptr, &before) == 0 && (before.ss_flags & SS_DISABLE) == 0) {
+            return; // the application has one
+        }
+        memory_ = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+        if (memory_ == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+        mprotect(memory_, kGuardBytes, PROT_NONE);
+        stack_t stack{};
+        stack.ss_sp = static_cast<char *>(memory_) + kGuardBytes;
+        stack.ss_size = kBytes - kGuardBytes;
+        sigaltstack(&stack, nullptr);
+    }
+    ~AlternateStack() {
+        if (memory_ != nullptr) {
+            stack_t none{};
+            none.ss_flags = SS_DISABLE;
+            sigaltstack(&none, nullptr);
+            munmap(memory_, kBytes);
+        }
+    }
+    AlternateStack(const AlternateStack &) = delete;
+    AlternateStack &operator=(const AlternateStack &) = delete;
+
+private:
+    static constexpr size_t kGuardBytes = 4096;
+    static constexpr size_t kBytes = 192 << 10;
+
+    void *memory_ = nullptr;
+};
+
+void PrepareThread() {
+    static thread_local const AlternateStack stack;
+    static_cast<void>(stack);
+}
+
+// Appends to a text as far as there is room.
+template <size_t kSize>
+void Append(char (&to)[kSize], std::string_view text) {
+    const size_t length = strnlen(to, kSize - 1);
+    memcpy(to + length, text.data(), std::min(text.size(), kSize - 1 - length));
+}
+
+template <size_t kSize>
+void AppendNumber(char (&to)[kSize], unsigned number) {
+    char digits[12];
+    size_t at = sizeof digits;
+    do {
+        digits[--at] = static_cast<char>('0' + number % 10);
+        number /= 10;
+    } while (number != 0);
+    Append(to, {digits + at, sizeof digits - at});
+}
+
+} // namespace
+
+Faults::Faults(const std::string &name, const std::filesystem::path &runDir) {
+    try {
+        Copy(agentName, name);
+        char comm[16] = {};
+        prctl(PR_GET_NAME, comm);
+        std::string_view text;
+        Copy(processName, Lines("/proc/self/comm").Next(text) ? text : std::string_view(comm));
+        PrepareThread();
+        uint64_t address = 0;
+        CallStack({&address, 1}); // the unwinder sets itself up at its first use
+        std::filesystem::path aside;
+        theBox = new Box(host::blackbox::FileOf(runDir, geteuid()), aside);
+        if (!aside.empty()) {
+            host::Log().error("agent {}: what was in the place of the black box is none, and is now {}", name,
+                              aside.string());
+        }
+        Install();
+    } catch (const std::exception &error) {
+        host::Log().error("agent {}: no fault will be recorded: {}", name, error.what());
+    }
+}
+
+Faults::~Faults() {
+    const std::unique_ptr<const Box> box(theBox.exchange(nullptr));
+    if (box == nullptr) {
+        return;
+    }
+    Uninstall();
+    while (writerNum != 0) {
+        usleep(1000);
+    }
+}
+
+uint32_t FaultNum() {
+    return faultNum;
+}
+
+} // namespace agent
+
+uint32_t TarnAgent_PrepareThread(void) {
+    try {
+        agent::PrepareThread();
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return ENOMEM;
+    }
+}
+
+void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigned line, const char *function) {
+    const agent::Writing writing;
+    if (writing.TheBox() == nullptr) {
+        return;
+    }
+    ++agent::faultNum;
+    agent::Slot &slot = writing.TheBox()->Take();
+    ucontext_t context;
+    getcontext(&context);
+    agent::FillHead(slot.head, agent::Kind::kAssertion, context);
+    agent::Append(slot.head.text, expression);
+    agent::Append(slot.head.text, " in ");
+    agent::Append(slot.head.text, function);
+    agent::Append(slot.head.text, ", ");
+    agent::Append(slot.head.text, file);
+    agent::Append(slot.head.text, ":");
+    agent::AppendNumber(slot.head.text, line);
+    agent::Box::SealHead(slot);
+    std::array<uint64_t, host::blackbox::kFrameNum> addresses;
+    agent::FillStack(slot.stack, {addresses.data(), agent::CallStack(addresses)}, false);
+    agent::Box::SealStack(slot);
+}

@@ -1,0 +1,43 @@
+// The methods of TarnSysdiagAgent; each stands in the file of its subject.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "host/answer/answer.h"
+#include "types/agent.h"
+
+namespace agent {
+
+#define TARN_METHOD(method, request, response) uint32_t method(const Tarn_sys_diag_##request *request_, void *replyCtx);
+#define TARN_METHOD_NO_REPLY(method, request) uint32_t method(const Tarn_sys_diag_##request *request_);
+#include "client/agent_methods.h"
+
+// The part of a list that a request wants.
+class Choice {
+public:
+    Choice(uint32_t skip, uint32_t limit) : skip_(skip), limit_(limit) {}
+
+    // Counts a match, and says whether it is to be returned.
+    bool Takes() {
+        const uint32_t index = matches_++;
+        return index >= skip_ && (limit_ == 0 || index - skip_ < limit_);
+    }
+    uint32_t Matches() const { return matches_; }
+
+private:
+    const uint32_t skip_;
+    const uint32_t limit_;
+    uint32_t matches_ = 0;
+};
+
+// The process whose agent a request means.
+inline void CheckProcess(const char *member, uint32_t pid) {
+    if (pid != 0 && pid != static_cast<uint32_t>(getpid())) {
+        throw host::BadValue(member, pid, "0 or this agent's process");
+    }
+}
+
+} // namespace agent
