@@ -1,6 +1,13 @@
-// The agents that have registered with the daemon, and what processes have subscribed to.
+#include "host/daemon/agents.h"
+
 #include "host/answer/answer.h"
+#include "host/daemon/agent_probe.h"
+#include "host/daemon/courier.h"
+#include "host/daemon/health_settings.h"
+#include "host/daemon/resources.h"
+#include "host/daemon/rules.h"
 #include "host/daemon/state.h"
+#include "host/daemon/timers.h"
 #include "host/daemon/values.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
@@ -25,13 +32,30 @@ void Register(const Tarn_sys_diag_AgentRegInfoInput &request) {
     if (request.ucValue3 != TARND_AGENT_RUNS) {
         throw host::BadValue("ucValue3", request.ucValue3, "0 or 1");
     }
-    host::procfs::ReadProcess(pid);
-    if (TheState().AddAgent(pid, {name, request.uiValue2})) {
+    const uint64_t start = host::procfs::ReadProcess(pid).startTicks;
+    if (TheState().AddAgent(pid, {name, request.uiValue2, start})) {
         host::Log().info("agent {} of process {} has registered", name, pid);
+        TheCourier().Send(BringRules, pid);
+        TheCourier().Send(BringHealthSwitches, pid);
+        TheCourier().Send(BringResources, pid);
+        TheCourier().Send(ProbeAgent, pid);
+    }
+}
+
+void DropEndedAgents() {
+    for (const auto &[pid, agent] : TheState().Agents()) {
+        if (!host::procfs::Runs(pid, agent.processStart) && TheState().RemoveAgent(pid)) {
+            host::Log().info("agent {} of process {} has gone with it", agent.name, pid);
+        }
     }
 }
 
 } // namespace
+
+void WatchAgents() {
+    constexpr std::chrono::seconds kPeriod{1};
+    TheTimers().Every(TheTimers().Add("agents", DropEndedAgents), kPeriod);
+}
 
 } // namespace tarnd
 
@@ -40,14 +64,5 @@ uint32_t AgentRegInfo(const Tarn_sys_diag_AgentRegInfoInput *request, void *repl
         reply.uiValue1 = host::Run(__func__, [&] { tarnd::Register(*request); });
         host::CopyText(reply.szAgentName, host::TextOf(request->szAgentName));
         reply.uiValue2 = static_cast<uint32_t>(getpid());
-    });
-}
-
-uint32_t TarnAppSubscribe(const Tarn_sys_diag_AppSubscribeInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
-        host::procfs::ReadProcess(request->uiValue1);
-        const uint32_t before = tarnd::TheState().Subscribe(request->uiValue1, request->uiValue2);
-        host::Log().info("process {} subscribes to events {:#x}, before to {:#x}", request->uiValue1, request->uiValue2,
-                         before);
     });
 }

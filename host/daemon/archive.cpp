@@ -1,151 +1,35 @@
 // Log archives. Whatever a path in a request says, nothing outside the log directory is read or written: paths are
 // followed name by name from the open directory, and no link is followed.
+#include "host/daemon/archive.h"
+
 #include <archive.h>
 #include <archive_entry.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 
 #include "host/answer/answer.h"
 #include "host/daemon/state.h"
 #include "host/daemon/values.h"
 #include "host/osal/log.h"
+#include "host/store/files.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
+using host::Descriptor;
+using host::Fail;
+using host::FileAside;
+
 constexpr int kMaxDepth = 32; // directories within directories; each holds a descriptor
-
-[[noreturn]] void Fail(int error, const std::string &what) {
-    throw std::system_error(error, std::generic_category(), what);
-}
-
-class Descriptor {
-public:
-    Descriptor(int fd, const std::string &what) : fd_(fd) {
-        if (fd_ < 0) {
-            Fail(errno == ELOOP ? EACCES : errno, errno == ELOOP ? what + " is a link" : what);
-        }
-    }
-    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor &operator=(Descriptor &&other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    int Fd() const { return fd_; }
-    int Release() { return std::exchange(fd_, -1); }
-
-    struct stat Status() const {
-        struct stat status {};
-        if (fstat(fd_, &status) != 0) {
-            Fail(errno, "fstat");
-        }
-        return status;
-    }
-
-private:
-    int fd_;
-};
-
-// Not blocking, since a FIFO would wait for its writer.
-Descriptor OpenIn(const Descriptor &directory, const std::string &name) {
-    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    return {openat(directory.Fd(), name.c_str(), kFlags), name};
-}
-
-// The names on the way from the log directory to a path, which is relative to it or absolute within it.
-std::vector<std::string> NamesBeneath(const std::string &root, std::string_view path) {
-    if (path.starts_with('/')) {
-        if (!path.starts_with(root) || (path.size() > root.size() && path[root.size()] != '/')) {
-            Fail(EACCES, fmt::format("{} lies outside the log directory {}", path, root));
-        }
-        path.remove_prefix(root.size());
-    }
-    std::vector<std::string> names;
-    while (!path.empty()) {
-        const std::string_view name = path.substr(0, path.find('/'));
-        path.remove_prefix(std::min(path.size(), name.size() + 1));
-        if (name == "..") {
-            Fail(EACCES, "\"..\" in a path of the log directory");
-        }
-        if (!name.empty() && name != ".") {
-            names.emplace_back(name);
-        }
-    }
-    return names;
-}
-
-Descriptor OpenBeneath(const std::string &root, const std::vector<std::string> &names) {
-    Descriptor at(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), "the log directory " + root);
-    for (const std::string &name : names) {
-        at = OpenIn(at, name);
-    }
-    return at;
-}
-
-bool SameFile(const struct stat &a, const struct stat &b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-// A file that takes its name only when it is complete, so that nobody ever sees a part of it.
-class FileAside {
-public:
-    FileAside(const Descriptor &directory, std::string name)
-        : directory_(directory), name_(std::move(name)), aside_(AsideName()),
-          file_(openat(directory.Fd(), aside_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640),
-                aside_) {}
-    ~FileAside() {
-        if (!committed_) {
-            unlinkat(directory_.Fd(), aside_.c_str(), 0);
-        }
-    }
-    FileAside(const FileAside &) = delete;
-    FileAside &operator=(const FileAside &) = delete;
-
-    const Descriptor &File() const { return file_; }
-
-    // True for this file and for the one that it is going to replace.
-    bool Is(const struct stat &status) const {
-        struct stat older {};
-        const bool replaces = fstatat(directory_.Fd(), name_.c_str(), &older, AT_SYMLINK_NOFOLLOW) == 0;
-        return SameFile(status, file_.Status()) || (replaces && SameFile(status, older));
-    }
-
-    void Commit() {
-        if (fsync(file_.Fd()) != 0 || renameat(directory_.Fd(), aside_.c_str(), directory_.Fd(), name_.c_str()) != 0) {
-            Fail(errno, name_);
-        }
-        committed_ = true;
-        fsync(directory_.Fd());
-    }
-
-private:
-    static std::string AsideName() {
-        static std::atomic<uint32_t> count = 0;
-        return fmt::format(".archive.{}.{}.partial", getpid(), count++);
-    }
-
-    const Descriptor &directory_;
-    const std::string name_;
-    const std::string aside_;
-    Descriptor file_;
-    bool committed_ = false;
-};
 
 class ZipWriter {
 public:
-    ZipWriter(const FileAside &target, uint32_t option) : target_(target) {
+    ZipWriter(const FileAside &target, uint32_t option, Progress &progress) : target_(target), progress_(progress) {
         Check(archive_write_set_format_zip(zip_.get()));
         const bool stored = option == TARND_ZIP_STORED;
         Check(stored ? archive_write_zip_set_compression_store(zip_.get())
@@ -153,6 +37,10 @@ public:
         Check(archive_write_set_bytes_in_last_block(zip_.get(), 1));
         Check(archive_write_open_fd(zip_.get(), target.File().Fd()));
     }
+
+    ~ZipWriter() { archive_write_fail(zip_.get()); } // or it would be completed, which may take long
+    ZipWriter(const ZipWriter &) = delete;
+    ZipWriter &operator=(const ZipWriter &) = delete;
 
     // A file, or a directory with all that is in it; anything else is left out.
     void Add(Descriptor source, const std::string &path, int depth = 0) {
@@ -164,8 +52,6 @@ public:
         }
     }
 
-    uint32_t FileNum() const { return fileNum_; }
-
     void Close() { Check(archive_write_close(zip_.get())); }
 
 private:
@@ -173,9 +59,13 @@ private:
         if (depth == kMaxDepth) {
             Fail(ENAMETOOLONG, fmt::format("{}: more than {} directories deep", path, kMaxDepth));
         }
-        for (const std::string &name : Names(source)) {
+        for (const std::string &name : host::NamesIn(source)) {
+            progress_.Add(0);
+            if (host::IsAside(name)) {
+                continue;
+            }
             try {
-                Add(OpenIn(source, name), path.empty() ? name : path + "/" + name, depth + 1);
+                Add(host::OpenIn(source, name), path.empty() ? name : path + "/" + name, depth + 1);
             } catch (const std::system_error &error) {
                 // a link, a socket, or gone since the directory was read
                 const int code = error.code().value();
@@ -185,25 +75,6 @@ private:
                 host::Log().info("left out of the archive: {}", error.what());
             }
         }
-    }
-
-    static std::vector<std::string> Names(const Descriptor &directory) {
-        const int own = dup(directory.Fd()); // closedir closes it
-        const std::unique_ptr<DIR, int (*)(DIR *)> stream(own < 0 ? nullptr : fdopendir(own), closedir);
-        if (stream == nullptr) {
-            const int error = errno;
-            close(own);
-            Fail(error, "reading a directory");
-        }
-        std::vector<std::string> names;
-        while (const dirent *entry = readdir(stream.get())) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") {
-                names.push_back(name);
-            }
-        }
-        std::sort(names.begin(), names.end());
-        return names;
     }
 
     void AddFile(const Descriptor &source, const std::string &path, const struct stat &status) {
@@ -227,9 +98,10 @@ private:
                 FailArchive();
             }
             left -= size;
+            progress_.Add(size);
         }
         Check(archive_write_finish_entry(zip_.get()));
-        ++fileNum_;
+        progress_.AddFile();
     }
 
     void Check(int result) {
@@ -245,8 +117,8 @@ private:
     }
 
     const FileAside &target_;
+    Progress &progress_;
     std::unique_ptr<struct archive, int (*)(struct archive *)> zip_{archive_write_new(), archive_write_free};
-    uint32_t fileNum_ = 0;
 };
 
 std::string CheckedName(std::string_view name) {
@@ -256,27 +128,78 @@ std::string CheckedName(std::string_view name) {
     return std::string(name);
 }
 
-void Zip(const Tarn_sys_diag_ZiploginfoInput &request) {
+void Zip(const Tarn_sys_diag_ZiploginfoInput &request, void *replyCtx) {
     const std::string &root = TheSettings().logDirectory;
     const std::string name = CheckedName(host::TextOf(request.szZipName));
     if (request.uiZipOption != TARND_ZIP_COMPRESSED && request.uiZipOption != TARND_ZIP_STORED) {
         throw host::BadValue("uiZipOption", request.uiZipOption, "0 compressed or 1 stored");
     }
-    const std::vector<std::string> sourceNames = NamesBeneath(root, host::TextOf(request.szLogPath));
-    Descriptor source = OpenBeneath(root, sourceNames);
-    const Descriptor directory = OpenBeneath(root, NamesBeneath(root, host::TextOf(request.szZipPath)));
-    FileAside target(directory, name);
-    ZipWriter writer(target, request.uiZipOption);
+    const std::vector<std::string> sourceNames = host::NamesBeneath(root, host::TextOf(request.szLogPath));
+    Descriptor source = host::OpenBeneath(root, sourceNames);
+    const Descriptor directory = host::OpenBeneath(root, host::NamesBeneath(root, host::TextOf(request.szZipPath)));
+    Progress progress("archive " + name, replyCtx);
+    FileAside target(directory, name, 0640);
+    ZipWriter writer(target, request.uiZipOption, progress);
     writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
     writer.Close();
+    progress.Add(0);
     target.Commit();
-    host::Log().info("archive {} of {} files", name, writer.FileNum());
+    progress.Done();
+}
+
+void RemoveUnfinishedBeneath(const Descriptor &directory, const std::string &path, int depth) {
+    if (const size_t removed = host::RemoveAbandoned(directory); removed != 0) {
+        host::Log().info("{}: removed {} unfinished files", path, removed);
+    }
+    for (const std::string &name : host::NamesIn(directory)) {
+        struct stat status {};
+        const bool isDirectory =
+            fstatat(directory.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+        if (isDirectory && depth < kMaxDepth) {
+            RemoveUnfinishedBeneath(host::OpenIn(directory, name), path + "/" + name, depth + 1);
+        }
+    }
+}
+
+void RemoveUnfinishedIn(const std::string &root) {
+    try {
+        RemoveUnfinishedBeneath(host::OpenDirectory(root), root, 0);
+    } catch (const std::system_error &error) {
+        host::Log().info("unfinished files are not looked for: {}", error.what());
+    }
 }
 
 } // namespace
 
+Progress::Progress(std::string what, void *replyCtx) : what_(std::move(what)), replyCtx_(replyCtx) {}
+
+void Progress::Add(uint64_t bytes) {
+    bytes_ += bytes;
+    host::CheckWanted(replyCtx_);
+    if (const auto now = Clock::now(); now - told_ >= kPeriod) {
+        host::Log().info("{}: {} files and {} MiB so far", what_, files_, bytes_ >> 20);
+        told_ = now;
+    }
+}
+
+void Progress::AddFile() {
+    ++files_;
+}
+
+void Progress::Done() const {
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
+    host::Log().info("{}: {} files, {} bytes, {} ms", what_, files_, bytes_, took.count());
+}
+
+void RemoveUnfinishedArchives() {
+    RemoveUnfinishedIn(TheSettings().logDirectory);
+    for (const auto &[name, directory] : TheSettings().copyTargets) {
+        RemoveUnfinishedIn(directory);
+    }
+}
+
 } // namespace tarnd
 
 uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Zip(*request); });
+    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Zip(*request, replyCtx); });
 }

@@ -1,41 +1,221 @@
-// Time settings: checked and kept. The system's own clock and zone are not touched.
 #include "host/daemon/clock.h"
 
-#include <algorithm>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <ctime>
 
 #include "host/answer/answer.h"
-#include "host/daemon/values.h"
+#include "host/daemon/store.h"
 #include "host/osal/log.h"
+#include "host/store/files.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
-Timezone CheckedTimezone(const Tarn_sys_diag_Timezone &wanted) {
-    const std::string name(host::TextOf(wanted.szTimezoneName));
-    const auto allowed = [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-               std::string_view("_+-/:,.<>").find(c) != std::string_view::npos;
-    };
-    if (name.empty() || !std::all_of(name.begin(), name.end(), allowed)) {
-        throw host::BadValue("szTimezoneName", name, "a time zone's name, such as Europe/Berlin or CET-1CEST");
+namespace {
+
+using host::GmtTime;
+using host::LocalMillis;
+using host::Millis;
+using nlohmann::json;
+
+constexpr const char *kDocument = "clock";
+constexpr uint32_t kVersion = 1;
+constexpr const char *kZones = "/usr/share/zoneinfo";
+
+// Replaced in one step, as whoever reads the zone expects.
+void LinkZone(const std::filesystem::path &link, const std::string &zone) {
+    const std::filesystem::path target = std::filesystem::path(kZones) / zone;
+    if (!std::filesystem::is_regular_file(target)) {
+        host::Fail(ENOENT, fmt::format("the system has no zone {}", zone));
     }
-    const auto offset = static_cast<int32_t>(wanted.uiTimezoneOffset);
-    if (offset < TARND_ZONE_OFFSET_MIN || offset > TARND_ZONE_OFFSET_MAX) {
-        throw host::BadValue("uiTimezoneOffset", offset,
-                             fmt::format("{} to {} minutes", TARND_ZONE_OFFSET_MIN, TARND_ZONE_OFFSET_MAX));
+    const std::string aside = fmt::format("{}.{}.partial", link.string(), getpid());
+    if (symlink(target.c_str(), aside.c_str()) != 0 || rename(aside.c_str(), link.c_str()) != 0) {
+        const int error = errno;
+        unlink(aside.c_str());
+        host::Fail(error, link);
     }
-    return {name, offset};
 }
 
-void TakeTimezone(const Timezone &timezone, const char *source) {
-    const Timezone before = TheState().SetTimezone(timezone);
-    host::Log().info("time zone {} ({:+} minutes) from {}, before {} ({:+} minutes)", timezone.name,
-                     timezone.offsetMinutes, source, before.name, before.offsetMinutes);
+void SetSystemClock(GmtTime to) {
+    const auto sinceEpoch = to.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
+    const timespec time{seconds.count(), std::chrono::nanoseconds(sinceEpoch - seconds).count()};
+    if (clock_settime(CLOCK_REALTIME, &time) != 0) {
+        host::Fail(errno, "the system's clock");
+    }
+}
+
+host::DateFormat CheckedDateFormat(uint32_t format) {
+    if (format > static_cast<uint32_t>(host::DateFormat::kMonthDayYear)) {
+        throw host::BadValue("uiDateFormat", format, "0 year-month-day, 1 day-month-year or 2 month-day-year");
+    }
+    return static_cast<host::DateFormat>(format);
+}
+
+} // namespace
+
+void Clock::ApplyToSystem(std::filesystem::path zoneLink) {
+    applies_ = true;
+    zoneLink_ = std::move(zoneLink);
+}
+
+void Clock::Load() {
+    const std::lock_guard lock(mutex_);
+    TheStore().Load(kDocument, kVersion, [this](const json &content) { settings_ = FromJson(content); });
+}
+
+void Clock::SetZone(const host::Zone &zone, const char *source) {
+    const std::lock_guard lock(mutex_);
+    ClockSettings changed = settings_;
+    changed.zone = host::CheckedZone(zone);
+    if (applies_) {
+        LinkZone(zoneLink_, zone.name);
+    }
+    const std::string before = settings_.zone ? host::TextOf(*settings_.zone) : "the system's";
+    Change(std::move(changed), fmt::format("time zone {} from {}, before {}", host::TextOf(zone), source, before));
+}
+
+void Clock::SetDst(const std::optional<host::DstRule> &rule, const char *source) {
+    const std::lock_guard lock(mutex_);
+    ClockSettings changed = settings_;
+    changed.dst = rule ? std::optional(host::CheckedRule(*rule)) : std::nullopt;
+    Change(std::move(changed), fmt::format("daylight saving {} from {}, before {}", host::TextOf(rule), source,
+                                           host::TextOf(settings_.dst)));
+}
+
+void Clock::SetGmt(const Tarn_sys_diag_Systime &time) {
+    const std::lock_guard lock(mutex_);
+    SetNow(GmtTime(host::FromRecord(time, "stTime").time_since_epoch()));
+}
+
+void Clock::SetLocal(const Tarn_sys_diag_Systime &time) {
+    const std::lock_guard lock(mutex_);
+    const LocalMillis local = host::FromRecord(time, "stTime");
+    if (settings_.zone) {
+        SetNow(host::WallClock(*settings_.zone, settings_.dst).ToGmt(local));
+        return;
+    }
+    tm fields{};
+    fields.tm_year = time.usYear - 1900;
+    fields.tm_mon = time.ucMonth - 1;
+    fields.tm_mday = time.ucDay;
+    fields.tm_hour = time.ucHour;
+    fields.tm_min = time.ucMinute;
+    fields.tm_sec = time.ucSecond;
+    fields.tm_isdst = -1;
+    const time_t seconds = mktime(&fields);
+    if (fields.tm_hour != time.ucHour || fields.tm_min != time.ucMinute) {
+        throw host::BadValue("stTime", host::TextOf(local), "a time that the clock does not skip when it goes forward");
+    }
+    SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)));
+}
+
+void Clock::SetDateFormat(uint32_t format) {
+    const std::lock_guard lock(mutex_);
+    ClockSettings changed = settings_;
+    changed.dateFormat = CheckedDateFormat(format);
+    Change(std::move(changed), fmt::format("date format {}", format));
+    host::Log().info("the date is now {}", host::TextOf(Local(std::chrono::system_clock::now()), settings_.dateFormat));
+}
+
+Tarn_sys_diag_Systime Clock::LocalTime(std::chrono::system_clock::time_point when) const {
+    const std::lock_guard lock(mutex_);
+    return host::ToRecord(Local(when));
+}
+
+std::string Clock::Text(std::chrono::system_clock::time_point when) const {
+    const std::lock_guard lock(mutex_);
+    return host::TextOf(Local(when), settings_.dateFormat);
+}
+
+LocalMillis Clock::Local(std::chrono::system_clock::time_point when) const {
+    const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
+    if (settings_.zone) {
+        return host::WallClock(*settings_.zone, settings_.dst).ToLocal(gmt);
+    }
+    const time_t seconds = std::chrono::system_clock::to_time_t(gmt);
+    tm fields{};
+    localtime_r(&seconds, &fields);
+    return LocalMillis(gmt.time_since_epoch() + std::chrono::seconds(fields.tm_gmtoff));
+}
+
+void Clock::SetNow(GmtTime now) {
+    ClockSettings changed = settings_;
+    if (applies_) {
+        SetSystemClock(now);
+        changed.shift = Millis(0);
+    } else {
+        changed.shift = now - host::Now();
+    }
+    const LocalMillis gmt(now.time_since_epoch());
+    Change(std::move(changed),
+           fmt::format("clock set to {} GMT, {} ms ahead of the system's, before {} ms",
+                       host::TextOf(gmt, settings_.dateFormat), changed.shift.count(), settings_.shift.count()));
+}
+
+void Clock::Change(ClockSettings changed, const std::string &what) {
+    TheStore().Save(kDocument, kVersion, ToJson(changed));
+    settings_ = std::move(changed);
+    host::Log().info("{}", what);
+}
+
+json Clock::ToJson(const ClockSettings &settings) {
+    json content{{"shiftMs", settings.shift.count()}, {"dateFormat", settings.dateFormat}};
+    if (settings.zone) {
+        content["zone"] = {{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
+    }
+    if (settings.dst) {
+        content["dst"] = {{"name", settings.dst->name},
+                          {"offsetMinutes", settings.dst->offsetMinutes},
+                          {"start", host::TextOf(settings.dst->start)},
+                          {"end", host::TextOf(settings.dst->end)}};
+    }
+    return content;
+}
+
+ClockSettings Clock::FromJson(const json &content) {
+    ClockSettings settings;
+    settings.shift = Millis(content.at("shiftMs").get<int64_t>());
+    settings.dateFormat = CheckedDateFormat(content.at("dateFormat").get<uint32_t>());
+    if (content.contains("zone")) {
+        const json &zone = content["zone"];
+        settings.zone = host::CheckedZone({zone.at("name"), zone.at("offsetMinutes")});
+    }
+    if (content.contains("dst")) {
+        const json &dst = content["dst"];
+        settings.dst = host::CheckedRule({dst.at("name"), dst.at("offsetMinutes"), host::ParseChange(dst.at("start")),
+                                          host::ParseChange(dst.at("end"))});
+    }
+    return settings;
+}
+
+Clock &TheClock() {
+    static Clock clock;
+    return clock;
 }
 
 } // namespace tarnd
 
 uint32_t SetTimezone(const Tarn_sys_diag_SetTimezoneInput *request, void *replyCtx) {
     return host::AnswerResult(__func__, replyCtx,
-                              [&] { tarnd::TakeTimezone(tarnd::CheckedTimezone(request->stTimezone), "a client"); });
+                              [&] { tarnd::TheClock().SetZone(host::FromRecord(request->stTimezone), "a client"); });
+}
+
+uint32_t SetDst(const Tarn_sys_diag_SetDstInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx,
+                              [&] { tarnd::TheClock().SetDst(host::FromRecord(request->stDst), "a client"); });
+}
+
+uint32_t SetGmt(const Tarn_sys_diag_SetGmtInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetGmt(request->stTime); });
+}
+
+uint32_t SetLocalTime(const Tarn_sys_diag_SetLocalTimeInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetLocal(request->stTime); });
+}
+
+uint32_t SetDateFormat(const Tarn_sys_diag_SetDateFormatInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetDateFormat(request->uiDateFormat); });
 }

@@ -1,15 +1,55 @@
-// Time settings that reach the daemon from clients and from the master.
+// The daemon's time settings: told by clients and by the master, kept beyond a restart, and what its answers show by
+// them. The system's own clock and zone are set only when main has said so.
 #pragma once
 
-#include "host/daemon/state.h"
-#include "types/time.h"
+#include <filesystem>
+#include <mutex>
+
+#include <nlohmann/json.hpp>
+
+#include "host/clock/rules.h"
 
 namespace tarnd {
 
-// Throws EINVAL and says why for a zone that makes no sense.
-Timezone CheckedTimezone(const Tarn_sys_diag_Timezone &wanted);
+struct ClockSettings {
+    std::optional<host::Zone> zone; // none: the system's, with its daylight saving
+    std::optional<host::DstRule> dst;
+    host::Millis shift{0}; // what the daemon's clock is ahead of the system's
+    host::DateFormat dateFormat = host::DateFormat::kYearMonthDay;
+};
 
-// Keeps a checked zone; `source` is who wants it.
-void TakeTimezone(const Timezone &timezone, const char *source);
+class Clock {
+public:
+    // From now on settings go to the system as well: its clock, and the link that names its zone.
+    void ApplyToSystem(std::filesystem::path zoneLink);
+
+    void Load();
+
+    // Each takes a setting over, keeps it, and says so in the log; `source` is who wants it. Throws what is wrong with
+    // it, or what keeps it from being applied or kept; the settings are as before then.
+    void SetZone(const host::Zone &zone, const char *source);
+    void SetDst(const std::optional<host::DstRule> &rule, const char *source);
+    void SetGmt(const Tarn_sys_diag_Systime &time);
+    void SetLocal(const Tarn_sys_diag_Systime &time);
+    void SetDateFormat(uint32_t format);
+
+    // A moment of the system's clock as the daemon's shows it.
+    Tarn_sys_diag_Systime LocalTime(std::chrono::system_clock::time_point when) const;
+    std::string Text(std::chrono::system_clock::time_point when) const;
+
+private:
+    host::LocalMillis Local(std::chrono::system_clock::time_point when) const;
+    void SetNow(host::GmtTime now);
+    void Change(ClockSettings changed, const std::string &what);
+    static nlohmann::json ToJson(const ClockSettings &settings);
+    static ClockSettings FromJson(const nlohmann::json &content);
+
+    mutable std::mutex mutex_;
+    ClockSettings settings_;
+    bool applies_ = false;
+    std::filesystem::path zoneLink_;
+};
+
+Clock &TheClock();
 
 } // namespace tarnd

@@ -1,8 +1,18 @@
 #include "host/daemon/liveness.h"
 
+#include <unistd.h>
+
+#include <stdexcept>
+#include <utility>
+
 #include "client/master.h"
 #include "host/answer/answer.h"
 #include "host/daemon/clock.h"
+#include "host/daemon/measurement.h"
+#include "host/daemon/memory_overload.h"
+#include "host/daemon/overload.h"
+#include "host/daemon/values.h"
+#include "host/master/values.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
 #include "server/tarnd.h"
@@ -12,33 +22,166 @@ namespace tarnd {
 namespace {
 
 constexpr uint32_t kMasterTimeoutMs = 1000;
+constexpr const char *kSource = "the master";
+constexpr const char *kSystem = "system"; // whose overload configuration the daemon follows
 
-void FetchTimezone(TarnHost_InvokeCtx &ctx) {
-    const Tarn_sys_diag_None request{};
-    Tarn_sys_diag_GetTimezoneOutput reply{};
-    const IdlCallResult result = TarnSysdiagMaster_GetTimezone(&request, &reply, &ctx);
-    if (result.uiErrCode != 0 || result.uiStatus != 0) {
-        host::Log().warn("no time zone from the master: {}", TarnHost_LastError());
-        return;
+struct Unreachable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+template <class Request, class Response>
+using Method = IdlCallResult (*)(const Request *, Response *, void *);
+
+// Has a function take a reply over. What the master has not configured, or is wrong with it, is only logged.
+template <class Request, class Response, class Take>
+void Ask(const char *name, Method<Request, Response> method, const Request &request, Take take) {
+    TarnHost_InvokeCtx ctx{0, kMasterTimeoutMs};
+    Response reply{}; // none of the master's owns memory
+    const IdlCallResult result = method(&request, &reply, &ctx);
+    if (result.uiErrCode != 0) {
+        throw Unreachable(fmt::format("{}: {}", name, TarnHost_LastError()));
     }
-    TakeTimezone(CheckedTimezone(reply.stTimezone), "the master");
+    if (result.uiStatus == ENODATA || result.uiStatus == ENOENT) {
+        host::Log().debug("{}: not configured on the master", name);
+    } else if (result.uiStatus != 0) {
+        host::Log().warn("{}: {}", name, TarnHost_LastError());
+    } else {
+        host::Run(name, [&] { take(reply); });
+    }
+}
+
+void FetchClock() {
+    bool zoned = false;
+    Ask("GetTimezone", TarnSysdiagMaster_GetTimezone, Tarn_sys_diag_None{}, [&](const auto &reply) {
+        if (reply.uiValue1 == TARN_MASTER_CONFIGURED) {
+            TheClock().SetZone(host::FromRecord(reply.stTimezone), kSource);
+            zoned = true;
+        }
+    });
+    Ask("GetDst", TarnSysdiagMaster_GetDst, Tarn_sys_diag_None{}, [&](const auto &reply) {
+        if (zoned) { // a zone without a rule saves no daylight
+            TheClock().SetDst(host::FromRecord(reply.stDst), kSource);
+        }
+    });
+}
+
+void FetchOverload() {
+    Tarn_sys_diag_OvLoadCpuCtlInput ofCpu{};
+    host::CopyText(ofCpu.acName1, kSystem);
+    Ask("GetCpuOvLoadCfgInfo", TarnSysdiagMaster_GetCpuOvLoadCfgInfo, ofCpu, [](const auto &reply) {
+        if (reply.uiValue1 > 1000 || reply.uiValue2 > reply.uiValue1 || reply.uiValue3 > TARND_OVERLOAD_MAX_S) {
+            throw host::BadValue("a CPU overload configuration",
+                                 fmt::format("{}, {}, {}", reply.uiValue1, reply.uiValue2, reply.uiValue3),
+                                 "two shares, the second not above the first, and seconds");
+        }
+        TheCpuOverload().SetSystem({reply.uiValue1, reply.uiValue2, reply.uiValue3});
+        host::Log().info("CPU overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
+    });
+    Tarn_sys_diag_OvLoadMemCtlInput ofMemory{};
+    host::CopyText(ofMemory.acName1, kSystem);
+    Ask("GetMemoryOvLoadCfgInfo", TarnSysdiagMaster_GetMemoryOvLoadCfgInfo, ofMemory, [](const auto &reply) {
+        TheMemoryOverload().Set({reply.uiValue1, reply.uiValue2});
+        host::Log().info("memory overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
+    });
+}
+
+void FetchMeasurement() {
+    Ask("SysdiagGetDimCfgInfo", TarnSysdiagMaster_SysdiagGetDimCfgInfo, Tarn_sys_diag_None{}, [](const auto &reply) {
+        TheMeasurement().SetTimes({reply.ucValue1, reply.ucValue2});
+    });
+    Ask("SysdiagGetDimWorkMode", TarnSysdiagMaster_SysdiagGetDimWorkMode, Tarn_sys_diag_None{},
+        [](const auto &reply) { TheMeasurement().SetMode(reply.uiWorkMode); });
+}
+
+void Announce() {
+    TarnHost_InvokeCtx ctx{0, kMasterTimeoutMs};
+    const Tarn_sys_diag_None request{};
+    if (TarnSysdiagMaster_DetectSysdiagServerOnline_oneway(&request, &ctx) != 0) {
+        throw Unreachable(TarnHost_LastError());
+    }
+}
+
+void SendMemoryThresholds() {
+    const MemoryThresholds thresholds = TheMemoryOverload().Thresholds();
+    Tarn_sys_diag_OvLoadMemCtlOutput request{};
+    host::CopyText(request.acName1, kSystem);
+    host::CopyText(request.acName3, fmt::format("tarnd {}", getpid()));
+    request.uiValue1 = thresholds.over;
+    request.uiValue2 = thresholds.recover;
+    Ask("MemChangeInnerConfig", TarnSysdiagMaster_MemChangeInnerConfig, request, [](const auto &) {});
 }
 
 } // namespace
 
-void GreetMaster() {
-    TarnHost_InvokeCtx ctx{0, kMasterTimeoutMs};
-    const Tarn_sys_diag_None request{};
-    if (const uint32_t error = TarnSysdiagMaster_DetectSysdiagServerOnline_oneway(&request, &ctx); error != 0) {
-        host::Log().info("no master: {}", TarnHost_LastError());
-        return;
+void MasterLink::Start() {
+    stop_ = false;
+    thread_ = std::thread([this] { Run(); });
+    Greet();
+}
+
+void MasterLink::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
     }
-    host::Run("GetTimezone", [&] { FetchTimezone(ctx); });
+    wake_.notify_one();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void MasterLink::Greet() {
+    const std::lock_guard lock(mutex_);
+    greet_ = due_ = true;
+    wake_.notify_one();
+}
+
+void MasterLink::TellMemoryThresholds() {
+    const std::lock_guard lock(mutex_);
+    tell_ = due_ = true;
+    wake_.notify_one();
+}
+
+void MasterLink::Run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return stop_ || due_; });
+        if (stop_) {
+            return;
+        }
+        due_ = false;
+        const bool tell = std::exchange(tell_, false);
+        const bool greet = std::exchange(greet_, false);
+        lock.unlock();
+        bool told = !tell;
+        try {
+            if (tell) { // before the master's are fetched, which would undo the change
+                SendMemoryThresholds();
+                told = true;
+            }
+            if (greet) {
+                Announce();
+                FetchClock();
+                FetchOverload();
+                FetchMeasurement();
+            }
+        } catch (const Unreachable &error) {
+            host::Log().info("no master: {}", error.what());
+        }
+        lock.lock();
+        tell_ = tell_ || !told; // until the next greeting
+    }
+}
+
+MasterLink &TheMasterLink() {
+    static MasterLink link;
+    return link;
 }
 
 } // namespace tarnd
 
 uint32_t DetectTarndServerOnline(const Tarn_sys_diag_None *) {
-    host::Log().debug("{}: a peer asks whether the daemon is there", __func__);
+    host::Log().debug("{}: a peer is there, or has something new", __func__);
+    tarnd::TheMasterLink().Greet();
     return 0;
 }

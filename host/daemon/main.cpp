@@ -6,8 +6,26 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "host/daemon/agent_probe.h"
+#include "host/daemon/agents.h"
+#include "host/daemon/archive.h"
+#include "host/daemon/clock.h"
+#include "host/daemon/courier.h"
+#include "host/daemon/cpu_events.h"
+#include "host/daemon/health_settings.h"
 #include "host/daemon/liveness.h"
+#include "host/daemon/measurement.h"
+#include "host/daemon/memory_overload.h"
+#include "host/daemon/overload.h"
+#include "host/daemon/overload_debug.h"
+#include "host/daemon/peaks.h"
+#include "host/daemon/resources.h"
+#include "host/daemon/rules.h"
+#include "host/daemon/sampler.h"
+#include "host/daemon/starvation.h"
 #include "host/daemon/state.h"
+#include "host/daemon/store.h"
+#include "host/daemon/timers.h"
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
@@ -21,6 +39,15 @@ namespace {
 struct Options {
     std::string runDir;
     std::string logDir = "/var/log/tarn";
+    uint32_t sampleIntervalMs = static_cast<uint32_t>(tarnd::Sampler::kDefaultInterval.count());
+    std::vector<std::string> copyTargets;
+    std::string stateDir;
+    uint32_t measureRateMb = 100;
+    bool applyClock = false;
+    std::string zoneLink = "/etc/localtime";
+    unsigned workers = 16;
+    std::vector<std::string> limits;
+    std::string policy;
     spdlog::level::level_enum logLevel = spdlog::level::info;
     bool printAccounting = false;
 };
@@ -32,10 +59,44 @@ void Declare(CLI::App &app, Options &options) {
                                                                   {"error", spdlog::level::err}};
     app.add_option("--run-dir", options.runDir, "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]");
     app.add_option("--log-dir", options.logDir, "Directory that archives are made of and in")->capture_default_str();
+    app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
+        ->option_text("NAME=DIR ...")
+        ->check([](const std::string &text) {
+            return text.find('=') == 0 || text.find('=') == text.npos || text.ends_with('=')
+                       ? fmt::format("\"{}\": expected NAME=DIR", text)
+                       : "";
+        });
+    app.add_option("--state-dir", options.stateDir,
+                   "Directory of what is kept beyond a restart [none: nothing is kept]");
+    app.add_option("--sample-interval", options.sampleIntervalMs,
+                   "Milliseconds between two samples of the system and its processes")
+        ->check(CLI::Range(10U, 60000U))
+        ->option_text("MS")
+        ->capture_default_str();
+    app.add_option("--measure-rate", options.measureRateMb,
+                   "Megabytes that a measurement reads in a second; 0: no limit")
+        ->option_text("MB")
+        ->capture_default_str();
+    app.add_flag("--apply-clock", options.applyClock,
+                 "Set the system's clock and time zone, not only the daemon's own");
+    app.add_option("--zone-link", options.zoneLink, "With --apply-clock: the link that names the system's time zone")
+        ->capture_default_str();
+    app.add_option("--workers", options.workers, "Requests that are worked on at the same time")
+        ->check(CLI::Range(1U, 256U))
+        ->option_text("N")
+        ->capture_default_str();
+    app.add_option("--limit", options.limits, "NAME=VALUE of a limit that \"tarnctl stats\" shows; may be repeated")
+        ->option_text("NAME=VALUE")
+        ->allow_extra_args(false);
+    app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]");
     app.add_option("--log-level", options.logLevel, "debug, info, warning or error [info]")
         ->transform(CLI::CheckedTransformer(levels))
         ->option_text("LEVEL");
     app.add_flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
+}
+
+std::string NormalPath(const std::string &path) {
+    return std::filesystem::absolute(path).lexically_normal();
 }
 
 void PrintLine(const std::string &tag, const host::MemoryUse &use) {
@@ -61,18 +122,76 @@ sigset_t BlockSignals() {
     return signals;
 }
 
+// Throws what is wrong with the options.
+host::ServerOptions ServerOptionsOf(const Options &options) {
+    host::ServerOptions server{.runDir = options.runDir, .workers = options.workers};
+    for (const std::string &limit : options.limits) {
+        host::SetLimit(server.limits, limit);
+    }
+    if (!options.policy.empty()) {
+        server.policy = host::Policy::Load(options.policy);
+    }
+    return server;
+}
+
+// What the daemon does between calls. It ends before the objects that its threads share, however serving ends.
+class Background {
+public:
+    explicit Background(const Options &options) : options_(options) {}
+    Background(const Background &) = delete;
+    Background &operator=(const Background &) = delete;
+    ~Background() { Stop(); }
+
+    void Start() {
+        StartSampling();
+        tarnd::TheMeasurement().Start(options_.measureRateMb * uint64_t{1000000});
+        tarnd::TheRules().Load();
+        tarnd::WatchAgents();
+        tarnd::WatchAgentHealth();
+        tarnd::TheCourier().Start();
+        tarnd::TheTimers().Start();
+    }
+
+    void Stop() {
+        tarnd::TheMasterLink().Stop();
+        tarnd::TheTimers().Stop();
+        tarnd::TheCourier().Stop();
+        tarnd::TheMeasurement().Stop();
+        tarnd::TheSampler().Stop();
+        tarnd::TheCpuOverload().Stop();
+    }
+
+private:
+    void StartSampling() {
+        tarnd::TheCpuPeaks().Start();
+        tarnd::TheCpuOverload().Start();
+        tarnd::TheMemoryOverload().Start();
+        tarnd::TheOverloadDebug().Start();
+        tarnd::TheStarvation().Start();
+        tarnd::TheHealthSettings().Load();
+        tarnd::WatchResources();
+        tarnd::TheCpuEvents().Watch();
+        tarnd::TheSampler().Start(std::chrono::milliseconds(options_.sampleIntervalMs));
+    }
+
+    const Options &options_;
+};
+
 void Serve(const Options &options) {
+    host::Server server(ServerOptionsOf(options));
     const sigset_t signals = BlockSignals();
     host::Client::Default().Configure({.runDir = options.runDir});
-    host::Server server({.runDir = options.runDir});
+    Background background(options);
+    background.Start();
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
     host::Log().info("serving in {}", host::Directory(options.runDir).RunDir().string());
-    tarnd::GreetMaster();
+    tarnd::TheMasterLink().Start(); // the master may call back at once
     int signal = 0;
     sigwait(&signals, &signal);
     host::Log().info("signal {}: shutting down", signal);
+    background.Stop();
     if (!server.Stop()) {
         host::Log().error("a request is still being worked on: cut off");
         std::_Exit(1); // its thread uses what the end of main would destroy
@@ -89,7 +208,21 @@ int main(int argc, char **argv) {
     CLI11_PARSE(app, argc, argv);
     host::Log().set_level(options.logLevel);
     try {
-        tarnd::TheSettings().logDirectory = std::filesystem::absolute(options.logDir).lexically_normal();
+        tarnd::TheSettings().runDirectory = host::Directory(options.runDir).RunDir();
+        tarnd::TheSettings().logDirectory = NormalPath(options.logDir);
+        for (const std::string &target : options.copyTargets) {
+            const size_t equals = target.find('=');
+            tarnd::TheSettings().copyTargets[target.substr(0, equals)] = NormalPath(target.substr(equals + 1));
+        }
+        tarnd::RemoveUnfinishedArchives();
+        if (!options.stateDir.empty()) {
+            tarnd::TheStore().Open(options.stateDir);
+            tarnd::TheSettings().stateDirectory = std::filesystem::absolute(options.stateDir).lexically_normal();
+        }
+        if (options.applyClock) {
+            tarnd::TheClock().ApplyToSystem(options.zoneLink);
+        }
+        tarnd::TheClock().Load();
         Serve(options);
     } catch (const std::exception &error) {
         host::Log().error("tarnd: {}", error.what());

@@ -14,22 +14,12 @@ bool State::AddAgent(uint32_t pid, Agent agent) {
 
 bool State::RemoveAgent(uint32_t pid) {
     const std::lock_guard lock(mutex_);
-    subscriptions_.erase(pid);
     return agents_.erase(pid) != 0;
 }
 
-uint32_t State::Subscribe(uint32_t pid, uint32_t events) {
+std::map<uint32_t, Agent> State::Agents() {
     const std::lock_guard lock(mutex_);
-    const uint32_t before = std::exchange(subscriptions_[pid], events);
-    if (events == 0) {
-        subscriptions_.erase(pid);
-    }
-    return before;
-}
-
-Timezone State::SetTimezone(Timezone timezone) {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(timezone_, std::move(timezone));
+    return agents_;
 }
 
 State &TheState() {

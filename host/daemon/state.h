@@ -1,7 +1,8 @@
-// All that the daemon remembers between calls, behind one mutex. Nothing else in the daemon is written after start.
+// The agents that the daemon knows, behind a mutex, and what its command line said.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
@@ -11,13 +12,9 @@ namespace tarnd {
 struct Agent {
     std::string name;
     uint32_t version = 0;
+    uint64_t processStart = 0; // tells apart two processes that had the same id
 
     bool operator==(const Agent &) const = default;
-};
-
-struct Timezone {
-    std::string name = "UTC";
-    int32_t offsetMinutes = 0; // east of UTC
 };
 
 class State {
@@ -25,23 +22,21 @@ public:
     // True when the agent is new or has changed.
     bool AddAgent(uint32_t pid, Agent agent);
     bool RemoveAgent(uint32_t pid);
-
-    // No events: the subscription ends. What was there before is returned.
-    uint32_t Subscribe(uint32_t pid, uint32_t events);
-    Timezone SetTimezone(Timezone timezone);
+    std::map<uint32_t, Agent> Agents(); // by process
 
 private:
     std::mutex mutex_;
-    std::map<uint32_t, Agent> agents_;           // by process
-    std::map<uint32_t, uint32_t> subscriptions_; // events by process
-    Timezone timezone_;
+    std::map<uint32_t, Agent> agents_; // by process
 };
 
 State &TheState();
 
 // What the command line says; written before the first request is served.
 struct Settings {
+    std::filesystem::path runDirectory;
     std::string logDirectory;
+    std::string stateDirectory; // empty: none
+    std::map<std::string, std::string> copyTargets; // directories by name
 };
 
 Settings &TheSettings();

@@ -4,6 +4,10 @@
 #include <fmt/format.h>
 
 #include "host/answer/answer.h"
+#include "host/daemon/clock.h"
+#include "host/daemon/starvation.h"
+#include "host/daemon/text.h"
+#include "host/daemon/values.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 
@@ -58,16 +62,18 @@ private:
             fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, Printable(task.name),
                         host::procfs::StateText(task.state), task.CpuTicks() * 1000 / host::procfs::TicksPerSecond(),
                         task.lastCpu, host::procfs::SchedulingText(task));
-        record_ += fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10}\n", pid, task.id, Printable(task.name),
-                               count.runNs / 1000, count.waitNs / 1000, count.sliceNum);
+        const StarvationRecord starved = TheStarvation().Of(pid, task.id).value_or(StarvationRecord{});
+        record_ +=
+            fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", pid, task.id, Printable(task.name),
+                        count.runNs / 1000, count.waitNs / 1000, count.sliceNum, starved.times,
+                        starved.longest.count() / 1'000'000, starved.times == 0 ? "-" : TimeText(starved.last));
     }
 
-    // A thread may call itself anything, a line feed included.
-    static std::string Printable(std::string name) {
-        for (char &c : name) {
-            c = c >= ' ' && c != 0x7F ? c : '?';
-        }
-        return name;
+    // "2024-02-29T23:59:58.123"
+    static std::string TimeText(std::chrono::system_clock::time_point when) {
+        const Tarn_sys_diag_Systime time = TheClock().LocalTime(when);
+        return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", time.usYear, time.ucMonth, time.ucDay,
+                           time.ucHour, time.ucMinute, time.ucSecond, time.uiMillisecond);
     }
 
     const uint32_t pid_;
@@ -79,9 +85,15 @@ private:
     uint32_t matches_ = 0;
     std::string info_ = fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", "PID", "TID", "NAME", "STATE",
                                     "CPU ms", "CPU", "SCHEDULING");
-    std::string record_ =
-        fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10}\n", "PID", "TID", "NAME", "RUN us", "WAIT us", "SLICES");
+    std::string record_ = fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", "PID", "TID", "NAME",
+                                      "RUN us", "WAIT us", "SLICES", "STARVED", "LONGEST ms", "LAST");
 };
+
+template <class Function>
+uint32_t AnswerTaskResult(const char *method, void *replyCtx, Function function) {
+    return host::Answer<Tarn_sys_diag_TaskResult>(
+        method, replyCtx, [&](auto &reply) { reply.uiTaskResult = host::Run(method, function); });
+}
 
 } // namespace
 
@@ -94,5 +106,34 @@ uint32_t GetTaskInfo(const Tarn_sys_diag_GetTaskInfoInput *request, void *replyC
         reply.uiTaskValue = query.Matches();
         reply.pcTaskInfo = reply.Keep(query.Info());
         reply.pcTaskRecord = reply.Keep(query.Record());
+    });
+}
+
+uint32_t ResetTaskRecord(const Tarn_sys_diag_ResetTaskRecordInput *request, void *replyCtx) {
+    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+        if (request->uiTaskId == 0) {
+            tarnd::TheStarvation().Reset();
+        } else {
+            tarnd::TheStarvation().Reset(request->uiTaskId);
+        }
+    });
+}
+
+uint32_t SetTaskStarvThreshold(const Tarn_sys_diag_StarvTaskThresholdInput *request, void *replyCtx) {
+    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+        const uint32_t ms = request->uiStarvThreshold;
+        if (ms == 0 || ms > TARND_STARVATION_MAX_MS) {
+            throw host::BadValue("uiStarvThreshold", ms, fmt::format("1 to {} ms", TARND_STARVATION_MAX_MS));
+        }
+        tarnd::TheStarvation().SetThreshold(std::chrono::milliseconds(ms));
+    });
+}
+
+uint32_t SetTaskSwitch(const Tarn_sys_diag_TaskSwitchInput *request, void *replyCtx) {
+    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+        if (request->uiTaskSwitch > 1) {
+            throw host::BadValue("uiTaskSwitch", request->uiTaskSwitch, "0 or 1");
+        }
+        tarnd::TheStarvation().Switch(request->uiTaskSwitch == 1);
     });
 }

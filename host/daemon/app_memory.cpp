@@ -1,0 +1,54 @@
+// The memory of an application, as its agent tells it, as text for people.
+#include "host/agent/values.h"
+#include "host/answer/answer.h"
+#include "host/daemon/relay.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
+    const auto answer = AskAgent(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
+    const Tarn_sys_diag_GetAppMemUnitInfoOutput &units = answer->record;
+    if (units.uiResult != 0) {
+        throw std::system_error(static_cast<int>(units.uiResult), std::generic_category(),
+                                fmt::format("the agent of process {}", request.uiPid));
+    }
+    std::string text =
+        fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", "ID", "UNIT", "TOTAL bytes", "USED bytes", "PEAK bytes");
+    for (uint32_t i = 0; i < units.uiUnitNum; ++i) {
+        const Tarn_sys_diag_AppMemUnit &unit = units.pstUnit[i];
+        text += fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", unit.uiUnitId, host::TextOf(unit.szUnitName),
+                            unit.ullTotalBytes, unit.ullUsedBytes, unit.ullPeakBytes);
+        for (uint32_t j = 0; j < unit.uiBlockClassNum; ++j) {
+            const Tarn_sys_diag_MemBlockClass &one = unit.pstBlockClass[j];
+            if (one.uiUsedNum != 0 || one.uiPeakNum != 0) {
+                text += fmt::format("{:>10} blocks of {} bytes: {} used, {} free, {} at most\n", "", one.uiBlockSize,
+                                    one.uiUsedNum, one.uiFreeNum, one.uiPeakNum);
+            }
+        }
+    }
+    return text;
+}
+
+std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
+    const auto answer =
+        AskAgent(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), request.uiPid, request, timeoutMs);
+    return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
+}
+
+} // namespace
+
+} // namespace tarnd
+
+uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_AppMemInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+        Tarn_sys_diag_GetAppMemInfoInput query{};
+        query.uiPid = request->uiValue1;
+        query.uiQueryType = request->uiValue2;
+        const uint32_t timeoutMs = tarnd::RelayTimeout(replyCtx);
+        reply.szInfo = reply.Keep(request->uiValue2 == TARN_AGENT_APP_MEM_UNITS ? tarnd::UnitsText(query, timeoutMs)
+                                                                                : tarnd::DetailsText(query, timeoutMs));
+    });
+}

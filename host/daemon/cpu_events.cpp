@@ -1,0 +1,212 @@
+#include "host/daemon/cpu_events.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "host/answer/answer.h"
+#include "host/daemon/clock.h"
+#include "host/daemon/health_settings.h"
+#include "host/daemon/pressure.h"
+#include "host/daemon/values.h"
+#include "host/osal/log.h"
+#include "host/procfs/procfs.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// How many of the threads that ran most are asked for the CPU that they run on.
+constexpr size_t kCandidates = 16;
+
+const CpuTicks *TicksOf(const Sample &sample, uint32_t cpu) {
+    const auto found =
+        std::find_if(sample.cpus.begin(), sample.cpus.end(), [&](const CpuSample &c) { return c.id == cpu; });
+    return found == sample.cpus.end() ? nullptr : &found->ticks;
+}
+
+// How far a CPU was busy between two samples; 0 for one that has just come up.
+uint32_t UsePermille(const Sample &before, const CpuSample &cpu) {
+    const CpuTicks *const start = TicksOf(before, cpu.id);
+    if (start == nullptr || cpu.ticks.Total() <= start->Total() || cpu.ticks.Busy() < start->Busy()) {
+        return 0;
+    }
+    const uint64_t busy = cpu.ticks.Busy() - start->Busy();
+    return static_cast<uint32_t>(std::min<uint64_t>(busy * 1000 / (cpu.ticks.Total() - start->Total()), 1000));
+}
+
+struct ThreadRun {
+    uint32_t pid;
+    uint32_t tid;
+    uint64_t runNs;
+};
+
+uint64_t RunTimeOf(const ProcessSample *process, uint32_t tid) {
+    if (process == nullptr || process->threads == nullptr) {
+        return 0;
+    }
+    const auto found = std::lower_bound(process->threads->begin(), process->threads->end(), tid,
+                                        [](const ThreadTimes &thread, uint32_t id) { return thread.tid < id; });
+    return found == process->threads->end() || found->tid != tid ? 0 : found->count.runNs;
+}
+
+// Those that ran most between two samples, the busiest first.
+std::vector<ThreadRun> BusiestThreads(const Sample &before, const Sample &latest) {
+    std::vector<ThreadRun> runs;
+    for (const ProcessSample &process : latest.processes) {
+        const ProcessSample *const start = before.Find(process);
+        if (process.threads == nullptr || (start != nullptr && start->threads == process.threads)) {
+            continue; // hidden, or idle
+        }
+        for (const ThreadTimes &thread : *process.threads) {
+            const uint64_t earlier = RunTimeOf(start, thread.tid);
+            if (thread.count.runNs > earlier) {
+                runs.push_back({process.pid, thread.tid, thread.count.runNs - earlier});
+            }
+        }
+    }
+    const auto end = runs.begin() + std::min<ptrdiff_t>(std::ssize(runs), kCandidates);
+    std::partial_sort(runs.begin(), end, runs.end(),
+                      [](const ThreadRun &a, const ThreadRun &b) { return a.runNs > b.runNs; });
+    runs.erase(end, runs.end());
+    return runs;
+}
+
+// The busiest thread that is on the CPU now. A thread counts with all its time, wherever it ran before.
+void NameThread(CpuEvent &event, const Sample &before, const Sample &latest) {
+    std::optional<ThreadRun> busiest;
+    for (const ThreadRun &run : BusiestThreads(before, latest)) {
+        host::procfs::SkipHidden([&] {
+            const host::procfs::Task thread = host::procfs::ReadThread(run.pid, run.tid);
+            if (!busiest.has_value() && thread.lastCpu == event.cpu) {
+                busiest = run;
+                event.threadName = thread.name;
+            }
+        });
+    }
+    if (!busiest.has_value()) {
+        return;
+    }
+    event.pid = busiest->pid;
+    event.tid = busiest->tid;
+    const auto ns = static_cast<uint64_t>(std::chrono::nanoseconds(event.duration).count());
+    event.threadPermille =
+        static_cast<uint32_t>(std::min<uint64_t>(busiest->runNs * 1000 / std::max<uint64_t>(ns, 1), 1000));
+}
+
+uint32_t PressureNow() {
+    try {
+        return ReadPressure("cpu");
+    } catch (const std::system_error &) {
+        return 0; // as the record says of a kernel without it
+    }
+}
+
+} // namespace
+
+void CpuEvents::Watch() {
+    TheSampler().OnSample("cpu events",
+                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
+}
+
+void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
+    const bool on = TheHealthSettings().IsOn(TARND_HEALTH_ONE_CPU);
+    const uint32_t limit = TheHealthSettings().LimitOf(TARND_HEALTH_ONE_CPU);
+    for (const CpuSample &cpu : latest->cpus) {
+        if (!on || UsePermille(*previous, cpu) < limit) {
+            busy_.erase(cpu.id);
+        } else {
+            Follow(busy_.try_emplace(cpu.id, Busy{previous}).first->second, cpu, latest);
+        }
+    }
+}
+
+void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest) {
+    CpuEvent event;
+    event.duration = std::chrono::duration_cast<milliseconds>(latest->system.at - busy.since->system.at);
+    if (event.duration < milliseconds(TheHealthSettings().LimitOf(TARND_HEALTH_CPU_TIME))) {
+        return;
+    }
+    event.begin = busy.since->system.time;
+    event.cpu = cpu.id;
+    event.usePermille = UsePermille(*busy.since, cpu);
+    event.pressurePermille = PressureNow();
+    NameThread(event, *busy.since, *latest);
+    Keep(busy.number, std::move(event));
+}
+
+void CpuEvents::Keep(uint64_t &number, CpuEvent event) {
+    const std::lock_guard lock(mutex_);
+    const auto known =
+        std::find_if(events_.begin(), events_.end(), [&](const auto &entry) { return entry.first == number; });
+    if (known != events_.end()) {
+        known->second = std::move(event);
+        return;
+    }
+    if (number != 0) {
+        return; // so many events began since that it is no longer kept
+    }
+    number = ++lastNumber_;
+    host::Log().warn("CPU {} is busy: {} permille, most of it in thread {} ({}) of process {}", event.cpu,
+                     event.usePermille, event.tid, event.threadName, event.pid);
+    if (events_.size() == kEvents) {
+        events_.pop_front();
+    }
+    events_.emplace_back(number, std::move(event));
+}
+
+std::vector<CpuEvent> CpuEvents::List() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<CpuEvent> list;
+    for (const auto &[number, event] : events_) {
+        list.push_back(event);
+    }
+    return list;
+}
+
+CpuEvents &TheCpuEvents() {
+    static CpuEvents events;
+    return events;
+}
+
+namespace {
+
+Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
+    Tarn_sys_diag_PadsCpuEvent record{};
+    record.stTime = TheClock().LocalTime(event.begin);
+    record.uiDuration = static_cast<uint32_t>(std::min<int64_t>(event.duration.count(), UINT32_MAX));
+    record.uiCpuId = event.cpu;
+    record.uiCpuUse = event.usePermille;
+    record.uiPressure = event.pressurePermille;
+    record.uiPid = event.pid;
+    record.uiTid = event.tid;
+    host::CopyText(record.szThreadName, event.threadName);
+    record.uiThreadUse = event.threadPermille;
+    return record;
+}
+
+void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
+    std::vector<CpuEvent> events = TheCpuEvents().List();
+    const auto now = std::chrono::system_clock::now();
+    std::erase_if(events, [&](const CpuEvent &event) {
+        return (request.uiValue1 != 0 && event.pid != request.uiValue1) ||
+               (request.uiValue2 != 0 && event.begin + event.duration + std::chrono::seconds(request.uiValue2) < now);
+    });
+    if (request.uiValue3 != 0 && events.size() > request.uiValue3) {
+        events.erase(events.begin(), events.end() - request.uiValue3);
+    }
+    std::vector<Tarn_sys_diag_PadsCpuEvent> records;
+    std::transform(events.begin(), events.end(), std::back_inserter(records), Describe);
+    reply.pstEvent = reply.Keep(std::move(records), reply.uiEventNum);
+}
+
+} // namespace
+
+} // namespace tarnd
+
+uint32_t TarnPadsGetCpuEventByTarnd(const Tarn_sys_diag_PadsCpuEventInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_PadsCpuEventResult>(__func__, replyCtx,
+                                                          [&](auto &reply) { tarnd::ListEvents(*request, reply); });
+}

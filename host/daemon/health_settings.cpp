@@ -1,0 +1,185 @@
+#include "host/daemon/health_settings.h"
+
+#include <algorithm>
+
+#include <nlohmann/json.hpp>
+
+#include "host/answer/answer.h"
+#include "host/daemon/courier.h"
+#include "host/daemon/relay.h"
+#include "host/daemon/store.h"
+#include "host/daemon/values.h"
+#include "host/osal/log.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+constexpr char kDocument[] = "health";
+constexpr uint32_t kVersion = 1;
+
+bool IsOfDaemon(uint8_t function) {
+    return function >= TARND_HEALTH_FIRST;
+}
+
+bool IsShare(uint8_t function) {
+    return function != TARND_HEALTH_LOAD && function != TARND_HEALTH_AGENTS && function != TARND_HEALTH_CPU_TIME;
+}
+
+uint32_t DefaultLimit(uint8_t function) {
+    switch (function) {
+    case TARND_HEALTH_CPU:
+        return 900;
+    case TARND_HEALTH_CPU_PRESSURE:
+        return 300;
+    case TARND_HEALTH_MEMORY:
+        return 900;
+    case TARND_HEALTH_MEMORY_PRESSURE:
+        return 100;
+    case TARND_HEALTH_IO_PRESSURE:
+        return 300;
+    case TARND_HEALTH_DISK:
+        return 900;
+    case TARND_HEALTH_DESCRIPTORS:
+        return 800;
+    case TARND_HEALTH_LOAD:
+        return 2000;
+    case TARND_HEALTH_AGENTS:
+        return Courier::kTimeoutMs;
+    case TARND_HEALTH_ONE_CPU:
+        return 950;
+    case TARND_HEALTH_CPU_TIME:
+        return 3000;
+    default:
+        return 0;
+    }
+}
+
+void CheckSwitch(const char *member, uint8_t value) {
+    if (value > 1) {
+        throw host::BadValue(member, value, "0 or 1");
+    }
+}
+
+void Check(uint8_t function, uint32_t limit) {
+    if (IsOfDaemon(function) && DefaultLimit(function) == 0) {
+        throw host::BadValue(
+            "ucFunction", function,
+            fmt::format("0 to {} or {} to {}", TARND_HEALTH_FIRST - 1, TARND_HEALTH_FIRST, TARND_HEALTH_LAST));
+    }
+    if (function == 0 && limit != 0) {
+        throw host::BadValue("uiValue", limit, "0, as functions have limits of their own");
+    }
+    if (IsOfDaemon(function) && IsShare(function) && limit > 1000) {
+        throw host::BadValue("uiValue", limit, "a share of at most 1000");
+    }
+    if (function == TARND_HEALTH_AGENTS && limit > Courier::kTimeoutMs) {
+        throw host::BadValue("uiValue", limit, fmt::format("at most {} ms", Courier::kTimeoutMs));
+    }
+}
+
+} // namespace
+
+void HealthSettings::Load() {
+    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
+        Functions functions;
+        for (const nlohmann::json &entry : content.at("functions")) {
+            const auto id = entry.at("function").get<uint8_t>();
+            functions[id] = {entry.at("on").get<bool>(), entry.at("limit").get<uint32_t>()};
+            Check(id, functions[id].limit);
+        }
+        allOn_ = content.at("on").get<bool>();
+        functions_ = std::move(functions);
+    });
+}
+
+void HealthSettings::Keep(bool allOn, Functions functions) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const auto &[id, function] : functions) {
+        list.push_back({{"function", id}, {"on", function.on}, {"limit", function.limit}});
+    }
+    TheStore().Save(kDocument, kVersion, {{"on", allOn}, {"functions", list}});
+    allOn_ = allOn;
+    functions_ = std::move(functions);
+    TheCourier().SendToAll(BringHealthSwitches);
+}
+
+void HealthSettings::SwitchAll(uint8_t on) {
+    CheckSwitch("ucGlobalSwitch", on);
+    const std::lock_guard lock(mutex_);
+    Keep(on == 1, functions_);
+    host::Log().info("health: {}", on == 1 ? "on" : "off");
+}
+
+void HealthSettings::SwitchFunction(const Tarn_sys_diag_PadsAppFunSwitch &request) {
+    CheckSwitch("ucSwitch", request.ucSwitch);
+    Check(request.ucFunction, request.uiValue);
+    const std::lock_guard lock(mutex_);
+    Functions functions = functions_;
+    if (request.ucFunction == 0) {
+        for (unsigned id = TARND_HEALTH_FIRST; id <= TARND_HEALTH_LAST; ++id) {
+            functions[static_cast<uint8_t>(id)].on = request.ucSwitch == 1;
+        }
+        for (auto &[id, function] : functions) {
+            function.on = request.ucSwitch == 1;
+        }
+    }
+    Function &function = functions[request.ucFunction];
+    function.on = request.ucSwitch == 1;
+    function.limit = request.uiValue != 0 ? request.uiValue : function.limit;
+    Keep(allOn_, std::move(functions));
+    host::Log().info("health function {}: {}, limit {}", request.ucFunction, request.ucSwitch == 1 ? "on" : "off",
+                     request.uiValue);
+}
+
+bool HealthSettings::AllOn() const {
+    const std::lock_guard lock(mutex_);
+    return allOn_;
+}
+
+bool HealthSettings::IsOn(uint8_t function) const {
+    const std::lock_guard lock(mutex_);
+    const auto set = functions_.find(function);
+    return allOn_ && (set == functions_.end() || set->second.on);
+}
+
+uint32_t HealthSettings::LimitOf(uint8_t function) const {
+    const std::lock_guard lock(mutex_);
+    const auto set = functions_.find(function);
+    return set == functions_.end() || set->second.limit == 0 ? DefaultLimit(function) : set->second.limit;
+}
+
+std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<Tarn_sys_diag_PadsAppFunSwitch> switches; // 0, which stands for all, is the first
+    for (const auto &[id, function] : functions_) {
+        if (!IsOfDaemon(id)) {
+            switches.push_back({id, function.on, function.limit});
+        }
+    }
+    return switches;
+}
+
+HealthSettings &TheHealthSettings() {
+    static HealthSettings settings;
+    return settings;
+}
+
+void BringHealthSwitches(uint32_t pid) {
+    const Tarn_sys_diag_PadsGlobalSwitch all{TheHealthSettings().AllOn()};
+    TellAgent(TarnSysdiagAgent_TarnPadsSetProcPadsGlobalSwitch_oneway, pid, all);
+    for (const Tarn_sys_diag_PadsAppFunSwitch &function : TheHealthSettings().OfAgents()) {
+        TellAgent(TarnSysdiagAgent_TarnPadsSetProcPadsAppFunSwitch_oneway, pid, function);
+    }
+}
+
+} // namespace tarnd
+
+uint32_t TarnPadsSetPadsGlobalSwitchByTarnd(const Tarn_sys_diag_PadsGlobalSwitch *request) {
+    return host::Run(__func__, [&] { tarnd::TheHealthSettings().SwitchAll(request->ucGlobalSwitch); });
+}
+
+uint32_t TarnPadsSetPadsAppFunSwitchByTarnd(const Tarn_sys_diag_PadsAppFunSwitch *request) {
+    return host::Run(__func__, [&] { tarnd::TheHealthSettings().SwitchFunction(*request); });
+}

@@ -1,0 +1,105 @@
+#include "host/daemon/images.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "host/procfs/procfs.h"
+
+namespace tarnd {
+
+namespace {
+
+std::string Directory(uint32_t pid) {
+    return "/proc/" + std::to_string(pid);
+}
+
+// The kernel writes a line feed within a path as "\012".
+std::string Unescape(std::string path) {
+    for (size_t at = 0; (at = path.find("\\012", at)) != path.npos; ++at) {
+        path.replace(at, 4, "\n");
+    }
+    return path;
+}
+
+bool HasFile(const std::string &path, uint64_t inode) {
+    return inode != 0 && path.starts_with('/') && !path.starts_with("/memfd:") && !path.starts_with("/dev/zero") &&
+           !path.starts_with("/SYSV");
+}
+
+// Finds a name as the process would.
+int OpenByName(uint32_t pid, const std::string &path) {
+    const host::Descriptor root(open((Directory(pid) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC),
+                                Directory(pid) + "/root");
+    open_how how{};
+    how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(syscall(SYS_openat2, root.Fd(), path.c_str(), &how, sizeof how));
+}
+
+// For documents and people, whatever bytes there are in a path.
+std::string Escaped(const std::string &path) {
+    std::string text;
+    for (const char c : path) {
+        if (c >= ' ' && c <= '~' && c != '\\') {
+            text += c;
+        } else {
+            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+std::vector<Image> ParseImages(const std::string &maps) {
+    std::vector<Image> images;
+    std::set<std::pair<std::string, uint64_t>> seen;
+    std::istringstream lines(maps);
+    for (std::string line; std::getline(lines, line);) {
+        Image image;
+        std::string rights, offset;
+        std::istringstream fields(line);
+        fields >> image.mapping >> rights >> offset >> image.device >> image.inode >> std::ws;
+        std::getline(fields, image.path);
+        if (rights.find('x') == rights.npos || !HasFile(image.path, image.inode) ||
+            !seen.insert({image.device, image.inode}).second) {
+            continue;
+        }
+        constexpr std::string_view kDeleted = " (deleted)";
+        if (image.path.ends_with(kDeleted)) {
+            image.path.resize(image.path.size() - kDeleted.size());
+        }
+        image.path = Unescape(std::move(image.path));
+        image.name = Escaped(image.path);
+        images.push_back(std::move(image));
+    }
+    return images;
+}
+
+std::vector<Image> ImagesOf(uint32_t pid) {
+    return ParseImages(host::procfs::ReadText(Directory(pid) + "/maps"));
+}
+
+host::Descriptor OpenImage(uint32_t pid, const Image &image) {
+    // This way takes a capability that a daemon of an ordinary user does not have.
+    int fd = open((Directory(pid) + "/map_files/" + image.mapping).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        fd = OpenByName(pid, image.path);
+    }
+    host::Descriptor file(fd, image.path);
+    const struct stat status = file.Status();
+    if (!S_ISREG(status.st_mode) || status.st_ino != image.inode) {
+        host::Fail(ESTALE, image.path + " is another file than the one that process " + std::to_string(pid) + " runs");
+    }
+    return file;
+}
+
+} // namespace tarnd

@@ -1,0 +1,371 @@
+#include "host/daemon/measurement.h"
+
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "host/answer/answer.h"
+#include "host/daemon/clock.h"
+#include "host/daemon/store.h"
+#include "host/daemon/timers.h"
+#include "host/daemon/values.h"
+#include "host/osal/log.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kSettings[] = "measurement";
+constexpr char kBaseline[] = "measurement-baseline";
+constexpr uint32_t kVersion = 1;
+constexpr size_t kMaxJobs = 16;
+
+// Others come first, at the CPU and at the disk.
+void StandBack() {
+    constexpr int kOfThread = 1, kIdleClass = 3 << 13;
+    syscall(SYS_ioprio_set, kOfThread, 0, kIdleClass);
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
+}
+
+// When it is that time next, by the clock that the daemon's records follow.
+std::chrono::system_clock::time_point NextTimeOfDay(int hour, int minute) {
+    const auto now = std::chrono::system_clock::now();
+    const Tarn_sys_diag_Systime local = TheClock().LocalTime(now);
+    const auto sinceMidnight = std::chrono::hours(local.ucHour) + std::chrono::minutes(local.ucMinute) +
+                               std::chrono::seconds(local.ucSecond) + std::chrono::milliseconds(local.uiMillisecond);
+    std::chrono::milliseconds delay = std::chrono::hours(hour) + std::chrono::minutes(minute) - sinceMidnight;
+    return now + (delay > 0ms ? delay : delay + 24h);
+}
+
+MeasurementTimes Checked(MeasurementTimes times) {
+    const bool ofDay = times.hour < 24;
+    if (!ofDay && times.hour != TARND_DIM_EVERY_SECONDS && times.hour != TARND_DIM_EVERY_MINUTES) {
+        throw host::BadValue("ucValue1", times.hour, "an hour, 0 to 23, or 254 or 255");
+    }
+    if (ofDay && times.minute > 59) {
+        throw host::BadValue("ucValue2", times.minute, "a minute, 0 to 59");
+    }
+    return times;
+}
+
+uint32_t CheckedMode(uint32_t mode) {
+    if (mode > TARND_DIM_MODE_LEARN) {
+        throw host::BadValue("uiWorkMode", mode, "0, 1 or 2");
+    }
+    return mode;
+}
+
+Measurement::State NothingMeasured() {
+    return {TARND_DIM_STATE_NONE, "nothing has been measured"};
+}
+
+std::string Scope(const Survey &survey) {
+    return fmt::format("{} unread; {} processes, {} hidden", survey.unread, survey.processes, survey.hidden);
+}
+
+// Names a path within what the reply has room for; its end tells more than its start.
+std::string WithExample(const std::string &text, const std::string &path) {
+    constexpr size_t kRoom = sizeof(Tarn_sys_diag_DimMeasRst::acMeasResult) - 1;
+    const size_t limit = kRoom - std::min(kRoom, text.size() + 2);
+    const std::string name = path.size() <= limit ? path : "..." + path.substr(path.size() - limit + 3);
+    return name + ": " + text;
+}
+
+// Each by its name; what the reply has room for are the counts and one of them.
+void Report(const std::vector<std::string> &changed, const std::vector<std::string> &added) {
+    for (const std::string &path : changed) {
+        host::Log().warn("measurement: changed: {}", path);
+    }
+    for (const std::string &path : added) {
+        host::Log().info("measurement: new: {}", path);
+    }
+}
+
+} // namespace
+
+bool MeasurementTimes::IsNever() const {
+    return hour >= 24 && minute == 0;
+}
+
+std::chrono::milliseconds MeasurementTimes::Period() const {
+    return hour == TARND_DIM_EVERY_SECONDS   ? std::chrono::seconds(minute)
+           : hour == TARND_DIM_EVERY_MINUTES ? std::chrono::minutes(minute)
+                                             : 0ms;
+}
+
+Measurement::Measurement()
+    : times_{TARND_DIM_EVERY_MINUTES, 0}, mode_(TARND_DIM_MODE_REPORT), state_(NothingMeasured()) {}
+
+void Measurement::Start(uint64_t bytesPerSecond) {
+    Load();
+    digests_ = std::make_unique<Digests>(bytesPerSecond);
+    timer_ = TheTimers().Add("measurement", [] { TheMeasurement().Expire(); });
+    Arm();
+    thread_ = std::thread([this] { Run(); });
+}
+
+void Measurement::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
+        wake_.notify_one();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Measurement::Load() {
+    TheStore().Load(kSettings, kVersion, [this](const nlohmann::json &content) {
+        times_ = Checked({content.at("hour").get<uint8_t>(), content.at("minute").get<uint8_t>()});
+        mode_ = CheckedMode(content.at("mode").get<uint32_t>());
+    });
+    TheStore().Load(kBaseline, kVersion,
+                    [this](const nlohmann::json &content) { baseline_ = content.get<FileDigests>(); });
+}
+
+void Measurement::Save() {
+    TheStore().Save(kSettings, kVersion, {{"hour", times_.hour}, {"minute", times_.minute}, {"mode", mode_}});
+}
+
+// ---- When ----
+
+void Measurement::SetTimes(MeasurementTimes times) {
+    const std::lock_guard lock(mutex_);
+    times_ = Checked(times);
+    Save();
+    Arm();
+    host::Log().info("measurement times {} {}", times_.hour, times_.minute);
+}
+
+void Measurement::SetMode(uint32_t mode) {
+    const std::lock_guard lock(mutex_);
+    mode_ = CheckedMode(mode);
+    Save();
+    Arm();
+    host::Log().info("measurement work mode {}", mode_);
+}
+
+bool Measurement::IsByTime() const {
+    return mode_ != TARND_DIM_MODE_OFF && !times_.IsNever();
+}
+
+void Measurement::Arm() {
+    if (!IsByTime()) {
+        TheTimers().Cancel(timer_);
+    } else if (times_.Period() != 0ms) {
+        TheTimers().Every(timer_, times_.Period());
+    } else {
+        WaitForTimeOfDay();
+    }
+}
+
+// The clock and its zone may be set meanwhile, and summer time begin: a long delay is looked at again.
+void Measurement::WaitForTimeOfDay() {
+    due_ = NextTimeOfDay(times_.hour, times_.minute);
+    const auto delay = std::chrono::ceil<std::chrono::milliseconds>(due_ - std::chrono::system_clock::now());
+    TheTimers().Once(timer_, std::clamp<std::chrono::milliseconds>(delay, 0ms, 1min));
+}
+
+void Measurement::Expire() {
+    const std::lock_guard lock(mutex_);
+    if (!IsByTime()) {
+        return; // it has just been switched off
+    }
+    const bool onceADay = times_.Period() == 0ms;
+    const bool due = !onceADay || std::chrono::system_clock::now() >= due_;
+    if (due && jobs_.empty()) { // else the last one takes longer than the time between two
+        Enqueue(Kind::kMeasure, nullptr);
+    }
+    if (onceADay) {
+        WaitForTimeOfDay();
+    }
+}
+
+// ---- What ----
+
+bool Measurement::Operate(uint32_t operation, void *replyCtx) {
+    const std::lock_guard lock(mutex_);
+    switch (operation) {
+    case TARND_DIM_MEASURE:
+        Enqueue(Kind::kMeasure, replyCtx);
+        return true;
+    case TARND_DIM_RECORD:
+        Enqueue(Kind::kRecord, replyCtx);
+        return true;
+    case TARND_DIM_FORGET:
+        baseline_.clear();
+        TheStore().Save(kBaseline, kVersion, baseline_);
+        state_ = NothingMeasured();
+        host::Log().info("measurement: the baseline is forgotten");
+        return false;
+    case TARND_DIM_CANCEL:
+        cancelledJob_ = lastJob_;
+        return false;
+    case TARND_DIM_START:
+        Enqueue(Kind::kMeasure, nullptr);
+        return false;
+    default:
+        throw host::BadValue("uiOperation", operation, "1 to 5");
+    }
+}
+
+void Measurement::Enqueue(Kind kind, void *replyCtx) {
+    if (stop_) {
+        host::Fail(ESHUTDOWN, "measurement");
+    }
+    if (jobs_.size() >= kMaxJobs) {
+        host::Fail(EBUSY, "too many measurements are waiting");
+    }
+    jobs_.push_back({++lastJob_, kind, replyCtx, std::chrono::system_clock::now()});
+    wake_.notify_one();
+}
+
+Measurement::State Measurement::Last() const {
+    const std::lock_guard lock(mutex_);
+    if (jobs_.empty()) {
+        return state_;
+    }
+    const Tarn_sys_diag_Systime since = TheClock().LocalTime(jobs_.front().since);
+    return {TARND_DIM_STATE_RUNS,
+            fmt::format("asked for at {:02}:{:02}:{:02}, not done yet", since.ucHour, since.ucMinute, since.ucSecond)};
+}
+
+// ---- The work ----
+
+void Measurement::Run() {
+    pthread_setname_np(pthread_self(), "measurement");
+    StandBack();
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
+        if (jobs_.empty()) {
+            return;
+        }
+        const Job job = jobs_.front(); // stays there while it runs
+        lock.unlock();
+        const uint32_t error = host::Run("measurement", [&] { Work(job); });
+        lock.lock();
+        if (error != 0) {
+            state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
+        }
+        jobs_.pop_front();
+        if (job.replyCtx != nullptr) {
+            lock.unlock();
+            host::Answer<Tarn_sys_diag_Result>("TarnSetDimOpration", job.replyCtx,
+                                               [&](auto &reply) { reply.uiResult = error; });
+            lock.lock();
+        }
+    }
+}
+
+void Measurement::Work(const Job &job) {
+    const auto start = std::chrono::steady_clock::now();
+    const uint64_t bytes = digests_->BytesRead();
+    const Survey survey = SurveyFiles(*digests_, [&] { Check(job); });
+    if (job.kind == Kind::kRecord) {
+        Record(survey);
+    } else {
+        Compare(survey);
+    }
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    const std::lock_guard lock(mutex_);
+    host::Log().info("measurement: {} ({:.1f} s, {:.1f} MB read)", state_.text, elapsed.count(),
+                     static_cast<double>(digests_->BytesRead() - bytes) / 1e6);
+}
+
+// Gives up a job that nobody wants any more.
+void Measurement::Check(const Job &job) const {
+    if (stop_) {
+        host::Fail(ESHUTDOWN, "measurement");
+    }
+    const uint32_t unwanted = job.replyCtx == nullptr ? 0 : TarnHost_Cancelled(job.replyCtx);
+    if (job.number <= cancelledJob_ || unwanted != 0) {
+        host::Fail(unwanted == ETIMEDOUT || unwanted == ESHUTDOWN ? static_cast<int>(unwanted) : ECANCELED,
+                   "measurement");
+    }
+}
+
+void Measurement::Record(const Survey &survey) {
+    const std::lock_guard lock(mutex_);
+    TheStore().Save(kBaseline, kVersion, survey.files);
+    baseline_ = survey.files;
+    state_ = {TARND_DIM_STATE_AS_RECORDED, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
+}
+
+void Measurement::Compare(const Survey &survey) {
+    const std::lock_guard lock(mutex_);
+    if (baseline_.empty()) {
+        state_ = {TARND_DIM_STATE_NO_BASELINE,
+                  fmt::format("no baseline; {} files; {}", survey.files.size(), Scope(survey))};
+        return;
+    }
+    std::vector<std::string> changed, added;
+    for (const auto &[path, digests] : survey.files) {
+        const auto known = baseline_.find(path);
+        if (known == baseline_.end()) {
+            added.push_back(path);
+        } else if (!std::includes(known->second.begin(), known->second.end(), digests.begin(), digests.end())) {
+            changed.push_back(path);
+        }
+    }
+    Report(changed, added);
+    if (mode_ == TARND_DIM_MODE_LEARN && !added.empty()) {
+        Learn(survey, added);
+        added.clear();
+    }
+    const bool differs = !changed.empty() || !added.empty();
+    const std::string counts = fmt::format("{} changed, {} new of {} files; {}", changed.size(), added.size(),
+                                           survey.files.size(), Scope(survey));
+    state_.code = differs ? TARND_DIM_STATE_DIFFERS : TARND_DIM_STATE_AS_RECORDED;
+    state_.text = differs ? WithExample(counts, changed.empty() ? added.front() : changed.front()) : counts;
+    state_.differences = static_cast<uint32_t>(changed.size() + added.size());
+}
+
+void Measurement::Learn(const Survey &survey, const std::vector<std::string> &added) {
+    FileDigests baseline = baseline_;
+    for (const std::string &path : added) {
+        baseline[path] = survey.files.at(path);
+    }
+    TheStore().Save(kBaseline, kVersion, baseline);
+    baseline_ = std::move(baseline);
+}
+
+Measurement &TheMeasurement() {
+    static Measurement measurement;
+    return measurement;
+}
+
+} // namespace tarnd
+
+uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {
+    bool later = false;
+    const uint32_t error =
+        host::Run(__func__, [&] { later = tarnd::TheMeasurement().Operate(request->uiOperation, replyCtx); });
+    if (later) {
+        return 0;
+    }
+    return host::Answer<Tarn_sys_diag_Result>(__func__, replyCtx, [&](auto &reply) { reply.uiResult = error; });
+}
+
+uint32_t TarnSetDimTimeCfgByTarnd(const Tarn_sys_diag_DimTimeCfg *request) {
+    return host::Run(__func__, [&] { tarnd::TheMeasurement().SetTimes({request->ucValue1, request->ucValue2}); });
+}
+
+uint32_t TarnSetDimWorkModeCfgByTarnd(const Tarn_sys_diag_DimWorkModeCfg *request) {
+    return host::Run(__func__, [&] { tarnd::TheMeasurement().SetMode(request->uiWorkMode); });
+}
+
+uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_DimMeasRst>(__func__, replyCtx, [](auto &reply) {
+        const tarnd::Measurement::State state = tarnd::TheMeasurement().Last();
+        reply.uiValue1 = state.code;
+        host::CopyText(reply.acMeasResult, state.text);
+        reply.uiValue2 = state.differences;
+    });
+}

@@ -1,0 +1,92 @@
+// Measurement: whether the executables and libraries that run are those that were recorded.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/daemon/survey.h"
+
+namespace tarnd {
+
+// When measurements are due, in the form of DimTimeCfg.
+struct MeasurementTimes {
+    uint8_t hour;
+    uint8_t minute;
+
+    bool IsNever() const;
+    std::chrono::milliseconds Period() const; // 0: once a day
+};
+
+class Measurement {
+public:
+    Measurement();
+    ~Measurement() { Stop(); }
+
+    // Takes over what an earlier run kept, and begins to work.
+    void Start(uint64_t bytesPerSecond);
+    void Stop(); // gives up what runs
+
+    void SetTimes(MeasurementTimes times);
+    void SetMode(uint32_t mode);
+
+    // True when the request will be answered once the work is done.
+    bool Operate(uint32_t operation, void *replyCtx);
+
+    struct State {
+        uint32_t code; // TARND_DIM_STATE_...
+        std::string text;
+        uint32_t differences = 0;
+    };
+    State Last() const;
+
+private:
+    enum class Kind { kMeasure, kRecord };
+    struct Job {
+        uint64_t number;
+        Kind kind;
+        void *replyCtx; // null: nobody waits
+        std::chrono::system_clock::time_point since;
+    };
+
+    void Load();
+    void Save();
+    bool IsByTime() const;
+    void Arm();
+    void WaitForTimeOfDay();
+    void Expire();
+    void Enqueue(Kind kind, void *replyCtx);
+
+    void Run();
+    void Work(const Job &job);
+    void Check(const Job &job) const;
+    void Record(const Survey &survey);
+    void Compare(const Survey &survey);
+    void Learn(const Survey &survey, const std::vector<std::string> &added);
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<Job> jobs_;
+    uint64_t lastJob_ = 0;
+    MeasurementTimes times_;
+    uint32_t mode_;
+    FileDigests baseline_;
+    State state_;
+    uint32_t timer_ = 0;
+    std::chrono::system_clock::time_point due_; // once a day
+
+    std::atomic<uint64_t> cancelledJob_{0}; // and all before it
+    std::atomic<bool> stop_{false};
+    std::unique_ptr<Digests> digests_;
+    std::thread thread_;
+};
+
+Measurement &TheMeasurement();
+
+} // namespace tarnd

@@ -1,0 +1,65 @@
+// Memory overloads: the moments at which the share of memory in use crosses a threshold, and who had most of it then.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "host/daemon/sampler.h"
+
+namespace tarnd {
+
+// Shares of all memory, in permille.
+struct MemoryThresholds {
+    uint32_t over = 900;    // an overload begins at this; 0: none does
+    uint32_t recover = 850; // and ends below this
+};
+
+struct MemoryEvent {
+    std::chrono::system_clock::time_point time;
+    bool begins = false;
+    uint32_t usedPermille = 0;
+    uint32_t pid = 0; // the process that had most memory
+    std::string name;
+    uint64_t rssKb = 0;
+};
+
+class MemoryOverload {
+public:
+    static constexpr size_t kEvents = 256;
+
+    // Loads what was set before a restart, and follows the samples. Before the sampler starts.
+    void Start();
+
+    // Kept beyond a restart; what is thrown when that fails leaves the thresholds as they were.
+    void Set(const MemoryThresholds &thresholds);
+    MemoryThresholds Thresholds() const;
+
+    struct Record {
+        bool lasts = false;             // an overload, at this moment
+        uint32_t overloads = 0;         // since the start or the last Clear
+        std::deque<MemoryEvent> events; // the newest of them, oldest first
+    };
+    Record TheRecord() const;
+
+    // Forgets what was recorded. An overload that lasts is recorded anew with the next sample.
+    void Clear();
+
+private:
+    void Take(const Sample &sample);
+
+    mutable std::mutex mutex_;
+    MemoryThresholds thresholds_;
+    Record record_;
+};
+
+MemoryOverload &TheMemoryOverload();
+
+uint32_t UsedPermille(const MemorySample &memory);
+
+// Null when the sample has no process.
+const ProcessSample *LargestProcess(const Sample &sample);
+
+} // namespace tarnd

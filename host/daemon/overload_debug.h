@@ -1,0 +1,28 @@
+// The debug switches of the overload monitors: what a monitor that is on sees of each sample goes to the log.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "host/daemon/sampler.h"
+
+namespace tarnd {
+
+// Monitors are TARND_MONITOR_CPU and TARND_MONITOR_MEMORY, or both.
+class OverloadDebug {
+public:
+    // Follows the samples. Before the sampler starts.
+    void Start();
+
+    void Switch(uint32_t monitors, bool on) { on ? on_ |= monitors : on_ &= ~monitors; }
+    bool IsOn(uint32_t monitor) const { return (on_ & monitor) != 0; }
+
+private:
+    void Take(const Sample &previous, const Sample &latest) const;
+
+    std::atomic<uint32_t> on_ = 0;
+};
+
+OverloadDebug &TheOverloadDebug();
+
+} // namespace tarnd

@@ -1,0 +1,12 @@
+// The replies' releases of all methods.
+#include "host/answer/answer.h"
+#include "server/tarnd.h"
+#include "server/tarnd_agent.h"
+
+#define TARN_METHOD TARN_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#include "server/tarnd_methods.h"
+
+#define TARN_METHOD TARN_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#include "server/tarnd_agent_methods.h"

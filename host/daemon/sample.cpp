@@ -1,0 +1,192 @@
+#include "host/daemon/sample.h"
+
+#include <libproc2/meminfo.h>
+#include <libproc2/pids.h>
+#include <libproc2/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+
+#include "host/osal/log.h"
+
+namespace tarnd {
+
+namespace {
+
+enum pids_item kProcessItems[] = {PIDS_ID_PID, PIDS_NLWP,  PIDS_TICS_BEGAN, PIDS_TICS_ALL,
+                                  PIDS_RSS,    PIDS_STATE, PIDS_CMD};
+enum ProcessItem { kPid, kThreadNum, kStart, kTicks, kRss, kState, kName };
+
+enum stat_item kCpuItems[] = {STAT_TIC_ID,      STAT_TIC_SUM_USER, STAT_TIC_SYSTEM, STAT_TIC_IRQ,
+                              STAT_TIC_SOFTIRQ, STAT_TIC_STOLEN,   STAT_TIC_IDLE,   STAT_TIC_IOWAIT};
+enum CpuItem { kId, kUser, kSystem, kIrq, kSoftIrq, kStolen, kIdle, kIoWait };
+
+enum meminfo_item kMemoryItems[] = {MEMINFO_MEM_TOTAL,   MEMINFO_MEM_AVAILABLE, MEMINFO_MEM_FREE,
+                                    MEMINFO_MEM_BUFFERS, MEMINFO_MEM_CACHED,    MEMINFO_MEM_SLAB,
+                                    MEMINFO_MEM_SHARED,  MEMINFO_SWAP_TOTAL,    MEMINFO_SWAP_FREE};
+
+// The library tells of a failure by a negative errno or by a null and errno.
+void Check(int status, const char *what) {
+    if (status < 0) {
+        throw std::system_error(-status, std::generic_category(), what);
+    }
+}
+
+template <class Pointer>
+Pointer Check(Pointer result, const char *what) {
+    if (result == nullptr) {
+        throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
+    }
+    return result;
+}
+
+CpuTicks TicksOf(const stat_stack *stack) {
+    const auto ticks = [&](CpuItem item) { return uint64_t{stack->head[item].result.ull_int}; };
+    CpuTicks cpu;
+    cpu.user = ticks(kUser);
+    cpu.system = ticks(kSystem);
+    cpu.interrupt = ticks(kIrq) + ticks(kSoftIrq);
+    cpu.stolen = ticks(kStolen);
+    cpu.idle = ticks(kIdle);
+    cpu.ioWait = ticks(kIoWait);
+    return cpu;
+}
+
+ProcessSample ProcessOf(const pids_stack *stack) {
+    static const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+    const auto item = [&](ProcessItem which) -> const auto & {
+        return stack->head[which].result;
+    };
+    ProcessSample process;
+    process.pid = static_cast<uint32_t>(item(kPid).s_int);
+    process.threadNum = static_cast<uint32_t>(item(kThreadNum).s_int);
+    process.startTicks = item(kStart).ull_int;
+    process.cpuTicks = item(kTicks).ull_int;
+    process.rssKb = item(kRss).ul_int * pageKb;
+    process.state = static_cast<char>(item(kState).s_ch);
+    process.name = item(kName).str;
+    return process;
+}
+
+std::shared_ptr<const std::vector<ThreadTimes>> ReadThreadTimes(uint32_t pid) {
+    auto threads = std::make_shared<std::vector<ThreadTimes>>();
+    try {
+        for (const uint32_t tid : host::procfs::ThreadIds(pid)) {
+            host::procfs::SkipEnded([&] { threads->push_back({tid, host::procfs::ReadSchedulerCount(pid, tid)}); });
+        }
+    } catch (const std::system_error &) {
+        return nullptr; // ended meanwhile, or not ours to see
+    }
+    return threads;
+}
+
+} // namespace
+
+const ProcessSample *Sample::Find(uint32_t pid) const {
+    const auto at = std::lower_bound(processes.begin(), processes.end(), pid,
+                                     [](const ProcessSample &process, uint32_t id) { return process.pid < id; });
+    return at != processes.end() && at->pid == pid ? &*at : nullptr;
+}
+
+const ProcessSample *Sample::Find(const ProcessSample &process) const {
+    const ProcessSample *const found = Find(process.pid);
+    return found != nullptr && found->startTicks == process.startTicks ? found : nullptr;
+}
+
+struct SampleReader::Handles {
+    pids_info *processes = nullptr;
+    stat_info *cpus = nullptr;
+    meminfo_info *memory = nullptr;
+    bool toldOfMany = false;
+
+    ~Handles() {
+        if (processes != nullptr) {
+            procps_pids_unref(&processes);
+        }
+        if (cpus != nullptr) {
+            procps_stat_unref(&cpus);
+        }
+        if (memory != nullptr) {
+            procps_meminfo_unref(&memory);
+        }
+    }
+};
+
+SampleReader::SampleReader() : handles_(std::make_unique<Handles>()) {
+    Check(procps_pids_new(&handles_->processes, kProcessItems, std::size(kProcessItems)), "the list of processes");
+    Check(procps_stat_new(&handles_->cpus), "/proc/stat");
+    Check(procps_meminfo_new(&handles_->memory), "/proc/meminfo");
+}
+
+SampleReader::~SampleReader() = default;
+
+std::shared_ptr<const Sample> SampleReader::Read(const Sample *previous) {
+    auto sample = std::make_shared<Sample>();
+    sample->system.time = std::chrono::system_clock::now();
+    sample->system.at = std::chrono::steady_clock::now();
+    ReadCpus(*sample);
+    ReadMemory(sample->system.memory);
+    ReadProcesses(*sample, previous);
+    return sample;
+}
+
+void SampleReader::ReadCpus(Sample &sample) {
+    const stat_reaped *const read =
+        Check(procps_stat_reap(handles_->cpus, STAT_REAP_CPUS_ONLY, kCpuItems, std::size(kCpuItems)), "/proc/stat");
+    sample.system.cpu = TicksOf(read->summary);
+    for (int i = 0; i < read->cpus->total; ++i) {
+        const stat_stack *const stack = read->cpus->stacks[i];
+        sample.cpus.push_back({static_cast<uint32_t>(stack->head[kId].result.s_int), TicksOf(stack)});
+    }
+    const auto count = [&](stat_item item) {
+        return Check(procps_stat_get(handles_->cpus, item), "/proc/stat")->result.ul_int;
+    };
+    sample.system.contextSwitches = count(STAT_SYS_CTX_SWITCHES);
+    sample.system.runnable = static_cast<uint32_t>(count(STAT_SYS_PROC_RUNNING));
+}
+
+void SampleReader::ReadMemory(MemorySample &memory) {
+    const meminfo_stack *const read =
+        Check(procps_meminfo_select(handles_->memory, kMemoryItems, std::size(kMemoryItems)), "/proc/meminfo");
+    uint64_t *const to[] = {&memory.total, &memory.available, &memory.free,      &memory.buffers, &memory.cached,
+                            &memory.slab,  &memory.shared,    &memory.swapTotal, &memory.swapFree};
+    static_assert(std::size(to) == std::size(kMemoryItems));
+    for (size_t i = 0; i < std::size(to); ++i) {
+        *to[i] = read->head[i].result.ul_int;
+    }
+}
+
+void SampleReader::ReadProcesses(Sample &sample, const Sample *previous) {
+    const pids_fetch *const read =
+        Check(procps_pids_reap(handles_->processes, PIDS_FETCH_TASKS_ONLY), "the list of processes");
+    for (int i = 0; i < read->counts->total; ++i) {
+        sample.processes.push_back(ProcessOf(read->stacks[i]));
+    }
+    std::sort(sample.processes.begin(), sample.processes.end(),
+              [](const ProcessSample &a, const ProcessSample &b) { return a.pid < b.pid; });
+    bool many = sample.processes.size() > kMaxSampledProcesses;
+    if (many) {
+        sample.processes.resize(kMaxSampledProcesses);
+    }
+    size_t threadNum = 0;
+    for (ProcessSample &process : sample.processes) {
+        if (threadNum + process.threadNum > kMaxSampledThreads) {
+            many = true;
+            break;
+        }
+        threadNum += process.threadNum;
+        const ProcessSample *const before = previous == nullptr ? nullptr : previous->Find(process);
+        const bool idle =
+            before != nullptr && before->cpuTicks == process.cpuTicks && before->threadNum == process.threadNum;
+        process.threads = idle ? before->threads : ReadThreadTimes(process.pid);
+    }
+    if (many && !handles_->toldOfMany) {
+        host::Log().warn("more processes or threads than are sampled: {} and {}", kMaxSampledProcesses,
+                         kMaxSampledThreads);
+    }
+    handles_->toldOfMany = many;
+}
+
+} // namespace tarnd

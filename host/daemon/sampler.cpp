@@ -1,0 +1,181 @@
+#include "host/daemon/sampler.h"
+
+#include <pthread.h>
+#include <time.h>
+
+#include <algorithm>
+
+#include "host/answer/answer.h"
+#include "host/osal/log.h"
+
+namespace tarnd {
+
+namespace {
+
+template <class Element>
+void Push(std::deque<Element> &ring, Element element, size_t capacity) {
+    if (ring.size() == capacity) {
+        ring.pop_front();
+    }
+    ring.push_back(std::move(element));
+}
+
+// A sample to be kept long: the threads are what takes most room, and nobody asks for them after two minutes.
+SamplePtr WithoutThreads(const Sample &sample) {
+    auto coarse = std::make_shared<Sample>(sample);
+    for (ProcessSample &process : coarse->processes) {
+        process.threads.reset();
+    }
+    return coarse;
+}
+
+std::chrono::nanoseconds CpuTimeOfThread() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+} // namespace
+
+void Sampler::OnSample(const char *name, Hook hook) {
+    hooks_.emplace_back(name, std::move(hook));
+}
+
+void Sampler::Start(std::chrono::milliseconds interval) {
+    interval_ = interval;
+    TakeSample();
+    thread_ = std::thread([this] { Run(); });
+}
+
+void Sampler::Stop() {
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+    const auto us = [](std::chrono::nanoseconds time) { return time.count() / 1000; };
+    host::Log().info("{} samples of {} processes: {} us of CPU time each, {} us the longest", cost_.samples,
+                     whole_.back()->processes.size(), us(cost_.cpu) / static_cast<int64_t>(cost_.samples),
+                     us(cost_.longest));
+}
+
+SamplePtr Sampler::Latest() const {
+    const std::lock_guard lock(mutex_);
+    return whole_.back();
+}
+
+SamplePtr Sampler::Before(std::chrono::nanoseconds age) const {
+    const std::lock_guard lock(mutex_);
+    return NewestBefore(std::chrono::steady_clock::now() - age);
+}
+
+Sampler::Window Sampler::Last(std::chrono::nanoseconds age) const {
+    const std::lock_guard lock(mutex_);
+    if (whole_.size() < 2) {
+        throw std::system_error(EAGAIN, std::generic_category(), "the second sample has not been taken yet");
+    }
+    const SamplePtr latest = whole_.back();
+    const auto &last = whole_[whole_.size() - 2]->system.at;
+    return {NewestBefore(std::min(last, latest->system.at - age)), latest};
+}
+
+SamplePtr Sampler::NewestBefore(std::chrono::steady_clock::time_point when) const {
+    const auto sample = std::find_if(whole_.rbegin(), whole_.rend(),
+                                     [&](const SamplePtr &candidate) { return candidate->system.at <= when; });
+    return sample == whole_.rend() ? whole_.front() : *sample;
+}
+
+std::vector<SamplePtr> Sampler::Recent(size_t number) const {
+    const std::lock_guard lock(mutex_);
+    const size_t skip = whole_.size() - std::min(number, whole_.size());
+    return {whole_.begin() + static_cast<ptrdiff_t>(skip), whole_.end()};
+}
+
+std::vector<SystemSample> Sampler::History() const {
+    const std::lock_guard lock(mutex_);
+    return {system_.begin(), system_.end()};
+}
+
+std::vector<ProcessPoint> Sampler::HistoryOf(uint32_t pid) const {
+    std::vector<SamplePtr> samples;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const SamplePtr &sample : coarse_) {
+            if (sample->system.at < whole_.front()->system.at) {
+                samples.push_back(sample);
+            }
+        }
+        samples.insert(samples.end(), whole_.begin(), whole_.end());
+    }
+    std::vector<ProcessPoint> points;
+    const ProcessSample *const now = samples.empty() ? nullptr : samples.back()->Find(pid);
+    if (now == nullptr) {
+        return points;
+    }
+    for (const SamplePtr &sample : samples) {
+        if (const ProcessSample *const process = sample->Find(*now)) {
+            points.push_back(
+                {sample->system.time, sample->system.at, process->cpuTicks, process->rssKb, process->threadNum});
+        }
+    }
+    return points;
+}
+
+Sampler::Cost Sampler::TheCost() const {
+    const std::lock_guard lock(mutex_);
+    return cost_;
+}
+
+void Sampler::Run() {
+    pthread_setname_np(pthread_self(), "sampler");
+    auto next = std::chrono::steady_clock::now() + std::min(kFirstInterval, interval_);
+    // Without a burst of those missed when one takes long.
+    for (;; next = std::max(next + interval_, std::chrono::steady_clock::now())) {
+        {
+            std::unique_lock lock(mutex_);
+            if (wake_.wait_until(lock, next, [this] { return stop_; })) {
+                return;
+            }
+        }
+        host::Run("the sampler", [this] { TakeSample(); });
+    }
+}
+
+void Sampler::TakeSample() {
+    SamplePtr previous;
+    {
+        const std::lock_guard lock(mutex_);
+        previous = whole_.empty() ? nullptr : whole_.back();
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const std::chrono::nanoseconds cpuStart = CpuTimeOfThread();
+    const SamplePtr latest = reader_.Read(previous.get());
+    Keep(latest, CpuTimeOfThread() - cpuStart, std::chrono::steady_clock::now() - start);
+    if (previous != nullptr) {
+        for (const auto &[name, hook] : hooks_) {
+            host::Run(name, [&, &call = hook] { call(previous, latest); });
+        }
+    }
+}
+
+void Sampler::Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed) {
+    const std::lock_guard lock(mutex_);
+    if (cost_.samples++ % kCoarseEvery == 0) {
+        Push(coarse_, WithoutThreads(*sample), kCoarseSamples);
+    }
+    cost_.cpu += cpu;
+    cost_.longest = std::max(cost_.longest, elapsed);
+    Push(system_, sample->system, kSystemSamples);
+    Push(whole_, std::move(sample), kWholeSamples);
+}
+
+Sampler &TheSampler() {
+    static Sampler sampler;
+    return sampler;
+}
+
+} // namespace tarnd

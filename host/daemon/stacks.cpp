@@ -1,0 +1,75 @@
+// Call stacks of the threads of a process, as they are now.
+#include "host/stacks/stacks.h"
+
+#include "host/answer/answer.h"
+#include "host/procfs/procfs.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+Tarn_sys_diag_CallStackThreadInfo Describe(uint32_t pid, const std::string &process, uint32_t tid,
+                                           const host::stacks::Stack &stack) {
+    const host::procfs::Task task = host::procfs::ReadThread(pid, tid);
+    const uint64_t runNs = host::procfs::ReadSchedulerCount(pid, tid).runNs;
+    Tarn_sys_diag_CallStackThreadInfo thread{};
+    thread.uiTid = tid;
+    host::CopyText(thread.szThreadName, task.name);
+    thread.ullValue1 = runNs / 1000;
+    host::CopyText(thread.szName2, process);
+    thread.uiValue2 = static_cast<uint32_t>(stack.frames.size());
+    thread.uiValue3 = static_cast<uint32_t>(stack.stopped.count() / 1000);
+    for (size_t i = 0; i < stack.frames.size(); ++i) {
+        thread.aullStackAddr[i] = stack.frames[i].address;
+        host::CopyText(thread.astFuncName[i].szFuncName, stack.frames[i].Text());
+    }
+    return thread;
+}
+
+// Without frames where the thread does not stop: the others' stacks are worth telling.
+host::stacks::Stack ReadUnlessStuck(host::stacks::Process &stacks, uint32_t tid) {
+    try {
+        return stacks.Read(tid);
+    } catch (const std::system_error &error) {
+        if (error.code().value() != ETIMEDOUT) {
+            throw;
+        }
+        return {};
+    }
+}
+
+// A thread that ends meanwhile is left out, unless it is the only one asked for.
+std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Tid &request, void *replyCtx) {
+    const std::string process = host::procfs::ReadProcess(request.uiPid).name;
+    host::stacks::Process stacks(request.uiPid);
+    std::vector<Tarn_sys_diag_CallStackThreadInfo> threads;
+    if (request.uiTid != 0) {
+        host::procfs::ReadThread(request.uiPid, request.uiTid); // of this process, or ESRCH
+        threads.push_back(Describe(request.uiPid, process, request.uiTid, stacks.Read(request.uiTid)));
+        return threads;
+    }
+    for (const uint32_t tid : host::procfs::ThreadIds(request.uiPid)) {
+        if (const uint32_t reason = TarnHost_Cancelled(replyCtx); reason != 0) {
+            throw std::system_error(static_cast<int>(reason), std::generic_category(),
+                                    fmt::format("after the stacks of {} threads", threads.size()));
+        }
+        host::procfs::SkipEnded(
+            [&] { threads.push_back(Describe(request.uiPid, process, tid, ReadUnlessStuck(stacks, tid))); });
+    }
+    return threads;
+}
+
+} // namespace
+
+} // namespace tarnd
+
+uint32_t GetCallStackInfoByTid(const Tarn_sys_diag_Tid *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_CallStackContext>(__func__, replyCtx, [&](auto &reply) {
+        std::vector<Tarn_sys_diag_CallStackThreadInfo> threads = tarnd::ReadStacks(*request, replyCtx);
+        for (const Tarn_sys_diag_CallStackThreadInfo &thread : threads) {
+            reply.uiValue1 += thread.uiValue3;
+        }
+        reply.pstThreadInfo = reply.Keep(std::move(threads), reply.uiThreadNum);
+    });
+}

@@ -1,0 +1,148 @@
+#include "host/daemon/starvation.h"
+
+#include <algorithm>
+
+#include "host/answer/answer.h"
+#include "host/daemon/rates.h"
+#include "host/daemon/store.h"
+#include "host/osal/log.h"
+
+namespace tarnd {
+
+namespace {
+
+constexpr const char *kDocument = "starvation";
+constexpr uint32_t kVersion = 1;
+
+} // namespace
+
+void Starvation::Start() {
+    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
+        const StarvationSettings settings{content.at("on"),
+                                          std::chrono::milliseconds(content.at("thresholdMs").get<uint32_t>())};
+        const std::lock_guard lock(mutex_);
+        settings_ = settings;
+    });
+    TheSampler().OnSample("starvation",
+                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+}
+
+void Starvation::Switch(bool on) {
+    const std::lock_guard lock(mutex_);
+    Set({on, settings_.threshold});
+    if (!on) {
+        threads_.clear();
+    }
+}
+
+void Starvation::SetThreshold(std::chrono::milliseconds threshold) {
+    const std::lock_guard lock(mutex_);
+    Set({settings_.on, threshold});
+}
+
+void Starvation::Set(const StarvationSettings &settings) {
+    TheStore().Save(kDocument, kVersion, {{"on", settings.on}, {"thresholdMs", settings.threshold.count()}});
+    settings_ = settings;
+}
+
+std::optional<StarvationRecord> Starvation::Of(uint32_t pid, uint32_t tid) const {
+    const std::lock_guard lock(mutex_);
+    const auto thread = threads_.find(tid);
+    if (thread == threads_.end() || thread->second.pid != pid || thread->second.record.times == 0) {
+        return std::nullopt;
+    }
+    return thread->second.record;
+}
+
+void Starvation::Reset() {
+    const std::lock_guard lock(mutex_);
+    for (auto &[tid, thread] : threads_) {
+        thread.record = {};
+    }
+}
+
+void Starvation::Reset(uint32_t tid) {
+    const std::lock_guard lock(mutex_);
+    const auto thread = threads_.find(tid);
+    if (thread == threads_.end() || thread->second.record.times == 0) {
+        throw std::system_error(ENOENT, std::generic_category(), fmt::format("thread {} has no record", tid));
+    }
+    thread->second.record = {};
+}
+
+// The samples leave out threads of processes that are idle, as one that starves may be: each thread's counts are read.
+void Starvation::Take(const Sample &previous, const Sample &latest) {
+    const std::lock_guard lock(mutex_);
+    if (!settings_.on) {
+        return;
+    }
+    std::map<uint32_t, Thread> running;
+    for (const ProcessSample &process : latest.processes) {
+        if (process.threads == nullptr) {
+            continue;
+        }
+        for (const ThreadTimes &times : *process.threads) {
+            host::procfs::SkipHidden([&] {
+                const auto count = host::procfs::ReadSchedulerCount(process.pid, times.tid);
+                const auto known = threads_.find(times.tid);
+                Thread thread;
+                // Counts that went back are those of a new thread that has the id of one that has ended.
+                if (known != threads_.end() && known->second.pid == process.pid &&
+                    known->second.count.runNs <= count.runNs) {
+                    thread = known->second;
+                    Follow(thread, times.tid, count, previous, latest);
+                }
+                thread.pid = process.pid;
+                thread.count = count;
+                running.emplace(times.tid, thread);
+            });
+        }
+    }
+    threads_ = std::move(running);
+}
+
+void Starvation::Follow(Thread &thread, uint32_t tid, const host::procfs::SchedulerCount &count, const Sample &previous,
+                        const Sample &latest) const {
+    const uint64_t slices = Growth(thread.count.sliceNum, count.sliceNum);
+    const bool ran = slices != 0 || count.runNs != thread.count.runNs;
+    if (slices != 0) {
+        // The longest of several waits is no shorter than their mean, and what does not fit between the samples
+        // belongs to a wait that had begun before them.
+        const uint64_t waited = Growth(thread.count.waitNs, count.waitNs);
+        const auto elapsed = static_cast<uint64_t>((latest.system.at - previous.system.at).count());
+        Record(thread, tid, std::chrono::nanoseconds(std::max(waited / slices, Growth(elapsed, waited))), latest);
+    }
+    const bool mayWait = !ran && latest.system.runnable > CpuNumber();
+    if (!mayWait || host::procfs::ReadThread(thread.pid, tid).state != 'R') {
+        thread.readySince.reset();
+        thread.counted = false;
+        return;
+    }
+    if (!thread.readySince) {
+        thread.readySince = latest.system.at;
+    }
+    if (latest.system.at - *thread.readySince >= settings_.threshold) {
+        Record(thread, tid, latest.system.at - *thread.readySince, latest);
+        thread.counted = true;
+    }
+}
+
+void Starvation::Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds waited, const Sample &latest) const {
+    if (waited < settings_.threshold) {
+        return;
+    }
+    if (!thread.counted) {
+        ++thread.record.times;
+        host::Log().warn("thread {} of process {} starves: ready for {} ms without a CPU", tid, thread.pid,
+                         std::chrono::duration_cast<std::chrono::milliseconds>(waited).count());
+    }
+    thread.record.longest = std::max(thread.record.longest, waited);
+    thread.record.last = latest.system.time;
+}
+
+Starvation &TheStarvation() {
+    static Starvation starvation;
+    return starvation;
+}
+
+} // namespace tarnd

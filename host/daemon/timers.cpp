@@ -1,0 +1,101 @@
+#include "host/daemon/timers.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "host/answer/answer.h"
+
+namespace tarnd {
+
+uint32_t Timers::Add(const char *name, Work work) {
+    const std::lock_guard lock(mutex_);
+    const auto id = static_cast<uint32_t>(timers_.size() + 1);
+    timers_.push_back({id, name, work, static_cast<uint32_t>(gettid())});
+    return id;
+}
+
+void Timers::Every(uint32_t id, Milliseconds period) {
+    Set(id, period, true, Clock::now() + period);
+}
+
+void Timers::Once(uint32_t id, Milliseconds delay) {
+    Set(id, delay, false, Clock::now() + delay);
+}
+
+void Timers::Cancel(uint32_t id) {
+    Set(id, {}, false, Clock::time_point::max());
+}
+
+void Timers::Set(uint32_t id, Milliseconds period, bool periodic, Clock::time_point due) {
+    const std::lock_guard lock(mutex_);
+    Timer &timer = timers_.at(id - 1);
+    timer.period = period;
+    timer.periodic = periodic;
+    timer.due = due;
+    wake_.notify_one();
+}
+
+std::vector<Timers::Timer> Timers::List() const {
+    const std::lock_guard lock(mutex_);
+    return timers_;
+}
+
+void Timers::Start() {
+    stop_ = false;
+    thread_ = std::thread([this] { Run(); });
+}
+
+void Timers::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        stop_ = true;
+        wake_.notify_one();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Timers::Run() {
+    pthread_setname_np(pthread_self(), "timers");
+    std::unique_lock lock(mutex_);
+    while (!stop_) {
+        const auto next = std::min_element(timers_.begin(), timers_.end(),
+                                           [](const Timer &a, const Timer &b) { return a.due < b.due; });
+        if (next == timers_.end() || next->IsStopped()) {
+            wake_.wait(lock);
+        } else if (next->due > Clock::now()) {
+            wake_.wait_until(lock, Clock::time_point(next->due)); // the timer may be changed meanwhile
+        } else {
+            Expire(lock, *next);
+        }
+    }
+}
+
+void Timers::Expire(std::unique_lock<std::mutex> &lock, Timer &timer) {
+    using std::chrono::duration_cast;
+    using std::chrono::microseconds;
+    const uint32_t id = timer.id;
+    const Work work = timer.work;
+    const char *const name = timer.name;
+    const auto start = Clock::now();
+    timer.longestDelay = std::max(timer.longestDelay, duration_cast<microseconds>(start - timer.due));
+    // After a pause of the whole machine a periodic timer expires once, not as often as it would have.
+    timer.due = timer.periodic ? std::max(timer.due + timer.period, start) : Clock::time_point::max();
+    timer.running = true;
+    ++timer.expiries;
+    lock.unlock();
+    host::Run(name, work);
+    lock.lock();
+    Timer &after = timers_[id - 1]; // more may have been added
+    after.running = false;
+    after.longestRun = std::max(after.longestRun, duration_cast<microseconds>(Clock::now() - start));
+}
+
+Timers &TheTimers() {
+    static Timers timers;
+    return timers;
+}
+
+} // namespace tarnd
