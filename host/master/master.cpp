@@ -1,0 +1,165 @@
+#include "host/master/master.h"
+
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "host/answer/answer.h"
+#include "host/osal/log.h"
+
+namespace master {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr const char *kDocument = "memory-overload";
+constexpr uint32_t kVersion = 1;
+constexpr const char *kSystem = "system";
+
+// The names of the configuration that stands for what is asked.
+Names Find(const std::map<Names, Thresholds> &configured, Names names) {
+    if (names.first.empty()) {
+        names.first = kSystem;
+    }
+    if (configured.count(names) == 0) {
+        names.second.clear();
+    }
+    if (configured.count(names) == 0) {
+        throw std::system_error(ENOENT, std::generic_category(),
+                                fmt::format("the overload configuration of \"{}\"", names.first));
+    }
+    return names;
+}
+
+json ToJson(const Thresholds &thresholds) {
+    return {{"over", thresholds.over}, {"recover", thresholds.recover}};
+}
+
+Thresholds FromJson(const json &content) {
+    const Thresholds thresholds{content.at("over").get<uint32_t>(), content.at("recover").get<uint32_t>(), 0};
+    CheckThresholds(thresholds);
+    return thresholds;
+}
+
+} // namespace
+
+void Master::Start(const std::filesystem::path &file, const std::filesystem::path &stateDirectory) {
+    const std::lock_guard lock(mutex_);
+    file_ = file;
+    config_ = LoadConfig(file);
+    readCount_ = 1;
+    if (!stateDirectory.empty()) {
+        store_.Open(stateDirectory);
+    }
+    Load();
+    changes_ = StillValid(std::move(changes_), config_);
+}
+
+bool Master::Reload() {
+    const std::lock_guard lock(mutex_);
+    try {
+        Config config = LoadConfig(file_);
+        std::map<Names, Change> changes = StillValid(changes_, config);
+        if (changes.size() != changes_.size()) {
+            Save(changes);
+        }
+        config_ = std::move(config);
+        changes_ = std::move(changes);
+        ++readCount_;
+        host::Log().info("{} read again", file_.string());
+        return true;
+    } catch (const std::exception &error) {
+        host::Log().error("{}; what was configured before holds", error.what());
+        return false;
+    }
+}
+
+Config Master::Configured() const {
+    const std::lock_guard lock(mutex_);
+    return config_;
+}
+
+uint32_t Master::ReadCount() const {
+    const std::lock_guard lock(mutex_);
+    return readCount_;
+}
+
+CpuAnswer Master::CpuOverload(const Names &names) const {
+    const std::lock_guard lock(mutex_);
+    const Names found = Find(config_.cpuOverload, names);
+    return {found, config_.cpuOverload.at(found)};
+}
+
+MemoryAnswer Master::MemoryOverload(const Names &names) const {
+    const std::lock_guard lock(mutex_);
+    const Names found = Find(config_.memoryOverload, names);
+    const auto change = changes_.find(found);
+    if (change == changes_.end()) {
+        return {found, config_.memoryOverload.at(found), {}};
+    }
+    return {found, change->second.thresholds, change->second};
+}
+
+void Master::ChangeMemory(const Names &names, const Thresholds &thresholds, const std::string &by) {
+    CheckThresholds(thresholds);
+    const std::lock_guard lock(mutex_);
+    const Names found = Find(config_.memoryOverload, names);
+    std::map<Names, Change> changes = changes_;
+    Change &change = changes[found];
+    change.thresholds = thresholds;
+    change.ofFile = config_.memoryOverload.at(found);
+    change.by = by;
+    ++change.count;
+    change.when = static_cast<uint32_t>(time(nullptr));
+    Save(changes);
+    changes_ = std::move(changes);
+    host::Log().info("[memory-overload {} {}]: over {}, recover {}, changed by {}", found.first, found.second,
+                     thresholds.over, thresholds.recover, by);
+}
+
+void Master::Load() {
+    store_.Load(kDocument, kVersion, [this](const json &content) {
+        std::map<Names, Change> changes;
+        for (const json &entry : content) {
+            changes[{entry.at("name"), entry.at("variant")}] = {FromJson(entry.at("thresholds")),
+                                                                FromJson(entry.at("ofFile")), entry.at("by"),
+                                                                entry.at("count"), entry.at("when")};
+        }
+        changes_ = std::move(changes);
+    });
+}
+
+void Master::Save(const std::map<Names, Change> &changes) {
+    json content = json::array();
+    for (const auto &[names, change] : changes) {
+        content.push_back({{"name", names.first},
+                           {"variant", names.second},
+                           {"thresholds", ToJson(change.thresholds)},
+                           {"ofFile", ToJson(change.ofFile)},
+                           {"by", change.by},
+                           {"count", change.count},
+                           {"when", change.when}});
+    }
+    store_.Save(kDocument, kVersion, content);
+}
+
+std::map<Names, Change> Master::StillValid(std::map<Names, Change> changes, const Config &config) {
+    std::erase_if(changes, [&](const auto &entry) {
+        const auto now = config.memoryOverload.find(entry.first);
+        const bool outdated = now == config.memoryOverload.end() || now->second != entry.second.ofFile;
+        if (outdated) {
+            host::Log().info("[memory-overload {} {}]: the file's, no longer that of {}", entry.first.first,
+                             entry.first.second, entry.second.by);
+        }
+        return outdated;
+    });
+    return changes;
+}
+
+Master &TheMaster() {
+    static Master master;
+    return master;
+}
+
+} // namespace master

@@ -1,0 +1,250 @@
+// The master's unit: codecs, wrappers and registration tables of TarnSysdiagMaster, and the methods themselves.
+#include "host/answer/unit.h"
+#include "server/frame.h"
+
+TARN_UNIT()
+
+#include "types/master.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+
+#include "host/answer/answer.h"
+#include "host/answer/systime.h"
+#include "host/master/master.h"
+#include "host/master/service.h"
+#include "host/master/values.h"
+#include "host/osal/log.h"
+#include "host/procfs/procfs.h"
+
+namespace master {
+
+namespace {
+
+host::Client *greeter = nullptr;
+
+template <class Value>
+const Value &Configured(const std::optional<Value> &value, const char *section) {
+    if (!value) {
+        throw std::system_error(ENODATA, std::generic_category(), fmt::format("[{}] is not configured", section));
+    }
+    return *value;
+}
+
+tm SystemsLocalTime(time_t now) {
+    tm fields{};
+    localtime_r(&now, &fields);
+    return fields;
+}
+
+// The name that the system's zone has as a file, else its abbreviation; and its offset without daylight saving.
+host::Zone SystemsZone() {
+    const tm fields = SystemsLocalTime(time(nullptr));
+    std::error_code ignored;
+    const std::string link = std::filesystem::read_symlink("/etc/localtime", ignored);
+    const std::string zones = "/zoneinfo/";
+    const size_t at = link.find(zones);
+    const long dst = fields.tm_isdst > 0 ? 3600 : 0;
+    return {at == link.npos ? fields.tm_zone : link.substr(at + zones.size()),
+            static_cast<int32_t>((fields.tm_gmtoff - dst) / 60)};
+}
+
+uint32_t SourceOf(const std::optional<host::Zone> &zone) {
+    return zone ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
+}
+
+Names NamesOf(const auto &request) {
+    return {std::string(host::TextOf(request.acName1)), std::string(host::TextOf(request.acName2))};
+}
+
+// A full array has no terminating 0.
+template <size_t kSize>
+void Fill(char (&array)[kSize], const std::string &text) {
+    memset(array, 0, kSize);
+    text.copy(array, kSize);
+}
+
+void FillNames(auto &reply, const Names &names) {
+    Fill(reply.acName1, names.first);
+    Fill(reply.acName2, names.second);
+}
+
+#define TARN_METHOD TARN_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#include "client/master_methods.h"
+
+uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [](auto &) {
+        if (!TheMaster().Reload()) {
+            throw std::system_error(EINVAL, std::generic_category(), "the configuration file");
+        }
+        GreetDaemon(*greeter);
+    });
+}
+
+uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_PhyNameAndIDOutput>(__func__, replyCtx, [&](auto &reply) {
+        const Config config = TheMaster().Configured();
+        const auto found = config.physical.find({request->uiValue1, request->uiValue2, request->uiValue3});
+        if (found == config.physical.end()) {
+            throw std::system_error(
+                ENOENT, std::generic_category(),
+                fmt::format("[physical {} {} {}]", request->uiValue1, request->uiValue2, request->uiValue3));
+        }
+        reply.uiValue1 = found->second.type;
+        reply.uiValue2 = found->second.number;
+        Fill(reply.acPhyName, found->second.name);
+    });
+}
+
+uint32_t GetTimezone(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetTimezoneOutput>(__func__, replyCtx, [](auto &reply) {
+        const std::optional<host::Zone> zone = TheMaster().Configured().zone;
+        reply.uiValue1 = SourceOf(zone);
+        reply.stTimezone = host::ToRecord(zone ? *zone : SystemsZone());
+    });
+}
+
+uint32_t GetDst(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetDstOutput>(__func__, replyCtx, [](auto &reply) {
+        const std::optional<host::DstRule> rule = TheMaster().Configured().dst;
+        reply.uiValue1 = rule ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
+        reply.stDst = host::ToRecord(rule);
+    });
+}
+
+uint32_t GetGmt(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetGmtOutput>(__func__, replyCtx, [](auto &reply) {
+        reply.stGmtTime = host::ToRecord(host::WallClock().ToLocal(host::Now()));
+    });
+}
+
+uint32_t GetLocal(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetLocalOutput>(__func__, replyCtx, [](auto &reply) {
+        const Config config = TheMaster().Configured();
+        const host::GmtTime now = host::Now();
+        reply.uiValue1 = SourceOf(config.zone);
+        if (config.zone) {
+            const host::WallClock clock(*config.zone, config.dst);
+            reply.stLocalTime = host::ToRecord(clock.ToLocal(now));
+            reply.ucValue = clock.IsDst(now) ? 1 : 0;
+        } else {
+            reply.stLocalTime = host::LocalTime(now);
+            reply.ucValue = SystemsLocalTime(std::chrono::system_clock::to_time_t(now)).tm_isdst > 0 ? 1 : 0;
+        }
+    });
+}
+
+uint32_t GetCpuOvLoadCfgInfo(const Tarn_sys_diag_OvLoadCpuCtlInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_OvLoadCpuCtlOutput>(__func__, replyCtx, [&](auto &reply) {
+        const CpuAnswer answer = TheMaster().CpuOverload(NamesOf(*request));
+        FillNames(reply, answer.names);
+        reply.uiValue1 = answer.thresholds.over;
+        reply.uiValue2 = answer.thresholds.recover;
+        reply.uiValue3 = answer.thresholds.seconds;
+        reply.uiValue4 = TheMaster().ReadCount();
+    });
+}
+
+uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_OvLoadMemCtlOutput>(__func__, replyCtx, [&](auto &reply) {
+        const MemoryAnswer answer = TheMaster().MemoryOverload(NamesOf(*request));
+        FillNames(reply, answer.names);
+        reply.uiValue1 = answer.thresholds.over;
+        reply.uiValue2 = answer.thresholds.recover;
+        reply.uiValue3 = answer.change ? TARN_MASTER_CHANGED : TARN_MASTER_AS_IN_FILE;
+        if (answer.change) {
+            Fill(reply.acName3, answer.change->by);
+            reply.uiValue4 = answer.change->count;
+            reply.uiValue5 = answer.change->when;
+        }
+    });
+}
+
+uint32_t MemChangeInnerConfig(const Tarn_sys_diag_OvLoadMemCtlOutput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [&](auto &) {
+        TheMaster().ChangeMemory(NamesOf(*request), {request->uiValue1, request->uiValue2, 0},
+                                 std::string(host::TextOf(request->acName3)));
+    });
+}
+
+uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
+        const Config config = TheMaster().Configured();
+        const AutoUpdate &update = Configured(config.autoUpdate, "auto-update");
+        reply.uiValue1 = update.enabled ? 1 : 0;
+        reply.uiValue2 = update.periodHours;
+        reply.uiValue3 = update.hour;
+    });
+}
+
+uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_MKCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
+        const Config config = TheMaster().Configured();
+        const ProcessConfig &process = Configured(config.process, "process");
+        Fill(reply.acCfgInfo, process.text);
+        reply.uiValue1 = process.instances;
+        reply.uiValue2 = process.restarts;
+        reply.uiValue3 = process.timeoutSeconds;
+    });
+}
+
+uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_GetLMProcLPidOutput>(__func__, replyCtx, [&](auto &reply) {
+        const host::procfs::Task process = host::procfs::ReadProcess(request->uiPid);
+        reply.uiValue1 = process.parent;
+        reply.uiLPid = process.session;
+    });
+}
+
+uint32_t DetectSysdiagServerOnline(const Tarn_sys_diag_None *) {
+    static std::atomic<uint64_t> count = 0;
+    host::Log().info("a daemon announces itself, for the {}. time", ++count);
+    return 0;
+}
+
+uint32_t SysdiagGetDimCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_DimTimeCfg>(__func__, replyCtx, [](auto &reply) {
+        const Config config = TheMaster().Configured();
+        static_cast<Tarn_sys_diag_DimTimeCfg &>(reply) = Configured(config.measurement, "measurement").times;
+    });
+}
+
+uint32_t SysdiagGetDimWorkMode(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_DimWorkModeCfg>(__func__, replyCtx, [](auto &reply) {
+        const Config config = TheMaster().Configured();
+        reply.uiWorkMode = Configured(config.measurement, "measurement").mode;
+    });
+}
+
+#define TARN_SERVICE TarnSysdiagMaster
+#define TARN_METHODS "client/master_methods.h"
+#include "server/tables.inc"
+
+} // namespace
+
+const IdlModuleSpec &kServiceSpec = __module_spec_TarnSysdiagMaster;
+
+void GreetDaemon(host::Client &client) {
+    const Tarn_sys_diag_None request{};
+    using Codec = velto::Codec<Unit, Tarn_sys_diag_None>;
+    std::vector<uint8_t> bytes(Codec::kPack(nullptr, &request));
+    auto capacity = static_cast<uint32_t>(bytes.size());
+    const VeltoOutBuf out{bytes.data(), &capacity};
+    bytes.resize(Codec::kPack(&out, &request));
+    const host::CallOutcome outcome = client.Oneway({.service = "TarnSysdiagTarnd",
+                                                     .method = "DetectTarndServerOnline",
+                                                     .requestHash = velto::kTypeHash<Tarn_sys_diag_None>,
+                                                     .request = bytes,
+                                                     .deadline = std::chrono::milliseconds(1000)});
+    host::Log().info("{}", outcome.Ok() ? "greeted the daemon" : "no daemon: " + outcome.text);
+}
+
+void GreetWith(host::Client *client) {
+    greeter = client;
+}
+
+} // namespace master
