@@ -122,7 +122,7 @@ void Decode(const DecodeOptions &options) {
     if (options.json) {
         std::cout << ToJson(*record).dump(2) << "\n";
     } else {
-        PrintRecord(std::cout, *record);
+        PrintRecord(std::cout, *record, View::kWire);
     }
 }
 

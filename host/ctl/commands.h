@@ -31,11 +31,24 @@ private:
 
 struct CallOptions {
     std::string method;
-    std::string request; // JSON, @FILE or -
-    std::string raw;     // file of a message that is sent as it is instead; empty for none
-    std::optional<uint32_t> agent;
-    std::chrono::milliseconds timeout{0}; // 0 for the runtime's default
+    std::string request;                   // JSON, @FILE or -
+    std::string raw;                       // file of a message that is sent as it is instead; empty for none
+    std::optional<uint32_t> pid;           // whose agent
+    std::chrono::milliseconds deadline{0}; // 0 for the runtime's default
+    uint32_t repeat = 0;                   // times to call and to measure; 0: once, and print the reply
+    bool oneway = false;
     bool json = false;
+};
+
+struct StatsOptions {
+    std::string service;         // empty for the daemon's
+    std::optional<uint32_t> pid; // whose agent instead
+    bool json = false;
+};
+
+struct TopOptions {
+    uint32_t frames = 0; // 0: one, or on a terminal until the user ends it
+    std::chrono::milliseconds delay{1000};
 };
 
 struct DecodeOptions {
@@ -55,6 +68,9 @@ struct EncodeOptions {
 void List(const std::string &service, bool json);
 void Describe(const std::string &name, bool json);
 void Call(const CallOptions &options);
+void ListServices(bool json);
+void Stats(const StatsOptions &options);
+void Top(const TopOptions &options);
 void Decode(const DecodeOptions &options);
 void Encode(const EncodeOptions &options);
 

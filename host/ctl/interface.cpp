@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "host/ctl/commands.h"
+#include "host/ctl/meaning.h"
 #include "host/ctl/print.h"
 
 namespace ctl {
@@ -54,18 +55,29 @@ Json TypeJson(const Type &type) {
     return json;
 }
 
+std::string MeaningText(const Meaning &meaning) {
+    const std::string label = meaning.label == nullptr ? "" : meaning.label, unit = NameOf(meaning.unit);
+    return label + (label.empty() || unit.empty() ? "" : ", ") + unit;
+}
+
+bool HasMeanings(const Type &type) {
+    return std::any_of(type.slots.begin(), type.slots.end(),
+                       [&type](const Slot &slot) { return !MeaningText(MeaningOf(type, slot)).empty(); });
+}
+
 void PrintType(const Type &type) {
     const std::string fixed = type.codec->fixedSize == nullptr
                                   ? "no fixed form"
                                   : fmt::format("fixed form {} bytes", type.codec->fixedSize());
     std::cout << fmt::format("{}  hash 0x{:08X}, record {} bytes, {}\n", type.name, type.hash, type.size, fixed);
     Columns columns;
-    columns.Add({"slot", "field", "kind", "at", "fixed", "count"});
+    columns.Add({"slot", "field", "kind", "at", "fixed", "count", HasMeanings(type) ? "meaning" : ""});
     for (size_t i = 0; i < type.slots.size(); ++i) {
         const Slot &slot = type.slots[i];
         const auto *const offsets = type.codec->fixedOffsets;
         columns.Add({std::to_string(i), slot.name, KindText(slot), std::to_string(slot.offset),
-                     offsets == nullptr ? "-" : std::to_string(offsets[i]), slot.count == nullptr ? "" : slot.count});
+                     offsets == nullptr ? "-" : std::to_string(offsets[i]), slot.count == nullptr ? "" : slot.count,
+                     MeaningText(MeaningOf(type, slot))});
     }
     if (type.slots.empty()) {
         std::cout << "  no fields\n";

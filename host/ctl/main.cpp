@@ -8,6 +8,7 @@
 #include <new>
 
 #include "host/ctl/commands.h"
+#include "host/ctl/completion.h"
 
 namespace {
 
@@ -21,23 +22,25 @@ constexpr char kFooter[] = R"(Exit codes:
   6  the message is refused: it is no well-formed message of its type)";
 
 // "500ms", "2s", "1m"; a bare number is of seconds.
-std::chrono::milliseconds ParseTimeout(const std::string &text) {
+std::chrono::milliseconds ParseTime(const char *option, const std::string &text) {
     constexpr uint64_t kMost = 3'600'000;
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const std::string unit = end;
     const uint64_t scale = unit == "ms" ? 1 : unit == "s" || unit.empty() ? 1000 : unit == "m" ? 60'000 : 0;
     if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
-        throw ctl::Failure(ctl::kUsage,
-                           fmt::format("--timeout: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", text));
+        throw ctl::Failure(
+            ctl::kUsage, fmt::format("{}: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", option, text));
     }
     return std::chrono::milliseconds(number * scale);
 }
 
 struct Arguments {
-    std::string service, name, timeout;
+    std::string service, name, deadline, delay, shell;
     bool json = false;
     ctl::CallOptions call;
+    ctl::StatsOptions stats;
+    ctl::TopOptions top;
     ctl::DecodeOptions decode;
     ctl::EncodeOptions encode;
 };
@@ -60,14 +63,39 @@ void AddCall(CLI::App &app, Arguments &arguments) {
     call->add_option("METHOD", arguments.call.method, "Method or Service.Method")->required();
     call->add_option("JSON", arguments.call.request, "The request: JSON, @FILE, or - for standard input");
     call->add_option("--raw", arguments.call.raw, "Send the message in this file as it is, well-formed or not");
-    call->add_option("--agent", arguments.call.agent, "The process whose agent is called");
-    call->add_option("--timeout", arguments.timeout, "How long to wait: 500ms, 2s, 1m; default 5s");
+    call->add_option("--pid", arguments.call.pid, "The process whose agent is called");
+    call->add_option("--deadline", arguments.deadline, "How long to wait: 500ms, 2s, 1m; default 5s");
+    call->add_flag("--oneway", arguments.call.oneway, "Send only: neither reply nor failure comes back");
+    call->add_option("--repeat", arguments.call.repeat, "Call so many times, and print how long that took")
+        ->check(CLI::Range(1U, 1'000'000'000U));
     call->add_flag("--json", arguments.call.json, "For programs");
     call->callback([&, call] {
-        if (call->count("--timeout") != 0) {
-            arguments.call.timeout = ParseTimeout(arguments.timeout);
+        if (call->count("--deadline") != 0) {
+            arguments.call.deadline = ParseTime("--deadline", arguments.deadline);
         }
         ctl::Call(arguments.call);
+    });
+}
+
+void AddStatus(CLI::App &app, Arguments &arguments) {
+    auto *const services = app.add_subcommand("services", "The servers of the run directory and how they are");
+    services->add_flag("--json", arguments.json, "For programs");
+    services->callback([&] { ctl::ListServices(arguments.json); });
+
+    auto *const stats = app.add_subcommand("stats", "What a server's methods cost, its limits and what it refused");
+    auto *const service = stats->add_option("SERVICE", arguments.stats.service, "Whose server; default the daemon");
+    stats->add_option("--pid", arguments.stats.pid, "The process whose agent is asked instead")->excludes(service);
+    stats->add_flag("--json", arguments.stats.json, "For programs");
+    stats->callback([&] { ctl::Stats(arguments.stats); });
+
+    auto *const top = app.add_subcommand("top", "The busiest processes and threads, again and again; q ends it");
+    top->add_option("-n", arguments.top.frames, "How often; default until q, or once when not on a terminal");
+    top->add_option("-d", arguments.delay, "Time between: 500ms, 2s, 1m; default 1s");
+    top->callback([&, top] {
+        if (top->count("-d") != 0) {
+            arguments.top.delay = ParseTime("-d", arguments.delay);
+        }
+        ctl::Top(arguments.top);
     });
 }
 
@@ -86,6 +114,12 @@ void AddCodec(CLI::App &app, Arguments &arguments) {
     encode->add_flag("--fixed", arguments.encode.fixed, "In the fixed form");
     encode->add_option("-o", arguments.encode.output, "File to write to");
     encode->callback([&] { ctl::Encode(arguments.encode); });
+}
+
+void AddCompletion(CLI::App &app, Arguments &arguments) {
+    auto *const completion = app.add_subcommand("completion", "Prints the completion script of a shell");
+    completion->add_option("SHELL_NAME", arguments.shell, "bash or zsh")->required();
+    completion->callback([&] { ctl::WriteCompletion(app, arguments.shell); });
 }
 
 // The parser itself would only say that a command is missing.
@@ -120,7 +154,9 @@ int main(int argc, char **argv) {
     Arguments arguments;
     AddList(app, arguments);
     AddCall(app, arguments);
+    AddStatus(app, arguments);
     AddCodec(app, arguments);
+    AddCompletion(app, arguments);
     try {
         RequireCommand(app, argc, argv);
         app.parse(argc, argv);

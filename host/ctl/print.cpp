@@ -1,6 +1,10 @@
 #include "host/ctl/print.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+
+#include "host/ctl/meaning.h"
 
 namespace ctl {
 
@@ -17,17 +21,28 @@ size_t Width(const std::string &text) {
         std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
 }
 
-bool IsNumber(const std::string &text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+// A number, perhaps with a unit: "4711", "-20", "12.5 %", "3.4 MiB".
+bool IsQuantity(const std::string &text) {
+    constexpr size_t kLongestUnit = 3;
+    const size_t end = std::min(text.find_first_not_of("0123456789.", text.starts_with('-') ? 1 : 0), text.size());
+    const size_t rest = text.size() - end;
+    return text.find_first_of("0123456789") < end &&
+           (rest == 0 ||
+            (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
 }
 
-// Values that take one line.
-bool IsFlat(const Slot &slot) {
-    return slot.table == nullptr;
+bool IsTime(const Type *type) {
+    return type != nullptr && std::string_view(type->name) == "Systime";
 }
 
-bool IsFlat(const Type &type) {
-    return std::all_of(type.slots.begin(), type.slots.end(), [](const Slot &slot) { return IsFlat(slot); });
+// "2026-02-03 04:05:06"; "-" for no time.
+std::string TimeText(const Json &time) {
+    const auto part = [&time](const char *name) { return time[name].get<uint32_t>(); };
+    if (part("usYear") == 0) {
+        return "-";
+    }
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", part("usYear"), part("ucMonth"), part("ucDay"),
+                       part("ucHour"), part("ucMinute"), part("ucSecond"));
 }
 
 std::string OneLine(const Json &value) {
@@ -66,54 +81,126 @@ void PrintLines(std::ostream &out, const std::string &text, size_t indent) {
     }
 }
 
-void PrintTable(std::ostream &out, const Type &type, const Json &json, size_t indent);
+// Prints in one view.
+class Printer {
+public:
+    Printer(std::ostream &out, View view) : out_(out), view_(view) {}
 
-void PrintElements(std::ostream &out, const Type &type, const Json &array, size_t indent) {
-    if (!IsFlat(type)) {
+    void Table(const Type &type, const Json &json, size_t indent) const;
+
+private:
+    bool IsFlat(const Slot &slot) const {
+        return slot.table == nullptr || (view_ == View::kMeaning && slot.kind == Kind::kTable && IsTime(slot.table));
+    }
+    std::string NameOf(const Type &type, const Slot &slot) const {
+        const char *const label = view_ == View::kMeaning ? MeaningOf(type, slot).label : nullptr;
+        return label == nullptr ? slot.name : label;
+    }
+    std::string TextOf(const Type &type, const Slot &slot, const Json &value) const;
+    bool FitsRows(const Type &type, const Json &array) const;
+    Json Filled(const Slot &slot, const Json &array) const;
+    void Elements(const Type &type, const Json &array, size_t indent) const;
+
+    std::ostream &out_;
+    const View view_;
+};
+
+std::string Printer::TextOf(const Type &type, const Slot &slot, const Json &value) const {
+    if (view_ == View::kWire) {
+        return OneLine(value);
+    }
+    if (IsTime(slot.table)) {
+        return TimeText(value);
+    }
+    const Unit unit = MeaningOf(type, slot).unit;
+    if (unit != Unit::kNone && value.is_number_unsigned()) {
+        return TextWithUnit(value.get<uint64_t>(), unit);
+    }
+    if (unit != Unit::kNone && value.is_array()) {
+        size_t count = value.size();
+        while (count > 0 && slot.kind == Kind::kArray64 && value[count - 1] == 0) { // it travels whole
+            --count;
+        }
+        std::string text;
+        for (size_t i = 0; i < count; ++i) {
+            text += (i == 0 ? "" : ", ") + TextWithUnit(value[i].get<uint64_t>(), unit);
+        }
+        return text.empty() ? "-" : text;
+    }
+    return OneLine(value);
+}
+
+// Whether each element takes one line.
+bool Printer::FitsRows(const Type &type, const Json &array) const {
+    return std::all_of(type.slots.begin(), type.slots.end(), [&](const Slot &slot) {
+        return IsFlat(slot) && (view_ == View::kWire || std::none_of(array.begin(), array.end(), [&](const Json &one) {
+                                    return HasLines(one[slot.name]);
+                                }));
+    });
+}
+
+// Of a run, which travels whole, the elements up to the last that holds anything.
+Json Printer::Filled(const Slot &slot, const Json &array) const {
+    Json filled = array;
+    if (view_ == View::kMeaning && slot.kind == Kind::kTableRun) {
+        const Json nothing = host::describe::ToJson(host::describe::Record(*slot.table));
+        while (!filled.empty() && filled.back() == nothing) {
+            filled.erase(filled.size() - 1);
+        }
+    }
+    return filled;
+}
+
+void Printer::Elements(const Type &type, const Json &array, size_t indent) const {
+    if (!FitsRows(type, array)) {
         for (size_t i = 0; i < array.size(); ++i) {
-            out << std::string(indent, ' ') << "[" << i << "]\n";
-            PrintTable(out, type, array[i], indent + 2);
+            out_ << std::string(indent, ' ') << "[" << i << "]\n";
+            Table(type, array[i], indent + 2);
         }
         return;
     }
     Columns columns;
     std::vector<std::string> head;
     for (const Slot &slot : type.slots) {
-        head.emplace_back(slot.name);
+        head.push_back(NameOf(type, slot));
     }
     columns.Add(std::move(head));
     for (const Json &element : array) {
         std::vector<std::string> row;
         for (const Slot &slot : type.slots) {
-            row.push_back(OneLine(element[slot.name]));
+            row.push_back(TextOf(type, slot, element[slot.name]));
         }
         columns.Add(std::move(row));
     }
-    columns.Print(out, indent);
+    columns.Print(out_, indent);
 }
 
-void PrintTable(std::ostream &out, const Type &type, const Json &json, size_t indent) {
+void Printer::Table(const Type &type, const Json &json, size_t indent) const {
     size_t width = 0;
     for (const Slot &slot : type.slots) {
-        width = std::max(width, strlen(slot.name));
+        width = std::max(width, NameOf(type, slot).size());
     }
     for (const Slot &slot : type.slots) {
         const Json &value = json[slot.name];
-        const std::string name = std::string(indent, ' ') + slot.name;
-        const std::string padding(width - strlen(slot.name) + 2, ' ');
-        if (slot.kind == Kind::kTable) {
-            out << name << "\n";
-            PrintTable(out, *slot.table, value, indent + 2);
-        } else if (!IsFlat(slot)) {
-            out << name << padding << value.size() << (value.size() == 1 ? " element\n" : " elements\n");
-            if (!value.empty()) {
-                PrintElements(out, *slot.table, value, indent + 2);
+        const std::string title = NameOf(type, slot);
+        const std::string name = std::string(indent, ' ') + title;
+        const std::string padding(width - title.size() + 2, ' ');
+        if (IsFlat(slot)) {
+            if (HasLines(value)) {
+                out_ << name << "\n";
+                PrintLines(out_, value.get_ref<const std::string &>(), indent + 2);
+            } else {
+                out_ << name << padding << TextOf(type, slot, value) << "\n";
             }
-        } else if (HasLines(value)) {
-            out << name << "\n";
-            PrintLines(out, value.get_ref<const std::string &>(), indent + 2);
+        } else if (slot.kind == Kind::kTable) {
+            out_ << name << "\n";
+            Table(*slot.table, value, indent + 2);
         } else {
-            out << name << padding << OneLine(value) << "\n";
+            const Json elements = Filled(slot, value);
+            out_ << name << padding << elements.size() << (elements.size() == 1 ? " element\n" : " elements\n");
+            if (!elements.empty()) {
+                Elements(*slot.table, elements, indent + 2);
+            }
         }
     }
 }
@@ -132,15 +219,15 @@ void Columns::Print(std::ostream &out, size_t indent) const {
         std::string line(indent, ' ');
         for (size_t i = 0; i < row.size(); ++i) {
             const std::string padding(widths[i] - Width(row[i]), ' ');
-            line += (i == 0 ? "" : "  ") + (IsNumber(row[i]) ? padding + row[i] : row[i] + padding);
+            line += (i == 0 ? "" : "  ") + (IsQuantity(row[i]) ? padding + row[i] : row[i] + padding);
         }
         line.erase(line.find_last_not_of(' ') + 1);
         out << line << "\n";
     }
 }
 
-void PrintRecord(std::ostream &out, const host::describe::Record &record) {
-    PrintTable(out, record.GetType(), host::describe::ToJson(record), 0);
+void PrintRecord(std::ostream &out, const host::describe::Record &record, View view) {
+    Printer(out, view).Table(record.GetType(), host::describe::ToJson(record), 0);
 }
 
 } // namespace ctl

@@ -17,7 +17,10 @@ private:
     std::vector<std::vector<std::string>> rows_;
 };
 
+// kWire shows members and numbers as they travel; kMeaning what they mean, with units and the names of processes.
+enum class View { kWire, kMeaning };
+
 // A field a line, nested tables indented, vectors of flat tables as a table of their own.
-void PrintRecord(std::ostream &out, const host::describe::Record &record);
+void PrintRecord(std::ostream &out, const host::describe::Record &record, View view);
 
 } // namespace ctl

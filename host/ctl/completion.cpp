@@ -1,0 +1,198 @@
+#include "host/ctl/completion.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <iostream>
+
+#include "host/ctl/commands.h"
+
+namespace ctl {
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+bool TakesValue(const CLI::Option &option) {
+    return option.get_items_expected_max() > 0;
+}
+
+// "--json" or "-o".
+Names Spellings(const CLI::Option &option) {
+    Names names;
+    for (const std::string &name : option.get_snames()) {
+        names.push_back("-" + name);
+    }
+    for (const std::string &name : option.get_lnames()) {
+        names.push_back("--" + name);
+    }
+    return names;
+}
+
+struct Command {
+    std::string name, description;
+    std::vector<const CLI::Option *> options, operands;
+
+    Names AllSpellings(bool onlyOfValues) const {
+        Names all;
+        for (const CLI::Option *option : options) {
+            if (!onlyOfValues || TakesValue(*option)) {
+                const Names names = Spellings(*option);
+                all.insert(all.end(), names.begin(), names.end());
+            }
+        }
+        return all;
+    }
+    Names OperandNames() const {
+        Names names;
+        for (const CLI::Option *operand : operands) {
+            names.push_back(operand->get_single_name());
+        }
+        return names;
+    }
+};
+
+std::vector<Command> CommandsOf(const CLI::App &app) {
+    std::vector<Command> commands;
+    for (const CLI::App *from : app.get_subcommands(nullptr)) {
+        Command command{from->get_name(), from->get_description(), {}, {}};
+        for (const CLI::Option *option : from->get_options()) {
+            (option->get_positional() ? command.operands : command.options).push_back(option);
+        }
+        commands.push_back(std::move(command));
+    }
+    return commands;
+}
+
+Names MethodNames() {
+    Names names;
+    for (const auto &method : host::describe::Methods()) {
+        names.emplace_back(method.name);
+    }
+    return names;
+}
+
+Names TypeNames() {
+    Names names;
+    for (const auto &type : host::describe::Types()) {
+        names.emplace_back(type.name);
+    }
+    return names;
+}
+
+// What both shells call the names by: NAME is an operand that takes a method or a type.
+std::string Words() {
+    return fmt::format("    local SERVICE='{}'\n    local METHOD='{}'\n    local TYPE='{}'\n"
+                       "    local NAME=\"$METHOD $TYPE\" SHELL_NAME='bash zsh'\n",
+                       fmt::join(host::describe::Services(), " "), fmt::join(MethodNames(), " "),
+                       fmt::join(TypeNames(), " "));
+}
+
+constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' at=0 i
+    if ((COMP_CWORD == 1)); then
+        kind=COMMAND
+    elif [[ $valued == *" ${COMP_WORDS[COMP_CWORD - 1]} "* ]]; then
+        kind=${COMP_WORDS[COMP_CWORD - 1]}
+    elif [[ $word == -* ]]; then
+        kind=OPTION
+    else
+        for ((i = 2; i < COMP_CWORD; i++)); do
+            if [[ $valued == *" ${COMP_WORDS[i]} "* ]]; then
+                ((i++))
+            elif [[ ${COMP_WORDS[i]} != -* ]]; then
+                ((at++))
+            fi
+        done
+        kind=${operands[at]:-}
+    fi
+    case $kind in
+    COMMAND | OPTION | SERVICE | METHOD | TYPE | NAME | SHELL_NAME) COMPREPLY=($(compgen -W "${!kind}" -- "$word")) ;;
+    --pid) COMPREPLY=($(compgen -W "$(_tarnctl_pids)" -- "$word")) ;;
+    FILE | -o | --raw) COMPREPLY=($(compgen -f -- "$word")) ;;
+    JSON) [[ $word != @* ]] || COMPREPLY=($(compgen -P @ -f -- "${word#@}")) ;;
+    esac
+}
+complete -F _tarnctl tarnctl
+)bash";
+
+// The processes with an agent.
+constexpr char kPids[] = R"bash(_tarnctl_pids() {
+    ls "${TARN_RUN_DIR:-/run/tarn}" 2>/dev/null | sed -n 's/^agent-\([0-9]*\)\.sock$/\1/p'
+}
+)bash";
+
+void WriteBash(const std::vector<Command> &commands) {
+    Names names;
+    for (const Command &command : commands) {
+        names.push_back(command.name);
+    }
+    std::cout << "# bash completion of tarnctl, as \"tarnctl completion bash\" writes it\n"
+              << kPids << "_tarnctl() {\n";
+    std::cout << Words()
+              << fmt::format("    local COMMAND='{}' OPTION='' valued='' operands=()\n", fmt::join(names, " "));
+    std::cout << "    case ${COMP_WORDS[1]} in\n";
+    for (const Command &command : commands) {
+        std::cout << fmt::format("    {}) OPTION='{}' valued=' {} ' operands=({}) ;;\n", command.name,
+                                 fmt::join(command.AllSpellings(false), " "),
+                                 fmt::join(command.AllSpellings(true), " "), fmt::join(command.OperandNames(), " "));
+    }
+    std::cout << "    esac\n" << kBashEnd;
+}
+
+// Within single quotes, and within the brackets of a zsh specification.
+std::string Quoted(const std::string &text) {
+    std::string quoted;
+    for (const char character : text) {
+        quoted += character == '\'' ? "'\\''" : character == ']' ? "\\]" : std::string(1, character);
+    }
+    return quoted;
+}
+
+// What zsh completes a value or an operand with.
+std::string ZshAction(const std::string &name) {
+    if (name == "--pid") {
+        return "($(_tarnctl_pids))";
+    }
+    if (name == "--raw" || name == "-o" || name == "FILE") {
+        return "_files";
+    }
+    return name.starts_with('-') || name == "JSON" ? " " : "($" + name + ")";
+}
+
+void WriteZsh(const std::vector<Command> &commands) {
+    std::cout << "#compdef tarnctl\n# zsh completion of tarnctl, as \"tarnctl completion zsh\" writes it\n"
+              << kPids << "_tarnctl() {\n"
+              << Words() << "    local -a commands=(\n";
+    for (const Command &command : commands) {
+        std::cout << fmt::format("        '{}:{}'\n", command.name, Quoted(command.description));
+    }
+    std::cout << "    )\n    if ((CURRENT == 2)); then\n        _describe command commands\n        return\n    fi\n"
+                 "    local command=$words[2]\n    shift words\n    ((CURRENT--))\n    case $command in\n";
+    for (const Command &command : commands) {
+        std::cout << "    " << command.name << ")\n        _arguments";
+        for (const CLI::Option *option : command.options) {
+            for (const std::string &name : Spellings(*option)) {
+                const std::string value = TakesValue(*option) ? fmt::format("\":value:{}\"", ZshAction(name)) : "";
+                std::cout << fmt::format(" \\\n            '{}[{}]'{}", name, Quoted(option->get_description()), value);
+            }
+        }
+        for (const std::string &name : command.OperandNames()) {
+            std::cout << fmt::format(" \\\n            \":{}:{}\"", name, ZshAction(name));
+        }
+        std::cout << "\n        ;;\n";
+    }
+    std::cout
+        << "    esac\n}\n"
+           "if [[ $funcstack[1] == _tarnctl ]]; then\n    _tarnctl \"$@\"\nelse\n    compdef _tarnctl tarnctl\nfi\n";
+}
+
+} // namespace
+
+void WriteCompletion(const CLI::App &app, const std::string &shell) {
+    if (shell != "bash" && shell != "zsh") {
+        throw Failure(kUsage, fmt::format("found {}, expected a shell: bash, zsh", shell));
+    }
+    shell == "bash" ? WriteBash(CommandsOf(app)) : WriteZsh(CommandsOf(app));
+}
+
+} // namespace ctl

@@ -1,0 +1,149 @@
+// services and stats: what the servers of the run directory say of themselves.
+#include "host/runtime/status.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <iostream>
+
+#include "host/ctl/outcome.h"
+#include "host/ctl/print.h"
+#include "host/ctl/units.h"
+#include "host/runtime/directory.h"
+
+namespace ctl {
+
+using namespace host::describe;
+
+namespace {
+
+constexpr std::string_view kAgentService = "TarnSysdiagAgent";
+
+struct Socket {
+    std::string service;
+    uint32_t pid; // whose agent, else 0
+};
+
+// "TarnSysdiagTarnd.sock", "agent-4711.sock"; other files of the directory are none of ours.
+std::optional<Socket> SocketOf(const std::filesystem::path &file) {
+    if (file.extension() != ".sock") {
+        return {};
+    }
+    const std::string name = file.stem();
+    if (!name.starts_with("agent-")) {
+        return Socket{name, 0};
+    }
+    uint32_t pid = 0;
+    const auto [end, error] = std::from_chars(name.data() + strlen("agent-"), name.data() + name.size(), pid);
+    return error == std::errc() && *end == '\0' ? std::optional(Socket{std::string(kAgentService), pid}) : std::nullopt;
+}
+
+std::vector<Socket> FindSockets() {
+    const std::filesystem::path runDir = host::Directory().RunDir();
+    std::vector<Socket> sockets;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator(runDir, error)) {
+        if (const auto socket = SocketOf(entry.path())) {
+            sockets.push_back(*socket);
+        }
+    }
+    if (error) {
+        throw Failure(kConnection, fmt::format("{}: cannot look for services: {}", runDir.string(), error.message()));
+    }
+    std::sort(sockets.begin(), sockets.end(), [](const Socket &left, const Socket &right) {
+        return std::tie(left.service, left.pid) < std::tie(right.service, right.pid);
+    });
+    return sockets;
+}
+
+void PrintHealth(const host::ServerHealth &health) {
+    std::cout << fmt::format("process {}, {} for {}, {} of {} workers busy, {} connections, {} requests under way\n",
+                             PidText(health.pid), health.state, DurationText(health.uptime), health.busy,
+                             health.workers, health.connections, health.requests);
+}
+
+void PrintValues(const char *title, const std::vector<host::NamedValue> &values) {
+    std::cout << "\n" << title << "\n";
+    Columns columns;
+    for (const host::NamedValue &value : values) {
+        columns.Add({value.name, std::to_string(value.value), value.meaning});
+    }
+    columns.Print(std::cout, 2);
+}
+
+// Methods that nobody has called say nothing.
+void PrintMethods(const host::ServiceStatus &service) {
+    Columns columns;
+    columns.Add({"method", "calls", "errors", "cancelled", "p50", "p99", "max"});
+    size_t called = 0;
+    for (const host::MethodStatus &method : service.methods) {
+        if (method.calls != 0) {
+            ++called;
+            columns.Add({method.name, std::to_string(method.calls), std::to_string(method.errors),
+                         std::to_string(method.cancelled), DurationText(method.p50), DurationText(method.p99),
+                         DurationText(method.max)});
+        }
+    }
+    std::cout << fmt::format("\n{}: {} of {} methods called\n", service.name, called, service.methods.size());
+    if (called != 0) {
+        columns.Print(std::cout, 2);
+    }
+}
+
+} // namespace
+
+void ListServices(bool json) {
+    host::Client client;
+    Columns columns;
+    columns.Add({"service", "process", "state", "uptime", "workers", "busy", "connections", "requests"});
+    Json all = Json::array();
+    const std::vector<Socket> sockets = FindSockets();
+    for (const Socket &socket : sockets) {
+        host::ServerHealth health;
+        const host::CallOutcome outcome = AskHealth(client, socket.service, socket.pid, health);
+        Json entry{{"service", socket.service}, {"agentOf", socket.pid}};
+        if (outcome.Ok()) {
+            columns.Add({socket.service, PidText(health.pid), health.state, DurationText(health.uptime),
+                         std::to_string(health.workers), std::to_string(health.busy),
+                         std::to_string(health.connections), std::to_string(health.requests)});
+            entry["health"] = Json::parse(host::ToJson(health));
+        } else {
+            columns.Add({socket.service, socket.pid == 0 ? "-" : PidText(socket.pid), "no answer: " + outcome.text});
+            entry["error"] = outcome.text;
+        }
+        all.push_back(std::move(entry));
+    }
+    if (json) {
+        std::cout << all.dump(2) << "\n";
+    } else if (sockets.empty()) {
+        std::cout << "no services in " << host::Directory().RunDir().string() << "\n";
+    } else {
+        columns.Print(std::cout, 0);
+    }
+}
+
+void Stats(const StatsOptions &options) {
+    const std::string service = options.pid               ? std::string(kAgentService)
+                                : options.service.empty() ? "TarnSysdiagTarnd"
+                                                          : options.service;
+    host::Client client;
+    host::ServerStatus status;
+    const host::CallOutcome outcome = AskStatus(client, service, options.pid.value_or(0), status);
+    if (!outcome.Ok()) {
+        throw FailureOf(host::kRuntimeService, "Status", outcome);
+    }
+    if (options.json) {
+        std::cout << Json::parse(host::ToJson(status)).dump(2) << "\n";
+        return;
+    }
+    PrintHealth(status.health);
+    for (const host::ServiceStatus &served : status.services) {
+        PrintMethods(served);
+    }
+    PrintValues("refused or cut off", status.refused);
+    PrintValues("limits", status.limits);
+}
+
+} // namespace ctl

@@ -1,0 +1,181 @@
+// top: the busiest processes and threads again and again, as the daemon sees them.
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <iostream>
+#include <sstream>
+
+#include "host/ctl/outcome.h"
+#include "host/ctl/print.h"
+#include "host/ctl/units.h"
+
+namespace ctl {
+
+using namespace host::describe;
+
+namespace {
+
+constexpr std::string_view kService = "TarnSysdiagTarnd";
+constexpr size_t kBatchRows = 15; // of each table, where no terminal says how much room there is
+
+// The keys, read one by one and not shown, and the screen as it was when the end comes.
+class Terminal {
+public:
+    Terminal() {
+        tcgetattr(STDIN_FILENO, &before_);
+        termios raw = before_;
+        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        std::signal(SIGINT, Interrupt);
+        std::signal(SIGTERM, Interrupt);
+        std::cout << "\033[?1049h\033[?25l"; // another screen, without a cursor
+    }
+    ~Terminal() {
+        std::cout << "\033[?25h\033[?1049l" << std::flush;
+        tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    static winsize Size() {
+        winsize size{24, 80, 0, 0};
+        ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+        return size;
+    }
+
+    // False when the user wants no more.
+    static bool Wait(std::chrono::milliseconds time) {
+        pollfd keys{STDIN_FILENO, POLLIN, 0};
+        char key = 0;
+        if (poll(&keys, 1, static_cast<int>(time.count())) > 0 && read(STDIN_FILENO, &key, 1) <= 0) {
+            return false;
+        }
+        return key != 'q' && interrupted_ == 0;
+    }
+
+private:
+    static void Interrupt(int) { interrupted_ = 1; }
+    static inline volatile std::sig_atomic_t interrupted_ = 0;
+    termios before_{};
+};
+
+Json Ask(host::Client &client, const char *name, const Json &request = Json::object()) {
+    const Method &method = RequireMethod(name);
+    const auto message = Encode(FromJson(*method.request, request));
+    const host::CallOutcome outcome = client.Call(kService, 0, name, method.request->hash, message);
+    if (!outcome.Ok()) {
+        throw FailureOf(kService, name, outcome);
+    }
+    const auto record = Decode(*method.response, outcome.bytes);
+    if (!record) {
+        throw Failure(kRefused, fmt::format("{}: the reply is refused", name));
+    }
+    return ToJson(*record);
+}
+
+uint64_t Number(const Json &record, const char *member) {
+    return record[member].get<uint64_t>();
+}
+
+std::string Text(const Json &record, const char *member) {
+    const Json &value = record[member];
+    return value.is_string() ? value.get<std::string>() : "?"; // bytes that are no text
+}
+
+void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
+    const Json &all = cpus["pstCpu"].at(0);
+    out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
+                       PermilleText(Number(all, "uiValue1")), PermilleText(Number(all, "uiValue2")),
+                       PermilleText(Number(all, "uiValue3")), PermilleText(Number(all, "uiValue4")),
+                       PermilleText(Number(memory, "uiValue1")), SizeText(Number(memory, "uiValue4") * 1024));
+    std::string line;
+    for (size_t i = 1; i < cpus["pstCpu"].size(); ++i) {
+        const Json &cpu = cpus["pstCpu"][i];
+        line += fmt::format("{}{} {}", i == 1 ? "" : "  ", Text(cpu, "acName"), PermilleText(Number(cpu, "uiValue1")));
+    }
+    out << line << "\n";
+}
+
+void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
+    std::stable_sort(processes.begin(), processes.end(), [](const Json &left, const Json &right) {
+        return Number(left, "uiValue1") > Number(right, "uiValue1");
+    });
+    Columns columns;
+    columns.Add({"PROCESS", "CPU", "HIGHEST", "CPU TIME", "RESIDENT", "THREADS", "STATE", "USER", "NAME"});
+    for (size_t i = 0; i < std::min(rows, processes.size()); ++i) {
+        const Json &process = processes[i];
+        const std::chrono::milliseconds time(Number(process, "uiValue3") + Number(process, "uiValue4"));
+        columns.Add({std::to_string(Number(process, "uiPid")), PermilleText(Number(process, "uiValue1")),
+                     PermilleText(Number(process, "uiValue2")), DurationText(time),
+                     SizeText(Number(process, "uiValue14") * 1024), std::to_string(Number(process, "uiValue7")),
+                     Text(process, "acValue5"), Text(process, "acValue10"), Text(process, "acName")});
+    }
+    out << fmt::format("\n{} processes\n", processes.size());
+    columns.Print(out, 0);
+}
+
+void PrintThreads(std::ostream &out, const Json &threads) {
+    Columns columns;
+    columns.Add({"THREAD", "CPU", "ON", "CPU TIME", "NAME", "OF PROCESS"});
+    for (const Json &thread : threads) {
+        const std::chrono::microseconds time(Number(thread, "ullValue4"));
+        columns.Add({std::to_string(Number(thread, "uiTid")), PermilleText(Number(thread, "usValue1")),
+                     std::to_string(Number(thread, "ucValue3")), DurationText(time), Text(thread, "acName"),
+                     fmt::format("{} ({})", Number(thread, "uiValue6"), Text(thread, "acValue7"))});
+    }
+    out << "\nbusiest threads\n";
+    columns.Print(out, 0);
+}
+
+// `rows` of each table.
+std::string Frame(host::Client &client, size_t rows) {
+    std::ostringstream out;
+    PrintCpus(out, Ask(client, "MultiCpuUsageQuery"), Ask(client, "GetKpiMemoryInfo"));
+    PrintProcesses(out, Ask(client, "SysCpuStatInfoQuery")["pstProc"], rows);
+    PrintThreads(out, Ask(client, "CalculateAllThreadCpuUse", {{"uiValue2", rows}})["pstThread"]);
+    return out.str();
+}
+
+// Cut to the screen, each line cleared behind its end, so that nothing flickers.
+void Show(const std::string &frame, const winsize &size) {
+    std::istringstream in(frame);
+    std::string screen = "\033[H", line;
+    for (unsigned row = 1; row < size.ws_row && std::getline(in, line); ++row) {
+        screen += line.substr(0, size.ws_col) + "\033[K\n";
+    }
+    std::cout << screen << "\033[J"
+              << "q ends" << std::flush;
+}
+
+} // namespace
+
+void Top(const TopOptions &options) {
+    host::Client client;
+    if (isatty(STDOUT_FILENO) == 0 || isatty(STDIN_FILENO) == 0) {
+        const uint32_t frames = options.frames == 0 ? 1 : options.frames;
+        for (uint32_t i = 0; i < frames; ++i) {
+            if (i != 0) {
+                usleep(static_cast<useconds_t>(options.delay.count()) * 1000);
+            }
+            std::cout << (i == 0 ? "" : "\n") << Frame(client, kBatchRows) << std::flush;
+        }
+        return;
+    }
+    const std::string first = Frame(client, kBatchRows); // fails before the screen is taken
+    const Terminal terminal;
+    for (uint32_t i = 0; options.frames == 0 || i < options.frames; ++i) {
+        const winsize size = Terminal::Size();
+        constexpr int kOtherLines = 9;
+        Show(Frame(client, static_cast<size_t>(std::max(2, (size.ws_row - kOtherLines) / 2))), size);
+        if (!Terminal::Wait(options.delay)) {
+            break;
+        }
+    }
+}
+
+} // namespace ctl
