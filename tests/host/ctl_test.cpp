@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "host/ctl/meaning.h"
 #include "host/describe/json.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
@@ -18,6 +19,8 @@ std::string Slurp(const std::filesystem::path &file) {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
+
+constexpr char kCommands[] = "list, describe, call, services, stats, top, decode, encode, completion";
 
 class Ctl : public testing::Test {
 protected:
@@ -78,6 +81,18 @@ TEST_F(Ctl, DescribesTypesAndMethods) {
     EXPECT_EQ(json["types"][0]["fixedSize"], 16);
 }
 
+TEST_F(Ctl, KnowsOnlyMeaningsOfMembersThatThereAre) {
+    for (const ctl::MemberMeaning &known : ctl::KnownMeanings()) {
+        const Type *const type = FindType(known.type);
+        ASSERT_NE(type, nullptr) << known.type;
+        EXPECT_TRUE(std::any_of(type->slots.begin(), type->slots.end(),
+                                [&](const Slot &slot) { return std::string_view(slot.name) == known.member; }))
+            << known.type << "." << known.member;
+    }
+    ASSERT_EQ(Run("describe MultiCpuUsage"), 0);
+    EXPECT_NE(out_.find("busy, permille\n"), std::string::npos) << out_;
+}
+
 TEST_F(Ctl, EncodesAndDecodes) {
     ASSERT_EQ(Run("encode Result '{\"uiResult\":7}'"), 0);
     const std::string message = out_;
@@ -130,8 +145,8 @@ TEST_F(Ctl, RefusesInOneLineWithoutBeingAsked) {
 }
 
 TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
-    ExpectFailure(2, "", "found nothing, expected a command: list, describe, call, decode, encode");
-    ExpectFailure(2, "lst", "found lst, expected a command: list, describe, call, decode, encode");
+    ExpectFailure(2, "", std::string("found nothing, expected a command: ") + kCommands);
+    ExpectFailure(2, "lst", std::string("found lst, expected a command: ") + kCommands);
     ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr: no such service; did you mean TarnSysdiagMaster?");
     ExpectFailure(2, "describe DstWek", "DstWek: no such method or type; did you mean DstWeek?");
     ExpectFailure(2, "decode Resul -", "Resul: no such type; did you mean Result?");
@@ -144,21 +159,70 @@ TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
     EXPECT_EQ(Run("list --nonsense"), 2);
 }
 
+// What bash would offer for the last of some words.
+constexpr char kComplete[] = R"bash(
+complete() { :; }
+. ./tarnctl.bash
+COMP_WORDS=("$@")
+COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+_tarnctl
+printf '%s\n' "${COMPREPLY[@]}"
+)bash";
+
+TEST_F(Ctl, BashCompletesFromTheDescriptions) {
+    ASSERT_EQ(Run("completion bash"), 0) << error_;
+    std::ofstream(dir_ / "tarnctl.bash") << out_;
+    std::ofstream(dir_ / "complete.sh") << kComplete;
+    std::ofstream(dir_ / "agent-4711.sock");
+    const auto offer = [&](const std::string &words) {
+        const std::string command =
+            "cd " + dir_.string() + " && TARN_RUN_DIR=. bash complete.sh tarnctl " + words + " >offer";
+        EXPECT_EQ(std::system(command.c_str()), 0) << words;
+        return Slurp(dir_ / "offer");
+    };
+    EXPECT_EQ(offer("de"), "describe\ndecode\n");
+    EXPECT_EQ(offer("call PidIs"), "PidIsOnline\n");
+    EXPECT_EQ(offer("call --pid 47"), "4711\n");
+    EXPECT_EQ(offer("call --pid 4711 --json ClearMsgCtrlRuleT"), "ClearMsgCtrlRuleTarnd\n");
+    EXPECT_EQ(offer("call PidIsOnline @complete"), "@complete.sh\n");
+    EXPECT_EQ(offer("decode DstWe"), "DstWeek\n");
+    EXPECT_EQ(offer("decode DstWeek comp"), "complete.sh\n");
+    EXPECT_EQ(offer("list TarnSysdiagM"), "TarnSysdiagMaster\n");
+    EXPECT_EQ(offer("call --one"), "--oneway\n");
+    EXPECT_EQ(offer("completion z"), "zsh\n");
+    EXPECT_EQ(offer("nonsense "), "\n");
+}
+
+TEST_F(Ctl, ZshTakesItsCompletion) {
+    ASSERT_EQ(Run("completion zsh"), 0) << error_;
+    std::ofstream(dir_ / "_tarnctl") << out_;
+    EXPECT_NE(out_.find("'call:Calls a method and prints its reply'"), std::string::npos);
+    EXPECT_EQ(std::system(("zsh -n " + (dir_ / "_tarnctl").string()).c_str()), 0);
+    ExpectFailure(2, "completion tcsh", "found tcsh, expected a shell: bash, zsh");
+}
+
 TEST_F(Ctl, CallChecksItsArgumentsFirst) {
     ExpectFailure(2, "call PidIsOnlin", "PidIsOnlin: no such method; did you mean PidIsOnline?");
     ExpectFailure(2, "call PidIsOnline '{\"uiPdi\":1}'",
                   "PidIsOnlineInput: uiPdi: PidIsOnlineInput has no such field; did you mean uiPid?");
-    ExpectFailure(2, "call ClearMsgCtrlRule", "ClearMsgCtrlRule is a method of TarnSysdiagAgent: expected --agent PID");
-    ExpectFailure(2, "call PidIsOnline --agent 1",
-                  "--agent is for methods of TarnSysdiagAgent; PidIsOnline is one of TarnSysdiagTarnd");
-    for (const char *timeout : {"0", "x", "5h", "-1s", "61m", "18446744073709551616ms", ""}) {
-        EXPECT_EQ(Run(std::string("call PidIsOnline --timeout '") + timeout + "'"), 2) << timeout;
+    ExpectFailure(2, "call ClearMsgCtrlRule", "ClearMsgCtrlRule is a method of TarnSysdiagAgent: expected --pid PID");
+    ExpectFailure(2, "call PidIsOnline --pid 1",
+                  "--pid is for methods of TarnSysdiagAgent; PidIsOnline is one of TarnSysdiagTarnd");
+    for (const char *deadline : {"0", "x", "5h", "-1s", "61m", "18446744073709551616ms", ""}) {
+        EXPECT_EQ(Run(std::string("call PidIsOnline --deadline '") + deadline + "'"), 2) << deadline;
     }
 }
 
+TEST_F(Ctl, NoServicesIsNoFailure) {
+    EXPECT_EQ(Run("services"), 0);
+    EXPECT_EQ(out_, "no services in " + dir_.string() + "\n");
+    EXPECT_EQ(Run("services --json"), 0);
+    EXPECT_EQ(out_, "[]\n");
+}
+
 TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
-    EXPECT_EQ(Run("call PidIsOnline --timeout 500ms"), 3);
-    EXPECT_EQ(Run("call ClearMsgCtrlRule --agent 1"), 3);
+    EXPECT_EQ(Run("call PidIsOnline --deadline 500ms"), 3);
+    EXPECT_EQ(Run("call ClearMsgCtrlRule --pid 1"), 3);
     EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1) << error_;
 }
 
@@ -236,6 +300,82 @@ TEST_F(CtlCall, PrintsTheReply) {
     EXPECT_EQ(error_, "");
 }
 
+TEST_F(CtlCall, TakesTheRequestFromAFileOrStandardInput) {
+    std::ofstream(dir_ / "request.json") << R"({"uiPid": 8})";
+    EXPECT_EQ(Run("call PidIsOnline @request.json --json"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_)["uiPid"], 8);
+    EXPECT_EQ(Run("call PidIsOnline - --json", R"({"uiPid": 9})"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_)["uiPid"], 9);
+    ExpectFailure(1, "call PidIsOnline @nothing", "nothing: cannot read: No such file or directory");
+}
+
+TEST_F(CtlCall, RepeatsAndMeasures) {
+    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": 7}' --repeat 25"), 0) << error_;
+    EXPECT_TRUE(out_.starts_with("PidIsOnline: 25 calls, 0 failed, ")) << out_;
+    EXPECT_EQ(Run("call PidIsOnline --repeat 25 --json"), 0) << error_;
+    const auto json = Json::parse(out_);
+    EXPECT_EQ(json["calls"], 25);
+    EXPECT_EQ(json["failures"], Json::array());
+    EXPECT_GT(json["latencyMs"]["p50"], 0.0);
+    EXPECT_LE(json["latencyMs"]["p50"], json["latencyMs"]["p99"]);
+    EXPECT_LE(json["latencyMs"]["p99"], json["latencyMs"]["max"]);
+    EXPECT_EQ(Run("call PidIsOnline --repeat 0"), 2);
+}
+
+TEST_F(CtlCall, CountsTheFailuresOfRepeatedCalls) {
+    EXPECT_EQ(Run("call GetProcStatByPid --repeat 3"), 5);
+    EXPECT_TRUE(out_.ends_with("3 x TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)\n")) << out_;
+    EXPECT_EQ(error_, "tarnctl: 3 of 3 calls failed\n");
+    EXPECT_EQ(Run("call GetProcStatByPid --repeat 3 --json"), 5);
+    EXPECT_EQ(Json::parse(out_)["failures"][0]["count"], 3);
+}
+
+TEST_F(CtlCall, SendsOneWay) {
+    EXPECT_EQ(Run("call GetProcStatByPid --oneway"), 0) << error_; // its failure does not come back
+    EXPECT_EQ(out_, "GetProcStatByPid: sent one way\n");
+    EXPECT_EQ(Run("call GetProcStatByPid --oneway --json"), 0) << error_;
+    EXPECT_EQ(out_, "null\n");
+    EXPECT_EQ(Run("call GetProcStatByPid --oneway --repeat 5"), 0) << error_;
+    EXPECT_TRUE(out_.starts_with("GetProcStatByPid: 5 calls, 0 failed, ")) << out_;
+}
+
+TEST_F(CtlCall, ShowsProcessesByName) {
+    const std::string self = std::to_string(getpid());
+    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": " + self + "}'"), 0) << error_;
+    EXPECT_EQ(out_, "uiPid       " + self + " (ctl_test)\nucIsOnline  0\n");
+}
+
+TEST_F(CtlCall, ShowsWhatTheServerCounted) {
+    EXPECT_EQ(Run("call PidIsOnline --repeat 7"), 0) << error_;
+    EXPECT_EQ(Run("call GetProcStatByPid"), 5);
+    ASSERT_EQ(Run("stats --json"), 0) << error_;
+    const auto methods = Json::parse(out_)["services"][0]["methods"];
+    EXPECT_EQ(methods[0]["name"], "PidIsOnline");
+    EXPECT_EQ(methods[0]["calls"], 7);
+    EXPECT_EQ(methods[2]["errors"], 1);
+    ASSERT_EQ(Run("stats TarnSysdiagTarnd"), 0) << error_;
+    EXPECT_TRUE(out_.starts_with("process " + std::to_string(getpid()) + " (ctl_test), serving for ")) << out_;
+    EXPECT_NE(out_.find("\n  PidIsOnline           7       0"), std::string::npos) << out_;
+    EXPECT_NE(out_.find("\nlimits\n"), std::string::npos) << out_;
+    EXPECT_EQ(Run("stats TarnSysdiagMaster"), 3);
+    EXPECT_EQ(Run("stats TarnSysdiagTarnd --pid 1"), 2);
+}
+
+TEST_F(CtlCall, ListsTheServers) {
+    std::ofstream(dir_ / "agent-4294967295.sock"); // nobody listens there
+    std::ofstream(dir_ / "agent-x.sock");
+    std::ofstream(dir_ / "notes");
+    ASSERT_EQ(Run("services --json"), 0) << error_;
+    const auto services = Json::parse(out_);
+    ASSERT_EQ(services.size(), 2u) << out_;
+    EXPECT_EQ(services[0]["agentOf"], 4294967295);
+    EXPECT_TRUE(services[0].contains("error"));
+    EXPECT_EQ(services[1]["service"], "TarnSysdiagTarnd");
+    EXPECT_EQ(services[1]["health"]["pid"], getpid());
+    ASSERT_EQ(Run("services"), 0) << error_;
+    EXPECT_NE(out_.find("TarnSysdiagTarnd  " + std::to_string(getpid()) + " (ctl_test)"), std::string::npos) << out_;
+}
+
 TEST_F(CtlCall, TellsRemoteFailures) {
     ExpectFailure(5, "call GetProcStatByPid", "TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)");
     EXPECT_EQ(Run("call GetTaskInfo"), 5);
@@ -243,7 +383,7 @@ TEST_F(CtlCall, TellsRemoteFailures) {
 }
 
 TEST_F(CtlCall, TellsTheDeadline) {
-    EXPECT_EQ(Run("call SetTimezone --timeout 200ms"), 4);
+    EXPECT_EQ(Run("call SetTimezone --deadline 200ms"), 4);
     EXPECT_NE(error_.find("error 110"), std::string::npos) << error_;
 }
 

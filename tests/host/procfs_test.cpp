@@ -30,12 +30,16 @@ TEST(Procfs, ReadsAStatLine) {
     EXPECT_EQ(task.id, 4711);
     EXPECT_EQ(task.name, "name");
     EXPECT_EQ(task.state, 'S');
+    EXPECT_EQ(task.parent, 1);
+    EXPECT_EQ(task.session, 3);
+    EXPECT_FALSE(task.ofKernel);
     EXPECT_EQ(task.userTicks, 700);
     EXPECT_EQ(task.systemTicks, 30);
     EXPECT_EQ(task.CpuTicks(), 730);
     EXPECT_EQ(task.nice, -5);
     EXPECT_EQ(task.threadNum, 4);
     EXPECT_EQ(task.startTicks, 254936);
+    EXPECT_EQ(task.residentKb, 390 * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024);
     EXPECT_EQ(task.lastCpu, 6);
     EXPECT_EQ(task.realTimePriority, 50);
     EXPECT_EQ(task.policy, 1);

@@ -87,24 +87,10 @@ namespace {
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
 #include "client/agent_methods.h"
 
-#define TARN_METHOD TARN_WRAPPER
-#define TARN_METHOD_NO_REPLY TARN_WRAPPER_NO_REPLY
-#include "client/agent_methods.h"
-
-const IdlInterfaceEntry intf_tbl_TarnSysdiagAgent[] = {
-    TARN_RESERVED_INTERFACE_ENTRY,
-#define TARN_METHOD TARN_INTERFACE_ENTRY
-#define TARN_METHOD_NO_REPLY TARN_INTERFACE_ENTRY_NO_REPLY
-#include "client/agent_methods.h"
-};
-
-const IdlMessageEntry msgdesc_tbl_TarnSysdiagAgent[] = {
-    TARN_RESERVED_MESSAGE_ENTRY,
-#define TARN_METHOD TARN_MESSAGE_ENTRIES
-#define TARN_METHOD_NO_REPLY TARN_MESSAGE_ENTRIES_NO_REPLY
-#include "client/agent_methods.h"
-};
+#define TARN_SERVICE TarnSysdiagAgent
+#define TARN_METHODS "client/agent_methods.h"
+#include "server/tables.inc"
 
 } // namespace
 
-const IdlModuleSpec served_module_spec_TarnSysdiagAgent = TARN_MODULE_SPEC(TarnSysdiagAgent);
+const IdlModuleSpec &served_module_spec_TarnSysdiagAgent = __module_spec_TarnSysdiagAgent;

@@ -10,7 +10,7 @@
 #include "platform/rpc.h"
 
 // The agent's skeleton, in this process; the daemon's is the library's.
-extern "C" const IdlModuleSpec served_module_spec_TarnSysdiagAgent;
+extern const IdlModuleSpec &served_module_spec_TarnSysdiagAgent;
 
 namespace served {
 

@@ -1,0 +1,480 @@
+// What the application registers besides memory: message rules, timers, watched threads, health items, subscriptions.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "host/agent/tarn_agent.h"
+#include "host/agent/values.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class AgentStateTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(TarnAgent_Init("state", dir_.Path().c_str()), 0); }
+    void TearDown() override { TarnAgent_Shutdown(); }
+
+    template <class Response, class Request>
+    kit::Answer<Unit, Response> Ask(const char *method, const Request &request) {
+        return kit::Call<Unit, Response>(client_, "TarnSysdiagAgent", self_, method, request);
+    }
+    template <class Request>
+    uint32_t Set(const char *method, const Request &request) {
+        const auto answer = Ask<Tarn_sys_diag_Result>(method, request);
+        EXPECT_EQ(answer.Status(), 0) << answer.Text();
+        return answer->uiResult;
+    }
+    template <class Request>
+    void Tell(const char *method, const Request &request) {
+        EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagAgent", self_, method, request), 0);
+    }
+
+    const uint32_t self_ = static_cast<uint32_t>(getpid());
+    const kit::TempDir dir_;
+    host::Client client_{{.runDir = dir_.Path()}};
+};
+
+Tarn_sys_diag_UpdateMsgCtrlRuleInput Rule(uint32_t id, uint32_t priority, uint32_t action) {
+    Tarn_sys_diag_UpdateMsgCtrlRuleInput rule{};
+    rule.uiValue1 = id;
+    rule.uiValue2 = priority;
+    rule.uiValue3 = action;
+    return rule;
+}
+
+class RuleTest : public AgentStateTest {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(Set("ClearMsgCtrlRule", Tarn_sys_diag_None{}), 0);
+        AgentStateTest::TearDown();
+    }
+    uint32_t Update(const Tarn_sys_diag_UpdateMsgCtrlRuleInput &rule) { return Set("UpdateMsgCtrlRule", rule); }
+    auto Rules(uint32_t id = 0, uint32_t skip = 0) {
+        return Ask<Tarn_sys_diag_GetMsgRuleInfoResult>("GetMsgCtrlRule",
+                                                       Tarn_sys_diag_GetMsgRuleInfoInput{id, skip, 0});
+    }
+    static bool Passes(uint32_t type, const char *sender, const char *receiver = nullptr) {
+        const TarnAgentMessage message{type, sender, receiver, "name"};
+        return TarnAgent_MessagePasses(&message) == 1;
+    }
+};
+
+TEST_F(RuleTest, DecidesByTheFirstRuleThatMatches) {
+    EXPECT_TRUE(Passes(1, "anyone")) << "without rules all pass";
+    auto drop = Rule(1, 20, TARN_AGENT_RULE_DROP);
+    drop.uiValue4 = 10;
+    drop.uiValue5 = 19;
+    auto pass = Rule(2, 10, TARN_AGENT_RULE_PASS);
+    kit::Set(pass.acRule1, "trusted*");
+    EXPECT_EQ(Update(drop), 0);
+    EXPECT_EQ(Update(pass), 0);
+    EXPECT_TRUE(Passes(9, "someone"));
+    EXPECT_FALSE(Passes(10, "someone"));
+    EXPECT_FALSE(Passes(19, nullptr));
+    EXPECT_TRUE(Passes(20, "someone"));
+    EXPECT_TRUE(Passes(15, "trusted.1")) << "tried first";
+
+    const auto rules = Rules();
+    ASSERT_EQ(rules->uiRuleNum, 2);
+    EXPECT_EQ(rules->pstRule[0].stRule.uiValue1, 2) << "in the order in which they are tried";
+    EXPECT_STREQ(rules->pstRule[0].stRule.acRule1, "trusted*");
+    EXPECT_EQ(rules->pstRule[0].ullMatchNum, 1);
+    EXPECT_EQ(rules->pstRule[1].ullMatchNum, 2);
+    EXPECT_EQ(rules->pstRule[1].ullDropNum, 2);
+    EXPECT_EQ(Rules(1)->uiRuleNum, 1);
+    EXPECT_EQ(Rules(0, 1)->pstRule[0].stRule.uiValue1, 1);
+
+    drop.uiValue3 = TARN_AGENT_RULE_PASS;
+    EXPECT_EQ(Update(drop), 0);
+    EXPECT_EQ(Rules()->uiRuleNum, 2) << "replaced";
+    EXPECT_TRUE(Passes(10, "someone"));
+}
+
+TEST_F(RuleTest, LimitsARate) {
+    auto limit = Rule(1, 1, TARN_AGENT_RULE_LIMIT);
+    limit.uiValue6 = 20;
+    limit.uiValue7 = 3;
+    EXPECT_EQ(Update(limit), 0);
+    const auto start = std::chrono::steady_clock::now();
+    int passed = 0;
+    while (passed < 10) {
+        passed += Passes(1, "x");
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(seconds, 0.3) << "3 at once, 7 at 20 in a second";
+    EXPECT_GT(Rules()->pstRule[0].ullDropNum, 0);
+}
+
+TEST_F(RuleTest, EndsInTime) {
+    auto drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
+    drop.uiValue8 = 1;
+    EXPECT_EQ(Update(drop), 0);
+    EXPECT_EQ(Rules()->uiRuleNum, 1);
+    EXPECT_TRUE(kit::Eventually([] { return Passes(1, "x"); }));
+    EXPECT_EQ(Rules()->uiRuleNum, 0);
+}
+
+TEST_F(RuleTest, RefusesWhatMakesNoSense) {
+    EXPECT_EQ(Update(Rule(0, 1, TARN_AGENT_RULE_DROP)), EINVAL);
+    EXPECT_EQ(Update(Rule(1, 1, 4)), EINVAL);
+    EXPECT_EQ(Update(Rule(1, 1, TARN_AGENT_RULE_LIMIT)), EINVAL);
+    auto rule = Rule(1, 1, TARN_AGENT_RULE_DROP);
+    rule.uiValue4 = 5;
+    EXPECT_EQ(Update(rule), EINVAL);
+    rule = Rule(1, 1, TARN_AGENT_RULE_DROP);
+    rule.uiValue9 = 1;
+    EXPECT_EQ(Update(rule), EINVAL);
+    rule.uiValue9 = self_;
+    EXPECT_EQ(Update(rule), 0);
+    for (uint32_t id = 2; id <= 256; ++id) {
+        EXPECT_EQ(Update(Rule(id, 1, TARN_AGENT_RULE_PASS)), 0);
+    }
+    EXPECT_EQ(Update(Rule(257, 1, TARN_AGENT_RULE_PASS)), ENOSPC);
+    EXPECT_EQ(
+        Ask<Tarn_sys_diag_GetMsgRuleInfoResult>("GetMsgCtrlRule", Tarn_sys_diag_GetMsgRuleInfoInput{0, 0, 1})->uiResult,
+        EINVAL);
+}
+
+class TimerTest : public AgentStateTest {
+protected:
+    Tarn_sys_diag_TimerInfo Info(uint32_t id) {
+        const auto answer = Ask<Tarn_sys_diag_GetTimerInfoResult>("TarnAgentGetTimerInfo",
+                                                                  Tarn_sys_diag_GetTimerInput{id, 0, 0, self_});
+        EXPECT_EQ(answer->uiPid, self_);
+        EXPECT_EQ(answer->uiTimerNum, 1);
+        return answer->uiTimerNum == 1 ? answer->pstTimer[0] : Tarn_sys_diag_TimerInfo{};
+    }
+    static void Count(uint32_t, void *count) {
+        std::this_thread::sleep_for(2ms);
+        ++*static_cast<std::atomic<uint32_t> *>(count);
+    }
+};
+
+TEST_F(TimerTest, Expires) {
+    std::atomic<uint32_t> beats = 0, shots = 0;
+    uint32_t periodic = 0, once = 0;
+    ASSERT_EQ(TarnAgent_CreateTimer("beat", 10, 1, Count, &beats, &periodic), 0);
+    ASSERT_EQ(TarnAgent_CreateTimer("shot", 10, 0, Count, &shots, &once), 0);
+    EXPECT_EQ(Info(periodic).ucState, 0);
+    EXPECT_EQ(TarnAgent_StartTimer(periodic), 0);
+    EXPECT_EQ(TarnAgent_StartTimer(once), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return beats >= 5 && shots == 1; }));
+    EXPECT_EQ(TarnAgent_StopTimer(periodic), 0);
+
+    const Tarn_sys_diag_TimerInfo shot = Info(once);
+    EXPECT_STREQ(shot.szTimerName, "shot");
+    EXPECT_EQ(shot.ullExpireNum, 1);
+    EXPECT_EQ(shot.ucPeriodic, 0);
+    EXPECT_EQ(shot.uiPeriodMs, 10);
+    EXPECT_EQ(shot.uiTid, static_cast<uint32_t>(gettid()));
+    EXPECT_TRUE(kit::Eventually([&] { return Info(once).ucState == 0; }));
+    EXPECT_GE(Info(periodic).uiMaxRunUs, 2000);
+    EXPECT_EQ(Info(periodic).ullCallbackAddr, reinterpret_cast<uint64_t>(&Count));
+
+    Tarn_sys_diag_CallStackInput addresses{0, {shot.ullCallbackAddr}};
+    EXPECT_NE(
+        std::string(Ask<Tarn_sys_diag_CallStackOutput>("GetCallStackFunction", addresses)->astFuncName[0].szFuncName)
+            .find("Count"),
+        std::string::npos);
+
+    EXPECT_EQ(TarnAgent_DeleteTimer(periodic), 0);
+    const uint32_t before = beats;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(beats, before) << "its function has ended";
+    EXPECT_EQ(TarnAgent_DeleteTimer(once), 0);
+    EXPECT_EQ(TarnAgent_DeleteTimer(once), ENOENT);
+    EXPECT_EQ(TarnAgent_StartTimer(once), ENOENT);
+    EXPECT_EQ(TarnAgent_CreateTimer("none", 0, 0, Count, nullptr, &once), EINVAL);
+    EXPECT_EQ(TarnAgent_CreateTimer("none", 1, 0, nullptr, nullptr, &once), EINVAL);
+}
+
+TEST_F(TimerTest, MayDeleteItself) {
+    static std::atomic<uint32_t> deleted;
+    deleted = 0;
+    uint32_t id = 0;
+    const TarnAgentTimerFunction function = [](uint32_t timer, void *) {
+        deleted += TarnAgent_DeleteTimer(timer) == 0;
+    };
+    ASSERT_EQ(TarnAgent_CreateTimer("fleeting", 1, 1, function, nullptr, &id), 0);
+    EXPECT_EQ(TarnAgent_StartTimer(id), 0);
+    EXPECT_TRUE(kit::Eventually([] { return deleted == 1; }));
+    EXPECT_EQ(TarnAgent_StopTimer(id), ENOENT);
+}
+
+TEST_F(TimerTest, TellsWhenItRunsNext) {
+    uint32_t id = 0;
+    std::atomic<uint32_t> count = 0;
+    ASSERT_EQ(TarnAgent_CreateTimer("later", 3600000, 0, Count, &count, &id), 0);
+    EXPECT_EQ(TarnAgent_StartTimer(id), 0);
+    const Tarn_sys_diag_TimerInfo info = Info(id);
+    EXPECT_EQ(info.ucState, 1);
+    EXPECT_GT(info.uiRemainMs, 3500000);
+    EXPECT_LE(info.uiRemainMs, 3600000);
+    EXPECT_EQ(Set("SetNoxTimerDebugSwitch", Tarn_sys_diag_SetNoxTimerDebugSwitchInput{2}), EINVAL);
+    EXPECT_EQ(TarnAgent_DeleteTimer(id), 0);
+}
+
+class DeadLoopTest : public AgentStateTest {
+protected:
+    static uint32_t Configure(uint32_t periodMs, uint32_t limitMs) {
+        const TarnAgentDeadLoopCfg config{1, periodMs, limitMs, 50, 0, nullptr};
+        return TarnAgent_SetDeadLoopCfg(&config);
+    }
+    void TearDown() override {
+        EXPECT_EQ(Configure(1000, 10000), 0);
+        AgentStateTest::TearDown();
+    }
+    auto Config(uint32_t tid = 0, uint32_t onlyLoops = 0) {
+        return Ask<Tarn_sys_diag_GetDeadLoopCfgResult>("GetDeadLoopCfg",
+                                                       Tarn_sys_diag_GetDeadLoopCfgInput{tid, onlyLoops, self_});
+    }
+};
+
+TEST_F(DeadLoopTest, FindsTheThreadThatSpins) {
+    ASSERT_EQ(Configure(50, 200), 0);
+    std::atomic<bool> stop = false;
+    std::atomic<uint32_t> tid = 0, exempt = 0;
+    const auto spin = [&](std::atomic<uint32_t> &own) {
+        own = static_cast<uint32_t>(gettid());
+        while (!stop) {
+        }
+    };
+    std::thread spinning([&] {
+        pthread_setname_np(pthread_self(), "spinning");
+        EXPECT_EQ(TarnAgent_WatchThread(300), 0);
+        spin(tid);
+    });
+    std::thread left([&] {
+        EXPECT_EQ(TarnAgent_ExemptThread(), 0);
+        spin(exempt);
+    });
+    EXPECT_TRUE(kit::Eventually([&] { return tid != 0 && Config(tid, 1)->uiThreadNum == 1; }));
+    const auto found = Config(tid);
+    EXPECT_EQ(found->uiPeriodMs, 50);
+    EXPECT_EQ(found->uiLimitMs, 200);
+    EXPECT_EQ(found->uiCpuPercent, 50);
+    ASSERT_EQ(found->uiThreadNum, 1);
+    EXPECT_STREQ(found->pstThread[0].szThreadName, "spinning");
+    EXPECT_EQ(found->pstThread[0].uiLimitMs, 300);
+    EXPECT_EQ(found->pstThread[0].ucSwitch, 1);
+    EXPECT_EQ(found->pstThread[0].uiDetectNum, 1) << "once for each loop";
+    ASSERT_EQ(Config(exempt)->uiThreadNum, 1);
+    EXPECT_EQ(Config(exempt)->pstThread[0].ucSwitch, 0);
+    EXPECT_EQ(Config(exempt)->pstThread[0].uiDetectNum, 0);
+
+    const auto health =
+        Ask<Tarn_sys_diag_PadsSystemHealthResult>("TarnPadsGetProcSystemHealthInfo", Tarn_sys_diag_None{});
+    const Tarn_sys_diag_SysHealthInfo *const start = health->pstHealthInfo;
+    const auto *const end = start + health->uiHealthInfoNum;
+    const auto *const loops = std::find_if(
+        start, end, [](const Tarn_sys_diag_SysHealthInfo &info) { return strcmp(info.acValue1, "dead loops") == 0; });
+    ASSERT_NE(loops, end);
+    EXPECT_NE(loops->ucValue1, TARN_AGENT_HEALTH_GOOD) << loops->acValue4;
+    stop = true;
+    spinning.join();
+    left.join();
+    EXPECT_EQ(Config(tid)->uiResult, ESRCH);
+}
+
+TEST_F(DeadLoopTest, ChecksItsConfiguration) {
+    EXPECT_EQ(Configure(5, 100), EINVAL);
+    EXPECT_EQ(Configure(100, 50), EINVAL);
+    EXPECT_EQ(TarnAgent_SetDeadLoopCfg(nullptr), EINVAL);
+    const uint32_t cpus[] = {0, 1};
+    const TarnAgentDeadLoopCfg config{1, 100, 1000, 80, 2, cpus};
+    EXPECT_EQ(TarnAgent_SetDeadLoopCfg(&config), 0);
+    const auto answer = Config();
+    ASSERT_EQ(answer->uiCpuNum, 2);
+    EXPECT_EQ(answer->puiCpu[1], 1);
+    EXPECT_EQ(answer->uiThreadNum, std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                                 std::filesystem::directory_iterator{}));
+}
+
+class HealthTest : public AgentStateTest {
+protected:
+    auto Health() {
+        return Ask<Tarn_sys_diag_PadsSystemHealthResult>("TarnPadsGetProcSystemHealthInfo", Tarn_sys_diag_None{});
+    }
+    // Of the item of a name; ucValue1 255: there is none.
+    Tarn_sys_diag_SysHealthInfo Item(const std::string &name) {
+        const auto health = Health();
+        for (uint32_t i = 0; i < health->uiHealthInfoNum; ++i) {
+            if (health->pstHealthInfo[i].acValue1 == name) {
+                return health->pstHealthInfo[i];
+            }
+        }
+        Tarn_sys_diag_SysHealthInfo none{};
+        none.ucValue1 = 255;
+        return none;
+    }
+};
+
+TEST_F(HealthTest, LooksAtTheProcessAndTheApplicationsItems) {
+    EXPECT_EQ(Health()->uiValue2, 1);
+    const auto threadNum =
+        std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator{});
+    EXPECT_EQ(std::string(Item("threads").acValue4), std::to_string(threadNum) + " threads, limit 512");
+    EXPECT_EQ(Item("threads").ucValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_STREQ(Item("threads").acValue2, "state");
+    EXPECT_EQ(std::string(Item("threads").acValue3).size(), 14);
+    Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, static_cast<uint32_t>(threadNum) - 1});
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_DEGRADED; }));
+    EXPECT_GE(Health()->uiValue1, TARN_AGENT_HEALTH_DEGRADED) << "the worst";
+    Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, 1});
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_BAD; }));
+    Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 0, 512});
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == 255; }));
+    Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, 0});
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_GOOD; }));
+
+    static std::atomic<uint32_t> level;
+    const TarnAgentHealthCheck check = [](uint32_t limit, char *text, size_t room, void *) {
+        snprintf(text, room, "limit %u", limit);
+        return level.load();
+    };
+    level = 7;
+    EXPECT_EQ(TarnAgent_AddHealthItem(200, "queue", 5, check, nullptr), 0);
+    EXPECT_EQ(Item("queue").ucValue1, TARN_AGENT_HEALTH_BAD);
+    EXPECT_STREQ(Item("queue").acValue4, "limit 5");
+    level = 0;
+    EXPECT_EQ(Item("queue").ucValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(TarnAgent_AddHealthItem(200, "queue", 5, check, nullptr), EEXIST);
+    EXPECT_EQ(TarnAgent_AddHealthItem(63, "queue", 5, check, nullptr), EINVAL);
+
+    Tell("TarnPadsSetProcPadsGlobalSwitch", Tarn_sys_diag_PadsGlobalSwitch{0});
+    EXPECT_TRUE(kit::Eventually([&] { return Health()->uiHealthInfoNum == 0; }));
+    EXPECT_EQ(Health()->uiValue2, 0);
+    Tell("TarnPadsSetProcPadsGlobalSwitch", Tarn_sys_diag_PadsGlobalSwitch{1});
+    EXPECT_TRUE(kit::Eventually([&] { return Health()->uiHealthInfoNum >= 7; }));
+}
+
+// Subscribers of the machine's resources, which the daemon is told of.
+class ResourceTest : public kit::DaemonTest<Unit> {
+protected:
+    void SetUp() override {
+        kit::DaemonTest<Unit>::SetUp();
+        ASSERT_EQ(TarnAgent_Init("state", dir_.Path().c_str()), 0);
+    }
+    void TearDown() override {
+        TarnAgent_Shutdown();
+        kit::DaemonTest<Unit>::TearDown();
+    }
+    uint32_t Update(uint8_t resource, uint8_t level, uint16_t usage) {
+        return kit::Call<Unit, Tarn_sys_diag_Result>(client_, "TarnSysdiagAgent", self_, "TarnUpdateResourceInfo",
+                                                     Tarn_sys_diag_UpdateResourceInfoInput{resource, level, usage})
+            ->uiResult;
+    }
+    auto Subscriptions(uint32_t events = 0) {
+        return kit::Call<Unit, Tarn_sys_diag_GetSubscribeInfoResult>(
+            client_, "TarnSysdiagAgent", self_, "TarnGetSubscribe",
+            Tarn_sys_diag_GetSubscribeInfoInput{events, 0, self_});
+    }
+    const uint32_t self_ = static_cast<uint32_t>(getpid());
+};
+
+TEST_F(ResourceTest, TellsSubscribers) {
+    static std::atomic<uint32_t> told;
+    told = 0;
+    const TarnAgentResourceFunction function = [](uint8_t resource, uint8_t level, uint16_t usage, void *) {
+        told = told + resource * 1000000U + level * 10000U + usage;
+    };
+    EXPECT_EQ(TarnAgent_Subscribe("memory", TARN_AGENT_EVENT_MEMORY, function, nullptr), 0);
+    EXPECT_EQ(TarnAgent_Subscribe("memory", TARN_AGENT_EVENT_MEMORY, function, nullptr), EEXIST);
+    EXPECT_EQ(TarnAgent_Subscribe("all", 0x80, function, nullptr), EINVAL);
+    EXPECT_EQ(TarnAgent_Subscribe("both", TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU, function, nullptr), 0);
+    EXPECT_TRUE(Logged("process " + std::to_string(self_) + " subscribes to events 0x6"));
+
+    EXPECT_EQ(Update(TARN_AGENT_RESOURCE_MEMORY, 2, 950), 0);
+    EXPECT_EQ(TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_MEMORY), 2);
+    EXPECT_EQ(TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_CPU), 0);
+    EXPECT_EQ(TarnAgent_ResourceLevel(77), 0);
+    EXPECT_TRUE(kit::Eventually([] { return told == 2 * 2020950; }));
+    EXPECT_EQ(Update(0, 0, 0), EINVAL);
+    EXPECT_EQ(Update(TARN_AGENT_RESOURCE_CPU, 3, 0), EINVAL);
+
+    EXPECT_TRUE(kit::Eventually([&] { return Subscriptions()->pstSubscribe[1].uiValue2 == 1; }));
+    const auto all = Subscriptions();
+    ASSERT_EQ(all->uiSubscribeNum, 2);
+    EXPECT_STREQ(all->pstSubscribe[0].szName1, "both");
+    EXPECT_STREQ(all->pstSubscribe[0].szName2, "cpu,memory");
+    EXPECT_EQ(all->uiValue2, TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU);
+    EXPECT_EQ(all->uiValue3, 2);
+    EXPECT_EQ(all->uiValue4, self_);
+    EXPECT_EQ(Subscriptions(TARN_AGENT_EVENT_CPU)->uiSubscribeNum, 1);
+    EXPECT_EQ(TarnAgent_Unsubscribe("both"), 0);
+    EXPECT_EQ(TarnAgent_Unsubscribe("memory"), 0);
+    EXPECT_EQ(TarnAgent_Unsubscribe("memory"), ENOENT);
+    EXPECT_EQ(Subscriptions()->uiSubscribeNum, 0);
+    EXPECT_TRUE(Logged("process " + std::to_string(self_) + " subscribes to events 0x0, before to 0x6"));
+}
+
+bool AllThreadsStopped(uint32_t pid) {
+    const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task");
+    return std::all_of(begin(tasks), end(tasks), [](const std::filesystem::directory_entry &task) {
+        return kit::TextOfFile(task.path() / "stat").find(") T ") != std::string::npos;
+    });
+}
+
+// What the daemon relays of it, and an agent that hangs or goes in mid-call.
+class RelayTest : public kit::DaemonTest<Unit> {
+protected:
+    std::unique_ptr<kit::Process> StartAgent() {
+        auto agent = std::make_unique<kit::Process>(
+            dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "example", "--run-dir", dir_.Path()});
+        EXPECT_TRUE(kit::Eventually([&] { return client_.Knows("TarnSysdiagAgent", agent->Pid()); }));
+        return agent;
+    }
+    auto DeadLoopConfig(uint32_t pid) {
+        return Call<Tarn_sys_diag_GetDeadLoopCfgResult>("TarnGetDlpCfgFromAgent",
+                                                        Tarn_sys_diag_GetDeadLoopCfgInput{0, 0, pid});
+    }
+};
+
+TEST_F(RelayTest, RelaysToTheAgent) {
+    const auto agent = StartAgent();
+    EXPECT_TRUE(kit::Eventually([&] {
+        const auto answer = DeadLoopConfig(agent->Pid());
+        return answer.Status() == 0 && std::any_of(answer->pstThread, answer->pstThread + answer->uiThreadNum,
+                                                   [](const Tarn_sys_diag_DeadLoopThreadCfg &thread) {
+                                                       return strcmp(thread.szThreadName, "counting") == 0 &&
+                                                              thread.uiLimitMs == 3000;
+                                                   });
+    }));
+    const auto timers = [&](uint32_t debug) {
+        return Call<Tarn_sys_diag_Result>("SetNoxTimerDebugSwitchByTarnd",
+                                          Tarn_sys_diag_SetNoxTimerDebugSwitchTarndInput{debug, agent->Pid()})
+            ->uiResult;
+    };
+    EXPECT_EQ(timers(1), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return agent->Err().find("\"heartbeat\" expired") != std::string::npos; }));
+    EXPECT_EQ(timers(2), EINVAL) << "the agent's own answer";
+    EXPECT_EQ(DeadLoopConfig(0).Status(), EINVAL);
+    EXPECT_EQ(DeadLoopConfig(kit::EndedPid()).Status(), ESRCH);
+    EXPECT_EQ(agent->Stop(), 0);
+}
+
+TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentHangsOrIsKilled) {
+    const auto hanging = StartAgent();
+    hanging->Signal(SIGSTOP);
+    EXPECT_TRUE(kit::Eventually([&] { return AllThreadsStopped(hanging->Pid()); }));
+    EXPECT_EQ(DeadLoopConfig(hanging->Pid()).Status(), ETIMEDOUT) << "before the caller's own deadline";
+    std::thread killer([&] {
+        std::this_thread::sleep_for(200ms);
+        hanging->Signal(SIGKILL);
+        hanging->Wait();
+    });
+    const uint32_t status = DeadLoopConfig(hanging->Pid()).Status();
+    killer.join();
+    EXPECT_TRUE(status == ESRCH || status == ECONNRESET) << status;
+    EXPECT_EQ(DeadLoopConfig(StartAgent()->Pid()).Status(), 0) << "the daemon goes on";
+}
+
+} // namespace

@@ -1,0 +1,260 @@
+// Calendar times and daylight-saving rules: what is refused, and what wall clocks show, against the C library's.
+#include <ctime>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/answer/answer.h"
+#include "host/clock/rules.h"
+
+namespace {
+
+using namespace std::chrono;
+using Systime = Tarn_sys_diag_Systime;
+
+// What is wrong, in words; empty for nothing.
+std::string Refusal(const std::function<void()> &check) {
+    try {
+        check();
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(error.code().value(), EINVAL);
+        return error.what();
+    }
+    return "";
+}
+
+std::string RefusalOf(const Systime &time) {
+    return Refusal([&] { host::FromRecord(time, "t"); });
+}
+
+TEST(Calendar, TakesTheDaysThatThereAre) {
+    for (const Systime &good : std::vector<Systime>{{1970, 1, 1, 0, 0, 0, 0, 0},
+                                                    {2024, 2, 29, 23, 59, 59, 4, 999},
+                                                    {2000, 2, 29, 0, 0, 0, 2, 0},
+                                                    {2026, 11, 21, 12, 0, 0, 6, 0},
+                                                    {2026, 11, 21, 12, 0, 0, 0, 0}, // the weekday is not told
+                                                    {2199, 12, 31, 0, 0, 0, 0, 0}}) {
+        EXPECT_EQ(RefusalOf(good), "") << good.usYear << "-" << int{good.ucMonth} << "-" << int{good.ucDay};
+    }
+}
+
+TEST(Calendar, RefusesWhatIsNoTimeAndSaysWhy) {
+    const std::vector<std::pair<Systime, std::string>> bad{
+        {{1969, 12, 31, 0, 0, 0, 0, 0}, "t.usYear is 1969, expected 1970 to 2199"},
+        {{2200, 1, 1, 0, 0, 0, 0, 0}, "t.usYear is 2200"},
+        {{2026, 0, 1, 0, 0, 0, 0, 0}, "t.ucMonth is 0, expected 1 to 12"},
+        {{2026, 13, 1, 0, 0, 0, 0, 0}, "t.ucMonth is 13"},
+        {{2026, 1, 0, 0, 0, 0, 0, 0}, "t.ucDay is 0, expected 1 to 31 in month 1 of the year 2026"},
+        {{2026, 4, 31, 0, 0, 0, 0, 0}, "t.ucDay is 31, expected 1 to 30 in month 4"},
+        {{2026, 2, 29, 0, 0, 0, 0, 0}, "t.ucDay is 29, expected 1 to 28 in month 2"},
+        {{2100, 2, 29, 0, 0, 0, 0, 0}, "t.ucDay is 29, expected 1 to 28 in month 2"},
+        {{2024, 2, 30, 0, 0, 0, 0, 0}, "t.ucDay is 30, expected 1 to 29 in month 2"},
+        {{2026, 1, 1, 24, 0, 0, 0, 0}, "t.ucHour is 24, expected 0 to 23"},
+        {{2026, 1, 1, 0, 60, 0, 0, 0}, "t.ucMinute is 60, expected 0 to 59"},
+        {{2026, 1, 1, 0, 0, 60, 0, 0}, "t.ucSecond is 60, expected 0 to 59"},
+        {{2026, 1, 1, 0, 0, 0, 0, 1000}, "t.uiMillisecond is 1000, expected 0 to 999"},
+        {{2026, 11, 21, 0, 0, 0, 5, 0}, "t.ucWeek is 5, expected 6, the weekday of that date, or 0"},
+    };
+    for (const auto &[time, why] : bad) {
+        EXPECT_NE(RefusalOf(time).find(why), std::string::npos) << RefusalOf(time) << "\n" << why;
+    }
+}
+
+TEST(Calendar, TurnsTimesIntoRecordsAndBack) {
+    for (int64_t ms = 0; ms < 7'000'000'000'000; ms += 86'399'999'123 / 7) {
+        const host::LocalMillis time{milliseconds(ms)};
+        const time_t seconds = ms / 1000;
+        tm fields{};
+        gmtime_r(&seconds, &fields);
+        const Systime record = host::ToRecord(time);
+        ASSERT_EQ(record.usYear, fields.tm_year + 1900);
+        ASSERT_EQ(record.ucMonth, fields.tm_mon + 1);
+        ASSERT_EQ(record.ucDay, fields.tm_mday);
+        ASSERT_EQ(record.ucHour, fields.tm_hour);
+        ASSERT_EQ(record.ucMinute, fields.tm_min);
+        ASSERT_EQ(record.ucSecond, fields.tm_sec);
+        ASSERT_EQ(record.ucWeek, fields.tm_wday);
+        ASSERT_EQ(record.uiMillisecond, ms % 1000);
+        ASSERT_EQ(host::FromRecord(record, "t"), time);
+    }
+}
+
+TEST(Calendar, WritesDatesInEachFormat) {
+    const host::LocalMillis time = host::FromRecord({2026, 3, 9, 4, 5, 6, 0, 700}, "t");
+    EXPECT_EQ(host::TextOf(time), "2026-03-09 04:05:06");
+    EXPECT_EQ(host::TextOf(time, host::DateFormat::kDayMonthYear), "09-03-2026 04:05:06");
+    EXPECT_EQ(host::TextOf(time, host::DateFormat::kMonthDayYear), "03-09-2026 04:05:06");
+}
+
+TEST(Zone, IsANameAndAnOffset) {
+    const auto refusal = [](const std::string &name, int32_t offset) {
+        return Refusal([&] { host::CheckedZone({name, offset}); });
+    };
+    EXPECT_EQ(refusal("Europe/Berlin", 60), "");
+    EXPECT_EQ(refusal("<+0545>-5:45", 345), "");
+    EXPECT_EQ(refusal("a", -720), "");
+    EXPECT_EQ(refusal("a", 840), "");
+    EXPECT_NE(refusal("a", -721).find("uiTimezoneOffset is -721, expected -720 to 840 minutes"), std::string::npos);
+    EXPECT_NE(refusal("a", 841).find("841"), std::string::npos);
+    for (const char *name : {"", "a b", "a\n", "a;b", "/etc/passwd", "../x", "a/../b", "a//b", ".."}) {
+        EXPECT_NE(refusal(name, 0).find("szTimezoneName"), std::string::npos) << name;
+    }
+}
+
+Tarn_sys_diag_Dst ByWeek() {
+    Tarn_sys_diag_Dst dst{};
+    host::CopyText(dst.szDstName, "CEST");
+    dst.ucDstFlag = 1;
+    dst.ucDstMode = 1;
+    dst.uiDstOffset = 60;
+    dst.stDstAdjust = {1, 0, 0};
+    dst.stDstWeek = {0, 3, 5, 0, 2, 0, 10, 5, 0, 3};
+    return dst;
+}
+
+Tarn_sys_diag_Dst ByDate() {
+    Tarn_sys_diag_Dst dst = ByWeek();
+    dst.ucDstMode = 0;
+    dst.stDstStart = {2026, 3, 29, 2, 0, 0, 0, 0};
+    dst.stDstEnd = {2026, 10, 25, 3, 0, 0, 0, 0};
+    return dst;
+}
+
+TEST(DstRule, GoesThroughRecordAndText) {
+    const auto byWeek = host::FromRecord(ByWeek());
+    ASSERT_TRUE(byWeek);
+    EXPECT_EQ(host::TextOf(byWeek), "CEST (+60 minutes) from M3.5.0/02:00:00 to M10.5.0/03:00:00");
+    EXPECT_EQ(host::FromRecord(host::ToRecord(byWeek)), byWeek);
+    const auto byDate = host::FromRecord(ByDate());
+    EXPECT_EQ(host::TextOf(byDate), "CEST (+60 minutes) from 2026-03-29/02:00:00 to 2026-10-25/03:00:00");
+    EXPECT_EQ(host::FromRecord(host::ToRecord(byDate)), byDate);
+    for (const auto &rule : {byWeek, byDate}) {
+        EXPECT_EQ(host::ParseChange(host::TextOf(rule->start)), rule->start);
+        EXPECT_EQ(host::ParseChange(host::TextOf(rule->end)), rule->end);
+    }
+    EXPECT_EQ(host::ParseChange("2026-M3.5.0/02:00:00").year, 2026);
+    Tarn_sys_diag_Dst off = ByWeek();
+    off.ucDstFlag = 0;
+    EXPECT_EQ(host::FromRecord(off), std::nullopt);
+    EXPECT_EQ(host::FromRecord(host::ToRecord(std::optional<host::DstRule>())), std::nullopt);
+    for (const char *text : {"", "M3.5.0", "M3.5.0/2", "3-31/02:00:00", " M3.5.0/02:00:00", "M3.0.0/02:00:00",
+                             "M3.5.0/02:00:00x", "-03-31/02:00:00", "M+3.5.0/02:00:00"}) {
+        EXPECT_NE(Refusal([&] { host::ParseChange(text); }), "") << text;
+    }
+}
+
+TEST(DstRule, RefusesWhatIsInconsistent) {
+    using Change = std::function<void(Tarn_sys_diag_Dst &)>;
+    const std::vector<std::tuple<bool, Change, std::string>> bad{
+        {true, [](auto &d) { d.ucDstFlag = 2; }, "ucDstFlag is 2"},
+        {true, [](auto &d) { d.ucDstMode = 2; }, "ucDstMode is 2, expected 0 by date or 1 by week"},
+        {true, [](auto &d) { d.szDstName[0] = 0; }, "szDstName"},
+        {true, [](auto &d) { d.uiDstOffset = 0; }, "expected what uiDstOffset says, 0 minutes"},
+        {true, [](auto &d) { d.uiDstOffset = 0, d.stDstAdjust = {}; }, "uiDstOffset is 0, expected 1 to 180"},
+        {true, [](auto &d) { d.uiDstOffset = 181, d.stDstAdjust = {}; }, "uiDstOffset is 181"},
+        {true, [](auto &d) { d.stDstAdjust.ucMinute = 1; }, "stDstAdjust is 1:01:00"},
+        {true, [](auto &d) { d.stDstWeek.ucStartWeek = 0; }, "ucStartWeek is 0, expected 1 to 5"},
+        {true, [](auto &d) { d.stDstWeek.ucEndWeek = 6; }, "the end's week is 6"},
+        {true, [](auto &d) { d.stDstWeek.ucStartWeekday = 7; }, "the start's weekday is 7, expected 0 to 6"},
+        {true, [](auto &d) { d.stDstWeek.ucStartMonth = 0; }, "the start's month is 0"},
+        {true, [](auto &d) { d.stDstWeek.ucEndHour = 24; }, "the end's hour is 24"},
+        {true, [](auto &d) { d.stDstWeek.usEndYear = 2026; }, "the end's year is 2026"},
+        {true, [](auto &d) { d.stDstWeek.ucEndMonth = 3; }, "at least a day from the start"},
+        {true, [](auto &d) { d.stDstWeek.usStartYear = 1900, d.stDstWeek.usEndYear = 1900; },
+         "the start's year is 1900"},
+        {false, [](auto &d) { d.stDstStart.ucDay = 32; }, "the start's.ucDay is 32"},
+        {false, [](auto &d) { d.stDstStart.ucMonth = 2; }, "the start's.ucDay is 29, expected 1 to 28"},
+        {false, [](auto &d) { d.stDstEnd.ucMinute = 60; }, "the end's minute is 60"},
+        {false, [](auto &d) { d.stDstEnd.usYear = 2028; }, "within a year"},
+        {false, [](auto &d) { std::swap(d.stDstStart, d.stDstEnd); }, "after the start"},
+        {false,
+         [](auto &d) {
+             d.stDstStart = {0, 2, 29, 2, 0, 0, 0, 0};
+             d.stDstEnd.usYear = 0;
+         },
+         "expected 1 to 28 in month 2 of every year"},
+    };
+    for (const auto &[byWeek, change, why] : bad) {
+        Tarn_sys_diag_Dst dst = byWeek ? ByWeek() : ByDate();
+        change(dst);
+        const std::string refusal = Refusal([&] { host::FromRecord(dst); });
+        EXPECT_NE(refusal.find(why), std::string::npos) << refusal << "\n" << why;
+    }
+}
+
+// The C library's clock by the same rule, written as POSIX has it.
+class PosixZone {
+public:
+    explicit PosixZone(const char *rule) {
+        setenv("TZ", rule, 1);
+        tzset();
+    }
+    ~PosixZone() {
+        unsetenv("TZ");
+        tzset();
+    }
+    PosixZone(const PosixZone &) = delete;
+    PosixZone &operator=(const PosixZone &) = delete;
+};
+
+TEST(WallClock, AgreesWithTheCLibrarys) {
+    struct Case {
+        const char *posix;
+        int32_t offset;
+        host::DstRule rule;
+    };
+    const Case cases[] = {
+        {"CET-1CEST,M3.5.0,M10.5.0/3",
+         60,
+         {"CEST", 60, host::ParseChange("M3.5.0/02:00:00"), host::ParseChange("M10.5.0/03:00:00")}},
+        {"AEST-10AEDT,M10.1.0,M4.1.0/3",
+         600,
+         {"AEDT", 60, host::ParseChange("M10.1.0/02:00:00"), host::ParseChange("M4.1.0/03:00:00")}},
+        {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0",
+         630,
+         {"+11", 30, host::ParseChange("M10.1.0/02:00:00"), host::ParseChange("M4.1.0/02:00:00")}},
+        {"PST8PDT,M3.2.0,M11.1.0",
+         -480,
+         {"PDT", 60, host::ParseChange("M3.2.0/02:00:00"), host::ParseChange("M11.1.0/02:00:00")}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.posix);
+        const PosixZone zone(c.posix);
+        const host::WallClock clock({"Zone", c.offset}, host::CheckedRule(c.rule));
+        const auto first = sys_days(2023y / 12 / 20);
+        for (host::GmtTime time = first; time < sys_days(2029y / 1 / 10); time += 30min) {
+            const time_t seconds = system_clock::to_time_t(time);
+            tm fields{};
+            localtime_r(&seconds, &fields);
+            const Systime record = host::ToRecord(clock.ToLocal(time));
+            ASSERT_EQ(clock.IsDst(time), fields.tm_isdst > 0) << seconds;
+            ASSERT_EQ(record.ucDay, fields.tm_mday) << seconds;
+            ASSERT_EQ(record.ucHour, fields.tm_hour) << seconds;
+            ASSERT_EQ(record.ucMinute, fields.tm_min) << seconds;
+            // A time that is shown twice stands for the first.
+            const host::GmtTime back = clock.ToGmt(clock.ToLocal(time));
+            ASSERT_LE(back, time);
+            ASSERT_EQ(clock.ToLocal(back), clock.ToLocal(time));
+            ASSERT_TRUE(back == time || (clock.IsDst(back) && !clock.IsDst(time))) << seconds;
+        }
+    }
+}
+
+TEST(WallClock, KnowsNoTimeThatItSkips) {
+    const host::WallClock clock({"Europe/Berlin", 60}, host::FromRecord(ByDate()));
+    const auto gmt = [&](uint16_t year, uint8_t hour, uint8_t minute) {
+        return clock.ToGmt(host::FromRecord({year, 3, 29, hour, minute, 0, 0, 0}, "t"));
+    };
+    EXPECT_EQ(gmt(2026, 1, 59), sys_days(2026y / 3 / 29) + 59min);
+    EXPECT_NE(Refusal([&] { gmt(2026, 2, 0); }), "");
+    EXPECT_NE(Refusal([&] { gmt(2026, 2, 59); }).find("2026-03-29 02:59:00"), std::string::npos);
+    EXPECT_EQ(gmt(2026, 3, 0), sys_days(2026y / 3 / 29) + 1h);
+    EXPECT_EQ(gmt(2027, 2, 30), sys_days(2027y / 3 / 29) + 90min) << "the rule is of 2026 only";
+}
+
+} // namespace

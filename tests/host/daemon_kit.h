@@ -1,0 +1,120 @@
+// What the tests of the daemon share: tarnd run as a program, a process for it to look at, and calls. As for kit.h, a
+// test file makes a unit before it includes this.
+#pragma once
+
+#include <time.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "tests/host/kit.h"
+
+namespace kit {
+
+// Calls the daemon through a unit's codecs.
+template <class Unit>
+class DaemonTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory(logs_);
+        StartDaemon();
+    }
+
+    // What a test's daemon is told besides its directories.
+    virtual std::vector<std::string> Options() const { return {}; }
+
+    void StartDaemon() {
+        std::vector<std::string> command{TARND, "--run-dir",   dir_.Path(), "--log-dir",
+                                         logs_, "--log-level", "debug",     "--print-accounting"};
+        const std::vector<std::string> options = Options();
+        command.insert(command.end(), options.begin(), options.end());
+        daemon_ = std::make_unique<Process>(dir_.Path(), command);
+        ASSERT_TRUE(Eventually([&] { return daemon_->Err().find("serving in") != std::string::npos; }))
+            << daemon_->Err();
+    }
+
+    // Every test ends here: the daemon goes when told to, with nothing left allocated.
+    void TearDown() override {
+        if (daemon_ != nullptr) {
+            EXPECT_EQ(daemon_->Stop(), 0) << daemon_->Err();
+            const std::string out = daemon_->Out();
+            uint64_t blocks = 1, bytes = 1;
+            ASSERT_EQ(
+                sscanf(out.c_str() + std::min(out.find("\ntotal "), out.size()), "\ntotal %lu %lu", &blocks, &bytes), 2)
+                << out;
+            EXPECT_EQ(blocks, 0) << out;
+            EXPECT_EQ(bytes, 0) << out;
+        }
+    }
+
+    template <class Response, class Request>
+    Answer<Unit, Response> Call(const char *method, const Request &request) {
+        return kit::Call<Unit, Response>(client_, "TarnSysdiagTarnd", 0, method, request);
+    }
+
+    bool Logged(const std::string &text) {
+        return Eventually([&] { return daemon_->Err().find(text) != std::string::npos; });
+    }
+
+    const TempDir dir_;
+    const std::filesystem::path logs_ = dir_.Path() / "logs";
+    host::Client client_{{.runDir = dir_.Path()}};
+    std::unique_ptr<Process> daemon_;
+};
+
+// The threads that the subject says it has.
+class Subject : public Process {
+public:
+    explicit Subject(const TempDir &dir) : Subject(dir, {SUBJECT}, 2) {}
+    Subject(const TempDir &dir, size_t burnerNum, size_t blockedNum = 0)
+        : Subject(dir, {SUBJECT, std::to_string(burnerNum), std::to_string(blockedNum)}, burnerNum + blockedNum + 1) {}
+    std::map<std::string, uint32_t> tids;
+
+private:
+    Subject(const TempDir &dir, std::vector<std::string> command, size_t threadNum)
+        : Process(dir.Path(), std::move(command)) {
+        EXPECT_TRUE(Eventually([&] {
+            std::istringstream out(Out());
+            std::string name;
+            for (uint32_t tid = 0; out >> name >> tid;) {
+                tids[name] = tid;
+            }
+            return tids.size() == threadNum;
+        }));
+    }
+};
+
+inline std::set<uint32_t> TaskIds(uint32_t pid) {
+    std::set<uint32_t> ids;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        ids.insert(static_cast<uint32_t>(std::stoul(entry.path().filename())));
+    }
+    return ids;
+}
+
+// CPU time that a process has used.
+class CpuClock {
+public:
+    explicit CpuClock(uint32_t pid) { EXPECT_EQ(clock_getcpuclockid(static_cast<pid_t>(pid), &clock_), 0); }
+    std::chrono::nanoseconds Used() const {
+        timespec time{};
+        clock_gettime(clock_, &time);
+        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+    }
+
+private:
+    clockid_t clock_;
+};
+
+// A pid that was a process's and is none's now.
+inline uint32_t EndedPid() {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(0);
+    }
+    waitpid(pid, nullptr, 0);
+    return static_cast<uint32_t>(pid);
+}
+
+} // namespace kit

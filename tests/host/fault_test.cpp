@@ -1,0 +1,305 @@
+// Faults of an application, recorded by its agent and read through the daemon.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <cstddef>
+#include <cstring>
+#include <set>
+
+#include "host/blackbox/box.h"
+#include "host/blackbox/reader.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using host::blackbox::Box;
+using host::blackbox::Contents;
+using host::blackbox::Head;
+using host::blackbox::Kind;
+using host::blackbox::Slot;
+
+size_t CountOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool Has(const std::string &text, const std::string &part) {
+    return CountOf(text, part) != 0;
+}
+
+struct Report {
+    uint32_t matches;
+    std::string text;
+};
+
+class FaultTest : public kit::DaemonTest<Unit> {
+protected:
+    std::unique_ptr<kit::Process> StartAgent() {
+        auto agent = std::make_unique<kit::Process>(
+            dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "faulty", "--run-dir", dir_.Path()});
+        EXPECT_TRUE(kit::Eventually([&] {
+            return Has(agent->Err(), "registered with the daemon, process " + std::to_string(daemon_->Pid()));
+        })) << agent->Err();
+        return agent;
+    }
+
+    void Command(const kit::Process &agent, std::string line) {
+        EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "DBGCmdExecShowByTarnd",
+                                    Tarn_sys_diag_DbgCmdShowByTarndInput{line.data(), agent.Pid()}),
+                  0);
+    }
+
+    // The process of an agent that a command ended.
+    uint32_t Crash(const std::string &line) {
+        const auto agent = StartAgent();
+        const uint32_t pid = agent->Pid();
+        Command(*agent, line);
+        EXPECT_TRUE(Ends(*agent)) << "as it would have without the agent";
+        return pid;
+    }
+
+    static bool Ends(kit::Process &process) {
+        return kit::Eventually(
+                   [&] { return Has(kit::TextOfFile("/proc/" + std::to_string(process.Pid()) + "/stat"), ") Z "); }) &&
+               process.Wait() != 0;
+    }
+
+    Report Exceptions(uint32_t pid = 0, uint32_t skip = 0, uint32_t limit = 0, int signal = 0) {
+        const auto answer = Call<Tarn_sys_diag_ExceptionInfoResult>(
+            "GetExceptionInfo", Tarn_sys_diag_ExceptionInfoCondition{pid, skip, limit, static_cast<uint32_t>(signal)});
+        EXPECT_EQ(answer.Status(), 0) << answer.Text();
+        return {answer->uiValue1, std::string(reinterpret_cast<const char *>(answer->pucInfo), answer->uiInfoLen)};
+    }
+    Report Assertions(uint32_t pid = 0) {
+        const auto answer =
+            Call<Tarn_sys_diag_AssertInfoResult>("GetAssertInfo", Tarn_sys_diag_AssertInfoCondition{pid, 0, 0});
+        EXPECT_EQ(answer.Status(), 0) << answer.Text();
+        return {answer->uiValue1, std::string(reinterpret_cast<const char *>(answer->pucInfo), answer->uiInfoLen)};
+    }
+    uint32_t Reset(uint32_t kind, uint32_t pid) {
+        return Call<Tarn_sys_diag_ResetBBoxResult>("ResetBBoxInfo", Tarn_sys_diag_ResetBBoxCondition{kind, pid})
+            ->uiResult;
+    }
+
+    void RestartDaemon() {
+        daemon_->Signal(SIGKILL);
+        daemon_->Wait();
+        StartDaemon();
+    }
+
+    const std::filesystem::path box_ = host::blackbox::FileOf(dir_.Path(), geteuid());
+};
+
+TEST_F(FaultTest, ReadsACrashBackAlsoAfterARestart) {
+    const uint32_t pid = Crash("crash segv");
+    for (int start = 0; start < 2; ++start) {
+        const Report report = Exceptions(pid);
+        EXPECT_EQ(report.matches, 1);
+        EXPECT_TRUE(Has(report.text, "process " + std::to_string(pid) + " (tarn-agent)")) << report.text;
+        EXPECT_TRUE(Has(report.text, "agent faulty")) << report.text;
+        EXPECT_TRUE(Has(report.text, "signal 11 SIGSEGV, address not mapped, address 0x0")) << report.text;
+        EXPECT_TRUE(Has(report.text, "WriteThroughNull+")) << report.text;
+        EXPECT_TRUE(Has(report.text, "Crash+")) << report.text;
+        EXPECT_TRUE(Has(report.text, "(tarn-agent)\n")) << report.text;
+        EXPECT_TRUE(Has(report.text, "(libtarn_agent.so)\n")) << "the thread that runs the commands: " << report.text;
+#if defined(__x86_64__)
+        EXPECT_TRUE(Has(report.text, "rip    ")) << report.text;
+#endif
+        RestartDaemon();
+    }
+}
+
+TEST_F(FaultTest, RecordsEachKindAndFiltersThem) {
+    const uint32_t divided = Crash("crash fpe");
+    const uint32_t aborted = Crash("crash abort");
+    const uint32_t overflown = Crash("crash overflow");
+    EXPECT_EQ(Exceptions().matches, 3);
+    EXPECT_TRUE(Has(Exceptions(divided).text, "SIGFPE, integer division by zero"));
+    EXPECT_TRUE(Has(Exceptions(divided).text, "DivideByZero+"));
+    EXPECT_TRUE(Has(Exceptions(aborted).text, "SIGABRT, sent by a process"));
+    EXPECT_TRUE(Has(Exceptions(overflown).text, "SIGSEGV"));
+    EXPECT_GE(CountOf(Exceptions(overflown).text, "Recurse"), 20) << Exceptions(overflown).text;
+
+    EXPECT_EQ(Exceptions(0, 0, 0, SIGFPE).matches, 1);
+    const Report second = Exceptions(0, 1, 1);
+    EXPECT_EQ(second.matches, 3) << "returned or not";
+    EXPECT_EQ(CountOf(second.text, ", agent faulty\n"), 1);
+    EXPECT_TRUE(Has(second.text, "process " + std::to_string(aborted))) << "the newest first: " << second.text;
+}
+
+TEST_F(FaultTest, RecordsAssertions) {
+    const auto agent = StartAgent();
+    Command(*agent, "check");
+    EXPECT_TRUE(kit::Eventually([&] { return Assertions().matches == 1; }));
+    const Report goesOn = Assertions(agent->Pid());
+    EXPECT_TRUE(Has(goesOn.text, "assertion wordNum == 0 in Check, ")) << goesOn.text;
+    EXPECT_TRUE(Has(goesOn.text, "example.c:")) << goesOn.text;
+    EXPECT_TRUE(Has(goesOn.text, "  #0 ")) << goesOn.text;
+    const std::string first = goesOn.text.substr(goesOn.text.find("#0 "));
+    EXPECT_TRUE(Has(first.substr(0, first.find('\n')), "Check+")) << goesOn.text;
+    EXPECT_EQ(Exceptions().matches, 0);
+
+    Command(*agent, "assert");
+    EXPECT_TRUE(Ends(*agent));
+    EXPECT_EQ(Assertions().matches, 2);
+    EXPECT_EQ(Exceptions(0, 0, 0, SIGABRT).matches, 1) << "an assertion aborts";
+}
+
+TEST_F(FaultTest, ResetsWhatItIsAskedTo) {
+    const uint32_t first = Crash("assert");
+    const uint32_t second = Crash("assert");
+    EXPECT_EQ(Reset(3, 0), EINVAL);
+    EXPECT_EQ(Reset(1, first), 0);
+    EXPECT_EQ(Exceptions(first).matches, 0);
+    EXPECT_EQ(Exceptions(second).matches, 1);
+    EXPECT_EQ(Assertions().matches, 2);
+    EXPECT_EQ(Reset(2, 0), 0);
+    EXPECT_EQ(Assertions().matches, 0);
+    EXPECT_EQ(Exceptions().matches, 1);
+    EXPECT_EQ(Reset(0, 0), 0);
+    RestartDaemon();
+    EXPECT_EQ(Exceptions().text, "") << "gone for good";
+    EXPECT_EQ(Exceptions(Crash("crash segv")).matches, 1) << "the slots are used again";
+}
+
+TEST_F(FaultTest, TellsATornRecordFromAWholeOne) {
+    const uint32_t older = Crash("crash segv");
+    const uint32_t newer = Crash("crash segv");
+    const auto overwrite = [&](size_t offset) {
+        std::fstream file(box_, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(sizeof(host::blackbox::FileHeader) + sizeof(Slot) + offset));
+        file.write("torn", 4);
+    };
+    overwrite(offsetof(Slot, stack) + 100);
+    EXPECT_TRUE(Has(Exceptions(newer).text, "no stack: ")) << "what was written first is still good";
+    EXPECT_TRUE(Has(Exceptions(newer).text, "SIGSEGV"));
+    overwrite(offsetof(Slot, head) + 100);
+    EXPECT_EQ(Exceptions(newer).matches, 0);
+    EXPECT_EQ(Exceptions(older).matches, 1);
+    EXPECT_TRUE(Has(Exceptions(older).text, "WriteThroughNull+"));
+    EXPECT_TRUE(Has(Exceptions(older).text, "damaged records: 1\n"));
+    EXPECT_EQ(Reset(0, 0), 0);
+    EXPECT_EQ(Exceptions().text, "");
+}
+
+TEST_F(FaultTest, SetsAsideWhatIsNoBlackBox) {
+    std::ofstream(box_) << "something else";
+    EXPECT_TRUE(Has(Exceptions().text, "is no black box")) << Exceptions().text;
+    const uint32_t pid = Crash("crash segv");
+    EXPECT_EQ(Exceptions(pid).matches, 1);
+    EXPECT_EQ(kit::TextOfFile(box_.string() + ".damaged"), "something else");
+
+    std::ofstream(dir_.Path() / "blackbox-12345") << "of another user";
+    EXPECT_EQ(Exceptions().matches, 1);
+    EXPECT_TRUE(Has(Exceptions().text, "blackbox-12345 belongs to another user")) << Exceptions().text;
+}
+
+// The black box alone, written by processes that are killed at chosen moments.
+class BoxTest : public testing::Test {
+protected:
+    // Runs a writer in a process that kills itself at the end.
+    template <class Write>
+    void InKilledProcess(Write write) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            std::filesystem::path aside;
+            const Box box(file_, aside);
+            write(box);
+            kill(getpid(), SIGKILL);
+        }
+        waitpid(pid, nullptr, 0);
+    }
+
+    static void Fill(Slot &slot, uint32_t pid) {
+        memset(&slot.head, 0, sizeof slot.head);
+        slot.head.kind = Kind::kException;
+        slot.head.pid = pid;
+        slot.head.timeNs = pid;
+    }
+    static void WriteWhole(const Box &box, uint32_t pid) {
+        Slot &slot = box.Take();
+        Fill(slot, pid);
+        Box::SealHead(slot);
+        memset(&slot.stack, 0, sizeof slot.stack);
+        Box::SealStack(slot);
+    }
+
+    const kit::TempDir dir_;
+    const std::filesystem::path file_ = host::blackbox::FileOf(dir_.Path(), geteuid());
+};
+
+TEST_F(BoxTest, SurvivesAWriterThatIsKilledAnywhere) {
+    InKilledProcess([](const Box &box) { WriteWhole(box, 1); });
+    InKilledProcess([](const Box &box) { box.Take(); });
+    InKilledProcess([](const Box &box) { Fill(box.Take(), 3); });
+    InKilledProcess([](const Box &box) {
+        Slot &slot = box.Take();
+        Fill(slot, 4);
+        Box::SealHead(slot);
+        slot.stack.frameNum = 7;
+    });
+    InKilledProcess([](const Box &box) { WriteWhole(box, 5); });
+    const Contents contents = host::blackbox::Read(dir_.Path());
+    ASSERT_EQ(contents.records.size(), 3);
+    EXPECT_EQ(contents.damaged, 2);
+    EXPECT_EQ(contents.records[0].head.pid, 5);
+    EXPECT_TRUE(contents.records[0].hasStack);
+    EXPECT_EQ(contents.records[1].head.pid, 4);
+    EXPECT_FALSE(contents.records[1].hasStack);
+    EXPECT_EQ(contents.records[2].head.pid, 1);
+}
+
+TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
+    constexpr uint32_t kWriters = 8, kEach = 100;
+    std::vector<pid_t> writers;
+    for (uint32_t writer = 0; writer < kWriters; ++writer) {
+        writers.push_back(fork());
+        if (writers.back() == 0) {
+            std::filesystem::path aside;
+            const Box box(file_, aside);
+            for (uint32_t i = 0; i < kEach; ++i) {
+                WriteWhole(box, writer * kEach + i + 1);
+            }
+            _exit(0);
+        }
+    }
+    for (const pid_t writer : writers) {
+        int status = 0;
+        waitpid(writer, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    const Contents contents = host::blackbox::Read(dir_.Path());
+    EXPECT_EQ(contents.records.size() + contents.damaged, host::blackbox::kSlotNum);
+    EXPECT_LE(contents.damaged, kWriters) << "writers that were overtaken by a whole round";
+    std::set<uint64_t> sequences;
+    for (const host::blackbox::Record &record : contents.records) {
+        EXPECT_GT(record.sequence, kWriters * kEach - host::blackbox::kSlotNum);
+        EXPECT_TRUE(sequences.insert(record.sequence).second);
+    }
+}
+
+TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
+    InKilledProcess([](const Box &box) {
+        Slot &slot = box.Take();
+        memset(&slot.head, 'x', sizeof slot.head);
+        Box::SealHead(slot);
+        memset(&slot.stack, 'x', sizeof slot.stack);
+        Box::SealStack(slot);
+    });
+    const Contents contents = host::blackbox::Read(dir_.Path());
+    ASSERT_EQ(contents.records.size(), 1);
+    const host::blackbox::Record &record = contents.records[0];
+    EXPECT_EQ(record.head.registerNum, std::size(record.head.registers));
+    EXPECT_EQ(record.stack.frameNum, host::blackbox::kFrameNum);
+    EXPECT_EQ(strlen(record.head.text), sizeof record.head.text - 1);
+    EXPECT_EQ(strlen(record.stack.frames[31].function), sizeof record.stack.frames[31].function - 1);
+}
+
+} // namespace

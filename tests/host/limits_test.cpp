@@ -1,0 +1,398 @@
+// Peers that stall, flood or talk nonsense: each is cut off with a reason that is counted, and delays nobody else.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/agent.h"
+#include "types/tarnd.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+
+#include "client/agent.h"
+#include "host/osal/accounting.h"
+#include "host/osal/log.h"
+#include "host/runtime/reply.h"
+#include "host/runtime/server.h"
+#include "host/runtime/status.h"
+#include "kit.h"
+#include "peer.h"
+#include "served.h"
+#include "server/tarnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using peer::OnlineRequest;
+using peer::RawPeer;
+constexpr const char *kTarnd = "TarnSysdiagTarnd";
+
+class LimitsTest : public testing::Test {
+protected:
+    LimitsTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
+        host::Log().set_level(spdlog::level::off);
+        served::On("PidIsOnline", [](const void *, void *replyCtx) {
+            Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
+            return TarnHost_Reply(replyCtx, &online);
+        });
+    }
+
+    ~LimitsTest() override {
+        go_ = true;
+        client_.Shutdown();
+        host::Client::Default().Shutdown();
+        server_.reset();
+        served::Reset();
+        EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
+        host::Log().set_level(spdlog::level::info);
+    }
+
+    void Serve(const host::Limits &limits, unsigned workers = 2) {
+        server_ = std::make_unique<host::Server>(
+            host::ServerOptions{.runDir = dir_.Path(), .workers = workers, .limits = limits, .stopBound = 5000ms});
+        server_->AddService(__module_spec_TarnSysdiagTarnd);
+        server_->AddService(served_module_spec_TarnSysdiagAgent);
+        server_->Start();
+        client_.Configure({.runDir = dir_.Path()});
+        host::Client::Default().Configure({.runDir = dir_.Path()});
+    }
+
+    RawPeer NewPeer() const { return RawPeer(host::Directory(dir_.Path()).Socket(kTarnd, 0)); }
+
+    // Connects by the first call, so it is not refused later.
+    uint64_t Refused(const std::string &name) {
+        host::ServerStatus status;
+        const host::CallOutcome outcome = host::AskStatus(client_, kTarnd, 0, status, 10s);
+        EXPECT_TRUE(outcome.Ok()) << outcome.text;
+        for (const host::NamedValue &value : status.refused) {
+            if (value.name == name) {
+                return value.value;
+            }
+        }
+        ADD_FAILURE() << name;
+        return 0;
+    }
+
+    void ExpectRefused(const std::string &name, uint64_t times = 1) {
+        EXPECT_TRUE(kit::Eventually([&] { return Refused(name) == times; })) << name << " is " << Refused(name);
+    }
+
+    void ExpectOthersServed() {
+        const Tarn_sys_diag_PidIsOnlineInput input{7};
+        const host::CallOutcome outcome = client_.Call(
+            kTarnd, 0, "PidIsOnline", velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>, kit::Encode<Unit>(input), 5s);
+        EXPECT_TRUE(outcome.Ok()) << outcome.text;
+    }
+
+    static void ExpectError(const std::vector<host::Frame> &frames, uint32_t errCode, const std::string &text) {
+        ASSERT_EQ(frames.size(), 1U);
+        EXPECT_EQ(frames[0].header.kind, host::FrameKind::kError);
+        EXPECT_EQ(frames[0].header.errCode, errCode);
+        EXPECT_EQ(host::ErrorText(frames[0].payload), text);
+    }
+
+    // Requests of this method run until the test ends or says so.
+    void Block(const std::string &method) {
+        served::On(method, [this](const void *, void *) {
+            ++blocked_;
+            EXPECT_TRUE(kit::Eventually([&] { return go_.load(); }));
+            return 3U;
+        });
+    }
+
+    static std::vector<uint8_t> TidsRequest(uint64_t id) {
+        host::FrameHeader header;
+        header.id = id;
+        header.typeHash = velto::kTypeHash<Tarn_sys_diag_Pid>;
+        header.deadlineMs = 10000;
+        strcpy(header.service, kTarnd);
+        strcpy(header.method, "GetAllTidsByPid");
+        return host::MakeFrame(header, kit::Encode<Unit>(Tarn_sys_diag_Pid{1}));
+    }
+
+    // Replies of so many bytes, and a few more.
+    static void AnswerTids(size_t bytes) {
+        served::On("GetAllTidsByPid", [bytes](const void *, void *replyCtx) {
+            std::vector<uint32_t> tids(bytes / 4);
+            Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
+            return TarnHost_Reply(replyCtx, &reply);
+        });
+    }
+
+    kit::TempDir dir_;
+    host::Client client_;
+    std::unique_ptr<host::Server> server_;
+    std::atomic<int> blocked_ = 0;
+    std::atomic<bool> go_ = false;
+    const uint64_t liveBefore_;
+};
+
+// --- Connections
+
+TEST_F(LimitsTest, ConnectionsInAll) {
+    Serve({.connections = 3});
+    ExpectOthersServed();
+    {
+        const RawPeer first = NewPeer(), second = NewPeer();
+        ExpectError(NewPeer().Read(), EBUSY, "connection refused: the server has 3 connections already");
+        ExpectRefused("connections");
+        ExpectOthersServed();
+    }
+    EXPECT_TRUE(kit::Eventually([&] {
+        const RawPeer again = NewPeer();
+        again.Send(OnlineRequest(1));
+        return again.Read(1).at(0).header.kind == host::FrameKind::kReply;
+    })) << "there is room again";
+}
+
+TEST_F(LimitsTest, ConnectionsOfOneUser) {
+    Serve({.userConnections = 2});
+    ExpectOthersServed();
+    const RawPeer first = NewPeer();
+    ExpectError(NewPeer().Read(), EBUSY,
+                "connection refused: user " + std::to_string(geteuid()) + " has 2 connections already");
+    ExpectRefused("user_connections");
+}
+
+TEST_F(LimitsTest, TheCallerIsToldWhyItHasNoConnection) {
+    Serve({.connections = 1});
+    const RawPeer first = NewPeer();
+    first.Send(OnlineRequest(1));
+    EXPECT_EQ(first.Read(1).size(), 1U);
+    const host::CallOutcome outcome = client_.Call(kTarnd, 0, "PidIsOnline", 0, {}, 5s);
+    EXPECT_EQ(outcome.errCode, uint32_t{EBUSY});
+    EXPECT_EQ(outcome.text, "connection refused: the server has 1 connections already");
+}
+
+TEST_F(LimitsTest, IdleConnections) {
+    Serve({.idleTime = 200ms});
+    Block("GetAllTidsByPid");
+    const RawPeer busy = NewPeer();
+    busy.Send(TidsRequest(1));
+    const RawPeer idle = NewPeer();
+    EXPECT_TRUE(idle.Read().empty());
+    EXPECT_GE(Refused("idle"), 1U);
+    go_ = true;
+    EXPECT_EQ(busy.Read(1).size(), 1U) << "a connection that waits for an answer is not idle";
+    for (int i = 0; i < 3; ++i) {
+        ExpectOthersServed(); // the client connects anew
+        std::this_thread::sleep_for(300ms);
+    }
+}
+
+// --- Frames
+
+TEST_F(LimitsTest, SilentInTheMiddleOfAFrame) {
+    Serve({.frameTime = 200ms});
+    const RawPeer peer = NewPeer();
+    const std::vector<uint8_t> request = OnlineRequest(1);
+    peer.Send(std::span(request).first(50));
+    ExpectOthersServed();
+    ExpectError(peer.Read(), ETIMEDOUT, "connection refused: a frame not completed within 200 ms");
+    ExpectRefused("silent");
+}
+
+TEST_F(LimitsTest, SilentInTheMiddleOfASecondFrame) {
+    Serve({.frameTime = 200ms});
+    const RawPeer peer = NewPeer();
+    std::vector<uint8_t> bytes = OnlineRequest(1);
+    const std::vector<uint8_t> second = OnlineRequest(2);
+    bytes.insert(bytes.end(), second.begin(), second.begin() + 10);
+    peer.Send(bytes);
+    EXPECT_EQ(peer.Read().size(), 2U) << "the first one's answer, and why it was cut off";
+    ExpectRefused("silent");
+}
+
+TEST_F(LimitsTest, AByteNowAndThen) {
+    Serve({.frameTime = 200ms});
+    const RawPeer peer = NewPeer();
+    const std::vector<uint8_t> bytes = OnlineRequest(1);
+    for (size_t at = 0; at < bytes.size() && Refused("silent") == 0; ++at) {
+        peer.TrySend(std::span(bytes).subspan(at, 1));
+        std::this_thread::sleep_for(20ms);
+    }
+    ExpectRefused("silent");
+}
+
+TEST_F(LimitsTest, GarbageAndOversizeAreCounted) {
+    Serve({.messageBytes = 1000});
+    const uint8_t garbage[] = "GET / HTTP/1.1";
+    const RawPeer talker = NewPeer();
+    talker.Send(garbage);
+    EXPECT_EQ(talker.Read().size(), 1U);
+    const RawPeer large = NewPeer();
+    std::vector<uint8_t> header = OnlineRequest(1);
+    header[34] = 1; // 64 KiB more
+    large.Send(header);
+    ExpectError(large.Read(), EMSGSIZE, "connection refused: message of 65554 bytes, expected at most 1000");
+    ExpectRefused("garbage");
+    ExpectRefused("message_size");
+}
+
+// --- Replies
+
+TEST_F(LimitsTest, PeerThatDoesNotTakeItsReply) {
+    AnswerTids(4 << 20);
+    Serve({.writeTime = 300ms});
+    const RawPeer peer = NewPeer();
+    peer.Send(TidsRequest(1));
+    ExpectOthersServed();
+    ExpectRefused("slow_reader");
+    ExpectOthersServed();
+    host::ServerHealth health;
+    EXPECT_TRUE(kit::Eventually([&] {
+        EXPECT_TRUE(host::AskHealth(client_, kTarnd, 0, health, 10s).Ok());
+        return health.connections == 1;
+    }));
+}
+
+TEST_F(LimitsTest, PeerThatTakesItsReplySlowlyButInTime) {
+    AnswerTids(2 << 20);
+    Serve({.writeTime = 10s});
+    const RawPeer peer = NewPeer();
+    peer.Send(TidsRequest(1));
+    std::this_thread::sleep_for(300ms);
+    const auto frames = peer.Read(1);
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.kind, host::FrameKind::kReply);
+    EXPECT_GE(frames[0].payload.size(), size_t{2} << 20);
+}
+
+TEST_F(LimitsTest, PeerForWhichTooMuchWaits) {
+    AnswerTids(100'000);
+    Serve({.queuedBytes = 500'000});
+    const RawPeer peer = NewPeer();
+    for (uint64_t id = 1; id <= 30; ++id) {
+        peer.TrySend(TidsRequest(id));
+    }
+    ExpectOthersServed();
+    ExpectRefused("queued_bytes");
+    ExpectOthersServed();
+}
+
+// --- Requests
+
+TEST_F(LimitsTest, RequestsInFlight) {
+    Block("GetAllTidsByPid");
+    Serve({.requests = 2});
+    const RawPeer first = NewPeer(), second = NewPeer(), third = NewPeer();
+    first.Send(TidsRequest(1));
+    second.Send(TidsRequest(1));
+    EXPECT_TRUE(kit::Eventually([&] { return blocked_ == 2; }));
+    third.Send(OnlineRequest(1));
+    third.Send(OnlineRequest(2)); // answered though nobody is free to serve
+    const auto frames = third.Read(2);
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{EBUSY});
+    EXPECT_EQ(host::ErrorText(frames[0].payload),
+              "TarnSysdiagTarnd.PidIsOnline: the server has 2 requests in flight, as many as it takes");
+    go_ = true;
+    EXPECT_EQ(first.Read(1).size(), 1U);
+    EXPECT_EQ(second.Read(1).size(), 1U);
+    third.Send(OnlineRequest(3));
+    EXPECT_EQ(third.Read(1).at(0).header.kind, host::FrameKind::kReply);
+    ExpectRefused("requests", 2);
+}
+
+TEST_F(LimitsTest, ARequestWhoseTimePassesBeforeItsTurnIsNotRun) {
+    Block("GetAllTidsByPid");
+    Serve({}, 1);
+    const RawPeer first = NewPeer(), second = NewPeer();
+    first.Send(TidsRequest(1));
+    EXPECT_TRUE(kit::Eventually([&] { return blocked_ == 1; }));
+    second.Send(OnlineRequest(1, 50));
+    std::this_thread::sleep_for(100ms);
+    go_ = true;
+    const auto frames = second.Read(1);
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(served::Freed("PidIsOnline"), 0U);
+    ExpectRefused("expired");
+}
+
+TEST_F(LimitsTest, ACallerThatGoesIsSeenWhileEveryWorkerIsBusy) {
+    std::atomic<int> ended = 0;
+    served::On("GetAllTidsByPid", [&](const void *, void *replyCtx) {
+        ++blocked_;
+        EXPECT_TRUE(kit::Eventually([&] { return TarnHost_Cancelled(replyCtx) == ECANCELED; }));
+        ++ended;
+        return 3U;
+    });
+    Serve({}, 1);
+    {
+        const RawPeer peer = NewPeer();
+        peer.Send(TidsRequest(1));
+        EXPECT_TRUE(kit::Eventually([&] { return blocked_ == 1; }));
+    }
+    EXPECT_TRUE(kit::Eventually([&] { return ended == 1; }));
+    ExpectOthersServed();
+}
+
+// --- Memory
+
+TEST_F(LimitsTest, MemoryThatDecodingAReplyMayTake) {
+    Serve({});
+    served::On("DBGCmdExecResultGet", [](const void *, void *replyCtx) {
+        std::string text(5000, 'x');
+        Tarn_sys_diag_DiagResult reply{0, 42, text.data()};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    const auto call = [&](uint32_t decodedBytes) {
+        host::Client::Default().Configure({.runDir = dir_.Path(), .limits = {.decodedBytes = decodedBytes}});
+        const Tarn_sys_diag_DbgCmdResultGetInput input{};
+        Tarn_sys_diag_DiagResult reply{};
+        const IdlCallResult result = TarnSysdiagAgent_DBGCmdExecResultGet(&input, &reply, nullptr);
+        IdlCodecTable codec{};
+        TarnSysdiagAgent_DBGCmdExecResultGetSetIdl(&codec);
+        codec.pfnFreeUnpacked(&reply);
+        return result.uiErrCode;
+    };
+    EXPECT_EQ(call(5000), uint32_t{EBADMSG});
+    EXPECT_EQ(call(6000), 0U) << TarnHost_LastError();
+}
+
+TEST_F(LimitsTest, MemoryThatDecodingARequestMayTake) {
+    Serve({.decodedBytes = 100});
+    std::string name(200, 'x');
+    const Tarn_sys_diag_GetTaskInfoInput input{1, 2, name.data(), 3, 4};
+    const auto answer = kit::Call<Unit, Tarn_sys_diag_GetTaskInfoResult>(client_, kTarnd, 0, "GetTaskInfo", input);
+    EXPECT_EQ(answer.Status(), 12U);
+}
+
+// --- Settings
+
+std::string ErrorOf(const std::string &assignment) {
+    host::Limits limits;
+    try {
+        host::SetLimit(limits, assignment);
+    } catch (const std::invalid_argument &error) {
+        return error.what();
+    }
+    return "";
+}
+
+TEST(LimitSettings, EachIsSetByItsName) {
+    host::Limits limits;
+    for (const host::LimitInfo &limit : host::DescribeLimits(limits)) {
+        host::SetLimit(limits, std::string(limit.name) + "=77");
+    }
+    for (const host::LimitInfo &limit : host::DescribeLimits(limits)) {
+        EXPECT_EQ(limit.value, 77U) << limit.name;
+    }
+    EXPECT_EQ(limits.connections, 77U);
+    EXPECT_EQ(limits.writeTime, 77ms);
+}
+
+TEST(LimitSettings, BadOnesAreRefused) {
+    EXPECT_EQ(ErrorOf("connections="), "limit connections: \"\", expected a number from 1 to 2147483647");
+    EXPECT_EQ(ErrorOf("connections"), "limit connections: \"\", expected a number from 1 to 2147483647");
+    EXPECT_EQ(ErrorOf("connections=0"), "limit connections: \"0\", expected a number from 1 to 2147483647");
+    EXPECT_EQ(ErrorOf("connections=1k"), "limit connections: \"1k\", expected a number from 1 to 2147483647");
+    EXPECT_EQ(ErrorOf("connections=4294967295"),
+              "limit connections: \"4294967295\", expected a number from 1 to 2147483647");
+    EXPECT_EQ(ErrorOf("speed=1").find("limit \"speed\", expected NAME=VALUE with one of message_bytes, "), 0U);
+}
+
+} // namespace

@@ -1,0 +1,87 @@
+// The manual pages name the commands and options that the programs have, and no others.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+namespace {
+
+using Names = std::set<std::string>;
+
+std::string OutputOf(const std::string &command) {
+    std::string output;
+    FILE *const pipe = popen(command.c_str(), "r");
+    std::array<char, 4096> part{};
+    for (size_t size; (size = fread(part.data(), 1, part.size(), pipe)) > 0;) {
+        output.append(part.data(), size);
+    }
+    EXPECT_EQ(pclose(pipe), 0) << command << ": " << output;
+    return output;
+}
+
+Names MatchesOf(const std::string &text, const char *pattern) {
+    const std::regex regex(pattern, std::regex::multiline);
+    Names names;
+    for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
+        names.insert((*at)[1]);
+    }
+    return names;
+}
+
+// The options of a program or a command, as its help lists them.
+Names OptionsOf(const std::string &command) {
+    Names options = MatchesOf(OutputOf(command + " --help"), "^ +(--?[a-z][a-z-]*)");
+    options.erase("-h"); // every program has it
+    return options;
+}
+
+// The options that a page, or the section of a command, has an entry for.
+Names EntriesOf(const std::string &page) {
+    Names options;
+    for (const std::string &name : MatchesOf(page, "^\\.It Fl ([a-z-]+)")) {
+        options.insert("-" + name);
+    }
+    return options;
+}
+
+std::string Page(const std::string &name) {
+    std::ifstream file(std::string(MANUALS) + "/" + name);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(Manual, NamesTheCommandsOfTarnctlWithTheirOptions) {
+    const std::string page = Page("tarnctl.1");
+    const std::string help = OutputOf(std::string(TARNCTL) + " --help");
+    const Names commands = MatchesOf(help.substr(help.find("Subcommands:")), "^  ([a-z]+)  ");
+    ASSERT_GT(commands.size(), 5u) << help;
+    EXPECT_EQ(MatchesOf(page, "^\\.Ss ([a-z]+)"), commands);
+    for (const std::string &command : commands) {
+        const size_t begin = page.find("\n.Ss " + command);
+        const size_t end = page.find("\n.S", begin + 1);
+        EXPECT_EQ(EntriesOf(page.substr(begin, end - begin)), OptionsOf(TARNCTL " " + command)) << command;
+    }
+}
+
+TEST(Manual, NamesTheExitCodesOfTarnctl) {
+    const std::string help = OutputOf(TARNCTL " --help");
+    const std::string page = Page("tarnctl.1");
+    EXPECT_EQ(MatchesOf(page, "^\\.It ([0-9])$"), MatchesOf(help, "^  ([0-9])  "));
+}
+
+TEST(Manual, NamesTheOptionsOfTheDaemonAndTheMaster) {
+    EXPECT_EQ(EntriesOf(Page("tarnd.8")), OptionsOf(TARND));
+    EXPECT_EQ(EntriesOf(Page("tarn-master.8")), OptionsOf(TARN_MASTER));
+}
+
+TEST(Manual, IsWellFormed) {
+    for (const char *page : {"tarnctl.1", "tarnd.8", "tarn-master.8"}) {
+        EXPECT_EQ(OutputOf(std::string("mandoc -T lint -W warning " MANUALS "/") + page), "");
+    }
+}
+
+} // namespace

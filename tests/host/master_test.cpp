@@ -1,0 +1,488 @@
+// The master: its configuration file, its answers, and what it and the daemon tell each other.
+#include "host/answer/unit.h"
+#include "server/frame.h"
+
+TARN_UNIT()
+
+#include "types/master.h"
+#include "types/tarnd.h"
+
+#include <ctime>
+
+#include <atomic>
+
+#include "host/answer/answer.h"
+#include "host/master/config.h"
+#include "host/runtime/server.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char *kConfig = R"(# of the tests
+[zone]
+name = Europe/Berlin
+offset = 60   # minutes
+
+[daylight-saving]
+name = CEST
+offset = 60
+start = M3.5.0/02:00:00
+end = M10.5.0/03:00:00
+
+[cpu-overload system]
+over = 900
+recover = 850
+seconds = 10
+[cpu-overload worker]
+over = 500
+[cpu-overload worker board2]
+over = 600
+
+[memory-overload system]
+over = 910
+recover = 820
+
+[physical 0 1 2]
+name = fan board
+type = 7
+number = 3
+
+[auto-update]
+enabled = yes
+period = 24
+hour = 3
+
+[process]
+text = what whoever asks is told
+instances = 1
+restarts = 3
+timeout = 30
+
+[measurement]
+time = 03:30
+mode = learn
+)";
+
+std::string With(std::string text, const std::string &from, const std::string &to) {
+    EXPECT_NE(text.find(from), std::string::npos) << from;
+    return text.replace(text.find(from), from.size(), to);
+}
+
+master::Config Parse(const std::string &text) {
+    std::istringstream stream(text);
+    return master::ParseConfig(stream, "master.conf");
+}
+
+TEST(MasterConfig, ReadsEverySection) {
+    const master::Config config = Parse(kConfig);
+    EXPECT_EQ(config.zone, (host::Zone{"Europe/Berlin", 60}));
+    ASSERT_TRUE(config.dst);
+    EXPECT_EQ(host::TextOf(config.dst), "CEST (+60 minutes) from M3.5.0/02:00:00 to M10.5.0/03:00:00");
+    EXPECT_EQ(config.cpuOverload.size(), 3);
+    EXPECT_EQ(config.cpuOverload.at({"system", ""}), (master::Thresholds{900, 850, 10}));
+    EXPECT_EQ(config.cpuOverload.at({"worker", "board2"}), (master::Thresholds{600, 600, 0}));
+    EXPECT_EQ(config.memoryOverload.at({"system", ""}), (master::Thresholds{910, 820, 0}));
+    EXPECT_EQ(config.physical.at({0, 1, 2}).name, "fan board");
+    EXPECT_EQ(config.autoUpdate->periodHours, 24);
+    EXPECT_EQ(config.process->text, "what whoever asks is told");
+    EXPECT_EQ(config.measurement->times.ucValue1, 3);
+    EXPECT_EQ(config.measurement->times.ucValue2, 30);
+    EXPECT_EQ(config.measurement->mode, 2);
+    EXPECT_FALSE(Parse("").zone) << "every section is optional";
+    const auto every = Parse(With(kConfig, "03:30", "every 10 min")).measurement->times;
+    EXPECT_EQ(every.ucValue1, 255);
+    EXPECT_EQ(every.ucValue2, 10);
+}
+
+TEST(MasterConfig, TakesItsExample) {
+    const master::Config config = master::LoadConfig(TARN_MASTER_EXAMPLE);
+    EXPECT_TRUE(config.zone && config.dst && config.autoUpdate && config.process && config.measurement);
+    EXPECT_EQ(config.cpuOverload.count({"system", "small-board"}), 1);
+    EXPECT_EQ(config.memoryOverload.size(), 1);
+    EXPECT_EQ(config.physical.size(), 1);
+}
+
+TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
+    struct Case {
+        const char *from;
+        const char *to;
+        const char *why;
+    };
+    for (const Case &c : std::vector<Case>{
+             {"[zone]", "[zones]", "master.conf:2: [zones] is no section, expected zone, "},
+             {"[zone]", "[zone", "master.conf:2: \"[zone\", expected [section]"},
+             {"[zone]", "", "master.conf:3: \"name = Europe/Berlin\", expected [section]"},
+             {"[zone]", "[zone 1]", "master.conf:2: [zone 1] takes no further words"},
+             {"name = Europe/Berlin", "nam = x", "master.conf:2: [zone] has no name"},
+             {"name = Europe/Berlin", "name", "master.conf:3: \"name\", expected key = value"},
+             {"name = Europe/Berlin", "name = ../x", "master.conf:2: [zone] szTimezoneName is \"../x\""},
+             {"name = Europe/Berlin", "name = a\nname = b",
+              "master.conf:4: [zone] name is stated again; first in line 3"},
+             {"name = Europe/Berlin", "name = a\ncolour = b",
+              "master.conf:4: [zone] has no key \"colour\", expected name"},
+             {"offset = 60 ", "offset = 841 ",
+              "master.conf:4: [zone] offset: the value is \"841\", expected a number "
+              "from -720 to 840"},
+             {"offset = 60 ", "offset = 6O ", "master.conf:4: [zone] offset: the value is \"6O\""},
+             {"offset = 60 ", "offset = ", "master.conf:4: [zone] offset: the value is \"\""},
+             {"start = M3.5.0/02:00:00", "start = soon",
+              "master.conf:9: [daylight-saving] start: a change of clocks is "
+              "\"soon\", expected such as"},
+             {"end = M10", "end = M3",
+              "master.conf:6: [daylight-saving] the end is M3.5.0/03:00:00, expected at least"},
+             {"over = 900", "over = 1001", "master.conf:13: [cpu-overload system] over: the value is \"1001\""},
+             {"recover = 850", "recover = 901", "master.conf:12: [cpu-overload system] the share below which"},
+             {"[cpu-overload worker]", "[cpu-overload system]", "master.conf:16: [cpu-overload system] is there twice"},
+             {"[cpu-overload worker]", "[cpu-overload]", "master.conf:16: [cpu-overload] expected a name"},
+             {"[physical 0 1 2]", "[physical 0 1]", "[physical 0 1] expected frame, slot and port"},
+             {"enabled = yes", "enabled = maybe", "enabled: the value is \"maybe\", expected no, yes"},
+             {"time = 03:30", "time = 24:00", "time: the value is \"24:00\", expected a time such as 03:30"},
+             {"time = 03:30", "time = every 0 s", "time: the value is \"every 0 s\""},
+             {"mode = learn", "mode = all", "mode: the value is \"all\", expected off, report, learn"},
+         }) {
+        SCOPED_TRACE(c.to);
+        try {
+            Parse(With(kConfig, c.from, c.to));
+            ADD_FAILURE() << "was taken";
+        } catch (const std::runtime_error &error) {
+            EXPECT_NE(std::string(error.what()).find(c.why), std::string::npos) << error.what() << "\n" << c.why;
+        }
+    }
+    EXPECT_THROW(Parse("[daylight-saving]\nname=a\noffset=60\nstart=M3.5.0/02:00:00\nend=M9.5.0/02:00:00\n"),
+                 std::runtime_error)
+        << "without a zone";
+    EXPECT_THROW(master::LoadConfig("/no/such/file"), std::runtime_error);
+}
+
+class MasterTest : public kit::DaemonTest<Unit> {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory(logs_);
+        Write(kConfig);
+        StartMaster();
+    }
+    void TearDown() override {
+        if (master_ != nullptr) {
+            EXPECT_EQ(master_->Stop(), 0) << master_->Err();
+        }
+        DaemonTest::TearDown();
+    }
+
+    void Write(const std::string &text) const { std::ofstream(file_, std::ios::trunc) << text; }
+    void StartMaster() {
+        master_ = std::make_unique<kit::Process>(dir_.Path(),
+                                                 std::vector<std::string>{TARN_MASTER, file_, "--run-dir", dir_.Path(),
+                                                                          "--state-dir", dir_.Path() / "master-state"});
+        ASSERT_TRUE(MasterLogged("serving in"));
+    }
+    bool MasterLogged(const std::string &text) const {
+        return kit::Eventually([&] { return master_->Err().find(text) != std::string::npos; });
+    }
+
+    template <class Response, class Request = Tarn_sys_diag_None>
+    kit::Answer<Unit, Response> Ask(const char *method, const Request &request = {}) {
+        return kit::Call<Unit, Response>(client_, "TarnSysdiagMaster", 0, method, request);
+    }
+    kit::Answer<Unit, Tarn_sys_diag_OvLoadMemCtlOutput> MemoryConfig(std::string_view name = "system") {
+        Tarn_sys_diag_OvLoadMemCtlInput request{};
+        kit::Set(request.acName1, name);
+        return Ask<Tarn_sys_diag_OvLoadMemCtlOutput>("GetMemoryOvLoadCfgInfo", request);
+    }
+    uint32_t ChangeMemory(uint32_t over, uint32_t recover, std::string_view name = "system") {
+        Tarn_sys_diag_OvLoadMemCtlOutput request{};
+        kit::Set(request.acName1, name);
+        kit::Set(request.acName3, "the test");
+        request.uiValue1 = over;
+        request.uiValue2 = recover;
+        return Ask<Tarn_sys_diag_None>("MemChangeInnerConfig", request).Status();
+    }
+    uint32_t DaemonsMemoryThreshold() {
+        return Call<Tarn_sys_diag_GetSysMemOverloadCfgOutput>("GetSysMemOverloadCfg", Tarn_sys_diag_None{})->uiValue1;
+    }
+
+    const std::filesystem::path file_ = dir_.Path() / "master.conf";
+    std::unique_ptr<kit::Process> master_;
+};
+
+// Milliseconds since 1970 that a record shows, as if it were GMT.
+int64_t MillisOf(const Tarn_sys_diag_Systime &time) {
+    tm fields{};
+    fields.tm_year = time.usYear - 1900;
+    fields.tm_mon = time.ucMonth - 1;
+    fields.tm_mday = time.ucDay;
+    fields.tm_hour = time.ucHour;
+    fields.tm_min = time.ucMinute;
+    fields.tm_sec = time.ucSecond;
+    return int64_t{timegm(&fields)} * 1000 + time.uiMillisecond;
+}
+
+TEST_F(MasterTest, AnswersFromItsConfiguration) {
+    const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
+    EXPECT_EQ(zone->uiValue1, 1);
+    EXPECT_EQ(std::string(zone->stTimezone.szTimezoneName), "Europe/Berlin");
+    EXPECT_EQ(zone->stTimezone.uiTimezoneOffset, 60);
+    const auto dst = Ask<Tarn_sys_diag_GetDstOutput>("GetDst");
+    EXPECT_EQ(dst->uiValue1, 1);
+    EXPECT_EQ(dst->stDst.ucDstFlag, 1);
+    EXPECT_EQ(dst->stDst.stDstWeek.ucStartMonth, 3);
+    EXPECT_EQ(dst->stDst.stDstWeek.ucEndHour, 3);
+
+    const auto cpu = [&](std::string_view name, std::string_view variant) {
+        Tarn_sys_diag_OvLoadCpuCtlInput request{};
+        kit::Set(request.acName1, name);
+        kit::Set(request.acName2, variant);
+        return Ask<Tarn_sys_diag_OvLoadCpuCtlOutput>("GetCpuOvLoadCfgInfo", request);
+    };
+    EXPECT_EQ(cpu("", "")->uiValue1, 900) << "the system's";
+    EXPECT_EQ(cpu("system", "")->uiValue2, 850);
+    EXPECT_EQ(cpu("system", "")->uiValue3, 10);
+    EXPECT_EQ(cpu("worker", "board2")->uiValue1, 600);
+    const auto fallback = cpu("worker", "board3");
+    EXPECT_EQ(fallback->uiValue1, 500);
+    EXPECT_EQ(std::string(fallback->acName2), "");
+    EXPECT_EQ(cpu("nobody", "").Status(), ENOENT);
+
+    const auto physical = [&](uint32_t port) {
+        return Ask<Tarn_sys_diag_PhyNameAndIDOutput>("GetPhyNameAndID", Tarn_sys_diag_PhysicalAddrInput{0, 1, port});
+    };
+    EXPECT_EQ(std::string(physical(2)->acPhyName), "fan board");
+    EXPECT_EQ(physical(2)->uiValue1, 7);
+    EXPECT_EQ(physical(2)->uiValue2, 3);
+    EXPECT_EQ(physical(3).Status(), ENOENT);
+
+    const auto update = Ask<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>("GetMKAutoUpdCfgInfo");
+    EXPECT_EQ(update->uiValue1, 1);
+    EXPECT_EQ(update->uiValue2, 24);
+    EXPECT_EQ(update->uiValue3, 3);
+    const auto process = Ask<Tarn_sys_diag_MKCfgInfoOutput>("SysdiagGetMKCfgInfo");
+    EXPECT_EQ(std::string(process->acCfgInfo), "what whoever asks is told");
+    EXPECT_EQ(process->uiValue3, 30);
+    EXPECT_EQ(Ask<Tarn_sys_diag_DimTimeCfg>("SysdiagGetDimCfgInfo")->ucValue2, 30);
+    EXPECT_EQ(Ask<Tarn_sys_diag_DimWorkModeCfg>("SysdiagGetDimWorkMode")->uiWorkMode, 2);
+}
+
+TEST_F(MasterTest, SaysWhatIsNotConfigured) {
+    Write("");
+    ASSERT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
+    EXPECT_EQ(Ask<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>("GetMKAutoUpdCfgInfo").Status(), ENODATA);
+    EXPECT_EQ(Ask<Tarn_sys_diag_MKCfgInfoOutput>("SysdiagGetMKCfgInfo").Status(), ENODATA);
+    EXPECT_EQ(Ask<Tarn_sys_diag_DimTimeCfg>("SysdiagGetDimCfgInfo").Status(), ENODATA);
+    EXPECT_EQ(Ask<Tarn_sys_diag_DimWorkModeCfg>("SysdiagGetDimWorkMode").Status(), ENODATA);
+    EXPECT_EQ(MemoryConfig().Status(), ENOENT);
+    EXPECT_EQ(Ask<Tarn_sys_diag_GetDstOutput>("GetDst")->uiValue1, 0);
+    // The system's zone.
+    const time_t now = time(nullptr);
+    tm fields{};
+    localtime_r(&now, &fields);
+    const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
+    EXPECT_EQ(zone->uiValue1, 0);
+    const long standard = fields.tm_gmtoff - (fields.tm_isdst > 0 ? 3600 : 0);
+    EXPECT_EQ(static_cast<int32_t>(zone->stTimezone.uiTimezoneOffset), standard / 60);
+    const auto local = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_NEAR(static_cast<double>(MillisOf(local->stLocalTime)), static_cast<double>((now + fields.tm_gmtoff) * 1000),
+                20'000);
+}
+
+TEST_F(MasterTest, TellsTheTime) {
+    const auto nowMs = [] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const int64_t before = nowMs();
+    const int64_t gmt = MillisOf(Ask<Tarn_sys_diag_GetGmtOutput>("GetGmt")->stGmtTime);
+    const auto local = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_LE(before, gmt);
+    EXPECT_LE(gmt, nowMs());
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    const time_t now = time(nullptr);
+    tm fields{};
+    localtime_r(&now, &fields);
+    unsetenv("TZ");
+    tzset();
+    EXPECT_NEAR(static_cast<double>(MillisOf(local->stLocalTime) - gmt), static_cast<double>(fields.tm_gmtoff * 1000),
+                20'000);
+    EXPECT_EQ(local->ucValue, fields.tm_isdst > 0 ? 1 : 0);
+    EXPECT_EQ(local->uiValue1, 1);
+}
+
+TEST_F(MasterTest, KnowsWhoLeadsAProcess) {
+    const auto leader = [&](uint32_t pid) {
+        return Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{pid});
+    };
+    const auto own = leader(static_cast<uint32_t>(getpid()));
+    ASSERT_EQ(own.Status(), 0);
+    EXPECT_EQ(own->uiValue1, static_cast<uint32_t>(getppid()));
+    EXPECT_EQ(own->uiLPid, static_cast<uint32_t>(getsid(0)));
+    EXPECT_EQ(leader(master_->Pid())->uiValue1, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(leader(kit::EndedPid()).Status(), ESRCH);
+}
+
+TEST_F(MasterTest, ReadsItsConfigurationAgain) {
+    Write(With(kConfig, "Europe/Berlin", "Europe/Paris"));
+    const auto zone = [&] {
+        return std::string(Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone")->stTimezone.szTimezoneName);
+    };
+    EXPECT_EQ(zone(), "Europe/Berlin");
+    master_->Signal(SIGHUP);
+    EXPECT_TRUE(kit::Eventually([&] { return zone() == "Europe/Paris"; }));
+
+    Write("[zone]\nname = Europe/Rome\noffset = far\n");
+    EXPECT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), EINVAL);
+    EXPECT_TRUE(MasterLogged("master.conf:3: [zone] offset: the value is \"far\", expected a number from -720 to 840; "
+                             "what was configured before holds"));
+    EXPECT_EQ(zone(), "Europe/Paris");
+    master_->Signal(SIGHUP);
+    std::filesystem::remove(file_);
+    EXPECT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), EINVAL);
+    EXPECT_EQ(zone(), "Europe/Paris");
+    Write(kConfig);
+    EXPECT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
+    EXPECT_EQ(zone(), "Europe/Berlin");
+}
+
+TEST_F(MasterTest, KeepsWhatIsChanged) {
+    EXPECT_EQ(MemoryConfig()->uiValue3, 0);
+    const auto before = static_cast<uint32_t>(time(nullptr));
+    ASSERT_EQ(ChangeMemory(700, 600), 0);
+    const auto expectChanged = [&] {
+        const auto config = MemoryConfig();
+        EXPECT_EQ(config->uiValue1, 700);
+        EXPECT_EQ(config->uiValue2, 600);
+        EXPECT_EQ(config->uiValue3, 1);
+        EXPECT_EQ(std::string(config->acName3), "the test");
+        EXPECT_EQ(config->uiValue4, 1);
+        EXPECT_GE(config->uiValue5, before);
+    };
+    expectChanged();
+    EXPECT_EQ(ChangeMemory(1001, 600), EINVAL);
+    EXPECT_EQ(ChangeMemory(700, 701), EINVAL);
+    EXPECT_EQ(ChangeMemory(700, 600, "nobody"), ENOENT);
+    expectChanged();
+    master_->Signal(SIGKILL);
+    master_->Wait();
+    StartMaster();
+    expectChanged();
+
+    Write(With(kConfig, "Europe/Berlin", "Europe/Paris")); // which says the same of memory
+    ASSERT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
+    expectChanged();
+    Write(With(kConfig, "over = 910", "over = 920"));
+    ASSERT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
+    EXPECT_EQ(MemoryConfig()->uiValue1, 920);
+    EXPECT_EQ(MemoryConfig()->uiValue3, 0);
+}
+
+TEST_F(MasterTest, ChecksItsConfiguration) {
+    kit::Process good(dir_.Path(), {TARN_MASTER, file_, "--check"});
+    EXPECT_EQ(good.Wait(), 0);
+    Write(With(kConfig, "mode = learn", "mode = teach"));
+    for (const char *option : {"--check", "--run-dir=/nowhere"}) {
+        kit::Process bad(dir_.Path(), {TARN_MASTER, file_, option});
+        EXPECT_EQ(bad.Wait(), 1);
+        EXPECT_NE(bad.Err().find("mode: the value is \"teach\""), std::string::npos) << bad.Err();
+    }
+}
+
+TEST_F(MasterTest, ConfiguresTheDaemon) {
+    StartDaemon();
+    EXPECT_TRUE(Logged("time zone Europe/Berlin (+60 minutes) from the master"));
+    EXPECT_TRUE(Logged("daylight saving CEST (+60 minutes) from M3.5.0/02:00:00 to M10.5.0/03:00:00 from the master"));
+    EXPECT_TRUE(MasterLogged("a daemon announces itself, for the 1. time"));
+    EXPECT_TRUE(kit::Eventually([&] { return DaemonsMemoryThreshold() == 910; }));
+    EXPECT_TRUE(Logged("measurement times 3 30"));
+    const auto cpu = Call<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>("GetSysCpuOverloadCfg", Tarn_sys_diag_None{});
+    EXPECT_EQ(cpu->uiValue1, 900);
+    EXPECT_EQ(cpu->uiValue2, 850);
+    EXPECT_EQ(cpu->uiValue3, 10);
+
+    Write(With(kConfig, "over = 910", "over = 930"));
+    master_->Signal(SIGHUP);
+    EXPECT_TRUE(kit::Eventually([&] { return DaemonsMemoryThreshold() == 930; })) << "is told of a new configuration";
+}
+
+TEST_F(MasterTest, IsFoundWhenItComesLater) {
+    EXPECT_EQ(master_->Stop(), 0);
+    StartDaemon();
+    EXPECT_TRUE(Logged("no master"));
+    EXPECT_NE(DaemonsMemoryThreshold(), 910);
+    StartMaster();
+    EXPECT_TRUE(kit::Eventually([&] { return DaemonsMemoryThreshold() == 910; }));
+}
+
+TEST_F(MasterTest, IsToldWhatAClientChanges) {
+    StartDaemon();
+    EXPECT_TRUE(kit::Eventually([&] { return DaemonsMemoryThreshold() == 910; }));
+    const auto set = [&](uint32_t over) {
+        const auto answer = Call<Tarn_sys_diag_OperResult>("SysOvLoadMemThresholdSet",
+                                                           Tarn_sys_diag_SysOvLoadMemThreshold{over, over - 100});
+        EXPECT_EQ(answer->uiResult, 0);
+    };
+    set(770);
+    EXPECT_TRUE(kit::Eventually([&] { return MemoryConfig()->uiValue1 == 770; }));
+    EXPECT_EQ(MemoryConfig()->uiValue2, 670);
+    EXPECT_EQ(std::string(MemoryConfig()->acName3), "tarnd " + std::to_string(daemon_->Pid()));
+
+    // A change that the master misses reaches it when it is back, and is not undone by what it has.
+    EXPECT_EQ(master_->Stop(), 0);
+    set(660);
+    EXPECT_TRUE(Logged("no master"));
+    StartMaster();
+    EXPECT_TRUE(kit::Eventually([&] { return MemoryConfig()->uiValue1 == 660; }));
+    EXPECT_EQ(DaemonsMemoryThreshold(), 660);
+}
+
+// A master that knows one time zone, and answers nothing else.
+std::atomic<uint32_t> greetings;
+Tarn_sys_diag_GetTimezoneOutput masterReply;
+uint32_t GetTimezone(const Tarn_sys_diag_None *, void *replyCtx) {
+    return TarnHost_Reply(replyCtx, &masterReply);
+}
+void GetTimezone_free(Tarn_sys_diag_GetTimezoneOutput *) {}
+uint32_t DetectSysdiagServerOnline(const Tarn_sys_diag_None *) {
+    ++greetings;
+    return 0;
+}
+TARN_WRAPPER(GetTimezone, None, GetTimezoneOutput)
+TARN_WRAPPER_NO_REPLY(DetectSysdiagServerOnline, None)
+const IdlInterfaceEntry intf_tbl_TarnSysdiagMaster[] = {
+    TARN_RESERVED_INTERFACE_ENTRY, TARN_INTERFACE_ENTRY(GetTimezone, None, GetTimezoneOutput)
+                                       TARN_INTERFACE_ENTRY_NO_REPLY(DetectSysdiagServerOnline, None)};
+const IdlMessageEntry msgdesc_tbl_TarnSysdiagMaster[] = {
+    TARN_RESERVED_MESSAGE_ENTRY, TARN_MESSAGE_ENTRIES(GetTimezone, None, GetTimezoneOutput)
+                                     TARN_MESSAGE_ENTRIES_NO_REPLY(DetectSysdiagServerOnline, None)};
+const IdlModuleSpec oldMasterSpec = TARN_MODULE_SPEC(TarnSysdiagMaster);
+
+class OldMasterTest : public kit::DaemonTest<Unit> {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory(logs_);
+        server_.AddService(oldMasterSpec);
+        server_.Start();
+        masterReply = {};
+        masterReply.uiValue1 = 1;
+        greetings = 0;
+    }
+    host::Server server_{{.runDir = dir_.Path()}};
+};
+
+TEST_F(OldMasterTest, IsGreetedAndGivesItsTimeZone) {
+    kit::Set(masterReply.stTimezone.szTimezoneName, "Asia/Kathmandu");
+    masterReply.stTimezone.uiTimezoneOffset = 345;
+    StartDaemon();
+    EXPECT_TRUE(Logged("time zone Asia/Kathmandu (+345 minutes) from the master"));
+    EXPECT_EQ(greetings, 1);
+}
+
+TEST_F(OldMasterTest, GivesATimeZoneThatMakesNoSense) {
+    kit::Set(masterReply.stTimezone.szTimezoneName, "Asia/Kathmandu");
+    masterReply.stTimezone.uiTimezoneOffset = 20000;
+    StartDaemon();
+    EXPECT_TRUE(Logged("uiTimezoneOffset is 20000"));
+    EXPECT_EQ(daemon_->Err().find("from the master"), std::string::npos);
+}
+
+} // namespace

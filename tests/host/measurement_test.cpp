@@ -1,0 +1,186 @@
+// Measurement, against sha256sum and executables that the test changes.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/master.h"
+#include "types/tarnd.h"
+
+#include "host/daemon/values.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Other processes of the machine come and go, so the tests look for a file of their own.
+class MeasurementTest : public kit::DaemonTest<Unit> {
+protected:
+    std::vector<std::string> Options() const override {
+        return {"--state-dir", state_, "--measure-rate", std::to_string(rateMb_)};
+    }
+
+    // An executable of the test's own, and a process that runs it.
+    std::unique_ptr<kit::Process> StartVictim() {
+        if (!std::filesystem::exists(victim_)) {
+            std::filesystem::copy_file("/bin/sleep", victim_);
+        }
+        return std::make_unique<kit::Process>(dir_.Path(), std::vector<std::string>{victim_, "1000"});
+    }
+    // Bytes behind the end of an executable change nothing but its digest.
+    void ChangeVictim() {
+        const std::filesystem::path other = dir_.Path() / "other";
+        std::filesystem::copy_file(victim_, other);
+        std::ofstream(other, std::ios::app) << "changed";
+        std::filesystem::rename(other, victim_);
+    }
+
+    uint32_t Operate(uint32_t operation) {
+        const auto answer = Call<Tarn_sys_diag_Result>("TarnSetDimOpration", Tarn_sys_diag_DimSetIn{operation});
+        EXPECT_EQ(answer.Status(), 0) << answer.Text();
+        return answer->uiResult;
+    }
+    kit::Answer<Unit, Tarn_sys_diag_DimMeasRst> Result() {
+        return Call<Tarn_sys_diag_DimMeasRst>("TarnGetDimMeasRstByTarnd", Tarn_sys_diag_None{});
+    }
+    uint32_t StateCode() { return Result()->uiValue1; }
+    void SetTimes(uint8_t value1, uint8_t value2) {
+        EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "TarnSetDimTimeCfgByTarnd",
+                                    Tarn_sys_diag_DimTimeCfg{value1, value2}),
+                  0);
+    }
+    void SetMode(uint32_t mode) {
+        EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "TarnSetDimWorkModeCfgByTarnd",
+                                    Tarn_sys_diag_DimWorkModeCfg{mode}),
+                  0);
+    }
+    size_t Count(const std::string &line) const {
+        const std::string log = daemon_->Err();
+        size_t count = 0;
+        for (size_t at = 0; (at = log.find(line + "\n", at)) != log.npos; ++at) {
+            ++count;
+        }
+        return count;
+    }
+
+    uint32_t rateMb_ = 0;
+    const std::filesystem::path state_ = dir_.Path() / "state";
+    const std::filesystem::path victim_ = dir_.Path() / "victim";
+    const std::string changed_ = "measurement: changed: " + victim_.string();
+    const std::string new_ = "measurement: new: " + victim_.string();
+};
+
+std::string Sha256Sum(const std::filesystem::path &path) {
+    const std::unique_ptr<FILE, int (*)(FILE *)> sum(popen(("sha256sum " + path.string()).c_str(), "r"), pclose);
+    char digest[65] = "";
+    EXPECT_EQ(fread(digest, 1, 64, sum.get()), 64);
+    return digest;
+}
+
+TEST_F(MeasurementTest, FindsAnExecutableThatWasChanged) {
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
+    const auto first = StartVictim();
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NO_BASELINE);
+    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_AS_RECORDED);
+    const std::string before = Sha256Sum(victim_);
+    EXPECT_NE(kit::TextOfFile(state_ / "measurement-baseline.json").find(before), std::string::npos);
+
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(changed_) + Count(new_), 0) << daemon_->Err();
+
+    ChangeVictim();
+    const auto second = StartVictim();
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(changed_), 1) << daemon_->Err();
+    const auto result = Result();
+    EXPECT_EQ(result->uiValue1, TARND_DIM_STATE_DIFFERS);
+    EXPECT_GE(result->uiValue2, 1);
+    EXPECT_NE(std::string(result->acMeasResult).find(" changed, "), std::string::npos) << result->acMeasResult;
+
+    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
+    const std::string baseline = kit::TextOfFile(state_ / "measurement-baseline.json");
+    EXPECT_NE(baseline.find(before), std::string::npos) << "the first process still runs it";
+    EXPECT_NE(baseline.find(Sha256Sum(victim_)), std::string::npos);
+
+    ASSERT_EQ(Operate(TARND_DIM_FORGET), 0);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
+    EXPECT_EQ(kit::TextOfFile(state_ / "measurement-baseline.json").find(before), std::string::npos);
+}
+
+TEST_F(MeasurementTest, KeepsTheBaselineBeyondARestart) {
+    auto victim = StartVictim();
+    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
+    daemon_.reset(); // kills it
+    victim.reset();
+    ChangeVictim();
+    StartDaemon();
+    victim = StartVictim();
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(changed_), 1) << daemon_->Err();
+}
+
+TEST_F(MeasurementTest, LearnsNewFilesWhenToldTo) {
+    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
+    const auto victim = StartVictim();
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(new_), 1);
+    SetMode(TARND_DIM_MODE_LEARN);
+    ASSERT_TRUE(Logged("work mode 2"));
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(new_), 2);
+    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Count(new_), 2) << "it is in the baseline now";
+    EXPECT_EQ(Count(changed_), 0);
+}
+
+TEST_F(MeasurementTest, RunsByTime) {
+    SetMode(TARND_DIM_MODE_OFF);
+    ASSERT_TRUE(Logged("work mode 0"));
+    SetTimes(TARND_DIM_EVERY_SECONDS, 1);
+    ASSERT_TRUE(Logged("measurement times 254 1"));
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
+    SetMode(TARND_DIM_MODE_REPORT);
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; }));
+
+    daemon_->Stop();
+    StartDaemon();
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; })) << "times are kept";
+}
+
+TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
+    EXPECT_EQ(Operate(0), EINVAL);
+    EXPECT_EQ(Operate(6), EINVAL);
+    SetTimes(24, 0);
+    EXPECT_TRUE(Logged("ucValue1 is 24"));
+    SetTimes(23, 60);
+    EXPECT_TRUE(Logged("ucValue2 is 60"));
+    SetMode(3);
+    EXPECT_TRUE(Logged("uiWorkMode is 3"));
+}
+
+class SlowMeasurementTest : public MeasurementTest {
+protected:
+    SlowMeasurementTest() { rateMb_ = 1; } // the C library alone takes longer than a second
+};
+
+TEST_F(SlowMeasurementTest, IsGivenUpWithItsCaller) {
+    const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_DimSetIn{TARND_DIM_MEASURE});
+    const host::CallOutcome outcome = client_.Call("TarnSysdiagTarnd", 0, "TarnSetDimOpration",
+                                                   velto::kTypeHash<Tarn_sys_diag_DimSetIn>, request, 1s);
+    EXPECT_EQ(outcome.errCode, ETIMEDOUT) << outcome.text;
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_FAILED; }));
+}
+
+TEST_F(SlowMeasurementTest, IsGivenUpWhenToldTo) {
+    ASSERT_EQ(Operate(TARND_DIM_START), 0);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_RUNS);
+    ASSERT_EQ(Operate(TARND_DIM_CANCEL), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_FAILED; }));
+    ASSERT_EQ(Operate(TARND_DIM_START), 0);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_RUNS) << "the next one is not given up with it; the daemon's end is";
+}
+
+} // namespace

@@ -1,0 +1,272 @@
+// Who may call what: the policy's text, the groups of methods, and callers of another user.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <sstream>
+
+#include "host/osal/log.h"
+#include "host/runtime/catalogue.h"
+#include "host/runtime/policy.h"
+#include "host/runtime/reply.h"
+#include "host/runtime/server.h"
+#include "host/runtime/status.h"
+#include "kit.h"
+#include "peer.h"
+#include "served.h"
+#include "server/tarnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using host::Group;
+using host::Peer;
+using host::Policy;
+
+constexpr uid_t kNobody = 65534;
+
+Policy Parse(const std::string &text) {
+    std::istringstream in(text);
+    return Policy::Parse(in, "policy");
+}
+
+std::string ErrorOf(const std::string &text) {
+    try {
+        Parse(text);
+    } catch (const std::runtime_error &error) {
+        return error.what();
+    }
+    return "";
+}
+
+// --- Groups
+
+TEST(Groups, EveryMethodThatChangesOrShowsMoreThanFiguresIsNoReading) {
+    for (const host::MethodInfo &method : host::Catalogue()) {
+        const bool harmless = method.method.find("Set") != 0 && method.method.find("Dump") != 0 &&
+                              method.method.find("Reset") != 0 && method.method.find("Zip") != 0 &&
+                              method.method.find("Update") != 0 && method.method.find("Clear") != 0 &&
+                              method.method.find("DBGCmd") != 0 && method.method.find("CallStack") == std::string::npos;
+        EXPECT_TRUE(harmless || host::GroupOf(method.method) != Group::kReading) << method.method;
+    }
+    EXPECT_EQ(host::GroupOf("PidIsOnline"), Group::kReading);
+    EXPECT_EQ(host::GroupOf("DumpOsProcMemValue"), Group::kMemory);
+    EXPECT_EQ(host::GroupOf("SetTimezone"), Group::kSettings);
+    EXPECT_EQ(host::GroupOf("ZipLogFile"), Group::kCommands);
+    EXPECT_EQ(host::GroupOf("AgentRegInfo"), Group::kAgents);
+    EXPECT_EQ(host::GroupOf("WhatNobodyKnows"), Group::kCommands);
+}
+
+TEST(Groups, NamesAreFoundAgain) {
+    for (const Group group : host::kGroups) {
+        EXPECT_EQ(host::GroupNamed(host::NameOf(group)), group);
+    }
+    EXPECT_EQ(host::GroupNamed("all"), std::nullopt);
+}
+
+// --- The policy
+
+TEST(PolicyFile, WithoutLinesAllowsTheSameUserAndRoot) {
+    const Policy policy = Parse("# nothing\n\n");
+    for (const char *const method :
+         {"PidIsOnline", "DumpOsProcMemValue", "SetTimezone", "ZipLogFile", "AgentRegInfo"}) {
+        EXPECT_TRUE(policy.Allows({.uid = 0}, method));
+        EXPECT_TRUE(policy.Allows({.uid = geteuid()}, method));
+        EXPECT_FALSE(policy.Allows({.uid = kNobody, .gid = 0}, method));
+        EXPECT_EQ(policy.Text(method), "same-user user:root");
+    }
+    EXPECT_FALSE(policy.AllowsOthers());
+}
+
+TEST(PolicyFile, GroupsAndMethodsOfTheirOwn) {
+    const Policy policy = Parse("reading   anyone        # figures\n"
+                                "memory\tuser:1000   group:2000\n"
+                                "settings  nobody\n"
+                                "SetTimezone  user:1001\n");
+    EXPECT_TRUE(policy.AllowsOthers());
+    EXPECT_TRUE(policy.Allows({.uid = kNobody}, "PidIsOnline"));
+    EXPECT_TRUE(policy.Allows({.uid = 1000}, "DumpOsProcMemValue"));
+    EXPECT_TRUE(policy.Allows({.uid = 5, .gid = 2000}, "DumpOsProcMemValue"));
+    EXPECT_TRUE(policy.Allows({.uid = 5, .gid = 6, .groups = {7, 2000}}, "DumpOsProcMemValue"));
+    EXPECT_FALSE(policy.Allows({.uid = 2000, .gid = 1000, .groups = {1000}}, "DumpOsProcMemValue"));
+    EXPECT_FALSE(policy.Allows({.uid = 0}, "DumpOsProcMemValue")) << "root is not named";
+    EXPECT_FALSE(policy.Allows({.uid = 0}, "SetDst"));
+    EXPECT_FALSE(policy.Allows({.uid = 0}, "SetTimezone"));
+    EXPECT_TRUE(policy.Allows({.uid = 1001}, "SetTimezone"));
+    EXPECT_TRUE(policy.Allows({.uid = 0}, "ZipLogFile")) << "a group without a line";
+    EXPECT_EQ(policy.Text("SetTimezone"), "user:1001");
+}
+
+TEST(PolicyFile, NamesOfTheSystem) {
+    EXPECT_TRUE(Parse("reading user:root").Allows({.uid = 0}, "PidIsOnline"));
+    EXPECT_TRUE(Parse("reading group:root").Allows({.uid = 9, .gid = 0}, "PidIsOnline"));
+    EXPECT_FALSE(Parse("reading group:root").Allows({.uid = 0, .gid = 9}, "PidIsOnline"));
+}
+
+TEST(PolicyFile, MistakesAreToldWithTheirLine) {
+    EXPECT_EQ(ErrorOf("# one\nwriting anyone"),
+              "policy:2: \"writing\", expected reading, memory, settings, commands, agents, or a method's name");
+    EXPECT_EQ(ErrorOf("reading anyone\nreading nobody"), "policy:2: a second line for \"reading\", expected one");
+    EXPECT_EQ(ErrorOf("\n\nreading # anyone"),
+              "policy:3: \"reading\" without who may, expected e.g. same-user, or nobody");
+    EXPECT_EQ(ErrorOf("reading root"),
+              "policy:1: \"root\", expected anyone, nobody, same-user, user:NAME or group:NAME");
+    EXPECT_EQ(ErrorOf("reading user:no-such-user"),
+              "policy:1: no user \"no-such-user\", expected a user's name or number");
+    EXPECT_EQ(ErrorOf("reading user:"), "policy:1: no user \"\", expected a user's name or number");
+    EXPECT_EQ(ErrorOf("reading user:-1"), "policy:1: no user \"-1\", expected a user's name or number");
+    EXPECT_EQ(ErrorOf("reading group:no-such-group"),
+              "policy:1: no group \"no-such-group\", expected a group's name or number");
+    EXPECT_EQ(ErrorOf("reading user:root anyone"), "policy:1: \"anyone\" among others, expected it alone");
+    EXPECT_EQ(ErrorOf("Reading anyone").find("policy:1: \"Reading\""), 0U);
+}
+
+TEST(PolicyFile, OfADirectoryOrNothingIsRefused) {
+    const kit::TempDir dir;
+    try {
+        Policy::Load(dir.Path() / "none");
+        ADD_FAILURE();
+    } catch (const std::runtime_error &error) {
+        EXPECT_EQ(error.what(), (dir.Path() / "none").string() + ": No such file or directory, expected a policy file");
+    }
+    EXPECT_THROW(Policy::Load(dir.Path()), std::runtime_error);
+    std::ofstream(dir.Path() / "policy") << "memory anyone\n";
+    EXPECT_TRUE(Policy::Load(dir.Path() / "policy").Allows({.uid = kNobody}, "DumpOsProcMemValue"));
+}
+
+// --- Callers
+
+class AccessTest : public testing::Test {
+protected:
+    AccessTest() {
+        std::filesystem::permissions(dir_.Path(), std::filesystem::perms(0755));
+        host::Log().set_level(spdlog::level::critical);
+        served::On("PidIsOnline", [](const void *, void *replyCtx) {
+            Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
+            return TarnHost_Reply(replyCtx, &online);
+        });
+    }
+    ~AccessTest() override {
+        server_.reset();
+        served::Reset();
+        host::Log().set_level(spdlog::level::info);
+    }
+
+    void Serve(const std::string &policy) {
+        server_.reset();
+        server_ = std::make_unique<host::Server>(host::ServerOptions{.runDir = dir_.Path(), .policy = Parse(policy)});
+        server_->AddService(__module_spec_TarnSysdiagTarnd);
+        server_->Start();
+    }
+
+    // What another user, with these further groups, is answered. Nothing when it can't even connect.
+    std::vector<host::Frame> AskAs(uid_t user, std::vector<gid_t> groups, const std::vector<uint8_t> &request) {
+        const std::filesystem::path path = host::Directory(dir_.Path()).Socket("TarnSysdiagTarnd", 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        host::UniqueFd in(ends[0]), out(ends[1]);
+        const pid_t child = fork();
+        if (child == 0) { // system calls only: other threads may hold any lock
+            const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+            uint8_t buffer[4096];
+            ssize_t count = 0;
+            if (setgroups(groups.size(), groups.data()) == 0 && setgid(user) == 0 && setuid(user) == 0 &&
+                connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+                send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0 &&
+                (count = recv(fd, buffer, sizeof buffer, 0)) > 0) {
+                count = write(out.Get(), buffer, static_cast<size_t>(count));
+            }
+            _exit(0);
+        }
+        out = host::UniqueFd();
+        const auto frames = peer::RawPeer(in.Release()).Read();
+        waitpid(child, nullptr, 0);
+        return frames;
+    }
+
+    kit::TempDir dir_;
+    std::unique_ptr<host::Server> server_;
+};
+
+TEST_F(AccessTest, AnotherUserIsDeniedWhatThePolicyDoesNotGive) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    Serve("commands anyone");
+    const auto frames = AskAs(kNobody, {}, peer::OnlineRequest(1));
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{EACCES});
+    EXPECT_EQ(host::ErrorText(frames[0].payload),
+              "TarnSysdiagTarnd.PidIsOnline: denied to user 65534; the policy has \"same-user user:root\" (group "
+              "reading)");
+    EXPECT_EQ(served::Freed("PidIsOnline"), 0U);
+
+    host::Client client({.runDir = dir_.Path()});
+    host::ServerStatus status;
+    ASSERT_TRUE(host::AskStatus(client, "TarnSysdiagTarnd", 0, status, 10s).Ok());
+    for (const host::NamedValue &value : status.refused) {
+        EXPECT_EQ(value.value, value.name == "denied" ? 1U : 0U) << value.name;
+    }
+}
+
+TEST_F(AccessTest, ADenialIsLogged) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    host::Log().set_level(spdlog::level::warn);
+    Serve("commands anyone");
+    testing::internal::CaptureStderr();
+    AskAs(kNobody, {}, peer::OnlineRequest(1));
+    server_.reset();
+    host::Log().flush();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("TarnSysdiagTarnd.PidIsOnline: denied to process "),
+              std::string::npos);
+}
+
+TEST_F(AccessTest, AnotherUserMayByItsNumberOrAGroup) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    const auto kind = [&](const std::vector<gid_t> &groups) {
+        const auto frames = AskAs(kNobody, groups, peer::OnlineRequest(1));
+        return frames.size() == 1 ? frames[0].header.kind : host::FrameKind::kCancel;
+    };
+    Serve("reading user:65534");
+    EXPECT_EQ(kind({}), host::FrameKind::kReply);
+    Serve("reading group:4321");
+    EXPECT_EQ(kind({}), host::FrameKind::kError);
+    EXPECT_EQ(kind({4321}), host::FrameKind::kReply);
+    std::vector<gid_t> many(100);
+    std::iota(many.begin(), many.end(), gid_t{4300});
+    EXPECT_EQ(kind(many), host::FrameKind::kReply);
+    Serve("PidIsOnline anyone");
+    EXPECT_EQ(kind({}), host::FrameKind::kReply);
+}
+
+TEST_F(AccessTest, AnotherUserCannotConnectWhereThePolicyGivesNobodyElseAnything) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    Serve("");
+    EXPECT_TRUE(AskAs(kNobody, {}, peer::OnlineRequest(1)).empty());
+}
+
+TEST_F(AccessTest, TheRuntimesOwnServiceIsReading) {
+    Serve("reading nobody");
+    host::Client client({.runDir = dir_.Path()});
+    host::ServerHealth health;
+    const host::CallOutcome outcome = host::AskHealth(client, "TarnSysdiagTarnd", 0, health, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{EACCES});
+    EXPECT_NE(outcome.text.find("the policy has \"nobody\" (group reading)"), std::string::npos) << outcome.text;
+}
+
+} // namespace

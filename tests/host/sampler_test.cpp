@@ -1,0 +1,112 @@
+// The sampler's rings, at a hundred times their pace, against what the test itself sees of a process.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <atomic>
+#include <mutex>
+
+#include "host/daemon/rates.h"
+#include "host/daemon/sampler.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kit::Subject;
+using tarnd::Sampler;
+
+class SamplerTest : public testing::Test {
+protected:
+    bool Samples(uint64_t number) {
+        return kit::Eventually([&] { return sampler_.TheCost().samples >= number; });
+    }
+
+    const kit::TempDir dir_;
+    Sampler sampler_;
+};
+
+TEST_F(SamplerTest, KeepsAsMuchAsItSays) {
+    sampler_.Start(10ms);
+    ASSERT_TRUE(Samples(2 * Sampler::kWholeSamples));
+    const std::vector<tarnd::SamplePtr> recent = sampler_.Recent();
+    EXPECT_EQ(recent.size(), Sampler::kWholeSamples);
+    for (size_t i = 1; i < recent.size(); ++i) {
+        EXPECT_LT(recent[i - 1]->system.at, recent[i]->system.at);
+        EXPECT_GE(recent[i]->system.cpu.Total(), recent[i - 1]->system.cpu.Total());
+    }
+    EXPECT_EQ(sampler_.Recent(3).size(), 3);
+    EXPECT_GE(sampler_.History().size(), 2 * Sampler::kWholeSamples);
+
+    // A point for every 60th sample of those that are not whole any more, and for each that is.
+    const std::vector<tarnd::ProcessPoint> points = sampler_.HistoryOf(static_cast<uint32_t>(getpid()));
+    EXPECT_GE(points.size(), Sampler::kWholeSamples + 1);
+    EXPECT_LE(points.size(), Sampler::kWholeSamples + Sampler::kCoarseSamples);
+    for (size_t i = 1; i < points.size(); ++i) {
+        ASSERT_LT(points[i - 1].at, points[i].at);
+        ASSERT_LE(points[i - 1].cpuTicks, points[i].cpuTicks);
+    }
+    EXPECT_TRUE(sampler_.HistoryOf(kit::EndedPid()).empty());
+}
+
+TEST_F(SamplerTest, SpansAtLeastWhatIsAskedFor) {
+    sampler_.Start(10ms);
+    ASSERT_TRUE(Samples(60));
+    EXPECT_GE(std::chrono::steady_clock::now() - sampler_.Before(100ms)->system.at, 100ms);
+    const Sampler::Window window = sampler_.Last(100ms);
+    EXPECT_GE(window.Length(), 100ms);
+    EXPECT_LT(window.Length(), 5s);
+    EXPECT_GT(sampler_.Last({}).Length(), 0ns) << "never two times the same sample";
+    EXPECT_EQ(sampler_.Before(24h), sampler_.Recent().front()) << "as far back as there is any";
+}
+
+TEST_F(SamplerTest, HasOneSampleAtFirst) {
+    sampler_.Start(1h);
+    EXPECT_EQ(sampler_.Recent().size(), 1);
+    EXPECT_THROW(sampler_.Last({}), std::system_error);
+    ASSERT_TRUE(Samples(2)) << "the second is not an hour away";
+    EXPECT_GT(sampler_.Last({}).Length(), 0ns);
+}
+
+TEST_F(SamplerTest, FollowsTheThreadsOfAProcess) {
+    const Subject subject(dir_);
+    sampler_.Start(20ms);
+    ASSERT_TRUE(Samples(50));
+    const Sampler::Window window = sampler_.Last(500ms);
+    const tarnd::ProcessSample *const to = window.to->Find(subject.Pid());
+    ASSERT_NE(to, nullptr);
+    const tarnd::ProcessSample *const from = window.from->Find(*to);
+    ASSERT_NE(from, nullptr);
+    EXPECT_EQ(to->name, "host_subject");
+    EXPECT_EQ(to->threadNum, 3);
+    std::vector<tarnd::ThreadUse> uses = tarnd::ThreadUses(from, *to);
+    ASSERT_EQ(uses.size(), 3);
+    tarnd::KeepBusiest(uses, 2);
+    ASSERT_EQ(uses.size(), 2);
+    EXPECT_EQ(uses[0].tid, subject.tids.at("burner"));
+    EXPECT_GT(uses[0].usedNs, uses[1].usedNs);
+    // Ticks and the scheduler's count tell the same, but for a tick at each end.
+    const double ticksNs = static_cast<double>(tarnd::TicksToNs(to->cpuTicks - from->cpuTicks));
+    EXPECT_NEAR(static_cast<double>(uses[0].usedNs), ticksNs, 50e6);
+}
+
+TEST_F(SamplerTest, CallsItsHooksInOrderAndOutlivesWhatTheyThrow) {
+    std::mutex mutex;
+    std::vector<std::pair<tarnd::SamplePtr, tarnd::SamplePtr>> calls;
+    sampler_.OnSample("a hook that fails", [](const auto &, const auto &) { throw std::runtime_error("on purpose"); });
+    sampler_.OnSample("a hook", [&](const auto &previous, const auto &latest) {
+        const std::lock_guard lock(mutex);
+        calls.emplace_back(previous, latest);
+    });
+    sampler_.Start(10ms);
+    ASSERT_TRUE(Samples(10));
+    sampler_.Stop();
+    ASSERT_GE(calls.size(), 9);
+    for (size_t i = 1; i < calls.size(); ++i) {
+        EXPECT_EQ(calls[i].first, calls[i - 1].second);
+    }
+}
+
+} // namespace

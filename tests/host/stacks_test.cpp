@@ -1,0 +1,252 @@
+// Call stacks of a process that the tests know, from the library and from the daemon.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <sys/ptrace.h>
+
+#include "host/procfs/procfs.h"
+#include "host/stacks/stacks.h"
+#include "tests/host/daemon_kit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kit::EndedPid;
+using kit::Subject;
+
+int ErrorOf(const std::function<void()> &action) {
+    try {
+        action();
+    } catch (const std::system_error &error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+size_t CountFunction(const host::stacks::Stack &stack, const std::string &name) {
+    return static_cast<size_t>(
+        std::count_if(stack.frames.begin(), stack.frames.end(), [&](const host::stacks::Frame &frame) {
+            return frame.function.find(name) != std::string::npos;
+        }));
+}
+
+uint64_t TracerOf(uint32_t pid) {
+    return host::procfs::FieldOf(kit::TextOfFile("/proc/" + std::to_string(pid) + "/status"), "TracerPid");
+}
+
+class StacksTest : public testing::Test {
+protected:
+    char State(const char *thread) { return host::procfs::ReadThread(subject_.Pid(), subject_.tids.at(thread)).state; }
+    bool Sleeps() {
+        return kit::Eventually([&] { return State("sleeper") == 'S'; });
+    }
+
+    const kit::TempDir dir_;
+    const Subject subject_{dir_};
+};
+
+TEST_F(StacksTest, NamesTheFunctions) {
+    host::stacks::Process process(subject_.Pid());
+    const host::stacks::Stack burner = process.Read(subject_.tids.at("burner"));
+    ASSERT_GE(burner.frames.size(), 3);
+    EXPECT_NE(burner.frames[0].function.find("BurnCpu(unsigned int volatile&)"), std::string::npos)
+        << burner.frames[0].Text();
+    EXPECT_EQ(burner.frames[0].module, "host_subject");
+    const host::stacks::Frame &last = burner.frames.back();
+    EXPECT_TRUE(last.module.starts_with("libc.so") || last.module.starts_with("libpthread")) << last.Text();
+
+    ASSERT_TRUE(Sleeps());
+    const host::stacks::Stack sleeper = process.Read(subject_.tids.at("sleeper"));
+    EXPECT_EQ(sleeper.frames.size(), host::stacks::kMaxFrames) << "of more";
+    EXPECT_EQ(CountFunction(sleeper, "SleepForGood()"), 1);
+    EXPECT_EQ(CountFunction(sleeper, "Descend(unsigned int)"), sleeper.frames.size() - 2) << "and pause";
+    EXPECT_NE(sleeper.frames[0].function.find("pause"), std::string::npos) << sleeper.frames[0].Text();
+}
+
+TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {
+    ASSERT_TRUE(Sleeps());
+    host::stacks::Process process(subject_.Pid());
+    std::vector<std::chrono::nanoseconds> stops;
+    for (int i = 0; i < 50; ++i) {
+        stops.push_back(process.Read(subject_.tids.at("burner")).stopped);
+        stops.push_back(process.Read(subject_.tids.at("sleeper")).stopped);
+    }
+    std::sort(stops.begin(), stops.end());
+    RecordProperty("median_us", static_cast<int>(stops[stops.size() / 2].count() / 1000));
+    RecordProperty("longest_us", static_cast<int>(stops.back().count() / 1000));
+    EXPECT_GT(stops.front(), 0ns);
+    EXPECT_LT(stops[stops.size() / 2], 20ms);
+
+    EXPECT_EQ(TracerOf(subject_.Pid()), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return State("sleeper") == 'S'; })) << "asleep again, not stopped";
+    const kit::CpuClock clock(subject_.Pid());
+    const auto before = clock.Used();
+    EXPECT_TRUE(kit::Eventually([&] { return clock.Used() > before + 20ms; })) << "the burner runs on";
+}
+
+TEST_F(StacksTest, LeavesAStoppedProcessStopped) {
+    subject_.Signal(SIGSTOP);
+    ASSERT_TRUE(kit::Eventually([&] { return State("burner") == 'T' && State("sleeper") == 'T'; }));
+    host::stacks::Process process(subject_.Pid());
+    EXPECT_EQ(CountFunction(process.Read(subject_.tids.at("burner")), "BurnCpu"), 1);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(State("burner"), 'T');
+    subject_.Signal(SIGCONT);
+    EXPECT_TRUE(kit::Eventually([&] { return State("burner") == 'R'; }));
+}
+
+TEST_F(StacksTest, SaysWhyItCannotRead) {
+    EXPECT_EQ(ErrorOf([] { host::stacks::Process process(EndedPid()); }), ESRCH);
+    if (kit::TextOfFile("/proc/2/comm") == "kthreadd\n") {
+        EXPECT_EQ(ErrorOf([] { host::stacks::Process process(2); }), ENOTSUP);
+    }
+    host::stacks::Process process(subject_.Pid());
+    EXPECT_EQ(ErrorOf([&] { process.Read(EndedPid()); }), ESRCH);
+    const auto burner = static_cast<pid_t>(subject_.tids.at("burner"));
+    ASSERT_EQ(ptrace(PTRACE_SEIZE, burner, nullptr, nullptr), 0);
+    EXPECT_EQ(ErrorOf([&] { process.Read(subject_.tids.at("burner")); }), EPERM) << "a debugger has it";
+    ASSERT_EQ(ptrace(PTRACE_INTERRUPT, burner, nullptr, nullptr), 0);
+    ASSERT_EQ(waitpid(burner, nullptr, __WALL), burner);
+    ASSERT_EQ(ptrace(PTRACE_DETACH, burner, nullptr, nullptr), 0);
+    EXPECT_EQ(ErrorOf([&] { process.Read(subject_.tids.at("burner")); }), 0);
+}
+
+TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
+    const pid_t child = fork();
+    if (child == 0) {
+        uint32_t target = 1;
+        if (geteuid() == 0) {
+            target = subject_.Pid();
+            if (setgid(65534) != 0 || setuid(65534) != 0) {
+                _exit(255);
+            }
+        }
+        _exit(ErrorOf([&] { host::stacks::Process process(target); }));
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), EPERM);
+}
+
+// A signal that arrives while a thread is looked at is not lost.
+TEST_F(StacksTest, LetsSignalsThrough) {
+    host::stacks::Process process(subject_.Pid());
+    std::atomic<bool> stop = false;
+    std::thread reader([&] {
+        while (!stop) {
+            ErrorOf([&] { process.Read(subject_.tids.at("burner")); });
+        }
+    });
+    std::this_thread::sleep_for(20ms);
+    subject_.Signal(SIGTERM);
+    EXPECT_TRUE(kit::Eventually([&] {
+        return ErrorOf([&] { host::procfs::ReadProcess(subject_.Pid()); }) != 0 ||
+               host::procfs::ReadProcess(subject_.Pid()).HasEnded();
+    }));
+    stop = true;
+    reader.join();
+}
+
+// The children by vfork of a thread, which waits for them in a way that can't be interrupted.
+std::vector<pid_t> ChildrenOf(uint32_t pid, uint32_t tid) {
+    std::istringstream text(
+        kit::TextOfFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/children"));
+    return {std::istream_iterator<pid_t>(text), {}};
+}
+
+bool IsBlocked(const Subject &subject, const std::string &thread) {
+    return kit::Eventually(
+        [&] { return host::procfs::ReadThread(subject.Pid(), subject.tids.at(thread)).state == 'D'; });
+}
+
+TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
+    const Subject subject(dir_, 1, 1);
+    const uint32_t tid = subject.tids.at("blocked0");
+    ASSERT_TRUE(IsBlocked(subject, "blocked0"));
+    host::stacks::Process process(subject.Pid());
+    EXPECT_EQ(ErrorOf([&] { process.Read(tid); }), ETIMEDOUT);
+    EXPECT_EQ(TracerOf(subject.Pid()), 0);
+
+    // What it waited for comes: it must not stop now.
+    const std::vector<pid_t> children = ChildrenOf(subject.Pid(), tid);
+    ASSERT_EQ(children.size(), 1);
+    kill(children[0], SIGKILL);
+    EXPECT_TRUE(kit::Eventually([&] {
+        return host::procfs::ReadThread(subject.Pid(), tid).state == 'S' &&
+               CountFunction(process.Read(tid), "SleepForGood") == 1;
+    }));
+}
+
+// ---- The daemon's method ----
+
+class StackMethodTest : public kit::DaemonTest<Unit> {
+protected:
+    auto Stacks(uint32_t pid, uint32_t tid) {
+        return Call<Tarn_sys_diag_CallStackContext>("GetCallStackInfoByTid", Tarn_sys_diag_Tid{pid, tid});
+    }
+};
+
+TEST_F(StackMethodTest, TellsTheStacksOfAProcess) {
+    const Subject subject(dir_);
+    const auto all = Stacks(subject.Pid(), 0);
+    ASSERT_EQ(all.Status(), 0);
+    ASSERT_EQ(all->uiThreadNum, 3);
+    bool found = false;
+    for (uint32_t i = 0; i < all->uiThreadNum; ++i) {
+        const Tarn_sys_diag_CallStackThreadInfo &thread = all->pstThreadInfo[i];
+        EXPECT_EQ(std::string(thread.szName2), "host_subject");
+        ASSERT_GE(thread.uiValue2, 1);
+        ASSERT_LE(thread.uiValue2, 32);
+        EXPECT_NE(thread.aullStackAddr[thread.uiValue2 - 1], 0);
+        if (thread.uiTid == subject.tids.at("burner")) {
+            found = true;
+            EXPECT_EQ(std::string(thread.szThreadName), "burner");
+            EXPECT_NE(std::string(thread.astFuncName[0].szFuncName).find("BurnCpu"), std::string::npos);
+            EXPECT_GT(thread.ullValue1, 0);
+        }
+    }
+    EXPECT_TRUE(found);
+
+    const auto one = Stacks(subject.Pid(), subject.tids.at("sleeper"));
+    ASSERT_EQ(one.Status(), 0);
+    ASSERT_EQ(one->uiThreadNum, 1);
+    EXPECT_EQ(one->pstThreadInfo[0].uiTid, subject.tids.at("sleeper"));
+    EXPECT_EQ(one->uiValue1, one->pstThreadInfo[0].uiValue3);
+}
+
+TEST_F(StackMethodTest, SaysWhyThereAreNone) {
+    const Subject subject(dir_);
+    EXPECT_EQ(Stacks(EndedPid(), 0).Status(), ESRCH);
+    EXPECT_EQ(Stacks(subject.Pid(), daemon_->Pid()).Status(), ESRCH) << "no thread of the subject";
+    EXPECT_EQ(Stacks(subject.tids.at("sleeper"), 0).Status(), ESRCH) << "a thread's id";
+    EXPECT_EQ(Stacks(daemon_->Pid(), 0).Status(), EPERM) << "the daemon can't stop itself";
+}
+
+TEST_F(StackMethodTest, TellsTheOtherStacksOfAProcessWithAThreadThatDoesNotStop) {
+    const Subject subject(dir_, 1, 1);
+    const uint32_t blocked = subject.tids.at("blocked0");
+    ASSERT_TRUE(IsBlocked(subject, "blocked0"));
+    EXPECT_EQ(Stacks(subject.Pid(), blocked).Status(), ETIMEDOUT);
+    const auto all = Stacks(subject.Pid(), 0);
+    ASSERT_EQ(all.Status(), 0);
+    ASSERT_EQ(all->uiThreadNum, 4);
+    for (uint32_t i = 0; i < all->uiThreadNum; ++i) {
+        EXPECT_EQ(all->pstThreadInfo[i].uiValue2 == 0, all->pstThreadInfo[i].uiTid == blocked);
+    }
+}
+
+// Each thread that does not stop takes a while; nobody waits for the stacks of the last.
+TEST_F(StackMethodTest, EndsWithItsDeadline) {
+    const Subject subject(dir_, 1, 40);
+    ASSERT_TRUE(IsBlocked(subject, "blocked39"));
+    const host::CallOutcome outcome =
+        client_.Call("TarnSysdiagTarnd", 0, "GetCallStackInfoByTid", velto::kTypeHash<Tarn_sys_diag_Tid>,
+                     kit::Encode<Unit>(Tarn_sys_diag_Tid{subject.Pid(), 0}), 500ms);
+    EXPECT_FALSE(outcome.Ok());
+    EXPECT_TRUE(Logged("GetCallStackInfoByTid: after the stacks of ")) << daemon_->Err();
+}
+
+} // namespace

@@ -1,0 +1,333 @@
+// Documents and the files below them: what is there after a failure, and what becomes of a damaged file.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "host/store/store.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <map>
+#include <optional>
+#include <set>
+
+#include "tests/host/kit.h"
+#include "tests/host/small_disk.h"
+
+namespace {
+
+using nlohmann::json;
+
+std::set<std::string> NamesOf(const std::filesystem::path &directory) {
+    std::set<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+        names.insert(entry.path().filename());
+    }
+    return names;
+}
+
+// What a process that starts now finds.
+std::optional<json> Stored(const std::filesystem::path &directory, const std::string &name, uint32_t version = 1) {
+    host::Store store;
+    store.Open(directory);
+    std::optional<json> found;
+    store.Load(name, version, [&](const json &content) { found = content; });
+    return found;
+}
+
+int ErrorOf(const std::function<void()> &action) {
+    try {
+        action();
+    } catch (const std::system_error &error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+class StoreTest : public testing::Test {
+protected:
+    void Write(const std::string &file, const std::string &text) const {
+        std::filesystem::create_directories(state_);
+        std::ofstream(state_ / file, std::ios::binary) << text;
+    }
+    // The file of a document, as a store writes it.
+    std::string FileOf(const json &content, uint32_t version = 1) const {
+        const kit::TempDir elsewhere;
+        host::Store store;
+        store.Open(elsewhere.Path());
+        store.Save("doc", version, content);
+        return kit::TextOfFile(elsewhere.Path() / "doc.json");
+    }
+
+    const kit::TempDir dir_;
+    const std::filesystem::path state_ = dir_.Path() / "a" / "state";
+    const json content_{{"name", "Europe/Berlin"}, {"offset", 60}, {"share", 0.1}, {"list", {1, "two", nullptr}}};
+};
+
+TEST_F(StoreTest, FindsADocumentAgain) {
+    {
+        host::Store store;
+        store.Open(state_);
+        EXPECT_FALSE(store.Load("doc", 1, [](const json &) { FAIL(); }));
+        store.Save("doc", 1, {{"older", true}});
+        store.Save("doc", 1, content_);
+        store.Save("other", 1, {});
+    }
+    EXPECT_EQ(Stored(state_, "doc"), content_);
+    EXPECT_EQ(Stored(state_, "other"), json());
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json", "other.json"})) << "nothing is left aside";
+}
+
+TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
+    host::Store store;
+    store.Save("doc", 1, content_);
+    json found;
+    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { found = content; }));
+    EXPECT_EQ(found, content_);
+}
+
+TEST_F(StoreTest, IsOneProcesss) {
+    host::Store store;
+    store.Open(state_);
+    EXPECT_EQ(ErrorOf([&] { host::Store().Open(state_); }), EBUSY);
+}
+
+TEST_F(StoreTest, RefusesNamesThatAreNoFiles) {
+    host::Store store;
+    store.Open(state_);
+    for (const char *name : {"", "..", "a/b", "A", "a.json"}) {
+        EXPECT_THROW(store.Save(name, 1, {}), std::invalid_argument) << name;
+        EXPECT_THROW(store.Load(name, 1, [](const json &) {}), std::invalid_argument) << name;
+    }
+}
+
+TEST_F(StoreTest, GivesAnOlderVersionToWhoMayKnowIt) {
+    Write("doc.json", FileOf(content_, 2));
+    host::Store store;
+    store.Open(state_);
+    uint32_t version = 0;
+    EXPECT_TRUE(store.Load("doc", 3, [&](const json &, uint32_t is) { version = is; }));
+    EXPECT_EQ(version, 2);
+}
+
+TEST_F(StoreTest, SetsANewerVersionAside) {
+    const std::string text = FileOf(content_, 2);
+    Write("doc.json", text);
+    EXPECT_EQ(Stored(state_, "doc", 1), std::nullopt);
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.newer"}));
+    EXPECT_EQ(kit::TextOfFile(state_ / "doc.json.newer"), text);
+}
+
+TEST_F(StoreTest, SetsDamagedFilesAside) {
+    const std::string good = FileOf(content_);
+    Write("doc.json", good);
+    ASSERT_EQ(Stored(state_, "doc"), content_);
+
+    std::string changed = good;
+    changed[changed.find("Berlin")] = 'M';
+    std::string longer = good + "{}";
+    std::map<std::string, std::string> damaged{{"empty", ""},
+                                               {"garbage", std::string("\x00\xFF\x80{{{", 6)},
+                                               {"changed", changed},
+                                               {"longer", longer},
+                                               {"another document's", good},
+                                               {"no envelope", content_.dump()},
+                                               {"deep", std::string(100'000, '[')}};
+    damaged["another document's"].replace(damaged["another document's"].find("\"doc\""), 5, "\"cod\"");
+    for (size_t length = 1; length < good.size() - 1; length += 7) { // without its line feed it is whole
+        damaged["cut to " + std::to_string(length)] = good.substr(0, length);
+    }
+    for (const auto &[what, text] : damaged) {
+        SCOPED_TRACE(what);
+        Write("doc.json", text);
+        EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
+        EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
+        EXPECT_EQ(kit::TextOfFile(state_ / "doc.json.damaged"), text);
+    }
+}
+
+TEST_F(StoreTest, SetsAsideWhatItsOwnerCannotTake) {
+    Write("doc.json", FileOf(content_));
+    host::Store store;
+    store.Open(state_);
+    EXPECT_FALSE(store.Load("doc", 1, [](const json &content) { content.at("name").get<uint32_t>(); }));
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
+}
+
+TEST_F(StoreTest, SetsAsideWhatIsNoFile) {
+    std::filesystem::create_directories(state_);
+    ASSERT_EQ(mkfifo((state_ / "doc.json").c_str(), 0600), 0);
+    EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
+    std::filesystem::create_symlink("/etc/passwd", state_ / "doc.json");
+    EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
+    EXPECT_TRUE(std::filesystem::is_symlink(state_ / "doc.json.damaged"));
+}
+
+TEST_F(StoreTest, RefusesWhatIsNoText) {
+    host::Store store;
+    store.Open(state_);
+    store.Save("doc", 1, content_);
+    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"name", "\xFF"}}); }), EILSEQ);
+    json found;
+    store.Load("doc", 1, [&](const json &content) { found = content; });
+    EXPECT_EQ(found, content_);
+}
+
+TEST_F(StoreTest, LeavesTheOlderDocumentWhenAWriteFails) {
+    {
+        host::Store store;
+        store.Open(state_);
+        store.Save("doc", 1, content_);
+        struct rlimit before {};
+        getrlimit(RLIMIT_FSIZE, &before);
+        const struct rlimit small { 1000, before.rlim_max };
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &small);
+        EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"long", std::string(2000, 'x')}}); }), EFBIG);
+        setrlimit(RLIMIT_FSIZE, &before);
+    }
+    EXPECT_EQ(Stored(state_, "doc"), content_);
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json"}));
+}
+
+TEST_F(StoreTest, LeavesTheOlderDocumentOnAFullDisk) {
+    const kit::SmallDisk disk(state_, "64k");
+    if (!disk.Mounted()) {
+        GTEST_SKIP() << "may not mount";
+    }
+    host::Store store;
+    store.Open(state_);
+    store.Save("doc", 1, content_);
+    disk.Fill();
+    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"long", std::string(9000, 'x')}}); }), ENOSPC);
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json", "filler"}));
+    json found;
+    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { found = content; }));
+    EXPECT_EQ(found, content_);
+    disk.Empty();
+    store.Save("doc", 1, {{"long", std::string(9000, 'x')}});
+}
+
+TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
+    const kit::SmallDisk disk(state_, "64k");
+    if (!disk.Mounted()) {
+        GTEST_SKIP() << "may not mount";
+    }
+    Write("doc.json", FileOf(content_));
+    Write("broken.json", "{");
+    ASSERT_TRUE(disk.ReadOnly(true));
+    host::Store store;
+    store.Open(state_);
+    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { EXPECT_EQ(content, content_); }));
+    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {}); }), EROFS);
+    EXPECT_FALSE(store.Load("broken", 1, [](const json &) { FAIL(); }));
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"broken.json", "doc.json"}));
+    EXPECT_EQ(ErrorOf([&] { host::Store().Open(state_ / "below"); }), ENOENT) << "can't be created";
+}
+
+TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
+    Write(".doc.json.1.0.partial", "{");
+    Write("partial", "not ours");
+    host::Store store;
+    store.Open(state_);
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"partial"}));
+}
+
+// A process that saves without pause is killed at moments of which none is chosen: what it leaves is whole.
+TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
+    uint64_t newest = 0;
+    for (int round = 0; round != 20; ++round) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            host::Store store;
+            store.Open(state_);
+            for (uint64_t i = newest + 1;; ++i) {
+                store.Save("doc", 1, {{"number", i}, {"long", std::string(3000, 'x')}});
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5 + 7 * (round % 5)));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        const auto found = Stored(state_, "doc");
+        if (found) {
+            EXPECT_GE(found->at("number").get<uint64_t>(), newest);
+            newest = found->at("number").get<uint64_t>();
+        }
+        for (const std::string &name : NamesOf(state_)) {
+            EXPECT_EQ(name, "doc.json");
+        }
+    }
+    EXPECT_GT(newest, 0) << "the process never got to save";
+}
+
+class FileAsideTest : public testing::TestWithParam<host::FileAside::Until> {
+protected:
+    // The file's text, and that nothing else is in the directory.
+    std::string OnlyFile() const {
+        EXPECT_EQ(NamesOf(dir_.Path()), std::set<std::string>{"file"});
+        return kit::TextOfFile(dir_.Path() / "file");
+    }
+
+    const kit::TempDir dir_;
+    const host::Descriptor directory_ = host::OpenDirectory(dir_.Path());
+};
+
+INSTANTIATE_TEST_SUITE_P(EachWay, FileAsideTest,
+                         testing::Values(host::FileAside::Until::kUnnamed, host::FileAside::Until::kHidden));
+
+TEST_P(FileAsideTest, IsInvisibleUntilItIsComplete) {
+    {
+        host::FileAside aside(directory_, "file", 0640, GetParam());
+        host::WriteAll(aside.File(), "half", "file");
+        EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "file"));
+        for (const std::string &name : NamesOf(dir_.Path())) {
+            EXPECT_TRUE(host::IsAside(name)) << name;
+        }
+        EXPECT_EQ(host::RemoveAbandoned(directory_), 0) << "a living process's";
+    }
+    EXPECT_EQ(NamesOf(dir_.Path()), std::set<std::string>{});
+    host::FileAside aside(directory_, "file", 0640, GetParam());
+    host::WriteAll(aside.File(), "whole", "file");
+    aside.Commit();
+    EXPECT_EQ(OnlyFile(), "whole");
+}
+
+TEST_P(FileAsideTest, ReplacesAnOlderFileOrKeepsIt) {
+    std::ofstream(dir_.Path() / "file") << "older";
+    {
+        host::FileAside aside(directory_, "file", 0640, GetParam());
+        host::WriteAll(aside.File(), "newer", "file");
+        EXPECT_EQ(ErrorOf([&] { aside.Commit(host::FileAside::Older::kKeep); }), EEXIST);
+    }
+    EXPECT_EQ(OnlyFile(), "older");
+    host::FileAside aside(directory_, "file", 0640, GetParam());
+    host::WriteAll(aside.File(), "newer", "file");
+    aside.Commit();
+    EXPECT_EQ(OnlyFile(), "newer");
+}
+
+TEST_P(FileAsideTest, TakesAFreeNameWithoutReplacing) {
+    host::FileAside aside(directory_, "file", 0640, GetParam());
+    host::WriteAll(aside.File(), "new", "file");
+    aside.Commit(host::FileAside::Older::kKeep);
+    EXPECT_EQ(OnlyFile(), "new");
+}
+
+TEST(Beneath, LeadsOutOfADirectoryByNoPath) {
+    const auto beneath = [](std::string_view path) { return host::NamesBeneath("/var/log", path); };
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(beneath(""), Names{});
+    EXPECT_EQ(beneath("/var/log/"), Names{});
+    EXPECT_EQ(beneath("a//./b"), (Names{"a", "b"}));
+    EXPECT_EQ(beneath("/var/log/a"), Names{"a"});
+    EXPECT_EQ(host::NamesBeneath("/var/log/", "/var/log/a"), Names{"a"});
+    EXPECT_EQ(host::NamesBeneath("/", "/a/b"), (Names{"a", "b"}));
+    for (const char *path : {"..", "a/../b", "/var", "/var/logs", "/var/log/../x", "/"}) {
+        EXPECT_EQ(ErrorOf([&] { beneath(path); }), EACCES) << path;
+    }
+}
+
+} // namespace
