@@ -1,6 +1,6 @@
 #!/bin/bash
 # Builds in release mode, counts ARM instructions, measures, and prints the tables: bench.sh. Results are in
-# build/release/bench: codec.json, call.json, instructions.txt. Options are handed to the codec benchmark, which takes
+# build/release/bench: codec.json, call.json, instructions.txt, roundtrip.txt. Options are handed to the codec benchmark, which takes
 # Google Benchmark's: --benchmark_filter=velto/Result.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,8 +8,8 @@ native=build/release arm=build/arm-bench jobs=${JOBS:-$(nproc)}
 nanopb=$PWD/$arm/nanopb
 result=$native/bench
 
-cmake --preset release -DTARN_BENCH=ON >/dev/null
-cmake --build "$native" -j "$jobs" --target bench_codec bench_call bench_counter
+cmake --preset release -DTARN_BENCH=ON -DBUILD_TESTING=OFF >/dev/null
+cmake --build "$native" -j "$jobs" --target bench_codec bench_call bench_counter bench_roundtrip
 [[ -d $nanopb/usr ]] || bench/nanopb_arm.sh "$nanopb"
 cmake --preset arm -B "$arm" -DTARN_BENCH=ON -DBUILD_TESTING=OFF -DBENCH_GENERATED="$PWD/$result/generated" \
     -DNANOPB_ROOT="$nanopb" >/dev/null
@@ -32,3 +32,5 @@ printf '\n== calls\n'
 printf '\n== codecs\n'
 "$result/bench_codec" "${measure[@]}" --benchmark_out="$result/codec.json" \
     --instructions="$result/instructions.txt" "$@"
+printf '\n== round trips\n'
+"$result/bench_roundtrip" | tee "$result/roundtrip.txt"

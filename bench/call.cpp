@@ -29,7 +29,7 @@ constexpr size_t kCalls = 100;
 
 struct Call {
     std::string name; // call/method
-    std::function<void(size_t)> library, runtime;
+    std::function<void(size_t)> whole, runtime;
 };
 
 template <class Function>
@@ -70,8 +70,7 @@ std::vector<Call> ProxyCalls() {
     return {
         {"SetIdl/DBGCmdExecResultGet", Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGetSetIdl(&codec); }),
          Repeat([] {})},
-        {"sync/DBGCmdExecResultGet",
-         Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGet(&request, &response, nullptr); }),
+        {"sync/DBGCmdExecResultGet", Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGet(&request, &response, nullptr); }),
          Repeat([] { RPC_IdlMsgSyncCall(&result, Invoker(), &request, &response, nullptr, &codec); })},
         {"async/DBGCmdExecResultGet",
          Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGet_async(&request, Callback, nullptr, nullptr); }), Repeat([] {
@@ -129,8 +128,7 @@ public:
     void Add(const char *method, IdlWrapperFn wrapper, void (*implementation)(const Record *)) {
         constexpr server::Shape kShape = server::ShapeOf<Record, Reply>();
         if (known_.insert(kShape).second) {
-            calls_.push_back({std::string(kShapeNames[static_cast<size_t>(kShape)]) + '/' + method,
-                              Repeat([wrapper] {
+            calls_.push_back({std::string(kShapeNames[static_cast<size_t>(kShape)]) + '/' + method, Repeat([wrapper] {
                                   wrapper(bench::RuntimeObject(), bench::RuntimeObject(), &serverCodec);
                               }),
                               Repeat([implementation] { RuntimeOfWrapper<kShape>(implementation); })});
@@ -170,7 +168,7 @@ std::vector<Row> Rows() {
     std::vector<Row> rows;
     for (const std::vector<Call> &calls : {ProxyCalls(), ShapeCalls()}) {
         for (const Call &call : calls) {
-            rows.push_back({"library/" + call.name, call.library});
+            rows.push_back({"library/" + call.name, call.whole});
             rows.push_back({"runtime/" + call.name, call.runtime});
         }
     }
@@ -213,8 +211,8 @@ Counts CountInstructions(const std::string &self) {
     const auto folder = std::filesystem::path(self).parent_path() / "callgrind";
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
-    const std::string command = "valgrind -q --tool=callgrind --callgrind-out-file='" + folder.string() +
-                                "/out' '" + self + "' --count";
+    const std::string command =
+        "valgrind -q --tool=callgrind --callgrind-out-file='" + folder.string() + "/out' '" + self + "' --count";
     if (std::system(command.c_str()) != 0) {
         throw std::runtime_error("cannot count instructions: " + command);
     }
@@ -241,12 +239,14 @@ public:
 };
 
 void Print(const std::map<std::string, double> &times, const Counts &counts) {
-    printf("%-45s %8s %12s %13s %8s\n", "", "ns", "instructions", "runtime's own", "beyond");
+    printf("| %-45s | %5s | %12s | %13s | %6s | %4s | %-6s |\n", "call", "ns", "instructions", "runtime's own",
+           "beyond", "goal", "");
+    printf("|---|---|---|---|---|---|---|\n");
     for (const std::vector<Call> &calls : {ProxyCalls(), ShapeCalls()}) {
         for (const Call &call : calls) {
             const double own = counts.at("runtime/" + call.name);
             const double all = counts.at("library/" + call.name);
-            printf("%-45s %8.1f %12.0f %13.0f %8.0f, goal at most %.0f: %s\n", call.name.c_str(),
+            printf("| %-45s | %5.1f | %12.0f | %13.0f | %6.0f | %4.0f | %-6s |\n", call.name.c_str(),
                    times.at("library/" + call.name), all, own, all - own, kGoal, all - own <= kGoal ? "met" : "MISSED");
         }
     }

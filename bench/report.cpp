@@ -42,9 +42,10 @@ public:
         : out_(out), rows_(rows), instructions_(instructions) {}
 
     void PrintTimes(const std::vector<Message> &messages) {
-        out_ << Format("%-25s %-6s %9s %8s %6s | %9s %6s %6s %-6s | %-13s %9s %6s %6s %-6s\n", "message", "",
-                       "velto ns", "MB/s", "allocs", "floor ns", "ratio", "goal", "", "best peer", "ns",
-                       "ratio", "goal", "");
+        out_ << Format("| %-25s | %-9s | %8s | %6s | %6s | %8s | %5s | %4s | %-6s | %-13s | %8s | %5s | %4s | %-6s |\n",
+                       "message", "operation", "velto ns", "MB/s", "allocs", "floor ns", "ratio", "goal", "",
+                       "best peer", "ns", "ratio", "goal", "");
+        out_ << "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
         for (const char *operation : {"encode", "decode"}) {
             for (const Message &message : messages) {
                 PrintTime(message, operation);
@@ -65,7 +66,7 @@ public:
                 const double plain = Time("velto_unswapped", message, operation);
                 if (plain > 0) {
                     const double ratio = Time("velto", message, operation) / plain;
-                    out_ << Format("%-25s %-6s with the byte-swapped branch: %.3f of the time without\n",
+                    out_ << Format("- %-25s %-6s with the byte-swapped branch: %.3f of the time without\n",
                                    message.spec.name, operation, ratio);
                     sum += std::log(ratio);
                     ++num;
@@ -74,22 +75,23 @@ public:
         }
         if (num != 0) {
             const double mean = std::exp(sum / static_cast<double>(num));
-            out_ << Format("geometric mean %.3f, goal below %.2f: %s\n", mean, kSwapGoal, Met(mean < kSwapGoal));
+            out_ << Format("- geometric mean %.3f, goal below %.2f: %s\n", mean, kSwapGoal, Met(mean < kSwapGoal));
         }
     }
 
     void PrintInstructions(const std::vector<Message> &messages) {
-        out_ << Format("%-25s %-6s %10s %10s %6s %10s %6s\n", "ARM instructions", "", "velto", "floor", "ratio",
-                       "nanopb", "ratio");
+        out_ << Format("| %-25s | %-9s | %9s | %9s | %5s | %9s | %6s |\n", "ARM instructions of", "operation", "velto",
+                       "floor", "ratio", "nanopb", "ratio");
+        out_ << "|---|---|---|---|---|---|---|\n";
         for (const char *operation : {"encode", "decode"}) {
             for (const Message &message : messages) {
                 const double velto = Count("velto", message, operation);
                 const double floor = Count("floor", message, operation);
                 const double nanopb = Count("nanopb", message, operation);
-                out_ << Format("%-25s %-6s %10.0f %10.0f %6.2f", message.spec.name, operation, velto, floor,
+                out_ << Format("| %-25s | %-9s | %9.0f | %9.0f | %5.2f |", message.spec.name, operation, velto, floor,
                                velto / floor);
-                out_ << (std::isnan(nanopb) ? Format(" %10s %6s\n", "-", "-")
-                                            : Format(" %10.0f %6.2f\n", nanopb, nanopb / velto));
+                out_ << (std::isnan(nanopb) ? Format(" %9s | %6s |\n", "-", "-")
+                                            : Format(" %9.0f | %6.2f |\n", nanopb, nanopb / velto));
             }
         }
     }
@@ -123,7 +125,7 @@ private:
             return; // filtered out
         }
         const Row &velto = row->second;
-        out_ << Format("%-25s %-6s %9.1f %8.0f %6.1f", message.spec.name, operation, velto.time,
+        out_ << Format("| %-25s | %-9s | %8.1f | %6.0f | %6.1f |", message.spec.name, operation, velto.time,
                        velto.bytes / velto.time * 1e3, velto.allocations);
         const bool block = message.spec.dominated == Dominated::kByOneBlock;
         const Record &record = message.records.front();
@@ -141,14 +143,16 @@ private:
 
     void PrintFloor(double floor, double velto, double goal) {
         const double ratio = velto / floor;
-        out_ << Format(" | %9.1f %6.2f %6.2f %-6s", floor, ratio, goal, Met(ratio <= goal));
+        out_ << Format(" %8.1f | %5.2f | %4.2f | %-6s |", floor, ratio, goal, Met(ratio <= goal));
     }
 
     void PrintPeer(const char *peer, double time, double velto, double goal) {
-        if (peer != nullptr) {
-            const double ratio = time / velto;
-            out_ << Format(" | %-13s %9.1f %6.2f %6.2f %-6s", peer, time, ratio, goal, Met(ratio >= goal));
+        if (peer == nullptr) {
+            out_ << " - | - | - | - | - |";
+            return;
         }
+        const double ratio = time / velto;
+        out_ << Format(" %-13s | %8.1f | %5.2f | %4.2f | %-6s |", peer, time, ratio, goal, Met(ratio >= goal));
     }
 
     // Of a message with elements: the time per element against that of fewer, and with zeros against without.
@@ -163,14 +167,14 @@ private:
             const auto all = rows_.find("velto/" + name.substr(0, name.size() - zeros.size()) + '/' + operation);
             if (all != rows_.end()) {
                 const double ratio = time / all->second.time;
-                out_ << Format("%-25s %-6s half of the scalars 0: %.2f of the time of all set, goal at most 1: %s\n",
+                out_ << Format("- %-25s %-6s half of the scalars 0: %.2f of the time of all set, goal at most 1: %s\n",
                                name.c_str(), operation, ratio, Met(ratio <= 1));
             }
         } else if (message.spec.elementNum == 256) {
             const auto few = rows_.find(std::string("velto/SysCpuStatInfo_16/") + operation);
             if (few != rows_.end()) {
                 const double ratio = time / 256 / (few->second.time / 16);
-                out_ << Format("%-25s %-6s time per element: %.2f of that of 16, goal at most 1: %s\n", name.c_str(),
+                out_ << Format("- %-25s %-6s time per element: %.2f of that of 16, goal at most 1: %s\n", name.c_str(),
                                operation, ratio, Met(ratio <= 1));
             }
         }

@@ -30,18 +30,20 @@ sizes() {
                 else dynamic += size
             }
         }
-        END { printf "%-28s %8d %8d %8d %8d %8d %8d %8d\n", label, text, code, readonly, dynamic, relro, writable,
+        END { printf "| %-16s | %6d | %6d | %6d | %7d | %6d | %8d | %11d |\n", label, text, code, readonly, dynamic, relro, writable,
               relocations }'
 }
 
-printf '%-28s %8s %8s %8s %8s %8s %8s %8s\n' 'bytes, ARM -O2' text code rodata dynamic relro writable relocs
+printf '| %-16s | %6s | %6s | %6s | %7s | %6s | %8s | %11s |\n' 'bytes, ARM -O2' text code rodata dynamic relro writable \
+    relocations
+printf '|---|---|---|---|---|---|---|---|\n'
 sizes "$library" "the library"
 sizes "$work/nanopb.so" "nanopb, all types"
 text=$($arm-size "$library" | awk 'NR == 2 { print $1 }')
-printf 'text %d bytes, goal under %d: %s\n\n' "$text" $((128 * 1024)) \
+printf '\ntext %d bytes, goal under %d: %s\n\n' "$text" $((128 * 1024)) \
     "$([[ $text -lt 131072 ]] && echo met || echo MISSED)"
 
-printf 'of the library, by kind\n'
+printf '| %-40s | %6s | %7s |\n|---|---|---|\n' 'of the library' bytes symbols
 rodata=$($arm-size -A "$library" | awk '$1 == ".rodata" { print $2 }')
 $arm-nm -S -C -t d --defined-only "$library" | awk -v rodata="$rodata" '
     NF < 4 { next }
@@ -64,6 +66,6 @@ $arm-nm -S -C -t d --defined-only "$library" | awk -v rodata="$rodata" '
         number[kind]++
     }
     END {
-        for (kind in bytes) printf "%-40s %8d bytes in %4d\n", kind, bytes[kind], number[kind]
-        printf "%-40s %8d bytes\n", "strings and unnamed constants", rodata - named
+        for (kind in bytes) printf "| %-40s | %6d | %7d |\n", kind, bytes[kind], number[kind]
+        printf "| %-40s | %6d | %7s |\n", "strings and unnamed constants", rodata - named, ""
     }' | sort -k1

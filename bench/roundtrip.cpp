@@ -1,0 +1,198 @@
+// Round trips to another process, of the host's runtime and of peers: how long a call takes, and how many there are in
+// a second. Each row is measured several times, in turn with the others; the tables have the best of each figure.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "bench/roundtrip.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kSizes[] = {64, 4096, 102400};
+constexpr unsigned kCallers[] = {1, 8};
+constexpr int kRepetitions = 7;
+constexpr auto kTime = 250ms; // of one measurement
+constexpr auto kWarmUp = 50ms;
+
+std::vector<const bench::System *> Systems() {
+    return {&bench::RawSystem(), &bench::RuntimeSystem(), &bench::SdBusSystem(), &bench::GrpcSystem()};
+}
+
+// A server in a process of its own.
+class Server {
+public:
+    Server(const bench::System &system, size_t size) : system_(system), size_(size) {
+        std::string name = (std::filesystem::temp_directory_path() / "tarn-bench-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::runtime_error("no temporary directory");
+        }
+        directory_ = name;
+        std::string bytes = std::to_string(size), self = std::filesystem::canonical("/proc/self/exe"),
+                    serve = "--serve";
+        std::string which = system.Name();
+        char *const arguments[] = {self.data(), serve.data(), which.data(), bytes.data(), name.data(), nullptr};
+        if (posix_spawn(&pid_, self.c_str(), nullptr, nullptr, arguments, environ) != 0) {
+            throw std::runtime_error("can't start " + self);
+        }
+    }
+    ~Server() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        std::filesystem::remove_all(directory_);
+    }
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // A caller whose first call has been answered.
+    std::unique_ptr<bench::Caller> Connect() const {
+        for (int attempt = 0;; ++attempt) {
+            try {
+                auto caller = system_.Connect(directory_, pid_);
+                if (caller->Call() != size_) {
+                    throw std::logic_error(std::string(system_.Name()) + ": a reply of another size");
+                }
+                return caller;
+            } catch (const std::runtime_error &) {
+                if (attempt == 1000) {
+                    throw;
+                }
+                std::this_thread::sleep_for(10ms);
+            }
+        }
+    }
+
+private:
+    const bench::System &system_;
+    const size_t size_;
+    std::string directory_;
+    pid_t pid_ = 0;
+};
+
+struct Figures {
+    double p50 = INFINITY; // us
+    double p99 = INFINITY;
+    double rate = 0; // calls in a second
+
+    void TakeBest(const Figures &other) {
+        p50 = std::min(p50, other.p50);
+        p99 = std::min(p99, other.p99);
+        rate = std::max(rate, other.rate);
+    }
+};
+
+std::vector<double> CallUntil(bench::Caller &caller, Clock::time_point begin, Clock::time_point end) {
+    std::vector<double> times;
+    for (auto now = Clock::now(); now < end;) {
+        caller.Call();
+        const auto after = Clock::now();
+        if (now >= begin) {
+            times.push_back(std::chrono::duration<double, std::micro>(after - now).count());
+        }
+        now = after;
+    }
+    return times;
+}
+
+Figures Measure(const bench::System &system, size_t size, unsigned callers) {
+    const Server server(system, size);
+    std::vector<std::unique_ptr<bench::Caller>> connected;
+    for (unsigned i = 0; i < callers; ++i) {
+        connected.push_back(server.Connect());
+    }
+    const auto begin = Clock::now() + kWarmUp, end = begin + kTime;
+    std::vector<std::vector<double>> times(callers);
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < callers; ++i) {
+        threads.emplace_back([&, i] { times[i] = CallUntil(*connected[i], begin, end); });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    std::vector<double> all;
+    for (const auto &one : times) {
+        all.insert(all.end(), one.begin(), one.end());
+    }
+    if (all.empty()) {
+        throw std::runtime_error(std::string(system.Name()) + ": no call ended");
+    }
+    std::sort(all.begin(), all.end());
+    return {all[all.size() / 2], all[all.size() * 99 / 100],
+            static_cast<double>(all.size()) / std::chrono::duration<double>(kTime).count()};
+}
+
+using Row = std::map<std::string, Figures>; // by system
+
+void Print(size_t size, unsigned callers, const Row &row) {
+    const double raw = row.at("raw").p50, runtime = row.at("runtime").p50;
+    for (const bench::System *const system : Systems()) {
+        const Figures &figures = row.at(system->Name());
+        printf("%7zu %7u  %-8s %9.1f %9.1f %10.0f", size, callers, system->Name(), figures.p50, figures.p99,
+               figures.rate);
+        if (std::string(system->Name()) == "runtime") {
+            printf("   %.2f times raw, goal at most 1.25: %s", runtime / raw, runtime <= 1.25 * raw ? "met" : "MISSED");
+        } else if (system != &bench::RawSystem()) {
+            const double goal = system == &bench::GrpcSystem() ? 5 : 2;
+            printf("   %.2f times the runtime, goal at least %.0f: %s", figures.p50 / runtime, goal,
+                   figures.p50 >= goal * runtime ? "met" : "MISSED");
+        }
+        printf("\n");
+    }
+}
+
+void MeasureAll() {
+    printf("%7s %7s  %-8s %9s %9s %10s\n", "bytes", "callers", "system", "p50 us", "p99 us", "calls/s");
+    for (const size_t size : kSizes) {
+        for (const unsigned callers : kCallers) {
+            Row row;
+            for (int i = 0; i < kRepetitions; ++i) {
+                for (const bench::System *const system : Systems()) {
+                    row[system->Name()].TakeBest(Measure(*system, size, callers));
+                }
+            }
+            Print(size, callers, row);
+        }
+    }
+}
+
+void Serve(const std::string &name, size_t size, const std::string &directory) {
+    for (const bench::System *const system : Systems()) {
+        if (name == system->Name()) {
+            system->Serve(directory, size);
+            return;
+        }
+    }
+    throw std::runtime_error("no such system: " + name);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        if (argc == 5 && strcmp(argv[1], "--serve") == 0) {
+            Serve(argv[2], std::stoul(argv[3]), argv[4]);
+        } else {
+            MeasureAll();
+        }
+    } catch (const std::exception &error) {
+        std::cerr << argv[0] << ": " << error.what() << '\n';
+        return 1;
+    }
+    return 0;
+}
