@@ -67,6 +67,7 @@ void Look() {
             host::Log().info("{}: level {}, before {}, {} permille in use", resource.name, level, info.ucLevel, use);
             changed = true;
         }
+        changed = changed || info.ucResource == 0; // the first look: who has subscribed before it has heard nothing
         info = {resource.id, level, static_cast<uint16_t>(use)};
     }
     if (changed) {
