@@ -54,7 +54,8 @@ public:
         if (error != 0 || dwfl_report_end(dwfl_.get(), nullptr, nullptr) != 0) {
             Fail(error);
         }
-        if (!dwfl_attach_state(dwfl_.get(), nullptr, pid_, &kThreads, this)) {
+        OpenProgram();
+        if (!dwfl_attach_state(dwfl_.get(), elf_.get(), pid_, &kThreads, this)) {
             Fail(ENOTSUP);
         }
     }
@@ -72,6 +73,16 @@ public:
     }
 
 private:
+    // The library would find the program itself, but not say why it could not read it.
+    void OpenProgram() {
+        program_.reset(fopen(("/proc/" + std::to_string(pid_) + "/exe").c_str(), "rbe"));
+        if (program_ == nullptr) {
+            Fail(errno);
+        }
+        elf_version(EV_CURRENT);
+        elf_.reset(elf_begin(fileno(program_.get()), ELF_C_READ_MMAP, nullptr));
+    }
+
     [[noreturn]] void Fail(int error) const {
         if (error == EACCES) {
             error = EPERM;
@@ -161,6 +172,8 @@ private:
     static constexpr Dwfl_Thread_Callbacks kThreads{NextThread, GetThread, ReadMemory, SetRegisters, nullptr, nullptr};
 
     const pid_t pid_;
+    std::unique_ptr<FILE, int (*)(FILE *)> program_{nullptr, fclose};
+    std::unique_ptr<Elf, int (*)(Elf *)> elf_{nullptr, elf_end};
     const std::unique_ptr<Dwfl, void (*)(Dwfl *)> dwfl_;
     const Snapshot *snapshot_ = nullptr;
     std::vector<Frame> frames_;
