@@ -140,6 +140,13 @@ template <bool kSwapped = false>
                     : OpenTable<false>(binding, message, position, function, table);
 }
 
+// The start of the `before` bytes in front of a position, if they, the position, and the bytes from there to `behind`
+// lie in the message behind its root offset; else null.
+inline const uint8_t *BytesAround(const Message &message, uint32_t position, uint32_t before, uint32_t behind) {
+    const bool within = position >= 4 + before && behind <= message.length && position <= message.length - behind;
+    return within ? message.bytes + position - before : nullptr;
+}
+
 // A new array for decoded elements, or null, which it logs under the decoder's name. A size that does not fit the
 // allocator's 32 bits is refused like memory that is not there.
 inline void *AllocArray(platform::Binding &binding, Count count, uint32_t width, const char *function) {

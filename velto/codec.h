@@ -101,6 +101,23 @@ template <class Unit>
                                                                                        : Opened::kFailed;
 }
 
+// Reads a message whose root table has the full form; else false, and the record is as it was. Bad arguments are left
+// to BeginUnpack, which has the words for them.
+template <class Unit, class Record>
+[[gnu::always_inline]] inline bool UnpackFull(const Message &message, void *out) {
+    const bool bad = message.bytes == nullptr || out == nullptr || static_cast<int32_t>(message.length) < 4;
+    if (bad || Unit::binding.Swapped()) [[unlikely]] {
+        return false;
+    }
+    const uint8_t *const vtable = FullTable<Record>(message, Load<uint32_t>(message.bytes));
+    if (vtable == nullptr) {
+        return false;
+    }
+    Unit::binding.EnsureMemBound();
+    ReadFull(vtable, *static_cast<Record *>(out));
+    return true;
+}
+
 // What every decoder does before it reads fields: checks the arguments, the root offset, the root table and its vtable,
 // and clears the record.
 template <class Unit, class Type>
@@ -137,6 +154,11 @@ VELTO_FRAME Opened BeginUnpack(const Message &message, void *out, const Type &ty
 
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *Unpack(const Message &message, void *out, const char *function) {
+    if constexpr (kHasFull<Record>) {
+        if (UnpackFull<Unit, Record>(message, out)) [[likely]] {
+            return out;
+        }
+    }
     OpenedTable table;
     const Opened opened = BeginUnpack<Unit>(message, out, FrameShape<Record>(), function, table);
     if (opened == Opened::kRefused) {

@@ -7,6 +7,7 @@
 
 #include "velto/bounds.h"
 #include "velto/describe.h"
+#include "velto/full.h"
 #include "velto/shape.h"
 
 namespace velto {
@@ -33,7 +34,7 @@ template <class Unit, class Record>
     }
 }
 
-// Fills `count` zeroed records from the tables that as many offset words lead to.
+// Fills `count` records, zero from kClearFrom on, from the tables that as many offset words lead to.
 template <class Unit, class Record>
 bool DecodeRun(Message message, const uint8_t *words, uint32_t count, Record *records) {
     for (uint32_t i = 0; i < count; ++i) {
@@ -81,7 +82,9 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
         Slot::Count(record) = Number(count);
         const size_t size = Bytes(count, sizeof(Element));
         if constexpr (kTables) {
-            memset(value, 0, size);
+            if constexpr (kClearFrom<Element> == 0) {
+                memset(value, 0, size);
+            }
             return DecodeRun<Unit>(message, place.at, Number(count), value);
         } else {
             memcpy(value, place.at, size);
@@ -121,8 +124,12 @@ bool DecodeSlot(const Message &message, const OpenedTable &table, Record &record
 // or zeros.
 template <class Unit, class Record>
 bool DecodeFields(const Message &message, const OpenedTable &table, Record &record, const char *function) {
-    return AllSlots<Record>(
-        [&]<class Slot, size_t kIndex>() { return DecodeSlot<Unit, Slot, kIndex>(message, table, record, function); });
+    return AllSlots<Record>([&]<class Slot, size_t kIndex>() {
+        if constexpr (Slot::kOffset < kClearFrom<Record>) {
+            ClearGap<Record, kIndex>(record);
+        }
+        return DecodeSlot<Unit, Slot, kIndex>(message, table, record, function);
+    });
 }
 
 // What became of a table, or is left to do with it.
@@ -149,14 +156,32 @@ VELTO_FRAME Opened OpenNested(const Message &message, uint32_t position, const T
     if (!OpenTableInFrame(Unit::binding, message, position, function, table)) [[unlikely]] {
         return Opened::kRefused;
     }
-    return table.slotNum >= type.slotNum ? Opened::kStraight
-                                         : DecodeByShape<Unit>(message, type, table, record, function);
+    if (table.slotNum >= type.slotNum) [[likely]] {
+        return Opened::kStraight;
+    }
+    if constexpr (kHasRoom) {
+        memset(record, 0, type.clearFrom);
+    }
+    return DecodeByShape<Unit>(message, type, table, record, function);
 }
 
-// Reads the table at `position` into a zeroed record.
+// The vtable of the table at `position` if it has the full form, else null.
+template <class Record>
+[[gnu::always_inline]] inline const uint8_t *FullTable(const Message &message, uint32_t position) {
+    const uint8_t *const vtable = BytesAround(message, position, kVtableSize<Record>, kFullLayout<Record>.end);
+    return vtable != nullptr && HasFullStructure<Record>(vtable) ? vtable : nullptr;
+}
+
+// Reads the table at `position` into a record that is zero from kClearFrom on.
 template <class Unit, class Record>
 [[gnu::always_inline]] inline bool DecodeNested(const Message &message, uint32_t position, Record &record,
                                                 const char *function) {
+    if constexpr (kHasFull<Record>) {
+        if (const uint8_t *const vtable = FullTable<Record>(message, position); vtable != nullptr) [[likely]] {
+            ReadFull(vtable, record);
+            return true;
+        }
+    }
     OpenedTable table;
     const Opened opened = OpenNested<Unit>(message, position, FrameShape<Record>(), &record, function, table);
     return opened == Opened::kStraight ? DecodeFields<Unit>(message, table, record, function) : opened == Opened::kDone;

@@ -8,17 +8,9 @@
 #include "platform/securec.h"
 #include "velto/bytes.h"
 #include "velto/describe.h"
+#include "velto/full.h"
 
 namespace velto {
-
-template <class Record>
-constexpr uint32_t kVtableSize = 4 + 2 * uint32_t{kSlotNum<Record>};
-
-// An offset word leads to a nested table itself, which stands behind its vtable; anything else starts where it leads.
-template <class Value>
-constexpr uint32_t kLead = 0;
-template <Described Record>
-constexpr uint32_t kLead<Record> = kVtableSize<Record>;
 
 template <class Slot>
 constexpr bool kIsReference = Slot::kKind != Kind::kScalar;
@@ -78,6 +70,9 @@ static auto DataSize(const Record &record) {
 
 template <class Record>
 static SizeOf<Record> TableSize(const Record &record) {
+    if constexpr (kHasFull<Record>) {
+        return kFullSize<Record> - ZeroBytes(record);
+    }
     SizeOf<Record> size = kVtableSize<Record> + 4;
     EachSlot<Record>([&]<class Slot, size_t>() {
         if constexpr (!kIsReference<Slot>) {
@@ -165,6 +160,12 @@ constexpr uint32_t kBytesBehindScalars = [] {
 // Writes a table behind its vtable. Returns the end of all that it wrote.
 template <class Record>
 static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
+    if constexpr (kHasFull<Record>) {
+        if (IsFull(record)) [[likely]] {
+            WriteFull(vtable, record);
+            return vtable + kFullSize<Record>;
+        }
+    }
     uint8_t *const table = vtable + kVtableSize<Record>;
     uint8_t *at = table + 4;
     uint32_t references = 0;

@@ -7,6 +7,7 @@
 
 #include "velto/bounds.h"
 #include "velto/describe.h"
+#include "velto/full.h"
 
 namespace velto {
 
@@ -57,10 +58,14 @@ constexpr SlotShape MakeSlotShape(uint8_t &elementNum) {
     return shape;
 }
 
-// A large array at the start of a record is either overwritten or cleared when it turns out to be absent; only what
-// follows it is cleared before the fields are read.
+// Members in front of this are overwritten, or cleared when they turn out to be absent; what follows is cleared before
+// the fields are read. Storage must be, which a release may find before its field is read; where room is short, all but
+// a large array at the start of a record is.
 template <class Record>
 constexpr uint32_t kClearFrom = [] {
+    if (kHasFull<Record>) {
+        return kNativeSize<Record>;
+    }
     uint32_t from = 0;
     EachSlot<Record>([&]<class Slot, size_t>() {
         if constexpr (Slot::kKind == Kind::kBytes && Slot::kOffset == 0 && Slot::kLength >= 4096) {

@@ -1,0 +1,152 @@
+// Messages in which nothing is absent, for which the codecs have straight copies. Those must come to what the
+// table-driven decoder comes to, which knows nothing of them.
+#include <gtest/gtest.h>
+
+#include <bit>
+
+#include "tests/codec/platform.h"
+#include "tests/codec/wire.h"
+
+namespace {
+constexpr size_t kChangedBytes = 512;
+
+// A message of each type with nothing absent, and the tables in it.
+template <class Check>
+void EachFullMessage(Check check) {
+    std::mt19937 random(11);
+    for (const Type &type : velto::Registry()) {
+        if (type.shape->size > 4096) {
+            continue; // as the others, but long
+        }
+        SCOPED_TRACE(type.name);
+        const Json record = RandomRecord(type, random, Filling::kFull);
+        const Bytes message = Encode(type, record);
+        check(type, message, record);
+        if (testing::Test::HasFailure()) {
+            break;
+        }
+    }
+}
+
+// A record by the table-driven decoder alone.
+class DecodedByTable {
+public:
+    DecodedByTable(const Type &type, const Block &message) : type_(type), record_(type.shape->size) {
+        static platform::Binding binding;
+        binding.EnsureMemBound();
+        const velto::Message whole{message.data(), message.length()};
+        const std::string function = FunctionName(type, "_unpack");
+        velto::OpenedTable table;
+        opened_ = velto::OpenTable(binding, whole, velto::Load<uint32_t>(whole.bytes), function.c_str(), table);
+        accepted_ = opened_ && velto::TableDriven<false>(binding, whole)
+                                   .DecodeFields(*type.shape, table, record_.data(), function.c_str());
+    }
+    ~DecodedByTable() { type_.freeUnpacked(record_.data()); }
+    DecodedByTable(const DecodedByTable &) = delete;
+    DecodedByTable &operator=(const DecodedByTable &) = delete;
+
+    void ExpectSame(const Decoded &decoded) const {
+        ASSERT_EQ(decoded.Accepted(), accepted_);
+        if (!accepted_) {
+            EXPECT_TRUE(opened_ ? decoded.IsZero() : decoded.IsUntouched());
+        } else if (type_.owns) {
+            EXPECT_EQ(decoded.ToJson(), ToJson(type_, record_.data()));
+        } else {
+            EXPECT_EQ(memcmp(decoded.get(), record_.data(), record_.size), 0) << "gaps included";
+        }
+    }
+
+private:
+    const Type &type_;
+    Block record_;
+    bool opened_;
+    bool accepted_;
+};
+
+void ExpectSameOutcome(const Type &type, const Bytes &bytes) {
+    const Block message(bytes);
+    PlatformTrace().Clear();
+    const Decoded decoded(type, message);
+    const auto log = PlatformTrace().log;
+    PlatformTrace().log.clear();
+    DecodedByTable(type, message).ExpectSame(decoded);
+    EXPECT_EQ(log, PlatformTrace().log);
+}
+
+// A number with one bit set, of at most the width of `number`.
+uint64_t SparseNumber(uint64_t number, size_t at) {
+    return std::bit_floor(number) >> (number > UINT32_MAX ? at % 8 * 8 : 0);
+}
+
+// The scalars in a record's JSON, those of nested records too, and elements of arrays.
+void FindNumbers(const Json &json, const Json::json_pointer &at, std::vector<Json::json_pointer> &numbers) {
+    if (json.is_number()) {
+        numbers.push_back(at);
+    } else if (json.is_object()) {
+        for (const auto &[name, value] : json.items()) {
+            FindNumbers(value, at / name, numbers);
+        }
+    } else if (json.is_array()) {
+        for (size_t i = 0; i < json.size(); ++i) {
+            FindNumbers(json[i], at / i, numbers);
+        }
+    }
+}
+} // namespace
+
+TEST(FullTable, CutAnywhereIsTakenAsTheTableDrivenDecoderTakesIt) {
+    EachFullMessage([](const Type &type, const Bytes &message, const Json &) {
+        for (size_t length = 4; length <= message.size() && !testing::Test::HasFailure(); ++length) {
+            SCOPED_TRACE(length);
+            ExpectSameOutcome(type, Bytes(message.begin(), message.begin() + static_cast<ptrdiff_t>(length)));
+        }
+    });
+}
+
+TEST(FullTable, WithAnyByteChangedIsTakenAsTheTableDrivenDecoderTakesIt) {
+    EachFullMessage([](const Type &type, const Bytes &message, const Json &) {
+        for (size_t at = 0; at < std::min(message.size(), kChangedBytes) && !testing::Test::HasFailure(); ++at) {
+            for (const int change : {0, message[at] + 1, message[at] ^ 0x80}) {
+                Bytes changed = message;
+                changed[at] = static_cast<uint8_t>(change);
+                SCOPED_TRACE("byte " + std::to_string(at) + " changed to " + std::to_string(changed[at]));
+                ExpectSameOutcome(type, changed);
+            }
+        }
+    });
+}
+
+TEST(FullTable, InFrontOfOrBehindOtherBytesIsFound) {
+    EachFullMessage([](const Type &type, const Bytes &message, const Json &record) {
+        Bytes moved = message;
+        moved.insert(moved.begin() + 4, 7, 0xFF);
+        moved.insert(moved.end(), 7, 0xFF);
+        WriteNumber(moved, 0, 4, ReadNumber(message, 0, 4) + 7);
+        const Decoded decoded(type, moved);
+        ASSERT_TRUE(decoded.Accepted());
+        ASSERT_EQ(decoded.ToJson(), record);
+    });
+}
+
+// Also with scalars of which only one byte is set: the others are not taken for zeros.
+TEST(FullTable, ButForOneScalarRoundTrips) {
+    EachFullMessage([](const Type &type, const Bytes &message, const Json &record) {
+        std::vector<Json::json_pointer> numbers;
+        FindNumbers(record, Json::json_pointer(), numbers);
+        for (size_t i = 0; i < std::min<size_t>(numbers.size(), 64); ++i) {
+            for (const bool sparse : {false, true}) {
+                Json other = record;
+                for (size_t k = 0; sparse && k < numbers.size(); ++k) {
+                    other[numbers[k]] = SparseNumber(other[numbers[k]].get<uint64_t>(), k);
+                }
+                other[numbers[i]] = 0;
+                SCOPED_TRACE(numbers[i].to_string());
+                const Bytes encoded = Encode(type, other);
+                ASSERT_LE(encoded.size(), message.size());
+                const Decoded decoded(type, encoded);
+                ASSERT_TRUE(decoded.Accepted());
+                ASSERT_EQ(decoded.ToJson(), other);
+            }
+        }
+    });
+}
