@@ -1,9 +1,7 @@
 // tarnd: the diagnosis daemon.
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "host/daemon/agent_probe.h"
@@ -30,34 +28,26 @@
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
 #include "host/runtime/directory.h"
-#include "host/runtime/server.h"
+#include "host/serve/serve.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
 
 namespace {
 
 struct Options {
-    std::string runDir;
+    host::ServeOptions serve;
     std::string logDir = "/var/log/tarn";
     uint32_t sampleIntervalMs = static_cast<uint32_t>(tarnd::Sampler::kDefaultInterval.count());
     std::vector<std::string> copyTargets;
-    std::string stateDir;
     uint32_t measureRateMb = 100;
     bool applyClock = false;
     std::string zoneLink = "/etc/localtime";
     unsigned workers = 16;
-    std::vector<std::string> limits;
-    std::string policy;
-    spdlog::level::level_enum logLevel = spdlog::level::info;
     bool printAccounting = false;
 };
 
 void Declare(CLI::App &app, Options &options) {
-    const std::map<std::string, spdlog::level::level_enum> levels{{"debug", spdlog::level::debug},
-                                                                  {"info", spdlog::level::info},
-                                                                  {"warning", spdlog::level::warn},
-                                                                  {"error", spdlog::level::err}};
-    app.add_option("--run-dir", options.runDir, "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]");
+    host::Declare(app, options.serve);
     app.add_option("--log-dir", options.logDir, "Directory that archives are made of and in")->capture_default_str();
     app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
         ->option_text("NAME=DIR ...")
@@ -66,8 +56,6 @@ void Declare(CLI::App &app, Options &options) {
                        ? fmt::format("\"{}\": expected NAME=DIR", text)
                        : "";
         });
-    app.add_option("--state-dir", options.stateDir,
-                   "Directory of what is kept beyond a restart [none: nothing is kept]");
     app.add_option("--sample-interval", options.sampleIntervalMs,
                    "Milliseconds between two samples of the system and its processes")
         ->check(CLI::Range(10U, 60000U))
@@ -85,13 +73,6 @@ void Declare(CLI::App &app, Options &options) {
         ->check(CLI::Range(1U, 256U))
         ->option_text("N")
         ->capture_default_str();
-    app.add_option("--limit", options.limits, "NAME=VALUE of a limit that \"tarnctl stats\" shows; may be repeated")
-        ->option_text("NAME=VALUE")
-        ->allow_extra_args(false);
-    app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]");
-    app.add_option("--log-level", options.logLevel, "debug, info, warning or error [info]")
-        ->transform(CLI::CheckedTransformer(levels))
-        ->option_text("LEVEL");
     app.add_flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
 }
 
@@ -110,28 +91,6 @@ void PrintAccounting() {
         PrintLine(use.tag, use);
     }
     PrintLine("total", host::MemoryTotal());
-}
-
-// Blocked before the first thread starts, so that every thread inherits it and only main takes them.
-sigset_t BlockSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signals;
-}
-
-// Throws what is wrong with the options.
-host::ServerOptions ServerOptionsOf(const Options &options) {
-    host::ServerOptions server{.runDir = options.runDir, .workers = options.workers};
-    for (const std::string &limit : options.limits) {
-        host::SetLimit(server.limits, limit);
-    }
-    if (!options.policy.empty()) {
-        server.policy = host::Policy::Load(options.policy);
-    }
-    return server;
 }
 
 // What the daemon does between calls. It ends before the objects that its threads share, however serving ends.
@@ -178,24 +137,23 @@ private:
 };
 
 void Serve(const Options &options) {
-    host::Server server(ServerOptionsOf(options));
-    const sigset_t signals = BlockSignals();
-    host::Client::Default().Configure({.runDir = options.runDir});
+    host::ServerOptions serverOptions = host::ServerOptionsOf(options.serve);
+    serverOptions.workers = options.workers;
+    host::Server server(serverOptions);
+    const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM});
+    host::Client::Default().Configure({.runDir = options.serve.runDir});
     Background background(options);
     background.Start();
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
-    host::Log().info("serving in {}", host::Directory(options.runDir).RunDir().string());
+    host::Log().info("serving in {}", host::Directory(options.serve.runDir).RunDir().string());
     tarnd::TheMasterLink().Start(); // the master may call back at once
     int signal = 0;
     sigwait(&signals, &signal);
     host::Log().info("signal {}: shutting down", signal);
     background.Stop();
-    if (!server.Stop()) {
-        host::Log().error("a request is still being worked on: cut off");
-        std::_Exit(1); // its thread uses what the end of main would destroy
-    }
+    host::StopOrExit(server);
     host::Client::Default().Shutdown();
 }
 
@@ -206,18 +164,18 @@ int main(int argc, char **argv) {
     CLI::App app{"The diagnosis daemon.", "tarnd"};
     Declare(app, options);
     CLI11_PARSE(app, argc, argv);
-    host::Log().set_level(options.logLevel);
+    host::Log().set_level(options.serve.logLevel);
     try {
-        tarnd::TheSettings().runDirectory = host::Directory(options.runDir).RunDir();
+        tarnd::TheSettings().runDirectory = host::Directory(options.serve.runDir).RunDir();
         tarnd::TheSettings().logDirectory = NormalPath(options.logDir);
         for (const std::string &target : options.copyTargets) {
             const size_t equals = target.find('=');
             tarnd::TheSettings().copyTargets[target.substr(0, equals)] = NormalPath(target.substr(equals + 1));
         }
         tarnd::RemoveUnfinishedArchives();
-        if (!options.stateDir.empty()) {
-            tarnd::TheStore().Open(options.stateDir);
-            tarnd::TheSettings().stateDirectory = std::filesystem::absolute(options.stateDir).lexically_normal();
+        if (!options.serve.stateDir.empty()) {
+            tarnd::TheStore().Open(options.serve.stateDir);
+            tarnd::TheSettings().stateDirectory = std::filesystem::absolute(options.serve.stateDir).lexically_normal();
         }
         if (options.applyClock) {
             tarnd::TheClock().ApplyToSystem(options.zoneLink);

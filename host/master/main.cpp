@@ -1,48 +1,31 @@
 // tarn-master: the diagnosis master, which holds the daemon's configuration.
 #include <csignal>
-#include <cstdlib>
-
-#include <CLI/CLI.hpp>
 
 #include "host/master/master.h"
 #include "host/master/service.h"
-#include "host/osal/log.h"
 #include "host/runtime/directory.h"
-#include "host/runtime/server.h"
+#include "host/serve/serve.h"
 
 namespace {
 
 struct Options {
     std::string config;
-    std::string runDir;
-    std::string stateDir;
+    host::ServeOptions serve;
     bool check = false;
 };
 
 void Declare(CLI::App &app, Options &options) {
     app.add_option("CONFIG", options.config, "Configuration file; read again on SIGHUP")->required();
-    app.add_option("--run-dir", options.runDir, "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]");
-    app.add_option("--state-dir", options.stateDir,
-                   "Directory of what is kept beyond a restart [none: nothing is kept]");
-    app.add_flag("--check", options.check, "Check the configuration file, and end");
+    host::Declare(app, options.serve);
+    app.add_flag("--check", options.check, "Check the configuration file and the options, and end");
 }
 
-// Blocked before the first thread starts, so that every thread inherits it and only main takes them.
-sigset_t BlockSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGHUP);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signals;
-}
-
-void Serve(const Options &options) {
-    const sigset_t signals = BlockSignals();
+void Serve(host::ServerOptions options) {
+    const sigset_t signals = host::BlockSignals({SIGHUP, SIGINT, SIGTERM});
     host::Client client({.runDir = options.runDir});
     master::GreetWith(&client);
-    host::Server server({.runDir = options.runDir, .workers = 2});
+    options.workers = 2;
+    host::Server server(options);
     server.AddService(master::kServiceSpec);
     server.Start();
     host::Log().info("serving in {}", host::Directory(options.runDir).RunDir().string());
@@ -54,10 +37,7 @@ void Serve(const Options &options) {
             master::GreetDaemon(client);
         }
     }
-    if (!server.Stop()) {
-        host::Log().error("a request is still being worked on: cut off");
-        std::_Exit(1); // its thread uses what the end of main would destroy
-    }
+    host::StopOrExit(server);
 }
 
 } // namespace
@@ -67,13 +47,15 @@ int main(int argc, char **argv) {
     CLI::App app{"The diagnosis master.", "tarn-master"};
     Declare(app, options);
     CLI11_PARSE(app, argc, argv);
+    host::Log().set_level(options.serve.logLevel);
     try {
+        const host::ServerOptions server = host::ServerOptionsOf(options.serve);
         if (options.check) {
             master::LoadConfig(options.config);
             return 0;
         }
-        master::TheMaster().Start(options.config, options.stateDir);
-        Serve(options);
+        master::TheMaster().Start(options.config, options.serve.stateDir);
+        Serve(server);
     } catch (const std::exception &error) {
         host::Log().error("tarn-master: {}", error.what());
         return 1;

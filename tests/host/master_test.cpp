@@ -14,6 +14,7 @@ TARN_UNIT()
 #include "host/answer/answer.h"
 #include "host/master/config.h"
 #include "host/runtime/server.h"
+#include "host/runtime/status.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
@@ -171,10 +172,11 @@ protected:
     }
 
     void Write(const std::string &text) const { std::ofstream(file_, std::ios::trunc) << text; }
-    void StartMaster() {
-        master_ = std::make_unique<kit::Process>(dir_.Path(),
-                                                 std::vector<std::string>{TARN_MASTER, file_, "--run-dir", dir_.Path(),
-                                                                          "--state-dir", dir_.Path() / "master-state"});
+    void StartMaster(const std::vector<std::string> &options = {}) {
+        std::vector<std::string> command{TARN_MASTER, file_,         "--run-dir",
+                                         dir_.Path(), "--state-dir", dir_.Path() / "master-state"};
+        command.insert(command.end(), options.begin(), options.end());
+        master_ = std::make_unique<kit::Process>(dir_.Path(), command);
         ASSERT_TRUE(MasterLogged("serving in"));
     }
     bool MasterLogged(const std::string &text) const {
@@ -385,6 +387,62 @@ TEST_F(MasterTest, ChecksItsConfiguration) {
         EXPECT_EQ(bad.Wait(), 1);
         EXPECT_NE(bad.Err().find("mode: the value is \"teach\""), std::string::npos) << bad.Err();
     }
+}
+
+TEST_F(MasterTest, ServesWithinThePolicyAndLimitsOfItsOptions) {
+    EXPECT_EQ(master_->Stop(), 0);
+    const std::filesystem::path policy = dir_.Path() / "policy";
+    std::ofstream(policy) << "GetGmt nobody\n";
+    StartMaster({"--policy", policy, "--limit", "requests=7", "--limit", "connections=9"});
+    EXPECT_EQ(Ask<Tarn_sys_diag_GetGmtOutput>("GetGmt").Status(), 1000 + EACCES);
+    EXPECT_EQ(Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone").Status(), 0);
+    host::ServerStatus status;
+    ASSERT_TRUE(host::AskStatus(client_, "TarnSysdiagMaster", 0, status, 10s).Ok());
+    std::map<std::string, uint64_t> limits;
+    for (const host::NamedValue &limit : status.limits) {
+        limits[limit.name] = limit.value;
+    }
+    EXPECT_EQ(limits["requests"], 7);
+    EXPECT_EQ(limits["connections"], 9);
+}
+
+TEST_F(MasterTest, RefusesOptionsInTheWordsOfTheDaemon) {
+    const std::filesystem::path policy = dir_.Path() / "policy";
+    std::ofstream(policy) << "reading everybody\n";
+    struct Case {
+        std::vector<std::string> options;
+        int exitCode;
+        std::string why;
+    };
+    for (const Case &c : std::vector<Case>{
+             {{"--policy", policy}, 1, policy.string() + ":1: \"everybody\", expected anyone, nobody, "},
+             {{"--policy", "/no/such/file"}, 1, "/no/such/file: No such file or directory, expected a policy file"},
+             {{"--limit", "requests=none"}, 1, "limit requests: \"none\", expected a number from 1 to "},
+             {{"--limit", "requests"}, 1, "limit requests: \"\", expected a number from 1 to "},
+             {{"--limit", "request=1"}, 1, "limit \"request\", expected NAME=VALUE with one of message_bytes, "},
+             {{"--log-level", "loud"}, 105, "--log-level"},
+         }) {
+        for (std::vector<std::string> command : {std::vector<std::string>{TARN_MASTER, file_, "--check"},
+                                                 {TARND, "--run-dir", dir_.Path(), "--log-dir", logs_}}) {
+            command.insert(command.end(), c.options.begin(), c.options.end());
+            kit::Process program(dir_.Path(), command);
+            EXPECT_EQ(program.Wait(), c.exitCode) << command[0] << " " << c.why;
+            EXPECT_NE(program.Err().find(c.why), std::string::npos) << command[0] << ": " << program.Err();
+        }
+    }
+}
+
+TEST_F(MasterTest, LogsAsMuchAsItIsTold) {
+    EXPECT_EQ(master_->Stop(), 0);
+    kit::Process quiet(dir_.Path(), {TARN_MASTER, file_, "--run-dir", dir_.Path(), "--log-level", "warning"});
+    EXPECT_TRUE(kit::Eventually([&] { return Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone").Status() == 0; }));
+    EXPECT_EQ(
+        Ask<Tarn_sys_diag_PhyNameAndIDOutput>("GetPhyNameAndID", Tarn_sys_diag_PhysicalAddrInput{9, 9, 9}).Status(),
+        ENOENT);
+    EXPECT_EQ(quiet.Stop(), 0);
+    EXPECT_EQ(quiet.Err().find("serving in"), std::string::npos) << quiet.Err();
+    EXPECT_NE(quiet.Err().find("GetPhyNameAndID"), std::string::npos) << quiet.Err();
+    master_.reset();
 }
 
 TEST_F(MasterTest, ConfiguresTheDaemon) {

@@ -1,0 +1,56 @@
+#include "host/serve/serve.h"
+
+#include <cstdlib>
+#include <map>
+
+namespace host {
+
+void Declare(CLI::App &app, ServeOptions &options) {
+    static const std::map<std::string, spdlog::level::level_enum> kLevels{{"debug", spdlog::level::debug},
+                                                                          {"info", spdlog::level::info},
+                                                                          {"warning", spdlog::level::warn},
+                                                                          {"error", spdlog::level::err}};
+    app.add_option("--run-dir", options.runDir, "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]")
+        ->option_text("DIR");
+    app.add_option("--state-dir", options.stateDir,
+                   "Directory of what is kept beyond a restart [none: nothing is kept]")
+        ->option_text("DIR");
+    app.add_option("--limit", options.limits, "NAME=VALUE of a limit that \"tarnctl stats\" shows; may be repeated")
+        ->option_text("NAME=VALUE")
+        ->allow_extra_args(false);
+    app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]")
+        ->option_text("FILE");
+    app.add_option("--log-level", options.logLevel, "debug, info, warning or error [info]")
+        ->transform(CLI::CheckedTransformer(kLevels))
+        ->option_text("LEVEL");
+}
+
+ServerOptions ServerOptionsOf(const ServeOptions &options) {
+    ServerOptions server{.runDir = options.runDir};
+    for (const std::string &limit : options.limits) {
+        SetLimit(server.limits, limit);
+    }
+    if (!options.policy.empty()) {
+        server.policy = Policy::Load(options.policy);
+    }
+    return server;
+}
+
+sigset_t BlockSignals(std::initializer_list<int> numbers) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : numbers) {
+        sigaddset(&signals, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+void StopOrExit(Server &server) {
+    if (!server.Stop()) {
+        Log().error("a request is still being worked on: cut off");
+        std::_Exit(1);
+    }
+}
+
+} // namespace host

@@ -1,0 +1,36 @@
+// What the programs that serve have in common: options, signals, and how they end.
+#pragma once
+
+#include <csignal>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "host/osal/log.h"
+#include "host/runtime/server.h"
+
+namespace host {
+
+struct ServeOptions {
+    std::string runDir;
+    std::string stateDir;
+    std::vector<std::string> limits;
+    std::string policy;
+    spdlog::level::level_enum logLevel = spdlog::level::info;
+};
+
+void Declare(CLI::App &app, ServeOptions &options);
+
+// Throws what is wrong with the limits or the policy.
+ServerOptions ServerOptionsOf(const ServeOptions &options);
+
+// To be called before the first thread starts, so that every thread inherits it and only main takes them.
+sigset_t BlockSignals(std::initializer_list<int> numbers);
+
+// Ends the process when a request is still being worked on after the bound: its thread uses what the end of main would
+// destroy.
+void StopOrExit(Server &server);
+
+} // namespace host
