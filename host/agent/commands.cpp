@@ -12,6 +12,7 @@
 #include "host/agent/methods.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
+#include "host/osal/thread.h"
 
 void TarnAgent_Print(TarnAgentOutput *output, const char *format, ...) {
     static constexpr char kCut[] = "\n[cut]\n";
@@ -99,20 +100,7 @@ std::string Registry::Help() const {
 }
 
 void Runner::Start() {
-    stop_ = false;
-    thread_ = std::thread([this] { Work(); });
-}
-
-void Runner::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-        waiting_.clear();
-    }
-    changed_.notify_one();
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_ = host::StartThread("commands", [this](const std::stop_token &stop) { Work(stop); });
 }
 
 void Runner::Show(std::string line) {
@@ -146,11 +134,11 @@ void Runner::SetResult(CommandResult result) {
     }
 }
 
-void Runner::Work() {
+void Runner::Work(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
-        if (stop_) {
+        changed_.wait(lock, stop, [this] { return !waiting_.empty(); });
+        if (stop.stop_requested()) {
             return;
         }
         const Job job = std::move(waiting_.front());

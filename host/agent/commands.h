@@ -58,11 +58,8 @@ struct CommandResult {
 class Runner {
 public:
     explicit Runner(const Registry &registry) : registry_(registry) {}
-    ~Runner() { Stop(); }
 
     void Start();
-    void Stop();
-
     void Show(std::string line);
     CommandResult Result() const;
     void Clean();
@@ -75,17 +72,16 @@ private:
 
     static constexpr size_t kMaxWaiting = 8;
 
-    void Work();
+    void Work(const std::stop_token &stop);
     void SetResult(CommandResult result);
 
     const Registry &registry_;
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
+    std::condition_variable_any changed_;
     std::deque<Job> waiting_;
     uint32_t lastNumber_ = 0;
     CommandResult result_{ENODATA, 0, ""}; // of the command that was taken last
-    bool stop_ = false;
-    std::thread thread_;
+    std::jthread thread_;                  // ends before what it uses
 };
 
 // Whom the methods for commands mean; set before the service is served.

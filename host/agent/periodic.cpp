@@ -1,40 +1,33 @@
 #include "host/agent/periodic.h"
 
-#include <pthread.h>
-
 #include <utility>
 
 #include "host/agent/faults.h"
 #include "host/answer/answer.h"
+#include "host/osal/thread.h"
 
 namespace agent {
 
-void Periodic::Start(const char *name, std::function<std::chrono::milliseconds()> function) {
+void Periodic::Start(const char *name, Function function) {
     Stop();
     const SignalsBlocked blocked;
-    stop_ = false;
-    thread_ = std::thread([this, name, function = std::move(function)] {
-        pthread_setname_np(pthread_self(), name);
-        std::unique_lock lock(mutex_);
-        while (!stop_) {
-            wake_ = false;
-            lock.unlock();
-            std::chrono::milliseconds pause{1000}; // after a failure
-            host::Run(name, [&] { pause = function(); });
-            lock.lock();
-            changed_.wait_for(lock, pause, [this] { return stop_ || wake_; });
-        }
-    });
+    thread_ = host::StartThread(
+        name, [this, name, function = std::move(function)](const std::stop_token &stop) { Run(stop, name, function); });
 }
 
 void Periodic::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-    }
-    changed_.notify_one();
-    if (thread_.joinable()) {
-        thread_.join();
+    thread_ = {};
+}
+
+void Periodic::Run(const std::stop_token &stop, const char *name, const Function &function) {
+    std::unique_lock lock(mutex_);
+    while (!stop.stop_requested()) {
+        wake_ = false;
+        lock.unlock();
+        std::chrono::milliseconds pause{1000}; // after a failure
+        host::Run(name, [&] { pause = function(); });
+        lock.lock();
+        changed_.wait_for(lock, stop, pause, [this] { return wake_; });
     }
 }
 

@@ -6,29 +6,28 @@
 #include <csignal>
 #include <functional>
 #include <mutex>
+#include <stop_token>
 #include <thread>
 
 namespace agent {
 
 class Periodic {
 public:
-    Periodic() = default;
-    ~Periodic() { Stop(); }
-    Periodic(const Periodic &) = delete;
-    Periodic &operator=(const Periodic &) = delete;
+    // Returns how long to wait until it runs again.
+    using Function = std::function<std::chrono::milliseconds()>;
 
-    // The function returns how long to wait until it runs again.
-    void Start(const char *name, std::function<std::chrono::milliseconds()> function);
+    void Start(const char *name, Function function);
     void Stop();
     void Wake(); // runs it now
     bool Runs() const { return thread_.joinable(); }
 
 private:
+    void Run(const std::stop_token &stop, const char *name, const Function &function);
+
     std::mutex mutex_;
-    std::condition_variable changed_;
-    bool stop_ = false;
+    std::condition_variable_any changed_;
     bool wake_ = false;
-    std::thread thread_;
+    std::jthread thread_; // ends before what it uses
 };
 
 // Threads started while this lives take no signals but those of their own faults.

@@ -57,27 +57,18 @@ void CheckResult(uint32_t result) {
 } // namespace
 
 Registration::Registration(std::string name, const std::filesystem::path &runDir)
-    : name_(std::move(name)), client_({.runDir = runDir}), thread_([this] { Work(); }) {}
+    : name_(std::move(name)), client_({.runDir = runDir}) {
+    renewal_.Start("registration", [this] {
+        Renew();
+        return kPeriod;
+    });
+}
 
 Registration::~Registration() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-    }
-    stopped_.notify_one();
-    thread_.join();
+    renewal_.Stop();
     if (daemonPid_ != 0) {
         host::Run("AgentRegInfo", [this] { Call(Doing::kLeave); });
     }
-}
-
-void Registration::Work() {
-    std::unique_lock lock(mutex_);
-    do {
-        lock.unlock();
-        Renew();
-        lock.lock();
-    } while (!stopped_.wait_for(lock, kPeriod, [this] { return stop_; }));
 }
 
 void Registration::Renew() {

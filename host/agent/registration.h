@@ -1,13 +1,10 @@
 // Keeps the agent registered with the daemon, which may come, go and be restarted at any time.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <thread>
 
+#include "host/agent/periodic.h"
 #include "host/daemon/values.h"
 #include "host/runtime/client.h"
 
@@ -21,7 +18,6 @@ public:
 private:
     enum class Doing : uint8_t { kLeave = TARND_AGENT_LEAVES, kStay = TARND_AGENT_RUNS };
 
-    void Work();
     void Renew();
     uint32_t Call(Doing doing); // the daemon's process; throws what kept it from taking the registration
     void Subscribe();           // to what the application wants of the daemon
@@ -31,10 +27,7 @@ private:
     uint32_t daemonPid_ = 0; // whom the agent is registered with; 0: with none
     uint32_t events_ = 0;    // that the daemon knows the application to want
     std::string failure_;    // the last that was logged, so that each is logged once
-    std::mutex mutex_;
-    std::condition_variable stopped_;
-    bool stop_ = false;
-    std::thread thread_;
+    Periodic renewal_;
 };
 
 } // namespace agent

@@ -14,6 +14,7 @@
 #include "host/daemon/values.h"
 #include "host/master/values.h"
 #include "host/osal/log.h"
+#include "host/osal/thread.h"
 #include "host/runtime/client.h"
 #include "server/tarnd.h"
 
@@ -114,20 +115,12 @@ void SendMemoryThresholds() {
 } // namespace
 
 void MasterLink::Start() {
-    stop_ = false;
-    thread_ = std::thread([this] { Run(); });
+    thread_ = host::StartThread("master link", [this](const std::stop_token &stop) { Run(stop); });
     Greet();
 }
 
 void MasterLink::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-    }
-    wake_.notify_one();
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_ = {};
 }
 
 void MasterLink::Greet() {
@@ -142,11 +135,11 @@ void MasterLink::TellMemoryThresholds() {
     wake_.notify_one();
 }
 
-void MasterLink::Run() {
+void MasterLink::Run(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
     for (;;) {
-        wake_.wait(lock, [this] { return stop_ || due_; });
-        if (stop_) {
+        wake_.wait(lock, stop, [this] { return due_; });
+        if (stop.stop_requested()) {
             return;
         }
         due_ = false;

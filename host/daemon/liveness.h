@@ -12,8 +12,6 @@ namespace tarnd {
 // and says so in the log.
 class MasterLink {
 public:
-    ~MasterLink() { Stop(); }
-
     void Start(); // and greets
     void Stop();
 
@@ -24,15 +22,14 @@ public:
     void TellMemoryThresholds();
 
 private:
-    void Run();
+    void Run(const std::stop_token &stop);
 
     std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable_any wake_;
     bool due_ = false;
     bool greet_ = false;
     bool tell_ = false;
-    bool stop_ = false;
-    std::thread thread_;
+    std::jthread thread_; // ends before what it uses
 };
 
 MasterLink &TheMasterLink();

@@ -12,6 +12,7 @@
 #include "host/daemon/timers.h"
 #include "host/daemon/values.h"
 #include "host/osal/log.h"
+#include "host/osal/thread.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -106,16 +107,12 @@ void Measurement::Start(uint64_t bytesPerSecond) {
     digests_ = std::make_unique<Digests>(bytesPerSecond);
     timer_ = TheTimers().Add("measurement", [] { TheMeasurement().Expire(); });
     Arm();
-    thread_ = std::thread([this] { Run(); });
+    thread_ = host::StartThread("measurement", [this](const std::stop_token &stop) { Run(stop); });
 }
 
 void Measurement::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-        wake_.notify_one();
-    }
-    if (thread_.joinable()) {
+    thread_.request_stop();
+    if (thread_.joinable()) { // stays there, to tell late requests
         thread_.join();
     }
 }
@@ -216,7 +213,7 @@ bool Measurement::Operate(uint32_t operation, void *replyCtx) {
 }
 
 void Measurement::Enqueue(Kind kind, void *replyCtx) {
-    if (stop_) {
+    if (thread_.get_stop_token().stop_requested()) {
         host::Fail(ESHUTDOWN, "measurement");
     }
     if (jobs_.size() >= kMaxJobs) {
@@ -238,18 +235,13 @@ Measurement::State Measurement::Last() const {
 
 // ---- The work ----
 
-void Measurement::Run() {
-    pthread_setname_np(pthread_self(), "measurement");
+void Measurement::Run(const std::stop_token &stop) {
     StandBack();
     std::unique_lock lock(mutex_);
-    for (;;) {
-        wake_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
-        if (jobs_.empty()) {
-            return;
-        }
+    while (wake_.wait(lock, stop, [this] { return !jobs_.empty(); })) {
         const Job job = jobs_.front(); // stays there while it runs
         lock.unlock();
-        const uint32_t error = host::Run("measurement", [&] { Work(job); });
+        const uint32_t error = host::Run("measurement", [&] { Work(job, stop); });
         lock.lock();
         if (error != 0) {
             state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
@@ -264,10 +256,10 @@ void Measurement::Run() {
     }
 }
 
-void Measurement::Work(const Job &job) {
+void Measurement::Work(const Job &job, const std::stop_token &stop) {
     const auto start = std::chrono::steady_clock::now();
     const uint64_t bytes = digests_->BytesRead();
-    const Survey survey = SurveyFiles(*digests_, [&] { Check(job); });
+    const Survey survey = SurveyFiles(*digests_, [&] { Check(job, stop); });
     if (job.kind == Kind::kRecord) {
         Record(survey);
     } else {
@@ -280,8 +272,8 @@ void Measurement::Work(const Job &job) {
 }
 
 // Gives up a job that nobody wants any more.
-void Measurement::Check(const Job &job) const {
-    if (stop_) {
+void Measurement::Check(const Job &job, const std::stop_token &stop) const {
+    if (stop.stop_requested()) {
         host::Fail(ESHUTDOWN, "measurement");
     }
     const uint32_t unwanted = job.replyCtx == nullptr ? 0 : TarnHost_Cancelled(job.replyCtx);

@@ -27,7 +27,6 @@ struct MeasurementTimes {
 class Measurement {
 public:
     Measurement();
-    ~Measurement() { Stop(); }
 
     // Takes over what an earlier run kept, and begins to work.
     void Start(uint64_t bytesPerSecond);
@@ -63,15 +62,15 @@ private:
     void Expire();
     void Enqueue(Kind kind, void *replyCtx);
 
-    void Run();
-    void Work(const Job &job);
-    void Check(const Job &job) const;
+    void Run(const std::stop_token &stop);
+    void Work(const Job &job, const std::stop_token &stop);
+    void Check(const Job &job, const std::stop_token &stop) const;
     void Record(const Survey &survey);
     void Compare(const Survey &survey);
     void Learn(const Survey &survey, const std::vector<std::string> &added);
 
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable_any wake_;
     std::deque<Job> jobs_;
     uint64_t lastJob_ = 0;
     MeasurementTimes times_;
@@ -82,9 +81,8 @@ private:
     std::chrono::system_clock::time_point due_; // once a day
 
     std::atomic<uint64_t> cancelledJob_{0}; // and all before it
-    std::atomic<bool> stop_{false};
     std::unique_ptr<Digests> digests_;
-    std::thread thread_;
+    std::jthread thread_; // ends before what it uses
 };
 
 Measurement &TheMeasurement();

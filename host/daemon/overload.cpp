@@ -1,12 +1,11 @@
 #include "host/daemon/overload.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 
 #include "host/answer/answer.h"
 #include "host/daemon/store.h"
 #include "host/osal/log.h"
+#include "host/osal/thread.h"
 #include "host/stacks/stacks.h"
 
 namespace tarnd {
@@ -115,19 +114,11 @@ void CpuOverload::Start() {
     });
     TheSampler().OnSample("CPU overload",
                           [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
-    thread_ = std::thread([this] { Run(); });
+    thread_ = host::StartThread("overload", [this](const std::stop_token &stop) { ReadStacksOfPending(stop); });
 }
 
 void CpuOverload::Stop() {
-    if (!thread_.joinable()) {
-        return;
-    }
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-    }
-    wake_.notify_all();
-    thread_.join();
+    thread_ = {};
 }
 
 void CpuOverload::SetSystem(const Thresholds &thresholds) {
@@ -314,13 +305,12 @@ void CpuOverload::End(Crossing &crossing, const Sample &latest) {
     }
 }
 
-// Reads stacks, which may take longer than a sample may.
-void CpuOverload::Run() {
-    pthread_setname_np(pthread_self(), "overload");
+// That may take longer than a sample may.
+void CpuOverload::ReadStacksOfPending(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
     for (;;) {
-        wake_.wait(lock, [this] { return stop_ || !pending_.empty(); });
-        if (stop_) {
+        wake_.wait(lock, stop, [this] { return !pending_.empty(); });
+        if (stop.stop_requested()) {
             return;
         }
         const std::shared_ptr<Overload> overload = pending_.front();

@@ -79,8 +79,6 @@ public:
     static constexpr size_t kThreads = 10;
     static constexpr size_t kMaxWatched = 256;
 
-    ~CpuOverload() { Stop(); }
-
     // Loads what was set before a restart, follows the samples, and starts the thread that reads stacks. Before the
     // sampler starts.
     void Start();
@@ -105,7 +103,7 @@ private:
     void Begin(Crossing &crossing, const ProcessSample &process, const Sample &latest);
     static void End(Crossing &crossing, const Sample &latest);
     void Save() const;
-    void Run();
+    void ReadStacksOfPending(const std::stop_token &stop);
 
     mutable std::mutex mutex_;
     Thresholds thresholds_;
@@ -114,10 +112,9 @@ private:
     uint32_t recordNumber_ = 0;
     std::shared_ptr<Overload> last_;
 
-    std::thread thread_;
-    std::condition_variable wake_;
-    bool stop_ = false;
+    std::condition_variable_any wake_;
     std::deque<std::shared_ptr<Overload>> pending_; // their stacks are to be read
+    std::jthread thread_;                           // that reads them; ends before what it uses
 };
 
 CpuOverload &TheCpuOverload();

@@ -1,12 +1,12 @@
 #include "host/daemon/sampler.h"
 
-#include <pthread.h>
 #include <time.h>
 
 #include <algorithm>
 
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
+#include "host/osal/thread.h"
 
 namespace tarnd {
 
@@ -44,19 +44,14 @@ void Sampler::OnSample(const char *name, Hook hook) {
 void Sampler::Start(std::chrono::milliseconds interval) {
     interval_ = interval;
     TakeSample();
-    thread_ = std::thread([this] { Run(); });
+    thread_ = host::StartThread("sampler", [this](const std::stop_token &stop) { Run(stop); });
 }
 
 void Sampler::Stop() {
     if (!thread_.joinable()) {
         return;
     }
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-    }
-    wake_.notify_all();
-    thread_.join();
+    thread_ = {};
     const auto us = [](std::chrono::nanoseconds time) { return time.count() / 1000; };
     host::Log().info("{} samples of {} processes: {} us of CPU time each, {} us the longest", cost_.samples,
                      whole_.back()->processes.size(), us(cost_.cpu) / static_cast<int64_t>(cost_.samples),
@@ -130,16 +125,16 @@ Sampler::Cost Sampler::TheCost() const {
     return cost_;
 }
 
-void Sampler::Run() {
-    pthread_setname_np(pthread_self(), "sampler");
+void Sampler::Run(const std::stop_token &stop) {
     auto next = std::chrono::steady_clock::now() + std::min(kFirstInterval, interval_);
     // Without a burst of those missed when one takes long.
     for (;; next = std::max(next + interval_, std::chrono::steady_clock::now())) {
         {
             std::unique_lock lock(mutex_);
-            if (wake_.wait_until(lock, next, [this] { return stop_; })) {
-                return;
-            }
+            wake_.wait_until(lock, stop, next, [] { return false; });
+        }
+        if (stop.stop_requested()) {
+            return;
         }
         host::Run("the sampler", [this] { TakeSample(); });
     }

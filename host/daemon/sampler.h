@@ -38,8 +38,6 @@ public:
     static constexpr std::chrono::milliseconds kDefaultInterval{1000};
     static constexpr std::chrono::milliseconds kFirstInterval{100}; // so that there are rates soon after the start
 
-    ~Sampler() { Stop(); }
-
     // To be called before Start. The function is called on the sampler's thread after each sample but the first, with
     // the one before it; it delays the next sample while it runs, and what it throws is logged.
     using Hook = std::function<void(const SamplePtr &previous, const SamplePtr &latest)>;
@@ -86,22 +84,22 @@ public:
 
 private:
     SamplePtr NewestBefore(std::chrono::steady_clock::time_point when) const;
-    void Run();
+    void Run(const std::stop_token &stop);
     void TakeSample();
     void Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed);
 
     std::chrono::milliseconds interval_ = kDefaultInterval;
     std::vector<std::pair<const char *, Hook>> hooks_;
     SampleReader reader_;
-    std::thread thread_;
 
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stop_ = false;
+    std::condition_variable_any wake_;
     Cost cost_;
     std::deque<SamplePtr> whole_;
     std::deque<SamplePtr> coarse_;
     std::deque<SystemSample> system_;
+
+    std::jthread thread_; // ends before what it uses
 };
 
 Sampler &TheSampler();

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
+#include "host/osal/thread.h"
 
 namespace tarnd {
 
@@ -42,33 +43,26 @@ std::vector<Timers::Timer> Timers::List() const {
 }
 
 void Timers::Start() {
-    stop_ = false;
-    thread_ = std::thread([this] { Run(); });
+    thread_ = host::StartThread("timers", [this](const std::stop_token &stop) { Run(stop); });
 }
 
 void Timers::Stop() {
-    {
-        const std::lock_guard lock(mutex_);
-        stop_ = true;
-        wake_.notify_one();
-    }
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_ = {};
 }
 
-void Timers::Run() {
-    pthread_setname_np(pthread_self(), "timers");
+Timers::Clock::time_point Timers::NextDue() const {
+    const auto next = std::ranges::min_element(timers_, {}, &Timer::due);
+    return next == timers_.end() ? Clock::time_point::max() : next->due;
+}
+
+void Timers::Run(const std::stop_token &stop) {
     std::unique_lock lock(mutex_);
-    while (!stop_) {
-        const auto next = std::min_element(timers_.begin(), timers_.end(),
-                                           [](const Timer &a, const Timer &b) { return a.due < b.due; });
-        if (next == timers_.end() || next->IsStopped()) {
-            wake_.wait(lock);
-        } else if (next->due > Clock::now()) {
-            wake_.wait_until(lock, Clock::time_point(next->due)); // the timer may be changed meanwhile
-        } else {
-            Expire(lock, *next);
+    while (!stop.stop_requested()) {
+        const Clock::time_point due = NextDue(), now = Clock::now();
+        if (due <= now) {
+            Expire(lock, *std::ranges::min_element(timers_, {}, &Timer::due));
+        } else { // bounded, as the system's clocks don't reach the end of time
+            wake_.wait_until(lock, stop, std::min(due, now + std::chrono::hours(1)), [&] { return NextDue() < due; });
         }
     }
 }

@@ -32,8 +32,6 @@ public:
         bool IsStopped() const { return due == Clock::time_point::max(); }
     };
 
-    ~Timers() { Stop(); }
-
     // A timer that is stopped yet.
     uint32_t Add(const char *name, Work work);
 
@@ -49,14 +47,14 @@ public:
 
 private:
     void Set(uint32_t id, Milliseconds period, bool periodic, Clock::time_point due);
-    void Run();
+    void Run(const std::stop_token &stop);
+    Clock::time_point NextDue() const;
     void Expire(std::unique_lock<std::mutex> &lock, Timer &timer);
 
     mutable std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable_any wake_;
     std::vector<Timer> timers_;
-    std::thread thread_;
-    bool stop_ = false;
+    std::jthread thread_; // ends before what it uses
 };
 
 Timers &TheTimers();

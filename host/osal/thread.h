@@ -1,0 +1,22 @@
+// Threads that are told to stop.
+#pragma once
+
+#include <pthread.h>
+
+#include <stop_token>
+#include <thread>
+#include <utility>
+
+namespace host {
+
+// Runs a function with the stop token of the thread that it returns. To destroy that or assign another to it asks the
+// function to stop, and waits until it has.
+template <class Function>
+std::jthread StartThread(const char *name, Function function) {
+    return std::jthread([name, function = std::move(function)](const std::stop_token &stop) {
+        pthread_setname_np(pthread_self(), name);
+        function(stop);
+    });
+}
+
+} // namespace host
