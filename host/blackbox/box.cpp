@@ -91,6 +91,7 @@ Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {
         if (map_ == MAP_FAILED) {
             throw std::system_error(errno, std::generic_category(), file.string());
         }
+        flock(fd, LOCK_UN); // which closing does not do, as the mapping keeps the file open
         return;
     }
 }

@@ -256,6 +256,23 @@ TEST_F(BoxTest, SurvivesAWriterThatIsKilledAnywhere) {
     EXPECT_EQ(contents.records[2].head.pid, 1);
 }
 
+TEST_F(BoxTest, IsOpenInSeveralProcessesAtATime) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    const pid_t other = fork();
+    if (other == 0) {
+        alarm(10);
+        const Box same(file_, aside);
+        WriteWhole(same, 2);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(other, &status, 0);
+    EXPECT_EQ(status, 0) << "waits for the first to close it";
+    WriteWhole(box, 1);
+    EXPECT_EQ(host::blackbox::Read(dir_.Path()).records.size(), 2);
+}
+
 TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
     constexpr uint32_t kWriters = 8, kEach = 100;
     std::vector<pid_t> writers;
