@@ -220,6 +220,37 @@ TEST_F(HealthTest, BringsTheSwitchesToTheAgents) {
     EXPECT_TRUE(kit::Eventually([&] { return function == 5 && limit == 77; }));
 }
 
+TEST_F(HealthTest, AgentsThatHangDelayNoOther) {
+    constexpr size_t kHanging = 8;
+    std::vector<std::unique_ptr<kit::Process>> hanging;
+    for (size_t i = 0; i != kHanging; ++i) {
+        hanging.push_back(std::make_unique<kit::Process>(
+            dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "sleepy", "--run-dir", dir_.Path()}));
+    }
+    const auto number = [&](uint32_t level) {
+        return std::ranges::count_if(Items(),
+                                     [&](const Item &item) { return item.source == "sleepy" && item.level == level; });
+    };
+    ASSERT_TRUE(kit::Eventually([&] { return number(TARN_AGENT_HEALTH_GOOD) == kHanging; }));
+    for (const auto &agent : hanging) {
+        agent->Signal(SIGSTOP);
+    }
+    ASSERT_TRUE(kit::Eventually([&] { return number(TARN_AGENT_HEALTH_BAD) == kHanging; }));
+
+    std::atomic<int> all = -1;
+    FakeAgent agent(dir_.Path());
+    agent.OnOneway<Tarn_sys_diag_PadsGlobalSwitch>("TarnPadsSetProcPadsGlobalSwitch",
+                                                   [&](const auto &request) { all = request.ucGlobalSwitch; });
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(FakeAgent::Register(client_, "lively"), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return all == 1; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "one after the other, they take 8 s";
+    for (const auto &process : hanging) {
+        process->Signal(SIGCONT);
+    }
+    EXPECT_TRUE(kit::Eventually([&] { return number(TARN_AGENT_HEALTH_GOOD) == kHanging; }));
+}
+
 TEST_F(HealthTest, TellsSubscribersOfAResource) {
     std::atomic<int> level = -1, usage = -1, others = 0;
     FakeAgent agent(dir_.Path());
