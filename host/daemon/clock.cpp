@@ -125,6 +125,11 @@ Tarn_sys_diag_Systime Clock::LocalTime(std::chrono::system_clock::time_point whe
     return host::ToRecord(Local(when));
 }
 
+LocalMillis Clock::LocalNow() const {
+    const std::lock_guard lock(mutex_);
+    return Local(std::chrono::system_clock::now());
+}
+
 std::string Clock::Text(std::chrono::system_clock::time_point when) const {
     const std::lock_guard lock(mutex_);
     return host::TextOf(Local(when), settings_.dateFormat);
@@ -158,6 +163,9 @@ void Clock::SetNow(GmtTime now) {
 void Clock::Change(ClockSettings changed, const std::string &what) {
     TheStore().Save(kDocument, kVersion, ToJson(changed));
     settings_ = std::move(changed);
+    if (changed_) {
+        changed_();
+    }
     host::Log().info("{}", what);
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <mutex>
 
 #include <nlohmann/json.hpp>
@@ -25,6 +26,10 @@ public:
 
     void Load();
 
+    // What clocks show depends on the settings: the function is called after each change of them. It must be short and
+    // not ask the clock. Before the first request.
+    void OnChange(std::function<void()> function) { changed_ = std::move(function); }
+
     // Each takes a setting over, keeps it, and says so in the log; `source` is who wants it. Throws what is wrong with
     // it, or what keeps it from being applied or kept; the settings are as before then.
     void SetZone(const host::Zone &zone, const char *source);
@@ -35,6 +40,7 @@ public:
 
     // A moment of the system's clock as the daemon's shows it.
     Tarn_sys_diag_Systime LocalTime(std::chrono::system_clock::time_point when) const;
+    host::LocalMillis LocalNow() const;
     std::string Text(std::chrono::system_clock::time_point when) const;
 
 private:
@@ -48,6 +54,7 @@ private:
     ClockSettings settings_;
     bool applies_ = false;
     std::filesystem::path zoneLink_;
+    std::function<void()> changed_;
 };
 
 Clock &TheClock();

@@ -33,16 +33,6 @@ void StandBack() {
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
 }
 
-// When it is that time next, by the clock that the daemon's records follow.
-std::chrono::system_clock::time_point NextTimeOfDay(int hour, int minute) {
-    const auto now = std::chrono::system_clock::now();
-    const Tarn_sys_diag_Systime local = TheClock().LocalTime(now);
-    const auto sinceMidnight = std::chrono::hours(local.ucHour) + std::chrono::minutes(local.ucMinute) +
-                               std::chrono::seconds(local.ucSecond) + std::chrono::milliseconds(local.uiMillisecond);
-    std::chrono::milliseconds delay = std::chrono::hours(hour) + std::chrono::minutes(minute) - sinceMidnight;
-    return now + (delay > 0ms ? delay : delay + 24h);
-}
-
 MeasurementTimes Checked(MeasurementTimes times) {
     const bool ofDay = times.hour < 24;
     if (!ofDay && times.hour != TARND_DIM_EVERY_SECONDS && times.hour != TARND_DIM_EVERY_MINUTES) {
@@ -106,6 +96,8 @@ void Measurement::Start(uint64_t bytesPerSecond) {
     Load();
     digests_ = std::make_unique<Digests>(bytesPerSecond);
     timer_ = TheTimers().Add("measurement", [] { TheMeasurement().Expire(); });
+    clockTimer_ = TheTimers().Add("measurement clock", [] { TheMeasurement().ArmByClock(); });
+    TheClock().OnChange([this] { TheTimers().Once(clockTimer_, 0ms); });
     Arm();
     thread_ = host::StartThread("measurement", [this](const std::stop_token &stop) { Run(stop); });
 }
@@ -153,20 +145,28 @@ bool Measurement::IsByTime() const {
 }
 
 void Measurement::Arm() {
+    daily_.reset();
     if (!IsByTime()) {
         TheTimers().Cancel(timer_);
     } else if (times_.Period() != 0ms) {
         TheTimers().Every(timer_, times_.Period());
     } else {
+        daily_.emplace(std::chrono::hours(times_.hour) + std::chrono::minutes(times_.minute), TheClock().LocalNow());
         WaitForTimeOfDay();
     }
 }
 
-// The clock and its zone may be set meanwhile, and summer time begin: a long delay is looked at again.
+// The daemon's clock was set, or its zone.
+void Measurement::ArmByClock() {
+    const std::lock_guard lock(mutex_);
+    if (daily_) {
+        Arm();
+    }
+}
+
+// The system's clock may be set, and daylight saving begin: a long delay is looked at again.
 void Measurement::WaitForTimeOfDay() {
-    due_ = NextTimeOfDay(times_.hour, times_.minute);
-    const auto delay = std::chrono::ceil<std::chrono::milliseconds>(due_ - std::chrono::system_clock::now());
-    TheTimers().Once(timer_, std::clamp<std::chrono::milliseconds>(delay, 0ms, 1min));
+    TheTimers().Once(timer_, std::clamp<host::Millis>(daily_->Due() - TheClock().LocalNow(), 0ms, 1min));
 }
 
 void Measurement::Expire() {
@@ -174,12 +174,11 @@ void Measurement::Expire() {
     if (!IsByTime()) {
         return; // it has just been switched off
     }
-    const bool onceADay = times_.Period() == 0ms;
-    const bool due = !onceADay || std::chrono::system_clock::now() >= due_;
+    const bool due = !daily_ || daily_->Take(TheClock().LocalNow());
     if (due && jobs_.empty()) { // else the last one takes longer than the time between two
         Enqueue(Kind::kMeasure, nullptr);
     }
-    if (onceADay) {
+    if (daily_) {
         WaitForTimeOfDay();
     }
 }

@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "host/clock/daily.h"
 #include "host/daemon/survey.h"
 
 namespace tarnd {
@@ -58,6 +60,7 @@ private:
     void Save();
     bool IsByTime() const;
     void Arm();
+    void ArmByClock();
     void WaitForTimeOfDay();
     void Expire();
     void Enqueue(Kind kind, void *replyCtx);
@@ -77,8 +80,8 @@ private:
     uint32_t mode_;
     FileDigests baseline_;
     State state_;
-    uint32_t timer_ = 0;
-    std::chrono::system_clock::time_point due_; // once a day
+    uint32_t timer_ = 0, clockTimer_ = 0;
+    std::optional<host::Daily> daily_; // when due once a day
 
     std::atomic<uint64_t> cancelledJob_{0}; // and all before it
     std::unique_ptr<Digests> digests_;

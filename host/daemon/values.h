@@ -274,9 +274,9 @@
  *                               4 give up what runs and waits
  *                               5 measure, answered at once
  *
- * TarnSetDimTimeCfgByTarnd    ucValue1 and ucValue2: hour (0 to 23) and minute of a measurement each day, local time; or
- *                             254 and every so many seconds, 255 and every so many minutes; 0 of these: never, as at
- *                             the start.
+ * TarnSetDimTimeCfgByTarnd    ucValue1 and ucValue2: hour (0 to 23) and minute of a measurement each day, by the daemon's
+ *                             clock and zone; or 254 and every so many seconds, 255 and every so many minutes; 0 of
+ *                             these: never, as at the start.
  *
  * TarnSetDimWorkModeCfgByTarnd   uiWorkMode 0 no measurements by time; 1, at the start, also by time; 2 the same, and
  *                             files that are new are taken into the baseline.

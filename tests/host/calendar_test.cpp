@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "host/answer/answer.h"
+#include "host/clock/daily.h"
 #include "host/clock/rules.h"
 
 namespace {
@@ -255,6 +256,39 @@ TEST(WallClock, KnowsNoTimeThatItSkips) {
     EXPECT_NE(Refusal([&] { gmt(2026, 2, 59); }).find("2026-03-29 02:59:00"), std::string::npos);
     EXPECT_EQ(gmt(2026, 3, 0), sys_days(2026y / 3 / 29) + 1h);
     EXPECT_EQ(gmt(2027, 2, 30), sys_days(2027y / 3 / 29) + 90min) << "the rule is of 2026 only";
+}
+
+// When something of 02:30 each day is taken, by looking every minute from one moment of GMT to another.
+std::vector<std::string> Taken(const host::WallClock &clock, sys_seconds from, sys_seconds to) {
+    host::Daily daily(2h + 30min, clock.ToLocal(from));
+    std::vector<std::string> taken;
+    for (host::GmtTime now = from; now < to; now += 1min) {
+        if (daily.Take(clock.ToLocal(now))) {
+            taken.push_back(host::TextOf(clock.ToLocal(now)));
+        }
+    }
+    return taken;
+}
+
+TEST(Daily, ComesOnceADayAlsoWhenClocksGoForwardOrBack) {
+    const host::DstRule rule{"CEST", 60, host::ParseChange("M3.5.0/02:00:00"), host::ParseChange("M10.5.0/03:00:00")};
+    const host::WallClock clock({"Europe/Berlin", 60}, rule);
+    EXPECT_EQ(Taken(clock, sys_days(2026y / 3 / 27) + 12h, sys_days(2026y / 3 / 31)),
+              (std::vector<std::string>{"2026-03-28 02:30:00", "2026-03-29 03:00:00", "2026-03-30 02:30:00"}));
+    EXPECT_EQ(Taken(clock, sys_days(2026y / 10 / 23) + 12h, sys_days(2026y / 10 / 27)),
+              (std::vector<std::string>{"2026-10-24 02:30:00", "2026-10-25 02:30:00", "2026-10-26 02:30:00"}));
+}
+
+TEST(Daily, FollowsAClockThatIsSet) {
+    const auto at = [](year_month_day day, host::Millis time) { return host::LocalMillis(local_days(day)) + time; };
+    host::Daily daily(2h + 30min, at(2026y / 11 / 21, 12h));
+    EXPECT_FALSE(daily.Take(at(2026y / 11 / 22, 2h + 29min + 59s)));
+    EXPECT_FALSE(daily.Take(at(2026y / 11 / 22, 12h))) << "set forward beyond it";
+    EXPECT_EQ(daily.Due(), at(2026y / 11 / 23, 2h + 30min));
+    EXPECT_FALSE(daily.Take(at(2020y / 1 / 1, 1h))) << "set back by years";
+    EXPECT_EQ(daily.Due(), at(2020y / 1 / 1, 2h + 30min));
+    EXPECT_TRUE(daily.Take(at(2020y / 1 / 1, 2h + 30min)));
+    EXPECT_FALSE(daily.Take(at(2020y / 1 / 1, 2h + 30min)));
 }
 
 } // namespace

@@ -150,6 +150,29 @@ TEST_F(MeasurementTest, RunsByTime) {
     EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; })) << "times are kept";
 }
 
+TEST_F(MeasurementTest, RunsAtItsTimeByTheDaemonsClock) {
+    Tarn_sys_diag_SetTimezoneInput zone{};
+    kit::Set(zone.stTimezone.szTimezoneName, "UTC");
+    ASSERT_EQ(Call<Tarn_sys_diag_Result>("SetTimezone", zone)->uiResult, 0);
+    SetTimes(3, 30);
+    ASSERT_TRUE(Logged("measurement times 3 30"));
+    const auto setClock = [&](uint8_t hour) {
+        const Tarn_sys_diag_SetLocalTimeInput request{{2026, 6, 1, hour, 29, 58, 0, 0}};
+        EXPECT_EQ(Call<Tarn_sys_diag_Result>("SetLocalTime", request)->uiResult, 0);
+    };
+    setClock(4);
+    std::this_thread::sleep_for(3s);
+    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE) << "half past four";
+    setClock(3);
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; }));
+    ASSERT_EQ(Operate(TARND_DIM_FORGET), 0);
+
+    setClock(2);
+    zone.stTimezone.uiTimezoneOffset = 60;
+    ASSERT_EQ(Call<Tarn_sys_diag_Result>("SetTimezone", zone)->uiResult, 0);
+    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; })) << "an hour further east";
+}
+
 TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(Operate(0), EINVAL);
     EXPECT_EQ(Operate(6), EINVAL);
