@@ -321,7 +321,7 @@ void Request::SendError(uint32_t status, uint32_t errCode, const std::string &te
     }
     const std::string whole = fmt::format("{}: {}", Label(), text);
     if (IsOneway()) {
-        Log().warn("one-way {}", whole);
+        source_->Warn(fmt::format("one-way {} failed", Label()), "one-way " + whole);
         return;
     }
     FrameHeader header;

@@ -25,6 +25,7 @@ public:
     virtual void Finished() = 0; // a request of this connection has been answered, and its wrapper has returned
     virtual const Limits &GetLimits() const = 0;
     virtual Refusals &GetRefusals() = 0;
+    virtual void Warn(const std::string &kind, const std::string &record) = 0; // in the log, of this peer
     virtual Loop &GetLoop() = 0;
     virtual const void *GetServer() const = 0;
     virtual bool IsStopping() const = 0;

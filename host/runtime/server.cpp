@@ -49,6 +49,7 @@ public:
     std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal) override;
     const Limits &GetLimits() const override { return options_.limits; }
     Refusals &GetRefusals() override { return refusals_; }
+    PeerLog &GetPeerLog() override { return peerLog_; }
     bool IsStopping() const override { return stopping_; }
     bool RequestBegins() override { return requests_.fetch_add(1) < options_.limits.requests; }
     void RequestEnds() override;
@@ -61,7 +62,7 @@ private:
 
     bool AcceptAll(Listener &listener);
     void Admit(UniqueFd fd);
-    bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal) const;
+    bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(std::shared_ptr<Session> session);
     void CheckTimes();
     std::vector<std::shared_ptr<Session>> Sessions();
@@ -76,6 +77,7 @@ private:
     const Services services_;
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     Refusals refusals_;
+    PeerLog peerLog_;
     Loop loop_;
     std::vector<std::thread> threads_;
     std::vector<std::unique_ptr<Listener>> listeners_;
@@ -208,6 +210,7 @@ void Server::Core::CheckTimes() {
     for (const auto &session : Sessions()) {
         session->CheckTimes(now);
     }
+    peerLog_.Summarize(now);
     const Limits &limits = options_.limits;
     const auto shortest = std::min({limits.writeTime, limits.frameTime, limits.idleTime});
     loop_.At(now + std::clamp<Limits::Milliseconds>(shortest / 4, 10ms, 1000ms), [this] { CheckTimes(); });
@@ -215,14 +218,16 @@ void Server::Core::CheckTimes() {
 
 // --- Requests
 
-bool Server::Core::Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal) const {
+bool Server::Core::Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal) {
     if (options_.policy.Allows(peer, header.method)) {
         return false;
     }
     refusal = {Reason::kDenied, EACCES,
                fmt::format("denied to user {}; the policy has \"{}\" (group {})", peer.uid,
                            options_.policy.Text(header.method), NameOf(GroupOf(header.method)))};
-    Log().warn("{}.{}: denied to process {} of user {}", header.service, header.method, peer.pid, peer.uid);
+    const std::string call = fmt::format("{}.{}: denied to ", header.service, header.method);
+    peerLog_.Warn(fmt::format("{}user {}", call, peer.uid),
+                  fmt::format("{}process {} of user {}", call, peer.pid, peer.uid));
     return true;
 }
 
@@ -374,6 +379,7 @@ bool Server::Core::Stop() {
     Request::RefuseAll(static_cast<SessionHost *>(this), ECANCELED,
                        "the server stopped before the request was answered");
     CloseSessions(until);
+    peerLog_.Flush();
     loop_.Stop();
     bool ended;
     {

@@ -4,8 +4,6 @@
 
 #include <cerrno>
 
-#include "host/osal/log.h"
-
 namespace host {
 
 Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<SessionHost> host)
@@ -97,7 +95,12 @@ void Session::OnEnd() {
 
 void Session::CutOff(Reason reason, const std::string &why) {
     GetRefusals().Count(reason);
-    Log().warn("connection of process {} (user {}) cut off: {}", peer_.pid, peer_.uid, why);
+    Warn(fmt::format("connection cut off ({})", TextOf(reason).name),
+         fmt::format("connection of process {} (user {}) cut off: {}", peer_.pid, peer_.uid, why));
+}
+
+void Session::Warn(const std::string &kind, const std::string &record) {
+    host_->GetPeerLog().Warn(fmt::format("{}: user {}", kind, peer_.uid), record);
 }
 
 void Session::CheckTimes(Clock::time_point now) {

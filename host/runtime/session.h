@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/runtime/link.h"
+#include "host/runtime/peer_log.h"
 #include "host/runtime/policy.h"
 #include "host/runtime/request.h"
 
@@ -23,6 +24,7 @@ public:
     virtual std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal) = 0;
     virtual const Limits &GetLimits() const = 0;
     virtual Refusals &GetRefusals() = 0;
+    virtual PeerLog &GetPeerLog() = 0;
     virtual bool IsStopping() const = 0;
     // False when there are as many requests as the server takes; this one counts all the same.
     virtual bool RequestBegins() = 0;
@@ -54,6 +56,7 @@ public:
     void Finished() override;
     const Limits &GetLimits() const override { return host_->GetLimits(); }
     Refusals &GetRefusals() override { return host_->GetRefusals(); }
+    void Warn(const std::string &kind, const std::string &record) override;
     Loop &GetLoop() override { return Link::GetLoop(); }
     const void *GetServer() const override { return host_.get(); }
     bool IsStopping() const override { return host_->IsStopping(); }

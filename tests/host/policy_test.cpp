@@ -8,11 +8,13 @@ TARN_UNIT()
 #include <grp.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <sstream>
 
 #include "host/osal/log.h"
 #include "host/runtime/catalogue.h"
+#include "host/runtime/peer_log.h"
 #include "host/runtime/policy.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
@@ -197,6 +199,14 @@ protected:
     std::unique_ptr<host::Server> server_;
 };
 
+size_t CountOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != text.npos; ++at) {
+        ++count;
+    }
+    return count;
+}
+
 TEST_F(AccessTest, AnotherUserIsDeniedWhatThePolicyDoesNotGive) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can be another user";
@@ -225,11 +235,59 @@ TEST_F(AccessTest, ADenialIsLogged) {
     host::Log().set_level(spdlog::level::warn);
     Serve("commands anyone");
     testing::internal::CaptureStderr();
-    AskAs(kNobody, {}, peer::OnlineRequest(1));
+    constexpr uint64_t kTimes = 20;
+    for (uint64_t i = 0; i != kTimes; ++i) {
+        AskAs(kNobody, {}, peer::OnlineRequest(i));
+    }
+    host::Client client({.runDir = dir_.Path()});
+    host::ServerStatus status;
+    ASSERT_TRUE(host::AskStatus(client, "TarnSysdiagTarnd", 0, status, 10s).Ok());
+    const auto denied = std::ranges::find(status.refused, "denied", &host::NamedValue::name);
+    EXPECT_EQ(denied->value, kTimes);
     server_.reset();
-    host::Log().flush();
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("TarnSysdiagTarnd.PidIsOnline: denied to process "),
-              std::string::npos);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(CountOf(log, "TarnSysdiagTarnd.PidIsOnline: denied to process "), 1U) << log;
+    EXPECT_EQ(CountOf(log, "TarnSysdiagTarnd.PidIsOnline: denied to user 65534, and 19 more"), 1U) << log;
+}
+
+TEST(PeerLog, WritesTheFirstOfAKindAndThenTheirNumberOnceAnInterval) {
+    host::Log().set_level(spdlog::level::warn);
+    testing::internal::CaptureStderr();
+    host::PeerLog log;
+    const auto start = host::PeerLog::Clock::now();
+    const auto after = [&](int intervals) { return start + intervals * host::PeerLog::kInterval + 1s; };
+    log.Warn("a", "the first a");
+    log.Warn("a", "the second a");
+    log.Warn("b", "the first b");
+    log.Warn("a", "the third a");
+    log.Summarize(start + 1s);
+    log.Summarize(after(1));
+    log.Warn("a", "the fourth a");
+    log.Summarize(after(1));
+    log.Summarize(after(2));
+    log.Summarize(after(3));
+    log.Warn("a", "another first a");
+    log.Flush();
+    std::vector<std::string> lines;
+    std::istringstream written(testing::internal::GetCapturedStderr());
+    for (std::string line; std::getline(written, line);) {
+        lines.push_back(line.substr(line.find("] ") + 2));
+    }
+    EXPECT_EQ(lines, (std::vector<std::string>{"the first a", "the first b", "a, and 2 more", "a, and 1 more",
+                                               "another first a"}));
+}
+
+TEST(PeerLog, IsBounded) {
+    host::Log().set_level(spdlog::level::warn);
+    testing::internal::CaptureStderr();
+    host::PeerLog log;
+    for (size_t i = 0; i != 2 * host::PeerLog::kMaxKinds; ++i) {
+        log.Warn(std::to_string(i), "a record");
+    }
+    log.Flush();
+    const std::string written = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(CountOf(written, "a record\n"), host::PeerLog::kMaxKinds + 1) << "and one of all others";
+    EXPECT_EQ(CountOf(written, "more of other kinds, and 255 more\n"), 1U) << written;
 }
 
 TEST_F(AccessTest, AnotherUserMayByItsNumberOrAGroup) {
