@@ -167,7 +167,7 @@ uint64_t Number(std::string_view text, std::optional<uint64_t> otherwise) {
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number, base);
     if (error != std::errc() || end != digits.data() + digits.size()) {
-        throw host::BadValue("the argument", std::string(text), "a number, or 0x and a hexadecimal one");
+        throw host::BadValue("the argument", fmt::format("\"{}\"", text), "a number, or 0x and a hexadecimal one");
     }
     return number;
 }
@@ -360,7 +360,7 @@ uint32_t GetMirelMemPtInfo(const Tarn_sys_diag_GetMirelMemPtInfoInput *request, 
 
 uint32_t MemDiag_ma(const Tarn_sys_diag_mem_RPCIN *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_mem_PRCOUT>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiValue1 = host::Run(__func__, [&] {
+        reply.uiValue1 = host::Run("MemDiag_ma", [&] {
             const auto *const argument = reinterpret_cast<const char *>(request->pucMemData);
             const Table table = Diagnose(request->uiMemCmd, {argument, request->uiMemDataLen});
             reply.uiValue2 = table.lineNum;

@@ -56,7 +56,7 @@ void Release(Record *record) {
     delete static_cast<Reply<Record> *>(record);
 }
 
-// The status for the exception in flight, which it logs. To be called from a catch block.
+// The status for the exception in flight, which it logs and tells the caller of. To be called from a catch block.
 uint32_t StatusOfException(const char *method);
 
 // Runs the function of a method without reply.
@@ -86,9 +86,9 @@ uint32_t Answer(const char *method, void *replyCtx, Fill fill) {
 }
 
 // The same for a method that answers with nothing but a result, in which a failure travels.
-template <class Function>
+template <class Record = Tarn_sys_diag_Result, class Function>
 uint32_t AnswerResult(const char *method, void *replyCtx, Function function) {
-    return Answer<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = Run(method, function); });
+    return Answer<Record>(method, replyCtx, [&](auto &reply) { reply.uiResult = Run(method, function); });
 }
 
 // For work that takes long, now and then: throws when its result is no longer wanted.

@@ -61,7 +61,7 @@ void WatchAgents() {
 
 uint32_t AgentRegInfo(const Tarn_sys_diag_AgentRegInfoInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_AgentRegInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiValue1 = host::Run(__func__, [&] { tarnd::Register(*request); });
+        reply.uiValue1 = host::Run("AgentRegInfo", [&] { tarnd::Register(*request); });
         host::CopyText(reply.szAgentName, host::TextOf(request->szAgentName));
         reply.uiValue2 = static_cast<uint32_t>(getpid());
     });

@@ -63,7 +63,7 @@ void CheckArchive(const Descriptor &source, const std::string &name) {
     const std::string_view text(
         mark, static_cast<size_t>(std::max<ssize_t>(0, regular ? pread(source.Fd(), mark, sizeof mark, 0) : 0)));
     if (text != std::string_view("PK\3\4") && text != std::string_view("PK\5\6")) {
-        throw host::BadValue("szSrcPath", name, "a ZIP archive");
+        throw host::BadValue("szSrcPath", fmt::format("\"{}\"", name), "a ZIP archive");
     }
 }
 

@@ -161,6 +161,9 @@ void Clock::SetNow(GmtTime now) {
 }
 
 void Clock::Change(ClockSettings changed, const std::string &what) {
+    if (changed == settings_) {
+        return; // the master tells its settings whenever it is there
+    }
     TheStore().Save(kDocument, kVersion, ToJson(changed));
     settings_ = std::move(changed);
     if (changed_) {

@@ -17,6 +17,8 @@ struct ClockSettings {
     std::optional<host::DstRule> dst;
     host::Millis shift{0}; // what the daemon's clock is ahead of the system's
     host::DateFormat dateFormat = host::DateFormat::kYearMonthDay;
+
+    bool operator==(const ClockSettings &) const = default;
 };
 
 class Clock {

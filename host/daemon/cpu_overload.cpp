@@ -65,16 +65,12 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
 } // namespace tarnd
 
 uint32_t SysOvLoadCpuThresholdSet(const Tarn_sys_diag_SysOvLoadCpuThreshold *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult =
-            host::Run(__func__, [&] { tarnd::TheCpuOverload().SetSystem(tarnd::CheckedThresholds(*request)); });
-    });
+    return host::AnswerResult<Tarn_sys_diag_OperResult>(
+        __func__, replyCtx, [&] { tarnd::TheCpuOverload().SetSystem(tarnd::CheckedThresholds(*request)); });
 }
 
 uint32_t SetCpuOvProcThreshold(const Tarn_sys_diag_SetCpuOvProcThresholdInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult = host::Run(__func__, [&] { tarnd::SetProcess(*request); });
-    });
+    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] { tarnd::SetProcess(*request); });
 }
 
 uint32_t OvloadCpuSwitchState(const Tarn_sys_diag_OvloadCpuSwitchInput *, void *replyCtx) {

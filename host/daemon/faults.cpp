@@ -152,7 +152,6 @@ uint32_t GetAssertInfo(const Tarn_sys_diag_AssertInfoCondition *request, void *r
 }
 
 uint32_t ResetBBoxInfo(const Tarn_sys_diag_ResetBBoxCondition *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ResetBBoxResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult = host::Run(__func__, [&] { tarnd::Reset(request->uiValue1, request->uiValue2); });
-    });
+    return host::AnswerResult<Tarn_sys_diag_ResetBBoxResult>(
+        __func__, replyCtx, [&] { tarnd::Reset(request->uiValue1, request->uiValue2); });
 }

@@ -48,7 +48,8 @@ struct Options {
 
 void Declare(CLI::App &app, Options &options) {
     host::Declare(app, options.serve);
-    app.add_option("--log-dir", options.logDir, "Directory that archives are made of and in")->capture_default_str();
+    app.add_option("--log-dir", options.logDir, "Directory that archives are made of and in [/var/log/tarn]")
+        ->option_text("DIR");
     app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
         ->option_text("NAME=DIR ...")
         ->check([](const std::string &text) {
@@ -57,22 +58,20 @@ void Declare(CLI::App &app, Options &options) {
                        : "";
         });
     app.add_option("--sample-interval", options.sampleIntervalMs,
-                   "Milliseconds between two samples of the system and its processes")
+                   "Milliseconds between two samples of the system and its processes, 10 to 60000 [1000]")
         ->check(CLI::Range(10U, 60000U))
-        ->option_text("MS")
-        ->capture_default_str();
+        ->option_text("MS");
     app.add_option("--measure-rate", options.measureRateMb,
-                   "Megabytes that a measurement reads in a second; 0: no limit")
-        ->option_text("MB")
-        ->capture_default_str();
+                   "Megabytes that a measurement reads in a second; 0: no limit [100]")
+        ->option_text("MB");
     app.add_flag("--apply-clock", options.applyClock,
                  "Set the system's clock and time zone, not only the daemon's own");
-    app.add_option("--zone-link", options.zoneLink, "With --apply-clock: the link that names the system's time zone")
-        ->capture_default_str();
-    app.add_option("--workers", options.workers, "Requests that are worked on at the same time")
+    app.add_option("--zone-link", options.zoneLink,
+                   "With --apply-clock: the link that names the system's time zone [/etc/localtime]")
+        ->option_text("FILE");
+    app.add_option("--workers", options.workers, "Requests that are worked on at the same time, 1 to 256 [16]")
         ->check(CLI::Range(1U, 256U))
-        ->option_text("N")
-        ->capture_default_str();
+        ->option_text("N");
     app.add_flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
 }
 

@@ -36,9 +36,9 @@ void ClearEnvironment(const Tarn_sys_diag_ClearEnvActInput &request) {
     } else if (what == "leak") {
         TheLeakMarks().Set(std::string(pattern));
     } else if (what == "overload") {
-        throw host::BadValue("acValue2", pattern, "none with overload");
+        throw host::BadValue("acValue2", fmt::format("\"{}\"", pattern), "none with overload");
     } else {
-        throw host::BadValue("acValue1", what, "overload or leak");
+        throw host::BadValue("acValue1", fmt::format("\"{}\"", what), "overload or leak");
     }
 }
 
@@ -58,8 +58,10 @@ void MemoryOverload::Set(const MemoryThresholds &thresholds) {
     const std::lock_guard lock(mutex_);
     TheStore().Save(kDocument, kVersion, {{"over", thresholds.over}, {"recover", thresholds.recover}});
     thresholds_ = thresholds;
-    host::Log().info("memory overload: begins at {} permille in use, ends below {}", thresholds.over,
-                     thresholds.recover);
+    host::Log().info("memory overload: {}", thresholds.over == 0
+                                                ? "off"
+                                                : fmt::format("begins at {} permille in use, ends below {}",
+                                                              thresholds.over, thresholds.recover));
 }
 
 MemoryThresholds MemoryOverload::Thresholds() const {
@@ -151,12 +153,10 @@ uint32_t GetSysMemOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t SysOvLoadMemThresholdSet(const Tarn_sys_diag_SysOvLoadMemThreshold *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult = host::Run(__func__, [&] {
-            const uint32_t recover = request->uiValue2 == 0 ? request->uiValue1 : request->uiValue2;
-            tarnd::TheMemoryOverload().Set({request->uiValue1, recover});
-            tarnd::TheMasterLink().TellMemoryThresholds();
-        });
+    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] {
+        const uint32_t recover = request->uiValue2 == 0 ? request->uiValue1 : request->uiValue2;
+        tarnd::TheMemoryOverload().Set({request->uiValue1, recover});
+        tarnd::TheMasterLink().TellMemoryThresholds();
     });
 }
 

@@ -321,7 +321,8 @@ Config ParseConfig(std::istream &text, const std::string &name) {
 Config LoadConfig(const std::filesystem::path &file) {
     std::ifstream text(file);
     if (!text) {
-        throw std::runtime_error(fmt::format("{}: {}", file.string(), std::generic_category().message(errno)));
+        throw std::runtime_error(fmt::format("{}: {}, expected a configuration file", file.string(),
+                                             std::generic_category().message(errno)));
     }
     Config config = ParseConfig(text, file.string());
     if (text.bad()) {

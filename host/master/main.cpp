@@ -15,7 +15,7 @@ struct Options {
 };
 
 void Declare(CLI::App &app, Options &options) {
-    app.add_option("CONFIG", options.config, "Configuration file; read again on SIGHUP")->required();
+    app.add_option("CONFIG", options.config, "Configuration file; read again on SIGHUP")->required()->option_text(" ");
     host::Declare(app, options.serve);
     app.add_flag("--check", options.check, "Check the configuration file and the options, and end");
 }

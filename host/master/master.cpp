@@ -32,6 +32,10 @@ Names Find(const std::map<Names, Thresholds> &configured, Names names) {
     return names;
 }
 
+std::string SectionOf(const Names &names) {
+    return fmt::format("[memory-overload {}{}{}]", names.first, names.second.empty() ? "" : " ", names.second);
+}
+
 json ToJson(const Thresholds &thresholds) {
     return {{"over", thresholds.over}, {"recover", thresholds.recover}};
 }
@@ -114,8 +118,8 @@ void Master::ChangeMemory(const Names &names, const Thresholds &thresholds, cons
     change.when = static_cast<uint32_t>(time(nullptr));
     Save(changes);
     changes_ = std::move(changes);
-    host::Log().info("[memory-overload {} {}]: over {}, recover {}, changed by {}", found.first, found.second,
-                     thresholds.over, thresholds.recover, by);
+    host::Log().info("{}: over {}, recover {}, changed by {}", SectionOf(found), thresholds.over, thresholds.recover,
+                     by.empty() ? "a client without a name" : by);
 }
 
 void Master::Load() {
@@ -149,8 +153,7 @@ std::map<Names, Change> Master::StillValid(std::map<Names, Change> changes, cons
         const auto now = config.memoryOverload.find(entry.first);
         const bool outdated = now == config.memoryOverload.end() || now->second != entry.second.ofFile;
         if (outdated) {
-            host::Log().info("[memory-overload {} {}]: the file's, no longer that of {}", entry.first.first,
-                             entry.first.second, entry.second.by);
+            host::Log().info("{}: the file's, no longer that of {}", SectionOf(entry.first), entry.second.by);
         }
         return outdated;
     });

@@ -202,7 +202,7 @@ uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *re
 
 uint32_t DetectSysdiagServerOnline(const Tarn_sys_diag_None *) {
     static std::atomic<uint64_t> count = 0;
-    host::Log().info("a daemon announces itself, for the {}. time", ++count);
+    host::Log().info("a daemon announces itself; announcements so far: {}", ++count);
     return 0;
 }
 

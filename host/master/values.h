@@ -16,10 +16,12 @@
  *
  * GetCpuOvLoadCfgInfo       acName1 whose configuration, "system" or empty: the system's; acName2 a variant of it, or
  * GetMemoryOvLoadCfgInfo    empty. Without a configuration of that variant the one without variant is answered, with
- * its own names. 2 ENOENT when there is neither. CPU      uiValue1 share at which an overload begins, uiValue2 share
- * below which it ends, uiValue3 seconds that it must last, uiValue4 how often the file has been read memory   uiValue1
- * and uiValue2 the same; uiValue3 0: as in the file, 1: changed since by MemChangeInnerConfig, then acName3 who changed
- * it, uiValue4 how often it was changed, and uiValue5 when, in seconds since 1970
+ *                           its own names. 2 ENOENT when there is neither.
+ *                             CPU      uiValue1 share at which an overload begins, uiValue2 share below which it ends,
+ *                                      uiValue3 seconds that it must last, uiValue4 how often the file has been read
+ *                             memory   uiValue1 and uiValue2 the same; uiValue3 0: as in the file, 1: changed since by
+ *                                      MemChangeInnerConfig, then acName3 who changed it, uiValue4 how often it was
+ *                                      changed, and uiValue5 when, in seconds since 1970
  *
  * MemChangeInnerConfig      A configuration that was answered before, with other shares in uiValue1 and uiValue2 and
  *                           acName3 who changes it. Kept beyond a restart, until the file says something new. 2 ENOENT

@@ -24,6 +24,12 @@ uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse);
 uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
 
 /*
+ * Why the implementation that runs on this thread is about to return its status, in words for the caller. Without one,
+ * nothing happens.
+ */
+void TarnHost_Explain(const char *pcReason);
+
+/*
  * Whether work on the request is still wanted; what takes long asks now and then. 0 while it is, else why not: 110
  * (ETIMEDOUT) its deadline has passed, 125 (ECANCELED) the caller has given up or gone, 108 (ESHUTDOWN) the server is
  * stopping, 114 (EALREADY) it has been answered. The caller of a one-way request may go. A null context is the request

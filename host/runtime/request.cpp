@@ -202,7 +202,7 @@ void Request::Run(ServedMethod &method) {
     if (unanswered == nullptr) {
         Log().warn("{}: status {} after the request had been answered", Label(), status);
     } else if (status != 0) {
-        Fail(status);
+        Fail(status, reason_);
     } else {
         uint8_t empty[kHeaderSize];
         SendReply(empty);
@@ -276,17 +276,16 @@ void Request::Reply(void *response) {
     SendError(0, error, text);
 }
 
-void Request::Fail(uint32_t status) {
+void Request::Fail(uint32_t status, const std::string &reason) {
     if (undecodable_) {
         SendError(status, 0, fmt::format("the request of {} bytes is not a valid message", frame_.payload.size()));
     } else if (status == ENOSYS) {
         SendError(status, 0, "not implemented");
     } else {
+        const char *const name = strerrordesc_np(static_cast<int>(status));
         SendError(status, 0,
-                  fmt::format("status {} ({})", status,
-                              strerrordesc_np(static_cast<int>(status)) == nullptr
-                                  ? "not an errno value"
-                                  : strerrordesc_np(static_cast<int>(status))));
+                  fmt::format("status {} ({}){}{}", status, name == nullptr ? "not an errno value" : name,
+                              reason.empty() ? "" : ": ", reason));
     }
 }
 
@@ -401,6 +400,12 @@ uint32_t CancelledWhy(void *replyCtx) {
     return std::chrono::steady_clock::now() >= request->deadline_ ? uint32_t{ETIMEDOUT} : 0;
 }
 
+void Explain(const char *reason) {
+    if (running != nullptr && reason != nullptr) {
+        running->reason_ = reason;
+    }
+}
+
 uint32_t RemainingMs(void *replyCtx) {
     if (replyCtx == nullptr && running == nullptr) {
         return UINT32_MAX;
@@ -415,6 +420,10 @@ uint32_t RemainingMs(void *replyCtx) {
 }
 
 } // namespace host
+
+void TarnHost_Explain(const char *pcReason) {
+    host::Explain(pcReason);
+}
 
 uint32_t TarnHost_Cancelled(void *pReplyCtx) {
     return host::CancelledWhy(pReplyCtx);

@@ -69,6 +69,7 @@ private:
     friend std::shared_ptr<Request> Asked(void *replyCtx);
     friend uint32_t CancelledWhy(void *replyCtx);
     friend uint32_t RemainingMs(void *replyCtx);
+    friend void Explain(const char *reason);
 
     enum class Stage { kWaiting, kRunning, kReturned };
 
@@ -76,7 +77,7 @@ private:
     std::string Label() const;
     void *Unpack(void *record, const IdlServerCodecTable &codec);
     void Reply(void *response);
-    void Fail(uint32_t status);
+    void Fail(uint32_t status, const std::string &reason = {});
     void SendReply(std::span<uint8_t> frame);
     void SendError(uint32_t status, uint32_t errCode, const std::string &text);
     bool Ends(bool well);
@@ -94,6 +95,7 @@ private:
     void *record_ = nullptr;     // while its wrapper runs
     IdlServerCodecTable kept_{}; // the wrapper's codec table
     bool undecodable_ = false;
+    std::string reason_;       // of a status, from the thread that it runs on
     Request *outer_ = nullptr; // of the same thread
     std::mutex mutex_;         // guards the two below
     bool answered_ = false;

@@ -123,8 +123,8 @@ void *RPC_GetRpcInvoke(IdlServerAddr *pstAddr, void *pInvokeCtx) {
     const host::Invoker invoker = {pstAddr->pcService, context == nullptr ? 0 : context->uiPid,
                                    std::chrono::milliseconds(context == nullptr ? 0 : context->uiTimeout)};
     if (!host::Client::Default().Knows(invoker.service, invoker.pid)) {
-        host::lastError =
-            fmt::format("{} of process {}: no socket of it in the run directory", invoker.service, invoker.pid);
+        host::lastError = fmt::format("{}{}: no socket of it in the run directory", invoker.service,
+                                      invoker.pid == 0 ? "" : fmt::format(" of process {}", invoker.pid));
         return nullptr;
     }
     host::InvokerRing &ring = host::ring;

@@ -253,6 +253,9 @@ TEST_F(MasterTest, AnswersFromItsConfiguration) {
     EXPECT_EQ(physical(2)->uiValue1, 7);
     EXPECT_EQ(physical(2)->uiValue2, 3);
     EXPECT_EQ(physical(3).Status(), ENOENT);
+    EXPECT_EQ(physical(3).Text(),
+              "TarnSysdiagMaster.GetPhyNameAndID: status 2 (No such file or directory): [physical 0 1 3]")
+        << "the caller is told why";
 
     const auto update = Ask<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>("GetMKAutoUpdCfgInfo");
     EXPECT_EQ(update->uiValue1, 1);
@@ -449,7 +452,7 @@ TEST_F(MasterTest, ConfiguresTheDaemon) {
     StartDaemon();
     EXPECT_TRUE(Logged("time zone Europe/Berlin (+60 minutes) from the master"));
     EXPECT_TRUE(Logged("daylight saving CEST (+60 minutes) from M3.5.0/02:00:00 to M10.5.0/03:00:00 from the master"));
-    EXPECT_TRUE(MasterLogged("a daemon announces itself, for the 1. time"));
+    EXPECT_TRUE(MasterLogged("a daemon announces itself; announcements so far: 1\n"));
     EXPECT_TRUE(kit::Eventually([&] { return DaemonsMemoryThreshold() == 910; }));
     EXPECT_TRUE(Logged("measurement times 3 30"));
     const auto cpu = Call<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>("GetSysCpuOverloadCfg", Tarn_sys_diag_None{});
