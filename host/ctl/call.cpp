@@ -43,6 +43,8 @@ void PrintReply(const Method &method, const std::vector<uint8_t> &reply, bool js
     }
     if (json) {
         std::cout << ToJson(*record).dump(2) << "\n";
+    } else if (type.slots.empty()) {
+        std::cout << method.name << ": done, the reply has no fields\n";
     } else {
         PrintRecord(std::cout, *record, View::kMeaning);
     }

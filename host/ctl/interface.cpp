@@ -30,6 +30,11 @@ std::vector<std::string_view> MethodNames() {
     return names;
 }
 
+std::string Suggestion(std::string_view name, const std::vector<std::string_view> &names) {
+    const std::string text = DidYouMean(name, names);
+    return text.empty() ? "; tarnctl list shows all" : text;
+}
+
 const char *ResponseName(const Method &method) {
     return method.response == nullptr ? "(no reply)" : method.response->name;
 }
@@ -104,7 +109,7 @@ std::vector<const Type *> TypesToShow(std::initializer_list<const Type *> roots)
 const Type &RequireType(const std::string &name) {
     const Type *const type = FindType(name);
     if (type == nullptr) {
-        throw Failure(kUsage, fmt::format("{}: no such type{}", name, DidYouMean(name, TypeNames())));
+        throw Failure(kUsage, fmt::format("{}: no such type{}", name, Suggestion(name, TypeNames())));
     }
     return *type;
 }
@@ -113,7 +118,7 @@ const Method &RequireMethod(const std::string &name) {
     const Method *const method = FindMethod(name);
     if (method == nullptr) {
         const std::string bare = name.substr(name.find('.') + 1);
-        throw Failure(kUsage, fmt::format("{}: no such method{}", name, DidYouMean(bare, MethodNames())));
+        throw Failure(kUsage, fmt::format("{}: no such method{}", name, Suggestion(bare, MethodNames())));
     }
     return *method;
 }
@@ -151,7 +156,7 @@ void Describe(const std::string &name, bool json) {
         std::vector<std::string_view> names = MethodNames();
         const auto types = TypeNames();
         names.insert(names.end(), types.begin(), types.end());
-        throw Failure(kUsage, fmt::format("{}: no such method or type{}", name, DidYouMean(name, names)));
+        throw Failure(kUsage, fmt::format("{}: no such method or type{}", name, Suggestion(name, names)));
     }
     const auto types = method != nullptr ? TypesToShow({method->request, method->response}) : TypesToShow({type});
     if (json) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <set>
 
 #include "host/ctl/units.h"
@@ -30,6 +31,9 @@ Unit UnitByName(const Type &type, std::string_view member) {
     }
     if (IsKib(type, member)) {
         return Unit::kKib;
+    }
+    if (member == "uiResult" || member == "uiTaskResult") {
+        return Unit::kErrno;
     }
     return member.ends_with("Ms")      ? Unit::kMilliseconds
            : member.ends_with("Us")    ? Unit::kMicroseconds
@@ -193,6 +197,10 @@ std::string TextWithUnit(uint64_t value, Unit unit) {
         return fmt::format("{:#x}", value);
     case Unit::kSigned:
         return std::to_string(static_cast<int32_t>(value));
+    case Unit::kErrno: {
+        const char *const text = value == 0 || value > INT32_MAX ? nullptr : strerrordesc_np(static_cast<int>(value));
+        return text == nullptr ? std::to_string(value) : fmt::format("{} ({})", value, text);
+    }
     default:
         return std::to_string(value);
     }
@@ -200,7 +208,8 @@ std::string TextWithUnit(uint64_t value, Unit unit) {
 
 const char *NameOf(Unit unit) {
     constexpr const char *kNames[] = {
-        "", "process or thread", "permille", "percent", "s", "ms", "us", "KiB", "bytes", "letter", "address", "signed"};
+        "",       "process or thread", "permille", "percent",    "s", "ms", "us", "KiB", "bytes",
+        "letter", "address",           "signed",   "errno value"};
     return kNames[static_cast<size_t>(unit)];
 }
 

@@ -19,6 +19,7 @@ enum class Unit {
     kLetter,
     kAddress,
     kSigned,
+    kErrno,
 };
 
 struct Meaning {
@@ -28,7 +29,7 @@ struct Meaning {
 
 Meaning MeaningOf(const host::describe::Type &type, const host::describe::Slot &slot);
 
-// A number with its unit; a process or a thread with its name, a letter as such.
+// A number with its unit; a process or a thread with its name, a letter as such, an error in words.
 std::string TextWithUnit(uint64_t value, Unit unit);
 
 // "permille", or nothing for a plain number.

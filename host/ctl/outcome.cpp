@@ -26,18 +26,18 @@ ExitCode CodeOf(const host::CallOutcome &outcome) {
 } // namespace
 
 Failure FailureOf(std::string_view service, std::string_view method, const host::CallOutcome &outcome) {
-    const std::string name = fmt::format("{}.{}: ", service, method);
+    const std::string name = fmt::format("{}.{}", service, method);
     const bool remote = outcome.errCode == 0;
     std::string what = remote && outcome.status == ENOSYS ? "not implemented" : outcome.text;
-    if (what.starts_with(name)) { // the runtime names the method too
-        what.erase(0, name.size());
-    }
     if (what.empty()) {
         what = strerror(static_cast<int>(remote ? outcome.status : outcome.errCode));
     }
+    if (!what.starts_with(name)) { // else the runtime names the method, and where
+        what = name + ": " + what;
+    }
     const std::string code =
         remote ? fmt::format("status {}", outcome.status) : fmt::format("error {}", outcome.errCode);
-    return {CodeOf(outcome), name + what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : "")};
+    return {CodeOf(outcome), what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : "")};
 }
 
 } // namespace ctl

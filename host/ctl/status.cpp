@@ -59,7 +59,7 @@ std::vector<Socket> FindSockets() {
 }
 
 void PrintHealth(const host::ServerHealth &health) {
-    std::cout << fmt::format("process {}, {} for {}, {} of {} workers busy, {} connections, {} requests under way\n",
+    std::cout << fmt::format("process {}, {} for {}, {} of {} workers busy, connections {}, requests under way {}\n",
                              PidText(health.pid), health.state, DurationText(health.uptime), health.busy,
                              health.workers, health.connections, health.requests);
 }

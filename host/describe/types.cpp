@@ -212,7 +212,7 @@ bool Contains(std::string_view text, std::string_view part) {
 
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names) {
     constexpr size_t kMost = 3;
-    constexpr size_t kSpread = 2; // a name that is much further off than the best was not meant
+    constexpr size_t kSpread = 2;    // a name that is much further off than the best was not meant
     constexpr size_t kLongest = 128; // what is longer is no misspelt name, and the distance takes quadratic time
     std::vector<std::pair<size_t, std::string_view>> close;
     if (wanted.empty() || wanted.size() > kLongest) {
@@ -239,7 +239,14 @@ std::string DidYouMean(std::string_view wanted, const std::vector<std::string_vi
     for (const std::string &name : ClosestNames(wanted, names)) {
         text += (text.empty() ? "; did you mean " : ", ") + name;
     }
-    return text.empty() ? text : text + "?";
+    if (!text.empty()) {
+        return text + "?";
+    }
+    constexpr size_t kFew = 20;
+    for (size_t i = 0; i < names.size() && names.size() <= kFew; ++i) {
+        text += (i == 0 ? "; expected " : ", ") + std::string(names[i]);
+    }
+    return text;
 }
 
 } // namespace host::describe

@@ -75,7 +75,7 @@ std::vector<const Type *> TypesWithin(const Type &type);
 // The names most like the wanted one, best first; none when nothing is close.
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names);
 
-// "; did you mean A, B?" or nothing.
+// "; did you mean A, B?"; when nothing is close "; expected A, B, C" if they are few, or nothing.
 std::string DidYouMean(std::string_view wanted, const std::vector<std::string_view> &names);
 
 } // namespace host::describe

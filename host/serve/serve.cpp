@@ -15,7 +15,7 @@ void Declare(CLI::App &app, ServeOptions &options) {
     app.add_option("--state-dir", options.stateDir,
                    "Directory of what is kept beyond a restart [none: nothing is kept]")
         ->option_text("DIR");
-    app.add_option("--limit", options.limits, "NAME=VALUE of a limit that \"tarnctl stats\" shows; may be repeated")
+    app.add_option("--limit", options.limits, "A limit, of those that \"tarnctl stats\" shows; may be repeated")
         ->option_text("NAME=VALUE")
         ->allow_extra_args(false);
     app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]")

@@ -58,6 +58,9 @@ TEST_F(Ctl, HelpDocumentsTheExitCodes) {
          {"  2  usage", "  3  connection", "  4  deadline", "  5  remote failure", "  6  the message"}) {
         EXPECT_NE(out_.find(line), std::string::npos) << line;
     }
+    EXPECT_EQ(Run("call --help"), 0);
+    EXPECT_EQ(out_.find("Exit codes"), std::string::npos) << "once is enough";
+    EXPECT_EQ(out_.find("TEXT"), std::string::npos) << out_;
 }
 
 TEST_F(Ctl, ListsEveryMethodOnce) {
@@ -72,8 +75,8 @@ TEST_F(Ctl, ListsEveryMethodOnce) {
 TEST_F(Ctl, DescribesTypesAndMethods) {
     ASSERT_EQ(Run("describe Result"), 0);
     EXPECT_EQ(out_, "Result  hash 0x10D68351, record 4 bytes, fixed form 24 bytes\n"
-                    "  slot  field     kind  at  fixed  count\n"
-                    "     0  uiResult  u32    0      4\n");
+                    "  slot  field     kind  at  fixed  count  meaning\n"
+                    "     0  uiResult  u32    0      4         errno value\n");
     ASSERT_EQ(Run("describe DetectTarndServerOnline --json"), 0);
     const auto json = Json::parse(out_);
     EXPECT_TRUE(json["response"].is_null());
@@ -148,6 +151,10 @@ TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
     ExpectFailure(2, "", std::string("found nothing, expected a command: ") + kCommands);
     ExpectFailure(2, "lst", std::string("found lst, expected a command: ") + kCommands);
     ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr: no such service; did you mean TarnSysdiagMaster?");
+    ExpectFailure(2, "list Nonsense",
+                  "Nonsense: no such service; expected TarnSysdiagTarnd, TarnSysdiagTarndAgent, TarnSysdiagAgent, "
+                  "TarnSysdiagMaster");
+    ExpectFailure(2, "describe Xyzzy", "Xyzzy: no such method or type; tarnctl list shows all");
     ExpectFailure(2, "describe DstWek", "DstWek: no such method or type; did you mean DstWeek?");
     ExpectFailure(2, "decode Resul -", "Resul: no such type; did you mean Result?");
     ExpectFailure(2, "encode DiagResult '{}' --fixed", "DiagResult has no fixed form: it holds a string or a vector");
@@ -157,6 +164,7 @@ TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
     ExpectFailure(1, "encode Result '{}' -o /nowhere/file", "/nowhere/file: cannot write: No such file or directory");
     EXPECT_EQ(Run("decode Result"), 2);
     EXPECT_EQ(Run("list --nonsense"), 2);
+    EXPECT_NE(error_.find("(tarnctl list --help says more)"), std::string::npos) << error_;
 }
 
 // What bash would offer for the last of some words.
@@ -208,6 +216,8 @@ TEST_F(Ctl, CallChecksItsArgumentsFirst) {
     ExpectFailure(2, "call ClearMsgCtrlRule", "ClearMsgCtrlRule is a method of TarnSysdiagAgent: expected --pid PID");
     ExpectFailure(2, "call PidIsOnline --pid 1",
                   "--pid is for methods of TarnSysdiagAgent; PidIsOnline is one of TarnSysdiagTarnd");
+    EXPECT_EQ(Run("call ClearMsgCtrlRule --pid 0"), 2);
+    EXPECT_EQ(Run("call PidIsOnline '{}' --raw file"), 2);
     for (const char *deadline : {"0", "x", "5h", "-1s", "61m", "18446744073709551616ms", ""}) {
         EXPECT_EQ(Run(std::string("call PidIsOnline --deadline '") + deadline + "'"), 2) << deadline;
     }
@@ -221,7 +231,9 @@ TEST_F(Ctl, NoServicesIsNoFailure) {
 }
 
 TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
-    EXPECT_EQ(Run("call PidIsOnline --deadline 500ms"), 3);
+    ExpectFailure(3, "call PidIsOnline --deadline 500ms",
+                  "TarnSysdiagTarnd.PidIsOnline at " + (dir_ / "TarnSysdiagTarnd.sock").string() +
+                      ": not connected: No such file or directory (error 2)");
     EXPECT_EQ(Run("call ClearMsgCtrlRule --pid 1"), 3);
     EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1) << error_;
 }

@@ -115,7 +115,8 @@ TEST(ClosestNames, AreThoseThatWereMeant) {
     EXPECT_TRUE(ClosestNames("zzzzzz", names).empty());
     EXPECT_TRUE(ClosestNames("", names).empty());
     EXPECT_EQ(DidYouMean("uipid", names), "; did you mean uiPid?");
-    EXPECT_EQ(DidYouMean("zzzzzz", names), "");
+    EXPECT_EQ(DidYouMean("zzzzzz", names), "; expected uiPid, ucIsOnline, szName, uiPidMax") << "they are few";
+    EXPECT_EQ(DidYouMean("zzzzzz", std::vector<std::string_view>(100, "name")), "");
 }
 
 TEST(Record, FixedFormOnlyWhereThereIsOne) {
