@@ -6,6 +6,7 @@
 #include <iostream>
 #include <map>
 #include <numeric>
+#include <span>
 
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
@@ -31,7 +32,7 @@ void RequireTarget(const Method &method, const CallOptions &options) {
     }
 }
 
-void PrintReply(const Method &method, const std::vector<uint8_t> &reply, bool json) {
+void PrintReply(const Method &method, std::span<const uint8_t> reply, bool json) {
     const Type &type = *method.response;
     if (const auto refusal = Explain(type, reply, false).refusal) {
         throw Failure(kRefused,

@@ -10,8 +10,8 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "host/runtime/bytes.h"
 #include "host/runtime/limits.h"
 
 // What a proxy's pInvokeCtx points to; null stands for {0, 0}. It is read during the call of the proxy only.
@@ -40,10 +40,10 @@ struct ClientOptions {
 //   104 ECONNRESET  the peer went before it answered          110 ETIMEDOUT   the deadline
 //   111 ECONNREFUSED nobody listens                           125 ECANCELED   client or server shut down
 struct CallOutcome {
-    uint32_t status = 0;             // the method's, 0 for success
-    uint32_t errCode = 0;            // errno value of the transport or of either runtime, 0 for success
-    std::string text = {};           // what went wrong; empty after success
-    std::vector<uint8_t> bytes = {}; // the encoded response; empty for a method without reply
+    uint32_t status = 0;   // the method's, 0 for success
+    uint32_t errCode = 0;  // errno value of the transport or of either runtime, 0 for success
+    std::string text = {}; // what went wrong; empty after success
+    Bytes bytes = {};      // the encoded response; empty for a method without reply
 
     bool Ok() const { return status == 0 && errCode == 0; }
 };

@@ -7,8 +7,7 @@
 
 namespace host {
 
-uint32_t Encode(const IdlCodecTable &codec, const void *record, size_t prefix, uint32_t limit,
-                std::vector<uint8_t> &bytes) {
+uint32_t Encode(const IdlCodecTable &codec, const void *record, size_t prefix, uint32_t limit, Bytes &bytes) {
     const bool fixed = codec.pfnFixedPack != nullptr && codec.pfnFixedSize != nullptr;
     if (record == nullptr || (!fixed && codec.pfnPack == nullptr)) {
         return EINVAL;

@@ -32,12 +32,16 @@ static_assert(kMethodAt + kMethodSize == kHeaderSize);
 
 // Payloads grow by at least this much at a time.
 constexpr size_t kStep = 256 << 10;
+// What is left of a payload is read in place from here on; less may come in one read with the next frame.
+constexpr size_t kInPlace = 16 << 10;
+// As long as the longest field.
+constexpr uint8_t kNuls[kMethodSize] = {};
 
 // False unless `field` is printable text with nothing but NULs behind it.
 bool IsName(const uint8_t *field, size_t size) {
-    const uint8_t *const end = std::find(field, field + size, 0);
-    return std::all_of(field, end, [](uint8_t c) { return c > 0x20 && c < 0x7F; }) &&
-           std::all_of(end, field + size, [](uint8_t c) { return c == 0; });
+    const size_t length = strnlen(reinterpret_cast<const char *>(field), size);
+    return std::all_of(field, field + length, [](uint8_t c) { return c > 0x20 && c < 0x7F; }) &&
+           memcmp(field + length, kNuls, size - length) == 0;
 }
 
 } // namespace
@@ -77,8 +81,9 @@ size_t FrameParser::Feed(std::span<const uint8_t> bytes) {
     }
     const size_t count = std::min(bytes.size() - taken, frame_.header.length - have_);
     const auto from = bytes.subspan(taken, count);
-    frame_.payload.resize(have_);
-    frame_.payload.insert(frame_.payload.end(), from.begin(), from.end());
+    frame_.payload.reserve(std::min<size_t>(frame_.header.length, kStep));
+    frame_.payload.resize(have_ + count);
+    std::copy(from.begin(), from.end(), frame_.payload.begin() + static_cast<ptrdiff_t>(have_));
     have_ += count;
     return taken + count;
 }
@@ -134,7 +139,7 @@ void FrameParser::ReadHeader() {
 }
 
 std::span<uint8_t> FrameParser::Room() {
-    if (error_ != 0 || headerSize_ < kHeaderSize || frame_.header.length - have_ < kStep / 4) {
+    if (error_ != 0 || headerSize_ < kHeaderSize || frame_.header.length - have_ < kInPlace) {
         return {};
     }
     const size_t step = std::max(kStep, have_);

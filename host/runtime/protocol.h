@@ -26,6 +26,8 @@
 #include <string_view>
 #include <vector>
 
+#include "host/runtime/bytes.h"
+
 namespace host {
 
 constexpr size_t kHeaderSize = 136;
@@ -48,7 +50,7 @@ struct FrameHeader {
 
 struct Frame {
     FrameHeader header;
-    std::vector<uint8_t> payload;
+    Bytes payload;
 };
 
 void WriteHeader(const FrameHeader &header, std::span<uint8_t, kHeaderSize> bytes);

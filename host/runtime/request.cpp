@@ -15,26 +15,6 @@
 namespace host {
 namespace {
 
-// A buffer for a reply, which the thread keeps for the next one unless it is large.
-class Reused {
-public:
-    Reused() : buffer_(std::move(kept_)) {}
-    Reused(const Reused &) = delete;
-    Reused &operator=(const Reused &) = delete;
-    ~Reused() {
-        if (buffer_.capacity() <= kMost) {
-            kept_ = std::move(buffer_);
-        }
-    }
-    std::vector<uint8_t> &Get() { return buffer_; }
-
-private:
-    static constexpr size_t kMost = 1 << 20;
-    static thread_local std::vector<uint8_t> kept_;
-    std::vector<uint8_t> buffer_;
-};
-thread_local std::vector<uint8_t> Reused::kept_;
-
 // The requests whose wrappers run on this thread, innermost first.
 thread_local Request *running = nullptr;
 
@@ -218,7 +198,7 @@ void Request::Refuse(const Refusal &refusal) {
 
 void Request::Answer(std::string_view payload) {
     if (Live::Get().Claim(context_) != nullptr) {
-        std::vector<uint8_t> frame(kHeaderSize);
+        Bytes frame(kHeaderSize);
         frame.insert(frame.end(), payload.begin(), payload.end());
         SendReply(frame);
     }
@@ -259,8 +239,7 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
 }
 
 void Request::Reply(void *response) {
-    Reused reused;
-    std::vector<uint8_t> &bytes = reused.Get();
+    Bytes bytes;
     const uint32_t limit = source_->GetLimits().messageBytes;
     const uint32_t error = cancelled_ ? ECANCELED : Encode(kept_.stCodec, response, kHeaderSize, limit, bytes);
     if (kept_.stCodec.pfnUsrFree != nullptr) {

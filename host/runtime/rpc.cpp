@@ -40,7 +40,7 @@ void KeepError(const CallOutcome &outcome) {
 
 // Encodes the request of a proxy's call. False, and the reason, when it can't be sent.
 bool Prepare(const void *invoker, const void *request, const IdlMethodName *name, const IdlCodecTable *codec,
-             std::vector<uint8_t> &bytes, CallRequest &call, CallOutcome &refused) {
+             Bytes &bytes, CallRequest &call, CallOutcome &refused) {
     if (invoker == nullptr || request == nullptr || name == nullptr || codec == nullptr) {
         refused = {0, EINVAL, "call without invoker, request, method name or codec table", {}};
         return false;
@@ -154,7 +154,7 @@ void RPC_IdlMsgSyncCall(IdlCallResult *pstResult, void *pInvoker, const void *pR
     if (pstResult == nullptr) {
         return;
     }
-    std::vector<uint8_t> bytes;
+    host::Bytes bytes;
     host::CallRequest call;
     host::CallOutcome outcome;
     if (host::Prepare(pInvoker, pReq, pstMethod, pstCodec, bytes, call, outcome)) {
@@ -170,7 +170,7 @@ uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx) {
         return EINVAL;
     }
     const auto pending = std::make_shared<host::AsyncCall>(*pstCtx);
-    std::vector<uint8_t> bytes;
+    host::Bytes bytes;
     host::CallRequest call;
     host::CallOutcome refused;
     const auto done = [pending](host::CallOutcome &&outcome) { pending->End(std::move(outcome)); };
@@ -184,7 +184,7 @@ uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx) {
 
 uint32_t RPC_IdlMsgOnewayCall(void *pInvoker, const void *pReq, const IdlMethodName *pstMethod,
                               const IdlCodecTable *pstCodec) {
-    std::vector<uint8_t> bytes;
+    host::Bytes bytes;
     host::CallRequest call;
     host::CallOutcome outcome;
     if (host::Prepare(pInvoker, pReq, pstMethod, pstCodec, bytes, call, outcome)) {

@@ -1,6 +1,7 @@
 // The frames: what is written is found again in any pieces, and what is no frame is refused at once.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -30,7 +31,7 @@ FrameHeader SomeHeader() {
 
 const std::vector<uint8_t> kPayload = {1, 2, 3, 4, 5, 6, 7};
 
-void ExpectSame(const Frame &frame, const FrameHeader &header, const std::vector<uint8_t> &payload) {
+void ExpectSame(const Frame &frame, const FrameHeader &header, std::span<const uint8_t> payload) {
     EXPECT_EQ(frame.header.kind, header.kind);
     EXPECT_EQ(frame.header.id, header.id);
     EXPECT_EQ(frame.header.typeHash, header.typeHash);
@@ -39,7 +40,7 @@ void ExpectSame(const Frame &frame, const FrameHeader &header, const std::vector
     EXPECT_EQ(frame.header.errCode, header.errCode);
     EXPECT_STREQ(frame.header.service, header.service);
     EXPECT_STREQ(frame.header.method, header.method);
-    EXPECT_EQ(frame.payload, payload);
+    EXPECT_TRUE(std::ranges::equal(frame.payload, payload));
 }
 
 TEST(Protocol, HeaderIsAsDocumented) {
