@@ -59,7 +59,7 @@ public:
     Connection(Core &core, UniqueFd fd) : Link(*core.loop_, std::move(fd), core.limits_.replyBytes), core_(core) {}
 
 private:
-    bool Take(std::vector<Frame> &&frames) override {
+    bool Take(std::span<Frame> frames, Clock::time_point) override {
         for (Frame &frame : frames) {
             const uint64_t id = frame.header.id;
             core_.End(id, OutcomeOf(std::move(frame)));

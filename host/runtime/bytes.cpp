@@ -1,9 +1,11 @@
 #include "host/runtime/bytes.h"
 
 #include <malloc.h>
+#include <sched.h>
 
+#include <array>
+#include <atomic>
 #include <cstdlib>
-#include <utility>
 
 namespace host {
 namespace {
@@ -11,27 +13,22 @@ namespace {
 constexpr size_t kLarge = 32 << 10; // smaller blocks malloc keeps itself
 constexpr size_t kMostKept = 1 << 20;
 
-// Trivial, so that it is there still when the thread's other objects are gone, which may free messages.
-struct Kept {
-    void *block;
-    bool ended;
-};
-constinit thread_local Kept kept{};
+// By processor and not by thread: so few blocks go round, in whose cache they are, however many threads there are.
+constinit std::array<std::atomic<void *>, 16> kept = {};
 
-struct KeptUntilThreadEnds {
-    ~KeptUntilThreadEnds() {
-        kept.ended = true;
-        free(std::exchange(kept.block, nullptr));
-    }
-    void Touch() {}
-};
-thread_local KeptUntilThreadEnds owner;
+std::atomic<void *> &KeptHere() {
+    return kept[static_cast<unsigned>(sched_getcpu()) % kept.size()];
+}
 
 } // namespace
 
 void *AllocateForMessage(size_t size) {
-    if (size >= kLarge && kept.block != nullptr && size <= malloc_usable_size(kept.block)) {
-        return std::exchange(kept.block, nullptr);
+    if (size >= kLarge && size <= kMostKept) {
+        void *const block = KeptHere().exchange(nullptr, std::memory_order_acquire);
+        if (block != nullptr && malloc_usable_size(block) >= size) {
+            return block;
+        }
+        free(block);
     }
     void *const block = malloc(size);
     if (block == nullptr) {
@@ -42,9 +39,8 @@ void *AllocateForMessage(size_t size) {
 
 void FreeOfMessage(void *block) noexcept {
     const size_t size = malloc_usable_size(block);
-    if (size >= kLarge && size <= kMostKept && !kept.ended) {
-        owner.Touch(); // begins its life
-        block = std::exchange(kept.block, block);
+    if (size >= kLarge && size <= kMostKept) {
+        block = KeptHere().exchange(block, std::memory_order_acq_rel);
     }
     free(block);
 }

@@ -8,8 +8,8 @@
 
 namespace host {
 
-// Throws std::bad_alloc. A thread keeps a large block that it frees for its next message, because malloc would give the
-// pages back to the system, and each would be cleared and mapped anew.
+// Throws std::bad_alloc. A large block that is freed is kept for the next message, because malloc would give the pages
+// back to the system, and each would be cleared and mapped anew.
 void *AllocateForMessage(size_t size);
 void FreeOfMessage(void *block) noexcept;
 

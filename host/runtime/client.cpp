@@ -1,6 +1,5 @@
 #include "host/runtime/client.h"
 
-#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -56,30 +55,30 @@ private:
 // False when the call can't go out.
 bool Client::Core::Prepare(const CallRequest &call, FrameKind kind, Outgoing &out, CallOutcome &refused) const {
     const Limits &limits = options_.limits;
-    out.service = call.service;
-    out.socketOf = call.socketOf.empty() ? call.service : call.socketOf;
-    out.pid = call.pid;
-    out.method = call.method;
-    out.timeout = std::min(call.deadline.count() <= 0 ? limits.deadline : call.deadline, limits.maxDeadline);
-    out.deadline = std::chrono::steady_clock::now() + out.timeout;
-    if (call.service.size() >= kServiceSize || call.method.size() >= kMethodSize) {
+    const std::string_view socketOf = call.socketOf.empty() ? call.service : call.socketOf;
+    if (call.service.size() >= kServiceSize || socketOf.size() >= kServiceSize || call.method.size() >= kMethodSize) {
         refused = Failure(EINVAL, fmt::format("{}.{}: a service's name has at most {} bytes, a method's {}",
                                               call.service, call.method, kServiceSize - 1, kMethodSize - 1));
         return false;
     }
+    FrameHeader &header = out.header;
+    CopyName(header.service, sizeof header.service, call.service);
+    CopyName(header.method, sizeof header.method, call.method);
+    CopyName(out.socketOf, sizeof out.socketOf, socketOf);
+    out.pid = call.pid;
+    out.timeout = std::min(call.deadline.count() <= 0 ? limits.deadline : call.deadline, limits.maxDeadline);
+    out.begun = std::chrono::steady_clock::now();
+    out.deadline = out.begun + out.timeout;
     if (call.request.size() > limits.messageBytes) {
         refused = Failure(EMSGSIZE, fmt::format("{}: request of {} bytes, expected at most {}", out.Label(*transport_),
                                                 call.request.size(), limits.messageBytes));
         return false;
     }
-    FrameHeader &header = out.header;
     header.kind = kind;
     header.id = ++lastId;
     header.typeHash = call.requestHash;
     header.deadlineMs = Milliseconds(out.timeout);
     header.length = static_cast<uint32_t>(call.request.size());
-    CopyName(header.service, sizeof header.service, call.service);
-    CopyName(header.method, sizeof header.method, call.method);
     return true;
 }
 
@@ -89,9 +88,9 @@ CallOutcome Client::Core::Exchange(const CallRequest &call, FrameKind kind) {
     if (!Prepare(call, kind, out, outcome)) {
         return outcome;
     }
-    const std::string target = fmt::format(FMT_COMPILE("{}/{}"), out.socketOf, call.pid);
+    const Pool::Target target(out.pid, out.socketOf);
     while (true) {
-        auto channel = pool_.Take(target);
+        auto channel = pool_.Take(target, out.begun);
         const bool fresh = channel == nullptr;
         if (fresh) {
             int error = 0;
@@ -103,7 +102,7 @@ CallOutcome Client::Core::Exchange(const CallRequest &call, FrameKind kind) {
         }
         if (Try(*channel, fresh, out, call, outcome)) {
             if (outcome.errCode == 0 || outcome.errCode == ENOENT || outcome.errCode == EPROTOTYPE) {
-                pool_.Give(target, std::move(channel));
+                pool_.Give(target, std::move(channel), out.begun);
             }
             return outcome;
         }

@@ -54,11 +54,12 @@ bool Link::BeginReading(bool peerEnded) {
     }
     reading_ = true;
     readable_ = false;
+    resumed_ = false;
     return true;
 }
 
 // Returns what recv does.
-ssize_t Link::Receive(std::vector<Frame> &frames, bool &drained) {
+ssize_t Link::Receive(bool &drained) {
     const std::span<uint8_t> room = parser_.Room();
     const std::span<uint8_t> to = room.empty() ? std::span<uint8_t>(scratch_) : room;
     const ssize_t count = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
@@ -73,7 +74,7 @@ ssize_t Link::Receive(std::vector<Frame> &frames, bool &drained) {
     }
     while (true) {
         if (parser_.HasFrame()) {
-            frames.push_back(parser_.Take());
+            frames_.push_back(parser_.Take());
         }
         if (bytes.empty() || parser_.ErrCode() != 0) {
             return count;
@@ -86,10 +87,9 @@ void Link::ReadSome(bool peerEnded) {
     if (!BeginReading(peerEnded)) {
         return;
     }
-    std::vector<Frame> frames;
     bool drained = true;
     while (true) {
-        const ssize_t count = Receive(frames, drained);
+        const ssize_t count = Receive(drained);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -98,7 +98,7 @@ void Link::ReadSome(bool peerEnded) {
             End();
             return;
         }
-        if (!frames.empty() || parser_.ErrCode() != 0) {
+        if (!frames_.empty() || parser_.ErrCode() != 0) {
             break;
         }
         const std::lock_guard lock(mutex_);
@@ -112,16 +112,14 @@ void Link::ReadSome(bool peerEnded) {
         }
         readable_ = false;
     }
-    {
-        const std::lock_guard lock(mutex_);
-        resumed_ = false;
-    }
-    const bool more = Take(std::move(frames));
+    const auto now = Clock::now();
+    const bool more = Take(frames_, now);
+    frames_.clear();
     if (parser_.ErrCode() != 0) {
         OnBad(parser_);
     } else {
         const std::lock_guard lock(mutex_);
-        lastRead_ = frameSince_ = Clock::now();
+        lastRead_ = frameSince_ = now;
         inFrame_ = !parser_.AtStart();
         reading_ = false;
         paused_ = !more && !resumed_;

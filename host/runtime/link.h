@@ -49,8 +49,9 @@ protected:
     };
     State GetState() const;
 
-    // Takes the frames of one read, and says whether to read on. Process() follows when another thread may read.
-    virtual bool Take(std::vector<Frame> &&frames) = 0;
+    // Takes the frames of one read, which came at that moment, and says whether to read on. Process() follows when
+    // another thread may read.
+    virtual bool Take(std::span<Frame> frames, Clock::time_point now) = 0;
     virtual void Process() {}
     // Whether so much may be added to what is unsent.
     virtual bool MayQueue(size_t) { return true; }
@@ -65,7 +66,7 @@ private:
     void OnReady(uint32_t events) final;
     void ReadSome(bool peerEnded);
     bool BeginReading(bool peerEnded);
-    ssize_t Receive(std::vector<Frame> &frames, bool &drained);
+    ssize_t Receive(bool &drained);
     bool SendSome(std::span<const uint8_t> bytes, size_t &sent);
     void Flush();
     void Broken();
@@ -92,7 +93,9 @@ private:
     size_t sentOfFirst_ = 0;
     Clock::time_point unsentSince_;
     std::atomic<bool> ended_ = false;
-    FrameParser parser_; // the reading thread's
+    // The reading thread's.
+    FrameParser parser_;
+    std::vector<Frame> frames_;
     std::array<uint8_t, 16384> scratch_;
 };
 

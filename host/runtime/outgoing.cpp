@@ -8,7 +8,7 @@
 namespace host {
 
 std::string Outgoing::Label(const Transport &transport) const {
-    return fmt::format("{}.{} at {}", service, method, transport.Address(socketOf, pid));
+    return fmt::format("{}.{} at {}", header.service, header.method, transport.Address(socketOf, pid));
 }
 
 CallOutcome Failure(uint32_t errCode, std::string text) {

@@ -10,13 +10,13 @@
 
 namespace host {
 
+// Without memory of its own, since there is one for every call.
 struct Outgoing {
-    std::string service;
-    std::string socketOf; // the service whose socket takes it
+    FrameHeader header;                   // its length set
+    char socketOf[kServiceSize + 1] = {}; // the service whose socket takes it
     uint32_t pid = 0;
-    std::string method;
-    FrameHeader header; // its length set
     std::chrono::milliseconds timeout;
+    std::chrono::steady_clock::time_point begun;
     std::chrono::steady_clock::time_point deadline;
 
     // What the failure of a call is about: the method and where it is served.

@@ -8,13 +8,13 @@ constexpr std::chrono::seconds kIdleFor(30);
 
 } // namespace
 
-std::unique_ptr<Channel> Pool::Take(const std::string &target) {
+std::unique_ptr<Channel> Pool::Take(const Target &target, Clock::time_point now) {
     const std::lock_guard lock(mutex_);
     const auto found = idle_.find(target);
     if (found == idle_.end() || found->second.empty()) {
         return nullptr;
     }
-    if (Clock::now() - found->second.back().since >= kIdleFor) { // the server may be about to close it
+    if (now - found->second.back().since >= kIdleFor) { // the server may be about to close it
         found->second.clear();
         return nullptr;
     }
@@ -24,19 +24,22 @@ std::unique_ptr<Channel> Pool::Take(const std::string &target) {
 }
 
 // Sweeps now and then: processes come and go, and their connections must not stay.
-void Pool::Give(const std::string &target, std::unique_ptr<Channel> channel) {
-    const auto now = Clock::now();
+void Pool::Give(const Target &target, std::unique_ptr<Channel> channel, Clock::time_point used) {
     const std::lock_guard lock(mutex_);
-    std::vector<Idle> &idle = idle_[target];
-    if (idle.size() < kMostIdle) {
-        idle.push_back({std::move(channel), now});
+    auto found = idle_.find(target);
+    if (found == idle_.end()) {
+        found = idle_.emplace(target, std::vector<Idle>()).first;
     }
-    if (now - lastSweep_ < kIdleFor) {
+    std::vector<Idle> &idle = found->second;
+    if (idle.size() < kMostIdle) {
+        idle.push_back({std::move(channel), used});
+    }
+    if (used - lastSweep_ < kIdleFor) {
         return;
     }
-    lastSweep_ = now;
+    lastSweep_ = used;
     for (auto entry = idle_.begin(); entry != idle_.end();) {
-        std::erase_if(entry->second, [now](const Idle &one) { return now - one.since >= kIdleFor; });
+        std::erase_if(entry->second, [used](const Idle &one) { return used - one.since >= kIdleFor; });
         entry = entry->second.empty() ? idle_.erase(entry) : std::next(entry);
     }
 }

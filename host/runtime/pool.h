@@ -1,10 +1,12 @@
 // The idle connections of a client, by target.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/runtime/channel.h"
@@ -13,20 +15,27 @@ namespace host {
 
 class Pool {
 public:
+    using Clock = std::chrono::steady_clock;
+    using Target = std::pair<uint32_t, std::string_view>; // the process, or 0, and the service whose socket it is
+
     // The connection that was given back last, so that a thread's calls go out in order; or null.
-    std::unique_ptr<Channel> Take(const std::string &target);
-    void Give(const std::string &target, std::unique_ptr<Channel> channel);
+    std::unique_ptr<Channel> Take(const Target &target, Clock::time_point now);
+    // A connection whose last use began then.
+    void Give(const Target &target, std::unique_ptr<Channel> channel, Clock::time_point used);
     void Clear();
 
 private:
-    using Clock = std::chrono::steady_clock;
     struct Idle {
         std::unique_ptr<Channel> channel;
         Clock::time_point since;
     };
+    struct ByTarget {
+        using is_transparent = void;
+        bool operator()(const Target &left, const Target &right) const { return left < right; }
+    };
 
     std::mutex mutex_;
-    std::unordered_map<std::string, std::vector<Idle>> idle_;
+    std::map<std::pair<uint32_t, std::string>, std::vector<Idle>, ByTarget> idle_;
     Clock::time_point lastSweep_ = Clock::now();
 };
 

@@ -39,7 +39,13 @@ public:
             ++last_;
         } while (last_ == 0 || requests_.count(last_) != 0);
         request->context_ = last_;
-        requests_.emplace(last_, request);
+        if (spare_.empty()) {
+            requests_.emplace(last_, request);
+        } else {
+            spare_.key() = last_;
+            spare_.mapped() = request;
+            requests_.insert(std::move(spare_));
+        }
     }
 
     std::shared_ptr<Request> Claim(uintptr_t context) {
@@ -51,7 +57,7 @@ public:
                 return nullptr;
             }
             request = std::move(found->second);
-            requests_.erase(found);
+            spare_ = requests_.extract(found);
         }
         request->StopTimer();
         return request;
@@ -124,7 +130,9 @@ public:
 private:
     std::mutex mutex_;
     uintptr_t last_ = 0;
-    std::unordered_map<uintptr_t, std::shared_ptr<Request>> requests_;
+    using Table = std::unordered_map<uintptr_t, std::shared_ptr<Request>>;
+    Table requests_;
+    Table::node_type spare_; // of the last that was answered, for the next
 };
 
 // Makes a request this thread's innermost while its wrapper runs.
@@ -142,16 +150,16 @@ public:
     }
 };
 
-Request::Request(std::shared_ptr<RequestSource> source, Frame frame)
-    : source_(std::move(source)), frame_(std::move(frame)),
+Request::Request(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived)
+    : source_(std::move(source)), frame_(std::move(frame)), arrived_(arrived),
       deadline_(arrived_ + DeadlineOf(frame_.header, source_->GetLimits())) {}
 
 Request::~Request() {
     source_->Finished();
 }
 
-std::shared_ptr<Request> Request::Receive(std::shared_ptr<RequestSource> source, Frame frame) {
-    auto request = std::make_shared<Request>(std::move(source), std::move(frame));
+std::shared_ptr<Request> Request::Receive(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived) {
+    auto request = std::make_shared<Request>(std::move(source), std::move(frame), arrived);
     Live::Get().Enter(request);
     return request;
 }
@@ -174,8 +182,10 @@ void Request::Run(ServedMethod &method) {
         status = method.entry->pfnWrapper(this, reinterpret_cast<void *>(context), &lent);
     }
     if (status == 0 && lent.stCodec.pfnPack != nullptr) {
-        StartTimer();
-        Live::Get().Return(context);
+        if (!answered_) {
+            StartTimer();
+            Live::Get().Return(context);
+        }
         return;
     }
     const auto unanswered = Live::Get().Claim(context);

@@ -35,10 +35,12 @@ public:
 // number, looked up at each use, so that a late or second reply finds nothing rather than freed memory.
 class Request : public std::enable_shared_from_this<Request> {
 public:
-    // One that has arrived. From now on it may be cancelled.
-    static std::shared_ptr<Request> Receive(std::shared_ptr<RequestSource> source, Frame frame);
+    using TimePoint = std::chrono::steady_clock::time_point;
 
-    Request(std::shared_ptr<RequestSource> source, Frame frame);
+    // One that has arrived. From now on it may be cancelled.
+    static std::shared_ptr<Request> Receive(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived);
+
+    Request(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived);
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
     ~Request();
@@ -86,8 +88,8 @@ private:
 
     const std::shared_ptr<RequestSource> source_;
     Frame frame_;
-    const std::chrono::steady_clock::time_point arrived_ = std::chrono::steady_clock::now();
-    const std::chrono::steady_clock::time_point deadline_;
+    const TimePoint arrived_;
+    const TimePoint deadline_;
     MethodStatistics *statistics_ = nullptr; // once it runs
     uintptr_t context_ = 0;
     Stage stage_ = Stage::kWaiting; // guarded by the table of live requests
@@ -97,8 +99,8 @@ private:
     bool undecodable_ = false;
     std::string reason_;       // of a status, from the thread that it runs on
     Request *outer_ = nullptr; // of the same thread
-    std::mutex mutex_;         // guards the two below
-    bool answered_ = false;
+    std::mutex mutex_;         // guards the two below when they change
+    std::atomic<bool> answered_ = false;
     std::optional<uint64_t> timer_;
 };
 

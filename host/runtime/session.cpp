@@ -9,7 +9,7 @@ namespace host {
 Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<SessionHost> host)
     : Link(loop, std::move(fd), host->GetLimits().messageBytes), host_(std::move(host)), peer_(std::move(peer)) {}
 
-bool Session::Take(std::vector<Frame> &&frames) {
+bool Session::Take(std::span<Frame> frames, Clock::time_point now) {
     const auto self = Self();
     for (Frame &frame : frames) {
         if (frame.header.kind == FrameKind::kCancel) {
@@ -17,7 +17,7 @@ bool Session::Take(std::vector<Frame> &&frames) {
             continue;
         }
         const bool room = host_->RequestBegins();
-        auto request = Request::Receive(self, std::move(frame));
+        auto request = Request::Receive(self, std::move(frame), now);
         if (!room) {
             request->Refuse({Reason::kRequests, EBUSY,
                              fmt::format("the server has {} requests in flight, as many as it takes",

@@ -62,7 +62,7 @@ public:
     bool IsStopping() const override { return host_->IsStopping(); }
 
 private:
-    bool Take(std::vector<Frame> &&frames) override;
+    bool Take(std::span<Frame> frames, Clock::time_point now) override;
     void Process() override;
     bool MayQueue(size_t bytes) override;
     void OnBad(const FrameParser &parser) override;
