@@ -1,8 +1,10 @@
-// Round trips to another process, of the host's runtime and of peers: how long a call takes, and how many there are in
-// a second. Each row is measured several times, in turn with the others; the tables have the best of each figure.
+// Round trips to another process, of the host's runtime and of peers: how long a call takes, how many there are in a
+// second, and how much of the processors' time both sides take for one, which other load changes least. Each row is
+// measured several times, in turn with the others; the tables have the best of each figure.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +35,12 @@ constexpr auto kWarmUp = 50ms;
 
 std::vector<const bench::System *> Systems() {
     return {&bench::RawSystem(), &bench::RuntimeSystem(), &bench::SdBusSystem(), &bench::GrpcSystem()};
+}
+
+double ReadClock(clockid_t clock) { // us
+    timespec time;
+    clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
 
 // A server in a process of its own.
@@ -78,6 +86,15 @@ public:
         }
     }
 
+    // That it has taken of the processors, in us.
+    double CpuTime() const {
+        clockid_t clock;
+        if (clock_getcpuclockid(pid_, &clock) != 0) {
+            throw std::runtime_error(std::string(system_.Name()) + ": the server has gone");
+        }
+        return ReadClock(clock);
+    }
+
 private:
     const bench::System &system_;
     const size_t size_;
@@ -88,26 +105,33 @@ private:
 struct Figures {
     double p50 = INFINITY; // us
     double p99 = INFINITY;
-    double rate = 0; // calls in a second
+    double rate = 0;       // calls in a second
+    double cpu = INFINITY; // us of a call, on both sides
 
     void TakeBest(const Figures &other) {
         p50 = std::min(p50, other.p50);
         p99 = std::min(p99, other.p99);
         rate = std::max(rate, other.rate);
+        cpu = std::min(cpu, other.cpu);
     }
 };
 
-std::vector<double> CallUntil(bench::Caller &caller, Clock::time_point begin, Clock::time_point end) {
-    std::vector<double> times;
-    for (auto now = Clock::now(); now < end;) {
+struct Calls {
+    std::vector<double> times; // us, of those that count
+    size_t all = 0;
+};
+
+Calls CallUntil(bench::Caller &caller, Clock::time_point begin, Clock::time_point end) {
+    Calls calls;
+    for (auto now = Clock::now(); now < end; ++calls.all) {
         caller.Call();
         const auto after = Clock::now();
         if (now >= begin) {
-            times.push_back(std::chrono::duration<double, std::micro>(after - now).count());
+            calls.times.push_back(std::chrono::duration<double, std::micro>(after - now).count());
         }
         now = after;
     }
-    return times;
+    return calls;
 }
 
 Figures Measure(const bench::System &system, size_t size, unsigned callers) {
@@ -116,25 +140,31 @@ Figures Measure(const bench::System &system, size_t size, unsigned callers) {
     for (unsigned i = 0; i < callers; ++i) {
         connected.push_back(server.Connect());
     }
+    const auto cpuTime = [&] { return ReadClock(CLOCK_PROCESS_CPUTIME_ID) + server.CpuTime(); };
+    const double cpuBefore = cpuTime();
     const auto begin = Clock::now() + kWarmUp, end = begin + kTime;
-    std::vector<std::vector<double>> times(callers);
+    std::vector<Calls> calls(callers);
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < callers; ++i) {
-        threads.emplace_back([&, i] { times[i] = CallUntil(*connected[i], begin, end); });
+        threads.emplace_back([&, i] { calls[i] = CallUntil(*connected[i], begin, end); });
     }
     for (std::thread &thread : threads) {
         thread.join();
     }
+    const double cpu = cpuTime() - cpuBefore;
     std::vector<double> all;
-    for (const auto &one : times) {
-        all.insert(all.end(), one.begin(), one.end());
+    size_t allCalls = 0;
+    for (const Calls &one : calls) {
+        all.insert(all.end(), one.times.begin(), one.times.end());
+        allCalls += one.all;
     }
     if (all.empty()) {
         throw std::runtime_error(std::string(system.Name()) + ": no call ended");
     }
     std::sort(all.begin(), all.end());
     return {all[all.size() / 2], all[all.size() * 99 / 100],
-            static_cast<double>(all.size()) / std::chrono::duration<double>(kTime).count()};
+            static_cast<double>(all.size()) / std::chrono::duration<double>(kTime).count(),
+            cpu / static_cast<double>(allCalls)};
 }
 
 using Row = std::map<std::string, Figures>; // by system
@@ -143,8 +173,8 @@ void Print(size_t size, unsigned callers, const Row &row) {
     const double raw = row.at("raw").p50, runtime = row.at("runtime").p50;
     for (const bench::System *const system : Systems()) {
         const Figures &figures = row.at(system->Name());
-        printf("%7zu %7u  %-8s %9.1f %9.1f %10.0f", size, callers, system->Name(), figures.p50, figures.p99,
-               figures.rate);
+        printf("%7zu %7u  %-8s %9.1f %9.1f %10.0f %9.1f", size, callers, system->Name(), figures.p50, figures.p99,
+               figures.rate, figures.cpu);
         if (std::string(system->Name()) == "runtime") {
             printf("   %.2f times raw, goal at most 1.25: %s", runtime / raw, runtime <= 1.25 * raw ? "met" : "MISSED");
         } else if (system != &bench::RawSystem()) {
@@ -157,7 +187,7 @@ void Print(size_t size, unsigned callers, const Row &row) {
 }
 
 void MeasureAll() {
-    printf("%7s %7s  %-8s %9s %9s %10s\n", "bytes", "callers", "system", "p50 us", "p99 us", "calls/s");
+    printf("%7s %7s  %-8s %9s %9s %10s %9s\n", "bytes", "callers", "system", "p50 us", "p99 us", "calls/s", "cpu us");
     for (const size_t size : kSizes) {
         for (const unsigned callers : kCallers) {
             Row row;

@@ -22,6 +22,7 @@ public:
 
 private:
     int Wait(short events, Transport::Clock::time_point deadline) const;
+    ssize_t SendSome(std::span<const uint8_t> header, std::span<const uint8_t> payload) const;
     int ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count);
     void SetReadTimeout(std::chrono::milliseconds timeout);
 
