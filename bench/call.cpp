@@ -1,6 +1,7 @@
 // The call benchmark: what each proxy variant and each shape of wrapper does around a runtime that does nothing.
 // Rows are `library/call/method`, and `runtime/call/method` with the runtime's own functions alone, in the same order
-// and with the same sizes. Instructions are callgrind's: it runs this program again with --count=.
+// and with the same arguments, as a program would call them that has a codec table and checks nothing. Instructions are
+// callgrind's: it runs this program again with --count.
 #include <benchmark/benchmark.h>
 #include <valgrind/callgrind.h>
 
@@ -50,8 +51,8 @@ Request request;
 Response response;
 Order order;
 IdlCodecTable codec;
+IdlMethodName methodName;
 IdlCallResult result;
-IdlAsyncCtx context;
 
 void Callback(const IdlCallResult *, void *, void *) {}
 
@@ -60,10 +61,19 @@ void *Invoker() {
 }
 
 template <class Record>
-void *CopyOf(const Record &record) {
-    void *const message = RPC_IdlMsgCreate(sizeof record, g_uiMoraModuleId, "");
-    memcpy_s(message, sizeof record, &record, sizeof record);
-    return message;
+void *Create() {
+    return RPC_IdlMsgCreate(velto::kNativeSize<Record>, g_uiMoraModuleId, "");
+}
+
+template <class Record>
+void Copy(const Record &record, void *message) {
+    memcpy_s(message, velto::kNativeSize<Record>, &record, velto::kNativeSize<Record>);
+}
+
+// The context is how this function takes its arguments.
+void AsyncCall(void *invoker, void *sent, void *received) {
+    const IdlAsyncCtx context = {invoker, sent, received, Callback, nullptr, &methodName, &codec, {}};
+    RPC_IdlMsgAsyncCall(&context);
 }
 
 std::vector<Call> ProxyCalls() {
@@ -71,32 +81,35 @@ std::vector<Call> ProxyCalls() {
         {"SetIdl/DBGCmdExecResultGet", Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGetSetIdl(&codec); }),
          Repeat([] {})},
         {"sync/DBGCmdExecResultGet", Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGet(&request, &response, nullptr); }),
-         Repeat([] { RPC_IdlMsgSyncCall(&result, Invoker(), &request, &response, nullptr, &codec); })},
+         Repeat([] { RPC_IdlMsgSyncCall(&result, Invoker(), &request, &response, &methodName, &codec); })},
         {"async/DBGCmdExecResultGet",
          Repeat([] { TarnSysdiagAgent_DBGCmdExecResultGet_async(&request, Callback, nullptr, nullptr); }), Repeat([] {
-             Invoker();
-             CopyOf(request);
-             void *const message = RPC_IdlMsgCreate(sizeof response, g_uiMoraModuleId, "");
-             memset_s(message, sizeof response, 0, sizeof response);
-             RPC_IdlMsgAsyncCall(&context);
+             void *const invoker = Invoker();
+             void *const sent = Create<Request>();
+             void *const received = Create<Response>();
+             memset_s(received, velto::kNativeSize<Response>, 0, velto::kNativeSize<Response>);
+             Copy(request, sent);
+             AsyncCall(invoker, sent, received);
          })},
         {"sync_no_reply/DBGCmdExecShow", Repeat([] { TarnSysdiagAgent_DBGCmdExecShow(&order, nullptr); }), Repeat([] {
              void *const invoker = Invoker();
-             void *const message = CopyOf(order);
-             RPC_IdlMsgSyncCall(&result, invoker, message, nullptr, nullptr, &codec);
+             void *const message = Create<Order>();
+             Copy(order, message);
+             RPC_IdlMsgSyncCall(&result, invoker, message, nullptr, &methodName, &codec);
              RPC_IdlMsgDestroy(message, g_uiMoraModuleId, "");
          })},
         {"async_no_reply/DBGCmdExecShow",
          Repeat([] { TarnSysdiagAgent_DBGCmdExecShow_async(&order, Callback, nullptr, nullptr); }), Repeat([] {
-             Invoker();
-             CopyOf(order);
-             RPC_IdlMsgAsyncCall(&context);
+             void *const invoker = Invoker();
+             void *const message = Create<Order>();
+             Copy(order, message);
+             AsyncCall(invoker, message, nullptr);
          })},
         {"async_no_callback/DBGCmdExecShow",
          Repeat([] { TarnSysdiagAgent_DBGCmdExecShow_async(&order, nullptr, nullptr, nullptr); }),
-         Repeat([] { RPC_IdlMsgOnewayCall(Invoker(), &order, nullptr, &codec); })},
+         Repeat([] { RPC_IdlMsgOnewayCall(Invoker(), &order, &methodName, &codec); })},
         {"oneway/DBGCmdExecShow", Repeat([] { TarnSysdiagAgent_DBGCmdExecShow_oneway(&order, nullptr); }),
-         Repeat([] { RPC_IdlMsgOnewayCall(Invoker(), &order, nullptr, &codec); })},
+         Repeat([] { RPC_IdlMsgOnewayCall(Invoker(), &order, &methodName, &codec); })},
     };
 }
 
@@ -106,16 +119,16 @@ constexpr const char *kShapeNames[] = {"fixed_reply",   "variable_reply", "ownin
 IdlServerCodecTable serverCodec;
 alignas(8) unsigned char frameBuffer[server::kCallBuffer];
 
-// What a wrapper of this shape asks of the runtime and the platform.
-template <server::Shape kShape, class Record>
-void RuntimeOfWrapper(void (*method)(const Record *)) {
+// What a wrapper of this shape asks of the runtime, the platform and the daemon.
+template <server::Shape kShape, class Record, class Method>
+void RuntimeOfWrapper(void *object, Method method) {
     constexpr uint32_t kSize = velto::kNativeSize<Record>;
     constexpr bool kLarge = kShape == server::Shape::kLargeRequest;
-    void *const record = kLarge ? RPC_IdlMsgNew(kSize, 0) : frameBuffer;
-    memset_s(record, kSize, 0, kSize);
-    RPC_IdlReqVeltoMsgUnPack(bench::RuntimeObject(), record, &serverCodec);
+    void *const buffer = kLarge ? RPC_IdlMsgNew(kSize, 0) : frameBuffer;
+    memset_s(buffer, kSize, 0, kSize);
+    void *const record = RPC_IdlReqVeltoMsgUnPack(object, buffer, &serverCodec);
     memcpy_s(RPC_GetUsrFuncLib(record), sizeof serverCodec, &serverCodec, sizeof serverCodec);
-    method(static_cast<const Record *>(record));
+    method(static_cast<const Record *>(record), object);
     if (kLarge) {
         RPC_IdlMsgFree(record, 0);
     }
@@ -124,14 +137,14 @@ void RuntimeOfWrapper(void (*method)(const Record *)) {
 // Enters the first method of each shape.
 class WrapperCalls {
 public:
-    template <class Record, class Reply>
-    void Add(const char *method, IdlWrapperFn wrapper, void (*implementation)(const Record *)) {
+    template <class Record, class Reply, class Method>
+    void Add(const char *name, IdlWrapperFn wrapper, Method method) {
         constexpr server::Shape kShape = server::ShapeOf<Record, Reply>();
         if (known_.insert(kShape).second) {
-            calls_.push_back({std::string(kShapeNames[static_cast<size_t>(kShape)]) + '/' + method, Repeat([wrapper] {
-                                  wrapper(bench::RuntimeObject(), bench::RuntimeObject(), &serverCodec);
-                              }),
-                              Repeat([implementation] { RuntimeOfWrapper<kShape>(implementation); })});
+            void *const object = bench::RuntimeObject();
+            calls_.push_back({std::string(kShapeNames[static_cast<size_t>(kShape)]) + '/' + name,
+                              Repeat([=] { wrapper(object, object, &serverCodec); }),
+                              Repeat([=] { RuntimeOfWrapper<kShape, Record>(object, method); })});
         }
     }
 
@@ -151,10 +164,10 @@ std::vector<Call> ShapeCalls() {
     WrapperCalls wrappers;
 #define TARN_METHOD(method, request, response)                                                                         \
     wrappers.Add<Tarn_sys_diag_##request, Tarn_sys_diag_##response>(                                                   \
-        #method, method##_wrapper, [](const Tarn_sys_diag_##request *record) { method(record, nullptr); });
+        #method, method##_wrapper, [](const Tarn_sys_diag_##request *record, void *ctx) { method(record, ctx); });
 #define TARN_METHOD_NO_REPLY(method, request)                                                                          \
     wrappers.Add<Tarn_sys_diag_##request, server::NoReply>(                                                            \
-        #method, method##_wrapper, [](const Tarn_sys_diag_##request *record) { method(record); });
+        #method, method##_wrapper, [](const Tarn_sys_diag_##request *record, void *) { method(record); });
 #include "server/tarnd_methods.h"
     return wrappers.Calls();
 }
