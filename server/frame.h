@@ -38,94 +38,119 @@ constexpr Shape ShapeOf() {
     }
 }
 
-// Fills the slots of a method's codec table. A method without reply has only the decoder of its request: the runtime
-// left the other slots null, and they stay as they are.
-template <class Unit, class Request, class Response>
-void SetCodec(IdlCodecTable &codec, IdlUsrFreeFn usrFree) {
-    codec.pfnUnpack = velto::Codec<Unit, Request>::kUnpack;
-    if constexpr (!std::is_same_v<Response, NoReply>) {
-        using Reply = velto::Codec<Unit, Response>;
-        codec.pfnPack = Reply::kPack;
-        codec.pfnFreeUnpacked = Reply::kFreeUnpacked;
-        codec.pfnUsrFree = usrFree;
-        codec.pfnFixedPack = velto::kHasFixed<Response> ? Reply::kPackFixed : nullptr;
-        codec.pfnFixedSize = velto::kHasFixed<Response> ? Reply::kFixedSize : nullptr;
-    }
-}
-
-// Keeps the codec table with the request, for the runtime to encode and release the reply with.
-inline bool KeepCodec(void *record, const IdlServerCodecTable *codec) {
-    return memcpy_s(RPC_GetUsrFuncLib(record), sizeof *codec, codec, sizeof *codec) == 0;
-}
-
 // Calls the daemon's implementation of a method, with the reply context if it takes one.
 using CallFn = uint32_t (*)(const void *record, void *replyCtx);
 
-// Decodes into the wrapper's own frame. `release` is null unless the request owns memory.
-[[gnu::noinline]] inline uint32_t DispatchFromFrame(void *request, void *replyCtx, const IdlServerCodecTable *codec,
-                                                    CallFn call, uint32_t size, VeltoFreeFn release) {
+// What wrappers differ in.
+struct Method {
+    IdlCodecTable codec;
+    CallFn call;
+    VeltoFreeFn release; // null unless the request owns memory
+    uint32_t requestSize;
+};
+
+// A method's codec table, but for the daemon's release of its reply, whose cast is no constant expression.
+template <class Unit, class Request, class Response>
+constexpr IdlCodecTable CodecOf() {
+    IdlCodecTable table{};
+    table.pfnUnpack = velto::Codec<Unit, Request>::kUnpack;
+    if constexpr (!std::is_same_v<Response, NoReply>) {
+        using Out = velto::Codec<Unit, Response>;
+        table.pfnPack = Out::kPack;
+        table.pfnFreeUnpacked = Out::kFreeUnpacked;
+        if constexpr (velto::kHasFixed<Response>) {
+            table.pfnFixedPack = Out::kPackFixed;
+            table.pfnFixedSize = Out::kFixedSize;
+        }
+    }
+    return table;
+}
+
+template <class Unit, class Request>
+constexpr VeltoFreeFn kRelease = velto::kOwns<Request> ? velto::Codec<Unit, Request>::kFreeUnpacked : nullptr;
+
+// Fills the slots of a method's codec table. A method without reply has only the decoder of its request: the runtime
+// left the other slots null, and they stay as they are.
+inline void SetCodec(IdlCodecTable &codec, const Method &method) {
+    if (method.codec.pfnPack != nullptr) {
+        codec = method.codec;
+    } else {
+        codec.pfnUnpack = method.codec.pfnUnpack;
+    }
+}
+
+// Keeps the codec table with the request, for the runtime to encode and release the reply with, and calls the method.
+inline uint32_t KeepAndCall(const Method &method, void *record, void *replyCtx, const IdlServerCodecTable *codec) {
+    const int error = memcpy_s(RPC_GetUsrFuncLib(record), sizeof *codec, codec, sizeof *codec);
+    return velto::Expected(error == 0) ? method.call(record, replyCtx) : kNotKept;
+}
+
+// Decodes into the wrapper's own frame. Here and in proxies, what a caller gave comes first, in its order, and stays in
+// the registers that it came in.
+VELTO_FRAME uint32_t DispatchFromFrame(void *request, void *replyCtx, IdlServerCodecTable *codec,
+                                       const Method &method) {
+    SetCodec(codec->stCodec, method);
     alignas(8) uint8_t buffer[kCallBuffer];
-    memset_s(buffer, size, 0, size);
+    memset_s(buffer, method.requestSize, 0, method.requestSize);
     void *const record = RPC_IdlReqVeltoMsgUnPack(request, buffer, codec);
     if (record == nullptr) {
         return platform::kNoMemory;
     }
-    const uint32_t status = KeepCodec(record, codec) ? call(record, replyCtx) : kNotKept;
-    if (release != nullptr) {
-        release(record);
+    const uint32_t status = KeepAndCall(method, record, replyCtx, codec);
+    if (method.release != nullptr) {
+        method.release(record);
     }
     return status;
 }
 
 // Decodes into a runtime message.
-[[gnu::noinline]] inline uint32_t DispatchFromMessage(void *request, void *replyCtx, const IdlServerCodecTable *codec,
-                                                      CallFn call, uint32_t size) {
-    void *const message = RPC_IdlMsgNew(size, 0);
+VELTO_FRAME uint32_t DispatchFromMessage(void *request, void *replyCtx, IdlServerCodecTable *codec,
+                                         const Method &method) {
+    SetCodec(codec->stCodec, method);
+    void *const message = RPC_IdlMsgNew(method.requestSize, 0);
     if (message == nullptr) {
         return platform::kNoMemory;
     }
-    memset_s(message, size, 0, size);
+    memset_s(message, method.requestSize, 0, method.requestSize);
     void *const record = RPC_IdlReqVeltoMsgUnPack(request, message, codec);
     if (record == nullptr) {
         RPC_IdlMsgFree(message, 0);
         return platform::kNoMemory;
     }
-    const uint32_t status = KeepCodec(record, codec) ? call(record, replyCtx) : kNotKept;
+    const uint32_t status = KeepAndCall(method, record, replyCtx, codec);
     RPC_IdlMsgFree(record, 0);
     return status;
 }
 
-template <class Unit, class Request, class Response>
-uint32_t Dispatch(void *request, void *replyCtx, IdlServerCodecTable *codec, IdlUsrFreeFn usrFree, CallFn call) {
-    constexpr uint32_t kSize = velto::kNativeSize<Request>;
-    SetCodec<Unit, Request, Response>(codec->stCodec, usrFree);
-    if constexpr (ShapeOf<Request, Response>() == Shape::kLargeRequest) {
-        return DispatchFromMessage(request, replyCtx, codec, call, kSize);
-    } else {
-        constexpr VeltoFreeFn kRelease = velto::kOwns<Request> ? velto::Codec<Unit, Request>::kFreeUnpacked : nullptr;
-        return DispatchFromFrame(request, replyCtx, codec, call, kSize, kRelease);
-    }
+template <Shape kShape>
+[[gnu::always_inline]] inline uint32_t Dispatch(void *request, void *replyCtx, IdlServerCodecTable *codec,
+                                                const Method &method) {
+    return kShape == Shape::kLargeRequest ? DispatchFromMessage(request, replyCtx, codec, method)
+                                          : DispatchFromFrame(request, replyCtx, codec, method);
 }
 
 } // namespace server
 
 // A method's wrapper.
 #define TARN_WRAPPER(method, request, response)                                                                        \
-    uint32_t method##_wrapper(void *message, void *replyCtx, IdlServerCodecTable *codec) {                             \
-        using Request = Tarn_sys_diag_##request;                                                                       \
-        const auto usrFree = reinterpret_cast<IdlUsrFreeFn>(method##_free);                                            \
-        const server::CallFn call = [](const void *record, void *ctx) {                                                \
-            return method(static_cast<const Request *>(record), ctx);                                                  \
-        };                                                                                                             \
-        return server::Dispatch<Unit, Request, Tarn_sys_diag_##response>(message, replyCtx, codec, usrFree, call);     \
-    }
+    TARN_DEFINE_WRAPPER(method, Tarn_sys_diag_##request, Tarn_sys_diag_##response,                                     \
+                        reinterpret_cast<IdlUsrFreeFn>(method##_free), method(record, ctx))
 #define TARN_WRAPPER_NO_REPLY(method, request)                                                                         \
-    uint32_t method##_wrapper(void *message, void *, IdlServerCodecTable *codec) {                                     \
-        using Request = Tarn_sys_diag_##request;                                                                       \
-        const server::CallFn call = [](const void *record, void *) {                                                   \
-            return method(static_cast<const Request *>(record));                                                       \
-        };                                                                                                             \
-        return server::Dispatch<Unit, Request, server::NoReply>(message, nullptr, codec, nullptr, call);               \
+    TARN_DEFINE_WRAPPER(method, Tarn_sys_diag_##request, server::NoReply, nullptr, method(record))
+#define TARN_DEFINE_WRAPPER(method, Request, Response, usrFree, calling)                                               \
+    static uint32_t method##_call(const void *in, [[maybe_unused]] void *ctx) {                                        \
+        const auto *const record = static_cast<const Request *>(in);                                                   \
+        return calling;                                                                                                \
+    }                                                                                                                  \
+    static constexpr IdlCodecTable kCodec_##method = server::CodecOf<Unit, Request, Response>();                       \
+    static const server::Method kMethod_##method = {{kCodec_##method.pfnUnpack, kCodec_##method.pfnPack,               \
+                                                     kCodec_##method.pfnFreeUnpacked, usrFree,                         \
+                                                     kCodec_##method.pfnFixedPack, kCodec_##method.pfnFixedSize},      \
+                                                    method##_call,                                                     \
+                                                    server::kRelease<Unit, Request>,                                   \
+                                                    velto::kNativeSize<Request>};                                      \
+    uint32_t method##_wrapper(void *message, void *ctx, IdlServerCodecTable *codec) {                                  \
+        return server::Dispatch<server::ShapeOf<Request, Response>()>(message, ctx, codec, kMethod_##method);          \
     }
 
 // A method's entry in the interface table, and its entries in the message table, which names a type once for each use.

@@ -1,5 +1,5 @@
-// What a codec trades, speed for room. A codec's frame, what all do around their fields, is compiled into each codec or
-// is one function that all call: the first is faster, the second smaller. Devices have 32 bits and little room.
+// What codecs, proxies and wrappers trade, speed for room. The frame of one, what all of its kind do, is compiled into
+// each or is one function that all call: the first is faster, the second smaller. Devices have 32 bits and little room.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 #if UINTPTR_MAX > UINT32_MAX
 #define VELTO_FRAME [[gnu::always_inline]] inline
 #else
-#define VELTO_FRAME [[gnu::noinline]]
+#define VELTO_FRAME [[gnu::noinline]] inline
 #endif
 
 namespace velto {

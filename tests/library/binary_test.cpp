@@ -92,6 +92,12 @@ TEST(Binary, HasNoTextRelocations) {
     EXPECT_EQ(Library().Dynamic(DT_FLAGS) & DF_TEXTREL, 0U);
 }
 
+// Tables are filled by the compiler and the dynamic loader; the fourth is the C library's start-up code.
+TEST(Binary, RunsOneInitialiserForEachUnitAtLoad) {
+    SKIP_SANITIZED();
+    EXPECT_EQ(Library().Dynamic(DT_INIT_ARRAYSZ), (3 + 1) * sizeof(void *));
+}
+
 TEST(Binary, HasTheStackProtector) {
     SKIP_SANITIZED();
     const Names undefined = Library().Names(false);
