@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
 
 #include "host/answer/answer.h"
 #include "host/daemon/state.h"
@@ -35,10 +36,10 @@ public:
         Check(stored ? archive_write_zip_set_compression_store(zip_.get())
                      : archive_write_zip_set_compression_deflate(zip_.get()));
         Check(archive_write_set_bytes_in_last_block(zip_.get(), 1));
-        Check(archive_write_open_fd(zip_.get(), target.File().Fd()));
+        Check(archive_write_open2(zip_.get(), this, nullptr, WriteOrDrop, nullptr, nullptr));
     }
 
-    ~ZipWriter() { archive_write_fail(zip_.get()); } // or it would be completed, which may take long
+    ~ZipWriter() { drops_ = true; } // of an archive that was given up, the end need not be written
     ZipWriter(const ZipWriter &) = delete;
     ZipWriter &operator=(const ZipWriter &) = delete;
 
@@ -94,9 +95,8 @@ private:
             if (length == 0) {
                 memset(buffer, 0, size);
             }
-            if (archive_write_data(zip_.get(), buffer, size) != static_cast<la_ssize_t>(size)) {
-                FailArchive();
-            }
+            const bool taken = archive_write_data(zip_.get(), buffer, size) == static_cast<la_ssize_t>(size);
+            Check(taken ? ARCHIVE_OK : ARCHIVE_FATAL);
             left -= size;
             progress_.Add(size);
         }
@@ -105,19 +105,34 @@ private:
     }
 
     void Check(int result) {
+        if (failure_ != nullptr) {
+            std::rethrow_exception(failure_);
+        }
         if (result < ARCHIVE_WARN) {
-            FailArchive();
+            const int error = archive_errno(zip_.get());
+            const char *const text = archive_error_string(zip_.get());
+            Fail(error > 0 ? error : EIO, text == nullptr ? target_.Name() : text);
         }
     }
 
-    [[noreturn]] void FailArchive() {
-        const int error = archive_errno(zip_.get());
-        const char *const text = archive_error_string(zip_.get());
-        Fail(error > 0 ? error : EIO, text == nullptr ? "the archive" : text);
+    // libarchive is not told of a failure, after which it would lose its buffers: Check throws it.
+    static la_ssize_t WriteOrDrop(struct archive *, void *self, const void *bytes, size_t size) {
+        auto &writer = *static_cast<ZipWriter *>(self);
+        if (!writer.drops_) {
+            try {
+                host::WriteAll(writer.target_.File(), {static_cast<const char *>(bytes), size}, writer.target_.Name());
+            } catch (...) {
+                writer.failure_ = std::current_exception();
+                writer.drops_ = true;
+            }
+        }
+        return static_cast<la_ssize_t>(size);
     }
 
     const FileAside &target_;
     Progress &progress_;
+    bool drops_ = false;
+    std::exception_ptr failure_;
     std::unique_ptr<struct archive, int (*)(struct archive *)> zip_{archive_write_new(), archive_write_free};
 };
 

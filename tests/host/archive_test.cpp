@@ -389,6 +389,7 @@ TEST_F(ArchiveTest, LeavesNothingBehindOnAFullDisk) {
     EXPECT_EQ(daemon_->Stop(), 0);
     StartDaemon(); // which sees the disk
     EXPECT_EQ(Zip("app", "small", "app.zip", 1), ENOSPC);
+    EXPECT_TRUE(Logged("app.zip: No space left on device"));
     EXPECT_EQ(Names(logs_ / "small"), std::vector<std::string>{});
     EXPECT_EQ(Zip("system.log", "small", "app.zip", 1), 0) << "what failed holds no space";
 }
