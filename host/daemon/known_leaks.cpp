@@ -1,0 +1,7 @@
+// What LeakSanitizer is not to tell at the end of a program that uses libproc2.
+
+// Its buffers belong to the thread that reads processes, and nobody frees them when that ends. A program has one such
+// thread, its sampler's.
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:libproc2\n";
+}
