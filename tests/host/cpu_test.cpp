@@ -208,12 +208,15 @@ TEST_F(CpuTest, KeepsTheHighestUseUntilItIsReset) {
     subject.Signal(SIGSTOP);
     std::this_thread::sleep_for(300ms);
     EXPECT_GT(highest(subject.Pid()), 200) << "it stands still, but did not";
-    const auto reset =
-        Call<Tarn_sys_diag_ResetMaxCpuResult>("ResetMaxCpuUseInfo", Tarn_sys_diag_ResetMaxCpuCondition{});
-    EXPECT_EQ(reset.Status(), 0);
-    EXPECT_EQ(reset->uiResult, 0);
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(highest(subject.Pid()), 0);
+    // A sample of the time before may come after a reset.
+    EXPECT_TRUE(kit::Eventually([&] {
+        const auto reset =
+            Call<Tarn_sys_diag_ResetMaxCpuResult>("ResetMaxCpuUseInfo", Tarn_sys_diag_ResetMaxCpuCondition{});
+        EXPECT_EQ(reset.Status(), 0);
+        EXPECT_EQ(reset->uiResult, 0);
+        std::this_thread::sleep_for(300ms);
+        return highest(subject.Pid()) == 0;
+    }));
     subject.Signal(SIGCONT);
     EXPECT_TRUE(kit::Eventually([&] { return highest(subject.Pid()) > 200; }));
 }
@@ -240,15 +243,20 @@ TEST_F(CpuTest, MeasuresTheCpus) {
     const auto [busy, total] = BusyAndTotal();
     const double permille = (busy - busyBefore) * 1000 / (total - totalBefore);
 
-    const auto kpi = Call<Tarn_sys_diag_DisOsResourceInfoRet>("GetKpiCpuInfo", Tarn_sys_diag_DisOsResourceInfoInput{});
+    const auto kpiCpu = [&] {
+        return Call<Tarn_sys_diag_DisOsResourceInfoRet>("GetKpiCpuInfo", Tarn_sys_diag_DisOsResourceInfoInput{});
+    };
+    const auto kpi = kpiCpu();
     ASSERT_EQ(kpi.Status(), 0);
     EXPECT_EQ(std::string(kpi->acName), "cpu");
     EXPECT_NEAR(kpi->uiValue2, permille, 250) << "since the daemon's start, a little longer than the test measured";
     EXPECT_GE(kpi->uiValue3, kpi->uiValue1);
     EXPECT_GE(kpi->uiValue3, kpi->uiValue2);
-    double load = 0;
-    std::istringstream(kit::TextOfFile("/proc/loadavg")) >> load;
-    EXPECT_NEAR(kpi->uiValue4, load * 1000, 300);
+    EXPECT_TRUE(kit::Eventually([&] {
+        double load = 0;
+        std::istringstream(kit::TextOfFile("/proc/loadavg")) >> load;
+        return std::abs(kpiCpu()->uiValue4 - load * 1000) < 10;
+    })) << "it changes every 5 s, the daemon's sample follows";
 
     const auto cpus = Call<Tarn_sys_diag_MultiCpuUsageRet>("MultiCpuUsageQuery", Tarn_sys_diag_MultiCpuUsageInput{});
     ASSERT_EQ(cpus.Status(), 0);

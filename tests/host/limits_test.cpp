@@ -303,6 +303,7 @@ TEST_F(LimitsTest, ARequestWhoseTimePassesBeforeItsTurnIsNotRun) {
     first.Send(TidsRequest(1));
     EXPECT_TRUE(kit::Eventually([&] { return blocked_ == 1; }));
     second.Send(OnlineRequest(1, 50));
+    EXPECT_TRUE(kit::Eventually([&] { return second.HasBeenRead(); }));
     std::this_thread::sleep_for(100ms);
     go_ = true;
     const auto frames = second.Read(1);

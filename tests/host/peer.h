@@ -2,7 +2,9 @@
 // types/tarnd.h before this one.
 #pragma once
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -32,6 +34,13 @@ public:
 
     // The peer may have closed.
     void TrySend(std::span<const uint8_t> bytes) const { send(fd_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+    // Whether the other side has taken all that was sent.
+    bool HasBeenRead() const {
+        int unread = -1;
+        EXPECT_EQ(ioctl(fd_.Get(), SIOCOUTQ, &unread), 0);
+        return unread == 0;
+    }
 
     // The frames that arrive until the other side closes, or until there are so many.
     std::vector<host::Frame> Read(size_t most = SIZE_MAX) const {
