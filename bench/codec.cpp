@@ -28,8 +28,7 @@ void Measure(benchmark::State &state, const Operation &operation, size_t batch) 
     const auto bytes = static_cast<double>(operation.bytes);
     state.counters["bytes"] = bytes;
     state.counters["allocations"] = static_cast<double>(allocations) / static_cast<double>(batch);
-    state.counters["MB/s"] =
-        benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["MB/s"] = benchmark::Counter(bytes / 1e6, benchmark::Counter::kIsIterationInvariantRate);
 }
 
 // Keeps the fastest repetition of each row: what disturbs a run only adds to it.
@@ -64,10 +63,8 @@ void Register(const bench::Message &message) {
     AddNanopb(message, operations);
     for (const Operation &operation : operations) {
         const std::string name = operation.system + '/' + operation.message + '/' + operation.name;
-        benchmark::RegisterBenchmark(name.c_str(),
-                                     [operation, batch = BatchOf(message.spec.poolSize)](benchmark::State &state) {
-                                         Measure(state, operation, batch);
-                                     });
+        benchmark::RegisterBenchmark(name.c_str(), [operation, batch = BatchOf(message.spec.poolSize)](
+                                                       benchmark::State &state) { Measure(state, operation, batch); });
     }
 }
 

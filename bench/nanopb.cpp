@@ -138,10 +138,9 @@ public:
                     Encode(fields, *item.object, buffer.data(), size);
                 });
             });
-        Add("decode", operations,
-            [pool = pool_, fields = fields_, object = std::make_shared<Struct>()](size_t count) {
-                InTurn(*pool, count, [&](const Item<Struct> &item) { Decode(fields, item.bytes, *object); });
-            });
+        Add("decode", operations, [pool = pool_, fields = fields_, object = std::make_shared<Struct>()](size_t count) {
+            InTurn(*pool, count, [&](const Item<Struct> &item) { Decode(fields, item.bytes, *object); });
+        });
     }
 
 private:

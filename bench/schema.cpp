@@ -287,9 +287,10 @@ void WriteCarriers(std::ostream &out, const Types &types, const Objects &objects
             fill += "    " + carrier.fill + "\n";
             read += "    " + carrier.read + "\n";
         });
-        out << "inline void Fill(const " << record << " &from, " << object << objects.writer << "to) {\n" << fill
-            << "}\ninline void Read(" << objects.readerConst << object << objects.reader
-            << "from, " << record << " &to) {\n" << read << "}\n";
+        out << "inline void Fill(const " << record << " &from, " << object << objects.writer << "to) {\n"
+            << fill << "}\ninline void Read(" << objects.readerConst << object << objects.reader << "from, " << record
+            << " &to) {\n"
+            << read << "}\n";
     }
 }
 

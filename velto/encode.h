@@ -40,9 +40,9 @@ using SizeOf = std::conditional_t<kOwns<Record>, uint64_t, uint32_t>;
 template <class Record>
 static SizeOf<Record> TableSize(const Record &record);
 
-template <class Element>
-static auto RunSize(const Element *elements, uint32_t count) {
-    SizeOf<Element> size = 0;
+template <class Size, class Element>
+static Size RunSize(const Element *elements, uint32_t count) {
+    Size size = 0;
     for (uint32_t i = 0; i < count; ++i) {
         size += 4 + TableSize(elements[i]);
     }
@@ -60,9 +60,9 @@ static auto DataSize(const Record &record) {
     } else if constexpr (Slot::kKind == Kind::kTable) {
         return TableSize(value);
     } else if constexpr (Slot::kKind == Kind::kTableRun) {
-        return 4 + RunSize(value, Slot::kLength);
+        return 4 + RunSize<SizeOf<typename Slot::Element>>(value, Slot::kLength);
     } else if constexpr (Slot::kKind == Kind::kTableVector) {
-        return uint64_t{4} + RunSize(value, Slot::Count(record));
+        return 4 + RunSize<uint64_t>(value, Slot::Count(record));
     } else {
         return uint64_t{4} + uint64_t{Slot::Count(record)} * sizeof *value;
     }

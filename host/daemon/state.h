@@ -35,7 +35,7 @@ State &TheState();
 struct Settings {
     std::filesystem::path runDirectory;
     std::string logDirectory;
-    std::string stateDirectory; // empty: none
+    std::string stateDirectory;                     // empty: none
     std::map<std::string, std::string> copyTargets; // directories by name
 };
 

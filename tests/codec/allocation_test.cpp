@@ -261,6 +261,31 @@ TEST(Allocation, AVectorWhoseBytesDoNotFit32BitsIsRefusedWithoutAskingForMemory)
     EXPECT_GT(checked, 0U) << "no element is large enough for a message of " << kLongest << " bytes";
 }
 
+// Where pointers have 32 bits, no such vector fits the memory.
+#if UINTPTR_MAX > UINT32_MAX
+TEST(Allocation, AVectorOfTablesWhoseRegularFormDoesNotFit32BitsHasNoSize) {
+    const Type &type = FindType("SysMemStatisFileResult");
+    const velto::SlotShape &slot = type.shape->Slot(0);
+    const velto::TypeShape &element = *type.shape->Element(slot).type;
+    const std::vector<uint8_t> empty(std::max(element.size, type.shape->size));
+    const uint32_t elementSize = FindType("SysMemStatisFile").pack(nullptr, empty.data()); // 4 are its offset word
+    const auto count = static_cast<uint32_t>((uint64_t{1} << 32) / elementSize + 1);
+
+    const size_t length = size_t{count} * element.size;
+    void *const elements = mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(elements, MAP_FAILED);
+    std::vector<uint8_t> record(empty.begin(), empty.begin() + type.shape->size);
+    memcpy(record.data() + slot.offset, &elements, sizeof elements);
+    const auto sizeOf = [&](uint32_t number) {
+        memcpy(record.data() + slot.length, &number, sizeof number);
+        return type.pack(nullptr, record.data());
+    };
+    EXPECT_EQ(sizeOf(count - 2), sizeOf(1) + uint64_t{elementSize} * (count - 3)) << "just fits";
+    EXPECT_EQ(sizeOf(count), 0U);
+    munmap(elements, length);
+}
+#endif
+
 TEST(Allocation, AVectorOfBytesIsCopiedByThePlatformsCopyForLargeBlocksWhereThereIsOne) {
     const Type &type = FindType("mem_RPCIN");
     PlatformTrace().Clear();

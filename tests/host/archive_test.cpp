@@ -207,7 +207,7 @@ TEST_F(CopyTest, ExplainsWhatItDoesNotTake) {
     for (const char *path : {"system.log", "app", "app/fifo"}) {
         EXPECT_EQ(Copy(path, ""), EINVAL) << path;
     }
-    EXPECT_TRUE(Logged("szSrcPath is system.log, expected a ZIP archive"));
+    EXPECT_TRUE(Logged("szSrcPath is \"system.log\", expected a ZIP archive"));
     EXPECT_EQ(Names(usb_), std::vector<std::string>{"reports"});
 }
 
