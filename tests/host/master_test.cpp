@@ -10,6 +10,7 @@ TARN_UNIT()
 #include <ctime>
 
 #include <atomic>
+#include <mutex>
 
 #include "host/answer/answer.h"
 #include "host/master/config.h"
@@ -498,8 +499,17 @@ TEST_F(MasterTest, IsToldWhatAClientChanges) {
 
 // A master that knows one time zone, and answers nothing else.
 std::atomic<uint32_t> greetings;
+std::mutex masterMutex; // that the daemon asks later than the test answers orders nothing between their threads
 Tarn_sys_diag_GetTimezoneOutput masterReply;
+void SetMasterReply(std::string_view zone, int32_t offset) {
+    const std::lock_guard lock(masterMutex);
+    masterReply = {};
+    masterReply.uiValue1 = 1;
+    kit::Set(masterReply.stTimezone.szTimezoneName, zone);
+    masterReply.stTimezone.uiTimezoneOffset = static_cast<uint32_t>(offset);
+}
 uint32_t GetTimezone(const Tarn_sys_diag_None *, void *replyCtx) {
+    const std::lock_guard lock(masterMutex);
     return TarnHost_Reply(replyCtx, &masterReply);
 }
 void GetTimezone_free(Tarn_sys_diag_GetTimezoneOutput *) {}
@@ -523,24 +533,20 @@ protected:
         std::filesystem::create_directory(logs_);
         server_.AddService(oldMasterSpec);
         server_.Start();
-        masterReply = {};
-        masterReply.uiValue1 = 1;
         greetings = 0;
     }
     host::Server server_{{.runDir = dir_.Path()}};
 };
 
 TEST_F(OldMasterTest, IsGreetedAndGivesItsTimeZone) {
-    kit::Set(masterReply.stTimezone.szTimezoneName, "Asia/Kathmandu");
-    masterReply.stTimezone.uiTimezoneOffset = 345;
+    SetMasterReply("Asia/Kathmandu", 345);
     StartDaemon();
     EXPECT_TRUE(Logged("time zone Asia/Kathmandu (+345 minutes) from the master"));
     EXPECT_EQ(greetings, 1);
 }
 
 TEST_F(OldMasterTest, GivesATimeZoneThatMakesNoSense) {
-    kit::Set(masterReply.stTimezone.szTimezoneName, "Asia/Kathmandu");
-    masterReply.stTimezone.uiTimezoneOffset = 20000;
+    SetMasterReply("Asia/Kathmandu", 20000);
     StartDaemon();
     EXPECT_TRUE(Logged("uiTimezoneOffset is 20000"));
     EXPECT_EQ(daemon_->Err().find("from the master"), std::string::npos);
