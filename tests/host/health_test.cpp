@@ -5,8 +5,6 @@ TARN_UNIT()
 
 #include "types/tarnd.h"
 
-#include <sys/resource.h>
-
 #include <atomic>
 #include <cmath>
 
@@ -283,7 +281,6 @@ TEST_F(HealthTest, RecordsThatACpuIsBusy) {
     Switch(TARND_HEALTH_ONE_CPU, 1, 300);
     Switch(TARND_HEALTH_CPU_TIME, 1, 500);
     const kit::Subject subject(dir_);
-    setpriority(PRIO_PROCESS, subject.tids.at("burner"), -15); // whatever else the machine does, where that is allowed
     const auto found = [&] {
         const auto answer = events(subject.Pid());
         EXPECT_EQ(answer.Status(), 0) << answer.Text();
