@@ -74,18 +74,23 @@ TEST_F(CpuTest, MeasuresTheThreadsOfAProcess) {
     for (const auto &[method, cpus] : std::map<const char *, long>{
              {"CalculateProcThreadCpuUse", 1}, {"CalculateOsProcCpuUse", sysconf(_SC_NPROCESSORS_ONLN)}}) {
         SCOPED_TRACE(method);
-        const auto usedBefore = clock.Used();
-        const auto start = std::chrono::steady_clock::now();
-        std::this_thread::sleep_for(1s);
-        const auto answer =
-            Call<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{subject.Pid(), 900, 0});
-        const std::chrono::duration<double> used = clock.Used() - usedBefore;
-        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-        ASSERT_EQ(answer.Status(), 0);
-        const double permille = used / elapsed * 1000 / static_cast<double>(cpus);
-        EXPECT_GT(permille, 50) << "the subject hardly ran";
-        EXPECT_NEAR(answer->uiValue1, permille, permille * 0.25 + 20);
+        const auto measure = [&] {
+            return Call<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{subject.Pid(), 900, 0});
+        };
+        // The daemon's second is not just the test's, which shows when others take the processors in between.
+        EXPECT_TRUE(kit::Eventually([&] {
+            const auto usedBefore = clock.Used();
+            const auto start = std::chrono::steady_clock::now();
+            std::this_thread::sleep_for(1s);
+            const auto answer = measure();
+            const std::chrono::duration<double> used = clock.Used() - usedBefore;
+            const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+            const double permille = used / elapsed * 1000 / static_cast<double>(cpus);
+            return permille > 50 && std::abs(answer->uiValue1 - permille) < permille * 0.25 + 20;
+        }));
 
+        const auto answer = measure();
+        ASSERT_EQ(answer.Status(), 0);
         ASSERT_EQ(answer->uiThreadNum, TaskIds(subject.Pid()).size());
         const Tarn_sys_diag_OsProcessCpuThread &busiest = answer->pstThread[0];
         EXPECT_EQ(std::string(busiest.acName), "burner");
@@ -239,8 +244,12 @@ std::pair<double, double> BusyAndTotal() {
 
 TEST_F(CpuTest, MeasuresTheCpus) {
     const Subject subject(dir_);
+    const auto tellHistory = [&] {
+        return Call<Tarn_sys_diag_SysCpuMonitorHistoryInfoResult>("GetSysCpuMonitorHistoryInfo",
+                                                                  Tarn_sys_diag_SysCpuMonitorHistoryInfoInput{});
+    };
     const auto [busyBefore, totalBefore] = BusyAndTotal();
-    std::this_thread::sleep_for(1s);
+    ASSERT_TRUE(kit::Eventually([&] { return tellHistory()->uiRecordNum >= 10; }));
     const auto [busy, total] = BusyAndTotal();
     const double permille = (busy - busyBefore) * 1000 / (total - totalBefore);
 
@@ -274,10 +283,8 @@ TEST_F(CpuTest, MeasuresTheCpus) {
     }
     EXPECT_NEAR(cpus->pstCpu[0].uiValue1, sum / (cpus->uiCpuNum - 1), 120);
 
-    const auto history = Call<Tarn_sys_diag_SysCpuMonitorHistoryInfoResult>(
-        "GetSysCpuMonitorHistoryInfo", Tarn_sys_diag_SysCpuMonitorHistoryInfoInput{});
+    const auto history = tellHistory();
     ASSERT_EQ(history.Status(), 0);
-    ASSERT_GE(history->uiRecordNum, 8);
     double mean = 0;
     for (uint32_t i = 0; i < history->uiRecordNum; ++i) {
         EXPECT_LE(history->pstRecord[i].ucValue1 + history->pstRecord[i].ucValue2, 101);
