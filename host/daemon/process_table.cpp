@@ -130,8 +130,9 @@ uint32_t ProcTableBuild(const Tarn_sys_diag_ProcTableBuildInput *request, void *
 
 uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetProcTableResult>(__func__, replyCtx, [](auto &reply) {
+        const auto table = tarnd::BuiltTable(); // kept, as another may take its place meanwhile
         std::vector<Tarn_sys_diag_ProcTableEntry> entries;
-        for (const tarnd::Row &row : *tarnd::BuiltTable()) {
+        for (const tarnd::Row &row : *table) {
             entries.push_back(tarnd::Describe(row, reply));
         }
         reply.pstProc = reply.Keep(std::move(entries), reply.uiProcNum);

@@ -5,7 +5,9 @@ TARN_UNIT()
 
 #include "types/tarnd.h"
 
+#include <atomic>
 #include <set>
+#include <thread>
 
 #include "tests/host/daemon_kit.h"
 
@@ -89,6 +91,23 @@ TEST_F(TableTest, IsASnapshot) {
     EXPECT_NE(Find(Get(), pid), nullptr) << "it had not ended then";
     ASSERT_EQ(Build(0), 0);
     EXPECT_EQ(Find(Get(), pid), nullptr);
+}
+
+TEST_F(TableTest, IsReadWhileAnotherIsBuilt) {
+    ASSERT_EQ(Build(0), 0);
+    std::atomic<bool> stop = false;
+    std::thread builder([&] {
+        while (!stop) {
+            EXPECT_EQ(Build(0), 0);
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        const Table table = Get();
+        EXPECT_EQ(table.Status(), 0) << table.Text();
+        EXPECT_NE(Find(table, daemon_->Pid()), nullptr);
+    }
+    stop = true;
+    builder.join();
 }
 
 TEST_F(TableTest, LeavesOutTheKernel) {
