@@ -26,7 +26,8 @@ using namespace kit;
 
 constexpr auto kShort = 6s;
 constexpr auto kDeadline = 3s;
-constexpr auto kSlack = 10s; // for a machine that is busy with other things
+constexpr auto kPatience = 60s; // where no call may fail
+constexpr auto kSlack = 10s;    // for a machine that is busy with other things
 constexpr size_t kCallers = 8;
 
 std::chrono::milliseconds PartOf(std::chrono::milliseconds time, int parts) {
@@ -59,13 +60,14 @@ struct Findings {
     uint64_t calls = 0, answered = 0;
     Clock::duration slowest{0};
 
-    void Add(const Mix::Call &call, const host::CallOutcome &outcome, bool allowed, Clock::duration took) {
+    void Add(const Mix::Call &call, const host::CallOutcome &outcome, bool allowed, Clock::duration took,
+             Clock::duration deadline) {
         const std::lock_guard lock(mutex);
         ++calls;
         ++byStatus[StatusOf(call, outcome)];
         answered += outcome.errCode == 0 ? 1 : 0;
         slowest = std::max(slowest, took);
-        if (!allowed || took > kDeadline + kSlack) {
+        if (!allowed || took > deadline + kSlack) {
             failures.try_emplace(
                 fmt::format("{} {}", call.Name(), StatusOf(call, outcome)),
                 fmt::format("{}, after {:.3f} s", Tell(call, outcome), std::chrono::duration<double>(took).count()));
@@ -78,23 +80,23 @@ protected:
     // Statuses beyond those that a call asks for.
     using Allowed = std::function<bool(uint32_t)>;
 
-    void StartCallers(const Allowed &allowed) {
+    void StartCallers(const Allowed &allowed, std::chrono::seconds deadline = kDeadline) {
         for (size_t i = 0; i < kCallers; ++i) {
-            callers_.emplace_back([this, allowed, i] {
+            callers_.emplace_back([this, allowed, deadline, i] {
                 host::Client client({.runDir = dir_.Path()});
                 Mix mix(scene_, i);
                 while (!stop_) {
-                    CallOnce(client, mix, allowed);
+                    CallOnce(client, mix, allowed, deadline);
                 }
             });
         }
     }
-    void CallOnce(host::Client &client, Mix &mix, const Allowed &allowed) {
+    void CallOnce(host::Client &client, Mix &mix, const Allowed &allowed, std::chrono::seconds deadline) {
         const Mix::Call call = mix.Next();
         const auto start = Clock::now();
-        const host::CallOutcome outcome = client.Call(call.WithDeadline(kDeadline));
+        const host::CallOutcome outcome = client.Call(call.WithDeadline(deadline));
         const uint32_t status = StatusOf(call, outcome);
-        findings_.Add(call, outcome, IsExpected(call, status) || allowed(status), Clock::now() - start);
+        findings_.Add(call, outcome, IsExpected(call, status) || allowed(status), Clock::now() - start, deadline);
         if (outcome.errCode != 0) {
             std::this_thread::sleep_for(2ms); // nobody is there: the processor is needed to come back
         }
@@ -216,7 +218,7 @@ TEST_F(Chaos, ProcessesAreKilledAtRandomMoments) {
 }
 
 TEST_F(Chaos, ConnectionsAreCutInMidFrame) {
-    StartCallers([](uint32_t) { return false; });
+    StartCallers([](uint32_t) { return false; }, kPatience);
     std::mt19937_64 random(2);
     Mix mix(scene_, 3);
     std::vector<host::UniqueFd> silent;
@@ -249,6 +251,9 @@ TEST_F(Chaos, ConnectionsAreCutInMidFrame) {
 }
 
 TEST_F(Chaos, NoDescriptorIsLeft) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
+#endif
     const rlimit before{1024, 1024}, tight{48, 1024};
     StartCallers([](uint32_t status) { return IsPeerFailure(status) || status == EMFILE || status == ENFILE; });
     for (const auto end = Clock::now() + PartOf(ProofTime(kShort), 3); Clock::now() < end;) {
