@@ -84,8 +84,7 @@ Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &proces
     const host::procfs::Task task = host::procfs::ReadThread(use.pid, use.tid);
     Tarn_sys_diag_ThreadCpu thread{};
     thread.uiTid = use.tid;
-    thread.usValue1 = static_cast<uint16_t>(
-        std::min<uint32_t>(Permille(use.usedNs, static_cast<uint64_t>(elapsed.count())), UINT16_MAX));
+    thread.usValue1 = static_cast<uint16_t>(ThreadPermille(use, elapsed));
     thread.ucValue2 = static_cast<uint8_t>(task.state);
     thread.ucValue3 = static_cast<uint8_t>(std::min<uint32_t>(task.lastCpu, UINT8_MAX));
     thread.ullValue4 = use.total.runNs / 1000;

@@ -50,7 +50,7 @@ std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const Proc
             OverloadThread thread;
             thread.tid = use.tid;
             thread.runNs = use.total.runNs;
-            thread.permille = Permille(use.usedNs, static_cast<uint64_t>(elapsed.count()));
+            thread.permille = ThreadPermille(use, elapsed);
             threads.push_back(std::move(thread));
         }
     }
@@ -254,7 +254,7 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
     const std::chrono::nanoseconds elapsed = latest->system.at - previous->system.at;
     std::vector<WatchedThread> threads;
     for (const ThreadUse &use : ThreadUses(previous->Find(process), process)) {
-        const uint32_t permille = Permille(use.usedNs, static_cast<uint64_t>(elapsed.count()));
+        const uint32_t permille = ThreadPermille(use, elapsed);
         const auto known = std::find_if(watched.threads.begin(), watched.threads.end(),
                                         [&](const WatchedThread &thread) { return thread.tid == use.tid; });
         const uint32_t highest = known == watched.threads.end() ? 0 : known->highest;

@@ -47,6 +47,11 @@ struct ThreadUse {
     uint64_t usedNs = 0;
 };
 
+// Of one CPU, and no more: each thread is read a little later than its sample says, on a busy machine much later.
+inline uint32_t ThreadPermille(const ThreadUse &use, std::chrono::nanoseconds elapsed) {
+    return std::min(Permille(use.usedNs, static_cast<uint64_t>(elapsed.count())), 1000U);
+}
+
 // The threads that `to` has; one that has started since has used all its time since. Empty where either sample could
 // not read the threads.
 inline std::vector<ThreadUse> ThreadUses(const ProcessSample *from, const ProcessSample &to) {
