@@ -1,6 +1,9 @@
 // Round trips to another process, of the host's runtime and of peers: how long a call takes, how many there are in a
 // second, and how much of the processors' time both sides take for one, which other load changes least. Each row is
-// measured several times, in turn with the others; the tables have the best of each figure.
+// measured several times, in turn with the others; the tables have the best of each figure. With one caller, caller and
+// server share a processor: they never run at the same time, and what waking another processor takes depends on how
+// soundly it slept, not on the system that is measured.
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -16,6 +19,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -42,6 +46,25 @@ double ReadClock(clockid_t clock) { // us
     clock_gettime(clock, &time);
     return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
 }
+
+// Keeps this thread, and the threads and processes that it starts, on the processor that it is on.
+class OneProcessor {
+public:
+    OneProcessor() {
+        cpu_set_t here;
+        CPU_ZERO(&here);
+        CPU_SET(static_cast<unsigned>(sched_getcpu()), &here);
+        if (sched_getaffinity(0, sizeof before_, &before_) != 0 || sched_setaffinity(0, sizeof here, &here) != 0) {
+            throw std::runtime_error("can't stay on one processor");
+        }
+    }
+    ~OneProcessor() { sched_setaffinity(0, sizeof before_, &before_); }
+    OneProcessor(const OneProcessor &) = delete;
+    OneProcessor &operator=(const OneProcessor &) = delete;
+
+private:
+    cpu_set_t before_;
+};
 
 // A server in a process of its own.
 class Server {
@@ -135,6 +158,10 @@ Calls CallUntil(bench::Caller &caller, Clock::time_point begin, Clock::time_poin
 }
 
 Figures Measure(const bench::System &system, size_t size, unsigned callers) {
+    std::optional<OneProcessor> one;
+    if (callers == 1) {
+        one.emplace();
+    }
     const Server server(system, size);
     std::vector<std::unique_ptr<bench::Caller>> connected;
     for (unsigned i = 0; i < callers; ++i) {
