@@ -211,11 +211,24 @@ static uint32_t Assert(int argc, const char *const *argv, TarnAgentOutput *outpu
     return 0;
 }
 
-static int Usage(FILE *file) {
-    fprintf(file, "usage: tarn-agent [--name NAME] [--run-dir DIR]\n"
-                  "  --name NAME     what the agent is called [example]\n"
-                  "  --run-dir DIR   directory of the sockets [$TARN_RUN_DIR, or /run/tarn]\n");
-    return file == stdout ? 0 : 2;
+#define DEFAULT_NAME "example"
+
+static int Usage(void) {
+    return printf("An application with a diagnosis agent in it, to try the agent with.\n"
+                  "Usage: tarn-agent [OPTIONS]\n\n"
+                  "Options:\n"
+                  "  --help          Print this help message and exit\n"
+                  "  --version       Print the version and exit\n"
+                  "  --name NAME     What the agent is called [" DEFAULT_NAME "]\n"
+                  "  --run-dir DIR   Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]\n") < 0;
+}
+
+static int Unexpected(const char *argument) {
+    if (argument != NULL) {
+        fprintf(stderr, "tarn-agent: found %s, expected an option\n", argument);
+    }
+    fprintf(stderr, "tarn-agent: tarn-agent --help says more\n");
+    return 2;
 }
 
 static int RegisterAll(void) {
@@ -274,8 +287,9 @@ int main(int argc, char **argv) {
     static const struct option options[] = {{"name", required_argument, NULL, 'n'},
                                             {"run-dir", required_argument, NULL, 'r'},
                                             {"help", no_argument, NULL, 'h'},
+                                            {"version", no_argument, NULL, 'v'},
                                             {NULL, 0, NULL, 0}};
-    const char *name = "example";
+    const char *name = DEFAULT_NAME;
     const char *runDir = NULL;
     for (int option; (option = getopt_long(argc, argv, "", options, NULL)) != -1;) {
         switch (option) {
@@ -286,10 +300,12 @@ int main(int argc, char **argv) {
             runDir = optarg;
             break;
         case 'h':
-            return Usage(stdout);
+            return Usage();
+        case 'v':
+            return puts("tarn-agent " TARN_VERSION) < 0;
         default:
-            return Usage(stderr);
+            return Unexpected(NULL); // getopt_long has said what it found
         }
     }
-    return optind == argc ? Serve(name, runDir) : Usage(stderr);
+    return optind == argc ? Serve(name, runDir) : Unexpected(argv[optind]);
 }

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <iostream>
 #include <map>
 #include <numeric>
 #include <span>
 
+#include "host/ctl/meaning.h"
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/describe/explain.h"
@@ -32,29 +34,56 @@ void RequireTarget(const Method &method, const CallOptions &options) {
     }
 }
 
-void PrintReply(const Method &method, std::span<const uint8_t> reply, bool json) {
+Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {
     const Type &type = *method.response;
     if (const auto refusal = Explain(type, reply, false).refusal) {
         throw Failure(kRefused,
                       fmt::format("{}: the reply is refused as {}: {}", method.name, type.name, refusal->text));
     }
-    const auto record = host::describe::Decode(type, reply);
+    auto record = host::describe::Decode(type, reply);
     if (!record) {
         throw Failure(kOther, fmt::format("{}: no memory to decode {} bytes", type.name, reply.size()));
     }
+    return std::move(*record);
+}
+
+// A call that went well may still bring a failure: the result in its reply.
+void RequireResult(const Method &method, const Record &reply) {
+    for (const Slot &slot : reply.GetType().slots) {
+        if (MeaningOf(reply.GetType(), slot).unit != Unit::kErrno) {
+            continue;
+        }
+        const auto *const member = static_cast<const uint8_t *>(reply.Data()) + slot.offset;
+        if (const uint64_t result = LoadScalar(member, slot.width); result != 0) {
+            throw Failure(kRemote, fmt::format("{}.{}: {} is {}", method.service, method.name, slot.name,
+                                               TextWithUnit(result, Unit::kErrno)));
+        }
+    }
+}
+
+void PrintReply(const Method &method, const Record &reply, bool json) {
     if (json) {
-        std::cout << ToJson(*record).dump(2) << "\n";
-    } else if (type.slots.empty()) {
+        std::cout << ToJson(reply).dump(2) << "\n";
+    } else if (reply.GetType().slots.empty()) {
         std::cout << method.name << ": done, the reply has no fields\n";
     } else {
-        PrintRecord(std::cout, *record, View::kMeaning);
+        PrintRecord(std::cout, reply, View::kMeaning);
     }
+}
+
+// What a call has brought; nothing where nothing comes back.
+std::optional<Record> ReplyOf(const Method &method, const host::CallOutcome &outcome, const CallOptions &options) {
+    if (!outcome.Ok()) {
+        throw FailureOf(method.service, method.name, outcome);
+    }
+    return method.response == nullptr || options.oneway ? std::nullopt
+                                                        : std::optional(DecodeReply(method, outcome.bytes));
 }
 
 // The calls of --repeat, as they ended.
 struct Series {
     std::vector<double> milliseconds; // of every call, in ascending order
-    double seconds = 0;               // of all together
+    double seconds = 0;               // of all together, without what tarnctl does between them
     std::map<std::string, uint32_t> failures;
     ExitCode code = kDone; // of the first failure
 
@@ -69,22 +98,36 @@ struct Series {
     }
 };
 
+volatile std::sig_atomic_t interrupted = 0;
+
+// The first SIGINT ends a series early, so that what was measured is not lost; the next one ends the program.
+void WatchInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+}
+
 template <class Send>
-Series Measure(const Method &method, uint32_t times, Send send) {
+Series Measure(const Method &method, const CallOptions &options, Send send) {
     using Clock = std::chrono::steady_clock;
     Series series;
-    const auto start = Clock::now();
-    for (uint32_t i = 0; i < times; ++i) {
+    WatchInterrupt();
+    for (uint32_t i = 0; i < options.repeat && interrupted == 0; ++i) {
         const auto sent = Clock::now();
         const host::CallOutcome outcome = send();
-        series.milliseconds.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
-        if (!outcome.Ok()) {
-            const Failure failure = FailureOf(method.service, method.name, outcome);
+        const std::chrono::duration<double> time = Clock::now() - sent;
+        series.milliseconds.push_back(time.count() * 1e3);
+        series.seconds += time.count();
+        try {
+            if (const auto reply = ReplyOf(method, outcome, options)) {
+                RequireResult(method, *reply);
+            }
+        } catch (const Failure &failure) {
             ++series.failures[failure.what()];
             series.code = series.code == kDone ? failure.Code() : series.code;
         }
     }
-    series.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::sort(series.milliseconds.begin(), series.milliseconds.end());
     return series;
 }
@@ -108,7 +151,7 @@ void PrintSeries(const Method &method, const Series &series, bool json) {
                              method.name, series.milliseconds.size(), series.Failed(), times / series.seconds,
                              series.Quantile(0.5), series.Quantile(0.99), series.Quantile(1));
     for (const auto &[text, count] : series.failures) {
-        std::cout << fmt::format("{:>8} x {}\n", count, text);
+        std::cout << fmt::format("{:>8} x {}\n", count, LineOfText(text));
     }
 }
 
@@ -120,24 +163,22 @@ void Call(const CallOptions &options) {
     const std::vector<uint8_t> request = options.raw.empty()
                                              ? host::describe::Encode(ReadRecord(*method.request, options.request))
                                              : ReadMessage(options.raw);
-    host::Client client;
+    host::Client client({.runDir = options.runDir});
     const host::CallRequest call{method.service, options.pid.value_or(0), method.name, method.request->hash,
                                  request,        options.deadline};
     const auto send = [&] { return options.oneway ? client.Oneway(call) : client.Call(call); };
     if (options.repeat != 0) {
-        const Series series = Measure(method, options.repeat, send);
+        const Series series = Measure(method, options, send);
         PrintSeries(method, series, options.json);
         if (series.code != kDone) {
-            throw Failure(series.code, fmt::format("{} of {} calls failed", series.Failed(), options.repeat));
+            throw Failure(series.code,
+                          fmt::format("{} of {} calls failed", series.Failed(), series.milliseconds.size()));
         }
         return;
     }
-    const host::CallOutcome outcome = send();
-    if (!outcome.Ok()) {
-        throw FailureOf(method.service, method.name, outcome);
-    }
-    if (method.response != nullptr && !options.oneway) {
-        PrintReply(method, outcome.bytes, options.json);
+    if (const auto reply = ReplyOf(method, send(), options)) {
+        PrintReply(method, *reply, options.json);
+        RequireResult(method, *reply);
     } else if (options.json) {
         std::cout << "null\n";
     } else {

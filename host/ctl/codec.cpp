@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <fstream>
 #include <iostream>
-#include <iterator>
+#include <memory>
 
 #include "host/ctl/commands.h"
 #include "host/ctl/print.h"
@@ -68,14 +68,17 @@ void WriteMessage(const std::vector<uint8_t> &message, const std::string &file) 
 } // namespace
 
 std::string ReadAll(const std::string &file) {
-    std::ifstream stream;
-    if (file != "-") {
-        stream.open(file, std::ios::binary);
+    const auto close = [](FILE *stream) { return stream == stdin ? 0 : fclose(stream); };
+    const std::unique_ptr<FILE, decltype(close)> in(file == "-" ? stdin : fopen(file.c_str(), "rb"), close);
+    std::string content;
+    char part[65536];
+    for (size_t size = 1; in != nullptr && size != 0;) {
+        size = fread(part, 1, sizeof part, in.get());
+        content.append(part, size);
     }
-    std::istream &in = file == "-" ? std::cin : stream;
-    std::string content{std::istreambuf_iterator<char>(in), {}};
-    if (file != "-" && (!stream.is_open() || stream.bad())) {
-        throw Failure(kOther, fmt::format("{}: cannot read: {}", file, strerror(errno)));
+    if (in == nullptr || ferror(in.get()) != 0) {
+        throw Failure(kOther,
+                      fmt::format("{}: cannot read: {}", file == "-" ? "standard input" : file, strerror(errno)));
     }
     return content;
 }

@@ -2,11 +2,13 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "host/describe/json.h"
+#include "host/runtime/limits.h"
 
 namespace ctl {
 
@@ -16,7 +18,7 @@ enum ExitCode {
     kUsage = 2,
     kConnection = 3,
     kDeadline = 4,
-    kRemote = 5,
+    kRemote = 5, // also a reply with a result other than 0
     kRefused = 6,
 };
 
@@ -29,24 +31,28 @@ private:
     ExitCode code_;
 };
 
+// In all options: the run directory, empty for the default one.
 struct CallOptions {
+    std::filesystem::path runDir;
     std::string method;
-    std::string request;                   // JSON, @FILE or -
-    std::string raw;                       // file of a message that is sent as it is instead; empty for none
-    std::optional<uint32_t> pid;           // whose agent
-    std::chrono::milliseconds deadline{0}; // 0 for the runtime's default
-    uint32_t repeat = 0;                   // times to call and to measure; 0: once, and print the reply
+    std::string request;         // JSON, @FILE or -
+    std::string raw;             // file of a message that is sent as it is instead; empty for none
+    std::optional<uint32_t> pid; // whose agent
+    std::chrono::milliseconds deadline = host::Limits().deadline;
+    uint32_t repeat = 0; // times to call and to measure; 0: once, and print the reply
     bool oneway = false;
     bool json = false;
 };
 
 struct StatsOptions {
+    std::filesystem::path runDir;
     std::string service;         // empty for the daemon's
     std::optional<uint32_t> pid; // whose agent instead
     bool json = false;
 };
 
 struct TopOptions {
+    std::filesystem::path runDir;
     uint32_t frames = 0; // 0: one, or on a terminal until the user ends it
     std::chrono::milliseconds delay{1000};
 };
@@ -68,7 +74,7 @@ struct EncodeOptions {
 void List(const std::string &service, bool json);
 void Describe(const std::string &name, bool json);
 void Call(const CallOptions &options);
-void ListServices(bool json);
+void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);
 void Top(const TopOptions &options);
 void Decode(const DecodeOptions &options);
@@ -77,6 +83,7 @@ void Encode(const EncodeOptions &options);
 // By name; what is unknown fails with the closest names.
 const host::describe::Type &RequireType(const std::string &name);
 const host::describe::Method &RequireMethod(const std::string &name);
+void RequireService(const std::string &name);
 
 std::string ReadAll(const std::string &file);
 

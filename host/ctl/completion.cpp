@@ -17,6 +17,10 @@ bool TakesValue(const CLI::Option &option) {
     return option.get_items_expected_max() > 0;
 }
 
+bool TakesValueOfAll(const CLI::Option *option) {
+    return TakesValue(*option);
+}
+
 // "--json" or "-o".
 Names Spellings(const CLI::Option &option) {
     Names names;
@@ -52,14 +56,23 @@ struct Command {
     }
 };
 
+// An app or one of its commands.
+Command CommandOf(const CLI::App &app) {
+    Command command{app.get_name(), app.get_description(), {}, {}};
+    for (const CLI::Option *option : app.get_options()) {
+        (option->get_positional() ? command.operands : command.options).push_back(option);
+    }
+    return command;
+}
+
+// With the options of the whole program that take a value, which may stand behind a command as well.
 std::vector<Command> CommandsOf(const CLI::App &app) {
     std::vector<Command> commands;
     for (const CLI::App *from : app.get_subcommands(nullptr)) {
-        Command command{from->get_name(), from->get_description(), {}, {}};
-        for (const CLI::Option *option : from->get_options()) {
-            (option->get_positional() ? command.operands : command.options).push_back(option);
+        commands.push_back(CommandOf(*from));
+        for (const CLI::Option *option : app.get_options(TakesValueOfAll)) {
+            commands.back().options.push_back(option);
         }
-        commands.push_back(std::move(command));
     }
     return commands;
 }
@@ -88,15 +101,27 @@ std::string Words() {
                        fmt::join(TypeNames(), " "));
 }
 
-constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' at=0 i
-    if ((COMP_CWORD == 1)); then
-        kind=COMMAND
-    elif [[ $valued == *" ${COMP_WORDS[COMP_CWORD - 1]} "* ]]; then
+// Where the command stands: behind options of the whole program. And where its agents are looked for.
+constexpr char kBashCommand[] = R"bash(    local at=1 i run_dir=''
+    while ((at < COMP_CWORD)) && [[ ${COMP_WORDS[at]} == -* ]]; do
+        [[ $valued != *" ${COMP_WORDS[at]} "* ]] || ((at++))
+        ((at++))
+    done
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        [[ ${COMP_WORDS[i]} != --run-dir ]] || run_dir=${COMP_WORDS[i + 1]}
+    done
+)bash";
+
+constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' command=$at
+    if [[ $valued == *" ${COMP_WORDS[COMP_CWORD - 1]} "* ]]; then
         kind=${COMP_WORDS[COMP_CWORD - 1]}
     elif [[ $word == -* ]]; then
         kind=OPTION
+    elif ((COMP_CWORD == command)); then
+        kind=COMMAND
     else
-        for ((i = 2; i < COMP_CWORD; i++)); do
+        at=0
+        for ((i = command + 1; i < COMP_CWORD; i++)); do
             if [[ $valued == *" ${COMP_WORDS[i]} "* ]]; then
                 ((i++))
             elif [[ ${COMP_WORDS[i]} != -* ]]; then
@@ -108,6 +133,7 @@ constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind
     case $kind in
     COMMAND | OPTION | SERVICE | METHOD | TYPE | NAME | SHELL_NAME) COMPREPLY=($(compgen -W "${!kind}" -- "$word")) ;;
     --pid) COMPREPLY=($(compgen -W "$(_tarnctl_pids)" -- "$word")) ;;
+    --run-dir) COMPREPLY=($(compgen -d -- "$word")) ;;
     FILE | -o | --raw) COMPREPLY=($(compgen -f -- "$word")) ;;
     JSON) [[ $word != @* ]] || COMPREPLY=($(compgen -P @ -f -- "${word#@}")) ;;
     esac
@@ -117,11 +143,11 @@ complete -F _tarnctl tarnctl
 
 // The processes with an agent.
 constexpr char kPids[] = R"bash(_tarnctl_pids() {
-    ls "${TARN_RUN_DIR:-/run/tarn}" 2>/dev/null | sed -n 's/^agent-\([0-9]*\)\.sock$/\1/p'
+    ls "${run_dir:-${TARN_RUN_DIR:-/run/tarn}}" 2>/dev/null | sed -n 's/^agent-\([0-9]*\)\.sock$/\1/p'
 }
 )bash";
 
-void WriteBash(const std::vector<Command> &commands) {
+void WriteBash(const Command &program, const std::vector<Command> &commands) {
     Names names;
     for (const Command &command : commands) {
         names.push_back(command.name);
@@ -129,8 +155,9 @@ void WriteBash(const std::vector<Command> &commands) {
     std::cout << "# bash completion of tarnctl, as \"tarnctl completion bash\" writes it\n"
               << kPids << "_tarnctl() {\n";
     std::cout << Words()
-              << fmt::format("    local COMMAND='{}' OPTION='' valued='' operands=()\n", fmt::join(names, " "));
-    std::cout << "    case ${COMP_WORDS[1]} in\n";
+              << fmt::format("    local COMMAND='{}' OPTION='{}' valued=' {} ' operands=()\n", fmt::join(names, " "),
+                             fmt::join(program.AllSpellings(false), " "), fmt::join(program.AllSpellings(true), " "))
+              << kBashCommand << "    case ${COMP_WORDS[at]} in\n";
     for (const Command &command : commands) {
         std::cout << fmt::format("    {}) OPTION='{}' valued=' {} ' operands=({}) ;;\n", command.name,
                                  fmt::join(command.AllSpellings(false), " "),
@@ -156,26 +183,37 @@ std::string ZshAction(const std::string &name) {
     if (name == "--raw" || name == "-o" || name == "FILE") {
         return "_files";
     }
+    if (name == "--run-dir") {
+        return "_files -/";
+    }
     return name.starts_with('-') || name == "JSON" ? " " : "($" + name + ")";
 }
 
-void WriteZsh(const std::vector<Command> &commands) {
+void WriteZshOptions(const Command &command) {
+    for (const CLI::Option *option : command.options) {
+        for (const std::string &name : Spellings(*option)) {
+            const std::string value = TakesValue(*option) ? fmt::format("\":value:{}\"", ZshAction(name)) : "";
+            std::cout << fmt::format(" \\\n            '{}[{}]'{}", name, Quoted(option->get_description()), value);
+        }
+    }
+}
+
+void WriteZsh(const Command &program, const std::vector<Command> &commands) {
     std::cout << "#compdef tarnctl\n# zsh completion of tarnctl, as \"tarnctl completion zsh\" writes it\n"
               << kPids << "_tarnctl() {\n"
               << Words() << "    local -a commands=(\n";
     for (const Command &command : commands) {
         std::cout << fmt::format("        '{}:{}'\n", command.name, Quoted(command.description));
     }
-    std::cout << "    )\n    if ((CURRENT == 2)); then\n        _describe command commands\n        return\n    fi\n"
-                 "    local command=$words[2]\n    shift words\n    ((CURRENT--))\n    case $command in\n";
+    std::cout << "    )\n    local run_dir=$words[$words[(i)--run-dir]+1] context state state_descr line\n"
+                 "    typeset -A opt_args\n    _arguments -C";
+    WriteZshOptions(program);
+    std::cout << " \\\n            ': :->command' '*:: :->argument' && return\n"
+                 "    if [[ $state == command ]]; then\n        _describe command commands\n        return\n    fi\n"
+                 "    case $words[1] in\n";
     for (const Command &command : commands) {
         std::cout << "    " << command.name << ")\n        _arguments";
-        for (const CLI::Option *option : command.options) {
-            for (const std::string &name : Spellings(*option)) {
-                const std::string value = TakesValue(*option) ? fmt::format("\":value:{}\"", ZshAction(name)) : "";
-                std::cout << fmt::format(" \\\n            '{}[{}]'{}", name, Quoted(option->get_description()), value);
-            }
-        }
+        WriteZshOptions(command);
         for (const std::string &name : command.OperandNames()) {
             std::cout << fmt::format(" \\\n            \":{}:{}\"", name, ZshAction(name));
         }
@@ -192,7 +230,7 @@ void WriteCompletion(const CLI::App &app, const std::string &shell) {
     if (shell != "bash" && shell != "zsh") {
         throw Failure(kUsage, fmt::format("found {}, expected a shell: bash, zsh", shell));
     }
-    shell == "bash" ? WriteBash(CommandsOf(app)) : WriteZsh(CommandsOf(app));
+    (shell == "bash" ? WriteBash : WriteZsh)(CommandOf(app), CommandsOf(app));
 }
 
 } // namespace ctl

@@ -123,9 +123,15 @@ const Method &RequireMethod(const std::string &name) {
     return *method;
 }
 
+void RequireService(const std::string &name) {
+    if (std::find(Services().begin(), Services().end(), name) == Services().end()) {
+        throw Failure(kUsage, fmt::format("{}: no such service{}", name, DidYouMean(name, Services())));
+    }
+}
+
 void List(const std::string &service, bool json) {
-    if (!service.empty() && std::find(Services().begin(), Services().end(), service) == Services().end()) {
-        throw Failure(kUsage, fmt::format("{}: no such service{}", service, DidYouMean(service, Services())));
+    if (!service.empty()) {
+        RequireService(service);
     }
     Json all = Json::array();
     for (const std::string_view name : Services()) {

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <new>
@@ -12,16 +11,22 @@
 
 namespace {
 
-constexpr char kFooter[] = R"(The services are looked for in $TARN_RUN_DIR, or /run/tarn.
-
-Exit codes:
+constexpr char kFooter[] = R"(Exit codes:
   0  done
   1  a file cannot be read or written, or no memory
   2  usage: bad arguments; unknown method, type or field; a value that does not fit
   3  connection: no such service or agent, nobody listens, the peer went away
   4  deadline: no answer in time
-  5  remote failure: the method's status, or not implemented, or the peer refused the message
+  5  remote failure: a status, or a result in the reply, other than 0; the peer refused the message
   6  the message is refused: it is no well-formed message of its type)";
+
+constexpr char kCommandFooter[] =
+    "Services are looked for in --run-dir DIR, also before the command, or as tarnctl --help says.";
+
+// As ParseTime takes it.
+std::string TimeText(std::chrono::milliseconds time) {
+    return time.count() % 1000 != 0 ? fmt::format("{}ms", time.count()) : fmt::format("{}s", time.count() / 1000);
+}
 
 // "500ms", "2s", "1m"; a bare number is of seconds.
 std::chrono::milliseconds ParseTime(const char *option, const std::string &text) {
@@ -40,7 +45,7 @@ std::chrono::milliseconds ParseTime(const char *option, const std::string &text)
 const CLI::Range kPid(1U, static_cast<unsigned>(INT32_MAX));
 
 struct Arguments {
-    std::string service, name, deadline, delay, shell;
+    std::string runDir, service, name, deadline, delay, shell;
     bool json = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
@@ -72,7 +77,8 @@ void AddCall(CLI::App &app, Arguments &arguments) {
         ->option_text("FILE")
         ->excludes(json);
     call->add_option("--pid", arguments.call.pid, "The process whose agent is called")->option_text("PID")->check(kPid);
-    call->add_option("--deadline", arguments.deadline, "How long to wait: 500ms, 2s, 1m; default 5s")
+    call->add_option("--deadline", arguments.deadline,
+                     "How long to wait: 500ms, 2s, 1m; default " + TimeText(arguments.call.deadline))
         ->option_text("TIME");
     call->add_flag("--oneway", arguments.call.oneway, "Send only: neither reply nor failure comes back");
     call->add_option("--repeat", arguments.call.repeat, "Call so many times, and print how long that took")
@@ -83,6 +89,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
         if (call->count("--deadline") != 0) {
             arguments.call.deadline = ParseTime("--deadline", arguments.deadline);
         }
+        arguments.call.runDir = arguments.runDir;
         ctl::Call(arguments.call);
     });
 }
@@ -90,7 +97,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
 void AddStatus(CLI::App &app, Arguments &arguments) {
     auto *const services = app.add_subcommand("services", "The servers of the run directory and how they are");
     services->add_flag("--json", arguments.json, "For programs");
-    services->callback([&] { ctl::ListServices(arguments.json); });
+    services->callback([&] { ctl::ListServices(arguments.runDir, arguments.json); });
 
     auto *const stats = app.add_subcommand("stats", "What a server's methods cost, its limits and what it refused");
     auto *const service =
@@ -100,16 +107,21 @@ void AddStatus(CLI::App &app, Arguments &arguments) {
         ->check(kPid)
         ->excludes(service);
     stats->add_flag("--json", arguments.stats.json, "For programs");
-    stats->callback([&] { ctl::Stats(arguments.stats); });
+    stats->callback([&] {
+        arguments.stats.runDir = arguments.runDir;
+        ctl::Stats(arguments.stats);
+    });
 
     auto *const top = app.add_subcommand("top", "The busiest processes and threads, again and again; q ends it");
     top->add_option("-n", arguments.top.frames, "How often; default until q, or once when not on a terminal")
         ->option_text("N");
-    top->add_option("-d", arguments.delay, "Time between: 500ms, 2s, 1m; default 1s")->option_text("TIME");
+    top->add_option("-d", arguments.delay, "Time between: 500ms, 2s, 1m; default " + TimeText(arguments.top.delay))
+        ->option_text("TIME");
     top->callback([&, top] {
         if (top->count("-d") != 0) {
             arguments.top.delay = ParseTime("-d", arguments.delay);
         }
+        arguments.top.runDir = arguments.runDir;
         ctl::Top(arguments.top);
     });
 }
@@ -140,50 +152,62 @@ void AddCompletion(CLI::App &app, Arguments &arguments) {
     completion->callback([&] { ctl::WriteCompletion(app, arguments.shell); });
 }
 
-// The parser itself would only say that a command is missing.
-void RequireCommand(const CLI::App &app, int argc, char **argv) {
-    const std::string given = argc > 1 ? argv[1] : "";
-    std::string names;
-    for (const CLI::App *command : app.get_subcommands(nullptr)) {
-        if (command->get_name() == given) {
-            return;
-        }
-        names += (names.empty() ? "" : ", ") + command->get_name();
-    }
-    if (given.empty() || given[0] != '-') {
-        throw ctl::Failure(ctl::kUsage,
-                           fmt::format("found {}, expected a command: {}", given.empty() ? "nothing" : given, names));
-    }
+int Fail(int code, const std::string &text) {
+    std::cout.flush();
+    std::cerr << "tarnctl: " << host::describe::LineOfText(text) << "\n";
+    return code;
 }
 
-int Fail(int code, std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    std::cout.flush();
-    std::cerr << "tarnctl: " << text << "\n";
-    return code;
+void AddGlobal(CLI::App &app, Arguments &arguments) {
+    app.require_subcommand(1);
+    app.fallthrough(); // the options of all commands may stand behind the command as well
+    app.set_version_flag("--version", "tarnctl " TARN_VERSION, "Print the version and exit");
+    app.add_option("--run-dir", arguments.runDir,
+                   "Directory of the services' sockets; default $TARN_RUN_DIR, or /run/tarn")
+        ->type_name("DIR")
+        ->check([](const std::string &text) { return text.empty() ? "found nothing, expected a directory" : ""; });
+}
+
+// The parser itself would only say that a command is missing.
+std::string MissingCommand(const CLI::App &app) {
+    std::vector<std::string> names;
+    for (const CLI::App *command : app.get_subcommands(nullptr)) {
+        names.push_back(command->get_name());
+    }
+    const std::vector<std::string> rest = app.remaining();
+    return fmt::format("found {}, expected a command: {}", rest.empty() ? "nothing" : rest.front(),
+                       fmt::join(names, ", "));
+}
+
+int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
+    const auto commands = app.get_subcommands();
+    if (commands.empty() && dynamic_cast<const CLI::RequiredError *>(&error) != nullptr) {
+        return Fail(ctl::kUsage, MissingCommand(app));
+    }
+    const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
+    return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", error.what(), command));
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
     CLI::App app("Looks at the diagnosis services: their interface, their messages, their answers.", "tarnctl");
-    app.require_subcommand(1);
     Arguments arguments;
+    AddGlobal(app, arguments);
     AddList(app, arguments);
+    app.footer(kCommandFooter); // commands made after it repeat it
     AddCall(app, arguments);
     AddStatus(app, arguments);
+    app.footer("");
     AddCodec(app, arguments);
     AddCompletion(app, arguments);
-    app.footer(kFooter); // commands made before it don't repeat it
+    app.footer(kFooter);
     try {
-        RequireCommand(app, argc, argv);
         app.parse(argc, argv);
-    } catch (const CLI::Success &request) { // --help
+    } catch (const CLI::Success &request) { // --help, --version
         return app.exit(request);
     } catch (const CLI::ParseError &error) {
-        const auto commands = app.get_subcommands();
-        const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
-        return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", error.what(), command));
+        return FailToParse(app, error);
     } catch (const ctl::Failure &failure) {
         return Fail(failure.Code(), failure.what());
     } catch (const std::bad_alloc &) {

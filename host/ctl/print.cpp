@@ -67,8 +67,16 @@ std::string OneLine(const Json &value) {
     return plain ? text : value.dump();
 }
 
-bool HasLines(const Json &value) {
-    return value.is_string() && value.get_ref<const std::string &>().find('\n') != std::string::npos;
+// An array of characters, not of bytes.
+bool IsName(const Slot &slot) {
+    const std::string_view name = slot.name;
+    return slot.kind == Kind::kBytes && (name.starts_with("ac") || name.starts_with("sz"));
+}
+
+// Names may hold line ends as well, but stay in their line.
+bool HasLines(const Slot &slot, const Json &value) {
+    return slot.kind != Kind::kBytes && value.is_string() &&
+           value.get_ref<const std::string &>().find('\n') != std::string::npos;
 }
 
 void PrintLines(std::ostream &out, const std::string &text, size_t indent) {
@@ -112,6 +120,9 @@ std::string Printer::TextOf(const Type &type, const Slot &slot, const Json &valu
     if (IsTime(slot.table)) {
         return TimeText(value);
     }
+    if (value.is_object() && IsName(slot)) {
+        return NameText(value);
+    }
     const Unit unit = MeaningOf(type, slot).unit;
     if (unit != Unit::kNone && value.is_number_unsigned()) {
         return TextWithUnit(value.get<uint64_t>(), unit);
@@ -134,7 +145,7 @@ std::string Printer::TextOf(const Type &type, const Slot &slot, const Json &valu
 bool Printer::FitsRows(const Type &type, const Json &array) const {
     return std::all_of(type.slots.begin(), type.slots.end(), [&](const Slot &slot) {
         return IsFlat(slot) && (view_ == View::kWire || std::none_of(array.begin(), array.end(), [&](const Json &one) {
-                                    return HasLines(one[slot.name]);
+                                    return HasLines(slot, one[slot.name]);
                                 }));
     });
 }
@@ -164,13 +175,13 @@ void Printer::Elements(const Type &type, const Json &array, size_t indent) const
     for (const Slot &slot : type.slots) {
         head.push_back(NameOf(type, slot));
     }
-    columns.Add(std::move(head));
+    columns.Add(head);
     for (const Json &element : array) {
         std::vector<std::string> row;
         for (const Slot &slot : type.slots) {
             row.push_back(TextOf(type, slot, element[slot.name]));
         }
-        columns.Add(std::move(row));
+        columns.Add(row);
     }
     columns.Print(out_, indent);
 }
@@ -186,7 +197,7 @@ void Printer::Table(const Type &type, const Json &json, size_t indent) const {
         const std::string name = std::string(indent, ' ') + title;
         const std::string padding(width - title.size() + 2, ' ');
         if (IsFlat(slot)) {
-            if (HasLines(value)) {
+            if (HasLines(slot, value)) {
                 out_ << name << "\n";
                 PrintLines(out_, value.get_ref<const std::string &>(), indent + 2);
             } else {
@@ -207,6 +218,22 @@ void Printer::Table(const Type &type, const Json &json, size_t indent) const {
 
 } // namespace
 
+std::string NameText(const Json &name) {
+    if (name.is_string()) {
+        return host::describe::LineOfText(name.get_ref<const std::string &>());
+    }
+    const auto bytes = host::describe::FromHex(name["hex"].get_ref<const std::string &>());
+    const std::string text(bytes->begin(), bytes->end());
+    return host::describe::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
+}
+
+void Columns::Add(const std::vector<std::string> &row) {
+    auto &added = rows_.emplace_back();
+    for (const std::string &text : row) {
+        added.push_back(host::describe::LineOfText(text));
+    }
+}
+
 void Columns::Print(std::ostream &out, size_t indent) const {
     std::vector<size_t> widths;
     for (const auto &row : rows_) {
@@ -215,11 +242,13 @@ void Columns::Print(std::ostream &out, size_t indent) const {
             widths[i] = std::max(widths[i], Width(row[i]));
         }
     }
-    for (const auto &row : rows_) {
+    for (size_t at = 0; at < rows_.size(); ++at) {
+        const auto &row = rows_[at];
         std::string line(indent, ' ');
         for (size_t i = 0; i < row.size(); ++i) {
             const std::string padding(widths[i] - Width(row[i]), ' ');
-            line += (i == 0 ? "" : "  ") + (IsQuantity(row[i]) ? padding + row[i] : row[i] + padding);
+            const bool head = at == 0 && rows_.size() > 1 && i < rows_[1].size() && IsQuantity(rows_[1][i]);
+            line += (i == 0 ? "" : "  ") + (head || IsQuantity(row[i]) ? padding + row[i] : row[i] + padding);
         }
         line.erase(line.find_last_not_of(' ') + 1);
         out << line << "\n";

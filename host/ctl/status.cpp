@@ -40,8 +40,7 @@ std::optional<Socket> SocketOf(const std::filesystem::path &file) {
     return error == std::errc() && *end == '\0' ? std::optional(Socket{std::string(kAgentService), pid}) : std::nullopt;
 }
 
-std::vector<Socket> FindSockets() {
-    const std::filesystem::path runDir = host::Directory().RunDir();
+std::vector<Socket> FindSockets(const std::filesystem::path &runDir) {
     std::vector<Socket> sockets;
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator(runDir, error)) {
@@ -60,7 +59,7 @@ std::vector<Socket> FindSockets() {
 
 void PrintHealth(const host::ServerHealth &health) {
     std::cout << fmt::format("process {}, {} for {}, {} of {} workers busy, connections {}, requests under way {}\n",
-                             PidText(health.pid), health.state, DurationText(health.uptime), health.busy,
+                             PidText(health.pid), LineOfText(health.state), DurationText(health.uptime), health.busy,
                              health.workers, health.connections, health.requests);
 }
 
@@ -86,7 +85,8 @@ void PrintMethods(const host::ServiceStatus &service) {
                          DurationText(method.max)});
         }
     }
-    std::cout << fmt::format("\n{}: {} of {} methods called\n", service.name, called, service.methods.size());
+    std::cout << fmt::format("\n{}: {} of {} methods called\n", LineOfText(service.name), called,
+                             service.methods.size());
     if (called != 0) {
         columns.Print(std::cout, 2);
     }
@@ -94,12 +94,13 @@ void PrintMethods(const host::ServiceStatus &service) {
 
 } // namespace
 
-void ListServices(bool json) {
-    host::Client client;
+void ListServices(const std::filesystem::path &given, bool json) {
+    const std::filesystem::path runDir = host::Directory(given).RunDir();
+    host::Client client({.runDir = runDir});
     Columns columns;
     columns.Add({"service", "process", "state", "uptime", "workers", "busy", "connections", "requests"});
     Json all = Json::array();
-    const std::vector<Socket> sockets = FindSockets();
+    const std::vector<Socket> sockets = FindSockets(runDir);
     for (const Socket &socket : sockets) {
         host::ServerHealth health;
         const host::CallOutcome outcome = AskHealth(client, socket.service, socket.pid, health);
@@ -118,17 +119,20 @@ void ListServices(bool json) {
     if (json) {
         std::cout << all.dump(2) << "\n";
     } else if (sockets.empty()) {
-        std::cout << "no services in " << host::Directory().RunDir().string() << "\n";
+        std::cout << "no services in " << runDir.string() << "\n";
     } else {
         columns.Print(std::cout, 0);
     }
 }
 
 void Stats(const StatsOptions &options) {
+    if (!options.service.empty()) {
+        RequireService(options.service);
+    }
     const std::string service = options.pid               ? std::string(kAgentService)
                                 : options.service.empty() ? "TarnSysdiagTarnd"
                                                           : options.service;
-    host::Client client;
+    host::Client client({.runDir = options.runDir});
     host::ServerStatus status;
     const host::CallOutcome outcome = AskStatus(client, service, options.pid.value_or(0), status);
     if (!outcome.Ok()) {

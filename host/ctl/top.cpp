@@ -6,9 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <sstream>
+#include <thread>
 
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
@@ -28,19 +32,24 @@ class Terminal {
 public:
     Terminal() {
         tcgetattr(STDIN_FILENO, &before_);
-        termios raw = before_;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        Enter();
         std::signal(SIGINT, Interrupt);
         std::signal(SIGTERM, Interrupt);
-        std::cout << "\033[?1049h\033[?25l"; // another screen, without a cursor
+        std::signal(SIGTSTP, Suspend);
     }
     ~Terminal() {
-        std::cout << "\033[?25h\033[?1049l" << std::flush;
-        tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+        std::signal(SIGTSTP, SIG_DFL);
+        std::cout << std::flush;
+        Leave();
     }
     Terminal(const Terminal &) = delete;
     Terminal &operator=(const Terminal &) = delete;
+
+    static bool IsThere() {
+        const char *const kind = getenv("TERM");
+        return isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0 && kind != nullptr && *kind != 0 &&
+               strcmp(kind, "dumb") != 0;
+    }
 
     static winsize Size() {
         winsize size{24, 80, 0, 0};
@@ -59,9 +68,34 @@ public:
     }
 
 private:
+    // Also of a signal's handler: they make system calls only.
+    static void Enter() {
+        termios raw = before_;
+        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+        Write("\033[?1049h\033[?25l"); // another screen, without a cursor
+    }
+    static void Leave() {
+        Write("\033[?25h\033[?1049l");
+        tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+    }
+    static void Write(std::string_view sequence) {
+        if (write(STDOUT_FILENO, sequence.data(), sequence.size()) < 0) {
+            interrupted_ = 1; // the terminal is gone
+        }
+    }
+
     static void Interrupt(int) { interrupted_ = 1; }
+    static void Suspend(int) {
+        const int error = errno;
+        Leave();
+        raise(SIGSTOP);
+        Enter();
+        errno = error;
+    }
+
     static inline volatile std::sig_atomic_t interrupted_ = 0;
-    termios before_{};
+    static inline termios before_{};
 };
 
 Json Ask(host::Client &client, const char *name, const Json &request = Json::object()) {
@@ -83,8 +117,7 @@ uint64_t Number(const Json &record, const char *member) {
 }
 
 std::string Text(const Json &record, const char *member) {
-    const Json &value = record[member];
-    return value.is_string() ? value.get<std::string>() : "?"; // bytes that are no text
+    return NameText(record[member]);
 }
 
 void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
@@ -106,14 +139,14 @@ void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
         return Number(left, "uiValue1") > Number(right, "uiValue1");
     });
     Columns columns;
-    columns.Add({"PROCESS", "CPU", "HIGHEST", "CPU TIME", "RESIDENT", "THREADS", "STATE", "USER", "NAME"});
+    columns.Add({"PROCESS", "CPU", "NAME", "HIGHEST", "CPU TIME", "RESIDENT", "THREADS", "STATE", "USER"});
     for (size_t i = 0; i < std::min(rows, processes.size()); ++i) {
         const Json &process = processes[i];
         const std::chrono::milliseconds time(Number(process, "uiValue3") + Number(process, "uiValue4"));
         columns.Add({std::to_string(Number(process, "uiPid")), PermilleText(Number(process, "uiValue1")),
-                     PermilleText(Number(process, "uiValue2")), DurationText(time),
+                     Text(process, "acName"), PermilleText(Number(process, "uiValue2")), DurationText(time),
                      SizeText(Number(process, "uiValue14") * 1024), std::to_string(Number(process, "uiValue7")),
-                     Text(process, "acValue5"), Text(process, "acValue10"), Text(process, "acName")});
+                     Text(process, "acValue5"), Text(process, "acValue10")});
     }
     out << fmt::format("\n{} processes\n", processes.size());
     columns.Print(out, 0);
@@ -121,12 +154,13 @@ void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
 
 void PrintThreads(std::ostream &out, const Json &threads) {
     Columns columns;
-    columns.Add({"THREAD", "CPU", "ON", "CPU TIME", "NAME", "OF PROCESS"});
+    columns.Add({"THREAD", "CPU", "NAME", "OF PROCESS", "ON", "CPU TIME"});
     for (const Json &thread : threads) {
         const std::chrono::microseconds time(Number(thread, "ullValue4"));
         columns.Add({std::to_string(Number(thread, "uiTid")), PermilleText(Number(thread, "usValue1")),
-                     std::to_string(Number(thread, "ucValue3")), DurationText(time), Text(thread, "acName"),
-                     fmt::format("{} ({})", Number(thread, "uiValue6"), Text(thread, "acValue7"))});
+                     Text(thread, "acName"),
+                     fmt::format("{} ({})", Number(thread, "uiValue6"), Text(thread, "acValue7")),
+                     std::to_string(Number(thread, "ucValue3")), DurationText(time)});
     }
     out << "\nbusiest threads\n";
     columns.Print(out, 0);
@@ -141,12 +175,24 @@ std::string Frame(host::Client &client, size_t rows) {
     return out.str();
 }
 
+// As much of a line as so many columns show.
+std::string_view Cut(std::string_view line, size_t columns) {
+    size_t end = 0;
+    for (size_t used = 0; end < line.size(); ++end) {
+        const bool first = (static_cast<uint8_t>(line[end]) & 0xC0) != 0x80; // of a character
+        if (first && ++used > columns) {
+            break;
+        }
+    }
+    return line.substr(0, end);
+}
+
 // Cut to the screen, each line cleared behind its end, so that nothing flickers.
 void Show(const std::string &frame, const winsize &size) {
     std::istringstream in(frame);
     std::string screen = "\033[H", line;
     for (unsigned row = 1; row < size.ws_row && std::getline(in, line); ++row) {
-        screen += line.substr(0, size.ws_col) + "\033[K\n";
+        screen.append(Cut(line, size.ws_col)).append("\033[K\n");
     }
     std::cout << screen << "\033[J"
               << "q ends" << std::flush;
@@ -155,18 +201,18 @@ void Show(const std::string &frame, const winsize &size) {
 } // namespace
 
 void Top(const TopOptions &options) {
-    host::Client client;
-    if (isatty(STDOUT_FILENO) == 0 || isatty(STDIN_FILENO) == 0) {
+    host::Client client({.runDir = options.runDir});
+    if (!Terminal::IsThere()) {
         const uint32_t frames = options.frames == 0 ? 1 : options.frames;
         for (uint32_t i = 0; i < frames; ++i) {
             if (i != 0) {
-                usleep(static_cast<useconds_t>(options.delay.count()) * 1000);
+                std::this_thread::sleep_for(options.delay);
             }
             std::cout << (i == 0 ? "" : "\n") << Frame(client, kBatchRows) << std::flush;
         }
         return;
     }
-    const std::string first = Frame(client, kBatchRows); // fails before the screen is taken
+    static_cast<void>(Frame(client, 1)); // fails before the screen is taken
     const Terminal terminal;
     for (uint32_t i = 0; options.frames == 0 || i < options.frames; ++i) {
         const winsize size = Terminal::Size();

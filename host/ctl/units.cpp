@@ -51,7 +51,7 @@ std::string PidText(uint64_t pid) {
     std::ifstream file(fmt::format("/proc/{}/comm", pid));
     std::string name;
     std::getline(file, name);
-    return name.empty() || !host::describe::IsText(name) ? std::to_string(pid) : fmt::format("{} ({})", pid, name);
+    return name.empty() ? std::to_string(pid) : fmt::format("{} ({})", pid, host::describe::LineOfText(name));
 }
 
 } // namespace ctl

@@ -48,7 +48,9 @@ struct Options {
 
 void Declare(CLI::App &app, Options &options) {
     host::Declare(app, options.serve);
-    app.add_option("--log-dir", options.logDir, "Directory that archives are made of and in [/var/log/tarn]")
+    using host::WithDefault;
+    app.add_option("--log-dir", options.logDir,
+                   WithDefault("Directory that archives are made of and in", options.logDir))
         ->option_text("DIR");
     app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
         ->option_text("NAME=DIR ...")
@@ -58,18 +60,20 @@ void Declare(CLI::App &app, Options &options) {
                        : "";
         });
     app.add_option("--sample-interval", options.sampleIntervalMs,
-                   "Milliseconds between two samples of the system and its processes, 10 to 60000 [1000]")
+                   WithDefault("Milliseconds between two samples of the system and its processes, 10 to 60000",
+                               options.sampleIntervalMs))
         ->check(CLI::Range(10U, 60000U))
         ->option_text("MS");
     app.add_option("--measure-rate", options.measureRateMb,
-                   "Megabytes that a measurement reads in a second; 0: no limit [100]")
+                   WithDefault("Megabytes that a measurement reads in a second; 0: no limit", options.measureRateMb))
         ->option_text("MB");
     app.add_flag("--apply-clock", options.applyClock,
                  "Set the system's clock and time zone, not only the daemon's own");
     app.add_option("--zone-link", options.zoneLink,
-                   "With --apply-clock: the link that names the system's time zone [/etc/localtime]")
+                   WithDefault("With --apply-clock: the link that names the system's time zone", options.zoneLink))
         ->option_text("FILE");
-    app.add_option("--workers", options.workers, "Requests that are worked on at the same time, 1 to 256 [16]")
+    app.add_option("--workers", options.workers,
+                   WithDefault("Requests that are worked on at the same time, 1 to 256", options.workers))
         ->check(CLI::Range(1U, 256U))
         ->option_text("N");
     app.add_flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
@@ -162,7 +166,9 @@ int main(int argc, char **argv) {
     Options options;
     CLI::App app{"The diagnosis daemon.", "tarnd"};
     Declare(app, options);
-    CLI11_PARSE(app, argc, argv);
+    if (const std::optional<int> code = host::Parse(app, argc, argv)) {
+        return *code;
+    }
     host::Log().set_level(options.serve.logLevel);
     try {
         tarnd::TheSettings().runDirectory = host::Directory(options.serve.runDir).RunDir();

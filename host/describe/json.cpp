@@ -291,6 +291,17 @@ CodePoint FirstCodePoint(std::string_view text) {
     return {value, value < kLeast[length] || value > 0x10FFFF || surrogate ? 0 : length};
 }
 
+bool IsBlank(uint32_t character) {
+    return character == '\t' || character == '\n' || character == '\r';
+}
+
+// How many bytes the first character takes; 0 when it is no text.
+size_t FirstOfText(std::string_view bytes) {
+    const CodePoint point = FirstCodePoint(bytes);
+    const bool control = (point.value < 0x20 && !IsBlank(point.value)) || (point.value >= 0x7F && point.value < 0xA0);
+    return control ? 0 : point.length;
+}
+
 } // namespace
 
 Json ParseJson(std::string_view text) {
@@ -356,16 +367,23 @@ std::optional<std::vector<uint8_t>> FromHex(std::string_view text) {
 
 bool IsText(std::string_view bytes) {
     while (!bytes.empty()) {
-        const CodePoint point = FirstCodePoint(bytes);
-        const bool control =
-            (point.value < 0x20 && point.value != '\t' && point.value != '\n' && point.value != '\r') ||
-            (point.value >= 0x7F && point.value < 0xA0);
-        if (point.length == 0 || control) {
+        const size_t length = FirstOfText(bytes);
+        if (length == 0) {
             return false;
         }
-        bytes.remove_prefix(point.length);
+        bytes.remove_prefix(length);
     }
     return true;
+}
+
+std::string LineOfText(std::string_view bytes) {
+    std::string line;
+    while (!bytes.empty()) {
+        const size_t length = FirstOfText(bytes);
+        line += length == 0 ? "?" : IsBlank(bytes[0]) ? " " : bytes.substr(0, length);
+        bytes.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return line;
 }
 
 } // namespace host::describe

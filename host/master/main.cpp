@@ -46,7 +46,9 @@ int main(int argc, char **argv) {
     Options options;
     CLI::App app{"The diagnosis master.", "tarn-master"};
     Declare(app, options);
-    CLI11_PARSE(app, argc, argv);
+    if (const std::optional<int> code = host::Parse(app, argc, argv)) {
+        return *code;
+    }
     host::Log().set_level(options.serve.logLevel);
     try {
         const host::ServerOptions server = host::ServerOptionsOf(options.serve);

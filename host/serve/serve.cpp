@@ -1,6 +1,7 @@
 #include "host/serve/serve.h"
 
 #include <cstdlib>
+#include <iostream>
 #include <map>
 
 namespace host {
@@ -20,9 +21,23 @@ void Declare(CLI::App &app, ServeOptions &options) {
         ->allow_extra_args(false);
     app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]")
         ->option_text("FILE");
-    app.add_option("--log-level", options.logLevel, "debug, info, warning or error [info]")
+    app.add_option("--log-level", options.logLevel,
+                   WithDefault("debug, info, warning or error", spdlog::level::to_string_view(options.logLevel)))
         ->transform(CLI::CheckedTransformer(kLevels))
         ->option_text("LEVEL");
+}
+
+std::optional<int> Parse(CLI::App &app, int argc, char **argv) {
+    app.set_version_flag("--version", app.get_name() + " " TARN_VERSION, "Print the version and exit");
+    try {
+        app.parse(argc, argv);
+        return {};
+    } catch (const CLI::Success &request) {
+        return app.exit(request);
+    } catch (const CLI::ParseError &error) {
+        std::cerr << fmt::format("{0}: {1} ({0} --help says more)\n", app.get_name(), error.what());
+        return kBadUsage;
+    }
 }
 
 ServerOptions ServerOptionsOf(const ServeOptions &options) {

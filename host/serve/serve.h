@@ -3,10 +3,12 @@
 
 #include <csignal>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "host/osal/log.h"
 #include "host/runtime/server.h"
@@ -22,6 +24,17 @@ struct ServeOptions {
 };
 
 void Declare(CLI::App &app, ServeOptions &options);
+
+// "Description [value]": what an option's help says of a default is the option's own value.
+template <class Value>
+std::string WithDefault(const std::string &description, const Value &value) {
+    return fmt::format("{} [{}]", description, value);
+}
+
+// Nothing when the program shall run, else the exit code: 0 after --help and --version, kBadUsage for bad arguments.
+std::optional<int> Parse(CLI::App &app, int argc, char **argv);
+
+constexpr int kBadUsage = 2;
 
 // Throws what is wrong with the limits or the policy.
 ServerOptions ServerOptionsOf(const ServeOptions &options);

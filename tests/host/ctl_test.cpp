@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "host/ctl/meaning.h"
 #include "host/describe/json.h"
@@ -33,7 +36,8 @@ protected:
     // Runs tarnctl with arguments as a shell takes them. No service is there to be called.
     int Run(const std::string &arguments, const std::string &input = "") {
         std::ofstream(dir_ / "in", std::ios::binary) << input;
-        const std::string command = "cd " + dir_.string() + " && TARN_RUN_DIR=" + dir_.string() + " " + TARNCTL + " " +
+        const std::string command = "cd " + dir_.string() +
+                                    " && echo $$ >pid && exec env TARN_RUN_DIR=" + dir_.string() + " " + TARNCTL + " " +
                                     arguments + " <in >out 2>err";
         const int status = std::system(command.c_str());
         out_ = Slurp(dir_ / "out");
@@ -162,6 +166,11 @@ TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
                   "Result: uiResult: found -1, expected a whole number from 0 to 4294967295");
     ExpectFailure(1, "decode Result nothing", "nothing: cannot read: No such file or directory");
     ExpectFailure(1, "encode Result '{}' -o /nowhere/file", "/nowhere/file: cannot write: No such file or directory");
+    ExpectFailure(2, "--nonsense", std::string("found --nonsense, expected a command: ") + kCommands);
+    ExpectFailure(2, "stats TarnSysdiagMastr", "TarnSysdiagMastr: no such service; did you mean TarnSysdiagMaster?");
+    ExpectFailure(1, "encode Result @/", "/: cannot read: Is a directory");
+    ExpectFailure(2, "describe \"$(printf '\\033[1m\\n\\302\\233')\"",
+                  "?[1m ??: no such method or type; tarnctl list shows all");
     EXPECT_EQ(Run("decode Result"), 2);
     EXPECT_EQ(Run("list --nonsense"), 2);
     EXPECT_NE(error_.find("(tarnctl list --help says more)"), std::string::npos) << error_;
@@ -198,6 +207,12 @@ TEST_F(Ctl, BashCompletesFromTheDescriptions) {
     EXPECT_EQ(offer("list TarnSysdiagM"), "TarnSysdiagMaster\n");
     EXPECT_EQ(offer("call --one"), "--oneway\n");
     EXPECT_EQ(offer("completion z"), "zsh\n");
+    EXPECT_EQ(offer("--run-dir . decode DstWe"), "DstWeek\n");
+    EXPECT_EQ(offer("call --run-d"), "--run-dir\n");
+    std::filesystem::create_directory(dir_ / "other");
+    std::ofstream(dir_ / "other" / "agent-12.sock");
+    EXPECT_EQ(offer("--run-dir oth"), "other\n");
+    EXPECT_EQ(offer("--run-dir other call --pid ''"), "12\n");
     EXPECT_EQ(offer("nonsense "), "\n");
 }
 
@@ -264,8 +279,20 @@ uint32_t NeverAnswer(void *request, void *, IdlServerCodecTable *codec) {
     return Take("SetTimezone", request, codec, FindType("Result")->codec->pack, record) ? 0 : 12;
 }
 
+std::atomic<uint32_t> onlineCalls;
+
 uint32_t Online(void *request, void *replyCtx, IdlServerCodecTable *codec) {
+    ++onlineCalls;
     return Answer("PidIsOnline", request, replyCtx, codec, FindType("PidIsOnlineOuput")->codec->pack);
+}
+
+uint32_t Fail(void *request, void *replyCtx, IdlServerCodecTable *codec) {
+    Record record(*FindMethod("SetDst")->request);
+    if (!Take("SetDst", request, codec, FindType("Result")->codec->pack, record)) {
+        return 12;
+    }
+    Record response = FromJson(*FindType("Result"), {{"uiResult", 22}});
+    return TarnHost_Reply(replyCtx, response.Data());
 }
 
 uint32_t Garble(const VeltoOutBuf *out, const void *) {
@@ -297,9 +324,13 @@ protected:
         server_.Start();
     }
 
-    IdlInterfaceEntry entries_[6] = {{0xFFFFFFFF, nullptr, 0, 0, ""},        {0, Online, 0, 0, "PidIsOnline"},
-                                     {0, Garbled, 0, 0, "GetHugePagesInfo"}, {0, Return<38>, 0, 0, "GetProcStatByPid"},
-                                     {0, Return<5>, 0, 0, "GetTaskInfo"},    {0, NeverAnswer, 0, 0, "SetTimezone"}};
+    IdlInterfaceEntry entries_[7] = {{0xFFFFFFFF, nullptr, 0, 0, ""},
+                                     {0, Online, 0, 0, "PidIsOnline"},
+                                     {0, Garbled, 0, 0, "GetHugePagesInfo"},
+                                     {0, Return<38>, 0, 0, "GetProcStatByPid"},
+                                     {0, Return<5>, 0, 0, "GetTaskInfo"},
+                                     {0, NeverAnswer, 0, 0, "SetTimezone"},
+                                     {0, Fail, 0, 0, "SetDst"}};
     IdlModuleSpec spec_{"TarnSysdiagTarnd", 0, 0, nullptr, nullptr, {}};
     host::Server server_;
 };
@@ -386,6 +417,44 @@ TEST_F(CtlCall, ListsTheServers) {
     EXPECT_EQ(services[1]["health"]["pid"], getpid());
     ASSERT_EQ(Run("services"), 0) << error_;
     EXPECT_NE(out_.find("TarnSysdiagTarnd  " + std::to_string(getpid()) + " (ctl_test)"), std::string::npos) << out_;
+}
+
+TEST_F(CtlCall, LooksInTheDirectoryThatTheOptionNames) {
+    const std::string option = "--run-dir " + dir_.string();
+    dir_ = dir_ / "nowhere"; // of $TARN_RUN_DIR
+    std::filesystem::create_directory(dir_);
+    EXPECT_EQ(Run("call PidIsOnline"), 3);
+    EXPECT_EQ(Run(option + " call PidIsOnline"), 0) << error_;
+    EXPECT_EQ(Run("call PidIsOnline " + option), 0) << error_;
+    EXPECT_EQ(Run("stats " + option), 0) << error_;
+    EXPECT_EQ(Run("services " + option), 0) << error_;
+    EXPECT_NE(out_.find("TarnSysdiagTarnd"), std::string::npos) << out_;
+    EXPECT_EQ(Run("services --run-dir ''"), 2);
+    dir_ = dir_.parent_path();
+}
+
+TEST_F(CtlCall, TellsAResultThatIsAFailure) {
+    EXPECT_EQ(Run("call SetDst"), 5);
+    EXPECT_EQ(out_, "uiResult  22 (Invalid argument)\n");
+    EXPECT_EQ(error_, "tarnctl: TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n");
+    EXPECT_EQ(Run("call SetDst --json"), 5);
+    EXPECT_EQ(Json::parse(out_), (Json{{"uiResult", 22}}));
+    EXPECT_EQ(error_, "tarnctl: TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n");
+    EXPECT_EQ(Run("call SetDst --repeat 2"), 5);
+    EXPECT_NE(out_.find("2 x TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n"), std::string::npos);
+}
+
+TEST_F(CtlCall, AnInterruptEndsASeriesThatIsShownAllTheSame) {
+    onlineCalls = 0;
+    std::thread user([this] {
+        while (onlineCalls == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        kill(std::stoi(Slurp(dir_ / "pid")), SIGINT);
+    });
+    EXPECT_EQ(Run("call PidIsOnline --repeat 1000000000"), 0);
+    user.join();
+    EXPECT_NE(out_.find(" calls, 0 failed, "), std::string::npos) << out_;
 }
 
 TEST_F(CtlCall, TellsRemoteFailures) {

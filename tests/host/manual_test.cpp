@@ -54,9 +54,33 @@ std::string Page(const std::string &name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// What help says of defaults is what the options are set to; a page says the same.
+void ExpectDefaults(const std::string &page, const std::string &help) {
+    const std::regex regex("^ +-(-?[a-z][a-z-]*) .*(?:\\[|default )([^ \n\\]{}$]+)\\]?$", std::regex::multiline);
+    for (std::sregex_iterator at(help.begin(), help.end(), regex), end; at != end; ++at) {
+        const size_t entry = page.find(".It Fl " + (*at)[1].str() + " ");
+        ASSERT_NE(entry, page.npos) << at->str();
+        EXPECT_LT(page.find((*at)[2].str(), entry), page.find("\n.It", entry + 1)) << at->str();
+    }
+}
+
+TEST(Manual, NamesTheDefaultsThatHelpNames) {
+    const std::string daemon = OutputOf(TARND " --help");
+    EXPECT_NE(daemon.find("[1000]"), daemon.npos) << daemon;
+    ExpectDefaults(Page("tarnd.8"), daemon);
+    ExpectDefaults(Page("tarn-master.8"), OutputOf(TARN_MASTER " --help"));
+    for (const char *command : {"call", "top"}) {
+        const std::string page = Page("tarnctl.1");
+        ExpectDefaults(page.substr(page.find(std::string("\n.Ss ") + command)),
+                       OutputOf(std::string(TARNCTL " ") + command + " --help"));
+    }
+}
+
 TEST(Manual, NamesTheCommandsOfTarnctlWithTheirOptions) {
     const std::string page = Page("tarnctl.1");
     const std::string help = OutputOf(std::string(TARNCTL) + " --help");
+    const size_t options = page.find(".Sh OPTIONS");
+    EXPECT_EQ(EntriesOf(page.substr(options, page.find(".Sh COMMANDS") - options)), OptionsOf(TARNCTL));
     const Names commands = MatchesOf(help.substr(help.find("Subcommands:")), "^  ([a-z]+)  ");
     ASSERT_GT(commands.size(), 5u) << help;
     EXPECT_EQ(MatchesOf(page, "^\\.Ss ([a-z]+)"), commands);
