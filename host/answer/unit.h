@@ -1,7 +1,53 @@
 // For a unit outside the library, in a program or library that does not link the library's own: as velto/codec.h, and
-// with it the shapes of the types. Then TARN_UNIT() and the headers of types/ follow.
+// with it the shapes of the types. Then TARN_UNIT() and the headers of types/ follow. The functions are templates: of
+// all the types in a header, a program uses few, and compilers take seconds for each hundred.
 #pragma once
 
-#define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline) VELTO_CODECS(type)
+#define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline)
+
+#include <algorithm>
+#include <array>
+#include <string_view>
 
 #include "velto/codec.h"
+
+namespace velto {
+
+template <size_t kSize>
+struct FunctionSuffix {
+    consteval FunctionSuffix(const char (&literal)[kSize]) { std::copy_n(literal, kSize, text); }
+    char text[kSize];
+};
+
+// What the log calls a function: the name that it has in the library.
+template <class Record, FunctionSuffix kSuffix>
+constexpr auto kFunctionName = [] {
+    constexpr std::string_view kPrefix = "Tarn_sys_diag_", kType = Table<Record>::kName;
+    std::array<char, kPrefix.size() + kType.size() + sizeof kSuffix.text> name{};
+    char *at = std::copy(kPrefix.begin(), kPrefix.end(), name.begin());
+    at = std::copy(kType.begin(), kType.end(), at);
+    std::copy(std::begin(kSuffix.text), std::end(kSuffix.text), at);
+    return name;
+}();
+
+template <class Unit, class Record>
+struct Codec {
+    static uint32_t kPack(const VeltoOutBuf *out, const void *record) {
+        return Pack<Unit, Record>(out, record, kFunctionName<Record, "_pack">.data());
+    }
+    static void *kUnpack(const uint8_t *bytes, uint32_t length, void *record) {
+        return Unpack<Unit, Record>({bytes, length}, record, kFunctionName<Record, "_unpack">.data());
+    }
+    static void *kUnpackNonRoot(const uint8_t *bytes, uint32_t length, void *record, uint32_t position) {
+        return UnpackNonRoot<Unit, Record>({bytes, length}, record, position, Table<Record>::kUnpackNonRoot);
+    }
+    static void *kFreeUnpacked(void *record) {
+        return FreeUnpacked<Unit, Record>(record, kFunctionName<Record, "_free_unpacked">.data());
+    }
+    static uint32_t kPackFixed(uint8_t *message, const void *record) {
+        return PackFixed<Unit, Record>(message, record);
+    }
+    static uint32_t kFixedSize() { return FixedSize<Record>(); }
+};
+
+} // namespace velto
