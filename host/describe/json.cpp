@@ -380,7 +380,7 @@ std::string LineOfText(std::string_view bytes) {
     std::string line;
     while (!bytes.empty()) {
         const size_t length = FirstOfText(bytes);
-        line += length == 0 ? "?" : IsBlank(bytes[0]) ? " " : bytes.substr(0, length);
+        line += length == 0 ? "?" : IsBlank(static_cast<uint8_t>(bytes[0])) ? " " : bytes.substr(0, length);
         bytes.remove_prefix(std::max<size_t>(length, 1));
     }
     return line;

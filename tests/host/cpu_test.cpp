@@ -71,8 +71,10 @@ const Element *Find(const Element *elements, uint32_t number, Predicate predicat
 TEST_F(CpuTest, MeasuresTheThreadsOfAProcess) {
     const Subject subject(dir_);
     const kit::CpuClock clock(subject.Pid());
-    for (const auto &[method, cpus] : std::map<const char *, long>{
+    for (const auto &entry : std::map<const char *, long>{
              {"CalculateProcThreadCpuUse", 1}, {"CalculateOsProcCpuUse", sysconf(_SC_NPROCESSORS_ONLN)}}) {
+        const char *const method = entry.first; // clang 14 captures no structured binding
+        const long cpus = entry.second;
         SCOPED_TRACE(method);
         const auto measure = [&] {
             return Call<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{subject.Pid(), 900, 0});
