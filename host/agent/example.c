@@ -267,6 +267,10 @@ static int Serve(const char *name, const char *runDir) {
         return 1;
     }
     const uint32_t error = TarnAgent_Init(name, runDir);
+    if (error == EINVAL) {
+        fprintf(stderr, "tarn-agent: --name: found \"%s\", expected a name of 1 to 31 bytes\n", name);
+        return 2;
+    }
     if (error != 0) {
         fprintf(stderr, "tarn-agent: the agent does not start: %s\n", strerror((int)error));
         return 1;

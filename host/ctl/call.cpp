@@ -13,6 +13,7 @@
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/describe/explain.h"
+#include "host/osal/text.h"
 #include "host/runtime/client.h"
 
 namespace ctl {
@@ -151,7 +152,7 @@ void PrintSeries(const Method &method, const Series &series, bool json) {
                              method.name, series.milliseconds.size(), series.Failed(), times / series.seconds,
                              series.Quantile(0.5), series.Quantile(0.99), series.Quantile(1));
     for (const auto &[text, count] : series.failures) {
-        std::cout << fmt::format("{:>8} x {}\n", count, LineOfText(text));
+        std::cout << fmt::format("{:>8} x {}\n", count, host::LineOfText(text));
     }
 }
 

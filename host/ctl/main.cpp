@@ -8,6 +8,8 @@
 
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
+#include "host/osal/streams.h"
+#include "host/osal/text.h"
 
 namespace {
 
@@ -17,7 +19,7 @@ constexpr char kFooter[] = R"(Exit codes:
   2  usage: bad arguments; unknown method, type or field; a value that does not fit
   3  connection: no such service or agent, nobody listens, the peer went away
   4  deadline: no answer in time
-  5  remote failure: a status, or a result in the reply, other than 0; the peer refused the message
+  5  remote failure: a status, or a result in the reply, other than 0; the peer refused the call
   6  the message is refused: it is no well-formed message of its type)";
 
 constexpr char kCommandFooter[] =
@@ -154,7 +156,7 @@ void AddCompletion(CLI::App &app, Arguments &arguments) {
 
 int Fail(int code, const std::string &text) {
     std::cout.flush();
-    std::cerr << "tarnctl: " << host::describe::LineOfText(text) << "\n";
+    std::cerr << "tarnctl: " << host::LineOfText(text) << "\n";
     return code;
 }
 
@@ -191,6 +193,7 @@ int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
 } // namespace
 
 int main(int argc, char **argv) {
+    host::OccupyClosedStreams();
     CLI::App app("Looks at the diagnosis services: their interface, their messages, their answers.", "tarnctl");
     Arguments arguments;
     AddGlobal(app, arguments);

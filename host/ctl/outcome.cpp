@@ -12,6 +12,8 @@ namespace {
 ExitCode CodeOf(const host::CallOutcome &outcome) {
     switch (outcome.errCode) {
     case 0: // the method's own status
+    case EACCES:
+    case EBUSY:
     case EMSGSIZE:
     case EPROTOTYPE:
     case EBADMSG:

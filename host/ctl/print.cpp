@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/ctl/meaning.h"
+#include "host/osal/text.h"
 
 namespace ctl {
 
@@ -220,17 +221,17 @@ void Printer::Table(const Type &type, const Json &json, size_t indent) const {
 
 std::string NameText(const Json &name) {
     if (name.is_string()) {
-        return host::describe::LineOfText(name.get_ref<const std::string &>());
+        return host::LineOfText(name.get_ref<const std::string &>());
     }
     const auto bytes = host::describe::FromHex(name["hex"].get_ref<const std::string &>());
     const std::string text(bytes->begin(), bytes->end());
-    return host::describe::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
+    return host::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
 }
 
 void Columns::Add(const std::vector<std::string> &row) {
     auto &added = rows_.emplace_back();
     for (const std::string &text : row) {
-        added.push_back(host::describe::LineOfText(text));
+        added.push_back(host::LineOfText(text));
     }
 }
 

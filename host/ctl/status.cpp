@@ -11,6 +11,7 @@
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/ctl/units.h"
+#include "host/osal/text.h"
 #include "host/runtime/directory.h"
 
 namespace ctl {
@@ -59,8 +60,8 @@ std::vector<Socket> FindSockets(const std::filesystem::path &runDir) {
 
 void PrintHealth(const host::ServerHealth &health) {
     std::cout << fmt::format("process {}, {} for {}, {} of {} workers busy, connections {}, requests under way {}\n",
-                             PidText(health.pid), LineOfText(health.state), DurationText(health.uptime), health.busy,
-                             health.workers, health.connections, health.requests);
+                             PidText(health.pid), host::LineOfText(health.state), DurationText(health.uptime),
+                             health.busy, health.workers, health.connections, health.requests);
 }
 
 void PrintValues(const char *title, const std::vector<host::NamedValue> &values) {
@@ -85,7 +86,7 @@ void PrintMethods(const host::ServiceStatus &service) {
                          DurationText(method.max)});
         }
     }
-    std::cout << fmt::format("\n{}: {} of {} methods called\n", LineOfText(service.name), called,
+    std::cout << fmt::format("\n{}: {} of {} methods called\n", host::LineOfText(service.name), called,
                              service.methods.size());
     if (called != 0) {
         columns.Print(std::cout, 2);
@@ -111,7 +112,8 @@ void ListServices(const std::filesystem::path &given, bool json) {
                          std::to_string(health.connections), std::to_string(health.requests)});
             entry["health"] = Json::parse(host::ToJson(health));
         } else {
-            columns.Add({socket.service, socket.pid == 0 ? "-" : PidText(socket.pid), "no answer: " + outcome.text});
+            columns.Add({socket.service, socket.pid == 0 ? "-" : PidText(socket.pid),
+                         "no answer: " + std::system_category().message(static_cast<int>(outcome.errCode))});
             entry["error"] = outcome.text;
         }
         all.push_back(std::move(entry));

@@ -5,7 +5,7 @@
 #include <array>
 #include <fstream>
 
-#include "host/describe/json.h"
+#include "host/osal/text.h"
 
 namespace ctl {
 
@@ -51,7 +51,7 @@ std::string PidText(uint64_t pid) {
     std::ifstream file(fmt::format("/proc/{}/comm", pid));
     std::string name;
     std::getline(file, name);
-    return name.empty() ? std::to_string(pid) : fmt::format("{} ({})", pid, host::describe::LineOfText(name));
+    return name.empty() ? std::to_string(pid) : fmt::format("{} ({})", pid, host::LineOfText(name));
 }
 
 } // namespace ctl

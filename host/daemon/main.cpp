@@ -139,11 +139,10 @@ private:
     const Options &options_;
 };
 
-void Serve(const Options &options) {
-    host::ServerOptions serverOptions = host::ServerOptionsOf(options.serve);
-    serverOptions.workers = options.workers;
+void Serve(const Options &options, const host::ServerOptions &serverOptions) {
     host::Server server(serverOptions);
-    const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM});
+    // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
+    const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
     host::Client::Default().Configure({.runDir = options.serve.runDir});
     Background background(options);
     background.Start();
@@ -171,6 +170,8 @@ int main(int argc, char **argv) {
     }
     host::Log().set_level(options.serve.logLevel);
     try {
+        host::ServerOptions serverOptions = host::ServerOptionsOf(options.serve);
+        serverOptions.workers = options.workers;
         tarnd::TheSettings().runDirectory = host::Directory(options.serve.runDir).RunDir();
         tarnd::TheSettings().logDirectory = NormalPath(options.logDir);
         for (const std::string &target : options.copyTargets) {
@@ -186,7 +187,7 @@ int main(int argc, char **argv) {
             tarnd::TheClock().ApplyToSystem(options.zoneLink);
         }
         tarnd::TheClock().Load();
-        Serve(options);
+        Serve(options, serverOptions);
     } catch (const std::exception &error) {
         host::Log().error("tarnd: {}", error.what());
         return 1;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/describe/json.h"
+#include "host/osal/text.h"
 #include "velto/bytes.h"
 
 namespace host::describe {

@@ -41,11 +41,4 @@ std::string Hex(std::span<const uint8_t> bytes);
 // Nothing unless the text is an even number of hex digits.
 std::optional<std::vector<uint8_t>> FromHex(std::string_view text);
 
-// Whether bytes are UTF-8 without control characters other than tab and line ends.
-bool IsText(std::string_view bytes);
-
-// What may go into a line on a terminal, whoever wrote it: a blank for a tab or a line end, '?' for each other byte of
-// what is no text.
-std::string LineOfText(std::string_view bytes);
-
 } // namespace host::describe

@@ -1,5 +1,6 @@
 #include "host/osal/log.h"
 
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <cstdarg>
@@ -7,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "host/osal/text.h"
 #include "platform/osal.h"
 
 namespace host {
@@ -19,6 +21,16 @@ std::shared_ptr<const LogHook> &Hook() {
 }
 
 std::mutex hookMutex;
+
+// A record stays in its line and is harmless to terminals, whoever chose the names and texts in it.
+class OneLine final : public spdlog::custom_flag_formatter {
+public:
+    void format(const spdlog::details::log_msg &message, const std::tm &, spdlog::memory_buf_t &line) override {
+        const std::string text = LineOfText({message.payload.data(), message.payload.size()});
+        line.append(text.data(), text.data() + text.size());
+    }
+    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<OneLine>(); }
+};
 
 std::shared_ptr<const LogHook> CurrentHook() {
     const std::lock_guard lock(hookMutex);
@@ -70,7 +82,9 @@ void Write(const LogRecord &record) {
 spdlog::logger &Log() {
     static auto &log = [&]() -> spdlog::logger & {
         auto *const made = new spdlog::logger("tarn", std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
-        made->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %v");
+        auto formatter = std::make_unique<spdlog::pattern_formatter>();
+        formatter->add_flag<OneLine>('*').set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
+        made->set_formatter(std::move(formatter));
         made->flush_on(spdlog::level::trace);
         return *made;
     }();

@@ -139,7 +139,7 @@ bool Server::Core::AcceptAll(Listener &listener) {
         if (fd) {
             Admit(std::move(fd));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            Log().error("{}: accept: {}", listener.Path().string(), strerror(errno));
+            peerLog_.Warn("accept", fmt::format("{}: accept: {}", listener.Path().string(), strerror(errno)));
             return false;
         } else if (errno != EINTR && errno != ECONNABORTED) {
             return true;

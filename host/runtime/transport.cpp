@@ -76,7 +76,10 @@ public:
             throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
                                                  path_.native().size(), sizeof address.sun_path - 1));
         }
-        create_directories(path_.parent_path());
+        std::error_code error;
+        if (create_directories(path_.parent_path(), error); error) {
+            throw std::system_error(error, "run directory " + path_.parent_path().string());
+        }
         const UniqueFd lock = LockDirectory(path_.parent_path());
         RemoveStale(path_, address);
         fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

@@ -36,11 +36,14 @@ std::optional<int> Parse(CLI::App &app, int argc, char **argv);
 
 constexpr int kBadUsage = 2;
 
-// Throws what is wrong with the limits or the policy.
+// Throws what is wrong with the policy.
 ServerOptions ServerOptionsOf(const ServeOptions &options);
 
 // To be called before the first thread starts, so that every thread inherits it and only main takes them.
 sigset_t BlockSignals(std::initializer_list<int> numbers);
+
+// Whether nobody wants to hear of a signal, as of SIGHUP under nohup(1).
+bool IsIgnored(int signal);
 
 // Ends the process when a request is still being worked on after the bound: its thread uses what the end of main would
 // destroy.

@@ -71,8 +71,8 @@ const Element *Find(const Element *elements, uint32_t number, Predicate predicat
 TEST_F(CpuTest, MeasuresTheThreadsOfAProcess) {
     const Subject subject(dir_);
     const kit::CpuClock clock(subject.Pid());
-    for (const auto &entry : std::map<const char *, long>{
-             {"CalculateProcThreadCpuUse", 1}, {"CalculateOsProcCpuUse", sysconf(_SC_NPROCESSORS_ONLN)}}) {
+    for (const auto &entry : std::map<const char *, long>{{"CalculateProcThreadCpuUse", 1},
+                                                          {"CalculateOsProcCpuUse", sysconf(_SC_NPROCESSORS_ONLN)}}) {
         const char *const method = entry.first; // clang 14 captures no structured binding
         const long cpus = entry.second;
         SCOPED_TRACE(method);

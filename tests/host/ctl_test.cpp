@@ -38,7 +38,7 @@ protected:
         std::ofstream(dir_ / "in", std::ios::binary) << input;
         const std::string command = "cd " + dir_.string() +
                                     " && echo $$ >pid && exec env TARN_RUN_DIR=" + dir_.string() + " " + TARNCTL + " " +
-                                    arguments + " <in >out 2>err";
+                                    "<in >out 2>err " + arguments;
         const int status = std::system(command.c_str());
         out_ = Slurp(dir_ / "out");
         error_ = Slurp(dir_ / "err");
@@ -431,6 +431,16 @@ TEST_F(CtlCall, LooksInTheDirectoryThatTheOptionNames) {
     EXPECT_NE(out_.find("TarnSysdiagTarnd"), std::string::npos) << out_;
     EXPECT_EQ(Run("services --run-dir ''"), 2);
     dir_ = dir_.parent_path();
+}
+
+// Its connection would become standard output, and get the reply as text.
+TEST_F(CtlCall, WithoutStandardStreamsWritesNowhere) {
+    EXPECT_EQ(Run("call PidIsOnline >&- <&-"), 1);
+    EXPECT_EQ(error_, "tarnctl: cannot write to standard output\n");
+    EXPECT_EQ(Run("stats --json"), 0);
+    for (const auto &reason : Json::parse(out_)["refused"]) {
+        EXPECT_EQ(reason["value"], 0) << reason;
+    }
 }
 
 TEST_F(CtlCall, TellsAResultThatIsAFailure) {

@@ -129,6 +129,13 @@ TEST(Log, GoesToStderrWithFunctionLevelAndCode) {
     EXPECT_NE(line.find("error"), std::string::npos) << line;
 }
 
+TEST(Log, ARecordStaysInItsLine) {
+    testing::internal::CaptureStderr();
+    host::Log().error("thread {} of {}", "a\nb", "\033[31mred\007 \xC2\x9B \xFF \xC3\xBC");
+    const std::string line = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(line.ends_with("thread a b of ?[31mred? ?? ? \xC3\xBC\n")) << line;
+}
+
 TEST(Log, LevelsBelowTheLogsAreLeftOut) {
     testing::internal::CaptureStderr();
     XRT_OsalLogWrite(nullptr, 7, 0, nullptr, 1, nullptr, "debug text");
