@@ -43,12 +43,17 @@ public:
     ZipWriter(const ZipWriter &) = delete;
     ZipWriter &operator=(const ZipWriter &) = delete;
 
-    // A file, or a directory with all that is in it; anything else is left out.
+    // Not a FIFO, a device or a socket, nor the archive itself.
+    bool Takes(const struct stat &status) const {
+        return S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && !target_.Is(status));
+    }
+
+    // A file, or a directory with all that is in it; what it does not take is left out.
     void Add(Descriptor source, const std::string &path, int depth = 0) {
         const struct stat status = source.Status();
         if (S_ISDIR(status.st_mode)) {
             AddDirectory(std::move(source), path, depth);
-        } else if (S_ISREG(status.st_mode) && !target_.Is(status)) {
+        } else if (Takes(status)) {
             AddFile(source, path, status);
         }
     }
@@ -68,9 +73,9 @@ private:
             try {
                 Add(host::OpenIn(source, name), path.empty() ? name : path + "/" + name, depth + 1);
             } catch (const std::system_error &error) {
-                // a link, a socket, or gone since the directory was read
+                // a link, not ours to read, or gone since the directory was read
                 const int code = error.code().value();
-                if (code != EACCES && code != ENXIO && code != ENOENT) {
+                if (code != EACCES && code != ENOENT) {
                     throw;
                 }
                 host::Log().info("left out of the archive: {}", error.what());
@@ -149,12 +154,17 @@ void Zip(const Tarn_sys_diag_ZiploginfoInput &request, void *replyCtx) {
     if (request.uiZipOption != TARND_ZIP_COMPRESSED && request.uiZipOption != TARND_ZIP_STORED) {
         throw host::BadValue("uiZipOption", request.uiZipOption, "0 compressed or 1 stored");
     }
-    const std::vector<std::string> sourceNames = host::NamesBeneath(root, host::TextOf(request.szLogPath));
+    const std::string_view path = host::TextOf(request.szLogPath);
+    const std::vector<std::string> sourceNames = host::NamesBeneath(root, path);
     Descriptor source = host::OpenBeneath(root, sourceNames);
     const Descriptor directory = host::OpenBeneath(root, host::NamesBeneath(root, host::TextOf(request.szZipPath)));
     Progress progress("archive " + name, replyCtx);
     FileAside target(directory, name, 0640);
     ZipWriter writer(target, request.uiZipOption, progress);
+    if (!writer.Takes(source.Status())) {
+        throw host::BadValue("szLogPath", fmt::format("\"{}\"", path),
+                             "a directory, or a file that is not the archive");
+    }
     writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
     writer.Close();
     progress.Add(0);

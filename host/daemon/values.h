@@ -226,9 +226,12 @@
  * ZipLogFile                  Packs a file or a directory into a ZIP archive. szLogPath what to pack and szZipPath the
  *                             directory for the archive, both relative to the log directory or absolute within it,
  *                             empty: the log directory; szZipName the archive's file name, which replaces an older
- *                             one; uiZipOption 0 compressed, 1 stored. Links are not followed, nor packed. The archive
- *                             is there only when it is complete. 108 ESHUTDOWN, 110 ETIMEDOUT, 125 ECANCELED: given up
- *                             since the daemon stops, or the caller's time is over, or the caller is gone.
+ *                             one; uiZipOption 0 compressed, 1 stored. Links are not followed, nor packed; files that
+ *                             may not be read are left out, which the log tells. A file that grows meanwhile is packed
+ *                             as far as it went at first, the end of one that shrinks as zeros. The archive is there
+ *                             only when it is complete. 36 ENAMETOOLONG for more than 32 directories within each
+ *                             other; 108 ESHUTDOWN, 110 ETIMEDOUT, 125 ECANCELED: given up since the daemon stops, or
+ *                             the caller's time is over, or the caller is gone.
  *
  * CopyZipLogFile              Copies an archive, with the same promises. szSrcPath the archive, as above; szCopyTarget
  *                             the name of a directory that tarnd --copy-target NAME=DIR names; szDstPath where in it,

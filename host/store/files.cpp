@@ -32,6 +32,11 @@ bool TakeOwnership(int fd) {
     return flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
+// A name for what is open.
+std::string ByDescriptor(int fd) {
+    return fmt::format("/proc/self/fd/{}", fd);
+}
+
 // -1 and EOPNOTSUPP, or on old systems EISDIR or ENOENT, where there are no files without a name.
 int OpenUnnamed(const Descriptor &directory, mode_t mode) {
     return openat(directory.Fd(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, mode);
@@ -87,8 +92,15 @@ Descriptor OpenDirectory(const std::string &path) {
 }
 
 Descriptor OpenIn(const Descriptor &directory, const std::string &name) {
-    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    return {openat(directory.Fd(), name.c_str(), kFlags), name};
+    Descriptor found(openat(directory.Fd(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC), name);
+    const mode_t mode = found.Status().st_mode;
+    if (S_ISLNK(mode)) {
+        Fail(EACCES, name + " is a link");
+    }
+    if (!S_ISREG(mode) && !S_ISDIR(mode)) {
+        return found;
+    }
+    return {open(ByDescriptor(found.Fd()).c_str(), O_RDONLY | O_CLOEXEC), name};
 }
 
 std::vector<std::string> NamesBeneath(const std::string &root, std::string_view path) {
@@ -186,7 +198,7 @@ void FileAside::Commit(Older older) {
 // A link can't replace a file, so a file without a name is given the hidden one first, if it is to replace an older.
 void FileAside::Rename(Older older) {
     if (!named_) {
-        const std::string self = fmt::format("/proc/self/fd/{}", file_.Fd());
+        const std::string self = ByDescriptor(file_.Fd());
         const std::string &name = older == Older::kKeep ? name_ : aside_;
         if (linkat(AT_FDCWD, self.c_str(), directory_.Fd(), name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
             Fail(errno, name_);

@@ -30,7 +30,8 @@ private:
 
 Descriptor OpenDirectory(const std::string &path);
 
-// Follows no link. Not blocking, since a FIFO would wait for its writer.
+// Follows no link. What is neither a file nor a directory can only be looked at through the result: to open a FIFO
+// would let its writer go, and a device may do anything.
 Descriptor OpenIn(const Descriptor &directory, const std::string &name);
 
 // The names on the way from a directory to a path, which is relative to it or absolute within it. EACCES for one that

@@ -63,6 +63,17 @@ protected:
         return answer->uiResult;
     }
 
+    // How often the daemon has a file open.
+    size_t FilesOpen(const std::filesystem::path &path) {
+        size_t count = 0;
+        std::error_code ignored;
+        for (const auto &fd :
+             std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_->Pid()) + "/fd", ignored)) {
+            count += std::filesystem::read_symlink(fd.path(), ignored) == path;
+        }
+        return count;
+    }
+
     std::vector<std::string> Names(const std::filesystem::path &directory) {
         std::vector<std::string> names;
         for (const auto &entry : std::filesystem::directory_iterator(directory)) {
@@ -130,6 +141,145 @@ TEST_F(ArchiveTest, LeavesNothingBehindWhenItFails) {
     for (const std::string &name : Names(logs_)) {
         EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
     }
+}
+
+TEST_F(ArchiveTest, TakesNothingButFilesAndDirectories) {
+    EXPECT_EQ(Zip("app/fifo", "", "x.zip"), EINVAL);
+    EXPECT_TRUE(Logged("szLogPath is \"app/fifo\", expected a directory, or a file that is not the archive"));
+    EXPECT_EQ(Zip("app", "app/fifo", "x.zip"), ENOTDIR);
+    EXPECT_FALSE(std::filesystem::exists(logs_ / "x.zip"));
+
+    ASSERT_EQ(Zip("app", "", "app.zip"), 0);
+    const std::string archive = kit::TextOfFile(logs_ / "app.zip");
+    EXPECT_EQ(Zip("app.zip", "", "app.zip"), EINVAL) << "it would pack nothing, and be gone";
+    EXPECT_EQ(kit::TextOfFile(logs_ / "app.zip"), archive);
+}
+
+// Were a FIFO opened, its writer would go on, and be ended by a signal when nobody reads.
+TEST_F(ArchiveTest, LeavesTheWriterOfAFifoWaiting) {
+    const std::string fifo = logs_ / "app" / "fifo";
+    std::atomic<pid_t> tid = 0;
+    std::atomic<bool> opened = false;
+    signal(SIGPIPE, SIG_IGN);
+    std::thread writer([&] {
+        tid = gettid();
+        const int fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+        opened = true;
+        EXPECT_EQ(write(fd, "line", 4), 4);
+        close(fd);
+    });
+    EXPECT_TRUE(kit::Eventually([&] {
+        return kit::TextOfFile("/proc/self/task/" + std::to_string(tid) + "/stat").find(") S ") != std::string::npos;
+    }));
+    EXPECT_EQ(Zip("app", "", "app.zip"), 0);
+    EXPECT_EQ(Zip("app/fifo", "", "x.zip"), EINVAL);
+    EXPECT_FALSE(opened);
+    const int fd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); // lets it go
+    writer.join();
+    char line[8];
+    EXPECT_EQ(read(fd, line, sizeof line), 4);
+    close(fd);
+}
+
+TEST_F(ArchiveTest, KeepsNamesAsTheyAre) {
+    std::map<std::string, std::string> expected;
+    for (const std::string &name : {std::string("\xFF\xFE.log"), std::string("line\nfeed"), std::string("\xC3\xA4"),
+                                    std::string("back\\slash"), std::string(255, 'x')}) {
+        std::filesystem::create_directory(logs_ / "names");
+        std::ofstream(logs_ / "names" / name) << name;
+        expected["names/" + name] = name;
+    }
+    ASSERT_EQ(Zip("names", "", "names.zip"), 0);
+    EXPECT_EQ(ReadArchive(logs_ / "names.zip"), expected);
+}
+
+TEST_F(ArchiveTest, TellsThatDirectoriesAreTooDeep) {
+    std::filesystem::path path = logs_ / "deep";
+    for (int depth = 1; depth < 32; ++depth) {
+        path /= "d";
+    }
+    std::filesystem::create_directories(path);
+    std::ofstream(path / "file") << "deep";
+    ASSERT_EQ(Zip("deep", "", "deep.zip"), 0);
+    EXPECT_EQ(ReadArchive(logs_ / "deep.zip").size(), 1);
+    std::filesystem::create_directories(path / "d");
+    EXPECT_EQ(Zip("deep", "", "deeper.zip"), ENAMETOOLONG);
+    EXPECT_TRUE(Logged("more than 32 directories deep"));
+    EXPECT_FALSE(std::filesystem::exists(logs_ / "deeper.zip"));
+}
+
+// A directory on the way turns into a link that leads out, and back, and files come and go.
+TEST_F(ArchiveTest, StaysWithinTheLogDirectoryWhenItChanges) {
+    const std::filesystem::path outside = dir_.Path() / "outside", old = logs_ / "app" / "old";
+    std::filesystem::create_directory(outside);
+    std::ofstream(outside / "secret") << "secret\n";
+    std::filesystem::create_directory_symlink(outside, logs_ / "app" / "other");
+    std::atomic<bool> stop = false;
+    std::thread changes([&] {
+        while (!stop) {
+            renameat2(AT_FDCWD, old.c_str(), AT_FDCWD, (logs_ / "app" / "other").c_str(), RENAME_EXCHANGE);
+            std::ofstream(logs_ / "app" / "fleeting") << "here";
+            std::filesystem::remove(logs_ / "app" / "fleeting");
+        }
+    });
+    std::map<uint32_t, int> results;
+    EXPECT_TRUE(kit::Eventually([&] {
+        for (int i = 0; i != 20; ++i) {
+            ++results[Zip("app/old", "", "old.zip")];
+            EXPECT_EQ(Zip("app", "", "app.zip"), 0);
+            for (const auto &[name, text] : ReadArchive(logs_ / "app.zip")) {
+                EXPECT_EQ(name.find("secret"), std::string::npos) << name;
+            }
+        }
+        return results[0] != 0 && results[EACCES] != 0; // seen both ways
+    }));
+    stop = true;
+    changes.join();
+    EXPECT_EQ(results.size(), 2);
+    EXPECT_EQ(ReadArchive(logs_ / "old.zip").begin()->first, "old/b.log");
+}
+
+// A file whose size changes while it is packed has the one that it had.
+TEST_F(ArchiveTest, PacksAFileThatChangesMeanwhile) {
+    constexpr size_t kSize = 256 << 20;
+    const std::filesystem::path file = logs_ / "changing.log";
+    for (const size_t becomes : {size_t{0}, kSize + 5}) {
+        SCOPED_TRACE(becomes);
+        std::ofstream(file) << "start";
+        std::filesystem::resize_file(file, kSize);
+        std::thread change([&] {
+            EXPECT_TRUE(kit::Eventually([&] { return FilesOpen(file) != 0; }));
+            std::filesystem::resize_file(file, becomes);
+        });
+        EXPECT_EQ(Zip("changing.log", "", "changing.zip"), 0);
+        change.join();
+        const auto files = ReadArchive(logs_ / "changing.zip");
+        ASSERT_EQ(files.size(), 1);
+        EXPECT_EQ(files.begin()->second.size(), kSize);
+        EXPECT_EQ(files.begin()->second.substr(0, 5), "start");
+    }
+}
+
+using DeniedArchiveTest = kit::Denied<ArchiveTest>;
+
+TEST_F(DeniedArchiveTest, LeavesOutWhatMayNotBeRead) {
+    std::filesystem::create_directories(logs_ / "mixed" / "closed");
+    std::ofstream(logs_ / "mixed" / "open.log") << "open\n";
+    for (const std::filesystem::path &file :
+         {logs_ / "mixed" / "closed" / "within.log", logs_ / "mixed" / "hidden.log"}) {
+        std::ofstream(file) << "hidden\n";
+        std::filesystem::permissions(file, std::filesystem::perms::none);
+    }
+    std::filesystem::permissions(logs_ / "mixed" / "closed", std::filesystem::perms::none);
+    ASSERT_EQ(Zip("mixed", "", "mixed.zip"), 0);
+    const std::map<std::string, std::string> expected{{"mixed/open.log", "open\n"}};
+    EXPECT_EQ(ReadArchive(logs_ / "mixed.zip"), expected);
+    EXPECT_TRUE(Logged("left out of the archive: hidden.log: Permission denied"));
+    EXPECT_TRUE(Logged("left out of the archive: closed: Permission denied"));
+    EXPECT_EQ(Zip("mixed/hidden.log", "", "x.zip"), EACCES);
+    EXPECT_EQ(Zip("mixed/closed/within.log", "", "x.zip"), EACCES);
+    EXPECT_EQ(Zip("mixed/open.log", "mixed/closed", "x.zip"), EACCES);
+    std::filesystem::permissions(logs_ / "mixed" / "closed", std::filesystem::perms::owner_all);
 }
 
 class CopyTest : public ArchiveTest {
@@ -320,18 +470,9 @@ protected:
                              errCode_ = outcome.errCode;
                              ended_ = true;
                          });
-        ASSERT_TRUE(kit::Eventually([this] { return FilesOpen() != 0; }));
+        ASSERT_TRUE(kit::Eventually([this] { return IsAtIt(); }));
     }
-    // How many files in the log directory the daemon reads.
-    size_t FilesOpen() {
-        size_t count = 0;
-        std::error_code ignored;
-        for (const auto &fd :
-             std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_->Pid()) + "/fd", ignored)) {
-            count += std::filesystem::read_symlink(fd.path(), ignored) == logs_ / "huge.log";
-        }
-        return count;
-    }
+    bool IsAtIt() { return FilesOpen(logs_ / "huge.log") != 0; }
     void ExpectNothingLeft() {
         const std::vector<std::string> names = Names(logs_);
         EXPECT_EQ(std::set<std::string>(names.begin(), names.end()),
@@ -348,7 +489,7 @@ TEST_F(LongArchiveTest, TellsItsProgressAndEndsAtTheDeadline) {
     EXPECT_TRUE(Logged("MiB so far"));
     EXPECT_TRUE(kit::Eventually([this] { return ended_.load(); }));
     EXPECT_EQ(errCode_, ETIMEDOUT);
-    EXPECT_TRUE(kit::Eventually([this] { return FilesOpen() == 0; }));
+    EXPECT_TRUE(kit::Eventually([this] { return !IsAtIt(); }));
     ExpectNothingLeft();
 }
 
@@ -357,7 +498,7 @@ TEST_F(LongArchiveTest, EndsWithItsCaller) {
         host::Client client{{.runDir = dir_.Path()}};
         Start(client, 600s);
     }
-    EXPECT_TRUE(kit::Eventually([this] { return FilesOpen() == 0; }));
+    EXPECT_TRUE(kit::Eventually([this] { return !IsAtIt(); }));
     ExpectNothingLeft();
 }
 

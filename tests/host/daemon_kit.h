@@ -25,11 +25,15 @@ protected:
     // What a test's daemon is told besides its directories.
     virtual std::vector<std::string> Options() const { return {}; }
 
-    void StartDaemon() {
-        std::vector<std::string> command{TARND, "--run-dir",   dir_.Path(), "--log-dir",
-                                         logs_, "--log-level", "debug",     "--print-accounting"};
-        const std::vector<std::string> options = Options();
-        command.insert(command.end(), options.begin(), options.end());
+    // `before` are a command and its arguments that start the daemon's.
+    void StartDaemon(const std::vector<std::string> &before = {}) {
+        std::vector<std::string> command = before;
+        for (const std::vector<std::string> &more :
+             {std::vector<std::string>{TARND, "--run-dir", dir_.Path(), "--log-dir", logs_, "--log-level", "debug",
+                                       "--print-accounting"},
+              Options()}) {
+            command.insert(command.end(), more.begin(), more.end());
+        }
         daemon_ = std::make_unique<Process>(dir_.Path(), command);
         ASSERT_TRUE(Eventually([&] { return daemon_->Err().find("serving in") != std::string::npos; }))
             << daemon_->Err();
@@ -64,6 +68,32 @@ protected:
     std::unique_ptr<Process> daemon_;
 };
 
+// A daemon without rights: nobody's, where the tests run as root.
+template <class Test>
+class Denied : public Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory(this->logs_);
+        if (geteuid() != 0) {
+            this->StartDaemon();
+            return;
+        }
+        std::vector<std::string> test = kAsNobody;
+        test.insert(test.end(), {"/usr/bin/test", "-x", TARND});
+        if (Process(this->dir_.Path(), test).Wait() != 0) {
+            GTEST_SKIP() << "nobody may not run " << TARND;
+        }
+        for (const std::filesystem::path &directory : {this->dir_.Path(), this->logs_}) {
+            ASSERT_EQ(chown(directory.c_str(), kNobody, kNobody), 0);
+        }
+        this->StartDaemon(kAsNobody);
+    }
+
+    static constexpr uid_t kNobody = 65534;
+    const std::vector<std::string> kAsNobody{
+        "/usr/bin/setpriv", "--reuid", std::to_string(kNobody), "--regid", std::to_string(kNobody), "--clear-groups"};
+};
+
 // The threads that the subject says it has.
 class Subject : public Process {
 public:
@@ -71,6 +101,7 @@ public:
         // Its burner runs whatever else the machine does, where that is allowed.
         burnerNice = setpriority(PRIO_PROCESS, tids["burner"], -15) == 0 ? -15 : 0;
     }
+    Subject(const TempDir &dir, const char *mode, size_t threadNum) : Subject(dir, {SUBJECT, mode}, threadNum) {}
     Subject(const TempDir &dir, size_t burnerNum, size_t blockedNum = 0)
         : Subject(dir, {SUBJECT, std::to_string(burnerNum), std::to_string(blockedNum)}, burnerNum + blockedNum + 1) {}
     std::map<std::string, uint32_t> tids;

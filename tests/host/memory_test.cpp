@@ -374,30 +374,7 @@ TEST_F(DumpTest, ChecksWhatIsAskedFor) {
     }
 }
 
-// A daemon without rights: nobody's, where the tests run as root.
-class DeniedTest : public ProcessMemoryTest {
-protected:
-    void SetUp() override {
-        if (geteuid() != 0) {
-            ProcessMemoryTest::SetUp();
-            return;
-        }
-        kit::Process test(dir_.Path(), AsNobody({"/usr/bin/test", "-x", TARND}));
-        if (test.Wait() != 0) {
-            GTEST_SKIP() << "nobody may not run " << TARND;
-        }
-        ASSERT_EQ(chown(dir_.Path().c_str(), 65534, 65534), 0);
-        daemon_ = std::make_unique<kit::Process>(
-            dir_.Path(), AsNobody({TARND, "--run-dir", dir_.Path(), "--log-dir", logs_, "--print-accounting"}));
-        ASSERT_TRUE(Logged("serving in")) << daemon_->Err();
-    }
-
-    static std::vector<std::string> AsNobody(const std::vector<std::string> &command) {
-        std::vector<std::string> whole{"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"};
-        whole.insert(whole.end(), command.begin(), command.end());
-        return whole;
-    }
-};
+using DeniedTest = kit::Denied<ProcessMemoryTest>;
 
 TEST_F(DeniedTest, TellsWhatMayNotBeSeen) {
     EXPECT_EQ(Details(1).Status(), EACCES);
@@ -775,6 +752,7 @@ TEST_F(WatchTest, KeepsItsThresholds) {
     EXPECT_EQ(Switch()->uiSwitch, 1);
     EXPECT_EQ(Set(1001, 0), EINVAL);
     EXPECT_EQ(Set(700, 701), EINVAL);
+    EXPECT_EQ(Set(1000, 1000), 0) << "as much as there is";
     EXPECT_EQ(Set(990, 0), 0);
     EXPECT_EQ(Configuration()->uiValue2, 990) << "the same";
     EXPECT_EQ(Set(995, 980), 0);

@@ -1,11 +1,15 @@
 // A process to be looked at. The thread "burner" runs without a break, in BurnCpu; the thread "sleeper" sleeps, in
 // SleepForGood, called by 40 times Descend. "host_subject 12" has the threads "burner0" to "burner11" instead of the
 // first; "host_subject 1 10" has also "blocked0" to "blocked9", each waiting in a way that can't be interrupted until
-// its child, which sleeps, is killed. It prints a line "<name> <tid>" for each thread, and runs until it is killed.
+// its child, which sleeps, is killed. "host_subject headless" has the first two, but its main thread ends.
+// "host_subject fleeting" has one after the other threads that burn for 20 ms and end; it calls its main thread
+// "fleeting". It prints a line "<name> <tid>" for each thread, and runs until it is killed.
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -52,9 +56,24 @@ void Block() {
     return Descend(depth - 1) + static_cast<unsigned>(getpid()); // no tail call
 }
 
+[[noreturn]] void RunFleetingThreads() {
+    Introduce("fleeting");
+    for (;;) {
+        std::thread([] {
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+            while (std::chrono::steady_clock::now() < end) {
+            }
+        }).join();
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "fleeting") {
+        RunFleetingThreads();
+    }
     const int burnerNum = argc > 1 ? atoi(argv[1]) : 0;
     std::vector<std::string> names{"burner"};
     if (burnerNum != 0) {
@@ -81,6 +100,9 @@ int main(int argc, char **argv) {
         Introduce("sleeper");
         Descend(40);
     });
+    if (mode == "headless") {
+        syscall(SYS_exit, 0); // of the thread alone
+    }
     for (std::thread &thread : threads) {
         thread.join();
     }
