@@ -1,33 +1,29 @@
 // Which processes there are, and in what state.
-#include <csignal>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "host/answer/answer.h"
 #include "host/procfs/procfs.h"
+#include "host/store/files.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
-// A process that may not be looked into still is there, which the refusal to signal it tells.
+// Any process has a descriptor, also one that /proc hides, and no thread has one but the first. It can be read from
+// when the process has ended.
 bool IsOnline(uint32_t pid) {
-    if (pid == 0 || pid > INT32_MAX) {
-        return false; // kill would take these as groups of processes
-    }
-    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+    const int fd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+    if (fd < 0 && (errno == ESRCH || errno == EINVAL || errno == ENOENT)) {
         return false;
     }
-    try {
-        return !host::procfs::ReadProcess(pid).HasEnded();
-    } catch (const std::system_error &error) {
-        if (error.code().value() == EACCES) {
-            return true;
-        }
-        if (error.code().value() == ESRCH) {
-            return false;
-        }
-        throw;
-    }
+    const host::Descriptor process(fd, fmt::format("process {}", pid));
+    pollfd ended{process.Fd(), POLLIN, 0};
+    return poll(&ended, 1, 0) == 0;
 }
 
 } // namespace

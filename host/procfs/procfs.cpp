@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <csignal>
+#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -88,13 +90,21 @@ std::vector<uint32_t> NumericNames(const std::string &path) {
     return ids;
 }
 
+bool IsHidden(const std::string &path) {
+    pid_t pid = 0;
+    std::from_chars(path.data() + strlen("/proc/"), path.data() + path.size(), pid);
+    return pid > 0 && access(Directory(static_cast<uint32_t>(pid)).c_str(), F_OK) != 0 && kill(pid, 0) != 0 &&
+           errno == EPERM;
+}
+
 } // namespace
 
-// A process that went away shows as a missing file, or as ESRCH once its file is open.
+// A process that went away shows as a missing file, or as ESRCH once its file is open. So does one that /proc hides,
+// but it refuses a signal.
 void FailRead(int error, const std::string &path) {
     const bool ofProcess = path.starts_with("/proc/") && path[6] >= '0' && path[6] <= '9';
     if (ofProcess && error == ENOENT) {
-        error = ESRCH;
+        error = IsHidden(path) ? EACCES : ESRCH;
     } else if (error == EPERM) {
         error = EACCES;
     }
@@ -189,7 +199,7 @@ Task ReadProcess(uint32_t pid) {
 
 bool Runs(uint32_t pid, uint64_t startTicks) {
     bool runs = false;
-    SkipEnded([&] {
+    SkipHidden([&] {
         const Task process = ReadProcess(pid);
         runs = process.startTicks == startTicks && !process.HasEnded();
     });

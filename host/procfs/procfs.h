@@ -33,7 +33,8 @@ struct Task {
     uint64_t residentKb = 0;
 
     uint64_t CpuTicks() const { return userTicks + systemTicks; }
-    bool HasEnded() const { return state == 'Z' || state == 'X' || state == 'x'; }
+    // A process whose first thread has ended goes on with its others.
+    bool HasEnded() const { return (state == 'Z' || state == 'X' || state == 'x') && threadNum <= 1; }
 };
 
 // What the scheduler has counted of one thread.
@@ -59,7 +60,7 @@ Task ParseStat(std::string_view line);
 // The leading thread of a process. The id of another thread is no process.
 Task ReadProcess(uint32_t pid);
 
-// Whether the process that started then is still there, and no other has got its id.
+// Whether the process that started then is still there, and no other has got its id: one that may not be seen has.
 bool Runs(uint32_t pid, uint64_t startTicks);
 
 Task ReadThread(uint32_t pid, uint32_t tid);

@@ -6,6 +6,8 @@ TARN_UNIT()
 #include "types/tarnd.h"
 #include "types/tarnd_agent.h"
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -49,6 +51,10 @@ TEST_F(DaemonTest, KnowsWhetherAProcessIsOnline) {
     EXPECT_EQ(online(EndedPid()), 0);
     EXPECT_EQ(online(0), 0);
     EXPECT_EQ(online(UINT32_MAX), 0);
+    const Subject headless(dir_, "headless", 2);
+    const auto first = [&] { return kit::TextOfFile("/proc/" + std::to_string(headless.Pid()) + "/stat"); };
+    ASSERT_TRUE(kit::Eventually([&] { return first().find(") Z ") != std::string::npos; }));
+    EXPECT_EQ(online(headless.Pid()), 1) << "its other threads run on";
 
     const pid_t zombie = fork();
     if (zombie == 0) {
@@ -75,6 +81,40 @@ TEST_F(DaemonTest, TellsAProcesssState) {
     const auto gone =
         Call<Tarn_sys_diag_ProcessStatusOutput>("GetProcStatByPid", Tarn_sys_diag_ProcessStatusInput{EndedPid()});
     EXPECT_EQ(gone.Status(), ESRCH);
+}
+
+// Where /proc shows a daemon without rights no process of others at all.
+class HiddenTest : public kit::Denied<DaemonTest> {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("proc", "/proc", "proc", 0, "hidepid=2") != 0) {
+            GTEST_SKIP() << "may not mount";
+        }
+        Denied::SetUp();
+    }
+};
+
+TEST_F(HiddenTest, TellsHiddenProcessesFromThoseThatHaveEnded) {
+    const auto online = [&](uint32_t pid) {
+        return Call<Tarn_sys_diag_PidIsOnlineOuput>("PidIsOnline", Tarn_sys_diag_PidIsOnlineInput{pid})->ucIsOnline;
+    };
+    const auto status = [&](uint32_t pid) {
+        return Call<Tarn_sys_diag_ProcessStatusOutput>("GetProcStatByPid", Tarn_sys_diag_ProcessStatusInput{pid})
+            .Status();
+    };
+    const Subject hidden(dir_);
+    EXPECT_EQ(online(hidden.Pid()), 1);
+    EXPECT_EQ(status(hidden.Pid()), EACCES);
+    EXPECT_EQ(online(hidden.tids.at("sleeper")), 0) << "a thread's id";
+    EXPECT_EQ(online(EndedPid()), 0);
+    EXPECT_EQ(status(EndedPid()), ESRCH);
+    EXPECT_EQ(online(daemon_->Pid()), 1);
+    EXPECT_EQ(status(daemon_->Pid()), 0);
+    EXPECT_EQ(Call<Tarn_sys_diag_Tids>("GetAllTidsByPid", Tarn_sys_diag_Pid{hidden.Pid()}).Status(), EACCES);
+    EXPECT_EQ(Call<Tarn_sys_diag_SysMemStatisProResult>("GetSysMemStatisPro", Tarn_sys_diag_PositionStr{}).Status(), 0)
+        << "of those that may be seen";
 }
 
 TEST_F(DaemonTest, ListsTheThreadsOfAProcess) {

@@ -52,9 +52,17 @@ TEST(Procfs, AcceptsAnyNameInAStatLine) {
         const host::procfs::Task task = ParseStat("1 (" + name + ") Z" + kNumbers);
         EXPECT_EQ(task.name, name);
         EXPECT_EQ(task.state, 'Z');
-        EXPECT_TRUE(task.HasEnded());
         EXPECT_EQ(task.userTicks, 700);
     }
+}
+
+TEST(Procfs, KnowsAProcessThatHasEnded) {
+    host::procfs::Task task = ParseStat(std::string("4711 (name) Z") + kNumbers);
+    EXPECT_FALSE(task.HasEnded()) << "only its first thread has";
+    task.threadNum = 1;
+    EXPECT_TRUE(task.HasEnded());
+    task.state = 'S';
+    EXPECT_FALSE(task.HasEnded());
 }
 
 TEST(Procfs, RefusesWhatIsNoStatLine) {
