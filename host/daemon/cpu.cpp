@@ -36,6 +36,7 @@ ProcessSample ReadNow(uint32_t pid) {
     ProcessSample process;
     process.pid = pid;
     process.startTicks = task.startTicks;
+    process.cpuTicks = task.CpuTicks();
     process.threads = std::move(threads);
     return process;
 }
@@ -65,11 +66,7 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpu
     }
     std::vector<ThreadUse> uses = ThreadUses(before, now);
     const uint64_t whole = static_cast<uint64_t>(elapsed.count()) * cpuNum;
-    uint64_t total = 0;
-    for (const ThreadUse &use : uses) {
-        total += use.usedNs;
-    }
-    reply.uiValue1 = Permille(total, whole);
+    reply.uiValue1 = Permille(ProcessUsedNs(before, now, uses), whole);
     KeepBusiest(uses, request.uiValue2);
     std::vector<Tarn_sys_diag_OsProcessCpuThread> threads;
     for (const ThreadUse &use : uses) {

@@ -26,20 +26,6 @@ Thresholds FromJson(const nlohmann::json &content) {
     return {content.at("over"), content.at("recover"), content.at("seconds")};
 }
 
-const ProcessSample *Busiest(const Sample &from, const Sample &to) {
-    const ProcessSample *busiest = nullptr;
-    uint64_t most = 0;
-    for (const ProcessSample &process : to.processes) {
-        const ProcessSample *const before = from.Find(process);
-        const uint64_t ticks = Growth(before == nullptr ? 0 : before->cpuTicks, process.cpuTicks);
-        if (ticks > most) {
-            busiest = &process;
-            most = ticks;
-        }
-    }
-    return busiest;
-}
-
 std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const ProcessSample &to,
                                            std::chrono::nanoseconds elapsed) {
     std::vector<ThreadUse> uses = ThreadUses(from, to);

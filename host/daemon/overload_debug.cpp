@@ -1,9 +1,8 @@
 #include "host/daemon/overload_debug.h"
 
-#include <algorithm>
-
 #include "host/answer/answer.h"
 #include "host/daemon/memory_overload.h"
+#include "host/daemon/rates.h"
 #include "host/daemon/values.h"
 #include "host/osal/log.h"
 #include "server/tarnd.h"
@@ -13,22 +12,15 @@ namespace tarnd {
 namespace {
 
 void LogCpu(const Sample &previous, const Sample &latest) {
-    const uint64_t total = latest.system.cpu.Total() - previous.system.cpu.Total();
-    const uint64_t busy = latest.system.cpu.Busy() - previous.system.cpu.Busy();
-    const ProcessSample *busiest = nullptr;
-    uint64_t most = 0;
-    for (const ProcessSample &process : latest.processes) {
-        const ProcessSample *const before = previous.Find(process);
-        const uint64_t ticks = process.cpuTicks - (before != nullptr ? before->cpuTicks : 0);
-        if (busiest == nullptr || ticks > most) {
-            busiest = &process;
-            most = ticks;
-        }
+    const uint32_t used = BusyPermille(previous.system.cpu, latest.system.cpu);
+    const ProcessSample *const busiest = Busiest(previous, latest);
+    if (busiest == nullptr) {
+        host::Log().info("overload debug: CPU {} permille in use, by no process that ran for a tick", used);
+        return;
     }
-    if (busiest != nullptr) {
-        host::Log().info("overload debug: CPU {} permille in use; process {} ({}) most, {} of {} ticks",
-                         total == 0 ? 0 : busy * 1000 / total, busiest->pid, busiest->name, most, total);
-    }
+    const auto elapsed = latest.system.at - previous.system.at;
+    host::Log().info("overload debug: CPU {} permille in use; process {} ({}) most, {} permille of a CPU", used,
+                     busiest->pid, busiest->name, ProcessPermille(previous.Find(*busiest), *busiest, elapsed));
 }
 
 void LogMemory(const Sample &latest) {

@@ -40,6 +40,21 @@ inline uint32_t ProcessPermille(const ProcessSample *from, const ProcessSample &
     return Permille(TicksToNs(ticks), static_cast<uint64_t>(elapsed.count()));
 }
 
+// The process that used most; null when none used a tick.
+inline const ProcessSample *Busiest(const Sample &from, const Sample &to) {
+    const ProcessSample *busiest = nullptr;
+    uint64_t most = 0;
+    for (const ProcessSample &process : to.processes) {
+        const ProcessSample *const before = from.Find(process);
+        const uint64_t ticks = Growth(before == nullptr ? 0 : before->cpuTicks, process.cpuTicks);
+        if (ticks > most) {
+            busiest = &process;
+            most = ticks;
+        }
+    }
+    return busiest;
+}
+
 struct ThreadUse {
     uint32_t pid = 0;
     uint32_t tid = 0;
@@ -68,6 +83,18 @@ inline std::vector<ThreadUse> ThreadUses(const ProcessSample *from, const Proces
         uses.push_back({to.pid, thread.tid, thread.count, Growth(known ? at->count.runNs : 0, thread.count.runNs)});
     }
     return uses;
+}
+
+// What a process used, of whose threads `uses` tells. What has been used by threads that have ended since is only in
+// its ticks: user and system time, each rounded down at both ends.
+inline uint64_t ProcessUsedNs(const ProcessSample *from, const ProcessSample &to, const std::vector<ThreadUse> &uses) {
+    constexpr uint64_t kRounding = 2;
+    const uint64_t ticks = Growth(from == nullptr ? 0 : from->cpuTicks, to.cpuTicks);
+    uint64_t ofThreads = 0;
+    for (const ThreadUse &use : uses) {
+        ofThreads += use.usedNs;
+    }
+    return std::max(ofThreads, TicksToNs(ticks - std::min(ticks, kRounding)));
 }
 
 // The busiest first; at most `limit`, 0: all.

@@ -7,6 +7,7 @@ TARN_UNIT()
 
 #include <cmath>
 
+#include "host/procfs/procfs.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
@@ -50,6 +51,25 @@ protected:
         return answer->uiResult;
     }
 
+    kit::Answer<Unit, Tarn_sys_diag_OsProcessCpuRet> Measure(const char *method, uint32_t pid) {
+        return Call<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{pid, 900, 0});
+    }
+    // Whether the share of a process is what its clock says. The daemon's second is not just the test's, which shows
+    // when others take the processors in between.
+    bool TellsTheUse(const char *method, uint32_t pid, long cpus) {
+        const kit::CpuClock clock(pid);
+        return kit::Eventually([&] {
+            const auto usedBefore = clock.Used();
+            const auto start = std::chrono::steady_clock::now();
+            std::this_thread::sleep_for(1s);
+            const auto answer = Measure(method, pid);
+            const std::chrono::duration<double> used = clock.Used() - usedBefore;
+            const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+            const double permille = used / elapsed * 1000 / static_cast<double>(cpus);
+            return permille > 50 && std::abs(answer->uiValue1 - permille) < permille * 0.25 + 20;
+        });
+    }
+
     // What ps says of a process.
     std::string Ps(uint32_t pid, const std::string &column) {
         const kit::Process ps(dir_.Path(), {"/bin/ps", "-o", column + "=", "-p", std::to_string(pid)});
@@ -76,22 +96,8 @@ TEST_F(CpuTest, MeasuresTheThreadsOfAProcess) {
         const char *const method = entry.first; // clang 14 captures no structured binding
         const long cpus = entry.second;
         SCOPED_TRACE(method);
-        const auto measure = [&] {
-            return Call<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{subject.Pid(), 900, 0});
-        };
-        // The daemon's second is not just the test's, which shows when others take the processors in between.
-        EXPECT_TRUE(kit::Eventually([&] {
-            const auto usedBefore = clock.Used();
-            const auto start = std::chrono::steady_clock::now();
-            std::this_thread::sleep_for(1s);
-            const auto answer = measure();
-            const std::chrono::duration<double> used = clock.Used() - usedBefore;
-            const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-            const double permille = used / elapsed * 1000 / static_cast<double>(cpus);
-            return permille > 50 && std::abs(answer->uiValue1 - permille) < permille * 0.25 + 20;
-        }));
-
-        const auto answer = measure();
+        EXPECT_TRUE(TellsTheUse(method, subject.Pid(), cpus));
+        const auto answer = Measure(method, subject.Pid());
         ASSERT_EQ(answer.Status(), 0);
         ASSERT_EQ(answer->uiThreadNum, TaskIds(subject.Pid()).size());
         const Tarn_sys_diag_OsProcessCpuThread &busiest = answer->pstThread[0];
@@ -107,6 +113,12 @@ TEST_F(CpuTest, MeasuresTheThreadsOfAProcess) {
         EXPECT_LE(sleeper->uiValue2, 5);
         EXPECT_EQ(std::string(sleeper->acValue4), "S (sleeping)");
     }
+}
+
+TEST_F(CpuTest, CountsThreadsThatHaveEnded) {
+    const Subject subject(dir_, "fleeting", 1);
+    EXPECT_TRUE(TellsTheUse("CalculateProcThreadCpuUse", subject.Pid(), 1));
+    EXPECT_TRUE(TellsTheUse("CalculateOsProcCpuUse", subject.Pid(), sysconf(_SC_NPROCESSORS_ONLN)));
 }
 
 TEST_F(CpuTest, AnswersWithoutWaiting) {
@@ -143,7 +155,10 @@ TEST_F(CpuTest, FindsTheBusiestThreadsOfTheSystem) {
         return answer.Status() == 0 && answer->uiThreadNum <= 20 && found != nullptr && found->usValue1 > 100;
     })) << "the burner is not among the 20 busiest";
 
+    const auto before = host::procfs::ReadSchedulerCount(subject.Pid(), burner);
+    std::this_thread::sleep_for(500ms); // sampled since
     const auto all = query(0);
+    const auto after = host::procfs::ReadSchedulerCount(subject.Pid(), burner);
     ASSERT_EQ(all.Status(), 0);
     const auto *const found = Find(all->pstThread, all->uiThreadNum, [&](const auto &t) { return t.uiTid == burner; });
     ASSERT_NE(found, nullptr);
@@ -153,6 +168,14 @@ TEST_F(CpuTest, FindsTheBusiestThreadsOfTheSystem) {
     EXPECT_LE(found->usValue1, 1000);
     const auto used = std::chrono::duration_cast<std::chrono::microseconds>(kit::CpuClock(subject.Pid()).Used());
     EXPECT_NEAR(static_cast<double>(found->ullValue4), static_cast<double>(used.count()), 500'000);
+    EXPECT_GE(found->ullValue4, before.runNs / 1000);
+    EXPECT_LE(found->ullValue4, after.runNs / 1000);
+    EXPECT_GE(found->ullValue5, before.waitNs / 1000);
+    EXPECT_LE(found->ullValue5, after.waitNs / 1000);
+    EXPECT_GE(found->uiValue9, before.sliceNum);
+    EXPECT_LE(found->uiValue9, after.sliceNum);
+    EXPECT_EQ(std::string(found->acValue8), "SCHED_OTHER nice " + std::to_string(subject.burnerNice));
+    EXPECT_LT(found->ucValue3, sysconf(_SC_NPROCESSORS_CONF));
     const auto *const sleeper =
         Find(all->pstThread, all->uiThreadNum, [&](const auto &t) { return t.uiTid == subject.tids.at("sleeper"); });
     ASSERT_NE(sleeper, nullptr);
@@ -171,10 +194,20 @@ TEST_F(CpuTest, TellsTheStatisticsOfAllProcesses) {
         const auto *const found = Find(answer->pstProc, answer->uiProcNum, isSubject);
         return found != nullptr && found->uiValue2 > 100 && found->uiValue3 + found->uiValue4 > 100;
     }));
+    const host::procfs::Task before = host::procfs::ReadProcess(subject.Pid());
     const auto answer = Processes();
+    const host::procfs::Task after = host::procfs::ReadProcess(subject.Pid());
     ASSERT_EQ(answer.Status(), 0);
     const auto *const found = Find(answer->pstProc, answer->uiProcNum, isSubject);
     ASSERT_NE(found, nullptr);
+    const auto ms = [](uint64_t ticks) { return ticks * 1000 / host::procfs::TicksPerSecond(); };
+    EXPECT_GE(found->uiValue3, ms(before.userTicks));
+    EXPECT_LE(found->uiValue3, ms(after.userTicks));
+    EXPECT_GE(found->uiValue4, ms(before.systemTicks));
+    EXPECT_LE(found->uiValue4, ms(after.systemTicks));
+    EXPECT_EQ(std::to_string(found->uiValue13), Ps(subject.Pid(), "maj_flt"));
+    EXPECT_LT(found->uiValue9, sysconf(_SC_NPROCESSORS_CONF));
+    EXPECT_GE(found->stTime1.usYear, 2024) << "when its use was highest";
     EXPECT_EQ(std::string(found->acName), "host_subject");
     EXPECT_LE(found->uiValue1, 2000);
     EXPECT_GE(found->uiValue2, found->uiValue1);
@@ -279,6 +312,8 @@ TEST_F(CpuTest, MeasuresTheCpus) {
     for (uint32_t i = 0; i < cpus->uiCpuNum; ++i) {
         const Tarn_sys_diag_MultiCpuUsage &cpu = cpus->pstCpu[i];
         EXPECT_LE(cpu.uiValue1, 1000);
+        EXPECT_LE(cpu.uiValue2 + cpu.uiValue3, cpu.uiValue1 + 2U) << "parts of it, rounded: " << cpu.acName;
+        EXPECT_LE(cpu.uiValue1 + cpu.uiValue4, 1002) << cpu.acName;
         EXPECT_GE(cpu.uiValue5, cpu.uiValue1) << cpu.acName;
         EXPECT_GE(cpu.stTime.usYear, 2024);
         sum += i == 0 ? 0 : cpu.uiValue1;
@@ -412,6 +447,9 @@ TEST_F(CpuTest, RefusesThresholdsThatMakeNoSense) {
     EXPECT_EQ(SetProcess(subject.Pid(), true, 500, 3601), EINVAL);
     EXPECT_EQ(SetProcess(EndedPid(), true, 500, 0), ESRCH);
     EXPECT_EQ(Config()->uiValue1, 0);
+    EXPECT_EQ(SetSystem(1000, 1000, 3600), 0) << "as much as there is";
+    EXPECT_EQ(Config()->uiValue2, 1000);
+    EXPECT_EQ(SetProcess(subject.Pid(), true, 1000 * static_cast<uint32_t>(sysconf(_SC_NPROCESSORS_ONLN)), 3600), 0);
 }
 
 } // namespace
