@@ -118,25 +118,24 @@ void Measurement::Load() {
                     [this](const nlohmann::json &content) { baseline_ = content.get<FileDigests>(); });
 }
 
-void Measurement::Save() {
-    TheStore().Save(kSettings, kVersion, {{"hour", times_.hour}, {"minute", times_.minute}, {"mode", mode_}});
+void Measurement::Set(MeasurementTimes times, uint32_t mode) {
+    TheStore().Save(kSettings, kVersion, {{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
+    times_ = times;
+    mode_ = mode;
+    Arm();
 }
 
 // ---- When ----
 
 void Measurement::SetTimes(MeasurementTimes times) {
     const std::lock_guard lock(mutex_);
-    times_ = Checked(times);
-    Save();
-    Arm();
+    Set(Checked(times), mode_);
     host::Log().info("measurement times {} {}", times_.hour, times_.minute);
 }
 
 void Measurement::SetMode(uint32_t mode) {
     const std::lock_guard lock(mutex_);
-    mode_ = CheckedMode(mode);
-    Save();
-    Arm();
+    Set(times_, CheckedMode(mode));
     host::Log().info("measurement work mode {}", mode_);
 }
 
@@ -195,8 +194,8 @@ bool Measurement::Operate(uint32_t operation, void *replyCtx) {
         Enqueue(Kind::kRecord, replyCtx);
         return true;
     case TARND_DIM_FORGET:
+        TheStore().Save(kBaseline, kVersion, FileDigests());
         baseline_.clear();
-        TheStore().Save(kBaseline, kVersion, baseline_);
         state_ = NothingMeasured();
         host::Log().info("measurement: the baseline is forgotten");
         return false;

@@ -57,7 +57,7 @@ private:
     };
 
     void Load();
-    void Save();
+    void Set(MeasurementTimes times, uint32_t mode); // once it is kept
     bool IsByTime() const;
     void Arm();
     void ArmByClock();

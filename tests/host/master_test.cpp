@@ -17,6 +17,7 @@ TARN_UNIT()
 #include "host/runtime/server.h"
 #include "host/runtime/status.h"
 #include "tests/host/daemon_kit.h"
+#include "tests/host/small_disk.h"
 
 namespace {
 
@@ -380,6 +381,40 @@ TEST_F(MasterTest, KeepsWhatIsChanged) {
     ASSERT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
     EXPECT_EQ(MemoryConfig()->uiValue1, 920);
     EXPECT_EQ(MemoryConfig()->uiValue3, 0);
+}
+
+TEST_F(MasterTest, SetsADamagedStateAside) {
+    ASSERT_EQ(ChangeMemory(700, 600), 0);
+    EXPECT_EQ(master_->Stop(), 0);
+    const std::filesystem::path file = dir_.Path() / "master-state" / "memory-overload.json";
+    const std::string good = kit::TextOfFile(file);
+    for (const std::string &text : {std::string(), good.substr(0, good.size() / 2), With(good, "700", "701")}) {
+        SCOPED_TRACE(text);
+        std::ofstream(file) << text;
+        StartMaster();
+        EXPECT_TRUE(MasterLogged("set aside as memory-overload.json.damaged"));
+        EXPECT_EQ(kit::TextOfFile(file.string() + ".damaged"), text);
+        EXPECT_EQ(MemoryConfig()->uiValue1, 910) << "as in the file";
+        EXPECT_EQ(MemoryConfig()->uiValue3, 0);
+        EXPECT_EQ(master_->Stop(), 0);
+    }
+    master_.reset();
+}
+
+TEST_F(MasterTest, RefusesAChangeThatItCannotKeep) {
+    EXPECT_EQ(master_->Stop(), 0);
+    const kit::SmallDisk disk(dir_.Path() / "master-state", "64k");
+    StartMaster(); // which sees the disk
+    if (!disk.Mounted()) {
+        GTEST_SKIP() << "may not mount";
+    }
+    ASSERT_EQ(ChangeMemory(700, 600), 0);
+    disk.Fill();
+    EXPECT_EQ(ChangeMemory(750, 600), ENOSPC);
+    EXPECT_EQ(MemoryConfig()->uiValue1, 700);
+    EXPECT_EQ(master_->Stop(), 0);
+    StartMaster();
+    EXPECT_EQ(MemoryConfig()->uiValue1, 700);
 }
 
 TEST_F(MasterTest, ChecksItsConfiguration) {
