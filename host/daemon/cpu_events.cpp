@@ -7,6 +7,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/health_settings.h"
 #include "host/daemon/pressure.h"
+#include "host/daemon/rates.h"
 #include "host/daemon/values.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
@@ -30,11 +31,7 @@ const CpuTicks *TicksOf(const Sample &sample, uint32_t cpu) {
 // How far a CPU was busy between two samples; 0 for one that has just come up.
 uint32_t UsePermille(const Sample &before, const CpuSample &cpu) {
     const CpuTicks *const start = TicksOf(before, cpu.id);
-    if (start == nullptr || cpu.ticks.Total() <= start->Total() || cpu.ticks.Busy() < start->Busy()) {
-        return 0;
-    }
-    const uint64_t busy = cpu.ticks.Busy() - start->Busy();
-    return static_cast<uint32_t>(std::min<uint64_t>(busy * 1000 / (cpu.ticks.Total() - start->Total()), 1000));
+    return start == nullptr ? 0 : BusyPermille(*start, cpu.ticks);
 }
 
 struct ThreadRun {
@@ -130,6 +127,7 @@ void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest
         return;
     }
     event.begin = busy.since->system.time;
+    event.last = latest->system.at;
     event.cpu = cpu.id;
     event.usePermille = UsePermille(*busy.since, cpu);
     event.pressurePermille = PressureNow();
@@ -189,10 +187,10 @@ Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
 
 void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
     std::vector<CpuEvent> events = TheCpuEvents().List();
-    const auto now = std::chrono::system_clock::now();
+    const auto now = std::chrono::steady_clock::now();
     std::erase_if(events, [&](const CpuEvent &event) {
         return (request.uiValue1 != 0 && event.pid != request.uiValue1) ||
-               (request.uiValue2 != 0 && event.begin + event.duration + std::chrono::seconds(request.uiValue2) < now);
+               (request.uiValue2 != 0 && now - event.last > std::chrono::seconds(request.uiValue2));
     });
     if (request.uiValue3 != 0 && events.size() > request.uiValue3) {
         events.erase(events.begin(), events.end() - request.uiValue3);

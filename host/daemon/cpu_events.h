@@ -15,6 +15,7 @@ namespace tarnd {
 
 struct CpuEvent {
     std::chrono::system_clock::time_point begin;
+    std::chrono::steady_clock::time_point last; // when it was seen to last
     std::chrono::milliseconds duration{0};
     uint32_t cpu = 0;
     uint32_t usePermille = 0;

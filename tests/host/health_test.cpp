@@ -12,6 +12,7 @@ TARN_UNIT()
 #include "host/daemon/values.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
+#include "tests/host/small_disk.h"
 
 namespace {
 
@@ -123,6 +124,78 @@ TEST_F(HealthTest, ReadsThePressure) {
         EXPECT_GE(Percent(item.text), std::min(before, after) - 1) << item.text;
         EXPECT_LE(Percent(item.text), std::max(before, after) + 1) << item.text;
     }
+}
+
+// A file system of the test's own in the place of the kernel's files.
+class PressureTest : public HealthTest {
+protected:
+    void SetUp() override {
+        if (!std::filesystem::exists("/proc/pressure")) {
+            GTEST_SKIP() << "this kernel has none";
+        }
+        for (const char *const directory : {"/proc/pressure", "/sys/fs/cgroup"}) {
+            disks_.push_back(std::make_unique<kit::SmallDisk>(directory, "64k"));
+            if (!disks_.back()->Mounted()) {
+                GTEST_SKIP() << "may not mount";
+            }
+        }
+        HealthTest::SetUp();
+    }
+    std::vector<std::unique_ptr<kit::SmallDisk>> disks_;
+};
+
+TEST_F(PressureTest, IsUnknownWithoutTheKernelsFiles) {
+    for (const char *const resource : {"cpu pressure", "memory pressure", "io pressure"}) {
+        EXPECT_EQ(Find(resource).level, TARND_HEALTH_UNKNOWN);
+        EXPECT_NE(Find(resource).text.find("/proc/pressure/"), std::string::npos) << Find(resource).text;
+        EXPECT_NE(Find(resource).text.find("No such file"), std::string::npos) << Find(resource).text;
+    }
+    EXPECT_LT(Get()->uiValue1, TARND_HEALTH_UNKNOWN) << "the worst of what is known";
+    EXPECT_NE(Find("memory").level, TARND_HEALTH_UNKNOWN) << "the other items are as ever";
+}
+
+TEST_F(PressureTest, IsWhatTheKernelsFilesSay) {
+    const auto write = [](const std::string &path, const std::string &text) { std::ofstream(path) << text; };
+    write("/proc/pressure/cpu", "some avg10=29.99 avg60=1.00 avg300=0.50 total=1\nfull avg10=99.00\n");
+    write("/proc/pressure/memory", "some avg10=10.00 avg60=0.00\n");
+    write("/proc/pressure/io", "full avg10=1.00\n");
+    EXPECT_EQ(Find("cpu pressure").text.substr(0, 6), "30.0 %");
+    EXPECT_EQ(Find("cpu pressure").level, TARN_AGENT_HEALTH_DEGRADED) << "at the limit";
+    EXPECT_EQ(Find("memory pressure").text.substr(0, 6), "10.0 %");
+    write("/proc/pressure/memory", "some avg10=55.00\n");
+    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_BAD) << "from the middle to the whole";
+    EXPECT_EQ(Find("io pressure").level, TARND_HEALTH_UNKNOWN) << "no line for some";
+    write("/sys/fs/cgroup/cpu.pressure", "some avg10=1.20\n");
+    std::filesystem::remove("/proc/pressure/cpu");
+    EXPECT_EQ(Find("cpu pressure").text.substr(0, 5), "1.2 %") << "the root group's";
+}
+
+TEST_F(HealthTest, TellsThatADiskIsFull) {
+    EXPECT_EQ(daemon_->Stop(), 0);
+    const kit::SmallDisk disk(logs_, "256k,nr_inodes=20");
+    StartDaemon(); // which sees the disk
+    if (!disk.Mounted()) {
+        GTEST_SKIP() << "may not mount";
+    }
+    const std::string name = "disk " + logs_.string();
+    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_GOOD) << Find(name).text;
+    disk.Fill();
+    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_TRUE(Find(name).text.starts_with("100.0 % of the space in use, 0 MiB free")) << Find(name).text;
+    EXPECT_EQ(Get(TARND_HEALTH_DISK)->uiValue1, TARN_AGENT_HEALTH_BAD);
+    disk.Empty();
+    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_GOOD) << Find(name).text;
+    for (int i = 0; std::ofstream(logs_ / std::to_string(i)).is_open(); ++i) {
+    }
+    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_TRUE(Find(name).text.starts_with("100.0 % of the number of files in use")) << Find(name).text;
+}
+
+TEST_F(HealthTest, TellsThatADirectoryIsGone) {
+    std::filesystem::remove_all(logs_);
+    const Item disk = Find("disk " + logs_.string());
+    EXPECT_EQ(disk.level, TARND_HEALTH_UNKNOWN);
+    EXPECT_NE(disk.text.find("No such file or directory"), std::string::npos) << disk.text;
 }
 
 TEST_F(HealthTest, FollowsSwitchesAndLimits) {
@@ -274,9 +347,9 @@ TEST_F(HealthTest, TellsSubscribersOfAResource) {
 }
 
 TEST_F(HealthTest, RecordsThatACpuIsBusy) {
-    const auto events = [&](uint32_t pid, uint32_t most = 0) {
+    const auto events = [&](uint32_t pid, uint32_t most = 0, uint32_t seconds = 0) {
         return Call<Tarn_sys_diag_PadsCpuEventResult>("TarnPadsGetCpuEventByTarnd",
-                                                      Tarn_sys_diag_PadsCpuEventInput{pid, 0, most});
+                                                      Tarn_sys_diag_PadsCpuEventInput{pid, seconds, most});
     };
     Switch(TARND_HEALTH_ONE_CPU, 1, 300);
     Switch(TARND_HEALTH_CPU_TIME, 1, 500);
@@ -318,6 +391,9 @@ TEST_F(HealthTest, RecordsThatACpuIsBusy) {
         std::this_thread::sleep_for(1s);
         return duration() == before;
     })) << "nothing is looked at";
+    EXPECT_TRUE(kit::Eventually([&] { return events(subject.Pid(), 0, 1)->uiEventNum == 0; })) << "in the last second";
+    EXPECT_GE(events(subject.Pid(), 0, 3600)->uiEventNum, 1);
+    EXPECT_GE(events(subject.Pid(), 0, UINT32_MAX)->uiEventNum, 1);
 }
 
 } // namespace
