@@ -48,7 +48,9 @@ protected:
     uint16_t YearOfTheClock() {
         Tarn_sys_diag_PositionStr request{};
         kit::Set(request.acPosition1, std::to_string(daemon_->Pid()));
-        return Call<Tarn_sys_diag_SysMemStatisProResult>("GetSysMemStatisPro", request)->pstRecord[0].stStartTime.usYear;
+        return Call<Tarn_sys_diag_SysMemStatisProResult>("GetSysMemStatisPro", request)
+            ->pstRecord[0]
+            .stStartTime.usYear;
     }
     std::string LoadHealth() {
         const auto answer = Call<Tarn_sys_diag_PadsSystemHealthResult>(
@@ -151,7 +153,8 @@ TEST_F(StateTest, OutlivesTheDaemon) {
     ExpectAll(1);
     for (const auto &entry : std::filesystem::directory_iterator(state_)) {
         const std::string stem = entry.path().stem();
-        EXPECT_TRUE(std::any_of(documents_.begin(), documents_.end(), [&](const Document &d) { return d.name == stem; }))
+        EXPECT_TRUE(
+            std::any_of(documents_.begin(), documents_.end(), [&](const Document &d) { return d.name == stem; }))
             << entry.path() << " is none of the documents here";
     }
 }
@@ -166,7 +169,11 @@ TEST_F(StateTest, IsSetAsideWhenItIsDamaged) {
              return text;
          }},
         {"empty", [](const std::string &) { return ""; }},
-        {"garbage", [](const std::string &) { return "\x7F" "ELF\xFF"; }},
+        {"garbage",
+         [](const std::string &) {
+             return "\x7F"
+                    "ELF\xFF";
+         }},
         {"another", [](const std::string &) { return "{\"document\": \"none\", \"version\": 1, \"content\": {}}"; }},
     };
     EXPECT_EQ(daemon_->Stop(), 0);
