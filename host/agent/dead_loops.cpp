@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 #include "host/agent/methods.h"
@@ -72,16 +71,25 @@ milliseconds DeadLoops::CheckAll() {
     if (!config.on) {
         return config.period;
     }
-    std::set<uint32_t> present;
+    std::set<uint32_t> ended = Known(); // before the threads are read: one that asks to be watched meanwhile has not
     for (const host::procfs::Task &task : host::procfs::ReadThreads(Pid())) {
-        present.insert(task.id);
+        ended.erase(task.id);
         if (config.cpus.empty() || std::count(config.cpus.begin(), config.cpus.end(), task.lastCpu) != 0) {
             host::procfs::SkipEnded([&] { Check(task.id, task.name); });
         }
     }
     const std::lock_guard lock(mutex_);
-    std::erase_if(threads_, [&](const auto &entry) { return present.count(entry.first) == 0; });
+    std::erase_if(threads_, [&](const auto &entry) { return ended.count(entry.first) != 0; });
     return config.period;
+}
+
+std::set<uint32_t> DeadLoops::Known() const {
+    const std::lock_guard lock(mutex_);
+    std::set<uint32_t> tids;
+    for (const auto &[tid, thread] : threads_) {
+        tids.insert(tid);
+    }
+    return tids;
 }
 
 // A thread that is ready to run but waits for a CPU has no break either.

@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,7 @@ public:
 private:
     std::chrono::milliseconds CheckAll();
     void Check(uint32_t tid, const std::string &name);
+    std::set<uint32_t> Known() const;
 
     mutable std::mutex mutex_;
     Config config_;

@@ -118,8 +118,11 @@ TEST_F(RuleTest, EndsInTime) {
     drop.uiValue8 = 1;
     EXPECT_EQ(Update(drop), 0);
     EXPECT_EQ(Rules()->uiRuleNum, 1);
+    auto pass = Rule(2, 2, TARN_AGENT_RULE_PASS);
+    EXPECT_EQ(Update(pass), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return Rules(2)->pstRule[0].uiAgeSec >= 1; }));
     EXPECT_TRUE(kit::Eventually([] { return Passes(1, "x"); }));
-    EXPECT_EQ(Rules()->uiRuleNum, 0);
+    EXPECT_EQ(Rules()->uiRuleNum, 1) << "the other one";
 }
 
 TEST_F(RuleTest, RefusesWhatMakesNoSense) {
@@ -282,6 +285,34 @@ TEST_F(DeadLoopTest, FindsTheThreadThatSpins) {
     spinning.join();
     left.join();
     EXPECT_EQ(Config(tid)->uiResult, ESRCH);
+}
+
+// Whether or not the watchdog is just looking at the threads.
+TEST_F(DeadLoopTest, WatchesEachThreadThatAsksForIt) {
+    ASSERT_EQ(Configure(10, 1000), 0);
+    std::atomic<bool> stop = false;
+    std::atomic<size_t> asked = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 100; ++i) {
+        threads.emplace_back([&] {
+            EXPECT_EQ(TarnAgent_WatchThread(4321), 0);
+            ++asked;
+            while (!stop) {
+                std::this_thread::sleep_for(10ms);
+            }
+        });
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_TRUE(kit::Eventually([&] { return asked == threads.size(); }));
+    std::this_thread::sleep_for(100ms); // looked at again
+    const auto config = Config();
+    EXPECT_EQ(std::count_if(config->pstThread, config->pstThread + config->uiThreadNum,
+                            [](const Tarn_sys_diag_DeadLoopThreadCfg &thread) { return thread.uiLimitMs == 4321; }),
+              threads.size());
+    stop = true;
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
 }
 
 TEST_F(DeadLoopTest, ChecksItsConfiguration) {
