@@ -265,8 +265,12 @@ TEST_F(MasterTest, AnswersFromItsConfiguration) {
     EXPECT_EQ(update->uiValue3, 3);
     const auto process = Ask<Tarn_sys_diag_MKCfgInfoOutput>("SysdiagGetMKCfgInfo");
     EXPECT_EQ(std::string(process->acCfgInfo), "what whoever asks is told");
+    EXPECT_EQ(process->uiValue1, 1);
+    EXPECT_EQ(process->uiValue2, 3);
     EXPECT_EQ(process->uiValue3, 30);
-    EXPECT_EQ(Ask<Tarn_sys_diag_DimTimeCfg>("SysdiagGetDimCfgInfo")->ucValue2, 30);
+    const auto measurement = Ask<Tarn_sys_diag_DimTimeCfg>("SysdiagGetDimCfgInfo");
+    EXPECT_EQ(measurement->ucValue1, 3);
+    EXPECT_EQ(measurement->ucValue2, 30);
     EXPECT_EQ(Ask<Tarn_sys_diag_DimWorkModeCfg>("SysdiagGetDimWorkMode")->uiWorkMode, 2);
 }
 
@@ -456,10 +460,10 @@ TEST_F(MasterTest, RefusesOptionsInTheWordsOfTheDaemon) {
     for (const Case &c : std::vector<Case>{
              {{"--policy", policy}, 1, policy.string() + ":1: \"everybody\", expected anyone, nobody, "},
              {{"--policy", "/no/such/file"}, 1, "/no/such/file: No such file or directory, expected a policy file"},
-             {{"--limit", "requests=none"}, 1, "limit requests: \"none\", expected a number from 1 to "},
-             {{"--limit", "requests"}, 1, "limit requests: \"\", expected a number from 1 to "},
-             {{"--limit", "request=1"}, 1, "limit \"request\", expected NAME=VALUE with one of message_bytes, "},
-             {{"--log-level", "loud"}, 105, "--log-level"},
+             {{"--limit", "requests=none"}, 2, "limit requests: \"none\", expected a number from 1 to "},
+             {{"--limit", "requests"}, 2, "limit requests: \"\", expected a number from 1 to "},
+             {{"--limit", "request=1"}, 2, "limit \"request\", expected NAME=VALUE with one of message_bytes, "},
+             {{"--log-level", "loud"}, 2, "--log-level"},
          }) {
         for (std::vector<std::string> command : {std::vector<std::string>{TARN_MASTER, file_, "--check"},
                                                  {TARND, "--run-dir", dir_.Path(), "--log-dir", logs_}}) {
