@@ -12,17 +12,11 @@
 #include <thread>
 #include <vector>
 
+#include "host/daemon/crossing.h"
 #include "host/daemon/rates.h"
 #include "host/daemon/sampler.h"
 
 namespace tarnd {
-
-// Shares in permille: of all CPUs for the system, of one CPU for a process.
-struct Thresholds {
-    uint32_t over = 0;    // an overload begins at this; 0: none does
-    uint32_t recover = 0; // and ends below this
-    uint32_t seconds = 0; // that the use must last
-};
 
 struct OverloadThread {
     uint32_t tid = 0;
@@ -40,22 +34,6 @@ struct Overload {
     uint32_t systemPermille = 0;
     uint32_t processPermille = 0;
     std::vector<OverloadThread> threads; // the busiest first
-};
-
-// Follows a share over the samples.
-class Crossing {
-public:
-    enum class Event { kNone, kBegins, kEnds };
-    Event Follow(uint32_t permille, const Thresholds &thresholds, const SamplePtr &previous, const SamplePtr &latest);
-
-    bool Over() const { return over_; }
-    const SamplePtr &Since() const { return since_; } // the sample before the first that was over
-
-    std::shared_ptr<Overload> record; // of the overload that lasts
-
-private:
-    SamplePtr since_;
-    bool over_ = false;
 };
 
 struct WatchedThread {

@@ -137,7 +137,9 @@ TEST_F(AgentMemoryTest, TellsWhatHandlesHold) {
     ASSERT_EQ(handles->uiHandleNum, 2);
     EXPECT_EQ(handles->pstHandle[1].uiValue, second_);
     EXPECT_EQ(handles->pstHandle[1].ullValue, 1000);
+    EXPECT_EQ(handles->uiValue1, 2);
     EXPECT_EQ(handles->uiValue2, 1);
+    EXPECT_EQ(handles->uiValue3, Damage(TARN_AGENT_DAMAGE_BLOCKS).number);
 }
 
 TEST_F(AgentMemoryTest, TellsThePartitionsState) {

@@ -407,6 +407,9 @@ TEST_F(CpuTest, WatchesAProcess) {
     ASSERT_NE(burner, nullptr);
     EXPECT_GE(burner->uiValue3, 100);
     EXPECT_GE(burner->uiValue7, 1);
+    EXPECT_LE(burner->uiValue2, burner->uiValue3);
+    EXPECT_EQ(burner->ucValue5, 'R');
+    EXPECT_TRUE(kit::Eventually([&] { return watched(subject.Pid())->pstThread[0].ucValue6 == 1; })) << "it is over";
     EXPECT_NEAR(burner->uiValue4, static_cast<double>(kit::CpuClock(subject.Pid()).Used().count()) / 1e6, 1000);
 
     // Stopped, it is not over its threshold any more.

@@ -7,6 +7,7 @@ TARN_UNIT()
 
 #include <atomic>
 #include <cmath>
+#include <numeric>
 
 #include "host/agent/values.h"
 #include "host/daemon/values.h"
@@ -80,7 +81,22 @@ double MemoryUse() {
     return 100 - field("MemAvailable:") * 100 / field("MemTotal:");
 }
 
+// Busy and total ticks of all CPUs.
+std::pair<double, double> BusyAndTotal() {
+    double ticks[8] = {};
+    EXPECT_EQ(sscanf(kit::TextOfFile("/proc/stat").c_str(), "cpu %lf %lf %lf %lf %lf %lf %lf %lf", &ticks[0], &ticks[1],
+                     &ticks[2], &ticks[3], &ticks[4], &ticks[5], &ticks[6], &ticks[7]),
+              8);
+    const double idle = ticks[3] + ticks[4], total = std::accumulate(std::begin(ticks), std::end(ticks), 0.0);
+    return {total - idle, total};
+}
+
 TEST_F(HealthTest, TellsHowTheSystemIs) {
+    const auto [busyBefore, totalBefore] = BusyAndTotal();
+    std::this_thread::sleep_for(3s);
+    const double cpu = Percent(Find("cpu").text); // of the time since the daemon's start, little before
+    const auto [busy, total] = BusyAndTotal();
+    EXPECT_NEAR(cpu, (busy - busyBefore) * 100 / (total - totalBefore), 20);
     EXPECT_NEAR(Percent(Find("memory").text), MemoryUse(), 5);
     double load = 0;
     ASSERT_EQ(sscanf(kit::TextOfFile("/proc/loadavg").c_str(), "%lf", &load), 1);

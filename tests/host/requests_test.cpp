@@ -65,9 +65,8 @@ protected:
             dir_.Path(), std::vector<std::string>{TARN_MASTER, dir_.Path() / "master.conf", "--run-dir", dir_.Path()});
         agent_ = std::make_unique<kit::Process>(
             dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "asked", "--run-dir", dir_.Path()});
-        ASSERT_TRUE(kit::Eventually([&] {
-            return client_.Knows("TarnSysdiagMaster", 0) && client_.Knows("TarnSysdiagAgent", agent_->Pid());
-        }));
+        ASSERT_TRUE(kit::Eventually(
+            [&] { return client_.Knows("TarnSysdiagMaster", 0) && client_.Knows("TarnSysdiagAgent", agent_->Pid()); }));
     }
     void TearDown() override {
         EXPECT_EQ(agent_->Stop(), 0) << agent_->Err();
@@ -78,7 +77,8 @@ protected:
     void Ask(const Method &method, const std::vector<uint8_t> &request) {
         const uint32_t pid = std::string_view(method.service) == "TarnSysdiagAgent" ? agent_->Pid() : 0;
         if (method.response == nullptr) {
-            EXPECT_EQ(client_.Oneway({method.service, pid, method.name, method.request->hash, request, 20s}).errCode, 0);
+            EXPECT_EQ(client_.Oneway({method.service, pid, method.name, method.request->hash, request, 20s}).errCode,
+                      0);
             return;
         }
         const host::CallOutcome outcome =
@@ -121,14 +121,15 @@ TEST_F(RequestsTest, AreAnsweredWhateverIsInThem) {
         {"ones", [](uint32_t) { return 1; }, "", 0},
         {"twos", [](uint32_t) { return 2; }, "[!*", 3},
         {"the test's process", [=](uint32_t width) { return own & host::describe::MaxScalar(width); }, "%n%s{}", 50},
-        {"the agent's process",
-         [this](uint32_t width) { return agent_->Pid() & host::describe::MaxScalar(width); }, "threads\n", 8},
+        {"the agent's process", [this](uint32_t width) { return agent_->Pid() & host::describe::MaxScalar(width); },
+         "threads\n", 8},
     };
     size_t asked = 0;
     for (const Filling &filling : fillings) {
         for (const Method &method : host::describe::Methods()) {
             SCOPED_TRACE(std::string(method.name) + ", " + filling.name);
-            Ask(method, host::describe::Encode(host::describe::FromJson(*method.request, Filled(*method.request, filling))));
+            Ask(method,
+                host::describe::Encode(host::describe::FromJson(*method.request, Filled(*method.request, filling))));
             ++asked;
         }
     }
