@@ -9,6 +9,7 @@
 #include "host/daemon/overload.h"
 #include "host/daemon/peaks.h"
 #include "host/daemon/rates.h"
+#include "host/daemon/resources.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/users.h"
 #include "host/daemon/values.h"
@@ -248,11 +249,6 @@ std::vector<Tarn_sys_diag_MultiCpuUsage> MeasureCpus() {
     return cpus;
 }
 
-uint32_t BusyOver(std::chrono::nanoseconds interval) {
-    const Sampler::Window window = TheSampler().Last(interval);
-    return BusyPermille(window.from->system.cpu, window.to->system.cpu);
-}
-
 uint32_t LoadAverage() {
     double load = 0;
     if (getloadavg(&load, 1) != 1) {
@@ -332,8 +328,8 @@ uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInf
 uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx, [](auto &reply) {
         host::CopyText(reply.acName, "cpu");
-        reply.uiValue1 = tarnd::BusyOver({});
-        reply.uiValue2 = tarnd::BusyOver(std::chrono::minutes(1));
+        reply.uiValue1 = tarnd::CpuUsePermille({});
+        reply.uiValue2 = tarnd::CpuUsePermille(std::chrono::minutes(1));
         reply.uiValue3 = tarnd::TheCpuPeaks().OfSystem().permille;
         reply.uiValue4 = tarnd::LoadAverage();
     });

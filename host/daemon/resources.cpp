@@ -10,6 +10,7 @@
 #include "host/daemon/courier.h"
 #include "host/daemon/health_settings.h"
 #include "host/daemon/memory_overload.h"
+#include "host/daemon/rates.h"
 #include "host/daemon/relay.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/subscriptions.h"
@@ -80,11 +81,8 @@ void Look() {
 } // namespace
 
 uint32_t CpuUsePermille(std::chrono::nanoseconds interval) {
-    const CpuTicks before = TheSampler().Before(interval)->system.cpu;
-    const CpuTicks now = TheSampler().Latest()->system.cpu;
-    const uint64_t total = now.Total() - std::min(before.Total(), now.Total());
-    const uint64_t busy = now.Busy() - std::min(before.Busy(), now.Busy());
-    return total == 0 ? 0 : static_cast<uint32_t>(std::min<uint64_t>(busy * 1000 / total, 1000));
+    const Sampler::Window window = TheSampler().Last(interval);
+    return BusyPermille(window.from->system.cpu, window.to->system.cpu);
 }
 
 uint32_t DescriptorUsePermille() {
