@@ -97,7 +97,7 @@ protected:
 // The threads that the subject says it has.
 class Subject : public Process {
 public:
-    explicit Subject(const TempDir &dir) : Subject(dir, {SUBJECT}, 2) {
+    explicit Subject(const TempDir &dir) : Subject(dir, std::vector<std::string>{SUBJECT}, 2) {
         // Its burner runs whatever else the machine does, where that is allowed.
         burnerNice = setpriority(PRIO_PROCESS, tids["burner"], -15) == 0 ? -15 : 0;
     }
