@@ -237,28 +237,38 @@ void Measurement::Run(const std::stop_token &stop) {
     StandBack();
     std::unique_lock lock(mutex_);
     while (wake_.wait(lock, stop, [this] { return !jobs_.empty(); })) {
-        const Job job = jobs_.front(); // stays there while it runs
+        const std::vector<Job> jobs = FirstAlike(); // stay there while they are done
         lock.unlock();
-        const uint32_t error = host::Run("measurement", [&] { Work(job, stop); });
+        const uint32_t error = host::Run("measurement", [&] { Work(jobs, stop); });
         lock.lock();
         if (error != 0) {
             state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
         }
-        jobs_.pop_front();
-        if (job.replyCtx != nullptr) {
-            lock.unlock();
-            host::Answer<Tarn_sys_diag_Result>("TarnSetDimOpration", job.replyCtx,
-                                               [&](auto &reply) { reply.uiResult = error; });
-            lock.lock();
+        jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
+        lock.unlock();
+        for (const Job &job : jobs) {
+            if (job.replyCtx != nullptr) {
+                host::Answer<Tarn_sys_diag_Result>("TarnSetDimOpration", job.replyCtx, [&](auto &reply) {
+                    reply.uiResult = error != 0 ? error : WhyUnwanted(job);
+                });
+            }
         }
+        lock.lock();
     }
 }
 
-void Measurement::Work(const Job &job, const std::stop_token &stop) {
+// Those at the head of the queue that one pass over the files answers: however many ask, none waits for more than the
+// pass under way and its own.
+std::vector<Measurement::Job> Measurement::FirstAlike() const {
+    const auto other = [this](const Job &job) { return job.kind != jobs_.front().kind; };
+    return {jobs_.begin(), std::find_if(jobs_.begin(), jobs_.end(), other)};
+}
+
+void Measurement::Work(const std::vector<Job> &jobs, const std::stop_token &stop) {
     const auto start = std::chrono::steady_clock::now();
     const uint64_t bytes = digests_->BytesRead();
-    const Survey survey = SurveyFiles(*digests_, [&] { Check(job, stop); });
-    if (job.kind == Kind::kRecord) {
+    const Survey survey = SurveyFiles(*digests_, [&] { Check(jobs, stop); });
+    if (jobs.front().kind == Kind::kRecord) {
         Record(survey);
     } else {
         Compare(survey);
@@ -269,16 +279,24 @@ void Measurement::Work(const Job &job, const std::stop_token &stop) {
                      static_cast<double>(digests_->BytesRead() - bytes) / 1e6);
 }
 
-// Gives up a job that nobody wants any more.
-void Measurement::Check(const Job &job, const std::stop_token &stop) const {
+// Gives up jobs of which nobody wants any any more.
+void Measurement::Check(const std::vector<Job> &jobs, const std::stop_token &stop) const {
     if (stop.stop_requested()) {
         host::Fail(ESHUTDOWN, "measurement");
     }
-    const uint32_t unwanted = job.replyCtx == nullptr ? 0 : TarnHost_Cancelled(job.replyCtx);
-    if (job.number <= cancelledJob_ || unwanted != 0) {
-        host::Fail(unwanted == ETIMEDOUT || unwanted == ESHUTDOWN ? static_cast<int>(unwanted) : ECANCELED,
-                   "measurement");
+    const auto unwanted = [this](const Job &job) { return WhyUnwanted(job) != 0; };
+    if (std::all_of(jobs.begin(), jobs.end(), unwanted)) {
+        host::Fail(static_cast<int>(WhyUnwanted(jobs.back())), "measurement");
     }
+}
+
+// 0 when it is wanted.
+uint32_t Measurement::WhyUnwanted(const Job &job) const {
+    const uint32_t unwanted = job.replyCtx == nullptr ? 0 : TarnHost_Cancelled(job.replyCtx);
+    if (unwanted == ETIMEDOUT || unwanted == ESHUTDOWN) {
+        return unwanted;
+    }
+    return unwanted != 0 || job.number <= cancelledJob_ ? uint32_t{ECANCELED} : 0;
 }
 
 void Measurement::Record(const Survey &survey) {

@@ -66,8 +66,10 @@ private:
     void Enqueue(Kind kind, void *replyCtx);
 
     void Run(const std::stop_token &stop);
-    void Work(const Job &job, const std::stop_token &stop);
-    void Check(const Job &job, const std::stop_token &stop) const;
+    std::vector<Job> FirstAlike() const;
+    void Work(const std::vector<Job> &jobs, const std::stop_token &stop);
+    void Check(const std::vector<Job> &jobs, const std::stop_token &stop) const;
+    uint32_t WhyUnwanted(const Job &job) const;
     void Record(const Survey &survey);
     void Compare(const Survey &survey);
     void Learn(const Survey &survey, const std::vector<std::string> &added);

@@ -6,6 +6,8 @@ TARN_UNIT()
 #include "types/master.h"
 #include "types/tarnd.h"
 
+#include <future>
+
 #include "host/daemon/values.h"
 #include "tests/host/daemon_kit.h"
 
@@ -182,6 +184,23 @@ TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
     EXPECT_TRUE(Logged("ucValue2 is 60"));
     SetMode(3);
     EXPECT_TRUE(Logged("uiWorkMode is 3"));
+}
+
+class PacedMeasurementTest : public MeasurementTest {
+protected:
+    PacedMeasurementTest() { rateMb_ = 40; } // seconds for the first pass, nothing for those after it
+};
+
+TEST_F(PacedMeasurementTest, AnswersAllThatWaitWithOnePass) {
+    ASSERT_EQ(Operate(TARND_DIM_START), 0);
+    std::vector<std::future<uint32_t>> waiting;
+    for (int i = 0; i < 12; ++i) {
+        waiting.push_back(std::async(std::launch::async, [this] { return Operate(TARND_DIM_MEASURE); }));
+    }
+    for (std::future<uint32_t> &one : waiting) {
+        EXPECT_EQ(one.get(), 0);
+    }
+    EXPECT_LE(Count("MB read)"), 4) << "two, or a few more where a call came late";
 }
 
 class SlowMeasurementTest : public MeasurementTest {
