@@ -438,7 +438,8 @@ TEST_F(CtlCall, WithoutStandardStreamsWritesNowhere) {
     EXPECT_EQ(Run("call PidIsOnline >&- <&-"), 1);
     EXPECT_EQ(error_, "tarnctl: cannot write to standard output\n");
     EXPECT_EQ(Run("stats --json"), 0);
-    for (const auto &reason : Json::parse(out_)["refused"]) {
+    const auto status = Json::parse(out_);
+    for (const auto &reason : status["refused"]) {
         EXPECT_EQ(reason["value"], 0) << reason;
     }
 }
