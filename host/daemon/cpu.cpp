@@ -63,7 +63,8 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpu
     const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - sample->system.at;
     const ProcessSample *const before = sample->Find(now);
     if (before != nullptr && before->threads == nullptr) {
-        throw std::system_error(ENODATA, std::generic_category(), "the threads of the process were not sampled");
+        const int error = before->threadsError == 0 ? ENODATA : before->threadsError;
+        throw std::system_error(error, std::generic_category(), "the threads of the process were not sampled");
     }
     std::vector<ThreadUse> uses = ThreadUses(before, now);
     const uint64_t whole = static_cast<uint64_t>(elapsed.count()) * cpuNum;

@@ -70,16 +70,18 @@ ProcessSample ProcessOf(const pids_stack *stack) {
     return process;
 }
 
-std::shared_ptr<const std::vector<ThreadTimes>> ReadThreadTimes(uint32_t pid) {
+void ReadThreadTimes(ProcessSample &process) {
     auto threads = std::make_shared<std::vector<ThreadTimes>>();
     try {
-        for (const uint32_t tid : host::procfs::ThreadIds(pid)) {
-            host::procfs::SkipEnded([&] { threads->push_back({tid, host::procfs::ReadSchedulerCount(pid, tid)}); });
+        for (const uint32_t tid : host::procfs::ThreadIds(process.pid)) {
+            host::procfs::SkipEnded([&] {
+                threads->push_back({tid, host::procfs::ReadSchedulerCount(process.pid, tid)});
+            });
         }
-    } catch (const std::system_error &) {
-        return nullptr; // ended meanwhile, or not ours to see
+        process.threads = std::move(threads);
+    } catch (const std::system_error &error) { // ended meanwhile, not ours to see, or no descriptor is left
+        process.threadsError = error.code().value();
     }
-    return threads;
 }
 
 } // namespace
@@ -178,9 +180,13 @@ void SampleReader::ReadProcesses(Sample &sample, const Sample *previous) {
         }
         threadNum += process.threadNum;
         const ProcessSample *const before = previous == nullptr ? nullptr : previous->Find(process);
-        const bool idle =
-            before != nullptr && before->cpuTicks == process.cpuTicks && before->threadNum == process.threadNum;
-        process.threads = idle ? before->threads : ReadThreadTimes(process.pid);
+        const bool idle = before != nullptr && before->threads != nullptr && before->cpuTicks == process.cpuTicks &&
+                          before->threadNum == process.threadNum;
+        if (idle) {
+            process.threads = before->threads;
+        } else {
+            ReadThreadTimes(process);
+        }
     }
     if (many && !handles_->toldOfMany) {
         host::Log().warn("more processes or threads than are sampled: {} and {}", kMaxSampledProcesses,

@@ -55,8 +55,9 @@ struct ProcessSample {
     char state = 0; // as procfs::Task has it
     std::string name;
     // In rising order of the ids. Read again only when the process has used CPU time, so a thread may have run for
-    // less than a tick more than is told here. Null where the threads could not be read.
+    // less than a tick more than is told here. Null where the threads could not be read, or there are too many.
     std::shared_ptr<const std::vector<ThreadTimes>> threads;
+    int threadsError = 0; // of the system, when it refused
 };
 
 // What is kept for longest.

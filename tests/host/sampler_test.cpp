@@ -94,6 +94,29 @@ TEST_F(SamplerTest, FollowsTheThreadsOfAProcess) {
     EXPECT_NEAR(static_cast<double>(uses[0].usedNs), ticksNs, 50e6);
 }
 
+// Once there was no descriptor left for the threads of a process that has done nothing since.
+TEST(SampleReader, ReadsThreadsAgainThatItCouldNotRead) {
+    const kit::TempDir dir;
+    const kit::Process idle(dir.Path(), {"/bin/sleep", "1000"});
+    tarnd::SampleReader reader;
+    tarnd::Sample sample;
+    ASSERT_TRUE(kit::Eventually([&] { // until it sleeps
+        const auto before = reader.Read(nullptr);
+        std::this_thread::sleep_for(50ms);
+        sample = *reader.Read(nullptr);
+        const tarnd::ProcessSample *const process = before->Find(idle.Pid());
+        return process != nullptr && process->name == "sleep" && process->cpuTicks == sample.Find(idle.Pid())->cpuTicks;
+    }));
+    const auto found = std::find_if(sample.processes.begin(), sample.processes.end(),
+                                    [&](const auto &process) { return process.pid == idle.Pid(); });
+    found->threads = nullptr;
+    found->threadsError = EMFILE;
+    const auto after = reader.Read(&sample);
+    const tarnd::ProcessSample *const now = after->Find(idle.Pid());
+    EXPECT_NE(now->threads, nullptr);
+    EXPECT_EQ(now->threadsError, 0);
+}
+
 tarnd::ProcessSample MakeProcess(uint64_t start, uint64_t ticks, std::vector<tarnd::ThreadTimes> threads) {
     tarnd::ProcessSample process;
     process.pid = 7;
