@@ -17,6 +17,11 @@ const bool kHasTags = false;
 #define CLIB(function) function
 const bool kHasTags = true;
 #endif
+#ifdef TEST_OPTIMISED_COPY
+const bool kHasOptimisedCopy = true;
+#else
+const bool kHasOptimisedCopy = false;
+#endif
 
 void Trace::Clear() {
     log.clear();

@@ -28,6 +28,8 @@ struct MemRequest {
 
 // Whether allocations and releases carry tags, and releases of null can be seen.
 extern const bool kHasTags;
+// Whether it has a copy for large blocks.
+extern const bool kHasOptimisedCopy;
 
 struct Trace {
     std::vector<LogRecord> log;
