@@ -494,15 +494,16 @@ TEST_F(RelayTest, RelaysToTheAgent) {
 
 TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentHangsOrIsKilled) {
     const auto hanging = StartAgent();
+    const uint32_t pid = hanging->Pid();
     hanging->Signal(SIGSTOP);
-    EXPECT_TRUE(kit::Eventually([&] { return AllThreadsStopped(hanging->Pid()); }));
-    EXPECT_EQ(DeadLoopConfig(hanging->Pid()).Status(), ETIMEDOUT) << "before the caller's own deadline";
+    EXPECT_TRUE(kit::Eventually([&] { return AllThreadsStopped(pid); }));
+    EXPECT_EQ(DeadLoopConfig(pid).Status(), ETIMEDOUT) << "before the caller's own deadline";
     std::thread killer([&] {
         std::this_thread::sleep_for(200ms);
         hanging->Signal(SIGKILL);
         hanging->Wait();
     });
-    const uint32_t status = DeadLoopConfig(hanging->Pid()).Status();
+    const uint32_t status = DeadLoopConfig(pid).Status();
     killer.join();
     EXPECT_TRUE(status == ESRCH || status == ECONNRESET) << status;
     EXPECT_EQ(DeadLoopConfig(StartAgent()->Pid()).Status(), 0) << "the daemon goes on";
