@@ -127,7 +127,9 @@ inline void CopyArray(void *to, const void *from) {
         return;
     }
 #endif
-    memcpy(to, from, kSize);
+    if constexpr (kSize != 0) { // an empty array need not have an address
+        memcpy(to, from, kSize);
+    }
 }
 
 } // namespace velto
