@@ -96,10 +96,12 @@ template <size_t kSize>
 #endif
 }
 
-// Whether two arrays of a size that the compiler knows are equal.
+// Whether two arrays of a size that the compiler knows are equal. Empty ones need not have addresses.
 template <size_t kSize>
 [[gnu::always_inline]] inline bool SameBytes(const uint8_t *left, const uint8_t *right) {
-    if constexpr (kSize < 16) {
+    if constexpr (kSize == 0) {
+        return true;
+    } else if constexpr (kSize < 16) {
         return memcmp(left, right, kSize) == 0;
     } else {
         Vector<uint8_t> differing = LoadVector<16>(left + kSize - 16) ^ LoadVector<16>(right + kSize - 16);
@@ -112,6 +114,7 @@ template <size_t kSize>
 
 // Copies an array of a size that the compiler knows. For sizes such as 50 gcc would take x86's string instructions,
 // whose start alone costs more than a whole small table; vector registers, the last overlapping, do it in a few moves.
+// Empty arrays need not have addresses.
 template <size_t kSize>
 inline void CopyArray(void *to, const void *from) {
 #ifdef __SSE2__
@@ -127,7 +130,7 @@ inline void CopyArray(void *to, const void *from) {
         return;
     }
 #endif
-    if constexpr (kSize != 0) { // an empty array need not have an address
+    if constexpr (kSize != 0) {
         memcpy(to, from, kSize);
     }
 }
