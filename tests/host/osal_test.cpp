@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
+#include "host/osal/mutex.h"
 #include "platform/osal.h"
 #include "platform/securec.h"
 
@@ -175,6 +178,70 @@ TEST(BoundedCopies, TakeLargeBlocks) {
     std::vector<char> to(from.size());
     EXPECT_EQ(memcpy_s(to.data(), to.size(), from.data(), from.size()), 0);
     EXPECT_EQ(to, from);
+}
+
+// --- Locks
+
+class Turns {
+public:
+    // Returns the number of the turn that it waited for.
+    int Wait(int turn) TARN_EXCLUDES(mutex_) {
+        host::MutexLock lock(mutex_);
+        changed_.Wait(lock, [this, turn]() TARN_REQUIRES(mutex_) { return turn_ == turn; });
+        return turn_;
+    }
+
+    bool WaitUntil(std::chrono::steady_clock::time_point time, int turn) TARN_EXCLUDES(mutex_) {
+        host::MutexLock lock(mutex_);
+        return changed_.WaitUntil(lock, time, [this, turn]() TARN_REQUIRES(mutex_) { return turn_ == turn; });
+    }
+
+    void Next() TARN_EXCLUDES(mutex_) {
+        const host::MutexLock lock(mutex_);
+        ++turn_;
+        changed_.NotifyAll();
+    }
+
+    bool IsFreeBetweenUnlockAndLock() TARN_EXCLUDES(mutex_) {
+        const auto taken = [this] {
+            const bool got = mutex_.TryLock();
+            if (got) {
+                mutex_.Unlock();
+            }
+            return got;
+        };
+        const auto elsewhere = [&] { return std::async(std::launch::async, taken).get(); };
+        host::MutexLock lock(mutex_);
+        const bool whileHeld = elsewhere();
+        lock.Unlock();
+        const bool between = elsewhere();
+        lock.Lock();
+        return !whileHeld && between && !elsewhere();
+    }
+
+private:
+    host::Mutex mutex_;
+    host::Condition changed_;
+    int turn_ TARN_GUARDED_BY(mutex_) = 0;
+};
+
+TEST(Locks, AConditionWaitsWithItsMutexFree) {
+    Turns turns;
+    auto waits = std::async(std::launch::async, [&] { return turns.Wait(2); });
+    turns.Next();
+    turns.Next();
+    EXPECT_EQ(waits.get(), 2);
+}
+
+TEST(Locks, AWaitEndsAtItsTime) {
+    Turns turns;
+    EXPECT_FALSE(turns.WaitUntil(std::chrono::steady_clock::now(), 1));
+    turns.Next();
+    EXPECT_TRUE(turns.WaitUntil(std::chrono::steady_clock::now(), 1));
+}
+
+TEST(Locks, AScopedLockCanBeGivenBackAndTakenAgain) {
+    EXPECT_TRUE(Turns().IsFreeBetweenUnlockAndLock());
 }
 
 } // namespace

@@ -1,0 +1,10 @@
+#include "host/osal/mutex.h"
+
+class Counter {
+public:
+    int Get() { return count_; }
+
+private:
+    host::Mutex mutex_;
+    int count_ TARN_GUARDED_BY(mutex_) = 0;
+};
