@@ -16,7 +16,7 @@
 #include <time.h>
 
 #include "host/agent/tarn_agent.h"
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 
 static atomic_uint_fast64_t counter;
 static atomic_bool stop;

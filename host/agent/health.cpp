@@ -13,9 +13,9 @@
 #include "host/agent/faults.h"
 #include "host/agent/memory.h"
 #include "host/agent/methods.h"
-#include "host/agent/values.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/agent.h"
 
 namespace agent {
 

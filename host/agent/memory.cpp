@@ -12,9 +12,9 @@
 
 #include "host/agent/stack.h"
 #include "host/agent/tarn_agent.h"
-#include "host/agent/values.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
+#include "host/values/agent.h"
 
 namespace agent {
 

@@ -12,8 +12,8 @@
 #include "host/agent/memory.h"
 #include "host/agent/methods.h"
 #include "host/agent/stack.h"
-#include "host/agent/values.h"
 #include "host/osal/log.h"
+#include "host/values/agent.h"
 
 namespace agent {
 

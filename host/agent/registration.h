@@ -5,8 +5,8 @@
 #include <string>
 
 #include "host/agent/periodic.h"
-#include "host/daemon/values.h"
 #include "host/runtime/client.h"
+#include "host/values/daemon.h"
 
 namespace agent {
 

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "host/agent/methods.h"
-#include "host/agent/values.h"
 #include "host/osal/log.h"
+#include "host/values/agent.h"
 
 namespace agent {
 

@@ -3,7 +3,7 @@
  * debug commands, ask for what the application has registered here, and read what is left of a crash. The agent works
  * on threads of its own, which take no signals; no function here waits for the daemon, nor does the application wait
  * for a command. All functions may be called from any thread, and before TarnAgent_Init: what is registered stays when
- * the agent is shut down. host/agent/values.h says what the agent answers to each method of its service,
+ * the agent is shut down. host/values/agent.h says what the agent answers to each method of its service,
  * TarnSysdiagAgent on the socket agent-<pid>.sock of the run directory.
  */
 #ifndef TARN_HOST_AGENT_TARN_AGENT_H
@@ -147,8 +147,8 @@ TARN_EXPORT uint32_t TarnAgent_ExemptThread(void);
 
 /* ---- Health ---- */
 
-/* Looks at one item: the level, TARN_AGENT_HEALTH_... of values.h, and a text. Runs on the agent's thread, when it is
- * asked for, and should not take long. */
+/* Looks at one item: the level, TARN_AGENT_HEALTH_... of host/values/agent.h, and a text. Runs on the agent's thread,
+ * when it is asked for, and should not take long. */
 typedef uint32_t (*TarnAgentHealthCheck)(uint32_t uiLimit, char *pcText, size_t ulRoom, void *pUserData);
 
 /* Adds an item of 64 or higher, under a name of 1 to 63 bytes. 0; 22; 17 for one that is there. */

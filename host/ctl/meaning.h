@@ -1,5 +1,5 @@
-// What the members mean whose names don't say it, in the words of a table's head. host/daemon/values.h and
-// host/agent/values.h are where it is defined; a member that is not known here is shown as it is.
+// What the members mean whose names don't say it, in the words of a table's head. host/values/daemon.h and
+// host/values/agent.h are where it is defined; a member that is not known here is shown as it is.
 #pragma once
 
 #include "host/describe/json.h"

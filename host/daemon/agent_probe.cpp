@@ -3,14 +3,14 @@
 #include <map>
 #include <mutex>
 
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/health_settings.h"
 #include "host/daemon/relay.h"
 #include "host/daemon/state.h"
 #include "host/daemon/timers.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 
 namespace tarnd {

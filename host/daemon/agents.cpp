@@ -8,7 +8,7 @@
 #include "host/daemon/rules.h"
 #include "host/daemon/state.h"
 #include "host/daemon/timers.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd_agent.h"

@@ -1,5 +1,5 @@
 // The memory of an application, as its agent tells it, as text for people.
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/relay.h"
 #include "server/tarnd.h"

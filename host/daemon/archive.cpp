@@ -13,7 +13,7 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/state.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/store/files.h"
 #include "server/tarnd.h"

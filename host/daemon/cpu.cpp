@@ -12,7 +12,7 @@
 #include "host/daemon/resources.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/users.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

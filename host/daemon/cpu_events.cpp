@@ -8,7 +8,7 @@
 #include "host/daemon/health_settings.h"
 #include "host/daemon/pressure.h"
 #include "host/daemon/rates.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"

@@ -3,7 +3,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/overload.h"
 #include "host/daemon/peaks.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

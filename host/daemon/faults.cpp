@@ -10,7 +10,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/state.h"
 #include "host/daemon/text.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "server/tarnd.h"
 

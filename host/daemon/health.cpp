@@ -8,7 +8,7 @@
 #include <functional>
 #include <set>
 
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/agent_probe.h"
 #include "host/daemon/clock.h"
@@ -19,7 +19,7 @@
 #include "host/daemon/resources.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/state.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

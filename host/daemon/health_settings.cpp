@@ -8,7 +8,7 @@
 #include "host/daemon/courier.h"
 #include "host/daemon/relay.h"
 #include "host/daemon/store.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "server/tarnd.h"
 

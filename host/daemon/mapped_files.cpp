@@ -4,7 +4,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/kib.h"
 #include "host/daemon/memory_files.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/procfs/memory.h"
 #include "server/tarnd.h"
 

@@ -10,7 +10,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/store.h"
 #include "host/daemon/timers.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/osal/thread.h"
 #include "server/tarnd.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 

@@ -11,7 +11,7 @@
 #include "host/daemon/kib.h"
 #include "host/daemon/text.h"
 #include "host/daemon/users.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -10,7 +10,7 @@
 #include "host/daemon/memory_overload.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/text.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -8,7 +8,7 @@
 #include "host/daemon/memory_leaks.h"
 #include "host/daemon/overload_debug.h"
 #include "host/daemon/store.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "server/tarnd.h"
 

@@ -3,7 +3,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/memory_overload.h"
 #include "host/daemon/rates.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "server/tarnd.h"
 

@@ -10,7 +10,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/kib.h"
 #include "host/daemon/users.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/procfs/memory.h"
 #include "server/tarnd.h"
 

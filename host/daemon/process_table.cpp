@@ -4,7 +4,7 @@
 #include <mutex>
 
 #include "host/answer/answer.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <sstream>
 
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/health_settings.h"
@@ -14,7 +14,7 @@
 #include "host/daemon/relay.h"
 #include "host/daemon/sampler.h"
 #include "host/daemon/subscriptions.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 

@@ -5,13 +5,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/relay.h"
 #include "host/daemon/state.h"
 #include "host/daemon/store.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/relay.h"

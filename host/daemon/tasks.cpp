@@ -7,7 +7,7 @@
 #include "host/daemon/clock.h"
 #include "host/daemon/starvation.h"
 #include "host/daemon/text.h"
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 

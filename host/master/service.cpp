@@ -16,9 +16,9 @@ TARN_UNIT()
 #include "host/answer/systime.h"
 #include "host/master/master.h"
 #include "host/master/service.h"
-#include "host/master/values.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/master.h"
 
 namespace master {
 

@@ -13,7 +13,7 @@ TARN_UNIT()
 #include <random>
 
 #include "host/agent/tarn_agent.h"
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

@@ -10,7 +10,7 @@ TARN_UNIT()
 #include <cstring>
 
 #include "host/agent/tarn_agent.h"
-#include "host/agent/values.h"
+#include "host/values/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

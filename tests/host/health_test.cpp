@@ -9,8 +9,8 @@ TARN_UNIT()
 #include <cmath>
 #include <numeric>
 
-#include "host/agent/values.h"
-#include "host/daemon/values.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
 #include "tests/host/small_disk.h"

@@ -8,7 +8,7 @@ TARN_UNIT()
 
 #include <future>
 
-#include "host/daemon/values.h"
+#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

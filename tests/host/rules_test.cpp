@@ -8,8 +8,8 @@ TARN_UNIT()
 
 #include <atomic>
 
-#include "host/agent/values.h"
-#include "host/daemon/values.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
 

@@ -261,7 +261,7 @@
  *                             system must have a file (2 ENOENT); 1 EPERM where the daemon may not. Until a zone is
  *                             set, the system's zone and daylight saving hold, and a rule set before is kept for it.
  *
- * ...ByTarnd, ...Tarnd        with a uiTargetPid: done by the agent in that process; see host/agent/values.h.
+ * ...ByTarnd, ...Tarnd        with a uiTargetPid: done by the agent in that process; see host/values/agent.h.
  *
  * AppMemInfo                  The memory of the application in process uiValue1, as its agent tells it: uiValue2 0 by
  *                             unit, 1 every block that it holds, 2 by the program or library that allocated.
@@ -297,7 +297,7 @@
  *                             beyond a restart, and brought to the agents.
  *
  * TarnPadsSetPadsAppFunSwitchByTarnd   The same of one function: ucFunction, ucSwitch, and uiValue its limit, 0: as it was.
- *                             1 to 127 are the agents' (host/agent/values.h), 0 stands for all, and the daemon's are
+ *                             1 to 127 are the agents' (host/values/agent.h), 0 stands for all, and the daemon's are
  *                             below, with the limits at the start. From the limit on it is degraded; bad from twice of
  *                             it or, for a share, from the middle between it and the whole.
  *                               128 CPU time of all CPUs in the last 10 s (900)
@@ -329,7 +329,7 @@
  * GetQ5ProcInfo               uiValue1 the parent of a process, 0 for one that has none here; uiValue2 the process that
  *                             leads its session.
  *
- * UpdateMsgCtrlRuleTarnd      A rule as in host/agent/values.h, UpdateMsgCtrlRule. It is kept beyond a restart and
+ * UpdateMsgCtrlRuleTarnd      A rule as in host/values/agent.h, UpdateMsgCtrlRule. It is kept beyond a restart and
  *                             brought to the agents that are there, and to those that register later. One for a process
  *                             ends with it. uiResult 22 for a rule that makes no sense, 28 for more than
  *                             TARND_RULES_MAX.
@@ -355,17 +355,17 @@
  *                             that it speaks to a new one.
  *
  * TarnAppSubscribe            uiValue1 the subscriber's process, uiValue2 the events that it wants, a sum of
- *                             TARN_AGENT_EVENT_..., host/agent/values.h; 0 ends the subscription, and so does the
+ *                             TARN_AGENT_EVENT_..., host/values/agent.h; 0 ends the subscription, and so does the
  *                             process's end.
  *
  * DetectTarndServerOnline     A peer is there: the daemon announces itself to the master and takes over what the master
- *                             has configured, as at its own start (see host/master/values.h): time zone and daylight
+ *                             has configured, as at its own start (see host/values/master.h): time zone and daylight
  *                             saving, the overload thresholds of "system", times and mode of measurement. What the
  *                             master has not configured stays. Memory thresholds that a client sets are told to the
  *                             master, which keeps them.
  */
-#ifndef TARN_HOST_DAEMON_VALUES_H
-#define TARN_HOST_DAEMON_VALUES_H
+#ifndef TARN_HOST_VALUES_DAEMON_H
+#define TARN_HOST_VALUES_DAEMON_H
 
 #define TARND_MEASURE_DEFAULT_MS 1000
 #define TARND_MEASURE_MAX_MS 120000

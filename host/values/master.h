@@ -40,8 +40,8 @@
  *
  * DetectSysdiagServerOnline   Counted, and told in the log.
  */
-#ifndef TARN_HOST_MASTER_VALUES_H
-#define TARN_HOST_MASTER_VALUES_H
+#ifndef TARN_HOST_VALUES_MASTER_H
+#define TARN_HOST_VALUES_MASTER_H
 
 #define TARN_MASTER_OF_SYSTEM 0
 #define TARN_MASTER_CONFIGURED 1

@@ -86,8 +86,8 @@
  * that match, uiValue4 the process. Of a subscription: szName1 its name, szName2 its events in words, uiValue1 the same
  * as bits (TARN_AGENT_EVENT_...), uiValue2 how often it was told.
  */
-#ifndef TARN_HOST_AGENT_VALUES_H
-#define TARN_HOST_AGENT_VALUES_H
+#ifndef TARN_HOST_VALUES_AGENT_H
+#define TARN_HOST_VALUES_AGENT_H
 
 #define TARN_AGENT_TOP_HANDLES 10
 #define TARN_AGENT_SCAN_MS 1000
