@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "host/agent/app_timers.h"
 #include "host/agent/commands.h"
 #include "host/agent/dead_loops.h"
 #include "host/agent/faults.h"
@@ -13,7 +14,6 @@
 #include "host/agent/registration.h"
 #include "host/agent/resources.h"
 #include "host/agent/service.h"
-#include "host/agent/timers.h"
 #include "host/answer/answer.h"
 #include "host/osal/log.h"
 #include "host/runtime/directory.h"

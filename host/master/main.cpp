@@ -1,8 +1,8 @@
 // tarn-master: the diagnosis master, which holds the daemon's configuration.
 #include <csignal>
 
-#include "host/master/master.h"
 #include "host/master/service.h"
+#include "host/master/settings.h"
 #include "host/runtime/directory.h"
 #include "host/serve/serve.h"
 

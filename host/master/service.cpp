@@ -14,8 +14,8 @@ TARN_UNIT()
 
 #include "host/answer/answer.h"
 #include "host/answer/systime.h"
-#include "host/master/master.h"
 #include "host/master/service.h"
+#include "host/master/settings.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 #include "host/values/master.h"

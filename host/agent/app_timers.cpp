@@ -1,4 +1,4 @@
-#include "host/agent/timers.h"
+#include "host/agent/app_timers.h"
 
 #include <unistd.h>
 

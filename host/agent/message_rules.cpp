@@ -1,4 +1,4 @@
-#include "host/agent/rules.h"
+#include "host/agent/message_rules.h"
 
 #include <fnmatch.h>
 

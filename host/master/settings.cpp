@@ -1,4 +1,4 @@
-#include "host/master/master.h"
+#include "host/master/settings.h"
 
 #include <cerrno>
 #include <ctime>
