@@ -3,6 +3,9 @@
 // measured several times, in turn with the others; the tables have the best of each figure. With one caller, caller and
 // server share a processor: they never run at the same time, and what waking another processor takes depends on how
 // soundly it slept, not on the system that is measured.
+//
+//   bench_roundtrip                    all systems
+//   bench_roundtrip --against OTHER    the runtime's server here and that of another build of this program, in turn
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
@@ -69,18 +72,17 @@ private:
 // A server in a process of its own.
 class Server {
 public:
-    Server(const bench::System &system, size_t size) : system_(system), size_(size) {
+    // `program` is this one, or another build of it.
+    Server(const bench::System &system, size_t size, const std::string &program) : system_(system), size_(size) {
         std::string name = (std::filesystem::temp_directory_path() / "tarn-bench-XXXXXX").string();
         if (mkdtemp(name.data()) == nullptr) {
             throw std::runtime_error("no temporary directory");
         }
         directory_ = name;
-        std::string bytes = std::to_string(size), self = std::filesystem::canonical("/proc/self/exe"),
-                    serve = "--serve";
-        std::string which = system.Name();
-        char *const arguments[] = {self.data(), serve.data(), which.data(), bytes.data(), name.data(), nullptr};
-        if (posix_spawn(&pid_, self.c_str(), nullptr, nullptr, arguments, environ) != 0) {
-            throw std::runtime_error("can't start " + self);
+        std::string file = program, serve = "--serve", which = system.Name(), bytes = std::to_string(size);
+        char *const arguments[] = {file.data(), serve.data(), which.data(), bytes.data(), name.data(), nullptr};
+        if (posix_spawn(&pid_, file.c_str(), nullptr, nullptr, arguments, environ) != 0) {
+            throw std::runtime_error("can't start " + file);
         }
     }
     ~Server() {
@@ -157,12 +159,17 @@ Calls CallUntil(bench::Caller &caller, Clock::time_point begin, Clock::time_poin
     return calls;
 }
 
-Figures Measure(const bench::System &system, size_t size, unsigned callers) {
+const std::string &Self() {
+    static const std::string self = std::filesystem::canonical("/proc/self/exe");
+    return self;
+}
+
+Figures Measure(const bench::System &system, size_t size, unsigned callers, const std::string &program = Self()) {
     std::optional<OneProcessor> one;
     if (callers == 1) {
         one.emplace();
     }
-    const Server server(system, size);
+    const Server server(system, size, program);
     std::vector<std::unique_ptr<bench::Caller>> connected;
     for (unsigned i = 0; i < callers; ++i) {
         connected.push_back(server.Connect());
@@ -228,6 +235,35 @@ void MeasureAll() {
     }
 }
 
+double Median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + static_cast<ptrdiff_t>(values.size() / 2), values.end());
+    return values[values.size() / 2];
+}
+
+// The callers are this build's on both sides. The ratio is of neighbours in time, which other load slows alike.
+void MeasureAgainst(const std::string &other) {
+    constexpr int kTurns = 31;
+    printf("%7s %7s %10s %10s %10s %10s %14s %10s\n", "bytes", "callers", "p50 us", "other's", "cpu us", "other's",
+           "median of p50", "of cpu");
+    for (const size_t size : kSizes) {
+        for (const unsigned callers : kCallers) {
+            Figures here, there;
+            std::vector<double> ratios, cpuRatios;
+            for (int i = 0; i < kTurns; ++i) {
+                const Figures first = Measure(bench::RuntimeSystem(), size, callers);
+                const Figures second = Measure(bench::RuntimeSystem(), size, callers, other);
+                ratios.push_back(first.p50 / second.p50);
+                cpuRatios.push_back(first.cpu / second.cpu);
+                here.TakeBest(first);
+                there.TakeBest(second);
+            }
+            printf("%7zu %7u %10.1f %10.1f %10.1f %10.1f %14.2f %10.2f\n", size, callers, here.p50, there.p50, here.cpu,
+                   there.cpu, Median(ratios), Median(cpuRatios));
+            fflush(stdout);
+        }
+    }
+}
+
 void Serve(const std::string &name, size_t size, const std::string &directory) {
     for (const bench::System *const system : Systems()) {
         if (name == system->Name()) {
@@ -244,6 +280,10 @@ int main(int argc, char **argv) {
     try {
         if (argc == 5 && strcmp(argv[1], "--serve") == 0) {
             Serve(argv[2], std::stoul(argv[3]), argv[4]);
+        } else if (argc == 3 && strcmp(argv[1], "--against") == 0) {
+            MeasureAgainst(argv[2]);
+        } else if (argc != 1) {
+            throw std::invalid_argument("expected no arguments, or --against and another build of this program");
         } else {
             MeasureAll();
         }
