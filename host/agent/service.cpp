@@ -13,8 +13,8 @@ namespace agent {
 
 namespace {
 
-#define TARN_METHOD TARN_RELEASE
-#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#define TARN_METHOD TARN_REPLY_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
 #include "client/agent_methods.h"
 
 #define TARN_SERVICE TarnSysdiagAgent

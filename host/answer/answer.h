@@ -132,8 +132,8 @@ void CopyText(char (&to)[kSize], std::string_view text) {
 } // namespace host
 
 // For the method lists: the release of a method's reply.
-#define TARN_RELEASE(method, request, response)                                                                        \
+#define TARN_REPLY_RELEASE(method, request, response)                                                                  \
     void method##_free(Tarn_sys_diag_##response *record) {                                                             \
         host::Release(record);                                                                                         \
     }
-#define TARN_RELEASE_NO_REPLY(method, request)
+#define TARN_REPLY_RELEASE_NONE(method, request)

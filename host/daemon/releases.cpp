@@ -3,10 +3,10 @@
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
 
-#define TARN_METHOD TARN_RELEASE
-#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#define TARN_METHOD TARN_REPLY_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
 #include "server/tarnd_methods.h"
 
-#define TARN_METHOD TARN_RELEASE
-#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#define TARN_METHOD TARN_REPLY_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
 #include "server/tarnd_agent_methods.h"

@@ -72,8 +72,8 @@ void FillNames(auto &reply, const Names &names) {
     Fill(reply.acName2, names.second);
 }
 
-#define TARN_METHOD TARN_RELEASE
-#define TARN_METHOD_NO_REPLY TARN_RELEASE_NO_REPLY
+#define TARN_METHOD TARN_REPLY_RELEASE
+#define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
 #include "client/master_methods.h"
 
 uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *, void *replyCtx) {
