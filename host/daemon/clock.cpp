@@ -15,10 +15,10 @@ namespace tarnd {
 
 namespace {
 
+using host::Document;
 using host::GmtTime;
 using host::LocalMillis;
 using host::Millis;
-using nlohmann::json;
 
 constexpr const char *kDocument = "clock";
 constexpr uint32_t kVersion = 1;
@@ -63,7 +63,7 @@ void Clock::ApplyToSystem(std::filesystem::path zoneLink) {
 
 void Clock::Load() {
     const std::lock_guard lock(mutex_);
-    TheStore().Load(kDocument, kVersion, [this](const json &content) { settings_ = FromJson(content); });
+    TheStore().Load(kDocument, kVersion, [this](const Document &content) { settings_ = FromDocument(content); });
 }
 
 void Clock::SetZone(const host::Zone &zone, const char *source) {
@@ -164,7 +164,7 @@ void Clock::Change(ClockSettings changed, const std::string &what) {
     if (changed == settings_) {
         return; // the master tells its settings whenever it is there
     }
-    TheStore().Save(kDocument, kVersion, ToJson(changed));
+    TheStore().Save(kDocument, kVersion, ToDocument(changed));
     settings_ = std::move(changed);
     if (changed_) {
         changed_();
@@ -172,32 +172,33 @@ void Clock::Change(ClockSettings changed, const std::string &what) {
     host::Log().info("{}", what);
 }
 
-json Clock::ToJson(const ClockSettings &settings) {
-    json content{{"shiftMs", settings.shift.count()}, {"dateFormat", settings.dateFormat}};
+Document Clock::ToDocument(const ClockSettings &settings) {
+    Document::Object content{{"shiftMs", settings.shift.count()},
+                             {"dateFormat", static_cast<uint32_t>(settings.dateFormat)}};
     if (settings.zone) {
-        content["zone"] = {{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
+        content["zone"] =
+            Document::Object{{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
     }
     if (settings.dst) {
-        content["dst"] = {{"name", settings.dst->name},
-                          {"offsetMinutes", settings.dst->offsetMinutes},
-                          {"start", host::TextOf(settings.dst->start)},
-                          {"end", host::TextOf(settings.dst->end)}};
+        content["dst"] = Document::Object{{"name", settings.dst->name},
+                                          {"offsetMinutes", settings.dst->offsetMinutes},
+                                          {"start", host::TextOf(settings.dst->start)},
+                                          {"end", host::TextOf(settings.dst->end)}};
     }
     return content;
 }
 
-ClockSettings Clock::FromJson(const json &content) {
+ClockSettings Clock::FromDocument(const Document &content) {
     ClockSettings settings;
-    settings.shift = Millis(content.at("shiftMs").get<int64_t>());
-    settings.dateFormat = CheckedDateFormat(content.at("dateFormat").get<uint32_t>());
-    if (content.contains("zone")) {
-        const json &zone = content["zone"];
-        settings.zone = host::CheckedZone({zone.at("name"), zone.at("offsetMinutes")});
+    settings.shift = Millis(content.Get<int64_t>("shiftMs"));
+    settings.dateFormat = CheckedDateFormat(content.Get<uint32_t>("dateFormat"));
+    if (const Document *const zone = content.Find("zone")) {
+        settings.zone = host::CheckedZone({zone->Get<std::string>("name"), zone->Get<int32_t>("offsetMinutes")});
     }
-    if (content.contains("dst")) {
-        const json &dst = content["dst"];
-        settings.dst = host::CheckedRule({dst.at("name"), dst.at("offsetMinutes"), host::ParseChange(dst.at("start")),
-                                          host::ParseChange(dst.at("end"))});
+    if (const Document *const dst = content.Find("dst")) {
+        settings.dst = host::CheckedRule({dst->Get<std::string>("name"), dst->Get<uint32_t>("offsetMinutes"),
+                                          host::ParseChange(dst->Get<std::string>("start")),
+                                          host::ParseChange(dst->Get<std::string>("end"))});
     }
     return settings;
 }

@@ -6,9 +6,8 @@
 #include <functional>
 #include <mutex>
 
-#include <nlohmann/json.hpp>
-
 #include "host/clock/rules.h"
+#include "host/store/document.h"
 
 namespace tarnd {
 
@@ -49,8 +48,8 @@ private:
     host::LocalMillis Local(std::chrono::system_clock::time_point when) const;
     void SetNow(host::GmtTime now);
     void Change(ClockSettings changed, const std::string &what);
-    static nlohmann::json ToJson(const ClockSettings &settings);
-    static ClockSettings FromJson(const nlohmann::json &content);
+    static host::Document ToDocument(const ClockSettings &settings);
+    static ClockSettings FromDocument(const host::Document &content);
 
     mutable std::mutex mutex_;
     ClockSettings settings_;

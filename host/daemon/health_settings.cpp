@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include <nlohmann/json.hpp>
-
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/relay.h"
@@ -82,24 +80,24 @@ void Check(uint8_t function, uint32_t limit) {
 } // namespace
 
 void HealthSettings::Load() {
-    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
+    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
         Functions functions;
-        for (const nlohmann::json &entry : content.at("functions")) {
-            const auto id = entry.at("function").get<uint8_t>();
-            functions[id] = {entry.at("on").get<bool>(), entry.at("limit").get<uint32_t>()};
+        for (const host::Document &entry : content.ArrayAt("functions")) {
+            const auto id = entry.Get<uint8_t>("function");
+            functions[id] = {entry.Get<bool>("on"), entry.Get<uint32_t>("limit")};
             Check(id, functions[id].limit);
         }
-        allOn_ = content.at("on").get<bool>();
+        allOn_ = content.Get<bool>("on");
         functions_ = std::move(functions);
     });
 }
 
 void HealthSettings::Keep(bool allOn, Functions functions) {
-    nlohmann::json list = nlohmann::json::array();
+    host::Document::Array list;
     for (const auto &[id, function] : functions) {
-        list.push_back({{"function", id}, {"on", function.on}, {"limit", function.limit}});
+        list.push_back(host::Document::Object{{"function", id}, {"on", function.on}, {"limit", function.limit}});
     }
-    TheStore().Save(kDocument, kVersion, {{"on", allOn}, {"functions", list}});
+    TheStore().Save(kDocument, kVersion, host::Document::Object{{"on", allOn}, {"functions", list}});
     allOn_ = allOn;
     functions_ = std::move(functions);
     TheCourier().SendToAll(BringHealthSwitches);

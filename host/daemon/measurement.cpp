@@ -20,6 +20,7 @@ namespace tarnd {
 namespace {
 
 using namespace std::chrono_literals;
+using host::Document;
 
 constexpr char kSettings[] = "measurement";
 constexpr char kBaseline[] = "measurement-baseline";
@@ -67,6 +68,24 @@ std::string WithExample(const std::string &text, const std::string &path) {
     return name + ": " + text;
 }
 
+Document ToDocument(const FileDigests &files) {
+    Document::Object content;
+    for (const auto &[path, digests] : files) {
+        content[path] = Document::Array(digests.begin(), digests.end());
+    }
+    return content;
+}
+
+FileDigests FromDocument(const Document &content) {
+    FileDigests files;
+    for (const auto &[path, digests] : content.AsObject()) {
+        for (const Document &digest : digests.AsArray()) {
+            files[path].insert(digest.As<std::string>());
+        }
+    }
+    return files;
+}
+
 // Each by its name; what the reply has room for are the counts and one of them.
 void Report(const std::vector<std::string> &changed, const std::vector<std::string> &added) {
     for (const std::string &path : changed) {
@@ -110,16 +129,16 @@ void Measurement::Stop() {
 }
 
 void Measurement::Load() {
-    TheStore().Load(kSettings, kVersion, [this](const nlohmann::json &content) {
-        times_ = Checked({content.at("hour").get<uint8_t>(), content.at("minute").get<uint8_t>()});
-        mode_ = CheckedMode(content.at("mode").get<uint32_t>());
+    TheStore().Load(kSettings, kVersion, [this](const Document &content) {
+        times_ = Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
+        mode_ = CheckedMode(content.Get<uint32_t>("mode"));
     });
-    TheStore().Load(kBaseline, kVersion,
-                    [this](const nlohmann::json &content) { baseline_ = content.get<FileDigests>(); });
+    TheStore().Load(kBaseline, kVersion, [this](const Document &content) { baseline_ = FromDocument(content); });
 }
 
 void Measurement::Set(MeasurementTimes times, uint32_t mode) {
-    TheStore().Save(kSettings, kVersion, {{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
+    TheStore().Save(kSettings, kVersion,
+                    Document::Object{{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
     times_ = times;
     mode_ = mode;
     Arm();
@@ -194,7 +213,7 @@ bool Measurement::Operate(uint32_t operation, void *replyCtx) {
         Enqueue(Kind::kRecord, replyCtx);
         return true;
     case TARND_DIM_FORGET:
-        TheStore().Save(kBaseline, kVersion, FileDigests());
+        TheStore().Save(kBaseline, kVersion, ToDocument({}));
         baseline_.clear();
         state_ = NothingMeasured();
         host::Log().info("measurement: the baseline is forgotten");
@@ -301,7 +320,7 @@ uint32_t Measurement::WhyUnwanted(const Job &job) const {
 
 void Measurement::Record(const Survey &survey) {
     const std::lock_guard lock(mutex_);
-    TheStore().Save(kBaseline, kVersion, survey.files);
+    TheStore().Save(kBaseline, kVersion, ToDocument(survey.files));
     baseline_ = survey.files;
     state_ = {TARND_DIM_STATE_AS_RECORDED, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
 }
@@ -340,7 +359,7 @@ void Measurement::Learn(const Survey &survey, const std::vector<std::string> &ad
     for (const std::string &path : added) {
         baseline[path] = survey.files.at(path);
     }
-    TheStore().Save(kBaseline, kVersion, baseline);
+    TheStore().Save(kBaseline, kVersion, ToDocument(baseline));
     baseline_ = std::move(baseline);
 }
 

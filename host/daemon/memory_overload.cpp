@@ -45,8 +45,8 @@ void ClearEnvironment(const Tarn_sys_diag_ClearEnvActInput &request) {
 } // namespace
 
 void MemoryOverload::Start() {
-    TheStore().Load(kDocument, kVersion, [&](const nlohmann::json &content) {
-        const MemoryThresholds thresholds{content.at("over"), content.at("recover")};
+    TheStore().Load(kDocument, kVersion, [&](const host::Document &content) {
+        const MemoryThresholds thresholds{content.Get<uint32_t>("over"), content.Get<uint32_t>("recover")};
         Check(thresholds);
         thresholds_ = thresholds;
     });
@@ -56,7 +56,8 @@ void MemoryOverload::Start() {
 void MemoryOverload::Set(const MemoryThresholds &thresholds) {
     Check(thresholds);
     const std::lock_guard lock(mutex_);
-    TheStore().Save(kDocument, kVersion, {{"over", thresholds.over}, {"recover", thresholds.recover}});
+    TheStore().Save(kDocument, kVersion,
+                    host::Document::Object{{"over", thresholds.over}, {"recover", thresholds.recover}});
     thresholds_ = thresholds;
     host::Log().info("memory overload: {}", thresholds.over == 0
                                                 ? "off"

@@ -18,12 +18,13 @@ constexpr uint32_t kVersion = 1;
 // Overloads whose stacks are waited for; of more at a time the stacks would tell little by when they are read.
 constexpr size_t kMaxPending = 4;
 
-nlohmann::json ToJson(const Thresholds &thresholds) {
-    return {{"over", thresholds.over}, {"recover", thresholds.recover}, {"seconds", thresholds.seconds}};
+host::Document ToDocument(const Thresholds &thresholds) {
+    return host::Document::Object{
+        {"over", thresholds.over}, {"recover", thresholds.recover}, {"seconds", thresholds.seconds}};
 }
 
-Thresholds FromJson(const nlohmann::json &content) {
-    return {content.at("over"), content.at("recover"), content.at("seconds")};
+Thresholds FromDocument(const host::Document &content) {
+    return {content.Get<uint32_t>("over"), content.Get<uint32_t>("recover"), content.Get<uint32_t>("seconds")};
 }
 
 std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const ProcessSample &to,
@@ -65,13 +66,13 @@ void ReadStacks(Overload &overload) {
 } // namespace
 
 void CpuOverload::Start() {
-    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
-        const Thresholds system = FromJson(content.at("system"));
+    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
+        const Thresholds system = FromDocument(content.At("system"));
         std::map<uint32_t, Watched> watched;
-        for (const nlohmann::json &process : content.at("processes")) {
-            Watched &entry = watched[process.at("pid")];
-            entry.startTicks = process.at("startTicks");
-            entry.thresholds = FromJson(process.at("thresholds"));
+        for (const host::Document &process : content.ArrayAt("processes")) {
+            Watched &entry = watched[process.Get<uint32_t>("pid")];
+            entry.startTicks = process.Get<uint64_t>("startTicks");
+            entry.thresholds = FromDocument(process.At("thresholds"));
         }
         const std::lock_guard lock(mutex_);
         thresholds_ = system;
@@ -175,12 +176,13 @@ void CpuOverload::ResetPeaks() {
 
 // Called with the lock held, which keeps documents in the order of their changes.
 void CpuOverload::Save() const {
-    nlohmann::json processes = nlohmann::json::array();
+    host::Document::Array processes;
     for (const auto &[pid, watched] : watched_) {
-        processes.push_back(
-            {{"pid", pid}, {"startTicks", watched.startTicks}, {"thresholds", ToJson(watched.thresholds)}});
+        processes.push_back(host::Document::Object{
+            {"pid", pid}, {"startTicks", watched.startTicks}, {"thresholds", ToDocument(watched.thresholds)}});
     }
-    TheStore().Save(kDocument, kVersion, {{"system", ToJson(thresholds_)}, {"processes", processes}});
+    TheStore().Save(kDocument, kVersion,
+                    host::Document::Object{{"system", ToDocument(thresholds_)}, {"processes", processes}});
 }
 
 void CpuOverload::Take(const SamplePtr &previous, const SamplePtr &latest) {

@@ -3,22 +3,22 @@
 #include <algorithm>
 #include <tuple>
 
-#include <nlohmann/json.hpp>
-
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
 #include "host/daemon/courier.h"
 #include "host/daemon/relay.h"
 #include "host/daemon/state.h"
 #include "host/daemon/store.h"
-#include "host/values/daemon.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
+
+using host::Document;
 
 constexpr char kDocument[] = "message-rules";
 constexpr uint32_t kVersion = 1;
@@ -60,38 +60,40 @@ uint32_t AgeOf(const Rules::Rule &rule) {
     return static_cast<uint32_t>(std::clamp<int64_t>(age.count(), 0, UINT32_MAX));
 }
 
-nlohmann::json ToJson(const Rules::Rule &rule) {
+Document ToDocument(const Rules::Rule &rule) {
     const Rules::Content &c = rule.content;
-    return {{"id", c.uiValue1},
-            {"priority", c.uiValue2},
-            {"action", c.uiValue3},
-            {"types", {c.uiValue4, c.uiValue5}},
-            {"limit", {c.uiValue6, c.uiValue7}},
-            {"seconds", c.uiValue8},
-            {"process", c.uiValue9},
-            {"process start", rule.processStart},
-            {"patterns", {host::TextOf(c.acRule1), host::TextOf(c.acRule2), host::TextOf(c.acRule3)}},
-            {"since", Rules::Clock::to_time_t(rule.since)}};
+    using Array = Document::Array;
+    return Document::Object{
+        {"id", c.uiValue1},
+        {"priority", c.uiValue2},
+        {"action", c.uiValue3},
+        {"types", Array{c.uiValue4, c.uiValue5}},
+        {"limit", Array{c.uiValue6, c.uiValue7}},
+        {"seconds", c.uiValue8},
+        {"process", c.uiValue9},
+        {"process start", rule.processStart},
+        {"patterns", Array{host::TextOf(c.acRule1), host::TextOf(c.acRule2), host::TextOf(c.acRule3)}},
+        {"since", Rules::Clock::to_time_t(rule.since)}};
 }
 
-Rules::Rule FromJson(const nlohmann::json &json) {
+Rules::Rule FromDocument(const Document &content) {
     Rules::Rule rule{};
     Rules::Content &c = rule.content;
-    json.at("id").get_to(c.uiValue1);
-    json.at("priority").get_to(c.uiValue2);
-    json.at("action").get_to(c.uiValue3);
-    json.at("types").at(0).get_to(c.uiValue4);
-    json.at("types").at(1).get_to(c.uiValue5);
-    json.at("limit").at(0).get_to(c.uiValue6);
-    json.at("limit").at(1).get_to(c.uiValue7);
-    json.at("seconds").get_to(c.uiValue8);
-    json.at("process").get_to(c.uiValue9);
-    json.at("process start").get_to(rule.processStart);
-    const auto text = [&](size_t index) { return json.at("patterns").at(index).get<std::string>(); };
-    text(0).copy(c.acRule1, sizeof c.acRule1);
-    text(1).copy(c.acRule2, sizeof c.acRule2);
-    text(2).copy(c.acRule3, sizeof c.acRule3);
-    rule.since = Rules::Clock::from_time_t(json.at("since").get<time_t>());
+    c.uiValue1 = content.Get<uint32_t>("id");
+    c.uiValue2 = content.Get<uint32_t>("priority");
+    c.uiValue3 = content.Get<uint32_t>("action");
+    c.uiValue4 = content.At("types").Get<uint32_t>(0);
+    c.uiValue5 = content.At("types").Get<uint32_t>(1);
+    c.uiValue6 = content.At("limit").Get<uint32_t>(0);
+    c.uiValue7 = content.At("limit").Get<uint32_t>(1);
+    c.uiValue8 = content.Get<uint32_t>("seconds");
+    c.uiValue9 = content.Get<uint32_t>("process");
+    rule.processStart = content.Get<uint64_t>("process start");
+    const auto pattern = [&](size_t index) { return content.At("patterns").Get<std::string>(index); };
+    pattern(0).copy(c.acRule1, sizeof c.acRule1);
+    pattern(1).copy(c.acRule2, sizeof c.acRule2);
+    pattern(2).copy(c.acRule3, sizeof c.acRule3);
+    rule.since = Rules::Clock::from_time_t(content.Get<time_t>("since"));
     Check(c);
     return rule;
 }
@@ -99,10 +101,10 @@ Rules::Rule FromJson(const nlohmann::json &json) {
 } // namespace
 
 void Rules::Load() {
-    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
+    TheStore().Load(kDocument, kVersion, [this](const Document &content) {
         std::map<uint32_t, Rule> rules;
-        for (const nlohmann::json &entry : content) {
-            const Rule rule = FromJson(entry);
+        for (const Document &entry : content.AsArray()) {
+            const Rule rule = FromDocument(entry);
             rules[rule.content.uiValue1] = rule;
         }
         rules_ = std::move(rules);
@@ -110,9 +112,9 @@ void Rules::Load() {
 }
 
 void Rules::Save(const std::map<uint32_t, Rule> &rules) {
-    nlohmann::json content = nlohmann::json::array();
+    Document::Array content;
     for (const auto &[id, rule] : rules) {
-        content.push_back(ToJson(rule));
+        content.push_back(ToDocument(rule));
     }
     TheStore().Save(kDocument, kVersion, content);
 }

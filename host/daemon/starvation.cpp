@@ -17,9 +17,9 @@ constexpr uint32_t kVersion = 1;
 } // namespace
 
 void Starvation::Start() {
-    TheStore().Load(kDocument, kVersion, [this](const nlohmann::json &content) {
-        const StarvationSettings settings{content.at("on"),
-                                          std::chrono::milliseconds(content.at("thresholdMs").get<uint32_t>())};
+    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
+        const StarvationSettings settings{content.Get<bool>("on"),
+                                          std::chrono::milliseconds(content.Get<uint32_t>("thresholdMs"))};
         const std::lock_guard lock(mutex_);
         settings_ = settings;
     });
@@ -41,7 +41,8 @@ void Starvation::SetThreshold(std::chrono::milliseconds threshold) {
 }
 
 void Starvation::Set(const StarvationSettings &settings) {
-    TheStore().Save(kDocument, kVersion, {{"on", settings.on}, {"thresholdMs", settings.threshold.count()}});
+    TheStore().Save(kDocument, kVersion,
+                    host::Document::Object{{"on", settings.on}, {"thresholdMs", settings.threshold.count()}});
     settings_ = settings;
 }
 

@@ -11,7 +11,7 @@ namespace master {
 
 namespace {
 
-using nlohmann::json;
+using host::Document;
 
 constexpr const char *kDocument = "memory-overload";
 constexpr uint32_t kVersion = 1;
@@ -36,12 +36,12 @@ std::string SectionOf(const Names &names) {
     return fmt::format("[memory-overload {}{}{}]", names.first, names.second.empty() ? "" : " ", names.second);
 }
 
-json ToJson(const Thresholds &thresholds) {
-    return {{"over", thresholds.over}, {"recover", thresholds.recover}};
+Document ToDocument(const Thresholds &thresholds) {
+    return Document::Object{{"over", thresholds.over}, {"recover", thresholds.recover}};
 }
 
-Thresholds FromJson(const json &content) {
-    const Thresholds thresholds{content.at("over").get<uint32_t>(), content.at("recover").get<uint32_t>(), 0};
+Thresholds FromDocument(const Document &content) {
+    const Thresholds thresholds{content.Get<uint32_t>("over"), content.Get<uint32_t>("recover"), 0};
     CheckThresholds(thresholds);
     return thresholds;
 }
@@ -123,27 +123,27 @@ void Master::ChangeMemory(const Names &names, const Thresholds &thresholds, cons
 }
 
 void Master::Load() {
-    store_.Load(kDocument, kVersion, [this](const json &content) {
+    store_.Load(kDocument, kVersion, [this](const Document &content) {
         std::map<Names, Change> changes;
-        for (const json &entry : content) {
-            changes[{entry.at("name"), entry.at("variant")}] = {FromJson(entry.at("thresholds")),
-                                                                FromJson(entry.at("ofFile")), entry.at("by"),
-                                                                entry.at("count"), entry.at("when")};
+        for (const Document &entry : content.AsArray()) {
+            changes[{entry.Get<std::string>("name"), entry.Get<std::string>("variant")}] = {
+                FromDocument(entry.At("thresholds")), FromDocument(entry.At("ofFile")), entry.Get<std::string>("by"),
+                entry.Get<uint32_t>("count"), entry.Get<uint32_t>("when")};
         }
         changes_ = std::move(changes);
     });
 }
 
 void Master::Save(const std::map<Names, Change> &changes) {
-    json content = json::array();
+    Document::Array content;
     for (const auto &[names, change] : changes) {
-        content.push_back({{"name", names.first},
-                           {"variant", names.second},
-                           {"thresholds", ToJson(change.thresholds)},
-                           {"ofFile", ToJson(change.ofFile)},
-                           {"by", change.by},
-                           {"count", change.count},
-                           {"when", change.when}});
+        content.push_back(Document::Object{{"name", names.first},
+                                           {"variant", names.second},
+                                           {"thresholds", ToDocument(change.thresholds)},
+                                           {"ofFile", ToDocument(change.ofFile)},
+                                           {"by", change.by},
+                                           {"count", change.count},
+                                           {"when", change.when}});
     }
     store_.Save(kDocument, kVersion, content);
 }

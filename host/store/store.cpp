@@ -18,8 +18,6 @@ namespace host {
 
 namespace {
 
-using nlohmann::json;
-
 std::string FileOf(const std::string &name) {
     const auto allowed = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-'; };
     if (name.empty() || !std::all_of(name.begin(), name.end(), allowed)) {
@@ -28,8 +26,8 @@ std::string FileOf(const std::string &name) {
     return name + ".json";
 }
 
-std::string DigestOf(const json &content) {
-    const std::string text = content.dump();
+std::string DigestOf(const Document &content) {
+    const std::string text = content.Dump();
     uint8_t digest[EVP_MAX_MD_SIZE];
     size_t size = 0;
     if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
@@ -75,7 +73,7 @@ void Store::Open(const std::filesystem::path &directory) {
 bool Store::Load(const std::string &name, uint32_t version, const Take &take) {
     const std::lock_guard lock(mutex_);
     try {
-        const std::optional<Document> document = Read(name, version);
+        const std::optional<Kept> document = Read(name, version);
         if (document) {
             take(document->content, document->version);
         }
@@ -88,11 +86,11 @@ bool Store::Load(const std::string &name, uint32_t version, const Take &take) {
     }
 }
 
-bool Store::Load(const std::string &name, uint32_t version, const std::function<void(const json &)> &take) {
-    return Load(name, version, [&](const json &content, uint32_t) { take(content); });
+bool Store::Load(const std::string &name, uint32_t version, const std::function<void(const Document &)> &take) {
+    return Load(name, version, [&](const Document &content, uint32_t) { take(content); });
 }
 
-void Store::Save(const std::string &name, uint32_t version, const json &content) {
+void Store::Save(const std::string &name, uint32_t version, const Document &content) {
     const std::string file = FileOf(name);
     const std::lock_guard lock(mutex_);
     if (!directory_) {
@@ -101,16 +99,17 @@ void Store::Save(const std::string &name, uint32_t version, const json &content)
     }
     const std::string what = (path_ / file).string();
     try {
-        const json whole{{"document", name}, {"version", version}, {"sha256", DigestOf(content)}, {"content", content}};
+        const Document whole = Document::Object{
+            {"document", name}, {"version", version}, {"sha256", DigestOf(content)}, {"content", content}};
         FileAside aside(*directory_, file, 0600);
-        WriteAll(aside.File(), whole.dump(1) + "\n", what);
+        WriteAll(aside.File(), whole.Dump(1) + "\n", what);
         aside.Commit();
-    } catch (const json::exception &error) {
+    } catch (const DocumentError &error) {
         Fail(EILSEQ, fmt::format("{}: {}", what, error.what()));
     }
 }
 
-std::optional<Store::Document> Store::Read(const std::string &name, uint32_t version) {
+std::optional<Store::Kept> Store::Read(const std::string &name, uint32_t version) {
     const std::string file = FileOf(name);
     if (!directory_) {
         const auto found = documents_.find(name);
@@ -120,12 +119,12 @@ std::optional<Store::Document> Store::Read(const std::string &name, uint32_t ver
     if (fd < 0 && errno == ENOENT) {
         return {};
     }
-    const json whole = json::parse(TextOf({fd, file}, file));
-    Document document{whole.at("version").get<uint32_t>(), whole.at("content")};
-    if (whole.at("document") != name) {
-        throw std::runtime_error(fmt::format("it says that it is \"{}\"", whole.at("document").get<std::string>()));
+    const Document whole = Document::Parse(TextOf({fd, file}, file));
+    Kept document{whole.Get<uint32_t>("version"), whole.At("content")};
+    if (const auto is = whole.Get<std::string>("document"); is != name) {
+        throw std::runtime_error(fmt::format("it says that it is \"{}\"", is));
     }
-    if (whole.at("sha256") != DigestOf(document.content)) {
+    if (whole.Get<std::string>("sha256") != DigestOf(document.content)) {
         throw std::runtime_error("its content does not match its digest");
     }
     if (document.version > version) {

@@ -1,6 +1,6 @@
 // Documents that outlive a restart, one file each in a directory.
 //
-//   store.Load("clock", 1, [&](const nlohmann::json &content) { ... });   at start
+//   store.Load("clock", 1, [&](const Document &content) { ... });   at start
 //   store.Save("clock", 1, content);                                      before a change is confirmed
 //
 // A file is written aside, synced and renamed: after a crash there is the old document or the new one. A file that is
@@ -16,8 +16,7 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
+#include "host/store/document.h"
 #include "host/store/files.h"
 
 namespace host {
@@ -33,26 +32,26 @@ public:
 
     // Hands the content over and returns true, if there is such a document. `version` is the newest that the caller
     // knows; an older document is handed over as well, with its own. What `take` throws counts as damage.
-    using Take = std::function<void(const nlohmann::json &content, uint32_t version)>;
+    using Take = std::function<void(const Document &content, uint32_t version)>;
     bool Load(const std::string &name, uint32_t version, const Take &take);
-    bool Load(const std::string &name, uint32_t version, const std::function<void(const nlohmann::json &)> &take);
+    bool Load(const std::string &name, uint32_t version, const std::function<void(const Document &)> &take);
 
     // Throws std::system_error when it can't be kept; the older document is still there then. Who saves a document from
     // several threads holds a lock of its own from the change until Save returns.
-    void Save(const std::string &name, uint32_t version, const nlohmann::json &content);
+    void Save(const std::string &name, uint32_t version, const Document &content);
 
 private:
-    struct Document {
+    struct Kept {
         uint32_t version;
-        nlohmann::json content;
+        Document content;
     };
-    std::optional<Document> Read(const std::string &name, uint32_t version);
+    std::optional<Kept> Read(const std::string &name, uint32_t version);
     void SetAside(const std::string &name, const char *suffix, const std::string &reason);
 
     std::mutex mutex_;
     std::filesystem::path path_;
     std::optional<Descriptor> directory_;
-    std::map<std::string, Document> documents_; // without a directory
+    std::map<std::string, Kept> documents_; // without a directory
 };
 
 } // namespace host

@@ -19,7 +19,7 @@ TARN_UNIT()
 
 namespace {
 
-using nlohmann::json;
+using host::Document;
 
 std::set<std::string> NamesOf(const std::filesystem::path &directory) {
     std::set<std::string> names;
@@ -30,11 +30,11 @@ std::set<std::string> NamesOf(const std::filesystem::path &directory) {
 }
 
 // What a process that starts now finds.
-std::optional<json> Stored(const std::filesystem::path &directory, const std::string &name, uint32_t version = 1) {
+std::optional<Document> Stored(const std::filesystem::path &directory, const std::string &name, uint32_t version = 1) {
     host::Store store;
     store.Open(directory);
-    std::optional<json> found;
-    store.Load(name, version, [&](const json &content) { found = content; });
+    std::optional<Document> found;
+    store.Load(name, version, [&](const Document &content) { found = content; });
     return found;
 }
 
@@ -54,7 +54,7 @@ protected:
         std::ofstream(state_ / file, std::ios::binary) << text;
     }
     // The file of a document, as a store writes it.
-    std::string FileOf(const json &content, uint32_t version = 1) const {
+    std::string FileOf(const Document &content, uint32_t version = 1) const {
         const kit::TempDir elsewhere;
         host::Store store;
         store.Open(elsewhere.Path());
@@ -64,28 +64,29 @@ protected:
 
     const kit::TempDir dir_;
     const std::filesystem::path state_ = dir_.Path() / "a" / "state";
-    const json content_{{"name", "Europe/Berlin"}, {"offset", 60}, {"share", 0.1}, {"list", {1, "two", nullptr}}};
+    const Document content_ = Document::Object{
+        {"name", "Europe/Berlin"}, {"offset", 60}, {"share", 0.1}, {"list", Document::Array{1, "two", nullptr}}};
 };
 
 TEST_F(StoreTest, FindsADocumentAgain) {
     {
         host::Store store;
         store.Open(state_);
-        EXPECT_FALSE(store.Load("doc", 1, [](const json &) { FAIL(); }));
-        store.Save("doc", 1, {{"older", true}});
+        EXPECT_FALSE(store.Load("doc", 1, [](const Document &) { FAIL(); }));
+        store.Save("doc", 1, Document::Object{{"older", true}});
         store.Save("doc", 1, content_);
         store.Save("other", 1, {});
     }
     EXPECT_EQ(Stored(state_, "doc"), content_);
-    EXPECT_EQ(Stored(state_, "other"), json());
+    EXPECT_EQ(Stored(state_, "other"), Document());
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json", "other.json"})) << "nothing is left aside";
 }
 
 TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
     host::Store store;
     store.Save("doc", 1, content_);
-    json found;
-    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { found = content; }));
+    Document found;
+    EXPECT_TRUE(store.Load("doc", 1, [&](const Document &content) { found = content; }));
     EXPECT_EQ(found, content_);
 }
 
@@ -100,7 +101,7 @@ TEST_F(StoreTest, RefusesNamesThatAreNoFiles) {
     store.Open(state_);
     for (const char *name : {"", "..", "a/b", "A", "a.json"}) {
         EXPECT_THROW(store.Save(name, 1, {}), std::invalid_argument) << name;
-        EXPECT_THROW(store.Load(name, 1, [](const json &) {}), std::invalid_argument) << name;
+        EXPECT_THROW(store.Load(name, 1, [](const Document &) {}), std::invalid_argument) << name;
     }
 }
 
@@ -109,7 +110,7 @@ TEST_F(StoreTest, GivesAnOlderVersionToWhoMayKnowIt) {
     host::Store store;
     store.Open(state_);
     uint32_t version = 0;
-    EXPECT_TRUE(store.Load("doc", 3, [&](const json &, uint32_t is) { version = is; }));
+    EXPECT_TRUE(store.Load("doc", 3, [&](const Document &, uint32_t is) { version = is; }));
     EXPECT_EQ(version, 2);
 }
 
@@ -134,7 +135,7 @@ TEST_F(StoreTest, SetsDamagedFilesAside) {
                                                {"changed", changed},
                                                {"longer", longer},
                                                {"another document's", good},
-                                               {"no envelope", content_.dump()},
+                                               {"no envelope", content_.Dump()},
                                                {"deep", std::string(100'000, '[')}};
     damaged["another document's"].replace(damaged["another document's"].find("\"doc\""), 5, "\"cod\"");
     for (size_t length = 1; length < good.size() - 1; length += 7) { // without its line feed it is whole
@@ -149,11 +150,31 @@ TEST_F(StoreTest, SetsDamagedFilesAside) {
     }
 }
 
+// The digest is that of the content in one line.
+TEST_F(StoreTest, WritesTheFormatOfItsFiles) {
+    EXPECT_EQ(FileOf(content_, 3), R"({
+ "content": {
+  "list": [
+   1,
+   "two",
+   null
+  ],
+  "name": "Europe/Berlin",
+  "offset": 60,
+  "share": 0.1
+ },
+ "document": "doc",
+ "sha256": "91f0a80b6db7190bd640dc348667b5af35b13a0347b760d93eff6d4c9d56b5d5",
+ "version": 3
+}
+)");
+}
+
 TEST_F(StoreTest, SetsAsideWhatItsOwnerCannotTake) {
     Write("doc.json", FileOf(content_));
     host::Store store;
     store.Open(state_);
-    EXPECT_FALSE(store.Load("doc", 1, [](const json &content) { content.at("name").get<uint32_t>(); }));
+    EXPECT_FALSE(store.Load("doc", 1, [](const Document &content) { content.Get<uint32_t>("name"); }));
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
 }
 
@@ -170,9 +191,9 @@ TEST_F(StoreTest, RefusesWhatIsNoText) {
     host::Store store;
     store.Open(state_);
     store.Save("doc", 1, content_);
-    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"name", "\xFF"}}); }), EILSEQ);
-    json found;
-    store.Load("doc", 1, [&](const json &content) { found = content; });
+    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, Document::Object{{"name", "\xFF"}}); }), EILSEQ);
+    Document found;
+    store.Load("doc", 1, [&](const Document &content) { found = content; });
     EXPECT_EQ(found, content_);
 }
 
@@ -186,7 +207,7 @@ TEST_F(StoreTest, LeavesTheOlderDocumentWhenAWriteFails) {
         const struct rlimit small { 1000, before.rlim_max };
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &small);
-        EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"long", std::string(2000, 'x')}}); }), EFBIG);
+        EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, Document::Object{{"long", std::string(2000, 'x')}}); }), EFBIG);
         setrlimit(RLIMIT_FSIZE, &before);
     }
     EXPECT_EQ(Stored(state_, "doc"), content_);
@@ -202,13 +223,13 @@ TEST_F(StoreTest, LeavesTheOlderDocumentOnAFullDisk) {
     store.Open(state_);
     store.Save("doc", 1, content_);
     disk.Fill();
-    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {{"long", std::string(9000, 'x')}}); }), ENOSPC);
+    EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, Document::Object{{"long", std::string(9000, 'x')}}); }), ENOSPC);
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json", "filler"}));
-    json found;
-    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { found = content; }));
+    Document found;
+    EXPECT_TRUE(store.Load("doc", 1, [&](const Document &content) { found = content; }));
     EXPECT_EQ(found, content_);
     disk.Empty();
-    store.Save("doc", 1, {{"long", std::string(9000, 'x')}});
+    store.Save("doc", 1, Document::Object{{"long", std::string(9000, 'x')}});
 }
 
 TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
@@ -221,9 +242,9 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
     ASSERT_TRUE(disk.ReadOnly(true));
     host::Store store;
     store.Open(state_);
-    EXPECT_TRUE(store.Load("doc", 1, [&](const json &content) { EXPECT_EQ(content, content_); }));
+    EXPECT_TRUE(store.Load("doc", 1, [&](const Document &content) { EXPECT_EQ(content, content_); }));
     EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {}); }), EROFS);
-    EXPECT_FALSE(store.Load("broken", 1, [](const json &) { FAIL(); }));
+    EXPECT_FALSE(store.Load("broken", 1, [](const Document &) { FAIL(); }));
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"broken.json", "doc.json"}));
     EXPECT_EQ(ErrorOf([&] { host::Store().Open(state_ / "below"); }), ENOENT) << "can't be created";
 }
@@ -245,7 +266,7 @@ TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
             host::Store store;
             store.Open(state_);
             for (uint64_t i = newest + 1;; ++i) {
-                store.Save("doc", 1, {{"number", i}, {"long", std::string(3000, 'x')}});
+                store.Save("doc", 1, Document::Object{{"number", i}, {"long", std::string(3000, 'x')}});
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5 + 7 * (round % 5)));
@@ -253,8 +274,8 @@ TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
         waitpid(pid, nullptr, 0);
         const auto found = Stored(state_, "doc");
         if (found) {
-            EXPECT_GE(found->at("number").get<uint64_t>(), newest);
-            newest = found->at("number").get<uint64_t>();
+            EXPECT_GE(found->Get<uint64_t>("number"), newest);
+            newest = found->Get<uint64_t>("number");
         }
         for (const std::string &name : NamesOf(state_)) {
             EXPECT_EQ(name, "doc.json");
