@@ -22,7 +22,7 @@ uint32_t ShowHelp(int, const char *const *, TarnAgentOutput *output, void *regis
 
 uint32_t ShowThreads(int, const char *const *, TarnAgentOutput *output, void *) {
     TarnAgent_Print(output, "%8s %-16s %-24s %10s\n", "TID", "NAME", "STATE", "CPU ticks");
-    for (const host::procfs::Task &task : host::procfs::ReadThreads(Pid())) {
+    for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(Pid())) {
         TarnAgent_Print(output, "%8u %-16s %-24s %10llu\n", task.id, task.name.c_str(),
                         host::procfs::StateText(task.state).c_str(), static_cast<unsigned long long>(task.CpuTicks()));
     }
@@ -30,7 +30,7 @@ uint32_t ShowThreads(int, const char *const *, TarnAgentOutput *output, void *) 
 }
 
 uint32_t ShowMemory(int, const char *const *, TarnAgentOutput *output, void *) {
-    const std::string status = host::procfs::ReadText("/proc/self/status");
+    const std::string status = host::procfs::Procfs().Read("self/status");
     for (const char *const key :
          {"VmPeak", "VmSize", "VmHWM", "VmRSS", "RssAnon", "RssFile", "RssShmem", "VmData", "VmStk", "VmSwap"}) {
         TarnAgent_Print(output, "%-8s %10llu kB\n", key,
@@ -65,8 +65,8 @@ uint32_t ShowEnv(int argc, const char *const *argv, TarnAgentOutput *output, voi
 }
 
 uint32_t ShowUptime(int, const char *const *, TarnAgentOutput *output, void *) {
-    const double system = std::stod(host::procfs::ReadText("/proc/uptime"));
-    const auto start = static_cast<double>(host::procfs::ReadProcess(Pid()).startTicks);
+    const double system = std::stod(host::procfs::Procfs().Read("uptime"));
+    const auto start = static_cast<double>(host::procfs::Procfs().ReadProcess(Pid()).startTicks);
     const double process = system - start / static_cast<double>(host::procfs::TicksPerSecond());
     TarnAgent_Print(output, "process %.2f s\nsystem %.2f s\n", process, system);
     return 0;

@@ -72,7 +72,7 @@ milliseconds DeadLoops::CheckAll() {
         return config.period;
     }
     std::set<uint32_t> ended = Known(); // before the threads are read: one that asks to be watched meanwhile has not
-    for (const host::procfs::Task &task : host::procfs::ReadThreads(Pid())) {
+    for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(Pid())) {
         ended.erase(task.id);
         if (config.cpus.empty() || std::count(config.cpus.begin(), config.cpus.end(), task.lastCpu) != 0) {
             host::procfs::SkipEnded([&] { Check(task.id, task.name); });
@@ -94,7 +94,7 @@ std::set<uint32_t> DeadLoops::Known() const {
 
 // A thread that is ready to run but waits for a CPU has no break either.
 void DeadLoops::Check(uint32_t tid, const std::string &name) {
-    const host::procfs::SchedulerCount count = host::procfs::ReadSchedulerCount(Pid(), tid);
+    const host::procfs::SchedulerCount count = host::procfs::Procfs().ReadSchedulerCount(Pid(), tid);
     const uint64_t busyNs = count.runNs + count.waitNs;
     const steady_clock::time_point now = steady_clock::now();
     const std::lock_guard lock(mutex_);
@@ -145,7 +145,7 @@ uint32_t GetDeadLoopCfg(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *
         CheckProcess("uiValue3", request->uiValue3);
         const DeadLoops::Config config = TheDeadLoops().GetConfig();
         std::vector<Tarn_sys_diag_DeadLoopThreadCfg> threads;
-        for (const host::procfs::Task &task : host::procfs::ReadThreads(Pid())) {
+        for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(Pid())) {
             const DeadLoops::Thread thread = TheDeadLoops().GetThread(task.id);
             if ((request->uiValue1 == 0 || request->uiValue1 == task.id) &&
                 (request->uiValue2 == 0 || thread.detectNum != 0)) {

@@ -39,7 +39,7 @@ Health::Finding Found(uint64_t value, uint32_t limit, const char *unit) {
 }
 
 Health::Finding Threads(uint32_t limit) {
-    return Found(host::procfs::ReadProcess(static_cast<uint32_t>(getpid())).threadNum, limit, "threads");
+    return Found(host::procfs::Procfs().ReadProcess(static_cast<uint32_t>(getpid())).threadNum, limit, "threads");
 }
 
 Health::Finding Descriptors(uint32_t limit) {
@@ -53,7 +53,7 @@ Health::Finding Descriptors(uint32_t limit) {
 }
 
 Health::Finding ResidentMemory(uint32_t limit) {
-    const std::string status = host::procfs::ReadText("/proc/self/status");
+    const std::string status = host::procfs::Procfs().Read("self/status");
     return Found(host::procfs::FieldOf(status, "VmRSS") / 1024, limit, "MiB resident");
 }
 

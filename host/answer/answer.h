@@ -2,18 +2,15 @@
 // status, and the reason goes to the log: no exception passes the C functions that the runtime calls.
 #pragma once
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
-#include <fmt/format.h>
-
+#include "host/osal/error.h"
+#include "host/osal/text.h"
 #include "host/runtime/reply.h"
 #include "types/common.h"
 
@@ -108,25 +105,6 @@ uint32_t AnswerWithResult(const char *method, void *replyCtx, Fill fill) {
         }
         reply.uiResult = result;
     });
-}
-
-// A request with a value that is not allowed.
-template <class Value>
-std::system_error BadValue(const char *member, const Value &value, const std::string &expected) {
-    return {EINVAL, std::generic_category(), fmt::format("{} is {}, expected {}", member, value, expected)};
-}
-
-// The text in an array that need not be terminated.
-template <size_t kSize>
-std::string_view TextOf(const char (&array)[kSize]) {
-    return {array, strnlen(array, kSize)};
-}
-
-// Copies a text into an array, cut to leave room for a terminating 0.
-template <size_t kSize>
-void CopyText(char (&to)[kSize], std::string_view text) {
-    const size_t length = text.copy(to, kSize - 1);
-    memset(to + length, 0, kSize - length);
 }
 
 } // namespace host

@@ -1,6 +1,6 @@
 #include "host/clock/calendar.h"
 
-#include "host/answer/answer.h"
+#include "host/osal/error.h"
 
 namespace host {
 

@@ -5,7 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include "host/answer/answer.h"
+#include "host/osal/error.h"
+#include "host/osal/text.h"
 
 namespace host {
 

@@ -194,7 +194,7 @@ uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 
 uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetLMProcLPidOutput>(__func__, replyCtx, [&](auto &reply) {
-        const host::procfs::Task process = host::procfs::ReadProcess(request->uiPid);
+        const host::procfs::Task process = host::procfs::Procfs().ReadProcess(request->uiPid);
         reply.uiValue1 = process.parent;
         reply.uiLPid = process.session;
     });

@@ -14,16 +14,13 @@ namespace host::procfs {
 
 namespace {
 
-std::string FileOf(uint32_t pid, const char *name) {
-    return "/proc/" + std::to_string(pid) + "/" + name;
-}
-
 // The lines of a file that may be long, without their line feeds.
 class Lines {
 public:
-    explicit Lines(std::string path) : path_(std::move(path)), file_(fopen(path_.c_str(), "re"), fclose) {
+    Lines(const Procfs &proc, std::string path)
+        : proc_(proc), path_(std::move(path)), file_(fopen(path_.c_str(), "re"), fclose) {
         if (file_ == nullptr) {
-            FailRead(errno, path_);
+            proc_.Fail(errno, path_);
         }
     }
     ~Lines() { free(line_); }
@@ -35,7 +32,7 @@ public:
         const ssize_t length = getline(&line_, &capacity_, file_.get());
         if (length < 0) {
             if (ferror(file_.get()) != 0) {
-                FailRead(errno, path_);
+                proc_.Fail(errno, path_);
             }
             return false;
         }
@@ -47,6 +44,7 @@ public:
     }
 
 private:
+    const Procfs &proc_;
     const std::string path_;
     std::unique_ptr<FILE, int (*)(FILE *)> file_;
     char *line_ = nullptr;
@@ -75,10 +73,10 @@ void TakeSize(Mapping &mapping, std::string_view line, size_t colon) {
     }
 }
 
-void ReadFile(uint32_t pid, const char *file, const TakeMapping &take) {
+void ReadFile(const Procfs &proc, uint32_t pid, const char *file, const TakeMapping &take) {
     Mapping mapping;
     bool started = false;
-    Lines lines(FileOf(pid, file));
+    Lines lines(proc, proc.Path(pid, file));
     for (std::string_view line; lines.Next(line);) {
         // A line below a mapping starts with a key and a colon; in a mapping's the range comes before the first colon.
         const size_t colon = line.find_first_of(": ");
@@ -98,15 +96,15 @@ void ReadFile(uint32_t pid, const char *file, const TakeMapping &take) {
 }
 
 // The kernel ends the file of a process that goes while it is being read, as if there were no more.
-void ReadWhole(uint32_t pid, const char *file, const TakeMapping &take) {
-    const Task before = ReadProcess(pid);
-    if (!HasMemory(ReadText(FileOf(pid, "status")))) {
+void ReadWhole(const Procfs &proc, uint32_t pid, const char *file, const TakeMapping &take) {
+    const Task before = proc.ReadProcess(pid);
+    if (!HasMemory(proc.Read(pid, "status"))) {
         return;
     }
-    ReadFile(pid, file, take);
-    const Task after = ReadProcess(pid);
-    if (after.startTicks != before.startTicks || !HasMemory(ReadText(FileOf(pid, "status")))) {
-        FailRead(ESRCH, FileOf(pid, file) + ": ended while it was read");
+    ReadFile(proc, pid, file, take);
+    const Task after = proc.ReadProcess(pid);
+    if (after.startTicks != before.startTicks || !HasMemory(proc.Read(pid, "status"))) {
+        proc.Fail(ESRCH, proc.Path(pid, file) + ": ended while it was read");
     }
 }
 
@@ -140,28 +138,28 @@ Mapping ParseMapping(std::string_view line) {
     return mapping;
 }
 
-void ReadMappings(uint32_t pid, const TakeMapping &take) {
-    ReadWhole(pid, "smaps", take);
+void ReadMappings(const Procfs &proc, uint32_t pid, const TakeMapping &take) {
+    ReadWhole(proc, pid, "smaps", take);
 }
 
-void ReadMappedRanges(uint32_t pid, const TakeMapping &take) {
-    ReadWhole(pid, "maps", take);
+void ReadMappedRanges(const Procfs &proc, uint32_t pid, const TakeMapping &take) {
+    ReadWhole(proc, pid, "maps", take);
 }
 
 bool HasMemory(std::string_view status) {
     return FindField(status, "VmSize").has_value();
 }
 
-std::string ProgramName(uint32_t pid) {
-    const std::string path = FileOf(pid, "exe");
+std::string ProgramName(const Procfs &proc, uint32_t pid) {
+    const std::string path = proc.Path(pid, "exe");
     char target[4096];
     const ssize_t length = readlink(path.c_str(), target, sizeof target);
     if (length < 0) {
         if (errno == ENOENT) {
-            ReadProcess(pid); // there, and has none
+            proc.ReadProcess(pid); // there, and has none
             return {};
         }
-        FailRead(errno, path);
+        proc.Fail(errno, path);
     }
     const std::string_view program(target, static_cast<size_t>(length));
     return std::string(program.substr(program.rfind('/') + 1));

@@ -30,13 +30,15 @@ Mapping ParseMapping(std::string_view line);
 // Hands each mapping to a function, in address order; a kernel thread and a zombie have none. A process that ends
 // meanwhile is an error: what was handed over is not all it had.
 using TakeMapping = std::function<void(const Mapping &)>;
-void ReadMappings(uint32_t pid, const TakeMapping &take);     // from smaps
-void ReadMappedRanges(uint32_t pid, const TakeMapping &take); // from maps: no sizes but that of the range, but cheap
+void ReadMappings(const Procfs &proc, uint32_t pid, const TakeMapping &take); // from smaps
+
+// From maps: no sizes but that of the range, but cheap.
+void ReadMappedRanges(const Procfs &proc, uint32_t pid, const TakeMapping &take);
 
 // A kernel thread and a zombie have no memory of their own, which shows in /proc/PID/status.
 bool HasMemory(std::string_view status);
 
 // The name of the program file, without directories. Empty for a kernel thread or a zombie.
-std::string ProgramName(uint32_t pid);
+std::string ProgramName(const Procfs &proc, uint32_t pid);
 
 } // namespace host::procfs

@@ -17,32 +17,29 @@ namespace host::procfs {
 
 namespace {
 
-[[noreturn]] void Fail(int error, const std::string &what) {
+[[noreturn]] void Throw(int error, const std::string &what) {
     throw std::system_error(error, std::generic_category(), what);
 }
 
-class File {
-public:
-    explicit File(const std::string &path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-        if (fd_ < 0) {
-            FailRead(errno, path);
-        }
+// 0, or what reading failed with.
+int TryRead(const std::string &path, std::string &text) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
     }
-    ~File() { close(fd_); }
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-    int Fd() const { return fd_; }
-
-private:
-    const int fd_;
-};
-
-std::string Directory(uint32_t pid) {
-    return "/proc/" + std::to_string(pid);
+    char buffer[4096];
+    ssize_t length = 0;
+    do {
+        length = read(fd, buffer, sizeof buffer);
+        text.append(buffer, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    } while (length > 0 || (length < 0 && errno == EINTR));
+    const int error = length < 0 ? errno : 0;
+    close(fd);
+    return error;
 }
 
-std::string ThreadFile(uint32_t pid, uint32_t tid, const char *file) {
-    return Directory(pid) + "/task/" + std::to_string(tid) + "/" + file;
+std::string ThreadFile(uint32_t tid, const char *file) {
+    return "task/" + std::to_string(tid) + "/" + file;
 }
 
 uint64_t PageKb() {
@@ -64,7 +61,7 @@ std::vector<int64_t> Numbers(std::string_view text) {
         const bool negative = *at == '-';
         const auto [next, error] = std::from_chars(negative ? at + 1 : at, end, value);
         if (error != std::errc{}) {
-            Fail(EPROTO, "a number in a stat line");
+            Throw(EPROTO, "a number in a stat line");
         }
         numbers.push_back(static_cast<int64_t>(negative ? 0 - value : value));
         at = next;
@@ -72,12 +69,12 @@ std::vector<int64_t> Numbers(std::string_view text) {
     return numbers;
 }
 
-std::vector<uint32_t> NumericNames(const std::string &path) {
+// 0, or what opening the directory failed with.
+int TryNumericNames(const std::string &path, std::vector<uint32_t> &ids) {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
     if (directory == nullptr) {
-        FailRead(errno, path);
+        return errno;
     }
-    std::vector<uint32_t> ids;
     while (const dirent *entry = readdir(directory.get())) {
         const std::string_view name = entry->d_name;
         uint32_t id = 0;
@@ -87,47 +84,17 @@ std::vector<uint32_t> NumericNames(const std::string &path) {
         }
     }
     std::sort(ids.begin(), ids.end());
-    return ids;
-}
-
-bool IsHidden(const std::string &path) {
-    pid_t pid = 0;
-    std::from_chars(path.data() + strlen("/proc/"), path.data() + path.size(), pid);
-    return pid > 0 && access(Directory(static_cast<uint32_t>(pid)).c_str(), F_OK) != 0 && kill(pid, 0) != 0 &&
-           errno == EPERM;
+    return 0;
 }
 
 } // namespace
 
-// A process that went away shows as a missing file, or as ESRCH once its file is open. So does one that /proc hides,
-// but it refuses a signal.
-void FailRead(int error, const std::string &path) {
-    const bool ofProcess = path.starts_with("/proc/") && path[6] >= '0' && path[6] <= '9';
-    if (ofProcess && error == ENOENT) {
-        error = IsHidden(path) ? EACCES : ESRCH;
-    } else if (error == EPERM) {
-        error = EACCES;
-    }
-    Fail(error, path);
-}
-
 std::string ReadText(const std::string &path) {
-    const File file(path);
     std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t length = read(file.Fd(), buffer, sizeof buffer);
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length < 0) {
-            FailRead(errno, path);
-        }
-        if (length == 0) {
-            return text;
-        }
-        text.append(buffer, static_cast<size_t>(length));
+    if (const int error = TryRead(path, text); error != 0) {
+        Throw(error == EPERM ? EACCES : error, path);
     }
+    return text;
 }
 
 std::optional<uint64_t> FindField(std::string_view text, std::string_view key) {
@@ -151,7 +118,7 @@ std::optional<uint64_t> FindField(std::string_view text, std::string_view key) {
 uint64_t FieldOf(std::string_view text, std::string_view key) {
     const std::optional<uint64_t> value = FindField(text, key);
     if (!value.has_value()) {
-        Fail(EPROTO, "no number for \"" + std::string(key) + "\"");
+        Throw(EPROTO, "no number for \"" + std::string(key) + "\"");
     }
     return *value;
 }
@@ -160,12 +127,12 @@ Task ParseStat(std::string_view line) {
     const size_t open = line.find('(');
     const size_t closed = line.rfind(')');
     if (open == line.npos || closed == line.npos || closed < open || closed + 4 > line.size()) {
-        Fail(EPROTO, "a stat line without name and state");
+        Throw(EPROTO, "a stat line without name and state");
     }
     constexpr size_t kFirst = 4; // what the manual calls field 4 is the first number behind the state
     const std::vector<int64_t> numbers = Numbers(line.substr(closed + 3));
     if (numbers.size() < 41 - kFirst + 1) {
-        Fail(EPROTO, "a stat line with fewer than 41 fields");
+        Throw(EPROTO, "a stat line with fewer than 41 fields");
     }
     constexpr int64_t kKernelThread = 0x00200000; // PF_KTHREAD
     const auto field = [&](size_t number) { return numbers[number - kFirst]; };
@@ -190,14 +157,58 @@ Task ParseStat(std::string_view line) {
     return task;
 }
 
-Task ReadProcess(uint32_t pid) {
-    if (FieldOf(ReadText(Directory(pid) + "/status"), "Tgid") != pid) {
-        Fail(ESRCH, std::to_string(pid) + " is a thread, not a process");
-    }
-    return ParseStat(ReadText(Directory(pid) + "/stat"));
+std::string Procfs::Path(std::string_view file) const {
+    return root_ + "/" + std::string(file);
 }
 
-bool Runs(uint32_t pid, uint64_t startTicks) {
+std::string Procfs::Path(uint32_t pid, std::string_view file) const {
+    return Path(std::to_string(pid) + "/" + std::string(file));
+}
+
+std::string Procfs::Read(std::string_view file) const {
+    return ReadFile(Path(file));
+}
+
+std::string Procfs::Read(uint32_t pid, std::string_view file) const {
+    return ReadFile(Path(pid, file));
+}
+
+std::string Procfs::ReadFile(const std::string &path) const {
+    std::string text;
+    if (const int error = TryRead(path, text); error != 0) {
+        Fail(error, path);
+    }
+    return text;
+}
+
+// A process that went away shows as a missing file, or as ESRCH once its file is open. So does one that /proc hides,
+// but it refuses a signal.
+void Procfs::Fail(int error, const std::string &path) const {
+    const size_t name = root_.size() + 1;
+    const bool ofProcess =
+        path.starts_with(root_ + "/") && path.size() > name && path[name] >= '0' && path[name] <= '9';
+    if (ofProcess && error == ENOENT) {
+        error = Hides(path) ? EACCES : ESRCH;
+    } else if (error == EPERM) {
+        error = EACCES;
+    }
+    Throw(error, path);
+}
+
+bool Procfs::Hides(const std::string &path) const {
+    pid_t pid = 0;
+    std::from_chars(path.data() + root_.size() + 1, path.data() + path.size(), pid);
+    return pid > 0 && access(Path(std::to_string(pid)).c_str(), F_OK) != 0 && kill(pid, 0) != 0 && errno == EPERM;
+}
+
+Task Procfs::ReadProcess(uint32_t pid) const {
+    if (FieldOf(Read(pid, "status"), "Tgid") != pid) {
+        Throw(ESRCH, std::to_string(pid) + " is a thread, not a process");
+    }
+    return ParseStat(Read(pid, "stat"));
+}
+
+bool Procfs::Runs(uint32_t pid, uint64_t startTicks) const {
     bool runs = false;
     SkipHidden([&] {
         const Task process = ReadProcess(pid);
@@ -206,39 +217,43 @@ bool Runs(uint32_t pid, uint64_t startTicks) {
     return runs;
 }
 
-Task ReadThread(uint32_t pid, uint32_t tid) {
-    return ParseStat(ReadText(ThreadFile(pid, tid, "stat")));
+Task Procfs::ReadThread(uint32_t pid, uint32_t tid) const {
+    return ParseStat(Read(pid, ThreadFile(tid, "stat")));
 }
 
-SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid) {
-    const std::vector<int64_t> numbers = Numbers(ReadText(ThreadFile(pid, tid, "schedstat")));
+SchedulerCount Procfs::ReadSchedulerCount(uint32_t pid, uint32_t tid) const {
+    const std::string file = ThreadFile(tid, "schedstat");
+    const std::vector<int64_t> numbers = Numbers(Read(pid, file));
     if (numbers.size() < 3) {
-        Fail(EPROTO, ThreadFile(pid, tid, "schedstat") + ": fewer than 3 numbers");
+        Throw(EPROTO, Path(pid, file) + ": fewer than 3 numbers");
     }
     return {static_cast<uint64_t>(numbers[0]), static_cast<uint64_t>(numbers[1]), static_cast<uint64_t>(numbers[2])};
 }
 
-std::vector<uint32_t> ThreadIds(uint32_t pid) {
+std::vector<uint32_t> Procfs::ThreadIds(uint32_t pid) const {
     ReadProcess(pid);
-    return NumericNames(Directory(pid) + "/task");
+    const std::string path = Path(pid, "task");
+    std::vector<uint32_t> ids;
+    if (const int error = TryNumericNames(path, ids); error != 0) {
+        Fail(error, path);
+    }
+    return ids;
 }
 
-std::vector<Task> ReadThreads(uint32_t pid) {
+std::vector<Task> Procfs::ReadThreads(uint32_t pid) const {
     std::vector<Task> threads;
     for (const uint32_t tid : ThreadIds(pid)) {
-        try {
-            threads.push_back(ReadThread(pid, tid));
-        } catch (const std::system_error &error) {
-            if (error.code().value() != ESRCH) {
-                throw;
-            }
-        }
+        SkipEnded([&] { threads.push_back(ReadThread(pid, tid)); });
     }
     return threads;
 }
 
-std::vector<uint32_t> ProcessIds() {
-    return NumericNames("/proc");
+std::vector<uint32_t> Procfs::ProcessIds() const {
+    std::vector<uint32_t> ids;
+    if (const int error = TryNumericNames(root_, ids); error != 0) {
+        Fail(error, root_);
+    }
+    return ids;
 }
 
 uint64_t TicksPerSecond() {

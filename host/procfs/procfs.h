@@ -1,5 +1,5 @@
 // Processes and threads as /proc shows them. A process that is not there, or may not be seen, is an error, never an
-// empty answer: every function throws std::system_error with ESRCH or EACCES and says which file it wanted.
+// empty answer: what reads throws std::system_error with ESRCH or EACCES and says which file it wanted.
 #pragma once
 
 #include <cerrno>
@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace host::procfs {
@@ -44,10 +45,7 @@ struct SchedulerCount {
     uint64_t sliceNum = 0;
 };
 
-// Throws what a call on a file of /proc failed with.
-[[noreturn]] void FailRead(int error, const std::string &path);
-
-// The text of a file whose size the kernel does not tell in advance.
+// The text of a file whose size the kernel does not tell in advance, of /sys for example.
 std::string ReadText(const std::string &path);
 
 // The number behind "Key:" in files such as meminfo and status; throws EPROTO when there is none.
@@ -57,21 +55,42 @@ std::optional<uint64_t> FindField(std::string_view text, std::string_view key);
 // A stat line. A name may hold blanks and brackets.
 Task ParseStat(std::string_view line);
 
-// The leading thread of a process. The id of another thread is no process.
-Task ReadProcess(uint32_t pid);
+// The directory that shows them: the kernel's, or a copy made by hand.
+class Procfs {
+public:
+    explicit Procfs(std::string root = "/proc") : root_(std::move(root)) {}
 
-// Whether the process that started then is still there, and no other has got its id: one that may not be seen has.
-bool Runs(uint32_t pid, uint64_t startTicks);
+    // "/proc/meminfo", "/proc/17/status"
+    std::string Path(std::string_view file) const;
+    std::string Path(uint32_t pid, std::string_view file) const;
+    std::string Read(std::string_view file) const;
+    std::string Read(uint32_t pid, std::string_view file) const;
 
-Task ReadThread(uint32_t pid, uint32_t tid);
-SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid);
+    // Throws what a call on a file below the directory failed with: where a process has gone, ESRCH.
+    [[noreturn]] void Fail(int error, const std::string &path) const;
 
-// The threads of a process in rising order of their ids; one that ends while it is being read is left out.
-std::vector<uint32_t> ThreadIds(uint32_t pid);
-std::vector<Task> ReadThreads(uint32_t pid);
+    // The leading thread of a process. The id of another thread is no process.
+    Task ReadProcess(uint32_t pid) const;
 
-// The processes that may be seen.
-std::vector<uint32_t> ProcessIds();
+    // Whether the process that started then is still there, and no other has got its id: one that may not be seen has.
+    bool Runs(uint32_t pid, uint64_t startTicks) const;
+
+    Task ReadThread(uint32_t pid, uint32_t tid) const;
+    SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid) const;
+
+    // The threads of a process in rising order of their ids; one that ends while it is being read is left out.
+    std::vector<uint32_t> ThreadIds(uint32_t pid) const;
+    std::vector<Task> ReadThreads(uint32_t pid) const;
+
+    // The processes that may be seen.
+    std::vector<uint32_t> ProcessIds() const;
+
+private:
+    bool Hides(const std::string &path) const;
+    std::string ReadFile(const std::string &path) const;
+
+    std::string root_;
+};
 
 uint64_t TicksPerSecond();
 

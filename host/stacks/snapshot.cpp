@@ -78,7 +78,7 @@ private:
         }
     }
 
-    bool IsBlocked() const { return procfs::ReadThread(pid_, tid_).state == 'D'; }
+    bool IsBlocked() const { return procfs::Procfs().ReadThread(pid_, tid_).state == 'D'; }
 
     const uint32_t pid_;
     const uint32_t tid_;

@@ -88,7 +88,7 @@ private:
             error = EPERM;
         } else if (error == ENOENT || error == ESRCH) {
             // A thread of the kernel is there, but has nothing mapped.
-            error = host::procfs::ReadProcess(static_cast<uint32_t>(pid_)).HasEnded() ? ESRCH : ENOTSUP;
+            error = host::procfs::Procfs().ReadProcess(static_cast<uint32_t>(pid_)).HasEnded() ? ESRCH : ENOTSUP;
         }
         throw std::system_error(error > 0 ? error : EIO, std::generic_category(),
                                 "the program and libraries of process " + std::to_string(pid_));

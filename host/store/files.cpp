@@ -56,37 +56,6 @@ int OpenAside(const Descriptor &directory, const std::string &aside, mode_t mode
 
 } // namespace
 
-void Fail(int error, const std::string &what) {
-    throw std::system_error(error, std::generic_category(), what);
-}
-
-Descriptor::Descriptor(int fd, const std::string &what) : fd_(fd) {
-    if (fd_ < 0) {
-        Fail(errno == ELOOP ? EACCES : errno, errno == ELOOP ? what + " is a link" : what);
-    }
-}
-
-Descriptor::Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-Descriptor &Descriptor::operator=(Descriptor &&other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
-Descriptor::~Descriptor() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
-struct stat Descriptor::Status() const {
-    struct stat status {};
-    if (fstat(fd_, &status) != 0) {
-        Fail(errno, "fstat");
-    }
-    return status;
-}
-
 Descriptor OpenDirectory(const std::string &path) {
     return {open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path};
 }

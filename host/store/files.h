@@ -8,25 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "host/osal/descriptor.h"
+
 namespace host {
-
-[[noreturn]] void Fail(int error, const std::string &what);
-
-// An open file or directory.
-class Descriptor {
-public:
-    // Takes what open returned, and throws errno for -1.
-    Descriptor(int fd, const std::string &what);
-    Descriptor(Descriptor &&other) noexcept;
-    Descriptor &operator=(Descriptor &&other) noexcept;
-    ~Descriptor();
-
-    int Fd() const { return fd_; }
-    struct stat Status() const;
-
-private:
-    int fd_;
-};
 
 Descriptor OpenDirectory(const std::string &path);
 

@@ -156,10 +156,10 @@ TEST_F(CpuTest, FindsTheBusiestThreadsOfTheSystem) {
         return answer.Status() == 0 && answer->uiThreadNum <= 20 && found != nullptr && found->usValue1 > 100;
     })) << "the burner is not among the 20 busiest";
 
-    const auto before = host::procfs::ReadSchedulerCount(subject.Pid(), burner);
+    const auto before = host::procfs::Procfs().ReadSchedulerCount(subject.Pid(), burner);
     std::this_thread::sleep_for(500ms); // sampled since
     const auto all = query(0);
-    const auto after = host::procfs::ReadSchedulerCount(subject.Pid(), burner);
+    const auto after = host::procfs::Procfs().ReadSchedulerCount(subject.Pid(), burner);
     ASSERT_EQ(all.Status(), 0);
     const auto *const found = Find(all->pstThread, all->uiThreadNum, [&](const auto &t) { return t.uiTid == burner; });
     ASSERT_NE(found, nullptr);
@@ -195,9 +195,9 @@ TEST_F(CpuTest, TellsTheStatisticsOfAllProcesses) {
         const auto *const found = Find(answer->pstProc, answer->uiProcNum, isSubject);
         return found != nullptr && found->uiValue2 > 100 && found->uiValue3 + found->uiValue4 > 100;
     }));
-    const host::procfs::Task before = host::procfs::ReadProcess(subject.Pid());
+    const host::procfs::Task before = host::procfs::Procfs().ReadProcess(subject.Pid());
     const auto answer = Processes();
-    const host::procfs::Task after = host::procfs::ReadProcess(subject.Pid());
+    const host::procfs::Task after = host::procfs::Procfs().ReadProcess(subject.Pid());
     ASSERT_EQ(answer.Status(), 0);
     const auto *const found = Find(answer->pstProc, answer->uiProcNum, isSubject);
     ASSERT_NE(found, nullptr);

@@ -83,19 +83,19 @@ TEST(Procfs, FindsAField) {
 }
 
 TEST(Procfs, TellsThatAProcessOrFileIsMissing) {
-    EXPECT_EQ(ErrorOf([] { host::procfs::ReadProcess(UINT32_MAX); }), ESRCH);
-    EXPECT_EQ(ErrorOf([] { host::procfs::ThreadIds(0); }), ESRCH);
-    EXPECT_EQ(ErrorOf([] { host::procfs::ReadThread(1, UINT32_MAX); }), ESRCH);
-    EXPECT_EQ(ErrorOf([] { host::procfs::ReadText("/proc/no-such-file"); }), ENOENT);
+    EXPECT_EQ(ErrorOf([] { host::procfs::Procfs().ReadProcess(UINT32_MAX); }), ESRCH);
+    EXPECT_EQ(ErrorOf([] { host::procfs::Procfs().ThreadIds(0); }), ESRCH);
+    EXPECT_EQ(ErrorOf([] { host::procfs::Procfs().ReadThread(1, UINT32_MAX); }), ESRCH);
+    EXPECT_EQ(ErrorOf([] { host::procfs::Procfs().Read("no-such-file"); }), ENOENT);
 }
 
 TEST(Procfs, ReadsThisProcess) {
     const auto pid = static_cast<uint32_t>(getpid());
-    const host::procfs::Task self = host::procfs::ReadProcess(pid);
+    const host::procfs::Task self = host::procfs::Procfs().ReadProcess(pid);
     EXPECT_EQ(self.id, pid);
     EXPECT_EQ(self.name, "procfs_test");
-    EXPECT_EQ(self.threadNum, host::procfs::ThreadIds(pid).size());
-    EXPECT_GT(host::procfs::ReadSchedulerCount(pid, pid).runNs, 0);
+    EXPECT_EQ(self.threadNum, host::procfs::Procfs().ThreadIds(pid).size());
+    EXPECT_GT(host::procfs::Procfs().ReadSchedulerCount(pid, pid).runNs, 0);
 }
 
 } // namespace

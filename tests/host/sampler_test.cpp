@@ -8,9 +8,9 @@ TARN_UNIT()
 #include <atomic>
 #include <mutex>
 
-#include "host/daemon/crossing.h"
-#include "host/daemon/rates.h"
-#include "host/daemon/sampler.h"
+#include "host/daemon/cpu/crossing.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/daemon/sampling/sampler.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

@@ -39,7 +39,9 @@ uint64_t TracerOf(uint32_t pid) {
 
 class StacksTest : public testing::Test {
 protected:
-    char State(const char *thread) { return host::procfs::ReadThread(subject_.Pid(), subject_.tids.at(thread)).state; }
+    char State(const char *thread) {
+        return host::procfs::Procfs().ReadThread(subject_.Pid(), subject_.tids.at(thread)).state;
+    }
     bool Sleeps() {
         return kit::Eventually([&] { return State("sleeper") == 'S'; });
     }
@@ -143,8 +145,8 @@ TEST_F(StacksTest, LetsSignalsThrough) {
     std::this_thread::sleep_for(20ms);
     subject_.Signal(SIGTERM);
     EXPECT_TRUE(kit::Eventually([&] {
-        return ErrorOf([&] { host::procfs::ReadProcess(subject_.Pid()); }) != 0 ||
-               host::procfs::ReadProcess(subject_.Pid()).HasEnded();
+        return ErrorOf([&] { host::procfs::Procfs().ReadProcess(subject_.Pid()); }) != 0 ||
+               host::procfs::Procfs().ReadProcess(subject_.Pid()).HasEnded();
     }));
     stop = true;
     reader.join();
@@ -159,7 +161,7 @@ std::vector<pid_t> ChildrenOf(uint32_t pid, uint32_t tid) {
 
 bool IsBlocked(const Subject &subject, const std::string &thread) {
     return kit::Eventually(
-        [&] { return host::procfs::ReadThread(subject.Pid(), subject.tids.at(thread)).state == 'D'; });
+        [&] { return host::procfs::Procfs().ReadThread(subject.Pid(), subject.tids.at(thread)).state == 'D'; });
 }
 
 TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
@@ -175,7 +177,7 @@ TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
     ASSERT_EQ(children.size(), 1);
     kill(children[0], SIGKILL);
     EXPECT_TRUE(kit::Eventually([&] {
-        return host::procfs::ReadThread(subject.Pid(), tid).state == 'S' &&
+        return host::procfs::Procfs().ReadThread(subject.Pid(), tid).state == 'S' &&
                CountFunction(process.Read(tid), "SleepForGood") == 1;
     }));
 }

@@ -117,7 +117,7 @@ TEST_F(TasksTest, RecordsAThreadThatStarves) {
 
     const auto pid = static_cast<uint32_t>(getpid());
     const auto start = std::chrono::steady_clock::now();
-    const uint64_t before = host::procfs::ReadSchedulerCount(pid, starving.Tid()).waitNs;
+    const uint64_t before = host::procfs::Procfs().ReadSchedulerCount(pid, starving.Tid()).waitNs;
     ASSERT_EQ(Switch(1), 0);
     ASSERT_TRUE(kit::Eventually([&] { return RecordOf(starving.Tid()).times >= 1; })) << daemon_->Err();
     const Record record = RecordOf(starving.Tid());
@@ -125,14 +125,14 @@ TEST_F(TasksTest, RecordsAThreadThatStarves) {
     EXPECT_NE(record.last, "-");
     EXPECT_TRUE(Logged("thread " + std::to_string(starving.Tid()) + " of process " + std::to_string(pid) + " starves"));
     // A wait is told of before it has ended, so it may not be in the count yet.
-    const uint64_t waitedNs = host::procfs::ReadSchedulerCount(pid, starving.Tid()).waitNs - before;
+    const uint64_t waitedNs = host::procfs::Procfs().ReadSchedulerCount(pid, starving.Tid()).waitNs - before;
     const auto elapsed = std::chrono::steady_clock::now() - start;
     EXPECT_LE(record.longestMs * 1'000'000,
               std::max<uint64_t>(waitedNs, static_cast<uint64_t>(elapsed.count())) + 1'000'000'000)
         << "no longer than it has been watched, and what it had waited before";
 
     starving.Rest();
-    ASSERT_TRUE(kit::Eventually([&] { return host::procfs::ReadThread(pid, starving.Tid()).state == 'S'; }));
+    ASSERT_TRUE(kit::Eventually([&] { return host::procfs::Procfs().ReadThread(pid, starving.Tid()).state == 'S'; }));
     // The last of its waits may be recorded after a reset.
     EXPECT_TRUE(kit::Eventually([&] {
         Reset(starving.Tid());

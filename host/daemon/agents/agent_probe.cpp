@@ -1,17 +1,17 @@
-#include "host/daemon/agent_probe.h"
+#include "host/daemon/agents/agent_probe.h"
 
 #include <map>
 #include <mutex>
 
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/health_settings.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/state.h"
-#include "host/daemon/timers.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/time/timers.h"
 #include "host/osal/log.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
 
 namespace tarnd {
 

@@ -1,16 +1,16 @@
-#include "host/daemon/agents.h"
+#include "host/daemon/agents/agents.h"
 
 #include "host/answer/answer.h"
-#include "host/daemon/agent_probe.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/health_settings.h"
-#include "host/daemon/resources.h"
-#include "host/daemon/rules.h"
-#include "host/daemon/state.h"
-#include "host/daemon/timers.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/agent_probe.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/message_rules.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/health/resources.h"
+#include "host/daemon/time/timers.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/daemon.h"
 #include "server/tarnd_agent.h"
 
 namespace tarnd {
@@ -32,7 +32,7 @@ void Register(const Tarn_sys_diag_AgentRegInfoInput &request) {
     if (request.ucValue3 != TARND_AGENT_RUNS) {
         throw host::BadValue("ucValue3", request.ucValue3, "0 or 1");
     }
-    const uint64_t start = host::procfs::ReadProcess(pid).startTicks;
+    const uint64_t start = host::procfs::Procfs().ReadProcess(pid).startTicks;
     if (TheState().AddAgent(pid, {name, request.uiValue2, start})) {
         host::Log().info("agent {} of process {} has registered", name, pid);
         TheCourier().Send(BringRules, pid);
@@ -44,7 +44,7 @@ void Register(const Tarn_sys_diag_AgentRegInfoInput &request) {
 
 void DropEndedAgents() {
     for (const auto &[pid, agent] : TheState().Agents()) {
-        if (!host::procfs::Runs(pid, agent.processStart) && TheState().RemoveAgent(pid)) {
+        if (!host::procfs::Procfs().Runs(pid, agent.processStart) && TheState().RemoveAgent(pid)) {
             host::Log().info("agent {} of process {} has gone with it", agent.name, pid);
         }
     }

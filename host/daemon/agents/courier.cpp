@@ -1,9 +1,9 @@
-#include "host/daemon/courier.h"
+#include "host/daemon/agents/courier.h"
 
 #include <cerrno>
 
 #include "host/answer/answer.h"
-#include "host/daemon/state.h"
+#include "host/daemon/agents/state.h"
 #include "host/osal/thread.h"
 
 namespace tarnd {

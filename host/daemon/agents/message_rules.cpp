@@ -1,12 +1,12 @@
-#include "host/daemon/rules.h"
+#include "host/daemon/agents/message_rules.h"
 
 #include <algorithm>
 #include <tuple>
 
 #include "host/answer/answer.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/state.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/agents/state.h"
 #include "host/daemon/store.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
@@ -51,7 +51,7 @@ void Check(const Rules::Content &rule) {
 
 bool HasEnded(const Rules::Rule &rule, Rules::Clock::time_point now) {
     return (rule.content.uiValue8 != 0 && now >= rule.since + std::chrono::seconds(rule.content.uiValue8)) ||
-           (rule.content.uiValue9 != 0 && !host::procfs::Runs(rule.content.uiValue9, rule.processStart));
+           (rule.content.uiValue9 != 0 && !host::procfs::Procfs().Runs(rule.content.uiValue9, rule.processStart));
 }
 
 // A clock that was set back makes no rule younger than now.
@@ -121,7 +121,7 @@ void Rules::Save(const std::map<uint32_t, Rule> &rules) {
 
 void Rules::Set(const Content &content) {
     Check(content);
-    const uint64_t start = content.uiValue9 == 0 ? 0 : host::procfs::ReadProcess(content.uiValue9).startTicks;
+    const uint64_t start = content.uiValue9 == 0 ? 0 : host::procfs::Procfs().ReadProcess(content.uiValue9).startTicks;
     {
         const std::lock_guard lock(mutex_);
         DropEnded();

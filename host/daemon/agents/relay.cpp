@@ -1,11 +1,11 @@
-#include "host/daemon/relay.h"
+#include "host/daemon/agents/relay.h"
 
 #include <signal.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "host/daemon/state.h"
+#include "host/daemon/agents/state.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

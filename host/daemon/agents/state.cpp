@@ -1,4 +1,4 @@
-#include "host/daemon/state.h"
+#include "host/daemon/agents/state.h"
 
 #include <utility>
 

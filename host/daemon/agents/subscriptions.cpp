@@ -1,17 +1,17 @@
-#include "host/daemon/subscriptions.h"
+#include "host/daemon/agents/subscriptions.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <utility>
 
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/resources.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/health/resources.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/agent.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
 
@@ -40,7 +40,7 @@ uint32_t Subscriptions::Set(uint32_t pid, uint32_t events) {
     if ((events & ~kAllEvents) != 0) {
         throw host::BadValue("uiValue2", events, "a sum of 2, 4 and 8");
     }
-    const uint64_t start = host::procfs::ReadProcess(pid).startTicks;
+    const uint64_t start = host::procfs::Procfs().ReadProcess(pid).startTicks;
     const std::lock_guard lock(mutex_);
     const Subscription before = std::exchange(subscriptions_[pid], {pid, events, start});
     if (events == 0) {
@@ -51,8 +51,9 @@ uint32_t Subscriptions::Set(uint32_t pid, uint32_t events) {
 
 std::vector<Subscriptions::Subscription> Subscriptions::List() {
     const std::lock_guard lock(mutex_);
-    std::erase_if(subscriptions_,
-                  [](const auto &entry) { return !host::procfs::Runs(entry.first, entry.second.processStart); });
+    std::erase_if(subscriptions_, [](const auto &entry) {
+        return !host::procfs::Procfs().Runs(entry.first, entry.second.processStart);
+    });
     std::vector<Subscription> list;
     for (const auto &[pid, subscription] : subscriptions_) {
         list.push_back(subscription);
@@ -69,7 +70,8 @@ namespace {
 
 Tarn_sys_diag_SubscribeInfo Describe(const Subscriptions::Subscription &subscription) {
     Tarn_sys_diag_SubscribeInfo info{};
-    host::procfs::SkipEnded([&] { host::CopyText(info.szName1, host::procfs::ReadProcess(subscription.pid).name); });
+    host::procfs::SkipEnded(
+        [&] { host::CopyText(info.szName1, host::procfs::Procfs().ReadProcess(subscription.pid).name); });
     host::CopyText(info.szName2, EventsText(subscription.events));
     info.uiValue1 = subscription.events;
     info.uiValue2 = subscription.pid;

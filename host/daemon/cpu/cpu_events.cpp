@@ -1,16 +1,16 @@
-#include "host/daemon/cpu_events.h"
+#include "host/daemon/cpu/cpu_events.h"
 
 #include <algorithm>
 #include <optional>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/health_settings.h"
-#include "host/daemon/pressure.h"
-#include "host/daemon/rates.h"
-#include "host/values/daemon.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/sampling/pressure.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -76,7 +76,7 @@ void NameThread(CpuEvent &event, const Sample &before, const Sample &latest) {
     std::optional<ThreadRun> busiest;
     for (const ThreadRun &run : BusiestThreads(before, latest)) {
         host::procfs::SkipHidden([&] {
-            const host::procfs::Task thread = host::procfs::ReadThread(run.pid, run.tid);
+            const host::procfs::Task thread = host::procfs::Procfs().ReadThread(run.pid, run.tid);
             if (!busiest.has_value() && thread.lastCpu == event.cpu) {
                 busiest = run;
                 event.threadName = thread.name;

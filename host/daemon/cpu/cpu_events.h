@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

@@ -5,13 +5,13 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/overload.h"
-#include "host/daemon/peaks.h"
-#include "host/daemon/rates.h"
-#include "host/daemon/resources.h"
-#include "host/daemon/sampler.h"
-#include "host/daemon/users.h"
+#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/cpu/cpu_peaks.h"
+#include "host/daemon/health/resources.h"
+#include "host/daemon/processes/users.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/daemon/sampling/sampler.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -29,10 +29,12 @@ std::chrono::milliseconds IntervalOf(uint32_t ms) {
 // ---- One process ----
 
 ProcessSample ReadNow(uint32_t pid) {
-    const host::procfs::Task task = host::procfs::ReadProcess(pid);
+    const host::procfs::Task task = host::procfs::Procfs().ReadProcess(pid);
     auto threads = std::make_shared<std::vector<ThreadTimes>>();
-    for (const uint32_t tid : host::procfs::ThreadIds(pid)) {
-        host::procfs::SkipEnded([&] { threads->push_back({tid, host::procfs::ReadSchedulerCount(pid, tid)}); });
+    for (const uint32_t tid : host::procfs::Procfs().ThreadIds(pid)) {
+        host::procfs::SkipEnded([&] {
+            threads->push_back({tid, host::procfs::Procfs().ReadSchedulerCount(pid, tid)});
+        });
     }
     ProcessSample process;
     process.pid = pid;
@@ -43,7 +45,7 @@ ProcessSample ReadNow(uint32_t pid) {
 }
 
 Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permille) {
-    const host::procfs::Task task = host::procfs::ReadThread(use.pid, use.tid);
+    const host::procfs::Task task = host::procfs::Procfs().ReadThread(use.pid, use.tid);
     Tarn_sys_diag_OsProcessCpuThread thread{};
     host::CopyText(thread.acName, task.name);
     thread.uiValue1 = use.tid;
@@ -80,7 +82,7 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpu
 // ---- All threads ----
 
 Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &process, std::chrono::nanoseconds elapsed) {
-    const host::procfs::Task task = host::procfs::ReadThread(use.pid, use.tid);
+    const host::procfs::Task task = host::procfs::Procfs().ReadThread(use.pid, use.tid);
     Tarn_sys_diag_ThreadCpu thread{};
     thread.uiTid = use.tid;
     thread.usValue1 = static_cast<uint16_t>(ThreadPermille(use, elapsed));

@@ -1,4 +1,4 @@
-#include "host/daemon/overload.h"
+#include "host/daemon/cpu/cpu_overload.h"
 
 #include <algorithm>
 
@@ -57,7 +57,7 @@ void ReadStacks(Overload &overload) {
     host::stacks::Process process(overload.pid);
     for (OverloadThread &thread : overload.threads) {
         host::Run("an overload's stack", [&] {
-            thread.name = host::procfs::ReadThread(overload.pid, thread.tid).name;
+            thread.name = host::procfs::Procfs().ReadThread(overload.pid, thread.tid).name;
             thread.stack = TextOfStack(process.Read(thread.tid));
         });
     }
@@ -104,7 +104,7 @@ Thresholds CpuOverload::System() const {
 }
 
 void CpuOverload::Watch(uint32_t pid, const Thresholds &thresholds) {
-    const uint64_t startTicks = host::procfs::ReadProcess(pid).startTicks;
+    const uint64_t startTicks = host::procfs::Procfs().ReadProcess(pid).startTicks;
     const std::lock_guard lock(mutex_);
     std::map<uint32_t, Watched> before = watched_;
     if (watched_.size() >= kMaxWatched && watched_.count(pid) == 0) {

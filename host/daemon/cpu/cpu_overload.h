@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/daemon/crossing.h"
-#include "host/daemon/rates.h"
-#include "host/daemon/sampler.h"
+#include "host/daemon/cpu/crossing.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

@@ -1,8 +1,8 @@
 // The thresholds of CPU overloads, and what has been recorded of them.
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/overload.h"
-#include "host/daemon/peaks.h"
+#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/cpu/cpu_peaks.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -45,7 +45,7 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
     std::vector<Tarn_sys_diag_CpuOvMonThread> threads;
     for (const WatchedThread &thread : watched.threads) {
         host::procfs::SkipEnded([&] {
-            const char state = host::procfs::ReadThread(pid, thread.tid).state;
+            const char state = host::procfs::Procfs().ReadThread(pid, thread.tid).state;
             Tarn_sys_diag_CpuOvMonThread entry{};
             entry.uiValue1 = thread.tid;
             entry.uiValue2 = thread.permille;

@@ -1,6 +1,6 @@
-#include "host/daemon/peaks.h"
+#include "host/daemon/cpu/cpu_peaks.h"
 
-#include "host/daemon/rates.h"
+#include "host/daemon/sampling/rates.h"
 
 namespace tarnd {
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <mutex>
 
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

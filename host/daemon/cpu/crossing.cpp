@@ -1,4 +1,4 @@
-#include "host/daemon/crossing.h"
+#include "host/daemon/cpu/crossing.h"
 
 #include <chrono>
 

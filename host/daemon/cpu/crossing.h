@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

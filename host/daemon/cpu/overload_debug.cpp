@@ -1,10 +1,10 @@
-#include "host/daemon/overload_debug.h"
+#include "host/daemon/cpu/overload_debug.h"
 
 #include "host/answer/answer.h"
-#include "host/daemon/memory_overload.h"
-#include "host/daemon/rates.h"
-#include "host/values/daemon.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/sampling/rates.h"
 #include "host/osal/log.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

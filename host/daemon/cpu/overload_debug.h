@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

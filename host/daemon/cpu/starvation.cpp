@@ -1,9 +1,9 @@
-#include "host/daemon/starvation.h"
+#include "host/daemon/cpu/starvation.h"
 
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/rates.h"
+#include "host/daemon/sampling/rates.h"
 #include "host/daemon/store.h"
 #include "host/osal/log.h"
 
@@ -84,7 +84,7 @@ void Starvation::Take(const Sample &previous, const Sample &latest) {
         }
         for (const ThreadTimes &times : *process.threads) {
             host::procfs::SkipHidden([&] {
-                const auto count = host::procfs::ReadSchedulerCount(process.pid, times.tid);
+                const auto count = host::procfs::Procfs().ReadSchedulerCount(process.pid, times.tid);
                 const auto known = threads_.find(times.tid);
                 Thread thread;
                 // Counts that went back are those of a new thread that has the id of one that has ended.
@@ -114,7 +114,7 @@ void Starvation::Follow(Thread &thread, uint32_t tid, const host::procfs::Schedu
         Record(thread, tid, std::chrono::nanoseconds(std::max(waited / slices, Growth(elapsed, waited))), latest);
     }
     const bool mayWait = !ran && latest.system.runnable > CpuNumber();
-    if (!mayWait || host::procfs::ReadThread(thread.pid, tid).state != 'R') {
+    if (!mayWait || host::procfs::Procfs().ReadThread(thread.pid, tid).state != 'R') {
         thread.readySince.reset();
         thread.counted = false;
         return;

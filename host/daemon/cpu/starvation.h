@@ -7,7 +7,7 @@
 #include <mutex>
 #include <optional>
 
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
 

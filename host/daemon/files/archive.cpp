@@ -1,6 +1,6 @@
 // Log archives. Whatever a path in a request says, nothing outside the log directory is read or written: paths are
 // followed name by name from the open directory, and no link is followed.
-#include "host/daemon/archive.h"
+#include "host/daemon/files/archive.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -12,10 +12,10 @@
 #include <exception>
 
 #include "host/answer/answer.h"
-#include "host/daemon/state.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/state.h"
 #include "host/osal/log.h"
 #include "host/store/files.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

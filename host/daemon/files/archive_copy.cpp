@@ -7,11 +7,11 @@
 #include <map>
 
 #include "host/answer/answer.h"
-#include "host/daemon/archive.h"
-#include "host/daemon/state.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/files/archive.h"
 #include "host/osal/log.h"
 #include "host/store/files.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -1,4 +1,4 @@
-#include "host/daemon/digests.h"
+#include "host/daemon/files/digests.h"
 
 #include <openssl/evp.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "host/daemon/images.h"
+#include "host/daemon/files/images.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -85,7 +85,7 @@ std::vector<Image> ParseImages(const std::string &maps) {
 }
 
 std::vector<Image> ImagesOf(uint32_t pid) {
-    return ParseImages(host::procfs::ReadText(Directory(pid) + "/maps"));
+    return ParseImages(host::procfs::Procfs().Read(pid, "maps"));
 }
 
 host::Descriptor OpenImage(uint32_t pid, const Image &image) {

@@ -1,4 +1,4 @@
-#include "host/daemon/measurement.h"
+#include "host/daemon/files/measurement.h"
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -7,12 +7,12 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
 #include "host/daemon/store.h"
-#include "host/daemon/timers.h"
-#include "host/values/daemon.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/daemon/time/timers.h"
 #include "host/osal/log.h"
 #include "host/osal/thread.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "host/clock/daily.h"
-#include "host/daemon/survey.h"
+#include "host/daemon/files/survey.h"
 
 namespace tarnd {
 

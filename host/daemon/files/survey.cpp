@@ -1,11 +1,11 @@
-#include "host/daemon/survey.h"
+#include "host/daemon/files/survey.h"
 
 #include <cerrno>
 #include <optional>
 #include <system_error>
 #include <tuple>
 
-#include "host/daemon/images.h"
+#include "host/daemon/files/images.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 
@@ -45,7 +45,7 @@ private:
             file.emplace(OpenImage(pid, image));
         } catch (const std::system_error &error) {
             seen_.erase({image.device, image.inode, image.path}); // another process may show the same file
-            host::procfs::ReadProcess(pid);                       // one that has ended meanwhile has no file unread
+            host::procfs::Procfs().ReadProcess(pid);              // one that has ended meanwhile has no file unread
             host::Log().debug("measurement: {}", error.what());
             ++survey_.unread;
             return;
@@ -63,7 +63,7 @@ private:
 
 Survey SurveyFiles(Digests &digests, const Digests::Check &check) {
     Surveyor surveyor(digests, check);
-    for (const uint32_t pid : host::procfs::ProcessIds()) {
+    for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
         check();
         surveyor.Add(pid);
     }

@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "host/daemon/digests.h"
+#include "host/daemon/files/digests.h"
 
 namespace tarnd {
 

@@ -8,17 +8,17 @@
 #include <functional>
 #include <set>
 
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
-#include "host/daemon/agent_probe.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/health_settings.h"
-#include "host/daemon/memory_overload.h"
-#include "host/daemon/pressure.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/resources.h"
-#include "host/daemon/sampler.h"
-#include "host/daemon/state.h"
+#include "host/daemon/agents/agent_probe.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/health/resources.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/sampling/pressure.h"
+#include "host/daemon/sampling/sampler.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/values/agent.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 

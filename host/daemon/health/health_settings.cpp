@@ -1,13 +1,13 @@
-#include "host/daemon/health_settings.h"
+#include "host/daemon/health/health_settings.h"
 
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/relay.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/relay.h"
 #include "host/daemon/store.h"
-#include "host/values/daemon.h"
 #include "host/osal/log.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

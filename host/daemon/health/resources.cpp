@@ -1,22 +1,22 @@
-#include "host/daemon/resources.h"
+#include "host/daemon/health/resources.h"
 
 #include <algorithm>
 #include <array>
 #include <mutex>
 #include <sstream>
 
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
-#include "host/daemon/courier.h"
-#include "host/daemon/health_settings.h"
-#include "host/daemon/memory_overload.h"
-#include "host/daemon/rates.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/sampler.h"
-#include "host/daemon/subscriptions.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/agents/subscriptions.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/daemon/sampling/sampler.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
 
 namespace tarnd {
 
@@ -86,7 +86,7 @@ uint32_t CpuUsePermille(std::chrono::nanoseconds interval) {
 }
 
 uint32_t DescriptorUsePermille() {
-    std::istringstream text(host::procfs::ReadText("/proc/sys/fs/file-nr"));
+    std::istringstream text(host::procfs::Procfs().Read("sys/fs/file-nr"));
     double allocated = 0, unused = 0, most = 0;
     if (!(text >> allocated >> unused >> most) || most <= 0) {
         throw std::system_error(EPROTO, std::generic_category(), "/proc/sys/fs/file-nr");

@@ -1,4 +1,4 @@
-#include "host/daemon/liveness.h"
+#include "host/daemon/master/master_link.h"
 
 #include <unistd.h>
 
@@ -7,15 +7,15 @@
 
 #include "client/master.h"
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/measurement.h"
-#include "host/daemon/memory_overload.h"
-#include "host/daemon/overload.h"
-#include "host/values/daemon.h"
-#include "host/values/master.h"
+#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/files/measurement.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/osal/log.h"
 #include "host/osal/thread.h"
 #include "host/runtime/client.h"
+#include "host/values/daemon.h"
+#include "host/values/master.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -1,7 +1,7 @@
 // The memory of an application, as its agent tells it, as text for people.
-#include "host/values/agent.h"
 #include "host/answer/answer.h"
-#include "host/daemon/relay.h"
+#include "host/daemon/agents/relay.h"
+#include "host/values/agent.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -2,10 +2,10 @@
 #include <map>
 
 #include "host/answer/answer.h"
-#include "host/daemon/kib.h"
-#include "host/daemon/memory_files.h"
-#include "host/values/daemon.h"
+#include "host/daemon/memory/kib.h"
+#include "host/daemon/memory/memory_files.h"
 #include "host/procfs/memory.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -37,7 +37,7 @@ struct Use {
 
 std::map<File, uint64_t> FilesOf(uint32_t pid) {
     std::map<File, uint64_t> files;
-    host::procfs::ReadMappings(pid, [&](const host::procfs::Mapping &mapping) {
+    host::procfs::ReadMappings(host::procfs::Procfs(), pid, [&](const host::procfs::Mapping &mapping) {
         if (mapping.inode != 0) {
             files[{mapping.name, mapping.device, mapping.inode}] += mapping.proportional;
         }
@@ -47,10 +47,10 @@ std::map<File, uint64_t> FilesOf(uint32_t pid) {
 
 std::map<File, Use> FilesOfAll(void *replyCtx) {
     std::map<File, Use> uses;
-    for (const uint32_t pid : host::procfs::ProcessIds()) {
+    for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
         host::CheckWanted(replyCtx);
         host::procfs::SkipHidden([&] {
-            const host::procfs::Task process = host::procfs::ReadProcess(pid);
+            const host::procfs::Task process = host::procfs::Procfs().ReadProcess(pid);
             for (const auto &[file, kib] : FilesOf(pid)) {
                 uses[file].Add(kib, process);
             }

@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/values/daemon.h"
 #include "host/procfs/procfs.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -22,7 +22,7 @@ bool ReadPage(uint32_t pid, uint64_t address, uint8_t *to, size_t length) {
     const iovec remote{reinterpret_cast<void *>(static_cast<uintptr_t>(address)), length};
     const ssize_t count = process_vm_readv(static_cast<pid_t>(pid), &local, 1, &remote, 1, 0);
     if (count < 0 && errno != EFAULT) {
-        host::procfs::FailRead(errno, fmt::format("/proc/{}/mem", pid));
+        host::procfs::Procfs().Fail(errno, fmt::format("/proc/{}/mem", pid));
     }
     return count == static_cast<ssize_t>(length);
 }
@@ -40,7 +40,7 @@ public:
     }
 
     void Run() {
-        host::procfs::ReadProcess(pid_); // the call below would take a thread's id too
+        host::procfs::Procfs().ReadProcess(pid_); // the call below would take a thread's id too
         const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
         std::vector<uint8_t> page(pageSize);
         while (at_ != end_) {

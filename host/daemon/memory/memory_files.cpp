@@ -1,4 +1,4 @@
-#include "host/daemon/memory_files.h"
+#include "host/daemon/memory/memory_files.h"
 
 #include <fts.h>
 #include <linux/magic.h>
@@ -8,9 +8,9 @@
 #include <set>
 
 #include "host/answer/answer.h"
-#include "host/daemon/kib.h"
-#include "host/daemon/text.h"
-#include "host/daemon/users.h"
+#include "host/daemon/memory/kib.h"
+#include "host/daemon/processes/users.h"
+#include "host/daemon/time/text.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 

@@ -1,4 +1,4 @@
-#include "host/daemon/memory_leaks.h"
+#include "host/daemon/memory/memory_leaks.h"
 
 #include <fnmatch.h>
 
@@ -7,9 +7,9 @@
 #include <optional>
 
 #include "host/answer/answer.h"
-#include "host/daemon/memory_overload.h"
-#include "host/daemon/sampler.h"
-#include "host/daemon/text.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/sampling/sampler.h"
+#include "host/daemon/time/text.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 

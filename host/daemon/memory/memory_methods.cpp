@@ -4,8 +4,8 @@
 #include <filesystem>
 
 #include "host/answer/answer.h"
-#include "host/daemon/kib.h"
-#include "host/daemon/memory_overload.h"
+#include "host/daemon/memory/kib.h"
+#include "host/daemon/memory/memory_overload.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 
@@ -123,7 +123,7 @@ uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 
 uint32_t GetHugePagesInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_HugePagesOutput>(__func__, replyCtx, [](auto &reply) {
-        const std::string text = host::procfs::ReadText("/proc/meminfo");
+        const std::string text = host::procfs::Procfs().Read("meminfo");
         reply.uiValue1 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Total"));
         reply.uiValue2 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Free"));
     });

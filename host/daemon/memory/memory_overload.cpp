@@ -1,15 +1,15 @@
-#include "host/daemon/memory_overload.h"
+#include "host/daemon/memory/memory_overload.h"
 
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/liveness.h"
-#include "host/daemon/memory_leaks.h"
-#include "host/daemon/overload_debug.h"
+#include "host/daemon/cpu/overload_debug.h"
+#include "host/daemon/master/master_link.h"
+#include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/store.h"
-#include "host/values/daemon.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/osal/log.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -7,11 +7,11 @@
 #include <chrono>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/kib.h"
-#include "host/daemon/users.h"
-#include "host/values/daemon.h"
+#include "host/daemon/memory/kib.h"
+#include "host/daemon/processes/users.h"
+#include "host/daemon/time/local_clock.h"
 #include "host/procfs/memory.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -23,9 +23,7 @@ using host::procfs::FieldOf;
 // What is read of a process for either kind of record.
 struct Source {
     explicit Source(uint32_t pid)
-        : task(host::procfs::ReadProcess(pid)), status(host::procfs::ReadText(Path(pid, "status"))) {}
-
-    static std::string Path(uint32_t pid, const char *file) { return fmt::format("/proc/{}/{}", pid, file); }
+        : task(host::procfs::Procfs().ReadProcess(pid)), status(host::procfs::Procfs().Read(pid, "status")) {}
 
     // The second of the ids in a line such as "Uid:": real, effective, saved, of file access.
     uint32_t EffectiveId(const std::string &key) const {
@@ -52,7 +50,7 @@ std::string ProgramName(const Source &source) {
         return {};
     }
     try {
-        return host::procfs::ProgramName(source.task.id);
+        return host::procfs::ProgramName(host::procfs::Procfs(), source.task.id);
     } catch (const std::system_error &error) {
         if (error.code().value() == EACCES) {
             return TARND_HIDDEN;
@@ -120,7 +118,7 @@ public:
             name_.clear();
             Add(*pid);
         } else {
-            for (const uint32_t id : host::procfs::ProcessIds()) {
+            for (const uint32_t id : host::procfs::Procfs().ProcessIds()) {
                 host::procfs::SkipHidden([&] { Add(id); });
             }
         }
@@ -153,7 +151,7 @@ private:
 
 Tarn_sys_diag_SysOsMemInfo Detail(uint32_t pid, UserNames &names) {
     const Source source(pid);
-    const auto text = [&](const char *file) { return host::procfs::ReadText(Source::Path(pid, file)); };
+    const auto text = [&](const char *file) { return host::procfs::Procfs().Read(pid, file); };
     Tarn_sys_diag_SysOsMemInfo record{};
     if (host::procfs::HasMemory(source.status)) {
         const std::string rollup = text("smaps_rollup");
@@ -180,7 +178,7 @@ std::vector<Tarn_sys_diag_SysOsMemInfo> Details(uint32_t pid) {
         return {Detail(pid, names)};
     }
     std::vector<Tarn_sys_diag_SysOsMemInfo> records;
-    for (const uint32_t id : host::procfs::ProcessIds()) {
+    for (const uint32_t id : host::procfs::Procfs().ProcessIds()) {
         host::procfs::SkipHidden([&] { records.push_back(Detail(id, names)); });
     }
     return records;
@@ -192,7 +190,7 @@ std::string_view WithoutDirectories(std::string_view name) {
 
 std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
     std::vector<Tarn_sys_diag_SysProOs> records;
-    host::procfs::ReadMappings(pid, [&](const host::procfs::Mapping &mapping) {
+    host::procfs::ReadMappings(host::procfs::Procfs(), pid, [&](const host::procfs::Mapping &mapping) {
         if (records.size() == TARND_MAPPINGS_MAX) {
             throw std::system_error(EMSGSIZE, std::generic_category(),
                                     fmt::format("process {} has more than {} mappings", pid, TARND_MAPPINGS_MAX));
@@ -220,7 +218,7 @@ std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
 uint32_t GetSysMemStatisPro(const Tarn_sys_diag_PositionStr *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_SysMemStatisProResult>(__func__, replyCtx, [&](auto &reply) {
         reply.pstRecord = reply.Keep(tarnd::Selection(*request).Read(), reply.uiRecordNum);
-        reply.uiMemTotal = tarnd::Kib(host::procfs::FieldOf(host::procfs::ReadText("/proc/meminfo"), "MemTotal"));
+        reply.uiMemTotal = tarnd::Kib(host::procfs::FieldOf(host::procfs::Procfs().Read("meminfo"), "MemTotal"));
     });
 }
 

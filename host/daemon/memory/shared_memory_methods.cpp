@@ -7,11 +7,11 @@
 #include <sstream>
 
 #include "host/answer/answer.h"
-#include "host/daemon/kib.h"
-#include "host/daemon/memory_files.h"
-#include "host/daemon/users.h"
-#include "host/values/daemon.h"
+#include "host/daemon/memory/kib.h"
+#include "host/daemon/memory/memory_files.h"
+#include "host/daemon/processes/users.h"
 #include "host/procfs/memory.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -25,7 +25,7 @@ constexpr char kPosixDirectory[] = "/dev/shm";
 // A kernel without System V memory has no table of it.
 std::string SegmentTable() {
     try {
-        return host::procfs::ReadText("/proc/sysvipc/shm");
+        return host::procfs::Procfs().Read("sysvipc/shm");
     } catch (const std::system_error &error) {
         if (error.code().value() == ENOENT) {
             return {};
@@ -63,11 +63,11 @@ void AddSegments(UserNames &names, Records &records) {
 // How many processes map each file, by device and inode as /proc has them.
 std::map<std::string, uint32_t> MappingProcesses(void *replyCtx) {
     std::map<std::string, uint32_t> processes;
-    for (const uint32_t pid : host::procfs::ProcessIds()) {
+    for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
         host::CheckWanted(replyCtx);
         std::set<std::string> files;
         host::procfs::SkipHidden([&] {
-            host::procfs::ReadMappedRanges(pid, [&](const host::procfs::Mapping &mapping) {
+            host::procfs::ReadMappedRanges(host::procfs::Procfs(), pid, [&](const host::procfs::Mapping &mapping) {
                 if (mapping.inode != 0) {
                     files.insert(fmt::format("{} {}", mapping.device, mapping.inode));
                 }

@@ -7,11 +7,11 @@
 
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/state.h"
-#include "host/daemon/text.h"
-#include "host/values/daemon.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/daemon/time/text.h"
 #include "host/osal/log.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -4,8 +4,8 @@
 #include <mutex>
 
 #include "host/answer/answer.h"
-#include "host/values/daemon.h"
 #include "host/procfs/procfs.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -24,7 +24,7 @@ using Table = std::vector<Row>;
 
 // The arguments with blanks between them; a process can put anything there.
 std::string CommandLine(uint32_t pid) {
-    std::string text = host::procfs::ReadText("/proc/" + std::to_string(pid) + "/cmdline").substr(0, kMaxCommandLine);
+    std::string text = host::procfs::Procfs().Read(pid, "cmdline").substr(0, kMaxCommandLine);
     text.erase(text.find_last_not_of('\0') + 1);
     for (char &c : text) {
         c = c == '\0' ? ' ' : static_cast<unsigned char>(c) < ' ' || c == 0x7F ? '?' : c;
@@ -33,14 +33,14 @@ std::string CommandLine(uint32_t pid) {
 }
 
 Row ReadRow(uint32_t pid) {
-    const std::string status = host::procfs::ReadText("/proc/" + std::to_string(pid) + "/status");
-    return {host::procfs::ReadProcess(pid), static_cast<uint32_t>(host::procfs::FieldOf(status, "Uid")),
+    const std::string status = host::procfs::Procfs().Read(pid, "status");
+    return {host::procfs::Procfs().ReadProcess(pid), static_cast<uint32_t>(host::procfs::FieldOf(status, "Uid")),
             CommandLine(pid)};
 }
 
 Table ReadTable(bool withKernel) {
     Table table;
-    for (const uint32_t pid : host::procfs::ProcessIds()) {
+    for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
         host::procfs::SkipHidden([&] {
             Row row = ReadRow(pid);
             if (withKernel || !row.process.ofKernel) {
@@ -141,7 +141,7 @@ uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *, void *replyCtx) {
 
 uint32_t GetQ5ProcInfo(const Tarn_sys_diag_GetQ5ProcInfoInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetQ5ProcInfoOutput>(__func__, replyCtx, [&](auto &reply) {
-        const host::procfs::Task process = host::procfs::ReadProcess(request->uiPid);
+        const host::procfs::Task process = host::procfs::Procfs().ReadProcess(request->uiPid);
         reply.uiValue1 = process.parent;
         reply.uiValue2 = process.session;
     });

@@ -4,11 +4,11 @@
 #include <fmt/format.h>
 
 #include "host/answer/answer.h"
-#include "host/daemon/clock.h"
-#include "host/daemon/starvation.h"
-#include "host/daemon/text.h"
-#include "host/values/daemon.h"
+#include "host/daemon/cpu/starvation.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/daemon/time/text.h"
 #include "host/procfs/procfs.h"
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -26,7 +26,7 @@ public:
         if (pid_ != 0) {
             AddProcess(pid_);
         } else {
-            for (const uint32_t pid : host::procfs::ProcessIds()) {
+            for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
                 host::procfs::SkipHidden([&] { AddProcess(pid); });
             }
         }
@@ -41,7 +41,7 @@ public:
 
 private:
     void AddProcess(uint32_t pid) {
-        for (const host::procfs::Task &task : host::procfs::ReadThreads(pid)) {
+        for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(pid)) {
             if (tid_ != 0 && task.id != tid_) {
                 continue;
             }
@@ -57,7 +57,7 @@ private:
     }
 
     void AddTask(uint32_t pid, const host::procfs::Task &task) {
-        const host::procfs::SchedulerCount count = host::procfs::ReadSchedulerCount(pid, task.id);
+        const host::procfs::SchedulerCount count = host::procfs::Procfs().ReadSchedulerCount(pid, task.id);
         info_ +=
             fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, Printable(task.name),
                         host::procfs::StateText(task.state), task.CpuTicks() * 1000 / host::procfs::TicksPerSecond(),

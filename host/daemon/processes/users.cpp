@@ -1,4 +1,4 @@
-#include "host/daemon/users.h"
+#include "host/daemon/processes/users.h"
 
 #include <grp.h>
 #include <pwd.h>

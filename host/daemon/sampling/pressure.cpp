@@ -1,4 +1,4 @@
-#include "host/daemon/pressure.h"
+#include "host/daemon/sampling/pressure.h"
 
 #include <cerrno>
 #include <charconv>
@@ -24,7 +24,7 @@ uint32_t ParsePressure(const std::string &text) {
 uint32_t ReadPressure(const std::string &resource) {
     std::string text;
     try {
-        text = host::procfs::ReadText("/proc/pressure/" + resource);
+        text = host::procfs::Procfs().Read("pressure/" + resource);
     } catch (const std::system_error &) {
         const std::exception_ptr ofSystem = std::current_exception();
         try {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/daemon/sample.h"
+#include "host/daemon/sampling/sample.h"
 
 namespace tarnd {
 

@@ -1,4 +1,4 @@
-#include "host/daemon/sample.h"
+#include "host/daemon/sampling/sample.h"
 
 #include <libproc2/meminfo.h>
 #include <libproc2/pids.h>
@@ -73,9 +73,9 @@ ProcessSample ProcessOf(const pids_stack *stack) {
 void ReadThreadTimes(ProcessSample &process) {
     auto threads = std::make_shared<std::vector<ThreadTimes>>();
     try {
-        for (const uint32_t tid : host::procfs::ThreadIds(process.pid)) {
+        for (const uint32_t tid : host::procfs::Procfs().ThreadIds(process.pid)) {
             host::procfs::SkipEnded([&] {
-                threads->push_back({tid, host::procfs::ReadSchedulerCount(process.pid, tid)});
+                threads->push_back({tid, host::procfs::Procfs().ReadSchedulerCount(process.pid, tid)});
             });
         }
         process.threads = std::move(threads);

@@ -1,4 +1,4 @@
-#include "host/daemon/sampler.h"
+#include "host/daemon/sampling/sampler.h"
 
 #include <time.h>
 

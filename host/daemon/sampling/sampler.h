@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/daemon/sample.h"
+#include "host/daemon/sampling/sample.h"
 
 namespace tarnd {
 

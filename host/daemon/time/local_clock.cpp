@@ -1,4 +1,4 @@
-#include "host/daemon/clock.h"
+#include "host/daemon/time/local_clock.h"
 
 #include <sys/time.h>
 #include <unistd.h>

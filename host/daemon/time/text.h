@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/daemon/clock.h"
+#include "host/daemon/time/local_clock.h"
 
 namespace tarnd {
 

@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/relay.h"
-#include "host/daemon/timers.h"
+#include "host/daemon/agents/relay.h"
+#include "host/daemon/time/timers.h"
 #include "server/tarnd.h"
 
 namespace tarnd {

@@ -1,4 +1,4 @@
-#include "host/daemon/timers.h"
+#include "host/daemon/time/timers.h"
 
 #include <unistd.h>
 

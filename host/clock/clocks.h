@@ -1,0 +1,24 @@
+// What time it is: by the clock that people set, and by the one that only goes forward. Tests own theirs.
+#pragma once
+
+#include <chrono>
+
+namespace host {
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+using WallTime = std::chrono::system_clock::time_point;
+
+class Clocks {
+public:
+    virtual ~Clocks() = default;
+    virtual SteadyTime SteadyNow() const = 0;
+    virtual WallTime WallNow() const = 0;
+};
+
+class SystemClocks final : public Clocks {
+public:
+    SteadyTime SteadyNow() const override { return std::chrono::steady_clock::now(); }
+    WallTime WallNow() const override { return std::chrono::system_clock::now(); }
+};
+
+} // namespace host

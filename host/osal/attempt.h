@@ -1,0 +1,29 @@
+// Runs what may throw where nobody could catch it: at the start of a thread, below a C function, in a loop that goes
+// on.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace host {
+
+struct Failure {
+    uint32_t error = 0; // errno value
+    std::string reason; // without what the value says itself
+};
+
+// Logs the exception in flight with what was attempted. To be called from a catch block.
+Failure LogFailure(const char *what);
+
+// 0, or the errno value of what the function threw, which is logged.
+template <class Function>
+uint32_t Attempt(const char *what, Function function) {
+    try {
+        function();
+        return 0;
+    } catch (...) {
+        return LogFailure(what).error;
+    }
+}
+
+} // namespace host
