@@ -15,7 +15,7 @@
 
 namespace host {
 
-// All but the state under the mutex belongs to the thread.
+// What the mutex does not guard belongs to the thread, which the first call starts.
 class AsyncCalls::Core {
 public:
     Core(std::shared_ptr<const Transport> transport, const Limits &limits)
@@ -49,9 +49,9 @@ private:
     std::optional<Loop> loop_; // from the first call on
     std::unordered_map<uint64_t, Pending> pending_;
     std::unordered_map<std::string, std::shared_ptr<Link>> links_; // by address
-    std::mutex mutex_;
-    std::thread thread_;
-    bool stopping_ = false;
+    Mutex mutex_;
+    std::thread thread_ TARN_GUARDED_BY(mutex_);
+    bool stopping_ TARN_GUARDED_BY(mutex_) = false;
 };
 
 class AsyncCalls::Core::Connection final : public Link {
@@ -59,12 +59,11 @@ public:
     Connection(Core &core, UniqueFd fd) : Link(*core.loop_, std::move(fd), core.limits_.replyBytes), core_(core) {}
 
 private:
-    bool Take(std::span<Frame> frames, Clock::time_point) override {
+    void Take(std::span<Frame> frames, Clock::time_point) override {
         for (Frame &frame : frames) {
             const uint64_t id = frame.header.id;
             core_.End(id, OutcomeOf(std::move(frame)));
         }
-        return true;
     }
 
     void OnBad(const FrameParser &parser) override {
@@ -120,7 +119,7 @@ void AsyncCalls::Core::Cancel(uint64_t id) {
 
 // 0, ECANCELED after Shutdown has begun, or why the system refuses a thread or descriptors.
 int AsyncCalls::Core::Post(std::function<void()> work) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (stopping_) {
         return ECANCELED;
     }
@@ -236,7 +235,7 @@ void AsyncCalls::Core::CloseAll() {
 void AsyncCalls::Core::Shutdown() {
     std::thread thread;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (!stopping_) {
             stopping_ = true;
             thread.swap(thread_);

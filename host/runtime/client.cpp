@@ -28,7 +28,7 @@ uint32_t Milliseconds(std::chrono::milliseconds duration) {
 class Client::Core {
 public:
     explicit Core(const ClientOptions &options)
-        : options_(options), transport_(std::make_shared<UnixTransport>(Directory(options.runDir))),
+        : options_(options), transport_(std::make_shared<Transport>(Directory(options.runDir))),
           async_(transport_, options.limits) {}
 
     CallOutcome Exchange(const CallRequest &call, FrameKind kind);
@@ -168,14 +168,14 @@ Client &Client::Default() {
 }
 
 std::shared_ptr<Client::Core> Client::GetCore() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return core_;
 }
 
 void Client::Configure(ClientOptions options) {
     auto next = std::make_shared<Core>(options);
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         next.swap(core_);
     }
     next->Shutdown();

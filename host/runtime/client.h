@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "host/osal/mutex.h"
 #include "host/runtime/bytes.h"
 #include "host/runtime/limits.h"
 
@@ -103,8 +103,8 @@ public:
 private:
     class Core;
     std::shared_ptr<Core> GetCore() const;
-    mutable std::mutex mutex_;
-    std::shared_ptr<Core> core_;
+    mutable Mutex mutex_;
+    std::shared_ptr<Core> core_ TARN_GUARDED_BY(mutex_);
 };
 
 } // namespace host

@@ -3,169 +3,269 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <cerrno>
 
 namespace host {
 
-Link::Link(Loop &loop, UniqueFd fd, uint32_t payloadLimit) : loop_(loop), fd_(std::move(fd)), parser_(payloadLimit) {}
-
-bool Link::Open() {
-    const std::lock_guard lock(mutex_);
-    return loop_.Add(fd_.Get(), EPOLLIN | EPOLLRDHUP, weak_from_this(), id_);
+void ReaderRole::Enter() {
+    if (owner_.exchange(std::this_thread::get_id(), std::memory_order_relaxed) != std::thread::id()) {
+        RefuseMove("reader", 0, "another thread's", "this thread's");
+    }
 }
 
-// With the mutex held: what the loop is to report, and at once what is so already.
+void ReaderRole::Leave() {
+    if (owner_.exchange(std::thread::id(), std::memory_order_relaxed) != std::this_thread::get_id()) {
+        RefuseMove("reader", 0, "another thread's", "nobody's");
+    }
+}
+
+Link::Link(Loop &loop, UniqueFd fd, uint32_t payloadLimit)
+    : loop_(loop), fd_(std::move(fd)), lastRead_(loop.Now()), parser_(payloadLimit) {}
+
+// --- The state
+
+void Link::SetState(LinkState state) {
+    kLinkStates.Check(id_, state_, state);
+    state_ = state;
+}
+
+bool Link::IsReading() const {
+    return state_ == LinkState::kReading || state_ == LinkState::kReadingMore;
+}
+
+bool Link::IsClosed() const {
+    return state_ == LinkState::kClosed || state_ == LinkState::kEnded;
+}
+
+bool Link::Open() {
+    const MutexLock lock(mutex_);
+    if (!loop_.Add(fd_.Get(), EPOLLIN | EPOLLRDHUP, weak_from_this(), id_)) {
+        return false;
+    }
+    SetState(LinkState::kWaiting);
+    return true;
+}
+
+// What the loop is to report, and at once what is so already.
 void Link::Watch() {
-    if (!closed_) {
-        loop_.Change(fd_.Get(), EPOLLIN | EPOLLRDHUP | (waitsToSend_ ? EPOLLOUT : 0U), id_);
+    if (state_ != LinkState::kNew && !IsClosed()) {
+        loop_.Change(fd_.Get(), EPOLLIN | EPOLLRDHUP | (unsent_.empty() ? 0U : EPOLLOUT), id_);
     }
 }
 
 void Link::OnReady(uint32_t events) {
+    const bool hungUp = (events & (EPOLLHUP | EPOLLERR)) != 0;
     if ((events & EPOLLOUT) != 0) {
-        const std::lock_guard lock(mutex_);
-        if (waitsToSend_ && !closed_) {
-            waitsToSend_ = false;
-            Flush();
-        }
+        const MutexLock lock(mutex_);
+        Flush();
     }
-    if ((events & ~uint32_t{EPOLLOUT}) != 0) {
-        ReadSome((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0);
+    if ((events & ~uint32_t{EPOLLOUT}) != 0 && BeginReading(hungUp || (events & EPOLLRDHUP) != 0)) {
+        Read();
     }
-    if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-        bool dead; // takes no answers, and there is no room for what it sent before
-        {
-            const std::lock_guard lock(mutex_);
-            dead = paused_;
-        }
-        if (dead) {
-            Close();
-        }
+    if (hungUp) {
+        OnHangup();
     }
 }
 
-// False when another thread reads, which then sees that there is more, or when it is not the time.
+// The peer takes no answers. Where nothing is read, nothing else would tell.
+void Link::OnHangup() {
+    const MutexLock lock(mutex_);
+    if (state_ == LinkState::kPaused || state_ == LinkState::kDraining) {
+        CloseNow();
+    }
+}
+
+void Link::Close() {
+    const MutexLock lock(mutex_);
+    if (!IsClosed()) {
+        CloseNow();
+    }
+}
+
+// The descriptor stays open until no thread can be using it.
+void Link::CloseNow() {
+    SetState(LinkState::kClosed);
+    unsent_.clear();
+    unsentBytes_ = 0;
+    loop_.Remove(fd_.Get(), id_);
+    shutdown(fd_.Get(), SHUT_RDWR);
+    loop_.Post([self = shared_from_this()] { self->End(); });
+}
+
+void Link::CloseWhenSent() {
+    const MutexLock lock(mutex_);
+    if (IsClosed() || state_ == LinkState::kDraining) {
+        return;
+    }
+    SetState(LinkState::kDraining);
+    if (unsent_.empty()) {
+        CloseNow();
+    }
+}
+
+// A thread that still reads does it when it is through.
+void Link::End() {
+    {
+        const MutexLock lock(mutex_);
+        if (state_ != LinkState::kClosed || reader_.IsTaken()) {
+            return;
+        }
+        SetState(LinkState::kEnded);
+    }
+    OnEnd();
+}
+
+Link::Progress Link::GetProgress() const {
+    const MutexLock lock(mutex_);
+    const bool owesFrame = state_ != LinkState::kPaused; // else it is not the peer's fault
+    return {state_ == LinkState::kDraining || IsClosed(), owesFrame ? frameSince_ : std::nullopt, unsentBytes_,
+            unsentSince_, lastRead_};
+}
+
+// --- Reading
+
+// False when it is not the time, or another thread reads, which is told that there is more.
 bool Link::BeginReading(bool peerEnded) {
-    const std::lock_guard lock(mutex_);
-    peerEnded_ = peerEnded_ || peerEnded;
-    readable_ = true;
-    if (closed_ || reading_ || paused_) {
+    const MutexLock lock(mutex_);
+    if (state_ == LinkState::kReading) {
+        SetState(LinkState::kReadingMore);
+    }
+    if (state_ != LinkState::kWaiting) {
         return false;
     }
-    reading_ = true;
-    readable_ = false;
-    resumed_ = false;
+    SetState(peerEnded ? LinkState::kReadingMore : LinkState::kReading); // the end is reported once only
+    reader_.Enter();
     return true;
 }
 
-// Returns what recv does.
-ssize_t Link::Receive(bool &drained) {
+void Link::Read() {
+    bool drained = true;
+    Arrival arrival;
+    do {
+        arrival = Receive(drained);
+    } while (arrival == Arrival::kPart && MayReadFurther(drained));
+    if (arrival == Arrival::kFrames) {
+        Take(frames_, loop_.Now());
+        frames_.clear();
+        if (parser_.ErrCode() != 0) {
+            OnBad(parser_);
+        }
+    } else if (arrival == Arrival::kEnd) {
+        Close();
+    }
+    EndReading(arrival, drained);
+    End(); // when it was closed meanwhile
+    if (arrival == Arrival::kFrames) {
+        Process();
+    }
+}
+
+Link::Arrival Link::Receive(bool &drained) {
     const std::span<uint8_t> room = parser_.Room();
     const std::span<uint8_t> to = room.empty() ? std::span<uint8_t>(scratch_) : room;
-    const ssize_t count = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
+    ssize_t count;
+    do {
+        count = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
     if (count <= 0) {
-        return count;
+        drained = true;
+        return count < 0 && errno == EAGAIN ? Arrival::kPart : Arrival::kEnd;
     }
-    drained = static_cast<size_t>(count) < to.size();
-    std::span<const uint8_t> bytes(scratch_.data(), static_cast<size_t>(count));
-    if (!room.empty()) {
-        parser_.Filled(static_cast<size_t>(count));
-        bytes = {};
+    const auto size = static_cast<size_t>(count);
+    drained = size < to.size();
+    if (room.empty()) {
+        Parse(to.first(size));
+    } else {
+        parser_.Filled(size);
+        Parse({});
     }
+    return frames_.empty() && parser_.ErrCode() == 0 ? Arrival::kPart : Arrival::kFrames;
+}
+
+void Link::Parse(std::span<const uint8_t> bytes) {
     while (true) {
         if (parser_.HasFrame()) {
             frames_.push_back(parser_.Take());
         }
         if (bytes.empty() || parser_.ErrCode() != 0) {
-            return count;
+            return;
         }
         bytes = bytes.subspan(parser_.Feed(bytes));
     }
 }
 
-void Link::ReadSome(bool peerEnded) {
-    if (!BeginReading(peerEnded)) {
-        return;
+// Of a frame that has not arrived whole.
+bool Link::MayReadFurther(bool drained) {
+    const MutexLock lock(mutex_);
+    NoteRead(frameSince_.value_or(loop_.Now()));
+    if (!drained) {
+        return IsReading();
     }
-    bool drained = true;
-    while (true) {
-        const ssize_t count = Receive(drained);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count == 0 || (count < 0 && errno != EAGAIN)) {
-            Close();
-            End();
-            return;
-        }
-        if (!frames_.empty() || parser_.ErrCode() != 0) {
-            break;
-        }
-        const std::lock_guard lock(mutex_);
-        lastRead_ = Clock::now();
-        frameSince_ = inFrame_ ? frameSince_ : lastRead_;
-        inFrame_ = !parser_.AtStart();
-        const bool more = count < 0 ? readable_ : !drained || readable_ || peerEnded_;
-        if (!more) {
-            reading_ = false;
-            return;
-        }
-        readable_ = false;
+    if (state_ != LinkState::kReadingMore) {
+        return false;
     }
-    const auto now = Clock::now();
-    const bool more = Take(frames_, now);
-    frames_.clear();
-    if (parser_.ErrCode() != 0) {
-        OnBad(parser_);
-    } else {
-        const std::lock_guard lock(mutex_);
-        lastRead_ = frameSince_ = now;
-        inFrame_ = !parser_.AtStart();
-        reading_ = false;
-        paused_ = !more && !resumed_;
-        readable_ = readable_ || !drained || peerEnded_;
-        if (readable_ && !paused_) {
+    SetState(LinkState::kReading);
+    return true;
+}
+
+void Link::NoteRead(Clock::time_point frameSince) {
+    lastRead_ = loop_.Now();
+    frameSince_ = parser_.AtStart() ? std::nullopt : std::optional(frameSince);
+}
+
+void Link::EndReading(Arrival arrival, bool drained) {
+    const MutexLock lock(mutex_);
+    if (arrival == Arrival::kFrames) {
+        NoteRead(loop_.Now());
+    }
+    assert(parser_.ErrCode() == 0 || !IsReading());
+    reader_.Leave();
+    if (IsReading()) {
+        const bool more = !drained || state_ == LinkState::kReadingMore;
+        SetState(MayRead() ? LinkState::kWaiting : LinkState::kPaused);
+        if (more) {
             Watch();
         }
     }
-    Process();
 }
 
 void Link::ReadOn() {
-    const std::lock_guard lock(mutex_);
-    paused_ = false;
-    resumed_ = true;
-    frameSince_ = Clock::now();
-    Watch();
+    const MutexLock lock(mutex_);
+    if (state_ == LinkState::kPaused) {
+        SetState(LinkState::kWaiting);
+        frameSince_ = frameSince_.has_value() ? std::optional(loop_.Now()) : std::nullopt;
+        Watch();
+    }
 }
 
+// --- Sending
+
 bool Link::Send(std::span<const uint8_t> bytes) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (closed_) {
-            return false;
-        }
-        size_t sent = 0;
-        if (unsent_.empty() && !SendSome(bytes, sent)) {
-            Broken();
-            return true;
-        }
-        if (sent == bytes.size()) {
-            return true;
-        }
-        if (unsent_.empty() || MayQueue(unsentBytes_ + bytes.size())) {
-            unsentSince_ = unsent_.empty() ? Clock::now() : unsentSince_;
-            unsent_.emplace_back(bytes.begin() + static_cast<ptrdiff_t>(sent), bytes.end());
-            unsentBytes_ += bytes.size() - sent;
-            if (!waitsToSend_) {
-                waitsToSend_ = true;
-                Watch();
-            }
-            return true;
-        }
+    const MutexLock lock(mutex_);
+    if (IsClosed()) {
+        return false;
     }
-    Close();
-    return false;
+    size_t sent = 0;
+    if (unsent_.empty() && !SendSome(bytes, sent)) {
+        BreakOff();
+        return true;
+    }
+    if (sent == bytes.size()) {
+        return true;
+    }
+    const bool first = unsent_.empty();
+    if (!first && !MayQueue(unsentBytes_ + bytes.size())) {
+        CloseNow();
+        return false;
+    }
+    unsentSince_ = first ? loop_.Now() : unsentSince_;
+    unsent_.emplace_back(bytes.begin() + static_cast<ptrdiff_t>(sent), bytes.end());
+    unsentBytes_ += bytes.size() - sent;
+    if (first) {
+        Watch();
+    }
+    return true;
 }
 
 // As much as the socket takes. False when the peer has gone.
@@ -183,76 +283,43 @@ bool Link::SendSome(std::span<const uint8_t> bytes, size_t &sent) {
     return true;
 }
 
-// With the mutex held.
 void Link::Flush() {
     while (!unsent_.empty()) {
         const std::vector<uint8_t> &first = unsent_.front();
         const size_t before = sentOfFirst_;
         if (!SendSome(first, sentOfFirst_)) {
-            Broken();
+            BreakOff();
             return;
         }
         unsentBytes_ -= sentOfFirst_ - before;
         if (sentOfFirst_ < first.size()) {
-            waitsToSend_ = true;
             Watch();
             return;
         }
         unsent_.pop_front();
         sentOfFirst_ = 0;
-        unsentSince_ = Clock::now();
+        unsentSince_ = loop_.Now();
     }
-    if (closeWhenSent_) {
-        loop_.Post([self = shared_from_this()] { self->Close(); });
+    if (state_ == LinkState::kDraining) {
+        CloseNow();
     }
 }
 
-// With the mutex held.
-void Link::Broken() {
+// The peer takes nothing more. What it sent before is still read, up to its end.
+void Link::BreakOff() {
     unsent_.clear();
-    unsentBytes_ = 0;
-    closeWhenSent_ = true;
-    loop_.Post([self = shared_from_this()] { self->Close(); });
-}
-
-// The descriptor stays open until no thread can be using it.
-void Link::Close() {
-    {
-        const std::lock_guard lock(mutex_);
-        if (closed_) {
-            return;
-        }
-        closed_ = true;
-        unsent_.clear();
-        unsentBytes_ = 0;
-        loop_.Remove(fd_.Get(), id_);
+    unsentBytes_ = sentOfFirst_ = 0;
+    if (state_ == LinkState::kDraining) {
+        CloseNow();
+    } else {
         shutdown(fd_.Get(), SHUT_RDWR);
-    }
-    loop_.Post([self = shared_from_this()] { self->End(); });
-}
-
-void Link::CloseWhenSent() {
-    const std::lock_guard lock(mutex_);
-    closeWhenSent_ = true;
-    if (!closed_ && !waitsToSend_) {
-        Flush();
+        Watch();
     }
 }
 
-bool Link::Unsent() const {
-    const std::lock_guard lock(mutex_);
+bool Link::HasUnsent() const {
+    const MutexLock lock(mutex_);
     return !unsent_.empty();
-}
-
-Link::State Link::GetState() const {
-    const std::lock_guard lock(mutex_);
-    return {closed_ || closeWhenSent_, inFrame_ && !paused_, frameSince_, unsentBytes_, unsentSince_, lastRead_};
-}
-
-void Link::End() {
-    if (!ended_.exchange(true)) {
-        OnEnd();
-    }
 }
 
 } // namespace host

@@ -41,22 +41,22 @@ Loop::Loop()
     };
     add(tasksComing_.Get(), EPOLLIN | EPOLLET, kTasks);
     add(timerDue_.Get(), EPOLLIN | EPOLLET, kTimers);
-    add(stop_.Get(), EPOLLIN, kStop); // of the level, for whoever waits only after it
+    add(stop_.Get(), EPOLLIN, kStop); // level-triggered, for whoever waits only after it
 }
 
-bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Watched> watched, uint64_t &id) {
+bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Pollable> pollable, uint64_t &id) {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         id = ++lastId_;
-        watched_.emplace(id, std::move(watched));
+        pollables_.emplace(id, std::move(pollable));
     }
     epoll_event event{events | EPOLLET, {.u64 = id}};
     if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0) {
         return true;
     }
     const int error = errno;
-    const std::lock_guard lock(mutex_);
-    watched_.erase(id);
+    const MutexLock lock(mutex_);
+    pollables_.erase(id);
     errno = error;
     return false;
 }
@@ -68,20 +68,20 @@ void Loop::Change(int fd, uint32_t events, uint64_t id) {
 
 void Loop::Remove(int fd, uint64_t id) {
     epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
-    const std::lock_guard lock(mutex_);
-    watched_.erase(id);
+    const MutexLock lock(mutex_);
+    pollables_.erase(id);
 }
 
 void Loop::Post(Task task) {
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         tasks_.push_back(std::move(task));
     }
     Signal(tasksComing_.Get());
 }
 
 uint64_t Loop::At(Clock::time_point time, Task task) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const uint64_t id = ++lastId_;
     timers_.emplace(std::pair(time, id), std::move(task));
     timerTimes_.emplace(id, time);
@@ -93,7 +93,7 @@ uint64_t Loop::At(Clock::time_point time, Task task) {
 
 void Loop::CancelTimer(uint64_t timer) {
     Task last; // released outside of the lock
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = timerTimes_.find(timer);
     if (found != timerTimes_.end()) {
         const auto entry = timers_.find({found->second, timer});
@@ -122,7 +122,7 @@ bool Loop::Ended() {
     if (!stopping_) {
         return false;
     }
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return tasks_.empty();
 }
 
@@ -135,14 +135,14 @@ void Loop::OnEvent(uint64_t id, uint32_t events) {
         RunTimers();
         return;
     }
-    std::shared_ptr<Watched> watched;
+    std::shared_ptr<Pollable> pollable;
     {
-        const std::lock_guard lock(mutex_);
-        const auto found = watched_.find(id);
-        watched = found == watched_.end() ? nullptr : found->second.lock();
+        const MutexLock lock(mutex_);
+        const auto found = pollables_.find(id);
+        pollable = found == pollables_.end() ? nullptr : found->second.lock();
     }
-    if (watched != nullptr) {
-        watched->OnReady(events);
+    if (pollable != nullptr) {
+        pollable->OnReady(events);
     }
 }
 
@@ -150,7 +150,7 @@ void Loop::OnEvent(uint64_t id, uint32_t events) {
 void Loop::RunTask() {
     Task task;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (tasks_.empty()) {
             return;
         }
@@ -166,8 +166,8 @@ void Loop::RunTask() {
 void Loop::RunTimers() {
     std::vector<Task> due;
     {
-        const std::lock_guard lock(mutex_);
-        const auto now = Clock::now();
+        const MutexLock lock(mutex_);
+        const auto now = Now();
         while (!timers_.empty() && timers_.begin()->first.first <= now) {
             timerTimes_.erase(timers_.begin()->first.second);
             due.push_back(std::move(timers_.begin()->second));
@@ -182,9 +182,9 @@ void Loop::RunTimers() {
     }
 }
 
-// For the first timer, with the mutex held.
+// For the first timer.
 void Loop::SetTimer() {
-    const auto left = timers_.begin()->first.first - Clock::now();
+    const auto left = timers_.begin()->first.first - Now();
     const auto ns = std::max<int64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(left).count(), 1);
     const itimerspec when = {{0, 0}, {ns / 1'000'000'000, ns % 1'000'000'000}};
     timerfd_settime(timerDue_.Get(), 0, &when, nullptr);

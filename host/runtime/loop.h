@@ -8,22 +8,22 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
+#include "host/osal/mutex.h"
 #include "host/runtime/transport.h"
 
 namespace host {
 
 // What has a descriptor that is waited for.
-class Watched {
+class Pollable {
 public:
-    virtual ~Watched() = default;
+    virtual ~Pollable() = default;
     // An event has come, and possibly more than one thread is told. Events are those of epoll.
     virtual void OnReady(uint32_t events) = 0;
 };
 
-// Events are edges: a descriptor is reported once when it becomes ready, and is to be used until it is not. All
+// Descriptors are edge-triggered: one is reported once when it becomes ready, and is to be used until it is not. All
 // functions are thread-safe.
 class Loop {
 public:
@@ -34,8 +34,10 @@ public:
     Loop(const Loop &) = delete;
     Loop &operator=(const Loop &) = delete;
 
-    // Returns what to name it with. False when the system refuses, with errno set.
-    bool Add(int fd, uint32_t events, std::weak_ptr<Watched> watched, uint64_t &id);
+    static Clock::time_point Now() { return Clock::now(); }
+
+    // Sets what to name it with. False when the system refuses, with errno set.
+    bool Add(int fd, uint32_t events, std::weak_ptr<Pollable> pollable, uint64_t &id);
     // Asks for other events, and for those again that it is ready for now.
     void Change(int fd, uint32_t events, uint64_t id);
     // While the descriptor is open. OnReady may still be called, or run, for a moment.
@@ -56,19 +58,19 @@ private:
     void OnEvent(uint64_t id, uint32_t events);
     void RunTask();
     void RunTimers();
-    void SetTimer();
+    void SetTimer() TARN_REQUIRES(mutex_);
 
     UniqueFd epoll_;
     UniqueFd tasksComing_;
     UniqueFd timerDue_;
     UniqueFd stop_;
     std::atomic<bool> stopping_ = false;
-    std::mutex mutex_;
-    uint64_t lastId_;
-    std::unordered_map<uint64_t, std::weak_ptr<Watched>> watched_;
-    std::deque<Task> tasks_;
-    std::map<std::pair<Clock::time_point, uint64_t>, Task> timers_;
-    std::unordered_map<uint64_t, Clock::time_point> timerTimes_;
+    Mutex mutex_;
+    uint64_t lastId_ TARN_GUARDED_BY(mutex_);
+    std::unordered_map<uint64_t, std::weak_ptr<Pollable>> pollables_ TARN_GUARDED_BY(mutex_);
+    std::deque<Task> tasks_ TARN_GUARDED_BY(mutex_);
+    std::map<std::pair<Clock::time_point, uint64_t>, Task> timers_ TARN_GUARDED_BY(mutex_);
+    std::unordered_map<uint64_t, Clock::time_point> timerTimes_ TARN_GUARDED_BY(mutex_);
 };
 
 } // namespace host

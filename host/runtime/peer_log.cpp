@@ -4,10 +4,10 @@
 
 namespace host {
 
-void PeerLog::Warn(const std::string &kind, const std::string &record) {
-    const std::lock_guard lock(mutex_);
-    const bool isFull = kinds_.size() >= kMaxKinds && kinds_.count(kind) == 0;
-    const auto [at, isFirst] = kinds_.try_emplace(isFull ? "more of other kinds" : kind, Kind{Clock::now()});
+void PeerLog::Warn(const std::string &topic, const std::string &record, Clock::time_point now) {
+    const MutexLock lock(mutex_);
+    const bool isFull = topics_.size() >= kMaxTopics && topics_.count(topic) == 0;
+    const auto [at, isFirst] = topics_.try_emplace(isFull ? "more of other kinds" : topic, Topic{now});
     if (isFirst) {
         Log().warn("{}", record);
     } else {
@@ -16,16 +16,16 @@ void PeerLog::Warn(const std::string &kind, const std::string &record) {
 }
 
 void PeerLog::Summarize(Clock::time_point now) {
-    const std::lock_guard lock(mutex_);
-    for (auto at = kinds_.begin(); at != kinds_.end();) {
-        auto &[name, kind] = *at;
-        if (now - kind.since < kInterval) {
+    const MutexLock lock(mutex_);
+    for (auto at = topics_.begin(); at != topics_.end();) {
+        auto &[name, topic] = *at;
+        if (now - topic.since < kInterval) {
             ++at;
-        } else if (kind.more == 0) {
-            at = kinds_.erase(at); // the next is a first again
+        } else if (topic.more == 0) {
+            at = topics_.erase(at); // the next is a first again
         } else {
-            Log().warn("{}, and {} more", name, kind.more);
-            kind = {now};
+            Log().warn("{}, and {} more", name, topic.more);
+            topic = {now};
             ++at;
         }
     }

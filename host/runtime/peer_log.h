@@ -1,12 +1,13 @@
-// Log records that peers cause as often as they like. The first of a kind is written at once, and of those that follow
+// Log records that peers cause as often as they like. The first on a topic is written at once, and of those that follow
 // once an interval how many they were.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
+
+#include "host/osal/mutex.h"
 
 namespace host {
 
@@ -14,25 +15,25 @@ class PeerLog {
 public:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::seconds kInterval{60};
-    static constexpr size_t kMaxKinds = 256; // peers make up names; what is beyond is of one kind
+    static constexpr size_t kMaxTopics = 256; // peers make up names; what is beyond is one topic
 
-    // `kind` is what such records have in common: whom it is about, and what.
-    void Warn(const std::string &kind, const std::string &record);
+    // `topic` is what such records have in common: whom it is about, and what.
+    void Warn(const std::string &topic, const std::string &record, Clock::time_point now) TARN_EXCLUDES(mutex_);
 
     // To be called more often than once an interval.
-    void Summarize(Clock::time_point now);
+    void Summarize(Clock::time_point now) TARN_EXCLUDES(mutex_);
 
     // Writes what has not been written.
     void Flush() { Summarize(Clock::time_point::max()); }
 
 private:
-    struct Kind {
+    struct Topic {
         Clock::time_point since;
         uint64_t more = 0;
     };
 
-    std::mutex mutex_;
-    std::map<std::string, Kind> kinds_;
+    Mutex mutex_;
+    std::map<std::string, Topic> topics_ TARN_GUARDED_BY(mutex_);
 };
 
 } // namespace host

@@ -9,7 +9,7 @@ constexpr std::chrono::seconds kIdleFor(30);
 } // namespace
 
 std::unique_ptr<Channel> Pool::Take(const Target &target, Clock::time_point now) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = idle_.find(target);
     if (found == idle_.end() || found->second.empty()) {
         return nullptr;
@@ -25,7 +25,7 @@ std::unique_ptr<Channel> Pool::Take(const Target &target, Clock::time_point now)
 
 // Sweeps now and then: processes come and go, and their connections must not stay.
 void Pool::Give(const Target &target, std::unique_ptr<Channel> channel, Clock::time_point used) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     auto found = idle_.find(target);
     if (found == idle_.end()) {
         found = idle_.emplace(target, std::vector<Idle>()).first;
@@ -45,7 +45,7 @@ void Pool::Give(const Target &target, std::unique_ptr<Channel> channel, Clock::t
 }
 
 void Pool::Clear() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     idle_.clear();
 }
 

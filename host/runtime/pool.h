@@ -3,12 +3,12 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "host/osal/mutex.h"
 #include "host/runtime/channel.h"
 
 namespace host {
@@ -34,9 +34,9 @@ private:
         bool operator()(const Target &left, const Target &right) const { return left < right; }
     };
 
-    std::mutex mutex_;
-    std::map<std::pair<uint32_t, std::string>, std::vector<Idle>, ByTarget> idle_;
-    Clock::time_point lastSweep_ = Clock::now();
+    Mutex mutex_;
+    std::map<std::pair<uint32_t, std::string>, std::vector<Idle>, ByTarget> idle_ TARN_GUARDED_BY(mutex_);
+    Clock::time_point lastSweep_ TARN_GUARDED_BY(mutex_) = Clock::now();
 };
 
 } // namespace host

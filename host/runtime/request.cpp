@@ -11,6 +11,7 @@
 #include "host/osal/log.h"
 #include "host/runtime/encode.h"
 #include "host/runtime/reply.h"
+#include "host/runtime/session.h"
 
 namespace host {
 namespace {
@@ -25,7 +26,16 @@ std::chrono::milliseconds DeadlineOf(const FrameHeader &header, const Limits &li
 
 } // namespace
 
-// The requests that are still to be answered, by reply context. Whoever takes one out answers it.
+void Request::SetState(RequestState state) {
+    kRequestStates.Check(context_, state_, state);
+    state_ = state;
+}
+
+bool Request::IsOver() const {
+    return state_ == RequestState::kAnswered || state_ == RequestState::kDropped;
+}
+
+// The requests that are not over, by reply context. Whoever takes one out ends it.
 class Request::Live {
 public:
     static Live &Get() {
@@ -33,8 +43,8 @@ public:
         return live;
     }
 
-    void Enter(const std::shared_ptr<Request> &request) {
-        const std::lock_guard lock(mutex_);
+    void Enter(const std::shared_ptr<Request> &request) TARN_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
         do {
             ++last_;
         } while (last_ == 0 || requests_.count(last_) != 0);
@@ -48,66 +58,74 @@ public:
         }
     }
 
-    std::shared_ptr<Request> Claim(uintptr_t context) {
+    // For the one who answers it, in vain when its caller has given up.
+    std::shared_ptr<Request> Claim(uintptr_t context) TARN_EXCLUDES(mutex_) {
         std::shared_ptr<Request> request;
         {
-            const std::lock_guard lock(mutex_);
+            const MutexLock lock(mutex_);
             const auto found = requests_.find(context);
             if (found == requests_.end()) {
                 return nullptr;
             }
             request = std::move(found->second);
             spare_ = requests_.extract(found);
+            const bool wanted = request->state_ != RequestState::kAbandoned;
+            request->SetState(wanted ? RequestState::kAnswered : RequestState::kDropped);
         }
         request->StopTimer();
         return request;
     }
 
-    std::shared_ptr<Request> Find(uintptr_t context) {
-        const std::lock_guard lock(mutex_);
+    std::shared_ptr<Request> Find(uintptr_t context) TARN_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
         const auto found = requests_.find(context);
         return found == requests_.end() ? nullptr : found->second;
     }
 
     // False when nobody waits for the answer any more.
-    bool Begin(uintptr_t context) {
-        const std::lock_guard lock(mutex_);
+    bool Begin(uintptr_t context) TARN_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
         const auto found = requests_.find(context);
-        if (found != requests_.end()) {
-            found->second->stage_ = Stage::kRunning;
+        if (found == requests_.end()) {
+            return false;
         }
-        return found != requests_.end();
+        found->second->SetState(RequestState::kRunning);
+        return true;
     }
 
     // Of one that will be answered after its wrapper has returned.
-    void Return(uintptr_t context) {
+    void Return(uintptr_t context) TARN_EXCLUDES(mutex_) {
         std::shared_ptr<Request> dropped;
-        const std::lock_guard lock(mutex_);
-        const auto found = requests_.find(context);
-        if (found == requests_.end()) {
-            return;
+        {
+            const MutexLock lock(mutex_);
+            const auto found = requests_.find(context);
+            if (found == requests_.end()) {
+                return;
+            }
+            if (found->second->state_ == RequestState::kRunning) {
+                found->second->SetState(RequestState::kReturned);
+                return;
+            }
+            dropped = Drop(found);
         }
-        found->second->stage_ = Stage::kReturned;
-        if (found->second->cancelled_) {
-            dropped = std::move(found->second);
-            requests_.erase(found);
-        }
+        dropped->StopTimer();
     }
 
     // Those that run are told; the others are gone.
-    void Cancel(const std::function<bool(const Request &)> &concerns) {
+    void Cancel(const std::function<bool(const Request &)> &concerns) TARN_EXCLUDES(mutex_) {
         std::vector<std::shared_ptr<Request>> dropped;
         {
-            const std::lock_guard lock(mutex_);
+            const MutexLock lock(mutex_);
             for (auto entry = requests_.begin(); entry != requests_.end();) {
-                Request &request = *entry->second;
-                const bool meant = concerns(request) && !request.IsOneway();
-                request.cancelled_ = request.cancelled_ || meant;
-                if (meant && request.stage_ != Stage::kRunning) {
-                    dropped.push_back(std::move(entry->second));
-                    entry = requests_.erase(entry);
-                } else {
-                    ++entry;
+                const auto at = entry++;
+                Request &request = *at->second;
+                if (!concerns(request) || request.IsOneway()) {
+                    continue;
+                }
+                if (request.state_ == RequestState::kRunning) {
+                    request.SetState(RequestState::kAbandoned);
+                } else if (request.state_ != RequestState::kAbandoned) {
+                    dropped.push_back(Drop(at));
                 }
             }
         }
@@ -116,11 +134,11 @@ public:
         }
     }
 
-    std::vector<uintptr_t> ContextsOf(const void *server) {
-        const std::lock_guard lock(mutex_);
+    std::vector<uintptr_t> ContextsOf(const ServerCore &server) TARN_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
         std::vector<uintptr_t> contexts;
         for (const auto &[context, request] : requests_) {
-            if (request->source_->GetServer() == server) {
+            if (&request->session_->GetServer() == &server) {
                 contexts.push_back(context);
             }
         }
@@ -128,11 +146,20 @@ public:
     }
 
 private:
-    std::mutex mutex_;
-    uintptr_t last_ = 0;
     using Table = std::unordered_map<uintptr_t, std::shared_ptr<Request>>;
-    Table requests_;
-    Table::node_type spare_; // of the last that was answered, for the next
+
+    // To be released with nothing locked.
+    std::shared_ptr<Request> Drop(Table::iterator at) TARN_REQUIRES(mutex_) {
+        std::shared_ptr<Request> request = std::move(at->second);
+        requests_.erase(at);
+        request->SetState(RequestState::kDropped);
+        return request;
+    }
+
+    Mutex mutex_;
+    uintptr_t last_ TARN_GUARDED_BY(mutex_) = 0;
+    Table requests_ TARN_GUARDED_BY(mutex_);
+    Table::node_type spare_ TARN_GUARDED_BY(mutex_); // of the last that was answered, for the next
 };
 
 // Makes a request this thread's innermost while its wrapper runs.
@@ -150,23 +177,23 @@ public:
     }
 };
 
-Request::Request(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived)
-    : source_(std::move(source)), frame_(std::move(frame)), arrived_(arrived),
-      deadline_(arrived_ + DeadlineOf(frame_.header, source_->GetLimits())) {}
+Request::Request(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived)
+    : session_(std::move(session)), frame_(std::move(frame)), arrived_(arrived),
+      deadline_(arrived_ + DeadlineOf(frame_.header, session_->GetLimits())) {}
 
 Request::~Request() {
-    source_->Finished();
+    session_->Finished();
 }
 
-std::shared_ptr<Request> Request::Receive(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived) {
-    auto request = std::make_shared<Request>(std::move(source), std::move(frame), arrived);
+std::shared_ptr<Request> Request::Receive(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived) {
+    auto request = std::make_shared<Request>(std::move(session), std::move(frame), arrived);
     Live::Get().Enter(request);
     return request;
 }
 
 void Request::Run(ServedMethod &method) {
     const uintptr_t context = context_;
-    if (std::chrono::steady_clock::now() >= deadline_) {
+    if (session_->Now() >= deadline_) {
         Refuse({Reason::kExpired, ETIMEDOUT, "its deadline passed before its turn"});
         return;
     }
@@ -182,10 +209,8 @@ void Request::Run(ServedMethod &method) {
         status = method.entry->pfnWrapper(this, reinterpret_cast<void *>(context), &lent);
     }
     if (status == 0 && lent.stCodec.pfnPack != nullptr) {
-        if (!answered_) {
-            StartTimer();
-            Live::Get().Return(context);
-        }
+        StartTimer();
+        Live::Get().Return(context);
         return;
     }
     const auto unanswered = Live::Get().Claim(context);
@@ -201,7 +226,7 @@ void Request::Run(ServedMethod &method) {
 
 void Request::Refuse(const Refusal &refusal) {
     if (Live::Get().Claim(context_) != nullptr) {
-        source_->GetRefusals().Count(refusal.reason);
+        session_->GetRefusals().Count(refusal.reason);
         SendError(0, refusal.errCode, refusal.text);
     }
 }
@@ -214,16 +239,16 @@ void Request::Answer(std::string_view payload) {
     }
 }
 
-void Request::Cancel(const RequestSource *source, uint64_t id) {
+void Request::Cancel(const Session *session, uint64_t id) {
     Live::Get().Cancel(
-        [=](const Request &request) { return request.source_.get() == source && request.frame_.header.id == id; });
+        [=](const Request &request) { return request.session_.get() == session && request.frame_.header.id == id; });
 }
 
-void Request::CancelAll(const RequestSource *source) {
-    Live::Get().Cancel([=](const Request &request) { return request.source_.get() == source; });
+void Request::CancelAll(const Session *session) {
+    Live::Get().Cancel([=](const Request &request) { return request.session_.get() == session; });
 }
 
-void Request::RefuseAll(const void *server, uint32_t errCode, const std::string &text) {
+void Request::RefuseAll(const ServerCore &server, uint32_t errCode, const std::string &text) {
     for (const uintptr_t context : Live::Get().ContextsOf(server)) {
         if (const auto request = Live::Get().Claim(context)) {
             request->SendError(0, errCode, text);
@@ -239,7 +264,7 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
     static const uint8_t nothing = 0;
     const uint8_t *const bytes = frame_.payload.empty() ? &nothing : frame_.payload.data();
     if (record == nullptr || codec.stCodec.pfnUnpack == nullptr ||
-        DecodeWithin(source_->GetLimits().decodedBytes, codec.stCodec, bytes, frame_.payload.size(), record) ==
+        DecodeWithin(session_->GetLimits().decodedBytes, codec.stCodec, bytes, frame_.payload.size(), record) ==
             nullptr) {
         undecodable_ = true;
         return nullptr;
@@ -250,10 +275,11 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
 
 void Request::Reply(void *response) {
     Bytes bytes;
-    const uint32_t limit = source_->GetLimits().messageBytes;
-    const uint32_t error = cancelled_ ? ECANCELED : Encode(kept_.stCodec, response, kHeaderSize, limit, bytes);
-    if (kept_.stCodec.pfnUsrFree != nullptr) {
-        kept_.stCodec.pfnUsrFree(response);
+    const uint32_t limit = session_->GetLimits().messageBytes;
+    const bool wanted = state_ == RequestState::kAnswered;
+    const uint32_t error = !wanted ? ECANCELED : Encode(wrapperCodec_.stCodec, response, kHeaderSize, limit, bytes);
+    if (wrapperCodec_.stCodec.pfnUsrFree != nullptr) {
+        wrapperCodec_.stCodec.pfnUsrFree(response);
     }
     if (error == 0 || error == ECANCELED) {
         SendReply(bytes);
@@ -280,13 +306,14 @@ void Request::Fail(uint32_t status, const std::string &reason) {
 
 // Counts, and says whether anybody takes the answer.
 bool Request::Ends(bool well) {
+    const bool wanted = state_ == RequestState::kAnswered;
     if (statistics_ != nullptr) {
         statistics_->calls.fetch_add(1, std::memory_order_relaxed);
-        (cancelled_ ? statistics_->cancelled : statistics_->errors)
-            .fetch_add(well && !cancelled_ ? 0 : 1, std::memory_order_relaxed);
-        statistics_->latency.Add(std::chrono::steady_clock::now() - arrived_);
+        (wanted ? statistics_->errors : statistics_->cancelled)
+            .fetch_add(well && wanted ? 0 : 1, std::memory_order_relaxed);
+        statistics_->latency.Add(session_->Now() - arrived_);
     }
-    return !cancelled_;
+    return wanted;
 }
 
 // `frame` has room for the header.
@@ -300,7 +327,7 @@ void Request::SendReply(std::span<uint8_t> frame) {
     header.typeHash = frame_.header.typeHash;
     header.length = static_cast<uint32_t>(frame.size() - kHeaderSize);
     WriteHeader(header, frame.first<kHeaderSize>());
-    source_->SendAnswer(frame);
+    session_->Send(frame);
 }
 
 void Request::SendError(uint32_t status, uint32_t errCode, const std::string &text) {
@@ -309,7 +336,7 @@ void Request::SendError(uint32_t status, uint32_t errCode, const std::string &te
     }
     const std::string whole = fmt::format("{}: {}", Label(), text);
     if (IsOneway()) {
-        source_->Warn(fmt::format("one-way {} failed", Label()), "one-way " + whole);
+        session_->Warn(fmt::format("one-way {} failed", Label()), "one-way " + whole);
         return;
     }
     FrameHeader header;
@@ -318,15 +345,16 @@ void Request::SendError(uint32_t status, uint32_t errCode, const std::string &te
     header.typeHash = frame_.header.typeHash;
     header.status = status;
     header.errCode = errCode;
-    source_->SendAnswer(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
+    session_->Send(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
 }
 
+// Unless it is over: who ends it stops the timer after that.
 void Request::StartTimer() {
-    const std::lock_guard lock(mutex_);
-    if (answered_) {
+    const MutexLock lock(timerMutex_);
+    if (IsOver()) {
         return;
     }
-    timer_ = source_->GetLoop().At(deadline_, [context = context_] {
+    timer_ = session_->GetLoop().At(deadline_, [context = context_] {
         if (const auto request = Live::Get().Claim(context)) {
             request->SendError(0, ETIMEDOUT, "not answered within its deadline");
         }
@@ -334,10 +362,9 @@ void Request::StartTimer() {
 }
 
 void Request::StopTimer() {
-    const std::lock_guard lock(mutex_);
-    answered_ = true;
+    const MutexLock lock(timerMutex_);
     if (timer_.has_value()) {
-        source_->GetLoop().CancelTimer(*timer_);
+        session_->GetLoop().CancelTimer(*timer_);
         timer_.reset();
     }
 }
@@ -366,27 +393,32 @@ uint32_t AnswerStatus(void *replyCtx, uint32_t status) {
     return 0;
 }
 
-// The request that a context stands for; null is this thread's. Null when it has been answered, or there is none.
-std::shared_ptr<Request> Asked(void *replyCtx) {
+// Whether a context stands for the request that runs on this thread, and none does.
+bool IsOutside(const void *replyCtx) {
+    return replyCtx == nullptr && running == nullptr;
+}
+
+// The request that a context stands for, which is not outside. Null when the request is over.
+std::shared_ptr<Request> RequestOf(void *replyCtx) {
     const auto context = replyCtx != nullptr ? reinterpret_cast<uintptr_t>(replyCtx) : running->context_;
     return Request::Live::Get().Find(context);
 }
 
 uint32_t CancelledWhy(void *replyCtx) {
-    if (replyCtx == nullptr && running == nullptr) {
+    if (IsOutside(replyCtx)) {
         return 0;
     }
-    const auto request = Asked(replyCtx);
+    const auto request = RequestOf(replyCtx);
     if (request == nullptr) {
         return EALREADY;
     }
-    if (request->cancelled_) {
+    if (request->state_ == RequestState::kAbandoned) {
         return ECANCELED;
     }
-    if (request->source_->IsStopping()) {
+    if (request->session_->IsStopping()) {
         return ESHUTDOWN;
     }
-    return std::chrono::steady_clock::now() >= request->deadline_ ? uint32_t{ETIMEDOUT} : 0;
+    return request->session_->Now() >= request->deadline_ ? uint32_t{ETIMEDOUT} : 0;
 }
 
 void Explain(const char *reason) {
@@ -396,14 +428,14 @@ void Explain(const char *reason) {
 }
 
 uint32_t RemainingMs(void *replyCtx) {
-    if (replyCtx == nullptr && running == nullptr) {
+    if (IsOutside(replyCtx)) {
         return UINT32_MAX;
     }
-    const auto request = Asked(replyCtx);
+    const auto request = RequestOf(replyCtx);
     if (request == nullptr) {
         return 0;
     }
-    const auto left = request->deadline_ - std::chrono::steady_clock::now();
+    const auto left = request->deadline_ - request->session_->Now();
     const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
     return static_cast<uint32_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
 }
@@ -438,7 +470,7 @@ void *RPC_IdlReqVeltoMsgUnPack(void *pRequest, void *pRecord, const IdlServerCod
 IdlServerCodecTable *RPC_GetUsrFuncLib(void *pRecord) {
     for (host::Request *request = host::running; request != nullptr; request = request->outer_) {
         if (request->record_ == pRecord) {
-            return &request->kept_;
+            return &request->wrapperCodec_;
         }
     }
     return nullptr;

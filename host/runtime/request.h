@@ -4,43 +4,30 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
-#include "host/runtime/limits.h"
-#include "host/runtime/loop.h"
+#include "host/osal/mutex.h"
+#include "host/runtime/request_states.h"
 #include "host/runtime/services.h"
 #include "platform/rpc.h"
 
 namespace host {
 
-// The connection that a request came on.
-class RequestSource {
-public:
-    virtual ~RequestSource() = default;
-    virtual void SendAnswer(std::span<const uint8_t> frame) = 0;
-    virtual void Finished() = 0; // a request of this connection has been answered, and its wrapper has returned
-    virtual const Limits &GetLimits() const = 0;
-    virtual Refusals &GetRefusals() = 0;
-    virtual void Warn(const std::string &kind, const std::string &record) = 0; // in the log, of this peer
-    virtual Loop &GetLoop() = 0;
-    virtual const void *GetServer() const = 0;
-    virtual bool IsStopping() const = 0;
-};
+class ServerCore;
+class Session;
 
-// It lives until it has been answered, or its caller has given up, and its wrapper has returned. Its reply context is a
+// A state machine (request_states.h). It lives until it is over and its wrapper has returned. Its reply context is a
 // number, looked up at each use, so that a late or second reply finds nothing rather than freed memory.
 class Request : public std::enable_shared_from_this<Request> {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     // One that has arrived. From now on it may be cancelled.
-    static std::shared_ptr<Request> Receive(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived);
+    static std::shared_ptr<Request> Receive(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived);
 
-    Request(std::shared_ptr<RequestSource> source, Frame &&frame, TimePoint arrived);
+    Request(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived);
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
     ~Request();
@@ -55,11 +42,11 @@ public:
     void Answer(std::string_view payload);
 
     // The caller takes no answer any more: to one call, or to all calls of its connection.
-    static void Cancel(const RequestSource *source, uint64_t id);
-    static void CancelAll(const RequestSource *source);
+    static void Cancel(const Session *session, uint64_t id);
+    static void CancelAll(const Session *session);
 
     // Answers every unanswered request of a server with an error.
-    static void RefuseAll(const void *server, uint32_t errCode, const std::string &text);
+    static void RefuseAll(const ServerCore &server, uint32_t errCode, const std::string &text);
 
 private:
     class Live;
@@ -68,13 +55,13 @@ private:
     friend IdlServerCodecTable * ::RPC_GetUsrFuncLib(void *);
     friend uint32_t AnswerRecord(void *replyCtx, void *response);
     friend uint32_t AnswerStatus(void *replyCtx, uint32_t status);
-    friend std::shared_ptr<Request> Asked(void *replyCtx);
+    friend std::shared_ptr<Request> RequestOf(void *replyCtx);
     friend uint32_t CancelledWhy(void *replyCtx);
     friend uint32_t RemainingMs(void *replyCtx);
     friend void Explain(const char *reason);
 
-    enum class Stage { kWaiting, kRunning, kReturned };
-
+    void SetState(RequestState state);
+    bool IsOver() const;
     bool IsOneway() const { return frame_.header.kind == FrameKind::kOneway; }
     std::string Label() const;
     void *Unpack(void *record, const IdlServerCodecTable &codec);
@@ -83,25 +70,23 @@ private:
     void SendReply(std::span<uint8_t> frame);
     void SendError(uint32_t status, uint32_t errCode, const std::string &text);
     bool Ends(bool well);
-    void StartTimer();
-    void StopTimer();
+    void StartTimer() TARN_EXCLUDES(timerMutex_);
+    void StopTimer() TARN_EXCLUDES(timerMutex_);
 
-    const std::shared_ptr<RequestSource> source_;
+    const std::shared_ptr<Session> session_;
     Frame frame_;
     const TimePoint arrived_;
     const TimePoint deadline_;
     MethodStatistics *statistics_ = nullptr; // once it runs
     uintptr_t context_ = 0;
-    Stage stage_ = Stage::kWaiting; // guarded by the table of live requests
-    std::atomic<bool> cancelled_ = false;
-    void *record_ = nullptr;     // while its wrapper runs
-    IdlServerCodecTable kept_{}; // the wrapper's codec table
+    std::atomic<RequestState> state_ = RequestState::kWaiting; // set with the table of live requests locked
+    void *record_ = nullptr;                                   // while its wrapper runs
+    IdlServerCodecTable wrapperCodec_{};
     bool undecodable_ = false;
     std::string reason_;       // of a status, from the thread that it runs on
     Request *outer_ = nullptr; // of the same thread
-    std::mutex mutex_;         // guards the two below when they change
-    std::atomic<bool> answered_ = false;
-    std::optional<uint64_t> timer_;
+    Mutex timerMutex_;
+    std::optional<uint64_t> timer_ TARN_GUARDED_BY(timerMutex_); // at the deadline, for what has returned unanswered
 };
 
 } // namespace host

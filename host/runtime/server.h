@@ -30,6 +30,8 @@ struct ServerOptions {
     std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
 };
 
+class ServerCore;
+
 class Server {
 public:
     explicit Server(ServerOptions options = {});
@@ -54,10 +56,9 @@ public:
     std::vector<std::filesystem::path> Sockets() const;
 
 private:
-    class Core;
     ServerOptions options_;
     std::vector<const IdlModuleSpec *> specs_;
-    std::shared_ptr<Core> core_;
+    std::shared_ptr<ServerCore> core_;
 };
 
 } // namespace host

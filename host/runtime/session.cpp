@@ -4,43 +4,61 @@
 
 #include <cerrno>
 
+#include "host/runtime/server_core.h"
+
 namespace host {
 
-Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<SessionHost> host)
-    : Link(loop, std::move(fd), host->GetLimits().messageBytes), host_(std::move(host)), peer_(std::move(peer)) {}
+Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<ServerCore> server)
+    : Link(loop, std::move(fd), server->GetLimits().messageBytes), server_(std::move(server)), peer_(std::move(peer)) {}
 
-bool Session::Take(std::span<Frame> frames, Clock::time_point now) {
+const Limits &Session::GetLimits() const {
+    return server_->GetLimits();
+}
+
+Refusals &Session::GetRefusals() {
+    return server_->GetRefusals();
+}
+
+bool Session::IsStopping() const {
+    return server_->IsStopping();
+}
+
+// --- Requests
+
+void Session::Take(std::span<Frame> frames, Clock::time_point now) {
     const auto self = Self();
     for (Frame &frame : frames) {
         if (frame.header.kind == FrameKind::kCancel) {
             Request::Cancel(this, frame.header.id);
             continue;
         }
-        const bool room = host_->RequestBegins();
+        const bool room = server_->RequestBegins();
         auto request = Request::Receive(self, std::move(frame), now);
         if (!room) {
-            request->Refuse({Reason::kRequests, EBUSY,
-                             fmt::format("the server has {} requests in flight, as many as it takes",
-                                         host_->GetLimits().requests)});
+            request->Refuse(
+                {Reason::kRequests, EBUSY,
+                 fmt::format("the server has {} requests in flight, as many as it takes", GetLimits().requests)});
         }
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         ++inFlight_;
         waiting_.push_back(std::move(request));
     }
-    const std::lock_guard lock(mutex_);
-    reading_ = inFlight_ < host_->GetLimits().requestsPerConnection;
-    return reading_;
+}
+
+bool Session::MayRead() {
+    const MutexLock lock(mutex_);
+    return inFlight_ < GetLimits().requestsPerConnection;
 }
 
 void Session::Process() {
-    host_->Serve(Self());
+    server_->Serve(Self());
 }
 
 bool Session::ServeNext() {
     std::shared_ptr<Request> request;
     bool oneway;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         if (waiting_.empty() || onewayRuns_) {
             return false;
         }
@@ -49,11 +67,11 @@ bool Session::ServeNext() {
         oneway = request->Header().kind == FrameKind::kOneway;
         onewayRuns_ = oneway;
         if (!oneway && !waiting_.empty()) {
-            host_->ServeElsewhere(Self());
+            server_->ServeElsewhere(Self());
         }
     }
     Serve(request);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     onewayRuns_ = onewayRuns_ && !oneway;
     return oneway && !waiting_.empty();
 }
@@ -64,34 +82,33 @@ void Session::Serve(const std::shared_ptr<Request> &request) {
     if (header.kind != FrameKind::kRequest && header.kind != FrameKind::kOneway) {
         request->Refuse(refusal);
     } else if (header.service == kRuntimeService) {
-        const std::string answer = host_->Introspect(peer_, header, refusal);
+        const std::string answer = server_->Introspect(peer_, header, refusal);
         answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
-    } else if (ServedMethod *const method = host_->Find(peer_, header, refusal)) {
+    } else if (ServedMethod *const method = server_->Find(peer_, header, refusal)) {
         request->Run(*method);
     } else {
         request->Refuse(refusal);
     }
 }
 
-bool Session::CountDown() {
-    const std::lock_guard lock(mutex_);
-    --inFlight_;
-    const bool resume = !reading_ && inFlight_ < host_->GetLimits().requestsPerConnection;
-    reading_ = reading_ || resume;
-    return resume;
-}
-
 void Session::Finished() {
-    if (CountDown()) {
+    bool roomAgain;
+    {
+        const MutexLock lock(mutex_);
+        roomAgain = inFlight_-- == GetLimits().requestsPerConnection;
+    }
+    if (roomAgain) {
         ReadOn();
     }
-    host_->RequestEnds();
+    server_->RequestEnds();
 }
 
 void Session::OnEnd() {
     Request::CancelAll(this);
-    host_->SessionEnds(this);
+    server_->SessionEnds(this);
 }
+
+// --- Limits
 
 void Session::CutOff(Reason reason, const std::string &why) {
     GetRefusals().Count(reason);
@@ -99,35 +116,35 @@ void Session::CutOff(Reason reason, const std::string &why) {
          fmt::format("connection of process {} (user {}) cut off: {}", peer_.pid, peer_.uid, why));
 }
 
-void Session::Warn(const std::string &kind, const std::string &record) {
-    host_->GetPeerLog().Warn(fmt::format("{}: user {}", kind, peer_.uid), record);
+void Session::Warn(const std::string &topic, const std::string &record) {
+    server_->Warn(fmt::format("{}: user {}", topic, peer_.uid), record);
 }
 
 void Session::CheckTimes(Clock::time_point now) {
     const Limits &limits = GetLimits();
-    const State state = GetState();
-    if (state.unsentBytes > 0 && now - state.unsentSince > limits.writeTime) {
+    const Progress progress = GetProgress();
+    if (progress.unsentBytes > 0 && now - progress.unsentSince > limits.writeTime) {
         CutOff(Reason::kSlowReader, fmt::format("it has not taken a reply within {} ms; {} bytes wait",
-                                                limits.writeTime.count(), state.unsentBytes));
+                                                limits.writeTime.count(), progress.unsentBytes));
         Close();
         return;
     }
-    if (state.closing) {
+    if (progress.isEnding) {
         return;
     }
-    if (state.inFrame && now - state.frameSince > limits.frameTime) {
+    if (progress.frameSince.has_value() && now - *progress.frameSince > limits.frameTime) {
         Refuse(Reason::kSilent, ETIMEDOUT, fmt::format("a frame not completed within {} ms", limits.frameTime.count()));
         return;
     }
-    bool busy;
-    {
-        const std::lock_guard lock(mutex_);
-        busy = inFlight_ > 0;
-    }
-    if (!busy && state.unsentBytes == 0 && now - state.lastRead > limits.idleTime) {
+    if (IsIdle() && progress.unsentBytes == 0 && now - progress.lastRead > limits.idleTime) {
         GetRefusals().Count(Reason::kIdle);
         Close();
     }
+}
+
+bool Session::IsIdle() {
+    const MutexLock lock(mutex_);
+    return inFlight_ == 0;
 }
 
 bool Session::MayQueue(size_t bytes) {

@@ -1,84 +1,62 @@
 // A client's connection, on the server's side.
 #pragma once
 
-#include <atomic>
 #include <deque>
 #include <string>
 
 #include "host/runtime/link.h"
-#include "host/runtime/peer_log.h"
 #include "host/runtime/policy.h"
 #include "host/runtime/request.h"
 
 namespace host {
 
-class Session;
-
-// What the sessions of a server share.
-class SessionHost {
+class Session final : public Link {
 public:
-    virtual ~SessionHost() = default;
-    // Null and the reason when the request can't be served.
-    virtual ServedMethod *Find(const Peer &peer, const FrameHeader &header, Refusal &refusal) = 0;
-    // What the runtime's own service answers; empty and the reason when it does not.
-    virtual std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal) = 0;
-    virtual const Limits &GetLimits() const = 0;
-    virtual Refusals &GetRefusals() = 0;
-    virtual PeerLog &GetPeerLog() = 0;
-    virtual bool IsStopping() const = 0;
-    // False when there are as many requests as the server takes; this one counts all the same.
-    virtual bool RequestBegins() = 0;
-    virtual void RequestEnds() = 0;
-    // A session has a request to serve: on this thread where it may, else on one that gets free.
-    virtual void Serve(std::shared_ptr<Session> session) = 0;
-    // The same, on another thread.
-    virtual void ServeElsewhere(std::shared_ptr<Session> session) = 0;
-    virtual void SessionEnds(Session *session) = 0;
-};
-
-class Session final : public Link, public RequestSource {
-public:
-    Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<SessionHost> host);
+    Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<ServerCore> server);
 
     const Peer &GetPeer() const { return peer_; }
 
     // Serves a request that waits, if there is one and it is its turn. True when another one's turn has come that
     // nobody else has been told of.
-    bool ServeNext();
+    bool ServeNext() TARN_EXCLUDES(mutex_);
 
     // Cuts the connection off when it has exceeded a limit in time.
-    void CheckTimes(Clock::time_point now);
+    void CheckTimes(Clock::time_point now) TARN_EXCLUDES(mutex_);
 
     // Tells the peer why, and closes.
     void Refuse(Reason reason, uint32_t errCode, const std::string &text);
 
-    void SendAnswer(std::span<const uint8_t> frame) override { Send(frame); }
-    void Finished() override;
-    const Limits &GetLimits() const override { return host_->GetLimits(); }
-    Refusals &GetRefusals() override { return host_->GetRefusals(); }
-    void Warn(const std::string &kind, const std::string &record) override;
-    Loop &GetLoop() override { return Link::GetLoop(); }
-    const void *GetServer() const override { return host_.get(); }
-    bool IsStopping() const override { return host_->IsStopping(); }
+    // --- For its requests
+
+    // One has ended: it has been answered, and its wrapper has returned.
+    void Finished() TARN_EXCLUDES(mutex_);
+    Clock::time_point Now() const { return GetLoop().Now(); }
+    const Limits &GetLimits() const;
+    Refusals &GetRefusals();
+    // In the log, of this peer.
+    void Warn(const std::string &topic, const std::string &record);
+    using Link::GetLoop;
+    const ServerCore &GetServer() const { return *server_; }
+    bool IsStopping() const;
 
 private:
-    bool Take(std::span<Frame> frames, Clock::time_point now) override;
+    void Take(std::span<Frame> frames, Clock::time_point now) override TARN_EXCLUDES(mutex_);
     void Process() override;
+    bool MayRead() override TARN_EXCLUDES(mutex_);
     bool MayQueue(size_t bytes) override;
     void OnBad(const FrameParser &parser) override;
     void OnEnd() override;
-    std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(Link::shared_from_this()); }
+    std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
     void CutOff(Reason reason, const std::string &why);
     void Serve(const std::shared_ptr<Request> &request);
-    bool CountDown();
+    bool IsIdle() TARN_EXCLUDES(mutex_);
 
-    const std::shared_ptr<SessionHost> host_;
+    const std::shared_ptr<ServerCore> server_;
     const Peer peer_;
-    std::mutex mutex_;
-    std::deque<std::shared_ptr<Request>> waiting_;
-    uint32_t inFlight_ = 0; // waiting, running, or not yet answered
-    bool reading_ = true;
-    bool onewayRuns_ = false;
+    Mutex mutex_; // taken after the link's
+    std::deque<std::shared_ptr<Request>> waiting_ TARN_GUARDED_BY(mutex_);
+    uint32_t inFlight_ TARN_GUARDED_BY(mutex_) = 0; // waiting, running, or not yet answered
+    bool onewayRuns_ TARN_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace host

@@ -68,63 +68,51 @@ void RemoveStale(const path &socketPath, const sockaddr_un &address) {
     }
 }
 
-class UnixListener final : public Listener {
-public:
-    UnixListener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
-        sockaddr_un address;
-        if (!FillAddress(path_, address)) {
-            throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
-                                                 path_.native().size(), sizeof address.sun_path - 1));
-        }
-        std::error_code error;
-        if (create_directories(path_.parent_path(), error); error) {
-            throw std::system_error(error, "run directory " + path_.parent_path().string());
-        }
-        const UniqueFd lock = LockDirectory(path_.parent_path());
-        RemoveStale(path_, address);
-        fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!fd_ || bind(fd_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-            ThrowErrno(path_.string());
-        }
-        struct stat status;
-        if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Get(), SOMAXCONN) != 0 ||
-            lstat(path_.c_str(), &status) != 0) {
-            ThrowErrno(path_.string());
-        }
-        device_ = status.st_dev;
-        inode_ = status.st_ino;
-    }
-
-    // Removes the path only while it is this socket's.
-    ~UnixListener() override {
-        struct stat status;
-        if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
-            unlink(path_.c_str());
-        }
-    }
-
-    int Fd() const override { return fd_.Get(); }
-    path Path() const override { return path_; }
-
-private:
-    const path path_;
-    UniqueFd fd_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
-};
-
 } // namespace
 
-std::string UnixTransport::Address(std::string_view service, uint32_t pid) const {
+Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
+    sockaddr_un address;
+    if (!FillAddress(path_, address)) {
+        throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
+                                             path_.native().size(), sizeof address.sun_path - 1));
+    }
+    std::error_code error;
+    if (create_directories(path_.parent_path(), error); error) {
+        throw std::system_error(error, "run directory " + path_.parent_path().string());
+    }
+    const UniqueFd lock = LockDirectory(path_.parent_path());
+    RemoveStale(path_, address);
+    fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd_ || bind(fd_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        ThrowErrno(path_.string());
+    }
+    struct stat status;
+    if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Get(), SOMAXCONN) != 0 ||
+        lstat(path_.c_str(), &status) != 0) {
+        ThrowErrno(path_.string());
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+}
+
+// Removes the path only while it is this socket's.
+Listener::~Listener() {
+    struct stat status;
+    if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+        unlink(path_.c_str());
+    }
+}
+
+std::string Transport::Address(std::string_view service, uint32_t pid) const {
     return directory_.Socket(service, pid).string();
 }
 
-bool UnixTransport::Knows(std::string_view service, uint32_t pid) const {
+bool Transport::Knows(std::string_view service, uint32_t pid) const {
     struct stat status;
     return stat(directory_.Socket(service, pid).c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-UniqueFd UnixTransport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
+UniqueFd Transport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
     sockaddr_un address;
     if (!FillAddress(directory_.Socket(service, pid), address)) {
         error = ENAMETOOLONG;
@@ -147,8 +135,8 @@ UniqueFd UnixTransport::Connect(std::string_view service, uint32_t pid, Clock::t
     return fd;
 }
 
-std::unique_ptr<Listener> UnixTransport::Listen(std::string_view service, bool toAll) const {
-    return std::make_unique<UnixListener>(directory_.Socket(service, 0), toAll);
+std::unique_ptr<Listener> Transport::Listen(std::string_view service, bool toAll) const {
+    return std::make_unique<Listener>(directory_.Socket(service, 0), toAll);
 }
 
 } // namespace host

@@ -1,6 +1,7 @@
 // What carries the bytes: connected stream sockets, and how they come about. Above it nothing knows of addresses.
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -39,36 +40,36 @@ private:
 // A listening socket of a service; gone from where clients look for it when destroyed.
 class Listener {
 public:
-    virtual ~Listener() = default;
-    virtual int Fd() const = 0; // accepts stream sockets
-    virtual std::filesystem::path Path() const = 0;
+    // `toAll` lets every user of the system connect, not only this one. Throws std::runtime_error and
+    // std::system_error.
+    Listener(std::filesystem::path path, bool toAll);
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+    ~Listener();
+
+    int Fd() const { return fd_.Get(); } // accepts stream sockets
+    const std::filesystem::path &Path() const { return path_; }
+
+private:
+    const std::filesystem::path path_;
+    UniqueFd fd_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
 };
 
+// Unix-domain sockets in a run directory.
 class Transport {
 public:
     using Clock = std::chrono::steady_clock;
 
-    virtual ~Transport() = default;
+    explicit Transport(Directory directory) : directory_(std::move(directory)) {}
 
     // For messages: where the service is looked for.
-    virtual std::string Address(std::string_view service, uint32_t pid) const = 0;
-    virtual bool Knows(std::string_view service, uint32_t pid) const = 0;
+    std::string Address(std::string_view service, uint32_t pid) const;
+    bool Knows(std::string_view service, uint32_t pid) const;
     // An invalid descriptor and the errno value after a failure.
-    virtual UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const = 0;
-    // Throws std::runtime_error and std::system_error.
-    // `toAll` lets every user of the system connect, not only this one.
-    virtual std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const = 0;
-};
-
-// Unix-domain sockets in a run directory.
-class UnixTransport final : public Transport {
-public:
-    explicit UnixTransport(Directory directory) : directory_(std::move(directory)) {}
-
-    std::string Address(std::string_view service, uint32_t pid) const override;
-    bool Knows(std::string_view service, uint32_t pid) const override;
-    UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const override;
-    std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const override;
+    UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const;
+    std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const;
 
 private:
     const Directory directory_;

@@ -250,23 +250,23 @@ TEST_F(AccessTest, ADenialIsLogged) {
     EXPECT_EQ(CountOf(log, "TarnSysdiagTarnd.PidIsOnline: denied to user 65534, and 19 more"), 1U) << log;
 }
 
-TEST(PeerLog, WritesTheFirstOfAKindAndThenTheirNumberOnceAnInterval) {
+TEST(PeerLog, WritesTheFirstOnATopicAndThenTheirNumberOnceAnInterval) {
     host::Log().set_level(spdlog::level::warn);
     testing::internal::CaptureStderr();
     host::PeerLog log;
-    const auto start = host::PeerLog::Clock::now();
-    const auto after = [&](int intervals) { return start + intervals * host::PeerLog::kInterval + 1s; };
-    log.Warn("a", "the first a");
-    log.Warn("a", "the second a");
-    log.Warn("b", "the first b");
-    log.Warn("a", "the third a");
-    log.Summarize(start + 1s);
+    const host::PeerLog::Clock::time_point start(1h);
+    const auto after = [&](int intervals) { return start + intervals * host::PeerLog::kInterval; };
+    log.Warn("a", "the first a", start);
+    log.Warn("a", "the second a", start);
+    log.Warn("b", "the first b", start);
+    log.Warn("a", "the third a", start + 1s);
+    log.Summarize(after(1) - 1ns);
     log.Summarize(after(1));
-    log.Warn("a", "the fourth a");
-    log.Summarize(after(1));
+    log.Warn("a", "the fourth a", after(1));
+    log.Summarize(after(2) - 1ns);
     log.Summarize(after(2));
     log.Summarize(after(3));
-    log.Warn("a", "another first a");
+    log.Warn("a", "another first a", after(3));
     log.Flush();
     std::vector<std::string> lines;
     std::istringstream written(testing::internal::GetCapturedStderr());
@@ -281,12 +281,12 @@ TEST(PeerLog, IsBounded) {
     host::Log().set_level(spdlog::level::warn);
     testing::internal::CaptureStderr();
     host::PeerLog log;
-    for (size_t i = 0; i != 2 * host::PeerLog::kMaxKinds; ++i) {
-        log.Warn(std::to_string(i), "a record");
+    for (size_t i = 0; i != 2 * host::PeerLog::kMaxTopics; ++i) {
+        log.Warn(std::to_string(i), "a record", {});
     }
     log.Flush();
     const std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(CountOf(written, "a record\n"), host::PeerLog::kMaxKinds + 1) << "and one of all others";
+    EXPECT_EQ(CountOf(written, "a record\n"), host::PeerLog::kMaxTopics + 1) << "and one of all others";
     EXPECT_EQ(CountOf(written, "more of other kinds, and 255 more\n"), 1U) << written;
 }
 

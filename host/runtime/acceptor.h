@@ -1,0 +1,42 @@
+// Takes the connections of a listening socket, in a loop.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/osal/mutex.h"
+#include "host/runtime/loop.h"
+#include "host/runtime/transport.h"
+
+namespace host {
+
+class Acceptor final : public Pollable, public std::enable_shared_from_this<Acceptor> {
+public:
+    using Admit = std::function<void(UniqueFd)>;
+    // The system has no room for another connection at the moment; in words, where and why.
+    using Warn = std::function<void(const std::string &)>;
+
+    Acceptor(Loop &loop, std::unique_ptr<Listener> listener, Admit admit, Warn warn);
+
+    const std::filesystem::path &Path() const { return path_; }
+
+    // Throws std::system_error.
+    void Open() TARN_EXCLUDES(mutex_);
+
+    // Closes the socket, and calls nothing any more. Waits for a call under way.
+    void Close() TARN_EXCLUDES(mutex_);
+
+private:
+    void OnReady(uint32_t events) override TARN_EXCLUDES(mutex_);
+    bool AcceptAll() TARN_REQUIRES(mutex_);
+
+    Loop &loop_;
+    const std::filesystem::path path_;
+    const Admit admit_;
+    const Warn warn_;
+    Mutex mutex_;
+    std::unique_ptr<Listener> listener_ TARN_GUARDED_BY(mutex_); // null when closed
+    uint64_t id_ TARN_GUARDED_BY(mutex_) = 0;                    // in the loop
+};
+
+} // namespace host
