@@ -4,26 +4,9 @@
 
 #include <fmt/format.h>
 
-#include "host/daemon/agents/agent_probe.h"
-#include "host/daemon/agents/agents.h"
-#include "host/daemon/agents/courier.h"
-#include "host/daemon/agents/message_rules.h"
-#include "host/daemon/agents/state.h"
-#include "host/daemon/cpu/cpu_events.h"
-#include "host/daemon/cpu/cpu_overload.h"
-#include "host/daemon/cpu/cpu_peaks.h"
-#include "host/daemon/cpu/overload_debug.h"
-#include "host/daemon/cpu/starvation.h"
-#include "host/daemon/files/archive.h"
-#include "host/daemon/files/measurement.h"
-#include "host/daemon/health/health_settings.h"
-#include "host/daemon/health/resources.h"
-#include "host/daemon/master/master_link.h"
-#include "host/daemon/memory/memory_overload.h"
-#include "host/daemon/sampling/sampler.h"
-#include "host/daemon/store.h"
-#include "host/daemon/time/local_clock.h"
-#include "host/daemon/time/timers.h"
+#include "host/clock/clocks.h"
+#include "host/daemon/daemon.h"
+#include "host/daemon/options.h"
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
@@ -34,23 +17,25 @@
 
 namespace {
 
-struct Options {
+constexpr uint64_t kMega = 1000000;
+
+struct Arguments {
     host::ServeOptions serve;
-    std::string logDir = "/var/log/tarn";
-    uint32_t sampleIntervalMs = static_cast<uint32_t>(tarnd::Sampler::kDefaultInterval.count());
+    tarnd::Options daemon;
+    uint32_t sampleIntervalMs = static_cast<uint32_t>(tarnd::Options().sampleInterval.count());
     std::vector<std::string> copyTargets;
-    uint32_t measureRateMb = 100;
+    uint64_t measureRateMb = tarnd::Options().measuredBytesPerSecond / kMega;
     bool applyClock = false;
     std::string zoneLink = "/etc/localtime";
     unsigned workers = 16;
     bool printAccounting = false;
 };
 
-void Declare(CLI::App &app, Options &options) {
+void Declare(CLI::App &app, Arguments &options) {
     host::Declare(app, options.serve);
     using host::WithDefault;
-    app.add_option("--log-dir", options.logDir,
-                   WithDefault("Directory that archives are made of and in", options.logDir))
+    app.add_option("--log-dir", options.daemon.logDirectory,
+                   WithDefault("Directory that archives are made of and in", options.daemon.logDirectory))
         ->option_text("DIR");
     app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
         ->option_text("NAME=DIR ...")
@@ -96,103 +81,65 @@ void PrintAccounting() {
     PrintLine("total", host::MemoryTotal());
 }
 
-// What the daemon does between calls. It ends before the objects that its threads share, however serving ends.
-class Background {
-public:
-    explicit Background(const Options &options) : options_(options) {}
-    Background(const Background &) = delete;
-    Background &operator=(const Background &) = delete;
-    ~Background() { Stop(); }
-
-    void Start() {
-        StartSampling();
-        tarnd::TheMeasurement().Start(options_.measureRateMb * uint64_t{1000000});
-        tarnd::TheRules().Load();
-        tarnd::WatchAgents();
-        tarnd::WatchAgentHealth();
-        tarnd::TheCourier().Start();
-        tarnd::TheTimers().Start();
+tarnd::Options OptionsOf(const Arguments &arguments) {
+    tarnd::Options options = arguments.daemon;
+    options.runDirectory = host::Directory(arguments.serve.runDir).RunDir();
+    options.logDirectory = NormalPath(options.logDirectory);
+    if (!arguments.serve.stateDir.empty()) {
+        options.stateDirectory = NormalPath(arguments.serve.stateDir);
     }
-
-    void Stop() {
-        tarnd::TheMasterLink().Stop();
-        tarnd::TheTimers().Stop();
-        tarnd::TheCourier().Stop();
-        tarnd::TheMeasurement().Stop();
-        tarnd::TheSampler().Stop();
-        tarnd::TheCpuOverload().Stop();
+    for (const std::string &target : arguments.copyTargets) {
+        const size_t equals = target.find('=');
+        options.copyTargets[target.substr(0, equals)] = NormalPath(target.substr(equals + 1));
     }
-
-private:
-    void StartSampling() {
-        tarnd::TheCpuPeaks().Start();
-        tarnd::TheCpuOverload().Start();
-        tarnd::TheMemoryOverload().Start();
-        tarnd::TheOverloadDebug().Start();
-        tarnd::TheStarvation().Start();
-        tarnd::TheHealthSettings().Load();
-        tarnd::WatchResources();
-        tarnd::TheCpuEvents().Watch();
-        tarnd::TheSampler().Start(std::chrono::milliseconds(options_.sampleIntervalMs));
+    options.sampleInterval = std::chrono::milliseconds(arguments.sampleIntervalMs);
+    options.measuredBytesPerSecond = arguments.measureRateMb * kMega;
+    if (arguments.applyClock) {
+        options.zoneLink = arguments.zoneLink;
     }
+    return options;
+}
 
-    const Options &options_;
-};
-
-void Serve(const Options &options, const host::ServerOptions &serverOptions) {
-    host::Server server(serverOptions);
+// The daemon outlives the server, whose requests use it.
+void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions) {
     // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
     const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
-    host::Client::Default().Configure({.runDir = options.serve.runDir});
-    Background background(options);
-    background.Start();
+    host::Client::Default().Configure({.runDir = arguments.serve.runDir});
+    const host::SystemClocks clocks;
+    const host::procfs::Procfs proc;
+    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc);
+    host::Server server(serverOptions);
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
-    host::Log().info("serving in {}", host::Directory(options.serve.runDir).RunDir().string());
-    tarnd::TheMasterLink().Start(); // the master may call back at once
+    host::Log().info("serving in {}", daemon.options.runDirectory.string());
+    daemon.masterLink.Start(); // the master may call back at once
     int signal = 0;
     sigwait(&signals, &signal);
     host::Log().info("signal {}: shutting down", signal);
-    background.Stop();
     host::StopOrExit(server);
-    host::Client::Default().Shutdown();
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    Options options;
+    Arguments arguments;
     CLI::App app{"The diagnosis daemon.", "tarnd"};
-    Declare(app, options);
+    Declare(app, arguments);
     if (const std::optional<int> code = host::Parse(app, argc, argv)) {
         return *code;
     }
-    host::Log().set_level(options.serve.logLevel);
+    host::Log().set_level(arguments.serve.logLevel);
     try {
-        host::ServerOptions serverOptions = host::ServerOptionsOf(options.serve);
-        serverOptions.workers = options.workers;
-        tarnd::TheSettings().runDirectory = host::Directory(options.serve.runDir).RunDir();
-        tarnd::TheSettings().logDirectory = NormalPath(options.logDir);
-        for (const std::string &target : options.copyTargets) {
-            const size_t equals = target.find('=');
-            tarnd::TheSettings().copyTargets[target.substr(0, equals)] = NormalPath(target.substr(equals + 1));
-        }
-        tarnd::RemoveUnfinishedArchives();
-        if (!options.serve.stateDir.empty()) {
-            tarnd::TheStore().Open(options.serve.stateDir);
-            tarnd::TheSettings().stateDirectory = std::filesystem::absolute(options.serve.stateDir).lexically_normal();
-        }
-        if (options.applyClock) {
-            tarnd::TheClock().ApplyToSystem(options.zoneLink);
-        }
-        tarnd::TheClock().Load();
-        Serve(options, serverOptions);
+        host::ServerOptions serverOptions = host::ServerOptionsOf(arguments.serve);
+        serverOptions.workers = arguments.workers;
+        Serve(arguments, serverOptions);
+        host::Client::Default().Shutdown();
     } catch (const std::exception &error) {
         host::Log().error("tarnd: {}", error.what());
         return 1;
     }
-    if (options.printAccounting) {
+    if (arguments.printAccounting) {
         PrintAccounting();
     }
     return 0;

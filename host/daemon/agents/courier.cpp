@@ -107,9 +107,4 @@ void Courier::Do(std::unique_lock<std::mutex> &lock, Errands::iterator next) {
     TellAnother(); // this one may go on with another agent
 }
 
-Courier &TheCourier() {
-    static Courier courier;
-    return courier;
-}
-
 } // namespace tarnd

@@ -164,11 +164,6 @@ void Rules::DropEnded() {
     std::erase_if(rules_, [now = Clock::now()](const auto &entry) { return HasEnded(entry.second, now); });
 }
 
-Rules &TheRules() {
-    static Rules rules;
-    return rules;
-}
-
 // ---- In the agents ----
 
 namespace {

@@ -22,14 +22,4 @@ std::map<uint32_t, Agent> State::Agents() {
     return agents_;
 }
 
-State &TheState() {
-    static State state;
-    return state;
-}
-
-Settings &TheSettings() {
-    static Settings settings;
-    return settings;
-}
-
 } // namespace tarnd

@@ -1,11 +1,12 @@
-// The agents that the daemon knows, behind a mutex, and what its command line said.
+// The agents that the daemon knows.
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
+
+#include "host/daemon/options.h"
 
 namespace tarnd {
 
@@ -31,14 +32,6 @@ private:
 
 State &TheState();
 
-// What the command line says; written before the first request is served.
-struct Settings {
-    std::filesystem::path runDirectory;
-    std::string logDirectory;
-    std::string stateDirectory;                     // empty: none
-    std::map<std::string, std::string> copyTargets; // directories by name
-};
-
-Settings &TheSettings();
+const Options &TheSettings();
 
 } // namespace tarnd

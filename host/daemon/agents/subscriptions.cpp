@@ -61,11 +61,6 @@ std::vector<Subscriptions::Subscription> Subscriptions::List() {
     return list;
 }
 
-Subscriptions &TheSubscriptions() {
-    static Subscriptions subscriptions;
-    return subscriptions;
-}
-
 namespace {
 
 Tarn_sys_diag_SubscribeInfo Describe(const Subscriptions::Subscription &subscription) {

@@ -164,11 +164,6 @@ std::vector<CpuEvent> CpuEvents::List() const {
     return list;
 }
 
-CpuEvents &TheCpuEvents() {
-    static CpuEvents events;
-    return events;
-}
-
 namespace {
 
 Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {

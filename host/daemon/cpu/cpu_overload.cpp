@@ -294,9 +294,4 @@ void CpuOverload::ReadStacksOfPending(const std::stop_token &stop) {
     }
 }
 
-CpuOverload &TheCpuOverload() {
-    static CpuOverload overload;
-    return overload;
-}
-
 } // namespace tarnd

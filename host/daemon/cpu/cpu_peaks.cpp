@@ -68,9 +68,4 @@ Peak CpuPeaks::OfProcess(const ProcessSample &process) const {
     return at == processes_.end() || at->second.startTicks != process.startTicks ? Peak{} : at->second.peak;
 }
 
-CpuPeaks &TheCpuPeaks() {
-    static CpuPeaks peaks;
-    return peaks;
-}
-
 } // namespace tarnd

@@ -48,11 +48,6 @@ void OverloadDebug::Take(const Sample &previous, const Sample &latest) const {
     }
 }
 
-OverloadDebug &TheOverloadDebug() {
-    static OverloadDebug debug;
-    return debug;
-}
-
 } // namespace tarnd
 
 uint32_t SetOvLoadDebugSwitch(const Tarn_sys_diag_SetOvLoadDebugSwitchInput *request, void *replyCtx) {

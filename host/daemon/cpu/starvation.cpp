@@ -141,9 +141,4 @@ void Starvation::Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds w
     thread.record.last = latest.system.time;
 }
 
-Starvation &TheStarvation() {
-    static Starvation starvation;
-    return starvation;
-}
-
 } // namespace tarnd

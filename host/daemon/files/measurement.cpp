@@ -363,11 +363,6 @@ void Measurement::Learn(const Survey &survey, const std::vector<std::string> &ad
     baseline_ = std::move(baseline);
 }
 
-Measurement &TheMeasurement() {
-    static Measurement measurement;
-    return measurement;
-}
-
 } // namespace tarnd
 
 uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {

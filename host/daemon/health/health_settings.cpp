@@ -159,11 +159,6 @@ std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
     return switches;
 }
 
-HealthSettings &TheHealthSettings() {
-    static HealthSettings settings;
-    return settings;
-}
-
 void BringHealthSwitches(uint32_t pid) {
     const Tarn_sys_diag_PadsGlobalSwitch all{TheHealthSettings().AllOn()};
     TellAgent(TarnSysdiagAgent_TarnPadsSetProcPadsGlobalSwitch_oneway, pid, all);

@@ -166,11 +166,6 @@ void MasterLink::Run(const std::stop_token &stop) {
     }
 }
 
-MasterLink &TheMasterLink() {
-    static MasterLink link;
-    return link;
-}
-
 } // namespace tarnd
 
 uint32_t DetectTarndServerOnline(const Tarn_sys_diag_None *) {

@@ -217,11 +217,6 @@ std::chrono::steady_clock::time_point LeakMarks::Of(const std::string &processNa
     return latest;
 }
 
-LeakMarks &TheLeakMarks() {
-    static LeakMarks marks;
-    return marks;
-}
-
 } // namespace tarnd
 
 uint32_t MemLeakOrHisQry(const Tarn_sys_diag_MemLeakQryIn *request, void *replyCtx) {

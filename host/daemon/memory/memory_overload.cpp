@@ -103,11 +103,6 @@ void MemoryOverload::Take(const Sample &sample) {
     record_.events.push_back(std::move(event));
 }
 
-MemoryOverload &TheMemoryOverload() {
-    static MemoryOverload overload;
-    return overload;
-}
-
 uint32_t UsedPermille(const MemorySample &memory) {
     if (memory.total == 0) {
         return 0;

@@ -168,9 +168,4 @@ void Sampler::Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::
     Push(whole_, std::move(sample), kWholeSamples);
 }
 
-Sampler &TheSampler() {
-    static Sampler sampler;
-    return sampler;
-}
-
 } // namespace tarnd

@@ -203,11 +203,6 @@ ClockSettings Clock::FromDocument(const Document &content) {
     return settings;
 }
 
-Clock &TheClock() {
-    static Clock clock;
-    return clock;
-}
-
 } // namespace tarnd
 
 uint32_t SetTimezone(const Tarn_sys_diag_SetTimezoneInput *request, void *replyCtx) {

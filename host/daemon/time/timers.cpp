@@ -87,9 +87,4 @@ void Timers::Expire(std::unique_lock<std::mutex> &lock, Timer &timer) {
     after.longestRun = std::max(after.longestRun, duration_cast<microseconds>(Clock::now() - start));
 }
 
-Timers &TheTimers() {
-    static Timers timers;
-    return timers;
-}
-
 } // namespace tarnd

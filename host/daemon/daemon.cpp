@@ -1,0 +1,128 @@
+#include "host/daemon/daemon.h"
+
+#include <cassert>
+
+#include "host/daemon/agents/agent_probe.h"
+#include "host/daemon/agents/agents.h"
+#include "host/daemon/files/archive.h"
+#include "host/daemon/health/resources.h"
+
+namespace tarnd {
+
+namespace {
+
+Daemon *serving = nullptr;
+
+} // namespace
+
+Daemon::Publication::Publication(Daemon &daemon) {
+    assert(serving == nullptr);
+    serving = &daemon;
+}
+
+Daemon::Publication::~Publication() {
+    serving = nullptr;
+}
+
+Daemon &Daemon::Serving() {
+    assert(serving != nullptr);
+    return *serving;
+}
+
+Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc)
+    : options(std::move(theOptions)), clocks(theClocks), proc(theProc) {
+    RemoveUnfinishedArchives();
+    if (!options.stateDirectory.empty()) {
+        store.Open(options.stateDirectory);
+    }
+    if (options.zoneLink) {
+        clock.ApplyToSystem(*options.zoneLink);
+    }
+    clock.Load();
+    cpuPeaks.Start();
+    cpuOverload.Start();
+    memoryOverload.Start();
+    overloadDebug.Start();
+    starvation.Start();
+    healthSettings.Load();
+    WatchResources();
+    cpuEvents.Watch();
+    sampler.Start(options.sampleInterval);
+    measurement.Start(options.measuredBytesPerSecond);
+    rules.Load();
+    WatchAgents();
+    WatchAgentHealth();
+    courier.Start();
+    timers.Start();
+}
+
+Daemon::~Daemon() {
+    masterLink.Stop();
+    timers.Stop();
+    courier.Stop();
+    measurement.Stop();
+    sampler.Stop();
+    cpuOverload.Stop();
+}
+
+// ---- Until every part is handed what it needs ----
+
+host::Store &TheStore() {
+    return Daemon::Serving().store;
+}
+Clock &TheClock() {
+    return Daemon::Serving().clock;
+}
+Timers &TheTimers() {
+    return Daemon::Serving().timers;
+}
+State &TheState() {
+    return Daemon::Serving().state;
+}
+const Options &TheSettings() {
+    return Daemon::Serving().options;
+}
+Courier &TheCourier() {
+    return Daemon::Serving().courier;
+}
+Subscriptions &TheSubscriptions() {
+    return Daemon::Serving().subscriptions;
+}
+Rules &TheRules() {
+    return Daemon::Serving().rules;
+}
+HealthSettings &TheHealthSettings() {
+    return Daemon::Serving().healthSettings;
+}
+Sampler &TheSampler() {
+    return Daemon::Serving().sampler;
+}
+CpuPeaks &TheCpuPeaks() {
+    return Daemon::Serving().cpuPeaks;
+}
+CpuOverload &TheCpuOverload() {
+    return Daemon::Serving().cpuOverload;
+}
+CpuEvents &TheCpuEvents() {
+    return Daemon::Serving().cpuEvents;
+}
+Starvation &TheStarvation() {
+    return Daemon::Serving().starvation;
+}
+OverloadDebug &TheOverloadDebug() {
+    return Daemon::Serving().overloadDebug;
+}
+MemoryOverload &TheMemoryOverload() {
+    return Daemon::Serving().memoryOverload;
+}
+LeakMarks &TheLeakMarks() {
+    return Daemon::Serving().leakMarks;
+}
+Measurement &TheMeasurement() {
+    return Daemon::Serving().measurement;
+}
+MasterLink &TheMasterLink() {
+    return Daemon::Serving().masterLink;
+}
+
+} // namespace tarnd

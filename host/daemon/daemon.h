@@ -1,0 +1,72 @@
+// The daemon: one object that owns its parts. They start in the order in which they are declared, each with what it
+// needs of those before it, and stop in the reverse order.
+#pragma once
+
+#include "host/clock/clocks.h"
+#include "host/daemon/agents/courier.h"
+#include "host/daemon/agents/message_rules.h"
+#include "host/daemon/agents/state.h"
+#include "host/daemon/agents/subscriptions.h"
+#include "host/daemon/cpu/cpu_events.h"
+#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/cpu/cpu_peaks.h"
+#include "host/daemon/cpu/overload_debug.h"
+#include "host/daemon/cpu/starvation.h"
+#include "host/daemon/files/measurement.h"
+#include "host/daemon/health/health_settings.h"
+#include "host/daemon/master/master_link.h"
+#include "host/daemon/memory/memory_leaks.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/options.h"
+#include "host/daemon/sampling/sampler.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/daemon/time/timers.h"
+#include "host/procfs/procfs.h"
+#include "host/store/store.h"
+
+namespace tarnd {
+
+// Its last member begins the work that nobody asks for.
+class Daemon {
+public:
+    Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc);
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+    ~Daemon();
+
+    // The one that serves: the library calls the methods without saying whose they are.
+    static Daemon &Serving();
+
+private:
+    // The pointer that Serving follows.
+    struct Publication {
+        explicit Publication(Daemon &daemon);
+        ~Publication();
+    };
+    const Publication publication_{*this};
+
+public:
+    const Options options;
+    const host::Clocks &clocks;
+    const host::procfs::Procfs &proc;
+    host::Store store;
+    Clock clock;
+    Timers timers;
+    State state;
+    Courier courier;
+    Subscriptions subscriptions;
+    Rules rules;
+    HealthSettings healthSettings;
+    Sampler sampler;
+    CpuPeaks cpuPeaks;
+    CpuOverload cpuOverload;
+    CpuEvents cpuEvents;
+    Starvation starvation;
+    OverloadDebug overloadDebug;
+    MemoryOverload memoryOverload;
+    LeakMarks leakMarks;
+    Measurement measurement;
+    MasterLink masterLink;
+};
+
+} // namespace tarnd

@@ -1,0 +1,23 @@
+// What the command line says.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tarnd {
+
+struct Options {
+    std::filesystem::path runDirectory; // of the sockets
+    std::string logDirectory = "/var/log/tarn";
+    std::string stateDirectory;                     // of what is kept beyond a restart; empty: nothing is
+    std::map<std::string, std::string> copyTargets; // directories by name
+    std::chrono::milliseconds sampleInterval{1000};
+    uint64_t measuredBytesPerSecond = 100'000'000; // 0: no limit
+    std::optional<std::filesystem::path> zoneLink; // names the system's zone; none: the system's clock is not set
+};
+
+} // namespace tarnd
