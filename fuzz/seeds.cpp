@@ -63,7 +63,7 @@ public:
     void AddZero(const describe::Type &type) {
         const describe::Record record(type);
         Add(type, describe::Encode(record));
-        if (type.codec->packFixed != nullptr) {
+        if (type.fixed) {
             Add(type, describe::Encode(record, describe::Form::kFixed));
         }
     }

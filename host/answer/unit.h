@@ -30,24 +30,37 @@ constexpr auto kFunctionName = [] {
     return name;
 }();
 
+// The functions are templates of their own, and compiled only where the codec's members are used.
+template <class Unit, class Record>
+struct OnDemand {
+    static uint32_t Pack(const VeltoOutBuf *out, const void *record) {
+        return velto::Pack<Unit, Record>(out, record, kFunctionName<Record, "_pack">.data());
+    }
+    static void *Unpack(const uint8_t *bytes, uint32_t length, void *record) {
+        return velto::Unpack<Unit, Record>({bytes, length}, record, kFunctionName<Record, "_unpack">.data());
+    }
+    static void *UnpackNonRoot(const uint8_t *bytes, uint32_t length, void *record, uint32_t position) {
+        return velto::UnpackNonRoot<Unit, Record>({bytes, length}, record, position, Table<Record>::kUnpackNonRoot);
+    }
+    static void *FreeUnpacked(void *record) {
+        return velto::FreeUnpacked<Unit, Record>(record, kFunctionName<Record, "_free_unpacked">.data());
+    }
+    static uint32_t PackFixed(uint8_t *message, const void *record) {
+        return velto::PackFixed<Unit, Record>(message, record);
+    }
+    static uint32_t FixedSize() { return velto::FixedSize<Record>(); }
+};
+
+// What the library's macros define type by type.
 template <class Unit, class Record>
 struct Codec {
-    static uint32_t kPack(const VeltoOutBuf *out, const void *record) {
-        return Pack<Unit, Record>(out, record, kFunctionName<Record, "_pack">.data());
-    }
-    static void *kUnpack(const uint8_t *bytes, uint32_t length, void *record) {
-        return Unpack<Unit, Record>({bytes, length}, record, kFunctionName<Record, "_unpack">.data());
-    }
-    static void *kUnpackNonRoot(const uint8_t *bytes, uint32_t length, void *record, uint32_t position) {
-        return UnpackNonRoot<Unit, Record>({bytes, length}, record, position, Table<Record>::kUnpackNonRoot);
-    }
-    static void *kFreeUnpacked(void *record) {
-        return FreeUnpacked<Unit, Record>(record, kFunctionName<Record, "_free_unpacked">.data());
-    }
-    static uint32_t kPackFixed(uint8_t *message, const void *record) {
-        return PackFixed<Unit, Record>(message, record);
-    }
-    static uint32_t kFixedSize() { return FixedSize<Record>(); }
+    using Functions = OnDemand<Unit, Record>;
+    static constexpr auto kPack = Functions::Pack;
+    static constexpr auto kUnpack = Functions::Unpack;
+    static constexpr auto kUnpackNonRoot = Functions::UnpackNonRoot;
+    static constexpr auto kFreeUnpacked = Functions::FreeUnpacked;
+    static constexpr auto kPackFixed = Functions::PackFixed;
+    static constexpr auto kFixedSize = Functions::FixedSize;
 };
 
 } // namespace velto

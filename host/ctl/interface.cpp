@@ -48,13 +48,13 @@ Json MethodJson(const Method &method) {
 
 Json TypeJson(const Type &type) {
     Json json{{"type", type.name}, {"hash", fmt::format("0x{:08X}", type.hash)}, {"nativeSize", type.size}};
-    json["fixedSize"] = type.codec->fixedSize == nullptr ? Json() : Json(type.codec->fixedSize());
+    json["fixedSize"] = type.fixed ? Json(type.fixed->Size()) : Json();
     json["fields"] = Json::array();
     for (size_t i = 0; i < type.slots.size(); ++i) {
         const Slot &slot = type.slots[i];
         Json field{{"slot", i}, {"name", slot.name}, {"kind", KindText(slot)}, {"offset", slot.offset}};
         field["count"] = slot.count == nullptr ? Json() : Json(slot.count);
-        field["fixedOffset"] = type.codec->fixedOffsets == nullptr ? Json() : Json(type.codec->fixedOffsets[i]);
+        field["fixedOffset"] = type.fixed ? Json(type.fixed->offsets[i]) : Json();
         json["fields"].push_back(std::move(field));
     }
     return json;
@@ -71,17 +71,14 @@ bool HasMeanings(const Type &type) {
 }
 
 void PrintType(const Type &type) {
-    const std::string fixed = type.codec->fixedSize == nullptr
-                                  ? "no fixed form"
-                                  : fmt::format("fixed form {} bytes", type.codec->fixedSize());
+    const std::string fixed = type.fixed ? fmt::format("fixed form {} bytes", type.fixed->Size()) : "no fixed form";
     std::cout << fmt::format("{}  hash 0x{:08X}, record {} bytes, {}\n", type.name, type.hash, type.size, fixed);
     Columns columns;
     columns.Add({"slot", "field", "kind", "at", "fixed", "count", HasMeanings(type) ? "meaning" : ""});
     for (size_t i = 0; i < type.slots.size(); ++i) {
         const Slot &slot = type.slots[i];
-        const auto *const offsets = type.codec->fixedOffsets;
         columns.Add({std::to_string(i), slot.name, KindText(slot), std::to_string(slot.offset),
-                     offsets == nullptr ? "-" : std::to_string(offsets[i]), slot.count == nullptr ? "" : slot.count,
+                     type.fixed ? std::to_string(type.fixed->offsets[i]) : "-", slot.count == nullptr ? "" : slot.count,
                      MeaningText(MeaningOf(type, slot))});
     }
     if (type.slots.empty()) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <set>
 
+#include "host/describe/codec.h"
 #include "host/osal/text.h"
 
 namespace host::describe {

@@ -1,8 +1,8 @@
 #include "host/describe/record.h"
 
-#include <new>
+#include <string>
 
-#include "host/describe/unit.h"
+#include "host/describe/codec.h"
 
 namespace host::describe {
 
@@ -36,50 +36,33 @@ Record &Record::operator=(Record &&other) noexcept {
 
 Record::~Record() {
     if (bytes_ != nullptr) {
-        type_->codec->freeUnpacked(bytes_.get());
+        Release(*type_, bytes_.get());
     }
-}
-
-void *AllocateOwned(uint64_t size) {
-    if (size > UINT32_MAX) {
-        throw std::bad_alloc();
-    }
-    UnitBinding().EnsureMemBound();
-    void *const block = UnitBinding().Alloc(static_cast<uint32_t>(size), "tarn_host_describe");
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memset(block, 0, size);
 }
 
 std::vector<uint8_t> Encode(const Record &record, Form form) {
     const Type &type = record.GetType();
     std::vector<uint8_t> message;
     if (form == Form::kFixed) {
-        if (type.codec->packFixed == nullptr) {
+        if (!type.fixed) {
             throw std::invalid_argument(std::string(type.name) + " has no fixed form: it holds a string or a vector");
         }
-        message.resize(type.codec->fixedSize());
-        type.codec->packFixed(message.data(), record.Data());
+        message.resize(type.fixed->Size());
+        WriteFixed(type, record.Data(), message.data());
         return message;
     }
-    uint32_t size = type.codec->pack(nullptr, record.Data());
-    if (size == 0) {
+    const uint64_t size = RegularSize(type, record.Data());
+    if (size > UINT32_MAX) {
         throw std::invalid_argument(std::string(type.name) + ": the message would take more than 4294967295 bytes");
     }
     message.resize(size);
-    const VeltoOutBuf out{message.data(), &size};
-    message.resize(type.codec->pack(&out, record.Data()));
+    WriteRegular(type, record.Data(), message.data());
     return message;
 }
 
 std::optional<Record> Decode(const Type &type, std::span<const uint8_t> message) {
     Record record(type);
-    if (message.size() > INT32_MAX ||
-        type.codec->unpack(message.data(), static_cast<uint32_t>(message.size()), record.Data()) == nullptr) {
-        return std::nullopt;
-    }
-    return record;
+    return Read(type, message, record.Data()) ? std::optional(std::move(record)) : std::nullopt;
 }
 
 } // namespace host::describe

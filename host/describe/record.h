@@ -1,6 +1,7 @@
 // A native record of any type, which owns its storage and all that it points to.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <span>
@@ -52,10 +53,6 @@ private:
     const Type *type_;
     std::unique_ptr<uint8_t[]> bytes_; // null when moved from
 };
-
-// Storage that the release of a record's type gives back, zeroed; throws std::bad_alloc, also for a size that passes
-// the allocator's 32 bits.
-void *AllocateOwned(uint64_t size);
 
 // Throws std::invalid_argument when the type has no such form, or when the message would pass 32 bits.
 std::vector<uint8_t> Encode(const Record &record, Form form = Form::kRegular);

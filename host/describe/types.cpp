@@ -1,72 +1,127 @@
+// Each line of types/ enters its type here, so this stands before any header that may include one.
+#define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline) LIST_TYPE(type)
+#define LIST_TYPE(type)                                                                                                \
+    template <>                                                                                                        \
+    constexpr bool host::describe::kIsListed<Tarn_sys_diag_##type> = true;                                             \
+    static const bool listed_##type = host::describe::List<Tarn_sys_diag_##type>();
+
 #include "host/describe/types.h"
-
-#include "host/describe/unit.h"
-
-TARN_UNIT()
-
-namespace {
-// Another unit of the same program may register its types too; this unit's own are those between the two marks.
-const auto kFirst = static_cast<std::ptrdiff_t>(velto::Registry().size());
-} // namespace
-
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
-
-namespace {
-const auto kEnd = static_cast<std::ptrdiff_t>(velto::Registry().size());
-} // namespace
 
 #include <algorithm>
 #include <cctype>
 #include <numeric>
 #include <unordered_map>
 
+#include "velto/fixed.h"
+#include "velto/shape.h"
+
 namespace host::describe {
 
-platform::Binding &UnitBinding() {
-    return Unit::binding;
+namespace {
+
+struct ListedType {
+    const char *name;
+    uint32_t hash;
+    const velto::TypeShape *shape;
+    const velto::SlotName *slotNames;
+};
+std::vector<ListedType> listedTypes; // in the order of declaration: elements stand before what holds them
+
+template <class Record>
+bool List() {
+    using Table = velto::Table<Record>;
+    listedTypes.push_back({Table::kName, velto::kTypeHash<Record>, &velto::Shape<Record>::kType, Table::kSlotNames});
+    return true;
+}
+
+} // namespace
+
+template <class Record>
+constexpr bool kIsListed = false;
+
+} // namespace host::describe
+
+#include "types/agent.h"
+#include "types/master.h"
+#include "types/tarnd.h"
+#include "types/tarnd_agent.h"
+
+namespace host::describe {
+
+#define EXPECT_LISTED(type)                                                                                            \
+    static_assert(kIsListed<Tarn_sys_diag_##type>, #type " was declared before this file could list it");
+#define TARN_SERVICE_METHOD(service, method, request, response) EXPECT_LISTED(request) EXPECT_LISTED(response)
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) EXPECT_LISTED(request)
+#include "host/runtime/all_methods.h"
+
+uint32_t FixedForm::ElementSize() const {
+    return velto::AlignUp(end, 4);
+}
+
+uint32_t FixedForm::Size() const {
+    return velto::AlignUp(4 + end, 8);
 }
 
 namespace {
 
-Type Describe(const velto::TypeInfo &codec, const std::unordered_map<const velto::TypeShape *, const Type *> &known) {
-    const velto::TypeShape &shape = *codec.shape;
-    Type type{codec.name, codec.hash, shape.size, {}, &codec};
-    for (uint32_t i = 0; i < shape.slotNum; ++i) {
-        const velto::SlotShape &from = shape.Slot(i);
-        Slot slot{codec.slotNames[i].member,
-                  codec.slotNames[i].count,
-                  from.kind,
-                  from.offset,
-                  0,
-                  from.width,
-                  from.length,
-                  nullptr};
-        if (velto::IsVectorKind(from.kind)) {
-            slot.countOffset = from.length;
-            slot.length = 0;
-        }
-        if (velto::IsTableKind(from.kind)) {
-            slot.table = known.at(shape.Element(from).type);
-            slot.width = 0;
-        }
-        type.slots.push_back(slot);
+Slot DescribeSlot(const velto::TypeShape &shape, const velto::SlotShape &from, const velto::SlotName &name,
+                  const std::unordered_map<const velto::TypeShape *, const Type *> &known) {
+    Slot slot{name.member, name.count, from.kind, from.offset, 0, from.width, from.length, nullptr};
+    if (velto::IsVectorKind(from.kind)) {
+        slot.countOffset = from.length;
+        slot.length = 0;
     }
-    return type;
+    if (velto::IsTableKind(from.kind)) {
+        slot.table = known.at(shape.Element(from).type);
+        slot.width = 0;
+    }
+    return slot;
+}
+
+uint32_t FixedSize(const Slot &slot) {
+    switch (slot.kind) {
+    case Kind::kScalar:
+        return slot.width;
+    case Kind::kTable:
+        return 4 + slot.table->fixed->end;
+    case Kind::kTableRun:
+        return 8 + slot.length * (4 + slot.table->fixed->ElementSize());
+    default:
+        return 8 + slot.length * slot.width;
+    }
+}
+
+std::optional<FixedForm> FixedFormOf(const std::vector<Slot> &slots) {
+    FixedForm form{{}, 4, 0, 0};
+    for (const Slot &slot : slots) {
+        const bool owns = slot.kind == Kind::kString || velto::IsVectorKind(slot.kind);
+        if (owns || (slot.table != nullptr && !slot.table->fixed)) {
+            return std::nullopt;
+        }
+        const uint32_t size = FixedSize(slot);
+        form.offsets.push_back(velto::AlignUp(form.dataEnd, std::min(size, 4u)));
+        form.dataEnd = form.offsets.back() + size;
+    }
+    form.vtable = velto::AlignUp(form.dataEnd, 4);
+    form.end = form.vtable + 4 + 2 * static_cast<uint32_t>(slots.size());
+    return form;
 }
 
 } // namespace
 
 const std::vector<Type> &Types() {
-    static const auto codecs =
-        std::vector<velto::TypeInfo>(velto::Registry().begin() + kFirst, velto::Registry().begin() + kEnd);
     static const auto types = [] {
         std::vector<Type> list;
         std::unordered_map<const velto::TypeShape *, const Type *> known;
-        list.reserve(codecs.size()); // the types point to each other
-        for (const velto::TypeInfo &codec : codecs) {
-            list.push_back(Describe(codec, known));
-            known.emplace(codec.shape, &list.back());
+        list.reserve(listedTypes.size()); // the types point to each other
+        for (const ListedType &from : listedTypes) {
+            Type type{from.name, from.hash, from.shape->size, {}, {}, from.shape};
+            for (uint32_t i = 0; i < from.shape->slotNum; ++i) {
+                type.slots.push_back(DescribeSlot(*from.shape, from.shape->Slot(i), from.slotNames[i], known));
+            }
+            type.fixed = FixedFormOf(type.slots);
+            list.push_back(std::move(type));
+            known.emplace(from.shape, &list.back());
         }
         return list;
     }();
@@ -97,22 +152,9 @@ const std::vector<Method> &Methods() {
             list.push_back({service, name, next ? list.back().index + 1 : 1, FindType(request),
                             response == nullptr ? nullptr : FindType(response)});
         };
-        const char *service = "TarnSysdiagTarnd";
-#define TARN_METHOD(method, request, response) add(service, #method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(service, #method, #request, nullptr);
-#include "server/tarnd_methods.h"
-        service = "TarnSysdiagTarndAgent";
-#define TARN_METHOD(method, request, response) add(service, #method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(service, #method, #request, nullptr);
-#include "server/tarnd_agent_methods.h"
-        service = "TarnSysdiagAgent";
-#define TARN_METHOD(method, request, response) add(service, #method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(service, #method, #request, nullptr);
-#include "client/agent_methods.h"
-        service = "TarnSysdiagMaster";
-#define TARN_METHOD(method, request, response) add(service, #method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(service, #method, #request, nullptr);
-#include "client/master_methods.h"
+#define TARN_SERVICE_METHOD(service, method, request, response) add(#service, #method, #request, #response);
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) add(#service, #method, #request, nullptr);
+#include "host/runtime/all_methods.h"
         return list;
     }();
     return methods;

@@ -2,11 +2,16 @@
 // the lists of methods; nothing here knows a single type or method.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "velto/registry.h"
+#include "velto/describe.h"
+
+namespace velto {
+struct TypeShape;
+}
 
 namespace host::describe {
 
@@ -27,12 +32,24 @@ struct Slot {
     uint32_t ElementSize() const; // native
 };
 
+// Places within a table in the fixed form, in bytes from its start.
+struct FixedForm {
+    std::vector<uint32_t> offsets; // of each slot
+    uint32_t dataEnd;
+    uint32_t vtable;
+    uint32_t end; // of the vtable
+
+    uint32_t ElementSize() const; // of an element of a run
+    uint32_t Size() const;        // of a message
+};
+
 struct Type {
     const char *name; // without the prefix Tarn_sys_diag_
     uint32_t hash;
     uint32_t size; // native
     std::vector<Slot> slots;
-    const velto::TypeInfo *codec; // the functions, of this library's own unit
+    std::optional<FixedForm> fixed; // none for a type with a string or a vector
+    const velto::TypeShape *shape;
 };
 
 inline uint32_t Slot::ElementSize() const {

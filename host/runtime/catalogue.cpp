@@ -10,37 +10,14 @@ namespace {
 
 std::vector<MethodInfo> Build() {
     std::vector<MethodInfo> methods;
-    const char *service;
-    uint32_t index;
-    const auto begin = [&](const char *name) {
-        service = name;
-        index = 0;
-    };
-    const auto add = [&](const char *method, const char *request, const char *response) {
+    const auto add = [&](std::string_view service, const char *method, const char *request, const char *response) {
+        const uint32_t index = !methods.empty() && methods.back().service == service ? methods.back().index + 1 : 1;
         const uint32_t responseHash = response[0] == 0 ? 0 : velto::TypeHash(response);
-        methods.push_back({service, method, ++index, request, response, velto::TypeHash(request), responseHash});
+        methods.push_back({service, method, index, request, response, velto::TypeHash(request), responseHash});
     };
-
-    begin("TarnSysdiagTarnd");
-#define TARN_METHOD(method, request, response) add(#method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(#method, #request, "");
-#include "server/tarnd_methods.h"
-
-    begin("TarnSysdiagTarndAgent");
-#define TARN_METHOD(method, request, response) add(#method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(#method, #request, "");
-#include "server/tarnd_agent_methods.h"
-
-    begin("TarnSysdiagAgent");
-#define TARN_METHOD(method, request, response) add(#method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(#method, #request, "");
-#include "client/agent_methods.h"
-
-    begin("TarnSysdiagMaster");
-#define TARN_METHOD(method, request, response) add(#method, #request, #response);
-#define TARN_METHOD_NO_REPLY(method, request) add(#method, #request, "");
-#include "client/master_methods.h"
-
+#define TARN_SERVICE_METHOD(service, method, request, response) add(#service, #method, #request, #response);
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) add(#service, #method, #request, "");
+#include "host/runtime/all_methods.h"
     return methods;
 }
 

@@ -63,43 +63,25 @@ constexpr size_t Count(std::string_view method) {
                                std::ranges::count(kAgents, method));
 }
 
-#define TARN_METHOD(method, request, response) static_assert(Count(#method) == 1, #method);
-#define TARN_METHOD_NO_REPLY(method, request) static_assert(Count(#method) == 1, #method);
-#include "server/tarnd_methods.h"
-
-#define TARN_METHOD(method, request, response) static_assert(Count(#method) == 1, #method);
-#define TARN_METHOD_NO_REPLY(method, request) static_assert(Count(#method) == 1, #method);
-#include "server/tarnd_agent_methods.h"
-
-#define TARN_METHOD(method, request, response) static_assert(Count(#method) == 1, #method);
-#define TARN_METHOD_NO_REPLY(method, request) static_assert(Count(#method) == 1, #method);
-#include "client/agent_methods.h"
-
-#define TARN_METHOD(method, request, response) static_assert(Count(#method) == 1, #method);
-#define TARN_METHOD_NO_REPLY(method, request) static_assert(Count(#method) == 1, #method);
-#include "client/master_methods.h"
+#define GROUPED(service, method)                                                                                       \
+    static_assert(Count(#method) != 0, "host/runtime/groups.cpp: " #method ", a method of " #service                   \
+                                       ", is in no group: add it to kReading, kMemory, kSettings, kCommands or "       \
+                                       "kAgents");                                                                     \
+    static_assert(Count(#method) <= 1, "host/runtime/groups.cpp: " #method " is in more than one group");
+#define TARN_SERVICE_METHOD(service, method, request, response) GROUPED(service, method)
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) GROUPED(service, method)
+#include "host/runtime/all_methods.h"
 
 constexpr size_t kMethods = 0
-#define TARN_METHOD(method, request, response) +1
-#define TARN_METHOD_NO_REPLY(method, request) +1
-#include "server/tarnd_methods.h"
-
-#define TARN_METHOD(method, request, response) +1
-#define TARN_METHOD_NO_REPLY(method, request) +1
-#include "server/tarnd_agent_methods.h"
-
-#define TARN_METHOD(method, request, response) +1
-#define TARN_METHOD_NO_REPLY(method, request) +1
-#include "client/agent_methods.h"
-
-#define TARN_METHOD(method, request, response) +1
-#define TARN_METHOD_NO_REPLY(method, request) +1
-#include "client/master_methods.h"
+#define TARN_SERVICE_METHOD(service, method, request, response) +1
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) +1
+#include "host/runtime/all_methods.h"
     ;
 constexpr size_t kRuntimesOwn = 2;
 static_assert(std::size(kReading) + std::size(kMemory) + std::size(kSettings) + std::size(kCommands) +
-                  std::size(kAgents) ==
-              kMethods + kRuntimesOwn);
+                      std::size(kAgents) ==
+                  kMethods + kRuntimesOwn,
+              "host/runtime/groups.cpp: a group has an entry that is no method");
 
 } // namespace
 

@@ -1,4 +1,10 @@
 // tarnctl as its users run it: what it prints, and how it ends.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -254,45 +260,40 @@ TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
 }
 
 // The wrappers of a service with a method for each way in which a call can end.
-// Decodes the request into the record and keeps the codec table, as the library's wrappers do.
-bool Take(const char *method, void *request, IdlServerCodecTable *codec, VeltoPackFn pack, Record &record) {
-    const auto unpack = FindMethod(method)->request->codec->unpack;
-    codec->stCodec = {unpack, pack, nullptr, [](void *) {}, nullptr, nullptr};
-    if (RPC_IdlReqVeltoMsgUnPack(request, record.Data(), codec) == nullptr) {
-        return false;
-    }
-    *RPC_GetUsrFuncLib(record.Data()) = *codec;
-    return true;
-}
+template <class Record>
+using Codec = velto::Codec<Unit, Record>;
+constexpr VeltoPackFn kPackResult = Codec<Tarn_sys_diag_Result>::kPack;
 
-uint32_t Answer(const char *method, void *request, void *replyCtx, IdlServerCodecTable *codec, VeltoPackFn pack) {
-    Record record(*FindMethod(method)->request);
-    if (!Take(method, request, codec, pack, record)) {
-        return 12;
+// Decodes the request and keeps the codec table with it, as the library's wrappers do; null when it is refused.
+template <class Request>
+std::unique_ptr<Request> Take(void *request, IdlServerCodecTable *codec, VeltoPackFn pack) {
+    auto record = std::make_unique<Request>();
+    codec->stCodec = {Codec<Request>::kUnpack, pack, nullptr, [](void *) {}, nullptr, nullptr};
+    if (RPC_IdlReqVeltoMsgUnPack(request, record.get(), codec) == nullptr) {
+        return nullptr;
     }
-    Record response = FromJson(*FindMethod(method)->response, ToJson(record));
-    return TarnHost_Reply(replyCtx, response.Data());
+    *RPC_GetUsrFuncLib(record.get()) = *codec;
+    return record;
 }
 
 uint32_t NeverAnswer(void *request, void *, IdlServerCodecTable *codec) {
-    Record record(*FindMethod("SetTimezone")->request);
-    return Take("SetTimezone", request, codec, FindType("Result")->codec->pack, record) ? 0 : 12;
+    return Take<Tarn_sys_diag_SetTimezoneInput>(request, codec, kPackResult) ? 0 : 12;
 }
 
 std::atomic<uint32_t> onlineCalls;
 
 uint32_t Online(void *request, void *replyCtx, IdlServerCodecTable *codec) {
     ++onlineCalls;
-    return Answer("PidIsOnline", request, replyCtx, codec, FindType("PidIsOnlineOuput")->codec->pack);
+    const auto record =
+        Take<Tarn_sys_diag_PidIsOnlineInput>(request, codec, Codec<Tarn_sys_diag_PidIsOnlineOuput>::kPack);
+    Tarn_sys_diag_PidIsOnlineOuput reply{record ? record->uiPid : 0, 0};
+    return record ? TarnHost_Reply(replyCtx, &reply) : 12;
 }
 
 uint32_t Fail(void *request, void *replyCtx, IdlServerCodecTable *codec) {
-    Record record(*FindMethod("SetDst")->request);
-    if (!Take("SetDst", request, codec, FindType("Result")->codec->pack, record)) {
-        return 12;
-    }
-    Record response = FromJson(*FindType("Result"), {{"uiResult", 22}});
-    return TarnHost_Reply(replyCtx, response.Data());
+    const auto record = Take<Tarn_sys_diag_SetDstInput>(request, codec, kPackResult);
+    Tarn_sys_diag_Result reply{22};
+    return record ? TarnHost_Reply(replyCtx, &reply) : 12;
 }
 
 uint32_t Garble(const VeltoOutBuf *out, const void *) {
@@ -303,7 +304,9 @@ uint32_t Garble(const VeltoOutBuf *out, const void *) {
 }
 
 uint32_t Garbled(void *request, void *replyCtx, IdlServerCodecTable *codec) {
-    return Answer("GetHugePagesInfo", request, replyCtx, codec, Garble);
+    const auto record = Take<Tarn_sys_diag_None>(request, codec, Garble);
+    Tarn_sys_diag_HugePagesOutput reply{};
+    return record ? TarnHost_Reply(replyCtx, &reply) : 12;
 }
 
 template <uint32_t kStatus>

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "host/describe/codec.h"
 #include "host/describe/record.h"
 
 namespace host::describe {

@@ -8,6 +8,7 @@
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "tests/host/golden.h"
+#include "velto/bytes.h"
 
 namespace host::describe {
 namespace {
