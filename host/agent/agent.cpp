@@ -1,103 +1,126 @@
-// The agent's C interface: starts and stops the parts.
+#include "host/agent/agent.h"
+
+#include <cerrno>
 #include <cstring>
-#include <mutex>
-#include <optional>
 #include <utility>
 
-#include "host/agent/app_timers.h"
-#include "host/agent/commands.h"
-#include "host/agent/dead_loops.h"
 #include "host/agent/faults.h"
-#include "host/agent/health.h"
-#include "host/agent/memory.h"
-#include "host/agent/periodic.h"
+#include "host/agent/own_health.h"
 #include "host/agent/registration.h"
-#include "host/agent/resources.h"
 #include "host/agent/service.h"
-#include "host/answer/answer.h"
-#include "host/osal/log.h"
+#include "host/agent/signals_blocked.h"
+#include "host/osal/attempt.h"
 #include "host/runtime/directory.h"
 #include "host/runtime/server.h"
+#include "host/values/agent.h"
 #include "types/tarnd_agent.h"
 
 namespace agent {
 
 namespace {
 
+using std::chrono::milliseconds;
+
 constexpr size_t kMaxName = sizeof(Tarn_sys_diag_AgentRegInfoInput::szAgentName) - 1;
+constexpr milliseconds kUntilWoken{3600000};
 
-Registry &TheRegistry() {
-    static Registry &registry = *new Registry; // the agent's threads may outlive main
-    return registry;
-}
-
-class Agent {
+// Serves calls while it lives.
+class Service {
 public:
-    Agent(const std::string &name, const std::filesystem::path &runDir)
-        : runner_(TheRegistry()), server_({.runDir = runDir, .workers = 2}) {
-        ServeCommandsOf(&runner_);
-        SetHealthName(name);
-        runner_.Start();
+    explicit Service(const std::filesystem::path &runDir) : server_({.runDir = runDir, .workers = 2}) {
         server_.AddService(kServiceSpec);
         server_.Start();
-        faults_.emplace(name, host::Directory(runDir).RunDir());
-        TheTimers().Run();
-        TheDeadLoops().Run();
-        TheResources().Run();
-        registration_.emplace(name, runDir);
     }
-    ~Agent() {
-        registration_.reset();
-        server_.Stop();
-        TheResources().Halt();
-        TheDeadLoops().Halt();
-        TheTimers().Halt();
-        TheMemory().SetScan(false);
-        faults_.reset();
-    }
-    Agent(const Agent &) = delete;
-    Agent &operator=(const Agent &) = delete;
+    ~Service() { server_.Stop(); }
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
 
 private:
-    Runner runner_;
     host::Server server_;
-    std::optional<Faults> faults_;
-    std::optional<Registration> registration_;
 };
-
-std::mutex agentMutex;
-Agent *theAgent; // left alone at exit, when it is not shut down
 
 } // namespace
 
-} // namespace agent
+// What runs, in the order in which it starts.
+class Agent::Running {
+public:
+    Running(Agent &agent, const std::string &name, const std::filesystem::path &runDir)
+        : scan_(agent.memoryScan), commands_(agent.commandWork_), service_(runDir),
+          faults_(name, host::Directory(runDir).RunDir()), timers_(agent.timerWork_), watchdog_(agent.watchdog_),
+          resources_(agent.resourceWork_), registration_(name, runDir, agent.resources) {}
 
-uint32_t TarnAgent_Init(const char *name, const char *runDir) {
-    const std::lock_guard lock(agent::agentMutex);
-    if (name == nullptr || *name == 0 || strlen(name) > agent::kMaxName) {
+private:
+    const StoppedAtEnd scan_; // which peers start
+    const Started commands_;
+    const Service service_;
+    const Faults faults_;
+    const Started timers_;
+    const Started watchdog_;
+    const Started resources_;
+    const Registration registration_;
+};
+
+Agent::Agent(const host::Clocks &theClocks, host::procfs::Procfs theProcfs)
+    : clocks(theClocks), procfs(std::move(theProcfs)), commands(commandTable, [this] { commandWork_.Wake(); }),
+      messageRules(clocks), timers(clocks, [this] { timerWork_.Wake(); }),
+      deadLoops([this] { return SampleThreads(procfs, clocks); }, [this] { watchdog_.Wake(); }),
+      resources([this] { resourceWork_.Wake(); }), memory(clocks), health(OwnHealthItems(procfs, deadLoops, memory)),
+      memoryScan("tarn-mem-scan",
+                 [this] {
+                     memory.Scan();
+                     return milliseconds(TARN_AGENT_SCAN_MS);
+                 }),
+      commandWork_("commands", [this] { return commands.RunNext() ? milliseconds(0) : kUntilWoken; }),
+      timerWork_("tarn-timers", [this] { return timers.ExpireNext(); }),
+      watchdog_("tarn-watchdog", [this] { return deadLoops.Check(); }), resourceWork_("tarn-resources", [this] {
+          resources.TellAll();
+          return kUntilWoken;
+      }) {}
+
+Agent::~Agent() = default;
+
+// Left alone at the end of the process: the application's threads may ask for it after main.
+Agent &Agent::OfProcess() {
+    static Agent &agent = *new Agent(*new host::SystemClocks, host::procfs::Procfs());
+    return agent;
+}
+
+uint32_t Agent::Start(const char *name, const std::filesystem::path &runDir) {
+    const host::MutexLock lock(startMutex_);
+    if (name == nullptr || *name == 0 || strlen(name) > kMaxName) {
         return EINVAL;
     }
-    if (agent::theAgent != nullptr) {
+    if (running_ != nullptr) {
         return EALREADY;
     }
-    return host::Run(__func__, [&] {
-        const agent::SignalsBlocked blocked;
-        agent::theAgent = new agent::Agent(name, runDir == nullptr ? "" : runDir);
+    std::unique_ptr<Running> started;
+    const uint32_t error = host::Attempt("TarnAgent_Init", [&] {
+        const SignalsBlocked blocked;
+        SetName(name);
+        commands.Reset();
+        started = std::make_unique<Running>(*this, name, runDir);
     });
+    running_ = std::move(started);
+    return error;
 }
 
-uint32_t TarnAgent_RegisterCommand(const char *name, const char *help, TarnAgentCommand command, void *userData) {
-    uint32_t result = 0;
-    const uint32_t thrown =
-        host::Run(__func__, [&] { result = agent::TheRegistry().Add(name, help, command, userData); });
-    return thrown != 0 ? thrown : result;
-}
-
-uint32_t TarnAgent_Shutdown(void) {
-    const std::lock_guard lock(agent::agentMutex);
-    if (agent::theAgent == nullptr) {
+uint32_t Agent::Stop() {
+    const host::MutexLock lock(startMutex_);
+    if (running_ == nullptr) {
         return EINVAL;
     }
-    delete std::exchange(agent::theAgent, nullptr);
+    running_.reset();
     return 0;
 }
+
+void Agent::SetName(const char *name) {
+    const host::MutexLock lock(nameMutex_);
+    name_ = name;
+}
+
+std::string Agent::Name() const {
+    const host::MutexLock lock(nameMutex_);
+    return name_;
+}
+
+} // namespace agent

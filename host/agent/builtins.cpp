@@ -15,8 +15,8 @@ uint32_t Pid() {
     return static_cast<uint32_t>(getpid());
 }
 
-uint32_t ShowHelp(int, const char *const *, TarnAgentOutput *output, void *registry) {
-    TarnAgent_Print(output, "%s", static_cast<const Registry *>(registry)->Help().c_str());
+uint32_t ShowHelp(int, const char *const *, TarnAgentOutput *output, void *table) {
+    TarnAgent_Print(output, "%s", static_cast<const CommandTable *>(table)->Help().c_str());
     return 0;
 }
 
@@ -74,13 +74,13 @@ uint32_t ShowUptime(int, const char *const *, TarnAgentOutput *output, void *) {
 
 } // namespace
 
-void AddBuiltins(Registry &registry) {
-    registry.Add("help", "lists the commands", ShowHelp, &registry);
-    registry.Add("threads", "the threads, their states and CPU time", ShowThreads, nullptr);
-    registry.Add("memory", "how much memory the process has", ShowMemory, nullptr);
-    registry.Add("fds", "open descriptors", ShowFds, nullptr);
-    registry.Add("env", "NAME: a variable of the environment", ShowEnv, nullptr);
-    registry.Add("uptime", "how long the process and the system have run", ShowUptime, nullptr);
+void AddBuiltins(CommandTable &table) {
+    table.Add("help", "lists the commands", ShowHelp, &table);
+    table.Add("threads", "the threads, their states and CPU time", ShowThreads, nullptr);
+    table.Add("memory", "how much memory the process has", ShowMemory, nullptr);
+    table.Add("fds", "open descriptors", ShowFds, nullptr);
+    table.Add("env", "NAME: a variable of the environment", ShowEnv, nullptr);
+    table.Add("uptime", "how long the process and the system have run", ShowUptime, nullptr);
 }
 
 } // namespace agent

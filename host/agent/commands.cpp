@@ -9,10 +9,8 @@
 
 #include <fmt/format.h>
 
-#include "host/agent/methods.h"
-#include "host/answer/answer.h"
+#include "host/osal/attempt.h"
 #include "host/osal/log.h"
-#include "host/osal/thread.h"
 
 void TarnAgent_Print(TarnAgentOutput *output, const char *format, ...) {
     static constexpr char kCut[] = "\n[cut]\n";
@@ -41,20 +39,20 @@ void TarnAgent_Print(TarnAgentOutput *output, const char *format, ...) {
 
 namespace agent {
 
-Registry::Registry() {
+CommandTable::CommandTable() {
     AddBuiltins(*this);
 }
 
-uint32_t Registry::Add(const char *name, const char *help, TarnAgentCommand function, void *userData) {
+uint32_t CommandTable::Add(const char *name, const char *help, TarnAgentCommand function, void *userData) {
     if (name == nullptr || function == nullptr || *name == 0 || strpbrk(name, " \t\n\r\v\f") != nullptr) {
         return EINVAL;
     }
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return commands_.try_emplace(name, Command{help == nullptr ? "" : help, function, userData}).second ? 0 : EEXIST;
 }
 
-bool Registry::Find(const std::string &name, Command &command) const {
-    const std::lock_guard lock(mutex_);
+bool CommandTable::Find(const std::string &name, Command &command) const {
+    const host::MutexLock lock(mutex_);
     const auto found = commands_.find(name);
     if (found == commands_.end()) {
         return false;
@@ -63,7 +61,7 @@ bool Registry::Find(const std::string &name, Command &command) const {
     return true;
 }
 
-uint32_t Registry::Run(const std::string &line, TarnAgentOutput &output) const {
+uint32_t CommandTable::Run(const std::string &line, TarnAgentOutput &output) const {
     std::istringstream stream(line);
     std::vector<std::string> words;
     for (std::string word; stream >> word;) {
@@ -84,14 +82,14 @@ uint32_t Registry::Run(const std::string &line, TarnAgentOutput &output) const {
     }
     arguments.push_back(nullptr);
     uint32_t result = 0;
-    const uint32_t thrown = host::Run(words[0].c_str(), [&] {
+    const uint32_t thrown = host::Attempt(words[0].c_str(), [&] {
         result = command.function(static_cast<int>(words.size()), arguments.data(), &output, command.userData);
     });
     return thrown != 0 ? thrown : result;
 }
 
-std::string Registry::Help() const {
-    const std::lock_guard lock(mutex_);
+std::string CommandTable::Help() const {
+    const host::MutexLock lock(mutex_);
     std::string text;
     for (const auto &[name, command] : commands_) {
         text += fmt::format("{:<12} {}\n", name, command.help);
@@ -99,84 +97,61 @@ std::string Registry::Help() const {
     return text;
 }
 
-void Runner::Start() {
-    thread_ = host::StartThread("commands", [this](const std::stop_token &stop) { Work(stop); });
-}
-
-void Runner::Show(std::string line) {
-    const std::lock_guard lock(mutex_);
-    const uint32_t number = ++lastNumber_;
-    if (waiting_.size() == kMaxWaiting) {
-        result_ = {EBUSY, number, fmt::format("{} commands are waiting\n", kMaxWaiting)};
-        return;
+void CommandQueue::Put(std::string line) {
+    {
+        const host::MutexLock lock(mutex_);
+        const uint32_t number = ++lastNumber_;
+        if (waiting_.size() == kMaxWaiting) {
+            result_ = {EBUSY, number, fmt::format("{} commands are waiting\n", kMaxWaiting)};
+            return;
+        }
+        result_ = {EINPROGRESS, number, ""};
+        waiting_.push_back({number, std::move(line)});
     }
-    result_ = {EINPROGRESS, number, ""};
-    waiting_.push_back({number, std::move(line)});
-    changed_.notify_one();
+    wake_();
 }
 
-CommandResult Runner::Result() const {
-    const std::lock_guard lock(mutex_);
-    return result_;
-}
-
-void Runner::Clean() {
-    const std::lock_guard lock(mutex_);
-    waiting_.clear();
-    result_ = {ENODATA, 0, ""};
+bool CommandQueue::RunNext() {
+    Job job;
+    {
+        const host::MutexLock lock(mutex_);
+        if (waiting_.empty()) {
+            return false;
+        }
+        job = std::move(waiting_.front());
+        waiting_.pop_front();
+    }
+    TarnAgentOutput output;
+    const uint32_t result = table_.Run(job.line, output);
+    host::Log().info("debug command {} \"{}\": {}", job.number, job.line, result);
+    SetResult({result, job.number, std::move(output.text)});
+    const host::MutexLock lock(mutex_);
+    return !waiting_.empty();
 }
 
 // Keeps the result unless a later command was taken, or the result is no longer wanted.
-void Runner::SetResult(CommandResult result) {
-    const std::lock_guard lock(mutex_);
+void CommandQueue::SetResult(CommandResult result) {
+    const host::MutexLock lock(mutex_);
     if (result_.number == result.number) {
         result_ = std::move(result);
     }
 }
 
-void Runner::Work(const std::stop_token &stop) {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        changed_.wait(lock, stop, [this] { return !waiting_.empty(); });
-        if (stop.stop_requested()) {
-            return;
-        }
-        const Job job = std::move(waiting_.front());
-        waiting_.pop_front();
-        lock.unlock();
-        TarnAgentOutput output;
-        const uint32_t result = registry_.Run(job.line, output);
-        host::Log().info("debug command {} \"{}\": {}", job.number, job.line, result);
-        SetResult({result, job.number, std::move(output.text)});
-        lock.lock();
-    }
+CommandResult CommandQueue::Result() const {
+    const host::MutexLock lock(mutex_);
+    return result_;
 }
 
-namespace {
-
-Runner *servedRunner = nullptr;
-
-} // namespace
-
-void ServeCommandsOf(Runner *runner) {
-    servedRunner = runner;
+void CommandQueue::Clean() {
+    const host::MutexLock lock(mutex_);
+    waiting_.clear();
+    result_ = {ENODATA, 0, ""};
 }
 
-uint32_t DBGCmdExecShow(const Tarn_sys_diag_DbgCmdShowInput *request) {
-    return host::Run(__func__, [&] { servedRunner->Show(request->pcCmdStr == nullptr ? "" : request->pcCmdStr); });
-}
-
-uint32_t DBGCmdExecResultGet(const Tarn_sys_diag_DbgCmdResultGetInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DiagResult>(__func__, replyCtx, [](auto &reply) {
-        CommandResult result = servedRunner->Result();
-        reply.uiResult = result.result;
-        reply.uiValue = result.number;
-        reply.szText = reply.Keep(std::move(result.text));
-    });
-}
-
-uint32_t DBGCmdExecClean(const Tarn_sys_diag_DbgCmdCleanInput *) {
-    return host::Run(__func__, [] { servedRunner->Clean(); });
+void CommandQueue::Reset() {
+    Clean();
+    const host::MutexLock lock(mutex_);
+    lastNumber_ = 0;
 }
 
 } // namespace agent

@@ -1,16 +1,15 @@
-// The debug commands of the process: what there is, and the thread that runs them.
+// The debug commands of the process: which there are, and those that wait to be run.
 #pragma once
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "host/agent/tarn_agent.h"
+#include "host/osal/mutex.h"
 
 // Bounded, so that no command can fill the memory or a message.
 struct TarnAgentOutput {
@@ -19,15 +18,9 @@ struct TarnAgentOutput {
 
 namespace agent {
 
-struct Command {
-    std::string help;
-    TarnAgentCommand function;
-    void *userData;
-};
-
-class Registry {
+class CommandTable {
 public:
-    Registry(); // with the commands of builtins.cpp
+    CommandTable(); // with the commands of builtins.cpp
 
     // 0, EINVAL or EEXIST.
     uint32_t Add(const char *name, const char *help, TarnAgentCommand function, void *userData);
@@ -39,14 +32,20 @@ public:
     std::string Help() const;
 
 private:
+    struct Command {
+        std::string help;
+        TarnAgentCommand function;
+        void *userData;
+    };
+
     bool Find(const std::string &name, Command &command) const;
 
-    mutable std::mutex mutex_;
-    std::map<std::string, Command> commands_;
+    mutable host::Mutex mutex_;
+    std::map<std::string, Command> commands_ TARN_GUARDED_BY(mutex_);
 };
 
 // Those that every agent has.
-void AddBuiltins(Registry &registry);
+void AddBuiltins(CommandTable &table);
 
 struct CommandResult {
     uint32_t result;
@@ -54,15 +53,26 @@ struct CommandResult {
     std::string text;
 };
 
-// Takes commands and runs them on a thread of its own, one after the other.
-class Runner {
+// Takes command lines, which are run one after the other, and keeps the result of the one that was taken last.
+class CommandQueue {
 public:
-    explicit Runner(const Registry &registry) : registry_(registry) {}
+    static constexpr size_t kMaxWaiting = 8;
 
-    void Start();
-    void Show(std::string line);
+    // `wake` is called when there is one to run.
+    CommandQueue(const CommandTable &table, std::function<void()> wake) : table_(table), wake_(std::move(wake)) {}
+
+    void Put(std::string line);
+
+    // Runs the one that has waited for longest. Whether others wait.
+    bool RunNext();
+
     CommandResult Result() const;
+
+    // Forgets the commands that wait, and the result.
     void Clean();
+
+    // The same, and counts from 1 again.
+    void Reset();
 
 private:
     struct Job {
@@ -70,21 +80,14 @@ private:
         std::string line;
     };
 
-    static constexpr size_t kMaxWaiting = 8;
-
-    void Work(const std::stop_token &stop);
     void SetResult(CommandResult result);
 
-    const Registry &registry_;
-    mutable std::mutex mutex_;
-    std::condition_variable_any changed_;
-    std::deque<Job> waiting_;
-    uint32_t lastNumber_ = 0;
-    CommandResult result_{ENODATA, 0, ""}; // of the command that was taken last
-    std::jthread thread_;                  // ends before what it uses
+    const CommandTable &table_;
+    const std::function<void()> wake_;
+    mutable host::Mutex mutex_;
+    std::deque<Job> waiting_ TARN_GUARDED_BY(mutex_);
+    uint32_t lastNumber_ TARN_GUARDED_BY(mutex_) = 0;
+    CommandResult result_ TARN_GUARDED_BY(mutex_){ENODATA, 0, ""};
 };
-
-// Whom the methods for commands mean; set before the service is served.
-void ServeCommandsOf(Runner *runner);
 
 } // namespace agent

@@ -3,15 +3,15 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
-#include <string>
 #include <vector>
 
-#include "host/agent/periodic.h"
 #include "host/agent/tarn_agent.h"
+#include "host/agent/thread_samples.h"
+#include "host/osal/mutex.h"
 
 namespace agent {
 
@@ -29,35 +29,35 @@ public:
         std::optional<std::chrono::milliseconds> limit = {}; // its own
         uint32_t detectNum = 0;
         // Of the run that goes on:
-        uint64_t busyNs = 0; // as the scheduler counted at the last check
-        std::chrono::steady_clock::time_point checked{};
+        std::optional<ThreadSample> last = {}; // at the last check
         std::chrono::nanoseconds running{0};
         bool detected = false;
     };
+    using Sampler = std::function<std::vector<ThreadSample>()>;
+
+    // `wake` is called when Check would say something else than it did.
+    DeadLoops(Sampler sampler, std::function<void()> wake) : sampler_(std::move(sampler)), wake_(std::move(wake)) {}
 
     uint32_t Configure(const TarnAgentDeadLoopCfg &config); // 0 or EINVAL
     void Watch(uint32_t tid, uint32_t limitMs);
     void Exempt(uint32_t tid);
 
-    // Threads are checked between these two.
-    void Run();
-    void Halt();
+    // Looks at all threads. How long until it should again.
+    std::chrono::milliseconds Check();
 
     Config GetConfig() const;
     Thread GetThread(uint32_t tid) const;
     uint32_t LoopNum() const; // threads that are in one now
 
 private:
-    std::chrono::milliseconds CheckAll();
-    void Check(uint32_t tid, const std::string &name);
+    void CheckThread(const ThreadSample &sample) TARN_REQUIRES(mutex_);
     std::set<uint32_t> Known() const;
 
-    mutable std::mutex mutex_;
-    Config config_;
-    std::map<uint32_t, Thread> threads_;
-    Periodic work_;
+    const Sampler sampler_;
+    const std::function<void()> wake_;
+    mutable host::Mutex mutex_;
+    Config config_ TARN_GUARDED_BY(mutex_);
+    std::map<uint32_t, Thread> threads_ TARN_GUARDED_BY(mutex_);
 };
-
-DeadLoops &TheDeadLoops();
 
 } // namespace agent

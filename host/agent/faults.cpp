@@ -37,13 +37,17 @@ using host::blackbox::Kind;
 using host::blackbox::Slot;
 using host::blackbox::Stack;
 
-// Set before the handlers are installed, except for the box, which shutting down takes away.
-std::atomic<const Box *> theBox = nullptr;
-std::atomic<int> writerNum = 0;
-std::atomic<uint32_t> faultNum = 0;
-std::array<struct sigaction, kFaultSignals.size()> previous;
-char agentName[sizeof Head::agent];
-char processName[sizeof Head::process];
+// All that the signal handler knows, to which nobody hands an object. It is set before the handlers are installed,
+// except for the box, which shutting down takes away.
+struct HandlerState {
+    std::atomic<const Box *> box = nullptr;
+    std::atomic<int> writerNum = 0;
+    std::atomic<uint32_t> faultNum = 0;
+    std::array<struct sigaction, kFaultSignals.size()> previous{};
+    char agentName[sizeof Head::agent]{};
+    char processName[sizeof Head::process]{};
+};
+constinit HandlerState handlerState;
 
 // Cuts a text to fit; the rest becomes 0.
 template <size_t kSize>
@@ -91,8 +95,8 @@ void FillHead(Head &head, Kind kind, const ucontext_t &context) {
     head.pid = static_cast<uint32_t>(getpid());
     head.tid = static_cast<uint32_t>(gettid());
     head.timeNs = static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
-    Copy(head.agent, agentName);
-    Copy(head.process, processName);
+    Copy(head.agent, handlerState.agentName);
+    Copy(head.process, handlerState.processName);
     prctl(PR_GET_NAME, head.thread);
     AddRegisters(head, context);
 }
@@ -190,14 +194,14 @@ void FillStack(Stack &stack, std::span<const uint64_t> addresses, bool isExact) 
 class Writing {
 public:
     Writing() {
-        ++writerNum;
-        box_ = theBox;
+        ++handlerState.writerNum;
+        box_ = handlerState.box;
     }
-    ~Writing() { --writerNum; }
+    ~Writing() { --handlerState.writerNum; }
     Writing(const Writing &) = delete;
     Writing &operator=(const Writing &) = delete;
 
-    const Box *TheBox() const { return box_; }
+    const Box *OpenBox() const { return box_; }
 
 private:
     const Box *box_;
@@ -205,11 +209,11 @@ private:
 
 void RecordSignal(int signal, const siginfo_t &info, void *context) {
     const Writing writing;
-    if (writing.TheBox() == nullptr) {
+    if (writing.OpenBox() == nullptr) {
         return;
     }
-    ++faultNum;
-    Slot &slot = writing.TheBox()->Take();
+    ++handlerState.faultNum;
+    Slot &slot = writing.OpenBox()->Take();
     FillHead(slot.head, Kind::kException, *static_cast<const ucontext_t *>(context));
     slot.head.signal = signal;
     slot.head.code = info.si_code;
@@ -228,7 +232,7 @@ const struct sigaction &PreviousOf(int signal) {
     while (kFaultSignals[i] != signal) {
         ++i;
     }
-    return previous[i];
+    return handlerState.previous[i];
 }
 
 // Lets what handled the signal before have it. The default action needs the signal once more: an instruction that
@@ -262,7 +266,7 @@ void Install() {
         sigaddset(&action.sa_mask, signal);
     }
     for (size_t i = 0; i < kFaultSignals.size(); ++i) {
-        sigaction(kFaultSignals[i], nullptr, &previous[i]); // known before the first signal
+        sigaction(kFaultSignals[i], nullptr, &handlerState.previous[i]); // known before the first signal
         sigaction(kFaultSignals[i], &action, nullptr);
     }
 }
@@ -273,7 +277,7 @@ void Uninstall() {
         struct sigaction now {};
         sigaction(kFaultSignals[i], nullptr, &now);
         if ((now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == OnSignal) {
-            sigaction(kFaultSignals[i], &previous[i], nullptr);
+            sigaction(kFaultSignals[i], &handlerState.previous[i], nullptr);
         }
     }
 }
@@ -341,16 +345,16 @@ void AppendNumber(char (&to)[kSize], unsigned number) {
 
 Faults::Faults(const std::string &name, const std::filesystem::path &runDir) {
     try {
-        Copy(agentName, name);
+        Copy(handlerState.agentName, name);
         char comm[16] = {};
         prctl(PR_GET_NAME, comm);
         std::string_view text;
-        Copy(processName, Lines("/proc/self/comm").Next(text) ? text : std::string_view(comm));
+        Copy(handlerState.processName, Lines("/proc/self/comm").Next(text) ? text : std::string_view(comm));
         PrepareThread();
         uint64_t address = 0;
         CallStack({&address, 1}); // the unwinder sets itself up at its first use
         std::filesystem::path aside;
-        theBox = new Box(host::blackbox::FileOf(runDir, geteuid()), aside);
+        handlerState.box = new Box(host::blackbox::FileOf(runDir, geteuid()), aside);
         if (!aside.empty()) {
             host::Log().error("agent {}: what was in the place of the black box is none, and is now {}", name,
                               aside.string());
@@ -362,18 +366,18 @@ Faults::Faults(const std::string &name, const std::filesystem::path &runDir) {
 }
 
 Faults::~Faults() {
-    const std::unique_ptr<const Box> box(theBox.exchange(nullptr));
+    const std::unique_ptr<const Box> box(handlerState.box.exchange(nullptr));
     if (box == nullptr) {
         return;
     }
     Uninstall();
-    while (writerNum != 0) {
+    while (handlerState.writerNum != 0) {
         usleep(1000);
     }
 }
 
 uint32_t FaultNum() {
-    return faultNum;
+    return handlerState.faultNum;
 }
 
 } // namespace agent
@@ -389,11 +393,11 @@ uint32_t TarnAgent_PrepareThread(void) {
 
 void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigned line, const char *function) {
     const agent::Writing writing;
-    if (writing.TheBox() == nullptr) {
+    if (writing.OpenBox() == nullptr) {
         return;
     }
-    ++agent::faultNum;
-    agent::Slot &slot = writing.TheBox()->Take();
+    ++agent::handlerState.faultNum;
+    agent::Slot &slot = writing.OpenBox()->Take();
     ucontext_t context;
     getcontext(&context);
     agent::FillHead(slot.head, agent::Kind::kAssertion, context);

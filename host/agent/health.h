@@ -4,26 +4,31 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "host/agent/tarn_agent.h"
+#include "host/osal/mutex.h"
 
 namespace agent {
 
 class Health {
 public:
-    Health(); // with the agent's own items
-
     struct Finding {
         uint8_t level;
         std::string text;
     };
     using Check = std::function<Finding(uint32_t limit)>;
+    struct Item {
+        std::string name;
+        uint32_t limit;
+        Check check;
+        bool on = true;
+    };
     struct Result : Finding {
         std::string name;
     };
+
+    explicit Health(std::map<uint8_t, Item> own) : items_(std::move(own)) {}
 
     uint32_t Add(uint8_t function, const char *name, uint32_t limit, Check check); // 0, EINVAL or EEXIST
     void SetAll(bool on);
@@ -32,23 +37,9 @@ public:
     std::vector<Result> Look() const; // at all items that are on
 
 private:
-    struct Item {
-        std::string name;
-        uint32_t limit;
-        Check check;
-        bool on = true;
-    };
-
-    void AddOwn();
-
-    mutable std::mutex mutex_;
-    bool on_ = true;
-    std::map<uint8_t, Item> items_;
+    mutable host::Mutex mutex_;
+    bool on_ TARN_GUARDED_BY(mutex_) = true;
+    std::map<uint8_t, Item> items_ TARN_GUARDED_BY(mutex_);
 };
-
-Health &TheHealth();
-
-// The name that results carry.
-void SetHealthName(const std::string &agentName);
 
 } // namespace agent

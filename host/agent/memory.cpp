@@ -5,16 +5,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "host/agent/local_time.h"
 #include "host/agent/stack.h"
-#include "host/agent/tarn_agent.h"
-#include "host/answer/answer.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/values/agent.h"
 
 namespace agent {
 
@@ -48,14 +46,6 @@ size_t FirstWrong(const volatile uint8_t *guard, size_t size) {
         ++i;
     }
     return i;
-}
-
-std::string Now() {
-    const time_t now = time(nullptr);
-    tm local{};
-    char text[32];
-    localtime_r(&now, &local);
-    return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)};
 }
 
 } // namespace
@@ -102,14 +92,14 @@ uint32_t Memory::CreatePartition(const char *name, uint64_t bytes, uint32_t bloc
     if (!accounted) {
         memory = std::make_unique<Partition>(bytes, blockBytes);
     }
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     id = ++lastPartition_;
     partitions_.emplace(id, PartitionState{name, std::move(memory), {}, 0});
     return 0;
 }
 
 uint32_t Memory::DestroyPartition(uint32_t id) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = partitions_.find(id);
     if (found == partitions_.end()) {
         return ENOENT;
@@ -125,7 +115,7 @@ uint32_t Memory::OpenHandle(uint32_t partitionId, const char *name, std::string 
     if (!IsName(name, 32)) {
         return EINVAL;
     }
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto partition = partitions_.find(partitionId);
     if (partition == partitions_.end()) {
         return ENOENT;
@@ -144,7 +134,7 @@ uint32_t Memory::OpenHandle(uint32_t partitionId, const char *name, std::string 
 }
 
 uint32_t Memory::CloseHandle(uint32_t id) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = handles_.find(id);
     if (found == handles_.end()) {
         return ENOENT;
@@ -168,8 +158,8 @@ void Memory::Keep(HandleState &handle, uint64_t address, uint64_t bytes, const P
     }
     const auto entry = handle.sites.try_emplace(std::move(site)).first;
     const std::shared_ptr<const Owner> owner = OwnerOfThisThread();
-    blocks_.emplace(address, Block{nextNumber_, bytes, handle.id, run, entry, owner, std::chrono::steady_clock::now()});
     handle.tids.insert(owner->tid);
+    blocks_.emplace(address, Block{nextNumber_, bytes, handle.id, run, entry, owner, clocks_.SteadyNow()});
     ++nextNumber_;
     ++handle.allocNum;
     entry->second.Add(blocks, bytes);
@@ -180,7 +170,7 @@ void Memory::Keep(HandleState &handle, uint64_t address, uint64_t bytes, const P
     }
 }
 
-void Memory::Forget(Blocks_::iterator found) {
+void Memory::Forget(BlockMap::iterator found) {
     const Block &block = found->second;
     HandleState &handle = handles_.at(block.handleId);
     PartitionState &partition = partitions_.at(handle.partitionId);
@@ -199,7 +189,7 @@ void Memory::Forget(Blocks_::iterator found) {
 }
 
 void *Memory::Allocate(uint32_t handleId, size_t bytes, CallSite site) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = handles_.find(handleId);
     if (found == handles_.end() || found->second.blockBytes == 0) {
         return nullptr;
@@ -230,7 +220,7 @@ void Memory::Free(void *start) {
     if (start == nullptr) {
         return;
     }
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = blocks_.find(AddressOf(start));
     if (found == blocks_.end() || found->second.run.start == nullptr) {
         AddDamage(fmt::format("{} was freed, but is no block: freed twice, or never allocated here", start));
@@ -244,7 +234,7 @@ uint32_t Memory::Account(uint32_t handleId, const void *start, size_t bytes, Cal
     if (start == nullptr) {
         return EINVAL;
     }
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = handles_.find(handleId);
     if (found == handles_.end()) {
         return ENOENT;
@@ -260,7 +250,7 @@ uint32_t Memory::Account(uint32_t handleId, const void *start, size_t bytes, Cal
 }
 
 uint32_t Memory::Unaccount(const void *start) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = blocks_.find(AddressOf(start));
     if (found == blocks_.end() || found->second.run.start != nullptr) {
         return ENOENT;
@@ -295,7 +285,7 @@ bool Memory::CheckGuards(uint64_t address, Block &block) {
 void Memory::AddDamage(std::string text) {
     host::Log().error("memory damage: {}", text);
     ++damageNum_;
-    damages_.push_back({Now(), std::move(text)});
+    damages_.push_back({LocalTimeText(clocks_.WallNow(), "%Y-%m-%d %H:%M:%S"), std::move(text)});
     if (damages_.size() > kMaxDamages) {
         damages_.pop_front();
     }
@@ -305,7 +295,7 @@ uint32_t Memory::Scan() {
     uint32_t found = 0;
     uint64_t next = 0;
     for (bool more = true; more;) {
-        const std::lock_guard lock(mutex_);
+        const host::MutexLock lock(mutex_);
         auto block = blocks_.lower_bound(next);
         for (size_t i = 0; i < kScanAtOnce && block != blocks_.end(); ++i, ++block) {
             found += CheckGuards(block->first, block->second) ? 0 : 1;
@@ -316,34 +306,18 @@ uint32_t Memory::Scan() {
     return found;
 }
 
-void Memory::SetScan(bool on) {
-    static std::mutex switching;
-    const std::lock_guard lock(switching);
-    if (on == scan_.Runs()) {
-        return;
-    }
-    if (on) {
-        scan_.Start("tarn-mem-scan", [this] {
-            Scan();
-            return std::chrono::milliseconds(TARN_AGENT_SCAN_MS);
-        });
-    } else {
-        scan_.Stop();
-    }
-}
-
 std::vector<Damage> Memory::Damages() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return {damages_.begin(), damages_.end()};
 }
 
 uint32_t Memory::DamageNum() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return damageNum_;
 }
 
 uint32_t Memory::DetectHostages() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     hostages_.clear();
     for (const auto &[address, block] : blocks_) {
         if (block.owner->ended) {
@@ -354,7 +328,7 @@ uint32_t Memory::DetectHostages() {
 }
 
 std::vector<BlockInfo> Memory::Hostages() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const std::set<uint64_t> numbers(hostages_.begin(), hostages_.end());
     std::vector<BlockInfo> infos;
     for (const auto &[address, block] : blocks_) {
@@ -376,12 +350,12 @@ BlockInfo Memory::InfoOf(uint64_t address, const Block &block) const {
             partitions_.at(handle.partitionId).name,
             block.owner->tid,
             block.owner->ended,
-            std::chrono::steady_clock::now() - block.since,
+            clocks_.SteadyNow() - block.since,
             block.site->first};
 }
 
 std::vector<PartitionInfo> Memory::Partitions() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     std::vector<PartitionInfo> infos;
     for (const auto &[id, partition] : partitions_) {
         PartitionInfo info{id,
@@ -406,7 +380,7 @@ std::vector<PartitionInfo> Memory::Partitions() const {
 }
 
 std::vector<HandleInfo> Memory::Handles() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     std::vector<HandleInfo> infos;
     for (const auto &[id, handle] : handles_) {
         infos.push_back(handle);
@@ -415,7 +389,7 @@ std::vector<HandleInfo> Memory::Handles() const {
 }
 
 std::vector<BlockInfo> Memory::Blocks(uint32_t handleId) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     std::vector<BlockInfo> infos;
     for (const auto &[address, block] : blocks_) {
         if (handleId == 0 || block.handleId == handleId) {
@@ -426,10 +400,10 @@ std::vector<BlockInfo> Memory::Blocks(uint32_t handleId) const {
 }
 
 std::vector<SiteUse> Memory::Sites(uint32_t handleId) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto found = handles_.find(handleId);
     if (found == handles_.end()) {
-        throw std::system_error(ENOENT, std::generic_category(), fmt::format("memory handle {}", handleId));
+        host::Fail(ENOENT, fmt::format("memory handle {}", handleId));
     }
     std::vector<SiteUse> sites;
     for (const auto &[site, use] : found->second.sites) {
@@ -441,7 +415,7 @@ std::vector<SiteUse> Memory::Sites(uint32_t handleId) const {
 }
 
 std::optional<BlockInfo> Memory::BlockAt(uint64_t address) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     auto found = blocks_.upper_bound(address);
     if (found == blocks_.begin()) {
         return {};
@@ -453,14 +427,23 @@ std::optional<BlockInfo> Memory::BlockAt(uint64_t address) const {
     return InfoOf(found->first, found->second);
 }
 
-uint64_t Memory::NextNumber() const {
-    const std::lock_guard lock(mutex_);
-    return nextNumber_;
+uint64_t Memory::SetMark() {
+    const host::MutexLock lock(mutex_);
+    return mark_ = nextNumber_;
 }
 
-Memory &TheMemory() {
-    static Memory &memory = *new Memory; // the application may free after the end of main
-    return memory;
+std::vector<BlockInfo> Memory::BlocksSinceMark() const {
+    const host::MutexLock lock(mutex_);
+    if (mark_ == 0) {
+        host::Fail(ENODATA, "no mark was set");
+    }
+    std::vector<BlockInfo> infos;
+    for (const auto &[address, block] : blocks_) {
+        if (block.number >= mark_) {
+            infos.push_back(InfoOf(address, block));
+        }
+    }
+    return infos;
 }
 
 } // namespace agent

@@ -8,14 +8,14 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/agent/partition.h"
-#include "host/agent/periodic.h"
+#include "host/clock/clocks.h"
+#include "host/osal/mutex.h"
 
 namespace agent {
 
@@ -86,6 +86,8 @@ struct Damage {
 
 class Memory {
 public:
+    explicit Memory(const host::Clocks &clocks) : clocks_(clocks) {}
+
     // The application's side; errors are errno values.
     uint32_t CreatePartition(const char *name, uint64_t bytes, uint32_t blockBytes, uint32_t &id);
     uint32_t DestroyPartition(uint32_t id);
@@ -103,13 +105,12 @@ public:
     std::vector<SiteUse> Sites(uint32_t handleId) const;    // those that hold most first; throws ENOENT
     std::optional<BlockInfo> BlockAt(uint64_t address) const;
 
-    // The number that the next allocation gets.
-    uint64_t NextNumber() const;
+    // From the mark on, allocations are told apart from those before. The number of the first of them.
+    uint64_t SetMark();
+    std::vector<BlockInfo> BlocksSinceMark() const; // throws ENODATA when there is none
 
-    // Looks at every block's guards. The blocks newly found to be damaged.
+    // Looks at every block's guards. The number of blocks newly found to be damaged.
     uint32_t Scan();
-    void SetScan(bool on);
-    bool ScanIsOn() const;
     std::vector<Damage> Damages() const; // the newest 64
     uint32_t DamageNum() const;
 
@@ -146,28 +147,29 @@ private:
         std::chrono::steady_clock::time_point since;
         bool damaged = false;
     };
-    using Blocks_ = std::map<uint64_t, Block>; // by address
+    using BlockMap = std::map<uint64_t, Block>; // by address
 
     static std::shared_ptr<const Owner> OwnerOfThisThread();
-    void Keep(HandleState &handle, uint64_t address, uint64_t bytes, const Partition::Run &run, CallSite site);
-    void Forget(Blocks_::iterator found);
+    void Keep(HandleState &handle, uint64_t address, uint64_t bytes, const Partition::Run &run, CallSite site)
+        TARN_REQUIRES(mutex_);
+    void Forget(BlockMap::iterator found) TARN_REQUIRES(mutex_);
     uint32_t BlocksOf(const HandleState &handle, const Partition::Run &run) const;
-    bool CheckGuards(uint64_t address, Block &block);
-    void AddDamage(std::string text);
-    BlockInfo InfoOf(uint64_t address, const Block &block) const;
+    bool CheckGuards(uint64_t address, Block &block) TARN_REQUIRES(mutex_);
+    void AddDamage(std::string text) TARN_REQUIRES(mutex_);
+    BlockInfo InfoOf(uint64_t address, const Block &block) const TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::map<uint32_t, PartitionState> partitions_;
-    std::map<uint32_t, HandleState> handles_;
-    Blocks_ blocks_;
-    uint32_t lastPartition_ = 0, lastHandle_ = 0;
-    uint64_t nextNumber_ = 1;
-    std::deque<Damage> damages_;
-    uint32_t damageNum_ = 0;
-    std::vector<uint64_t> hostages_; // numbers
-    Periodic scan_;
+    const host::Clocks &clocks_;
+    mutable host::Mutex mutex_;
+    std::map<uint32_t, PartitionState> partitions_ TARN_GUARDED_BY(mutex_);
+    std::map<uint32_t, HandleState> handles_ TARN_GUARDED_BY(mutex_);
+    BlockMap blocks_ TARN_GUARDED_BY(mutex_);
+    uint32_t lastPartition_ TARN_GUARDED_BY(mutex_) = 0;
+    uint32_t lastHandle_ TARN_GUARDED_BY(mutex_) = 0;
+    uint64_t nextNumber_ TARN_GUARDED_BY(mutex_) = 1;
+    uint64_t mark_ TARN_GUARDED_BY(mutex_) = 0; // the number of the first allocation behind it; 0: there is none
+    std::deque<Damage> damages_ TARN_GUARDED_BY(mutex_);
+    uint32_t damageNum_ TARN_GUARDED_BY(mutex_) = 0;
+    std::vector<uint64_t> hostages_ TARN_GUARDED_BY(mutex_); // numbers
 };
-
-Memory &TheMemory();
 
 } // namespace agent

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <new>
 
-#include "host/agent/memory.h"
+#include "host/agent/agent.h"
 #include "host/agent/stack.h"
 #include "host/agent/tarn_agent.h"
-#include "host/answer/answer.h"
+#include "host/osal/attempt.h"
 
 namespace {
 
@@ -28,8 +28,8 @@ std::string OwnerAt(void *address) {
 
 uint32_t TarnAgent_CreatePartition(const char *name, uint64_t bytes, uint32_t blockBytes, uint32_t *id) {
     uint32_t result = EINVAL, created = 0;
-    const uint32_t thrown =
-        host::Run(__func__, [&] { result = agent::TheMemory().CreatePartition(name, bytes, blockBytes, created); });
+    const uint32_t thrown = host::Attempt(
+        __func__, [&] { result = agent::Agent::OfProcess().memory.CreatePartition(name, bytes, blockBytes, created); });
     if (id != nullptr) {
         *id = created;
     }
@@ -37,14 +37,15 @@ uint32_t TarnAgent_CreatePartition(const char *name, uint64_t bytes, uint32_t bl
 }
 
 uint32_t TarnAgent_DestroyPartition(uint32_t id) {
-    return agent::TheMemory().DestroyPartition(id);
+    return agent::Agent::OfProcess().memory.DestroyPartition(id);
 }
 
 uint32_t TarnAgent_OpenMemHandle(uint32_t partitionId, const char *name, uint32_t *id) {
     void *const caller = __builtin_return_address(0);
     uint32_t result = EINVAL, opened = 0;
-    const uint32_t thrown = host::Run(
-        __func__, [&] { result = agent::TheMemory().OpenHandle(partitionId, name, OwnerAt(caller), opened); });
+    const uint32_t thrown = host::Attempt(__func__, [&] {
+        result = agent::Agent::OfProcess().memory.OpenHandle(partitionId, name, OwnerAt(caller), opened);
+    });
     if (id != nullptr) {
         *id = opened;
     }
@@ -52,29 +53,29 @@ uint32_t TarnAgent_OpenMemHandle(uint32_t partitionId, const char *name, uint32_
 }
 
 uint32_t TarnAgent_CloseMemHandle(uint32_t id) {
-    return agent::TheMemory().CloseHandle(id);
+    return agent::Agent::OfProcess().memory.CloseHandle(id);
 }
 
 void *TarnAgent_Alloc(uint32_t handleId, size_t bytes) {
     try {
-        return agent::TheMemory().Allocate(handleId, bytes, SiteOfCaller());
+        return agent::Agent::OfProcess().memory.Allocate(handleId, bytes, SiteOfCaller());
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
 }
 
 void TarnAgent_Free(void *start) {
-    host::Run(__func__, [&] { agent::TheMemory().Free(start); });
+    host::Attempt(__func__, [&] { agent::Agent::OfProcess().memory.Free(start); });
 }
 
 uint32_t TarnAgent_AccountAlloc(uint32_t handleId, const void *start, size_t bytes) {
     try {
-        return agent::TheMemory().Account(handleId, start, bytes, SiteOfCaller());
+        return agent::Agent::OfProcess().memory.Account(handleId, start, bytes, SiteOfCaller());
     } catch (const std::bad_alloc &) {
         return ENOMEM;
     }
 }
 
 uint32_t TarnAgent_AccountFree(const void *start) {
-    return agent::TheMemory().Unaccount(start);
+    return agent::Agent::OfProcess().memory.Unaccount(start);
 }

@@ -6,8 +6,9 @@
 #include <cstring>
 #include <utility>
 
-#include "host/agent/methods.h"
-#include "host/osal/log.h"
+#include "host/agent/process.h"
+#include "host/osal/error.h"
+#include "host/osal/text.h"
 #include "host/values/agent.h"
 
 namespace agent {
@@ -16,11 +17,11 @@ namespace {
 
 constexpr size_t kMaxRules = 256;
 
-uint32_t Burst(const Rules::Rule &rule) {
+uint32_t Burst(const MessageRules::Rule &rule) {
     return rule.uiValue7 != 0 ? rule.uiValue7 : rule.uiValue6;
 }
 
-void Check(const Rules::Rule &rule) {
+void Check(const MessageRules::Rule &rule) {
     if (rule.uiValue1 == 0) {
         throw host::BadValue("uiValue1", 0, "the rule's id");
     }
@@ -42,14 +43,14 @@ bool Fits(const std::string &pattern, const char *name) {
 
 } // namespace
 
-bool Rules::Entry::Matches(const TarnAgentMessage &message) const {
+bool MessageRules::Entry::Matches(const TarnAgentMessage &message) const {
     const bool allTypes = rule.uiValue4 == 0 && rule.uiValue5 == 0;
     return (allTypes || (message.uiType >= rule.uiValue4 && message.uiType <= rule.uiValue5)) &&
            Fits(sender, message.pcSender) && Fits(receiver, message.pcReceiver) && Fits(name, message.pcName);
 }
 
 // Whether a message that matches passes.
-bool Rules::Entry::Decide(Clock::time_point now) {
+bool MessageRules::Entry::Decide(host::SteadyTime now) {
     ++matchNum;
     bool passes = rule.uiValue3 == TARN_AGENT_RULE_PASS;
     if (rule.uiValue3 == TARN_AGENT_RULE_LIMIT) {
@@ -63,9 +64,9 @@ bool Rules::Entry::Decide(Clock::time_point now) {
     return passes;
 }
 
-void Rules::Update(const Rule &rule) {
+void MessageRules::Update(const Rule &rule) {
     Check(rule);
-    const Clock::time_point now = Clock::now();
+    const host::SteadyTime now = clocks_.SteadyNow();
     Entry entry{rule,
                 std::string(host::TextOf(rule.acRule1)),
                 std::string(host::TextOf(rule.acRule2)),
@@ -75,11 +76,11 @@ void Rules::Update(const Rule &rule) {
                 0,
                 static_cast<double>(Burst(rule)),
                 now};
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     DropEnded(now);
     std::erase_if(entries_, [&](const Entry &one) { return one.rule.uiValue1 == rule.uiValue1; });
     if (entries_.size() == kMaxRules) {
-        throw std::system_error(ENOSPC, std::generic_category(), fmt::format("there are {} rules", kMaxRules));
+        host::Fail(ENOSPC, fmt::format("there are {} rules", kMaxRules));
     }
     const auto place =
         std::upper_bound(entries_.begin(), entries_.end(), rule.uiValue2,
@@ -87,20 +88,20 @@ void Rules::Update(const Rule &rule) {
     entries_.insert(place, std::move(entry));
 }
 
-void Rules::Clear() {
-    const std::lock_guard lock(mutex_);
+void MessageRules::Clear() {
+    const host::MutexLock lock(mutex_);
     entries_.clear();
 }
 
-void Rules::DropEnded(Clock::time_point now) {
+void MessageRules::DropEnded(host::SteadyTime now) {
     std::erase_if(entries_, [&](const Entry &one) {
         return one.rule.uiValue8 != 0 && now - one.since >= std::chrono::seconds(one.rule.uiValue8);
     });
 }
 
-std::vector<Tarn_sys_diag_MsgRuleInfo> Rules::Get(uint32_t id) {
-    const Clock::time_point now = Clock::now();
-    const std::lock_guard lock(mutex_);
+std::vector<Tarn_sys_diag_MsgRuleInfo> MessageRules::Get(uint32_t id) {
+    const host::SteadyTime now = clocks_.SteadyNow();
+    const host::MutexLock lock(mutex_);
     DropEnded(now);
     std::vector<Tarn_sys_diag_MsgRuleInfo> infos;
     for (const Entry &entry : entries_) {
@@ -112,57 +113,16 @@ std::vector<Tarn_sys_diag_MsgRuleInfo> Rules::Get(uint32_t id) {
     return infos;
 }
 
-bool Rules::Passes(const TarnAgentMessage &message) {
-    const std::lock_guard lock(mutex_);
+bool MessageRules::Passes(const TarnAgentMessage &message) {
+    const host::MutexLock lock(mutex_);
     if (entries_.empty()) {
         return true;
     }
-    const Clock::time_point now = Clock::now();
+    const host::SteadyTime now = clocks_.SteadyNow();
     DropEnded(now);
     const auto found =
         std::find_if(entries_.begin(), entries_.end(), [&](const Entry &one) { return one.Matches(message); });
     return found == entries_.end() || found->Decide(now);
 }
 
-Rules &TheRules() {
-    static Rules &rules = *new Rules; // the application may ask after the end of main
-    return rules;
-}
-
-uint32_t UpdateMsgCtrlRule(const Tarn_sys_diag_UpdateMsgCtrlRuleInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
-        TheRules().Update(*request);
-        host::Log().info("message rule {} set", request->uiValue1);
-    });
-}
-
-uint32_t ClearMsgCtrlRule(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [] {
-        TheRules().Clear();
-        host::Log().info("message rules cleared");
-    });
-}
-
-uint32_t GetMsgCtrlRule(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetMsgRuleInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        CheckProcess("uiValue3", request->uiValue3);
-        Choice choice(request->uiValue2, 0);
-        std::vector<Tarn_sys_diag_MsgRuleInfo> rules;
-        for (const Tarn_sys_diag_MsgRuleInfo &rule : TheRules().Get(request->uiValue1)) {
-            if (choice.Takes()) {
-                rules.push_back(rule);
-            }
-        }
-        reply.pstRule = reply.Keep(std::move(rules), reply.uiRuleNum);
-    });
-}
-
 } // namespace agent
-
-int TarnAgent_MessagePasses(const TarnAgentMessage *message) {
-    bool passes = true; // what keeps a rule from being tried must not stop the application's messages
-    if (message != nullptr) {
-        host::Run(__func__, [&] { passes = agent::TheRules().Passes(*message); });
-    }
-    return passes ? 1 : 0;
-}

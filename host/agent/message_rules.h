@@ -1,20 +1,22 @@
 // Message-control rules: the daemon sets them, and the application asks whether a message passes.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
-#include <map>
-#include <mutex>
+#include <string>
 #include <vector>
 
 #include "host/agent/tarn_agent.h"
+#include "host/clock/clocks.h"
+#include "host/osal/mutex.h"
 #include "types/agent.h"
 
 namespace agent {
 
-class Rules {
+class MessageRules {
 public:
     using Rule = Tarn_sys_diag_UpdateMsgCtrlRuleInput;
+
+    explicit MessageRules(const host::Clocks &clocks) : clocks_(clocks) {}
 
     void Update(const Rule &rule); // throws EINVAL, or ENOSPC
     void Clear();
@@ -22,27 +24,25 @@ public:
     bool Passes(const TarnAgentMessage &message);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
+    // A rule in force. One that limits a rate is a bucket of tokens, each good for one message.
     struct Entry {
         Rule rule;
         std::string sender, receiver, name; // patterns
-        Clock::time_point since;
+        host::SteadyTime since;
         uint64_t matchNum = 0;
         uint64_t dropNum = 0;
-        double tokens = 0; // messages that may pass now
-        Clock::time_point refilled;
+        double tokens = 0;
+        host::SteadyTime refilled;
 
         bool Matches(const TarnAgentMessage &message) const;
-        bool Decide(Clock::time_point now);
+        bool Decide(host::SteadyTime now);
     };
 
-    void DropEnded(Clock::time_point now);
+    void DropEnded(host::SteadyTime now) TARN_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    std::vector<Entry> entries_; // by priority
+    const host::Clocks &clocks_;
+    host::Mutex mutex_;
+    std::vector<Entry> entries_ TARN_GUARDED_BY(mutex_); // by priority
 };
-
-Rules &TheRules();
 
 } // namespace agent

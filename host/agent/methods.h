@@ -1,11 +1,10 @@
 // The methods of TarnSysdiagAgent; each stands in the file of its subject.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <string>
 
+#include "host/agent/process.h"
 #include "host/answer/answer.h"
 #include "types/agent.h"
 
@@ -32,12 +31,5 @@ private:
     const uint32_t limit_;
     uint32_t matches_ = 0;
 };
-
-// The process whose agent a request means.
-inline void CheckProcess(const char *member, uint32_t pid) {
-    if (pid != 0 && pid != static_cast<uint32_t>(getpid())) {
-        throw host::BadValue(member, pid, "0 or this agent's process");
-    }
-}
 
 } // namespace agent

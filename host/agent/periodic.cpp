@@ -2,54 +2,60 @@
 
 #include <utility>
 
-#include "host/agent/faults.h"
-#include "host/answer/answer.h"
-#include "host/osal/thread.h"
+#include "host/agent/signals_blocked.h"
+#include "host/osal/attempt.h"
 
 namespace agent {
 
-void Periodic::Start(const char *name, Function function) {
-    Stop();
-    const SignalsBlocked blocked;
-    thread_ = host::StartThread(
-        name, [this, name, function = std::move(function)](const std::stop_token &stop) { Run(stop, name, function); });
+namespace {
+
+constexpr std::chrono::milliseconds kAfterFailure{1000};
+
+} // namespace
+
+void Periodic::Start() {
+    const SignalsBlocked blocked; // the first post starts the thread
+    const host::MutexLock lock(mutex_);
+    if (queue_ == nullptr) {
+        queue_ = std::make_unique<host::WorkQueue>(name_);
+        PostAt(host::WorkQueue::Clock::now());
+    }
 }
 
 void Periodic::Stop() {
-    thread_ = {};
+    std::unique_ptr<host::WorkQueue> queue; // ends without the lock: what runs may ask for it
+    const host::MutexLock lock(mutex_);
+    queue = std::move(queue_);
+    posted_.clear();
 }
 
-void Periodic::Run(const std::stop_token &stop, const char *name, const Function &function) {
-    std::unique_lock lock(mutex_);
-    while (!stop.stop_requested()) {
-        wake_ = false;
-        lock.unlock();
-        std::chrono::milliseconds pause{1000}; // after a failure
-        host::Run(name, [&] { pause = function(); });
-        lock.lock();
-        changed_.wait_for(lock, stop, pause, [this] { return wake_; });
-    }
+bool Periodic::IsStarted() const {
+    const host::MutexLock lock(mutex_);
+    return queue_ != nullptr;
 }
 
 void Periodic::Wake() {
+    const host::MutexLock lock(mutex_);
+    PostAt(host::WorkQueue::Clock::now());
+}
+
+// A run that comes no later makes another one superfluous: when it ends, it knows when the next is due.
+void Periodic::PostAt(host::SteadyTime due) {
+    if (queue_ != nullptr && (posted_.empty() || due < *posted_.begin())) {
+        posted_.insert(due);
+        queue_->PostAt(due, [this, due](const std::stop_token &) { Run(due); });
+    }
+}
+
+void Periodic::Run(host::SteadyTime due) {
     {
-        const std::lock_guard lock(mutex_);
-        wake_ = true;
+        const host::MutexLock lock(mutex_);
+        posted_.erase(due); // from now on, waking it asks for one more
     }
-    changed_.notify_one();
-}
-
-SignalsBlocked::SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    for (const int fault : kFaultSignals) {
-        sigdelset(&all, fault);
-    }
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-}
-
-SignalsBlocked::~SignalsBlocked() {
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    std::chrono::milliseconds pause = kAfterFailure;
+    host::Attempt(name_, [&] { pause = function_(); });
+    const host::MutexLock lock(mutex_);
+    PostAt(host::WorkQueue::Clock::now() + pause);
 }
 
 } // namespace agent

@@ -4,12 +4,12 @@ TARN_UNIT()
 
 #include "types/tarnd_agent.h"
 
-#include <unistd.h>
-
+#include "host/agent/process.h"
 #include "host/agent/registration.h"
-#include "host/agent/resources.h"
-#include "host/answer/answer.h"
+#include "host/osal/attempt.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 
 namespace agent {
 
@@ -50,24 +50,24 @@ Response CallDaemon(host::Client &client, const char *method, const Request &req
 
 void CheckResult(uint32_t result) {
     if (result != 0) {
-        throw std::system_error(static_cast<int>(result), std::generic_category(), "the daemon refuses it");
+        host::Fail(static_cast<int>(result), "the daemon refuses it");
     }
 }
 
 } // namespace
 
-Registration::Registration(std::string name, const std::filesystem::path &runDir)
-    : name_(std::move(name)), client_({.runDir = runDir}) {
-    renewal_.Start("registration", [this] {
-        Renew();
-        return kPeriod;
-    });
+Registration::Registration(std::string name, const std::filesystem::path &runDir, const Resources &resources)
+    : name_(std::move(name)), resources_(resources), client_({.runDir = runDir}), renewal_("registration", [this] {
+          Renew();
+          return kPeriod;
+      }) {
+    renewal_.Start();
 }
 
 Registration::~Registration() {
     renewal_.Stop();
     if (daemonPid_ != 0) {
-        host::Run("AgentRegInfo", [this] { Call(Doing::kLeave); });
+        host::Attempt("AgentRegInfo", [this] { Call(Doing::kLeave); });
     }
 }
 
@@ -93,7 +93,7 @@ void Registration::Renew() {
 uint32_t Registration::Call(Doing doing) {
     Tarn_sys_diag_AgentRegInfoInput request{};
     host::CopyText(request.szAgentName, name_);
-    request.uiValue1 = static_cast<uint32_t>(getpid());
+    request.uiValue1 = OwnPid();
     request.uiValue2 = kInterfaceVersion;
     request.ucValue3 = static_cast<uint8_t>(doing);
     const auto reply = CallDaemon<Tarn_sys_diag_AgentRegInfoResult>(client_, "AgentRegInfo", request);
@@ -102,9 +102,9 @@ uint32_t Registration::Call(Doing doing) {
 }
 
 void Registration::Subscribe() {
-    const uint32_t events = TheResources().Events();
+    const uint32_t events = resources_.Events();
     if (events != events_) {
-        const Tarn_sys_diag_AppSubscribeInput request{static_cast<uint32_t>(getpid()), events};
+        const Tarn_sys_diag_AppSubscribeInput request{OwnPid(), events};
         CheckResult(CallDaemon<Tarn_sys_diag_Result>(client_, "TarnAppSubscribe", request).uiResult);
         events_ = events;
     }

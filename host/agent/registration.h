@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/agent/periodic.h"
+#include "host/agent/resources.h"
 #include "host/runtime/client.h"
 #include "host/values/daemon.h"
 
@@ -12,7 +13,7 @@ namespace agent {
 
 class Registration {
 public:
-    Registration(std::string name, const std::filesystem::path &runDir);
+    Registration(std::string name, const std::filesystem::path &runDir, const Resources &resources);
     ~Registration(); // says goodbye
 
 private:
@@ -23,6 +24,7 @@ private:
     void Subscribe();           // to what the application wants of the daemon
 
     const std::string name_;
+    const Resources &resources_;
     host::Client client_;
     uint32_t daemonPid_ = 0; // whom the agent is registered with; 0: with none
     uint32_t events_ = 0;    // that the daemon knows the application to want

@@ -4,13 +4,13 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <vector>
 
-#include "host/agent/periodic.h"
 #include "host/agent/tarn_agent.h"
+#include "host/osal/mutex.h"
 #include "types/agent.h"
 
 namespace agent {
@@ -26,6 +26,9 @@ public:
         uint32_t toldNum = 0;
     };
 
+    // `wake` is called when there is something to tell.
+    explicit Resources(std::function<void()> wake) : wake_(std::move(wake)) {}
+
     // The application's side; errors are errno values.
     uint32_t Subscribe(const char *name, uint32_t events, TarnAgentResourceFunction function, void *userData);
     uint32_t Unsubscribe(const char *name);
@@ -35,22 +38,20 @@ public:
     std::map<std::string, Subscription> Subscriptions() const;
     uint32_t Events() const; // that any subscription wants
 
-    // Subscribers are told between these two, on a thread of the agent.
-    void Run();
-    void Halt();
+    // Tells the subscribers of the updates that wait.
+    void TellAll();
 
 private:
     static constexpr size_t kMaxWaiting = 64;
 
-    void TellAll();
+    std::optional<State> TakeWaiting();
+    void Tell(const std::string &name, const Subscription &subscription, const State &state);
 
-    mutable std::mutex mutex_;
-    std::map<std::string, Subscription> subscriptions_;
-    std::array<State, 4> states_{};
-    std::deque<State> waiting_;
-    Periodic work_;
+    const std::function<void()> wake_;
+    mutable host::Mutex mutex_;
+    std::map<std::string, Subscription> subscriptions_ TARN_GUARDED_BY(mutex_);
+    std::array<State, 4> states_ TARN_GUARDED_BY(mutex_){};
+    std::deque<State> waiting_ TARN_GUARDED_BY(mutex_);
 };
-
-Resources &TheResources();
 
 } // namespace agent

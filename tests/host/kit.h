@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -22,31 +21,11 @@
 #include <gtest/gtest.h>
 
 #include "host/runtime/client.h"
+#include "tests/host/temp_dir.h"
 
 namespace kit {
 
 using namespace std::chrono_literals;
-
-class TempDir {
-public:
-    TempDir() {
-        std::string name = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw std::system_error(errno, std::generic_category(), name);
-        }
-        path_ = name;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::filesystem::path &Path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
 
 // Whether a condition comes true within some seconds: processes under a sanitizer are slow to start.
 inline bool Eventually(const std::function<bool()> &condition) {
@@ -57,11 +36,6 @@ inline bool Eventually(const std::function<bool()> &condition) {
         std::this_thread::sleep_for(20ms);
     }
     return false;
-}
-
-inline std::string TextOfFile(const std::filesystem::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // A program with its output in files.

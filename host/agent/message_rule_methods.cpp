@@ -1,0 +1,36 @@
+// Message-control rules, as the daemon sets and reads them.
+#include "host/agent/agent.h"
+#include "host/agent/methods.h"
+#include "host/osal/log.h"
+
+namespace agent {
+
+uint32_t UpdateMsgCtrlRule(const Tarn_sys_diag_UpdateMsgCtrlRuleInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [&] {
+        Agent::OfProcess().messageRules.Update(*request);
+        host::Log().info("message rule {} set", request->uiValue1);
+    });
+}
+
+uint32_t ClearMsgCtrlRule(const Tarn_sys_diag_None *, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [] {
+        Agent::OfProcess().messageRules.Clear();
+        host::Log().info("message rules cleared");
+    });
+}
+
+uint32_t GetMsgCtrlRule(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
+    return host::AnswerWithResult<Tarn_sys_diag_GetMsgRuleInfoResult>(__func__, replyCtx, [&](auto &reply) {
+        CheckProcess("uiValue3", request->uiValue3);
+        Choice choice(request->uiValue2, 0);
+        std::vector<Tarn_sys_diag_MsgRuleInfo> rules;
+        for (const Tarn_sys_diag_MsgRuleInfo &rule : Agent::OfProcess().messageRules.Get(request->uiValue1)) {
+            if (choice.Takes()) {
+                rules.push_back(rule);
+            }
+        }
+        reply.pstRule = reply.Keep(std::move(rules), reply.uiRuleNum);
+    });
+}
+
+} // namespace agent

@@ -1,0 +1,32 @@
+// What is asked of the application's timers from outside.
+#include "host/agent/agent.h"
+#include "host/agent/methods.h"
+
+namespace agent {
+
+uint32_t SetNoxTimerDebugSwitch(const Tarn_sys_diag_SetNoxTimerDebugSwitchInput *request, void *replyCtx) {
+    return host::AnswerResult(__func__, replyCtx, [&] {
+        if (request->uiDebugSwitch > 1) {
+            throw host::BadValue("uiDebugSwitch", request->uiDebugSwitch, "0 or 1");
+        }
+        Agent::OfProcess().timers.SetDebug(request->uiDebugSwitch == 1);
+    });
+}
+
+uint32_t TarnAgentGetTimerInfo(const Tarn_sys_diag_GetTimerInput *request, void *replyCtx) {
+    return host::AnswerWithResult<Tarn_sys_diag_GetTimerInfoResult>(__func__, replyCtx, [&](auto &reply) {
+        CheckProcess("uiValue4", request->uiValue4);
+        Choice choice(request->uiValue2, request->uiValue3);
+        std::vector<Tarn_sys_diag_TimerInfo> timers;
+        for (const Tarn_sys_diag_TimerInfo &timer : Agent::OfProcess().timers.Get(request->uiValue1)) {
+            if (choice.Takes()) {
+                timers.push_back(timer);
+            }
+        }
+        reply.uiPid = OwnPid();
+        reply.uiTotalNum = choice.Matches();
+        reply.pstTimer = reply.Keep(std::move(timers), reply.uiTimerNum);
+    });
+}
+
+} // namespace agent
