@@ -1,8 +1,8 @@
 // tarn-master: the diagnosis master, which holds the daemon's configuration.
 #include <csignal>
 
+#include "host/master/master.h"
 #include "host/master/service.h"
-#include "host/master/settings.h"
 #include "host/runtime/directory.h"
 #include "host/serve/serve.h"
 
@@ -20,24 +20,19 @@ void Declare(CLI::App &app, Options &options) {
     app.add_flag("--check", options.check, "Check the configuration file and the options, and end");
 }
 
-void Serve(host::ServerOptions options) {
+void Serve(const Options &options, const host::ServerOptions &server) {
     const sigset_t signals = host::BlockSignals({SIGHUP, SIGINT, SIGTERM});
-    host::Client client({.runDir = options.runDir});
-    master::GreetWith(&client);
-    options.workers = 2;
-    host::Server server(options);
-    server.AddService(master::kServiceSpec);
-    server.Start();
-    host::Log().info("serving in {}", host::Directory(options.runDir).RunDir().string());
-    master::GreetDaemon(client);
+    const host::SystemClocks clocks;
+    master::Master master(clocks, host::procfs::Procfs(), options.config, options.serve.stateDir, server);
+    master.Start();
     for (int signal = 0; signal != SIGINT && signal != SIGTERM;) {
         sigwait(&signals, &signal);
         host::Log().info("signal {}", signal);
-        if (signal == SIGHUP && master::TheMaster().Reload()) {
-            master::GreetDaemon(client);
+        if (signal == SIGHUP) {
+            master.Reload();
         }
     }
-    host::StopOrExit(server);
+    host::StopOrExit(master.server);
 }
 
 } // namespace
@@ -56,8 +51,7 @@ int main(int argc, char **argv) {
             master::LoadConfig(options.config);
             return 0;
         }
-        master::TheMaster().Start(options.config, options.serve.stateDir);
-        Serve(server);
+        Serve(options, server);
     } catch (const std::exception &error) {
         host::Log().error("tarn-master: {}", error.what());
         return 1;

@@ -8,14 +8,13 @@ TARN_UNIT()
 
 #include <unistd.h>
 
-#include <atomic>
 #include <ctime>
 #include <filesystem>
 
 #include "host/answer/answer.h"
 #include "host/answer/systime.h"
+#include "host/master/master.h"
 #include "host/master/service.h"
-#include "host/master/settings.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
 #include "host/values/master.h"
@@ -24,25 +23,28 @@ namespace master {
 
 namespace {
 
-host::Client *greeter = nullptr;
-
 template <class Value>
 const Value &Configured(const std::optional<Value> &value, const char *section) {
     if (!value) {
-        throw std::system_error(ENODATA, std::generic_category(), fmt::format("[{}] is not configured", section));
+        host::Fail(ENODATA, fmt::format("[{}] is not configured", section));
     }
     return *value;
 }
 
-tm SystemsLocalTime(time_t now) {
+tm SystemsLocalTime(host::WallTime now) {
+    const time_t seconds = std::chrono::system_clock::to_time_t(now);
     tm fields{};
-    localtime_r(&now, &fields);
+    localtime_r(&seconds, &fields);
     return fields;
 }
 
+host::GmtTime GmtOf(host::WallTime now) {
+    return std::chrono::floor<host::Millis>(now);
+}
+
 // The name that the system's zone has as a file, else its abbreviation; and its offset without daylight saving.
-host::Zone SystemsZone() {
-    const tm fields = SystemsLocalTime(time(nullptr));
+host::Zone SystemsZone(host::WallTime now) {
+    const tm fields = SystemsLocalTime(now);
     std::error_code ignored;
     const std::string link = std::filesystem::read_symlink("/etc/localtime", ignored);
     const std::string zones = "/zoneinfo/";
@@ -78,21 +80,19 @@ void FillNames(auto &reply, const Names &names) {
 
 uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [](auto &) {
-        if (!TheMaster().Reload()) {
-            throw std::system_error(EINVAL, std::generic_category(), "the configuration file");
+        if (!Master::Serving().Reload()) {
+            host::Fail(EINVAL, "the configuration file");
         }
-        GreetDaemon(*greeter);
     });
 }
 
 uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_PhyNameAndIDOutput>(__func__, replyCtx, [&](auto &reply) {
-        const Config config = TheMaster().Configured();
+        const Config config = Master::Serving().settings.Configured();
         const auto found = config.physical.find({request->uiValue1, request->uiValue2, request->uiValue3});
         if (found == config.physical.end()) {
-            throw std::system_error(
-                ENOENT, std::generic_category(),
-                fmt::format("[physical {} {} {}]", request->uiValue1, request->uiValue2, request->uiValue3));
+            host::Fail(ENOENT,
+                       fmt::format("[physical {} {} {}]", request->uiValue1, request->uiValue2, request->uiValue3));
         }
         reply.uiValue1 = found->second.type;
         reply.uiValue2 = found->second.number;
@@ -102,15 +102,15 @@ uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *r
 
 uint32_t GetTimezone(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetTimezoneOutput>(__func__, replyCtx, [](auto &reply) {
-        const std::optional<host::Zone> zone = TheMaster().Configured().zone;
+        const std::optional<host::Zone> zone = Master::Serving().settings.Configured().zone;
         reply.uiValue1 = SourceOf(zone);
-        reply.stTimezone = host::ToRecord(zone ? *zone : SystemsZone());
+        reply.stTimezone = host::ToRecord(zone ? *zone : SystemsZone(Master::Serving().clocks.WallNow()));
     });
 }
 
 uint32_t GetDst(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetDstOutput>(__func__, replyCtx, [](auto &reply) {
-        const std::optional<host::DstRule> rule = TheMaster().Configured().dst;
+        const std::optional<host::DstRule> rule = Master::Serving().settings.Configured().dst;
         reply.uiValue1 = rule ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
         reply.stDst = host::ToRecord(rule);
     });
@@ -118,40 +118,40 @@ uint32_t GetDst(const Tarn_sys_diag_None *, void *replyCtx) {
 
 uint32_t GetGmt(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetGmtOutput>(__func__, replyCtx, [](auto &reply) {
-        reply.stGmtTime = host::ToRecord(host::WallClock().ToLocal(host::Now()));
+        reply.stGmtTime = host::ToRecord(host::WallClock().ToLocal(GmtOf(Master::Serving().clocks.WallNow())));
     });
 }
 
 uint32_t GetLocal(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetLocalOutput>(__func__, replyCtx, [](auto &reply) {
-        const Config config = TheMaster().Configured();
-        const host::GmtTime now = host::Now();
+        const Config config = Master::Serving().settings.Configured();
+        const host::WallTime now = Master::Serving().clocks.WallNow();
         reply.uiValue1 = SourceOf(config.zone);
         if (config.zone) {
             const host::WallClock clock(*config.zone, config.dst);
-            reply.stLocalTime = host::ToRecord(clock.ToLocal(now));
-            reply.ucValue = clock.IsDst(now) ? 1 : 0;
+            reply.stLocalTime = host::ToRecord(clock.ToLocal(GmtOf(now)));
+            reply.ucValue = clock.IsDst(GmtOf(now)) ? 1 : 0;
         } else {
             reply.stLocalTime = host::LocalTime(now);
-            reply.ucValue = SystemsLocalTime(std::chrono::system_clock::to_time_t(now)).tm_isdst > 0 ? 1 : 0;
+            reply.ucValue = SystemsLocalTime(now).tm_isdst > 0 ? 1 : 0;
         }
     });
 }
 
 uint32_t GetCpuOvLoadCfgInfo(const Tarn_sys_diag_OvLoadCpuCtlInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_OvLoadCpuCtlOutput>(__func__, replyCtx, [&](auto &reply) {
-        const CpuAnswer answer = TheMaster().CpuOverload(NamesOf(*request));
+        const CpuAnswer answer = Master::Serving().settings.CpuOverload(NamesOf(*request));
         FillNames(reply, answer.names);
         reply.uiValue1 = answer.thresholds.over;
         reply.uiValue2 = answer.thresholds.recover;
         reply.uiValue3 = answer.thresholds.seconds;
-        reply.uiValue4 = TheMaster().ReadCount();
+        reply.uiValue4 = Master::Serving().settings.ReadCount();
     });
 }
 
 uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_OvLoadMemCtlOutput>(__func__, replyCtx, [&](auto &reply) {
-        const MemoryAnswer answer = TheMaster().MemoryOverload(NamesOf(*request));
+        const MemoryAnswer answer = Master::Serving().settings.MemoryOverload(NamesOf(*request));
         FillNames(reply, answer.names);
         reply.uiValue1 = answer.thresholds.over;
         reply.uiValue2 = answer.thresholds.recover;
@@ -166,14 +166,14 @@ uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, 
 
 uint32_t MemChangeInnerConfig(const Tarn_sys_diag_OvLoadMemCtlOutput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [&](auto &) {
-        TheMaster().ChangeMemory(NamesOf(*request), {request->uiValue1, request->uiValue2, 0},
-                                 std::string(host::TextOf(request->acName3)));
+        Master::Serving().settings.ChangeMemory(NamesOf(*request), {request->uiValue1, request->uiValue2, 0},
+                                                std::string(host::TextOf(request->acName3)));
     });
 }
 
 uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
-        const Config config = TheMaster().Configured();
+        const Config config = Master::Serving().settings.Configured();
         const AutoUpdate &update = Configured(config.autoUpdate, "auto-update");
         reply.uiValue1 = update.enabled ? 1 : 0;
         reply.uiValue2 = update.periodHours;
@@ -183,7 +183,7 @@ uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 
 uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_MKCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
-        const Config config = TheMaster().Configured();
+        const Config config = Master::Serving().settings.Configured();
         const ProcessConfig &process = Configured(config.process, "process");
         Fill(reply.acCfgInfo, process.text);
         reply.uiValue1 = process.instances;
@@ -194,28 +194,27 @@ uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 
 uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetLMProcLPidOutput>(__func__, replyCtx, [&](auto &reply) {
-        const host::procfs::Task process = host::procfs::Procfs().ReadProcess(request->uiPid);
+        const host::procfs::Task process = Master::Serving().procfs.ReadProcess(request->uiPid);
         reply.uiValue1 = process.parent;
         reply.uiLPid = process.session;
     });
 }
 
 uint32_t DetectSysdiagServerOnline(const Tarn_sys_diag_None *) {
-    static std::atomic<uint64_t> count = 0;
-    host::Log().info("a daemon announces itself; announcements so far: {}", ++count);
+    host::Log().info("a daemon announces itself; announcements so far: {}", ++Master::Serving().announcementNum);
     return 0;
 }
 
 uint32_t SysdiagGetDimCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_DimTimeCfg>(__func__, replyCtx, [](auto &reply) {
-        const Config config = TheMaster().Configured();
+        const Config config = Master::Serving().settings.Configured();
         static_cast<Tarn_sys_diag_DimTimeCfg &>(reply) = Configured(config.measurement, "measurement").times;
     });
 }
 
 uint32_t SysdiagGetDimWorkMode(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_DimWorkModeCfg>(__func__, replyCtx, [](auto &reply) {
-        const Config config = TheMaster().Configured();
+        const Config config = Master::Serving().settings.Configured();
         reply.uiWorkMode = Configured(config.measurement, "measurement").mode;
     });
 }
@@ -241,10 +240,6 @@ void GreetDaemon(host::Client &client) {
                                                      .request = bytes,
                                                      .deadline = std::chrono::milliseconds(1000)});
     host::Log().info("{}", outcome.Ok() ? "greeted the daemon" : "no daemon: " + outcome.text);
-}
-
-void GreetWith(host::Client *client) {
-    greeter = client;
 }
 
 } // namespace master

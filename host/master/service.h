@@ -11,7 +11,4 @@ extern const IdlModuleSpec &kServiceSpec;
 // Tells the daemon that the master is there, or has something new: it fetches its configuration then.
 void GreetDaemon(host::Client &client);
 
-// The one that requests greet the daemon with; set before the service is served.
-void GreetWith(host::Client *client);
-
 } // namespace master

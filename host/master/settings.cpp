@@ -1,10 +1,9 @@
 #include "host/master/settings.h"
 
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
-#include "host/answer/answer.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
 
 namespace master {
@@ -26,8 +25,7 @@ Names Find(const std::map<Names, Thresholds> &configured, Names names) {
         names.second.clear();
     }
     if (configured.count(names) == 0) {
-        throw std::system_error(ENOENT, std::generic_category(),
-                                fmt::format("the overload configuration of \"{}\"", names.first));
+        host::Fail(ENOENT, fmt::format("the overload configuration of \"{}\"", names.first));
     }
     return names;
 }
@@ -48,20 +46,16 @@ Thresholds FromDocument(const Document &content) {
 
 } // namespace
 
-void Master::Start(const std::filesystem::path &file, const std::filesystem::path &stateDirectory) {
-    const std::lock_guard lock(mutex_);
-    file_ = file;
-    config_ = LoadConfig(file);
-    readCount_ = 1;
+Settings::Settings(const host::Clocks &clocks, std::filesystem::path file, const std::filesystem::path &stateDirectory)
+    : clocks_(clocks), file_(std::move(file)), config_(LoadConfig(file_)) {
     if (!stateDirectory.empty()) {
         store_.Open(stateDirectory);
     }
-    Load();
-    changes_ = StillValid(std::move(changes_), config_);
+    changes_ = StillValid(Load(), config_);
 }
 
-bool Master::Reload() {
-    const std::lock_guard lock(mutex_);
+bool Settings::Reload() {
+    const host::MutexLock lock(mutex_);
     try {
         Config config = LoadConfig(file_);
         std::map<Names, Change> changes = StillValid(changes_, config);
@@ -79,24 +73,24 @@ bool Master::Reload() {
     }
 }
 
-Config Master::Configured() const {
-    const std::lock_guard lock(mutex_);
+Config Settings::Configured() const {
+    const host::MutexLock lock(mutex_);
     return config_;
 }
 
-uint32_t Master::ReadCount() const {
-    const std::lock_guard lock(mutex_);
+uint32_t Settings::ReadCount() const {
+    const host::MutexLock lock(mutex_);
     return readCount_;
 }
 
-CpuAnswer Master::CpuOverload(const Names &names) const {
-    const std::lock_guard lock(mutex_);
+CpuAnswer Settings::CpuOverload(const Names &names) const {
+    const host::MutexLock lock(mutex_);
     const Names found = Find(config_.cpuOverload, names);
     return {found, config_.cpuOverload.at(found)};
 }
 
-MemoryAnswer Master::MemoryOverload(const Names &names) const {
-    const std::lock_guard lock(mutex_);
+MemoryAnswer Settings::MemoryOverload(const Names &names) const {
+    const host::MutexLock lock(mutex_);
     const Names found = Find(config_.memoryOverload, names);
     const auto change = changes_.find(found);
     if (change == changes_.end()) {
@@ -105,9 +99,9 @@ MemoryAnswer Master::MemoryOverload(const Names &names) const {
     return {found, change->second.thresholds, change->second};
 }
 
-void Master::ChangeMemory(const Names &names, const Thresholds &thresholds, const std::string &by) {
+void Settings::ChangeMemory(const Names &names, const Thresholds &thresholds, const std::string &by) {
     CheckThresholds(thresholds);
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const Names found = Find(config_.memoryOverload, names);
     std::map<Names, Change> changes = changes_;
     Change &change = changes[found];
@@ -115,26 +109,29 @@ void Master::ChangeMemory(const Names &names, const Thresholds &thresholds, cons
     change.ofFile = config_.memoryOverload.at(found);
     change.by = by;
     ++change.count;
-    change.when = static_cast<uint32_t>(time(nullptr));
+    change.when = static_cast<uint32_t>(std::chrono::system_clock::to_time_t(clocks_.WallNow()));
     Save(changes);
     changes_ = std::move(changes);
     host::Log().info("{}: over {}, recover {}, changed by {}", SectionOf(found), thresholds.over, thresholds.recover,
                      by.empty() ? "a client without a name" : by);
 }
 
-void Master::Load() {
-    store_.Load(kDocument, kVersion, [this](const Document &content) {
-        std::map<Names, Change> changes;
+// None when there are none, or they are damaged.
+std::map<Names, Change> Settings::Load() {
+    std::map<Names, Change> changes;
+    store_.Load(kDocument, kVersion, [&](const Document &content) {
+        std::map<Names, Change> read;
         for (const Document &entry : content.AsArray()) {
-            changes[{entry.Get<std::string>("name"), entry.Get<std::string>("variant")}] = {
+            read[{entry.Get<std::string>("name"), entry.Get<std::string>("variant")}] = {
                 FromDocument(entry.At("thresholds")), FromDocument(entry.At("ofFile")), entry.Get<std::string>("by"),
                 entry.Get<uint32_t>("count"), entry.Get<uint32_t>("when")};
         }
-        changes_ = std::move(changes);
+        changes = std::move(read);
     });
+    return changes;
 }
 
-void Master::Save(const std::map<Names, Change> &changes) {
+void Settings::Save(const std::map<Names, Change> &changes) {
     Document::Array content;
     for (const auto &[names, change] : changes) {
         content.push_back(Document::Object{{"name", names.first},
@@ -148,7 +145,7 @@ void Master::Save(const std::map<Names, Change> &changes) {
     store_.Save(kDocument, kVersion, content);
 }
 
-std::map<Names, Change> Master::StillValid(std::map<Names, Change> changes, const Config &config) {
+std::map<Names, Change> Settings::StillValid(std::map<Names, Change> changes, const Config &config) {
     std::erase_if(changes, [&](const auto &entry) {
         const auto now = config.memoryOverload.find(entry.first);
         const bool outdated = now == config.memoryOverload.end() || now->second != entry.second.ofFile;
@@ -158,11 +155,6 @@ std::map<Names, Change> Master::StillValid(std::map<Names, Change> changes, cons
         return outdated;
     });
     return changes;
-}
-
-Master &TheMaster() {
-    static Master master;
-    return master;
 }
 
 } // namespace master

@@ -1,10 +1,11 @@
-// What the master knows: its configuration file, and what the daemon has changed since.
+// What holds: the configuration file, and what the daemon has changed since.
 #pragma once
 
 #include <filesystem>
-#include <mutex>
 
+#include "host/clock/clocks.h"
 #include "host/master/config.h"
+#include "host/osal/mutex.h"
 #include "host/store/store.h"
 
 namespace master {
@@ -29,11 +30,11 @@ struct CpuAnswer {
     Thresholds thresholds;
 };
 
-class Master {
+class Settings {
 public:
     // Reads file and state; throws what is wrong with the file or the state directory. An empty directory: changes are
     // kept in memory.
-    void Start(const std::filesystem::path &file, const std::filesystem::path &stateDirectory);
+    Settings(const host::Clocks &clocks, std::filesystem::path file, const std::filesystem::path &stateDirectory);
 
     // Reads the file again. False, with the reason in the log, when it is refused: all is as before then.
     bool Reload();
@@ -47,18 +48,17 @@ public:
     void ChangeMemory(const Names &names, const Thresholds &thresholds, const std::string &by);
 
 private:
-    void Load();
-    void Save(const std::map<Names, Change> &changes);
     static std::map<Names, Change> StillValid(std::map<Names, Change> changes, const Config &config);
+    std::map<Names, Change> Load();
+    void Save(const std::map<Names, Change> &changes) TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::filesystem::path file_;
-    Config config_;
-    uint32_t readCount_ = 0;
-    std::map<Names, Change> changes_;
+    const host::Clocks &clocks_;
+    const std::filesystem::path file_;
     host::Store store_;
+    mutable host::Mutex mutex_;
+    Config config_ TARN_GUARDED_BY(mutex_);
+    uint32_t readCount_ TARN_GUARDED_BY(mutex_) = 1;
+    std::map<Names, Change> changes_ TARN_GUARDED_BY(mutex_);
 };
-
-Master &TheMaster();
 
 } // namespace master

@@ -1,0 +1,55 @@
+#include "host/master/master.h"
+
+#include <cassert>
+#include <utility>
+
+#include "host/master/service.h"
+#include "host/osal/log.h"
+#include "host/runtime/directory.h"
+
+namespace master {
+
+namespace {
+
+Master *serving = nullptr;
+
+host::ServerOptions WithWorkers(host::ServerOptions options) {
+    options.workers = 2;
+    return options;
+}
+
+} // namespace
+
+Master &Master::Serving() {
+    return *serving;
+}
+
+Master::Master(const host::Clocks &theClocks, host::procfs::Procfs theProcfs, const std::filesystem::path &file,
+               const std::filesystem::path &stateDirectory, const host::ServerOptions &options)
+    : clocks(theClocks), procfs(std::move(theProcfs)), settings(clocks, file, stateDirectory), runDir_(options.runDir),
+      client_({.runDir = runDir_}), server(WithWorkers(options)) {
+    assert(serving == nullptr);
+    serving = this;
+    server.AddService(kServiceSpec);
+}
+
+Master::~Master() {
+    server.Stop();
+    serving = nullptr;
+}
+
+void Master::Start() {
+    server.Start();
+    host::Log().info("serving in {}", host::Directory(runDir_).RunDir().string());
+    GreetDaemon(client_);
+}
+
+bool Master::Reload() {
+    const bool taken = settings.Reload();
+    if (taken) {
+        GreetDaemon(client_);
+    }
+    return taken;
+}
+
+} // namespace master
