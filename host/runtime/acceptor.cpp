@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 
 namespace host {
 namespace {
@@ -22,7 +21,7 @@ Acceptor::Acceptor(Loop &loop, std::unique_ptr<Listener> listener, Admit admit, 
 void Acceptor::Open() {
     const MutexLock lock(mutex_);
     if (!loop_.Add(listener_->Fd(), EPOLLIN, weak_from_this(), id_)) {
-        throw std::system_error(errno, std::generic_category(), path_.string());
+        Fail(errno, path_.string());
     }
 }
 
@@ -42,7 +41,7 @@ void Acceptor::OnReady(uint32_t) {
 // False when the system has no room for another connection at the moment.
 bool Acceptor::AcceptAll() {
     while (true) {
-        UniqueFd fd(accept4(listener_->Fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        Descriptor fd(accept4(listener_->Fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (fd) {
             admit_(std::move(fd));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {

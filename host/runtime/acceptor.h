@@ -12,7 +12,7 @@ namespace host {
 
 class Acceptor final : public Pollable, public std::enable_shared_from_this<Acceptor> {
 public:
-    using Admit = std::function<void(UniqueFd)>;
+    using Admit = std::function<void(Descriptor)>;
     // The system has no room for another connection at the moment; in words, where and why.
     using Warn = std::function<void(const std::string &)>;
 

@@ -46,6 +46,7 @@ private:
 
     const std::shared_ptr<const Transport> transport_;
     const Limits limits_;
+    const SystemClocks clocks_;
     std::optional<Loop> loop_; // from the first call on
     std::unordered_map<uint64_t, Pending> pending_;
     std::unordered_map<std::string, std::shared_ptr<Link>> links_; // by address
@@ -56,7 +57,7 @@ private:
 
 class AsyncCalls::Core::Connection final : public Link {
 public:
-    Connection(Core &core, UniqueFd fd) : Link(*core.loop_, std::move(fd), core.limits_.replyBytes), core_(core) {}
+    Connection(Core &core, Descriptor fd) : Link(*core.loop_, std::move(fd), core.limits_.replyBytes), core_(core) {}
 
 private:
     void Take(std::span<Frame> frames, Clock::time_point) override {
@@ -125,7 +126,7 @@ int AsyncCalls::Core::Post(std::function<void()> work) {
     }
     try {
         if (!loop_.has_value()) {
-            loop_.emplace();
+            loop_.emplace(clocks_);
         }
         if (!thread_.joinable()) {
             thread_ = std::thread([this] { loop_->Run(); });
@@ -167,7 +168,7 @@ std::shared_ptr<Link> AsyncCalls::Core::LinkTo(const Outgoing &call, int &error)
         return found->second;
     }
     const auto until = std::min(call.deadline, std::chrono::steady_clock::now() + kPatience);
-    UniqueFd fd = transport_->Connect(call.socketOf, call.pid, until, error);
+    Descriptor fd = transport_->Connect(call.socketOf, call.pid, until, error);
     if (!fd) {
         return nullptr;
     }

@@ -14,7 +14,7 @@ namespace host {
 int Channel::Wait(short events, Transport::Clock::time_point deadline) const {
     while (true) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Transport::Clock::now()).count();
-        pollfd waiting{fd_.Get(), events, 0};
+        pollfd waiting{fd_.Fd(), events, 0};
         const int ready = poll(&waiting, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX)));
         if (ready > 0) {
             return 0;
@@ -32,14 +32,14 @@ int Channel::Wait(short events, Transport::Clock::time_point deadline) const {
 ssize_t Channel::SendSome(std::span<const uint8_t> header, std::span<const uint8_t> payload) const {
     constexpr int kFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
     if (payload.empty()) {
-        return send(fd_.Get(), header.data(), header.size(), kFlags);
+        return send(fd_.Fd(), header.data(), header.size(), kFlags);
     }
     iovec parts[] = {{const_cast<uint8_t *>(header.data()), header.size()},
                      {const_cast<uint8_t *>(payload.data()), payload.size()}};
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    return sendmsg(fd_.Get(), &message, kFlags);
+    return sendmsg(fd_.Fd(), &message, kFlags);
 }
 
 int Channel::Send(std::span<const uint8_t> header, std::span<const uint8_t> payload,
@@ -74,7 +74,7 @@ void Channel::SetReadTimeout(std::chrono::milliseconds timeout) {
         return;
     }
     const timeval value = {timeout.count() / 1000, timeout.count() % 1000 * 1000};
-    setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+    setsockopt(fd_.Fd(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
     readTimeout_ = timeout;
 }
 
@@ -89,7 +89,7 @@ int Channel::ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> 
         } else if (const int error = Wait(POLLIN, deadline); error != 0) {
             return error;
         }
-        const ssize_t received = recv(fd_.Get(), to.data(), to.size(), last ? MSG_DONTWAIT : 0);
+        const ssize_t received = recv(fd_.Fd(), to.data(), to.size(), last ? MSG_DONTWAIT : 0);
         if (received > 0) {
             count = static_cast<size_t>(received);
             return 0;

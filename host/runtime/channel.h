@@ -11,7 +11,7 @@ namespace host {
 
 class Channel {
 public:
-    Channel(UniqueFd fd, uint32_t payloadLimit) : fd_(std::move(fd)), parser_(payloadLimit) {}
+    Channel(Descriptor fd, uint32_t payloadLimit) : fd_(std::move(fd)), parser_(payloadLimit) {}
 
     // 0, or an errno value: ETIMEDOUT, or ECONNRESET when the peer has closed.
     int Send(std::span<const uint8_t> header, std::span<const uint8_t> payload, Transport::Clock::time_point deadline);
@@ -26,7 +26,7 @@ private:
     int ReadSome(Transport::Clock::time_point deadline, std::span<uint8_t> to, size_t &count);
     void SetReadTimeout(std::chrono::milliseconds timeout);
 
-    UniqueFd fd_;
+    Descriptor fd_;
     FrameParser parser_;
     std::chrono::milliseconds readTimeout_{0}; // that the socket has
 };

@@ -94,7 +94,7 @@ CallOutcome Client::Core::Exchange(const CallRequest &call, FrameKind kind) {
         const bool fresh = channel == nullptr;
         if (fresh) {
             int error = 0;
-            UniqueFd fd = transport_->Connect(out.socketOf, call.pid, out.deadline, error);
+            Descriptor fd = transport_->Connect(out.socketOf, call.pid, out.deadline, error);
             if (!fd) {
                 return NotConnected(out, *transport_, error);
             }

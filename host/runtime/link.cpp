@@ -20,7 +20,7 @@ void ReaderRole::Leave() {
     }
 }
 
-Link::Link(Loop &loop, UniqueFd fd, uint32_t payloadLimit)
+Link::Link(Loop &loop, Descriptor fd, uint32_t payloadLimit)
     : loop_(loop), fd_(std::move(fd)), lastRead_(loop.Now()), parser_(payloadLimit) {}
 
 // --- The state
@@ -40,7 +40,7 @@ bool Link::IsClosed() const {
 
 bool Link::Open() {
     const MutexLock lock(mutex_);
-    if (!loop_.Add(fd_.Get(), EPOLLIN | EPOLLRDHUP, weak_from_this(), id_)) {
+    if (!loop_.Add(fd_.Fd(), EPOLLIN | EPOLLRDHUP, weak_from_this(), id_)) {
         return false;
     }
     SetState(LinkState::kWaiting);
@@ -50,7 +50,7 @@ bool Link::Open() {
 // What the loop is to report, and at once what is so already.
 void Link::Watch() {
     if (state_ != LinkState::kNew && !IsClosed()) {
-        loop_.Change(fd_.Get(), EPOLLIN | EPOLLRDHUP | (unsent_.empty() ? 0U : EPOLLOUT), id_);
+        loop_.Change(fd_.Fd(), EPOLLIN | EPOLLRDHUP | (unsent_.empty() ? 0U : EPOLLOUT), id_);
     }
 }
 
@@ -88,8 +88,8 @@ void Link::CloseNow() {
     SetState(LinkState::kClosed);
     unsent_.clear();
     unsentBytes_ = 0;
-    loop_.Remove(fd_.Get(), id_);
-    shutdown(fd_.Get(), SHUT_RDWR);
+    loop_.Remove(fd_.Fd(), id_);
+    shutdown(fd_.Fd(), SHUT_RDWR);
     loop_.Post([self = shared_from_this()] { self->End(); });
 }
 
@@ -166,7 +166,7 @@ Link::Arrival Link::Receive(bool &drained) {
     const std::span<uint8_t> to = room.empty() ? std::span<uint8_t>(scratch_) : room;
     ssize_t count;
     do {
-        count = recv(fd_.Get(), to.data(), to.size(), MSG_DONTWAIT);
+        count = recv(fd_.Fd(), to.data(), to.size(), MSG_DONTWAIT);
     } while (count < 0 && errno == EINTR);
     if (count <= 0) {
         drained = true;
@@ -271,7 +271,7 @@ bool Link::Send(std::span<const uint8_t> bytes) {
 // As much as the socket takes. False when the peer has gone.
 bool Link::SendSome(std::span<const uint8_t> bytes, size_t &sent) {
     while (sent < bytes.size()) {
-        const ssize_t count = send(fd_.Get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t count = send(fd_.Fd(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0 && errno == EAGAIN) {
             return true;
         }
@@ -312,7 +312,7 @@ void Link::BreakOff() {
     if (state_ == LinkState::kDraining) {
         CloseNow();
     } else {
-        shutdown(fd_.Get(), SHUT_RDWR);
+        shutdown(fd_.Fd(), SHUT_RDWR);
         Watch();
     }
 }

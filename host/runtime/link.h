@@ -36,7 +36,7 @@ class Link : public Pollable, public std::enable_shared_from_this<Link> {
 public:
     using Clock = Loop::Clock;
 
-    Link(Loop &loop, UniqueFd fd, uint32_t payloadLimit);
+    Link(Loop &loop, Descriptor fd, uint32_t payloadLimit);
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
 
@@ -113,7 +113,7 @@ private:
     void BreakOff() TARN_REQUIRES(mutex_);
 
     Loop &loop_;
-    const UniqueFd fd_; // open as long as this lives, so that no thread uses another's
+    const Descriptor fd_; // open as long as this lives, so that no thread uses another's
     mutable Mutex mutex_;
     LinkState state_ TARN_GUARDED_BY(mutex_) = LinkState::kNew;
     uint64_t id_ TARN_GUARDED_BY(mutex_) = 0; // in the loop

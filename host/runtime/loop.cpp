@@ -5,20 +5,12 @@
 #include <sys/timerfd.h>
 
 #include <cerrno>
-#include <system_error>
 #include <vector>
 
 namespace host {
 namespace {
 
 enum OwnId : uint64_t { kTasks, kTimers, kStop, kFirstFree };
-
-UniqueFd Checked(int fd, const char *what) {
-    if (fd < 0) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-    return UniqueFd(fd);
-}
 
 void Signal(int eventFd) {
     const uint64_t one = 1;
@@ -28,20 +20,20 @@ void Signal(int eventFd) {
 
 } // namespace
 
-Loop::Loop()
-    : epoll_(Checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
-      tasksComing_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
-      timerDue_(Checked(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timerfd_create")),
-      stop_(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")), lastId_(kFirstFree) {
+Loop::Loop(const Clocks &clocks)
+    : clocks_(clocks), epoll_(epoll_create1(EPOLL_CLOEXEC), "epoll_create1"),
+      tasksComing_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"),
+      timerDue_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK), "timerfd_create"),
+      stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd"), lastId_(kFirstFree) {
     const auto add = [this](int fd, uint32_t events, uint64_t id) {
         epoll_event event{events, {.u64 = id}};
-        if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
-            throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+        if (epoll_ctl(epoll_.Fd(), EPOLL_CTL_ADD, fd, &event) != 0) {
+            Fail(errno, "epoll_ctl");
         }
     };
-    add(tasksComing_.Get(), EPOLLIN | EPOLLET, kTasks);
-    add(timerDue_.Get(), EPOLLIN | EPOLLET, kTimers);
-    add(stop_.Get(), EPOLLIN, kStop); // level-triggered, for whoever waits only after it
+    add(tasksComing_.Fd(), EPOLLIN | EPOLLET, kTasks);
+    add(timerDue_.Fd(), EPOLLIN | EPOLLET, kTimers);
+    add(stop_.Fd(), EPOLLIN, kStop); // level-triggered, for whoever waits only after it
 }
 
 bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Pollable> pollable, uint64_t &id) {
@@ -51,7 +43,7 @@ bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Pollable> pollable, uint64
         pollables_.emplace(id, std::move(pollable));
     }
     epoll_event event{events | EPOLLET, {.u64 = id}};
-    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+    if (epoll_ctl(epoll_.Fd(), EPOLL_CTL_ADD, fd, &event) == 0) {
         return true;
     }
     const int error = errno;
@@ -63,11 +55,11 @@ bool Loop::Add(int fd, uint32_t events, std::weak_ptr<Pollable> pollable, uint64
 
 void Loop::Change(int fd, uint32_t events, uint64_t id) {
     epoll_event event{events | EPOLLET, {.u64 = id}};
-    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event);
+    epoll_ctl(epoll_.Fd(), EPOLL_CTL_MOD, fd, &event);
 }
 
 void Loop::Remove(int fd, uint64_t id) {
-    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+    epoll_ctl(epoll_.Fd(), EPOLL_CTL_DEL, fd, nullptr);
     const MutexLock lock(mutex_);
     pollables_.erase(id);
 }
@@ -77,7 +69,7 @@ void Loop::Post(Task task) {
         const MutexLock lock(mutex_);
         tasks_.push_back(std::move(task));
     }
-    Signal(tasksComing_.Get());
+    Signal(tasksComing_.Fd());
 }
 
 uint64_t Loop::At(Clock::time_point time, Task task) {
@@ -106,16 +98,16 @@ void Loop::CancelTimer(uint64_t timer) {
 void Loop::Run() {
     while (!Ended()) {
         epoll_event event;
-        if (epoll_wait(epoll_.Get(), &event, 1, -1) == 1) {
+        if (epoll_wait(epoll_.Fd(), &event, 1, -1) == 1) {
             OnEvent(event.data.u64, event.events);
         }
     }
-    Signal(stop_.Get()); // one write is not sure to wake more than one thread
+    Signal(stop_.Fd()); // one write is not sure to wake more than one thread
 }
 
 void Loop::Stop() {
     stopping_ = true;
-    Signal(stop_.Get());
+    Signal(stop_.Fd());
 }
 
 bool Loop::Ended() {
@@ -132,7 +124,7 @@ void Loop::OnEvent(uint64_t id, uint32_t events) {
         return;
     }
     if (id == kTimers) {
-        RunTimers();
+        RunDue();
         return;
     }
     std::shared_ptr<Pollable> pollable;
@@ -157,13 +149,13 @@ void Loop::RunTask() {
         task = std::move(tasks_.front());
         tasks_.pop_front();
         if (!tasks_.empty()) {
-            Signal(tasksComing_.Get());
+            Signal(tasksComing_.Fd());
         }
     }
     task();
 }
 
-void Loop::RunTimers() {
+void Loop::RunDue() {
     std::vector<Task> due;
     {
         const MutexLock lock(mutex_);
@@ -187,7 +179,7 @@ void Loop::SetTimer() {
     const auto left = timers_.begin()->first.first - Now();
     const auto ns = std::max<int64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(left).count(), 1);
     const itimerspec when = {{0, 0}, {ns / 1'000'000'000, ns % 1'000'000'000}};
-    timerfd_settime(timerDue_.Get(), 0, &when, nullptr);
+    timerfd_settime(timerDue_.Fd(), 0, &when, nullptr);
 }
 
 } // namespace host

@@ -49,6 +49,12 @@ bool Server::Stop() {
     return ended;
 }
 
+void Server::RunDue() {
+    if (core_ != nullptr) {
+        core_->RunDue();
+    }
+}
+
 std::vector<std::filesystem::path> Server::Sockets() const {
     return core_ == nullptr ? std::vector<std::filesystem::path>() : core_->Sockets();
 }

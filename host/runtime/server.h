@@ -16,6 +16,7 @@
 #include <memory>
 #include <vector>
 
+#include "host/clock/clocks.h"
 #include "host/runtime/limits.h"
 #include "host/runtime/policy.h"
 #include "platform/rpc.h"
@@ -28,6 +29,7 @@ struct ServerOptions {
     Limits limits = {};
     Policy policy = {};
     std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
+    const Clocks *clocks = nullptr;            // for deadlines and limits in time; null: the system's
 };
 
 class ServerCore;
@@ -51,6 +53,9 @@ public:
     // the rest with ECANCELED. False when a handler is still running: its thread is left behind. May be called twice,
     // and Start may follow.
     bool Stop();
+
+    // Does what has come due because a clock of one's own has been set forward.
+    void RunDue();
 
     // The sockets that the server listens on.
     std::vector<std::filesystem::path> Sockets() const;

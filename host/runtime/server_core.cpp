@@ -13,12 +13,14 @@ namespace host {
 using namespace std::chrono_literals;
 
 ServerCore::ServerCore(const ServerOptions &options, const std::vector<const IdlModuleSpec *> &specs)
-    : options_(options), workers_(std::max(1U, options.workers)), services_(specs), started_(loop_.Now()) {
+    : options_(options), workers_(std::max(1U, options.workers)), services_(specs),
+      loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()) {
     const Transport transport{Directory(options.runDir)};
     for (const IdlModuleSpec *const spec : specs) {
         acceptors_.push_back(std::make_shared<Acceptor>(
             loop_, transport.Listen(Services::NameOf(*spec), options_.policy.AllowsOthers()),
-            [this](UniqueFd fd) { Admit(std::move(fd)); }, [this](const std::string &what) { Warn("accept", what); }));
+            [this](Descriptor fd) { Admit(std::move(fd)); },
+            [this](const std::string &what) { Warn("accept", what); }));
     }
 }
 
@@ -32,9 +34,9 @@ std::vector<std::filesystem::path> ServerCore::Sockets() const {
 
 // --- Connections
 
-void ServerCore::Admit(UniqueFd fd) {
+void ServerCore::Admit(Descriptor fd) {
     Peer peer;
-    if (!ReadPeer(fd.Get(), peer)) {
+    if (!ReadPeer(fd.Fd(), peer)) {
         Log().error("connection refused: its user is not known: {}", strerror(errno));
         return;
     }

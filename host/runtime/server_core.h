@@ -26,6 +26,7 @@ public:
 
     void Start();
     bool Stop() TARN_EXCLUDES(mutex_, workMutex_);
+    void RunDue() { loop_.RunDue(); }
     std::vector<std::filesystem::path> Sockets() const;
 
     // --- For the sessions
@@ -48,7 +49,7 @@ public:
     void SessionEnds(Session *session) TARN_EXCLUDES(mutex_);
 
 private:
-    void Admit(UniqueFd fd) TARN_EXCLUDES(mutex_);
+    void Admit(Descriptor fd) TARN_EXCLUDES(mutex_);
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(std::shared_ptr<Session> session) TARN_EXCLUDES(workMutex_);
     void CheckTimes();
@@ -63,6 +64,7 @@ private:
     const ServerOptions options_;
     const unsigned workers_;
     const Services services_;
+    const SystemClocks systemClocks_;
     Loop loop_;
     const Loop::Clock::time_point started_;
     Refusals refusals_;

@@ -8,7 +8,7 @@
 
 namespace host {
 
-Session::Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<ServerCore> server)
+Session::Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<ServerCore> server)
     : Link(loop, std::move(fd), server->GetLimits().messageBytes), server_(std::move(server)), peer_(std::move(peer)) {}
 
 const Limits &Session::GetLimits() const {

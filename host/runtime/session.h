@@ -12,7 +12,7 @@ namespace host {
 
 class Session final : public Link {
 public:
-    Session(Loop &loop, UniqueFd fd, Peer peer, std::shared_ptr<ServerCore> server);
+    Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<ServerCore> server);
 
     const Peer &GetPeer() const { return peer_; }
 

@@ -18,10 +18,6 @@ namespace {
 
 using std::filesystem::path;
 
-[[noreturn]] void ThrowErrno(const std::string &what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
 // False when the path does not fit a socket address.
 bool FillAddress(const path &socketPath, sockaddr_un &address) {
     address = {};
@@ -39,10 +35,10 @@ int ConnectTo(int fd, const sockaddr_un &address) {
 }
 
 // Held while sockets of a run directory come and go, so that no two servers both find the same one stale.
-UniqueFd LockDirectory(const path &directory) {
-    UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd || flock(fd.Get(), LOCK_EX) != 0) {
-        ThrowErrno("run directory " + directory.string());
+Descriptor LockDirectory(const path &directory) {
+    Descriptor fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd || flock(fd.Fd(), LOCK_EX) != 0) {
+        Fail(errno, "run directory " + directory.string());
     }
     return fd;
 }
@@ -56,15 +52,15 @@ void RemoveStale(const path &socketPath, const sockaddr_un &address) {
     if (!S_ISSOCK(status.st_mode)) {
         throw std::runtime_error(socketPath.string() + ": not a socket; expected none, or one that a server left");
     }
-    const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe) {
-        ThrowErrno("socket");
+        Fail(errno, "socket");
     }
-    if (ConnectTo(probe.Get(), address) == 0 || errno != ECONNREFUSED) {
+    if (ConnectTo(probe.Fd(), address) == 0 || errno != ECONNREFUSED) {
         throw std::runtime_error(socketPath.string() + ": in use by a live server");
     }
     if (unlink(socketPath.c_str()) != 0) {
-        ThrowErrno(socketPath.string());
+        Fail(errno, socketPath.string());
     }
 }
 
@@ -80,16 +76,16 @@ Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
     if (create_directories(path_.parent_path(), error); error) {
         throw std::system_error(error, "run directory " + path_.parent_path().string());
     }
-    const UniqueFd lock = LockDirectory(path_.parent_path());
+    const Descriptor lock = LockDirectory(path_.parent_path());
     RemoveStale(path_, address);
-    fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd_ || bind(fd_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        ThrowErrno(path_.string());
+    fd_ = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd_ || bind(fd_.Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        Fail(errno, path_.string());
     }
     struct stat status;
-    if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Get(), SOMAXCONN) != 0 ||
+    if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Fd(), SOMAXCONN) != 0 ||
         lstat(path_.c_str(), &status) != 0) {
-        ThrowErrno(path_.string());
+        Fail(errno, path_.string());
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -112,13 +108,13 @@ bool Transport::Knows(std::string_view service, uint32_t pid) const {
     return stat(directory_.Socket(service, pid).c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-UniqueFd Transport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
+Descriptor Transport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
     sockaddr_un address;
     if (!FillAddress(directory_.Socket(service, pid), address)) {
         error = ENAMETOOLONG;
-        return UniqueFd();
+        return Descriptor();
     }
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) {
         error = errno;
         return fd;
@@ -127,10 +123,10 @@ UniqueFd Transport::Connect(std::string_view service, uint32_t pid, Clock::time_
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
     const auto wait = std::max<int64_t>(left, 1);
     const timeval timeout = {wait / 1000000, wait % 1000000};
-    setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-    if (ConnectTo(fd.Get(), address) != 0) {
+    setsockopt(fd.Fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    if (ConnectTo(fd.Fd(), address) != 0) {
         error = errno == EAGAIN ? ETIMEDOUT : errno;
-        return UniqueFd();
+        return Descriptor();
     }
     return fd;
 }

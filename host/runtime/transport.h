@@ -2,7 +2,6 @@
 #pragma once
 
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -12,30 +11,10 @@
 #include <string_view>
 #include <utility>
 
+#include "host/osal/descriptor.h"
 #include "host/runtime/directory.h"
 
 namespace host {
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    UniqueFd(UniqueFd &&other) noexcept : fd_(other.Release()) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~UniqueFd() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    int Get() const { return fd_; }
-    int Release() { return std::exchange(fd_, -1); }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 // A listening socket of a service; gone from where clients look for it when destroyed.
 class Listener {
@@ -47,12 +26,12 @@ public:
     Listener &operator=(const Listener &) = delete;
     ~Listener();
 
-    int Fd() const { return fd_.Get(); } // accepts stream sockets
+    int Fd() const { return fd_.Fd(); } // accepts stream sockets
     const std::filesystem::path &Path() const { return path_; }
 
 private:
     const std::filesystem::path path_;
-    UniqueFd fd_;
+    Descriptor fd_;
     dev_t device_ = 0;
     ino_t inode_ = 0;
 };
@@ -68,7 +47,7 @@ public:
     std::string Address(std::string_view service, uint32_t pid) const;
     bool Knows(std::string_view service, uint32_t pid) const;
     // An invalid descriptor and the errno value after a failure.
-    UniqueFd Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const;
+    Descriptor Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const;
     std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const;
 
 private:

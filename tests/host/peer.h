@@ -24,21 +24,21 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(connect(fd_.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(connect(fd_.Fd(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     }
     explicit RawPeer(int fd) : fd_(fd) {}
 
     void Send(std::span<const uint8_t> bytes) const {
-        EXPECT_EQ(send(fd_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        EXPECT_EQ(send(fd_.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
 
     // The peer may have closed.
-    void TrySend(std::span<const uint8_t> bytes) const { send(fd_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    void TrySend(std::span<const uint8_t> bytes) const { send(fd_.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
     // Whether the other side has taken all that was sent.
     bool HasBeenRead() const {
         int unread = -1;
-        EXPECT_EQ(ioctl(fd_.Get(), SIOCOUTQ, &unread), 0);
+        EXPECT_EQ(ioctl(fd_.Fd(), SIOCOUTQ, &unread), 0);
         return unread == 0;
     }
 
@@ -48,12 +48,12 @@ public:
         std::vector<host::Frame> frames;
         uint8_t buffer[4096];
         while (frames.size() < most) {
-            pollfd waiting{fd_.Get(), POLLIN, 0};
+            pollfd waiting{fd_.Fd(), POLLIN, 0};
             if (poll(&waiting, 1, 20000) != 1) {
                 ADD_FAILURE() << "nothing came";
                 break;
             }
-            const ssize_t count = read(fd_.Get(), buffer, sizeof buffer);
+            const ssize_t count = read(fd_.Fd(), buffer, sizeof buffer);
             if (count <= 0) {
                 break;
             }
@@ -69,7 +69,7 @@ public:
     }
 
 private:
-    host::UniqueFd fd_;
+    host::Descriptor fd_;
 };
 
 // A request of PidIsOnline for the process of the same number as the call.

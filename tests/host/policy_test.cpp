@@ -175,7 +175,7 @@ protected:
         path.string().copy(address.sun_path, sizeof address.sun_path - 1);
         int ends[2];
         EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        host::UniqueFd in(ends[0]), out(ends[1]);
+        host::Descriptor in(ends[0]), out(ends[1]);
         const pid_t child = fork();
         if (child == 0) { // system calls only: other threads may hold any lock
             const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -185,11 +185,11 @@ protected:
                 connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
                 send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0 &&
                 (count = recv(fd, buffer, sizeof buffer, 0)) > 0) {
-                count = write(out.Get(), buffer, static_cast<size_t>(count));
+                count = write(out.Fd(), buffer, static_cast<size_t>(count));
             }
             _exit(0);
         }
-        out = host::UniqueFd();
+        out = host::Descriptor();
         const auto frames = peer::RawPeer(in.Release()).Read();
         waitpid(child, nullptr, 0);
         return frames;

@@ -873,14 +873,14 @@ TEST_F(RuntimeTest, RequestsOfOneConnectionRunAtTheSameTime) {
 class FakeServer {
 public:
     FakeServer(const std::filesystem::path &path, std::vector<uint8_t> answer, bool repeatId = false) {
-        listener_ = host::UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        listener_ = host::Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(listener_.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener_.Get(), 5), 0);
+        EXPECT_EQ(bind(listener_.Fd(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener_.Fd(), 5), 0);
         thread_ = std::thread([this, answer = std::move(answer), repeatId]() mutable {
-            const RawPeer peer(accept(listener_.Get(), nullptr, nullptr));
+            const RawPeer peer(accept(listener_.Fd(), nullptr, nullptr));
             const auto frames = peer.Read(1);
             if (repeatId && frames.size() == 1) {
                 velto::Store(answer.data() + 8, frames[0].header.id);
@@ -893,7 +893,7 @@ public:
     FakeServer &operator=(const FakeServer &) = delete;
 
 private:
-    host::UniqueFd listener_;
+    host::Descriptor listener_;
     std::thread thread_;
 };
 
@@ -1102,7 +1102,7 @@ TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
     int failed = 0;
     for (int attempt = 0; failed == 0 && attempt < 50; ++attempt) { // what closes meanwhile makes room
         other.Shutdown();
-        std::vector<host::UniqueFd> fillers;
+        std::vector<host::Descriptor> fillers;
         for (int fd; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
             fillers.emplace_back(fd);
         }

@@ -157,14 +157,14 @@ protected:
         ExpectWholeFiles();
     }
 
-    host::UniqueFd Connect() const {
+    host::Descriptor Connect() const {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         const std::string path = dir_.Path() / "TarnSysdiagTarnd.sock";
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        host::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        return connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? std::move(fd)
-                                                                                                    : host::UniqueFd();
+        host::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        return connect(fd.Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? std::move(fd)
+                                                                                                   : host::Descriptor();
     }
 
     std::vector<std::thread> callers_;
@@ -221,7 +221,7 @@ TEST_F(Chaos, ConnectionsAreCutInMidFrame) {
     StartCallers([](uint32_t) { return false; }, kPatience);
     std::mt19937_64 random(2);
     Mix mix(scene_, 3);
-    std::vector<host::UniqueFd> silent;
+    std::vector<host::Descriptor> silent;
     size_t cuts = 0;
     for (const auto end = Clock::now() + PartOf(ProofTime(kShort), 3); Clock::now() < end; ++cuts) {
         const Mix::Call call = mix.Next();
@@ -236,9 +236,9 @@ TEST_F(Chaos, ConnectionsAreCutInMidFrame) {
         if (random() % 4 == 0) {
             frame[random() % frame.size()] = static_cast<uint8_t>(random());
         }
-        host::UniqueFd fd = Connect();
+        host::Descriptor fd = Connect();
         if (fd) {
-            send(fd.Get(), frame.data(), random() % frame.size(), MSG_NOSIGNAL);
+            send(fd.Fd(), frame.data(), random() % frame.size(), MSG_NOSIGNAL);
         }
         if (cuts % 50 == 0) {
             silent.push_back(std::move(fd));
@@ -258,7 +258,7 @@ TEST_F(Chaos, NoDescriptorIsLeft) {
     StartCallers([](uint32_t status) { return IsPeerFailure(status) || status == EMFILE || status == ENFILE; });
     for (const auto end = Clock::now() + PartOf(ProofTime(kShort), 3); Clock::now() < end;) {
         ASSERT_EQ(prlimit(static_cast<pid_t>(daemon_->Pid()), RLIMIT_NOFILE, &tight, nullptr), 0) << strerror(errno);
-        std::vector<host::UniqueFd> connections;
+        std::vector<host::Descriptor> connections;
         for (int i = 0; i < 100; ++i) {
             connections.push_back(Connect());
         }
