@@ -14,9 +14,11 @@ TARN_UNIT()
 
 #include "host/answer/answer.h"
 #include "host/master/config.h"
+#include "host/master/master.h"
 #include "host/runtime/server.h"
 #include "host/runtime/status.h"
 #include "tests/host/daemon_kit.h"
+#include "tests/host/manual_clocks.h"
 #include "tests/host/small_disk.h"
 
 namespace {
@@ -159,6 +161,187 @@ TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
     EXPECT_THROW(master::LoadConfig("/no/such/file"), std::runtime_error);
 }
 
+// What a function throws: the errno value, 0 for nothing.
+template <class Function>
+int ErrorOf(Function function) {
+    try {
+        function();
+        return 0;
+    } catch (const std::system_error &error) {
+        return error.code().value();
+    }
+}
+
+class SettingsTest : public testing::Test {
+protected:
+    void SetUp() override { Write(kConfig); }
+    void Write(const std::string &text) const { std::ofstream(file_, std::ios::trunc) << text; }
+    std::unique_ptr<master::Settings> Load(const std::filesystem::path &state) {
+        return std::make_unique<master::Settings>(clocks_, file_, state);
+    }
+    std::unique_ptr<master::Settings> Load() { return Load(dir_.Path() / "state"); }
+
+    static constexpr uint32_t kNow = 1'700'000'000;
+    const master::Names system_{"system", ""};
+    const kit::TempDir dir_;
+    const std::filesystem::path file_ = dir_.Path() / "master.conf";
+    kit::ManualClocks clocks_;
+};
+
+TEST_F(SettingsTest, AnswerForANameAVariantOrTheSystem) {
+    const auto settings = Load("");
+    const auto names = [&](const master::Names &asked) { return settings->CpuOverload(asked).names; };
+    EXPECT_EQ(names({"", ""}), system_);
+    EXPECT_EQ(names({"", "board2"}), system_);
+    EXPECT_EQ(names({"worker", "board2"}), (master::Names{"worker", "board2"}));
+    EXPECT_EQ(names({"worker", "board3"}), (master::Names{"worker", ""}));
+    EXPECT_EQ(settings->CpuOverload({"worker", "board3"}).thresholds, (master::Thresholds{500, 500, 0}));
+    EXPECT_EQ(ErrorOf([&] { settings->CpuOverload({"nobody", ""}); }), ENOENT);
+    EXPECT_EQ(ErrorOf([&] { settings->MemoryOverload({"worker", ""}); }), ENOENT);
+    EXPECT_EQ(settings->ReadCount(), 1);
+}
+
+TEST_F(SettingsTest, KeepWhatIsChangedUntilTheFileSaysSomethingElse) {
+    auto settings = Load();
+    settings->ChangeMemory({"", "any"}, {700, 600, 0}, "me");
+    clocks_.Advance(1h);
+    settings->ChangeMemory(system_, {710, 710, 0}, "you");
+    for (int start = 0; start < 2; ++start) {
+        const master::MemoryAnswer answer = settings->MemoryOverload(system_);
+        EXPECT_EQ(answer.thresholds, (master::Thresholds{710, 710, 0}));
+        ASSERT_TRUE(answer.change);
+        EXPECT_EQ(answer.change->by, "you");
+        EXPECT_EQ(answer.change->count, 2);
+        EXPECT_EQ(answer.change->when, kNow + 3600);
+        EXPECT_EQ(answer.change->ofFile, (master::Thresholds{910, 820, 0}));
+        settings.reset(); // has the state to itself
+        settings = Load();
+    }
+    EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory(system_, {1001, 600, 0}, ""); }), EINVAL);
+    EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory(system_, {700, 701, 0}, ""); }), EINVAL);
+    EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory({"nobody", ""}, {700, 600, 0}, ""); }), ENOENT);
+    EXPECT_EQ(settings->MemoryOverload(system_).change->count, 2);
+
+    Write(With(kConfig, "recover = 820", "recover = 821"));
+    EXPECT_TRUE(settings->Reload());
+    EXPECT_EQ(settings->ReadCount(), 2);
+    EXPECT_EQ(settings->MemoryOverload(system_).thresholds, (master::Thresholds{910, 821, 0}));
+    EXPECT_FALSE(settings->MemoryOverload(system_).change);
+    Write(kConfig);
+    settings.reset();
+    EXPECT_FALSE(Load()->MemoryOverload(system_).change) << "for good";
+}
+
+TEST_F(SettingsTest, StayAsTheyAreWhenTheFileIsRefused) {
+    const auto settings = Load();
+    Write("[zone]\nname = here\n");
+    EXPECT_FALSE(settings->Reload());
+    EXPECT_EQ(settings->ReadCount(), 1);
+    EXPECT_EQ(settings->Configured().zone->name, "Europe/Berlin");
+    Write("");
+    EXPECT_TRUE(settings->Reload());
+    EXPECT_FALSE(settings->Configured().zone);
+    EXPECT_EQ(ErrorOf([&] { settings->MemoryOverload(system_); }), ENOENT);
+}
+
+TEST_F(SettingsTest, ForgetAChangeAtTheStartWhenTheFileSaysSomethingElse) {
+    Load()->ChangeMemory(system_, {700, 600, 0}, "me");
+    Write(With(kConfig, "over = 910", "over = 920"));
+    EXPECT_FALSE(Load()->MemoryOverload(system_).change);
+}
+
+// A master in the test's process, on the test's clock.
+class MasterInProcessTest : public SettingsTest {
+protected:
+    void SetUp() override {
+        SettingsTest::SetUp();
+        std::filesystem::create_directories(proc_);
+        master_ = std::make_unique<master::Master>(clocks_, host::procfs::Procfs(proc_), file_, "",
+                                                   host::ServerOptions{.runDir = dir_.Path()});
+        master_->Start();
+    }
+    template <class Response, class Request = Tarn_sys_diag_None>
+    kit::Answer<Unit, Response> Ask(const char *method, const Request &request = {}) {
+        return kit::Call<Unit, Response>(client_, "TarnSysdiagMaster", 0, method, request);
+    }
+    static std::string TextOf(const Tarn_sys_diag_Systime &time) {
+        return fmt::format("{}-{:02}-{:02} {:02}:{:02}:{:02}.{:03}", time.usYear, time.ucMonth, time.ucDay, time.ucHour,
+                           time.ucMinute, time.ucSecond, time.uiMillisecond);
+    }
+
+    const std::filesystem::path proc_ = dir_.Path() / "proc";
+    std::unique_ptr<master::Master> master_;
+    host::Client client_{{.runDir = dir_.Path()}};
+};
+
+TEST_F(MasterInProcessTest, TellsTheTimeByItsConfiguration) {
+    clocks_.Advance(345ms);
+    EXPECT_EQ(TextOf(Ask<Tarn_sys_diag_GetGmtOutput>("GetGmt")->stGmtTime), "2023-11-14 22:13:20.345");
+    const auto winter = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_EQ(TextOf(winter->stLocalTime), "2023-11-14 23:13:20.345");
+    EXPECT_EQ(winter->stLocalTime.ucWeek, 2) << "Tuesday";
+    EXPECT_EQ(winter->ucValue, 0);
+    EXPECT_EQ(winter->uiValue1, 1);
+    clocks_.Advance(24h * 200);
+    const auto summer = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_EQ(TextOf(summer->stLocalTime), "2024-06-02 00:13:20.345");
+    EXPECT_EQ(summer->ucValue, 1);
+}
+
+TEST_F(MasterInProcessTest, TellsTheTimeByTheSystem) {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    Write("");
+    ASSERT_TRUE(master_->settings.Reload());
+    const auto winter = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_EQ(TextOf(winter->stLocalTime), "2023-11-14 23:13:20.000");
+    EXPECT_EQ(winter->ucValue, 0);
+    EXPECT_EQ(winter->uiValue1, 0);
+    clocks_.Advance(24h * 200);
+    const auto summer = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
+    EXPECT_EQ(TextOf(summer->stLocalTime), "2024-06-02 00:13:20.000");
+    EXPECT_EQ(summer->ucValue, 1);
+    const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
+    EXPECT_EQ(zone->uiValue1, 0);
+    EXPECT_EQ(zone->stTimezone.uiTimezoneOffset, 60) << "without daylight saving";
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(MasterInProcessTest, KnowsWhoLeadsAProcess) {
+    const std::filesystem::path process = proc_ / "17";
+    std::filesystem::create_directories(process);
+    std::ofstream(process / "status") << "Tgid:\t17\n";
+    std::ofstream(process / "stat") << "17 (x) S 5 6 7 0 -1 64 0 0 0 0 5 6 0 0 20 0 1 0 99 0 0 1 0 0 0 0 0 0 0 0 0 0 0 "
+                                       "0 17 7 0 0 0 0 0\n";
+    const auto leader = Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{17});
+    EXPECT_EQ(leader->uiValue1, 5);
+    EXPECT_EQ(leader->uiLPid, 7);
+    EXPECT_EQ(Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{18}).Status(),
+              ESRCH);
+}
+
+TEST_F(MasterInProcessTest, TellsWhoChangedWhatAndHowOftenTheFileWasRead) {
+    Tarn_sys_diag_OvLoadMemCtlOutput change{};
+    kit::Set(change.acName1, "system");
+    kit::Set(change.acName3, "the test");
+    change.uiValue1 = 700;
+    change.uiValue2 = 600;
+    EXPECT_EQ(Ask<Tarn_sys_diag_None>("MemChangeInnerConfig", change).Status(), 0);
+    const auto memory =
+        Ask<Tarn_sys_diag_OvLoadMemCtlOutput>("GetMemoryOvLoadCfgInfo", Tarn_sys_diag_OvLoadMemCtlInput{});
+    EXPECT_EQ(std::string(memory->acName1), "system");
+    EXPECT_EQ(std::string(memory->acName3), "the test");
+    EXPECT_EQ(memory->uiValue1, 700);
+    EXPECT_EQ(memory->uiValue2, 600);
+    EXPECT_EQ(memory->uiValue3, 1);
+    EXPECT_EQ(memory->uiValue4, 1);
+    EXPECT_EQ(memory->uiValue5, kNow);
+    EXPECT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
+    const auto cpu = Ask<Tarn_sys_diag_OvLoadCpuCtlOutput>("GetCpuOvLoadCfgInfo", Tarn_sys_diag_OvLoadCpuCtlInput{});
+    EXPECT_EQ(cpu->uiValue4, 2);
+}
+
 class MasterTest : public kit::DaemonTest<Unit> {
 protected:
     void SetUp() override {
@@ -209,18 +392,6 @@ protected:
     const std::filesystem::path file_ = dir_.Path() / "master.conf";
     std::unique_ptr<kit::Process> master_;
 };
-
-// Milliseconds since 1970 that a record shows, as if it were GMT.
-int64_t MillisOf(const Tarn_sys_diag_Systime &time) {
-    tm fields{};
-    fields.tm_year = time.usYear - 1900;
-    fields.tm_mon = time.ucMonth - 1;
-    fields.tm_mday = time.ucDay;
-    fields.tm_hour = time.ucHour;
-    fields.tm_min = time.ucMinute;
-    fields.tm_sec = time.ucSecond;
-    return int64_t{timegm(&fields)} * 1000 + time.uiMillisecond;
-}
 
 TEST_F(MasterTest, AnswersFromItsConfiguration) {
     const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
@@ -283,53 +454,6 @@ TEST_F(MasterTest, SaysWhatIsNotConfigured) {
     EXPECT_EQ(Ask<Tarn_sys_diag_DimWorkModeCfg>("SysdiagGetDimWorkMode").Status(), ENODATA);
     EXPECT_EQ(MemoryConfig().Status(), ENOENT);
     EXPECT_EQ(Ask<Tarn_sys_diag_GetDstOutput>("GetDst")->uiValue1, 0);
-    // The system's zone.
-    const time_t now = time(nullptr);
-    tm fields{};
-    localtime_r(&now, &fields);
-    const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
-    EXPECT_EQ(zone->uiValue1, 0);
-    const long standard = fields.tm_gmtoff - (fields.tm_isdst > 0 ? 3600 : 0);
-    EXPECT_EQ(static_cast<int32_t>(zone->stTimezone.uiTimezoneOffset), standard / 60);
-    const auto local = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
-    EXPECT_NEAR(static_cast<double>(MillisOf(local->stLocalTime)), static_cast<double>((now + fields.tm_gmtoff) * 1000),
-                20'000);
-}
-
-TEST_F(MasterTest, TellsTheTime) {
-    const auto nowMs = [] {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(
-                   std::chrono::system_clock::now().time_since_epoch())
-            .count();
-    };
-    const int64_t before = nowMs();
-    const int64_t gmt = MillisOf(Ask<Tarn_sys_diag_GetGmtOutput>("GetGmt")->stGmtTime);
-    const auto local = Ask<Tarn_sys_diag_GetLocalOutput>("GetLocal");
-    EXPECT_LE(before, gmt);
-    EXPECT_LE(gmt, nowMs());
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    tzset();
-    const time_t now = time(nullptr);
-    tm fields{};
-    localtime_r(&now, &fields);
-    unsetenv("TZ");
-    tzset();
-    EXPECT_NEAR(static_cast<double>(MillisOf(local->stLocalTime) - gmt), static_cast<double>(fields.tm_gmtoff * 1000),
-                20'000);
-    EXPECT_EQ(local->ucValue, fields.tm_isdst > 0 ? 1 : 0);
-    EXPECT_EQ(local->uiValue1, 1);
-}
-
-TEST_F(MasterTest, KnowsWhoLeadsAProcess) {
-    const auto leader = [&](uint32_t pid) {
-        return Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{pid});
-    };
-    const auto own = leader(static_cast<uint32_t>(getpid()));
-    ASSERT_EQ(own.Status(), 0);
-    EXPECT_EQ(own->uiValue1, static_cast<uint32_t>(getppid()));
-    EXPECT_EQ(own->uiLPid, static_cast<uint32_t>(getsid(0)));
-    EXPECT_EQ(leader(master_->Pid())->uiValue1, static_cast<uint32_t>(getpid()));
-    EXPECT_EQ(leader(kit::EndedPid()).Status(), ESRCH);
 }
 
 TEST_F(MasterTest, ReadsItsConfigurationAgain) {
