@@ -27,41 +27,33 @@ struct Arguments {
     uint64_t measureRateMb = tarnd::Options().measuredBytesPerSecond / kMega;
     bool applyClock = false;
     std::string zoneLink = "/etc/localtime";
-    unsigned workers = 16;
+    uint32_t workers = 16;
     bool printAccounting = false;
 };
 
-void Declare(CLI::App &app, Arguments &options) {
-    host::Declare(app, options.serve);
+std::string CheckCopyTarget(const std::string &text) {
+    const bool whole = text.find('=') != 0 && text.find('=') != text.npos && !text.ends_with('=');
+    return whole ? "" : fmt::format("\"{}\": expected NAME=DIR", text);
+}
+
+void Declare(host::CommandLine &line, Arguments &options) {
+    host::Declare(line, options.serve);
     using host::WithDefault;
-    app.add_option("--log-dir", options.daemon.logDirectory,
-                   WithDefault("Directory that archives are made of and in", options.daemon.logDirectory))
-        ->option_text("DIR");
-    app.add_option("--copy-target", options.copyTargets, "Directory that archives may be copied to, by that name")
-        ->option_text("NAME=DIR ...")
-        ->check([](const std::string &text) {
-            return text.find('=') == 0 || text.find('=') == text.npos || text.ends_with('=')
-                       ? fmt::format("\"{}\": expected NAME=DIR", text)
-                       : "";
-        });
-    app.add_option("--sample-interval", options.sampleIntervalMs,
-                   WithDefault("Milliseconds between two samples of the system and its processes, 10 to 60000",
-                               options.sampleIntervalMs))
-        ->check(CLI::Range(10U, 60000U))
-        ->option_text("MS");
-    app.add_option("--measure-rate", options.measureRateMb,
-                   WithDefault("Megabytes that a measurement reads in a second; 0: no limit", options.measureRateMb))
-        ->option_text("MB");
-    app.add_flag("--apply-clock", options.applyClock,
-                 "Set the system's clock and time zone, not only the daemon's own");
-    app.add_option("--zone-link", options.zoneLink,
-                   WithDefault("With --apply-clock: the link that names the system's time zone", options.zoneLink))
-        ->option_text("FILE");
-    app.add_option("--workers", options.workers,
-                   WithDefault("Requests that are worked on at the same time, 1 to 256", options.workers))
-        ->check(CLI::Range(1U, 256U))
-        ->option_text("N");
-    app.add_flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
+    line.Option("--log-dir", options.daemon.logDirectory, "DIR",
+                WithDefault("Directory that archives are made of and in", options.daemon.logDirectory));
+    line.List("--copy-target", options.copyTargets, "NAME=DIR ...",
+              "Directory that archives may be copied to, by that name", CheckCopyTarget);
+    line.Option("--sample-interval", options.sampleIntervalMs, {10, 60000}, "MS",
+                WithDefault("Milliseconds between two samples of the system and its processes, 10 to 60000",
+                            options.sampleIntervalMs));
+    line.Option("--measure-rate", options.measureRateMb, "MB",
+                WithDefault("Megabytes that a measurement reads in a second; 0: no limit", options.measureRateMb));
+    line.Flag("--apply-clock", options.applyClock, "Set the system's clock and time zone, not only the daemon's own");
+    line.Option("--zone-link", options.zoneLink, "FILE",
+                WithDefault("With --apply-clock: the link that names the system's time zone", options.zoneLink));
+    line.Option("--workers", options.workers, {1, 256}, "N",
+                WithDefault("Requests that are worked on at the same time, 1 to 256", options.workers));
+    line.Flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
 }
 
 std::string NormalPath(const std::string &path) {
@@ -124,9 +116,9 @@ void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions)
 
 int main(int argc, char **argv) {
     Arguments arguments;
-    CLI::App app{"The diagnosis daemon.", "tarnd"};
-    Declare(app, arguments);
-    if (const std::optional<int> code = host::Parse(app, argc, argv)) {
+    host::CommandLine line("tarnd", "The diagnosis daemon.");
+    Declare(line, arguments);
+    if (const std::optional<int> code = line.Parse(argc, argv)) {
         return *code;
     }
     host::Log().set_level(arguments.serve.logLevel);

@@ -14,10 +14,10 @@ struct Options {
     bool check = false;
 };
 
-void Declare(CLI::App &app, Options &options) {
-    app.add_option("CONFIG", options.config, "Configuration file; read again on SIGHUP")->required()->option_text(" ");
-    host::Declare(app, options.serve);
-    app.add_flag("--check", options.check, "Check the configuration file and the options, and end");
+void Declare(host::CommandLine &line, Options &options) {
+    line.Operand("CONFIG", options.config, "Configuration file; read again on SIGHUP");
+    host::Declare(line, options.serve);
+    line.Flag("--check", options.check, "Check the configuration file and the options, and end");
 }
 
 void Serve(const Options &options, const host::ServerOptions &server) {
@@ -39,9 +39,9 @@ void Serve(const Options &options, const host::ServerOptions &server) {
 
 int main(int argc, char **argv) {
     Options options;
-    CLI::App app{"The diagnosis master.", "tarn-master"};
-    Declare(app, options);
-    if (const std::optional<int> code = host::Parse(app, argc, argv)) {
+    host::CommandLine line("tarn-master", "The diagnosis master.");
+    Declare(line, options);
+    if (const std::optional<int> code = line.Parse(argc, argv)) {
         return *code;
     }
     host::Log().set_level(options.serve.logLevel);

@@ -1,5 +1,7 @@
 #include "host/osal/log.h"
 
+#include <fmt/format.h>
+#include <spdlog/logger.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
@@ -37,20 +39,50 @@ std::shared_ptr<const LogHook> CurrentHook() {
     return Hook();
 }
 
-spdlog::level::level_enum SpdlogLevel(uint32_t level) {
+// Of a record of XRT_OsalLogWrite.
+LogLevel LevelOf(uint32_t level) {
     switch (level) {
     case 0:
     case 1:
-        return spdlog::level::critical;
+        return LogLevel::kCritical;
     case 2:
-        return spdlog::level::err;
+        return LogLevel::kError;
     case 3:
-        return spdlog::level::warn;
+        return LogLevel::kWarning;
     case 4:
-        return spdlog::level::info;
+        return LogLevel::kInfo;
     default:
-        return spdlog::level::debug;
+        return LogLevel::kDebug;
     }
+}
+
+spdlog::level::level_enum SpdlogLevel(LogLevel level) {
+    switch (level) {
+    case LogLevel::kDebug:
+        return spdlog::level::debug;
+    case LogLevel::kInfo:
+        return spdlog::level::info;
+    case LogLevel::kWarning:
+        return spdlog::level::warn;
+    case LogLevel::kError:
+        return spdlog::level::err;
+    default:
+        return spdlog::level::critical;
+    }
+}
+
+// Kept for the life of the process, as the hook is.
+spdlog::logger &Lines() {
+    static auto &lines = []() -> spdlog::logger & {
+        auto *const made = new spdlog::logger("tarn", std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+        auto formatter = std::make_unique<spdlog::pattern_formatter>();
+        formatter->add_flag<OneLine>('*').set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
+        made->set_formatter(std::move(formatter));
+        made->set_level(spdlog::level::trace);
+        made->flush_on(spdlog::level::trace);
+        return *made;
+    }();
+    return lines;
 }
 
 const char *OrEmpty(const char *text) {
@@ -70,24 +102,29 @@ std::string Format(const char *format, va_list arguments) {
     return text;
 }
 
-void Write(const LogRecord &record) {
+std::string LineOf(const LogRecord &record) {
     const std::string place =
         record.file.empty() ? fmt::format("line {}", record.line) : fmt::format("{}:{}", record.file, record.line);
-    Log().log(SpdlogLevel(record.level), "{}/{} {} ({}): {} [error {}]", record.component, record.module,
-              record.function, place, record.text, record.errCode);
+    return fmt::format("{}/{} {} ({}): {} [error {}]", record.component, record.module, record.function, place,
+                       record.text, record.errCode);
 }
 
 } // namespace
 
-spdlog::logger &Log() {
-    static auto &log = [&]() -> spdlog::logger & {
-        auto *const made = new spdlog::logger("tarn", std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
-        auto formatter = std::make_unique<spdlog::pattern_formatter>();
-        formatter->add_flag<OneLine>('*').set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
-        made->set_formatter(std::move(formatter));
-        made->flush_on(spdlog::level::trace);
-        return *made;
-    }();
+void Logger::Write(LogLevel level, fmt::string_view format, fmt::format_args args) {
+    try {
+        Write(level, fmt::vformat(format, args));
+    } catch (const std::exception &error) { // who logs goes on without the line
+        Write(LogLevel::kError, error.what());
+    }
+}
+
+void Logger::Write(LogLevel level, fmt::string_view text) {
+    Lines().log(SpdlogLevel(level), spdlog::string_view_t(text.data(), text.size()));
+}
+
+Logger &Log() {
+    static constinit Logger log;
     return log;
 }
 
@@ -103,7 +140,7 @@ LogHook SetLogHook(LogHook hook) {
 void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode, const char *pcFile,
                       uint32_t uiLine, const char *pcFunction, const char *pcFormat, ...) {
     const auto hook = host::CurrentHook();
-    if (!hook && !host::Log().should_log(host::SpdlogLevel(uiLevel))) {
+    if (!hook && !host::Log().IsOn(host::LevelOf(uiLevel))) {
         return;
     }
     host::LogRecord record;
@@ -124,6 +161,6 @@ void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t 
     if (hook) {
         (*hook)(record);
     } else {
-        host::Write(record);
+        host::Log().Write(host::LevelOf(uiLevel), host::LineOf(record));
     }
 }

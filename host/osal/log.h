@@ -1,16 +1,60 @@
-// The host kit's log: spdlog to stderr. XRT_OsalLogWrite writes here too.
+// The host kit's log: lines on stderr. XRT_OsalLogWrite writes here too.
 #pragma once
 
-#include <spdlog/logger.h>
-
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
 
+#include <fmt/core.h>
+
 namespace host {
 
-// The process's log. Its level is info until set with Log().set_level().
-spdlog::logger &Log();
+enum class LogLevel { kDebug, kInfo, kWarning, kError, kCritical, kOff };
+
+// Checks the level and gathers the arguments where it is called; the rest is compiled once.
+class Logger {
+public:
+    void set_level(LogLevel level) { level_.store(level, std::memory_order_relaxed); }
+    bool IsOn(LogLevel level) const { return level >= level_.load(std::memory_order_relaxed); }
+
+    template <class... Args>
+    void debug(fmt::format_string<Args...> format, Args &&...args) {
+        Log(LogLevel::kDebug, format, args...);
+    }
+    template <class... Args>
+    void info(fmt::format_string<Args...> format, Args &&...args) {
+        Log(LogLevel::kInfo, format, args...);
+    }
+    template <class... Args>
+    void warn(fmt::format_string<Args...> format, Args &&...args) {
+        Log(LogLevel::kWarning, format, args...);
+    }
+    template <class... Args>
+    void error(fmt::format_string<Args...> format, Args &&...args) {
+        Log(LogLevel::kError, format, args...);
+    }
+    template <class... Args>
+    void critical(fmt::format_string<Args...> format, Args &&...args) {
+        Log(LogLevel::kCritical, format, args...);
+    }
+
+    void Write(LogLevel level, fmt::string_view text);
+
+private:
+    template <class... Args>
+    void Log(LogLevel level, fmt::string_view format, const Args &...args) {
+        if (IsOn(level)) {
+            Write(level, format, fmt::make_format_args(args...));
+        }
+    }
+    void Write(LogLevel level, fmt::string_view format, fmt::format_args args);
+
+    std::atomic<LogLevel> level_ = LogLevel::kInfo;
+};
+
+// The process's log.
+Logger &Log();
 
 // A record as it came to XRT_OsalLogWrite, its text formatted.
 struct LogRecord {

@@ -1,8 +1,12 @@
 #include "host/serve/serve.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <map>
+#include <iterator>
+#include <utility>
+
+#include <CLI/CLI.hpp>
 
 #include "host/osal/streams.h"
 
@@ -24,14 +28,19 @@ std::string CheckLimit(const std::string &text) {
     }
 }
 
+constexpr std::pair<const char *, LogLevel> kLevels[] = {{"debug", LogLevel::kDebug},
+                                                         {"info", LogLevel::kInfo},
+                                                         {"warning", LogLevel::kWarning},
+                                                         {"error", LogLevel::kError}};
+
+const char *NameOf(LogLevel level) {
+    return std::ranges::find(kLevels, level, &std::pair<const char *, LogLevel>::second)->first;
+}
+
 // In the program's own words: the parser's would show how it keeps the levels.
-void SetLevel(spdlog::level::level_enum &level, const std::string &name) {
-    static const std::map<std::string, spdlog::level::level_enum> kLevels{{"debug", spdlog::level::debug},
-                                                                          {"info", spdlog::level::info},
-                                                                          {"warning", spdlog::level::warn},
-                                                                          {"error", spdlog::level::err}};
-    const auto found = kLevels.find(name);
-    if (found == kLevels.end()) {
+void SetLevel(LogLevel &level, const std::string &name) {
+    const auto found = std::ranges::find(kLevels, name, &std::pair<const char *, LogLevel>::first);
+    if (found == std::end(kLevels)) {
         throw CLI::ValidationError("--log-level",
                                    fmt::format("found {}, expected debug, info, warning or error", name));
     }
@@ -40,38 +49,76 @@ void SetLevel(spdlog::level::level_enum &level, const std::string &name) {
 
 } // namespace
 
-void Declare(CLI::App &app, ServeOptions &options) {
-    app.add_option("--run-dir", options.runDir, "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]")
-        ->option_text("DIR")
-        ->check(CheckNotEmpty);
-    app.add_option("--state-dir", options.stateDir,
-                   "Directory of what is kept beyond a restart [none: nothing is kept]")
-        ->option_text("DIR")
-        ->check(CheckNotEmpty);
-    app.add_option("--limit", options.limits, "A limit, of those that \"tarnctl stats\" shows; may be repeated")
-        ->option_text("NAME=VALUE")
-        ->check(CheckLimit)
-        ->allow_extra_args(false);
-    app.add_option("--policy", options.policy, "File that says who may call what [the same user and root]")
-        ->option_text("FILE");
-    app.add_option_function<std::string>(
-           "--log-level", [&options](const std::string &name) { SetLevel(options.logLevel, name); },
-           WithDefault("debug, info, warning or error", spdlog::level::to_string_view(options.logLevel)))
+CommandLine::CommandLine(const char *name, const char *description)
+    : app_(std::make_unique<CLI::App>(description, name)) {}
+
+CommandLine::~CommandLine() = default;
+
+void CommandLine::Operand(const char *name, std::string &value, const std::string &help) {
+    app_->add_option(name, value, help)->required()->option_text(" ");
+}
+
+void CommandLine::Flag(const char *name, bool &value, const std::string &help) {
+    app_->add_flag(name, value, help);
+}
+
+void CommandLine::Option(const char *name, std::string &value, const char *valueName, const std::string &help,
+                         const Check &check) {
+    CLI::Option *const option = app_->add_option(name, value, help)->option_text(valueName);
+    if (check) {
+        option->check(check);
+    }
+}
+
+void CommandLine::Option(const char *name, uint64_t &value, const char *valueName, const std::string &help) {
+    app_->add_option(name, value, help)->option_text(valueName);
+}
+
+void CommandLine::Option(const char *name, uint32_t &value, Range range, const char *valueName,
+                         const std::string &help) {
+    app_->add_option(name, value, help)->check(CLI::Range(range.least, range.most))->option_text(valueName);
+}
+
+void CommandLine::Repeated(const char *name, std::vector<std::string> &values, const char *valueName,
+                           const std::string &help, const Check &check) {
+    app_->add_option(name, values, help)->option_text(valueName)->check(check)->allow_extra_args(false);
+}
+
+void CommandLine::List(const char *name, std::vector<std::string> &values, const char *valueName,
+                       const std::string &help, const Check &check) {
+    app_->add_option(name, values, help)->option_text(valueName)->check(check);
+}
+
+void CommandLine::LogLevelOption(const char *name, LogLevel &level) {
+    app_->add_option_function<std::string>(
+            name, [&level](const std::string &text) { SetLevel(level, text); },
+            WithDefault("debug, info, warning or error", NameOf(level)))
         ->option_text("LEVEL");
 }
 
-std::optional<int> Parse(CLI::App &app, int argc, char **argv) {
+std::optional<int> CommandLine::Parse(int argc, char **argv) {
     OccupyClosedStreams();
-    app.set_version_flag("--version", app.get_name() + " " TARN_VERSION, "Print the version and exit");
+    app_->set_version_flag("--version", app_->get_name() + " " TARN_VERSION, "Print the version and exit");
     try {
-        app.parse(argc, argv);
+        app_->parse(argc, argv);
         return {};
     } catch (const CLI::Success &request) {
-        return app.exit(request);
+        return app_->exit(request);
     } catch (const CLI::ParseError &error) {
-        std::cerr << fmt::format("{0}: {1} ({0} --help says more)\n", app.get_name(), error.what());
+        std::cerr << fmt::format("{0}: {1} ({0} --help says more)\n", app_->get_name(), error.what());
         return kBadUsage;
     }
+}
+
+void Declare(CommandLine &line, ServeOptions &options) {
+    line.Option("--run-dir", options.runDir, "DIR", "Directory of the sockets [$TARN_RUN_DIR, or /run/tarn]",
+                CheckNotEmpty);
+    line.Option("--state-dir", options.stateDir, "DIR",
+                "Directory of what is kept beyond a restart [none: nothing is kept]", CheckNotEmpty);
+    line.Repeated("--limit", options.limits, "NAME=VALUE",
+                  "A limit, of those that \"tarnctl stats\" shows; may be repeated", CheckLimit);
+    line.Option("--policy", options.policy, "FILE", "File that says who may call what [the same user and root]");
+    line.LogLevelOption("--log-level", options.logLevel);
 }
 
 ServerOptions ServerOptionsOf(const ServeOptions &options) {

@@ -2,28 +2,59 @@
 #pragma once
 
 #include <csignal>
+#include <cstdint>
+#include <functional>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "host/osal/log.h"
 #include "host/runtime/server.h"
 
+namespace CLI {
+class App;
+}
+
 namespace host {
 
-struct ServeOptions {
-    std::string runDir;
-    std::string stateDir;
-    std::vector<std::string> limits;
-    std::string policy;
-    spdlog::level::level_enum logLevel = spdlog::level::info;
-};
+// What a program's command line may say. A declaration is also a line of --help, in which `valueName` stands for the
+// value.
+class CommandLine {
+public:
+    // What is wrong with a value; empty when nothing is.
+    using Check = std::function<std::string(const std::string &)>;
+    struct Range {
+        uint32_t least;
+        uint32_t most;
+    };
 
-void Declare(CLI::App &app, ServeOptions &options);
+    CommandLine(const char *name, const char *description);
+    ~CommandLine();
+
+    void Operand(const char *name, std::string &value, const std::string &help);
+    void Flag(const char *name, bool &value, const std::string &help);
+    void Option(const char *name, std::string &value, const char *valueName, const std::string &help,
+                const Check &check = {});
+    void Option(const char *name, uint64_t &value, const char *valueName, const std::string &help);
+    void Option(const char *name, uint32_t &value, Range range, const char *valueName, const std::string &help);
+    void LogLevelOption(const char *name, LogLevel &level);
+    // One value each time, or several.
+    void Repeated(const char *name, std::vector<std::string> &values, const char *valueName, const std::string &help,
+                  const Check &check);
+    void List(const char *name, std::vector<std::string> &values, const char *valueName, const std::string &help,
+              const Check &check);
+
+    // Nothing when the program shall run, else the exit code: 0 after --help and --version, kBadUsage for bad
+    // arguments.
+    std::optional<int> Parse(int argc, char **argv);
+
+private:
+    const std::unique_ptr<CLI::App> app_;
+};
 
 // "Description [value]": what an option's help says of a default is the option's own value.
 template <class Value>
@@ -31,8 +62,15 @@ std::string WithDefault(const std::string &description, const Value &value) {
     return fmt::format("{} [{}]", description, value);
 }
 
-// Nothing when the program shall run, else the exit code: 0 after --help and --version, kBadUsage for bad arguments.
-std::optional<int> Parse(CLI::App &app, int argc, char **argv);
+struct ServeOptions {
+    std::string runDir;
+    std::string stateDir;
+    std::vector<std::string> limits;
+    std::string policy;
+    LogLevel logLevel = LogLevel::kInfo;
+};
+
+void Declare(CommandLine &line, ServeOptions &options);
 
 constexpr int kBadUsage = 2;
 

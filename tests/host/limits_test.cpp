@@ -32,7 +32,7 @@ constexpr const char *kTarnd = "TarnSysdiagTarnd";
 class LimitsTest : public testing::Test {
 protected:
     LimitsTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
-        host::Log().set_level(spdlog::level::off);
+        host::Log().set_level(host::LogLevel::kOff);
         served::On("PidIsOnline", [](const void *, void *replyCtx) {
             Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
             return TarnHost_Reply(replyCtx, &online);
@@ -46,7 +46,7 @@ protected:
         server_.reset();
         served::Reset();
         EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
-        host::Log().set_level(spdlog::level::info);
+        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     void Serve(const host::Limits &limits, unsigned workers = 2) {

@@ -399,13 +399,13 @@ TEST_F(LinkTest, WhatWaitsForAPeerThatGoesIsDropped) {
 }
 
 TEST_F(LinkTest, ItsMovesAreInTheLog) {
-    host::Log().set_level(spdlog::level::debug);
+    host::Log().set_level(host::LogLevel::kDebug);
     testing::internal::CaptureStderr();
     Write(FrameOf(1));
     link_->Report(EPOLLIN);
     link_->Close();
     const std::string log = testing::internal::GetCapturedStderr();
-    host::Log().set_level(spdlog::level::info);
+    host::Log().set_level(host::LogLevel::kInfo);
     const size_t reading = log.find(": waiting -> reading\n"), waiting = log.find(": reading -> waiting\n"),
                  closed = log.find(": waiting -> closed\n");
     EXPECT_LT(reading, waiting) << log;

@@ -148,7 +148,7 @@ class AccessTest : public testing::Test {
 protected:
     AccessTest() {
         std::filesystem::permissions(dir_.Path(), std::filesystem::perms(0755));
-        host::Log().set_level(spdlog::level::critical);
+        host::Log().set_level(host::LogLevel::kCritical);
         served::On("PidIsOnline", [](const void *, void *replyCtx) {
             Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
             return TarnHost_Reply(replyCtx, &online);
@@ -157,7 +157,7 @@ protected:
     ~AccessTest() override {
         server_.reset();
         served::Reset();
-        host::Log().set_level(spdlog::level::info);
+        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     void Serve(const std::string &policy) {
@@ -232,7 +232,7 @@ TEST_F(AccessTest, ADenialIsLogged) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can be another user";
     }
-    host::Log().set_level(spdlog::level::warn);
+    host::Log().set_level(host::LogLevel::kWarning);
     Serve("commands anyone");
     testing::internal::CaptureStderr();
     constexpr uint64_t kTimes = 20;
@@ -251,7 +251,7 @@ TEST_F(AccessTest, ADenialIsLogged) {
 }
 
 TEST(PeerLog, WritesTheFirstOnATopicAndThenTheirNumberOnceAnInterval) {
-    host::Log().set_level(spdlog::level::warn);
+    host::Log().set_level(host::LogLevel::kWarning);
     testing::internal::CaptureStderr();
     host::PeerLog log;
     const host::PeerLog::Clock::time_point start(1h);
@@ -278,7 +278,7 @@ TEST(PeerLog, WritesTheFirstOnATopicAndThenTheirNumberOnceAnInterval) {
 }
 
 TEST(PeerLog, IsBounded) {
-    host::Log().set_level(spdlog::level::warn);
+    host::Log().set_level(host::LogLevel::kWarning);
     testing::internal::CaptureStderr();
     host::PeerLog log;
     for (size_t i = 0; i != 2 * host::PeerLog::kMaxTopics; ++i) {

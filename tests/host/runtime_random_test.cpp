@@ -252,7 +252,7 @@ private:
 TEST(RuntimeRandom, NoCallbackIsLostOrDoubledAndNothingIsLeftBehind) {
     const uint64_t seed = FromEnvironment("TARN_SEED", 20250711);
     const uint64_t count = FromEnvironment("TARN_ROUNDS", kRounds);
-    host::Log().set_level(spdlog::level::off);
+    host::Log().set_level(host::LogLevel::kOff);
     printf("seed %llu, %llu rounds\n", static_cast<unsigned long long>(seed), static_cast<unsigned long long>(count));
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first
     const uint64_t blocks = host::MemoryTotal().liveBlocks;
@@ -270,7 +270,7 @@ TEST(RuntimeRandom, NoCallbackIsLostOrDoubledAndNothingIsLeftBehind) {
     EXPECT_EQ(host::MemoryTotal().liveBlocks, blocks);
     EXPECT_TRUE(kit::Eventually([&] { return EntriesOf("/proc/self/task") == threads; }));
     EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
-    host::Log().set_level(spdlog::level::info);
+    host::Log().set_level(host::LogLevel::kInfo);
 }
 
 } // namespace

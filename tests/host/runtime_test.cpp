@@ -56,7 +56,7 @@ uint32_t AnswerOnline(const void *request, void *replyCtx) {
 class RuntimeTest : public testing::Test {
 protected:
     RuntimeTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
-        host::Log().set_level(spdlog::level::off); // refusals are what most tests here are about
+        host::Log().set_level(host::LogLevel::kOff); // refusals are what most tests here are about
         served::On("PidIsOnline", AnswerOnline);
         host::Client::Default().Configure({.runDir = dir_.Path()});
         client_.Configure({.runDir = dir_.Path()});
@@ -69,7 +69,7 @@ protected:
         server_.reset();
         served::Reset();
         EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
-        host::Log().set_level(spdlog::level::info);
+        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     void StartServer(host::Limits limits = {}, std::chrono::milliseconds stopBound = 300ms) {

@@ -75,7 +75,7 @@ TEST(Reasons, EachHasANameOfItsOwnAndAMeaning) {
 class StatusTest : public testing::Test {
 protected:
     StatusTest() {
-        host::Log().set_level(spdlog::level::off);
+        host::Log().set_level(host::LogLevel::kOff);
         client_.Configure({.runDir = dir_.Path()});
         server_ = std::make_unique<host::Server>(host::ServerOptions{.runDir = dir_.Path(), .workers = 3});
         server_->AddService(__module_spec_TarnSysdiagTarnd);
@@ -85,7 +85,7 @@ protected:
     ~StatusTest() override {
         server_.reset();
         served::Reset();
-        host::Log().set_level(spdlog::level::info);
+        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     host::ServerStatus Status(const char *service = kTarnd) {
