@@ -6,6 +6,7 @@
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
+#include "fuzz/padding.h"
 #include "velto/registry.h"
 
 TARN_UNIT()
@@ -17,6 +18,7 @@ TARN_UNIT()
 #include "types/tarnd_agent.h"
 #include "types/time.h"
 
+using fuzz::Get;
 using velto::Kind;
 using velto::TypeInfo;
 using velto::TypeShape;
@@ -83,13 +85,6 @@ int memset_s(void *to, size_t room, int value, size_t count) {
 } // extern "C"
 
 namespace {
-
-template <class Value>
-Value Get(const uint8_t *record, size_t offset) {
-    Value value;
-    memcpy(&value, record + offset, sizeof value);
-    return value;
-}
 
 bool Same(const TypeShape &type, const uint8_t *left, const uint8_t *right);
 
@@ -167,6 +162,7 @@ public:
         if (accepted_) {
             FUZZ_CHECK(result == record_.data(), "%s: not the caller's record", type.name);
             FUZZ_CHECK(platform_.logged == logged, "%s: an accepted message is logged", type.name);
+            FUZZ_CHECK(fuzz::PaddingIsZero(*type.shape, record_.data()), "%s: padding is not cleared", type.name);
             return;
         }
         FUZZ_CHECK(platform_.live == live, "%s: a refusal leaves storage", type.name);
@@ -215,12 +211,31 @@ void CompareDecoders(const TypeInfo &type, const fuzz::Block &bytes, const Decod
     type.freeUnpacked(record.data());
 }
 
-fuzz::Block Encode(const TypeInfo &type, const void *record, uint32_t size) {
-    fuzz::Block message(size);
+void EncodeFixed(const TypeInfo &type, const void *record, fuzz::Block &message) {
+    type.packFixed(message.data(), record);
+}
+
+void EncodeRegular(const TypeInfo &type, const void *record, fuzz::Block &message) {
+    auto size = message.length();
     const VeltoOutBuf out{message.data(), &size};
     const uint32_t written = type.pack(&out, record);
     FUZZ_CHECK(written == message.size, "%s: %u bytes written, the size query said %zu", type.name, written,
                message.size);
+}
+
+// Encodes into two buffers that held different bytes. Each byte that a reader visits is written, and no other.
+template <class EncodeInto>
+fuzz::Block Encode(const TypeInfo &type, const void *record, size_t size, EncodeInto encode) {
+    constexpr uint8_t kHeld = 0xAA, kOtherHeld = 0x55;
+    fuzz::Block message(size, kHeld), other(size, kOtherHeld);
+    encode(type, record, message);
+    encode(type, record, other);
+    const fuzz::Visited visited(*type.shape, message, Unit::binding.Swapped());
+    for (size_t i = 0; i < size; ++i) {
+        const uint8_t byte = message.data()[i], otherByte = other.data()[i];
+        FUZZ_CHECK(visited.Has(i) ? byte == otherByte : byte == kHeld && otherByte == kOtherHeld,
+                   "%s: byte %zu of %zu is %s", type.name, i, size, visited.Has(i) ? "left as it was" : "written");
+    }
     return message;
 }
 
@@ -233,14 +248,12 @@ void CheckRoundTrip(const TypeInfo &type, const fuzz::Block &message, const uint
 
 void CheckEncoders(const TypeInfo &type, const uint8_t *record) {
     if (type.packFixed != nullptr) {
-        const fuzz::Block fixed(type.fixedSize());
-        type.packFixed(fixed.data(), record);
-        CheckRoundTrip(type, fixed, record, "fixed");
+        CheckRoundTrip(type, Encode(type, record, type.fixedSize(), EncodeFixed), record, "fixed");
     }
     const uint32_t size = type.pack(nullptr, record);
     FUZZ_CHECK(size != 0, "%s: the size query refuses a decoded record", type.name);
     if (size <= 4 * kMemory) {
-        CheckRoundTrip(type, Encode(type, record, size), record, "regular");
+        CheckRoundTrip(type, Encode(type, record, size, EncodeRegular), record, "regular");
     }
 }
 
