@@ -47,7 +47,6 @@ TEST(Binary, ExportsTheNamesOfTheVersionScriptAndNoOther) {
     const Names defined = Library().Names(true), listed = ReadNames(TEST_EXPORTS);
     EXPECT_THAT(Without(defined, listed), IsEmpty()) << "exported, but not listed";
     EXPECT_THAT(Without(listed, defined), IsEmpty()) << "listed, but not exported";
-    EXPECT_EQ(listed.size(), 2 + 41 * 3 + 6 + 81 + 6U);
 }
 
 TEST(Binary, ImportsThePlatformAndTheDaemonAndOfTheCLibraryOnlyWhatIsAllowed) {
@@ -55,7 +54,6 @@ TEST(Binary, ImportsThePlatformAndTheDaemonAndOfTheCLibraryOnlyWhatIsAllowed) {
     const Names undefined = Library().Names(false), listed = ReadNames(TEST_IMPORTS);
     EXPECT_THAT(Without(Without(undefined, listed), kCLibrary), IsEmpty()) << "imported, but not allowed";
     EXPECT_THAT(Without(listed, undefined), IsEmpty()) << "listed, but not imported";
-    EXPECT_EQ(listed.size(), 14 + 81 + 74U);
 }
 
 TEST(Binary, LooksUpTheOSLayerAtRunTimeOnly) {

@@ -189,6 +189,18 @@ static_assert(1
 #include "server/tarnd_agent_methods.h"
               == 5);
 
+// Methods of the remote services.
+#define TARN_METHOD(method, request, response) +1
+#define TARN_METHOD_NO_REPLY(method, request) +1
+static_assert(0
+#include "client/agent_methods.h"
+              == 26);
+#define TARN_METHOD(method, request, response) +1
+#define TARN_METHOD_NO_REPLY(method, request) +1
+static_assert(0
+#include "client/master_methods.h"
+              == 15);
+
 static_assert(velto::TypeHash("None") == 0x87D7088A);
 static_assert(velto::TypeHash("Result") == 0x10D68351);
 static_assert(velto::TypeHash("AgentRegInfoInput") == 0xAC85A4AF);
