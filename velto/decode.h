@@ -21,9 +21,7 @@ bool DecodeNested(const Message &message, uint32_t position, Record &record, con
 
 // A type without tables inside is read where it is met, if there is room; others by their own function.
 template <class Record>
-constexpr bool kReadInPlace = kHasRoom &&AllSlots<Record>([]<class Slot, size_t>() {
-    return !IsTableKind(Slot::kKind);
-});
+constexpr bool kReadInPlace = kElementNum<Record> == 0 && kHasRoom;
 
 template <class Unit, class Record>
 [[gnu::always_inline]] inline bool DecodeElement(const Message &message, uint32_t position, Record &record) {

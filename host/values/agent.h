@@ -38,8 +38,9 @@
  *
  * SetMemDmgScan         uiScanSwitch 0 off, 1 all blocks every TARN_AGENT_SCAN_MS, 2 once and now. Each block has guard
  *                       bytes before and behind it, which nobody may write.
- * GetMemDmgInfo         uiInfoType 0 both reports, 1 damaged blocks, 2 blocks held hostage: text, uiValue1 their
- * number. TarnDetectMemHostage  Looks for hostages: blocks still held though the thread that allocated them has ended.
+ * GetMemDmgInfo         uiInfoType 0 both reports, 1 damaged blocks, 2 hostages. Text; uiValue1 the number of blocks in
+ *                       it.
+ * TarnDetectMemHostage  Looks for hostages: blocks still held though the thread that allocated them has ended.
  *
  * TarnGetAppMemUnitInfo, TarnGetAppMemDetailOrModuleInfo   Units are the partitions and, as the unit of id
  *                       TARN_AGENT_UNIT_MALLOC, the C library's heap. uiModuleId has no meaning: 0. Names are patterns
@@ -81,10 +82,11 @@
  * GetMsgCtrlRule        uiValue1 rule, uiValue2 rules to skip, uiValue3 process.
  *
  * TarnUpdateResourceInfo   As its record says; subscribers of the resource are told.
- * TarnGetSubscribe      uiValue1 events, one of which a subscription must want, 0: any; uiValue2 subscriptions to skip,
- *                       uiValue3 process. Reply uiValue2 all events that the process wants, uiValue3 the subscriptions
- * that match, uiValue4 the process. Of a subscription: szName1 its name, szName2 its events in words, uiValue1 the same
- * as bits (TARN_AGENT_EVENT_...), uiValue2 how often it was told.
+ * TarnGetSubscribe      uiValue1 events as bits: subscriptions to at least one of them, 0: to any event; uiValue2
+ *                       subscriptions to skip, uiValue3 process. Reply uiValue2 the union of the process's events,
+ *                       uiValue3 the subscriptions that match, uiValue4 the process. Of a subscription:
+ *                       szName1 its name, szName2 its events in words, uiValue1 the same as bits
+ *                       (TARN_AGENT_EVENT_...), uiValue2 how often it was notified.
  */
 #ifndef TARN_HOST_VALUES_AGENT_H
 #define TARN_HOST_VALUES_AGENT_H

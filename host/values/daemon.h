@@ -111,14 +111,14 @@
  * GetHugePagesInfo            uiValue1 huge pages of the default size, uiValue2 how many of them are free.
  *
  * GetSysMemStatisPro          acPosition1 the process wanted, or a pattern of the names wanted, "worker*"; empty: all
- *                             that may be seen. acPosition2 the user whose processes are wanted, a name or a number; empty:
- *                             all. The largest by uiVmRss comes first. A process that may be seen, but whose program
- *                             may not, has szExeName "?".
+ *                             that may be seen. acPosition2 the user whose processes are wanted, a name or a number;
+ *                             empty: all. The largest by uiVmRss comes first. A process that may be seen, but whose
+ *                             program may not, has szExeName "?".
  *
- * DumpOsProcMemValue          szValue has a line for every 16 bytes: the address, the bytes in hexadecimal, and as ASCII
- *                             with a dot for what can't be printed. A run of pages that can't be read has a line of its
- *                             own, "7f0c52a01000-7f0c52a03000 can't be read"; when that is all, the status is EFAULT.
- *                             ullLength 1 to 65536; uiValue1 is how many bytes were read.
+ * DumpOsProcMemValue          szValue has a line for every 16 bytes: the address, the bytes in hexadecimal, and as
+ *                             ASCII with a dot for what can't be printed. A run of pages that can't be read has a line
+ *                             of its own, "7f0c52a01000-7f0c52a03000 can't be read"; when that is all, the status is
+ *                             EFAULT. ullLength 1 to 65536; uiValue1 is how many bytes were read.
  *
  * MemLeakOrHisQry             acLeakInfo is text with a head line; ucValue2 1 when not all of it had room. By uiValue1:
  *                               0   leak suspects, the largest growth first: processes whose resident memory was at
@@ -161,11 +161,13 @@
  *                               acName     "key 0x0000162e" or "/name"
  *                               acValue5   kind, permissions, owner: "sysv 0640 root", "posix 0600 root"; " removed"
  *                                          behind a segment that goes with its last user
- * GetExceptionInfo            What agents recorded of fatal signals and of failed assertions, the newest first, as
- * text: GetAssertInfo               time, process, signal or expression, registers and stack. The records outlive the
- * agent and the daemon. Request of both: uiValue1 process, 0: all; uiValue2 records to skip; uiValue3 most to return,
- * 0: all. GetExceptionInfo: uiValue4 signal, 0: all. Reply uiValue1: records that match. Lines at the end name files
- * that may not be read, and how many records were found damaged.
+ *
+ * GetExceptionInfo            What agents recorded of fatal signals and of failed assertions, the newest first: text
+ * GetAssertInfo               with time, process, signal or expression, registers and stack. The records outlive the
+ *                             agent and the daemon. Request of both: uiValue1 process, 0: all; uiValue2 records to
+ *                             skip; uiValue3 most to return, 0: all. GetExceptionInfo: uiValue4 signal, 0: all. Reply
+ *                             uiValue1: records that match. Lines at the end name files that may not be read, and how
+ *                             many records were found damaged.
  *
  * ResetBBoxInfo               Erases such records: uiValue1 0 all, and what is left of damaged ones; 1 exceptions; 2
  *                             assertions. uiValue2 process, 0: all.
@@ -212,8 +214,8 @@
  *
  * GetCallStackInfoByTid       uiTid 0: all threads of the process. 1 EPERM when it may not be looked into, or is traced
  *                             by another process; 95 EOPNOTSUPP for a thread of the kernel; 110 ETIMEDOUT for a thread
- *                             asked for that waits for a device and does not stop. A thread is held up for as long as its registers
- *                             and 256 KiB of its stack take to copy, no longer.
+ *                             asked for that waits for a device and does not stop. A thread is held up for as long as
+ *                             its registers and 256 KiB of its stack take to copy, no longer.
  *                               reply uiValue1     how long the threads were held up in all, in microseconds
  *                               ullValue1          CPU time of the thread since it started, in microseconds
  *                               szName2            name of the process
@@ -277,29 +279,29 @@
  *                               4 give up what runs and waits
  *                               5 measure, answered at once
  *
- * TarnSetDimTimeCfgByTarnd    ucValue1 and ucValue2: hour (0 to 23) and minute of a measurement each day, by the daemon's
- *                             clock and zone; or 254 and every so many seconds, 255 and every so many minutes; 0 of
- *                             these: never, as at the start.
+ * TarnSetDimTimeCfgByTarnd    ucValue1 and ucValue2: hour (0 to 23) and minute of a measurement each day, by the
+ *                             daemon's clock and zone; or 254 and every so many seconds, 255 and every so many minutes;
+ *                             0 of these: never, as at the start.
  *
  * TarnSetDimWorkModeCfgByTarnd   uiWorkMode 0 no measurements by time; 1, at the start, also by time; 2 the same, and
  *                             files that are new are taken into the baseline.
  *
- * TarnGetDimMeasRstByTarnd    uiValue1 TARND_DIM_STATE_..., uiValue2 the files that differ, acMeasResult the counts, with
- *                             the name of one that differs; the log names all.
+ * TarnGetDimMeasRstByTarnd    uiValue1 TARND_DIM_STATE_..., uiValue2 the files that differ, acMeasResult the counts,
+ *                             with the name of one that differs; the log names all.
  *
- * TarnPadsGetSystemHealthInfoByTarnd   ucValue a function of the daemon, 0: all; uiValue a process whose agent is asked,
- *                             0: the system. uiValue1 the worst level, uiValue2 the global switch. Of an item: ucValue1
- *                             its level, TARN_AGENT_HEALTH_... or 3 when it can't be told; acValue1 its name, acValue2
- *                             "system" or the agent's name, acValue3 when it was looked at, local time, YYYYMMDDhhmmss,
- *                             acValue4 what was found, or why nothing.
+ * TarnPadsGetSystemHealthInfoByTarnd   ucValue a function of the daemon, 0: all; uiValue a process whose agent is
+ *                             asked, 0: the system. uiValue1 the worst level, uiValue2 the global switch. Of an item:
+ *                             ucValue1 its level, TARN_AGENT_HEALTH_... or 3 when it can't be told; acValue1 its name,
+ *                             acValue2 "system" or the agent's name, acValue3 when it was looked at, local time,
+ *                             YYYYMMDDhhmmss, acValue4 what was found, or why nothing.
  *
  * TarnPadsSetPadsGlobalSwitchByTarnd   ucGlobalSwitch 0: nothing is looked at; 1, at the start: all that is on. Kept
  *                             beyond a restart, and brought to the agents.
  *
- * TarnPadsSetPadsAppFunSwitchByTarnd   The same of one function: ucFunction, ucSwitch, and uiValue its limit, 0: as it was.
- *                             1 to 127 are the agents' (host/values/agent.h), 0 stands for all, and the daemon's are
- *                             below, with the limits at the start. From the limit on it is degraded; bad from twice of
- *                             it or, for a share, from the middle between it and the whole.
+ * TarnPadsSetPadsAppFunSwitchByTarnd   The same of one function: ucFunction, ucSwitch, and uiValue its limit, 0: as it
+ *                             was. 1 to 127 are the agents' (host/values/agent.h), 0 stands for all, and the daemon's
+ *                             are below, with the limits at the start. From the limit on it is degraded; bad from twice
+ *                             of it or, for a share, from the middle between it and the whole.
  *                               128 CPU time of all CPUs in the last 10 s (900)
  *                               129 CPU pressure (300): time in which some task waited, in the last 10 s
  *                               130 memory in use (900)
@@ -312,12 +314,14 @@
  *                                   the worst level of its own items
  *                               137 use of one CPU from which on it is a CPU event (950)
  *                               138 ms for which it has to last (3000)
- *                             Subscribers (TarnAppSubscribe) that have an agent are told through its
- *                             TarnUpdateResourceInfo when 128, 130 or 134 become degraded (1), bad (2) or good (0).
+ *                             Subscribers (TarnAppSubscribe) that have an agent are notified through its
+ *                             TarnUpdateResourceInfo of each change of the level of 128, 130 or 134: to degraded (1),
+ *                             bad (2) or good (0).
  *
- * TarnPadsGetCpuEventByTarnd  uiValue1 process, 0: all; uiValue2 only of the last so many seconds, 0: all that are kept;
- *                             uiValue3 most to return, the newest, 0: all. An event that lasts is there as it is so far.
- *                             Its thread is the busiest that was on the CPU at the end; its time on other CPUs counts.
+ * TarnPadsGetCpuEventByTarnd  uiValue1 process, 0: all; uiValue2 only of the last so many seconds, 0: all that are
+ *                             kept; uiValue3 most to return, the newest, 0: all. An event that lasts is there as it is
+ *                             so far. Its thread is the busiest that was on the CPU at the end; its time on other CPUs
+ *                             counts.
  *
  * ProcTableBuild              Keeps a table of all processes that may be seen, which replaces an older one. ucBuildFlag
  *                             is a sum: 1 without the kernel's own threads, 2 as a tree, each process behind its parent
@@ -336,18 +340,19 @@
  *
  * ClearMsgCtrlRuleTarnd       Removes all rules, also from the agents.
  *
- * TarnGetMsgRuleInfoTarnd     uiValue1 rule, 0: all; uiValue2 rules to skip; uiValue3 process whose agent is asked, 0: the
- *                             rules that the daemon keeps, with the sums of what the agents counted that answer in
+ * TarnGetMsgRuleInfoTarnd     uiValue1 rule, 0: all; uiValue2 rules to skip; uiValue3 process whose agent is asked, 0:
+ *                             the rules that the daemon keeps, with the sums of what the agents counted that answer in
  *                             time.
  *
- * TarnGetSubscribeInfoTarnd   uiValue1 events, one of which a subscription must want, 0: any; uiValue2 subscriptions to
- *                             skip; uiValue3 process whose agent is asked, 0: those to the daemon. Reply of the daemon:
- *                             uiValue1 0, uiValue2 all events that anyone wants, uiValue3 subscriptions that match,
- *                             uiValue4 the daemon's process. Of a subscription: szName1 the process's name, szName2 the
- *                             events in words, uiValue1 the same as bits, uiValue2 the process.
+ * TarnGetSubscribeInfoTarnd   uiValue1 events as bits: subscriptions to at least one of them, 0: to any event; uiValue2
+ *                             subscriptions to skip; uiValue3 process whose agent is asked, 0: those to the daemon.
+ *                             Reply of the daemon: uiValue1 0, uiValue2 the union of the events that are subscribed to,
+ *                             uiValue3 subscriptions that match, uiValue4 the daemon's process. Of a subscription:
+ *                             szName1 the process's name, szName2 the events in words, uiValue1 the same as bits,
+ *                             uiValue2 the process.
  *
- * TarnGetTimerInfoTarnd       uiValue1 timer, 0: all; uiValue2 timers to skip; uiValue3 most to return, 0: all; uiValue4
- *                             process whose agent is asked, 0 or the daemon's: its own.
+ * TarnGetTimerInfoTarnd       uiValue1 timer, 0: all; uiValue2 timers to skip; uiValue3 most to return, 0: all;
+ *                             uiValue4 process whose agent is asked, 0 or the daemon's: its own.
  *
  * AgentRegInfo                szAgentName the agent's name; request uiValue1 its process, uiValue2 its interface
  *                             version, ucValue3 1 while it runs, 0 when it leaves. Repeated from time to time; reply
