@@ -29,8 +29,10 @@ Daemon &Daemon::Serving() {
     return *serving;
 }
 
-Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc)
-    : options(std::move(theOptions)), clocks(theClocks), proc(theProc) {
+Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
+               SampleSource &sampleSource)
+    : options(std::move(theOptions)), clocks(theClocks), proc(theProc),
+      sampler(sampleSource, clocks, options.sampleInterval) {
     RemoveUnfinishedArchives();
     if (!options.stateDirectory.empty()) {
         store.Open(options.stateDirectory);
@@ -47,21 +49,23 @@ Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::pr
     healthSettings.Load();
     WatchResources();
     cpuEvents.Watch();
-    sampler.Start(options.sampleInterval);
     measurement.Start(options.measuredBytesPerSecond);
     rules.Load();
     WatchAgents();
     WatchAgentHealth();
     courier.Start();
     timers.Start();
+    if (options.takesSamples) {
+        sampleDriver.emplace(sampler);
+    }
 }
 
 Daemon::~Daemon() {
+    sampleDriver.reset();
     masterLink.Stop();
     timers.Stop();
     courier.Stop();
     measurement.Stop();
-    sampler.Stop();
     cpuOverload.Stop();
 }
 

@@ -18,6 +18,7 @@
 #include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/options.h"
+#include "host/daemon/sampling/sample_driver.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/daemon/time/timers.h"
@@ -29,7 +30,8 @@ namespace tarnd {
 // Its last member begins the work that nobody asks for.
 class Daemon {
 public:
-    Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc);
+    Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
+           SampleSource &sampleSource);
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
     ~Daemon();
@@ -67,6 +69,7 @@ public:
     LeakMarks leakMarks;
     Measurement measurement;
     MasterLink masterLink;
+    std::optional<SampleDriver> sampleDriver; // unless who owns the daemon has it take samples
 };
 
 } // namespace tarnd

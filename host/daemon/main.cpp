@@ -7,6 +7,7 @@
 #include "host/clock/clocks.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/options.h"
+#include "host/daemon/sampling/libproc2_source.h"
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
@@ -99,7 +100,8 @@ void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions)
     host::Client::Default().Configure({.runDir = arguments.serve.runDir});
     const host::SystemClocks clocks;
     const host::procfs::Procfs proc;
-    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc);
+    tarnd::Libproc2Source samples(proc);
+    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc, samples);
     host::Server server(serverOptions);
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);

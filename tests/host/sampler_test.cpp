@@ -1,240 +1,140 @@
-// The sampler's rings, at a hundred times their pace, against what the test itself sees of a process.
-#include "host/answer/unit.h"
-
-TARN_UNIT()
-
-#include "types/tarnd.h"
-
-#include <atomic>
-#include <mutex>
-
-#include "host/daemon/cpu/crossing.h"
-#include "host/daemon/sampling/rates.h"
+// The sampler's rings over more than an hour, of a machine and a time that are the test's.
 #include "host/daemon/sampling/sampler.h"
-#include "tests/host/daemon_kit.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/host/scripted_samples.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using kit::Subject;
 using tarnd::Sampler;
 
-class SamplerTest : public testing::Test {
-protected:
-    bool Samples(uint64_t number) {
-        return kit::Eventually([&] { return sampler_.TheCost().samples >= number; });
+constexpr uint32_t kPid = 17;
+
+class SamplerTest : public testing::Test, protected kit::SampledMachine {};
+
+TEST_F(SamplerTest, HasOneSampleAtFirst) {
+    EXPECT_EQ(sampler.Recent().size(), 1);
+    EXPECT_EQ(sampler.Latest()->system.at, clocks.SteadyNow());
+    EXPECT_EQ(sampler.Latest()->system.time, clocks.WallNow());
+    EXPECT_EQ(sampler.Before(1h), sampler.Latest()) << "as far back as there is any";
+    try {
+        sampler.Last({});
+        FAIL() << "there is no other sample";
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(error.code().value(), EAGAIN);
     }
+    Pass(1s);
+    EXPECT_EQ(sampler.Last({}).Length(), 1s);
+}
 
-    const kit::TempDir dir_;
-    Sampler sampler_;
-};
+TEST_F(SamplerTest, DoesNotBeginWithoutASample) {
+    machine.error = EIO;
+    EXPECT_THROW(Sampler(machine, clocks), std::system_error);
+}
 
-TEST_F(SamplerTest, KeepsAsMuchAsItSays) {
-    sampler_.Start(10ms);
-    ASSERT_TRUE(Samples(2 * Sampler::kWholeSamples));
-    const std::vector<tarnd::SamplePtr> recent = sampler_.Recent();
-    EXPECT_EQ(recent.size(), Sampler::kWholeSamples);
-    for (size_t i = 1; i < recent.size(); ++i) {
-        EXPECT_LT(recent[i - 1]->system.at, recent[i]->system.at);
-        EXPECT_GE(recent[i]->system.cpu.Total(), recent[i - 1]->system.cpu.Total());
-    }
-    EXPECT_EQ(sampler_.Recent(3).size(), 3);
-    EXPECT_GE(sampler_.History().size(), 2 * Sampler::kWholeSamples);
+TEST_F(SamplerTest, KeepsWholeSamplesForTwoMinutesAndTheSystemForAnHour) {
+    const host::SteadyTime start = clocks.SteadyNow();
+    Pass(1s, 119);
+    EXPECT_EQ(sampler.Recent().size(), 120);
+    EXPECT_EQ(sampler.Recent().front()->system.at, start);
+    Pass(1s);
+    EXPECT_EQ(sampler.Recent().size(), 120);
+    EXPECT_EQ(sampler.Recent().front()->system.at, start + 1s) << "the oldest has gone";
 
-    // A point for every 60th sample of those that are not whole any more, and for each that is.
-    const std::vector<tarnd::ProcessPoint> points = sampler_.HistoryOf(static_cast<uint32_t>(getpid()));
-    EXPECT_GE(points.size(), Sampler::kWholeSamples + 1);
-    EXPECT_LE(points.size(), Sampler::kWholeSamples + Sampler::kCoarseSamples);
+    Pass(1s, 3599 - 120);
+    EXPECT_EQ(sampler.History().size(), 3600);
+    EXPECT_EQ(sampler.History().front().at, start);
+    Pass(1s);
+    const std::vector<tarnd::SystemSample> history = sampler.History();
+    EXPECT_EQ(history.size(), 3600);
+    EXPECT_EQ(history.front().at, start + 1s);
+    EXPECT_EQ(history.back().at, clocks.SteadyNow());
+    EXPECT_EQ(history.back().time, clocks.WallNow());
+    EXPECT_EQ(sampler.TheCost().samples, 3601);
+}
+
+TEST_F(SamplerTest, TellsTheLastWholeSamplesOldestFirst) {
+    Pass(1s, 9);
+    const std::vector<tarnd::SamplePtr> recent = sampler.Recent(3);
+    ASSERT_EQ(recent.size(), 3);
+    EXPECT_EQ(recent[0]->system.at, clocks.SteadyNow() - 2s);
+    EXPECT_EQ(recent[2], sampler.Latest());
+    EXPECT_EQ(sampler.Recent(11).size(), 10);
+    EXPECT_TRUE(sampler.Recent(0).empty());
+}
+
+// A point each minute, then one each second where samples are whole.
+TEST_F(SamplerTest, RemembersAProcessForAnHour) {
+    machine.Add(kPid, "worker", 500).rssKb = 1234;
+    Pass(1s, 7200);
+    const std::vector<tarnd::ProcessPoint> points = sampler.HistoryOf(kPid);
+    ASSERT_EQ(points.size(), 58 + 120) << "the last two of the 60 are of the time of whole samples";
+    EXPECT_EQ(points.back().at, clocks.SteadyNow());
+    EXPECT_EQ(points.back().rssKb, 1234);
+    EXPECT_EQ(points.back().threadNum, 1);
+    EXPECT_EQ(points.front().at, clocks.SteadyNow() - 59min) << "the next is a minute away";
     for (size_t i = 1; i < points.size(); ++i) {
-        ASSERT_LT(points[i - 1].at, points[i].at);
-        ASSERT_LE(points[i - 1].cpuTicks, points[i].cpuTicks);
+        const auto elapsed = points[i].at - points[i - 1].at;
+        EXPECT_EQ(elapsed, i > 58 ? 1s : i < 58 ? 60s : 1s) << i;
+        EXPECT_EQ(points[i].time - points[i - 1].time, elapsed) << i;
+        EXPECT_EQ(points[i].cpuTicks - points[i - 1].cpuTicks, static_cast<uint64_t>(elapsed / 1s) * 50) << i;
     }
-    const uint32_t ended = kit::EndedPid(); // which the latest sample may have seen
-    EXPECT_TRUE(kit::Eventually([&] { return sampler_.HistoryOf(ended).empty(); }));
+    EXPECT_TRUE(sampler.HistoryOf(kPid + 1).empty());
+}
+
+TEST_F(SamplerTest, RemembersNothingOfAProcessThatHadTheIdBefore) {
+    machine.Add(kPid, "first");
+    Pass(1s, 300);
+    machine.Add(kPid, "second");
+    Pass(1s, 2);
+    EXPECT_EQ(sampler.HistoryOf(kPid).size(), 2);
+    machine.processes.erase(kPid);
+    Pass(1s);
+    EXPECT_TRUE(sampler.HistoryOf(kPid).empty()) << "it has ended";
 }
 
 TEST_F(SamplerTest, SpansAtLeastWhatIsAskedFor) {
-    sampler_.Start(10ms);
-    ASSERT_TRUE(Samples(60));
-    EXPECT_GE(std::chrono::steady_clock::now() - sampler_.Before(100ms)->system.at, 100ms);
-    const Sampler::Window window = sampler_.Last(100ms);
-    EXPECT_GE(window.Length(), 100ms);
-    EXPECT_LT(window.Length(), 5s);
-    EXPECT_GT(sampler_.Last({}).Length(), 0ns) << "never two times the same sample";
-    EXPECT_EQ(sampler_.Before(24h), sampler_.Recent().front()) << "as far back as there is any";
-}
-
-TEST_F(SamplerTest, HasOneSampleAtFirst) {
-    sampler_.Start(1h);
-    EXPECT_EQ(sampler_.Recent().size(), 1);
-    EXPECT_THROW(sampler_.Last({}), std::system_error);
-    ASSERT_TRUE(Samples(2)) << "the second is not an hour away";
-    EXPECT_GT(sampler_.Last({}).Length(), 0ns);
-}
-
-TEST_F(SamplerTest, FollowsTheThreadsOfAProcess) {
-    const Subject subject(dir_);
-    sampler_.Start(20ms);
-    ASSERT_TRUE(Samples(50));
-    const Sampler::Window window = sampler_.Last(500ms);
-    const tarnd::ProcessSample *const to = window.to->Find(subject.Pid());
-    ASSERT_NE(to, nullptr);
-    const tarnd::ProcessSample *const from = window.from->Find(*to);
-    ASSERT_NE(from, nullptr);
-    EXPECT_EQ(to->name, "host_subject");
-    EXPECT_EQ(to->threadNum, 3);
-    std::vector<tarnd::ThreadUse> uses = tarnd::ThreadUses(from, *to);
-    ASSERT_EQ(uses.size(), 3);
-    tarnd::KeepBusiest(uses, 2);
-    ASSERT_EQ(uses.size(), 2);
-    EXPECT_EQ(uses[0].tid, subject.tids.at("burner"));
-    EXPECT_GT(uses[0].usedNs, uses[1].usedNs);
-    // Ticks and the scheduler's count tell the same, but for a tick at each end.
-    const double ticksNs = static_cast<double>(tarnd::TicksToNs(to->cpuTicks - from->cpuTicks));
-    EXPECT_NEAR(static_cast<double>(uses[0].usedNs), ticksNs, 50e6);
-}
-
-// Once there was no descriptor left for the threads of a process that has done nothing since.
-TEST(SampleReader, ReadsThreadsAgainThatItCouldNotRead) {
-    const kit::TempDir dir;
-    const kit::Process idle(dir.Path(), {"/bin/sleep", "1000"});
-    tarnd::SampleReader reader;
-    tarnd::Sample sample;
-    ASSERT_TRUE(kit::Eventually([&] { // until it sleeps
-        const auto before = reader.Read(nullptr);
-        std::this_thread::sleep_for(50ms);
-        sample = *reader.Read(nullptr);
-        const tarnd::ProcessSample *const process = before->Find(idle.Pid());
-        return process != nullptr && process->name == "sleep" && process->cpuTicks == sample.Find(idle.Pid())->cpuTicks;
-    }));
-    const auto found = std::find_if(sample.processes.begin(), sample.processes.end(),
-                                    [&](const auto &process) { return process.pid == idle.Pid(); });
-    found->threads = nullptr;
-    found->threadsError = EMFILE;
-    const auto after = reader.Read(&sample);
-    const tarnd::ProcessSample *const now = after->Find(idle.Pid());
-    EXPECT_NE(now->threads, nullptr);
-    EXPECT_EQ(now->threadsError, 0);
-}
-
-tarnd::ProcessSample MakeProcess(uint64_t start, uint64_t ticks, std::vector<tarnd::ThreadTimes> threads) {
-    tarnd::ProcessSample process;
-    process.pid = 7;
-    process.startTicks = start;
-    process.cpuTicks = ticks;
-    process.threads = std::make_shared<const std::vector<tarnd::ThreadTimes>>(std::move(threads));
-    return process;
-}
-
-TEST(Rates, TellProcessesOfOneIdApart) {
-    const tarnd::Sample before{{}, {}, {MakeProcess(100, 5000, {})}};
-    const tarnd::ProcessSample later = MakeProcess(200, 50, {});
-    EXPECT_EQ(before.Find(later), nullptr);
-    EXPECT_EQ(tarnd::ProcessPermille(before.Find(later), later, 1s), 50 * 1000 / host::procfs::TicksPerSecond())
-        << "all that it has used, it has used since";
-    EXPECT_EQ(before.Find(7)->startTicks, 100);
-}
-
-TEST(Rates, AreNeverLessThanNothingNorMoreThanAll) {
-    tarnd::CpuTicks from{.user = 100, .system = 100, .idle = 1000, .ioWait = 500};
-    tarnd::CpuTicks to = from;
-    EXPECT_EQ(tarnd::BusyPermille(from, to), 0) << "no time has passed";
-    to.ioWait = 400; // the kernel's count may go back
-    EXPECT_EQ(tarnd::BusyPermille(from, to), 0);
-    to.user = 150;
-    EXPECT_EQ(tarnd::BusyPermille(from, to), 0) << "less time than none";
-    to.ioWait = 460;
-    EXPECT_EQ(tarnd::BusyPermille(from, to), 1000);
-    const tarnd::ProcessSample process = MakeProcess(1, 10, {});
-    const tarnd::ProcessSample less = MakeProcess(1, 9, {});
-    EXPECT_EQ(tarnd::ProcessPermille(&process, less, 1s), 0);
-    EXPECT_EQ(tarnd::ProcessPermille(&process, process, 0s), 0);
-    EXPECT_EQ(tarnd::ThreadPermille({7, 7, {}, 3'000'000'000}, 1s), 1000);
-}
-
-TEST(Rates, CountThreadsThatCameOrEnded) {
-    const auto thread = [](uint32_t tid, uint64_t runNs) { return tarnd::ThreadTimes{tid, {runNs, 0, 0}}; };
-    const tarnd::ProcessSample from = MakeProcess(1, 100, {thread(7, 1000), thread(8, 5'000'000)});
-    const tarnd::ProcessSample to = MakeProcess(1, 200, {thread(7, 1500), thread(8, 300), thread(9, 70)});
-    const std::vector<tarnd::ThreadUse> uses = tarnd::ThreadUses(&from, to);
-    ASSERT_EQ(uses.size(), 3);
-    EXPECT_EQ(uses[0].usedNs, 500);
-    EXPECT_EQ(uses[1].usedNs, 0) << "another thread of the same id, which has used less";
-    EXPECT_EQ(uses[2].usedNs, 70);
-    EXPECT_EQ(tarnd::ProcessUsedNs(&from, to, uses), tarnd::TicksToNs(98)) << "by threads that have ended";
-    EXPECT_EQ(tarnd::ProcessUsedNs(&from, from, tarnd::ThreadUses(&from, from)), 0);
-    const tarnd::Sample before{{}, {}, {from}}, after{{}, {}, {to}};
-    EXPECT_EQ(tarnd::Busiest(before, after), &after.processes[0]);
-    EXPECT_EQ(tarnd::Busiest(before, before), nullptr);
-}
-
-// An overload with samples of one second.
-class CrossingTest : public testing::Test {
-protected:
-    using Event = tarnd::Crossing::Event;
-
-    Event Follow(uint32_t permille, const tarnd::Thresholds &thresholds) {
-        auto sample = std::make_shared<tarnd::Sample>();
-        sample->system.at = latest_->system.at + 1s;
-        const tarnd::SamplePtr previous = std::exchange(latest_, std::move(sample));
-        return crossing_.Follow(permille, thresholds, previous, latest_);
-    }
-
-    tarnd::SamplePtr latest_ = std::make_shared<tarnd::Sample>();
-    tarnd::Crossing crossing_;
-};
-
-TEST_F(CrossingTest, BeginsWhenAShareHasLastedAndEndsBelowAnother) {
-    const tarnd::Thresholds thresholds{800, 600, 3};
-    EXPECT_EQ(Follow(800, thresholds), Event::kNone);
-    EXPECT_EQ(Follow(900, thresholds), Event::kNone);
-    EXPECT_EQ(Follow(799, thresholds), Event::kNone) << "from the start";
-    EXPECT_EQ(Follow(800, thresholds), Event::kNone);
-    EXPECT_EQ(Follow(800, thresholds), Event::kNone);
-    EXPECT_EQ(Follow(800, thresholds), Event::kBegins);
-    EXPECT_EQ(latest_->system.at - crossing_.Since()->system.at, 3s);
-    EXPECT_EQ(Follow(600, thresholds), Event::kNone);
-    EXPECT_TRUE(crossing_.Over());
-    EXPECT_EQ(Follow(599, thresholds), Event::kEnds);
-    EXPECT_FALSE(crossing_.Over());
-    EXPECT_EQ(Follow(700, thresholds), Event::kNone);
-}
-
-TEST_F(CrossingTest, TakesTheLowestAndTheHighestThresholds) {
-    EXPECT_EQ(Follow(1000, {0, 0, 0}), Event::kNone) << "0 is no threshold";
-    EXPECT_EQ(Follow(999, {1000, 1000, 0}), Event::kNone);
-    EXPECT_EQ(Follow(1000, {1000, 1000, 0}), Event::kBegins);
-    EXPECT_EQ(Follow(1000, {0, 0, 0}), Event::kEnds) << "it is switched off";
-    EXPECT_EQ(Follow(1, {1, 1, 0}), Event::kBegins);
-    EXPECT_EQ(Follow(0, {1, 1, 0}), Event::kEnds);
-    for (int second = 1; second < 3600; ++second) {
-        ASSERT_EQ(Follow(1000, {1, 1, 3600}), Event::kNone);
-    }
-    EXPECT_EQ(Follow(1000, {1, 1, 3600}), Event::kBegins);
-}
-
-// A machine that was suspended, or a sampler that was kept waiting: one sample spans it all.
-TEST_F(CrossingTest, CountsTheTimeBetweenSamplesAndNotTheirNumber) {
-    auto late = std::make_shared<tarnd::Sample>();
-    late->system.at = latest_->system.at + 10s;
-    EXPECT_EQ(crossing_.Follow(900, {800, 800, 5}, latest_, late), Event::kBegins);
+    Pass(1s, 60);
+    EXPECT_EQ(sampler.Before(3s)->system.at, clocks.SteadyNow() - 3s);
+    EXPECT_EQ(sampler.Before(2500ms)->system.at, clocks.SteadyNow() - 3s) << "at least as old as that";
+    clocks.Advance(600ms); // it asks between two samples
+    EXPECT_EQ(sampler.Before(500ms), sampler.Latest());
+    EXPECT_EQ(sampler.Before(700ms)->system.at, clocks.SteadyNow() - 1600ms);
+    EXPECT_EQ(sampler.Last(5s).Length(), 5s) << "from the latest sample, not from now";
+    EXPECT_EQ(sampler.Last(4001ms).Length(), 5s);
+    EXPECT_EQ(sampler.Last({}).Length(), 1s) << "never two times the same sample";
+    EXPECT_EQ(sampler.Last(24h).Length(), 60s) << "as long as there is any";
+    EXPECT_EQ(sampler.Last(1s).to, sampler.Latest());
 }
 
 TEST_F(SamplerTest, CallsItsHooksInOrderAndOutlivesWhatTheyThrow) {
-    std::mutex mutex;
     std::vector<std::pair<tarnd::SamplePtr, tarnd::SamplePtr>> calls;
-    sampler_.OnSample("a hook that fails", [](const auto &, const auto &) { throw std::runtime_error("on purpose"); });
-    sampler_.OnSample("a hook", [&](const auto &previous, const auto &latest) {
-        const std::lock_guard lock(mutex);
-        calls.emplace_back(previous, latest);
-    });
-    sampler_.Start(10ms);
-    ASSERT_TRUE(Samples(10));
-    sampler_.Stop();
-    ASSERT_GE(calls.size(), 9);
-    for (size_t i = 1; i < calls.size(); ++i) {
-        EXPECT_EQ(calls[i].first, calls[i - 1].second);
-    }
+    sampler.OnSample("a hook that fails", [](const auto &, const auto &) { throw std::runtime_error("on purpose"); });
+    sampler.OnSample("a hook", [&](const auto &previous, const auto &latest) { calls.emplace_back(previous, latest); });
+    const tarnd::SamplePtr first = sampler.Latest();
+    Pass(1s, 3);
+    ASSERT_EQ(calls.size(), 3);
+    EXPECT_EQ(calls[0].first, first);
+    EXPECT_EQ(calls[1].first, calls[0].second);
+    EXPECT_EQ(calls[2].first, calls[1].second);
+    EXPECT_EQ(calls[2].second, sampler.Latest());
+}
+
+TEST_F(SamplerTest, KeepsWhatItHasWhereASampleCanNotBeTaken) {
+    Pass(1s);
+    const tarnd::SamplePtr latest = sampler.Latest();
+    int calls = 0;
+    sampler.OnSample("a hook", [&](const auto &, const auto &) { ++calls; });
+    machine.error = EMFILE;
+    EXPECT_THROW(Pass(1s), std::system_error);
+    EXPECT_EQ(sampler.Latest(), latest);
+    EXPECT_EQ(calls, 0);
+    machine.error = 0;
+    Pass(1s);
+    EXPECT_EQ(sampler.Last({}).Length(), 2s);
+    EXPECT_EQ(calls, 1);
 }
 
 } // namespace

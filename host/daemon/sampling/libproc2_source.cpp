@@ -1,4 +1,4 @@
-#include "host/daemon/sampling/sample.h"
+#include "host/daemon/sampling/libproc2_source.h"
 
 #include <libproc2/meminfo.h>
 #include <libproc2/pids.h>
@@ -6,10 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <system_error>
-
-#include "host/osal/log.h"
 
 namespace tarnd {
 
@@ -70,38 +67,12 @@ ProcessSample ProcessOf(const pids_stack *stack) {
     return process;
 }
 
-void ReadThreadTimes(ProcessSample &process) {
-    auto threads = std::make_shared<std::vector<ThreadTimes>>();
-    try {
-        for (const uint32_t tid : host::procfs::Procfs().ThreadIds(process.pid)) {
-            host::procfs::SkipEnded([&] {
-                threads->push_back({tid, host::procfs::Procfs().ReadSchedulerCount(process.pid, tid)});
-            });
-        }
-        process.threads = std::move(threads);
-    } catch (const std::system_error &error) { // ended meanwhile, not ours to see, or no descriptor is left
-        process.threadsError = error.code().value();
-    }
-}
-
 } // namespace
 
-const ProcessSample *Sample::Find(uint32_t pid) const {
-    const auto at = std::lower_bound(processes.begin(), processes.end(), pid,
-                                     [](const ProcessSample &process, uint32_t id) { return process.pid < id; });
-    return at != processes.end() && at->pid == pid ? &*at : nullptr;
-}
-
-const ProcessSample *Sample::Find(const ProcessSample &process) const {
-    const ProcessSample *const found = Find(process.pid);
-    return found != nullptr && found->startTicks == process.startTicks ? found : nullptr;
-}
-
-struct SampleReader::Handles {
+struct Libproc2Source::Handles {
     pids_info *processes = nullptr;
     stat_info *cpus = nullptr;
     meminfo_info *memory = nullptr;
-    bool toldOfMany = false;
 
     ~Handles() {
         if (processes != nullptr) {
@@ -116,25 +87,25 @@ struct SampleReader::Handles {
     }
 };
 
-SampleReader::SampleReader() : handles_(std::make_unique<Handles>()) {
+Libproc2Source::Libproc2Source(const host::procfs::Procfs &proc)
+    : handles_(std::make_unique<Handles>()), threads_(proc) {
     Check(procps_pids_new(&handles_->processes, kProcessItems, std::size(kProcessItems)), "the list of processes");
     Check(procps_stat_new(&handles_->cpus), "/proc/stat");
     Check(procps_meminfo_new(&handles_->memory), "/proc/meminfo");
 }
 
-SampleReader::~SampleReader() = default;
+Libproc2Source::~Libproc2Source() = default;
 
-std::shared_ptr<const Sample> SampleReader::Read(const Sample *previous) {
-    auto sample = std::make_shared<Sample>();
-    sample->system.time = std::chrono::system_clock::now();
-    sample->system.at = std::chrono::steady_clock::now();
-    ReadCpus(*sample);
-    ReadMemory(sample->system.memory);
-    ReadProcesses(*sample, previous);
+Sample Libproc2Source::Read(const Sample *previous) {
+    Sample sample;
+    ReadCpus(sample);
+    ReadMemory(sample.system.memory);
+    ReadProcesses(sample.processes);
+    threads_.AddThreads(sample.processes, previous);
     return sample;
 }
 
-void SampleReader::ReadCpus(Sample &sample) {
+void Libproc2Source::ReadCpus(Sample &sample) {
     const stat_reaped *const read =
         Check(procps_stat_reap(handles_->cpus, STAT_REAP_CPUS_ONLY, kCpuItems, std::size(kCpuItems)), "/proc/stat");
     sample.system.cpu = TicksOf(read->summary);
@@ -149,7 +120,7 @@ void SampleReader::ReadCpus(Sample &sample) {
     sample.system.runnable = static_cast<uint32_t>(count(STAT_SYS_PROC_RUNNING));
 }
 
-void SampleReader::ReadMemory(MemorySample &memory) {
+void Libproc2Source::ReadMemory(MemorySample &memory) {
     const meminfo_stack *const read =
         Check(procps_meminfo_select(handles_->memory, kMemoryItems, std::size(kMemoryItems)), "/proc/meminfo");
     uint64_t *const to[] = {&memory.total, &memory.available, &memory.free,      &memory.buffers, &memory.cached,
@@ -160,39 +131,14 @@ void SampleReader::ReadMemory(MemorySample &memory) {
     }
 }
 
-void SampleReader::ReadProcesses(Sample &sample, const Sample *previous) {
+void Libproc2Source::ReadProcesses(std::vector<ProcessSample> &processes) {
     const pids_fetch *const read =
         Check(procps_pids_reap(handles_->processes, PIDS_FETCH_TASKS_ONLY), "the list of processes");
     for (int i = 0; i < read->counts->total; ++i) {
-        sample.processes.push_back(ProcessOf(read->stacks[i]));
+        processes.push_back(ProcessOf(read->stacks[i]));
     }
-    std::sort(sample.processes.begin(), sample.processes.end(),
+    std::sort(processes.begin(), processes.end(),
               [](const ProcessSample &a, const ProcessSample &b) { return a.pid < b.pid; });
-    bool many = sample.processes.size() > kMaxSampledProcesses;
-    if (many) {
-        sample.processes.resize(kMaxSampledProcesses);
-    }
-    size_t threadNum = 0;
-    for (ProcessSample &process : sample.processes) {
-        if (threadNum + process.threadNum > kMaxSampledThreads) {
-            many = true;
-            break;
-        }
-        threadNum += process.threadNum;
-        const ProcessSample *const before = previous == nullptr ? nullptr : previous->Find(process);
-        const bool idle = before != nullptr && before->threads != nullptr && before->cpuTicks == process.cpuTicks &&
-                          before->threadNum == process.threadNum;
-        if (idle) {
-            process.threads = before->threads;
-        } else {
-            ReadThreadTimes(process);
-        }
-    }
-    if (many && !handles_->toldOfMany) {
-        host::Log().warn("more processes or threads than are sampled: {} and {}", kMaxSampledProcesses,
-                         kMaxSampledThreads);
-    }
-    handles_->toldOfMany = many;
 }
 
 } // namespace tarnd

@@ -81,28 +81,4 @@ struct Sample {
     const ProcessSample *Find(const ProcessSample &process) const;
 };
 
-// Takes samples, for one thread.
-class SampleReader {
-public:
-    SampleReader();
-    ~SampleReader();
-    SampleReader(const SampleReader &) = delete;
-    SampleReader &operator=(const SampleReader &) = delete;
-
-    // `previous`, which may be null, says which processes have been idle since.
-    std::shared_ptr<const Sample> Read(const Sample *previous);
-
-private:
-    void ReadCpus(Sample &sample);
-    void ReadMemory(MemorySample &memory);
-    void ReadProcesses(Sample &sample, const Sample *previous);
-
-    struct Handles;
-    const std::unique_ptr<Handles> handles_;
-};
-
-// At most this many processes and threads are sampled: the oldest. The machine that has more is told of in the log.
-constexpr size_t kMaxSampledProcesses = 8192;
-constexpr size_t kMaxSampledThreads = 16384;
-
 } // namespace tarnd

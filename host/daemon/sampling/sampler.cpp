@@ -4,9 +4,8 @@
 
 #include <algorithm>
 
-#include "host/answer/answer.h"
+#include "host/osal/attempt.h"
 #include "host/osal/log.h"
-#include "host/osal/thread.h"
 
 namespace tarnd {
 
@@ -37,39 +36,43 @@ std::chrono::nanoseconds CpuTimeOfThread() {
 
 } // namespace
 
-void Sampler::OnSample(const char *name, Hook hook) {
-    hooks_.emplace_back(name, std::move(hook));
+Sampler::Sampler(SampleSource &source, const host::Clocks &clocks, std::chrono::milliseconds interval)
+    : source_(source), clocks_(clocks), interval_(interval) {
+    Read(nullptr);
 }
 
-void Sampler::Start(std::chrono::milliseconds interval) {
-    interval_ = interval;
-    TakeSample();
-    thread_ = host::StartThread("sampler", [this](const std::stop_token &stop) { Run(stop); });
-}
-
-void Sampler::Stop() {
-    if (!thread_.joinable()) {
-        return;
-    }
-    thread_ = {};
+Sampler::~Sampler() {
     const auto us = [](std::chrono::nanoseconds time) { return time.count() / 1000; };
+    const host::MutexLock lock(mutex_);
     host::Log().info("{} samples of {} processes: {} us of CPU time each, {} us the longest", cost_.samples,
                      whole_.back()->processes.size(), us(cost_.cpu) / static_cast<int64_t>(cost_.samples),
                      us(cost_.longest));
 }
 
+void Sampler::OnSample(const char *name, Hook hook) {
+    hooks_.emplace_back(name, std::move(hook));
+}
+
+void Sampler::Take() {
+    const SamplePtr previous = Latest();
+    const SamplePtr latest = Read(previous.get());
+    for (const auto &[name, hook] : hooks_) {
+        host::Attempt(name, [&, &call = hook] { call(previous, latest); });
+    }
+}
+
 SamplePtr Sampler::Latest() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return whole_.back();
 }
 
 SamplePtr Sampler::Before(std::chrono::nanoseconds age) const {
-    const std::lock_guard lock(mutex_);
-    return NewestBefore(std::chrono::steady_clock::now() - age);
+    const host::MutexLock lock(mutex_);
+    return NewestBefore(clocks_.SteadyNow() - age);
 }
 
 Sampler::Window Sampler::Last(std::chrono::nanoseconds age) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (whole_.size() < 2) {
         throw std::system_error(EAGAIN, std::generic_category(), "the second sample has not been taken yet");
     }
@@ -78,27 +81,27 @@ Sampler::Window Sampler::Last(std::chrono::nanoseconds age) const {
     return {NewestBefore(std::min(last, latest->system.at - age)), latest};
 }
 
-SamplePtr Sampler::NewestBefore(std::chrono::steady_clock::time_point when) const {
+SamplePtr Sampler::NewestBefore(host::SteadyTime when) const {
     const auto sample = std::find_if(whole_.rbegin(), whole_.rend(),
                                      [&](const SamplePtr &candidate) { return candidate->system.at <= when; });
     return sample == whole_.rend() ? whole_.front() : *sample;
 }
 
 std::vector<SamplePtr> Sampler::Recent(size_t number) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const size_t skip = whole_.size() - std::min(number, whole_.size());
     return {whole_.begin() + static_cast<ptrdiff_t>(skip), whole_.end()};
 }
 
 std::vector<SystemSample> Sampler::History() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return {system_.begin(), system_.end()};
 }
 
 std::vector<ProcessPoint> Sampler::HistoryOf(uint32_t pid) const {
     std::vector<SamplePtr> samples;
     {
-        const std::lock_guard lock(mutex_);
+        const host::MutexLock lock(mutex_);
         for (const SamplePtr &sample : coarse_) {
             if (sample->system.at < whole_.front()->system.at) {
                 samples.push_back(sample);
@@ -121,44 +124,23 @@ std::vector<ProcessPoint> Sampler::HistoryOf(uint32_t pid) const {
 }
 
 Sampler::Cost Sampler::TheCost() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return cost_;
 }
 
-void Sampler::Run(const std::stop_token &stop) {
-    auto next = std::chrono::steady_clock::now() + std::min(kFirstInterval, interval_);
-    // Without a burst of those missed when one takes long.
-    for (;; next = std::max(next + interval_, std::chrono::steady_clock::now())) {
-        {
-            std::unique_lock lock(mutex_);
-            wake_.wait_until(lock, stop, next, [] { return false; });
-        }
-        if (stop.stop_requested()) {
-            return;
-        }
-        host::Run("the sampler", [this] { TakeSample(); });
-    }
-}
-
-void Sampler::TakeSample() {
-    SamplePtr previous;
-    {
-        const std::lock_guard lock(mutex_);
-        previous = whole_.empty() ? nullptr : whole_.back();
-    }
-    const auto start = std::chrono::steady_clock::now();
+SamplePtr Sampler::Read(const Sample *previous) {
     const std::chrono::nanoseconds cpuStart = CpuTimeOfThread();
-    const SamplePtr latest = reader_.Read(previous.get());
-    Keep(latest, CpuTimeOfThread() - cpuStart, std::chrono::steady_clock::now() - start);
-    if (previous != nullptr) {
-        for (const auto &[name, hook] : hooks_) {
-            host::Run(name, [&, &call = hook] { call(previous, latest); });
-        }
-    }
+    const host::WallTime time = clocks_.WallNow();
+    const host::SteadyTime at = clocks_.SteadyNow();
+    auto sample = std::make_shared<Sample>(source_.Read(previous));
+    sample->system.time = time;
+    sample->system.at = at;
+    Keep(sample, CpuTimeOfThread() - cpuStart, clocks_.SteadyNow() - at);
+    return sample;
 }
 
 void Sampler::Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (cost_.samples++ % kCoarseEvery == 0) {
         Push(coarse_, WithoutThreads(*sample), kCoarseSamples);
     }

@@ -1,17 +1,16 @@
 // Samples the system each second, and keeps what was seen: rates are differences of samples, so whoever asks for one
-// need not wait. Every function may be called by any thread.
+// need not wait. Every function but OnSample and Take may be called by any thread.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
 #include <vector>
 
-#include "host/daemon/sampling/sample.h"
+#include "host/clock/clocks.h"
+#include "host/daemon/sampling/sample_source.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
@@ -19,8 +18,8 @@ using SamplePtr = std::shared_ptr<const Sample>;
 
 // What of a process is kept for an hour.
 struct ProcessPoint {
-    std::chrono::system_clock::time_point time;
-    std::chrono::steady_clock::time_point at;
+    host::WallTime time;
+    host::SteadyTime at;
     uint64_t cpuTicks = 0;
     uint64_t rssKb = 0;
     uint32_t threadNum = 0;
@@ -36,20 +35,23 @@ public:
     static constexpr size_t kCoarseSamples = 60;
     static constexpr size_t kCoarseEvery = kSystemSamples / kCoarseSamples;
     static constexpr std::chrono::milliseconds kDefaultInterval{1000};
-    static constexpr std::chrono::milliseconds kFirstInterval{100}; // so that there are rates soon after the start
 
-    // To be called before Start. The function is called on the sampler's thread after each sample but the first, with
-    // the one before it; it delays the next sample while it runs, and what it throws is logged.
+    // Takes the first sample at once and throws when it can't.
+    Sampler(SampleSource &source, const host::Clocks &clocks, std::chrono::milliseconds interval = kDefaultInterval);
+    Sampler(const Sampler &) = delete;
+    Sampler &operator=(const Sampler &) = delete;
+    ~Sampler();
+
+    // Before the second sample. The function is called after each sample but the first, with the one before it; it
+    // delays the next sample while it runs, and what it throws is logged.
     using Hook = std::function<void(const SamplePtr &previous, const SamplePtr &latest)>;
     void OnSample(const char *name, Hook hook);
 
-    // Takes the first sample at once and throws when it can't.
-    void Start(std::chrono::milliseconds interval = kDefaultInterval);
-    void Stop();
-
+    // Takes the next sample. The interval is that at which it is to be called, by one thread.
+    void Take();
     std::chrono::milliseconds Interval() const { return interval_; }
 
-    // Never null after Start.
+    // Never null.
     SamplePtr Latest() const;
 
     // The newest whole sample that is at least `age` old, or else the oldest that is kept.
@@ -83,23 +85,20 @@ public:
     Cost TheCost() const;
 
 private:
-    SamplePtr NewestBefore(std::chrono::steady_clock::time_point when) const;
-    void Run(const std::stop_token &stop);
-    void TakeSample();
+    SamplePtr Read(const Sample *previous);
     void Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed);
+    SamplePtr NewestBefore(host::SteadyTime when) const TARN_REQUIRES(mutex_);
 
-    std::chrono::milliseconds interval_ = kDefaultInterval;
+    SampleSource &source_;
+    const host::Clocks &clocks_;
+    const std::chrono::milliseconds interval_;
     std::vector<std::pair<const char *, Hook>> hooks_;
-    SampleReader reader_;
 
-    mutable std::mutex mutex_;
-    std::condition_variable_any wake_;
-    Cost cost_;
-    std::deque<SamplePtr> whole_;
-    std::deque<SamplePtr> coarse_;
-    std::deque<SystemSample> system_;
-
-    std::jthread thread_; // ends before what it uses
+    mutable host::Mutex mutex_;
+    Cost cost_ TARN_GUARDED_BY(mutex_);
+    std::deque<SamplePtr> whole_ TARN_GUARDED_BY(mutex_);
+    std::deque<SamplePtr> coarse_ TARN_GUARDED_BY(mutex_);
+    std::deque<SystemSample> system_ TARN_GUARDED_BY(mutex_);
 };
 
 Sampler &TheSampler();

@@ -1,0 +1,71 @@
+#include "tests/host/method_kit.h"
+
+#include <cerrno>
+
+#include "host/runtime/reply.h"
+
+namespace {
+
+thread_local kit::ReplyContext *running = nullptr;
+
+kit::ReplyContext *ContextOf(void *replyCtx) {
+    return replyCtx == nullptr ? running : static_cast<kit::ReplyContext *>(replyCtx);
+}
+
+uint32_t Take(void *replyCtx, void *record, uint32_t status) {
+    auto &context = *static_cast<kit::ReplyContext *>(replyCtx);
+    {
+        const std::lock_guard lock(context.mutex);
+        if (context.record != nullptr || context.status != 0) {
+            return EALREADY;
+        }
+        context.record = record;
+        context.status = status;
+    }
+    context.changed.notify_all();
+    return 0;
+}
+
+} // namespace
+
+namespace kit {
+
+RunningMethod::RunningMethod(ReplyContext &context) {
+    running = &context;
+}
+
+RunningMethod::~RunningMethod() {
+    running = nullptr;
+}
+
+} // namespace kit
+
+// The program's take the place of the runtime's.
+
+uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse) {
+    return pReplyCtx == nullptr || pResponse == nullptr ? EINVAL : Take(pReplyCtx, pResponse, 0);
+}
+
+uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus) {
+    return pReplyCtx == nullptr || uiStatus == 0 ? EINVAL : Take(pReplyCtx, nullptr, uiStatus);
+}
+
+void TarnHost_Explain(const char *pcReason) {
+    if (running != nullptr) {
+        const std::lock_guard lock(running->mutex);
+        running->reason = pcReason;
+    }
+}
+
+uint32_t TarnHost_Cancelled(void *pReplyCtx) {
+    kit::ReplyContext *const context = ContextOf(pReplyCtx);
+    if (context == nullptr) {
+        return 0;
+    }
+    const std::lock_guard lock(context->mutex);
+    return context->cancelled;
+}
+
+uint32_t TarnHost_RemainingMs(void *) {
+    return UINT32_MAX;
+}
