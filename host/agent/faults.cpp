@@ -24,6 +24,7 @@
 #include "host/agent/stack.h"
 #include "host/agent/tarn_agent.h"
 #include "host/blackbox/box.h"
+#include "host/osal/descriptor.h"
 #include "host/osal/log.h"
 
 namespace agent {
@@ -31,11 +32,11 @@ namespace agent {
 namespace {
 
 using host::blackbox::Box;
-using host::blackbox::Frame;
-using host::blackbox::Head;
-using host::blackbox::Kind;
-using host::blackbox::Slot;
-using host::blackbox::Stack;
+using host::blackbox::FaultHead;
+using host::blackbox::FaultKind;
+using host::blackbox::FaultSlot;
+using host::blackbox::FaultStack;
+using host::blackbox::StackFrame;
 
 // All that the signal handler knows, to which nobody hands an object. It is set before the handlers are installed,
 // except for the box, which shutting down takes away.
@@ -44,8 +45,8 @@ struct HandlerState {
     std::atomic<int> writerNum = 0;
     std::atomic<uint32_t> faultNum = 0;
     std::array<struct sigaction, kFaultSignals.size()> previous{};
-    char agentName[sizeof Head::agent]{};
-    char processName[sizeof Head::process]{};
+    char agentName[sizeof FaultHead::agent]{};
+    char processName[sizeof FaultHead::process]{};
 };
 constinit HandlerState handlerState;
 
@@ -57,13 +58,13 @@ void Copy(char (&to)[kSize], std::string_view from) {
     memcpy(to, from.data(), length);
 }
 
-void AddRegister(Head &head, const char *name, uint64_t value) {
+void AddRegister(FaultHead &head, const char *name, uint64_t value) {
     auto &one = head.registers[head.registerNum++];
     Copy(one.name, name);
     one.value = value;
 }
 
-void AddRegisters(Head &head, const ucontext_t &context) {
+void AddRegisters(FaultHead &head, const ucontext_t &context) {
 #if defined(__x86_64__)
     static constexpr struct {
         int index;
@@ -87,7 +88,7 @@ void AddRegisters(Head &head, const ucontext_t &context) {
 #endif
 }
 
-void FillHead(Head &head, Kind kind, const ucontext_t &context) {
+void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
     memset(&head, 0, sizeof head);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -104,10 +105,7 @@ void FillHead(Head &head, Kind kind, const ucontext_t &context) {
 // The lines of a file, read without allocating. Lines beyond the buffer are cut.
 class Lines {
 public:
-    explicit Lines(const char *path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {}
-    ~Lines() { close(fd_); }
-    Lines(const Lines &) = delete;
-    Lines &operator=(const Lines &) = delete;
+    explicit Lines(const char *path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
 
     // False at the end.
     bool Next(std::string_view &line) {
@@ -127,7 +125,7 @@ public:
 private:
     bool Take(char &c) {
         if (at_ == end_) {
-            const ssize_t got = read(fd_, buffer_, sizeof buffer_);
+            const ssize_t got = read(file_.Fd(), buffer_, sizeof buffer_);
             if (got <= 0) {
                 return false;
             }
@@ -138,7 +136,7 @@ private:
         return true;
     }
 
-    const int fd_;
+    const host::Descriptor file_;
     char buffer_[4096];
     char line_[512];
     size_t at_ = 0, end_ = 0;
@@ -160,7 +158,7 @@ uint64_t TakeHex(std::string_view &text) {
 }
 
 // Names the files that the addresses lie in. A line of maps: start-end permissions offset device inode path.
-void FillModules(Stack &stack) {
+void FillModules(FaultStack &stack) {
     Lines maps("/proc/self/maps");
     for (std::string_view line; maps.Next(line);) {
         const size_t path = line.rfind('/');
@@ -179,11 +177,11 @@ void FillModules(Stack &stack) {
 }
 
 // `isExact` when the first address is where the thread stopped rather than one that a call returns to.
-void FillStack(Stack &stack, std::span<const uint64_t> addresses, bool isExact) {
+void FillStack(FaultStack &stack, std::span<const uint64_t> addresses, bool isExact) {
     memset(&stack, 0, sizeof stack);
     for (const uint64_t address : addresses) {
         const uint64_t back = isExact && stack.frameNum == 0 ? 0 : 1;
-        Frame &frame = stack.frames[stack.frameNum++];
+        StackFrame &frame = stack.frames[stack.frameNum++];
         frame.address = address;
         frame.offset = FunctionAt(address - back, frame.function) + back;
     }
@@ -213,8 +211,8 @@ void RecordSignal(int signal, const siginfo_t &info, void *context) {
         return;
     }
     ++handlerState.faultNum;
-    Slot &slot = writing.OpenBox()->Take();
-    FillHead(slot.head, Kind::kException, *static_cast<const ucontext_t *>(context));
+    FaultSlot &slot = writing.OpenBox()->Take();
+    FillHead(slot.head, FaultKind::kException, *static_cast<const ucontext_t *>(context));
     slot.head.signal = signal;
     slot.head.code = info.si_code;
     slot.head.address = reinterpret_cast<uint64_t>(info.si_addr);
@@ -397,10 +395,10 @@ void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigne
         return;
     }
     ++agent::handlerState.faultNum;
-    agent::Slot &slot = writing.OpenBox()->Take();
+    agent::FaultSlot &slot = writing.OpenBox()->Take();
     ucontext_t context;
     getcontext(&context);
-    agent::FillHead(slot.head, agent::Kind::kAssertion, context);
+    agent::FillHead(slot.head, agent::FaultKind::kAssertion, context);
     agent::Append(slot.head.text, expression);
     agent::Append(slot.head.text, " in ");
     agent::Append(slot.head.text, function);

@@ -9,53 +9,42 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <system_error>
+
+#include "host/osal/descriptor.h"
 
 namespace host::blackbox {
 
 namespace {
 
-class Descriptor {
-public:
-    explicit Descriptor(const std::filesystem::path &path)
-        : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
-        Check(fd_, path);
+host::Descriptor Open(const std::filesystem::path &path) {
+    return host::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), path.string());
+}
+
+void Check(int result, const std::filesystem::path &path) {
+    if (result != 0) {
+        host::Fail(errno, path.string());
     }
-    ~Descriptor() { close(fd_); }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    operator int() const { return fd_; }
-
-    static void Check(int result, const std::filesystem::path &path) {
-        if (result < 0) {
-            throw std::system_error(errno, std::generic_category(), path.string());
-        }
-    }
-
-private:
-    const int fd_;
-};
+}
 
 bool IsBlackBox(int fd, off_t size) {
     FileHeader header;
     return size == static_cast<off_t>(kFileBytes) && pread(fd, &header, sizeof header, 0) == sizeof header &&
            memcmp(header.magic, kMagic, sizeof kMagic) == 0 && header.slotNum == kSlotNum &&
-           header.slotBytes == sizeof(Slot);
+           header.slotBytes == sizeof(FaultSlot);
 }
 
 // The magic comes last: a file is a black box when all of it is there.
 void Format(int fd, const std::filesystem::path &path) {
     if (const int error = posix_fallocate(fd, 0, kFileBytes); error != 0) {
-        Descriptor::Check(ftruncate(fd, 0), path);
-        throw std::system_error(error, std::generic_category(), path.string());
+        Check(ftruncate(fd, 0), path);
+        host::Fail(error, path.string());
     }
     FileHeader header{};
     header.slotNum = kSlotNum;
-    header.slotBytes = sizeof(Slot);
+    header.slotBytes = sizeof(FaultSlot);
     memcpy(header.magic, kMagic, sizeof kMagic);
     if (pwrite(fd, &header, sizeof header, 0) != sizeof header) {
-        throw std::system_error(errno, std::generic_category(), path.string());
+        host::Fail(errno, path.string());
     }
 }
 
@@ -73,10 +62,11 @@ std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid) 
 
 Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {
     for (;;) {
-        const Descriptor fd(file);
-        Descriptor::Check(flock(fd, LOCK_EX), file);
+        const host::Descriptor descriptor = Open(file);
+        const int fd = descriptor.Fd();
+        Check(flock(fd, LOCK_EX), file);
         struct stat status {};
-        Descriptor::Check(fstat(fd, &status), file);
+        Check(fstat(fd, &status), file);
         if (!IsCurrent(status, file)) {
             continue;
         }
@@ -89,7 +79,7 @@ Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {
         }
         map_ = mmap(nullptr, kFileBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (map_ == MAP_FAILED) {
-            throw std::system_error(errno, std::generic_category(), file.string());
+            host::Fail(errno, file.string());
         }
         flock(fd, LOCK_UN); // which closing does not do, as the mapping keeps the file open
         return;
@@ -100,20 +90,20 @@ Box::~Box() {
     munmap(map_, kFileBytes);
 }
 
-Slot &Box::Take() const {
+FaultSlot &Box::Take() const {
     auto &header = *static_cast<FileHeader *>(map_);
-    auto *const slots = reinterpret_cast<Slot *>(static_cast<char *>(map_) + sizeof(FileHeader));
+    auto *const slots = reinterpret_cast<FaultSlot *>(static_cast<char *>(map_) + sizeof(FileHeader));
     const uint64_t sequence = header.lastSequence.fetch_add(1) + 1;
-    Slot &slot = slots[(sequence - 1) % kSlotNum];
+    FaultSlot &slot = slots[(sequence - 1) % kSlotNum];
     slot.sequence = sequence;
     return slot;
 }
 
-void Box::SealHead(Slot &slot) {
+void Box::SealHead(FaultSlot &slot) {
     slot.headCheck = CheckOf(slot.sequence, slot.head);
 }
 
-void Box::SealStack(Slot &slot) {
+void Box::SealStack(FaultSlot &slot) {
     slot.stackCheck = CheckOf(slot.sequence, slot.stack);
 }
 

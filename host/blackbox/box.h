@@ -22,11 +22,11 @@ public:
     Box &operator=(const Box &) = delete;
 
     // A slot for the caller alone, unless kSlotNum others take one meanwhile. Its parts hold what an older record left.
-    Slot &Take() const;
+    FaultSlot &Take() const;
 
     // Completes a part of a slot.
-    static void SealHead(Slot &slot);
-    static void SealStack(Slot &slot);
+    static void SealHead(FaultSlot &slot);
+    static void SealStack(FaultSlot &slot);
 
 private:
     void *map_ = nullptr;

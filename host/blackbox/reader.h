@@ -12,16 +12,16 @@
 
 namespace host::blackbox {
 
-struct Record {
+struct FaultRecord {
     std::filesystem::path file;
     uint64_t sequence;
     bool hasStack; // else its writer was killed, or failed, before it had written it
-    Head head;
-    Stack stack;
+    FaultHead head;
+    FaultStack stack;
 };
 
 struct Contents {
-    std::vector<Record> records;      // the newest first
+    std::vector<FaultRecord> records; // the newest first
     size_t damaged = 0;               // slots whose record is not whole
     std::vector<std::string> refused; // files that are left out, and why
 };
@@ -31,6 +31,6 @@ Contents Read(const std::filesystem::path &runDir);
 
 // Erases the records that a function chooses and, when asked to, what is left of damaged ones. The number. A
 // file that can't be written throws, after the others are done.
-size_t Erase(const std::filesystem::path &runDir, const std::function<bool(const Head &)> &chosen, bool damaged);
+size_t Erase(const std::filesystem::path &runDir, const std::function<bool(const FaultHead &)> &chosen, bool damaged);
 
 } // namespace host::blackbox

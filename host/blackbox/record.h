@@ -11,16 +11,16 @@
 
 namespace host::blackbox {
 
-enum class Kind : uint32_t { kException = 1, kAssertion = 2 };
+enum class FaultKind : uint32_t { kException = 1, kAssertion = 2 };
 
-struct Register {
+struct CpuRegister {
     char name[8];
     uint64_t value;
 };
 
 // What is known at once. Texts are terminated.
-struct Head {
-    Kind kind;
+struct FaultHead {
+    FaultKind kind;
     uint32_t pid;
     uint32_t tid;
     int32_t signal; // 0 for an assertion
@@ -32,10 +32,10 @@ struct Head {
     char process[16];
     char thread[16];
     char text[256]; // an assertion's expression and place
-    Register registers[34];
+    CpuRegister registers[34];
 };
 
-struct Frame {
+struct StackFrame {
     uint64_t address;
     uint64_t offset; // from the function's start
     char function[128];
@@ -44,18 +44,18 @@ struct Frame {
 
 constexpr uint32_t kFrameNum = 32;
 
-struct Stack {
+struct FaultStack {
     uint64_t frameNum;
-    Frame frames[kFrameNum];
+    StackFrame frames[kFrameNum];
 };
 
-struct Slot {
+struct FaultSlot {
     std::atomic<uint64_t> sequence; // of the record, counted from 1; 0: never written
     std::atomic<uint64_t> erased;   // the sequence of the record that was erased last
     uint32_t headCheck;
     uint32_t stackCheck;
-    Head head;
-    Stack stack;
+    FaultHead head;
+    FaultStack stack;
 };
 
 struct FileHeader {
@@ -67,10 +67,10 @@ struct FileHeader {
 
 constexpr char kMagic[8] = {'t', 'a', 'r', 'n', 'b', 'b', '0', '1'};
 constexpr uint32_t kSlotNum = 64;
-constexpr size_t kFileBytes = sizeof(FileHeader) + kSlotNum * sizeof(Slot);
+constexpr size_t kFileBytes = sizeof(FileHeader) + kSlotNum * sizeof(FaultSlot);
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "processes share them");
-static_assert(sizeof(FileHeader) % alignof(Slot) == 0);
+static_assert(sizeof(FileHeader) % alignof(FaultSlot) == 0);
 
 // CRC-32 of Ethernet. Our own: a signal handler may use nothing of which a library does not say that it may.
 constexpr std::array<uint32_t, 256> kCrcTable = [] {

@@ -18,9 +18,9 @@ namespace {
 using namespace std::chrono_literals;
 using host::blackbox::Box;
 using host::blackbox::Contents;
-using host::blackbox::Head;
-using host::blackbox::Kind;
-using host::blackbox::Slot;
+using host::blackbox::FaultHead;
+using host::blackbox::FaultKind;
+using host::blackbox::FaultSlot;
 
 size_t CountOf(const std::string &text, const std::string &part) {
     size_t count = 0;
@@ -174,13 +174,13 @@ TEST_F(FaultTest, TellsATornRecordFromAWholeOne) {
     const uint32_t newer = Crash("crash segv");
     const auto overwrite = [&](size_t offset) {
         std::fstream file(box_, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(sizeof(host::blackbox::FileHeader) + sizeof(Slot) + offset));
+        file.seekp(static_cast<std::streamoff>(sizeof(host::blackbox::FileHeader) + sizeof(FaultSlot) + offset));
         file.write("torn", 4);
     };
-    overwrite(offsetof(Slot, stack) + 100);
+    overwrite(offsetof(FaultSlot, stack) + 100);
     EXPECT_TRUE(Has(Exceptions(newer).text, "no stack: ")) << "what was written first is still good";
     EXPECT_TRUE(Has(Exceptions(newer).text, "SIGSEGV"));
-    overwrite(offsetof(Slot, head) + 100);
+    overwrite(offsetof(FaultSlot, head) + 100);
     EXPECT_EQ(Exceptions(newer).matches, 0);
     EXPECT_EQ(Exceptions(older).matches, 1);
     EXPECT_TRUE(Has(Exceptions(older).text, "WriteThroughNull+"));
@@ -217,14 +217,14 @@ protected:
         waitpid(pid, nullptr, 0);
     }
 
-    static void Fill(Slot &slot, uint32_t pid) {
+    static void Fill(FaultSlot &slot, uint32_t pid) {
         memset(&slot.head, 0, sizeof slot.head);
-        slot.head.kind = Kind::kException;
+        slot.head.kind = FaultKind::kException;
         slot.head.pid = pid;
         slot.head.timeNs = pid;
     }
     static void WriteWhole(const Box &box, uint32_t pid) {
-        Slot &slot = box.Take();
+        FaultSlot &slot = box.Take();
         Fill(slot, pid);
         Box::SealHead(slot);
         memset(&slot.stack, 0, sizeof slot.stack);
@@ -240,7 +240,7 @@ TEST_F(BoxTest, SurvivesAWriterThatIsKilledAnywhere) {
     InKilledProcess([](const Box &box) { box.Take(); });
     InKilledProcess([](const Box &box) { Fill(box.Take(), 3); });
     InKilledProcess([](const Box &box) {
-        Slot &slot = box.Take();
+        FaultSlot &slot = box.Take();
         Fill(slot, 4);
         Box::SealHead(slot);
         slot.stack.frameNum = 7;
@@ -296,7 +296,7 @@ TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
     EXPECT_EQ(contents.records.size() + contents.damaged, host::blackbox::kSlotNum);
     EXPECT_LE(contents.damaged, kWriters) << "writers that were overtaken by a whole round";
     std::set<uint64_t> sequences;
-    for (const host::blackbox::Record &record : contents.records) {
+    for (const host::blackbox::FaultRecord &record : contents.records) {
         EXPECT_GT(record.sequence, kWriters * kEach - host::blackbox::kSlotNum);
         EXPECT_TRUE(sequences.insert(record.sequence).second);
     }
@@ -304,7 +304,7 @@ TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
 
 TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
     InKilledProcess([](const Box &box) {
-        Slot &slot = box.Take();
+        FaultSlot &slot = box.Take();
         memset(&slot.head, 'x', sizeof slot.head);
         Box::SealHead(slot);
         memset(&slot.stack, 'x', sizeof slot.stack);
@@ -312,7 +312,7 @@ TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
     });
     const Contents contents = host::blackbox::Read(dir_.Path());
     ASSERT_EQ(contents.records.size(), 1);
-    const host::blackbox::Record &record = contents.records[0];
+    const host::blackbox::FaultRecord &record = contents.records[0];
     EXPECT_EQ(record.head.registerNum, std::size(record.head.registers));
     EXPECT_EQ(record.stack.frameNum, host::blackbox::kFrameNum);
     EXPECT_EQ(strlen(record.head.text), sizeof record.head.text - 1);

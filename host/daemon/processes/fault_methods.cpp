@@ -19,10 +19,10 @@ namespace tarnd {
 namespace {
 
 using host::blackbox::Contents;
-using host::blackbox::Frame;
-using host::blackbox::Head;
-using host::blackbox::Kind;
-using host::blackbox::Record;
+using host::blackbox::FaultHead;
+using host::blackbox::FaultKind;
+using host::blackbox::FaultRecord;
+using host::blackbox::StackFrame;
 
 const char *CauseText(int signal, int code) {
     static constexpr struct {
@@ -42,7 +42,7 @@ const char *CauseText(int signal, int code) {
     return code <= 0 ? "sent by a process" : "raised by the kernel";
 }
 
-std::string SignalText(const Head &head) {
+std::string SignalText(const FaultHead &head) {
     const char *const name = sigabbrev_np(head.signal);
     std::string text = fmt::format("signal {} SIG{}, {}", head.signal, name == nullptr ? "?" : name,
                                    CauseText(head.signal, head.code));
@@ -52,7 +52,7 @@ std::string SignalText(const Head &head) {
     return text;
 }
 
-std::string FunctionText(const Frame &frame) {
+std::string FunctionText(const StackFrame &frame) {
     if (frame.function[0] == 0) {
         return "?";
     }
@@ -63,13 +63,13 @@ std::string FunctionText(const Frame &frame) {
     return text;
 }
 
-std::string RecordText(const Record &record) {
-    const Head &head = record.head;
+std::string RecordText(const FaultRecord &record) {
+    const FaultHead &head = record.head;
     std::string text =
         fmt::format("{}.{:03} process {} ({}), thread {} ({}), agent {}\n  {}\n",
                     TimeText(static_cast<time_t>(head.timeNs / 1000000000)), head.timeNs / 1000000 % 1000, head.pid,
                     Printable(head.process), head.tid, Printable(head.thread), Printable(head.agent),
-                    head.kind == Kind::kException ? SignalText(head) : "assertion " + Printable(head.text));
+                    head.kind == FaultKind::kException ? SignalText(head) : "assertion " + Printable(head.text));
     for (uint32_t i = 0; i < head.registerNum; ++i) {
         text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", Printable(head.registers[i].name),
                             head.registers[i].value, i % 4 == 3 || i + 1 == head.registerNum ? "\n" : "");
@@ -78,7 +78,7 @@ std::string RecordText(const Record &record) {
         return text + "  no stack: the process was killed while it wrote the record, or is writing it\n";
     }
     for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
-        const Frame &frame = record.stack.frames[i];
+        const StackFrame &frame = record.stack.frames[i];
         text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, Printable(FunctionText(frame)),
                             frame.module[0] == 0 ? "?" : Printable(frame.module));
     }
@@ -86,13 +86,13 @@ std::string RecordText(const Record &record) {
 }
 
 struct Query {
-    Kind kind;
+    FaultKind kind;
     uint32_t pid;
     int32_t signal;
     uint32_t skip;
     uint32_t limit;
 
-    bool Matches(const Head &head) const {
+    bool Matches(const FaultHead &head) const {
         return head.kind == kind && (pid == 0 || head.pid == pid) && (signal == 0 || head.signal == signal);
     }
 };
@@ -102,7 +102,7 @@ template <class Reply>
 void Fill(Reply &reply, const Query &query) {
     const Contents contents = host::blackbox::Read(TheSettings().runDirectory);
     std::string text;
-    for (const Record &record : contents.records) {
+    for (const FaultRecord &record : contents.records) {
         if (query.Matches(record.head)) {
             const uint32_t index = reply.uiValue1++;
             if (index >= query.skip && (query.limit == 0 || index - query.skip < query.limit)) {
@@ -124,7 +124,7 @@ void Reset(uint32_t kind, uint32_t pid) {
     if (kind > TARND_BLACK_BOX_ASSERTIONS) {
         throw host::BadValue("uiValue1", kind, "0 all, 1 exceptions or 2 assertions");
     }
-    const auto chosen = [&](const Head &head) {
+    const auto chosen = [&](const FaultHead &head) {
         return (kind == TARND_BLACK_BOX_ALL || static_cast<uint32_t>(head.kind) == kind) &&
                (pid == 0 || head.pid == pid);
     };
@@ -139,15 +139,15 @@ void Reset(uint32_t kind, uint32_t pid) {
 
 uint32_t GetExceptionInfo(const Tarn_sys_diag_ExceptionInfoCondition *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_ExceptionInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        tarnd::Fill(reply, {host::blackbox::Kind::kException, request->uiValue1,
+        tarnd::Fill(reply, {host::blackbox::FaultKind::kException, request->uiValue1,
                             static_cast<int32_t>(request->uiValue4), request->uiValue2, request->uiValue3});
     });
 }
 
 uint32_t GetAssertInfo(const Tarn_sys_diag_AssertInfoCondition *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_AssertInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        tarnd::Fill(reply,
-                    {host::blackbox::Kind::kAssertion, request->uiValue1, 0, request->uiValue2, request->uiValue3});
+        tarnd::Fill(
+            reply, {host::blackbox::FaultKind::kAssertion, request->uiValue1, 0, request->uiValue2, request->uiValue3});
     });
 }
 
