@@ -28,6 +28,8 @@ public:
     }
     explicit RawPeer(int fd) : fd_(fd) {}
 
+    int Fd() const { return fd_.Fd(); }
+
     void Send(std::span<const uint8_t> bytes) const {
         EXPECT_EQ(send(fd_.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }

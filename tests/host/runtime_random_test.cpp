@@ -138,7 +138,7 @@ private:
 
     void StartServer() {
         server_ = std::make_unique<host::Server>(host::ServerOptions{
-            .runDir = dir_.Path(), .workers = 1 + static_cast<unsigned>(Below(2)), .stopBound = 2000ms});
+            .runDir = dir_.Path(), .workers = 1 + static_cast<unsigned>(Below(2)), .stopBound = 20s});
         server_->AddService(__module_spec_TarnSysdiagTarnd);
         server_->Start();
     }

@@ -29,6 +29,7 @@ TARN_UNIT()
 #include "host/runtime/status.h"
 #include "host/runtime/transport.h"
 #include "kit.h"
+#include "manual_clocks.h"
 #include "peer.h"
 #include "served.h"
 #include "server/tarnd.h"
@@ -72,10 +73,10 @@ protected:
         host::Log().set_level(host::LogLevel::kInfo);
     }
 
-    void StartServer(host::Limits limits = {}, std::chrono::milliseconds stopBound = 300ms) {
+    void StartServer(host::Limits limits = {}, std::chrono::milliseconds stopBound = 20s, unsigned workers = 4) {
         server_.reset();
-        server_ = std::make_unique<host::Server>(
-            host::ServerOptions{.runDir = dir_.Path(), .limits = limits, .stopBound = stopBound});
+        server_ = std::make_unique<host::Server>(host::ServerOptions{
+            .runDir = dir_.Path(), .workers = workers, .limits = limits, .stopBound = stopBound, .clocks = &clocks_});
         server_->AddService(__module_spec_TarnSysdiagTarnd);
         server_->AddService(__module_spec_TarnSysdiagTarndAgent);
         server_->AddService(served_module_spec_TarnSysdiagAgent);
@@ -97,6 +98,7 @@ protected:
     }
 
     kit::TempDir dir_;
+    kit::ManualClocks clocks_; // the server's
     host::Client client_;
     std::unique_ptr<host::Server> server_;
     const uint64_t liveBefore_;
@@ -170,7 +172,7 @@ TEST_F(RuntimeTest, OnewayRequestsRunInOrderAndBeforeLaterCalls) {
     std::mutex mutex;
     std::string seen;
     served::On("DBGCmdExecShowByTarnd", [&](const void *request, void *) {
-        std::this_thread::sleep_for(1ms);
+        std::this_thread::yield(); // to whom would overtake
         const std::lock_guard lock(mutex);
         seen += As<Tarn_sys_diag_DbgCmdShowByTarndInput>(request).pcCmdStr;
         return 0U;
@@ -194,7 +196,6 @@ TEST_F(RuntimeTest, MethodWithReplyMayBeCalledOneway) {
 }
 
 TEST_F(RuntimeTest, ReplyOfManyMegabytes) {
-    StartServer({.writeTime = 60s}); // under a sanitizer a client takes long
     client_.Configure({.runDir = dir_.Path(), .limits = {.replyBytes = 16 << 20}});
     std::vector<uint32_t> tids(1'500'000);
     for (uint32_t i = 0; i < tids.size(); ++i) {
@@ -355,7 +356,7 @@ TEST_F(RuntimeTest, AsynchronousCallsEndOnceAtTheirDeadline) {
         AsyncResultGet(callbacks, 50);
     }
     EXPECT_TRUE(callbacks.Wait(20));
-    std::this_thread::sleep_for(100ms);
+    host::Client::Default().Shutdown();
     EXPECT_EQ(callbacks.count, 20);
     EXPECT_EQ(callbacks.byError[ETIMEDOUT], 20);
 }
@@ -373,6 +374,7 @@ TEST_F(RuntimeTest, AsynchronousCallsEndOnceAtShutdown) {
 }
 
 TEST_F(RuntimeTest, AsynchronousCallsEndOnceWhenTheServerEnds) {
+    StartServer({}, 1ms);
     Unanswered unanswered;
     Callbacks callbacks;
     for (int i = 0; i < 20; ++i) {
@@ -413,8 +415,10 @@ TEST_F(RuntimeTest, AsynchronousCallsRaceWithShutdown) {
             }
         });
     }
-    for (int i = 0; i < 5; ++i) {
-        std::this_thread::sleep_for(2ms);
+    for (int i = 1; i <= 5; ++i) {
+        while (started < 100 * i) {
+            std::this_thread::yield();
+        }
         client_.Shutdown();
     }
     for (std::thread &thread : threads) {
@@ -465,9 +469,10 @@ TEST_F(RuntimeTest, WorkEndsWhenTheCallersTimeIsUp) {
     const Worker worker;
     const RawPeer peer(SocketOf(kTarnd)); // which stays
     peer.Send(OnlineRequest(1, 500));
+    worker.ExpectBegun();
+    clocks_.Advance(500ms);
     worker.ExpectEnded(ETIMEDOUT);
-    EXPECT_GT(worker.Remaining(), 0U);
-    EXPECT_LE(worker.Remaining(), 500U);
+    EXPECT_EQ(worker.Remaining(), 500U);
 }
 
 TEST_F(RuntimeTest, WorkEndsWhenTheCallerDies) {
@@ -531,8 +536,9 @@ TEST_F(RuntimeTest, UnansweredRequestIsDroppedWhenItsCallerDies) {
 
 TEST_F(RuntimeTest, CallerOfAOnewayRequestMayGo) {
     std::atomic<int> ended = 0;
-    served::On("DBGCmdExecShowByTarnd", [&](const void *, void *) {
-        std::this_thread::sleep_for(50ms);
+    std::promise<void> gone;
+    served::On("DBGCmdExecShowByTarnd", [&, callerHasGone = gone.get_future().share()](const void *, void *) {
+        callerHasGone.wait();
         EXPECT_EQ(TarnHost_Cancelled(nullptr), 0U);
         ++ended;
         return 0U;
@@ -543,6 +549,12 @@ TEST_F(RuntimeTest, CallerOfAOnewayRequestMayGo) {
         ASSERT_EQ((kit::Oneway<Unit>(client_, kTarnd, 0, "DBGCmdExecShowByTarnd", input)), 0U);
     }
     client_.Shutdown();
+    EXPECT_TRUE(kit::Eventually([&] {
+        host::ServerHealth health;
+        EXPECT_TRUE(host::AskHealth(client_, kTarnd, 0, health, 10s).Ok());
+        return health.connections == 1; // the one that asks
+    }));
+    gone.set_value();
     EXPECT_TRUE(kit::Eventually([&] { return ended == 3; }));
 }
 
@@ -554,19 +566,19 @@ TEST_F(RuntimeTest, OutsideOfARequestNothingIsCancelled) {
 // --- Replies
 
 TEST_F(RuntimeTest, ReplyFromAnotherThreadAfterTheHandlerReturned) {
-    std::thread later;
+    StartServer({}, 20s, 1);
+    std::promise<std::pair<uint32_t, void *>> taken;
     served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
-        later = std::thread([pid = As<Tarn_sys_diag_PidIsOnlineInput>(request).uiPid, replyCtx] {
-            std::this_thread::sleep_for(30ms);
-            Online online{pid, 0};
-            EXPECT_EQ(TarnHost_Reply(replyCtx, &online), 0U);
-            EXPECT_EQ(TarnHost_Reply(replyCtx, &online), uint32_t{EALREADY});
-        });
+        taken.set_value({As<Tarn_sys_diag_PidIsOnlineInput>(request).uiPid, replyCtx});
         return 0U;
     });
-    const kit::Answer<Unit, Online> answer(AskOnline(77));
-    server_->Stop(); // the handler has returned
-    later.join();
+    auto call = std::async(std::launch::async, [&] { return AskOnline(77); });
+    const auto [pid, replyCtx] = taken.get_future().get();
+    EXPECT_EQ(Ask("GetHugePagesInfo", Tarn_sys_diag_None{}).status, 38U) << "the one worker is free again";
+    Online online{pid, 0};
+    EXPECT_EQ(TarnHost_Reply(replyCtx, &online), 0U);
+    EXPECT_EQ(TarnHost_Reply(replyCtx, &online), uint32_t{EALREADY});
+    const kit::Answer<Unit, Online> answer(call.get());
     EXPECT_EQ(answer.Status(), 0U) << answer.Text();
     EXPECT_EQ(answer->uiPid, 77U);
     EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
@@ -615,19 +627,23 @@ TEST_F(RuntimeTest, NullsAreRefused) {
 }
 
 TEST_F(RuntimeTest, UnansweredRequestEndsAtItsDeadline) {
-    std::atomic<void *> context = nullptr;
+    std::promise<void *> context;
     served::On("PidIsOnline", [&](const void *, void *replyCtx) {
-        context = replyCtx;
+        context.set_value(replyCtx);
         return 0U;
     });
-    const auto begin = std::chrono::steady_clock::now();
-    const host::CallOutcome outcome = AskOnline(1, 100ms);
-    EXPECT_EQ(outcome.errCode, uint32_t{ETIMEDOUT}) << outcome.text;
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
-    EXPECT_TRUE(kit::Eventually([&] {
-        Online online{};
-        return TarnHost_Reply(context, &online) == EALREADY;
+    auto call = std::async(std::launch::async, [&] { return AskOnline(1, 20s); });
+    void *const replyCtx = context.get_future().get();
+    Online online{};
+    EXPECT_TRUE(kit::Eventually([&] { // the handler returns at a moment that it does not know
+        clocks_.Advance(20s);
+        server_->RunDue();
+        return TarnHost_Cancelled(replyCtx) == EALREADY;
     }));
+    EXPECT_EQ(TarnHost_Reply(replyCtx, &online), uint32_t{EALREADY});
+    const host::CallOutcome outcome = call.get();
+    EXPECT_EQ(outcome.errCode, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.PidIsOnline: not answered within its deadline");
 }
 
 TEST_F(RuntimeTest, NotImplementedSaysSo) {
@@ -665,10 +681,6 @@ TEST_F(RuntimeTest, DeadlineOfASlowHandlerIsAnErrorTheCallerSees) {
 }
 
 TEST_F(RuntimeTest, PeerThatNeverReadsIsAnErrorAtTheDeadline) {
-    served::On("PidIsOnline", [](const void *, void *) {
-        std::this_thread::sleep_for(100ms);
-        return 38U;
-    });
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -1034,11 +1046,10 @@ TEST_F(RuntimeTest, StaleSocketIsReplacedAndAnythingElseIsNot) {
 }
 
 TEST_F(RuntimeTest, StopWaitsForHandlers) {
-    StartServer({}, 10s);
     std::promise<void> entered;
     served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
         entered.set_value();
-        std::this_thread::sleep_for(100ms);
+        EXPECT_TRUE(kit::Eventually([&] { return TarnHost_Cancelled(replyCtx) == ESHUTDOWN; }));
         return AnswerOnline(request, replyCtx);
     });
     auto call = std::async(std::launch::async, [&] { return AskOnline(); });
@@ -1049,6 +1060,7 @@ TEST_F(RuntimeTest, StopWaitsForHandlers) {
 }
 
 TEST_F(RuntimeTest, StopDoesNotWaitForEver) {
+    StartServer({}, 1ms);
     std::promise<void> entered;
     std::promise<void> leave;
     std::atomic<bool> left = false;

@@ -1,0 +1,437 @@
+// A server's sessions on the test's thread and by its clock: what the loop would report is said by the test, and a
+// method that is to run beside others says what they do meanwhile.
+#include "host/runtime/session.h"
+
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "types/tarnd.h"
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <set>
+
+#include "host/osal/log.h"
+#include "host/runtime/reply.h"
+#include "host/runtime/server_core.h"
+#include "kit.h"
+#include "manual_clocks.h"
+#include "peer.h"
+#include "served.h"
+#include "server/tarnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using host::FrameKind;
+using peer::OnlineRequest;
+using peer::RawPeer;
+
+uint32_t AnswerOnline(void *replyCtx) {
+    Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
+    return TarnHost_Reply(replyCtx, &online);
+}
+
+// A client that the server has accepted.
+struct Client {
+    Client(std::shared_ptr<host::Session> accepted, int fd) : session(std::move(accepted)), peer(fd) {}
+
+    // Sends, and has the server read it.
+    void Say(std::span<const uint8_t> bytes) const {
+        peer.Send(bytes);
+        Report(EPOLLIN);
+    }
+    void Report(uint32_t events) const { static_cast<host::Pollable &>(*session).OnReady(events); }
+
+    const std::shared_ptr<host::Session> session;
+    const RawPeer peer;
+};
+
+class SessionTest : public testing::Test {
+protected:
+    SessionTest() {
+        host::Log().set_level(spdlog::level::off);
+        served::On("PidIsOnline", [](const void *, void *replyCtx) { return AnswerOnline(replyCtx); });
+    }
+
+    ~SessionTest() override {
+        for (const auto &session : sessions_) {
+            session->Close();
+        }
+        loop_.Stop();
+        loop_.Run();
+        served::Reset();
+        host::Log().set_level(spdlog::level::info);
+    }
+
+    void Serve(const host::Limits &limits = {}) {
+        core_ = std::make_shared<host::ServerCore>(
+            host::ServerOptions{.runDir = dir_.Path(), .workers = 1, .limits = limits, .clocks = &clocks_},
+            std::vector<const IdlModuleSpec *>{&__module_spec_TarnSysdiagTarnd});
+    }
+
+    Client Connect() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        const auto session = std::make_shared<host::Session>(
+            loop_, host::Descriptor(ends[0]), host::Peer{.pid = getpid(), .uid = geteuid(), .gid = getegid()}, core_);
+        EXPECT_TRUE(session->Open());
+        sessions_.push_back(session);
+        return {session, ends[1]};
+    }
+
+    void CheckTimes(const Client &client) { client.session->CheckTimes(clocks_.SteadyNow()); }
+
+    uint64_t Refused(host::Reason reason) { return core_->GetRefusals().Get(reason); }
+
+    // What the server says of a method, without blanks.
+    std::string StatusOf(const std::string &method) {
+        host::FrameHeader header;
+        strcpy(header.method, "Status");
+        host::Refusal refusal{};
+        std::string status = core_->Introspect({.uid = geteuid()}, header, refusal);
+        std::erase_if(status, [](char c) { return c == ' ' || c == '\n'; });
+        const size_t at = status.find("\"name\":\"" + method + "\"");
+        EXPECT_NE(at, std::string::npos) << status;
+        const size_t begin = status.rfind('{', at);
+        return status.substr(begin, status.find('}', at) - begin + 1);
+    }
+
+    static bool HasEnded(const Client &client) { return !client.session->Send({}); }
+
+    kit::TempDir dir_;
+    kit::ManualClocks clocks_;
+    host::Loop loop_{clocks_};
+    std::shared_ptr<host::ServerCore> core_;
+    std::vector<std::shared_ptr<host::Session>> sessions_;
+};
+
+// --- Limits in time
+
+TEST_F(SessionTest, AnIdleConnectionIsClosedAfterItsTime) {
+    Serve();
+    const Client client = Connect();
+    clocks_.Advance(1h);
+    client.Say(OnlineRequest(1));
+    EXPECT_EQ(client.peer.Read(1).size(), 1U);
+    clocks_.Advance(host::Limits().idleTime);
+    CheckTimes(client);
+    EXPECT_FALSE(HasEnded(client));
+    clocks_.Advance(1ns);
+    CheckTimes(client);
+    EXPECT_TRUE(HasEnded(client));
+    EXPECT_TRUE(client.peer.Read().empty());
+    EXPECT_EQ(Refused(host::Reason::kIdle), 1U);
+}
+
+TEST_F(SessionTest, AConnectionThatWaitsForAnAnswerIsNotIdle) {
+    Serve();
+    void *context = nullptr;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        context = replyCtx;
+        return 0U;
+    });
+    const Client client = Connect();
+    client.Say(OnlineRequest(1, 3'600'000));
+    clocks_.Advance(host::Limits().idleTime + 1s);
+    CheckTimes(client);
+    EXPECT_FALSE(HasEnded(client));
+    EXPECT_EQ(AnswerOnline(context), 0U);
+    CheckTimes(client);
+    EXPECT_TRUE(HasEnded(client)) << "its time counts from its request";
+}
+
+TEST_F(SessionTest, AFrameIsToBeCompletedInItsTime) {
+    Serve({.frameTime = 200ms});
+    const Client client = Connect();
+    const std::vector<uint8_t> request = OnlineRequest(1);
+    for (size_t at = 0; at < 10; ++at) { // a byte now and then gains no time
+        client.Say(std::span(request).subspan(at, 1));
+        clocks_.Advance(20ms);
+        CheckTimes(client);
+    }
+    EXPECT_FALSE(HasEnded(client));
+    clocks_.Advance(1ns);
+    CheckTimes(client);
+    CheckTimes(client);
+    const auto frames = client.peer.Read();
+    ASSERT_EQ(frames.size(), 1U);
+    EXPECT_EQ(frames[0].header.errCode, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(host::ErrorText(frames[0].payload), "connection refused: a frame not completed within 200 ms");
+    EXPECT_EQ(Refused(host::Reason::kSilent), 1U);
+}
+
+TEST_F(SessionTest, AReplyIsToBeTakenInItsTime) {
+    served::On("GetAllTidsByPid", [](const void *, void *replyCtx) {
+        std::vector<uint32_t> tids(1 << 20);
+        Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
+        return TarnHost_Reply(replyCtx, &reply);
+    });
+    Serve({.writeTime = 300ms, .idleTime = 100ms});
+    const Client client = Connect();
+    host::FrameHeader header;
+    header.typeHash = velto::kTypeHash<Tarn_sys_diag_Pid>;
+    strcpy(header.service, "TarnSysdiagTarnd");
+    strcpy(header.method, "GetAllTidsByPid");
+    client.Say(host::MakeFrame(header, kit::Encode<Unit>(Tarn_sys_diag_Pid{1})));
+    clocks_.Advance(300ms);
+    CheckTimes(client);
+    EXPECT_TRUE(client.session->HasUnsent()) << "and a peer that is to take an answer is not idle";
+    clocks_.Advance(1ns);
+    CheckTimes(client);
+    CheckTimes(client);
+    EXPECT_TRUE(HasEnded(client));
+    EXPECT_EQ(Refused(host::Reason::kSlowReader), 1U);
+    EXPECT_EQ(Refused(host::Reason::kIdle), 0U);
+}
+
+// --- Backpressure
+
+TEST_F(SessionTest, SoManyRequestsAreReadAsMayBeInFlight) {
+    Serve({.requestsPerConnection = 2});
+    std::vector<void *> contexts;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        contexts.push_back(replyCtx);
+        return 0U;
+    });
+    const Client client = Connect();
+    client.Say(OnlineRequest(1));
+    client.Say(OnlineRequest(2));
+    client.Say(OnlineRequest(3));
+    EXPECT_EQ(contexts.size(), 2U);
+    EXPECT_FALSE(client.peer.HasBeenRead());
+    EXPECT_EQ(AnswerOnline(contexts[0]), 0U);
+    client.Report(EPOLLIN);
+    EXPECT_EQ(contexts.size(), 3U);
+    client.Say(OnlineRequest(4));
+    EXPECT_EQ(contexts.size(), 3U);
+    EXPECT_EQ(AnswerOnline(contexts[1]), 0U);
+    EXPECT_EQ(AnswerOnline(contexts[2]), 0U);
+    client.Report(EPOLLIN);
+    EXPECT_EQ(contexts.size(), 4U);
+    EXPECT_EQ(AnswerOnline(contexts[3]), 0U);
+    EXPECT_EQ(client.peer.Read(4).size(), 4U);
+}
+
+TEST_F(SessionTest, TheServerTakesSoManyRequestsInAll) {
+    Serve({.requests = 2});
+    std::vector<void *> contexts;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        contexts.push_back(replyCtx);
+        return 0U;
+    });
+    const Client first = Connect(), second = Connect();
+    first.Say(OnlineRequest(1));
+    second.Say(OnlineRequest(1));
+    EXPECT_EQ(contexts.size(), 2U);
+    second.Say(OnlineRequest(2));
+    const auto frames = second.peer.Read(1);
+    EXPECT_EQ(frames.at(0).header.errCode, uint32_t{EBUSY});
+    EXPECT_EQ(frames.at(0).header.id, 2U);
+    EXPECT_EQ(Refused(host::Reason::kRequests), 1U);
+    EXPECT_EQ(AnswerOnline(contexts[0]), 0U);
+    second.Say(OnlineRequest(3));
+    EXPECT_EQ(contexts.size(), 3U);
+}
+
+TEST_F(SessionTest, ARequestWaitsForTheOnewayRequestsBeforeIt) {
+    Serve();
+    const Client client = Connect();
+    std::string order;
+    std::vector<uint8_t> oneway = OnlineRequest(7);
+    oneway[6] = static_cast<uint8_t>(FrameKind::kOneway);
+    bool first = true;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        const uint32_t pid = static_cast<const Tarn_sys_diag_PidIsOnlineInput *>(request)->uiPid;
+        if (std::exchange(first, false)) {
+            client.Say(OnlineRequest(1));
+            EXPECT_EQ(order, "");
+        }
+        order += std::to_string(pid);
+        return AnswerOnline(replyCtx);
+    });
+    client.Say(oneway);
+    EXPECT_EQ(order, "71");
+    const auto frames = client.peer.Read(1);
+    EXPECT_EQ(frames.at(0).header.id, 1U) << "the other is not answered";
+}
+
+// --- Deadlines
+
+TEST_F(SessionTest, ADeadlineCountsFromTheArrival) {
+    Serve({.deadline = 7000ms, .maxDeadline = 60s});
+    const Client client = Connect();
+    const auto remaining = [&](uint32_t deadlineMs) {
+        uint32_t all = 0;
+        served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+            all = TarnHost_RemainingMs(nullptr);
+            EXPECT_EQ(TarnHost_RemainingMs(replyCtx), all);
+            clocks_.Advance(1ns);
+            EXPECT_EQ(TarnHost_RemainingMs(replyCtx), all) << "of a ms that has begun all is left";
+            clocks_.Advance(std::chrono::milliseconds(all) - 2ns);
+            EXPECT_EQ(TarnHost_RemainingMs(replyCtx), 1U);
+            EXPECT_EQ(TarnHost_Cancelled(replyCtx), 0U);
+            clocks_.Advance(1ns);
+            EXPECT_EQ(TarnHost_RemainingMs(replyCtx), 0U);
+            EXPECT_EQ(TarnHost_Cancelled(replyCtx), uint32_t{ETIMEDOUT});
+            clocks_.Advance(1h);
+            EXPECT_EQ(TarnHost_RemainingMs(replyCtx), 0U);
+            return AnswerOnline(replyCtx);
+        });
+        client.Say(OnlineRequest(1, deadlineMs));
+        EXPECT_EQ(client.peer.Read(1).size(), 1U);
+        return all;
+    };
+    EXPECT_EQ(remaining(500), 500U);
+    EXPECT_EQ(remaining(0), 7000U) << "where the caller names none";
+    EXPECT_EQ(remaining(60'001), 60'000U);
+}
+
+// The second client's request comes while the first one's keeps the only worker, and takes so long.
+TEST_F(SessionTest, ARequestWhoseTimePassesBeforeItsTurnIsNotRun) {
+    Serve();
+    for (const auto &[time, runs] :
+         {std::pair(50ms - 1ns, true), std::pair<std::chrono::nanoseconds, bool>(50ms, false)}) {
+        const Client first = Connect(), second = Connect();
+        size_t ran = 0;
+        served::On("PidIsOnline", [&, passes = time](const void *, void *replyCtx) {
+            if (++ran == 1) {
+                second.Say(OnlineRequest(2, 50));
+                clocks_.Advance(passes);
+            }
+            return AnswerOnline(replyCtx);
+        });
+        first.Say(OnlineRequest(1));
+        EXPECT_EQ(ran, runs ? 2U : 1U);
+        const auto frames = second.peer.Read(1);
+        EXPECT_EQ(frames.at(0).header.errCode, runs ? 0U : uint32_t{ETIMEDOUT});
+    }
+    EXPECT_EQ(Refused(host::Reason::kExpired), 1U);
+}
+
+TEST_F(SessionTest, ARequestThatIsLeftUnansweredEndsAtItsDeadline) {
+    Serve();
+    void *context = nullptr;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        context = replyCtx;
+        return 0U;
+    });
+    const Client client = Connect();
+    client.Say(OnlineRequest(9, 50));
+    clocks_.Advance(50ms - 1ns);
+    loop_.RunDue();
+    EXPECT_EQ(TarnHost_Cancelled(context), 0U);
+    clocks_.Advance(1ns);
+    loop_.RunDue();
+    EXPECT_EQ(TarnHost_Cancelled(context), uint32_t{EALREADY});
+    EXPECT_EQ(AnswerOnline(context), uint32_t{EALREADY});
+    const auto frames = client.peer.Read(1);
+    EXPECT_EQ(frames.at(0).header.kind, FrameKind::kError);
+    EXPECT_EQ(frames.at(0).header.id, 9U);
+    EXPECT_EQ(frames.at(0).header.errCode, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(host::ErrorText(frames.at(0).payload), "TarnSysdiagTarnd.PidIsOnline: not answered within its deadline");
+}
+
+TEST_F(SessionTest, AnAnswerThatComesInTimeStopsTheDeadline) {
+    Serve();
+    void *context = nullptr;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        context = replyCtx;
+        return 0U;
+    });
+    const Client client = Connect();
+    client.Say(OnlineRequest(1, 50));
+    EXPECT_EQ(AnswerOnline(context), 0U);
+    clocks_.Advance(1h);
+    loop_.RunDue();
+    EXPECT_EQ(client.peer.Read(1).at(0).header.kind, FrameKind::kReply);
+    EXPECT_TRUE(client.peer.HasBeenRead());
+    EXPECT_NE(StatusOf("PidIsOnline").find("\"calls\":1,"), std::string::npos) << StatusOf("PidIsOnline");
+}
+
+// --- Callers that give up
+
+std::vector<uint8_t> CancelOf(uint64_t id) {
+    host::FrameHeader header;
+    header.kind = FrameKind::kCancel;
+    header.id = id;
+    return host::MakeFrame(header, {});
+}
+
+TEST_F(SessionTest, ACallThatIsCancelledWhileItRunsIsToldAndNotAnswered) {
+    Serve();
+    const Client client = Connect();
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        client.Say(CancelOf(4));
+        EXPECT_EQ(TarnHost_Cancelled(replyCtx), 0U) << "another call";
+        client.Say(CancelOf(5));
+        client.Say(CancelOf(5));
+        EXPECT_EQ(TarnHost_Cancelled(replyCtx), uint32_t{ECANCELED});
+        return AnswerOnline(replyCtx);
+    });
+    client.Say(OnlineRequest(5));
+    EXPECT_EQ(served::Freed("PidIsOnline"), 1U);
+    served::On("PidIsOnline", [](const void *, void *) { return 5U; });
+    client.Say(OnlineRequest(6));
+    EXPECT_EQ(client.peer.Read(1).at(0).header.id, 6U);
+    const std::string status = StatusOf("PidIsOnline");
+    EXPECT_NE(status.find("\"calls\":2,"), std::string::npos) << status;
+    EXPECT_NE(status.find("\"cancelled\":1,"), std::string::npos) << status;
+    EXPECT_NE(status.find("\"errors\":1,"), std::string::npos) << status;
+}
+
+TEST_F(SessionTest, ACallThatIsCancelledWhileItRunsAndLeftUnansweredIsGone) {
+    Serve();
+    const Client client = Connect();
+    void *context = nullptr;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        context = replyCtx;
+        client.Say(CancelOf(5));
+        return 0U;
+    });
+    client.Say(OnlineRequest(5));
+    EXPECT_EQ(AnswerOnline(context), uint32_t{EALREADY});
+}
+
+TEST_F(SessionTest, ACallThatIsCancelledBeforeItsTurnIsNotRun) {
+    Serve();
+    const Client first = Connect(), second = Connect();
+    size_t ran = 0;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        if (++ran == 1) {
+            second.Say(OnlineRequest(2));
+            first.Say(CancelOf(2)); // of the same number on another connection
+            second.Say(OnlineRequest(3));
+            second.Say(CancelOf(2));
+        }
+        return AnswerOnline(replyCtx);
+    });
+    first.Say(OnlineRequest(1));
+    EXPECT_EQ(ran, 2U);
+    EXPECT_EQ(second.peer.Read(1).at(0).header.id, 3U);
+}
+
+TEST_F(SessionTest, ACallerThatGoesTakesItsUnansweredCallsAlong) {
+    Serve();
+    std::vector<void *> contexts;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        contexts.push_back(replyCtx);
+        return 0U;
+    });
+    const Client stays = Connect();
+    stays.Say(OnlineRequest(1));
+    {
+        const Client goes = Connect();
+        goes.Say(OnlineRequest(1));
+        shutdown(goes.peer.Fd(), SHUT_WR);
+        goes.Report(EPOLLIN | EPOLLRDHUP);
+    }
+    EXPECT_EQ(TarnHost_Cancelled(contexts.at(0)), 0U);
+    EXPECT_EQ(TarnHost_Cancelled(contexts.at(1)), uint32_t{EALREADY});
+    EXPECT_EQ(AnswerOnline(contexts.at(0)), 0U);
+}
+
+} // namespace
