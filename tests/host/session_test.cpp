@@ -53,7 +53,7 @@ struct Client {
 class SessionTest : public testing::Test {
 protected:
     SessionTest() {
-        host::Log().set_level(spdlog::level::off);
+        host::Log().set_level(host::LogLevel::kOff);
         served::On("PidIsOnline", [](const void *, void *replyCtx) { return AnswerOnline(replyCtx); });
     }
 
@@ -64,7 +64,7 @@ protected:
         loop_.Stop();
         loop_.Run();
         served::Reset();
-        host::Log().set_level(spdlog::level::info);
+        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     void Serve(const host::Limits &limits = {}) {
