@@ -10,6 +10,7 @@ TARN_UNIT()
 #include <cstring>
 
 #include "host/agent/tarn_agent.h"
+#include "host/runtime/status.h"
 #include "host/values/agent.h"
 #include "tests/host/daemon_kit.h"
 
@@ -168,10 +169,10 @@ TEST_F(TimerTest, AreToldPageByPage) {
         ASSERT_EQ(TarnAgent_CreateTimer("idle", 1000, 0, Count, nullptr, &id), 0);
     }
     const auto page =
-        Ask<Tarn_sys_diag_GetTimerInfoResult>("TarnAgentGetTimerInfo", Tarn_sys_diag_GetTimerInput{0, 1, 1, 0});
+        Ask<Tarn_sys_diag_GetTimerInfoResult>("TarnAgentGetTimerInfo", Tarn_sys_diag_GetTimerInput{0, 2, 1, 0});
     EXPECT_EQ(page->uiTotalNum, 3);
     ASSERT_EQ(page->uiTimerNum, 1);
-    EXPECT_EQ(page->pstTimer[0].uiTimerId, ids[1]);
+    EXPECT_EQ(page->pstTimer[0].uiTimerId, ids[2]);
     const auto foreign =
         Ask<Tarn_sys_diag_GetTimerInfoResult>("TarnAgentGetTimerInfo", Tarn_sys_diag_GetTimerInput{0, 0, 0, 1});
     EXPECT_EQ(foreign->uiResult, EINVAL) << "of another process";
@@ -265,8 +266,13 @@ TEST_F(DeadLoopTest, ChecksItsConfiguration) {
     const auto answer = Config();
     ASSERT_EQ(answer->uiCpuNum, 2);
     EXPECT_EQ(answer->puiCpu[1], 1);
-    EXPECT_EQ(answer->uiThreadNum, std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                                                 std::filesystem::directory_iterator{}));
+    EXPECT_EQ(answer->uiPeriodMs, 100);
+    EXPECT_EQ(answer->uiLimitMs, 1000);
+    EXPECT_EQ(answer->uiCpuPercent, 80);
+    EXPECT_EQ(answer->ucSwitch, 1);
+    EXPECT_GE(answer->uiThreadNum, 2) << "this thread, and the agent's";
+    EXPECT_EQ(Config(static_cast<uint32_t>(gettid()))->uiThreadNum, 1);
+    EXPECT_EQ(Config(kit::EndedPid())->uiResult, ESRCH);
 }
 
 class HealthTest : public AgentStateTest {
@@ -404,6 +410,15 @@ protected:
         return Call<Tarn_sys_diag_GetDeadLoopCfgResult>("TarnGetDlpCfgFromAgent",
                                                         Tarn_sys_diag_GetDeadLoopCfgInput{0, 0, pid});
     }
+    static void Stop(const kit::Process &process) {
+        process.Signal(SIGSTOP);
+        EXPECT_TRUE(kit::Eventually([&] { return AllThreadsStopped(process.Pid()); }));
+    }
+    bool DaemonIsBusy() {
+        host::ServerHealth health;
+        EXPECT_TRUE(host::AskHealth(client_, "TarnSysdiagTarnd", 0, health, 20s).Ok());
+        return health.busy != 0;
+    }
 };
 
 TEST_F(RelayTest, RelaysToTheAgent) {
@@ -429,20 +444,25 @@ TEST_F(RelayTest, RelaysToTheAgent) {
     EXPECT_EQ(agent->Stop(), 0);
 }
 
-TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentHangsOrIsKilled) {
+TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentHangs) {
     const auto hanging = StartAgent();
-    const uint32_t pid = hanging->Pid();
-    hanging->Signal(SIGSTOP);
-    EXPECT_TRUE(kit::Eventually([&] { return AllThreadsStopped(pid); }));
-    EXPECT_EQ(DeadLoopConfig(pid).Status(), ETIMEDOUT) << "before the caller's own deadline";
-    std::thread killer([&] {
-        std::this_thread::sleep_for(200ms);
-        hanging->Signal(SIGKILL);
-        hanging->Wait();
-    });
-    const uint32_t status = DeadLoopConfig(pid).Status();
-    killer.join();
-    EXPECT_TRUE(status == ESRCH || status == ECONNRESET) << status;
+    Stop(*hanging);
+    EXPECT_EQ(DeadLoopConfig(hanging->Pid()).Status(), ETIMEDOUT) << "before the caller's own deadline";
+}
+
+TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentIsKilled) {
+    const auto killed = StartAgent();
+    const uint32_t pid = killed->Pid();
+    EXPECT_EQ(DeadLoopConfig(pid).Status(), 0);
+    Stop(*killed);
+    uint32_t status = 0;
+    std::thread caller([&] { status = DeadLoopConfig(pid).Status(); });
+    EXPECT_TRUE(kit::Eventually([&] { return DaemonIsBusy(); })) << "it waits for the agent";
+    killed->Signal(SIGKILL);
+    killed->Wait();
+    caller.join();
+    EXPECT_EQ(status, ECONNRESET);
+    EXPECT_EQ(DeadLoopConfig(pid).Status(), ESRCH);
     EXPECT_EQ(DeadLoopConfig(StartAgent()->Pid()).Status(), 0) << "the daemon goes on";
 }
 
