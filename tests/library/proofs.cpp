@@ -160,46 +160,54 @@ constexpr uint32_t CountShapes(Shape shape) {
     }
     return num;
 }
-static_assert(CountShapes(Shape::kFixedReply) == 35);
-static_assert(CountShapes(Shape::kVariableReply) == 34);
-static_assert(CountShapes(Shape::kOwningRequest) == 2);
-static_assert(CountShapes(Shape::kLargeRequest) == 3);
-static_assert(CountShapes(Shape::kOneway) == 6);
-static_assert(CountShapes(Shape::kOnewayOwningRequest) == 1);
+#define SHAPES(shape, num)                                                                                             \
+    static_assert(CountShapes(Shape::shape) == num, "the number of wrappers of " #shape " has changed");
+SHAPES(kFixedReply, 35)
+SHAPES(kVariableReply, 34)
+SHAPES(kOwningRequest, 2)
+SHAPES(kLargeRequest, 3)
+SHAPES(kOneway, 6)
+SHAPES(kOnewayOwningRequest, 1)
 
 // Entries of the registration tables.
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
 #include "server/tarnd_methods.h"
-              == 80);
+                  == 80,
+              "the entries of the interface table of server/tarnd_methods.h have changed");
 #define TARN_METHOD(method, request, response) +2
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
 #include "server/tarnd_methods.h"
-              == 152);
+                  == 152,
+              "the entries of the message table of server/tarnd_methods.h have changed");
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
 #include "server/tarnd_agent_methods.h"
-              == 3);
+                  == 3,
+              "the entries of the interface table of server/tarnd_agent_methods.h have changed");
 #define TARN_METHOD(method, request, response) +2
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
 #include "server/tarnd_agent_methods.h"
-              == 5);
+                  == 5,
+              "the entries of the message table of server/tarnd_agent_methods.h have changed");
 
 // Methods of the remote services.
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(0
 #include "client/agent_methods.h"
-              == 26);
+                  == 26,
+              "the methods of client/agent_methods.h have changed");
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(0
 #include "client/master_methods.h"
-              == 15);
+                  == 15,
+              "the methods of client/master_methods.h have changed");
 
 static_assert(velto::TypeHash("None") == 0x87D7088A);
 static_assert(velto::TypeHash("Result") == 0x10D68351);
