@@ -51,8 +51,8 @@ TARN_EXPORT uint32_t TarnAgent_RegisterCommand(const char *pcName, const char *p
 
 /*
  * While the agent runs, SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT are recorded with registers and stack in the black
- * box of the user, a file in the run directory that the daemon reads, now or after a restart. Then what handled the
- * signal before has it; by default the process ends as it would have without the agent.
+ * box of the user, a file in the run directory that the daemon reads, now or after a restart. Then the signal goes to
+ * the handler that was installed before; by default the process ends as it would have without the agent.
  */
 
 /* Gives the calling thread a stack for signal handlers, so that the overflow of its own can be recorded. The thread
@@ -86,8 +86,9 @@ TARN_EXPORT uint32_t TarnAgent_DestroyPartition(uint32_t uiPtId);
 TARN_EXPORT uint32_t TarnAgent_OpenMemHandle(uint32_t uiPtId, const char *pcName, uint32_t *puiHandleId);
 TARN_EXPORT uint32_t TarnAgent_CloseMemHandle(uint32_t uiHandleId);
 
-/* Allocates, aligned to 32 bytes; null when there is no room, no such handle, or one that is only for accounting. What
- * is freed twice, was overwritten at its edges, or is no block, is reported and does no harm here. */
+/* Allocates, aligned to 32 bytes; null when there is no room, no such handle, or one that is only for accounting. A
+ * double free, a block whose guard bytes were overwritten, and an address that is no block are reported, and do no harm
+ * here. */
 TARN_EXPORT void *TarnAgent_Alloc(uint32_t uiHandleId, size_t ulBytes);
 TARN_EXPORT void TarnAgent_Free(void *pStart);
 
@@ -157,11 +158,12 @@ TARN_EXPORT uint32_t TarnAgent_AddHealthItem(uint8_t ucFunction, const char *pcN
 
 /* ---- Resources ---- */
 
-/* Told of a resource's use: TARN_AGENT_RESOURCE_..., the level 0 to 2, and permille. Runs on the agent's thread. */
+/* Notified of a resource: TARN_AGENT_RESOURCE_..., the level 0 to 2, and its use in permille. Runs
+ * on the agent's thread. */
 typedef void (*TarnAgentResourceFunction)(uint8_t ucResource, uint8_t ucLevel, uint16_t usUsage, void *pUserData);
 
-/* Subscribes to events, bits of TARN_AGENT_EVENT_..., under a name of 1 to 31 bytes; the daemon is told. 0; 22; 17 for
- * a name that is taken; 2 for an unknown one. */
+/* Subscribes to events, bits of TARN_AGENT_EVENT_..., under a name of 1 to 31 bytes; the agent passes it on to the
+ * daemon. 0; 22; 17 for a name that is taken; 2 for an unknown one. */
 TARN_EXPORT uint32_t TarnAgent_Subscribe(const char *pcName, uint32_t uiEvents, TarnAgentResourceFunction pfnFunction,
                                          void *pUserData);
 TARN_EXPORT uint32_t TarnAgent_Unsubscribe(const char *pcName);
