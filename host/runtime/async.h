@@ -3,7 +3,14 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
 
+#include "host/osal/mutex.h"
+#include "host/runtime/link.h"
 #include "host/runtime/outgoing.h"
 
 namespace host {
@@ -30,8 +37,35 @@ public:
     void Shutdown();
 
 private:
-    class Core;
-    const std::unique_ptr<Core> core_;
+    struct Pending {
+        Outgoing call;
+        Done done;
+        std::shared_ptr<Link> link;
+        uint64_t timer;
+    };
+    class Connection;
+
+    int Post(std::function<void()> work) TARN_EXCLUDES(mutex_);
+    void Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&done);
+    std::shared_ptr<Link> LinkTo(const Outgoing &call, int &error);
+    void End(uint64_t id, CallOutcome &&outcome);
+    void GiveUp(uint64_t id, const std::function<CallOutcome(const Outgoing &)> &outcome);
+    void EndAll(const Link *link, const std::function<CallOutcome(const Outgoing &)> &outcome);
+    void Forget(const Link *link);
+    void CloseAll();
+
+    const std::shared_ptr<const Transport> transport_;
+    const Limits limits_;
+    Mutex mutex_;
+    std::thread thread_ TARN_GUARDED_BY(mutex_);
+    bool stopping_ TARN_GUARDED_BY(mutex_) = false;
+
+    // --- The thread's, which the first call starts
+
+    const SystemClocks clocks_;
+    std::optional<Loop> loop_;
+    std::unordered_map<uint64_t, Pending> pending_;
+    std::unordered_map<std::string, std::shared_ptr<Link>> links_; // by address
 };
 
 } // namespace host

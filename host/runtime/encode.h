@@ -1,4 +1,4 @@
-// Encodes and decodes records with the slots of a codec table.
+// Encodes and decodes records with the functions of a codec table.
 #pragma once
 
 #include <cstddef>

@@ -71,12 +71,12 @@ protected:
     // The peer sent what is no frame, or one too large. Closes the link, at once or when all is sent.
     virtual void OnBad(const FrameParser &parser) = 0;
 
-    // --- Called with the link's mutex held
+    // --- Called with the link locked, so they must not call it
 
     // Whether the frames of another read may be taken.
-    virtual bool MayRead() { return true; }
+    virtual bool MayRead() TARN_REQUIRES(mutex_) { return true; }
     // Whether so much may be unsent.
-    virtual bool MayQueue(size_t) { return true; }
+    virtual bool MayQueue(size_t) TARN_REQUIRES(mutex_) { return true; }
 
     // --- Called with nothing held
 

@@ -394,6 +394,13 @@ TEST_F(LinkTest, WhatAPeerSentBeforeItWentIsReadThoughItTakesNothing) {
     EXPECT_EQ(link_->ended, 1U);
 }
 
+TEST_F(LinkTest, APeerThatTakesNothingButStaysIsNotKept) {
+    shutdown(peer_.Fd(), SHUT_RD);
+    EXPECT_TRUE(link_->Send(FrameOf(1)));
+    link_->Report(EPOLLIN | EPOLLHUP);
+    EXPECT_EQ(link_->ended, 1U);
+}
+
 TEST_F(LinkTest, WhatWaitsForAPeerThatGoesIsDropped) {
     ASSERT_GT(Fill(1), 0U);
     peer_ = host::Descriptor();
