@@ -34,21 +34,13 @@ Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::pr
     : options(std::move(theOptions)), clocks(theClocks), proc(theProc),
       sampler(sampleSource, clocks, options.sampleInterval) {
     RemoveUnfinishedArchives();
-    if (!options.stateDirectory.empty()) {
-        store.Open(options.stateDirectory);
-    }
     if (options.zoneLink) {
         clock.ApplyToSystem(*options.zoneLink);
     }
     clock.Load();
-    cpuPeaks.Start();
-    cpuOverload.Start();
     memoryOverload.Start();
-    overloadDebug.Start();
-    starvation.Start();
     healthSettings.Load();
     WatchResources();
-    cpuEvents.Watch();
     measurement.Start(options.measuredBytesPerSecond);
     rules.Load();
     WatchAgents();
@@ -66,7 +58,6 @@ Daemon::~Daemon() {
     timers.Stop();
     courier.Stop();
     measurement.Stop();
-    cpuOverload.Stop();
 }
 
 // ---- Until every part is handed what it needs ----
@@ -100,21 +91,6 @@ HealthSettings &TheHealthSettings() {
 }
 Sampler &TheSampler() {
     return Daemon::Serving().sampler;
-}
-CpuPeaks &TheCpuPeaks() {
-    return Daemon::Serving().cpuPeaks;
-}
-CpuOverload &TheCpuOverload() {
-    return Daemon::Serving().cpuOverload;
-}
-CpuEvents &TheCpuEvents() {
-    return Daemon::Serving().cpuEvents;
-}
-Starvation &TheStarvation() {
-    return Daemon::Serving().starvation;
-}
-OverloadDebug &TheOverloadDebug() {
-    return Daemon::Serving().overloadDebug;
 }
 MemoryOverload &TheMemoryOverload() {
     return Daemon::Serving().memoryOverload;

@@ -11,6 +11,7 @@
 #include "host/daemon/cpu/cpu_overload.h"
 #include "host/daemon/cpu/cpu_peaks.h"
 #include "host/daemon/cpu/overload_debug.h"
+#include "host/daemon/cpu/overload_stacks.h"
 #include "host/daemon/cpu/starvation.h"
 #include "host/daemon/files/measurement.h"
 #include "host/daemon/health/health_settings.h"
@@ -51,7 +52,7 @@ public:
     const Options options;
     const host::Clocks &clocks;
     const host::procfs::Procfs &proc;
-    host::Store store;
+    host::Store store{options.stateDirectory};
     Clock clock;
     Timers timers;
     State state;
@@ -60,11 +61,11 @@ public:
     Rules rules;
     HealthSettings healthSettings;
     Sampler sampler;
-    CpuPeaks cpuPeaks;
-    CpuOverload cpuOverload;
-    CpuEvents cpuEvents;
-    Starvation starvation;
-    OverloadDebug overloadDebug;
+    CpuPeaks cpuPeaks{sampler};
+    CpuOverload cpuOverload{store, sampler, proc, [this](Overload &overload) { ReadOverloadStacks(proc, overload); }};
+    CpuEvents cpuEvents{sampler, healthSettings, proc, clocks};
+    Starvation starvation{store, sampler, proc};
+    OverloadDebug overloadDebug{sampler};
     MemoryOverload memoryOverload;
     LeakMarks leakMarks;
     Measurement measurement;

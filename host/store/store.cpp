@@ -58,6 +58,12 @@ std::string TextOf(const Descriptor &file, const std::string &name) {
 
 } // namespace
 
+Store::Store(const std::filesystem::path &directory) {
+    if (!directory.empty()) {
+        Open(directory);
+    }
+}
+
 void Store::Open(const std::filesystem::path &directory) {
     const std::lock_guard lock(mutex_);
     std::error_code error;

@@ -23,7 +23,8 @@ namespace host {
 
 class Store {
 public:
-    Store() = default; // keeps documents in memory only
+    // Without a directory documents are kept in memory only. It is opened as Open does.
+    explicit Store(const std::filesystem::path &directory = {});
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
 

@@ -3,20 +3,17 @@
 #include <algorithm>
 #include <optional>
 
-#include "host/answer/answer.h"
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/sampling/pressure.h"
 #include "host/daemon/sampling/rates.h"
-#include "host/daemon/time/local_clock.h"
 #include "host/osal/log.h"
-#include "host/procfs/procfs.h"
 #include "host/values/daemon.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
+using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 
 // How many of the threads that ran most are asked for the CPU that they run on.
@@ -72,11 +69,11 @@ std::vector<ThreadRun> BusiestThreads(const Sample &before, const Sample &latest
 }
 
 // The busiest thread that is on the CPU now. A thread counts with all its time, wherever it ran before.
-void NameThread(CpuEvent &event, const Sample &before, const Sample &latest) {
+void NameThread(CpuEvent &event, const Sample &before, const Sample &latest, const host::procfs::Procfs &proc) {
     std::optional<ThreadRun> busiest;
     for (const ThreadRun &run : BusiestThreads(before, latest)) {
         host::procfs::SkipHidden([&] {
-            const host::procfs::Task thread = host::procfs::Procfs().ReadThread(run.pid, run.tid);
+            const host::procfs::Task thread = proc.ReadThread(run.pid, run.tid);
             if (!busiest.has_value() && thread.lastCpu == event.cpu) {
                 busiest = run;
                 event.threadName = thread.name;
@@ -93,9 +90,9 @@ void NameThread(CpuEvent &event, const Sample &before, const Sample &latest) {
         static_cast<uint32_t>(std::min<uint64_t>(busiest->runNs * 1000 / std::max<uint64_t>(ns, 1), 1000));
 }
 
-uint32_t PressureNow() {
+uint32_t PressureNow(const host::procfs::Procfs &proc) {
     try {
-        return ReadPressure("cpu");
+        return ReadPressure(proc, "cpu");
     } catch (const std::system_error &) {
         return 0; // as the record says of a kernel without it
     }
@@ -103,14 +100,16 @@ uint32_t PressureNow() {
 
 } // namespace
 
-void CpuEvents::Watch() {
-    TheSampler().OnSample("cpu events",
-                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
+CpuEvents::CpuEvents(Sampler &sampler, const HealthSettings &settings, const host::procfs::Procfs &proc,
+                     const host::Clocks &clocks)
+    : settings_(settings), proc_(proc), clocks_(clocks) {
+    sampler.OnSample("cpu events",
+                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
 }
 
 void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
-    const bool on = TheHealthSettings().IsOn(TARND_HEALTH_ONE_CPU);
-    const uint32_t limit = TheHealthSettings().LimitOf(TARND_HEALTH_ONE_CPU);
+    const bool on = settings_.IsOn(TARND_HEALTH_ONE_CPU);
+    const uint32_t limit = settings_.LimitOf(TARND_HEALTH_ONE_CPU);
     for (const CpuSample &cpu : latest->cpus) {
         if (!on || UsePermille(*previous, cpu) < limit) {
             busy_.erase(cpu.id);
@@ -123,20 +122,20 @@ void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
 void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest) {
     CpuEvent event;
     event.duration = std::chrono::duration_cast<milliseconds>(latest->system.at - busy.since->system.at);
-    if (event.duration < milliseconds(TheHealthSettings().LimitOf(TARND_HEALTH_CPU_TIME))) {
+    if (event.duration < milliseconds(settings_.LimitOf(TARND_HEALTH_CPU_TIME))) {
         return;
     }
     event.begin = busy.since->system.time;
     event.last = latest->system.at;
     event.cpu = cpu.id;
     event.usePermille = UsePermille(*busy.since, cpu);
-    event.pressurePermille = PressureNow();
-    NameThread(event, *busy.since, *latest);
+    event.pressurePermille = PressureNow(proc_);
+    NameThread(event, *busy.since, *latest, proc_);
     Keep(busy.number, std::move(event));
 }
 
 void CpuEvents::Keep(uint64_t &number, CpuEvent event) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto known =
         std::find_if(events_.begin(), events_.end(), [&](const auto &entry) { return entry.first == number; });
     if (known != events_.end()) {
@@ -155,51 +154,22 @@ void CpuEvents::Keep(uint64_t &number, CpuEvent event) {
     events_.emplace_back(number, std::move(event));
 }
 
-std::vector<CpuEvent> CpuEvents::List() const {
-    const std::lock_guard lock(mutex_);
+std::vector<CpuEvent> CpuEvents::List(const CpuEventQuery &query) const {
+    const host::SteadyTime now = clocks_.SteadyNow();
     std::vector<CpuEvent> list;
-    for (const auto &[number, event] : events_) {
-        list.push_back(event);
+    {
+        const host::MutexLock lock(mutex_);
+        for (const auto &[number, event] : events_) {
+            if ((query.pid == 0 || event.pid == query.pid) &&
+                (query.within == 0s || now - event.last <= query.within)) {
+                list.push_back(event);
+            }
+        }
+    }
+    if (query.limit != 0 && list.size() > query.limit) {
+        list.erase(list.begin(), list.end() - static_cast<ptrdiff_t>(query.limit));
     }
     return list;
 }
 
-namespace {
-
-Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
-    Tarn_sys_diag_PadsCpuEvent record{};
-    record.stTime = TheClock().LocalTime(event.begin);
-    record.uiDuration = static_cast<uint32_t>(std::min<int64_t>(event.duration.count(), UINT32_MAX));
-    record.uiCpuId = event.cpu;
-    record.uiCpuUse = event.usePermille;
-    record.uiPressure = event.pressurePermille;
-    record.uiPid = event.pid;
-    record.uiTid = event.tid;
-    host::CopyText(record.szThreadName, event.threadName);
-    record.uiThreadUse = event.threadPermille;
-    return record;
-}
-
-void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
-    std::vector<CpuEvent> events = TheCpuEvents().List();
-    const auto now = std::chrono::steady_clock::now();
-    std::erase_if(events, [&](const CpuEvent &event) {
-        return (request.uiValue1 != 0 && event.pid != request.uiValue1) ||
-               (request.uiValue2 != 0 && now - event.last > std::chrono::seconds(request.uiValue2));
-    });
-    if (request.uiValue3 != 0 && events.size() > request.uiValue3) {
-        events.erase(events.begin(), events.end() - request.uiValue3);
-    }
-    std::vector<Tarn_sys_diag_PadsCpuEvent> records;
-    std::transform(events.begin(), events.end(), std::back_inserter(records), Describe);
-    reply.pstEvent = reply.Keep(std::move(records), reply.uiEventNum);
-}
-
-} // namespace
-
 } // namespace tarnd
-
-uint32_t TarnPadsGetCpuEventByTarnd(const Tarn_sys_diag_PadsCpuEventInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_PadsCpuEventResult>(__func__, replyCtx,
-                                                          [&](auto &reply) { tarnd::ListEvents(*request, reply); });
-}

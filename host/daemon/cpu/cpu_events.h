@@ -5,17 +5,18 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "host/daemon/health/health_settings.h"
 #include "host/daemon/sampling/sampler.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
 struct CpuEvent {
-    std::chrono::system_clock::time_point begin;
-    std::chrono::steady_clock::time_point last; // when it was seen to last
+    host::WallTime begin;
+    host::SteadyTime last; // when it was seen to last
     std::chrono::milliseconds duration{0};
     uint32_t cpu = 0;
     uint32_t usePermille = 0;
@@ -26,15 +27,25 @@ struct CpuEvent {
     uint32_t threadPermille = 0; // of one CPU
 };
 
+// Those wanted; 0: any.
+struct CpuEventQuery {
+    uint32_t pid = 0;
+    std::chrono::seconds within{0}; // of now, seen to last
+    size_t limit = 0;               // the newest
+};
+
 class CpuEvents {
 public:
     static constexpr size_t kEvents = 128;
 
-    // Follows the samples. Before the sampler starts.
-    void Watch();
+    // Follows the samples.
+    CpuEvents(Sampler &sampler, const HealthSettings &settings, const host::procfs::Procfs &proc,
+              const host::Clocks &clocks);
+    CpuEvents(const CpuEvents &) = delete;
+    CpuEvents &operator=(const CpuEvents &) = delete;
 
     // Oldest first; one that lasts is there with what is known so far.
-    std::vector<CpuEvent> List() const;
+    std::vector<CpuEvent> List(const CpuEventQuery &query = {}) const;
 
 private:
     // A CPU that has been busy since a sample.
@@ -47,13 +58,14 @@ private:
     void Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest);
     void Keep(uint64_t &number, CpuEvent event);
 
+    const HealthSettings &settings_;
+    const host::procfs::Procfs &proc_;
+    const host::Clocks &clocks_;
     std::map<uint32_t, Busy> busy_; // by CPU; the sampler's thread only
 
-    mutable std::mutex mutex_;
-    std::deque<std::pair<uint64_t, CpuEvent>> events_; // by number, rising
-    uint64_t lastNumber_ = 0;
+    mutable host::Mutex mutex_;
+    std::deque<std::pair<uint64_t, CpuEvent>> events_ TARN_GUARDED_BY(mutex_); // by number, rising
+    uint64_t lastNumber_ TARN_GUARDED_BY(mutex_) = 0;
 };
-
-CpuEvents &TheCpuEvents();
 
 } // namespace tarnd

@@ -5,13 +5,10 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/cpu/cpu_overload.h"
-#include "host/daemon/cpu/cpu_peaks.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/health/resources.h"
 #include "host/daemon/processes/users.h"
 #include "host/daemon/sampling/rates.h"
-#include "host/daemon/sampling/sampler.h"
-#include "host/daemon/time/local_clock.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -60,7 +57,7 @@ Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permill
 // `cpuNum` is how many CPUs make up the whole that shares are stated of.
 void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpuNum,
                     host::Reply<Tarn_sys_diag_OsProcessCpuRet> &reply) {
-    const SamplePtr sample = TheSampler().Before(IntervalOf(request.uiValue1));
+    const SamplePtr sample = Daemon::Serving().sampler.Before(IntervalOf(request.uiValue1));
     const ProcessSample now = ReadNow(request.uiPid);
     const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - sample->system.at;
     const ProcessSample *const before = sample->Find(now);
@@ -99,7 +96,7 @@ Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &proces
 }
 
 std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit) {
-    const Sampler::Window window = TheSampler().Last(interval);
+    const Sampler::Window window = Daemon::Serving().sampler.Last(interval);
     std::vector<ThreadUse> uses;
     for (const ProcessSample &process : window.to->processes) {
         const std::vector<ThreadUse> ofProcess = ThreadUses(window.from->Find(process), process);
@@ -198,10 +195,11 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     stat.uiPid = process.pid;
     host::CopyText(stat.acName, details.Get(D::kName).str);
     if (sampled != nullptr) {
-        const Peak peak = TheCpuPeaks().OfProcess(process);
+        const Peak peak = Daemon::Serving().cpuPeaks.OfProcess(process);
         stat.uiValue1 = ProcessPermille(window.from->Find(process), *sampled, window.Length());
         stat.uiValue2 = peak.permille;
-        stat.stTime1 = peak.time == decltype(peak.time){} ? Tarn_sys_diag_Systime{} : TheClock().LocalTime(peak.time);
+        stat.stTime1 =
+            peak.time == decltype(peak.time){} ? Tarn_sys_diag_Systime{} : Daemon::Serving().clock.LocalTime(peak.time);
     }
     stat.uiValue3 = ms(userTicks);
     stat.uiValue4 = ms(systemTicks);
@@ -210,7 +208,7 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     stat.uiValue7 = details.Number(D::kThreadNum);
     stat.uiValue8 = details.Number(D::kNice);
     stat.uiValue9 = details.Number(D::kCpu);
-    stat.stTime2 = TheClock().LocalTime(started);
+    stat.stTime2 = Daemon::Serving().clock.LocalTime(started);
     host::CopyText(stat.acValue10, users.User(details.Get(D::kUser).u_int));
     const std::string_view exe = details.Get(D::kExe).str;
     CopyEnd(stat.acValue11, exe == "-" ? "" : exe); // the library's word for none
@@ -232,20 +230,20 @@ Tarn_sys_diag_MultiCpuUsage Describe(const std::string &name, const CpuTicks &fr
     cpu.uiValue4 = Permille(Growth(from.ioWait, to.ioWait), total);
     if (peak.time != decltype(peak.time){}) {
         cpu.uiValue5 = peak.permille;
-        cpu.stTime = TheClock().LocalTime(peak.time);
+        cpu.stTime = Daemon::Serving().clock.LocalTime(peak.time);
     }
     return cpu;
 }
 
 std::vector<Tarn_sys_diag_MultiCpuUsage> MeasureCpus() {
-    const Sampler::Window window = TheSampler().Last({});
+    const Sampler::Window window = Daemon::Serving().sampler.Last({});
     std::vector<Tarn_sys_diag_MultiCpuUsage> cpus{
-        Describe("cpu", window.from->system.cpu, window.to->system.cpu, TheCpuPeaks().OfSystem())};
+        Describe("cpu", window.from->system.cpu, window.to->system.cpu, Daemon::Serving().cpuPeaks.OfSystem())};
     for (const CpuSample &cpu : window.to->cpus) {
         for (const CpuSample &before : window.from->cpus) {
             if (before.id == cpu.id) {
-                cpus.push_back(
-                    Describe("cpu" + std::to_string(cpu.id), before.ticks, cpu.ticks, TheCpuPeaks().OfCpu(cpu.id)));
+                cpus.push_back(Describe("cpu" + std::to_string(cpu.id), before.ticks, cpu.ticks,
+                                        Daemon::Serving().cpuPeaks.OfCpu(cpu.id)));
             }
         }
     }
@@ -262,14 +260,14 @@ uint32_t LoadAverage() {
 
 // A percentage in a byte, between each two samples.
 std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
-    const std::vector<SystemSample> history = TheSampler().History();
+    const std::vector<SystemSample> history = Daemon::Serving().sampler.History();
     std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> records;
     for (size_t i = 1; i < history.size(); ++i) {
         const CpuTicks &from = history[i - 1].cpu;
         const CpuTicks &to = history[i].cpu;
         const uint64_t total = Growth(from.Total(), to.Total());
         Tarn_sys_diag_SysCpuMonitorHistoryInfo record{};
-        record.stTime = TheClock().LocalTime(history[i].time);
+        record.stTime = Daemon::Serving().clock.LocalTime(history[i].time);
         record.ucValue1 = static_cast<uint8_t>((BusyPermille(from, to) + 5) / 10);
         record.ucValue2 =
             static_cast<uint8_t>(std::min<uint32_t>((Permille(Growth(from.ioWait, to.ioWait), total) + 5) / 10, 100));
@@ -301,7 +299,7 @@ uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, v
 
 uint32_t SysCpuStatInfoQuery(const Tarn_sys_diag_SysCpuStatInfoInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_SysCpuStatInfo>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::Sampler::Window window = tarnd::TheSampler().Last({});
+        const tarnd::Sampler::Window window = tarnd::Daemon::Serving().sampler.Last({});
         tarnd::ProcessDetails details;
         tarnd::UserNames users;
         std::vector<Tarn_sys_diag_SysCpuStatProc> processes;
@@ -317,8 +315,8 @@ uint32_t MultiCpuUsageQuery(const Tarn_sys_diag_MultiCpuUsageInput *, void *repl
 
 uint32_t ResetMaxCpuUseInfo(const Tarn_sys_diag_ResetMaxCpuCondition *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_ResetMaxCpuResult>(__func__, replyCtx, [](auto &) {
-        tarnd::TheCpuPeaks().Reset();
-        tarnd::TheCpuOverload().ResetPeaks();
+        tarnd::Daemon::Serving().cpuPeaks.Reset();
+        tarnd::Daemon::Serving().cpuOverload.ResetPeaks();
     });
 }
 
@@ -333,7 +331,7 @@ uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *reply
         host::CopyText(reply.acName, "cpu");
         reply.uiValue1 = tarnd::CpuUsePermille({});
         reply.uiValue2 = tarnd::CpuUsePermille(std::chrono::minutes(1));
-        reply.uiValue3 = tarnd::TheCpuPeaks().OfSystem().permille;
+        reply.uiValue3 = tarnd::Daemon::Serving().cpuPeaks.OfSystem().permille;
         reply.uiValue4 = tarnd::LoadAverage();
     });
 }

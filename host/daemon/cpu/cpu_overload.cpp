@@ -2,11 +2,8 @@
 
 #include <algorithm>
 
-#include "host/answer/answer.h"
-#include "host/daemon/store.h"
+#include "host/osal/attempt.h"
 #include "host/osal/log.h"
-#include "host/osal/thread.h"
-#include "host/stacks/stacks.h"
 
 namespace tarnd {
 
@@ -14,9 +11,6 @@ namespace {
 
 constexpr const char *kDocument = "cpu-overload";
 constexpr uint32_t kVersion = 1;
-
-// Overloads whose stacks are waited for; of more at a time the stacks would tell little by when they are read.
-constexpr size_t kMaxPending = 4;
 
 host::Document ToDocument(const Thresholds &thresholds) {
     return host::Document::Object{
@@ -44,29 +38,21 @@ std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const Proc
     return threads;
 }
 
-std::string TextOfStack(const host::stacks::Stack &stack) {
-    std::string text;
-    for (const host::stacks::Frame &frame : stack.frames) {
-        text += frame.Text() + "\n";
-    }
-    return text;
-}
-
-// The names and stacks of the threads; one that can't be read is left without.
-void ReadStacks(Overload &overload) {
-    host::stacks::Process process(overload.pid);
-    for (OverloadThread &thread : overload.threads) {
-        host::Run("an overload's stack", [&] {
-            thread.name = host::procfs::Procfs().ReadThread(overload.pid, thread.tid).name;
-            thread.stack = TextOfStack(process.Read(thread.tid));
-        });
-    }
+void LogEnd(const Overload &overload) {
+    host::Log().info("the CPU overload by {} ({}) is over", overload.name, overload.pid);
 }
 
 } // namespace
 
-void CpuOverload::Start() {
-    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
+CpuOverload::CpuOverload(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc, ReadStacks readStacks)
+    : store_(store), proc_(proc), readStacks_(std::move(readStacks)) {
+    Load();
+    sampler.OnSample("CPU overload",
+                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
+}
+
+void CpuOverload::Load() {
+    store_.Load(kDocument, kVersion, [this](const host::Document &content) {
         const Thresholds system = FromDocument(content.At("system"));
         std::map<uint32_t, Watched> watched;
         for (const host::Document &process : content.ArrayAt("processes")) {
@@ -74,21 +60,24 @@ void CpuOverload::Start() {
             entry.startTicks = process.Get<uint64_t>("startTicks");
             entry.thresholds = FromDocument(process.At("thresholds"));
         }
-        const std::lock_guard lock(mutex_);
+        const host::MutexLock lock(mutex_);
         thresholds_ = system;
         watched_ = std::move(watched); // the first sample tells which of them still run
     });
-    TheSampler().OnSample("CPU overload",
-                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
-    thread_ = host::StartThread("overload", [this](const std::stop_token &stop) { ReadStacksOfPending(stop); });
 }
 
-void CpuOverload::Stop() {
-    thread_ = {};
+void CpuOverload::Save() const {
+    host::Document::Array processes;
+    for (const auto &[pid, watched] : watched_) {
+        processes.push_back(host::Document::Object{
+            {"pid", pid}, {"startTicks", watched.startTicks}, {"thresholds", ToDocument(watched.thresholds)}});
+    }
+    store_.Save(kDocument, kVersion,
+                host::Document::Object{{"system", ToDocument(thresholds_)}, {"processes", processes}});
 }
 
 void CpuOverload::SetSystem(const Thresholds &thresholds) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const Thresholds before = std::exchange(thresholds_, thresholds);
     try {
         Save();
@@ -99,13 +88,13 @@ void CpuOverload::SetSystem(const Thresholds &thresholds) {
 }
 
 Thresholds CpuOverload::System() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return thresholds_;
 }
 
 void CpuOverload::Watch(uint32_t pid, const Thresholds &thresholds) {
-    const uint64_t startTicks = host::procfs::Procfs().ReadProcess(pid).startTicks;
-    const std::lock_guard lock(mutex_);
+    const uint64_t startTicks = proc_.ReadProcess(pid).startTicks;
+    const host::MutexLock lock(mutex_);
     std::map<uint32_t, Watched> before = watched_;
     if (watched_.size() >= kMaxWatched && watched_.count(pid) == 0) {
         throw std::system_error(ENOSPC, std::generic_category(), fmt::format("{} processes are watched", kMaxWatched));
@@ -125,7 +114,7 @@ void CpuOverload::Watch(uint32_t pid, const Thresholds &thresholds) {
 }
 
 void CpuOverload::Unwatch(uint32_t pid) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     auto entry = watched_.extract(pid);
     if (entry.empty()) {
         throw std::system_error(ENOENT, std::generic_category(), fmt::format("process {} is not watched", pid));
@@ -139,12 +128,12 @@ void CpuOverload::Unwatch(uint32_t pid) {
 }
 
 size_t CpuOverload::WatchedNumber() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return watched_.size();
 }
 
 Watched CpuOverload::WatchedProcess(uint32_t pid) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto entry = watched_.find(pid);
     if (entry == watched_.end()) {
         throw std::system_error(ENOENT, std::generic_category(), fmt::format("process {} is not watched", pid));
@@ -153,12 +142,12 @@ Watched CpuOverload::WatchedProcess(uint32_t pid) const {
 }
 
 uint32_t CpuOverload::RecordNumber() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return recordNumber_;
 }
 
 Overload CpuOverload::Last() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (last_ == nullptr) {
         throw std::system_error(ENODATA, std::generic_category(), "there has been no overload");
     }
@@ -166,7 +155,7 @@ Overload CpuOverload::Last() const {
 }
 
 void CpuOverload::ResetPeaks() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     for (auto &[pid, watched] : watched_) {
         for (WatchedThread &thread : watched.threads) {
             thread.highest = 0;
@@ -174,24 +163,13 @@ void CpuOverload::ResetPeaks() {
     }
 }
 
-// Called with the lock held, which keeps documents in the order of their changes.
-void CpuOverload::Save() const {
-    host::Document::Array processes;
-    for (const auto &[pid, watched] : watched_) {
-        processes.push_back(host::Document::Object{
-            {"pid", pid}, {"startTicks", watched.startTicks}, {"thresholds", ToDocument(watched.thresholds)}});
-    }
-    TheStore().Save(kDocument, kVersion,
-                    host::Document::Object{{"system", ToDocument(thresholds_)}, {"processes", processes}});
-}
-
 void CpuOverload::Take(const SamplePtr &previous, const SamplePtr &latest) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     TakeSystem(previous, latest);
     for (auto entry = watched_.begin(); entry != watched_.end();) {
         const ProcessSample *const process = latest->Find(entry->first);
         if (process == nullptr || process->startTicks != entry->second.startTicks) {
-            End(entry->second.crossing, *latest);
+            End(entry->second.overload, *latest);
             entry = watched_.erase(entry); // has ended; the document loses it with the next change
             continue;
         }
@@ -205,11 +183,11 @@ void CpuOverload::TakeSystem(const SamplePtr &previous, const SamplePtr &latest)
     switch (system_.Follow(permille, thresholds_, previous, latest)) {
     case Crossing::Event::kBegins:
         if (const ProcessSample *const busiest = Busiest(*system_.Since(), *latest)) {
-            Begin(system_, *busiest, *latest);
+            ofSystem_ = Begin(*system_.Since(), *busiest, *latest);
         }
         break;
     case Crossing::Event::kEnds:
-        End(system_, *latest);
+        End(ofSystem_, *latest);
         break;
     case Crossing::Event::kNone:
         break;
@@ -233,65 +211,63 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
     switch (watched.crossing.Follow(permille, watched.thresholds, previous, latest)) {
     case Crossing::Event::kBegins:
         ++watched.overloads;
-        Begin(watched.crossing, process, *latest);
+        watched.overload = Begin(*watched.crossing.Since(), process, *latest);
         break;
     case Crossing::Event::kEnds:
-        End(watched.crossing, *latest);
+        End(watched.overload, *latest);
         break;
     case Crossing::Event::kNone:
         break;
     }
 }
 
-void CpuOverload::Begin(Crossing &crossing, const ProcessSample &process, const Sample &latest) {
-    const Sample &since = *crossing.Since();
+// Null when it is not recorded.
+std::shared_ptr<Overload> CpuOverload::Begin(const Sample &since, const ProcessSample &process, const Sample &latest) {
+    if (pendingNum_ == kMaxPending) {
+        host::Log().error("CPU overload by {} ({}): not recorded, {} wait for their stacks", process.name, process.pid,
+                          kMaxPending);
+        return nullptr;
+    }
     const std::chrono::nanoseconds elapsed = latest.system.at - since.system.at;
     const ProcessSample *const before = since.Find(process);
-    const auto overload = std::make_shared<Overload>();
+    auto overload = std::make_shared<Overload>();
     overload->begin = since.system.time;
     overload->pid = process.pid;
     overload->name = process.name;
     overload->systemPermille = BusyPermille(since.system.cpu, latest.system.cpu);
     overload->processPermille = ProcessPermille(before, process, elapsed);
     overload->threads = BusiestThreads(before, process, elapsed);
-    crossing.record = overload;
-    if (pending_.size() == kMaxPending) {
-        host::Log().error("CPU overload by {} ({}): not recorded, {} wait for their stacks", process.name, process.pid,
-                          kMaxPending);
-        return;
-    }
-    pending_.push_back(overload);
-    wake_.notify_all();
+    ++pendingNum_;
+    queue_.Post([this, overload, copy = *overload](const std::stop_token &) mutable {
+        host::Attempt("an overload's stacks", [&] { readStacks_(copy); });
+        Record(overload, std::move(copy));
+    });
+    return overload;
 }
 
-void CpuOverload::End(Crossing &crossing, const Sample &latest) {
-    if (crossing.record != nullptr) {
-        crossing.record->end = latest.system.time;
-        host::Log().info("the CPU overload by {} ({}) is over", crossing.record->name, crossing.record->pid);
-        crossing.record.reset();
+void CpuOverload::Record(const std::shared_ptr<Overload> &overload, Overload withStacks) {
+    const host::MutexLock lock(mutex_);
+    --pendingNum_;
+    overload->threads = std::move(withStacks.threads);
+    overload->recorded = true;
+    last_ = overload;
+    ++recordNumber_;
+    host::Log().warn("CPU overload: the system uses {} permille, {} ({}) {} permille of a CPU",
+                     overload->systemPermille, overload->name, overload->pid, overload->processPermille);
+    if (overload->end.has_value()) {
+        LogEnd(*overload);
     }
 }
 
-// That may take longer than a sample may.
-void CpuOverload::ReadStacksOfPending(const std::stop_token &stop) {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        wake_.wait(lock, stop, [this] { return !pending_.empty(); });
-        if (stop.stop_requested()) {
-            return;
-        }
-        const std::shared_ptr<Overload> overload = pending_.front();
-        Overload copy = *overload;
-        lock.unlock();
-        host::Run("an overload's stacks", [&] { ReadStacks(copy); });
-        lock.lock();
-        pending_.pop_front();
-        overload->threads = std::move(copy.threads);
-        last_ = overload;
-        ++recordNumber_;
-        host::Log().warn("CPU overload: the system uses {} permille, {} ({}) {} permille of a CPU",
-                         overload->systemPermille, overload->name, overload->pid, overload->processPermille);
+void CpuOverload::End(std::shared_ptr<Overload> &overload, const Sample &latest) {
+    if (overload == nullptr) {
+        return; // it was not recorded
     }
+    overload->end = latest.system.time;
+    if (overload->recorded) {
+        LogEnd(*overload);
+    }
+    overload.reset();
 }
 
 } // namespace tarnd

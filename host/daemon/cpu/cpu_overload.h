@@ -2,19 +2,19 @@
 // process that used most and the stacks of its busiest threads; the last one is kept.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "host/daemon/cpu/crossing.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/sampler.h"
+#include "host/osal/mutex.h"
+#include "host/osal/work_queue.h"
+#include "host/store/store.h"
 
 namespace tarnd {
 
@@ -27,13 +27,14 @@ struct OverloadThread {
 };
 
 struct Overload {
-    std::chrono::system_clock::time_point begin;
-    std::optional<std::chrono::system_clock::time_point> end; // none while it lasts
-    uint32_t pid = 0;                                         // the process that used most
+    host::WallTime begin;
+    std::optional<host::WallTime> end; // none while it lasts
+    uint32_t pid = 0;                  // the process that used most
     std::string name;
     uint32_t systemPermille = 0;
     uint32_t processPermille = 0;
     std::vector<OverloadThread> threads; // the busiest first
+    bool recorded = false;               // with their stacks
 };
 
 struct WatchedThread {
@@ -48,6 +49,7 @@ struct Watched {
     uint64_t startTicks = 0;
     Thresholds thresholds;
     Crossing crossing;
+    std::shared_ptr<Overload> overload; // that lasts
     uint32_t overloads = 0;
     std::vector<WatchedThread> threads; // in rising order of their ids; empty until the next sample
 };
@@ -56,11 +58,17 @@ class CpuOverload {
 public:
     static constexpr size_t kThreads = 10;
     static constexpr size_t kMaxWatched = 256;
+    // Overloads whose stacks are waited for; of more at a time the stacks would tell little by when they are read.
+    static constexpr size_t kMaxPending = 4;
 
-    // Loads what was set before a restart, follows the samples, and starts the thread that reads stacks. Before the
-    // sampler starts.
-    void Start();
-    void Stop();
+    // Adds the names and stacks of the threads; is called by a thread of its own, since that takes longer than a sample
+    // may.
+    using ReadStacks = std::function<void(Overload &)>;
+
+    // Loads what was set before a restart, and follows the samples.
+    CpuOverload(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc, ReadStacks readStacks);
+    CpuOverload(const CpuOverload &) = delete;
+    CpuOverload &operator=(const CpuOverload &) = delete;
 
     void SetSystem(const Thresholds &thresholds);
     Thresholds System() const;
@@ -74,27 +82,31 @@ public:
     void ResetPeaks();             // of the watched threads
 
 private:
+    void Load();
+    void Save() const TARN_REQUIRES(mutex_); // which keeps documents in the order of their changes
     void Take(const SamplePtr &previous, const SamplePtr &latest);
-    void TakeSystem(const SamplePtr &previous, const SamplePtr &latest);
-    void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous,
-                     const SamplePtr &latest);
-    void Begin(Crossing &crossing, const ProcessSample &process, const Sample &latest);
-    static void End(Crossing &crossing, const Sample &latest);
-    void Save() const;
-    void ReadStacksOfPending(const std::stop_token &stop);
+    void TakeSystem(const SamplePtr &previous, const SamplePtr &latest) TARN_REQUIRES(mutex_);
+    void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous, const SamplePtr &latest)
+        TARN_REQUIRES(mutex_);
+    std::shared_ptr<Overload> Begin(const Sample &since, const ProcessSample &process, const Sample &latest)
+        TARN_REQUIRES(mutex_);
+    static void End(std::shared_ptr<Overload> &overload, const Sample &latest);
+    void Record(const std::shared_ptr<Overload> &overload, Overload withStacks);
 
-    mutable std::mutex mutex_;
-    Thresholds thresholds_;
-    Crossing system_;
-    std::map<uint32_t, Watched> watched_;
-    uint32_t recordNumber_ = 0;
-    std::shared_ptr<Overload> last_;
+    host::Store &store_;
+    const host::procfs::Procfs &proc_;
+    const ReadStacks readStacks_;
 
-    std::condition_variable_any wake_;
-    std::deque<std::shared_ptr<Overload>> pending_; // their stacks are to be read
-    std::jthread thread_;                           // that reads them; ends before what it uses
+    mutable host::Mutex mutex_;
+    Thresholds thresholds_ TARN_GUARDED_BY(mutex_);
+    Crossing system_ TARN_GUARDED_BY(mutex_);
+    std::shared_ptr<Overload> ofSystem_ TARN_GUARDED_BY(mutex_); // that lasts
+    std::map<uint32_t, Watched> watched_ TARN_GUARDED_BY(mutex_);
+    uint32_t recordNumber_ TARN_GUARDED_BY(mutex_) = 0;
+    std::shared_ptr<Overload> last_ TARN_GUARDED_BY(mutex_);
+    size_t pendingNum_ TARN_GUARDED_BY(mutex_) = 0; // their stacks are to be read
+
+    host::WorkQueue queue_{"overload"}; // that reads them; ends before what it uses
 };
-
-CpuOverload &TheCpuOverload();
 
 } // namespace tarnd

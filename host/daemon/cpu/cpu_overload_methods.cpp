@@ -1,8 +1,6 @@
 // The thresholds of CPU overloads, and what has been recorded of them.
 #include "host/answer/answer.h"
-#include "host/daemon/cpu/cpu_overload.h"
-#include "host/daemon/cpu/cpu_peaks.h"
-#include "host/daemon/time/local_clock.h"
+#include "host/daemon/daemon.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -28,24 +26,24 @@ void SetProcess(const Tarn_sys_diag_SetCpuOvProcThresholdInput &request) {
         throw host::BadValue("ucValue2", request.ucValue2, "0 or 1");
     }
     if (request.ucValue2 == 0) {
-        TheCpuOverload().Unwatch(request.uiValue1);
+        Daemon::Serving().cpuOverload.Unwatch(request.uiValue1);
         return;
     }
-    const uint64_t highest = 1000 * CpuNumber();
+    const uint64_t highest = 1000 * Daemon::Serving().sampler.Latest()->cpus.size();
     if (request.uiValue3 == 0 || request.uiValue3 > highest) {
         throw host::BadValue("uiValue3", request.uiValue3, fmt::format("1 to {} permille of a CPU", highest));
     }
     if (request.uiValue4 > TARND_OVERLOAD_MAX_S) {
         throw host::BadValue("uiValue4", request.uiValue4, fmt::format("0 to {} s", TARND_OVERLOAD_MAX_S));
     }
-    TheCpuOverload().Watch(request.uiValue1, {request.uiValue3, request.uiValue3, request.uiValue4});
+    Daemon::Serving().cpuOverload.Watch(request.uiValue1, {request.uiValue3, request.uiValue3, request.uiValue4});
 }
 
 std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &watched) {
     std::vector<Tarn_sys_diag_CpuOvMonThread> threads;
     for (const WatchedThread &thread : watched.threads) {
         host::procfs::SkipEnded([&] {
-            const char state = host::procfs::Procfs().ReadThread(pid, thread.tid).state;
+            const char state = Daemon::Serving().proc.ReadThread(pid, thread.tid).state;
             Tarn_sys_diag_CpuOvMonThread entry{};
             entry.uiValue1 = thread.tid;
             entry.uiValue2 = thread.permille;
@@ -65,8 +63,9 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
 } // namespace tarnd
 
 uint32_t SysOvLoadCpuThresholdSet(const Tarn_sys_diag_SysOvLoadCpuThreshold *request, void *replyCtx) {
-    return host::AnswerResult<Tarn_sys_diag_OperResult>(
-        __func__, replyCtx, [&] { tarnd::TheCpuOverload().SetSystem(tarnd::CheckedThresholds(*request)); });
+    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] {
+        tarnd::Daemon::Serving().cpuOverload.SetSystem(tarnd::CheckedThresholds(*request));
+    });
 }
 
 uint32_t SetCpuOvProcThreshold(const Tarn_sys_diag_SetCpuOvProcThresholdInput *request, void *replyCtx) {
@@ -74,38 +73,40 @@ uint32_t SetCpuOvProcThreshold(const Tarn_sys_diag_SetCpuOvProcThresholdInput *r
 }
 
 uint32_t OvloadCpuSwitchState(const Tarn_sys_diag_OvloadCpuSwitchInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OvloadCpuSwitchRet>(
-        __func__, replyCtx, [](auto &reply) { reply.uiSwitch = tarnd::TheCpuOverload().System().over != 0 ? 1 : 0; });
+    return host::Answer<Tarn_sys_diag_OvloadCpuSwitchRet>(__func__, replyCtx, [](auto &reply) {
+        reply.uiSwitch = tarnd::Daemon::Serving().cpuOverload.System().over != 0 ? 1 : 0;
+    });
 }
 
 uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::CpuOverload &overload = tarnd::TheCpuOverload();
+        const tarnd::CpuOverload &overload = tarnd::Daemon::Serving().cpuOverload;
         const tarnd::Thresholds thresholds = overload.System();
         reply.uiValue1 = thresholds.over;
         reply.uiValue2 = thresholds.recover;
         reply.uiValue3 = thresholds.seconds;
         reply.uiValue4 = static_cast<uint32_t>(overload.WatchedNumber());
-        reply.uiValue5 = static_cast<uint32_t>(tarnd::TheSampler().Interval().count());
+        reply.uiValue5 = static_cast<uint32_t>(tarnd::Daemon::Serving().sampler.Interval().count());
         reply.uiValue6 = overload.RecordNumber();
     });
 }
 
 uint32_t DisCpuOvloadInfo(const Tarn_sys_diag_DisCpuOvloadInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_DisCpuOvloadRet>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::Overload overload = tarnd::TheCpuOverload().Last();
-        reply.stTime1 = tarnd::TheClock().LocalTime(overload.begin);
+        const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
+        reply.stTime1 = tarnd::Daemon::Serving().clock.LocalTime(overload.begin);
         host::CopyText(reply.acName, overload.name);
         reply.uiValue1 = overload.pid;
         reply.uiValue2 = overload.systemPermille;
         reply.uiValue3 = overload.processPermille;
-        reply.stTime2 = overload.end ? tarnd::TheClock().LocalTime(*overload.end) : Tarn_sys_diag_Systime{};
+        reply.stTime2 =
+            overload.end ? tarnd::Daemon::Serving().clock.LocalTime(*overload.end) : Tarn_sys_diag_Systime{};
     });
 }
 
 uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_TopCpuOvloadThreadCallstackRet>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::Overload overload = tarnd::TheCpuOverload().Last();
+        const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
         for (const tarnd::OverloadThread &thread : overload.threads) {
             Tarn_sys_diag_TopCpuOvloadThread &entry = reply.astThread[reply.uiThreadNum++];
             entry.uiPid = overload.pid;
@@ -120,7 +121,7 @@ uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackI
 
 uint32_t GetCpuOvMonProcInfo(const Tarn_sys_diag_Process *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetCpuOvMonProcInfoOutput>(__func__, replyCtx, [&](auto &reply) {
-        const tarnd::Watched watched = tarnd::TheCpuOverload().WatchedProcess(request->uiPid);
+        const tarnd::Watched watched = tarnd::Daemon::Serving().cpuOverload.WatchedProcess(request->uiPid);
         reply.uiPid = request->uiPid;
         reply.pstThread = reply.Keep(tarnd::Describe(request->uiPid, watched), reply.uiThreadNum);
     });

@@ -8,20 +8,20 @@ namespace {
 
 void Raise(Peak &peak, uint32_t permille, const Sample &sample) {
     // The first value is one even when it is 0.
-    if (permille > peak.permille || peak.time == std::chrono::system_clock::time_point{}) {
+    if (permille > peak.permille || peak.time == host::WallTime{}) {
         peak = {permille, sample.system.time};
     }
 }
 
 } // namespace
 
-void CpuPeaks::Start() {
-    TheSampler().OnSample("CPU peaks",
-                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+CpuPeaks::CpuPeaks(Sampler &sampler) {
+    sampler.OnSample("CPU peaks",
+                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
 }
 
 void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Raise(system_, BusyPermille(previous.system.cpu, latest.system.cpu), latest);
     for (const CpuSample &cpu : latest.cpus) {
         for (const CpuSample &before : previous.cpus) {
@@ -45,25 +45,25 @@ void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
 }
 
 void CpuPeaks::Reset() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     system_ = {};
     cpus_.clear();
     processes_.clear();
 }
 
 Peak CpuPeaks::OfSystem() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return system_;
 }
 
 Peak CpuPeaks::OfCpu(uint32_t id) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto at = cpus_.find(id);
     return at == cpus_.end() ? Peak{} : at->second;
 }
 
 Peak CpuPeaks::OfProcess(const ProcessSample &process) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto at = processes_.find(process.pid);
     return at == processes_.end() || at->second.startTicks != process.startTicks ? Peak{} : at->second.peak;
 }

@@ -4,21 +4,23 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 
 #include "host/daemon/sampling/sampler.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
 struct Peak {
     uint32_t permille = 0;
-    std::chrono::system_clock::time_point time; // when it was reached
+    host::WallTime time; // when it was reached
 };
 
 class CpuPeaks {
 public:
-    // Follows the samples. Before the sampler starts.
-    void Start();
+    // Follows the samples.
+    explicit CpuPeaks(Sampler &sampler);
+    CpuPeaks(const CpuPeaks &) = delete;
+    CpuPeaks &operator=(const CpuPeaks &) = delete;
 
     void Reset();
 
@@ -33,12 +35,10 @@ private:
         uint64_t startTicks = 0;
         Peak peak;
     };
-    mutable std::mutex mutex_;
-    Peak system_;
-    std::map<uint32_t, Peak> cpus_;
-    std::map<uint32_t, OfOneProcess> processes_; // those that run
+    mutable host::Mutex mutex_;
+    Peak system_ TARN_GUARDED_BY(mutex_);
+    std::map<uint32_t, Peak> cpus_ TARN_GUARDED_BY(mutex_);
+    std::map<uint32_t, OfOneProcess> processes_ TARN_GUARDED_BY(mutex_); // those that run
 };
-
-CpuPeaks &TheCpuPeaks();
 
 } // namespace tarnd

@@ -2,13 +2,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "host/daemon/sampling/sampler.h"
 
 namespace tarnd {
-
-struct Overload;
 
 // Shares in permille: of all CPUs for the system, of one CPU for a process.
 struct Thresholds {
@@ -25,8 +22,6 @@ public:
 
     bool Over() const { return over_; }
     const SamplePtr &Since() const { return since_; } // the sample before the first that was over
-
-    std::shared_ptr<Overload> record; // of the overload that lasts
 
 private:
     SamplePtr since_;

@@ -1,11 +1,9 @@
 #include "host/daemon/cpu/overload_debug.h"
 
-#include "host/answer/answer.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/osal/log.h"
 #include "host/values/daemon.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
@@ -34,9 +32,9 @@ void LogMemory(const Sample &latest) {
 
 } // namespace
 
-void OverloadDebug::Start() {
-    TheSampler().OnSample("overload debug",
-                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+OverloadDebug::OverloadDebug(Sampler &sampler) {
+    sampler.OnSample("overload debug",
+                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
 }
 
 void OverloadDebug::Take(const Sample &previous, const Sample &latest) const {
@@ -49,16 +47,3 @@ void OverloadDebug::Take(const Sample &previous, const Sample &latest) const {
 }
 
 } // namespace tarnd
-
-uint32_t SetOvLoadDebugSwitch(const Tarn_sys_diag_SetOvLoadDebugSwitchInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
-        constexpr uint32_t kAll = TARND_MONITOR_CPU | TARND_MONITOR_MEMORY;
-        if (request->uiValue1 == 0 || request->uiValue1 > kAll) {
-            throw host::BadValue("uiValue1", request->uiValue1, "1 CPU, 2 memory or 3 both");
-        }
-        if (request->uiValue2 > 1) {
-            throw host::BadValue("uiValue2", request->uiValue2, "0 off or 1 on");
-        }
-        tarnd::TheOverloadDebug().Switch(request->uiValue1, request->uiValue2 == 1);
-    });
-}

@@ -11,8 +11,10 @@ namespace tarnd {
 // Monitors are TARND_MONITOR_CPU and TARND_MONITOR_MEMORY, or both.
 class OverloadDebug {
 public:
-    // Follows the samples. Before the sampler starts.
-    void Start();
+    // Follows the samples.
+    explicit OverloadDebug(Sampler &sampler);
+    OverloadDebug(const OverloadDebug &) = delete;
+    OverloadDebug &operator=(const OverloadDebug &) = delete;
 
     void Switch(uint32_t monitors, bool on) { on ? on_ |= monitors : on_ &= ~monitors; }
     bool IsOn(uint32_t monitor) const { return (on_ & monitor) != 0; }
@@ -22,7 +24,5 @@ private:
 
     std::atomic<uint32_t> on_ = 0;
 };
-
-OverloadDebug &TheOverloadDebug();
 
 } // namespace tarnd

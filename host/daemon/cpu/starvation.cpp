@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-#include "host/answer/answer.h"
 #include "host/daemon/sampling/rates.h"
-#include "host/daemon/store.h"
 #include "host/osal/log.h"
 
 namespace tarnd {
@@ -16,19 +14,20 @@ constexpr uint32_t kVersion = 1;
 
 } // namespace
 
-void Starvation::Start() {
-    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
+Starvation::Starvation(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc)
+    : store_(store), proc_(proc) {
+    store_.Load(kDocument, kVersion, [this](const host::Document &content) {
         const StarvationSettings settings{content.Get<bool>("on"),
                                           std::chrono::milliseconds(content.Get<uint32_t>("thresholdMs"))};
-        const std::lock_guard lock(mutex_);
+        const host::MutexLock lock(mutex_);
         settings_ = settings;
     });
-    TheSampler().OnSample("starvation",
-                          [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+    sampler.OnSample("starvation",
+                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
 }
 
 void Starvation::Switch(bool on) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Set({on, settings_.threshold});
     if (!on) {
         threads_.clear();
@@ -36,18 +35,18 @@ void Starvation::Switch(bool on) {
 }
 
 void Starvation::SetThreshold(std::chrono::milliseconds threshold) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Set({settings_.on, threshold});
 }
 
 void Starvation::Set(const StarvationSettings &settings) {
-    TheStore().Save(kDocument, kVersion,
-                    host::Document::Object{{"on", settings.on}, {"thresholdMs", settings.threshold.count()}});
+    store_.Save(kDocument, kVersion,
+                host::Document::Object{{"on", settings.on}, {"thresholdMs", settings.threshold.count()}});
     settings_ = settings;
 }
 
 std::optional<StarvationRecord> Starvation::Of(uint32_t pid, uint32_t tid) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto thread = threads_.find(tid);
     if (thread == threads_.end() || thread->second.pid != pid || thread->second.record.times == 0) {
         return std::nullopt;
@@ -56,14 +55,14 @@ std::optional<StarvationRecord> Starvation::Of(uint32_t pid, uint32_t tid) const
 }
 
 void Starvation::Reset() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     for (auto &[tid, thread] : threads_) {
         thread.record = {};
     }
 }
 
 void Starvation::Reset(uint32_t tid) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto thread = threads_.find(tid);
     if (thread == threads_.end() || thread->second.record.times == 0) {
         throw std::system_error(ENOENT, std::generic_category(), fmt::format("thread {} has no record", tid));
@@ -73,7 +72,7 @@ void Starvation::Reset(uint32_t tid) {
 
 // The samples leave out threads of processes that are idle, as one that starves may be: each thread's counts are read.
 void Starvation::Take(const Sample &previous, const Sample &latest) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (!settings_.on) {
         return;
     }
@@ -84,7 +83,7 @@ void Starvation::Take(const Sample &previous, const Sample &latest) {
         }
         for (const ThreadTimes &times : *process.threads) {
             host::procfs::SkipHidden([&] {
-                const auto count = host::procfs::Procfs().ReadSchedulerCount(process.pid, times.tid);
+                const auto count = proc_.ReadSchedulerCount(process.pid, times.tid);
                 const auto known = threads_.find(times.tid);
                 Thread thread;
                 // Counts that went back are those of a new thread that has the id of one that has ended.
@@ -113,8 +112,8 @@ void Starvation::Follow(Thread &thread, uint32_t tid, const host::procfs::Schedu
         const auto elapsed = static_cast<uint64_t>((latest.system.at - previous.system.at).count());
         Record(thread, tid, std::chrono::nanoseconds(std::max(waited / slices, Growth(elapsed, waited))), latest);
     }
-    const bool mayWait = !ran && latest.system.runnable > CpuNumber();
-    if (!mayWait || host::procfs::Procfs().ReadThread(thread.pid, tid).state != 'R') {
+    const bool mayWait = !ran && latest.system.runnable > latest.cpus.size();
+    if (!mayWait || proc_.ReadThread(thread.pid, tid).state != 'R') {
         thread.readySince.reset();
         thread.counted = false;
         return;

@@ -4,17 +4,18 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 
 #include "host/daemon/sampling/sampler.h"
+#include "host/osal/mutex.h"
+#include "host/store/store.h"
 
 namespace tarnd {
 
 struct StarvationRecord {
     uint32_t times = 0;
     std::chrono::nanoseconds longest{};
-    std::chrono::system_clock::time_point last; // when the last wait was seen
+    host::WallTime last; // when the last wait was seen
 };
 
 struct StarvationSettings {
@@ -24,8 +25,10 @@ struct StarvationSettings {
 
 class Starvation {
 public:
-    // Loads what was set before a restart, and follows the samples. Before the sampler starts.
-    void Start();
+    // Loads what was set before a restart, and follows the samples.
+    Starvation(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc);
+    Starvation(const Starvation &) = delete;
+    Starvation &operator=(const Starvation &) = delete;
 
     // Kept beyond a restart.
     void Switch(bool on);
@@ -37,27 +40,26 @@ public:
     void Reset(uint32_t tid); // throws ENOENT when the thread has no record
 
 private:
-    using Steady = std::chrono::steady_clock::time_point;
-
     struct Thread {
         uint32_t pid = 0;
         host::procfs::SchedulerCount count;
-        std::optional<Steady> readySince; // seen ready, and not run since
-        bool counted = false;             // the wait that lasts is in the record
+        std::optional<host::SteadyTime> readySince; // seen ready, and not run since
+        bool counted = false;                       // the wait that lasts is in the record
         StarvationRecord record;
     };
 
-    void Set(const StarvationSettings &settings);
+    void Set(const StarvationSettings &settings) TARN_REQUIRES(mutex_);
     void Take(const Sample &previous, const Sample &latest);
     void Follow(Thread &thread, uint32_t tid, const host::procfs::SchedulerCount &count, const Sample &previous,
-                const Sample &latest) const;
-    void Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds waited, const Sample &latest) const;
+                const Sample &latest) const TARN_REQUIRES(mutex_);
+    void Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds waited, const Sample &latest) const
+        TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    StarvationSettings settings_;
-    std::map<uint32_t, Thread> threads_; // all that run; none while it is off
+    host::Store &store_;
+    const host::procfs::Procfs &proc_;
+    mutable host::Mutex mutex_;
+    StarvationSettings settings_ TARN_GUARDED_BY(mutex_);
+    std::map<uint32_t, Thread> threads_ TARN_GUARDED_BY(mutex_); // all that run; none while it is off
 };
-
-Starvation &TheStarvation();
 
 } // namespace tarnd

@@ -12,6 +12,7 @@
 #include "host/daemon/agents/agent_probe.h"
 #include "host/daemon/agents/relay.h"
 #include "host/daemon/agents/state.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/health/resources.h"
 #include "host/daemon/memory/memory_overload.h"
@@ -95,7 +96,8 @@ private:
 
     void LookAtPressure(uint8_t function, const std::string &resource) {
         Look(function, resource + " pressure", [&](uint32_t limit) {
-            AddShare(resource + " pressure", ReadPressure(resource), limit, "of the last 10 s some task waited");
+            AddShare(resource + " pressure", ReadPressure(Daemon::Serving().proc, resource), limit,
+                     "of the last 10 s some task waited");
         });
     }
 

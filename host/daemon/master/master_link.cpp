@@ -7,7 +7,7 @@
 
 #include "client/master.h"
 #include "host/answer/answer.h"
-#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/files/measurement.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/time/local_clock.h"
@@ -75,7 +75,7 @@ void FetchOverload() {
                                  fmt::format("{}, {}, {}", reply.uiValue1, reply.uiValue2, reply.uiValue3),
                                  "two shares, the second not above the first, and seconds");
         }
-        TheCpuOverload().SetSystem({reply.uiValue1, reply.uiValue2, reply.uiValue3});
+        Daemon::Serving().cpuOverload.SetSystem({reply.uiValue1, reply.uiValue2, reply.uiValue3});
         host::Log().info("CPU overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
     });
     Tarn_sys_diag_OvLoadMemCtlInput ofMemory{};

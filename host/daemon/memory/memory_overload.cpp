@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "host/answer/answer.h"
-#include "host/daemon/cpu/overload_debug.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/master/master_link.h"
 #include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/store.h"
@@ -133,7 +133,7 @@ uint32_t GetSysMemOverloadStat(const Tarn_sys_diag_None *, void *replyCtx) {
 uint32_t GetSysMemOverloadSw(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_GetSysMemOverloadSwOutput>(__func__, replyCtx, [](auto &reply) {
         reply.uiSwitch = tarnd::TheMemoryOverload().Thresholds().over != 0 ? 1 : 0;
-        reply.ucValue2 = tarnd::TheOverloadDebug().IsOn(TARND_MONITOR_MEMORY) ? 1 : 0;
+        reply.ucValue2 = tarnd::Daemon::Serving().overloadDebug.IsOn(TARND_MONITOR_MEMORY) ? 1 : 0;
     });
 }
 

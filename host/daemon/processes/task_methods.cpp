@@ -4,8 +4,7 @@
 #include <fmt/format.h>
 
 #include "host/answer/answer.h"
-#include "host/daemon/cpu/starvation.h"
-#include "host/daemon/time/local_clock.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/time/text.h"
 #include "host/procfs/procfs.h"
 #include "host/values/daemon.h"
@@ -62,7 +61,7 @@ private:
             fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, Printable(task.name),
                         host::procfs::StateText(task.state), task.CpuTicks() * 1000 / host::procfs::TicksPerSecond(),
                         task.lastCpu, host::procfs::SchedulingText(task));
-        const StarvationRecord starved = TheStarvation().Of(pid, task.id).value_or(StarvationRecord{});
+        const StarvationRecord starved = Daemon::Serving().starvation.Of(pid, task.id).value_or(StarvationRecord{});
         record_ +=
             fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", pid, task.id, Printable(task.name),
                         count.runNs / 1000, count.waitNs / 1000, count.sliceNum, starved.times,
@@ -71,7 +70,7 @@ private:
 
     // "2024-02-29T23:59:58.123"
     static std::string TimeText(std::chrono::system_clock::time_point when) {
-        const Tarn_sys_diag_Systime time = TheClock().LocalTime(when);
+        const Tarn_sys_diag_Systime time = Daemon::Serving().clock.LocalTime(when);
         return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", time.usYear, time.ucMonth, time.ucDay,
                            time.ucHour, time.ucMinute, time.ucSecond, time.uiMillisecond);
     }
@@ -112,9 +111,9 @@ uint32_t GetTaskInfo(const Tarn_sys_diag_GetTaskInfoInput *request, void *replyC
 uint32_t ResetTaskRecord(const Tarn_sys_diag_ResetTaskRecordInput *request, void *replyCtx) {
     return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
         if (request->uiTaskId == 0) {
-            tarnd::TheStarvation().Reset();
+            tarnd::Daemon::Serving().starvation.Reset();
         } else {
-            tarnd::TheStarvation().Reset(request->uiTaskId);
+            tarnd::Daemon::Serving().starvation.Reset(request->uiTaskId);
         }
     });
 }
@@ -125,7 +124,7 @@ uint32_t SetTaskStarvThreshold(const Tarn_sys_diag_StarvTaskThresholdInput *requ
         if (ms == 0 || ms > TARND_STARVATION_MAX_MS) {
             throw host::BadValue("uiStarvThreshold", ms, fmt::format("1 to {} ms", TARND_STARVATION_MAX_MS));
         }
-        tarnd::TheStarvation().SetThreshold(std::chrono::milliseconds(ms));
+        tarnd::Daemon::Serving().starvation.SetThreshold(std::chrono::milliseconds(ms));
     });
 }
 
@@ -134,6 +133,6 @@ uint32_t SetTaskSwitch(const Tarn_sys_diag_TaskSwitchInput *request, void *reply
         if (request->uiTaskSwitch > 1) {
             throw host::BadValue("uiTaskSwitch", request->uiTaskSwitch, "0 or 1");
         }
-        tarnd::TheStarvation().Switch(request->uiTaskSwitch == 1);
+        tarnd::Daemon::Serving().starvation.Switch(request->uiTaskSwitch == 1);
     });
 }

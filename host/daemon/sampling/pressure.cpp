@@ -6,8 +6,6 @@
 #include <exception>
 #include <system_error>
 
-#include "host/procfs/procfs.h"
-
 namespace tarnd {
 
 uint32_t ParsePressure(const std::string &text) {
@@ -21,10 +19,10 @@ uint32_t ParsePressure(const std::string &text) {
     return static_cast<uint32_t>(std::lround(percent * 10));
 }
 
-uint32_t ReadPressure(const std::string &resource) {
+uint32_t ReadPressure(const host::procfs::Procfs &proc, const std::string &resource) {
     std::string text;
     try {
-        text = host::procfs::Procfs().Read("pressure/" + resource);
+        text = proc.Read("pressure/" + resource);
     } catch (const std::system_error &) {
         const std::exception_ptr ofSystem = std::current_exception();
         try {

@@ -1,0 +1,45 @@
+// The CPU events that are kept.
+#include <algorithm>
+#include <iterator>
+
+#include "host/answer/answer.h"
+#include "host/daemon/daemon.h"
+#include "server/tarnd.h"
+
+namespace tarnd {
+
+namespace {
+
+Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
+    Tarn_sys_diag_PadsCpuEvent record{};
+    record.stTime = Daemon::Serving().clock.LocalTime(event.begin);
+    record.uiDuration = static_cast<uint32_t>(std::min<int64_t>(event.duration.count(), UINT32_MAX));
+    record.uiCpuId = event.cpu;
+    record.uiCpuUse = event.usePermille;
+    record.uiPressure = event.pressurePermille;
+    record.uiPid = event.pid;
+    record.uiTid = event.tid;
+    host::CopyText(record.szThreadName, event.threadName);
+    record.uiThreadUse = event.threadPermille;
+    return record;
+}
+
+void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
+    CpuEventQuery query;
+    query.pid = request.uiValue1;
+    query.within = std::chrono::seconds(request.uiValue2);
+    query.limit = request.uiValue3;
+    const std::vector<CpuEvent> events = Daemon::Serving().cpuEvents.List(query);
+    std::vector<Tarn_sys_diag_PadsCpuEvent> records;
+    std::transform(events.begin(), events.end(), std::back_inserter(records), Describe);
+    reply.pstEvent = reply.Keep(std::move(records), reply.uiEventNum);
+}
+
+} // namespace
+
+} // namespace tarnd
+
+uint32_t TarnPadsGetCpuEventByTarnd(const Tarn_sys_diag_PadsCpuEventInput *request, void *replyCtx) {
+    return host::Answer<Tarn_sys_diag_PadsCpuEventResult>(__func__, replyCtx,
+                                                          [&](auto &reply) { tarnd::ListEvents(*request, reply); });
+}

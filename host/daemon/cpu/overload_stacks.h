@@ -1,0 +1,12 @@
+// What the busiest threads of an overload were doing.
+#pragma once
+
+#include "host/daemon/cpu/cpu_overload.h"
+
+namespace tarnd {
+
+// Adds the names and stacks of the threads; one that can't be read is left without. Throws where the process can't be
+// looked into.
+void ReadOverloadStacks(const host::procfs::Procfs &proc, Overload &overload);
+
+} // namespace tarnd
