@@ -98,12 +98,16 @@ public:
 
     bool Stops() const {
         int status = 0;
-        return waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
+        return Eventually([&] { return waitpid(pid_, &status, WUNTRACED | WNOHANG) == pid_; }) && WIFSTOPPED(status);
     }
     // The exit status, or the signal that ended it, negative.
     int Wait() {
         int status = 0;
-        if (!Eventually([&] { return waitpid(pid_, &status, WNOHANG) != 0; })) {
+        const auto ended = [&] {
+            Read(); // it may wait for room
+            return waitpid(pid_, &status, WNOHANG) != 0;
+        };
+        if (!Eventually(ended)) {
             ADD_FAILURE() << "it does not end: " << output_;
             kill(pid_, SIGKILL);
             waitpid(pid_, &status, 0);
