@@ -51,7 +51,7 @@ public:
     [[noreturn]] void Fail(const std::string &what) const { Fail(file_, line_, Name() + " " + what); }
 
     std::string Name() const { return fmt::format("[{}]", fmt::join(words_, " ")); }
-    const std::string &Kind() const { return words_[0]; }
+    const std::string &Type() const { return words_[0]; }
     std::vector<std::string> Arguments() const { return {words_.begin() + 1, words_.end()}; }
 
     void Add(const std::string &key, uint32_t line, const std::string &value) {
@@ -278,26 +278,26 @@ void ReadMeasurement(Section &section, Config &config) {
 }
 
 void Read(Section &section, Config &config) {
-    const std::string &kind = section.Kind();
-    const bool named = kind == "cpu-overload" || kind == "memory-overload" || kind == "physical";
+    const std::string &type = section.Type();
+    const bool named = type == "cpu-overload" || type == "memory-overload" || type == "physical";
     if (!named && !section.Arguments().empty()) {
         section.Fail("takes no further words");
     }
-    if (kind == "zone") {
+    if (type == "zone") {
         ReadZone(section, config);
-    } else if (kind == "daylight-saving") {
+    } else if (type == "daylight-saving") {
         ReadDst(section, config);
-    } else if (kind == "cpu-overload") {
+    } else if (type == "cpu-overload") {
         config.cpuOverload[NamesOf(section)] = ReadThresholds(section, true);
-    } else if (kind == "memory-overload") {
+    } else if (type == "memory-overload") {
         config.memoryOverload[NamesOf(section)] = ReadThresholds(section, false);
-    } else if (kind == "physical") {
+    } else if (type == "physical") {
         ReadPhysical(section, config);
-    } else if (kind == "auto-update") {
+    } else if (type == "auto-update") {
         ReadAutoUpdate(section, config);
-    } else if (kind == "process") {
+    } else if (type == "process") {
         ReadProcess(section, config);
-    } else if (kind == "measurement") {
+    } else if (type == "measurement") {
         ReadMeasurement(section, config);
     } else {
         section.Fail("is no section, expected zone, daylight-saving, cpu-overload, memory-overload, physical, "
@@ -311,7 +311,7 @@ Config ParseConfig(std::istream &text, const std::string &name) {
     Config config;
     for (Section &section : ReadSections(text, name)) {
         Read(section, config);
-        if (section.Kind() == "daylight-saving" && !config.zone) {
+        if (section.Type() == "daylight-saving" && !config.zone) {
             section.Fail("stands behind [zone], which is missing");
         }
     }

@@ -121,7 +121,7 @@ TEST_F(AgentMemoryTest, TellsWhatHandlesHold) {
     EXPECT_EQ(record.puiTid[0], static_cast<uint32_t>(gettid()));
 
     const auto one = Ask<Tarn_sys_diag_ProcPtRecodResult>("GetProcPartitionMemHandleRecod",
-                                                          Tarn_sys_diag_ProcPtRecodInput{partition_, 0, 1, 1, 0});
+                                                          Tarn_sys_diag_ProcPtRecodInput{partition_, 0, 1, 2, 0});
     EXPECT_EQ(one->uiTotalNum, 2);
     ASSERT_EQ(one->uiRecodNum, 1);
     EXPECT_STREQ(one->pstRecod[0].szHandleName, "second");
@@ -140,6 +140,41 @@ TEST_F(AgentMemoryTest, TellsWhatHandlesHold) {
     EXPECT_EQ(handles->uiValue1, 2);
     EXPECT_EQ(handles->uiValue2, 1);
     EXPECT_EQ(handles->uiValue3, Damage(TARN_AGENT_DAMAGE_BLOCKS).number);
+}
+
+TEST_F(AgentMemoryTest, TellsOfHandlesWhatIsAskedFor) {
+    uint32_t other = 0, otherHandle = 0;
+    ASSERT_EQ(TarnAgent_CreatePartition("other", 4096, 64, &other), 0);
+    ASSERT_EQ(TarnAgent_OpenMemHandle(other, "third", &otherHandle), 0);
+    void *const block = TarnAgent_Alloc(otherHandle, 1);
+    const auto names = [&](uint32_t partition, uint32_t handle, uint32_t onlyHolding) {
+        const auto records = Ask<Tarn_sys_diag_ProcPtRecodResult>(
+            "GetProcPartitionMemHandleRecod", Tarn_sys_diag_ProcPtRecodInput{partition, handle, 0, 0, onlyHolding});
+        std::string text;
+        for (uint32_t i = 0; i < records->uiRecodNum; ++i) {
+            text += std::string(records->pstRecod[i].szHandleName) + " ";
+        }
+        return text;
+    };
+    EXPECT_EQ(names(0, 0, 0), "first second third ");
+    EXPECT_EQ(names(partition_, 0, 0), "first second ");
+    EXPECT_EQ(names(0, second_, 0), "second ");
+    EXPECT_EQ(names(0, 0, 1), "third ");
+    EXPECT_EQ(Partition()->uiHandleNum, 0) << "none of its own holds anything";
+    TarnAgent_Free(block);
+
+    std::vector<uint32_t> handles(9);
+    for (uint32_t &handle : handles) {
+        ASSERT_EQ(TarnAgent_OpenMemHandle(other, "more", &handle), 0);
+    }
+    const auto top = Ask<Tarn_sys_diag_GetTopNHandleInfoOutput>("GetTopNHandleInfo", Tarn_sys_diag_None{});
+    EXPECT_EQ(top->uiHandleTotal, 12);
+    EXPECT_EQ(top->uiHandleNum, TARN_AGENT_TOP_HANDLES);
+    for (const uint32_t handle : handles) {
+        EXPECT_EQ(TarnAgent_CloseMemHandle(handle), 0);
+    }
+    EXPECT_EQ(TarnAgent_CloseMemHandle(otherHandle), 0);
+    EXPECT_EQ(TarnAgent_DestroyPartition(other), 0);
 }
 
 TEST_F(AgentMemoryTest, TellsThePartitionsState) {
@@ -279,8 +314,8 @@ TEST_F(AgentMemoryTest, FindsDamage) {
     EXPECT_TRUE(Has(report.text, "overwritten 2 bytes behind its end")) << report.text;
     behind[102] = kept;
 
-    EXPECT_EQ(Scan(TARN_AGENT_SCAN_ON), 0);
     ahead[-3] = 1;
+    EXPECT_EQ(Scan(TARN_AGENT_SCAN_ON), 0);
     EXPECT_TRUE(kit::Eventually([&] { return Damage(TARN_AGENT_DAMAGE_BLOCKS).number == before + 2; }));
     EXPECT_TRUE(Has(Damage(TARN_AGENT_DAMAGE_ALL).text, "overwritten 3 bytes before its start"));
     EXPECT_EQ(Scan(TARN_AGENT_SCAN_OFF), 0);
@@ -347,6 +382,17 @@ TEST_F(AgentMemoryTest, TellsTheApplicationsMemoryByUnitBlockAndModule) {
     Tarn_sys_diag_GetAppMemInfoInput query{};
     const auto units = [&] { return Ask<Tarn_sys_diag_GetAppMemUnitInfoOutput>("TarnGetAppMemUnitInfo", query); };
     EXPECT_EQ(units()->uiUnitNum, 3);
+    query.uiStart = 1;
+    query.uiMaxNum = 2;
+    EXPECT_EQ(units()->uiTotalNum, 3);
+    EXPECT_EQ(units()->uiUnitNum, 2);
+    EXPECT_STREQ(units()->pstUnit[0].szUnitName, "accounted");
+    query = {};
+    kit::Set(query.szAppName, "agent_memory_*");
+    EXPECT_EQ(units()->uiUnitNum, 3);
+    kit::Set(query.szAppName, "some other app");
+    EXPECT_EQ(units()->uiUnitNum, 0);
+    query = {};
     kit::Set(query.szUnitName, "acc*");
     const auto one = units();
     ASSERT_EQ(one->uiUnitNum, 1);

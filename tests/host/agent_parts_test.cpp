@@ -1,4 +1,6 @@
 // The agent's parts, one by one, on clocks and samples that the test owns.
+#include <sys/resource.h>
+
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -672,7 +674,15 @@ TEST(OwnHealth, TellsLevelsByTheirLimits) {
     EXPECT_EQ(level(1, 257), TARN_AGENT_HEALTH_DEGRADED);
     EXPECT_EQ(level(1, 256), TARN_AGENT_HEALTH_BAD) << "from twice of it";
     EXPECT_EQ(items.at(2).limit, 800);
-    EXPECT_EQ(items.at(2).check(800).text.rfind("3 of ", 0), 0) << items.at(2).check(800).text;
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit sixty{60, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &sixty);
+    EXPECT_EQ(items.at(2).check(51).text, "3 of 60 descriptors are open, 50 permille, limit 51");
+    EXPECT_EQ(level(2, 51), TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(level(2, 50), TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(level(2, 25), TARN_AGENT_HEALTH_BAD);
+    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(items.at(3).limit, 1024);
     EXPECT_EQ(items.at(3).check(1024).text, "2048 MiB resident, limit 1024");
     EXPECT_EQ(level(3, 1024), TARN_AGENT_HEALTH_BAD);

@@ -8,6 +8,7 @@ TARN_UNIT()
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <ctime>
 
 #include "host/agent/tarn_agent.h"
 #include "host/runtime/status.h"
@@ -298,7 +299,15 @@ TEST_F(HealthTest, LooksAtTheProcessAndTheApplicationsItems) {
     EXPECT_EQ(Health()->uiValue2, 1);
     EXPECT_EQ(Item("threads").ucValue1, TARN_AGENT_HEALTH_GOOD);
     EXPECT_STREQ(Item("threads").acValue2, "state");
-    EXPECT_EQ(std::string(Item("threads").acValue3).size(), 14);
+    const auto now = [] {
+        const time_t seconds = time(nullptr);
+        tm local{};
+        char text[32];
+        return std::string(text, strftime(text, sizeof text, "%Y%m%d%H%M%S", localtime_r(&seconds, &local)));
+    };
+    const std::string before = now(), looked = Item("threads").acValue3;
+    EXPECT_LE(before, looked);
+    EXPECT_LE(looked, now());
     EXPECT_NE(std::string(Item("threads").acValue4).find(" threads, limit 512"), std::string::npos);
     Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, 1});
     EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_BAD; }));
@@ -346,10 +355,10 @@ protected:
                                                      Tarn_sys_diag_UpdateResourceInfoInput{resource, level, usage})
             ->uiResult;
     }
-    auto Subscriptions(uint32_t events = 0) {
+    auto Subscriptions(uint32_t events = 0, uint32_t skip = 0) {
         return kit::Call<Unit, Tarn_sys_diag_GetSubscribeInfoResult>(
             client_, "TarnSysdiagAgent", self_, "TarnGetSubscribe",
-            Tarn_sys_diag_GetSubscribeInfoInput{events, 0, self_});
+            Tarn_sys_diag_GetSubscribeInfoInput{events, skip, self_});
     }
     const uint32_t self_ = static_cast<uint32_t>(getpid());
 };
@@ -383,6 +392,14 @@ TEST_F(ResourceTest, TellsSubscribers) {
     EXPECT_EQ(all->uiValue3, 2);
     EXPECT_EQ(all->uiValue4, self_);
     EXPECT_EQ(Subscriptions(TARN_AGENT_EVENT_CPU)->uiSubscribeNum, 1);
+    EXPECT_EQ(Subscriptions(0, 1)->uiValue3, 2);
+    ASSERT_EQ(Subscriptions(0, 1)->uiSubscribeNum, 1);
+    EXPECT_STREQ(Subscriptions(0, 1)->pstSubscribe[0].szName1, "memory");
+
+    daemon_->Signal(SIGKILL);
+    daemon_->Wait();
+    StartDaemon();
+    EXPECT_TRUE(Logged("process " + std::to_string(self_) + " subscribes to events 0x6")) << "a new daemon is told too";
     EXPECT_EQ(TarnAgent_Unsubscribe("both"), 0);
     EXPECT_EQ(TarnAgent_Unsubscribe("memory"), 0);
     EXPECT_EQ(TarnAgent_Unsubscribe("memory"), ENOENT);
@@ -461,7 +478,7 @@ TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentIsKilled) {
     killed->Signal(SIGKILL);
     killed->Wait();
     caller.join();
-    EXPECT_EQ(status, ECONNRESET);
+    EXPECT_TRUE(status == ECONNRESET || status == ESRCH) << status;
     EXPECT_EQ(DeadLoopConfig(pid).Status(), ESRCH);
     EXPECT_EQ(DeadLoopConfig(StartAgent()->Pid()).Status(), 0) << "the daemon goes on";
 }

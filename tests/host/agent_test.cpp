@@ -238,6 +238,8 @@ TEST_F(AgentInProcessTest, ChecksItsArguments) {
     EXPECT_EQ(TarnAgent_Init("", dir_.Path().c_str()), EINVAL);
     EXPECT_EQ(TarnAgent_Init(std::string(32, 'x').c_str(), dir_.Path().c_str()), EINVAL);
     EXPECT_EQ(TarnAgent_Shutdown(), EINVAL);
+    EXPECT_EQ(TarnAgent_Init(std::string(31, 'x').c_str(), dir_.Path().c_str()), 0);
+    EXPECT_EQ(TarnAgent_Shutdown(), 0);
     Init();
     EXPECT_EQ(TarnAgent_Init("again", dir_.Path().c_str()), EALREADY);
     EXPECT_EQ(TarnAgent_RegisterCommand("two words", "", DoNothing, nullptr), EINVAL);

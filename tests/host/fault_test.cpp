@@ -9,6 +9,8 @@ TARN_UNIT()
 #include <cstring>
 #include <set>
 
+#include "host/agent/faults.h"
+#include "host/agent/tarn_agent.h"
 #include "host/blackbox/box.h"
 #include "host/blackbox/reader.h"
 #include "tests/host/daemon_kit.h"
@@ -317,6 +319,96 @@ TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
     EXPECT_EQ(record.stack.frameNum, host::blackbox::kFrameNum);
     EXPECT_EQ(strlen(record.head.text), sizeof record.head.text - 1);
     EXPECT_EQ(strlen(record.stack.frames[31].function), sizeof record.stack.frames[31].function - 1);
+}
+
+// Not inlined, so that its name stands in the stack.
+extern "C" [[gnu::noinline]] void FailACheckForTheTest() {
+    TARN_AGENT_CHECK(1 + 1 == 3);
+    asm volatile(""); // not a tail call
+}
+
+// The recording itself, in this process.
+class RecordingTest : public testing::Test {
+protected:
+    static int64_t NowNs() {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    }
+
+    const kit::TempDir dir_;
+};
+
+TEST_F(RecordingTest, TellsWhoseFaultWhenAndWhere) {
+    const uint32_t before = agent::FaultNum();
+    const int64_t start = NowNs();
+    {
+        const agent::Faults faults("an agent whose name is too long for it", dir_.Path());
+        FailACheckForTheTest();
+    }
+    FailACheckForTheTest(); // is not recorded
+    EXPECT_EQ(agent::FaultNum(), before + 1);
+    const Contents contents = host::blackbox::Read(dir_.Path());
+    ASSERT_EQ(contents.records.size(), 1);
+    const host::blackbox::FaultRecord &record = contents.records[0];
+    EXPECT_EQ(record.head.kind, FaultKind::kAssertion);
+    EXPECT_EQ(record.head.pid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(record.head.tid, static_cast<uint32_t>(gettid()));
+    EXPECT_STREQ(record.head.agent, "an agent whose name is too long");
+    EXPECT_STREQ(record.head.process, "fault_test");
+    EXPECT_EQ(record.head.signal, 0);
+    EXPECT_GE(static_cast<int64_t>(record.head.timeNs), start);
+    EXPECT_LE(static_cast<int64_t>(record.head.timeNs), NowNs());
+    EXPECT_EQ(std::string(record.head.text).rfind("1 + 1 == 3 in FailACheckForTheTest, ", 0), 0) << record.head.text;
+    EXPECT_TRUE(record.hasStack);
+    ASSERT_GE(record.stack.frameNum, 2);
+    const host::blackbox::StackFrame &caller = record.stack.frames[0];
+    EXPECT_STREQ(caller.function, "FailACheckForTheTest");
+    EXPECT_EQ(caller.address - caller.offset, reinterpret_cast<uint64_t>(&FailACheckForTheTest));
+    EXPECT_STREQ(caller.module, "fault_test");
+}
+
+TEST_F(RecordingTest, TellsASignalThatAProcessSentFromOneThatWasRaised) {
+    const auto inChild = [&](auto die) {
+        const pid_t child = fork();
+        if (child == 0) {
+            const agent::Faults faults("child", dir_.Path());
+            die();
+            pause();
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_NE(status, 0);
+    };
+    inChild([] { kill(getpid(), SIGBUS); });
+    inChild([] {
+        volatile uintptr_t nowhere = 0x123;
+        *reinterpret_cast<volatile char *>(nowhere) = 1;
+    });
+    const Contents contents = host::blackbox::Read(dir_.Path());
+    ASSERT_EQ(contents.records.size(), 2);
+    EXPECT_EQ(contents.records[0].head.signal, SIGSEGV);
+    EXPECT_EQ(contents.records[0].head.code, SEGV_MAPERR);
+    EXPECT_EQ(contents.records[0].head.address, 0x123);
+    EXPECT_EQ(contents.records[1].head.signal, SIGBUS);
+    EXPECT_EQ(contents.records[1].head.code, SI_USER);
+    EXPECT_EQ(contents.records[1].head.address, 0) << "no memory access";
+}
+
+TEST_F(RecordingTest, LeavesTheSignalsToWhomTheyBelonged) {
+    static volatile sig_atomic_t seen;
+    seen = 0;
+    struct sigaction own {
+    }, before{}, after{};
+    own.sa_handler = [](int) { seen = seen + 1; };
+    sigaction(SIGFPE, &own, &before);
+    {
+        const agent::Faults faults("tester", dir_.Path());
+        raise(SIGFPE);
+        EXPECT_EQ(seen, 1) << "its handler has it afterwards";
+    }
+    sigaction(SIGFPE, &before, &after);
+    EXPECT_EQ(after.sa_handler, own.sa_handler) << "is installed again";
+    EXPECT_EQ(host::blackbox::Read(dir_.Path()).records.size(), 1);
 }
 
 } // namespace
