@@ -34,6 +34,21 @@ std::vector<std::filesystem::path> ServerCore::Sockets() const {
 
 // --- Connections
 
+// Nothing when the user may have another connection.
+std::optional<Refusal> ServerCore::WhyFull(uid_t user) const {
+    const Limits &limits = options_.limits;
+    if (sessions_.size() >= limits.connections) {
+        return Refusal{Reason::kConnections, EBUSY,
+                       fmt::format("the server has {} connections already", sessions_.size())};
+    }
+    const auto ofUser = connectionsOfUser_.find(user);
+    if (ofUser != connectionsOfUser_.end() && ofUser->second >= limits.userConnections) {
+        return Refusal{Reason::kUserConnections, EBUSY,
+                       fmt::format("user {} has {} connections already", user, ofUser->second)};
+    }
+    return std::nullopt;
+}
+
 void ServerCore::Admit(Descriptor fd) {
     Peer peer;
     if (!ReadPeer(fd.Fd(), peer)) {
@@ -41,23 +56,17 @@ void ServerCore::Admit(Descriptor fd) {
         return;
     }
     const auto session = std::make_shared<Session>(loop_, std::move(fd), peer, shared_from_this());
-    const Limits &limits = options_.limits;
-    size_t all;
-    uint32_t ofUser;
+    std::optional<Refusal> full;
     {
         const MutexLock lock(mutex_);
-        all = sessions_.size();
-        ofUser = connectionsOfUser_[peer.uid];
-        if (all < limits.connections && ofUser < limits.userConnections) {
+        full = WhyFull(peer.uid);
+        if (!full.has_value()) {
             sessions_.emplace(session.get(), session);
             ++connectionsOfUser_[peer.uid];
         }
     }
-    if (all >= limits.connections) {
-        session->Refuse(Reason::kConnections, EBUSY, fmt::format("the server has {} connections already", all));
-    } else if (ofUser >= limits.userConnections) {
-        session->Refuse(Reason::kUserConnections, EBUSY,
-                        fmt::format("user {} has {} connections already", peer.uid, ofUser));
+    if (full.has_value()) {
+        session->Refuse(full->reason, full->errCode, full->text);
     } else if (!session->Open()) {
         Log().error("connection refused: {}", strerror(errno));
         session->Close();

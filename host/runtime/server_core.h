@@ -4,6 +4,7 @@
 #include <atomic>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -50,6 +51,7 @@ public:
 
 private:
     void Admit(Descriptor fd) TARN_EXCLUDES(mutex_);
+    std::optional<Refusal> WhyFull(uid_t user) const TARN_REQUIRES(mutex_);
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(std::shared_ptr<Session> session) TARN_EXCLUDES(workMutex_);
     void CheckTimes();

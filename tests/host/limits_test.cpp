@@ -171,6 +171,15 @@ TEST_F(LimitsTest, ConnectionsOfOneUser) {
     ExpectError(NewPeer().Read(), EBUSY,
                 "connection refused: user " + std::to_string(geteuid()) + " has 2 connections already");
     ExpectRefused("user_connections");
+    for (int i = 0; i < 3; ++i) { // what has ended makes room
+        EXPECT_TRUE(kit::Eventually([&] {
+            client_.Shutdown();
+            const RawPeer again = NewPeer();
+            again.Send(OnlineRequest(1));
+            const auto frames = again.Read(1);
+            return frames.size() == 1 && frames[0].header.kind == host::FrameKind::kReply;
+        }));
+    }
 }
 
 TEST_F(LimitsTest, TheCallerIsToldWhyItHasNoConnection) {
@@ -199,6 +208,23 @@ TEST_F(LimitsTest, IdleConnections) {
         LetPass(host::Limits().idleTime + 1s);
         ExpectOthersServed(); // the client connects anew
     }
+}
+
+TEST_F(LimitsTest, TimesAreKeptToAQuarter) {
+    Serve({.idleTime = 200ms});
+    const RawPeer idle = NewPeer();
+    idle.Send(OnlineRequest(1));
+    EXPECT_EQ(idle.Read(1).size(), 1U);
+    EXPECT_TRUE(kit::Eventually([&] { // its request has ended
+        host::ServerHealth health;
+        EXPECT_TRUE(host::AskHealth(client_, kTarnd, 0, health, 10s).Ok());
+        return health.requests == 1;
+    }));
+    client_.Shutdown();
+    LetPass(200ms);
+    LetPass(50ms);
+    EXPECT_TRUE(idle.Read().empty());
+    EXPECT_GE(Refused("idle"), 1U);
 }
 
 // --- Frames

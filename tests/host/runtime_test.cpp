@@ -23,6 +23,7 @@ TARN_UNIT()
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/runtime/catalogue.h"
+#include "host/runtime/pool.h"
 #include "host/runtime/protocol.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
@@ -745,6 +746,9 @@ TEST_F(RuntimeTest, OversizeRequestIsRefusedBeforeItIsSent) {
     EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
     EXPECT_NE(outcome.text.find("request of 16777217 bytes, expected at most 16777216"), std::string::npos)
         << outcome.text;
+    EXPECT_EQ(client_.Call(kTarnd, 0, "PidIsOnline", 1, std::span(request).first(16U << 20), 10s).errCode,
+              uint32_t{EPROTOTYPE})
+        << "what is allowed is sent, and the server takes it";
 }
 
 TEST_F(RuntimeTest, OversizeRequestIsRefusedByTheServer) {
@@ -765,18 +769,23 @@ TEST_F(RuntimeTest, OversizeReplyIsRefusedOnBothSides) {
         Tarn_sys_diag_Tids reply{static_cast<uint32_t>(tids.size()), tids.data()};
         return TarnHost_Reply(replyCtx, &reply);
     });
-    client_.Configure({.runDir = dir_.Path(), .limits = {.replyBytes = 2000}});
-    host::CallOutcome outcome = Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1});
+    const auto size = static_cast<uint32_t>(Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1}).bytes.size());
+    ASSERT_GT(size, 4000U);
+    const auto ask = [&](uint32_t takes, uint32_t sends) {
+        client_.Configure({.runDir = dir_.Path(), .limits = {.replyBytes = takes}});
+        StartServer({.messageBytes = sends});
+        return Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1});
+    };
+    EXPECT_TRUE(ask(size, size).Ok());
+    host::CallOutcome outcome = ask(size - 1, size);
     EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
-    EXPECT_NE(outcome.text.find("expected at most 2000"), std::string::npos) << outcome.text;
+    EXPECT_NE(outcome.text.find("expected at most " + std::to_string(size - 1)), std::string::npos) << outcome.text;
     EXPECT_TRUE(AskOnline().Ok());
-
-    client_.Configure({.runDir = dir_.Path()});
-    StartServer({.messageBytes = 2000});
-    outcome = Ask("GetAllTidsByPid", Tarn_sys_diag_Pid{1});
+    outcome = ask(size, size - 1);
     EXPECT_EQ(outcome.errCode, uint32_t{EMSGSIZE});
-    EXPECT_EQ(outcome.text, "TarnSysdiagTarnd.GetAllTidsByPid: the reply is larger than 2000 bytes");
-    EXPECT_EQ(served::Freed("GetAllTidsByPid"), 2U);
+    EXPECT_EQ(outcome.text,
+              "TarnSysdiagTarnd.GetAllTidsByPid: the reply is larger than " + std::to_string(size - 1) + " bytes");
+    EXPECT_EQ(served::Freed("GetAllTidsByPid"), 4U);
 }
 
 TEST_F(RuntimeTest, OversizeReplyEndsAnAsynchronousCall) {
@@ -1134,6 +1143,31 @@ TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_GT(failed, 0);
     EXPECT_TRUE(AskOnline().Ok());
+}
+
+// --- Connections that wait for the next call
+
+TEST(Pool, KeepsSoManyForSoLong) {
+    const auto now = host::Pool::Clock::now();
+    const host::Pool::Target target(7, "Any");
+    const auto channel = [] { return std::make_unique<host::Channel>(host::Descriptor(), 1); };
+    host::Pool pool;
+    EXPECT_EQ(pool.Take(target, now), nullptr);
+    pool.Give(target, channel(), now);
+    EXPECT_EQ(pool.Take({8, "Any"}, now), nullptr);
+    EXPECT_EQ(pool.Take({7, "Other"}, now), nullptr);
+    EXPECT_NE(pool.Take(target, now + 30s - 1ns), nullptr);
+    EXPECT_EQ(pool.Take(target, now), nullptr) << "it is the caller's now";
+    pool.Give(target, channel(), now);
+    EXPECT_EQ(pool.Take(target, now + 30s), nullptr) << "the server may be about to close it";
+    for (int i = 0; i < 20; ++i) {
+        pool.Give(target, channel(), now);
+    }
+    int taken = 0;
+    while (pool.Take(target, now) != nullptr) {
+        ++taken;
+    }
+    EXPECT_EQ(taken, 16);
 }
 
 // --- The catalogue

@@ -67,9 +67,9 @@ protected:
         host::Log().set_level(host::LogLevel::kInfo);
     }
 
-    void Serve(const host::Limits &limits = {}) {
+    void Serve(const host::Limits &limits = {}, unsigned workers = 1) {
         core_ = std::make_shared<host::ServerCore>(
-            host::ServerOptions{.runDir = dir_.Path(), .workers = 1, .limits = limits, .clocks = &clocks_},
+            host::ServerOptions{.runDir = dir_.Path(), .workers = workers, .limits = limits, .clocks = &clocks_},
             std::vector<const IdlModuleSpec *>{&__module_spec_TarnSysdiagTarnd});
     }
 
@@ -216,6 +216,33 @@ TEST_F(SessionTest, SoManyRequestsAreReadAsMayBeInFlight) {
     EXPECT_EQ(client.peer.Read(4).size(), 4U);
 }
 
+TEST_F(SessionTest, SoManyBytesMayWaitForAPeer) {
+    constexpr uint32_t kLimit = 8 << 20;
+    Serve({.queuedBytes = kLimit});
+    const Client client = Connect();
+    EXPECT_TRUE(client.session->Send(std::vector<uint8_t>(kLimit)));
+    int inSocket = 0; // so many do not wait
+    ASSERT_EQ(ioctl(client.peer.Fd(), FIONREAD, &inSocket), 0);
+    EXPECT_TRUE(client.session->Send(std::vector<uint8_t>(static_cast<size_t>(inSocket))));
+    EXPECT_EQ(Refused(host::Reason::kQueuedBytes), 0U);
+    EXPECT_FALSE(client.session->Send(std::vector<uint8_t>(1)));
+    EXPECT_EQ(Refused(host::Reason::kQueuedBytes), 1U);
+    EXPECT_TRUE(HasEnded(client));
+}
+
+TEST_F(SessionTest, WhatIsNoFrameIsCountedByWhatItIs) {
+    Serve({.messageBytes = 10});
+    const Client client = Connect();
+    client.Say(std::vector<uint8_t>(4));
+    EXPECT_EQ(Refused(host::Reason::kGarbage), 1U);
+    EXPECT_EQ(Refused(host::Reason::kMessageSize), 0U);
+    const Client other = Connect();
+    host::FrameHeader header;
+    other.Say(host::MakeFrame(header, std::vector<uint8_t>(11)));
+    EXPECT_EQ(Refused(host::Reason::kGarbage), 1U);
+    EXPECT_EQ(Refused(host::Reason::kMessageSize), 1U);
+}
+
 TEST_F(SessionTest, TheServerTakesSoManyRequestsInAll) {
     Serve({.requests = 2});
     std::vector<void *> contexts;
@@ -238,7 +265,7 @@ TEST_F(SessionTest, TheServerTakesSoManyRequestsInAll) {
 }
 
 TEST_F(SessionTest, ARequestWaitsForTheOnewayRequestsBeforeIt) {
-    Serve();
+    Serve({}, 2);
     const Client client = Connect();
     std::string order;
     std::vector<uint8_t> oneway = OnlineRequest(7);
@@ -257,6 +284,33 @@ TEST_F(SessionTest, ARequestWaitsForTheOnewayRequestsBeforeIt) {
     EXPECT_EQ(order, "71");
     const auto frames = client.peer.Read(1);
     EXPECT_EQ(frames.at(0).header.id, 1U) << "the other is not answered";
+}
+
+// --- Answers
+
+TEST_F(SessionTest, AnAnswerRepeatsTheCallsNumberAndType) {
+    Serve();
+    const Client client = Connect();
+    const uint32_t hash = velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>;
+    client.Say(OnlineRequest(0x123456789ABC));
+    const host::Frame reply = client.peer.Read(1).at(0);
+    EXPECT_EQ(reply.header.kind, FrameKind::kReply);
+    EXPECT_EQ(reply.header.id, 0x123456789ABCU);
+    EXPECT_EQ(reply.header.typeHash, hash);
+    EXPECT_EQ(reply.header.status, 0U);
+    EXPECT_EQ(reply.header.errCode, 0U);
+    served::On("PidIsOnline", [](const void *, void *) {
+        TarnHost_Explain("it is out");
+        return 3U;
+    });
+    client.Say(OnlineRequest(0x223456789ABC));
+    const host::Frame error = client.peer.Read(1).at(0);
+    EXPECT_EQ(error.header.kind, FrameKind::kError);
+    EXPECT_EQ(error.header.id, 0x223456789ABCU);
+    EXPECT_EQ(error.header.typeHash, hash);
+    EXPECT_EQ(error.header.status, 3U);
+    EXPECT_EQ(error.header.errCode, 0U);
+    EXPECT_EQ(host::ErrorText(error.payload), "TarnSysdiagTarnd.PidIsOnline: status 3 (No such process): it is out");
 }
 
 // --- Deadlines
@@ -403,15 +457,15 @@ TEST_F(SessionTest, ACallThatIsCancelledBeforeItsTurnIsNotRun) {
     served::On("PidIsOnline", [&](const void *, void *replyCtx) {
         if (++ran == 1) {
             second.Say(OnlineRequest(2));
-            first.Say(CancelOf(2)); // of the same number on another connection
             second.Say(OnlineRequest(3));
-            second.Say(CancelOf(2));
+            first.Say(CancelOf(2)); // another connection's call has the same number
+            second.Say(CancelOf(3));
         }
         return AnswerOnline(replyCtx);
     });
     first.Say(OnlineRequest(1));
     EXPECT_EQ(ran, 2U);
-    EXPECT_EQ(second.peer.Read(1).at(0).header.id, 3U);
+    EXPECT_EQ(second.peer.Read(1).at(0).header.id, 2U);
 }
 
 TEST_F(SessionTest, ACallerThatGoesTakesItsUnansweredCallsAlong) {
