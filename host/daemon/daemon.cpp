@@ -4,7 +4,6 @@
 
 #include "host/daemon/agents/agent_probe.h"
 #include "host/daemon/agents/agents.h"
-#include "host/daemon/files/archive.h"
 #include "host/daemon/health/resources.h"
 
 namespace tarnd {
@@ -33,12 +32,10 @@ Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::pr
                SampleSource &sampleSource)
     : options(std::move(theOptions)), clocks(theClocks), proc(theProc),
       sampler(sampleSource, clocks, options.sampleInterval) {
-    RemoveUnfinishedArchives();
     if (options.zoneLink) {
         clock.ApplyToSystem(*options.zoneLink);
     }
     clock.Load();
-    memoryOverload.Start();
     healthSettings.Load();
     WatchResources();
     measurement.Start(options.measuredBytesPerSecond);
@@ -91,12 +88,6 @@ HealthSettings &TheHealthSettings() {
 }
 Sampler &TheSampler() {
     return Daemon::Serving().sampler;
-}
-MemoryOverload &TheMemoryOverload() {
-    return Daemon::Serving().memoryOverload;
-}
-LeakMarks &TheLeakMarks() {
-    return Daemon::Serving().leakMarks;
 }
 Measurement &TheMeasurement() {
     return Daemon::Serving().measurement;

@@ -13,6 +13,7 @@
 #include "host/daemon/cpu/overload_debug.h"
 #include "host/daemon/cpu/overload_stacks.h"
 #include "host/daemon/cpu/starvation.h"
+#include "host/daemon/files/archives.h"
 #include "host/daemon/files/measurement.h"
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/master/master_link.h"
@@ -52,6 +53,7 @@ public:
     const Options options;
     const host::Clocks &clocks;
     const host::procfs::Procfs &proc;
+    const Archives archives{options.logDirectory, options.copyTargets, clocks};
     host::Store store{options.stateDirectory};
     Clock clock;
     Timers timers;
@@ -66,8 +68,8 @@ public:
     CpuEvents cpuEvents{sampler, healthSettings, proc, clocks};
     Starvation starvation{store, sampler, proc};
     OverloadDebug overloadDebug{sampler};
-    MemoryOverload memoryOverload;
-    LeakMarks leakMarks;
+    MemoryOverload memoryOverload{store, sampler};
+    MemoryLeaks memoryLeaks{clocks, sampler};
     Measurement measurement;
     MasterLink masterLink;
     std::optional<SampleDriver> sampleDriver; // unless who owns the daemon has it take samples

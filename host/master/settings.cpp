@@ -47,10 +47,7 @@ Thresholds FromDocument(const Document &content) {
 } // namespace
 
 Settings::Settings(const host::Clocks &clocks, std::filesystem::path file, const std::filesystem::path &stateDirectory)
-    : clocks_(clocks), file_(std::move(file)), config_(LoadConfig(file_)) {
-    if (!stateDirectory.empty()) {
-        store_.Open(stateDirectory);
-    }
+    : clocks_(clocks), file_(std::move(file)), config_(LoadConfig(file_)), store_(stateDirectory) {
     changes_ = StillValid(Load(), config_);
 }
 

@@ -54,10 +54,10 @@ private:
 
     const host::Clocks &clocks_;
     const std::filesystem::path file_;
-    host::Store store_;
     mutable host::Mutex mutex_;
     Config config_ TARN_GUARDED_BY(mutex_);
     uint32_t readCount_ TARN_GUARDED_BY(mutex_) = 1;
+    host::Store store_;
     std::map<Names, Change> changes_ TARN_GUARDED_BY(mutex_);
 };
 

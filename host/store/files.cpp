@@ -104,13 +104,13 @@ Descriptor OpenBeneath(const std::string &root, const std::vector<std::string> &
 
 std::vector<std::string> NamesIn(const Descriptor &directory) {
     // A description of its own, since the position in the directory is shared with a duplicate.
-    const int own = openat(directory.Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(own < 0 ? nullptr : fdopendir(own), closedir);
+    const char *const what = "reading a directory";
+    Descriptor own(openat(directory.Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), what);
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(fdopendir(own.Fd()), closedir);
     if (stream == nullptr) {
-        const int error = errno;
-        close(own);
-        Fail(error, "reading a directory");
+        Fail(errno, what);
     }
+    own.Release(); // the stream has it
     std::vector<std::string> names;
     while (const dirent *entry = readdir(stream.get())) {
         const std::string name = entry->d_name;
@@ -194,11 +194,10 @@ size_t RemoveAbandoned(const Descriptor &directory) {
         if (!IsAside(name)) {
             continue;
         }
-        const int fd = openat(directory.Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-        if (fd >= 0 && TakeOwnership(fd) && unlinkat(directory.Fd(), name.c_str(), 0) == 0) {
+        const Descriptor file(openat(directory.Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (file && TakeOwnership(file.Fd()) && unlinkat(directory.Fd(), name.c_str(), 0) == 0) {
             ++removed;
         }
-        close(fd);
     }
     return removed;
 }

@@ -10,9 +10,9 @@
 #include <system_error>
 
 #include <fmt/format.h>
-#include <openssl/evp.h>
 
 #include "host/osal/log.h"
+#include "host/store/sha256.h"
 
 namespace host {
 
@@ -27,17 +27,9 @@ std::string FileOf(const std::string &name) {
 }
 
 std::string DigestOf(const Document &content) {
-    const std::string text = content.Dump();
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    size_t size = 0;
-    if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
-        throw std::runtime_error("no SHA-256");
-    }
-    std::string hex;
-    for (size_t i = 0; i != size; ++i) {
-        hex += fmt::format("{:02x}", digest[i]);
-    }
-    return hex;
+    Sha256 digest;
+    digest.Add(content.Dump());
+    return digest.Hex();
 }
 
 std::string TextOf(const Descriptor &file, const std::string &name) {
@@ -59,25 +51,21 @@ std::string TextOf(const Descriptor &file, const std::string &name) {
 } // namespace
 
 Store::Store(const std::filesystem::path &directory) {
-    if (!directory.empty()) {
-        Open(directory);
+    if (directory.empty()) {
+        return;
     }
-}
-
-void Store::Open(const std::filesystem::path &directory) {
-    const std::lock_guard lock(mutex_);
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     path_ = std::filesystem::absolute(directory).lexically_normal();
     directory_ = OpenDirectory(path_);
-    if (flock(directory_->Fd(), LOCK_EX | LOCK_NB) != 0) {
+    if (flock(directory_.Fd(), LOCK_EX | LOCK_NB) != 0) {
         Fail(errno == EWOULDBLOCK ? EBUSY : errno, fmt::format("{} is another process's", path_.string()));
     }
-    RemoveAbandoned(*directory_);
+    RemoveAbandoned(directory_);
 }
 
 bool Store::Load(const std::string &name, uint32_t version, const Take &take) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     try {
         const std::optional<Kept> document = Read(name, version);
         if (document) {
@@ -98,7 +86,7 @@ bool Store::Load(const std::string &name, uint32_t version, const std::function<
 
 void Store::Save(const std::string &name, uint32_t version, const Document &content) {
     const std::string file = FileOf(name);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!directory_) {
         documents_[name] = {version, content};
         return;
@@ -107,7 +95,7 @@ void Store::Save(const std::string &name, uint32_t version, const Document &cont
     try {
         const Document whole = Document::Object{
             {"document", name}, {"version", version}, {"sha256", DigestOf(content)}, {"content", content}};
-        FileAside aside(*directory_, file, 0600);
+        FileAside aside(directory_, file, 0600);
         WriteAll(aside.File(), whole.Dump(1) + "\n", what);
         aside.Commit();
     } catch (const DocumentError &error) {
@@ -121,7 +109,7 @@ std::optional<Store::Kept> Store::Read(const std::string &name, uint32_t version
         const auto found = documents_.find(name);
         return found == documents_.end() ? std::nullopt : std::optional(found->second);
     }
-    const int fd = openat(directory_->Fd(), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd = openat(directory_.Fd(), file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT) {
         return {};
     }
@@ -147,7 +135,7 @@ void Store::SetAside(const std::string &name, const char *suffix, const std::str
         return;
     }
     Log().error("{}: {}; set aside as {}{}", (path_ / file).string(), reason, file, suffix);
-    if (renameat(directory_->Fd(), file.c_str(), directory_->Fd(), (file + suffix).c_str()) != 0) {
+    if (renameat(directory_.Fd(), file.c_str(), directory_.Fd(), (file + suffix).c_str()) != 0) {
         Log().error("{}: can't be set aside: {}", (path_ / file).string(), std::generic_category().message(errno));
     }
 }

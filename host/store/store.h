@@ -12,10 +12,10 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "host/osal/mutex.h"
 #include "host/store/document.h"
 #include "host/store/files.h"
 
@@ -23,13 +23,11 @@ namespace host {
 
 class Store {
 public:
-    // Without a directory documents are kept in memory only. It is opened as Open does.
+    // Without a directory documents are kept in memory only. It is created when missing, and held until the end: EBUSY
+    // when another process has it. Throws std::system_error.
     explicit Store(const std::filesystem::path &directory = {});
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
-
-    // Created when missing. Held until the end: EBUSY when another process has it. Throws std::system_error.
-    void Open(const std::filesystem::path &directory);
 
     // Hands the content over and returns true, if there is such a document. `version` is the newest that the caller
     // knows; an older document is handed over as well, with its own. What `take` throws counts as damage.
@@ -46,13 +44,13 @@ private:
         uint32_t version;
         Document content;
     };
-    std::optional<Kept> Read(const std::string &name, uint32_t version);
-    void SetAside(const std::string &name, const char *suffix, const std::string &reason);
+    std::optional<Kept> Read(const std::string &name, uint32_t version) TARN_REQUIRES(mutex_);
+    void SetAside(const std::string &name, const char *suffix, const std::string &reason) TARN_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    std::filesystem::path path_;
-    std::optional<Descriptor> directory_;
-    std::map<std::string, Kept> documents_; // without a directory
+    std::filesystem::path path_; // these two don't change
+    Descriptor directory_;
+    Mutex mutex_;                                                   // also of the files in the directory
+    std::map<std::string, Kept> documents_ TARN_GUARDED_BY(mutex_); // without a directory
 };
 
 } // namespace host

@@ -31,8 +31,7 @@ std::set<std::string> NamesOf(const std::filesystem::path &directory) {
 
 // What a process that starts now finds.
 std::optional<Document> Stored(const std::filesystem::path &directory, const std::string &name, uint32_t version = 1) {
-    host::Store store;
-    store.Open(directory);
+    host::Store store(directory);
     std::optional<Document> found;
     store.Load(name, version, [&](const Document &content) { found = content; });
     return found;
@@ -56,8 +55,7 @@ protected:
     // The file of a document, as a store writes it.
     std::string FileOf(const Document &content, uint32_t version = 1) const {
         const kit::TempDir elsewhere;
-        host::Store store;
-        store.Open(elsewhere.Path());
+        host::Store store(elsewhere.Path());
         store.Save("doc", version, content);
         return kit::TextOfFile(elsewhere.Path() / "doc.json");
     }
@@ -70,8 +68,7 @@ protected:
 
 TEST_F(StoreTest, FindsADocumentAgain) {
     {
-        host::Store store;
-        store.Open(state_);
+        host::Store store(state_);
         EXPECT_FALSE(store.Load("doc", 1, [](const Document &) { FAIL(); }));
         store.Save("doc", 1, Document::Object{{"older", true}});
         store.Save("doc", 1, content_);
@@ -91,14 +88,12 @@ TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
 }
 
 TEST_F(StoreTest, IsOneProcesss) {
-    host::Store store;
-    store.Open(state_);
-    EXPECT_EQ(ErrorOf([&] { host::Store().Open(state_); }), EBUSY);
+    host::Store store(state_);
+    EXPECT_EQ(ErrorOf([&] { host::Store{state_}; }), EBUSY);
 }
 
 TEST_F(StoreTest, RefusesNamesThatAreNoFiles) {
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     for (const char *name : {"", "..", "a/b", "A", "a.json"}) {
         EXPECT_THROW(store.Save(name, 1, {}), std::invalid_argument) << name;
         EXPECT_THROW(store.Load(name, 1, [](const Document &) {}), std::invalid_argument) << name;
@@ -107,8 +102,7 @@ TEST_F(StoreTest, RefusesNamesThatAreNoFiles) {
 
 TEST_F(StoreTest, GivesAnOlderVersionToWhoMayKnowIt) {
     Write("doc.json", FileOf(content_, 2));
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     uint32_t version = 0;
     EXPECT_TRUE(store.Load("doc", 3, [&](const Document &, uint32_t is) { version = is; }));
     EXPECT_EQ(version, 2);
@@ -172,8 +166,7 @@ TEST_F(StoreTest, WritesTheFormatOfItsFiles) {
 
 TEST_F(StoreTest, SetsAsideWhatItsOwnerCannotTake) {
     Write("doc.json", FileOf(content_));
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     EXPECT_FALSE(store.Load("doc", 1, [](const Document &content) { content.Get<uint32_t>("name"); }));
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
 }
@@ -188,8 +181,7 @@ TEST_F(StoreTest, SetsAsideWhatIsNoFile) {
 }
 
 TEST_F(StoreTest, RefusesWhatIsNoText) {
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     store.Save("doc", 1, content_);
     EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, Document::Object{{"name", "\xFF"}}); }), EILSEQ);
     Document found;
@@ -199,8 +191,7 @@ TEST_F(StoreTest, RefusesWhatIsNoText) {
 
 TEST_F(StoreTest, LeavesTheOlderDocumentWhenAWriteFails) {
     {
-        host::Store store;
-        store.Open(state_);
+        host::Store store(state_);
         store.Save("doc", 1, content_);
         struct rlimit before {};
         getrlimit(RLIMIT_FSIZE, &before);
@@ -219,8 +210,7 @@ TEST_F(StoreTest, LeavesTheOlderDocumentOnAFullDisk) {
     if (!disk.Mounted()) {
         GTEST_SKIP() << "may not mount";
     }
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     store.Save("doc", 1, content_);
     disk.Fill();
     EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, Document::Object{{"long", std::string(9000, 'x')}}); }), ENOSPC);
@@ -240,20 +230,18 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
     Write("doc.json", FileOf(content_));
     Write("broken.json", "{");
     ASSERT_TRUE(disk.ReadOnly(true));
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     EXPECT_TRUE(store.Load("doc", 1, [&](const Document &content) { EXPECT_EQ(content, content_); }));
     EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {}); }), EROFS);
     EXPECT_FALSE(store.Load("broken", 1, [](const Document &) { FAIL(); }));
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"broken.json", "doc.json"}));
-    EXPECT_EQ(ErrorOf([&] { host::Store().Open(state_ / "below"); }), ENOENT) << "can't be created";
+    EXPECT_EQ(ErrorOf([&] { host::Store{state_ / "below"}; }), ENOENT) << "can't be created";
 }
 
 TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
     Write(".doc.json.1.0.partial", "{");
     Write("partial", "not ours");
-    host::Store store;
-    store.Open(state_);
+    host::Store store(state_);
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"partial"}));
 }
 
@@ -263,8 +251,7 @@ TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
     for (int round = 0; round != 20; ++round) {
         const pid_t pid = fork();
         if (pid == 0) {
-            host::Store store;
-            store.Open(state_);
+            host::Store store(state_);
             for (uint64_t i = newest + 1;; ++i) {
                 store.Save("doc", 1, Document::Object{{"number", i}, {"long", std::string(3000, 'x')}});
             }

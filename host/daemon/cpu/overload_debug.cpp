@@ -1,6 +1,6 @@
 #include "host/daemon/cpu/overload_debug.h"
 
-#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/osal/log.h"
 #include "host/values/daemon.h"

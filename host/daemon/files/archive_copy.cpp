@@ -1,18 +1,14 @@
-// Copies of log archives to the directories that the command line names. Nothing outside of them is written, and
-// nothing outside the log directory read.
+// Copies of log archives.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
+#include <vector>
 
-#include "host/answer/answer.h"
-#include "host/daemon/agents/state.h"
-#include "host/daemon/files/archive.h"
-#include "host/osal/log.h"
+#include "host/daemon/files/archives.h"
+#include "host/daemon/files/progress.h"
+#include "host/osal/error.h"
 #include "host/store/files.h"
-#include "host/values/daemon.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
@@ -33,27 +29,6 @@ Place PlaceOf(std::vector<std::string> names) {
     names.pop_back();
     place.directory = std::move(names);
     return place;
-}
-
-const std::string &TargetDirectory(std::string_view name) {
-    const std::map<std::string, std::string> &targets = TheSettings().copyTargets;
-    const auto found = targets.find(std::string(name));
-    if (found == targets.end()) {
-        std::string known;
-        for (const auto &[target, directory] : targets) {
-            known += (known.empty() ? "" : ", ") + target;
-        }
-        throw host::BadValue("szCopyTarget", fmt::format("\"{}\"", name),
-                             known.empty() ? "a target of --copy-target, of which there is none" : "one of " + known);
-    }
-    return found->second;
-}
-
-bool IsSaid(std::string_view value, const char *member, std::string_view word) {
-    if (!value.empty() && value != word) {
-        throw host::BadValue(member, fmt::format("\"{}\"", value), fmt::format("empty or \"{}\"", word));
-    }
-    return !value.empty();
 }
 
 // Every ZIP archive begins with the mark of a file's header or, if it is empty, of the directory's end.
@@ -98,37 +73,42 @@ Place PlaceInTarget(const std::string &root, std::string_view path, const std::s
     return PlaceOf(std::move(names));
 }
 
-void Copy(const Tarn_sys_diag_CopyloginfoInput &request, void *replyCtx) {
-    const std::string &target = TargetDirectory(host::TextOf(request.szCopyTarget));
-    const bool replace = IsSaid(host::TextOf(request.szCopyParam1), "szCopyParam1", TARND_COPY_REPLACE);
-    const bool move = IsSaid(host::TextOf(request.szCopyParam2), "szCopyParam2", TARND_COPY_MOVE);
+} // namespace
 
-    const std::string &logs = TheSettings().logDirectory;
-    std::vector<std::string> names = host::NamesBeneath(logs, host::TextOf(request.szSrcPath));
+const std::string &Archives::TargetDirectory(std::string_view name) const {
+    const auto found = copyTargets_.find(std::string(name));
+    if (found == copyTargets_.end()) {
+        std::string known;
+        for (const auto &[target, directory] : copyTargets_) {
+            known += (known.empty() ? "" : ", ") + target;
+        }
+        throw host::BadValue("szCopyTarget", fmt::format("\"{}\"", name),
+                             known.empty() ? "a target of --copy-target, of which there is none" : "one of " + known);
+    }
+    return found->second;
+}
+
+void Archives::Copy(const Copying &copying, const host::Check &check) const {
+    const std::string &target = TargetDirectory(copying.target);
+    std::vector<std::string> names = host::NamesBeneath(logDirectory_, copying.source);
     if (names.empty()) {
         throw host::BadValue("szSrcPath", "the log directory", "an archive in it");
     }
     const Place from = PlaceOf(std::move(names));
-    const Descriptor fromDirectory = host::OpenBeneath(logs, from.directory);
+    const Descriptor fromDirectory = host::OpenBeneath(logDirectory_, from.directory);
     const Descriptor source = host::OpenIn(fromDirectory, from.name);
     CheckArchive(source, from.name);
 
-    const Place to = PlaceInTarget(target, host::TextOf(request.szDstPath), from.name);
+    const Place to = PlaceInTarget(target, copying.destination, from.name);
     const Descriptor toDirectory = host::OpenBeneath(target, to.directory);
-    Progress progress(fmt::format("copy of {} as {} in {}", from.name, to.name, target), replyCtx);
+    Progress progress(fmt::format("copy of {} as {} in {}", from.name, to.name, target), clocks_, check);
     host::FileAside copy(toDirectory, to.name, 0640);
     CopyBytes(source, copy.File(), from.name, progress);
-    copy.Commit(replace ? host::FileAside::Older::kReplace : host::FileAside::Older::kKeep);
+    copy.Commit(copying.replace ? host::FileAside::Older::kReplace : host::FileAside::Older::kKeep);
     progress.Done();
-    if (move) {
+    if (copying.move) {
         RemoveSource(fromDirectory, from.name, source);
     }
 }
 
-} // namespace
-
 } // namespace tarnd
-
-uint32_t CopyZipLogFile(const Tarn_sys_diag_CopyloginfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Copy(*request, replyCtx); });
-}

@@ -1,15 +1,13 @@
 #include "host/daemon/files/digests.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
-#include <new>
 #include <thread>
 #include <vector>
 
-#include <fmt/format.h>
+#include "host/osal/error.h"
+#include "host/store/sha256.h"
 
 namespace tarnd {
 
@@ -27,36 +25,6 @@ bool IsSettled(const struct stat &status) {
     clock_gettime(CLOCK_REALTIME, &now);
     return now.tv_sec > status.st_ctim.tv_sec + 1 && now.tv_sec > status.st_mtim.tv_sec + 1;
 }
-
-class Sha256 {
-public:
-    Sha256() : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
-        if (context_ == nullptr) {
-            throw std::bad_alloc();
-        }
-        Check(EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr));
-    }
-    void Add(const char *bytes, size_t size) { Check(EVP_DigestUpdate(context_.get(), bytes, size)); }
-    std::string Hex() {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned size = 0;
-        Check(EVP_DigestFinal_ex(context_.get(), digest, &size));
-        std::string hex;
-        for (unsigned i = 0; i < size; ++i) {
-            hex += fmt::format("{:02x}", digest[i]);
-        }
-        return hex;
-    }
-
-private:
-    static void Check(int done) {
-        if (done != 1) {
-            host::Fail(EIO, "SHA-256");
-        }
-    }
-
-    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX *)> context_;
-};
 
 } // namespace
 
@@ -85,7 +53,7 @@ void Digests::ForgetUnused() {
 }
 
 std::string Digests::Read(const host::Descriptor &file, const Check &check) {
-    Sha256 sha;
+    host::Sha256 sha;
     std::vector<char> block(kBlock);
     for (off_t at = 0;;) {
         check();
@@ -99,7 +67,7 @@ std::string Digests::Read(const host::Descriptor &file, const Check &check) {
         if (length == 0) {
             return sha.Hex();
         }
-        sha.Add(block.data(), static_cast<size_t>(length));
+        sha.Add({block.data(), static_cast<size_t>(length)});
         at += length;
         bytesRead_ += static_cast<uint64_t>(length);
         windowBytes_ += static_cast<uint64_t>(length);

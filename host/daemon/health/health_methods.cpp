@@ -15,7 +15,7 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/health/resources.h"
-#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/pressure.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/daemon/time/local_clock.h"

@@ -10,7 +10,7 @@
 #include "host/daemon/agents/relay.h"
 #include "host/daemon/agents/subscriptions.h"
 #include "host/daemon/health/health_settings.h"
-#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/osal/log.h"

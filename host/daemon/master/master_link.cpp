@@ -8,8 +8,6 @@
 #include "client/master.h"
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/files/measurement.h"
-#include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/osal/log.h"
 #include "host/osal/thread.h"
@@ -81,17 +79,17 @@ void FetchOverload() {
     Tarn_sys_diag_OvLoadMemCtlInput ofMemory{};
     host::CopyText(ofMemory.acName1, kSystem);
     Ask("GetMemoryOvLoadCfgInfo", TarnSysdiagMaster_GetMemoryOvLoadCfgInfo, ofMemory, [](const auto &reply) {
-        TheMemoryOverload().Set({reply.uiValue1, reply.uiValue2});
+        Daemon::Serving().memoryOverload.Set({reply.uiValue1, reply.uiValue2});
         host::Log().info("memory overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
     });
 }
 
 void FetchMeasurement() {
     Ask("SysdiagGetDimCfgInfo", TarnSysdiagMaster_SysdiagGetDimCfgInfo, Tarn_sys_diag_None{}, [](const auto &reply) {
-        TheMeasurement().SetTimes({reply.ucValue1, reply.ucValue2});
+        Daemon::Serving().measurement.SetTimes({reply.ucValue1, reply.ucValue2});
     });
     Ask("SysdiagGetDimWorkMode", TarnSysdiagMaster_SysdiagGetDimWorkMode, Tarn_sys_diag_None{},
-        [](const auto &reply) { TheMeasurement().SetMode(reply.uiWorkMode); });
+        [](const auto &reply) { Daemon::Serving().measurement.SetMode(reply.uiWorkMode); });
 }
 
 void Announce() {
@@ -103,7 +101,7 @@ void Announce() {
 }
 
 void SendMemoryThresholds() {
-    const MemoryThresholds thresholds = TheMemoryOverload().Thresholds();
+    const MemoryThresholds thresholds = Daemon::Serving().memoryOverload.Thresholds();
     Tarn_sys_diag_OvLoadMemCtlOutput request{};
     host::CopyText(request.acName1, kSystem);
     host::CopyText(request.acName3, fmt::format("tarnd {}", getpid()));

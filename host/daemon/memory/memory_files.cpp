@@ -5,37 +5,31 @@
 #include <mntent.h>
 #include <sys/vfs.h>
 
+#include <cstdio>
+#include <memory>
 #include <set>
 
-#include "host/answer/answer.h"
 #include "host/daemon/memory/kib.h"
-#include "host/daemon/processes/users.h"
-#include "host/daemon/time/text.h"
-#include "host/values/daemon.h"
-#include "server/tarnd.h"
+#include "host/osal/error.h"
 
 namespace tarnd {
 
 namespace {
-
-struct FileSystem {
-    std::string directory;
-    uint64_t takenBytes = 0;
-};
 
 bool IsInMemory(const struct statfs &status) {
     const auto type = static_cast<uint32_t>(status.f_type);
     return type == TMPFS_MAGIC || type == RAMFS_MAGIC || type == HUGETLBFS_MAGIC;
 }
 
-// Those that can be reached, each once: one may be mounted in several places, and be covered by another.
-std::vector<FileSystem> MemoryFileSystems() {
-    const char *const table = "/proc/self/mounts";
-    const std::unique_ptr<FILE, int (*)(FILE *)> mounts(setmntent(table, "re"), endmntent);
+} // namespace
+
+std::vector<MemoryFileSystem> MemoryFileSystems(const host::procfs::Procfs &proc) {
+    const std::string table = proc.Path("self/mounts");
+    const std::unique_ptr<FILE, int (*)(FILE *)> mounts(setmntent(table.c_str(), "re"), endmntent);
     if (mounts == nullptr) {
-        throw std::system_error(errno, std::generic_category(), table);
+        host::Fail(errno, table);
     }
-    std::vector<FileSystem> found;
+    std::vector<MemoryFileSystem> found;
     std::set<dev_t> devices;
     mntent entry;
     char text[8192];
@@ -55,7 +49,6 @@ std::vector<FileSystem> MemoryFileSystems() {
     return found;
 }
 
-// "-rw-r--r--"
 std::string ModeText(mode_t mode) {
     std::string text = "-rwxrwxrwx";
     for (size_t i = 1; i < text.size(); ++i) {
@@ -74,50 +67,13 @@ std::string ModeText(mode_t mode) {
     return text;
 }
 
-// The end of a path tells more than its start.
-std::string_view Tail(std::string_view path, size_t most) {
-    return path.substr(path.size() - std::min(path.size(), most));
-}
-
-Tarn_sys_diag_SysOsMemFile Describe(const std::string &path, const struct stat &status, UserNames &names) {
-    Tarn_sys_diag_SysOsMemFile record{};
-    host::CopyText(record.acValue1, TimeText(status.st_mtime));
-    host::CopyText(record.acValue2, names.User(status.st_uid) + ":" + names.Group(status.st_gid));
-    host::CopyText(record.acValue3, ModeText(status.st_mode));
-    host::CopyText(record.acFileName, Tail(path, sizeof record.acFileName - 1));
-    record.uiValue4 = TakenKib(status);
-    return record;
-}
-
-void ListFiles(uint32_t leastKib, void *replyCtx, host::Reply<Tarn_sys_diag_SysOsMemFileResult> &reply) {
-    const std::vector<FileSystem> fileSystems = MemoryFileSystems();
-    uint64_t takenBytes = 0;
-    for (const FileSystem &fileSystem : fileSystems) {
-        takenBytes += fileSystem.takenBytes;
-    }
-    reply.uiValue1 = KibOfBytes(takenBytes);
-    UserNames names;
-    Largest<Tarn_sys_diag_SysOsMemFile> records(TARND_FILES_MAX, [](const auto &record) { return record.uiValue4; });
-    for (const FileSystem &fileSystem : fileSystems) {
-        ForEachFile(fileSystem.directory, [&](const std::string &path, const struct stat &status) {
-            host::CheckWanted(replyCtx);
-            if (TakenKib(status) >= leastKib) {
-                records.Add(Describe(path, status, names));
-            }
-        });
-    }
-    reply.pstFile = reply.Keep(records.Take(), reply.uiFileNum);
-}
-
-} // namespace
-
 void ForEachFile(const std::string &directory, const TakeFile &take) {
     std::string root = directory;
     char *const roots[] = {root.data(), nullptr};
     const std::unique_ptr<FTS, int (*)(FTS *)> walk(
         fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_XDEV | FTS_NOCHDIR, nullptr), fts_close);
     if (walk == nullptr) {
-        throw std::system_error(errno, std::generic_category(), directory);
+        host::Fail(errno, directory);
     }
     std::set<ino_t> named; // those of several names that were handed over
     while (const FTSENT *entry = fts_read(walk.get())) {
@@ -134,8 +90,3 @@ uint32_t TakenKib(const struct stat &status) {
 }
 
 } // namespace tarnd
-
-uint32_t GetSysOsMemFileList(const Tarn_sys_diag_SysOsMemFileInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysOsMemFileResult>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::ListFiles(request->uiValue1, replyCtx, reply); });
-}

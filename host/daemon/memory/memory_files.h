@@ -3,10 +3,12 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "host/procfs/procfs.h"
 
 namespace tarnd {
 
@@ -15,34 +17,17 @@ namespace tarnd {
 using TakeFile = std::function<void(const std::string &path, const struct stat &status)>;
 void ForEachFile(const std::string &directory, const TakeFile &take);
 
-// The records that a reply has room for, the largest first, of any number that are added.
-template <class Record>
-class Largest {
-public:
-    Largest(size_t capacity, std::function<uint64_t(const Record &)> size)
-        : capacity_(capacity), size_(std::move(size)) {}
-
-    void Add(const Record &record) {
-        records_.push_back(record);
-        if (records_.size() == 2 * capacity_) {
-            Cut();
-        }
-    }
-    std::vector<Record> Take() {
-        Cut();
-        return std::move(records_);
-    }
-
-private:
-    void Cut() {
-        std::stable_sort(records_.begin(), records_.end(),
-                         [&](const Record &a, const Record &b) { return size_(a) > size_(b); });
-        records_.resize(std::min(records_.size(), capacity_));
-    }
-    const size_t capacity_;
-    const std::function<uint64_t(const Record &)> size_;
-    std::vector<Record> records_;
+// A file system without a place but memory.
+struct MemoryFileSystem {
+    std::string directory;
+    uint64_t takenBytes = 0;
 };
+
+// Those that can be reached, each once: one may be mounted in several places, and be covered by another.
+std::vector<MemoryFileSystem> MemoryFileSystems(const host::procfs::Procfs &proc);
+
+// "-rw-r--r--"
+std::string ModeText(mode_t mode);
 
 // What a file takes, in KiB: a sparse one less than its size.
 uint32_t TakenKib(const struct stat &status);

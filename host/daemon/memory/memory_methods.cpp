@@ -4,8 +4,9 @@
 #include <filesystem>
 
 #include "host/answer/answer.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/memory/kib.h"
-#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/memory/memory_use.h"
 #include "host/procfs/procfs.h"
 #include "server/tarnd.h"
 
@@ -18,8 +19,7 @@ using Node = Tarn_sys_diag_SysMemUseInfo;
 // The numbers of a NUMA node's meminfo ("Node 0 MemTotal: ..."), or of the system's own.
 class MemInfo {
 public:
-    MemInfo(const std::string &path, std::string prefix)
-        : text_(host::procfs::ReadText(path)), prefix_(std::move(prefix)) {}
+    MemInfo(std::string text, std::string prefix) : text_(std::move(text)), prefix_(std::move(prefix)) {}
 
     uint32_t operator[](const char *key) const { return Kib(host::procfs::FieldOf(text_, prefix_ + key)); }
 
@@ -55,26 +55,26 @@ Node ReadNode(const std::string &directory, uint32_t id) {
     node.uiNodeId = id;
     host::CopyText(node.szNodeName, fmt::format("node{}", id));
     TakeCpus(directory + "/cpulist", node);
-    const MemInfo info(directory + "/meminfo", fmt::format("Node {} ", id));
+    const MemInfo info(host::procfs::ReadText(directory + "/meminfo"), fmt::format("Node {} ", id));
     TakeCommon(info, node);
     node.uiFilePages = info["FilePages"];
     return node;
 }
 
-Node ReadSystem() {
+Node ReadSystem(const Daemon &daemon) {
     Node node{};
     host::CopyText(node.szNodeName, "system");
-    TakeCpus("/sys/devices/system/cpu/online", node);
-    const MemInfo info("/proc/meminfo", "");
+    TakeCpus(daemon.options.systemDirectory + "/cpu/online", node);
+    const MemInfo info(daemon.proc.Read("meminfo"), "");
     TakeCommon(info, node);
     node.uiFilePages = info["Cached"] + info["Buffers"] + info["SwapCached"];
     return node;
 }
 
-std::vector<Node> ReadNodes() {
+std::vector<Node> ReadNodes(const Daemon &daemon) {
     std::vector<Node> nodes;
     std::error_code none;
-    for (const auto &entry : std::filesystem::directory_iterator("/sys/devices/system/node", none)) {
+    for (const auto &entry : std::filesystem::directory_iterator(daemon.options.systemDirectory + "/node", none)) {
         const std::string name = entry.path().filename();
         uint32_t id = 0;
         const char *const end = name.data() + name.size();
@@ -83,28 +83,10 @@ std::vector<Node> ReadNodes() {
         }
     }
     if (nodes.empty()) {
-        nodes.push_back(ReadSystem());
+        nodes.push_back(ReadSystem(daemon));
     }
     std::sort(nodes.begin(), nodes.end(), [](const Node &a, const Node &b) { return a.uiNodeId < b.uiNodeId; });
     return nodes;
-}
-
-void TakeIndicators(Tarn_sys_diag_DisOsResourceInfoRet &reply) {
-    const std::vector<SystemSample> samples = TheSampler().History();
-    const SystemSample &now = samples.back();
-    uint64_t sum = 0, number = 0;
-    for (const SystemSample &sample : samples) {
-        const uint32_t used = UsedPermille(sample.memory);
-        reply.uiValue3 = std::max(reply.uiValue3, used);
-        if (sample.at > now.at - std::chrono::minutes(1)) {
-            sum += used;
-            ++number;
-        }
-    }
-    host::CopyText(reply.acName, "memory");
-    reply.uiValue1 = UsedPermille(now.memory);
-    reply.uiValue2 = static_cast<uint32_t>(sum / number);
-    reply.uiValue4 = Kib(now.memory.available);
 }
 
 } // namespace
@@ -112,18 +94,25 @@ void TakeIndicators(Tarn_sys_diag_DisOsResourceInfoRet &reply) {
 } // namespace tarnd
 
 uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx,
-                                                            [](auto &reply) { tarnd::TakeIndicators(reply); });
+    return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx, [](auto &reply) {
+        const tarnd::MemoryIndicators indicators = tarnd::IndicatorsOf(tarnd::Daemon::Serving().sampler.History());
+        host::CopyText(reply.acName, "memory");
+        reply.uiValue1 = indicators.now;
+        reply.uiValue2 = indicators.lastMinute;
+        reply.uiValue3 = indicators.highest;
+        reply.uiValue4 = tarnd::Kib(indicators.availableKib);
+    });
 }
 
 uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysMemUseInfoResult>(
-        __func__, replyCtx, [](auto &reply) { reply.pstNode = reply.Keep(tarnd::ReadNodes(), reply.uiNodeNum); });
+    return host::Answer<Tarn_sys_diag_SysMemUseInfoResult>(__func__, replyCtx, [](auto &reply) {
+        reply.pstNode = reply.Keep(tarnd::ReadNodes(tarnd::Daemon::Serving()), reply.uiNodeNum);
+    });
 }
 
 uint32_t GetHugePagesInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_HugePagesOutput>(__func__, replyCtx, [](auto &reply) {
-        const std::string text = host::procfs::Procfs().Read("meminfo");
+        const std::string text = tarnd::Daemon::Serving().proc.Read("meminfo");
         reply.uiValue1 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Total"));
         reply.uiValue2 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Free"));
     });

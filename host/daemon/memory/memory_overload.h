@@ -4,10 +4,11 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 
 #include "host/daemon/sampling/sampler.h"
+#include "host/osal/mutex.h"
+#include "host/store/store.h"
 
 namespace tarnd {
 
@@ -30,8 +31,8 @@ class MemoryOverload {
 public:
     static constexpr size_t kEvents = 256;
 
-    // Loads what was set before a restart, and follows the samples. Before the sampler starts.
-    void Start();
+    // With the thresholds that were set before a restart. Follows the samples.
+    MemoryOverload(host::Store &store, Sampler &sampler);
 
     // Kept beyond a restart; what is thrown when that fails leaves the thresholds as they were.
     void Set(const MemoryThresholds &thresholds);
@@ -47,19 +48,13 @@ public:
     // Forgets what was recorded. An overload that lasts is recorded anew with the next sample.
     void Clear();
 
-private:
     void Take(const Sample &sample);
 
-    mutable std::mutex mutex_;
-    MemoryThresholds thresholds_;
-    Record record_;
+private:
+    host::Store &store_;
+    mutable host::Mutex mutex_;
+    MemoryThresholds thresholds_ TARN_GUARDED_BY(mutex_);
+    Record record_ TARN_GUARDED_BY(mutex_);
 };
-
-MemoryOverload &TheMemoryOverload();
-
-uint32_t UsedPermille(const MemorySample &memory);
-
-// Null when the sample has no process.
-const ProcessSample *LargestProcess(const Sample &sample);
 
 } // namespace tarnd

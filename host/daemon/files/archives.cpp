@@ -1,6 +1,4 @@
-// Log archives. Whatever a path in a request says, nothing outside the log directory is read or written: paths are
-// followed name by name from the open directory, and no link is followed.
-#include "host/daemon/files/archive.h"
+#include "host/daemon/files/archives.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -9,14 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
+#include <memory>
 
-#include "host/answer/answer.h"
-#include "host/daemon/agents/state.h"
+#include "host/daemon/files/progress.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
 #include "host/store/files.h"
-#include "host/values/daemon.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
@@ -30,9 +28,8 @@ constexpr int kMaxDepth = 32; // directories within directories; each holds a de
 
 class ZipWriter {
 public:
-    ZipWriter(const FileAside &target, uint32_t option, Progress &progress) : target_(target), progress_(progress) {
+    ZipWriter(const FileAside &target, bool stored, Progress &progress) : target_(target), progress_(progress) {
         Check(archive_write_set_format_zip(zip_.get()));
-        const bool stored = option == TARND_ZIP_STORED;
         Check(stored ? archive_write_zip_set_compression_store(zip_.get())
                      : archive_write_zip_set_compression_deflate(zip_.get()));
         Check(archive_write_set_bytes_in_last_block(zip_.get(), 1));
@@ -141,37 +138,6 @@ private:
     std::unique_ptr<struct archive, int (*)(struct archive *)> zip_{archive_write_new(), archive_write_free};
 };
 
-std::string CheckedName(std::string_view name) {
-    if (name.empty() || name == "." || name == ".." || name.find('/') != name.npos) {
-        throw host::BadValue("szZipName", fmt::format("\"{}\"", name), "a file name");
-    }
-    return std::string(name);
-}
-
-void Zip(const Tarn_sys_diag_ZiploginfoInput &request, void *replyCtx) {
-    const std::string &root = TheSettings().logDirectory;
-    const std::string name = CheckedName(host::TextOf(request.szZipName));
-    if (request.uiZipOption != TARND_ZIP_COMPRESSED && request.uiZipOption != TARND_ZIP_STORED) {
-        throw host::BadValue("uiZipOption", request.uiZipOption, "0 compressed or 1 stored");
-    }
-    const std::string_view path = host::TextOf(request.szLogPath);
-    const std::vector<std::string> sourceNames = host::NamesBeneath(root, path);
-    Descriptor source = host::OpenBeneath(root, sourceNames);
-    const Descriptor directory = host::OpenBeneath(root, host::NamesBeneath(root, host::TextOf(request.szZipPath)));
-    Progress progress("archive " + name, replyCtx);
-    FileAside target(directory, name, 0640);
-    ZipWriter writer(target, request.uiZipOption, progress);
-    if (!writer.Takes(source.Status())) {
-        throw host::BadValue("szLogPath", fmt::format("\"{}\"", path),
-                             "a directory, or a file that is not the archive");
-    }
-    writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
-    writer.Close();
-    progress.Add(0);
-    target.Commit();
-    progress.Done();
-}
-
 void RemoveUnfinishedBeneath(const Descriptor &directory, const std::string &path, int depth) {
     if (const size_t removed = host::RemoveAbandoned(directory); removed != 0) {
         host::Log().info("{}: removed {} unfinished files", path, removed);
@@ -196,35 +162,31 @@ void RemoveUnfinishedIn(const std::string &root) {
 
 } // namespace
 
-Progress::Progress(std::string what, void *replyCtx) : what_(std::move(what)), replyCtx_(replyCtx) {}
-
-void Progress::Add(uint64_t bytes) {
-    bytes_ += bytes;
-    host::CheckWanted(replyCtx_);
-    if (const auto now = Clock::now(); now - told_ >= kPeriod) {
-        host::Log().info("{}: {} files and {} MiB so far", what_, files_, bytes_ >> 20);
-        told_ = now;
-    }
-}
-
-void Progress::AddFile() {
-    ++files_;
-}
-
-void Progress::Done() const {
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
-    host::Log().info("{}: {} files, {} bytes, {} ms", what_, files_, bytes_, took.count());
-}
-
-void RemoveUnfinishedArchives() {
-    RemoveUnfinishedIn(TheSettings().logDirectory);
-    for (const auto &[name, directory] : TheSettings().copyTargets) {
+Archives::Archives(std::string logDirectory, std::map<std::string, std::string> copyTargets, const host::Clocks &clocks)
+    : logDirectory_(std::move(logDirectory)), copyTargets_(std::move(copyTargets)), clocks_(clocks) {
+    RemoveUnfinishedIn(logDirectory_);
+    for (const auto &[name, directory] : copyTargets_) {
         RemoveUnfinishedIn(directory);
     }
 }
 
-} // namespace tarnd
-
-uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Zip(*request, replyCtx); });
+void Archives::Pack(const Packing &packing, const host::Check &check) const {
+    const std::string name(packing.name);
+    const std::vector<std::string> sourceNames = host::NamesBeneath(logDirectory_, packing.source);
+    Descriptor source = host::OpenBeneath(logDirectory_, sourceNames);
+    const Descriptor directory = host::OpenBeneath(logDirectory_, host::NamesBeneath(logDirectory_, packing.directory));
+    Progress progress("archive " + name, clocks_, check);
+    FileAside target(directory, name, 0640);
+    ZipWriter writer(target, packing.stored, progress);
+    if (!writer.Takes(source.Status())) {
+        throw host::BadValue("szLogPath", fmt::format("\"{}\"", packing.source),
+                             "a directory, or a file that is not the archive");
+    }
+    writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
+    writer.Close();
+    progress.Add(0);
+    target.Commit();
+    progress.Done();
 }
+
+} // namespace tarnd

@@ -1,0 +1,315 @@
+// What the daemon makes of the use of memory, on a machine and by clocks that are the test's: indicators, overloads,
+// leaks and history.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "host/values/daemon.h"
+#include "server/tarnd.h"
+#include "tests/host/method_kit.h"
+#include "tests/host/simulated_daemon.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct StateDirectory {
+    const kit::TempDir state;
+};
+
+class MemoryWatchTest : public testing::Test, protected StateDirectory, protected kit::SimulatedDaemon {
+protected:
+    MemoryWatchTest() : SimulatedDaemon(Kept(state)) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+
+    static tarnd::Options Kept(const kit::TempDir &state) {
+        tarnd::Options options;
+        options.stateDirectory = state.Path();
+        return options;
+    }
+
+    // All memory is 1000000 KiB.
+    void Use(uint64_t kib) { machine.memory.available = 1'000'000 - kib; }
+
+    uint32_t Set(uint32_t over, uint32_t recover) {
+        return kit::CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadMemThresholdSet,
+                                                         Tarn_sys_diag_SysOvLoadMemThreshold{over, recover})
+            ->uiResult;
+    }
+    uint32_t Clear(std::string_view what, std::string_view pattern = "") {
+        Tarn_sys_diag_ClearEnvActInput request{};
+        what.copy(request.acValue1, sizeof request.acValue1);
+        pattern.copy(request.acValue2, sizeof request.acValue2);
+        return kit::CallMethod<Tarn_sys_diag_Result>(ClearEnvAct, request)->uiResult;
+    }
+    auto Configuration() {
+        return kit::CallMethod<Tarn_sys_diag_GetSysMemOverloadCfgOutput>(GetSysMemOverloadCfg, Tarn_sys_diag_None{});
+    }
+    auto Switch() {
+        return kit::CallMethod<Tarn_sys_diag_GetSysMemOverloadSwOutput>(GetSysMemOverloadSw, Tarn_sys_diag_None{});
+    }
+    auto Record() {
+        return kit::CallMethod<Tarn_sys_diag_GetSysMemOverloadStatOutput>(GetSysMemOverloadStat, Tarn_sys_diag_None{});
+    }
+    auto Query(uint32_t kind, uint32_t pid = 0, uint32_t seconds = 0, uint32_t limit = 0, uint32_t cancelled = 0) {
+        return kit::CallMethod<Tarn_sys_diag_MemLeakQryOut>(
+            MemLeakOrHisQry, Tarn_sys_diag_MemLeakQryIn{kind, pid, seconds, limit}, cancelled);
+    }
+    std::string Text(uint32_t kind, uint32_t pid = 0, uint32_t seconds = 0, uint32_t limit = 0) {
+        return Query(kind, pid, seconds, limit)->acLeakInfo;
+    }
+    // So many seconds of a process that takes memory.
+    void Grow(uint32_t pid, uint64_t kibPerSecond, int seconds) {
+        for (int i = 0; i < seconds; ++i) {
+            machine.processes.at(pid).rssKb += kibPerSecond;
+            Pass(1s);
+        }
+    }
+    static std::string Row(uint32_t pid, const std::string &name, uint64_t rss, uint64_t grown, uint64_t rate,
+                           uint64_t over) {
+        return fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}\n", pid, name, rss, grown, rate, over);
+    }
+
+    const std::string suspects_ = fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}\n", "PID", "NAME", "RSS KiB",
+                                              "GROWN KiB", "KiB/min", "OVER s");
+};
+
+TEST_F(MemoryWatchTest, IndicatesTheUseOfMemory) {
+    const auto kpi = [] {
+        return kit::CallMethod<Tarn_sys_diag_DisOsResourceInfoRet>(GetKpiMemoryInfo,
+                                                                   Tarn_sys_diag_DisOsResourceInfoInput{});
+    };
+    EXPECT_EQ(kpi()->uiValue1, 400) << "of the first sample";
+    EXPECT_EQ(kpi()->uiValue2, 400);
+    Use(900'000);
+    Pass(1s);
+    Use(500'000);
+    Pass(1s, 60);
+    const auto answer = kpi();
+    EXPECT_EQ(std::string(answer->acName), "memory");
+    EXPECT_EQ(answer->uiValue1, 500);
+    EXPECT_EQ(answer->uiValue2, 500) << "what was a minute ago is over";
+    EXPECT_EQ(answer->uiValue3, 900);
+    EXPECT_EQ(answer->uiValue4, 500'000) << "KiB";
+    Use(600'000);
+    Pass(1s);
+    EXPECT_EQ(kpi()->uiValue1, 600);
+    EXPECT_EQ(kpi()->uiValue2, (59 * 500 + 600) / 60);
+    machine.memory.total = uint64_t{1} << 34;
+    machine.memory.available = uint64_t{1} << 33;
+    Pass(1s);
+    EXPECT_EQ(kpi()->uiValue4, UINT32_MAX) << "more than a member holds";
+}
+
+TEST_F(MemoryWatchTest, TakesNoMoreThanAllForUsed) {
+    machine.memory.available = machine.memory.total + 1;
+    Pass(1s);
+    EXPECT_EQ(Configuration()->uiValue3, 0);
+    machine.memory = {};
+    Pass(1s);
+    EXPECT_EQ(Configuration()->uiValue3, 0);
+}
+
+TEST_F(MemoryWatchTest, RecordsOverloads) {
+    machine.Add(10, "small").rssKb = 5000;
+    machine.Add(11, "lar\nge").rssKb = 9000;
+    machine.Add(12, "other").rssKb = 8000;
+    EXPECT_EQ(Set(900, 850), 0);
+    Use(899'999);
+    Pass(1s);
+    EXPECT_EQ(Record()->uiValue1, 0);
+    Use(900'000);
+    Pass(1s);
+    EXPECT_EQ(Record()->uiValue1, 1);
+    EXPECT_EQ(Configuration()->uiValue3, 900);
+    EXPECT_EQ(Configuration()->uiValue5, 1);
+    Use(850'000);
+    Pass(1s, 5);
+    EXPECT_EQ(Record()->uiValue1, 1) << "not below yet";
+    EXPECT_EQ(Record()->uiRecordNum, 1);
+    Use(849'999);
+    Pass(1s);
+    const auto record = Record();
+    EXPECT_EQ(record->uiValue1, 0);
+    ASSERT_EQ(record->uiRecordNum, 2);
+    EXPECT_EQ(record->pstRecord[0].ucValue1, 1);
+    EXPECT_EQ(record->pstRecord[1].ucValue1, 0);
+    EXPECT_EQ(record->pstRecord[0].stTime.ucHour, 22);
+    EXPECT_EQ(record->pstRecord[0].stTime.ucMinute, 13);
+    EXPECT_EQ(record->pstRecord[0].stTime.ucSecond, 22);
+    EXPECT_EQ(record->pstRecord[1].stTime.ucSecond, 28);
+    EXPECT_EQ(Configuration()->uiValue5, 1) << "overloads, not their ends";
+    EXPECT_EQ(Text(TARND_LEAK_OVERLOADS),
+              "TIME                OVERLOAD  IN USE      PID NAME                  RSS KiB\n"
+              "2023-11-14 22:13:22 begins       900       11 lar?ge                   9000\n"
+              "2023-11-14 22:13:28 ends         849       11 lar?ge                   9000\n");
+}
+
+TEST_F(MemoryWatchTest, KeepsTheNewestOverloadsUntilTheyAreCleared) {
+    EXPECT_EQ(Set(900, 0), 0);
+    EXPECT_EQ(Configuration()->uiValue2, 900) << "the same";
+    for (int i = 0; i < 150; ++i) {
+        Use(950'000);
+        Pass(1s);
+        Use(100'000);
+        Pass(1s);
+    }
+    const auto record = Record();
+    ASSERT_EQ(record->uiRecordNum, tarnd::MemoryOverload::kEvents);
+    EXPECT_EQ(record->pstRecord[0].ucValue1, 1);
+    EXPECT_EQ(record->pstRecord[255].stTime.ucMinute, 18) << "300 s after the start";
+    EXPECT_EQ(record->pstRecord[255].stTime.ucSecond, 20);
+    EXPECT_EQ(Configuration()->uiValue5, 150);
+    Use(950'000);
+    Pass(1s);
+    EXPECT_EQ(Clear("overload"), 0);
+    EXPECT_EQ(Record()->uiRecordNum, 0);
+    EXPECT_EQ(Record()->uiValue1, 0);
+    EXPECT_EQ(Configuration()->uiValue5, 0);
+    Pass(1s);
+    EXPECT_EQ(Record()->uiRecordNum, 1) << "it lasts";
+}
+
+TEST_F(MemoryWatchTest, KeepsItsThresholds) {
+    EXPECT_EQ(Configuration()->uiValue1, 900) << "until they are set";
+    EXPECT_EQ(Configuration()->uiValue2, 850);
+    EXPECT_EQ(Configuration()->uiValue4, 1000) << "ms between two samples";
+    EXPECT_EQ(Switch()->uiSwitch, 1);
+    EXPECT_EQ(Set(1001, 0), EINVAL);
+    EXPECT_EQ(Set(700, 701), EINVAL);
+    EXPECT_EQ(Configuration()->uiValue1, 900) << "as before";
+    EXPECT_EQ(Set(1000, 1000), 0) << "as much as there is";
+    EXPECT_EQ(Set(700, 600), 0);
+    Restart();
+    EXPECT_EQ(Configuration()->uiValue1, 700);
+    EXPECT_EQ(Configuration()->uiValue2, 600);
+    EXPECT_EQ(Set(0, 0), 0);
+    EXPECT_EQ(Switch()->uiSwitch, 0);
+    Use(1'000'000);
+    Pass(1s);
+    EXPECT_EQ(Record()->uiRecordNum, 0) << "it is off";
+}
+
+TEST_F(MemoryWatchTest, IsAsBeforeWhenThresholdsCantBeKept) {
+    EXPECT_EQ(Set(700, 600), 0);
+    std::filesystem::remove(state.Path() / "memory-overload.json");
+    std::filesystem::create_directory(state.Path() / "memory-overload.json");
+    EXPECT_EQ(Set(500, 400), EISDIR);
+    EXPECT_EQ(Configuration()->uiValue1, 700);
+    EXPECT_EQ(Configuration()->uiValue2, 600);
+}
+
+TEST_F(MemoryWatchTest, TellsWhetherItsMonitorIsOn) {
+    EXPECT_EQ(Switch()->ucValue2, 0);
+    const auto debug = [](uint32_t monitors, uint32_t on) {
+        return kit::CallMethod<Tarn_sys_diag_Result>(SetOvLoadDebugSwitch,
+                                                     Tarn_sys_diag_SetOvLoadDebugSwitchInput{monitors, on})
+            ->uiResult;
+    };
+    EXPECT_EQ(debug(TARND_MONITOR_CPU, 1), 0);
+    EXPECT_EQ(Switch()->ucValue2, 0);
+    EXPECT_EQ(debug(TARND_MONITOR_MEMORY, 1), 0);
+    EXPECT_EQ(Switch()->ucValue2, 1);
+}
+
+TEST_F(MemoryWatchTest, SuspectsWhatGrowsAndGrows) {
+    machine.Add(10, "steady");
+    machine.Add(11, "le\taky");
+    machine.Add(12, "once");
+    machine.Add(13, "wave");
+    machine.Add(14, "slow");
+    Pass(1s);
+    for (int i = 0; i < 40; ++i) {
+        machine.processes.at(11).rssKb += 100;
+        machine.processes.at(12).rssKb = i < 3 ? 1000 : 500'000;
+        machine.processes.at(13).rssKb = 1000 + static_cast<uint64_t>(i % 9) * 10'000;
+        machine.processes.at(14).rssKb += 33;
+        Pass(1s);
+    }
+    // Of 41 samples, 1 s apart, the last quarter begins with that of the 31st second.
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40)) << "1023 is too little";
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 1023),
+              suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40) + Row(14, "slow", 2320, 1023, 1534, 40));
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 3100), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40));
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 3101), suspects_);
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 0, 1), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40));
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 10, 0, 1), suspects_);
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 20, 1), suspects_ + Row(11, "le?aky", 5000, 1600, 4800, 20));
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 2, 1), suspects_) << "too few points for four quarters";
+    EXPECT_EQ(Query(TARND_LEAK_SUSPECTS, 99).Status(), ESRCH);
+    EXPECT_EQ(Query(TARND_LEAK_SUSPECTS, 0, 0, 0, ECANCELED).Status(), ECANCELED);
+    EXPECT_EQ(Query(3).Status(), EINVAL);
+}
+
+TEST_F(MemoryWatchTest, ForgetsGrowthThatIsKnown) {
+    machine.Add(10, "leaky");
+    machine.Add(11, "other");
+    Pass(1s);
+    for (int i = 0; i < 40; ++i) {
+        machine.processes.at(11).rssKb += 200;
+        Grow(10, 100, 1);
+    }
+    EXPECT_EQ(Clear("leak", "lea*"), 0);
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS), suspects_ + Row(11, "other", 9000, 6200, 9300, 40));
+    Grow(10, 100, 20);
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 10), suspects_ + Row(10, "leaky", 7000, 1600, 4800, 20));
+    EXPECT_EQ(Clear("leak"), 0);
+    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 1), suspects_) << "all";
+}
+
+TEST_F(MemoryWatchTest, TakesOnlySoManyMarks) {
+    EXPECT_EQ(Clear(""), EINVAL);
+    EXPECT_EQ(Clear("everything"), EINVAL);
+    EXPECT_EQ(Clear("overload", "x"), EINVAL);
+    EXPECT_EQ(Clear(std::string(50, 'x'), std::string(50, 'x')), EINVAL);
+    for (size_t i = 0; i < tarnd::MemoryLeaks::kPatterns; ++i) {
+        EXPECT_EQ(Clear("leak", "name" + std::to_string(i)), 0);
+    }
+    EXPECT_EQ(Clear("leak", "one more"), ENOSPC);
+    EXPECT_EQ(Clear("leak", "name0"), 0) << "again";
+    EXPECT_EQ(Clear("leak"), 0) << "all";
+    EXPECT_EQ(Clear("leak", "one more"), 0);
+}
+
+TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {
+    machine.Add(10, "app").threads[1000] = {};
+    Grow(10, 8, 4);
+    const std::string head = "TIME                     RSS KiB  THREADS\n";
+    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10), head + "2023-11-14 22:13:21         1008        2\n"
+                                                   "2023-11-14 22:13:22         1016        2\n"
+                                                   "2023-11-14 22:13:23         1024        2\n"
+                                                   "2023-11-14 22:13:24         1032        2\n");
+    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 1), head + "2023-11-14 22:13:23         1024        2\n"
+                                                      "2023-11-14 22:13:24         1032        2\n");
+    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 0, 3), head + "2023-11-14 22:13:21         1008        2\n"
+                                                         "2023-11-14 22:13:22         1016        2\n"
+                                                         "2023-11-14 22:13:24         1032        2\n");
+    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 0, 1), head + "2023-11-14 22:13:24         1032        2\n");
+    EXPECT_EQ(Query(TARND_LEAK_HISTORY, 99).Status(), ESRCH);
+}
+
+TEST_F(MemoryWatchTest, TellsTheHistoryOfTheSystem) {
+    Use(123'000);
+    machine.memory.free = 111;
+    machine.memory.cached = 222;
+    machine.memory.swapTotal = 1000;
+    machine.memory.swapFree = 667;
+    Pass(1s);
+    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 0, 0, 1),
+              "TIME                 IN USE    AVAIL KiB     FREE KiB   CACHED KiB     SWAP KiB\n"
+              "2023-11-14 22:13:21     123       877000          111          222          333\n");
+    const auto lines = [](const std::string &text) { return std::count(text.begin(), text.end(), '\n') - 1; };
+    Pass(1s, 99);
+    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY)), TARND_HISTORY_DEFAULT_LINES);
+    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY, 0, 10)), 11);
+    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY, 0, 0, 10000)), 101) << "all that there is";
+    EXPECT_EQ(Query(TARND_LEAK_HISTORY, 0, 0, 10000)->ucValue2, 0);
+    Pass(1s, 500);
+    const auto cut = Query(TARND_LEAK_HISTORY, 0, 0, 10000);
+    EXPECT_EQ(cut->ucValue2, 1);
+    // A line is 80 characters; the last that fits leaves room for a terminating 0.
+    EXPECT_EQ(std::string(cut->acLeakInfo).size(), (sizeof cut->acLeakInfo - 1) / 80 * 80);
+}
+
+} // namespace
