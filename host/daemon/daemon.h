@@ -20,6 +20,7 @@
 #include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/options.h"
+#include "host/daemon/processes/process_table.h"
 #include "host/daemon/sampling/sample_driver.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/daemon/time/local_clock.h"
@@ -62,6 +63,7 @@ public:
     Subscriptions subscriptions;
     Rules rules;
     HealthSettings healthSettings;
+    ProcessTable processTable{proc};
     Sampler sampler;
     CpuPeaks cpuPeaks{sampler};
     CpuOverload cpuOverload{store, sampler, proc, [this](Overload &overload) { ReadOverloadStacks(proc, overload); }};

@@ -1,6 +1,9 @@
 // Who uses the CPUs, as the daemon's methods tell it of a machine that is the test's.
+#include <sched.h>
+
 #include <gtest/gtest.h>
 
+#include "host/values/daemon.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
@@ -8,26 +11,473 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kit::CallMethod;
 
-class CpuMethodsTest : public testing::Test, protected kit::SimulatedDaemon {};
+constexpr uint32_t kPid = kit::kFakePid;
+constexpr uint32_t kBusy = kPid + 1; // a thread
+
+class CpuMethodsTest : public testing::Test, protected kit::SimulatedDaemon {
+protected:
+    // A process with two threads, one of which runs.
+    CpuMethodsTest() {
+        machine.Add(kPid, "worker").threads[kBusy].runPermille = 500;
+        machine.processes[kPid].threads[kBusy].waitPermille = 250;
+        machine.processes[kPid].startTicks = 40'000;
+        proc.Write("uptime", "1000.00 1500.00\n");
+        Pass(1s);
+        Show();
+    }
+
+    // What the machine's process has used is shown by its directory too.
+    void Show() {
+        const kit::ScriptedMachine::Process &process = machine.processes[kPid];
+        host::procfs::Task task = kit::FakeProc::MakeTask(kPid, "worker", 'S');
+        task.parent = 77;
+        task.nice = 5;
+        task.threadNum = 2;
+        task.lastCpu = 3;
+        task.majorFaults = 9;
+        task.residentKb = 400;
+        task.startTicks = process.startTicks;
+        task.systemTicks = 25;
+        task.userTicks = process.usedNs / 10'000'000 - task.systemTicks;
+        proc.SetThread(kPid, task);
+        host::procfs::Task busy = kit::FakeProc::MakeTask(kBusy, "busy", 'R');
+        busy.policy = SCHED_FIFO;
+        busy.realTimePriority = 7;
+        busy.lastCpu = 1;
+        proc.SetThread(kPid, busy, process.threads.at(kBusy).count);
+    }
+
+    void Pass(std::chrono::nanoseconds time, int times = 1) {
+        SimulatedDaemon::Pass(time, times);
+        Show();
+    }
+
+    void ExpectTime(const Tarn_sys_diag_Systime &time, host::WallTime when) const {
+        const Tarn_sys_diag_Systime expected = daemon->clock.LocalTime(when);
+        EXPECT_EQ(time.usYear, expected.usYear);
+        EXPECT_EQ(time.ucMonth, expected.ucMonth);
+        EXPECT_EQ(time.ucDay, expected.ucDay);
+        EXPECT_EQ(time.ucHour, expected.ucHour);
+        EXPECT_EQ(time.ucMinute, expected.ucMinute);
+        EXPECT_EQ(time.ucSecond, expected.ucSecond);
+        EXPECT_EQ(time.uiMillisecond, expected.uiMillisecond);
+    }
+
+    static auto Measure(uint32_t (*method)(const Tarn_sys_diag_OsProcessCpuInput *, void *), uint32_t pid, uint32_t ms,
+                        uint32_t limit = 0) {
+        return CallMethod<Tarn_sys_diag_OsProcessCpuRet>(method, Tarn_sys_diag_OsProcessCpuInput{pid, ms, limit});
+    }
+    static auto Kpi() {
+        return CallMethod<Tarn_sys_diag_DisOsResourceInfoRet>(GetKpiCpuInfo, Tarn_sys_diag_DisOsResourceInfoInput{});
+    }
+    static auto Processes() {
+        return CallMethod<Tarn_sys_diag_SysCpuStatInfo>(SysCpuStatInfoQuery, Tarn_sys_diag_SysCpuStatInfoInput{});
+    }
+    static uint32_t SetSystem(uint32_t over, uint32_t recover, uint32_t seconds) {
+        return CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadCpuThresholdSet,
+                                                    Tarn_sys_diag_SysOvLoadCpuThreshold{over, recover, seconds})
+            ->uiResult;
+    }
+    static uint32_t SetProcess(uint32_t pid, uint8_t on, uint32_t permille, uint32_t seconds) {
+        return CallMethod<Tarn_sys_diag_OperResult>(
+                   SetCpuOvProcThreshold, Tarn_sys_diag_SetCpuOvProcThresholdInput{pid, on, permille, seconds})
+            ->uiResult;
+    }
+    static auto Overload() {
+        return CallMethod<Tarn_sys_diag_DisCpuOvloadRet>(DisCpuOvloadInfo, Tarn_sys_diag_DisCpuOvloadInput{});
+    }
+    static auto Config() {
+        return CallMethod<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>(GetSysCpuOverloadCfg, Tarn_sys_diag_None{});
+    }
+    static auto Events(uint32_t pid, uint32_t seconds, uint32_t limit) {
+        return CallMethod<Tarn_sys_diag_PadsCpuEventResult>(TarnPadsGetCpuEventByTarnd,
+                                                            Tarn_sys_diag_PadsCpuEventInput{pid, seconds, limit});
+    }
+};
 
 TEST_F(CpuMethodsTest, TellTheUseOfTheSystem) {
-    const auto kpi = [] {
-        return kit::CallMethod<Tarn_sys_diag_DisOsResourceInfoRet>(GetKpiCpuInfo,
-                                                                   Tarn_sys_diag_DisOsResourceInfoInput{});
-    };
-    const auto none = kpi();
-    EXPECT_EQ(none.Status(), EAGAIN);
-    EXPECT_NE(none.Reason().find("the second sample has not been taken yet"), std::string::npos) << none.Reason();
+    Restart();
+    EXPECT_EQ(Kpi().Status(), EAGAIN);
+    EXPECT_NE(Kpi().Reason().find("the second sample has not been taken yet"), std::string::npos);
+    proc.Write("loadavg", "1.25 0.50 0.20 1/200 4711\n");
     machine.busyPermille = {1000, 500};
     Pass(1s, 30);
     machine.busyPermille = {100, 301};
     Pass(1s, 30);
-    const auto answer = kpi();
+    const auto answer = Kpi();
     EXPECT_EQ(std::string(answer->acName), "cpu");
     EXPECT_EQ(answer->uiValue1, 201) << "rounded";
-    EXPECT_EQ(answer->uiValue2, (750 + 200) / 2);
+    EXPECT_EQ(answer->uiValue2, 475);
     EXPECT_EQ(answer->uiValue3, 750);
+    EXPECT_EQ(answer->uiValue4, 1250);
+    proc.Write("loadavg", "none");
+    EXPECT_EQ(Kpi().Status(), EPROTO);
+}
+
+TEST_F(CpuMethodsTest, MeasureTheThreadsOfAProcess) {
+    Pass(1s, 9);
+    const auto one = Measure(CalculateProcThreadCpuUse, kPid, 2000);
+    EXPECT_EQ(one->uiValue1, 500);
+    ASSERT_EQ(one->uiThreadNum, 2);
+    const Tarn_sys_diag_OsProcessCpuThread &busy = one->pstThread[0];
+    EXPECT_EQ(std::string(busy.acName), "busy");
+    EXPECT_EQ(busy.uiValue1, kBusy);
+    EXPECT_EQ(busy.uiValue2, 500);
+    EXPECT_EQ(busy.ullValue3, 5'000'000) << "in microseconds";
+    EXPECT_EQ(std::string(busy.acValue4), "R (running)");
+    EXPECT_EQ(busy.uiValue5, 1);
+    EXPECT_EQ(std::string(busy.acValue6), "SCHED_FIFO 7");
+    EXPECT_EQ(one->pstThread[1].uiValue1, kPid);
+    EXPECT_EQ(one->pstThread[1].uiValue2, 0);
+
+    const auto all = Measure(CalculateOsProcCpuUse, kPid, 2000, 1);
+    EXPECT_EQ(all->uiValue1, 250) << "of two CPUs";
+    ASSERT_EQ(all->uiThreadNum, 1);
+    EXPECT_EQ(all->pstThread[0].uiValue2, 250);
+
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid + 9, 0).Status(), ESRCH);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, TARND_MEASURE_MAX_MS + 1).Status(), EINVAL);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, TARND_MEASURE_MAX_MS).Status(), 0);
+}
+
+TEST_F(CpuMethodsTest, MeasureOverTheIntervalThatIsAskedFor) {
+    Pass(1s, 9);
+    machine.processes[kPid].threads[kBusy].runPermille = 1000;
+    Pass(1s);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1000)->uiValue1, 1000);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 0)->uiValue1, 1000) << "a second";
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1001)->uiValue1, 750);
+    clocks.Advance(1s); // nothing is used meanwhile
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 2000)->uiValue1, 500) << "until now";
+}
+
+TEST_F(CpuMethodsTest, SayThatTheThreadsOfAProcessWereNotSampled) {
+    machine.processes[kPid].threadsError = EMFILE;
+    Pass(1s, 2);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1000).Status(), EMFILE);
+}
+
+TEST_F(CpuMethodsTest, MeasureAllThreads) {
+    machine.Add(kPid + 9, "hidden", 700);
+    Pass(1s, 9);
+    const auto threads = [](uint32_t ms, uint32_t limit) {
+        return CallMethod<Tarn_sys_diag_ThreadCpuRet>(CalculateAllThreadCpuUse,
+                                                      Tarn_sys_diag_ThreadCpuInput{ms, limit});
+    };
+    const auto all = threads(3000, 0);
+    ASSERT_EQ(all->uiThreadNum, 2) << "one that /proc does not show is left out";
+    const Tarn_sys_diag_ThreadCpu &busy = all->pstThread[0];
+    EXPECT_EQ(busy.uiTid, kBusy);
+    EXPECT_EQ(busy.usValue1, 500);
+    EXPECT_EQ(busy.ucValue2, 'R');
+    EXPECT_EQ(busy.ucValue3, 1);
+    EXPECT_EQ(busy.ullValue4, 5'000'000);
+    EXPECT_EQ(busy.ullValue5, 2'500'000);
+    EXPECT_EQ(std::string(busy.acName), "busy");
+    EXPECT_EQ(busy.uiValue6, kPid);
+    EXPECT_EQ(std::string(busy.acValue7), "worker");
+    EXPECT_EQ(std::string(busy.acValue8), "SCHED_FIFO 7");
+    EXPECT_EQ(busy.uiValue9, 100);
+    EXPECT_EQ(all->pstThread[1].uiTid, kPid);
+    EXPECT_EQ(threads(3000, 2)->uiThreadNum, 1) << "of the two busiest";
+    EXPECT_EQ(threads(TARND_MEASURE_MAX_MS + 1, 0).Status(), EINVAL);
+}
+
+TEST_F(CpuMethodsTest, TellTheStatisticsOfAllProcesses) {
+    proc.SetThread(kPid + 5, kit::FakeProc::MakeTask(kPid + 5, "new"));
+    machine.processes[kPid].threads[kBusy].runPermille = 800;
+    Pass(10s);
+    const host::WallTime highest = clocks.WallNow();
+    machine.processes[kPid].threads[kBusy].runPermille = 300;
+    Pass(10s);
+    proc.SetUser(kPid, 0, 4'000'000'000);
+    proc.Link(std::to_string(kPid) + "/exe", "/a/path/whose/end/tells/more/than/its/start/does/in/fifty/bytes/worker");
+    const auto all = Processes();
+    ASSERT_EQ(all->uiProcNum, 2);
+    const Tarn_sys_diag_SysCpuStatProc &worker = all->pstProc[0];
+    EXPECT_EQ(worker.uiPid, kPid);
+    EXPECT_EQ(std::string(worker.acName), "worker");
+    EXPECT_EQ(worker.uiValue1, 300);
+    EXPECT_EQ(worker.uiValue2, 800);
+    EXPECT_EQ(worker.uiValue3, 11'250) << "ms of 11.5 s";
+    EXPECT_EQ(worker.uiValue4, 250);
+    ExpectTime(worker.stTime1, highest);
+    EXPECT_EQ(std::string(worker.acValue5), "S (sleeping)");
+    EXPECT_EQ(worker.uiValue6, 77);
+    EXPECT_EQ(worker.uiValue7, 2);
+    EXPECT_EQ(worker.uiValue8, 5);
+    EXPECT_EQ(worker.uiValue9, 3);
+    ExpectTime(worker.stTime2, clocks.WallNow() - 600s);
+    EXPECT_EQ(std::string(worker.acValue10), "4000000000") << "the effective user, who has no name";
+    EXPECT_EQ(std::string(worker.acValue11), "ls/more/than/its/start/does/in/fifty/bytes/worker");
+    EXPECT_EQ(worker.uiValue12, 19) << "11.5 s of 600 s";
+    EXPECT_EQ(worker.uiValue13, 9);
+    EXPECT_EQ(worker.uiValue14, 400);
+
+    const Tarn_sys_diag_SysCpuStatProc &fresh = all->pstProc[1];
+    EXPECT_EQ(fresh.uiValue1, 0) << "not sampled yet";
+    EXPECT_EQ(fresh.stTime1.usYear, 0);
+    EXPECT_EQ(std::string(fresh.acValue11), "");
+}
+
+TEST_F(CpuMethodsTest, TellTheHighestUseUntilItIsReset) {
+    Pass(10s);
+    machine.processes[kPid].threads[kBusy].runPermille = 100;
+    machine.busyPermille = {300, 100};
+    SetProcess(kPid, 1, 2000, 0);
+    Pass(10s);
+    EXPECT_EQ(Processes()->pstProc[0].uiValue2, 500);
+    EXPECT_EQ(
+        CallMethod<Tarn_sys_diag_ResetMaxCpuResult>(ResetMaxCpuUseInfo, Tarn_sys_diag_ResetMaxCpuCondition{})->uiResult,
+        0);
+    EXPECT_EQ(Processes()->pstProc[0].uiValue2, 0);
+    EXPECT_EQ(Processes()->pstProc[0].stTime1.usYear, 0);
+    EXPECT_EQ(daemon->cpuPeaks.OfSystem().permille, 0);
+    EXPECT_EQ(daemon->cpuPeaks.OfCpu(0).permille, 0);
+    EXPECT_EQ(daemon->cpuOverload.WatchedProcess(kPid).threads.back().highest, 0);
+    Pass(10s);
+    EXPECT_EQ(Processes()->pstProc[0].uiValue2, 100);
+    EXPECT_EQ(daemon->cpuPeaks.OfCpu(0).permille, 300);
+    EXPECT_EQ(daemon->cpuPeaks.OfCpu(7).permille, 0);
+    machine.Add(kPid, "another").threads[kBusy] = {};
+    Pass(1s);
+    EXPECT_EQ(Processes()->pstProc[0].uiValue2, 0) << "of another process";
+}
+
+TEST_F(CpuMethodsTest, MeasureTheCpus) {
+    machine.busyPermille = {900, 0};
+    Pass(1s);
+    const host::WallTime highest = clocks.WallNow();
+    tarnd::CpuTicks &first = machine.cpus[0].ticks;
+    machine.busyPermille = {100, 200};
+    first.system += 100;
+    first.interrupt += 50;
+    first.stolen += 30;
+    first.ioWait += 20;
+    machine.contextSwitches += 1;
+    machine.Pass(800ms);
+    clocks.Advance(1s);
+    daemon->sampler.Take();
+    const auto cpus =
+        CallMethod<Tarn_sys_diag_MultiCpuUsageRet>(MultiCpuUsageQuery, Tarn_sys_diag_MultiCpuUsageInput{});
+    ASSERT_EQ(cpus->uiCpuNum, 3);
+    EXPECT_EQ(std::string(cpus->pstCpu[0].acName), "cpu");
+    EXPECT_EQ(cpus->pstCpu[0].uiValue1, 233) << "420 of 1800";
+    EXPECT_EQ(cpus->pstCpu[0].uiValue5, 450);
+    const Tarn_sys_diag_MultiCpuUsage &cpu = cpus->pstCpu[1];
+    EXPECT_EQ(std::string(cpu.acName), "cpu0");
+    EXPECT_EQ(cpu.uiValue1, 260);
+    EXPECT_EQ(cpu.uiValue2, 80);
+    EXPECT_EQ(cpu.uiValue3, 150) << "with interrupts";
+    EXPECT_EQ(cpu.uiValue4, 20);
+    EXPECT_EQ(cpu.uiValue5, 900);
+    ExpectTime(cpu.stTime, highest);
+    EXPECT_EQ(std::string(cpus->pstCpu[2].acName), "cpu1");
+    EXPECT_EQ(cpus->pstCpu[2].uiValue5, 200);
+
+    machine.cpus.push_back({7, {}});
+    machine.busyPermille.push_back(0);
+    Pass(1s);
+    EXPECT_EQ(
+        CallMethod<Tarn_sys_diag_MultiCpuUsageRet>(MultiCpuUsageQuery, Tarn_sys_diag_MultiCpuUsageInput{})->uiCpuNum, 3)
+        << "one that has just come up has no use yet";
+}
+
+TEST_F(CpuMethodsTest, TellTheHistoryInPercent) {
+    Restart();
+    machine.busyPermille = {1000, 990};
+    Pass(1s);
+    machine.busyPermille = {0, 8};
+    machine.cpus[0].ticks.ioWait += 500;
+    Pass(1s);
+    const auto history = CallMethod<Tarn_sys_diag_SysCpuMonitorHistoryInfoResult>(
+        GetSysCpuMonitorHistoryInfo, Tarn_sys_diag_SysCpuMonitorHistoryInfoInput{});
+    ASSERT_EQ(history->uiRecordNum, 2) << "of three samples";
+    EXPECT_EQ(history->pstRecord[0].ucValue1, 100) << "rounded";
+    EXPECT_EQ(history->pstRecord[1].ucValue1, 0);
+    EXPECT_EQ(history->pstRecord[1].ucValue2, 20);
+    ExpectTime(history->pstRecord[1].stTime, clocks.WallNow());
+}
+
+// ---- Overloads ----
+
+TEST_F(CpuMethodsTest, TellOfAnOverload) {
+    EXPECT_EQ(Overload().Status(), ENODATA);
+    ASSERT_EQ(SetSystem(700, 0, 1), 0);
+    const host::WallTime begin = clocks.WallNow();
+    machine.busyPermille = {1000, 500};
+    Pass(2s);
+    while (daemon->cpuOverload.RecordNumber() == 0) {
+        std::this_thread::yield();
+    }
+    const auto overload = Overload();
+    ExpectTime(overload->stTime1, begin);
+    EXPECT_EQ(std::string(overload->acName), "worker");
+    EXPECT_EQ(overload->uiValue1, kPid);
+    EXPECT_EQ(overload->uiValue2, 750);
+    EXPECT_EQ(overload->uiValue3, 500);
+    EXPECT_EQ(overload->stTime2.usYear, 0) << "it lasts";
+    const auto stacks = CallMethod<Tarn_sys_diag_TopCpuOvloadThreadCallstackRet>(
+        DisCpuOvloadCallstackInfo, Tarn_sys_diag_CpuOvloadThreadCallstackInput{});
+    ASSERT_EQ(stacks->uiThreadNum, 1);
+    EXPECT_EQ(stacks->astThread[0].uiPid, kPid);
+    EXPECT_EQ(stacks->astThread[0].uiTid, kBusy);
+    EXPECT_EQ(stacks->astThread[0].ullCpuTime, 1500) << "ms";
+    EXPECT_EQ(stacks->astThread[0].uiCpuUse, 500);
+    EXPECT_EQ(stacks->astThread[0].pcCallStack, nullptr) << "there is no such process";
+    machine.busyPermille = {699, 699};
+    Pass(1s);
+    ExpectTime(Overload()->stTime2, clocks.WallNow());
+    EXPECT_EQ(Config()->uiValue6, 1);
+}
+
+TEST_F(CpuMethodsTest, KeepThresholds) {
+    const auto isOn = [] {
+        return CallMethod<Tarn_sys_diag_OvloadCpuSwitchRet>(OvloadCpuSwitchState, Tarn_sys_diag_OvloadCpuSwitchInput{})
+            ->uiSwitch;
+    };
+    EXPECT_EQ(isOn(), 0);
+    EXPECT_EQ(SetSystem(1001, 0, 0), EINVAL);
+    EXPECT_EQ(SetSystem(500, 501, 0), EINVAL);
+    EXPECT_EQ(SetSystem(500, 0, TARND_OVERLOAD_MAX_S + 1), EINVAL);
+    EXPECT_EQ(isOn(), 0);
+    EXPECT_EQ(SetSystem(1000, 1000, TARND_OVERLOAD_MAX_S), 0) << "as much as there is";
+    EXPECT_EQ(isOn(), 1);
+    EXPECT_EQ(SetSystem(900, 0, 7), 0);
+    EXPECT_EQ(SetProcess(kPid, 1, 2000, 3), 0);
+    EXPECT_EQ(Config()->uiValue1, 900);
+    EXPECT_EQ(Config()->uiValue2, 900) << "the same when it is not said";
+    EXPECT_EQ(Config()->uiValue3, 7);
+    EXPECT_EQ(Config()->uiValue4, 1);
+    EXPECT_EQ(Config()->uiValue5, 1000) << "ms from sample to sample";
+    EXPECT_EQ(Config()->uiValue6, 0);
+
+    EXPECT_EQ(SetProcess(kPid, 2, 500, 0), EINVAL);
+    EXPECT_EQ(SetProcess(kPid, 1, 0, 0), EINVAL);
+    EXPECT_EQ(SetProcess(kPid, 1, 2001, 0), EINVAL) << "of two CPUs";
+    EXPECT_EQ(SetProcess(kPid, 1, 500, TARND_OVERLOAD_MAX_S + 1), EINVAL);
+    EXPECT_EQ(SetProcess(kPid, 1, 1, TARND_OVERLOAD_MAX_S), 0);
+    EXPECT_EQ(SetProcess(kPid + 9, 1, 500, 0), ESRCH);
+    EXPECT_EQ(SetProcess(kPid, 0, 0, 0), 0);
+    EXPECT_EQ(SetProcess(kPid, 0, 0, 0), ENOENT);
+}
+
+TEST_F(CpuMethodsTest, TellOfAWatchedProcess) {
+    const auto watched = [](uint32_t pid) {
+        return CallMethod<Tarn_sys_diag_GetCpuOvMonProcInfoOutput>(GetCpuOvMonProcInfo, Tarn_sys_diag_Process{pid});
+    };
+    EXPECT_EQ(watched(kPid).Status(), ENOENT);
+    ASSERT_EQ(SetProcess(kPid, 1, 500, 0), 0);
+    Pass(10s);
+    machine.processes[kPid].threads[kBusy].runPermille = 501;
+    Pass(10s);
+    machine.processes[kPid].threads[kBusy].runPermille = 500;
+    Pass(10s);
+    const auto answer = watched(kPid);
+    EXPECT_EQ(answer->uiPid, kPid);
+    ASSERT_EQ(answer->uiThreadNum, 2);
+    const Tarn_sys_diag_CpuOvMonThread &busy = answer->pstThread[1];
+    EXPECT_EQ(busy.uiValue1, kBusy);
+    EXPECT_EQ(busy.uiValue2, 500);
+    EXPECT_EQ(busy.uiValue3, 501);
+    EXPECT_EQ(busy.uiValue4, 15'510) << "ms";
+    EXPECT_EQ(busy.ucValue5, 'R');
+    EXPECT_EQ(busy.ucValue6, 1);
+    EXPECT_EQ(busy.uiValue7, 1);
+    proc.RemoveThread(kPid, kBusy);
+    EXPECT_EQ(watched(kPid)->uiThreadNum, 1) << "it has ended since";
+}
+
+TEST_F(CpuMethodsTest, SwitchTheDebugging) {
+    const auto set = [](uint32_t monitors, uint32_t on) {
+        return CallMethod<Tarn_sys_diag_Result>(SetOvLoadDebugSwitch,
+                                                Tarn_sys_diag_SetOvLoadDebugSwitchInput{monitors, on})
+            ->uiResult;
+    };
+    EXPECT_EQ(set(0, 1), EINVAL);
+    EXPECT_EQ(set(4, 1), EINVAL);
+    EXPECT_EQ(set(3, 2), EINVAL);
+    EXPECT_EQ(set(3, 1), 0);
+    machine.busyPermille = {1000, 500};
+    testing::internal::CaptureStderr();
+    Pass(1s);
+    EXPECT_EQ(set(2, 0), 0);
+    machine.busyPermille = {200, 0};
+    Pass(1s);
+    EXPECT_EQ(set(1, 0), 0);
+    Pass(1s);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("CPU 750 permille in use; process 5000000 (worker) most, 500 permille of a CPU"), log.npos);
+    EXPECT_NE(log.find("memory 400 permille in use, 600000 KiB of 1000000 available; process 5000000 (worker) most, "
+                       "1000 KiB"),
+              log.npos);
+    EXPECT_NE(log.find("CPU 100 permille in use"), log.npos);
+    const size_t first = log.find("overload debug: memory");
+    EXPECT_EQ(log.find("overload debug: memory", first + 1), log.npos) << "once, then it is off";
+}
+
+// ---- Events ----
+
+TEST_F(CpuMethodsTest, TellWhichThreadKeptACpuBusy) {
+    proc.Write("pressure/cpu", "some avg10=12.34 avg60=1.00 avg300=0.00 total=1\n");
+    machine.busyPermille = {0, 950};
+    machine.processes[kPid].threads[kBusy].runPermille = 900;
+    machine.Add(kPid + 9, "elsewhere", 1000);
+    host::procfs::Task elsewhere = kit::FakeProc::MakeTask(kPid + 9, "elsewhere", 'R');
+    proc.SetThread(kPid + 9, elsewhere); // on CPU 0
+    Pass(1s);
+    const host::WallTime begin = clocks.WallNow();
+    Pass(1s, 2);
+    EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 1);
+    Pass(1s, 2);
+    const auto events = Events(0, 0, 0);
+    ASSERT_EQ(events->uiEventNum, 1) << "one that lasts";
+    const Tarn_sys_diag_PadsCpuEvent &event = events->pstEvent[0];
+    ExpectTime(event.stTime, begin - 1s);
+    EXPECT_EQ(event.uiDuration, 5000);
+    EXPECT_EQ(event.uiCpuId, 1);
+    EXPECT_EQ(event.uiCpuUse, 950);
+    EXPECT_EQ(event.uiPressure, 123);
+    EXPECT_EQ(event.uiPid, kPid);
+    EXPECT_EQ(event.uiTid, kBusy);
+    EXPECT_EQ(std::string(event.szThreadName), "busy");
+    EXPECT_EQ(event.uiThreadUse, 900);
+}
+
+TEST_F(CpuMethodsTest, TellTheEventsThatAreAskedFor) {
+    proc.Write("pressure/cpu", "some avg10=0.00 avg60=0.00 avg300=0.00 total=0\n");
+    for (size_t i = 0; i < tarnd::CpuEvents::kEvents + 2; ++i) {
+        machine.busyPermille = {0, 949};
+        Pass(1s);
+        machine.busyPermille = {0, 950 + static_cast<uint32_t>(i) % 50};
+        Pass(1s, 3);
+    }
+    const auto all = Events(0, 0, 0);
+    ASSERT_EQ(all->uiEventNum, tarnd::CpuEvents::kEvents);
+    EXPECT_EQ(all->pstEvent[0].uiCpuUse, 952) << "the first two have gone";
+    const auto newest = Events(kPid, 0, 2);
+    ASSERT_EQ(newest->uiEventNum, 2);
+    EXPECT_EQ(newest->pstEvent[1].uiCpuUse, 950 + (tarnd::CpuEvents::kEvents + 1) % 50);
+    EXPECT_EQ(Events(kPid + 1, 0, 0)->uiEventNum, 0) << "of another process";
+    EXPECT_EQ(Events(0, 4, 0)->uiEventNum, 2) << "within four seconds";
+    EXPECT_EQ(Events(0, 3, 0)->uiEventNum, 1);
+    clocks.Advance(4s);
+    EXPECT_EQ(Events(0, 3, 0)->uiEventNum, 0);
+}
+
+TEST_F(CpuMethodsTest, TellNoEventsWhereTheFunctionIsOff) {
+    machine.busyPermille = {1000, 1000};
+    Pass(1s, 2);
+    daemon->healthSettings.SwitchFunction({TARND_HEALTH_ONE_CPU, 0, 0});
+    Pass(1s, 10);
+    EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 0);
+    daemon->healthSettings.SwitchFunction({TARND_HEALTH_ONE_CPU, 1, 0});
+    Pass(1s, 2);
+    EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 0) << "from the start";
+    Pass(1s);
+    EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 2);
 }
 
 } // namespace

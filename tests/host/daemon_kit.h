@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 #include "tests/host/kit.h"
 
@@ -120,14 +119,6 @@ private:
         }));
     }
 };
-
-inline std::set<uint32_t> TaskIds(uint32_t pid) {
-    std::set<uint32_t> ids;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-        ids.insert(static_cast<uint32_t>(std::stoul(entry.path().filename())));
-    }
-    return ids;
-}
 
 // CPU time that a process has used.
 class CpuClock {

@@ -27,15 +27,8 @@ namespace {
 using namespace std::chrono_literals;
 using kit::EndedPid;
 using kit::Subject;
-using kit::TaskIds;
 
 using DaemonTest = kit::DaemonTest<Unit>;
-
-std::string Comm(uint32_t pid, uint32_t tid) {
-    std::string name = kit::TextOfFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/comm");
-    name.pop_back(); // the line feed
-    return name;
-}
 
 TEST_F(DaemonTest, KnowsWhetherAProcessIsOnline) {
     const auto online = [&](uint32_t pid) {
@@ -64,23 +57,6 @@ TEST_F(DaemonTest, KnowsWhetherAProcessIsOnline) {
     waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT);
     EXPECT_EQ(online(static_cast<uint32_t>(zombie)), 0);
     waitpid(zombie, nullptr, 0);
-}
-
-TEST_F(DaemonTest, TellsAProcesssState) {
-    const auto state = [&](uint32_t pid) {
-        const auto answer =
-            Call<Tarn_sys_diag_ProcessStatusOutput>("GetProcStatByPid", Tarn_sys_diag_ProcessStatusInput{pid});
-        return answer.Status() == 0 ? static_cast<char>(answer->ucStatus) : '?';
-    };
-    const Subject subject(dir_);
-    EXPECT_TRUE(kit::Eventually([&] { return state(subject.Pid()) == 'S'; })) << "its first thread waits";
-    subject.Signal(SIGSTOP);
-    EXPECT_TRUE(kit::Eventually([&] { return state(subject.Pid()) == 'T'; }));
-    subject.Signal(SIGCONT);
-
-    const auto gone =
-        Call<Tarn_sys_diag_ProcessStatusOutput>("GetProcStatByPid", Tarn_sys_diag_ProcessStatusInput{EndedPid()});
-    EXPECT_EQ(gone.Status(), ESRCH);
 }
 
 // Where /proc shows a daemon without rights no process of others at all.
@@ -117,17 +93,6 @@ TEST_F(HiddenTest, TellsHiddenProcessesFromThoseThatHaveEnded) {
         << "of those that may be seen";
 }
 
-TEST_F(DaemonTest, ListsTheThreadsOfAProcess) {
-    const Subject subject(dir_);
-    const auto answer = Call<Tarn_sys_diag_Tids>("GetAllTidsByPid", Tarn_sys_diag_Pid{subject.Pid()});
-    ASSERT_EQ(answer.Status(), 0);
-    const std::set<uint32_t> tids(answer->puiTids, answer->puiTids + answer->uiTidNum);
-    EXPECT_EQ(tids, TaskIds(subject.Pid()));
-    EXPECT_EQ(tids.count(subject.tids.at("burner")), 1);
-    EXPECT_EQ(tids.count(subject.tids.at("sleeper")), 1);
-    EXPECT_EQ(Call<Tarn_sys_diag_Tids>("GetAllTidsByPid", Tarn_sys_diag_Pid{EndedPid()}).Status(), ESRCH);
-}
-
 unsigned long DefaultHugePageKb() {
     const std::string text = kit::TextOfFile("/proc/meminfo");
     return std::stoul(text.substr(text.find("Hugepagesize:") + strlen("Hugepagesize:")));
@@ -142,47 +107,6 @@ TEST_F(DaemonTest, CountsHugePages) {
     const unsigned long free = number("/sys/kernel/mm/hugepages/hugepages-" + kb + "kB/free_hugepages");
     EXPECT_EQ(answer->uiValue1, total);
     EXPECT_EQ(answer->uiValue2, free);
-}
-
-TEST_F(DaemonTest, DescribesTasks) {
-    const Subject subject(dir_);
-    const auto query = [&](uint32_t tid, std::string name, uint32_t skip, uint32_t limit) {
-        return Call<Tarn_sys_diag_GetTaskInfoResult>(
-            "GetTaskInfo", Tarn_sys_diag_GetTaskInfoInput{subject.Pid(), tid, name.data(), skip, limit});
-    };
-    const auto lines = [](const char *text) { return std::count(text, text + strlen(text), '\n') - 1; }; // without head
-    const auto all = query(0, "", 0, 0);
-    ASSERT_EQ(all.Status(), 0);
-    EXPECT_EQ(all->uiTaskValue, TaskIds(subject.Pid()).size());
-    EXPECT_EQ(lines(all->pcTaskInfo), all->uiTaskValue);
-    EXPECT_EQ(lines(all->pcTaskRecord), all->uiTaskValue);
-    for (const uint32_t tid : TaskIds(subject.Pid())) {
-        EXPECT_NE(std::string(all->pcTaskInfo).find(std::to_string(tid) + " " + Comm(subject.Pid(), tid)),
-                  std::string::npos)
-            << all->pcTaskInfo;
-    }
-
-    const auto byName = query(0, "burn*", 0, 0);
-    ASSERT_EQ(byName.Status(), 0);
-    EXPECT_EQ(byName->uiTaskValue, 1);
-    EXPECT_NE(std::string(byName->pcTaskInfo).find("R (running)"), std::string::npos) << byName->pcTaskInfo;
-
-    const auto byTid = query(subject.tids.at("sleeper"), "", 0, 0);
-    ASSERT_EQ(byTid.Status(), 0);
-    EXPECT_NE(std::string(byTid->pcTaskInfo).find("sleeper"), std::string::npos);
-    EXPECT_EQ(byTid->uiTaskValue, 1);
-
-    const auto second = query(0, "", 1, 1);
-    ASSERT_EQ(second.Status(), 0);
-    EXPECT_EQ(second->uiTaskValue, all->uiTaskValue) << "the matches, not the lines";
-    EXPECT_EQ(lines(second->pcTaskInfo), 1);
-
-    EXPECT_EQ(query(daemon_->Pid(), "", 0, 0).Status(), ESRCH) << "no thread of the subject";
-    const auto everything =
-        Call<Tarn_sys_diag_GetTaskInfoResult>("GetTaskInfo", Tarn_sys_diag_GetTaskInfoInput{0, 0, nullptr, 0, 0});
-    ASSERT_EQ(everything.Status(), 0);
-    EXPECT_NE(std::string(everything->pcTaskInfo).find("burner"), std::string::npos);
-    EXPECT_NE(std::string(everything->pcTaskInfo).find("tarnd"), std::string::npos);
 }
 
 TEST_F(DaemonTest, RegistersAgents) {

@@ -27,6 +27,9 @@ public:
         std::filesystem::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << text;
     }
+    void Link(const std::filesystem::path &file, const std::string &target) const {
+        std::filesystem::create_symlink(target, dir_.Path() / file);
+    }
     void Remove(const std::filesystem::path &file) const { std::filesystem::remove_all(dir_.Path() / file); }
 
     // A thread, or what of it is new. The first thread of a process has its id and makes the process.

@@ -1,14 +1,16 @@
 // Who uses the CPUs. Rates are differences of samples, or of a sample and a reading made for the call.
-#include <libproc2/pids.h>
-#include <stdlib.h>
-
 #include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <sstream>
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/health/resources.h"
+#include "host/daemon/processes/process_age.h"
 #include "host/daemon/processes/users.h"
 #include "host/daemon/sampling/rates.h"
+#include "host/daemon/sampling/thread_times.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -25,24 +27,18 @@ std::chrono::milliseconds IntervalOf(uint32_t ms) {
 
 // ---- One process ----
 
-ProcessSample ReadNow(uint32_t pid) {
-    const host::procfs::Task task = host::procfs::Procfs().ReadProcess(pid);
-    auto threads = std::make_shared<std::vector<ThreadTimes>>();
-    for (const uint32_t tid : host::procfs::Procfs().ThreadIds(pid)) {
-        host::procfs::SkipEnded([&] {
-            threads->push_back({tid, host::procfs::Procfs().ReadSchedulerCount(pid, tid)});
-        });
-    }
+ProcessSample ReadNow(const host::procfs::Procfs &proc, uint32_t pid) {
+    const host::procfs::Task task = proc.ReadProcess(pid);
     ProcessSample process;
     process.pid = pid;
     process.startTicks = task.startTicks;
     process.cpuTicks = task.CpuTicks();
-    process.threads = std::move(threads);
+    process.threads = std::make_shared<const std::vector<ThreadTimes>>(ReadThreadTimes(proc, pid));
     return process;
 }
 
 Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permille) {
-    const host::procfs::Task task = host::procfs::Procfs().ReadThread(use.pid, use.tid);
+    const host::procfs::Task task = Daemon::Serving().proc.ReadThread(use.pid, use.tid);
     Tarn_sys_diag_OsProcessCpuThread thread{};
     host::CopyText(thread.acName, task.name);
     thread.uiValue1 = use.tid;
@@ -54,19 +50,22 @@ Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permill
     return thread;
 }
 
-// `cpuNum` is how many CPUs make up the whole that shares are stated of.
-void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpuNum,
+// What a share is stated of.
+enum class Whole { kOneCpu, kAllCpus };
+
+void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, Whole of,
                     host::Reply<Tarn_sys_diag_OsProcessCpuRet> &reply) {
-    const SamplePtr sample = Daemon::Serving().sampler.Before(IntervalOf(request.uiValue1));
-    const ProcessSample now = ReadNow(request.uiPid);
-    const std::chrono::nanoseconds elapsed = std::chrono::steady_clock::now() - sample->system.at;
+    const Daemon &daemon = Daemon::Serving();
+    const SamplePtr sample = daemon.sampler.Before(IntervalOf(request.uiValue1));
+    const ProcessSample now = ReadNow(daemon.proc, request.uiPid);
+    const std::chrono::nanoseconds elapsed = daemon.clocks.SteadyNow() - sample->system.at;
     const ProcessSample *const before = sample->Find(now);
     if (before != nullptr && before->threads == nullptr) {
         const int error = before->threadsError == 0 ? ENODATA : before->threadsError;
         throw std::system_error(error, std::generic_category(), "the threads of the process were not sampled");
     }
     std::vector<ThreadUse> uses = ThreadUses(before, now);
-    const uint64_t whole = static_cast<uint64_t>(elapsed.count()) * cpuNum;
+    const uint64_t whole = static_cast<uint64_t>(elapsed.count()) * (of == Whole::kOneCpu ? 1 : sample->cpus.size());
     reply.uiValue1 = Permille(ProcessUsedNs(before, now, uses), whole);
     KeepBusiest(uses, request.uiValue2);
     std::vector<Tarn_sys_diag_OsProcessCpuThread> threads;
@@ -79,7 +78,7 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, uint64_t cpu
 // ---- All threads ----
 
 Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &process, std::chrono::nanoseconds elapsed) {
-    const host::procfs::Task task = host::procfs::Procfs().ReadThread(use.pid, use.tid);
+    const host::procfs::Task task = Daemon::Serving().proc.ReadThread(use.pid, use.tid);
     Tarn_sys_diag_ThreadCpu thread{};
     thread.uiTid = use.tid;
     thread.usValue1 = static_cast<uint16_t>(ThreadPermille(use, elapsed));
@@ -114,63 +113,29 @@ std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds 
 // ---- All processes ----
 
 // What the samples don't have, read for the call.
-class ProcessDetails {
-public:
-    ProcessDetails() {
-        if (const int status = procps_pids_new(&info_, kItems, std::size(kItems)); status < 0) {
-            throw std::system_error(-status, std::generic_category(), "the list of processes");
-        }
-    }
-    ~ProcessDetails() { procps_pids_unref(&info_); }
-    ProcessDetails(const ProcessDetails &) = delete;
-    ProcessDetails &operator=(const ProcessDetails &) = delete;
-
-    template <class Function>
-    void ForEach(Function function) {
-        const pids_fetch *const read = procps_pids_reap(info_, PIDS_FETCH_TASKS_ONLY);
-        if (read == nullptr) {
-            throw std::system_error(errno, std::generic_category(), "the list of processes");
-        }
-        for (int i = 0; i < read->counts->total; ++i) {
-            process_ = read->stacks[i];
-            function();
-        }
-    }
-
-    enum Item {
-        kPid,
-        kParent,
-        kUserTicks,
-        kSystemTicks,
-        kState,
-        kThreadNum,
-        kNice,
-        kCpu,
-        kStart,
-        kUser,
-        kExe,
-        kFaults,
-        kRss,
-        kName
-    };
-    const auto &Get(Item item) const { return process_->head[item].result; }
-    uint32_t Number(Item item) const { return static_cast<uint32_t>(Get(item).s_int); }
-
-private:
-    // In the order of Item.
-    static inline enum pids_item kItems[] = {PIDS_ID_PID, PIDS_ID_PPID, PIDS_TICS_USER, PIDS_TICS_SYSTEM, PIDS_STATE,
-                                             PIDS_NLWP,   PIDS_NICE,    PIDS_PROCESSOR, PIDS_TICS_BEGAN,  PIDS_ID_EUID,
-                                             PIDS_EXE,    PIDS_FLT_MAJ, PIDS_MEM_RES,   PIDS_CMD};
-    pids_info *info_ = nullptr;
-    const pids_stack *process_ = nullptr;
+struct ProcessDetails {
+    host::procfs::Task task;
+    uint32_t effectiveUser = 0;
+    std::string exe; // empty for none, or one that may not be seen
 };
 
-std::chrono::system_clock::time_point StartOf(uint64_t startTicks) {
-    timespec boot{};
-    clock_gettime(CLOCK_BOOTTIME, &boot);
-    const std::chrono::nanoseconds sinceBoot(boot.tv_sec * 1'000'000'000LL + boot.tv_nsec);
-    const std::chrono::nanoseconds age = sinceBoot - std::chrono::nanoseconds(TicksToNs(startTicks));
-    return std::chrono::system_clock::now() - std::chrono::duration_cast<std::chrono::system_clock::duration>(age);
+// "Uid: real effective saved ..."
+uint32_t EffectiveUser(const std::string &status) {
+    constexpr std::string_view kKey = "\nUid:";
+    const size_t at = status.find(kKey);
+    std::istringstream ids(at == status.npos ? "" : status.substr(at + kKey.size()));
+    uint32_t real = 0;
+    uint32_t effective = 0;
+    if (!(ids >> real >> effective)) {
+        throw std::system_error(EPROTO, std::generic_category(), "no two numbers for \"Uid\"");
+    }
+    return effective;
+}
+
+ProcessDetails ReadDetails(const host::procfs::Procfs &proc, uint32_t pid) {
+    std::error_code none;
+    return {proc.ReadProcess(pid), EffectiveUser(proc.Read(pid, "status")),
+            std::filesystem::read_symlink(proc.Path(pid, "exe"), none)};
 }
 
 // The end of a text tells more of a path than its start.
@@ -179,43 +144,55 @@ void CopyEnd(char (&to)[kSize], std::string_view text) {
     host::CopyText(to, text.size() < kSize ? text : text.substr(text.size() - (kSize - 1)));
 }
 
-Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &users, const Sampler::Window &window) {
-    using D = ProcessDetails;
-    const auto ms = [](uint64_t ticks) { return static_cast<uint32_t>(TicksToNs(ticks) / 1'000'000); };
-    ProcessSample process;
-    process.pid = details.Number(D::kPid);
-    process.startTicks = details.Get(D::kStart).ull_int;
-    const ProcessSample *const sampled = window.to->Find(process);
-    const auto started = StartOf(process.startTicks);
-    const uint64_t userTicks = details.Get(D::kUserTicks).ull_int;
-    const uint64_t systemTicks = details.Get(D::kSystemTicks).ull_int;
-    const auto ageNs = std::chrono::nanoseconds(std::chrono::system_clock::now() - started).count();
+// What the samples tell of it.
+void AddSampledUse(Tarn_sys_diag_SysCpuStatProc &stat, const ProcessSample &process, const Sampler::Window &window) {
+    const Daemon &daemon = Daemon::Serving();
+    const Peak peak = daemon.cpuPeaks.OfProcess(process);
+    stat.uiValue1 = ProcessPermille(window.from->Find(process), process, window.Length());
+    stat.uiValue2 = peak.permille;
+    stat.stTime1 = peak.time == host::WallTime{} ? Tarn_sys_diag_Systime{} : daemon.clock.LocalTime(peak.time);
+}
 
+Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &users, const Sampler::Window &window) {
+    const Daemon &daemon = Daemon::Serving();
+    const auto ms = [](uint64_t ticks) { return static_cast<uint32_t>(TicksToNs(ticks) / 1'000'000); };
+    const host::procfs::Task &task = details.task;
+    const std::chrono::nanoseconds age = AgeOf(daemon.proc, task.startTicks);
     Tarn_sys_diag_SysCpuStatProc stat{};
-    stat.uiPid = process.pid;
-    host::CopyText(stat.acName, details.Get(D::kName).str);
-    if (sampled != nullptr) {
-        const Peak peak = Daemon::Serving().cpuPeaks.OfProcess(process);
-        stat.uiValue1 = ProcessPermille(window.from->Find(process), *sampled, window.Length());
-        stat.uiValue2 = peak.permille;
-        stat.stTime1 =
-            peak.time == decltype(peak.time){} ? Tarn_sys_diag_Systime{} : Daemon::Serving().clock.LocalTime(peak.time);
+    stat.uiPid = task.id;
+    host::CopyText(stat.acName, task.name);
+    ProcessSample process;
+    process.pid = task.id;
+    process.startTicks = task.startTicks;
+    if (const ProcessSample *const sampled = window.to->Find(process)) {
+        AddSampledUse(stat, *sampled, window);
     }
-    stat.uiValue3 = ms(userTicks);
-    stat.uiValue4 = ms(systemTicks);
-    host::CopyText(stat.acValue5, host::procfs::StateText(static_cast<char>(details.Get(D::kState).s_ch)));
-    stat.uiValue6 = details.Number(D::kParent);
-    stat.uiValue7 = details.Number(D::kThreadNum);
-    stat.uiValue8 = details.Number(D::kNice);
-    stat.uiValue9 = details.Number(D::kCpu);
-    stat.stTime2 = Daemon::Serving().clock.LocalTime(started);
-    host::CopyText(stat.acValue10, users.User(details.Get(D::kUser).u_int));
-    const std::string_view exe = details.Get(D::kExe).str;
-    CopyEnd(stat.acValue11, exe == "-" ? "" : exe); // the library's word for none
-    stat.uiValue12 = ageNs <= 0 ? 0 : Permille(TicksToNs(userTicks + systemTicks), static_cast<uint64_t>(ageNs));
-    stat.uiValue13 = static_cast<uint32_t>(details.Get(D::kFaults).ul_int);
-    stat.uiValue14 = static_cast<uint32_t>(details.Get(D::kRss).ul_int);
+    stat.uiValue3 = ms(task.userTicks);
+    stat.uiValue4 = ms(task.systemTicks);
+    host::CopyText(stat.acValue5, host::procfs::StateText(task.state));
+    stat.uiValue6 = task.parent;
+    stat.uiValue7 = task.threadNum;
+    stat.uiValue8 = static_cast<uint32_t>(task.nice);
+    stat.uiValue9 = task.lastCpu;
+    stat.stTime2 =
+        daemon.clock.LocalTime(daemon.clocks.WallNow() - std::chrono::duration_cast<host::WallTime::duration>(age));
+    host::CopyText(stat.acValue10, users.User(details.effectiveUser));
+    CopyEnd(stat.acValue11, details.exe);
+    stat.uiValue12 = age.count() <= 0 ? 0 : Permille(TicksToNs(task.CpuTicks()), static_cast<uint64_t>(age.count()));
+    stat.uiValue13 = static_cast<uint32_t>(task.majorFaults);
+    stat.uiValue14 = static_cast<uint32_t>(task.residentKb);
     return stat;
+}
+
+std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses() {
+    const Daemon &daemon = Daemon::Serving();
+    const Sampler::Window window = daemon.sampler.Last({});
+    UserNames users;
+    std::vector<Tarn_sys_diag_SysCpuStatProc> processes;
+    for (const uint32_t pid : daemon.proc.ProcessIds()) {
+        host::procfs::SkipHidden([&] { processes.push_back(Describe(ReadDetails(daemon.proc, pid), users, window)); });
+    }
+    return processes;
 }
 
 // ---- The system ----
@@ -251,9 +228,10 @@ std::vector<Tarn_sys_diag_MultiCpuUsage> MeasureCpus() {
 }
 
 uint32_t LoadAverage() {
+    const std::string text = Daemon::Serving().proc.Read("loadavg");
     double load = 0;
-    if (getloadavg(&load, 1) != 1) {
-        throw std::system_error(EIO, std::generic_category(), "the load average");
+    if (std::from_chars(text.data(), text.data() + text.size(), load).ec != std::errc{}) {
+        throw std::system_error(EPROTO, std::generic_category(), "the load average");
     }
     return static_cast<uint32_t>(load * 1000 + 0.5);
 }
@@ -282,12 +260,12 @@ std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
 
 uint32_t CalculateOsProcCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_OsProcessCpuRet>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::CpuNumber(), reply); });
+        __func__, replyCtx, [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kAllCpus, reply); });
 }
 
 uint32_t CalculateProcThreadCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OsProcessCpuRet>(__func__, replyCtx,
-                                                       [&](auto &reply) { tarnd::MeasureProcess(*request, 1, reply); });
+    return host::Answer<Tarn_sys_diag_OsProcessCpuRet>(
+        __func__, replyCtx, [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kOneCpu, reply); });
 }
 
 uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, void *replyCtx) {
@@ -299,12 +277,7 @@ uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, v
 
 uint32_t SysCpuStatInfoQuery(const Tarn_sys_diag_SysCpuStatInfoInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_SysCpuStatInfo>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::Sampler::Window window = tarnd::Daemon::Serving().sampler.Last({});
-        tarnd::ProcessDetails details;
-        tarnd::UserNames users;
-        std::vector<Tarn_sys_diag_SysCpuStatProc> processes;
-        details.ForEach([&] { processes.push_back(tarnd::Describe(details, users, window)); });
-        reply.pstProc = reply.Keep(std::move(processes), reply.uiProcNum);
+        reply.pstProc = reply.Keep(tarnd::DescribeProcesses(), reply.uiProcNum);
     });
 }
 

@@ -7,8 +7,7 @@
 
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
-#include "host/daemon/agents/state.h"
-#include "host/daemon/time/local_clock.h"
+#include "host/daemon/daemon.h"
 #include "host/daemon/time/text.h"
 #include "host/osal/log.h"
 #include "host/values/daemon.h"
@@ -100,7 +99,7 @@ struct Query {
 // Fills a reply of text and the number of matches.
 template <class Reply>
 void Fill(Reply &reply, const Query &query) {
-    const Contents contents = host::blackbox::Read(TheSettings().runDirectory);
+    const Contents contents = host::blackbox::Read(Daemon::Serving().options.runDirectory);
     std::string text;
     for (const FaultRecord &record : contents.records) {
         if (query.Matches(record.head)) {
@@ -129,7 +128,7 @@ void Reset(uint32_t kind, uint32_t pid) {
                (pid == 0 || head.pid == pid);
     };
     const size_t erased =
-        host::blackbox::Erase(TheSettings().runDirectory, chosen, kind == TARND_BLACK_BOX_ALL && pid == 0);
+        host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, kind == TARND_BLACK_BOX_ALL && pid == 0);
     host::Log().info("black box: {} records erased", erased);
 }
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "host/answer/answer.h"
-#include "host/procfs/procfs.h"
+#include "host/daemon/daemon.h"
 #include "host/store/files.h"
 #include "server/tarnd.h"
 
@@ -39,12 +39,12 @@ uint32_t PidIsOnline(const Tarn_sys_diag_PidIsOnlineInput *request, void *replyC
 
 uint32_t GetProcStatByPid(const Tarn_sys_diag_ProcessStatusInput *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_ProcessStatusOutput>(__func__, replyCtx, [&](auto &reply) {
-        reply.ucStatus = static_cast<uint8_t>(host::procfs::Procfs().ReadProcess(request->uiPid).state);
+        reply.ucStatus = static_cast<uint8_t>(tarnd::Daemon::Serving().proc.ReadProcess(request->uiPid).state);
     });
 }
 
 uint32_t GetAllTidsByPid(const Tarn_sys_diag_Pid *request, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_Tids>(__func__, replyCtx, [&](auto &reply) {
-        reply.puiTids = reply.Keep(host::procfs::Procfs().ThreadIds(request->uiPid), reply.uiTidNum);
+        reply.puiTids = reply.Keep(tarnd::Daemon::Serving().proc.ThreadIds(request->uiPid), reply.uiTidNum);
     });
 }

@@ -2,7 +2,7 @@
 #include "host/stacks/stacks.h"
 
 #include "host/answer/answer.h"
-#include "host/procfs/procfs.h"
+#include "host/daemon/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -11,8 +11,8 @@ namespace {
 
 Tarn_sys_diag_CallStackThreadInfo Describe(uint32_t pid, const std::string &process, uint32_t tid,
                                            const host::stacks::Stack &stack) {
-    const host::procfs::Task task = host::procfs::Procfs().ReadThread(pid, tid);
-    const uint64_t runNs = host::procfs::Procfs().ReadSchedulerCount(pid, tid).runNs;
+    const host::procfs::Task task = Daemon::Serving().proc.ReadThread(pid, tid);
+    const uint64_t runNs = Daemon::Serving().proc.ReadSchedulerCount(pid, tid).runNs;
     Tarn_sys_diag_CallStackThreadInfo thread{};
     thread.uiTid = tid;
     host::CopyText(thread.szThreadName, task.name);
@@ -41,15 +41,15 @@ host::stacks::Stack ReadUnlessStuck(host::stacks::Process &stacks, uint32_t tid)
 
 // A thread that ends meanwhile is left out, unless it is the only one asked for.
 std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Tid &request, void *replyCtx) {
-    const std::string process = host::procfs::Procfs().ReadProcess(request.uiPid).name;
+    const std::string process = Daemon::Serving().proc.ReadProcess(request.uiPid).name;
     host::stacks::Process stacks(request.uiPid);
     std::vector<Tarn_sys_diag_CallStackThreadInfo> threads;
     if (request.uiTid != 0) {
-        host::procfs::Procfs().ReadThread(request.uiPid, request.uiTid); // of this process, or ESRCH
+        Daemon::Serving().proc.ReadThread(request.uiPid, request.uiTid); // of this process, or ESRCH
         threads.push_back(Describe(request.uiPid, process, request.uiTid, stacks.Read(request.uiTid)));
         return threads;
     }
-    for (const uint32_t tid : host::procfs::Procfs().ThreadIds(request.uiPid)) {
+    for (const uint32_t tid : Daemon::Serving().proc.ThreadIds(request.uiPid)) {
         if (const uint32_t reason = TarnHost_Cancelled(replyCtx); reason != 0) {
             throw std::system_error(static_cast<int>(reason), std::generic_category(),
                                     fmt::format("after the stacks of {} threads", threads.size()));

@@ -6,7 +6,6 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/time/text.h"
-#include "host/procfs/procfs.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -25,7 +24,7 @@ public:
         if (pid_ != 0) {
             AddProcess(pid_);
         } else {
-            for (const uint32_t pid : host::procfs::Procfs().ProcessIds()) {
+            for (const uint32_t pid : daemon_.proc.ProcessIds()) {
                 host::procfs::SkipHidden([&] { AddProcess(pid); });
             }
         }
@@ -40,7 +39,7 @@ public:
 
 private:
     void AddProcess(uint32_t pid) {
-        for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(pid)) {
+        for (const host::procfs::Task &task : daemon_.proc.ReadThreads(pid)) {
             if (tid_ != 0 && task.id != tid_) {
                 continue;
             }
@@ -56,12 +55,12 @@ private:
     }
 
     void AddTask(uint32_t pid, const host::procfs::Task &task) {
-        const host::procfs::SchedulerCount count = host::procfs::Procfs().ReadSchedulerCount(pid, task.id);
+        const host::procfs::SchedulerCount count = daemon_.proc.ReadSchedulerCount(pid, task.id);
         info_ +=
             fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, Printable(task.name),
                         host::procfs::StateText(task.state), task.CpuTicks() * 1000 / host::procfs::TicksPerSecond(),
                         task.lastCpu, host::procfs::SchedulingText(task));
-        const StarvationRecord starved = Daemon::Serving().starvation.Of(pid, task.id).value_or(StarvationRecord{});
+        const StarvationRecord starved = daemon_.starvation.Of(pid, task.id).value_or(StarvationRecord{});
         record_ +=
             fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", pid, task.id, Printable(task.name),
                         count.runNs / 1000, count.waitNs / 1000, count.sliceNum, starved.times,
@@ -69,12 +68,13 @@ private:
     }
 
     // "2024-02-29T23:59:58.123"
-    static std::string TimeText(std::chrono::system_clock::time_point when) {
-        const Tarn_sys_diag_Systime time = Daemon::Serving().clock.LocalTime(when);
+    std::string TimeText(host::WallTime when) const {
+        const Tarn_sys_diag_Systime time = daemon_.clock.LocalTime(when);
         return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", time.usYear, time.ucMonth, time.ucDay,
                            time.ucHour, time.ucMinute, time.ucSecond, time.uiMillisecond);
     }
 
+    Daemon &daemon_ = Daemon::Serving();
     const uint32_t pid_;
     const uint32_t tid_;
     const std::string pattern_;

@@ -1,8 +1,6 @@
 // What was used between two samples.
 #pragma once
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -11,10 +9,6 @@
 #include "host/daemon/sampling/sample.h"
 
 namespace tarnd {
-
-inline uint64_t CpuNumber() {
-    return static_cast<uint64_t>(sysconf(_SC_NPROCESSORS_ONLN));
-}
 
 // Counts of idle time and of processes that end may go back.
 inline uint64_t Growth(uint64_t from, uint64_t to) {
