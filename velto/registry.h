@@ -1,6 +1,7 @@
 // The described types as data, with their names, for tools and tests that work on any type. A source file includes this
 // one, says TARN_UNIT() and includes the headers of types/: each type's line then enters it here, with codecs of that
-// unit. The library itself is built without the names.
+// unit. With VELTO_NAMES_ONLY defined before it there are no codecs, for which compilers take long. The library itself
+// is built without the names.
 #pragma once
 
 #define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline) VELTO_CODECS(type) VELTO_REGISTER(type)
@@ -17,7 +18,7 @@ struct TypeInfo {
     const TypeShape *shape;
     const SlotName *slotNames;
     bool owns;
-    VeltoPackFn pack;
+    VeltoPackFn pack; // null with VELTO_NAMES_ONLY, and so are the next three
     VeltoUnpackFn unpack;
     VeltoFreeFn freeUnpacked;
     VeltoFixedPackFn packFixed;   // null for a type without fixed form
@@ -44,10 +45,21 @@ template <class Unit, class Record>
 bool Register() {
     using Functions = Codec<Unit, Record>;
     constexpr bool kFixed = kHasFixed<Record>;
-    Registry().push_back({Table<Record>::kName, kTypeHash<Record>, &Shape<Record>::kType, Table<Record>::kSlotNames,
-                          kOwns<Record>, Functions::kPack, Functions::kUnpack, Functions::kFreeUnpacked,
-                          kFixed ? Functions::kPackFixed : nullptr, kFixed ? Functions::kFixedSize : nullptr,
-                          FixedOffsets<Record>()});
+    TypeInfo type{};
+    type.name = Table<Record>::kName;
+    type.hash = kTypeHash<Record>;
+    type.shape = &Shape<Record>::kType;
+    type.slotNames = Table<Record>::kSlotNames;
+    type.owns = kOwns<Record>;
+#ifndef VELTO_NAMES_ONLY
+    type.pack = Functions::kPack;
+    type.unpack = Functions::kUnpack;
+    type.freeUnpacked = Functions::kFreeUnpacked;
+    type.packFixed = kFixed ? Functions::kPackFixed : nullptr;
+#endif
+    type.fixedSize = kFixed ? Functions::kFixedSize : nullptr;
+    type.fixedOffsets = FixedOffsets<Record>();
+    Registry().push_back(type);
     return true;
 }
 

@@ -3,6 +3,7 @@
 // machine is one of them, they are compared with what the compiler laid out.
 //
 //   interface_dump VERSION_SCRIPT LIST_OF_IMPORTS
+#define VELTO_NAMES_ONLY
 #include "velto/registry.h"
 
 TARN_UNIT()
