@@ -668,6 +668,19 @@ TEST_F(RuntimeTest, EveryServedMethodAnswers) {
 
 // --- Deadlines
 
+TEST_F(RuntimeTest, TheDeadlineTravelsWithTheCall) {
+    std::atomic<uint32_t> remaining = 0;
+    served::On("PidIsOnline", [&](const void *request, void *replyCtx) {
+        remaining = TarnHost_RemainingMs(replyCtx);
+        return AnswerOnline(request, replyCtx);
+    });
+    client_.Configure({.runDir = dir_.Path(), .limits = {.deadline = 17s, .maxDeadline = 30s}});
+    for (const auto &[asked, expected] : {std::pair(23456ms, 23456U), {0ms, 17000U}, {30001ms, 30000U}}) {
+        EXPECT_TRUE(AskOnline(1, asked).Ok());
+        EXPECT_EQ(remaining, expected);
+    }
+}
+
 TEST_F(RuntimeTest, DeadlineOfASlowHandlerIsAnErrorTheCallerSees) {
     std::promise<void> leave;
     served::On("PidIsOnline", [left = leave.get_future().share()](const void *request, void *replyCtx) {
