@@ -44,6 +44,12 @@ public:
         return unread == 0;
     }
 
+    // Whether the other side has closed, and nothing is left to be read.
+    bool HasEnded() const {
+        uint8_t next;
+        return recv(fd_.Fd(), &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+    }
+
     // The frames that arrive until the other side closes, or until there are so many.
     std::vector<host::Frame> Read(size_t most = SIZE_MAX) const {
         host::FrameParser parser(16 << 20);
