@@ -24,7 +24,8 @@ enum class Shape { kFixedReply, kVariableReply, kOwningRequest, kLargeRequest, k
 template <class Request, class Response>
 constexpr Shape ShapeOf() {
     constexpr bool kReplies = !std::is_same_v<Response, NoReply>;
-    constexpr bool kLarge = velto::kNativeSize < Request >> kCallBuffer;
+    constexpr uint32_t kRequestSize = velto::kNativeSize<Request>;
+    constexpr bool kLarge = kRequestSize > kCallBuffer;
     static_assert(!kLarge || (kReplies && !velto::kOwns<Request>), "no such shape: a large request that owns memory, "
                                                                    "or has no reply");
     if constexpr (kLarge) {

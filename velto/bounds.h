@@ -136,8 +136,8 @@ template <bool kSwapped = false>
 // The same in a frame, compiled in where there is room.
 [[gnu::always_inline]] inline bool OpenTableInFrame(platform::Binding &binding, const Message &message,
                                                     uint32_t position, const char *function, OpenedTable &table) {
-    return kHasRoom ? VerifyTable<false>(binding, message, position, function, table)
-                    : OpenTable<false>(binding, message, position, function, table);
+    return kPrefersSpeed ? VerifyTable<false>(binding, message, position, function, table)
+                         : OpenTable<false>(binding, message, position, function, table);
 }
 
 // The start of the `before` bytes in front of a position, if they, the position, and the bytes from there to `behind`

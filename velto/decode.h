@@ -21,7 +21,7 @@ bool DecodeNested(const Message &message, uint32_t position, Record &record, con
 
 // A type without tables inside is read where it is met, if there is room; others by their own function.
 template <class Record>
-constexpr bool kReadInPlace = kElementNum<Record> == 0 && kHasRoom;
+constexpr bool kReadInPlace = kElementNum<Record> == 0 && kPrefersSpeed;
 
 template <class Unit, class Record>
 [[gnu::always_inline]] inline bool DecodeElement(const Message &message, uint32_t position, Record &record) {
@@ -157,7 +157,7 @@ VELTO_FRAME Opened OpenNested(const Message &message, uint32_t position, const T
     if (table.slotNum >= type.slotNum) [[likely]] {
         return Opened::kStraight;
     }
-    if constexpr (kHasRoom) {
+    if constexpr (kPrefersSpeed) {
         memset(record, 0, type.clearFrom);
     }
     return DecodeByShape<Unit>(message, type, table, record, function);

@@ -13,7 +13,7 @@
 namespace velto {
 
 template <class Record>
-constexpr bool kHasFull = kHasRoom && !kOwns<Record>;
+constexpr bool kHasFull = kPrefersSpeed && !kOwns<Record>;
 
 template <class Record>
 constexpr uint32_t kVtableSize = 4 + 2 * uint32_t{kSlotNum<Record>};

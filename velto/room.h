@@ -12,11 +12,12 @@
 
 namespace velto {
 
-constexpr bool kHasRoom = UINTPTR_MAX > UINT32_MAX;
+// Machines with 64-bit pointers have the room.
+constexpr bool kPrefersSpeed = UINTPTR_MAX > UINT32_MAX;
 
 // A condition that is nearly always true. Code laid out for that is faster and larger.
 constexpr bool Expected(bool condition) {
-    return kHasRoom ? __builtin_expect(condition, true) : condition;
+    return kPrefersSpeed ? __builtin_expect(condition, true) : condition;
 }
 
 } // namespace velto

@@ -120,7 +120,7 @@ struct ConstantShape {
 
 template <class Record>
 constexpr decltype(auto) FrameShape() {
-    if constexpr (kHasRoom) {
+    if constexpr (kPrefersSpeed) {
         return ConstantShape<Record>();
     } else {
         return (Shape<Record>::kType);
