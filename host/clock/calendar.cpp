@@ -16,10 +16,6 @@ void CheckAtMost(uint32_t value, uint32_t most, const std::string &member) {
 
 } // namespace
 
-GmtTime Now() {
-    return time_point_cast<Millis>(system_clock::now());
-}
-
 void CheckDate(uint16_t year, uint8_t month, uint8_t day, const std::string &member) {
     if (month < 1 || month > 12) {
         throw BadValue((member + ".ucMonth").c_str(), month, "1 to 12");

@@ -15,8 +15,6 @@ using LocalMillis = std::chrono::local_time<Millis>;
 constexpr uint16_t kFirstYear = 1970;
 constexpr uint16_t kLastYear = 2199;
 
-GmtTime Now();
-
 // Throws EINVAL and names the member for a time that is not in the calendar. ucWeek may be 0, which older peers send,
 // or must be the date's weekday, from Sunday, 0.
 LocalMillis FromRecord(const Tarn_sys_diag_Systime &record, const std::string &member);

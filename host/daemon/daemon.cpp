@@ -2,10 +2,6 @@
 
 #include <cassert>
 
-#include "host/daemon/agents/agent_probe.h"
-#include "host/daemon/agents/agents.h"
-#include "host/daemon/health/resources.h"
-
 namespace tarnd {
 
 namespace {
@@ -29,71 +25,43 @@ Daemon &Daemon::Serving() {
 }
 
 Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
-               SampleSource &sampleSource)
-    : options(std::move(theOptions)), clocks(theClocks), proc(theProc),
-      sampler(sampleSource, clocks, options.sampleInterval) {
-    if (options.zoneLink) {
-        clock.ApplyToSystem(*options.zoneLink);
-    }
-    clock.Load();
-    healthSettings.Load();
-    WatchResources();
+               SampleSource &sampleSource, Peers &peers)
+    : options(std::move(theOptions)), clocks(theClocks), proc(theProc), agentLine(peers),
+      sampler(sampleSource, clocks, options.sampleInterval),
+      healthExaminer(clocks, proc, sampler, healthSettings, agentProbe,
+                     {options.logDirectory, options.stateDirectory, options.runDirectory}),
+      masterLine(peers) {
     measurement.Start(options.measuredBytesPerSecond);
-    rules.Load();
-    WatchAgents();
-    WatchAgentHealth();
-    courier.Start();
-    timers.Start();
-    if (options.takesSamples) {
-        sampleDriver.emplace(sampler);
+    if (options.runsByItself) {
+        drivers_.emplace(*this);
     }
 }
 
 Daemon::~Daemon() {
-    sampleDriver.reset();
-    masterLink.Stop();
-    timers.Stop();
-    courier.Stop();
+    drivers_.reset();
     measurement.Stop();
 }
+
+Daemon::Drivers::Drivers(Daemon &daemon)
+    : samples(daemon.sampler), timers("timers", daemon.timers),
+      courier("courier", daemon.courier, Courier::kMaxThreads), masterLink("master link", daemon.masterLink) {}
 
 // ---- Until every part is handed what it needs ----
 
 host::Store &TheStore() {
     return Daemon::Serving().store;
 }
-Clock &TheClock() {
+LocalClock &TheClock() {
     return Daemon::Serving().clock;
 }
 Timers &TheTimers() {
     return Daemon::Serving().timers;
-}
-State &TheState() {
-    return Daemon::Serving().state;
-}
-const Options &TheSettings() {
-    return Daemon::Serving().options;
-}
-Courier &TheCourier() {
-    return Daemon::Serving().courier;
-}
-Subscriptions &TheSubscriptions() {
-    return Daemon::Serving().subscriptions;
-}
-Rules &TheRules() {
-    return Daemon::Serving().rules;
-}
-HealthSettings &TheHealthSettings() {
-    return Daemon::Serving().healthSettings;
 }
 Sampler &TheSampler() {
     return Daemon::Serving().sampler;
 }
 Measurement &TheMeasurement() {
     return Daemon::Serving().measurement;
-}
-MasterLink &TheMasterLink() {
-    return Daemon::Serving().masterLink;
 }
 
 } // namespace tarnd

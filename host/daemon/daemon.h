@@ -2,10 +2,14 @@
 // needs of those before it, and stop in the reverse order.
 #pragma once
 
+#include <optional>
+
 #include "host/clock/clocks.h"
+#include "host/daemon/agents/agent_line.h"
+#include "host/daemon/agents/agent_probe.h"
+#include "host/daemon/agents/agent_registry.h"
 #include "host/daemon/agents/courier.h"
 #include "host/daemon/agents/message_rules.h"
-#include "host/daemon/agents/state.h"
 #include "host/daemon/agents/subscriptions.h"
 #include "host/daemon/cpu/cpu_events.h"
 #include "host/daemon/cpu/cpu_overload.h"
@@ -13,13 +17,17 @@
 #include "host/daemon/cpu/overload_debug.h"
 #include "host/daemon/cpu/overload_stacks.h"
 #include "host/daemon/cpu/starvation.h"
+#include "host/daemon/driver.h"
 #include "host/daemon/files/archives.h"
 #include "host/daemon/files/measurement.h"
+#include "host/daemon/health/health_examiner.h"
 #include "host/daemon/health/health_settings.h"
+#include "host/daemon/health/resource_levels.h"
 #include "host/daemon/master/master_link.h"
 #include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/options.h"
+#include "host/daemon/peers.h"
 #include "host/daemon/processes/process_table.h"
 #include "host/daemon/sampling/sample_driver.h"
 #include "host/daemon/sampling/sampler.h"
@@ -34,7 +42,7 @@ namespace tarnd {
 class Daemon {
 public:
     Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
-           SampleSource &sampleSource);
+           SampleSource &sampleSource, Peers &peers);
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
     ~Daemon();
@@ -56,13 +64,14 @@ public:
     const host::procfs::Procfs &proc;
     const Archives archives{options.logDirectory, options.copyTargets, clocks};
     host::Store store{options.stateDirectory};
-    Clock clock;
-    Timers timers;
-    State state;
-    Courier courier;
-    Subscriptions subscriptions;
-    Rules rules;
-    HealthSettings healthSettings;
+    LocalClock clock{clocks, store, options.zoneLink};
+    Timers timers{clocks};
+    AgentLine agentLine;
+    AgentRegistry registry{proc, timers};
+    Courier courier{clocks, registry};
+    Subscriptions subscriptions{proc};
+    MessageRules messageRules{clocks, proc, store, registry, agentLine, courier};
+    HealthSettings healthSettings{store, agentLine, courier};
     ProcessTable processTable{proc};
     Sampler sampler;
     CpuPeaks cpuPeaks{sampler};
@@ -73,8 +82,22 @@ public:
     MemoryOverload memoryOverload{store, sampler};
     MemoryLeaks memoryLeaks{clocks, sampler};
     Measurement measurement;
-    MasterLink masterLink;
-    std::optional<SampleDriver> sampleDriver; // unless who owns the daemon has it take samples
+    ResourceLevels resourceLevels{sampler, proc, healthSettings, subscriptions, agentLine, courier};
+    AgentProbe agentProbe{clocks, registry, healthSettings, agentLine, courier, timers};
+    HealthExaminer healthExaminer;
+    MasterLine masterLine;
+    MasterLink masterLink{clocks, masterLine, clock, cpuOverload, memoryOverload, measurement};
+
+private:
+    // The threads of those that need some.
+    struct Drivers {
+        explicit Drivers(Daemon &daemon);
+        SampleDriver samples;
+        Driver<Timers> timers;
+        Driver<Courier> courier;
+        Driver<MasterLink> masterLink;
+    };
+    std::optional<Drivers> drivers_;
 };
 
 } // namespace tarnd

@@ -101,13 +101,14 @@ void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions)
     const host::SystemClocks clocks;
     const host::procfs::Procfs proc;
     tarnd::Libproc2Source samples(proc);
-    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc, samples);
+    tarnd::RemotePeers peers;
+    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc, samples, peers);
     host::Server server(serverOptions);
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
     host::Log().info("serving in {}", daemon.options.runDirectory.string());
-    daemon.masterLink.Start(); // the master may call back at once
+    daemon.masterLink.Greet(); // the master may call back at once
     int signal = 0;
     sigwait(&signals, &signal);
     host::Log().info("signal {}: shutting down", signal);

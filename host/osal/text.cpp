@@ -68,4 +68,11 @@ std::string LineOfText(std::string_view bytes) {
     return line;
 }
 
+std::string Printable(std::string_view bytes) {
+    std::string text(bytes);
+    std::ranges::replace_if(
+        text, [](char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
+}
+
 } // namespace host

@@ -1,30 +1,56 @@
 #include "host/daemon/agents/agent_probe.h"
 
-#include <map>
-#include <mutex>
+#include <cerrno>
+#include <system_error>
 
-#include "host/answer/answer.h"
-#include "host/daemon/agents/courier.h"
-#include "host/daemon/agents/relay.h"
-#include "host/daemon/agents/state.h"
-#include "host/daemon/health/health_settings.h"
-#include "host/daemon/time/timers.h"
+#include <fmt/format.h>
+
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 #include "host/values/agent.h"
 #include "host/values/daemon.h"
 
 namespace tarnd {
 
-namespace {
+AgentProbe::AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, const HealthSettings &settings,
+                       AgentLine &line, Courier &courier, Timers &timers)
+    : clocks_(clocks), registry_(registry), settings_(settings), line_(line), courier_(courier),
+      errand_(courier.Add([this](uint32_t pid) { Probe(pid); })) {
+    constexpr std::chrono::seconds kPeriod{2};
+    const auto probe = [](void *self) { static_cast<AgentProbe *>(self)->ProbeAll(); };
+    timers.Every(timers.Add("agent health", probe, this), kPeriod);
+}
 
-constexpr std::chrono::seconds kPeriod{2};
+void AgentProbe::ProbeAll() {
+    if (settings_.IsOn(TARND_HEALTH_AGENTS)) {
+        courier_.SendToAll(errand_);
+    }
+}
 
-std::mutex probeMutex;
-std::map<uint32_t, AgentHealth> probed; // by process
+// What goes wrong is the finding.
+void AgentProbe::Probe(uint32_t pid) {
+    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, TARN_AGENT_HEALTH_GOOD, {}};
+    const host::SteadyTime start = clocks_.SteadyNow();
+    try {
+        Ask(pid, health);
+    } catch (const std::system_error &error) {
+        health.answers = error.code().value() == ENOSYS; // an agent that has nothing to say of it
+        health.complaint = health.answers ? "" : error.what();
+    }
+    const auto took = std::chrono::ceil<std::chrono::milliseconds>(clocks_.SteadyNow() - start);
+    health.answerMs = static_cast<uint32_t>(took.count());
+    const host::MutexLock lock(mutex_);
+    const auto before = probed_.find(pid);
+    if (const bool answered = before == probed_.end() || before->second.answers; answered != health.answers) {
+        host::Log().warn("the agent of process {} {}", pid,
+                         health.answers ? "answers again" : "does not answer: " + health.complaint);
+    }
+    probed_[pid] = std::move(health);
+}
 
-void Ask(uint32_t pid, AgentHealth &health) {
-    const auto reply = AskAgent(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), pid, Tarn_sys_diag_None{},
-                                TheHealthSettings().LimitOf(TARND_HEALTH_AGENTS));
+void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
+    const auto reply = line_.Ask(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), pid, Tarn_sys_diag_None{},
+                                 settings_.LimitOf(TARND_HEALTH_AGENTS));
     health.worstLevel = reply->record.uiValue1;
     for (uint32_t i = 0; i < reply->record.uiHealthInfoNum && health.complaint.empty(); ++i) {
         const Tarn_sys_diag_SysHealthInfo &item = reply->record.pstHealthInfo[i];
@@ -34,45 +60,12 @@ void Ask(uint32_t pid, AgentHealth &health) {
     }
 }
 
-void ProbeAll() {
-    if (TheHealthSettings().IsOn(TARND_HEALTH_AGENTS)) {
-        TheCourier().SendToAll(ProbeAgent);
-    }
-}
-
-} // namespace
-
-// What goes wrong is the finding.
-void ProbeAgent(uint32_t pid) {
-    AgentHealth health{pid, {}, std::chrono::system_clock::now(), true, 0, TARN_AGENT_HEALTH_GOOD, {}};
-    const auto start = std::chrono::steady_clock::now();
-    try {
-        Ask(pid, health);
-    } catch (const std::system_error &error) {
-        health.answers = error.code().value() == ENOSYS; // an agent that has nothing to say of it
-        health.complaint = health.answers ? "" : error.what();
-    }
-    const auto took = std::chrono::steady_clock::now() - start;
-    health.answerMs = static_cast<uint32_t>(std::chrono::ceil<std::chrono::milliseconds>(took).count());
-    const std::lock_guard lock(probeMutex);
-    const auto before = probed.find(pid);
-    if (const bool answered = before == probed.end() || before->second.answers; answered != health.answers) {
-        host::Log().warn("the agent of process {} {}", pid,
-                         health.answers ? "answers again" : "does not answer: " + health.complaint);
-    }
-    probed[pid] = std::move(health);
-}
-
-void WatchAgentHealth() {
-    TheTimers().Every(TheTimers().Add("agent health", ProbeAll), kPeriod);
-}
-
-std::vector<AgentHealth> AgentsHealth() {
-    const std::map<uint32_t, Agent> agents = TheState().Agents();
-    const std::lock_guard lock(probeMutex);
-    std::erase_if(probed, [&](const auto &entry) { return agents.count(entry.first) == 0; });
+std::vector<AgentHealth> AgentProbe::Health() {
+    const std::map<uint32_t, Agent> agents = registry_.Agents();
+    const host::MutexLock lock(mutex_);
+    std::erase_if(probed_, [&](const auto &entry) { return agents.count(entry.first) == 0; });
     std::vector<AgentHealth> list;
-    for (const auto &[pid, health] : probed) {
+    for (const auto &[pid, health] : probed_) {
         list.push_back(health);
         list.back().name = agents.at(pid).name;
     }

@@ -1,21 +1,15 @@
 #include "host/daemon/agents/courier.h"
 
+#include <algorithm>
 #include <cerrno>
 
-#include "host/answer/answer.h"
-#include "host/daemon/agents/state.h"
-#include "host/osal/thread.h"
+#include "host/osal/attempt.h"
 
 namespace tarnd {
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kRetryAfter = 1s;
-
-// An errand that has waited for so long waits for an agent that hangs. Most take less, so two threads do.
-constexpr auto kPatience = 20ms;
+constexpr std::chrono::seconds kRetryAfter{1};
 
 bool IsFinal(uint32_t error) {
     return error == 0 || error == ESRCH || error == ENOSYS;
@@ -23,66 +17,65 @@ bool IsFinal(uint32_t error) {
 
 } // namespace
 
+Courier::Errand Courier::Add(std::function<void(uint32_t pid)> run) {
+    const host::MutexLock lock(mutex_);
+    runs_.push_back(std::move(run));
+    return runs_.size() - 1;
+}
+
 void Courier::Send(Errand errand, uint32_t pid) {
-    const std::lock_guard lock(mutex_);
-    due_[{pid, errand}] = Clock::now();
-    TellAnother();
+    const host::MutexLock lock(mutex_);
+    SendNow(errand, pid);
 }
 
 void Courier::SendToAll(Errand errand) {
-    for (const auto &[pid, agent] : TheState().Agents()) {
+    for (const auto &[pid, agent] : registry_.Agents()) {
         Send(errand, pid);
     }
 }
 
-void Courier::Start() {
-    const std::lock_guard lock(mutex_);
-    AddThread();
-    AddThread();
-}
-
-void Courier::Stop() {
-    std::vector<std::jthread> threads;
-    {
-        const std::lock_guard lock(mutex_);
-        for (std::jthread &thread : threads_) {
-            thread.request_stop(); // all before one is waited for; and none adds another from now on
-        }
-        threads.swap(threads_);
+void Courier::SendEach(uint32_t pid) {
+    const host::MutexLock lock(mutex_);
+    for (Errand errand = 0; errand < runs_.size(); ++errand) {
+        SendNow(errand, pid);
     }
 }
 
-void Courier::AddThread() {
-    threads_.push_back(host::StartThread("courier", [this](const std::stop_token &stop) { Run(stop); }));
+void Courier::SendNow(Errand errand, uint32_t pid) {
+    const host::SteadyTime now = clocks_.SteadyNow();
+    due_[{pid, errand}] = now;
+    tell_(now);
 }
 
-void Courier::TellAnother() {
-    ++changes_;
-    wake_.notify_one();
-}
-
-// The last thread that is idle leaves an errand to the busy ones for a moment. When it goes all the same, another takes
-// its place.
-void Courier::Run(const std::stop_token &stop) {
-    std::unique_lock lock(mutex_);
-    while (!stop.stop_requested()) {
-        const auto next = Next();
-        const Clock::time_point now = Clock::now();
-        const Clock::time_point when = next == due_.end() ? now + 1h : next->second + (idle_ == 0 ? kPatience : 0ms);
-        if (when > now) {
-            ++idle_;
-            wake_.wait_until(lock, stop, when, [this, seen = changes_] { return changes_ != seen; });
-            --idle_;
-            continue;
-        }
-        if (idle_ == 0 && threads_.size() < kMaxThreads) {
-            AddThread();
-        }
-        Do(lock, next);
+void Courier::OnDue(std::function<void(host::SteadyTime due)> tell) {
+    const host::MutexLock lock(mutex_);
+    tell_ = tell ? std::move(tell) : [](host::SteadyTime) {};
+    for (const auto &[errand, due] : due_) {
+        tell_(due);
     }
 }
 
-// The errand that is due first, of the agents that no thread is with.
+void Courier::RunDue() {
+    host::MutexLock lock(mutex_);
+    const auto next = Next();
+    if (next == due_.end() || next->second > clocks_.SteadyNow()) {
+        return; // its agent is being visited: the visit's end tells of it
+    }
+    const auto [pid, errand] = next->first;
+    const auto run = runs_[errand];
+    due_.erase(next);
+    visited_.insert(pid);
+    lock.Unlock();
+    const uint32_t error = host::Attempt("courier", [&run, pid = pid] { run(pid); });
+    lock.Lock();
+    visited_.erase(pid);
+    if (!IsFinal(error)) {
+        due_.try_emplace({pid, errand}, clocks_.SteadyNow() + kRetryAfter);
+    }
+    TellNextOf(pid);
+}
+
+// The errand that is due first, of the agents that none is with.
 Courier::Errands::iterator Courier::Next() {
     auto first = due_.end();
     for (auto at = due_.begin(); at != due_.end(); ++at) {
@@ -93,18 +86,13 @@ Courier::Errands::iterator Courier::Next() {
     return first;
 }
 
-void Courier::Do(std::unique_lock<std::mutex> &lock, Errands::iterator next) {
-    const auto [pid, errand] = next->first;
-    due_.erase(next);
-    visited_.insert(pid);
-    lock.unlock();
-    const uint32_t error = host::Run("courier", [errand = errand, pid = pid] { errand(pid); });
-    lock.lock();
-    visited_.erase(pid);
-    if (!IsFinal(error)) {
-        due_.try_emplace({pid, errand}, Clock::now() + kRetryAfter);
+void Courier::TellNextOf(uint32_t pid) {
+    const auto begin = due_.lower_bound({pid, 0});
+    const auto end = std::find_if(begin, due_.end(), [pid](const auto &entry) { return entry.first.first != pid; });
+    const auto first = std::min_element(begin, end, [](const auto &a, const auto &b) { return a.second < b.second; });
+    if (first != end) {
+        tell_(first->second);
     }
-    TellAnother(); // this one may go on with another agent
 }
 
 } // namespace tarnd

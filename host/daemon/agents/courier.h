@@ -1,59 +1,58 @@
-// Brings the agents what the daemon has for them, on threads of its own: an agent that hangs delays no caller, and no
-// other agent.
+// Brings the agents what the daemon has for them: an agent that hangs delays no caller, and no other agent.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <set>
-#include <thread>
 #include <utility>
 #include <vector>
+
+#include "host/clock/clocks.h"
+#include "host/daemon/agents/agent_registry.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
 class Courier {
 public:
-    // What there is to do with the agent of a process. It finds out by itself what the agent has to be told, so one
-    // that was asked for twice is run once. May throw; it is then run again later, unless the agent is gone or does not
-    // know the method. An agent has one at a time; those of several agents run at the same time.
-    using Errand = void (*)(uint32_t pid);
-
     // How long an agent has for one call.
     static constexpr uint32_t kTimeoutMs = 1000;
 
     // Agents that may hang at the same time before the others are delayed.
     static constexpr size_t kMaxThreads = 32;
 
-    ~Courier() { Stop(); }
+    Courier(const host::Clocks &clocks, AgentRegistry &registry) : clocks_(clocks), registry_(registry) {}
+
+    // What there is to do with the agent of a process. It finds out by itself what the agent has to be told, so one
+    // that was asked for twice is run once. May throw; it is then run again later, unless the agent is gone or does not
+    // know the method. An agent has one at a time; those of several agents run at the same time.
+    using Errand = size_t;
+    Errand Add(std::function<void(uint32_t pid)> run);
 
     void Send(Errand errand, uint32_t pid);
     void SendToAll(Errand errand);
+    void SendEach(uint32_t pid); // all that there are, in the order in which they were added
 
-    void Start();
-    void Stop(); // waits for the errands that run
+    // Who drives the courier is told from when on RunDue has an errand to run, once for each. Threads may run several
+    // at the same time.
+    void OnDue(std::function<void(host::SteadyTime due)> tell);
+    void RunDue();
 
 private:
-    using Clock = std::chrono::steady_clock;
-    using Errands = std::map<std::pair<uint32_t, Errand>, Clock::time_point>; // and when they are due
+    using Errands = std::map<std::pair<uint32_t, Errand>, host::SteadyTime>; // and when they are due
 
-    void AddThread();
-    void TellAnother();
-    void Run(const std::stop_token &stop);
-    Errands::iterator Next();
-    void Do(std::unique_lock<std::mutex> &lock, Errands::iterator next);
+    void SendNow(Errand errand, uint32_t pid) TARN_REQUIRES(mutex_);
+    Errands::iterator Next() TARN_REQUIRES(mutex_);
+    void TellNextOf(uint32_t pid) TARN_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    std::condition_variable_any wake_;
-    Errands due_;
-    std::set<uint32_t> visited_; // agents that a thread is with
-    uint64_t changes_ = 0;       // of what is due or visited
-    size_t idle_ = 0;            // threads that wait
-    std::vector<std::jthread> threads_;
+    const host::Clocks &clocks_;
+    AgentRegistry &registry_;
+    host::Mutex mutex_;
+    std::vector<std::function<void(uint32_t pid)>> runs_ TARN_GUARDED_BY(mutex_);
+    Errands due_ TARN_GUARDED_BY(mutex_);
+    std::set<uint32_t> visited_ TARN_GUARDED_BY(mutex_); // agents that an errand is with
+    std::function<void(host::SteadyTime)> tell_ TARN_GUARDED_BY(mutex_) = [](host::SteadyTime) {};
 };
-
-Courier &TheCourier();
 
 } // namespace tarnd

@@ -1,29 +1,36 @@
 // Message-control rules: kept here, in force in the agents.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <vector>
 
+#include "host/clock/clocks.h"
+#include "host/daemon/agents/agent_line.h"
+#include "host/daemon/agents/agent_registry.h"
+#include "host/daemon/agents/courier.h"
+#include "host/osal/mutex.h"
+#include "host/procfs/procfs.h"
+#include "host/store/store.h"
 #include "types/agent.h"
 
 namespace tarnd {
 
-class Rules {
+class MessageRules {
 public:
-    using Clock = std::chrono::system_clock; // a rule's age goes on while the daemon does not run
     using Content = Tarn_sys_diag_UpdateMsgCtrlRuleInput;
 
     struct Rule {
-        Content content; // as it was set
-        Clock::time_point since;
+        Content content;       // as it was set
+        host::WallTime since;  // its age goes on while the daemon does not run
         uint64_t processStart; // of the process that it is for; 0: for all
     };
 
     // Takes over what an earlier run kept.
-    void Load();
+    MessageRules(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store,
+                 AgentRegistry &registry, AgentLine &line, Courier &courier);
 
     // Both keep the change before they return, and have it brought to the agents.
     void Set(const Content &content);
@@ -32,17 +39,34 @@ public:
     // Those that have not ended, in the order in which they are tried.
     std::vector<Rule> List();
 
+    uint32_t AgeOf(const Rule &rule) const; // in seconds
+
+    // What the rules did, by id: the sum over the agents that answer in time. An agent has a part of what is left then.
+    struct Matches {
+        uint64_t matched = 0;
+        uint64_t dropped = 0;
+    };
+    std::map<uint32_t, Matches> CountMatches(const std::function<uint32_t()> &timeLeftMs);
+
 private:
-    void DropEnded();
+    using AgentsRules = std::shared_ptr<AgentReply<Tarn_sys_diag_GetMsgRuleInfoResult>>;
+
     void Save(const std::map<uint32_t, Rule> &rules);
+    void DropEnded() TARN_REQUIRES(mutex_);
+    bool HasEnded(const Rule &rule, host::WallTime now) const;
+    void BringTo(uint32_t pid); // makes an agent's rules those that are kept for it
+    std::map<uint32_t, Content> For(uint32_t pid);
+    AgentsRules AskFor(uint32_t pid, uint32_t timeoutMs);
 
-    std::mutex mutex_;
-    std::map<uint32_t, Rule> rules_; // by id
+    const host::Clocks &clocks_;
+    const host::procfs::Procfs &proc_;
+    host::Store &store_;
+    AgentRegistry &registry_;
+    AgentLine &line_;
+    Courier &courier_;
+    const Courier::Errand errand_;
+    host::Mutex mutex_;
+    std::map<uint32_t, Rule> rules_ TARN_GUARDED_BY(mutex_); // by id
 };
-
-Rules &TheRules();
-
-// An errand of the courier: makes an agent's rules those that are kept for it.
-void BringRules(uint32_t pid);
 
 } // namespace tarnd

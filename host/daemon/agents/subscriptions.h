@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <vector>
+
+#include "host/osal/mutex.h"
+#include "host/procfs/procfs.h"
 
 namespace tarnd {
 
@@ -16,6 +18,8 @@ public:
         uint64_t processStart;
     };
 
+    explicit Subscriptions(const host::procfs::Procfs &proc) : proc_(proc) {}
+
     // No events: the subscription ends. What there was before is returned. Throws ESRCH without such a process.
     uint32_t Set(uint32_t pid, uint32_t events);
 
@@ -23,10 +27,9 @@ public:
     std::vector<Subscription> List();
 
 private:
-    std::mutex mutex_;
-    std::map<uint32_t, Subscription> subscriptions_;
+    const host::procfs::Procfs &proc_;
+    host::Mutex mutex_;
+    std::map<uint32_t, Subscription> subscriptions_ TARN_GUARDED_BY(mutex_);
 };
-
-Subscriptions &TheSubscriptions();
 
 } // namespace tarnd

@@ -6,7 +6,7 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/health/resources.h"
+#include "host/daemon/health/resource_levels.h"
 #include "host/daemon/processes/process_age.h"
 #include "host/daemon/processes/users.h"
 #include "host/daemon/sampling/rates.h"
@@ -302,8 +302,8 @@ uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInf
 uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *replyCtx) {
     return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx, [](auto &reply) {
         host::CopyText(reply.acName, "cpu");
-        reply.uiValue1 = tarnd::CpuUsePermille({});
-        reply.uiValue2 = tarnd::CpuUsePermille(std::chrono::minutes(1));
+        reply.uiValue1 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, {});
+        reply.uiValue2 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));
         reply.uiValue3 = tarnd::Daemon::Serving().cpuPeaks.OfSystem().permille;
         reply.uiValue4 = tarnd::LoadAverage();
     });

@@ -114,8 +114,10 @@ Measurement::Measurement()
 void Measurement::Start(uint64_t bytesPerSecond) {
     Load();
     digests_ = std::make_unique<Digests>(bytesPerSecond);
-    timer_ = TheTimers().Add("measurement", [] { TheMeasurement().Expire(); });
-    clockTimer_ = TheTimers().Add("measurement clock", [] { TheMeasurement().ArmByClock(); });
+    timer_ = TheTimers().Add(
+        "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this);
+    clockTimer_ = TheTimers().Add(
+        "measurement clock", [](void *self) { static_cast<Measurement *>(self)->ArmByClock(); }, this);
     TheClock().OnChange([this] { TheTimers().Once(clockTimer_, 0ms); });
     Arm();
     thread_ = host::StartThread("measurement", [this](const std::stop_token &stop) { Run(stop); });

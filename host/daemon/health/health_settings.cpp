@@ -1,14 +1,10 @@
 #include "host/daemon/health/health_settings.h"
 
-#include <algorithm>
+#include <fmt/format.h>
 
-#include "host/answer/answer.h"
-#include "host/daemon/agents/courier.h"
-#include "host/daemon/agents/relay.h"
-#include "host/daemon/store.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
 #include "host/values/daemon.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
@@ -79,8 +75,10 @@ void Check(uint8_t function, uint32_t limit) {
 
 } // namespace
 
-void HealthSettings::Load() {
-    TheStore().Load(kDocument, kVersion, [this](const host::Document &content) {
+HealthSettings::HealthSettings(host::Store &store, AgentLine &line, Courier &courier)
+    : store_(store), line_(line), courier_(courier), errand_(courier.Add([this](uint32_t pid) { BringTo(pid); })) {
+    const host::MutexLock lock(mutex_);
+    store_.Load(kDocument, kVersion, [this](const host::Document &content) TARN_REQUIRES(mutex_) {
         Functions functions;
         for (const host::Document &entry : content.ArrayAt("functions")) {
             const auto id = entry.Get<uint8_t>("function");
@@ -97,15 +95,15 @@ void HealthSettings::Keep(bool allOn, Functions functions) {
     for (const auto &[id, function] : functions) {
         list.push_back(host::Document::Object{{"function", id}, {"on", function.on}, {"limit", function.limit}});
     }
-    TheStore().Save(kDocument, kVersion, host::Document::Object{{"on", allOn}, {"functions", list}});
+    store_.Save(kDocument, kVersion, host::Document::Object{{"on", allOn}, {"functions", list}});
     allOn_ = allOn;
     functions_ = std::move(functions);
-    TheCourier().SendToAll(BringHealthSwitches);
+    courier_.SendToAll(errand_);
 }
 
 void HealthSettings::SwitchAll(uint8_t on) {
     CheckSwitch("ucGlobalSwitch", on);
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Keep(on == 1, functions_);
     host::Log().info("health: {}", on == 1 ? "on" : "off");
 }
@@ -113,7 +111,7 @@ void HealthSettings::SwitchAll(uint8_t on) {
 void HealthSettings::SwitchFunction(const Tarn_sys_diag_PadsAppFunSwitch &request) {
     CheckSwitch("ucSwitch", request.ucSwitch);
     Check(request.ucFunction, request.uiValue);
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Functions functions = functions_;
     if (request.ucFunction == 0) {
         for (unsigned id = TARND_HEALTH_FIRST; id <= TARND_HEALTH_LAST; ++id) {
@@ -132,24 +130,24 @@ void HealthSettings::SwitchFunction(const Tarn_sys_diag_PadsAppFunSwitch &reques
 }
 
 bool HealthSettings::AllOn() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return allOn_;
 }
 
 bool HealthSettings::IsOn(uint8_t function) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto set = functions_.find(function);
     return allOn_ && (set == functions_.end() || set->second.on);
 }
 
 uint32_t HealthSettings::LimitOf(uint8_t function) const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     const auto set = functions_.find(function);
     return set == functions_.end() || set->second.limit == 0 ? DefaultLimit(function) : set->second.limit;
 }
 
 std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     std::vector<Tarn_sys_diag_PadsAppFunSwitch> switches; // 0, which stands for all, is the first
     for (const auto &[id, function] : functions_) {
         if (!IsOfDaemon(id)) {
@@ -159,20 +157,11 @@ std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
     return switches;
 }
 
-void BringHealthSwitches(uint32_t pid) {
-    const Tarn_sys_diag_PadsGlobalSwitch all{TheHealthSettings().AllOn()};
-    TellAgent(TarnSysdiagAgent_TarnPadsSetProcPadsGlobalSwitch_oneway, pid, all);
-    for (const Tarn_sys_diag_PadsAppFunSwitch &function : TheHealthSettings().OfAgents()) {
-        TellAgent(TarnSysdiagAgent_TarnPadsSetProcPadsAppFunSwitch_oneway, pid, function);
+void HealthSettings::BringTo(uint32_t pid) {
+    line_.Tell(TarnSysdiagAgent_TarnPadsSetProcPadsGlobalSwitch_oneway, pid, Tarn_sys_diag_PadsGlobalSwitch{AllOn()});
+    for (const Tarn_sys_diag_PadsAppFunSwitch &function : OfAgents()) {
+        line_.Tell(TarnSysdiagAgent_TarnPadsSetProcPadsAppFunSwitch_oneway, pid, function);
     }
 }
 
 } // namespace tarnd
-
-uint32_t TarnPadsSetPadsGlobalSwitchByTarnd(const Tarn_sys_diag_PadsGlobalSwitch *request) {
-    return host::Run(__func__, [&] { tarnd::TheHealthSettings().SwitchAll(request->ucGlobalSwitch); });
-}
-
-uint32_t TarnPadsSetPadsAppFunSwitchByTarnd(const Tarn_sys_diag_PadsAppFunSwitch *request) {
-    return host::Run(__func__, [&] { tarnd::TheHealthSettings().SwitchFunction(*request); });
-}

@@ -3,9 +3,12 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <vector>
 
+#include "host/daemon/agents/agent_line.h"
+#include "host/daemon/agents/courier.h"
+#include "host/osal/mutex.h"
+#include "host/store/store.h"
 #include "types/agent.h"
 
 namespace tarnd {
@@ -13,7 +16,7 @@ namespace tarnd {
 class HealthSettings {
 public:
     // Takes over what an earlier run kept.
-    void Load();
+    HealthSettings(host::Store &store, AgentLine &line, Courier &courier);
 
     // All of it. Both are kept beyond a restart, and brought to the agents.
     void SwitchAll(uint8_t on);
@@ -34,16 +37,16 @@ private:
     };
     using Functions = std::map<uint8_t, Function>;
 
-    void Keep(bool allOn, Functions functions);
+    void Keep(bool allOn, Functions functions) TARN_REQUIRES(mutex_);
+    void BringTo(uint32_t pid); // tells an agent how the health function is set
 
-    mutable std::mutex mutex_;
-    bool allOn_ = true;
-    Functions functions_; // those that were set
+    host::Store &store_;
+    AgentLine &line_;
+    Courier &courier_;
+    const Courier::Errand errand_;
+    mutable host::Mutex mutex_;
+    bool allOn_ TARN_GUARDED_BY(mutex_) = true;
+    Functions functions_ TARN_GUARDED_BY(mutex_); // those that were set
 };
-
-HealthSettings &TheHealthSettings();
-
-// An errand of the courier: tells an agent how the health function is set.
-void BringHealthSwitches(uint32_t pid);
 
 } // namespace tarnd

@@ -2,36 +2,53 @@
 // configured, and the master is told what clients change.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
-#include <thread>
+#include <functional>
+
+#include "host/clock/clocks.h"
+#include "host/daemon/cpu/cpu_overload.h"
+#include "host/daemon/files/measurement.h"
+#include "host/daemon/master/master_line.h"
+#include "host/daemon/memory/memory_overload.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
-// All on a thread of its own, so that a master that hangs delays nobody. Without a master the daemon runs all the same,
-// and says so in the log.
+// Without a master the daemon runs all the same, and says so in the log.
 class MasterLink {
 public:
-    void Start(); // and greets
-    void Stop();
+    MasterLink(const host::Clocks &clocks, MasterLine &line, LocalClock &localClock, CpuOverload &cpuOverload,
+               MemoryOverload &memoryOverload, Measurement &measurement)
+        : clocks_(clocks), line_(line), localClock_(localClock), cpuOverload_(cpuOverload),
+          memoryOverload_(memoryOverload), measurement_(measurement) {}
 
-    // Announces the daemon, and fetches the master's configuration.
+    // Has the daemon announced, and the master's configuration fetched.
     void Greet();
 
-    // Tells the master the memory thresholds that hold now; as soon as it is there, if it is not.
+    // Has the master told the memory thresholds that hold now; as soon as it is there, if it is not.
     void TellMemoryThresholds();
 
+    // Who drives the link is told when there is something to do. A master that hangs delays nobody but it.
+    void OnDue(std::function<void(host::SteadyTime due)> tell);
+    void RunDue();
+
 private:
-    void Run(const std::stop_token &stop);
+    void TellDue() TARN_REQUIRES(mutex_);
+    void SendMemoryThresholds();
+    void FetchClock();
+    void FetchOverload();
+    void FetchMeasurement();
 
-    std::mutex mutex_;
-    std::condition_variable_any wake_;
-    bool due_ = false;
-    bool greet_ = false;
-    bool tell_ = false;
-    std::jthread thread_; // ends before what it uses
+    const host::Clocks &clocks_;
+    MasterLine &line_;
+    LocalClock &localClock_;
+    CpuOverload &cpuOverload_;
+    MemoryOverload &memoryOverload_;
+    Measurement &measurement_;
+    host::Mutex mutex_;
+    bool greets_ TARN_GUARDED_BY(mutex_) = false;
+    bool tells_ TARN_GUARDED_BY(mutex_) = false;
+    std::function<void(host::SteadyTime)> tell_ TARN_GUARDED_BY(mutex_);
 };
-
-MasterLink &TheMasterLink();
 
 } // namespace tarnd

@@ -9,7 +9,7 @@ namespace tarnd {
 namespace {
 
 std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
-    const auto answer = AskAgent(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
+    const auto answer = Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
     const Tarn_sys_diag_GetAppMemUnitInfoOutput &units = answer->record;
     if (units.uiResult != 0) {
         throw std::system_error(static_cast<int>(units.uiResult), std::generic_category(),
@@ -34,7 +34,7 @@ std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t 
 
 std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
     const auto answer =
-        AskAgent(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), request.uiPid, request, timeoutMs);
+        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), request.uiPid, request, timeoutMs);
     return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
 }
 

@@ -2,7 +2,6 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/memory_use.h"
-#include "host/daemon/time/text.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -40,8 +39,9 @@ Report Suspects(const Tarn_sys_diag_MemLeakQryIn &request, void *replyCtx) {
                               "KiB/min", "OVER s"));
     for (const LeakSuspect &suspect : Daemon::Serving().memoryLeaks.Suspects(
              {request.uiValue2, request.uiValue3}, leastKb, [&] { host::CheckWanted(replyCtx); })) {
-        report.Add(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12.0f} {:>8.0f}", suspect.pid, Printable(suspect.name),
-                               suspect.rssKb, suspect.grownKb, suspect.KbPerMinute(), suspect.over.count()));
+        report.Add(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12.0f} {:>8.0f}", suspect.pid,
+                               host::Printable(suspect.name), suspect.rssKb, suspect.grownKb, suspect.KbPerMinute(),
+                               suspect.over.count()));
     }
     return report;
 }
@@ -89,8 +89,8 @@ Report Overloads() {
         fmt::format("{:<19} {:<8} {:>7} {:>8} {:<16} {:>12}", "TIME", "OVERLOAD", "IN USE", "PID", "NAME", "RSS KiB"));
     for (const MemoryEvent &event : daemon.memoryOverload.TheRecord().events) {
         report.Add(fmt::format("{:<19} {:<8} {:>7} {:>8} {:<16} {:>12}", daemon.clock.Text(event.time),
-                               event.begins ? "begins" : "ends", event.usedPermille, event.pid, Printable(event.name),
-                               event.rssKb));
+                               event.begins ? "begins" : "ends", event.usedPermille, event.pid,
+                               host::Printable(event.name), event.rssKb));
     }
     return report;
 }

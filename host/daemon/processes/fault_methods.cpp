@@ -8,8 +8,8 @@
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/time/text.h"
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -64,13 +64,13 @@ std::string FunctionText(const StackFrame &frame) {
 
 std::string RecordText(const FaultRecord &record) {
     const FaultHead &head = record.head;
-    std::string text =
-        fmt::format("{}.{:03} process {} ({}), thread {} ({}), agent {}\n  {}\n",
-                    TimeText(static_cast<time_t>(head.timeNs / 1000000000)), head.timeNs / 1000000 % 1000, head.pid,
-                    Printable(head.process), head.tid, Printable(head.thread), Printable(head.agent),
-                    head.kind == FaultKind::kException ? SignalText(head) : "assertion " + Printable(head.text));
+    std::string text = fmt::format(
+        "{}.{:03} process {} ({}), thread {} ({}), agent {}\n  {}\n",
+        Daemon::Serving().clock.Text(static_cast<time_t>(head.timeNs / 1000000000)), head.timeNs / 1000000 % 1000,
+        head.pid, host::Printable(head.process), head.tid, host::Printable(head.thread), host::Printable(head.agent),
+        head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::Printable(head.text));
     for (uint32_t i = 0; i < head.registerNum; ++i) {
-        text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", Printable(head.registers[i].name),
+        text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::Printable(head.registers[i].name),
                             head.registers[i].value, i % 4 == 3 || i + 1 == head.registerNum ? "\n" : "");
     }
     if (!record.hasStack) {
@@ -78,8 +78,8 @@ std::string RecordText(const FaultRecord &record) {
     }
     for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
         const StackFrame &frame = record.stack.frames[i];
-        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, Printable(FunctionText(frame)),
-                            frame.module[0] == 0 ? "?" : Printable(frame.module));
+        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::Printable(FunctionText(frame)),
+                            frame.module[0] == 0 ? "?" : host::Printable(frame.module));
     }
     return text;
 }
@@ -110,7 +110,7 @@ void Fill(Reply &reply, const Query &query) {
         }
     }
     for (const std::string &refused : contents.refused) {
-        text += "not read: " + Printable(refused) + "\n";
+        text += "not read: " + host::Printable(refused) + "\n";
     }
     if (contents.damaged != 0) {
         host::Log().warn("black box: {} damaged records", contents.damaged);

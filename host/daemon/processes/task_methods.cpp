@@ -5,7 +5,7 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/time/text.h"
+#include "host/osal/text.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 
@@ -57,14 +57,14 @@ private:
     void AddTask(uint32_t pid, const host::procfs::Task &task) {
         const host::procfs::SchedulerCount count = daemon_.proc.ReadSchedulerCount(pid, task.id);
         info_ +=
-            fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, Printable(task.name),
+            fmt::format("{:>8} {:>8} {:<16} {:<24} {:>10} {:>4} {}\n", pid, task.id, host::Printable(task.name),
                         host::procfs::StateText(task.state), task.CpuTicks() * 1000 / host::procfs::TicksPerSecond(),
                         task.lastCpu, host::procfs::SchedulingText(task));
         const StarvationRecord starved = daemon_.starvation.Of(pid, task.id).value_or(StarvationRecord{});
-        record_ +=
-            fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", pid, task.id, Printable(task.name),
-                        count.runNs / 1000, count.waitNs / 1000, count.sliceNum, starved.times,
-                        starved.longest.count() / 1'000'000, starved.times == 0 ? "-" : TimeText(starved.last));
+        record_ += fmt::format("{:>8} {:>8} {:<16} {:>14} {:>14} {:>10} {:>8} {:>10} {}\n", pid, task.id,
+                               host::Printable(task.name), count.runNs / 1000, count.waitNs / 1000, count.sliceNum,
+                               starved.times, starved.longest.count() / 1'000'000,
+                               starved.times == 0 ? "-" : TimeText(starved.last));
     }
 
     // "2024-02-29T23:59:58.123"

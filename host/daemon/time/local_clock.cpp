@@ -5,11 +5,10 @@
 
 #include <ctime>
 
-#include "host/answer/answer.h"
-#include "host/daemon/store.h"
+#include <fmt/format.h>
+
+#include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/store/files.h"
-#include "server/tarnd.h"
 
 namespace tarnd {
 
@@ -54,44 +53,72 @@ host::DateFormat CheckedDateFormat(uint32_t format) {
     return static_cast<host::DateFormat>(format);
 }
 
+Document ToDocument(const ClockSettings &settings) {
+    Document::Object content{{"shiftMs", settings.shift.count()},
+                             {"dateFormat", static_cast<uint32_t>(settings.dateFormat)}};
+    if (settings.zone) {
+        content["zone"] =
+            Document::Object{{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
+    }
+    if (settings.dst) {
+        content["dst"] = Document::Object{{"name", settings.dst->name},
+                                          {"offsetMinutes", settings.dst->offsetMinutes},
+                                          {"start", host::TextOf(settings.dst->start)},
+                                          {"end", host::TextOf(settings.dst->end)}};
+    }
+    return content;
+}
+
+ClockSettings FromDocument(const Document &content) {
+    ClockSettings settings;
+    settings.shift = Millis(content.Get<int64_t>("shiftMs"));
+    settings.dateFormat = CheckedDateFormat(content.Get<uint32_t>("dateFormat"));
+    if (const Document *const zone = content.Find("zone")) {
+        settings.zone = host::CheckedZone({zone->Get<std::string>("name"), zone->Get<int32_t>("offsetMinutes")});
+    }
+    if (const Document *const dst = content.Find("dst")) {
+        settings.dst = host::CheckedRule({dst->Get<std::string>("name"), dst->Get<uint32_t>("offsetMinutes"),
+                                          host::ParseChange(dst->Get<std::string>("start")),
+                                          host::ParseChange(dst->Get<std::string>("end"))});
+    }
+    return settings;
+}
+
 } // namespace
 
-void Clock::ApplyToSystem(std::filesystem::path zoneLink) {
-    applies_ = true;
-    zoneLink_ = std::move(zoneLink);
+LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink)
+    : clocks_(clocks), store_(store), zoneLink_(std::move(zoneLink)) {
+    const host::MutexLock lock(mutex_);
+    store_.Load(kDocument, kVersion,
+                [this](const Document &content) TARN_REQUIRES(mutex_) { settings_ = FromDocument(content); });
 }
 
-void Clock::Load() {
-    const std::lock_guard lock(mutex_);
-    TheStore().Load(kDocument, kVersion, [this](const Document &content) { settings_ = FromDocument(content); });
-}
-
-void Clock::SetZone(const host::Zone &zone, const char *source) {
-    const std::lock_guard lock(mutex_);
+void LocalClock::SetZone(const host::Zone &zone, const char *source) {
+    const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
     changed.zone = host::CheckedZone(zone);
-    if (applies_) {
-        LinkZone(zoneLink_, zone.name);
+    if (zoneLink_) {
+        LinkZone(*zoneLink_, zone.name);
     }
     const std::string before = settings_.zone ? host::TextOf(*settings_.zone) : "the system's";
     Change(std::move(changed), fmt::format("time zone {} from {}, before {}", host::TextOf(zone), source, before));
 }
 
-void Clock::SetDst(const std::optional<host::DstRule> &rule, const char *source) {
-    const std::lock_guard lock(mutex_);
+void LocalClock::SetDst(const std::optional<host::DstRule> &rule, const char *source) {
+    const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
     changed.dst = rule ? std::optional(host::CheckedRule(*rule)) : std::nullopt;
     Change(std::move(changed), fmt::format("daylight saving {} from {}, before {}", host::TextOf(rule), source,
                                            host::TextOf(settings_.dst)));
 }
 
-void Clock::SetGmt(const Tarn_sys_diag_Systime &time) {
-    const std::lock_guard lock(mutex_);
+void LocalClock::SetGmt(const Tarn_sys_diag_Systime &time) {
+    const host::MutexLock lock(mutex_);
     SetNow(GmtTime(host::FromRecord(time, "stTime").time_since_epoch()));
 }
 
-void Clock::SetLocal(const Tarn_sys_diag_Systime &time) {
-    const std::lock_guard lock(mutex_);
+void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
+    const host::MutexLock lock(mutex_);
     const LocalMillis local = host::FromRecord(time, "stTime");
     if (settings_.zone) {
         SetNow(host::WallClock(*settings_.zone, settings_.dst).ToGmt(local));
@@ -112,30 +139,30 @@ void Clock::SetLocal(const Tarn_sys_diag_Systime &time) {
     SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)));
 }
 
-void Clock::SetDateFormat(uint32_t format) {
-    const std::lock_guard lock(mutex_);
+void LocalClock::SetDateFormat(uint32_t format) {
+    const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
     changed.dateFormat = CheckedDateFormat(format);
     Change(std::move(changed), fmt::format("date format {}", format));
-    host::Log().info("the date is now {}", host::TextOf(Local(std::chrono::system_clock::now()), settings_.dateFormat));
+    host::Log().info("the date is now {}", host::TextOf(Local(clocks_.WallNow()), settings_.dateFormat));
 }
 
-Tarn_sys_diag_Systime Clock::LocalTime(std::chrono::system_clock::time_point when) const {
-    const std::lock_guard lock(mutex_);
+Tarn_sys_diag_Systime LocalClock::LocalTime(host::WallTime when) const {
+    const host::MutexLock lock(mutex_);
     return host::ToRecord(Local(when));
 }
 
-LocalMillis Clock::LocalNow() const {
-    const std::lock_guard lock(mutex_);
-    return Local(std::chrono::system_clock::now());
+LocalMillis LocalClock::LocalNow() const {
+    const host::MutexLock lock(mutex_);
+    return Local(clocks_.WallNow());
 }
 
-std::string Clock::Text(std::chrono::system_clock::time_point when) const {
-    const std::lock_guard lock(mutex_);
+std::string LocalClock::Text(host::WallTime when) const {
+    const host::MutexLock lock(mutex_);
     return host::TextOf(Local(when), settings_.dateFormat);
 }
 
-LocalMillis Clock::Local(std::chrono::system_clock::time_point when) const {
+LocalMillis LocalClock::Local(host::WallTime when) const {
     const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
     if (settings_.zone) {
         return host::WallClock(*settings_.zone, settings_.dst).ToLocal(gmt);
@@ -146,13 +173,13 @@ LocalMillis Clock::Local(std::chrono::system_clock::time_point when) const {
     return LocalMillis(gmt.time_since_epoch() + std::chrono::seconds(fields.tm_gmtoff));
 }
 
-void Clock::SetNow(GmtTime now) {
+void LocalClock::SetNow(GmtTime now) {
     ClockSettings changed = settings_;
-    if (applies_) {
+    if (zoneLink_) {
         SetSystemClock(now);
         changed.shift = Millis(0);
     } else {
-        changed.shift = now - host::Now();
+        changed.shift = now - std::chrono::floor<Millis>(clocks_.WallNow());
     }
     const LocalMillis gmt(now.time_since_epoch());
     Change(std::move(changed),
@@ -160,11 +187,11 @@ void Clock::SetNow(GmtTime now) {
                        host::TextOf(gmt, settings_.dateFormat), changed.shift.count(), settings_.shift.count()));
 }
 
-void Clock::Change(ClockSettings changed, const std::string &what) {
+void LocalClock::Change(ClockSettings changed, const std::string &what) {
     if (changed == settings_) {
         return; // the master tells its settings whenever it is there
     }
-    TheStore().Save(kDocument, kVersion, ToDocument(changed));
+    store_.Save(kDocument, kVersion, ToDocument(changed));
     settings_ = std::move(changed);
     if (changed_) {
         changed_();
@@ -172,57 +199,4 @@ void Clock::Change(ClockSettings changed, const std::string &what) {
     host::Log().info("{}", what);
 }
 
-Document Clock::ToDocument(const ClockSettings &settings) {
-    Document::Object content{{"shiftMs", settings.shift.count()},
-                             {"dateFormat", static_cast<uint32_t>(settings.dateFormat)}};
-    if (settings.zone) {
-        content["zone"] =
-            Document::Object{{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
-    }
-    if (settings.dst) {
-        content["dst"] = Document::Object{{"name", settings.dst->name},
-                                          {"offsetMinutes", settings.dst->offsetMinutes},
-                                          {"start", host::TextOf(settings.dst->start)},
-                                          {"end", host::TextOf(settings.dst->end)}};
-    }
-    return content;
-}
-
-ClockSettings Clock::FromDocument(const Document &content) {
-    ClockSettings settings;
-    settings.shift = Millis(content.Get<int64_t>("shiftMs"));
-    settings.dateFormat = CheckedDateFormat(content.Get<uint32_t>("dateFormat"));
-    if (const Document *const zone = content.Find("zone")) {
-        settings.zone = host::CheckedZone({zone->Get<std::string>("name"), zone->Get<int32_t>("offsetMinutes")});
-    }
-    if (const Document *const dst = content.Find("dst")) {
-        settings.dst = host::CheckedRule({dst->Get<std::string>("name"), dst->Get<uint32_t>("offsetMinutes"),
-                                          host::ParseChange(dst->Get<std::string>("start")),
-                                          host::ParseChange(dst->Get<std::string>("end"))});
-    }
-    return settings;
-}
-
 } // namespace tarnd
-
-uint32_t SetTimezone(const Tarn_sys_diag_SetTimezoneInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx,
-                              [&] { tarnd::TheClock().SetZone(host::FromRecord(request->stTimezone), "a client"); });
-}
-
-uint32_t SetDst(const Tarn_sys_diag_SetDstInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx,
-                              [&] { tarnd::TheClock().SetDst(host::FromRecord(request->stDst), "a client"); });
-}
-
-uint32_t SetGmt(const Tarn_sys_diag_SetGmtInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetGmt(request->stTime); });
-}
-
-uint32_t SetLocalTime(const Tarn_sys_diag_SetLocalTimeInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetLocal(request->stTime); });
-}
-
-uint32_t SetDateFormat(const Tarn_sys_diag_SetDateFormatInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::TheClock().SetDateFormat(request->uiDateFormat); });
-}

@@ -2,12 +2,16 @@
 // them. The system's own clock and zone are set only when main has said so.
 #pragma once
 
+#include <ctime>
 #include <filesystem>
 #include <functional>
-#include <mutex>
+#include <optional>
+#include <string>
 
+#include "host/clock/clocks.h"
 #include "host/clock/rules.h"
-#include "host/store/document.h"
+#include "host/osal/mutex.h"
+#include "host/store/store.h"
 
 namespace tarnd {
 
@@ -20,12 +24,11 @@ struct ClockSettings {
     bool operator==(const ClockSettings &) const = default;
 };
 
-class Clock {
+class LocalClock {
 public:
-    // From now on settings go to the system as well: its clock, and the link that names its zone.
-    void ApplyToSystem(std::filesystem::path zoneLink);
-
-    void Load();
+    // Takes over what an earlier run kept. With the link that names the system's zone, settings go to the system as
+    // well: to its clock, and to the link.
+    LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink);
 
     // What clocks show depends on the settings: the function is called after each change of them. It must be short and
     // not ask the clock. Before the first request.
@@ -40,24 +43,26 @@ public:
     void SetDateFormat(uint32_t format);
 
     // A moment of the system's clock as the daemon's shows it.
-    Tarn_sys_diag_Systime LocalTime(std::chrono::system_clock::time_point when) const;
+    Tarn_sys_diag_Systime LocalTime(host::WallTime when) const;
     host::LocalMillis LocalNow() const;
-    std::string Text(std::chrono::system_clock::time_point when) const;
+
+    // "2024-02-29 23:59:58"
+    std::string Text(host::WallTime when) const;
+    std::string Text(time_t time) const { return Text(std::chrono::system_clock::from_time_t(time)); }
 
 private:
-    host::LocalMillis Local(std::chrono::system_clock::time_point when) const;
-    void SetNow(host::GmtTime now);
-    void Change(ClockSettings changed, const std::string &what);
-    static host::Document ToDocument(const ClockSettings &settings);
-    static ClockSettings FromDocument(const host::Document &content);
+    host::LocalMillis Local(host::WallTime when) const TARN_REQUIRES(mutex_);
+    void SetNow(host::GmtTime now) TARN_REQUIRES(mutex_);
+    void Change(ClockSettings changed, const std::string &what) TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    ClockSettings settings_;
-    bool applies_ = false;
-    std::filesystem::path zoneLink_;
+    const host::Clocks &clocks_;
+    host::Store &store_;
+    const std::optional<std::filesystem::path> zoneLink_;
+    mutable host::Mutex mutex_;
+    ClockSettings settings_ TARN_GUARDED_BY(mutex_);
     std::function<void()> changed_;
 };
 
-Clock &TheClock();
+LocalClock &TheClock();
 
 } // namespace tarnd

@@ -5,7 +5,7 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
-#include "host/daemon/time/timers.h"
+#include "host/daemon/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -17,7 +17,7 @@ uint32_t Count(Duration duration) {
     return static_cast<uint32_t>(std::clamp<int64_t>(duration.count(), 0, UINT32_MAX));
 }
 
-Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, Timers::Clock::time_point now) {
+Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, host::SteadyTime now) {
     constexpr uint8_t kStopped = 0, kRunning = 1, kInCallback = 2;
     Tarn_sys_diag_TimerInfo info{};
     info.uiTimerId = timer.id;
@@ -35,9 +35,9 @@ Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, Timers::Clock::time
 }
 
 void ListTimers(const Tarn_sys_diag_GetTimerInput &request, host::Reply<Tarn_sys_diag_GetTimerInfoResult> &reply) {
-    const auto now = Timers::Clock::now();
+    const auto now = Daemon::Serving().clocks.SteadyNow();
     std::vector<Tarn_sys_diag_TimerInfo> infos;
-    for (const Timers::Timer &timer : TheTimers().List()) {
+    for (const Timers::Timer &timer : Daemon::Serving().timers.List()) {
         if (request.uiValue1 != 0 && timer.id != request.uiValue1) {
             continue;
         }

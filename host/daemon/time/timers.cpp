@@ -3,88 +3,90 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
-#include "host/answer/answer.h"
-#include "host/osal/thread.h"
+#include "host/osal/attempt.h"
 
 namespace tarnd {
 
-uint32_t Timers::Add(const char *name, Work work) {
-    const std::lock_guard lock(mutex_);
+uint32_t Timers::Add(const char *name, Work work, void *context) {
+    const host::MutexLock lock(mutex_);
     const auto id = static_cast<uint32_t>(timers_.size() + 1);
-    timers_.push_back({id, name, work, static_cast<uint32_t>(gettid())});
+    timers_.push_back({id, name, work, context, static_cast<uint32_t>(gettid())});
     return id;
 }
 
 void Timers::Every(uint32_t id, Milliseconds period) {
-    Set(id, period, true, Clock::now() + period);
+    Set(id, period, true, clocks_.SteadyNow() + period);
 }
 
 void Timers::Once(uint32_t id, Milliseconds delay) {
-    Set(id, delay, false, Clock::now() + delay);
+    Set(id, delay, false, clocks_.SteadyNow() + delay);
 }
 
 void Timers::Cancel(uint32_t id) {
-    Set(id, {}, false, Clock::time_point::max());
+    Set(id, {}, false, host::SteadyTime::max());
 }
 
-void Timers::Set(uint32_t id, Milliseconds period, bool periodic, Clock::time_point due) {
-    const std::lock_guard lock(mutex_);
+void Timers::Set(uint32_t id, Milliseconds period, bool periodic, host::SteadyTime due) {
+    const host::MutexLock lock(mutex_);
     Timer &timer = timers_.at(id - 1);
     timer.period = period;
     timer.periodic = periodic;
     timer.due = due;
-    wake_.notify_one();
+    TellDue();
 }
 
 std::vector<Timers::Timer> Timers::List() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     return timers_;
 }
 
-void Timers::Start() {
-    thread_ = host::StartThread("timers", [this](const std::stop_token &stop) { Run(stop); });
+void Timers::OnDue(std::function<void(host::SteadyTime due)> tell) {
+    const host::MutexLock lock(mutex_);
+    tell_ = std::move(tell);
+    told_ = host::SteadyTime::max();
+    TellDue();
 }
 
-void Timers::Stop() {
-    thread_ = {};
+void Timers::RunDue() {
+    host::MutexLock lock(mutex_);
+    told_ = host::SteadyTime::max();
+    for (Timer *first = FirstDue(); first != nullptr && first->due <= clocks_.SteadyNow(); first = FirstDue()) {
+        Expire(lock, *first);
+    }
+    TellDue();
 }
 
-Timers::Clock::time_point Timers::NextDue() const {
-    const auto next = std::ranges::min_element(timers_, {}, &Timer::due);
-    return next == timers_.end() ? Clock::time_point::max() : next->due;
+Timers::Timer *Timers::FirstDue() {
+    const auto first = std::ranges::min_element(timers_, {}, &Timer::due);
+    return first == timers_.end() ? nullptr : &*first;
 }
 
-void Timers::Run(const std::stop_token &stop) {
-    std::unique_lock lock(mutex_);
-    while (!stop.stop_requested()) {
-        const Clock::time_point due = NextDue(), now = Clock::now();
-        if (due <= now) {
-            Expire(lock, *std::ranges::min_element(timers_, {}, &Timer::due));
-        } else { // bounded, as the system's clocks don't reach the end of time
-            wake_.wait_until(lock, stop, std::min(due, now + std::chrono::hours(1)), [&] { return NextDue() < due; });
-        }
+void Timers::TellDue() {
+    const Timer *const first = FirstDue();
+    if (tell_ && first != nullptr && first->due < told_) {
+        told_ = first->due;
+        tell_(told_);
     }
 }
 
-void Timers::Expire(std::unique_lock<std::mutex> &lock, Timer &timer) {
+void Timers::Expire(host::MutexLock &lock, Timer &timer) {
     using std::chrono::duration_cast;
     using std::chrono::microseconds;
-    const uint32_t id = timer.id;
-    const Work work = timer.work;
-    const char *const name = timer.name;
-    const auto start = Clock::now();
+    const Timer expired = timer;
+    const host::SteadyTime start = clocks_.SteadyNow(), next = timer.due + timer.period;
     timer.longestDelay = std::max(timer.longestDelay, duration_cast<microseconds>(start - timer.due));
     // After a pause of the whole machine a periodic timer expires once, not as often as it would have.
-    timer.due = timer.periodic ? std::max(timer.due + timer.period, start) : Clock::time_point::max();
+    timer.due = !timer.periodic ? host::SteadyTime::max() : next > start ? next : start + timer.period;
     timer.running = true;
     ++timer.expiries;
-    lock.unlock();
-    host::Run(name, work);
-    lock.lock();
-    Timer &after = timers_[id - 1]; // more may have been added
+    lock.Unlock();
+    host::Attempt(expired.name, [&] { expired.work(expired.context); });
+    lock.Lock();
+    Timer &after = timers_[expired.id - 1]; // more may have been added
     after.running = false;
-    after.longestRun = std::max(after.longestRun, duration_cast<microseconds>(Clock::now() - start));
+    after.longestRun = std::max(after.longestRun, duration_cast<microseconds>(clocks_.SteadyNow() - start));
 }
 
 } // namespace tarnd

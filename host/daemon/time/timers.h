@@ -1,39 +1,43 @@
-// The daemon's own timers: work that is due at times, run by one thread.
+// The daemon's own timers: work that is due at times.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
-#include <thread>
+#include <functional>
 #include <vector>
+
+#include "host/clock/clocks.h"
+#include "host/osal/mutex.h"
 
 namespace tarnd {
 
 class Timers {
 public:
-    using Clock = std::chrono::steady_clock;
     using Milliseconds = std::chrono::milliseconds;
-    using Work = void (*)(); // short, as it delays the other timers; what it throws is logged
+    // Short, as it delays the other timers; what it throws is logged.
+    using Work = void (*)(void *context);
 
     struct Timer {
         uint32_t id; // counted from 1
         const char *name;
         Work work;
+        void *context;
         uint32_t creator; // thread
         bool periodic = false;
         bool running = false; // its work, that is
         Milliseconds period{0};
-        Clock::time_point due = Clock::time_point::max(); // stopped
+        host::SteadyTime due = host::SteadyTime::max(); // stopped
         std::chrono::microseconds longestRun{0};
         std::chrono::microseconds longestDelay{0};
         uint64_t expiries = 0;
 
-        bool IsStopped() const { return due == Clock::time_point::max(); }
+        bool IsStopped() const { return due == host::SteadyTime::max(); }
     };
 
+    explicit Timers(const host::Clocks &clocks) : clocks_(clocks) {}
+
     // A timer that is stopped yet.
-    uint32_t Add(const char *name, Work work);
+    uint32_t Add(const char *name, Work work, void *context);
 
     // Starts a timer, or starts it anew. May be called from the work.
     void Every(uint32_t id, Milliseconds period);
@@ -42,19 +46,21 @@ public:
 
     std::vector<Timer> List() const;
 
-    void Start();
-    void Stop(); // waits for work that runs
+    // Who drives the timers is told when RunDue has something to do sooner than was told before, and again after each.
+    void OnDue(std::function<void(host::SteadyTime due)> tell);
+    void RunDue();
 
 private:
-    void Set(uint32_t id, Milliseconds period, bool periodic, Clock::time_point due);
-    void Run(const std::stop_token &stop);
-    Clock::time_point NextDue() const;
-    void Expire(std::unique_lock<std::mutex> &lock, Timer &timer);
+    void Set(uint32_t id, Milliseconds period, bool periodic, host::SteadyTime due);
+    Timer *FirstDue() TARN_REQUIRES(mutex_);
+    void TellDue() TARN_REQUIRES(mutex_);
+    void Expire(host::MutexLock &lock, Timer &timer) TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::condition_variable_any wake_;
-    std::vector<Timer> timers_;
-    std::jthread thread_; // ends before what it uses
+    const host::Clocks &clocks_;
+    mutable host::Mutex mutex_;
+    std::vector<Timer> timers_ TARN_GUARDED_BY(mutex_);
+    std::function<void(host::SteadyTime)> tell_ TARN_GUARDED_BY(mutex_);
+    host::SteadyTime told_ TARN_GUARDED_BY(mutex_) = host::SteadyTime::max();
 };
 
 Timers &TheTimers();

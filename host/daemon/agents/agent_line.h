@@ -1,0 +1,82 @@
+// Asks the agent of a process. What keeps an agent from answering is thrown as std::system_error: EINVAL for process 0,
+// ESRCH without an agent, ETIMEDOUT for one that does not answer in time, or what the runtime or the agent's method
+// ended with.
+#pragma once
+
+#include <memory>
+
+#include "client/agent.h"
+#include "host/daemon/peers.h"
+
+namespace tarnd {
+
+// Shorter than a call's default deadline, so that the caller hears of an agent that hangs before its own deadline.
+constexpr uint32_t kRelayTimeoutMs = 3000;
+
+// A method of the agent: its proxy, and what fills the codec table that releases its reply. TARND_AGENT_METHOD(Method)
+// names one.
+template <class Request, class Response>
+struct AgentMethod {
+    using Call = IdlCallResult (*)(const Request *, Response *, void *);
+    using FillCodec = void (*)(IdlCodecTable *);
+
+    constexpr AgentMethod(Call theCall, FillCodec theFillCodec) : call(theCall), fillCodec(theFillCodec) {}
+
+    Call call;
+    FillCodec fillCodec;
+};
+
+#define TARND_AGENT_METHOD(method)                                                                                     \
+    tarnd::AgentMethod {                                                                                               \
+        TarnSysdiagAgent_##method, TarnSysdiagAgent_##method##SetIdl                                                   \
+    }
+
+// A reply, and what releases it if a proxy decoded it.
+template <class Response>
+struct AgentReply {
+    AgentReply() = default;
+    AgentReply(const AgentReply &) = delete;
+    AgentReply &operator=(const AgentReply &) = delete;
+    ~AgentReply() {
+        if (fillCodec != nullptr) {
+            IdlCodecTable codec{};
+            fillCodec(&codec);
+            codec.pfnFreeUnpacked(&record);
+        }
+    }
+
+    Response record{};
+    void (*fillCodec)(IdlCodecTable *) = nullptr;
+};
+
+class AgentLine {
+public:
+    explicit AgentLine(Peers &peers) : peers_(peers) {}
+
+    // Calls a method of an agent and waits for its reply.
+    template <class Request, class Response>
+    std::shared_ptr<AgentReply<Response>> Ask(const AgentMethod<Request, Response> &method, uint32_t pid,
+                                              const Request &request, uint32_t timeoutMs = kRelayTimeoutMs) {
+        auto reply = std::make_shared<AgentReply<Response>>();
+        const auto run = [&](TarnHost_InvokeCtx *ctx) {
+            reply->fillCodec = method.fillCodec;
+            return method.call(&request, &reply->record, ctx);
+        };
+        Call({pid, timeoutMs, reinterpret_cast<void (*)()>(method.call), &request, &reply->record, run});
+        return reply;
+    }
+
+    // Sends to a method without reply: Tell(TarnSysdiagAgent_<Method>_oneway, pid, request).
+    template <class Request>
+    void Tell(uint32_t (*oneway)(const Request *, void *), uint32_t pid, const Request &request) {
+        const auto run = [&](TarnHost_InvokeCtx *ctx) { return IdlCallResult{0, oneway(&request, ctx)}; };
+        Call({pid, kRelayTimeoutMs, reinterpret_cast<void (*)()>(oneway), &request, nullptr, run});
+    }
+
+private:
+    void Call(const PeerCall &call);
+
+    Peers &peers_;
+};
+
+} // namespace tarnd

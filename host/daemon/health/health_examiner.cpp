@@ -1,0 +1,158 @@
+#include "host/daemon/health/health_examiner.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <sstream>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "host/daemon/health/resource_levels.h"
+#include "host/daemon/memory/memory_use.h"
+#include "host/daemon/sampling/pressure.h"
+#include "host/osal/error.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
+
+namespace tarnd {
+
+namespace {
+
+std::string Percent(uint32_t permille) {
+    return fmt::format("{}.{} %", permille / 10, permille % 10);
+}
+
+// Bad is what lies beyond the middle between the limit and the whole.
+uint32_t LevelOfShare(uint32_t permille, uint32_t limit) {
+    return permille < limit                        ? TARN_AGENT_HEALTH_GOOD
+           : permille < limit + (1000 - limit) / 2 ? TARN_AGENT_HEALTH_DEGRADED
+                                                   : TARN_AGENT_HEALTH_BAD;
+}
+
+double LoadOf(const host::procfs::Procfs &proc) {
+    constexpr const char *kFile = "loadavg";
+    std::istringstream text(proc.Read(kFile));
+    double load = 0;
+    if (!(text >> load)) {
+        host::Fail(EIO, proc.Path(kFile));
+    }
+    return load;
+}
+
+} // namespace
+
+// What is kept for root is neither free nor used.
+DiskUse DiskUseOf(const struct statvfs &status) {
+    const auto used = [](uint64_t free, uint64_t all) {
+        return all == 0 ? 0 : static_cast<uint32_t>(1000 - std::min<uint64_t>(free * 1000 / all, 1000));
+    };
+    return {used(status.f_bavail, status.f_blocks - (status.f_bfree - status.f_bavail)),
+            used(status.f_favail, status.f_files - (status.f_ffree - status.f_favail))};
+}
+
+class HealthExaminer::Examination {
+public:
+    Examination(const HealthExaminer &of, uint8_t function) : of_(of), function_(function) {}
+
+    std::vector<HealthItem> Run() {
+        Look(TARND_HEALTH_CPU, "cpu", [&](uint32_t limit) {
+            const uint32_t use = CpuUsePermille(of_.sampler_, std::chrono::seconds(10));
+            AddShare("cpu", use, limit, "of all CPUs' time in the last 10 s");
+        });
+        LookAtPressure(TARND_HEALTH_CPU_PRESSURE, "cpu");
+        Look(TARND_HEALTH_MEMORY, "memory", [&](uint32_t limit) {
+            AddShare("memory", UsedPermille(of_.sampler_.Latest()->system.memory), limit, "of the memory in use");
+        });
+        LookAtPressure(TARND_HEALTH_MEMORY_PRESSURE, "memory");
+        LookAtPressure(TARND_HEALTH_IO_PRESSURE, "io");
+        for (const std::string &directory : of_.directories_) { // those that the daemon itself writes to
+            Look(TARND_HEALTH_DISK, "disk " + directory, [&](uint32_t limit) { AddDisk(directory, limit); });
+        }
+        Look(TARND_HEALTH_DESCRIPTORS, "descriptors", [&](uint32_t limit) {
+            const uint32_t use = DescriptorUsePermille(of_.proc_);
+            AddShare("descriptors", use, limit, "of the files that the system may have open");
+        });
+        Look(TARND_HEALTH_LOAD, "load", [&](uint32_t limit) { AddLoad(limit); });
+        Look(TARND_HEALTH_AGENTS, "agents", [&](uint32_t) { AddAgents(); });
+        return std::move(items_);
+    }
+
+private:
+    // What can't be told is an item that says why.
+    void Look(uint8_t function, const std::string &name, const std::function<void(uint32_t limit)> &look) {
+        if ((function_ != 0 && function_ != function) || !of_.settings_.IsOn(function)) {
+            return;
+        }
+        try {
+            look(of_.settings_.LimitOf(function));
+        } catch (const std::system_error &error) {
+            Add(TARND_HEALTH_UNKNOWN, name, error.what());
+        }
+    }
+
+    void Add(uint32_t level, const std::string &name, const std::string &text) {
+        items_.push_back({level, name, "system", text, of_.clocks_.WallNow()});
+    }
+
+    void AddShare(const std::string &name, uint32_t permille, uint32_t limit, const std::string &ofWhat) {
+        Add(LevelOfShare(permille, limit), name,
+            fmt::format("{} {}, limit {}", Percent(permille), ofWhat, Percent(limit)));
+    }
+
+    void LookAtPressure(uint8_t function, const std::string &resource) {
+        Look(function, resource + " pressure", [&](uint32_t limit) {
+            AddShare(resource + " pressure", ReadPressure(of_.proc_, resource), limit,
+                     "of the last 10 s some task waited");
+        });
+    }
+
+    void AddDisk(const std::string &directory, uint32_t limit) {
+        struct statvfs status {};
+        if (statvfs(directory.c_str(), &status) != 0) {
+            host::Fail(errno, directory);
+        }
+        const auto [space, files] = DiskUseOf(status);
+        AddShare("disk " + directory, std::max(space, files), limit,
+                 files > space ? "of the number of files in use"
+                               : fmt::format("of the space in use, {} MiB free",
+                                             status.f_bavail * status.f_frsize / (1024 * 1024)));
+    }
+
+    void AddLoad(uint32_t limit) {
+        const double load = LoadOf(of_.proc_);
+        const auto perCpu =
+            static_cast<uint32_t>(std::lround(load * 1000 / static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN))));
+        const uint32_t level = perCpu < limit       ? TARN_AGENT_HEALTH_GOOD
+                               : perCpu / 2 < limit ? TARN_AGENT_HEALTH_DEGRADED
+                                                    : TARN_AGENT_HEALTH_BAD;
+        Add(level, "load",
+            fmt::format("{:.2f} in the last minute, {:.2f} for each CPU, limit {:.2f}", load, perCpu / 1000.0,
+                        limit / 1000.0));
+    }
+
+    void AddAgents() {
+        for (const AgentHealth &agent : of_.probe_.Health()) {
+            const uint32_t level = agent.answers ? agent.worstLevel : TARN_AGENT_HEALTH_BAD;
+            const std::string text = !agent.answers            ? "does not answer: " + agent.complaint
+                                     : agent.complaint.empty() ? fmt::format("answered after {} ms", agent.answerMs)
+                                                               : agent.complaint;
+            items_.push_back({level, fmt::format("agent of process {}", agent.pid), agent.name, text, agent.lookedAt});
+        }
+    }
+
+    const HealthExaminer &of_;
+    const uint8_t function_; // 0: all
+    std::vector<HealthItem> items_;
+};
+
+std::vector<HealthItem> HealthExaminer::Examine(uint8_t function) const {
+    if (function != 0 && (function < TARND_HEALTH_FIRST || function > TARND_HEALTH_LAST)) {
+        throw host::BadValue("ucValue", function, fmt::format("0 or {} to {}", TARND_HEALTH_FIRST, TARND_HEALTH_LAST));
+    }
+    return Examination(*this, function).Run();
+}
+
+} // namespace tarnd

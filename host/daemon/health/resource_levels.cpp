@@ -1,0 +1,124 @@
+#include "host/daemon/health/resource_levels.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+
+#include "host/daemon/memory/memory_use.h"
+#include "host/daemon/sampling/rates.h"
+#include "host/osal/error.h"
+#include "host/osal/log.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
+
+namespace tarnd {
+
+namespace {
+
+constexpr std::chrono::seconds kCpuInterval{3};
+// A resource that is used a little less than its limit has not recovered yet: else its subscribers were told at each
+// sample.
+constexpr uint32_t kHysteresis = 20;
+
+struct Resource {
+    uint8_t id;
+    uint8_t function; // whose limit counts
+    const char *name;
+};
+
+constexpr std::array<Resource, 3> kResources{{
+    {TARN_AGENT_RESOURCE_CPU, TARND_HEALTH_CPU, "CPU"},
+    {TARN_AGENT_RESOURCE_MEMORY, TARND_HEALTH_MEMORY, "memory"},
+    {TARN_AGENT_RESOURCE_DESCRIPTORS, TARND_HEALTH_DESCRIPTORS, "descriptors"},
+}};
+
+// 0 normal, 1 near its limit, 2 overloaded.
+uint8_t LevelOf(uint32_t use, uint32_t limit, uint8_t before) {
+    const uint32_t over = limit + (1000 - limit) / 2;
+    const auto reached = [&](uint32_t threshold, uint8_t level) {
+        return use >= threshold || (before >= level && use + kHysteresis >= threshold);
+    };
+    return reached(over, 2) ? 2 : reached(limit, 1) ? 1 : 0;
+}
+
+} // namespace
+
+uint32_t CpuUsePermille(const Sampler &sampler, std::chrono::nanoseconds interval) {
+    const Sampler::Window window = sampler.Last(interval);
+    return BusyPermille(window.from->system.cpu, window.to->system.cpu);
+}
+
+uint32_t DescriptorUsePermille(const host::procfs::Procfs &proc) {
+    constexpr const char *kFile = "sys/fs/file-nr";
+    std::istringstream text(proc.Read(kFile));
+    double allocated = 0, unused = 0, most = 0;
+    if (!(text >> allocated >> unused >> most) || most <= 0) {
+        host::Fail(EPROTO, proc.Path(kFile));
+    }
+    return static_cast<uint32_t>(std::clamp((allocated - unused) * 1000 / most, 0.0, 1000.0));
+}
+
+ResourceLevels::ResourceLevels(Sampler &sampler, const host::procfs::Procfs &proc, const HealthSettings &settings,
+                               Subscriptions &subscriptions, AgentLine &line, Courier &courier)
+    : sampler_(sampler), proc_(proc), settings_(settings), subscriptions_(subscriptions), line_(line),
+      courier_(courier), errand_(courier.Add([this](uint32_t pid) { BringTo(pid); })) {
+    sampler.OnSample("resources", [this](const SamplePtr &, const SamplePtr &) { Look(); });
+}
+
+void ResourceLevels::Look() {
+    bool changed = false;
+    for (size_t i = 0; i < kResources.size(); ++i) {
+        changed = Note(i, Use(kResources[i].id)) || changed;
+    }
+    if (changed) {
+        for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
+            Tell(subscription.pid);
+        }
+    }
+}
+
+uint32_t ResourceLevels::Use(uint8_t resource) const {
+    switch (resource) {
+    case TARN_AGENT_RESOURCE_CPU:
+        return CpuUsePermille(sampler_, kCpuInterval);
+    case TARN_AGENT_RESOURCE_MEMORY:
+        return UsedPermille(sampler_.Latest()->system.memory);
+    default:
+        return DescriptorUsePermille(proc_);
+    }
+}
+
+// Whether there is something to tell.
+bool ResourceLevels::Note(size_t index, uint32_t use) {
+    const Resource &resource = kResources[index];
+    const bool on = settings_.IsOn(resource.function);
+    const host::MutexLock lock(mutex_);
+    Info &info = infos_[index];
+    const uint8_t level = on ? LevelOf(use, settings_.LimitOf(resource.function), info.ucLevel) : 0;
+    if (level != info.ucLevel) {
+        host::Log().info("{}: level {}, before {}, {} permille in use", resource.name, level, info.ucLevel, use);
+    }
+    // At the first look, who has subscribed before has heard nothing.
+    const bool tell = level != info.ucLevel || info.ucResource == 0;
+    info = {resource.id, level, static_cast<uint16_t>(use)};
+    return tell;
+}
+
+void ResourceLevels::BringTo(uint32_t pid) {
+    for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
+        if (subscription.pid != pid) {
+            continue;
+        }
+        const auto infos = [this] {
+            const host::MutexLock lock(mutex_);
+            return infos_;
+        }();
+        for (const Info &info : infos) {
+            if ((subscription.events & (1U << info.ucResource)) != 0) {
+                line_.Ask(TARND_AGENT_METHOD(TarnUpdateResourceInfo), pid, info, Courier::kTimeoutMs);
+            }
+        }
+    }
+}
+
+} // namespace tarnd

@@ -1,0 +1,22 @@
+#include "host/daemon/peers.h"
+
+#include <signal.h>
+
+#include <cerrno>
+
+namespace tarnd {
+
+bool RemotePeers::HasAgent(uint32_t pid) {
+    return host::Client::Default().Knows("TarnSysdiagAgent", pid);
+}
+
+bool RemotePeers::HasProcess(uint32_t pid) {
+    return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+}
+
+IdlCallResult RemotePeers::Call(const PeerCall &call) {
+    TarnHost_InvokeCtx ctx{call.pid, call.timeoutMs};
+    return call.run(&ctx);
+}
+
+} // namespace tarnd
