@@ -6,6 +6,7 @@ TARN_UNIT()
 #include "types/agent.h"
 #include "types/tarnd.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -61,6 +62,14 @@ protected:
     }
 
     RawPeer NewPeer() const { return RawPeer(host::Directory(dir_.Path()).Socket(kTarnd, 0)); }
+
+    // Whether there is room for another connection.
+    bool AnotherIsServed() const {
+        const RawPeer another = NewPeer();
+        another.TrySend(OnlineRequest(1)); // it may be refused before
+        const auto frames = another.Read(1);
+        return frames.size() == 1 && frames[0].header.kind == host::FrameKind::kReply;
+    }
 
     // Connects by the first call, so it is not refused later.
     uint64_t Refused(const std::string &name) {
@@ -157,11 +166,7 @@ TEST_F(LimitsTest, ConnectionsInAll) {
         ExpectRefused("connections");
         ExpectOthersServed();
     }
-    EXPECT_TRUE(kit::Eventually([&] {
-        const RawPeer again = NewPeer();
-        again.Send(OnlineRequest(1));
-        return again.Read(1).at(0).header.kind == host::FrameKind::kReply;
-    })) << "there is room again";
+    EXPECT_TRUE(kit::Eventually([&] { return AnotherIsServed(); })) << "there is room again";
 }
 
 TEST_F(LimitsTest, ConnectionsOfOneUser) {
@@ -174,10 +179,7 @@ TEST_F(LimitsTest, ConnectionsOfOneUser) {
     for (int i = 0; i < 3; ++i) { // what has ended makes room
         EXPECT_TRUE(kit::Eventually([&] {
             client_.Shutdown();
-            const RawPeer again = NewPeer();
-            again.Send(OnlineRequest(1));
-            const auto frames = again.Read(1);
-            return frames.size() == 1 && frames[0].header.kind == host::FrameKind::kReply;
+            return AnotherIsServed();
         }));
     }
 }
@@ -330,9 +332,11 @@ TEST_F(LimitsTest, RequestsInFlight) {
     go_ = true;
     EXPECT_EQ(first.Read(1).size(), 1U);
     EXPECT_EQ(second.Read(1).size(), 1U);
-    third.Send(OnlineRequest(3));
-    EXPECT_EQ(third.Read(1).at(0).header.kind, host::FrameKind::kReply);
-    ExpectRefused("requests", 2);
+    EXPECT_TRUE(kit::Eventually([&] { // a request ends a moment after its answer
+        host::ServerHealth health;
+        return host::AskHealth(client_, kTarnd, 0, health, 10s).Ok() && health.requests == 1;
+    }));
+    EXPECT_GE(Refused("requests"), 2U);
 }
 
 TEST_F(LimitsTest, ACallerThatGoesIsSeenWhileEveryWorkerIsBusy) {
@@ -398,14 +402,31 @@ std::string ErrorOf(const std::string &assignment) {
 
 TEST(LimitSettings, EachIsSetByItsName) {
     host::Limits limits;
-    for (const host::LimitInfo &limit : host::DescribeLimits(limits)) {
-        host::SetLimit(limits, std::string(limit.name) + "=77");
+    const std::vector<host::LimitInfo> all = host::DescribeLimits(limits);
+    for (size_t i = 0; i < all.size(); ++i) {
+        host::SetLimit(limits, fmt::format("{}={}", all[i].name, 70 + i));
     }
-    for (const host::LimitInfo &limit : host::DescribeLimits(limits)) {
-        EXPECT_EQ(limit.value, 77U) << limit.name;
+    for (size_t i = 0; i < all.size(); ++i) {
+        EXPECT_EQ(host::DescribeLimits(limits)[i].value, 70 + i) << all[i].name;
     }
-    EXPECT_EQ(limits.connections, 77U);
-    EXPECT_EQ(limits.writeTime, 77ms);
+    const auto set = [](const char *assignment) {
+        host::Limits one;
+        host::SetLimit(one, assignment);
+        return one;
+    };
+    EXPECT_EQ(set("message_bytes=7").messageBytes, 7U);
+    EXPECT_EQ(set("decoded_bytes=7").decodedBytes, 7U);
+    EXPECT_EQ(set("deadline_ms=7").deadline, 7ms);
+    EXPECT_EQ(set("max_deadline_ms=7").maxDeadline, 7ms);
+    EXPECT_EQ(set("reply_bytes=7").replyBytes, 7U);
+    EXPECT_EQ(set("connections=7").connections, 7U);
+    EXPECT_EQ(set("user_connections=7").userConnections, 7U);
+    EXPECT_EQ(set("requests=7").requests, 7U);
+    EXPECT_EQ(set("connection_requests=7").requestsPerConnection, 7U);
+    EXPECT_EQ(set("queued_bytes=7").queuedBytes, 7U);
+    EXPECT_EQ(set("write_ms=7").writeTime, 7ms);
+    EXPECT_EQ(set("frame_ms=7").frameTime, 7ms);
+    EXPECT_EQ(set("idle_ms=7").idleTime, 7ms);
 }
 
 TEST(LimitSettings, BadOnesAreRefused) {
