@@ -31,16 +31,12 @@ Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::pr
       healthExaminer(clocks, proc, sampler, healthSettings, agentProbe,
                      {options.logDirectory, options.stateDirectory, options.runDirectory}),
       masterLine(peers) {
-    measurement.Start(options.measuredBytesPerSecond);
     if (options.runsByItself) {
         drivers_.emplace(*this);
     }
 }
 
-Daemon::~Daemon() {
-    drivers_.reset();
-    measurement.Stop();
-}
+Daemon::~Daemon() = default;
 
 Daemon::Drivers::Drivers(Daemon &daemon)
     : samples(daemon.sampler), timers("timers", daemon.timers),
@@ -59,9 +55,6 @@ Timers &TheTimers() {
 }
 Sampler &TheSampler() {
     return Daemon::Serving().sampler;
-}
-Measurement &TheMeasurement() {
-    return Daemon::Serving().measurement;
 }
 
 } // namespace tarnd

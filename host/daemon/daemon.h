@@ -81,7 +81,7 @@ public:
     OverloadDebug overloadDebug{sampler};
     MemoryOverload memoryOverload{store, sampler};
     MemoryLeaks memoryLeaks{clocks, sampler};
-    Measurement measurement;
+    Measurement measurement{clocks, proc, store, clock, timers, options.measuredBytesPerSecond};
     ResourceLevels resourceLevels{sampler, proc, healthSettings, subscriptions, agentLine, courier};
     AgentProbe agentProbe{clocks, registry, healthSettings, agentLine, courier, timers};
     HealthExaminer healthExaminer;

@@ -17,7 +17,9 @@ struct SimulatedDaemon {
     explicit SimulatedDaemon(const tarnd::Options &more = {}) : options(more) {
         options.runsByItself = false;
         options.runDirectory = dir.Path();
-        options.logDirectory = dir.Path();
+        if (options.logDirectory == tarnd::Options().logDirectory) {
+            options.logDirectory = dir.Path();
+        }
         Start();
     }
 

@@ -59,6 +59,8 @@ TEST_F(Start, BadArgumentsAreToldInALine) {
     ExpectRefusal(TARND " --run-dir $run --limit requests=0", 2, "limit requests: \"0\", expected a number from 1 to ");
     ExpectRefusal(TARND " --run-dir ''", 2, "--run-dir: found nothing, expected a directory");
     ExpectRefusal(TARND " --run-dir $run --copy-target abc", 2, "--copy-target: \"abc\": expected NAME=DIR");
+    ExpectRefusal(TARND " --run-dir $run --copy-target =dir", 2, "--copy-target: \"=dir\": expected NAME=DIR");
+    ExpectRefusal(TARND " --run-dir $run --copy-target usb=", 2, "--copy-target: \"usb=\": expected NAME=DIR");
     ExpectRefusal(TARND " --run-dir $run --sample-interval 9", 2,
                   "--sample-interval: Value 9 not in range 10 to 60000");
     ExpectRefusal(TARND " --run-dir $run --workers 0", 2, "--workers: Value 0 not in range 1 to 256");

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <thread>
 #include <vector>
 
 #include "host/osal/error.h"
@@ -19,16 +18,15 @@ bool Same(const timespec &a, const timespec &b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// A file's times move in steps: one that was written moments ago may be written again without showing it.
-bool IsSettled(const struct stat &status) {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec > status.st_ctim.tv_sec + 1 && now.tv_sec > status.st_mtim.tv_sec + 1;
-}
-
 } // namespace
 
-std::string Digests::Of(const host::Descriptor &file, const Check &check) {
+// A file's times move in steps: one that was written moments ago may be written again without showing it.
+bool Digests::IsSettled(const struct stat &status) const {
+    const time_t now = std::chrono::system_clock::to_time_t(clocks_.WallNow());
+    return now > status.st_ctim.tv_sec + 1 && now > status.st_mtim.tv_sec + 1;
+}
+
+std::string Digests::Of(const host::Descriptor &file, const host::Check &check) {
     const struct stat status = file.Status();
     const std::pair key(status.st_dev, status.st_ino);
     const auto known = known_.find(key);
@@ -52,7 +50,7 @@ void Digests::ForgetUnused() {
     }
 }
 
-std::string Digests::Read(const host::Descriptor &file, const Check &check) {
+std::string Digests::Read(const host::Descriptor &file, const host::Check &check) {
     host::Sha256 sha;
     std::vector<char> block(kBlock);
     for (off_t at = 0;;) {
@@ -70,22 +68,22 @@ std::string Digests::Read(const host::Descriptor &file, const Check &check) {
         sha.Add({block.data(), static_cast<size_t>(length)});
         at += length;
         bytesRead_ += static_cast<uint64_t>(length);
-        windowBytes_ += static_cast<uint64_t>(length);
-        Pace();
+        Pace(static_cast<uint64_t>(length));
     }
 }
 
-void Digests::Pace() {
+void Digests::Pace(uint64_t bytes) {
     if (bytesPerSecond_ == 0) {
         return;
     }
-    const auto now = Clock::now();
+    const host::SteadyTime now = clocks_.SteadyNow();
     if (now - windowStart_ > std::chrono::seconds(1)) { // time that was not used is not saved up
         windowStart_ = now;
         windowBytes_ = 0;
     }
+    windowBytes_ += bytes;
     const std::chrono::duration<double> due(static_cast<double>(windowBytes_) / static_cast<double>(bytesPerSecond_));
-    std::this_thread::sleep_until(windowStart_ + std::chrono::duration_cast<Clock::duration>(due));
+    wait_(windowStart_ + std::chrono::duration_cast<host::SteadyTime::duration>(due));
 }
 
 } // namespace tarnd

@@ -10,21 +10,24 @@
 #include <string>
 #include <utility>
 
-#include "host/store/files.h"
+#include "host/clock/clocks.h"
+#include "host/osal/check.h"
+#include "host/osal/descriptor.h"
 
 namespace tarnd {
 
 // Remembers the digest of a file while its size and times stay the same. For one thread.
 class Digests {
 public:
-    // Asked after each block; throws to give up.
-    using Check = std::function<void()>;
+    // Waits until then, to keep the pace.
+    using Wait = std::function<void(host::SteadyTime until)>;
 
     // A limit of 0 bytes per second is none.
-    explicit Digests(uint64_t bytesPerSecond) : bytesPerSecond_(bytesPerSecond) {}
+    Digests(const host::Clocks &clocks, uint64_t bytesPerSecond, Wait wait)
+        : clocks_(clocks), bytesPerSecond_(bytesPerSecond), wait_(std::move(wait)) {}
 
-    // In hexadecimal digits.
-    std::string Of(const host::Descriptor &file, const Check &check);
+    // In hexadecimal digits. Checks after each block.
+    std::string Of(const host::Descriptor &file, const host::Check &check);
 
     // Forgets the files that were not asked for since the last call.
     void ForgetUnused();
@@ -32,7 +35,6 @@ public:
     uint64_t BytesRead() const { return bytesRead_; }
 
 private:
-    using Clock = std::chrono::steady_clock;
     struct Known {
         off_t size;
         timespec modified;
@@ -41,13 +43,16 @@ private:
         bool used;
     };
 
-    std::string Read(const host::Descriptor &file, const Check &check);
-    void Pace();
+    bool IsSettled(const struct stat &status) const;
+    std::string Read(const host::Descriptor &file, const host::Check &check);
+    void Pace(uint64_t bytes);
 
+    const host::Clocks &clocks_;
     const uint64_t bytesPerSecond_;
+    const Wait wait_;
     std::map<std::pair<dev_t, ino_t>, Known> known_;
     uint64_t bytesRead_ = 0;
-    Clock::time_point windowStart_{};
+    host::SteadyTime windowStart_{};
     uint64_t windowBytes_ = 0;
 };
 

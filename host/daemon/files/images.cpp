@@ -11,15 +11,11 @@
 
 #include <fmt/format.h>
 
-#include "host/procfs/procfs.h"
+#include "host/osal/error.h"
 
 namespace tarnd {
 
 namespace {
-
-std::string Directory(uint32_t pid) {
-    return "/proc/" + std::to_string(pid);
-}
 
 // The kernel writes a line feed within a path as "\012".
 std::string Unescape(std::string path) {
@@ -35,9 +31,9 @@ bool HasFile(const std::string &path, uint64_t inode) {
 }
 
 // Finds a name as the process would.
-int OpenByName(uint32_t pid, const std::string &path) {
-    const host::Descriptor root(open((Directory(pid) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC),
-                                Directory(pid) + "/root");
+int OpenByName(const host::procfs::Procfs &proc, uint32_t pid, const std::string &path) {
+    const std::string rootPath = proc.Path(pid, "root");
+    const host::Descriptor root(open(rootPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC), rootPath);
     open_how how{};
     how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
     how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
@@ -84,15 +80,15 @@ std::vector<Image> ParseImages(const std::string &maps) {
     return images;
 }
 
-std::vector<Image> ImagesOf(uint32_t pid) {
-    return ParseImages(host::procfs::Procfs().Read(pid, "maps"));
+std::vector<Image> ImagesOf(const host::procfs::Procfs &proc, uint32_t pid) {
+    return ParseImages(proc.Read(pid, "maps"));
 }
 
-host::Descriptor OpenImage(uint32_t pid, const Image &image) {
+host::Descriptor OpenImage(const host::procfs::Procfs &proc, uint32_t pid, const Image &image) {
     // This way takes a capability that a daemon of an ordinary user does not have.
-    int fd = open((Directory(pid) + "/map_files/" + image.mapping).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd = open(proc.Path(pid, "map_files/" + image.mapping).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
-        fd = OpenByName(pid, image.path);
+        fd = OpenByName(proc, pid, image.path);
     }
     host::Descriptor file(fd, image.path);
     const struct stat status = file.Status();

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "host/store/files.h"
+#include "host/osal/descriptor.h"
+#include "host/procfs/procfs.h"
 
 namespace tarnd {
 
@@ -21,10 +22,10 @@ struct Image {
 std::vector<Image> ParseImages(const std::string &maps);
 
 // None for a thread of the kernel. Throws as host/procfs does.
-std::vector<Image> ImagesOf(uint32_t pid);
+std::vector<Image> ImagesOf(const host::procfs::Procfs &proc, uint32_t pid);
 
 // The very file that is mapped, even when another one has its name by now. Where only its name may be used, ESTALE when
 // that leads to another file.
-host::Descriptor OpenImage(uint32_t pid, const Image &image);
+host::Descriptor OpenImage(const host::procfs::Procfs &proc, uint32_t pid, const Image &image);
 
 } // namespace tarnd

@@ -5,15 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 
-#include "host/answer/answer.h"
-#include "host/daemon/store.h"
-#include "host/daemon/time/local_clock.h"
-#include "host/daemon/time/timers.h"
+#include "host/osal/attempt.h"
+#include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/osal/thread.h"
 #include "host/values/daemon.h"
-#include "server/tarnd.h"
+#include "types/tarnd.h"
 
 namespace tarnd {
 
@@ -25,7 +23,6 @@ using host::Document;
 constexpr char kSettings[] = "measurement";
 constexpr char kBaseline[] = "measurement-baseline";
 constexpr uint32_t kVersion = 1;
-constexpr size_t kMaxJobs = 16;
 
 // Others come first, at the CPU and at the disk.
 void StandBack() {
@@ -108,39 +105,45 @@ std::chrono::milliseconds MeasurementTimes::Period() const {
                                              : 0ms;
 }
 
-Measurement::Measurement()
-    : times_{TARND_DIM_EVERY_MINUTES, 0}, mode_(TARND_DIM_MODE_REPORT), state_(NothingMeasured()) {}
-
-void Measurement::Start(uint64_t bytesPerSecond) {
+Measurement::Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store,
+                         LocalClock &clock, Timers &timers, uint64_t bytesPerSecond)
+    : clocks_(clocks), proc_(proc), store_(store), clock_(clock), timers_(timers), times_{TARND_DIM_EVERY_MINUTES, 0},
+      mode_(TARND_DIM_MODE_REPORT), state_(NothingMeasured()),
+      timer_(timers.Add(
+          "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this)),
+      clockTimer_(timers.Add(
+          "measurement clock", [](void *self) { static_cast<Measurement *>(self)->ArmByClock(); }, this)),
+      digests_(clocks, bytesPerSecond, [](host::SteadyTime until) { std::this_thread::sleep_until(until); }) {
     Load();
-    digests_ = std::make_unique<Digests>(bytesPerSecond);
-    timer_ = TheTimers().Add(
-        "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this);
-    clockTimer_ = TheTimers().Add(
-        "measurement clock", [](void *self) { static_cast<Measurement *>(self)->ArmByClock(); }, this);
-    TheClock().OnChange([this] { TheTimers().Once(clockTimer_, 0ms); });
+    clock_.OnChange([this] { timers_.Once(clockTimer_, 0ms); });
+    queue_->Post([](const std::stop_token &) { StandBack(); });
+    const host::MutexLock lock(mutex_);
     Arm();
-    thread_ = host::StartThread("measurement", [this](const std::stop_token &stop) { Run(stop); });
 }
 
-void Measurement::Stop() {
-    thread_.request_stop();
-    if (thread_.joinable()) { // stays there, to tell late requests
-        thread_.join();
+Measurement::~Measurement() {
+    {
+        const host::MutexLock lock(mutex_);
+        ends_ = true;
+    }
+    queue_.reset();
+    for (std::vector<Job> jobs = FirstAlike(); !jobs.empty(); jobs = FirstAlike()) {
+        Finish(jobs, ESHUTDOWN);
     }
 }
 
 void Measurement::Load() {
-    TheStore().Load(kSettings, kVersion, [this](const Document &content) {
+    const host::MutexLock lock(mutex_);
+    store_.Load(kSettings, kVersion, [this](const Document &content) TARN_REQUIRES(mutex_) {
         times_ = Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
         mode_ = CheckedMode(content.Get<uint32_t>("mode"));
     });
-    TheStore().Load(kBaseline, kVersion, [this](const Document &content) { baseline_ = FromDocument(content); });
+    store_.Load(kBaseline, kVersion,
+                [this](const Document &content) TARN_REQUIRES(mutex_) { baseline_ = FromDocument(content); });
 }
 
 void Measurement::Set(MeasurementTimes times, uint32_t mode) {
-    TheStore().Save(kSettings, kVersion,
-                    Document::Object{{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
+    store_.Save(kSettings, kVersion, Document::Object{{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
     times_ = times;
     mode_ = mode;
     Arm();
@@ -149,13 +152,13 @@ void Measurement::Set(MeasurementTimes times, uint32_t mode) {
 // ---- When ----
 
 void Measurement::SetTimes(MeasurementTimes times) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Set(Checked(times), mode_);
     host::Log().info("measurement times {} {}", times_.hour, times_.minute);
 }
 
 void Measurement::SetMode(uint32_t mode) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     Set(times_, CheckedMode(mode));
     host::Log().info("measurement work mode {}", mode_);
 }
@@ -167,18 +170,18 @@ bool Measurement::IsByTime() const {
 void Measurement::Arm() {
     daily_.reset();
     if (!IsByTime()) {
-        TheTimers().Cancel(timer_);
+        timers_.Cancel(timer_);
     } else if (times_.Period() != 0ms) {
-        TheTimers().Every(timer_, times_.Period());
+        timers_.Every(timer_, times_.Period());
     } else {
-        daily_.emplace(std::chrono::hours(times_.hour) + std::chrono::minutes(times_.minute), TheClock().LocalNow());
+        daily_.emplace(std::chrono::hours(times_.hour) + std::chrono::minutes(times_.minute), clock_.LocalNow());
         WaitForTimeOfDay();
     }
 }
 
 // The daemon's clock was set, or its zone.
 void Measurement::ArmByClock() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (daily_) {
         Arm();
     }
@@ -186,17 +189,17 @@ void Measurement::ArmByClock() {
 
 // The system's clock may be set, and daylight saving begin: a long delay is looked at again.
 void Measurement::WaitForTimeOfDay() {
-    TheTimers().Once(timer_, std::clamp<host::Millis>(daily_->Due() - TheClock().LocalNow(), 0ms, 1min));
+    timers_.Once(timer_, std::clamp<host::Millis>(daily_->Due() - clock_.LocalNow(), 0ms, 1min));
 }
 
 void Measurement::Expire() {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (!IsByTime()) {
         return; // it has just been switched off
     }
-    const bool due = !daily_ || daily_->Take(TheClock().LocalNow());
+    const bool due = !daily_ || daily_->Take(clock_.LocalNow());
     if (due && jobs_.empty()) { // else the last one takes longer than the time between two
-        Enqueue(Kind::kMeasure, nullptr);
+        Enqueue(Kind::kMeasure, std::nullopt);
     }
     if (daily_) {
         WaitForTimeOfDay();
@@ -205,17 +208,17 @@ void Measurement::Expire() {
 
 // ---- What ----
 
-bool Measurement::Operate(uint32_t operation, void *replyCtx) {
-    const std::lock_guard lock(mutex_);
+bool Measurement::Operate(uint32_t operation, MeasurementWaiter waiter) {
+    const host::MutexLock lock(mutex_);
     switch (operation) {
     case TARND_DIM_MEASURE:
-        Enqueue(Kind::kMeasure, replyCtx);
+        Enqueue(Kind::kMeasure, std::move(waiter));
         return true;
     case TARND_DIM_RECORD:
-        Enqueue(Kind::kRecord, replyCtx);
+        Enqueue(Kind::kRecord, std::move(waiter));
         return true;
     case TARND_DIM_FORGET:
-        TheStore().Save(kBaseline, kVersion, ToDocument({}));
+        store_.Save(kBaseline, kVersion, ToDocument({}));
         baseline_.clear();
         state_ = NothingMeasured();
         host::Log().info("measurement: the baseline is forgotten");
@@ -224,80 +227,82 @@ bool Measurement::Operate(uint32_t operation, void *replyCtx) {
         cancelledJob_ = lastJob_;
         return false;
     case TARND_DIM_START:
-        Enqueue(Kind::kMeasure, nullptr);
+        Enqueue(Kind::kMeasure, std::nullopt);
         return false;
     default:
         throw host::BadValue("uiOperation", operation, "1 to 5");
     }
 }
 
-void Measurement::Enqueue(Kind kind, void *replyCtx) {
-    if (thread_.get_stop_token().stop_requested()) {
+void Measurement::Enqueue(Kind kind, std::optional<MeasurementWaiter> waiter) {
+    if (ends_) {
         host::Fail(ESHUTDOWN, "measurement");
     }
     if (jobs_.size() >= kMaxJobs) {
         host::Fail(EBUSY, "too many measurements are waiting");
     }
-    jobs_.push_back({++lastJob_, kind, replyCtx, std::chrono::system_clock::now()});
-    wake_.notify_one();
+    jobs_.push_back({++lastJob_, kind, std::move(waiter), clocks_.WallNow()});
+    queue_->Post([this](const std::stop_token &stop) { WorkOff(stop); });
 }
 
 Measurement::State Measurement::Last() const {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (jobs_.empty()) {
         return state_;
     }
-    const Tarn_sys_diag_Systime since = TheClock().LocalTime(jobs_.front().since);
+    const Tarn_sys_diag_Systime since = clock_.LocalTime(jobs_.front().since);
     return {TARND_DIM_STATE_RUNS,
             fmt::format("asked for at {:02}:{:02}:{:02}, not done yet", since.ucHour, since.ucMinute, since.ucSecond)};
 }
 
 // ---- The work ----
 
-void Measurement::Run(const std::stop_token &stop) {
-    StandBack();
-    std::unique_lock lock(mutex_);
-    while (wake_.wait(lock, stop, [this] { return !jobs_.empty(); })) {
-        const std::vector<Job> jobs = FirstAlike(); // stay there while they are done
-        lock.unlock();
-        const uint32_t error = host::Run("measurement", [&] { Work(jobs, stop); });
-        lock.lock();
-        if (error != 0) {
-            state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
-        }
-        jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
-        lock.unlock();
-        for (const Job &job : jobs) {
-            if (job.replyCtx != nullptr) {
-                host::Answer<Tarn_sys_diag_Result>("TarnSetDimOpration", job.replyCtx, [&](auto &reply) {
-                    reply.uiResult = error != 0 ? error : WhyUnwanted(job);
-                });
-            }
-        }
-        lock.lock();
+// One pass over the files for all that it answers, which may leave nothing to do for the next.
+void Measurement::WorkOff(const std::stop_token &stop) {
+    const std::vector<Job> jobs = FirstAlike();
+    if (!jobs.empty()) {
+        Finish(jobs, host::Attempt("measurement", [&] { Work(jobs, stop); }));
     }
 }
 
 // Those at the head of the queue that one pass over the files answers: however many ask, none waits for more than the
 // pass under way and its own.
-std::vector<Measurement::Job> Measurement::FirstAlike() const {
-    const auto other = [this](const Job &job) { return job.kind != jobs_.front().kind; };
-    return {jobs_.begin(), std::find_if(jobs_.begin(), jobs_.end(), other)};
+std::vector<Measurement::Job> Measurement::FirstAlike() {
+    const host::MutexLock lock(mutex_);
+    const auto other = std::ranges::find_if(jobs_, [kind = jobs_.empty() ? Kind::kMeasure : jobs_.front().kind](
+                                                       const Job &job) { return job.kind != kind; });
+    return {jobs_.begin(), other};
+}
+
+// They stay in the queue until here.
+void Measurement::Finish(const std::vector<Job> &jobs, uint32_t error) {
+    {
+        const host::MutexLock lock(mutex_);
+        if (error != 0) {
+            state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
+        }
+        jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
+    }
+    for (const Job &job : jobs) {
+        if (job.waiter) {
+            job.waiter->answer(error != 0 ? error : WhyUnwanted(job));
+        }
+    }
 }
 
 void Measurement::Work(const std::vector<Job> &jobs, const std::stop_token &stop) {
-    const auto start = std::chrono::steady_clock::now();
-    const uint64_t bytes = digests_->BytesRead();
-    const Survey survey = SurveyFiles(*digests_, [&] { Check(jobs, stop); });
+    const auto start = clocks_.SteadyNow();
+    const uint64_t bytes = digests_.BytesRead();
+    const Survey survey = SurveyFiles(proc_, digests_, [&] { Check(jobs, stop); });
     if (jobs.front().kind == Kind::kRecord) {
         Record(survey);
     } else {
         Compare(survey);
     }
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    const std::lock_guard lock(mutex_);
+    const std::chrono::duration<double> elapsed = clocks_.SteadyNow() - start;
+    const host::MutexLock lock(mutex_);
     host::Log().info("measurement: {} ({:.1f} s, {:.1f} MB read)", state_.text, elapsed.count(),
-                     static_cast<double>(digests_->BytesRead() - bytes) / 1e6);
+                     static_cast<double>(digests_.BytesRead() - bytes) / 1e6);
 }
 
 // Gives up jobs of which nobody wants any any more.
@@ -313,22 +318,23 @@ void Measurement::Check(const std::vector<Job> &jobs, const std::stop_token &sto
 
 // 0 when it is wanted.
 uint32_t Measurement::WhyUnwanted(const Job &job) const {
-    const uint32_t unwanted = job.replyCtx == nullptr ? 0 : TarnHost_Cancelled(job.replyCtx);
+    const uint32_t unwanted = job.waiter ? job.waiter->unwanted() : 0;
     if (unwanted == ETIMEDOUT || unwanted == ESHUTDOWN) {
         return unwanted;
     }
+    const host::MutexLock lock(mutex_);
     return unwanted != 0 || job.number <= cancelledJob_ ? uint32_t{ECANCELED} : 0;
 }
 
 void Measurement::Record(const Survey &survey) {
-    const std::lock_guard lock(mutex_);
-    TheStore().Save(kBaseline, kVersion, ToDocument(survey.files));
+    const host::MutexLock lock(mutex_);
+    store_.Save(kBaseline, kVersion, ToDocument(survey.files));
     baseline_ = survey.files;
     state_ = {TARND_DIM_STATE_AS_RECORDED, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
 }
 
 void Measurement::Compare(const Survey &survey) {
-    const std::lock_guard lock(mutex_);
+    const host::MutexLock lock(mutex_);
     if (baseline_.empty()) {
         state_ = {TARND_DIM_STATE_NO_BASELINE,
                   fmt::format("no baseline; {} files; {}", survey.files.size(), Scope(survey))};
@@ -361,35 +367,8 @@ void Measurement::Learn(const Survey &survey, const std::vector<std::string> &ad
     for (const std::string &path : added) {
         baseline[path] = survey.files.at(path);
     }
-    TheStore().Save(kBaseline, kVersion, ToDocument(baseline));
+    store_.Save(kBaseline, kVersion, ToDocument(baseline));
     baseline_ = std::move(baseline);
 }
 
 } // namespace tarnd
-
-uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {
-    bool later = false;
-    const uint32_t error =
-        host::Run(__func__, [&] { later = tarnd::TheMeasurement().Operate(request->uiOperation, replyCtx); });
-    if (later) {
-        return 0;
-    }
-    return host::Answer<Tarn_sys_diag_Result>(__func__, replyCtx, [&](auto &reply) { reply.uiResult = error; });
-}
-
-uint32_t TarnSetDimTimeCfgByTarnd(const Tarn_sys_diag_DimTimeCfg *request) {
-    return host::Run(__func__, [&] { tarnd::TheMeasurement().SetTimes({request->ucValue1, request->ucValue2}); });
-}
-
-uint32_t TarnSetDimWorkModeCfgByTarnd(const Tarn_sys_diag_DimWorkModeCfg *request) {
-    return host::Run(__func__, [&] { tarnd::TheMeasurement().SetMode(request->uiWorkMode); });
-}
-
-uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DimMeasRst>(__func__, replyCtx, [](auto &reply) {
-        const tarnd::Measurement::State state = tarnd::TheMeasurement().Last();
-        reply.uiValue1 = state.code;
-        host::CopyText(reply.acMeasResult, state.text);
-        reply.uiValue2 = state.differences;
-    });
-}

@@ -1,19 +1,22 @@
 // Measurement: whether the executables and libraries that run are those that were recorded.
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
+#include <functional>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "host/clock/clocks.h"
 #include "host/clock/daily.h"
 #include "host/daemon/files/survey.h"
+#include "host/daemon/time/local_clock.h"
+#include "host/daemon/time/timers.h"
+#include "host/osal/mutex.h"
+#include "host/osal/work_queue.h"
+#include "host/store/store.h"
 
 namespace tarnd {
 
@@ -26,19 +29,28 @@ struct MeasurementTimes {
     std::chrono::milliseconds Period() const; // 0: once a day
 };
 
+// Who asked for a measurement and waits for its end.
+struct MeasurementWaiter {
+    std::function<uint32_t()> unwanted;         // why the answer is not wanted any more; 0: it is
+    std::function<void(uint32_t error)> answer; // called once
+};
+
 class Measurement {
 public:
-    Measurement();
+    static constexpr size_t kMaxJobs = 16;
 
-    // Takes over what an earlier run kept, and begins to work.
-    void Start(uint64_t bytesPerSecond);
-    void Stop(); // gives up what runs
+    // Takes over what an earlier run kept.
+    Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store, LocalClock &clock,
+                Timers &timers, uint64_t bytesPerSecond);
+    Measurement(const Measurement &) = delete;
+    Measurement &operator=(const Measurement &) = delete;
+    ~Measurement(); // gives up what runs
 
     void SetTimes(MeasurementTimes times);
     void SetMode(uint32_t mode);
 
-    // True when the request will be answered once the work is done.
-    bool Operate(uint32_t operation, void *replyCtx);
+    // True when the waiter will be answered, once the work is done.
+    bool Operate(uint32_t operation, MeasurementWaiter waiter);
 
     struct State {
         uint32_t code; // TARND_DIM_STATE_...
@@ -52,44 +64,51 @@ private:
     struct Job {
         uint64_t number;
         Kind kind;
-        void *replyCtx; // null: nobody waits
-        std::chrono::system_clock::time_point since;
+        std::optional<MeasurementWaiter> waiter;
+        host::WallTime since;
     };
 
+    // When.
     void Load();
-    void Set(MeasurementTimes times, uint32_t mode); // once it is kept
-    bool IsByTime() const;
-    void Arm();
+    void Set(MeasurementTimes times, uint32_t mode) TARN_REQUIRES(mutex_); // once it is kept
+    bool IsByTime() const TARN_REQUIRES(mutex_);
+    void Arm() TARN_REQUIRES(mutex_);
     void ArmByClock();
-    void WaitForTimeOfDay();
+    void WaitForTimeOfDay() TARN_REQUIRES(mutex_);
     void Expire();
-    void Enqueue(Kind kind, void *replyCtx);
 
-    void Run(const std::stop_token &stop);
-    std::vector<Job> FirstAlike() const;
+    // What.
+    void Enqueue(Kind kind, std::optional<MeasurementWaiter> waiter) TARN_REQUIRES(mutex_);
+    void WorkOff(const std::stop_token &stop);
+    std::vector<Job> FirstAlike();
+    void Finish(const std::vector<Job> &jobs, uint32_t error);
     void Work(const std::vector<Job> &jobs, const std::stop_token &stop);
     void Check(const std::vector<Job> &jobs, const std::stop_token &stop) const;
     uint32_t WhyUnwanted(const Job &job) const;
     void Record(const Survey &survey);
     void Compare(const Survey &survey);
-    void Learn(const Survey &survey, const std::vector<std::string> &added);
+    void Learn(const Survey &survey, const std::vector<std::string> &added) TARN_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::condition_variable_any wake_;
-    std::deque<Job> jobs_;
-    uint64_t lastJob_ = 0;
-    MeasurementTimes times_;
-    uint32_t mode_;
-    FileDigests baseline_;
-    State state_;
-    uint32_t timer_ = 0, clockTimer_ = 0;
-    std::optional<host::Daily> daily_; // when due once a day
+    const host::Clocks &clocks_;
+    const host::procfs::Procfs &proc_;
+    host::Store &store_;
+    LocalClock &clock_;
+    Timers &timers_;
 
-    std::atomic<uint64_t> cancelledJob_{0}; // and all before it
-    std::unique_ptr<Digests> digests_;
-    std::jthread thread_; // ends before what it uses
+    mutable host::Mutex mutex_;
+    std::deque<Job> jobs_ TARN_GUARDED_BY(mutex_); // also those that are worked on
+    uint64_t lastJob_ TARN_GUARDED_BY(mutex_) = 0;
+    uint64_t cancelledJob_ TARN_GUARDED_BY(mutex_) = 0; // and all before it
+    bool ends_ TARN_GUARDED_BY(mutex_) = false;
+    MeasurementTimes times_ TARN_GUARDED_BY(mutex_);
+    uint32_t mode_ TARN_GUARDED_BY(mutex_);
+    FileDigests baseline_ TARN_GUARDED_BY(mutex_);
+    State state_ TARN_GUARDED_BY(mutex_);
+    std::optional<host::Daily> daily_ TARN_GUARDED_BY(mutex_); // when due once a day
+    const uint32_t timer_, clockTimer_;
+
+    Digests digests_; // the work's
+    std::optional<host::WorkQueue> queue_{"measurement"};
 };
-
-Measurement &TheMeasurement();
 
 } // namespace tarnd

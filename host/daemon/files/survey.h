@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/daemon/files/digests.h"
+#include "host/procfs/procfs.h"
 
 namespace tarnd {
 
@@ -22,6 +23,6 @@ struct Survey {
 };
 
 // Looks at all processes. `check` may throw to give up.
-Survey SurveyFiles(Digests &digests, const Digests::Check &check);
+Survey SurveyFiles(const host::procfs::Procfs &proc, Digests &digests, const host::Check &check);
 
 } // namespace tarnd

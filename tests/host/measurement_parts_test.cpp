@@ -1,0 +1,347 @@
+// Measurement of processes that the test has put into a /proc of its own, whose executables it changes.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <future>
+
+#include "host/daemon/files/digests.h"
+#include "host/daemon/files/images.h"
+#include "host/daemon/files/survey.h"
+#include "host/store/files.h"
+#include "host/values/daemon.h"
+#include "server/tarnd.h"
+#include "tests/host/method_kit.h"
+#include "tests/host/simulated_daemon.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kit::kFakePid;
+
+constexpr char kDigestOfFirst[] = "a7937b64b8caa58f03721bb6bacf5c78cb235febe0e70b1b84cd99541461a08e"; // "first"
+
+struct StateDirectory {
+    const kit::TempDir state;
+};
+
+class MeasurementPartsTest : public testing::Test, protected StateDirectory, protected kit::SimulatedDaemon {
+protected:
+    MeasurementPartsTest() : SimulatedDaemon(Kept(*this)) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+
+    static tarnd::Options Kept(const StateDirectory &directory) {
+        tarnd::Options options;
+        options.stateDirectory = directory.state.Path();
+        options.measuredBytesPerSecond = 0;
+        return options;
+    }
+
+    // A process that runs a file of the test's.
+    void Run(uint32_t pid, const std::string &name) {
+        const std::filesystem::path path = dir.Path() / name;
+        struct stat status {};
+        ASSERT_EQ(stat(path.c_str(), &status), 0);
+        proc.SetThread(pid, kit::FakeProc::MakeTask(pid, name));
+        proc.Write(fmt::format("{}/maps", pid),
+                   fmt::format("1000-2000 r-xp 00000000 {:02x}:{:02x} {} {}\n", major(status.st_dev),
+                               minor(status.st_dev), status.st_ino, path.string()));
+        const std::string root = proc.Proc().Path(pid, "root");
+        if (!std::filesystem::is_symlink(root)) {
+            std::filesystem::create_directory_symlink("/", root);
+        }
+    }
+    // As an installation does: the file is another one.
+    void Install(const std::string &name, const std::string &text) {
+        std::ofstream(dir.Path() / "aside") << text;
+        std::filesystem::rename(dir.Path() / "aside", dir.Path() / name);
+    }
+
+    uint32_t Operate(uint32_t operation, uint32_t cancelled = 0) {
+        const auto answer =
+            kit::CallMethod<Tarn_sys_diag_Result>(TarnSetDimOpration, Tarn_sys_diag_DimSetIn{operation}, cancelled);
+        answer.Wait();
+        return answer->uiResult;
+    }
+    auto Result() { return kit::CallMethod<Tarn_sys_diag_DimMeasRst>(TarnGetDimMeasRstByTarnd, Tarn_sys_diag_None{}); }
+    void ExpectResult(uint32_t state, uint32_t differences, const std::string &text) {
+        const auto result = Result();
+        EXPECT_EQ(result->uiValue1, state);
+        EXPECT_EQ(result->uiValue2, differences);
+        EXPECT_EQ(std::string(result->acMeasResult), text);
+    }
+    std::string Baseline() { return kit::TextOfFile(state.Path() / "measurement-baseline.json"); }
+};
+
+TEST_F(MeasurementPartsTest, FindsAnExecutableThatWasChanged) {
+    ExpectResult(TARND_DIM_STATE_NONE, 0, "nothing has been measured");
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 1 files; 0 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
+    EXPECT_NE(Baseline().find(kDigestOfFirst), std::string::npos) << Baseline();
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 1 files; 0 unread; 1 processes, 0 hidden");
+
+    Install("victim", "second");
+    Run(kFakePid + 1, "victim"); // the first process runs the older file, which has no name any more
+    Install("other", "other");
+    Run(kFakePid + 2, "other");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    const auto result = Result();
+    EXPECT_EQ(result->uiValue1, TARND_DIM_STATE_DIFFERS);
+    EXPECT_EQ(result->uiValue2, 2);
+    EXPECT_TRUE(std::string(result->acMeasResult)
+                    .ends_with("/victim: 1 changed, 1 new of 2 files; 1 unread; 3 processes, 0 hidden"))
+        << result->acMeasResult;
+
+    Restart();
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NONE);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue2, 2) << "the baseline is kept";
+    EXPECT_EQ(Operate(TARND_DIM_FORGET), 0);
+    ExpectResult(TARND_DIM_STATE_NONE, 0, "nothing has been measured");
+    EXPECT_EQ(Baseline().find(kDigestOfFirst), std::string::npos);
+}
+
+TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    Install("other", "other");
+    Run(kFakePid + 1, "other");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue2, 1);
+    daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    Restart();
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    Install("other", "changed");
+    Run(kFakePid + 1, "other");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue2, 1) << "what has changed is not learned";
+}
+
+TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE, ETIMEDOUT), ETIMEDOUT);
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_FAILED);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE, EALREADY), ECANCELED);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE);
+}
+
+// A pass over the files that stands still until the test lets it go on.
+class HeldMeasurementTest : public MeasurementPartsTest {
+protected:
+    using Answers = std::vector<uint32_t>;
+
+    // Asks for a measurement whose answer goes to the list.
+    bool Ask(
+        uint32_t operation, Answers &answers, std::function<uint32_t()> unwanted = [] { return 0U; }) {
+        return daemon->measurement.Operate(operation, {std::move(unwanted), [this, &answers](uint32_t error) {
+                                                           {
+                                                               const std::lock_guard lock(mutex_);
+                                                               answers.push_back(error);
+                                                           }
+                                                           answered_.notify_all();
+                                                       }});
+    }
+    // The first, which holds the pass.
+    void Hold(Answers &answers) {
+        Install("victim", "first");
+        Run(kFakePid, "victim");
+        Ask(TARND_DIM_MEASURE, answers, [this] {
+            if (!held_.exchange(true)) {
+                started_.set_value();
+                go_.get_future().wait();
+            }
+            return 0U;
+        });
+        started_.get_future().wait();
+    }
+    void GoOn() { go_.set_value(); }
+    void WaitFor(const Answers &answers, size_t number) {
+        std::unique_lock lock(mutex_);
+        answered_.wait(lock, [&] { return answers.size() == number; });
+    }
+
+    std::atomic<bool> held_ = false;
+    std::promise<void> started_, go_;
+    std::mutex mutex_;
+    std::condition_variable answered_;
+};
+
+TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
+    testing::internal::CaptureStderr();
+    Answers answers;
+    Hold(answers);
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_RUNS);
+    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 22:13:20, not done yet");
+    for (int i = 0; i < 11; ++i) {
+        EXPECT_TRUE(Ask(TARND_DIM_MEASURE, answers));
+    }
+    GoOn();
+    WaitFor(answers, 12);
+    EXPECT_EQ(answers, Answers(12, 0));
+    const std::string log = testing::internal::GetCapturedStderr();
+    size_t passes = 0;
+    for (size_t at = 0; (at = log.find("MB read)", at)) != log.npos; ++at) {
+        ++passes;
+    }
+    EXPECT_EQ(passes, 2) << log;
+}
+
+TEST_F(HeldMeasurementTest, LetsOnlySoManyWait) {
+    Answers answers;
+    Hold(answers);
+    for (size_t i = 1; i < tarnd::Measurement::kMaxJobs; ++i) {
+        EXPECT_TRUE(Ask(TARND_DIM_RECORD, answers));
+    }
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), EBUSY);
+    GoOn();
+    WaitFor(answers, tarnd::Measurement::kMaxJobs);
+    EXPECT_EQ(answers, Answers(tarnd::Measurement::kMaxJobs, 0));
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_AS_RECORDED);
+}
+
+TEST_F(HeldMeasurementTest, IsGivenUpWhenToldTo) {
+    Answers answers, later;
+    Hold(answers);
+    Ask(TARND_DIM_MEASURE, answers);
+    EXPECT_EQ(Operate(TARND_DIM_CANCEL), 0);
+    Ask(TARND_DIM_RECORD, later);
+    GoOn();
+    WaitFor(answers, 2);
+    EXPECT_EQ(answers, Answers(2, ECANCELED));
+    WaitFor(later, 1);
+    EXPECT_EQ(later, Answers(1, 0)) << "the next one is not given up with it";
+}
+
+TEST_F(HeldMeasurementTest, AnswersOnceWhenTheDaemonEnds) {
+    Answers answers;
+    Hold(answers);
+    Ask(TARND_DIM_RECORD, answers);
+    std::thread end([this] { daemon.reset(); });
+    GoOn();
+    end.join();
+    ASSERT_EQ(answers.size(), 2);
+    EXPECT_TRUE(answers[1] == ESHUTDOWN || answers[1] == 0);
+}
+
+TEST_F(MeasurementPartsTest, RefusesWhatItDoesNotKnow) {
+    EXPECT_EQ(Operate(0), EINVAL);
+    EXPECT_EQ(Operate(6), EINVAL);
+    EXPECT_EQ(Operate(TARND_DIM_START), 0);
+    const auto times = [](uint8_t hour, uint8_t minute) {
+        const Tarn_sys_diag_DimTimeCfg request{hour, minute};
+        return TarnSetDimTimeCfgByTarnd(&request);
+    };
+    EXPECT_EQ(times(24, 0), EINVAL);
+    EXPECT_EQ(times(253, 0), EINVAL);
+    EXPECT_EQ(times(23, 60), EINVAL);
+    EXPECT_EQ(times(23, 59), 0);
+    EXPECT_EQ(times(TARND_DIM_EVERY_SECONDS, 200), 0);
+    EXPECT_EQ(times(TARND_DIM_EVERY_MINUTES, 0), 0);
+    const auto mode = [](uint32_t value) {
+        const Tarn_sys_diag_DimWorkModeCfg request{value};
+        return TarnSetDimWorkModeCfgByTarnd(&request);
+    };
+    EXPECT_EQ(mode(3), EINVAL);
+    EXPECT_EQ(mode(TARND_DIM_MODE_OFF), 0);
+    const std::string kept = kit::TextOfFile(state.Path() / "measurement.json");
+    EXPECT_NE(kept.find("\"hour\": 255"), kept.npos) << kept;
+    EXPECT_NE(kept.find("\"mode\": 0"), kept.npos) << kept;
+}
+
+TEST(MeasurementTimes, AreATimeOfDayOrAPeriod) {
+    using tarnd::MeasurementTimes;
+    EXPECT_EQ((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 7}.Period()), 7s);
+    EXPECT_EQ((MeasurementTimes{TARND_DIM_EVERY_MINUTES, 7}.Period()), 7min);
+    EXPECT_EQ((MeasurementTimes{3, 30}.Period()), 0s);
+    EXPECT_TRUE((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 0}.IsNever()));
+    EXPECT_FALSE((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 1}.IsNever()));
+    EXPECT_FALSE((MeasurementTimes{0, 0}.IsNever())) << "midnight";
+}
+
+TEST(Images, AreTheFilesThatHoldCode) {
+    const std::vector<tarnd::Image> images =
+        tarnd::ParseImages("1000-2000 r--p 00000000 fe:01 17 /bin/app\n"
+                           "2000-3000 r-xp 00001000 fe:01 17 /bin/app\n"
+                           "3000-4000 r-xp 00001000 fe:01 17 /bin/app\n"
+                           "4000-5000 r-xp 00000000 fe:01 18 /lib/a b\\012c\xFF\\d.so (deleted)\n"
+                           "5000-6000 rwxp 00000000 00:00 0\n"
+                           "6000-7000 r-xp 00000000 00:00 0 [vdso]\n"
+                           "7000-8000 r-xs 00000000 00:01 19 /memfd:code (deleted)\n"
+                           "8000-9000 r-xs 00000000 00:01 20 /dev/zero (deleted)\n"
+                           "9000-a000 r-xs 00000000 00:01 21 /SYSV00000000 (deleted)\n");
+    ASSERT_EQ(images.size(), 2);
+    EXPECT_EQ(images[0].path, "/bin/app");
+    EXPECT_EQ(images[0].mapping, "2000-3000");
+    EXPECT_EQ(images[0].device, "fe:01");
+    EXPECT_EQ(images[0].inode, 17);
+    EXPECT_EQ(images[1].path, "/lib/a b\nc\xFF\\d.so");
+    EXPECT_EQ(images[1].name, "/lib/a b\\x0ac\\xff\\x5cd.so");
+}
+
+class DigestsTest : public testing::Test {
+protected:
+    DigestsTest() {
+        std::ofstream(path_) << "first";
+        clocks_.SetWall(std::chrono::system_clock::now() + 1h); // the file was written long ago
+    }
+    std::string Of() {
+        return digests_.Of(host::Descriptor(open(path_.c_str(), O_RDONLY | O_CLOEXEC), path_), [] {});
+    }
+
+    const kit::TempDir dir_;
+    const std::string path_ = dir_.Path() / "file";
+    kit::ManualClocks clocks_;
+    std::vector<host::SteadyTime> waits_;
+    tarnd::Digests digests_{clocks_, 1 << 20, [this](host::SteadyTime until) {
+                                waits_.push_back(until);
+                                clocks_.Advance(std::max(until - clocks_.SteadyNow(), 0ns));
+                            }};
+};
+
+TEST_F(DigestsTest, AreRememberedWhileAFileStaysTheSame) {
+    EXPECT_EQ(Of(), kDigestOfFirst);
+    EXPECT_EQ(digests_.BytesRead(), 5);
+    EXPECT_EQ(Of(), kDigestOfFirst);
+    EXPECT_EQ(digests_.BytesRead(), 5);
+    digests_.ForgetUnused();
+    EXPECT_EQ(Of(), kDigestOfFirst);
+    EXPECT_EQ(digests_.BytesRead(), 5) << "it was asked for since";
+    digests_.ForgetUnused();
+    digests_.ForgetUnused();
+    Of();
+    EXPECT_EQ(digests_.BytesRead(), 10);
+    std::ofstream(path_) << "other";
+    EXPECT_NE(Of(), kDigestOfFirst) << "of the same size";
+    EXPECT_EQ(digests_.BytesRead(), 15);
+}
+
+TEST_F(DigestsTest, AreNotRememberedOfAFileThatWasJustWritten) {
+    clocks_.SetWall(std::chrono::system_clock::now());
+    Of();
+    Of();
+    EXPECT_EQ(digests_.BytesRead(), 10);
+}
+
+TEST_F(DigestsTest, AreReadAtAPace) {
+    std::filesystem::resize_file(path_, 4U << 20);
+    const host::SteadyTime start = clocks_.SteadyNow();
+    Of();
+    EXPECT_EQ(clocks_.SteadyNow() - start, 4s);
+    ASSERT_EQ(waits_.size(), 16);
+    EXPECT_EQ(waits_[0] - start, 250ms);
+}
+
+} // namespace
