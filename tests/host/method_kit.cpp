@@ -66,6 +66,7 @@ uint32_t TarnHost_Cancelled(void *pReplyCtx) {
     return context->cancelled;
 }
 
-uint32_t TarnHost_RemainingMs(void *) {
-    return UINT32_MAX;
+uint32_t TarnHost_RemainingMs(void *pReplyCtx) {
+    const kit::ReplyContext *const context = ContextOf(pReplyCtx);
+    return context == nullptr ? UINT32_MAX : context->remainingMs;
 }

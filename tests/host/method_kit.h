@@ -20,6 +20,7 @@ struct ReplyContext {
     uint32_t status = 0;    // in place of one
     std::string reason;     // that was explained
     uint32_t cancelled = 0; // why the answer is not wanted any more
+    uint32_t remainingMs = UINT32_MAX;
 };
 
 // What is explained on this thread while it lives goes to the context.

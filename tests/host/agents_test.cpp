@@ -1,0 +1,425 @@
+// The agents that the daemon knows, what is brought to them, and what they are asked.
+#include <gtest/gtest.h>
+
+#include "host/daemon/agents/relay.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
+#include "server/tarnd.h"
+#include "server/tarnd_agent.h"
+#include "tests/host/simulated_daemon.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint32_t kPid = kit::kFakePid, kOther = kPid + 1;
+
+// ---- The way to an agent ----
+
+class AgentLineTest : public testing::Test {
+protected:
+    std::system_error ErrorOf(const IdlCallResult &result, uint32_t pid = kPid) {
+        peers_.On(TARND_AGENT_METHOD(TarnGetSubscribe), [&](uint32_t, const auto &, auto &) { return result; });
+        try {
+            line_.Ask(TARND_AGENT_METHOD(TarnGetSubscribe), pid, Tarn_sys_diag_GetSubscribeInfoInput{});
+        } catch (const std::system_error &error) {
+            return error;
+        }
+        return {0, std::generic_category()};
+    }
+    int CodeOf(const IdlCallResult &result, uint32_t pid = kPid) { return ErrorOf(result, pid).code().value(); }
+
+    kit::FakePeers peers_;
+    tarnd::AgentLine line_{peers_};
+};
+
+TEST_F(AgentLineTest, TellsWhyAnAgentDoesNotAnswer) {
+    EXPECT_EQ(CodeOf({0, 0}, 0), EINVAL);
+    EXPECT_EQ(CodeOf({0, 0}), ESRCH) << "no socket";
+    EXPECT_TRUE(peers_.calls.empty());
+    peers_.agents = {kPid};
+    EXPECT_EQ(CodeOf({0, 0}), 0);
+    EXPECT_EQ(CodeOf({0, ECONNREFUSED}), ESRCH);
+    EXPECT_EQ(CodeOf({0, ENOENT}), ESRCH);
+    EXPECT_EQ(CodeOf({ENOENT, 0}), ENOENT) << "what the method says";
+    EXPECT_EQ(CodeOf({0, ECONNRESET}), ECONNRESET) << "the process is still there";
+    peers_.ended = {kPid};
+    EXPECT_EQ(CodeOf({0, ECONNRESET}), ESRCH);
+    EXPECT_EQ(CodeOf({0, ETIMEDOUT}), ETIMEDOUT);
+    EXPECT_EQ(CodeOf({EPERM, ETIMEDOUT}), ETIMEDOUT);
+    const std::string text = ErrorOf({EPERM, 0}).what();
+    EXPECT_NE(text.find("the agent of process 5000000: as the test says"), std::string::npos) << text;
+}
+
+TEST_F(AgentLineTest, SendsWithoutWaitingForAnAnswer) {
+    peers_.agents = {kPid};
+    std::string sent;
+    uint32_t result = 0;
+    peers_.OnOneway(TarnSysdiagAgent_DBGCmdExecShow_oneway, [&](uint32_t, const auto &request) {
+        sent = request.pcCmdStr;
+        return result;
+    });
+    char command[] = "help";
+    const Tarn_sys_diag_DbgCmdShowInput request{command};
+    line_.Tell(TarnSysdiagAgent_DBGCmdExecShow_oneway, kPid, request);
+    EXPECT_EQ(sent, "help");
+    result = ECONNREFUSED;
+    EXPECT_THROW(line_.Tell(TarnSysdiagAgent_DBGCmdExecShow_oneway, kPid, request), std::system_error);
+}
+
+// ---- The courier ----
+
+class CourierTest : public testing::Test {
+protected:
+    CourierTest() {
+        for (const uint32_t pid : {kPid, kOther}) {
+            proc_.SetThread(pid, kit::FakeProc::MakeTask(pid, "agent"));
+            registry_.Add(pid, "agent", 1);
+        }
+    }
+    tarnd::Courier::Errand Add(int number) {
+        return courier_.Add([this, number](uint32_t pid) {
+            ran_.emplace_back(pid, number);
+            if (error_ != 0) {
+                throw std::system_error(error_, std::generic_category(), "as the test says");
+            }
+        });
+    }
+    using Ran = std::vector<std::pair<uint32_t, int>>;
+    Ran Take() {
+        driver_.RunDue();
+        return std::exchange(ran_, {});
+    }
+
+    kit::ManualClocks clocks_;
+    kit::FakeProc proc_;
+    tarnd::Timers timers_{clocks_};
+    tarnd::AgentRegistry registry_{proc_, timers_};
+    tarnd::Courier courier_{clocks_, registry_};
+    kit::ManualDriver<tarnd::Courier> driver_{courier_, clocks_};
+    Ran ran_;
+    int error_ = 0;
+};
+
+TEST_F(CourierTest, RunsAnErrandOnceHoweverOftenItWasAskedFor) {
+    const auto first = Add(1), second = Add(2);
+    courier_.Send(first, kPid);
+    courier_.Send(first, kPid);
+    courier_.Send(second, kOther);
+    EXPECT_EQ(Take(), (Ran{{kPid, 1}, {kOther, 2}}));
+    EXPECT_EQ(Take(), Ran{});
+    courier_.Send(first, kPid);
+    EXPECT_EQ(Take(), (Ran{{kPid, 1}}));
+}
+
+TEST_F(CourierTest, GoesToAllAgentsAndWithEachErrandToOne) {
+    const auto first = Add(1);
+    Add(2);
+    courier_.SendToAll(first);
+    EXPECT_EQ(Take(), (Ran{{kPid, 1}, {kOther, 1}}));
+    courier_.SendEach(kOther);
+    EXPECT_EQ(Take(), (Ran{{kOther, 1}, {kOther, 2}}));
+}
+
+TEST_F(CourierTest, GoesAgainAfterAFailureUnlessTheAgentIsGoneOrDoesNotKnowIt) {
+    const auto errand = Add(1);
+    error_ = ETIMEDOUT;
+    courier_.Send(errand, kPid);
+    EXPECT_EQ(Take().size(), 1);
+    clocks_.Advance(999ms);
+    EXPECT_EQ(Take().size(), 0);
+    clocks_.Advance(1ms);
+    EXPECT_EQ(Take().size(), 1);
+    for (const int final : {ESRCH, ENOSYS}) {
+        error_ = ETIMEDOUT;
+        courier_.Send(errand, kPid);
+        EXPECT_EQ(Take().size(), 1);
+        error_ = final;
+        clocks_.Advance(1s);
+        EXPECT_EQ(Take().size(), 1);
+        clocks_.Advance(1h);
+        EXPECT_EQ(Take().size(), 0) << final;
+    }
+    EXPECT_TRUE(driver_.Due().empty());
+}
+
+TEST_F(CourierTest, HasOneErrandWithAnAgentAtATime) {
+    const auto late = Add(2);
+    bool inside = false;
+    const auto first = courier_.Add([&](uint32_t pid) {
+        EXPECT_FALSE(std::exchange(inside, true));
+        courier_.Send(late, pid);
+        courier_.Send(late, kOther);
+        courier_.RunDue(); // as another thread would
+        courier_.RunDue();
+        EXPECT_EQ(ran_, (Ran{{kOther, 2}})) << "another agent's is not delayed";
+        inside = false;
+    });
+    courier_.Send(first, kPid);
+    EXPECT_EQ(Take(), (Ran{{kOther, 2}, {kPid, 2}}));
+}
+
+TEST_F(CourierTest, KeepsWhatIsDueForWhoDrivesItNext) {
+    const auto errand = Add(1);
+    error_ = EBUSY;
+    courier_.Send(errand, kPid);
+    EXPECT_EQ(Take().size(), 1);
+    error_ = 0;
+    clocks_.Advance(1s);
+    kit::ManualDriver<tarnd::Courier> another(courier_, clocks_);
+    EXPECT_EQ(another.RunDue(), 1);
+    EXPECT_EQ(ran_.size(), 1);
+}
+
+// ---- Who is there ----
+
+class AgentsTest : public testing::Test, protected kit::SimulatedDaemon {
+protected:
+    static uint32_t Register(uint32_t pid, const std::string &name, uint8_t runs = TARND_AGENT_RUNS,
+                             uint32_t version = 1) {
+        Tarn_sys_diag_AgentRegInfoInput request{};
+        host::CopyText(request.szAgentName, name);
+        request.uiValue1 = pid;
+        request.uiValue2 = version;
+        request.ucValue3 = runs;
+        const auto answer = kit::CallMethod<Tarn_sys_diag_AgentRegInfoResult>(AgentRegInfo, request);
+        EXPECT_EQ(std::string(answer->szAgentName), name);
+        EXPECT_EQ(answer->uiValue2, static_cast<uint32_t>(getpid()));
+        return answer->uiValue1;
+    }
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const auto &[pid, agent] : daemon->registry.Agents()) {
+            names.push_back(agent.name);
+        }
+        return names;
+    }
+    void SetProcess(uint32_t pid, uint64_t startTicks) {
+        host::procfs::Task task = kit::FakeProc::MakeTask(pid, "program");
+        task.startTicks = startTicks;
+        proc.SetThread(pid, task);
+    }
+    size_t Brought() {
+        peers.calls.clear();
+        RunDue();
+        return peers.calls.size();
+    }
+    using Names_ = std::vector<std::string>;
+};
+
+TEST_F(AgentsTest, RegisterAndLeave) {
+    EXPECT_EQ(Register(kPid, "first"), ESRCH) << "no such process";
+    SetProcess(kPid, 7);
+    EXPECT_EQ(Register(kPid, ""), EINVAL);
+    EXPECT_EQ(Register(kPid, "first", 2), EINVAL);
+    EXPECT_TRUE(Names().empty());
+    EXPECT_EQ(Register(kPid, "first"), 0);
+    EXPECT_EQ(Names(), Names_{"first"});
+    EXPECT_EQ(daemon->registry.Agents().at(kPid).version, 1);
+    EXPECT_EQ(daemon->registry.Agents().at(kPid).processStart, 7);
+    EXPECT_EQ(Register(kPid, "first", TARND_AGENT_LEAVES), 0);
+    EXPECT_TRUE(Names().empty());
+    EXPECT_EQ(Register(kPid, "first", TARND_AGENT_LEAVES), 0) << "again";
+}
+
+TEST_F(AgentsTest, AreToldWhatThereIsWhenTheyComeOrChange) {
+    peers.agents = {kPid};
+    SetProcess(kPid, 7);
+    EXPECT_EQ(Register(kPid, "first"), 0);
+    EXPECT_GE(Brought(), 3) << "rules, switches, and how it is";
+    EXPECT_EQ(Register(kPid, "first"), 0);
+    EXPECT_EQ(Brought(), 0) << "as it was";
+    EXPECT_EQ(Register(kPid, "second"), 0);
+    EXPECT_GE(Brought(), 3);
+    EXPECT_EQ(Register(kPid, "second", TARND_AGENT_RUNS, 2), 0);
+    EXPECT_GE(Brought(), 3);
+    SetProcess(kPid, 8);
+    EXPECT_EQ(Register(kPid, "second", TARND_AGENT_RUNS, 2), 0);
+    EXPECT_GE(Brought(), 3) << "another process";
+}
+
+TEST_F(AgentsTest, AreDroppedWhenTheirProcessHasGone) {
+    for (const uint32_t pid : {kPid, kOther}) {
+        SetProcess(pid, 7);
+        EXPECT_EQ(Register(pid, std::to_string(pid)), 0);
+    }
+    Pass(1s);
+    EXPECT_EQ(Names().size(), 2);
+    proc.RemoveProcess(kPid);
+    SetProcess(kOther, 8);
+    Pass(999ms);
+    EXPECT_EQ(Names().size(), 2);
+    Pass(1ms);
+    EXPECT_TRUE(Names().empty()) << "one has ended, another has the other's id";
+}
+
+// ---- What is asked of them ----
+
+TEST_F(AgentsTest, AnswerWhatTheyAreAskedThroughTheDaemon) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(GetMirelMemPtInfo), [](uint32_t, const auto &request, auto &) {
+        return IdlCallResult{request.uiPtId == 9 ? 0U : EPERM, 0};
+    });
+    const auto ask = [](uint32_t pid, uint32_t id) {
+        Tarn_sys_diag_GetMirelMemPtInfoByTarndInput request{};
+        request.uiTargetPid = pid;
+        request.uiPtId = id;
+        return kit::CallMethod<Tarn_sys_diag_GetMirelMemPtInfoOutput>(GetMirelMemPtInfoByTarnd, request).Status();
+    };
+    EXPECT_EQ(ask(kPid, 9), 0);
+    EXPECT_EQ(ask(kPid, 8), EPERM);
+    EXPECT_EQ(ask(kOther, 9), ESRCH);
+    EXPECT_EQ(ask(0, 9), EINVAL);
+}
+
+uint32_t RelayTimeoutOf(uint32_t remainingMs) {
+    kit::ReplyContext request;
+    request.remainingMs = remainingMs;
+    return tarnd::RelayTimeout(&request);
+}
+
+TEST_F(AgentsTest, HaveTheRequestsTimeButForWhatTellingTakes) {
+    EXPECT_THROW(RelayTimeoutOf(0), std::system_error);
+    EXPECT_EQ(RelayTimeoutOf(1), 1);
+    EXPECT_EQ(RelayTimeoutOf(500), 450) << "a tenth";
+    EXPECT_EQ(RelayTimeoutOf(1000), 900);
+    EXPECT_EQ(RelayTimeoutOf(2000), 1900) << "at most 100 ms";
+    EXPECT_EQ(RelayTimeoutOf(3100), 3000);
+    EXPECT_EQ(RelayTimeoutOf(60'000), 3000) << "shorter than a caller's own";
+}
+
+TEST_F(AgentsTest, AreAskedHowTheyAre) {
+    AddAgent(kPid, "busy");
+    AddAgent(kOther, "well");
+    uint32_t level = TARN_AGENT_HEALTH_DEGRADED;
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [&](uint32_t pid, const auto &, auto &reply) {
+        static Tarn_sys_diag_SysHealthInfo items[2];
+        host::CopyText(items[0].acValue1, "fine");
+        items[1].ucValue1 = static_cast<uint8_t>(level);
+        host::CopyText(items[1].acValue1, "queue");
+        host::CopyText(items[1].acValue4, "900 of 1000");
+        clocks.Advance(7001us);
+        reply.uiValue1 = pid == kPid ? level : TARN_AGENT_HEALTH_GOOD;
+        reply.uiHealthInfoNum = pid == kPid ? 2 : 0;
+        reply.pstHealthInfo = items;
+        return IdlCallResult{0, 0};
+    });
+    EXPECT_TRUE(daemon->agentProbe.Health().empty()) << "not asked yet";
+    const host::WallTime asked = clocks.WallNow();
+    RunDue();
+    std::vector<tarnd::AgentHealth> health = daemon->agentProbe.Health();
+    ASSERT_EQ(health.size(), 2);
+    EXPECT_EQ(health[0].name, "busy");
+    EXPECT_EQ(health[0].lookedAt, asked);
+    EXPECT_EQ(health[0].answerMs, 8) << "rounded up";
+    EXPECT_EQ(health[0].worstLevel, TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(health[0].complaint, "queue: 900 of 1000");
+    EXPECT_TRUE(health[1].answers);
+    EXPECT_EQ(health[1].complaint, "");
+
+    level = TARN_AGENT_HEALTH_GOOD;
+    Pass(1s);
+    EXPECT_EQ(daemon->agentProbe.Health()[0].complaint, "queue: 900 of 1000");
+    Pass(1s);
+    EXPECT_EQ(daemon->agentProbe.Health()[0].complaint, "") << "asked again each 2 s";
+
+    proc.RemoveProcess(kOther);
+    Pass(1s);
+    EXPECT_EQ(daemon->agentProbe.Health().size(), 1);
+}
+
+TEST_F(AgentsTest, ThatDoNotAnswerAreFound) {
+    AddAgent(kPid, "sleepy");
+    IdlCallResult result{0, ETIMEDOUT};
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo),
+             [&](uint32_t, const auto &, auto &) { return result; });
+    RunDue();
+    EXPECT_FALSE(daemon->agentProbe.Health().at(0).answers);
+    EXPECT_NE(daemon->agentProbe.Health().at(0).complaint.find("as the test says"), std::string::npos);
+    result = {ENOSYS, 0};
+    Pass(2s);
+    EXPECT_TRUE(daemon->agentProbe.Health().at(0).answers) << "it has nothing to say";
+    EXPECT_EQ(daemon->agentProbe.Health().at(0).complaint, "");
+
+    daemon->healthSettings.SwitchFunction({TARND_HEALTH_AGENTS, 0, 0});
+    result = {0, ETIMEDOUT};
+    Pass(10s);
+    EXPECT_TRUE(daemon->agentProbe.Health().at(0).answers) << "not asked";
+    daemon->healthSettings.SwitchFunction({TARND_HEALTH_AGENTS, 1, 77});
+    RunDue();
+    peers.calls.clear();
+    Pass(2s);
+    ASSERT_EQ(peers.calls.size(), 1);
+    EXPECT_EQ(peers.calls[0].timeoutMs, 77) << "the limit is its time";
+}
+
+// ---- Who wants to be told ----
+
+class SubscriptionsTest : public AgentsTest {
+protected:
+    static uint32_t Subscribe(uint32_t pid, uint32_t events) {
+        return kit::CallMethod<Tarn_sys_diag_Result>(TarnAppSubscribe, Tarn_sys_diag_AppSubscribeInput{pid, events})
+            ->uiResult;
+    }
+    static auto List(uint32_t events = 0, uint32_t skip = 0, uint32_t pid = 0) {
+        return kit::CallMethod<Tarn_sys_diag_GetSubscribeInfoResult>(
+            TarnGetSubscribeInfoTarnd, Tarn_sys_diag_GetSubscribeInfoInput{events, skip, pid});
+    }
+};
+
+TEST_F(SubscriptionsTest, AreReadBack) {
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), ESRCH) << "no such process";
+    SetProcess(kPid, 7);
+    SetProcess(kOther, 7);
+    for (const uint32_t events : {1U, 16U, UINT32_MAX}) {
+        EXPECT_EQ(Subscribe(kPid, events), EINVAL);
+    }
+    EXPECT_EQ(List()->uiSubscribeNum, 0);
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_DESCRIPTORS), 0);
+    const auto all = List();
+    ASSERT_EQ(all->uiSubscribeNum, 2);
+    EXPECT_EQ(all->uiValue2, 14);
+    EXPECT_EQ(all->uiValue3, 2);
+    EXPECT_EQ(all->uiValue4, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(std::string(all->pstSubscribe[0].szName1), "program");
+    EXPECT_EQ(std::string(all->pstSubscribe[0].szName2), "CPU memory");
+    EXPECT_EQ(std::string(all->pstSubscribe[1].szName2), "descriptors");
+    EXPECT_EQ(all->pstSubscribe[0].uiValue1, 6);
+    EXPECT_EQ(all->pstSubscribe[0].uiValue2, kPid);
+    const auto ofMemory = List(TARN_AGENT_EVENT_MEMORY);
+    ASSERT_EQ(ofMemory->uiSubscribeNum, 1);
+    EXPECT_EQ(ofMemory->pstSubscribe[0].uiValue2, kPid);
+    EXPECT_EQ(ofMemory->uiValue2, 14) << "of all";
+    EXPECT_EQ(ofMemory->uiValue3, 1);
+    const auto second = List(0, 1);
+    ASSERT_EQ(second->uiSubscribeNum, 1);
+    EXPECT_EQ(second->uiValue3, 2) << "with those that were skipped";
+    EXPECT_EQ(second->pstSubscribe[0].uiValue2, kOther);
+}
+
+TEST_F(SubscriptionsTest, EndWithTheirProcessAndWhenTheyAreForNothing) {
+    SetProcess(kPid, 7);
+    SetProcess(kOther, 7);
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), 0);
+    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_CPU), 0);
+    SetProcess(kOther, 8);
+    EXPECT_EQ(List()->uiSubscribeNum, 1) << "another process has its id";
+    EXPECT_EQ(daemon->subscriptions.Set(kPid, TARN_AGENT_EVENT_MEMORY), TARN_AGENT_EVENT_CPU);
+    SetProcess(kPid, 9);
+    EXPECT_EQ(daemon->subscriptions.Set(kPid, TARN_AGENT_EVENT_CPU), 0) << "it was another's";
+    EXPECT_EQ(Subscribe(kPid, 0), 0);
+    EXPECT_EQ(List()->uiSubscribeNum, 0);
+}
+
+TEST_F(SubscriptionsTest, OfAnAgentAreAskedOfIt) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(TarnGetSubscribe), [](uint32_t, const auto &request, auto &reply) {
+        reply.uiValue4 = request.uiValue3;
+        return IdlCallResult{0, 0};
+    });
+    EXPECT_EQ(List(0, 0, kPid)->uiValue4, kPid);
+    EXPECT_EQ(List(0, 0, kOther).Status(), ESRCH);
+}
+
+} // namespace
