@@ -24,17 +24,12 @@ using kit::kFakePid;
 
 constexpr char kDigestOfFirst[] = "a7937b64b8caa58f03721bb6bacf5c78cb235febe0e70b1b84cd99541461a08e"; // "first"
 
-struct StateDirectory {
-    const kit::TempDir state;
-};
-
-class MeasurementPartsTest : public testing::Test, protected StateDirectory, protected kit::SimulatedDaemon {
+class MeasurementPartsTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MeasurementPartsTest() : SimulatedDaemon(Kept(*this)) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+    MeasurementPartsTest() : SimulatedDaemon(KeptAndUnlimited()) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
 
-    static tarnd::Options Kept(const StateDirectory &directory) {
-        tarnd::Options options;
-        options.stateDirectory = directory.state.Path();
+    tarnd::Options KeptAndUnlimited() const {
+        tarnd::Options options = Kept();
         options.measuredBytesPerSecond = 0;
         return options;
     }

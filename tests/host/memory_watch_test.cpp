@@ -15,19 +15,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct StateDirectory {
-    const kit::TempDir state;
-};
-
-class MemoryWatchTest : public testing::Test, protected StateDirectory, protected kit::SimulatedDaemon {
+class MemoryWatchTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MemoryWatchTest() : SimulatedDaemon(Kept(state)) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
-
-    static tarnd::Options Kept(const kit::TempDir &state) {
-        tarnd::Options options;
-        options.stateDirectory = state.Path();
-        return options;
-    }
+    MemoryWatchTest() : SimulatedDaemon(Kept()) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
 
     // All memory is 1000000 KiB.
     void Use(uint64_t kib) { machine.memory.available = 1'000'000 - kib; }

@@ -13,6 +13,16 @@
 
 namespace kit {
 
+// Where such a daemon keeps what outlives it: a base before it, as the daemon goes first.
+struct StateDirectory {
+    tarnd::Options Kept() const {
+        tarnd::Options options;
+        options.stateDirectory = state.Path();
+        return options;
+    }
+    const TempDir state;
+};
+
 struct SimulatedDaemon {
     explicit SimulatedDaemon(const tarnd::Options &more = {}) : options(more) {
         options.runsByItself = false;

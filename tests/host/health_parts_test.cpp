@@ -1,0 +1,332 @@
+// Health: what is switched on, from which limit on it complains, and who is told of a resource that runs short.
+#include <gtest/gtest.h>
+
+#include "host/daemon/health/health_examiner.h"
+#include "host/daemon/health/resource_levels.h"
+#include "host/values/agent.h"
+#include "host/values/daemon.h"
+#include "server/tarnd.h"
+#include "tests/host/simulated_daemon.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint32_t kPid = kit::kFakePid, kOther = kPid + 1;
+
+struct Item {
+    uint32_t level;
+    std::string name;
+    std::string source;
+    std::string time;
+    std::string text;
+};
+
+// Half of the first CPU is busy, 400 permille of the memory are in use, and little of everything else.
+class HealthPartsTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
+protected:
+    HealthPartsTest() : SimulatedDaemon(Kept()) {
+        daemon->clock.SetZone({"UTC", 0}, "a test");
+        proc.Write("loadavg", "0.00 9.00 9.00 1/100 7\n");
+        SetDescriptors("1000 0 10000");
+        for (const char *const resource : {"cpu", "memory", "io"}) {
+            SetPressure(resource, "0.00");
+        }
+        machine.busyPermille = {1000, 0};
+        Pass(1s, 11);
+    }
+
+    void SetDescriptors(const std::string &text) const { proc.Write("sys/fs/file-nr", text + "\n"); }
+    void SetPressure(const std::string &resource, const std::string &percent) const {
+        proc.Write("pressure/" + resource, "some avg10=" + percent + " avg60=99.00\nfull avg10=99.00\n");
+    }
+    void SetMemory(uint32_t permille) { machine.memory.available = (1000 - permille) * 1000; }
+
+    static uint32_t Switch(uint8_t function, uint8_t on, uint32_t limit = 0) {
+        const Tarn_sys_diag_PadsAppFunSwitch request{function, on, limit};
+        return TarnPadsSetPadsAppFunSwitchByTarnd(&request);
+    }
+    static uint32_t SwitchAll(uint8_t on) {
+        const Tarn_sys_diag_PadsGlobalSwitch request{on};
+        return TarnPadsSetPadsGlobalSwitchByTarnd(&request);
+    }
+    static auto Get(uint8_t function = 0, uint32_t pid = 0) {
+        return kit::CallMethod<Tarn_sys_diag_PadsSystemHealthResult>(
+            TarnPadsGetSystemHealthInfoByTarnd, Tarn_sys_diag_PadsSystemHealthInput{function, pid});
+    }
+    static std::vector<Item> Items(uint8_t function = 0) {
+        const auto answer = Get(function);
+        std::vector<Item> items;
+        for (uint32_t i = 0; i < answer->uiHealthInfoNum; ++i) {
+            const Tarn_sys_diag_SysHealthInfo &info = answer->pstHealthInfo[i];
+            items.push_back({info.ucValue1, info.acValue1, info.acValue2, info.acValue3, info.acValue4});
+        }
+        return items;
+    }
+    static Item Find(const std::string &name) {
+        for (const Item &item : Items()) {
+            if (item.name == name) {
+                return item;
+            }
+        }
+        return {99, "", "", "", "no item " + name};
+    }
+};
+
+TEST_F(HealthPartsTest, TellsHowTheSystemIs) {
+    const Item cpu = Find("cpu");
+    EXPECT_EQ(cpu.text, "50.0 % of all CPUs' time in the last 10 s, limit 90.0 %");
+    EXPECT_EQ(cpu.level, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(cpu.source, "system");
+    EXPECT_EQ(cpu.time, "20231114221331");
+    EXPECT_EQ(Find("memory").text, "40.0 % of the memory in use, limit 90.0 %");
+    EXPECT_EQ(Find("io pressure").text, "0.0 % of the last 10 s some task waited, limit 30.0 %");
+    EXPECT_EQ(Find("descriptors").text, "10.0 % of the files that the system may have open, limit 80.0 %");
+    EXPECT_EQ(Find("load").text, "0.00 in the last minute, 0.00 for each CPU, limit 2.00");
+    EXPECT_EQ(Find("disk " + state.Path().string()).source, "system");
+    EXPECT_EQ(Find("disk ").level, 99) << "a directory that there is none of";
+    machine.busyPermille = {0, 0};
+    Pass(1s, 5);
+    EXPECT_EQ(Find("cpu").text.substr(0, 6), "25.0 %") << "of 10 s";
+}
+
+TEST_F(HealthPartsTest, IsDegradedFromTheLimitAndBadFromTheMiddleToTheWhole) {
+    const auto levelAt = [&](uint32_t permille) {
+        SetMemory(permille);
+        Pass(1s);
+        return Find("memory").level;
+    };
+    EXPECT_EQ(levelAt(899), TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(levelAt(900), TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(levelAt(949), TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(levelAt(950), TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Get()->uiValue1, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Get(TARND_HEALTH_CPU)->uiValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 951), 0);
+    EXPECT_EQ(Find("memory").level, TARN_AGENT_HEALTH_GOOD);
+}
+
+TEST_F(HealthPartsTest, TellsTheLoadOfEachCpu) {
+    const auto cpus = static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+    const auto levelAt = [&](double ofEach) {
+        proc.Write("loadavg", fmt::format("{:.3f} 0.00 0.00 1/100 7\n", ofEach * cpus));
+        return Find("load").level;
+    };
+    EXPECT_EQ(levelAt(1.99), TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(levelAt(2), TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(levelAt(3.99), TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(levelAt(4), TARN_AGENT_HEALTH_BAD);
+    EXPECT_NE(Find("load").text.find(", 4.00 for each CPU"), std::string::npos) << Find("load").text;
+}
+
+TEST_F(HealthPartsTest, SaysWhyItCannotTell) {
+    proc.Remove("loadavg");
+    SetDescriptors("none");
+    proc.Write("pressure/io", "full avg10=1.00\n");
+    for (const char *const name : {"load", "descriptors", "io pressure"}) {
+        EXPECT_EQ(Find(name).level, TARND_HEALTH_UNKNOWN) << name;
+    }
+    EXPECT_NE(Find("load").text.find("loadavg: No such file"), std::string::npos) << Find("load").text;
+    EXPECT_EQ(Get()->uiValue1, TARN_AGENT_HEALTH_GOOD) << "the worst of what is known";
+    SetPressure("cpu", "29.99");
+    SetPressure("memory", "10.00");
+    EXPECT_EQ(Find("cpu pressure").level, TARN_AGENT_HEALTH_DEGRADED) << "at the limit, rounded";
+    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_DEGRADED);
+    SetPressure("memory", "55.00");
+    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_BAD);
+}
+
+TEST_F(HealthPartsTest, CountsADiskAsItsUsersSeeIt) {
+    struct statvfs status {};
+    status.f_blocks = 1000;
+    status.f_bfree = 300;
+    status.f_bavail = 200; // 100 are kept for root
+    status.f_files = 100;
+    status.f_ffree = status.f_favail = 10;
+    EXPECT_EQ(tarnd::DiskUseOf(status).space, 778);
+    EXPECT_EQ(tarnd::DiskUseOf(status).files, 900);
+    EXPECT_EQ(tarnd::DiskUseOf({}).space, 0) << "a file system without blocks";
+    EXPECT_EQ(tarnd::DiskUseOf({}).files, 0);
+}
+
+TEST_F(HealthPartsTest, TellsOfAgents) {
+    AddAgent(kPid, "sleepy");
+    AddAgent(kOther, "well");
+    IdlCallResult result{0, ETIMEDOUT};
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [&](uint32_t pid, const auto &, auto &) {
+        clocks.Advance(3ms);
+        return pid == kPid ? result : IdlCallResult{0, 0};
+    });
+    RunDue();
+    const std::vector<Item> agents = Items(TARND_HEALTH_AGENTS);
+    ASSERT_EQ(agents.size(), 2);
+    EXPECT_EQ(agents[0].name, fmt::format("agent of process {}", kPid));
+    EXPECT_EQ(agents[0].source, "sleepy");
+    EXPECT_EQ(agents[0].level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(agents[0].text.substr(0, 16), "does not answer:");
+    EXPECT_EQ(agents[1].text, "answered after 3 ms");
+    EXPECT_EQ(Get(0, kPid).Status(), ETIMEDOUT) << "asked itself";
+    EXPECT_EQ(Get(0, kOther).Status(), 0);
+    EXPECT_EQ(Get(0, kOther + 1).Status(), ESRCH);
+}
+
+// ---- What is switched ----
+
+TEST_F(HealthPartsTest, LooksAtWhatIsSwitchedOn) {
+    EXPECT_EQ(Items(TARND_HEALTH_MEMORY).size(), 1);
+    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 0), 0);
+    EXPECT_EQ(Find("load").level, 99);
+    EXPECT_NE(Find("memory").level, 99);
+    EXPECT_EQ(Get()->uiValue2, 1);
+    EXPECT_EQ(SwitchAll(0), 0);
+    EXPECT_TRUE(Items().empty());
+    EXPECT_EQ(Get()->uiValue2, 0);
+    EXPECT_EQ(SwitchAll(1), 0);
+    EXPECT_EQ(Find("load").level, 99) << "it is off by itself";
+    EXPECT_EQ(Switch(0, 0), 0);
+    EXPECT_TRUE(Items().empty());
+    EXPECT_EQ(Switch(0, 1), 0);
+    EXPECT_NE(Find("load").level, 99);
+}
+
+TEST_F(HealthPartsTest, ChecksWhatIsAskedOfIt) {
+    EXPECT_EQ(SwitchAll(2), EINVAL);
+    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 2), EINVAL);
+    EXPECT_EQ(Switch(TARND_HEALTH_LAST + 1, 1), EINVAL);
+    EXPECT_EQ(Switch(TARND_HEALTH_LAST, 1), 0);
+    EXPECT_EQ(Switch(0, 1, 1), EINVAL) << "functions have limits of their own";
+    EXPECT_EQ(Switch(TARND_HEALTH_DISK, 1, 1001), EINVAL);
+    EXPECT_EQ(Switch(TARND_HEALTH_DISK, 1, 1000), 0);
+    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 1, 1001), 0) << "no share";
+    EXPECT_EQ(Switch(TARND_HEALTH_AGENTS, 1, 1001), EINVAL);
+    EXPECT_EQ(Switch(TARND_HEALTH_AGENTS, 1, 1000), 0);
+    EXPECT_EQ(Switch(TARND_HEALTH_FIRST - 1, 1, UINT32_MAX), 0) << "an agent's";
+    EXPECT_EQ(Get(TARND_HEALTH_FIRST - 1).Status(), EINVAL);
+    EXPECT_EQ(Get(TARND_HEALTH_LAST + 1).Status(), EINVAL);
+}
+
+TEST_F(HealthPartsTest, KeepsWhatWasSwitched) {
+    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 0, 77), 0);
+    EXPECT_EQ(Switch(5, 1, 99), 0);
+    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 500), 0);
+    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1), 0);
+    EXPECT_EQ(SwitchAll(0), 0);
+    Restart();
+    const tarnd::HealthSettings &settings = daemon->healthSettings;
+    EXPECT_FALSE(settings.AllOn());
+    EXPECT_EQ(SwitchAll(1), 0);
+    EXPECT_FALSE(settings.IsOn(TARND_HEALTH_LOAD));
+    EXPECT_TRUE(settings.IsOn(TARND_HEALTH_MEMORY));
+    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_LOAD), 77);
+    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_MEMORY), 500) << "0 leaves the limit";
+    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_CPU_TIME), 3000);
+    ASSERT_EQ(settings.OfAgents().size(), 1);
+    EXPECT_EQ(settings.OfAgents()[0].uiValue, 99);
+}
+
+TEST_F(HealthPartsTest, BringsTheSwitchesToTheAgents) {
+    std::vector<int> all;
+    std::vector<std::pair<int, uint32_t>> functions;
+    peers.OnOneway(TarnSysdiagAgent_TarnPadsSetProcPadsGlobalSwitch_oneway, [&](uint32_t, const auto &request) {
+        all.push_back(request.ucGlobalSwitch);
+        return 0U;
+    });
+    peers.OnOneway(TarnSysdiagAgent_TarnPadsSetProcPadsAppFunSwitch_oneway, [&](uint32_t, const auto &request) {
+        functions.emplace_back(request.ucFunction, request.uiValue);
+        return 0U;
+    });
+    EXPECT_EQ(SwitchAll(0), 0);
+    AddAgent(kPid, "later");
+    RunDue();
+    EXPECT_EQ(all, std::vector{0});
+    EXPECT_EQ(SwitchAll(1), 0);
+    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 500), 0);
+    EXPECT_EQ(Switch(5, 1, 77), 0);
+    RunDue();
+    EXPECT_EQ(all, (std::vector{0, 1}));
+    EXPECT_EQ(functions, (std::vector<std::pair<int, uint32_t>>{{5, 77}})) << "not the daemon's own";
+}
+
+// ---- Who is told ----
+
+class ResourceLevelsTest : public HealthPartsTest {
+protected:
+    using Told = std::vector<std::tuple<uint32_t, int, int, int>>; // process, resource, level, use
+
+    ResourceLevelsTest() {
+        peers.agents = {kPid, kOther};
+        peers.On(TARND_AGENT_METHOD(TarnUpdateResourceInfo), [this](uint32_t pid, const auto &info, auto &) {
+            told_.emplace_back(pid, info.ucResource, info.ucLevel, info.usUsage);
+            return IdlCallResult{0, 0};
+        });
+        for (const uint32_t pid : {kPid, kOther}) {
+            proc.SetThread(pid, kit::FakeProc::MakeTask(pid, "program"));
+        }
+    }
+    static uint32_t Subscribe(uint32_t pid, uint32_t events) {
+        return kit::CallMethod<Tarn_sys_diag_Result>(TarnAppSubscribe, Tarn_sys_diag_AppSubscribeInput{pid, events})
+            ->uiResult;
+    }
+    Told Take() {
+        RunDue();
+        return std::exchange(told_, {});
+    }
+    Told At(uint32_t memoryPermille) {
+        SetMemory(memoryPermille);
+        Pass(1s);
+        return Take();
+    }
+    static Told OfMemory(int level, int use) { return {{kPid, TARN_AGENT_RESOURCE_MEMORY, level, use}}; }
+
+    Told told_;
+};
+
+TEST_F(ResourceLevelsTest, AreToldAtTheStartToWhomeverAsked) {
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_DESCRIPTORS), 0);
+    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 0, 500},
+                            {kPid, TARN_AGENT_RESOURCE_MEMORY, 0, 400},
+                            {kOther, TARN_AGENT_RESOURCE_DESCRIPTORS, 0, 100}}));
+    Pass(1s, 10);
+    EXPECT_EQ(Take(), Told{}) << "nothing has changed";
+}
+
+TEST_F(ResourceLevelsTest, ChangeAtTheLimitAndBelowItWithHysteresis) {
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Take(), OfMemory(0, 400));
+    EXPECT_EQ(At(899), Told{});
+    EXPECT_EQ(At(900), OfMemory(1, 900));
+    EXPECT_EQ(At(949), Told{});
+    EXPECT_EQ(At(950), OfMemory(2, 950));
+    EXPECT_EQ(At(930), Told{});
+    EXPECT_EQ(At(929), OfMemory(1, 929));
+    EXPECT_EQ(At(880), Told{});
+    EXPECT_EQ(At(879), OfMemory(0, 879));
+    EXPECT_EQ(At(1000), OfMemory(2, 1000));
+    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 0), 0);
+    EXPECT_EQ(At(1000), OfMemory(0, 1000)) << "not looked at";
+}
+
+TEST_F(ResourceLevelsTest, OfCpusAreThoseOfThreeSeconds) {
+    EXPECT_EQ(Switch(TARND_HEALTH_CPU, 1, 600), 0);
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), 0);
+    Take();
+    machine.busyPermille = {1000, 1000};
+    Pass(1s);
+    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 1, 667}}));
+    Pass(1s);
+    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 2, 833}}));
+}
+
+TEST_F(ResourceLevelsTest, OfDescriptorsAreThoseInUse) {
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_DESCRIPTORS), 0);
+    Take();
+    SetDescriptors("8100 101 10000");
+    Pass(1s);
+    EXPECT_EQ(Take(), Told{}) << "less those that are allocated and not in use";
+    SetDescriptors("8100 100 10000");
+    Pass(1s);
+    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_DESCRIPTORS, 1, 800}}));
+}
+
+} // namespace

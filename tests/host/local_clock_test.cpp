@@ -1,0 +1,165 @@
+// The daemon's clock: what it shows by its settings, what it takes, and what it keeps.
+#include "host/daemon/time/local_clock.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+
+#include "host/osal/text.h"
+#include "tests/host/manual_clocks.h"
+#include "tests/host/temp_dir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char *kSource = "a test";
+
+class LocalClockTest : public testing::Test {
+protected:
+    // The code of what a setting throws.
+    template <class Function>
+    static int ErrorOf(Function function) {
+        try {
+            function();
+        } catch (const std::system_error &error) {
+            return error.code().value();
+        }
+        return 0;
+    }
+    int SetZone(const std::string &name, int32_t minutes) {
+        return ErrorOf([&] { clock_.SetZone({name, minutes}, kSource); });
+    }
+    int SetGmt(const Tarn_sys_diag_Systime &time) {
+        return ErrorOf([&] { clock_.SetGmt(time); });
+    }
+    int SetLocal(const Tarn_sys_diag_Systime &time) {
+        return ErrorOf([&] { clock_.SetLocal(time); });
+    }
+    int SetEuropeanDst(uint32_t minutes = 60) {
+        return ErrorOf([&] {
+            clock_.SetDst(host::DstRule{"CEST", minutes, {0, 3, 5, 0, 2, 0, 0}, {0, 10, 5, 0, 3, 0, 0}}, kSource);
+        });
+    }
+    std::string Shown() const { return clock_.Text(clocks_.WallNow()); }
+
+    const kit::TempDir dir_;
+    kit::ManualClocks clocks_; // at 2023-11-14 22:13:20 GMT
+    host::Store store_{dir_.Path() / "state"};
+    tarnd::LocalClock clock_{clocks_, store_, {}};
+};
+
+TEST_F(LocalClockTest, ShowsTheSystemsTimeUntilItIsToldAnother) {
+    const time_t now = 1'700'000'000;
+    char text[32];
+    strftime(text, sizeof text, "%F %T", localtime(&now));
+    EXPECT_EQ(Shown(), text);
+}
+
+TEST_F(LocalClockTest, ShowsTheTimeByItsSettings) {
+    EXPECT_EQ(SetZone("Asia/Kathmandu", 345), 0);
+    EXPECT_EQ(Shown(), "2023-11-15 03:58:20");
+    EXPECT_EQ(SetGmt({2031, 2, 3, 4, 5, 6, 1, 7}), 0);
+    EXPECT_EQ(Shown(), "2031-02-03 09:50:06");
+    EXPECT_EQ(clock_.LocalTime(clocks_.WallNow()).uiMillisecond, 7);
+    clocks_.Advance(24h + 993ms);
+    EXPECT_EQ(Shown(), "2031-02-04 09:50:07") << "it goes on";
+    EXPECT_EQ(host::TextOf(clock_.LocalNow()), "2031-02-04 09:50:07");
+    EXPECT_EQ(clock_.Text(clocks_.WallNow() - 1h), "2031-02-04 08:50:07");
+    EXPECT_EQ(SetLocal({2032, 2, 29, 23, 59, 30, 0, 0}), 0);
+    EXPECT_EQ(SetZone("UTC", 0), 0);
+    EXPECT_EQ(Shown(), "2032-02-29 18:14:30");
+    clock_.SetDateFormat(1);
+    EXPECT_EQ(Shown(), "29-02-2032 18:14:30");
+    clock_.SetDateFormat(2);
+    EXPECT_EQ(Shown(), "02-29-2032 18:14:30");
+    EXPECT_EQ(ErrorOf([&] { clock_.SetDateFormat(3); }), EINVAL);
+    clock_.SetDateFormat(0);
+    EXPECT_EQ(Shown(), "2032-02-29 18:14:30");
+}
+
+TEST_F(LocalClockTest, SavesDaylight) {
+    EXPECT_EQ(SetZone("Europe/Berlin", 60), 0);
+    EXPECT_EQ(SetEuropeanDst(), 0);
+    EXPECT_EQ(SetGmt({2026, 7, 1, 12, 0, 0, 0, 0}), 0);
+    EXPECT_EQ(Shown(), "2026-07-01 14:00:00");
+    EXPECT_EQ(SetGmt({2026, 12, 1, 12, 0, 0, 0, 0}), 0);
+    EXPECT_EQ(Shown(), "2026-12-01 13:00:00");
+    EXPECT_EQ(SetLocal({2026, 3, 29, 2, 30, 0, 0, 0}), EINVAL) << "the clock skips it";
+    EXPECT_EQ(Shown(), "2026-12-01 13:00:00");
+    EXPECT_EQ(SetLocal({2026, 10, 25, 2, 30, 0, 0, 0}), 0) << "which comes twice: the first time";
+    clocks_.Advance(1h);
+    EXPECT_EQ(Shown(), "2026-10-25 02:30:00");
+    clock_.SetDst({}, kSource);
+    EXPECT_EQ(Shown(), "2026-10-25 02:30:00");
+    clocks_.Advance(-1h);
+    EXPECT_EQ(Shown(), "2026-10-25 01:30:00") << "without daylight saving";
+}
+
+TEST_F(LocalClockTest, RefusesWhatMakesNoSense) {
+    EXPECT_EQ(SetZone("America/St_Johns", -210), 0);
+    EXPECT_EQ(SetGmt({2031, 2, 3, 4, 5, 6, 0, 0}), 0);
+    for (const auto &[name, minutes] : std::multimap<std::string, int32_t>{
+             {"Pacific/Kiritimati", 841}, {"Etc/GMT+12", -721}, {"", 0}, {"a b", 60}, {"../../etc/passwd", 0}}) {
+        EXPECT_EQ(SetZone(name, minutes), EINVAL) << name;
+    }
+    EXPECT_EQ(SetGmt({2026, 2, 29, 0, 0, 0, 0, 0}), EINVAL);
+    EXPECT_EQ(SetGmt({1969, 1, 1, 0, 0, 0, 0, 0}), EINVAL);
+    EXPECT_EQ(SetGmt({}), EINVAL);
+    EXPECT_EQ(SetLocal({2026, 11, 21, 24, 0, 0, 0, 0}), EINVAL);
+    EXPECT_EQ(SetLocal({2026, 11, 21, 0, 0, 0, 1, 0}), EINVAL) << "a Saturday";
+    EXPECT_EQ(SetEuropeanDst(0), EINVAL);
+    EXPECT_EQ(SetEuropeanDst(181), EINVAL);
+    EXPECT_EQ(Shown(), "2031-02-03 00:35:06") << "as it was";
+    EXPECT_EQ(SetZone("Pacific/Kiritimati", 840), 0);
+    EXPECT_EQ(SetZone("Etc/GMT+12", -720), 0);
+}
+
+TEST_F(LocalClockTest, KeepsItsSettings) {
+    EXPECT_EQ(SetZone("Europe/Berlin", 60), 0);
+    EXPECT_EQ(SetEuropeanDst(30), 0);
+    EXPECT_EQ(SetGmt({2026, 7, 1, 12, 0, 0, 0, 0}), 0);
+    clock_.SetDateFormat(1);
+    EXPECT_EQ(Shown(), "01-07-2026 13:30:00");
+    EXPECT_EQ(tarnd::LocalClock(clocks_, store_, {}).Text(clocks_.WallNow()), Shown());
+}
+
+TEST_F(LocalClockTest, IsAsItWasWhenASettingCannotBeKept) {
+    EXPECT_EQ(SetZone("Asia/Kathmandu", 345), 0);
+    const std::string before = Shown();
+    std::filesystem::remove_all(dir_.Path() / "state");
+    std::ofstream(dir_.Path() / "state") << "a file is in the way";
+    EXPECT_NE(SetZone("UTC", 0), 0);
+    EXPECT_NE(SetGmt({2031, 2, 3, 4, 5, 6, 0, 0}), 0);
+    EXPECT_EQ(Shown(), before);
+}
+
+TEST_F(LocalClockTest, TellsOfEachChangeAndOfNothingElse) {
+    int changes = 0;
+    clock_.OnChange([&] { ++changes; });
+    EXPECT_EQ(SetZone("Europe/Berlin", 60), 0);
+    EXPECT_EQ(changes, 1);
+    EXPECT_EQ(SetZone("Europe/Berlin", 60), 0);
+    EXPECT_EQ(changes, 1) << "it was so before";
+    EXPECT_EQ(SetZone("Europe/Berlin", 900), EINVAL);
+    EXPECT_EQ(changes, 1);
+    EXPECT_EQ(SetGmt({2026, 7, 1, 12, 0, 0, 0, 0}), 0);
+    EXPECT_EQ(changes, 2);
+}
+
+TEST_F(LocalClockTest, NamesTheSystemsZoneWhereItIsToldTo) {
+    if (!std::filesystem::exists("/usr/share/zoneinfo/Asia/Kathmandu")) {
+        GTEST_SKIP() << "the system has no zones";
+    }
+    const std::filesystem::path link = dir_.Path() / "localtime";
+    tarnd::LocalClock clock(clocks_, store_, link);
+    EXPECT_EQ(ErrorOf([&] { clock.SetZone({"Nowhere/At_All", 60}, kSource); }), ENOENT);
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
+    for (const auto &[name, minutes] : std::map<std::string, int32_t>{{"Asia/Kathmandu", 345}, {"Europe/Berlin", 60}}) {
+        clock.SetZone({name, minutes}, kSource);
+        EXPECT_EQ(std::filesystem::read_symlink(link), "/usr/share/zoneinfo/" + name);
+    }
+}
+
+} // namespace

@@ -1,0 +1,184 @@
+// What the daemon tells the master, and what it takes over from it.
+#include <gtest/gtest.h>
+
+#include "host/values/daemon.h"
+#include "host/values/master.h"
+#include "server/tarnd.h"
+#include "tests/host/simulated_daemon.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A master that has configured everything.
+class MasterLinkTest : public testing::Test, protected kit::SimulatedDaemon {
+protected:
+    MasterLinkTest() {
+        peers.OnOneway(TarnSysdiagMaster_DetectSysdiagServerOnline_oneway, [this](uint32_t pid, const auto &) {
+            EXPECT_EQ(pid, 0) << "no agent's";
+            ++greetings_;
+            return unreachable_;
+        });
+        peers.On(TarnSysdiagMaster_GetTimezone, [this](uint32_t, const auto &, auto &reply) {
+            reply.uiValue1 = zone_;
+            host::CopyText(reply.stTimezone.szTimezoneName, "Asia/Kathmandu");
+            reply.stTimezone.uiTimezoneOffset = 345;
+            return IdlCallResult{0, 0};
+        });
+        peers.On(TarnSysdiagMaster_GetCpuOvLoadCfgInfo, [this](uint32_t, const auto &request, auto &reply) {
+            EXPECT_EQ(std::string(request.acName1), "system");
+            reply.uiValue1 = cpu_.over;
+            reply.uiValue2 = cpu_.recover;
+            reply.uiValue3 = cpu_.seconds;
+            return cpuResult_;
+        });
+        peers.On(TarnSysdiagMaster_GetMemoryOvLoadCfgInfo, [this](uint32_t, const auto &request, auto &reply) {
+            EXPECT_EQ(std::string(request.acName1), "system");
+            reply.uiValue1 = memory_.over;
+            reply.uiValue2 = memory_.recover;
+            return IdlCallResult{0, 0};
+        });
+        peers.On(TarnSysdiagMaster_MemChangeInnerConfig, [this](uint32_t, const auto &request, auto &) {
+            told_.emplace_back(request.uiValue1, request.uiValue2);
+            EXPECT_EQ(std::string(request.acName1), "system");
+            EXPECT_EQ(std::string(request.acName3), fmt::format("tarnd {}", getpid()));
+            if (unreachable_ == 0) { // it is the master's from now on
+                memory_ = {request.uiValue1, request.uiValue2};
+            }
+            return IdlCallResult{0, unreachable_};
+        });
+        peers.On(TarnSysdiagMaster_SysdiagGetDimCfgInfo, [](uint32_t, const auto &, auto &reply) {
+            reply.ucValue1 = TARND_DIM_EVERY_MINUTES;
+            reply.ucValue2 = 5;
+            return IdlCallResult{0, 0};
+        });
+        peers.On(TarnSysdiagMaster_SysdiagGetDimWorkMode, [](uint32_t, const auto &, auto &reply) {
+            reply.uiWorkMode = TARND_DIM_MODE_REPORT;
+            return IdlCallResult{0, 0};
+        });
+    }
+
+    // As the master does when it has something new.
+    void Greet() {
+        const Tarn_sys_diag_None none{};
+        EXPECT_EQ(DetectTarndServerOnline(&none), 0);
+        RunDue();
+    }
+    static uint32_t SetMemory(uint32_t over, uint32_t recover) {
+        return kit::CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadMemThresholdSet,
+                                                         Tarn_sys_diag_SysOvLoadMemThreshold{over, recover})
+            ->uiResult;
+    }
+    std::pair<uint32_t, uint32_t> OfMemory() const {
+        const tarnd::MemoryThresholds thresholds = daemon->memoryOverload.Thresholds();
+        return {thresholds.over, thresholds.recover};
+    }
+    std::string Zoned() const { return daemon->clock.Text(host::WallTime(0s)); }
+    uint32_t MeasurementPeriodMs() const {
+        for (const tarnd::Timers::Timer &timer : daemon->timers.List()) {
+            if (std::string(timer.name) == "measurement") {
+                return static_cast<uint32_t>(timer.period.count());
+            }
+        }
+        return UINT32_MAX;
+    }
+
+    uint32_t unreachable_ = 0;
+    uint32_t zone_ = TARN_MASTER_CONFIGURED;
+    tarnd::Thresholds cpu_{700, 600, 30};
+    IdlCallResult cpuResult_{0, 0};
+    tarnd::MemoryThresholds memory_{800, 750};
+    int greetings_ = 0;
+    std::vector<std::pair<uint32_t, uint32_t>> told_;
+};
+
+TEST_F(MasterLinkTest, TakesOverWhatTheMasterHasConfigured) {
+    RunDue();
+    EXPECT_TRUE(peers.calls.empty()) << "it was not asked to";
+    Greet();
+    EXPECT_EQ(greetings_, 1);
+    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00");
+    const tarnd::Thresholds cpu = daemon->cpuOverload.System();
+    EXPECT_EQ(cpu.over, 700);
+    EXPECT_EQ(cpu.recover, 600);
+    EXPECT_EQ(cpu.seconds, 30);
+    EXPECT_EQ(OfMemory(), std::pair(800U, 750U));
+    EXPECT_EQ(MeasurementPeriodMs(), 300'000);
+    EXPECT_TRUE(told_.empty()) << "what it has it is not told";
+    for (const auto &call : peers.calls) {
+        EXPECT_EQ(call.pid, 0);
+        EXPECT_EQ(call.timeoutMs, 1000);
+    }
+}
+
+TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
+    daemon->clock.SetZone({"UTC", 0}, "a test");
+    zone_ = TARN_MASTER_OF_SYSTEM;
+    Greet();
+    EXPECT_EQ(Zoned(), "1970-01-01 00:00:00");
+    EXPECT_EQ(OfMemory(), std::pair(800U, 750U)) << "the rest it takes";
+}
+
+TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
+    const uint32_t before = daemon->cpuOverload.System().over;
+    for (const uint32_t status : {ENODATA, ENOENT, EPERM}) {
+        cpuResult_ = {status, 0};
+        memory_.over += 10;
+        Greet();
+        EXPECT_EQ(daemon->cpuOverload.System().over, before);
+        EXPECT_EQ(OfMemory().first, memory_.over);
+    }
+    cpuResult_ = {0, 0};
+    for (const tarnd::Thresholds &wrong : {tarnd::Thresholds{1001, 600, 30}, tarnd::Thresholds{600, 601, 30},
+                                           tarnd::Thresholds{600, 500, TARND_OVERLOAD_MAX_S + 1}}) {
+        cpu_ = wrong;
+        memory_.over += 10;
+        Greet();
+        EXPECT_EQ(daemon->cpuOverload.System().over, before);
+        EXPECT_EQ(OfMemory().first, memory_.over);
+    }
+    cpu_ = {1000, 1000, TARND_OVERLOAD_MAX_S};
+    Greet();
+    EXPECT_EQ(daemon->cpuOverload.System().over, 1000);
+}
+
+TEST_F(MasterLinkTest, AsksNoMoreOfAMasterThatDoesNotAnswer) {
+    cpuResult_ = {0, ETIMEDOUT};
+    Greet();
+    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00") << "until then";
+    EXPECT_EQ(OfMemory(), std::pair(900U, 850U)) << "and nothing after it";
+    peers.calls.clear();
+    unreachable_ = ECONNREFUSED;
+    Greet();
+    EXPECT_EQ(peers.calls.size(), 1) << "the greeting";
+}
+
+TEST_F(MasterLinkTest, TellsTheMasterWhatClientsChange) {
+    EXPECT_EQ(SetMemory(700, 650), 0);
+    RunDue();
+    EXPECT_EQ(told_, (std::vector{std::pair(700U, 650U)}));
+    EXPECT_EQ(SetMemory(1001, 650), EINVAL);
+    Greet();
+    EXPECT_EQ(told_.size(), 1) << "once";
+    EXPECT_EQ(greetings_, 1);
+}
+
+TEST_F(MasterLinkTest, TellsItWhenItIsThereBeforeItFetches) {
+    unreachable_ = ECONNREFUSED;
+    EXPECT_EQ(SetMemory(700, 650), 0);
+    RunDue();
+    EXPECT_EQ(SetMemory(600, 550), 0);
+    RunDue();
+    EXPECT_EQ(greetings_, 0);
+    unreachable_ = 0;
+    RunDue();
+    EXPECT_EQ(told_.size(), 2) << "it waits for the greeting";
+    Greet();
+    ASSERT_EQ(told_.size(), 3);
+    EXPECT_EQ(told_[2], std::pair(600U, 550U)) << "as it is now";
+    EXPECT_EQ(OfMemory(), std::pair(600U, 550U)) << "the master's did not undo the change";
+    Greet();
+    EXPECT_EQ(told_.size(), 3);
+}
+
+} // namespace
