@@ -42,19 +42,4 @@ Daemon::Drivers::Drivers(Daemon &daemon)
     : samples(daemon.sampler), timers("timers", daemon.timers),
       courier("courier", daemon.courier, Courier::kMaxThreads), masterLink("master link", daemon.masterLink) {}
 
-// ---- Until every part is handed what it needs ----
-
-host::Store &TheStore() {
-    return Daemon::Serving().store;
-}
-LocalClock &TheClock() {
-    return Daemon::Serving().clock;
-}
-Timers &TheTimers() {
-    return Daemon::Serving().timers;
-}
-Sampler &TheSampler() {
-    return Daemon::Serving().sampler;
-}
-
 } // namespace tarnd

@@ -16,10 +16,10 @@ public:
     Descriptor() = default; // none
     explicit Descriptor(int fd) : fd_(fd) {}
 
-    // Takes what open returned, and throws errno for -1.
+    // Takes what open returned, and throws errno for -1; for a link that it may not follow, EACCES.
     Descriptor(int fd, const std::string &what) : fd_(fd) {
         if (fd < 0) {
-            Fail(errno, what);
+            Fail(errno == ELOOP ? EACCES : errno, errno == ELOOP ? what + " is a link" : what);
         }
     }
     Descriptor(Descriptor &&other) noexcept : fd_(other.Release()) {}

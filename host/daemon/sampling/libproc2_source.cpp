@@ -6,23 +6,24 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <system_error>
 
 namespace tarnd {
 
 namespace {
 
-enum pids_item kProcessItems[] = {PIDS_ID_PID, PIDS_NLWP,  PIDS_TICS_BEGAN, PIDS_TICS_ALL,
-                                  PIDS_RSS,    PIDS_STATE, PIDS_CMD};
+constexpr std::array<pids_item, 7> kProcessItems{PIDS_ID_PID, PIDS_NLWP,  PIDS_TICS_BEGAN, PIDS_TICS_ALL,
+                                                 PIDS_RSS,    PIDS_STATE, PIDS_CMD};
 enum ProcessItem { kPid, kThreadNum, kStart, kTicks, kRss, kState, kName };
 
-enum stat_item kCpuItems[] = {STAT_TIC_ID,      STAT_TIC_SUM_USER, STAT_TIC_SYSTEM, STAT_TIC_IRQ,
-                              STAT_TIC_SOFTIRQ, STAT_TIC_STOLEN,   STAT_TIC_IDLE,   STAT_TIC_IOWAIT};
+constexpr std::array<stat_item, 8> kCpuItems{STAT_TIC_ID,      STAT_TIC_SUM_USER, STAT_TIC_SYSTEM, STAT_TIC_IRQ,
+                                             STAT_TIC_SOFTIRQ, STAT_TIC_STOLEN,   STAT_TIC_IDLE,   STAT_TIC_IOWAIT};
 enum CpuItem { kId, kUser, kSystem, kIrq, kSoftIrq, kStolen, kIdle, kIoWait };
 
-enum meminfo_item kMemoryItems[] = {MEMINFO_MEM_TOTAL,   MEMINFO_MEM_AVAILABLE, MEMINFO_MEM_FREE,
-                                    MEMINFO_MEM_BUFFERS, MEMINFO_MEM_CACHED,    MEMINFO_MEM_SLAB,
-                                    MEMINFO_MEM_SHARED,  MEMINFO_SWAP_TOTAL,    MEMINFO_SWAP_FREE};
+constexpr std::array<meminfo_item, 9> kMemoryItems{MEMINFO_MEM_TOTAL,   MEMINFO_MEM_AVAILABLE, MEMINFO_MEM_FREE,
+                                                   MEMINFO_MEM_BUFFERS, MEMINFO_MEM_CACHED,    MEMINFO_MEM_SLAB,
+                                                   MEMINFO_MEM_SHARED,  MEMINFO_SWAP_TOTAL,    MEMINFO_SWAP_FREE};
 
 // The library tells of a failure by a negative errno or by a null and errno.
 void Check(int status, const char *what) {
@@ -52,7 +53,7 @@ CpuTicks TicksOf(const stat_stack *stack) {
 }
 
 ProcessSample ProcessOf(const pids_stack *stack) {
-    static const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+    const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
     const auto item = [&](ProcessItem which) -> const auto & {
         return stack->head[which].result;
     };
@@ -89,7 +90,8 @@ struct Libproc2Source::Handles {
 
 Libproc2Source::Libproc2Source(const host::procfs::Procfs &proc)
     : handles_(std::make_unique<Handles>()), threads_(proc) {
-    Check(procps_pids_new(&handles_->processes, kProcessItems, std::size(kProcessItems)), "the list of processes");
+    std::array items = kProcessItems; // the library wants no constants, but does not change them
+    Check(procps_pids_new(&handles_->processes, items.data(), items.size()), "the list of processes");
     Check(procps_stat_new(&handles_->cpus), "/proc/stat");
     Check(procps_meminfo_new(&handles_->memory), "/proc/meminfo");
 }
@@ -106,8 +108,9 @@ Sample Libproc2Source::Read(const Sample *previous) {
 }
 
 void Libproc2Source::ReadCpus(Sample &sample) {
+    std::array items = kCpuItems;
     const stat_reaped *const read =
-        Check(procps_stat_reap(handles_->cpus, STAT_REAP_CPUS_ONLY, kCpuItems, std::size(kCpuItems)), "/proc/stat");
+        Check(procps_stat_reap(handles_->cpus, STAT_REAP_CPUS_ONLY, items.data(), items.size()), "/proc/stat");
     sample.system.cpu = TicksOf(read->summary);
     for (int i = 0; i < read->cpus->total; ++i) {
         const stat_stack *const stack = read->cpus->stacks[i];
@@ -121,11 +124,12 @@ void Libproc2Source::ReadCpus(Sample &sample) {
 }
 
 void Libproc2Source::ReadMemory(MemorySample &memory) {
+    std::array items = kMemoryItems;
     const meminfo_stack *const read =
-        Check(procps_meminfo_select(handles_->memory, kMemoryItems, std::size(kMemoryItems)), "/proc/meminfo");
+        Check(procps_meminfo_select(handles_->memory, items.data(), items.size()), "/proc/meminfo");
     uint64_t *const to[] = {&memory.total, &memory.available, &memory.free,      &memory.buffers, &memory.cached,
                             &memory.slab,  &memory.shared,    &memory.swapTotal, &memory.swapFree};
-    static_assert(std::size(to) == std::size(kMemoryItems));
+    static_assert(std::size(to) == kMemoryItems.size());
     for (size_t i = 0; i < std::size(to); ++i) {
         *to[i] = read->head[i].result.ul_int;
     }

@@ -101,6 +101,4 @@ private:
     std::deque<SystemSample> system_ TARN_GUARDED_BY(mutex_);
 };
 
-Sampler &TheSampler();
-
 } // namespace tarnd

@@ -63,6 +63,4 @@ private:
     std::function<void()> changed_;
 };
 
-LocalClock &TheClock();
-
 } // namespace tarnd

@@ -63,6 +63,4 @@ private:
     host::SteadyTime told_ TARN_GUARDED_BY(mutex_) = host::SteadyTime::max();
 };
 
-Timers &TheTimers();
-
 } // namespace tarnd

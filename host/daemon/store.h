@@ -1,9 +1,0 @@
-#pragma once
-
-#include "host/store/store.h"
-
-namespace tarnd {
-
-host::Store &TheStore();
-
-} // namespace tarnd
