@@ -133,8 +133,129 @@ TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
     EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE);
 }
 
+// The measurements that nobody asks for.
+class MeasurementByTimeTest : public MeasurementPartsTest {
+protected:
+    MeasurementByTimeTest() {
+        Install("victim", "first");
+        Run(kFakePid, "victim");
+    }
+
+    void SetTimes(uint8_t value1, uint8_t value2) {
+        const Tarn_sys_diag_DimTimeCfg request{value1, value2};
+        EXPECT_EQ(TarnSetDimTimeCfgByTarnd(&request), 0);
+    }
+    void SetMode(uint32_t mode) {
+        const Tarn_sys_diag_DimWorkModeCfg request{mode};
+        EXPECT_EQ(TarnSetDimWorkModeCfgByTarnd(&request), 0);
+    }
+    void SetClock(uint8_t hour, uint8_t minute, uint8_t second) {
+        daemon->clock.SetLocal({2026, 6, 1, hour, minute, second, 0, 0});
+        RunDue();
+    }
+
+    // Whether there was one since the last time that this was asked.
+    bool Measured() {
+        while (Result()->uiValue1 == TARND_DIM_STATE_RUNS) {
+            std::this_thread::yield();
+        }
+        const bool measured = Result()->uiValue1 != TARND_DIM_STATE_NONE;
+        if (measured) {
+            EXPECT_EQ(Operate(TARND_DIM_FORGET), 0);
+        }
+        return measured;
+    }
+    // How many there are while time passes.
+    int Measurements(std::chrono::nanoseconds step, int steps) {
+        int number = 0;
+        for (int i = 0; i < steps; ++i) {
+            Pass(step);
+            number += Measured() ? 1 : 0;
+        }
+        return number;
+    }
+};
+
+TEST_F(MeasurementByTimeTest, RunsPeriodically) {
+    EXPECT_EQ(Measurements(1h, 30), 0) << "until it is told to";
+    SetTimes(TARND_DIM_EVERY_SECONDS, 7);
+    EXPECT_EQ(Measurements(1s, 6), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1);
+    EXPECT_EQ(Measurements(1s, 70), 10);
+    SetTimes(TARND_DIM_EVERY_MINUTES, 7);
+    EXPECT_EQ(Measurements(1s, 419), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1);
+    EXPECT_EQ(Measurements(1min, 70), 10);
+    SetTimes(TARND_DIM_EVERY_MINUTES, 0);
+    EXPECT_EQ(Measurements(1min, 70), 0);
+}
+
+TEST_F(MeasurementByTimeTest, DoesNotRunWhileItIsOff) {
+    SetMode(TARND_DIM_MODE_OFF);
+    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
+    EXPECT_EQ(Measurements(1s, 20), 0);
+    SetTimes(3, 30);
+    EXPECT_EQ(Measurements(1min, 25 * 60), 0);
+    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
+    SetMode(TARND_DIM_MODE_LEARN);
+    EXPECT_EQ(Measurements(1s, 20), 4);
+    SetMode(TARND_DIM_MODE_OFF);
+    EXPECT_EQ(Measurements(1s, 20), 0);
+}
+
+TEST_F(MeasurementByTimeTest, KeepsItsTimesBeyondARestart) {
+    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
+    Restart();
+    EXPECT_EQ(Measurements(1s, 20), 4);
+    SetTimes(3, 30);
+    Restart();
+    EXPECT_EQ(Measurements(1min, 24 * 60), 1);
+}
+
+TEST_F(MeasurementByTimeTest, RunsAtATimeOfDay) {
+    SetTimes(3, 30); // it is 22:13:20
+    EXPECT_EQ(Measurements(1min, 5 * 60 + 16), 0);
+    EXPECT_EQ(Measurements(1s, 39), 0) << "03:29:59";
+    EXPECT_EQ(Measurements(1s, 1), 1);
+    EXPECT_EQ(Measurements(1min, 24 * 60 - 1), 0);
+    EXPECT_EQ(Measurements(1min, 1), 1);
+    SetTimes(0, 0);
+    EXPECT_EQ(Measurements(1min, 20 * 60 + 29), 0);
+    EXPECT_EQ(Measurements(1min, 1), 1) << "midnight";
+}
+
+TEST_F(MeasurementByTimeTest, RunsByTheDaemonsClock) {
+    SetTimes(3, 30);
+    SetClock(4, 29, 58);
+    EXPECT_EQ(Measurements(1s, 3), 0);
+    SetClock(3, 29, 58);
+    EXPECT_EQ(Measurements(1s, 1), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1);
+    SetClock(2, 29, 58);
+    daemon->clock.SetZone({"east", 60}, "the test");
+    RunDue();
+    EXPECT_EQ(Measurements(1s, 1), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1);
+}
+
+TEST_F(MeasurementByTimeTest, NoticesThatTheSystemsClockWasSet) {
+    SetTimes(3, 30);
+    SetClock(1, 0, 0);
+    clocks.SetWall(clocks.WallNow() + 2h + 29min);
+    EXPECT_EQ(Measurements(1s, 59), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1) << "which nobody tells it";
+}
+
+TEST_F(MeasurementByTimeTest, RunsPeriodicallyWhateverClocksShow) {
+    SetTimes(TARND_DIM_EVERY_SECONDS, 10);
+    EXPECT_EQ(Measurements(1s, 5), 0);
+    SetClock(3, 29, 58);
+    EXPECT_EQ(Measurements(1s, 4), 0);
+    EXPECT_EQ(Measurements(1s, 1), 1);
+}
+
 // A pass over the files that stands still until the test lets it go on.
-class HeldMeasurementTest : public MeasurementPartsTest {
+class HeldMeasurementTest : public MeasurementByTimeTest {
 protected:
     using Answers = std::vector<uint32_t>;
 
@@ -151,8 +272,6 @@ protected:
     }
     // The first, which holds the pass.
     void Hold(Answers &answers) {
-        Install("victim", "first");
-        Run(kFakePid, "victim");
         Ask(TARND_DIM_MEASURE, answers, [this] {
             if (!held_.exchange(true)) {
                 started_.set_value();
@@ -166,6 +285,14 @@ protected:
     void WaitFor(const Answers &answers, size_t number) {
         std::unique_lock lock(mutex_);
         answered_.wait(lock, [&] { return answers.size() == number; });
+    }
+
+    static size_t PassesIn(const std::string &log) {
+        size_t passes = 0;
+        for (size_t at = 0; (at = log.find("MB read)", at)) != log.npos; ++at) {
+            ++passes;
+        }
+        return passes;
     }
 
     std::atomic<bool> held_ = false;
@@ -187,11 +314,21 @@ TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
     WaitFor(answers, 12);
     EXPECT_EQ(answers, Answers(12, 0));
     const std::string log = testing::internal::GetCapturedStderr();
-    size_t passes = 0;
-    for (size_t at = 0; (at = log.find("MB read)", at)) != log.npos; ++at) {
-        ++passes;
-    }
-    EXPECT_EQ(passes, 2) << log;
+    EXPECT_EQ(PassesIn(log), 2) << log;
+}
+
+TEST_F(HeldMeasurementTest, IsNotDueWhileOneRuns) {
+    testing::internal::CaptureStderr();
+    Answers answers;
+    Hold(answers);
+    SetTimes(TARND_DIM_EVERY_SECONDS, 1);
+    Pass(1s, 5);
+    GoOn();
+    WaitFor(answers, 1);
+    EXPECT_TRUE(Measured());
+    EXPECT_EQ(Measurements(1s, 1), 1);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(PassesIn(log), 2) << log;
 }
 
 TEST_F(HeldMeasurementTest, LetsOnlySoManyWait) {
