@@ -1,4 +1,4 @@
-// Measurement, against sha256sum and executables that the test changes.
+// Measurement, against sha256sum and executables that the test changes: what the machine itself runs is measured too.
 #include "host/answer/unit.h"
 
 TARN_UNIT()
@@ -6,21 +6,15 @@ TARN_UNIT()
 #include "types/master.h"
 #include "types/tarnd.h"
 
-#include <future>
-
 #include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-
 // Other processes of the machine come and go, so the tests look for a file of their own.
 class MeasurementTest : public kit::DaemonTest<Unit> {
 protected:
-    std::vector<std::string> Options() const override {
-        return {"--state-dir", state_, "--measure-rate", std::to_string(rateMb_)};
-    }
+    std::vector<std::string> Options() const override { return {"--state-dir", state_, "--measure-rate", "0"}; }
 
     // An executable of the test's own, and a process that runs it.
     std::unique_ptr<kit::Process> StartVictim() {
@@ -65,7 +59,6 @@ protected:
         return count;
     }
 
-    uint32_t rateMb_ = 0;
     const std::filesystem::path state_ = dir_.Path() / "state";
     const std::filesystem::path victim_ = dir_.Path() / "victim";
     const std::string changed_ = "measurement: changed: " + victim_.string();
@@ -111,70 +104,6 @@ TEST_F(MeasurementTest, FindsAnExecutableThatWasChanged) {
     EXPECT_EQ(kit::TextOfFile(state_ / "measurement-baseline.json").find(before), std::string::npos);
 }
 
-TEST_F(MeasurementTest, KeepsTheBaselineBeyondARestart) {
-    auto victim = StartVictim();
-    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
-    daemon_.reset(); // kills it
-    victim.reset();
-    ChangeVictim();
-    StartDaemon();
-    victim = StartVictim();
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Count(changed_), 1) << daemon_->Err();
-}
-
-TEST_F(MeasurementTest, LearnsNewFilesWhenToldTo) {
-    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
-    const auto victim = StartVictim();
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Count(new_), 1);
-    SetMode(TARND_DIM_MODE_LEARN);
-    ASSERT_TRUE(Logged("work mode 2"));
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Count(new_), 2);
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Count(new_), 2) << "it is in the baseline now";
-    EXPECT_EQ(Count(changed_), 0);
-}
-
-TEST_F(MeasurementTest, RunsByTime) {
-    SetMode(TARND_DIM_MODE_OFF);
-    ASSERT_TRUE(Logged("work mode 0"));
-    SetTimes(TARND_DIM_EVERY_SECONDS, 1);
-    ASSERT_TRUE(Logged("measurement times 254 1"));
-    std::this_thread::sleep_for(1200ms);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
-    SetMode(TARND_DIM_MODE_REPORT);
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; }));
-
-    daemon_->Stop();
-    StartDaemon();
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; })) << "times are kept";
-}
-
-TEST_F(MeasurementTest, RunsAtItsTimeByTheDaemonsClock) {
-    Tarn_sys_diag_SetTimezoneInput zone{};
-    kit::Set(zone.stTimezone.szTimezoneName, "UTC");
-    ASSERT_EQ(Call<Tarn_sys_diag_Result>("SetTimezone", zone)->uiResult, 0);
-    SetTimes(3, 30);
-    ASSERT_TRUE(Logged("measurement times 3 30"));
-    const auto setClock = [&](uint8_t hour) {
-        const Tarn_sys_diag_SetLocalTimeInput request{{2026, 6, 1, hour, 29, 58, 0, 0}};
-        EXPECT_EQ(Call<Tarn_sys_diag_Result>("SetLocalTime", request)->uiResult, 0);
-    };
-    setClock(4);
-    std::this_thread::sleep_for(3s);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE) << "half past four";
-    setClock(3);
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; }));
-    ASSERT_EQ(Operate(TARND_DIM_FORGET), 0);
-
-    setClock(2);
-    zone.stTimezone.uiTimezoneOffset = 60;
-    ASSERT_EQ(Call<Tarn_sys_diag_Result>("SetTimezone", zone)->uiResult, 0);
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_NO_BASELINE; })) << "an hour further east";
-}
-
 TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(Operate(0), EINVAL);
     EXPECT_EQ(Operate(6), EINVAL);
@@ -184,45 +113,6 @@ TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
     EXPECT_TRUE(Logged("ucValue2 is 60"));
     SetMode(3);
     EXPECT_TRUE(Logged("uiWorkMode is 3"));
-}
-
-class PacedMeasurementTest : public MeasurementTest {
-protected:
-    PacedMeasurementTest() { rateMb_ = 40; } // seconds for the first pass, nothing for those after it
-};
-
-TEST_F(PacedMeasurementTest, AnswersAllThatWaitWithOnePass) {
-    ASSERT_EQ(Operate(TARND_DIM_START), 0);
-    std::vector<std::future<uint32_t>> waiting;
-    for (int i = 0; i < 12; ++i) {
-        waiting.push_back(std::async(std::launch::async, [this] { return Operate(TARND_DIM_MEASURE); }));
-    }
-    for (std::future<uint32_t> &one : waiting) {
-        EXPECT_EQ(one.get(), 0);
-    }
-    EXPECT_LE(Count("MB read)"), 4) << "two, or a few more where a call came late";
-}
-
-class SlowMeasurementTest : public MeasurementTest {
-protected:
-    SlowMeasurementTest() { rateMb_ = 1; } // the C library alone takes longer than a second
-};
-
-TEST_F(SlowMeasurementTest, IsGivenUpWithItsCaller) {
-    const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_DimSetIn{TARND_DIM_MEASURE});
-    const host::CallOutcome outcome = client_.Call("TarnSysdiagTarnd", 0, "TarnSetDimOpration",
-                                                   velto::kTypeHash<Tarn_sys_diag_DimSetIn>, request, 1s);
-    EXPECT_EQ(outcome.errCode, ETIMEDOUT) << outcome.text;
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_FAILED; }));
-}
-
-TEST_F(SlowMeasurementTest, IsGivenUpWhenToldTo) {
-    ASSERT_EQ(Operate(TARND_DIM_START), 0);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_RUNS);
-    ASSERT_EQ(Operate(TARND_DIM_CANCEL), 0);
-    EXPECT_TRUE(kit::Eventually([&] { return StateCode() == TARND_DIM_STATE_FAILED; }));
-    ASSERT_EQ(Operate(TARND_DIM_START), 0);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_RUNS) << "the next one is not given up with it; the daemon's end is";
 }
 
 } // namespace

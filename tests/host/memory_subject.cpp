@@ -6,7 +6,6 @@
 //   sysv:KEY:KIB    a System V segment; 1 KEY per process
 //   closed          two pages, of which the second may not be read
 //   pieces:NUMBER   one page each, which the kernel can't merge into one mapping
-//   grow:KIB        that much more every 100 ms
 //   name:TEXT       not memory: what it calls itself
 //   end             not memory: it ends at once
 //
@@ -18,7 +17,6 @@
 #include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -83,8 +81,6 @@ public:
             Introduce(argument, memory);
         } else if (kind == "pieces") {
             TakePieces(bytes / 1024);
-        } else if (kind == "grow") {
-            growth_ = bytes;
         } else if (kind == "end") {
             End();
         } else if (kind == "name") {
@@ -99,15 +95,9 @@ public:
         sigprocmask(SIG_BLOCK, &ends, nullptr);
         printf("ready\n");
         fflush(stdout);
-        for (;;) {
-            const timespec tick{0, 100'000'000};
-            if (sigtimedwait(&ends, nullptr, &tick) == SIGTERM) {
-                End();
-            }
-            if (growth_ != 0) {
-                Anonymous(growth_);
-            }
+        while (sigwaitinfo(&ends, nullptr) != SIGTERM) {
         }
+        End();
     }
 
 private:
@@ -133,7 +123,6 @@ private:
         _exit(0);
     }
 
-    size_t growth_ = 0;
     int segment_ = -1;
     std::vector<std::string> shared_;
 };
