@@ -35,18 +35,17 @@ protected:
     }
 
     // A process that runs a file of the test's.
-    void Run(uint32_t pid, const std::string &name) {
-        const std::filesystem::path path = dir.Path() / name;
+    void Run(uint32_t pid, const std::string &name) { RunIn("/", pid, dir.Path() / name, dir.Path() / name); }
+    // One that has a root of its own, below which it shows the file by another path.
+    void RunIn(const std::filesystem::path &root, uint32_t pid, const std::string &file, const std::string &shown) {
         struct stat status {};
-        ASSERT_EQ(stat(path.c_str(), &status), 0);
-        proc.SetThread(pid, kit::FakeProc::MakeTask(pid, name));
+        ASSERT_EQ(stat(file.c_str(), &status), 0);
+        proc.SetThread(pid, kit::FakeProc::MakeTask(pid, "app"));
         proc.Write(fmt::format("{}/maps", pid),
                    fmt::format("1000-2000 r-xp 00000000 {:02x}:{:02x} {} {}\n", major(status.st_dev),
-                               minor(status.st_dev), status.st_ino, path.string()));
-        const std::string root = proc.Proc().Path(pid, "root");
-        if (!std::filesystem::is_symlink(root)) {
-            std::filesystem::create_directory_symlink("/", root);
-        }
+                               minor(status.st_dev), status.st_ino, shown));
+        proc.Remove(fmt::format("{}/root", pid));
+        proc.Link(fmt::format("{}/root", pid), root);
     }
     // As an installation does: the file is another one.
     void Install(const std::string &name, const std::string &text) {
@@ -121,6 +120,61 @@ TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
     Run(kFakePid + 1, "other");
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     EXPECT_EQ(Result()->uiValue2, 1) << "what has changed is not learned";
+}
+
+TEST_F(MeasurementPartsTest, CountsProcessesAndReadsAFileOnce) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    Run(kFakePid + 1, "victim");
+    proc.SetThread(kFakePid + 2, kit::FakeProc::MakeTask(kFakePid + 2, "kernel"));
+    proc.Write(fmt::format("{}/maps", kFakePid + 2), "");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
+}
+
+TEST_F(MeasurementPartsTest, FindsFilesBelowTheRootOfTheirProcess) {
+    const std::filesystem::path root = dir.Path() / "jail";
+    std::filesystem::create_directories(root / "bin");
+    std::filesystem::create_directory_symlink("/bin", root / "link"); // within the root
+    Install("jail/bin/app", "first");
+    RunIn(root, kFakePid, root / "bin/app", "/link/app");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
+    EXPECT_NE(Baseline().find("\"/link/app\""), std::string::npos) << Baseline();
+}
+
+TEST_F(MeasurementPartsTest, ReadsAFileThatOnlyOneOfItsProcessesShows) {
+    Install("victim", "first");
+    std::filesystem::create_directory(dir.Path() / "empty");
+    RunIn(dir.Path() / "empty", kFakePid, dir.Path() / "victim", dir.Path() / "victim");
+    Run(kFakePid + 1, "victim");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 1 unread; 2 processes, 0 hidden");
+}
+
+TEST_F(MeasurementPartsTest, MissesNothingOfProcessesThatHaveEnded) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    std::filesystem::create_directory(dir.Path() / "empty");
+    RunIn(dir.Path() / "empty", kFakePid + 1, dir.Path() / "victim", "/ended");
+    proc.Remove(fmt::format("{}/stat", kFakePid + 1));
+    proc.SetThread(kFakePid + 2, kit::FakeProc::MakeTask(kFakePid + 2, "has no maps any more"));
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
+}
+
+TEST_F(MeasurementPartsTest, NamesTheEndOfALongPath) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    const std::string name = std::string(200, 'x') + "-end";
+    Install(name, "other");
+    Run(kFakePid + 1, name);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    const std::string text = Result()->acMeasResult;
+    EXPECT_EQ(text.size(), sizeof(Tarn_sys_diag_DimMeasRst::acMeasResult) - 1);
+    EXPECT_TRUE(text.starts_with("...x")) << text;
+    EXPECT_TRUE(text.ends_with("x-end: 0 changed, 1 new of 2 files; 0 unread; 2 processes, 0 hidden")) << text;
 }
 
 TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
