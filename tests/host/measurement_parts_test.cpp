@@ -100,6 +100,8 @@ TEST_F(MeasurementPartsTest, FindsAnExecutableThatWasChanged) {
     EXPECT_EQ(Operate(TARND_DIM_FORGET), 0);
     ExpectResult(TARND_DIM_STATE_NONE, 0, "nothing has been measured");
     EXPECT_EQ(Baseline().find(kDigestOfFirst), std::string::npos);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE) << "it is forgotten at once";
 }
 
 TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
