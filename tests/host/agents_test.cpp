@@ -1,6 +1,8 @@
 // The agents that the daemon knows, what is brought to them, and what they are asked.
 #include <gtest/gtest.h>
 
+#include <latch>
+
 #include "host/daemon/agents/relay.h"
 #include "host/values/agent.h"
 #include "host/values/daemon.h"
@@ -169,6 +171,23 @@ TEST_F(CourierTest, KeepsWhatIsDueForWhoDrivesItNext) {
     kit::ManualDriver<tarnd::Courier> another(courier_, clocks_);
     EXPECT_EQ(another.RunDue(), 1);
     EXPECT_EQ(ran_.size(), 1);
+}
+
+TEST_F(CourierTest, VisitsAsManyAgentsAtATimeAsItHasThreads) {
+    constexpr ptrdiff_t kAgents = tarnd::Courier::kMaxThreads;
+    host::SystemClocks clocks;
+    tarnd::Courier courier(clocks, registry_);
+    std::latch inside(kAgents); // an agent that waits for another one delays none
+    std::latch done(kAgents);
+    const auto errand = courier.Add([&](uint32_t) {
+        inside.arrive_and_wait();
+        done.count_down();
+    });
+    const tarnd::Driver<tarnd::Courier> driver("test", courier, kAgents);
+    for (uint32_t i = 0; i < kAgents; ++i) {
+        courier.Send(errand, kPid + i);
+    }
+    done.wait();
 }
 
 // ---- Who is there ----
