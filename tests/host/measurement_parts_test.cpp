@@ -461,9 +461,9 @@ TEST(MeasurementTimes, AreATimeOfDayOrAPeriod) {
 
 TEST(Images, AreTheFilesThatHoldCode) {
     const std::vector<tarnd::Image> images =
-        tarnd::ParseImages("1000-2000 r--p 00000000 fe:01 17 /bin/app\n"
-                           "2000-3000 r-xp 00001000 fe:01 17 /bin/app\n"
-                           "3000-4000 r-xp 00001000 fe:01 17 /bin/app\n"
+        tarnd::ParseImages("1000-2000 r--p 00000000 fe:01 17 /bin/app~\n"
+                           "2000-3000 r-xp 00001000 fe:01 17 /bin/app~\n"
+                           "3000-4000 r-xp 00001000 fe:01 17 /bin/app~\n"
                            "4000-5000 r-xp 00000000 fe:01 18 /lib/a b\\012c\xFF\\d.so (deleted)\n"
                            "5000-6000 rwxp 00000000 00:00 0\n"
                            "6000-7000 r-xp 00000000 00:00 0 [vdso]\n"
@@ -471,7 +471,8 @@ TEST(Images, AreTheFilesThatHoldCode) {
                            "8000-9000 r-xs 00000000 00:01 20 /dev/zero (deleted)\n"
                            "9000-a000 r-xs 00000000 00:01 21 /SYSV00000000 (deleted)\n");
     ASSERT_EQ(images.size(), 2);
-    EXPECT_EQ(images[0].path, "/bin/app");
+    EXPECT_EQ(images[0].path, "/bin/app~");
+    EXPECT_EQ(images[0].name, "/bin/app~");
     EXPECT_EQ(images[0].mapping, "2000-3000");
     EXPECT_EQ(images[0].device, "fe:01");
     EXPECT_EQ(images[0].inode, 17);
@@ -507,6 +508,9 @@ TEST_F(DigestsTest, AreRememberedWhileAFileStaysTheSame) {
     digests_.ForgetUnused();
     EXPECT_EQ(Of(), kDigestOfFirst);
     EXPECT_EQ(digests_.BytesRead(), 5) << "it was asked for since";
+    digests_.ForgetUnused();
+    Of();
+    EXPECT_EQ(digests_.BytesRead(), 5) << "and again";
     digests_.ForgetUnused();
     digests_.ForgetUnused();
     Of();
