@@ -112,13 +112,18 @@ void SkipEnded(Function function) {
     }
 }
 
-// The same where those that may not be seen are left out too.
+// Why a thread or process of several is left out where those that may not be seen are too.
+inline bool IsEndedOrHidden(const std::system_error &error) {
+    return error.code().value() == ESRCH || error.code().value() == EACCES;
+}
+
+// Leaves out those as well.
 template <class Function>
 void SkipHidden(Function function) {
     try {
-        SkipEnded(function);
+        function();
     } catch (const std::system_error &error) {
-        if (error.code().value() != EACCES) {
+        if (!IsEndedOrHidden(error)) {
             throw;
         }
     }

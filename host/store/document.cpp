@@ -110,7 +110,9 @@ Document::Document(Document &&) noexcept = default;
 Document &Document::operator=(const Document &) = default;
 Document &Document::operator=(Document &&) noexcept = default;
 Document::~Document() = default;
-bool Document::operator==(const Document &) const = default;
+bool Document::operator==(const Document &other) const { // defaulted, clang 14 crashes
+    return value_ == other.value_;
+}
 
 Document Document::Parse(std::string_view text) {
     Builder builder;

@@ -82,23 +82,30 @@ void Starvation::Take(const Sample &previous, const Sample &latest) {
             continue;
         }
         for (const ThreadTimes &times : *process.threads) {
-            host::procfs::SkipHidden([&] {
-                const auto count = proc_.ReadSchedulerCount(process.pid, times.tid);
-                const auto known = threads_.find(times.tid);
-                Thread thread;
-                // Counts that went back are those of a new thread that has the id of one that has ended.
-                if (known != threads_.end() && known->second.pid == process.pid &&
-                    known->second.count.runNs <= count.runNs) {
-                    thread = known->second;
-                    Follow(thread, times.tid, count, previous, latest);
+            try {
+                running.emplace(times.tid, Look(process.pid, times.tid, previous, latest));
+            } catch (const std::system_error &error) {
+                if (!host::procfs::IsEndedOrHidden(error)) {
+                    throw;
                 }
-                thread.pid = process.pid;
-                thread.count = count;
-                running.emplace(times.tid, thread);
-            });
+            }
         }
     }
     threads_ = std::move(running);
+}
+
+Starvation::Thread Starvation::Look(uint32_t pid, uint32_t tid, const Sample &previous, const Sample &latest) const {
+    const host::procfs::SchedulerCount count = proc_.ReadSchedulerCount(pid, tid);
+    const auto known = threads_.find(tid);
+    Thread thread;
+    // Counts that went back are those of a new thread that has the id of one that has ended.
+    if (known != threads_.end() && known->second.pid == pid && known->second.count.runNs <= count.runNs) {
+        thread = known->second;
+        Follow(thread, tid, count, previous, latest);
+    }
+    thread.pid = pid;
+    thread.count = count;
+    return thread;
 }
 
 void Starvation::Follow(Thread &thread, uint32_t tid, const host::procfs::SchedulerCount &count, const Sample &previous,

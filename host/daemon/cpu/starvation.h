@@ -50,6 +50,8 @@ private:
 
     void Set(const StarvationSettings &settings) TARN_REQUIRES(mutex_);
     void Take(const Sample &previous, const Sample &latest);
+    // Throws where the thread has ended or is hidden.
+    Thread Look(uint32_t pid, uint32_t tid, const Sample &previous, const Sample &latest) const TARN_REQUIRES(mutex_);
     void Follow(Thread &thread, uint32_t tid, const host::procfs::SchedulerCount &count, const Sample &previous,
                 const Sample &latest) const TARN_REQUIRES(mutex_);
     void Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds waited, const Sample &latest) const

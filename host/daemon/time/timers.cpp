@@ -9,6 +9,13 @@
 
 namespace tarnd {
 
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+
+} // namespace
+
 uint32_t Timers::Add(const char *name, Work work, void *context) {
     const host::MutexLock lock(mutex_);
     const auto id = static_cast<uint32_t>(timers_.size() + 1);
@@ -53,7 +60,12 @@ void Timers::RunDue() {
     host::MutexLock lock(mutex_);
     told_ = host::SteadyTime::max();
     for (Timer *first = FirstDue(); first != nullptr && first->due <= clocks_.SteadyNow(); first = FirstDue()) {
-        Expire(lock, *first);
+        const Timer expired = *first;
+        const host::SteadyTime start = Begin(*first);
+        lock.Unlock();
+        host::Attempt(expired.name, [&] { expired.work(expired.context); });
+        lock.Lock();
+        End(timers_[expired.id - 1], start); // more may have been added
     }
     TellDue();
 }
@@ -71,22 +83,19 @@ void Timers::TellDue() {
     }
 }
 
-void Timers::Expire(host::MutexLock &lock, Timer &timer) {
-    using std::chrono::duration_cast;
-    using std::chrono::microseconds;
-    const Timer expired = timer;
+host::SteadyTime Timers::Begin(Timer &timer) const {
     const host::SteadyTime start = clocks_.SteadyNow(), next = timer.due + timer.period;
     timer.longestDelay = std::max(timer.longestDelay, duration_cast<microseconds>(start - timer.due));
     // After a pause of the whole machine a periodic timer expires once, not as often as it would have.
     timer.due = !timer.periodic ? host::SteadyTime::max() : next > start ? next : start + timer.period;
     timer.running = true;
     ++timer.expiries;
-    lock.Unlock();
-    host::Attempt(expired.name, [&] { expired.work(expired.context); });
-    lock.Lock();
-    Timer &after = timers_[expired.id - 1]; // more may have been added
-    after.running = false;
-    after.longestRun = std::max(after.longestRun, duration_cast<microseconds>(clocks_.SteadyNow() - start));
+    return start;
+}
+
+void Timers::End(Timer &timer, host::SteadyTime start) const {
+    timer.running = false;
+    timer.longestRun = std::max(timer.longestRun, duration_cast<microseconds>(clocks_.SteadyNow() - start));
 }
 
 } // namespace tarnd

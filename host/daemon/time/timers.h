@@ -54,7 +54,8 @@ private:
     void Set(uint32_t id, Milliseconds period, bool periodic, host::SteadyTime due);
     Timer *FirstDue() TARN_REQUIRES(mutex_);
     void TellDue() TARN_REQUIRES(mutex_);
-    void Expire(host::MutexLock &lock, Timer &timer) TARN_REQUIRES(mutex_);
+    host::SteadyTime Begin(Timer &timer) const TARN_REQUIRES(mutex_); // its work; returns when
+    void End(Timer &timer, host::SteadyTime start) const TARN_REQUIRES(mutex_);
 
     const host::Clocks &clocks_;
     mutable host::Mutex mutex_;
