@@ -465,7 +465,7 @@ protected:
         agent_ = std::make_unique<kit::Process>(
             dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "example", "--run-dir", dir_.Path()});
         pid_ = agent_->Pid();
-        EXPECT_TRUE(kit::Eventually([&] { return client_.Knows("TarnSysdiagAgent", pid_); }));
+        EXPECT_TRUE(kit::Eventually([&] { return kit::TakesCalls(client_, "TarnSysdiagAgent", pid_); }));
     }
     void Command(std::string line) {
         EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "DBGCmdExecShowByTarnd",

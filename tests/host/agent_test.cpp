@@ -32,7 +32,7 @@ protected:
     std::unique_ptr<kit::Process> StartAgent() {
         auto agent = std::make_unique<kit::Process>(
             dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "tester", "--run-dir", dir_.Path()});
-        EXPECT_TRUE(kit::Eventually([&] { return client_.Knows("TarnSysdiagAgent", agent->Pid()); }));
+        EXPECT_TRUE(kit::Eventually([&] { return kit::TakesCalls(client_, "TarnSysdiagAgent", agent->Pid()); }));
         return agent;
     }
 

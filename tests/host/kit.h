@@ -136,6 +136,11 @@ Answer<Unit, Response> Call(host::Client &client, const char *service, uint32_t 
         client.Call(service, pid, method, velto::kTypeHash<Request>, Encode<Unit>(request), 20s));
 }
 
+// Whether a service takes calls: its socket has its name a moment before it takes connections.
+inline bool TakesCalls(host::Client &client, const char *service, uint32_t pid) {
+    return client.Knows(service, pid) && client.Call(service, pid, "NoSuchMethod", 0, {}, 20s).errCode != ECONNREFUSED;
+}
+
 // The status or error of a call without reply.
 template <class Unit, class Request>
 uint32_t Oneway(host::Client &client, const char *service, uint32_t pid, const char *method, const Request &request) {

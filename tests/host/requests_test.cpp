@@ -77,8 +77,10 @@ protected:
             dir_.Path(), std::vector<std::string>{TARN_MASTER, dir_.Path() / "master.conf", "--run-dir", dir_.Path()});
         agent_ = std::make_unique<kit::Process>(
             dir_.Path(), std::vector<std::string>{TARN_AGENT, "--name", "asked", "--run-dir", dir_.Path()});
-        ASSERT_TRUE(kit::Eventually(
-            [&] { return client_.Knows("TarnSysdiagMaster", 0) && client_.Knows("TarnSysdiagAgent", agent_->Pid()); }));
+        ASSERT_TRUE(kit::Eventually([&] {
+            return kit::TakesCalls(client_, "TarnSysdiagMaster", 0) &&
+                   kit::TakesCalls(client_, "TarnSysdiagAgent", agent_->Pid());
+        }));
     }
     void TearDown() override {
         EXPECT_EQ(agent_->Stop(), 0) << agent_->Err();
