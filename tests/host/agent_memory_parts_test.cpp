@@ -9,6 +9,7 @@
 #include "host/agent/memory.h"
 #include "host/agent/memory_report.h"
 #include "host/values/agent.h"
+#include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
 
 namespace {
@@ -20,15 +21,7 @@ using agent::Memory;
 using agent::Partition;
 using agent::Report;
 
-template <class Function>
-int ErrorOf(Function function) {
-    try {
-        function();
-        return 0;
-    } catch (const std::system_error &error) {
-        return error.code().value();
-    }
-}
+using kit::ErrorOf;
 
 bool Has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;

@@ -22,6 +22,7 @@
 #include "host/agent/resources.h"
 #include "host/osal/text.h"
 #include "host/values/agent.h"
+#include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
 #include "tests/host/temp_dir.h"
 
@@ -40,15 +41,7 @@ using agent::ThreadSample;
 using std::chrono::milliseconds;
 
 // The errno value of what a function throws; 0 when it throws nothing.
-template <class Function>
-int ErrorOf(Function function) {
-    try {
-        function();
-        return 0;
-    } catch (const std::system_error &error) {
-        return error.code().value();
-    }
-}
+using kit::ErrorOf;
 
 class MessageRulesTest : public testing::Test {
 protected:

@@ -18,6 +18,7 @@ TARN_UNIT()
 #include "host/runtime/server.h"
 #include "host/runtime/status.h"
 #include "tests/host/daemon_kit.h"
+#include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
 #include "tests/host/small_disk.h"
 
@@ -162,15 +163,7 @@ TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
 }
 
 // What a function throws: the errno value, 0 for nothing.
-template <class Function>
-int ErrorOf(Function function) {
-    try {
-        function();
-        return 0;
-    } catch (const std::system_error &error) {
-        return error.code().value();
-    }
-}
+using kit::ErrorOf;
 
 class SettingsTest : public testing::Test {
 protected:
