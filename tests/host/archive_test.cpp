@@ -14,6 +14,7 @@
 #include "server/tarnd.h"
 #include "tests/host/kit.h"
 #include "tests/host/method_kit.h"
+#include "tests/host/nobody.h"
 #include "tests/host/simulated_daemon.h"
 #include "tests/host/small_disk.h"
 
@@ -33,6 +34,22 @@ std::map<std::string, std::string> ReadArchive(const std::filesystem::path &path
         files[archive_entry_pathname(entry)] = text;
     }
     return files;
+}
+
+// The time of an archive's first file.
+time_t TimeOfFirst(const std::filesystem::path &path) {
+    const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
+    archive_read_support_format_zip(reader.get());
+    EXPECT_EQ(archive_read_open_filename(reader.get(), path.c_str(), 4096), ARCHIVE_OK) << path;
+    archive_entry *entry = nullptr;
+    EXPECT_EQ(archive_read_next_header(reader.get(), &entry), ARCHIVE_OK);
+    return archive_entry_mtime(entry);
+}
+
+mode_t ModeOf(const std::filesystem::path &path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
 }
 
 struct Directories {
@@ -104,6 +121,16 @@ TEST_F(ArchiveTest, PacksADirectory) {
     ASSERT_EQ(Zip("app", "", "stored.zip", 1), 0);
     EXPECT_EQ(ReadArchive(logs_ / "stored.zip"), expected);
     EXPECT_GT(std::filesystem::file_size(logs_ / "stored.zip"), big_.size());
+}
+
+TEST_F(ArchiveTest, KeepsTheTimesOfFilesAndIsNotForEveryone) {
+    const timespec times[2]{{1'600'000'000, 0}, {1'600'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (logs_ / "system.log").c_str(), times, 0), 0);
+    const mode_t before = umask(0);
+    EXPECT_EQ(Zip("system.log", "", "one.zip"), 0);
+    umask(before);
+    EXPECT_EQ(TimeOfFirst(logs_ / "one.zip"), 1'600'000'000);
+    EXPECT_EQ(ModeOf(logs_ / "one.zip"), 0640U);
 }
 
 TEST_F(ArchiveTest, PacksAFileGivenByItsAbsolutePath) {
@@ -264,14 +291,6 @@ TEST_F(ArchiveTest, PacksAFileThatChangesMeanwhile) {
     }
 }
 
-// Takes nobody's rights, where the tests run as root.
-class Nobody {
-public:
-    Nobody() { EXPECT_TRUE(geteuid() != 0 || seteuid(kId) == 0); }
-    ~Nobody() { EXPECT_TRUE(getuid() != 0 || seteuid(0) == 0); }
-    static constexpr uid_t kId = 65534;
-};
-
 TEST_F(ArchiveTest, LeavesOutWhatMayNotBeRead) {
     std::filesystem::create_directories(logs_ / "mixed" / "closed");
     std::ofstream(logs_ / "mixed" / "open.log") << "open\n";
@@ -282,11 +301,11 @@ TEST_F(ArchiveTest, LeavesOutWhatMayNotBeRead) {
     }
     std::filesystem::permissions(logs_ / "mixed" / "closed", std::filesystem::perms::none);
     if (geteuid() == 0) {
-        EXPECT_EQ(chown(place.Path().c_str(), Nobody::kId, Nobody::kId), 0);
-        EXPECT_EQ(chown(logs_.c_str(), Nobody::kId, Nobody::kId), 0);
+        EXPECT_EQ(chown(place.Path().c_str(), kit::Nobody::kId, kit::Nobody::kId), 0);
+        EXPECT_EQ(chown(logs_.c_str(), kit::Nobody::kId, kit::Nobody::kId), 0);
     }
     {
-        const Nobody nobody;
+        const kit::Nobody nobody;
         testing::internal::CaptureStderr();
         EXPECT_EQ(Zip("mixed", "", "mixed.zip"), 0);
         const std::string log = testing::internal::GetCapturedStderr();
@@ -358,6 +377,29 @@ TEST_F(CopyTest, MovesWhenToldTo) {
     EXPECT_EQ(Copy("app.zip", "", {.replace = "replace", .move = "move"}), 0);
     EXPECT_EQ(kit::TextOfFile(usb_ / "app.zip"), archive);
     EXPECT_FALSE(std::filesystem::exists(logs_ / "app.zip"));
+}
+
+// The source is replaced while it is copied: what has its name then was not copied.
+TEST_F(CopyTest, LeavesAnotherFileThatHasTheNameOfWhatItMoves) {
+    daemon->archives.Copy({.source = "app.zip", .target = "usb", .destination = "", .move = true}, [&] {
+        std::ofstream(logs_ / "newer") << "newer";
+        std::filesystem::rename(logs_ / "newer", logs_ / "app.zip");
+    });
+    EXPECT_EQ(kit::TextOfFile(logs_ / "app.zip"), "newer");
+    EXPECT_EQ(ReadArchive(usb_ / "app.zip").size(), 2);
+}
+
+TEST_F(CopyTest, CopiesAnEmptyArchiveForItsGroupAndTellsSo) {
+    std::filesystem::create_directory(logs_ / "empty");
+    ASSERT_EQ(Zip("empty", "", "empty.zip"), 0);
+    testing::internal::CaptureStderr();
+    const mode_t before = umask(0);
+    EXPECT_EQ(Copy("empty.zip", ""), 0);
+    umask(before);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("copy of empty.zip as empty.zip in " + usb_.string() + ": 1 files, 22 bytes, 0 ms"), log.npos)
+        << log;
+    EXPECT_EQ(ModeOf(usb_ / "empty.zip"), 0640U);
 }
 
 TEST_F(CopyTest, ExplainsWhatItDoesNotTake) {
@@ -434,7 +476,9 @@ TEST_F(CopyTest, LeavesNothingBehindOnAFullDisk) {
 }
 
 TEST_F(CopyTest, RemovesAtStartWhatAKilledDaemonLeft) {
-    for (const std::filesystem::path &directory : {logs_, logs_ / "app" / "old", usb_ / "reports"}) {
+    const std::filesystem::path deep = logs_ / "z" / "deep"; // behind a link, "out", which is not followed
+    std::filesystem::create_directories(deep);
+    for (const std::filesystem::path &directory : {logs_, logs_ / "app" / "old", deep, usb_ / "reports"}) {
         std::ofstream(directory / ".a.zip.4711.0.partial") << "PK";
     }
     const std::filesystem::path living = logs_ / "app" / ".b.zip.4711.1.partial";
@@ -443,6 +487,7 @@ TEST_F(CopyTest, RemovesAtStartWhatAKilledDaemonLeft) {
     Restart();
     EXPECT_FALSE(std::filesystem::exists(logs_ / ".a.zip.4711.0.partial"));
     EXPECT_FALSE(std::filesystem::exists(logs_ / "app" / "old" / ".a.zip.4711.0.partial"));
+    EXPECT_FALSE(std::filesystem::exists(deep / ".a.zip.4711.0.partial"));
     EXPECT_FALSE(std::filesystem::exists(usb_ / "reports" / ".a.zip.4711.0.partial"));
     EXPECT_TRUE(std::filesystem::exists(living)) << "its owner is at work";
     close(fd);
@@ -479,6 +524,22 @@ TEST_F(ArchiveTest, TellsItsProgressAndIsGivenUp) {
     const Tarn_sys_diag_ZiploginfoInput request{"app", "", "app.zip", 0};
     EXPECT_EQ(kit::CallMethod<Tarn_sys_diag_Result>(ZipLogFile, request, ESHUTDOWN)->uiResult, ESHUTDOWN);
     EXPECT_EQ(names(), before);
+}
+
+TEST_F(ArchiveTest, IsGivenUpAmongEmptyDirectories) {
+    for (int i = 0; i < 10; ++i) {
+        std::filesystem::create_directories(logs_ / "empty" / std::to_string(i));
+    }
+    int checks = 0;
+    daemon->archives.Pack({.source = "empty", .directory = "", .name = "empty.zip"}, [&] { ++checks; });
+    EXPECT_EQ(checks, 10 + 1) << "at each, and before the archive gets its name";
+}
+
+TEST_F(ArchiveTest, TellsItsProgressEveryTwoSeconds) {
+    testing::internal::CaptureStderr();
+    daemon->archives.Pack({.source = "app/a.log", .directory = "", .name = "a.zip"}, [&] { clocks.Advance(1s); });
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("archive a.zip: 1 files and 0 MiB so far"), log.npos) << log;
 }
 
 TEST_F(ArchiveTest, TellsWhatItDid) {

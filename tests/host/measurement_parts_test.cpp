@@ -15,6 +15,7 @@
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
+#include "tests/host/nobody.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
@@ -115,9 +116,11 @@ TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
     daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    daemon->measurement.SetMode(TARND_DIM_MODE_REPORT);
     Restart();
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
     Install("other", "changed");
     Run(kFakePid + 1, "other");
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
@@ -165,6 +168,23 @@ TEST_F(MeasurementPartsTest, MissesNothingOfProcessesThatHaveEnded) {
     ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
 }
 
+TEST_F(MeasurementPartsTest, CountsWhatIsNoRegularFileAsUnread) {
+    std::filesystem::create_directory(dir.Path() / "directory");
+    Run(kFakePid, "directory");
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 0 files; 1 unread; 1 processes, 0 hidden");
+}
+
+TEST_F(MeasurementPartsTest, CountsProcessesThatMayNotBeLookedInto) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    std::filesystem::permissions(proc.Proc().Path(""), std::filesystem::perms::all);
+    std::filesystem::permissions(proc.Proc().Path(kFakePid, "maps"), std::filesystem::perms::none);
+    const kit::Nobody nobody;
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 0 files; 0 unread; 0 processes, 1 hidden");
+}
+
 TEST_F(MeasurementPartsTest, NamesTheEndOfALongPath) {
     Install("victim", "first");
     Run(kFakePid, "victim");
@@ -177,6 +197,13 @@ TEST_F(MeasurementPartsTest, NamesTheEndOfALongPath) {
     EXPECT_EQ(text.size(), sizeof(Tarn_sys_diag_DimMeasRst::acMeasResult) - 1);
     EXPECT_TRUE(text.starts_with("...x")) << text;
     EXPECT_TRUE(text.ends_with("x-end: 0 changed, 1 new of 2 files; 0 unread; 2 processes, 0 hidden")) << text;
+
+    const std::string shown = text.substr(0, text.find(": "));
+    const std::string fits = std::string(shown.size() - dir.Path().string().size() - 1, 'y');
+    Install(fits, "other");
+    Run(kFakePid + 1, fits);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_TRUE(std::string(Result()->acMeasResult).starts_with((dir.Path() / fits).string() + ": ")) << "the whole";
 }
 
 TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
@@ -184,6 +211,7 @@ TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
     Run(kFakePid, "victim");
     EXPECT_EQ(Operate(TARND_DIM_MEASURE, ETIMEDOUT), ETIMEDOUT);
     EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_FAILED);
+    EXPECT_EQ(Operate(TARND_DIM_MEASURE, ESHUTDOWN), ESHUTDOWN);
     EXPECT_EQ(Operate(TARND_DIM_MEASURE, EALREADY), ECANCELED);
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE);
@@ -362,15 +390,27 @@ TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
     Answers answers;
     Hold(answers);
     EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_RUNS);
-    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 22:13:20, not done yet");
+    clocks.Advance(5s);
     for (int i = 0; i < 11; ++i) {
         EXPECT_TRUE(Ask(TARND_DIM_MEASURE, answers));
     }
+    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 22:13:20, not done yet") << "the one that runs";
     GoOn();
     WaitFor(answers, 12);
     EXPECT_EQ(answers, Answers(12, 0));
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(PassesIn(log), 2) << log;
+}
+
+TEST_F(HeldMeasurementTest, IsDoneForThoseThatStillWantIt) {
+    Answers first, gone, stayed;
+    Hold(first);
+    Ask(TARND_DIM_MEASURE, gone, [] { return uint32_t{ETIMEDOUT}; });
+    Ask(TARND_DIM_MEASURE, stayed);
+    GoOn();
+    WaitFor(stayed, 1);
+    EXPECT_EQ(stayed, Answers(1, 0));
+    EXPECT_EQ(gone, Answers(1, ETIMEDOUT));
 }
 
 TEST_F(HeldMeasurementTest, IsNotDueWhileOneRuns) {
@@ -469,7 +509,8 @@ TEST(Images, AreTheFilesThatHoldCode) {
                            "6000-7000 r-xp 00000000 00:00 0 [vdso]\n"
                            "7000-8000 r-xs 00000000 00:01 19 /memfd:code (deleted)\n"
                            "8000-9000 r-xs 00000000 00:01 20 /dev/zero (deleted)\n"
-                           "9000-a000 r-xs 00000000 00:01 21 /SYSV00000000 (deleted)\n");
+                           "9000-a000 r-xs 00000000 00:01 21 /SYSV00000000 (deleted)\n"
+                           "a000-b000 r-xs 00000000 00:0e 22 anon_inode:[code]\n");
     ASSERT_EQ(images.size(), 2);
     EXPECT_EQ(images[0].path, "/bin/app~");
     EXPECT_EQ(images[0].name, "/bin/app~");
@@ -478,6 +519,62 @@ TEST(Images, AreTheFilesThatHoldCode) {
     EXPECT_EQ(images[0].inode, 17);
     EXPECT_EQ(images[1].path, "/lib/a b\nc\xFF\\d.so");
     EXPECT_EQ(images[1].name, "/lib/a b\\x0ac\\xff\\x5cd.so");
+}
+
+// One pass over processes after the other, with what it remembers.
+class SurveyTest : public testing::Test {
+protected:
+    SurveyTest() { clocks_.SetWall(std::chrono::system_clock::now() + 1h); } // the files were written long ago
+
+    void Write(const std::string &name, size_t size) { std::ofstream(dir_.Path() / name) << std::string(size, 'x'); }
+    void Run(uint32_t pid, const std::string &name) {
+        const std::string file = dir_.Path() / name;
+        struct stat status {};
+        ASSERT_EQ(stat(file.c_str(), &status), 0);
+        proc_.SetThread(pid, kit::FakeProc::MakeTask(pid, "app"));
+        proc_.Write(fmt::format("{}/maps", pid),
+                    fmt::format("1000-2000 r-xp 00000000 fe:01 {} {}\n", status.st_ino, file));
+        proc_.Remove(fmt::format("{}/root", pid));
+        proc_.Link(fmt::format("{}/root", pid), "/");
+    }
+    void RunNothing(uint32_t pid) {
+        proc_.SetThread(pid, kit::FakeProc::MakeTask(pid, "kernel"));
+        proc_.Write(fmt::format("{}/maps", pid), "");
+    }
+    // How often it is asked whether it is still wanted.
+    int ChecksOfAPass() {
+        int checks = 0;
+        SurveyFiles(proc_, digests_, [&] { ++checks; });
+        return checks;
+    }
+
+    const kit::TempDir dir_;
+    kit::FakeProc proc_;
+    kit::ManualClocks clocks_;
+    tarnd::Digests digests_{clocks_, 0, [](host::SteadyTime) {}};
+};
+
+TEST_F(SurveyTest, AsksAtEachProcessFileAndBlockWhetherItIsWanted) {
+    RunNothing(kFakePid);
+    RunNothing(kFakePid + 1);
+    EXPECT_EQ(ChecksOfAPass(), 2);
+    Write("large", 600 << 10);
+    Run(kFakePid, "large");
+    EXPECT_EQ(ChecksOfAPass(), 2 + 1 + 4) << "three blocks and the end";
+    EXPECT_EQ(ChecksOfAPass(), 2 + 1) << "it is known";
+}
+
+TEST_F(SurveyTest, ForgetsFilesThatNoProcessRunsAnyMore) {
+    Write("file", 10);
+    Run(kFakePid, "file");
+    ChecksOfAPass();
+    ChecksOfAPass();
+    EXPECT_EQ(digests_.BytesRead(), 10);
+    proc_.RemoveProcess(kFakePid);
+    ChecksOfAPass();
+    Run(kFakePid, "file");
+    ChecksOfAPass();
+    EXPECT_EQ(digests_.BytesRead(), 20);
 }
 
 class DigestsTest : public testing::Test {
@@ -534,6 +631,12 @@ TEST_F(DigestsTest, AreReadAtAPace) {
     EXPECT_EQ(clocks_.SteadyNow() - start, 4s);
     ASSERT_EQ(waits_.size(), 16);
     EXPECT_EQ(waits_[0] - start, 250ms);
+
+    clocks_.Advance(100s);
+    std::filesystem::resize_file(path_, 2U << 20);
+    const host::SteadyTime later = clocks_.SteadyNow();
+    Of();
+    EXPECT_EQ(clocks_.SteadyNow() - later, 2s) << "time that was not used is not saved up";
 }
 
 } // namespace
