@@ -1,0 +1,106 @@
+// A listening socket on the test's thread, with its time: what the loop would report is said by the test.
+#include "host/runtime/acceptor.h"
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+
+#include <vector>
+
+#include "manual_clocks.h"
+#include "temp_dir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The process can open nothing while this lives.
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+        const rlimit none{0, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
+    NoDescriptors(const NoDescriptors &) = delete;
+    NoDescriptors &operator=(const NoDescriptors &) = delete;
+
+private:
+    rlimit before_{};
+};
+
+class AcceptorTest : public testing::Test {
+protected:
+    AcceptorTest() {
+        acceptor_->Open();
+        Connect();
+        Report();
+        EXPECT_EQ(admitted_.size(), 1);
+        admitted_.clear();
+    }
+
+    void Connect() {
+        int error = 0;
+        peers_.push_back(transport_.Connect("Any", 0, host::Transport::Clock::now() + 20s, error));
+        EXPECT_EQ(error, 0);
+    }
+    void Report() const { static_cast<host::Pollable &>(*acceptor_).OnReady(EPOLLIN); }
+    void Pass(std::chrono::milliseconds time) {
+        clocks_.Advance(time);
+        loop_.RunDue();
+    }
+
+    const kit::TempDir dir_;
+    const host::Transport transport_{host::Directory(dir_.Path())};
+    kit::ManualClocks clocks_;
+    host::Loop loop_{clocks_};
+    std::vector<host::Descriptor> peers_, admitted_;
+    std::vector<std::string> warnings_;
+    const std::shared_ptr<host::Acceptor> acceptor_ = std::make_shared<host::Acceptor>(
+        loop_, transport_.Listen("Any", false), [this](host::Descriptor fd) { admitted_.push_back(std::move(fd)); },
+        [this](const std::string &warning) { warnings_.push_back(warning); });
+};
+
+TEST_F(AcceptorTest, TakesAllThatWait) {
+    Connect();
+    Connect();
+    Report();
+    EXPECT_EQ(admitted_.size(), 2);
+    Pass(1h);
+    EXPECT_TRUE(warnings_.empty());
+}
+
+// No event tells of it: the connections have been reported, and descriptors that are free again are not.
+TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
+    Connect();
+    Connect();
+    {
+        const NoDescriptors none;
+        Report();
+        ASSERT_EQ(warnings_.size(), 1);
+        EXPECT_EQ(warnings_[0], acceptor_->Path().string() + ": accept: Too many open files");
+        Pass(50ms);
+        EXPECT_EQ(warnings_.size(), 2) << "there are none yet";
+    }
+    Pass(49ms);
+    EXPECT_TRUE(admitted_.empty());
+    Pass(1ms);
+    EXPECT_EQ(admitted_.size(), 2);
+    Pass(1h);
+    EXPECT_EQ(warnings_.size(), 2);
+}
+
+TEST_F(AcceptorTest, DoesNotTryAgainOnceItIsClosed) {
+    Connect();
+    {
+        const NoDescriptors none;
+        Report();
+    }
+    acceptor_->Close();
+    Pass(1h);
+    EXPECT_TRUE(admitted_.empty());
+    EXPECT_EQ(warnings_.size(), 1);
+}
+
+} // namespace
