@@ -5,6 +5,7 @@
 
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
+#include "tests/host/eventually.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
 
@@ -309,9 +310,7 @@ TEST_F(CpuMethodsTest, TellOfAnOverload) {
     const host::WallTime begin = clocks.WallNow();
     machine.busyPermille = {1000, 500};
     Pass(2s);
-    while (daemon->cpuOverload.RecordNumber() == 0) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(kit::Eventually([&] { return daemon->cpuOverload.RecordNumber() != 0; }));
     const auto overload = Overload();
     ExpectTime(overload->stTime1, begin);
     EXPECT_EQ(std::string(overload->acName), "worker");

@@ -3,10 +3,10 @@
 
 #include <atomic>
 #include <semaphore>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "tests/host/eventually.h"
 #include "tests/host/fake_proc.h"
 #include "tests/host/scripted_samples.h"
 
@@ -39,9 +39,7 @@ protected:
     }
 
     void WaitForRecords(uint32_t number) const {
-        while (overload->RecordNumber() < number) {
-            std::this_thread::yield();
-        }
+        ASSERT_TRUE(kit::Eventually([&] { return overload->RecordNumber() >= number; }));
     }
 
     void Make() {

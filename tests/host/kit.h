@@ -11,32 +11,20 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "host/runtime/client.h"
+#include "tests/host/eventually.h"
 #include "tests/host/temp_dir.h"
 
 namespace kit {
 
 using namespace std::chrono_literals;
-
-// Whether a condition comes true within some seconds: processes under a sanitizer are slow to start.
-inline bool Eventually(const std::function<bool()> &condition) {
-    for (const auto end = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < end;) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(20ms);
-    }
-    return false;
-}
 
 // A program with its output in files.
 class Process {
