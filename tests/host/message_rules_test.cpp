@@ -237,6 +237,10 @@ TEST_F(MessageRulesTest, HaveInAnAgentThatComesLaterWhatIsLeftOfTheirTime) {
     RunDue();
     ASSERT_EQ(keepers_.rules[kPid].size(), 1);
     EXPECT_EQ(keepers_.rules[kPid].at(1).uiValue8, 990);
+    Pass(990s - 1ms);
+    AddAgent(kOther, "last");
+    RunDue();
+    EXPECT_EQ(keepers_.rules[kOther].at(1).uiValue8, 1) << "never 0, which is for good";
 }
 
 TEST_F(MessageRulesTest, AreBroughtAgainWhenAnAgentDidNotTakeThem) {

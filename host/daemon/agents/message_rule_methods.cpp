@@ -11,7 +11,8 @@ namespace {
 void ListRules(const Tarn_sys_diag_GetMsgRuleInfoInput &request, void *replyCtx,
                host::Reply<Tarn_sys_diag_GetMsgRuleInfoResult> &reply) {
     MessageRules &messageRules = Daemon::Serving().messageRules;
-    std::vector<MessageRules::Rule> rules = messageRules.List();
+    const host::WallTime now = Daemon::Serving().clocks.WallNow();
+    std::vector<MessageRules::Rule> rules = messageRules.List(now);
     std::erase_if(rules, [&](const MessageRules::Rule &rule) {
         return request.uiValue1 != 0 && rule.content.uiValue1 != request.uiValue1;
     });
@@ -25,7 +26,7 @@ void ListRules(const Tarn_sys_diag_GetMsgRuleInfoInput &request, void *replyCtx,
         const MessageRules::Matches &sum = matches[rule.content.uiValue1];
         Tarn_sys_diag_MsgRuleInfo info{};
         info.stRule = rule.content;
-        info.uiAgeSec = messageRules.AgeOf(rule);
+        info.uiAgeSec = MessageRules::AgeOf(rule, now);
         info.ullMatchNum = sum.matched;
         info.ullDropNum = sum.dropped;
         infos.push_back(info);

@@ -115,9 +115,10 @@ void MessageRules::Set(const Content &content) {
     const uint64_t start = content.uiValue9 == 0 ? 0 : proc_.ReadProcess(content.uiValue9).startTicks;
     {
         const host::MutexLock lock(mutex_);
-        DropEnded();
+        const host::WallTime now = clocks_.WallNow();
+        DropEnded(now);
         std::map<uint32_t, Rule> rules = rules_;
-        rules[content.uiValue1] = {content, clocks_.WallNow(), start};
+        rules[content.uiValue1] = {content, now, start};
         if (rules.size() > TARND_RULES_MAX) {
             host::Fail(ENOSPC, fmt::format("{} rules", rules_.size()));
         }
@@ -138,9 +139,9 @@ void MessageRules::Clear() {
     courier_.SendToAll(errand_);
 }
 
-std::vector<MessageRules::Rule> MessageRules::List() {
+std::vector<MessageRules::Rule> MessageRules::List(host::WallTime now) {
     const host::MutexLock lock(mutex_);
-    DropEnded();
+    DropEnded(now);
     std::vector<Rule> list;
     for (const auto &[id, rule] : rules_) {
         list.push_back(rule);
@@ -151,8 +152,8 @@ std::vector<MessageRules::Rule> MessageRules::List() {
 }
 
 // The file may keep them longer: they have ended there too.
-void MessageRules::DropEnded() {
-    std::erase_if(rules_, [this, now = clocks_.WallNow()](const auto &entry) { return HasEnded(entry.second, now); });
+void MessageRules::DropEnded(host::WallTime now) {
+    std::erase_if(rules_, [this, now](const auto &entry) { return HasEnded(entry.second, now); });
 }
 
 bool MessageRules::HasEnded(const Rule &rule, host::WallTime now) const {
@@ -161,8 +162,8 @@ bool MessageRules::HasEnded(const Rule &rule, host::WallTime now) const {
 }
 
 // A clock that was set back makes no rule younger than now.
-uint32_t MessageRules::AgeOf(const Rule &rule) const {
-    const auto age = std::chrono::duration_cast<std::chrono::seconds>(clocks_.WallNow() - rule.since);
+uint32_t MessageRules::AgeOf(const Rule &rule, host::WallTime now) {
+    const auto age = std::chrono::duration_cast<std::chrono::seconds>(now - rule.since);
     return static_cast<uint32_t>(std::clamp<int64_t>(age.count(), 0, UINT32_MAX));
 }
 
@@ -197,11 +198,12 @@ MessageRules::AgentsRules MessageRules::AskFor(uint32_t pid, uint32_t timeoutMs)
 
 // What an agent is to have, by id.
 std::map<uint32_t, MessageRules::Content> MessageRules::For(uint32_t pid) {
+    const host::WallTime now = clocks_.WallNow();
     std::map<uint32_t, Content> rules;
-    for (const Rule &rule : List()) {
+    for (const Rule &rule : List(now)) {
         if (rule.content.uiValue9 == 0 || rule.content.uiValue9 == pid) {
             Content content = rule.content;
-            content.uiValue8 -= content.uiValue8 == 0 ? 0 : std::min(AgeOf(rule), content.uiValue8 - 1);
+            content.uiValue8 -= content.uiValue8 == 0 ? 0 : AgeOf(rule, now); // which is less: it has not ended
             rules[content.uiValue1] = content;
         }
     }

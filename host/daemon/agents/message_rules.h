@@ -36,10 +36,10 @@ public:
     void Set(const Content &content);
     void Clear();
 
-    // Those that have not ended, in the order in which they are tried.
-    std::vector<Rule> List();
+    // Those that have not ended by now, in the order in which they are tried.
+    std::vector<Rule> List(host::WallTime now);
 
-    uint32_t AgeOf(const Rule &rule) const; // in seconds
+    static uint32_t AgeOf(const Rule &rule, host::WallTime now); // in seconds
 
     // What the rules did, by id: the sum over the agents that answer in time. An agent has a part of what is left then.
     struct Matches {
@@ -52,7 +52,7 @@ private:
     using AgentsRules = std::shared_ptr<AgentReply<Tarn_sys_diag_GetMsgRuleInfoResult>>;
 
     void Save(const std::map<uint32_t, Rule> &rules);
-    void DropEnded() TARN_REQUIRES(mutex_);
+    void DropEnded(host::WallTime now) TARN_REQUIRES(mutex_);
     bool HasEnded(const Rule &rule, host::WallTime now) const;
     void BringTo(uint32_t pid); // makes an agent's rules those that are kept for it
     std::map<uint32_t, Content> For(uint32_t pid);
