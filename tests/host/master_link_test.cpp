@@ -10,6 +10,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// An hour from April to September.
+const host::DstRule kSummer{"summer", 60, host::ParseChange("04-01/02:00:00"), host::ParseChange("10-01/03:00:00")};
+const host::WallTime kInJuly{std::chrono::sys_days(std::chrono::July / 1 / 2026)};
+
 // A master that has configured everything.
 class MasterLinkTest : public testing::Test, protected kit::SimulatedDaemon {
 protected:
@@ -23,6 +27,10 @@ protected:
             reply.uiValue1 = zone_;
             host::CopyText(reply.stTimezone.szTimezoneName, "Asia/Kathmandu");
             reply.stTimezone.uiTimezoneOffset = 345;
+            return IdlCallResult{0, 0};
+        });
+        peers.On(TarnSysdiagMaster_GetDst, [this](uint32_t, const auto &, auto &reply) {
+            reply.stDst = host::ToRecord(dst_);
             return IdlCallResult{0, 0};
         });
         peers.On(TarnSysdiagMaster_GetCpuOvLoadCfgInfo, [this](uint32_t, const auto &request, auto &reply) {
@@ -73,7 +81,7 @@ protected:
         const tarnd::MemoryThresholds thresholds = daemon->memoryOverload.Thresholds();
         return {thresholds.over, thresholds.recover};
     }
-    std::string Zoned() const { return daemon->clock.Text(host::WallTime(0s)); }
+    std::string Zoned(host::WallTime when = {}) const { return daemon->clock.Text(when); }
     uint32_t MeasurementPeriodMs() const {
         for (const tarnd::Timers::Timer &timer : daemon->timers.List()) {
             if (std::string(timer.name) == "measurement") {
@@ -85,6 +93,7 @@ protected:
 
     uint32_t unreachable_ = 0;
     uint32_t zone_ = TARN_MASTER_CONFIGURED;
+    std::optional<host::DstRule> dst_; // that goes with the zone
     tarnd::Thresholds cpu_{700, 600, 30};
     IdlCallResult cpuResult_{0, 0};
     tarnd::MemoryThresholds memory_{800, 750};
@@ -111,11 +120,22 @@ TEST_F(MasterLinkTest, TakesOverWhatTheMasterHasConfigured) {
     }
 }
 
+TEST_F(MasterLinkTest, TakesOverTheDaylightSavingOfItsZone) {
+    dst_ = kSummer;
+    Greet();
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 06:45:00");
+    dst_.reset();
+    Greet();
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 05:45:00");
+}
+
 TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
     daemon->clock.SetZone({"UTC", 0}, "a test");
+    daemon->clock.SetDst(kSummer, "a test");
     zone_ = TARN_MASTER_OF_SYSTEM;
     Greet();
     EXPECT_EQ(Zoned(), "1970-01-01 00:00:00");
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 01:00:00") << "and the daylight saving";
     EXPECT_EQ(OfMemory(), std::pair(800U, 750U)) << "the rest it takes";
 }
 

@@ -104,6 +104,17 @@ TEST_F(TimersTest, ExpireInTheOrderInWhichTheyAreDue) {
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
+TEST_F(TimersTest, ThatAreDueAtOneMomentAreToldOfOnce) {
+    Add(work_);
+    Add(other_);
+    timers_.Once(work_.id, 10ms);
+    timers_.Once(other_.id, 10ms);
+    EXPECT_EQ(driver_.Due().size(), 1);
+    Pass(10ms);
+    EXPECT_EQ(work_.runs, 1);
+    EXPECT_EQ(other_.runs, 1);
+}
+
 TEST_F(TimersTest, ExpireOnceAfterAPauseAndGoOn) {
     Add(work_);
     timers_.Every(work_.id, 2s);
