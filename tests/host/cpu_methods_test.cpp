@@ -102,7 +102,8 @@ TEST_F(CpuMethodsTest, TellTheUseOfTheSystem) {
     Restart();
     EXPECT_EQ(Kpi().Status(), EAGAIN);
     EXPECT_NE(Kpi().Reason().find("the second sample has not been taken yet"), std::string::npos);
-    proc.Write("loadavg", "1.25 0.50 0.20 1/200 4711\n");
+    proc.Write("loadavg", "2.01 0.50 0.20 1/200 4711\n");
+    Pass(1s, 10); // which are out of the minute at its end
     machine.busyPermille = {1000, 500};
     Pass(1s, 30);
     machine.busyPermille = {100, 301};
@@ -112,7 +113,7 @@ TEST_F(CpuMethodsTest, TellTheUseOfTheSystem) {
     EXPECT_EQ(answer->uiValue1, 201) << "rounded";
     EXPECT_EQ(answer->uiValue2, 475);
     EXPECT_EQ(answer->uiValue3, 750);
-    EXPECT_EQ(answer->uiValue4, 1250);
+    EXPECT_EQ(answer->uiValue4, 2010);
     proc.Write("loadavg", "none");
     EXPECT_EQ(Kpi().Status(), EPROTO);
 }
@@ -158,6 +159,10 @@ TEST_F(CpuMethodsTest, SayThatTheThreadsOfAProcessWereNotSampled) {
     machine.processes[kPid].threadsError = EMFILE;
     Pass(1s, 2);
     EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1000).Status(), EMFILE);
+    machine.processes[kPid].threadsError = 0;
+    machine.processes[kPid].leftOut = true;
+    Pass(1s, 2);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1000).Status(), ENODATA);
 }
 
 TEST_F(CpuMethodsTest, MeasureAllThreads) {
@@ -183,6 +188,10 @@ TEST_F(CpuMethodsTest, MeasureAllThreads) {
     EXPECT_EQ(busy.uiValue9, 100);
     EXPECT_EQ(all->pstThread[1].uiTid, kPid);
     EXPECT_EQ(threads(3000, 2)->uiThreadNum, 1) << "of the two busiest";
+    host::procfs::Task farAway = kit::FakeProc::MakeTask(kBusy, "busy", 'R');
+    farAway.lastCpu = 300;
+    proc.SetThread(kPid, farAway);
+    EXPECT_EQ(threads(3000, 0)->pstThread[0].ucValue3, 255) << "as far as the member goes";
     EXPECT_EQ(threads(TARND_MEASURE_MAX_MS + 1, 0).Status(), EINVAL);
 }
 
@@ -223,6 +232,20 @@ TEST_F(CpuMethodsTest, TellTheStatisticsOfAllProcesses) {
     EXPECT_EQ(std::string(fresh.acValue11), "");
 }
 
+TEST_F(CpuMethodsTest, TellTheUserAndTheProgramAsTheKernelWritesThem) {
+    const std::string file = std::to_string(kPid) + "/status";
+    const std::string ids = fmt::format("Tgid:\t{0}\nPid:\t{0}\n", kPid);
+    proc.Write(file, "Name:\tUid: 1 1\n" + ids + "Uid:\t0\t4000000000\t0\t0\n");
+    const std::string exe(sizeof Tarn_sys_diag_SysCpuStatProc{}.acValue11, '/');
+    proc.Link(std::to_string(kPid) + "/exe", exe + "worker");
+    EXPECT_EQ(std::string(Processes()->pstProc[0].acValue10), "4000000000") << "not what its name says";
+    proc.Remove(std::to_string(kPid) + "/exe");
+    proc.Link(std::to_string(kPid) + "/exe", "/" + exe.substr(7) + "worker");
+    EXPECT_EQ(std::string(Processes()->pstProc[0].acValue11), exe.substr(7) + "worker") << "one too long";
+    proc.Write(file, ids + "Uid:\t0\n");
+    EXPECT_EQ(Processes().Status(), EPROTO);
+}
+
 TEST_F(CpuMethodsTest, TellTheHighestUseUntilItIsReset) {
     Pass(10s);
     machine.processes[kPid].threads[kBusy].runPermille = 100;
@@ -237,6 +260,10 @@ TEST_F(CpuMethodsTest, TellTheHighestUseUntilItIsReset) {
     EXPECT_EQ(Processes()->pstProc[0].stTime1.usYear, 0);
     EXPECT_EQ(daemon->cpuPeaks.OfSystem().permille, 0);
     EXPECT_EQ(daemon->cpuPeaks.OfCpu(0).permille, 0);
+    EXPECT_EQ(CallMethod<Tarn_sys_diag_MultiCpuUsageRet>(MultiCpuUsageQuery, Tarn_sys_diag_MultiCpuUsageInput{})
+                  ->pstCpu[0]
+                  .stTime.usYear,
+              0);
     EXPECT_EQ(daemon->cpuOverload.WatchedProcess(kPid).threads.back().highest, 0);
     Pass(10s);
     EXPECT_EQ(Processes()->pstProc[0].uiValue2, 100);
@@ -291,14 +318,14 @@ TEST_F(CpuMethodsTest, TellTheHistoryInPercent) {
     machine.busyPermille = {1000, 990};
     Pass(1s);
     machine.busyPermille = {0, 8};
-    machine.cpus[0].ticks.ioWait += 500;
+    machine.cpus[0].ticks.ioWait += 395;
     Pass(1s);
     const auto history = CallMethod<Tarn_sys_diag_SysCpuMonitorHistoryInfoResult>(
         GetSysCpuMonitorHistoryInfo, Tarn_sys_diag_SysCpuMonitorHistoryInfoInput{});
     ASSERT_EQ(history->uiRecordNum, 2) << "of three samples";
     EXPECT_EQ(history->pstRecord[0].ucValue1, 100) << "rounded";
     EXPECT_EQ(history->pstRecord[1].ucValue1, 0);
-    EXPECT_EQ(history->pstRecord[1].ucValue2, 20);
+    EXPECT_EQ(history->pstRecord[1].ucValue2, 17) << "16.5, rounded";
     ExpectTime(history->pstRecord[1].stTime, clocks.WallNow());
 }
 
@@ -417,6 +444,15 @@ TEST_F(CpuMethodsTest, SwitchTheDebugging) {
     EXPECT_EQ(log.find("overload debug: memory", first + 1), log.npos) << "once, then it is off";
 }
 
+TEST_F(CpuMethodsTest, DebugAMachineOnWhichNoProcessRuns) {
+    daemon->overloadDebug.Switch(TARND_MONITOR_CPU, true);
+    machine.processes[kPid].threads[kBusy].runPermille = 0;
+    testing::internal::CaptureStderr();
+    Pass(1s);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("CPU 0 permille in use, by no process that ran for a tick"), log.npos) << log;
+}
+
 // ---- Events ----
 
 TEST_F(CpuMethodsTest, TellWhichThreadKeptACpuBusy) {
@@ -464,6 +500,39 @@ TEST_F(CpuMethodsTest, TellTheEventsThatAreAskedFor) {
     EXPECT_EQ(Events(0, 3, 0)->uiEventNum, 1);
     clocks.Advance(4s);
     EXPECT_EQ(Events(0, 3, 0)->uiEventNum, 0);
+}
+
+TEST_F(CpuMethodsTest, TellOfNoEventOnACpuThatHasJustComeUp) {
+    machine.cpus.push_back({2, {}});
+    machine.busyPermille.push_back(1000);
+    Pass(1s, 3);
+    EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 0);
+    Pass(1s);
+    ASSERT_EQ(Events(0, 0, 0)->uiEventNum, 1);
+    EXPECT_EQ(Events(0, 0, 0)->pstEvent[0].uiDuration, 3000);
+}
+
+TEST_F(CpuMethodsTest, TellOfNoThreadThatItHadMoreThanACpu) {
+    machine.busyPermille = {0, 1000};
+    machine.processes[kPid].threads[kBusy].runPermille = 1100; // it was read late
+    Pass(1s, 3);
+    ASSERT_EQ(Events(0, 0, 0)->uiEventNum, 1);
+    EXPECT_EQ(Events(0, 0, 0)->pstEvent[0].uiThreadUse, 1000);
+}
+
+TEST_F(CpuMethodsTest, DoNotTellAgainOfAnEventThatManyOthersFollowed) {
+    for (uint32_t id = 2; id <= tarnd::CpuEvents::kEvents; ++id) {
+        machine.cpus.push_back({id, {}});
+    }
+    machine.busyPermille.assign(machine.cpus.size(), 0);
+    machine.busyPermille[0] = 1000;
+    Pass(1s, 3);
+    ASSERT_EQ(Events(0, 0, 0)->uiEventNum, 1);
+    machine.busyPermille.assign(machine.cpus.size(), 1000);
+    Pass(1s, 4); // the first lasts, and has left the list
+    const auto events = Events(0, 0, 0);
+    ASSERT_EQ(events->uiEventNum, tarnd::CpuEvents::kEvents);
+    EXPECT_EQ(events->pstEvent[0].uiCpuId, 1);
 }
 
 TEST_F(CpuMethodsTest, TellNoEventsWhereTheFunctionIsOff) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/host/error_of.h"
 #include "tests/host/eventually.h"
 #include "tests/host/fake_proc.h"
 #include "tests/host/scripted_samples.h"
@@ -13,20 +14,11 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kit::ErrorOf;
 using tarnd::CpuOverload;
 using tarnd::Overload;
 
 constexpr uint32_t kPid = kit::kFakePid;
-
-template <class Action>
-int ErrorOf(Action action) {
-    try {
-        action();
-    } catch (const std::system_error &error) {
-        return error.code().value();
-    }
-    return 0;
-}
 
 class CpuOverloadTest : public testing::Test, protected kit::SampledMachine {
 protected:
@@ -102,6 +94,20 @@ TEST_F(CpuOverloadTest, RecordsAnOverloadOfTheSystem) {
     machine.busyPermille = {749, 749};
     Pass(1s, 3600);
     EXPECT_EQ(overload->RecordNumber(), 1) << "it is not reached";
+}
+
+TEST_F(CpuOverloadTest, NamesTheProcessThatUsedMostSinceItBegan) {
+    machine.Add(kPid, "first", 900);
+    machine.Add(kPid + 1, "last");
+    machine.busyPermille = {1000, 1000};
+    overload->SetSystem({1000, 1000, 3});
+    Pass(1s, 2);
+    machine.processes[kPid].threads[kPid].runPermille = 0;
+    machine.processes[kPid + 1].threads[kPid + 1].runPermille = 900;
+    Pass(1s);
+    WaitForRecords(1);
+    EXPECT_EQ(overload->Last().name, "first");
+    EXPECT_EQ(overload->Last().processPermille, 600);
 }
 
 TEST_F(CpuOverloadTest, RecordsTheBusiestThreads) {
@@ -262,6 +268,24 @@ TEST_F(CpuOverloadTest, KeepsItsThresholdsBeyondARestart) {
     EXPECT_EQ(next.WatchedProcess(kPid).thresholds.recover, 1900);
     EXPECT_EQ(next.WatchedProcess(kPid).thresholds.seconds, 3);
     EXPECT_EQ(next.RecordNumber(), 0);
+}
+
+TEST_F(CpuOverloadTest, ChangesNothingThatCanNotBeKept) {
+    const kit::TempDir dir;
+    host::Store kept(dir.Path() / "state");
+    CpuOverload of(kept, sampler, proc, [](Overload &) {});
+    AddProcess(kPid, "worker", 0);
+    of.SetSystem({900, 800, 7});
+    of.Watch(kPid, {2000, 1900, 3});
+    AddProcess(kPid + 1, "another", 0);
+    std::filesystem::remove_all(dir.Path() / "state");
+    EXPECT_THROW(of.SetSystem({500, 500, 0}), std::system_error);
+    EXPECT_EQ(of.System().over, 900);
+    EXPECT_THROW(of.Watch(kPid, {500, 500, 0}), std::system_error);
+    EXPECT_THROW(of.Watch(kPid + 1, {500, 500, 0}), std::system_error);
+    EXPECT_THROW(of.Unwatch(kPid), std::system_error);
+    EXPECT_EQ(of.WatchedNumber(), 1);
+    EXPECT_EQ(of.WatchedProcess(kPid).thresholds.over, 2000);
 }
 
 TEST_F(CpuOverloadTest, EndsWhenItIsSwitchedOff) {

@@ -33,6 +33,7 @@ public:
         std::map<uint32_t, Thread> threads;
         uint64_t usedNs = 0;  // also by threads that have ended
         int threadsError = 0; // set where the threads can't be read
+        bool leftOut = false; // there are more threads than are sampled
     };
 
     explicit ScriptedMachine(uint32_t cpuNum = 2) : busyPermille(cpuNum, 0) {
@@ -46,7 +47,7 @@ public:
     // A process with one thread, its first. Another that had the id has ended.
     Process &Add(uint32_t pid, std::string name, uint32_t runPermille = 0) {
         Process &process = processes[pid];
-        process = {std::move(name), ++lastStart_, 1000, 'S', {}, 0, 0};
+        process = {std::move(name), ++lastStart_, 1000, 'S', {}, 0, 0, false};
         process.threads[pid].runPermille = runPermille;
         return process;
     }
@@ -121,7 +122,7 @@ private:
         sample.name = process.name;
         sample.threadsError = process.threadsError;
         const tarnd::ProcessSample *const before = previous == nullptr ? nullptr : previous->Find(sample);
-        if (process.threadsError != 0) {
+        if (process.threadsError != 0 || process.leftOut) {
             return sample;
         }
         if (before != nullptr && before->cpuTicks == sample.cpuTicks && before->threadNum == sample.threadNum) {

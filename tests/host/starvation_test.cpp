@@ -81,6 +81,17 @@ TEST_F(StarvationTest, KnowsAWaitThatHasEndedByItsCount) {
     EXPECT_EQ(Times(), 1) << "two waits, of less than two seconds each";
 }
 
+TEST_F(StarvationTest, KnowsALongWaitAmongShortOnesByWhatDoesNotFitBetweenTheSamples) {
+    Pass(1s);
+    SetThread('S', {1000, 4'999'000'000, 5});
+    Pass(3s);
+    EXPECT_EQ(Times(), 0) << "a millisecond less than the threshold had passed before";
+    SetThread('S', {2000, 9'999'000'000, 10});
+    Pass(3s);
+    ASSERT_EQ(Times(), 1);
+    EXPECT_EQ(starvation.Of(kPid, kTid)->longest, 2s);
+}
+
 TEST_F(StarvationTest, LeavesOutWhoIsNotReady) {
     SetThread('S', {});
     Pass(1s, 10);
@@ -89,6 +100,12 @@ TEST_F(StarvationTest, LeavesOutWhoIsNotReady) {
     machine.runnable = 2;
     Pass(1s, 10);
     EXPECT_EQ(Times(), 0) << "there is a CPU for each: it runs";
+    machine.runnable = 3;
+    for (uint64_t second = 1; second <= 10; ++second) {
+        SetThread('R', {second * 1'000'000'000, 0, 0});
+        Pass(1s);
+    }
+    EXPECT_EQ(Times(), 0) << "it runs without a break";
 }
 
 TEST_F(StarvationTest, LooksOnlyWhileItIsOn) {
@@ -135,6 +152,19 @@ TEST_F(StarvationTest, TellsApartThreadsOfOneId) {
     SetThread('R', {1'000'000, 9'000'000'000, 1});
     Pass(1s);
     EXPECT_EQ(Times(), 0) << "its counts went back";
+}
+
+TEST_F(StarvationTest, TellsApartThreadsOfOneIdInTwoProcesses) {
+    constexpr uint32_t kOther = kPid + 7;
+    Pass(1s, 3);
+    machine.processes[kPid].threads.erase(kTid);
+    machine.Add(kOther, "another").threads[kTid] = {};
+    proc.SetThread(kOther, kit::FakeProc::MakeTask(kOther, "main"));
+    proc.SetThread(kOther, kit::FakeProc::MakeTask(kTid, "new", 'R'));
+    Pass(1s, 3);
+    EXPECT_FALSE(starvation.Of(kOther, kTid).has_value()) << "from the start";
+    Pass(1s);
+    EXPECT_TRUE(starvation.Of(kOther, kTid).has_value());
 }
 
 TEST_F(StarvationTest, LivesWithThreadsThatEnd) {
