@@ -5,6 +5,8 @@ TARN_UNIT()
 
 #include "types/tarnd.h"
 
+#include <algorithm>
+
 #include "tests/host/daemon_kit.h"
 
 namespace {
@@ -38,14 +40,19 @@ TEST_F(LiveCpuTest, RecordsTheStacksOfAnOverload) {
     const auto set = Call<Tarn_sys_diag_OperResult>("SetCpuOvProcThreshold",
                                                     Tarn_sys_diag_SetCpuOvProcThresholdInput{subject.Pid(), 1, 1, 0});
     ASSERT_EQ(set->uiResult, 0);
+    std::string stack;
     EXPECT_TRUE(kit::Eventually([&] {
         const auto stacks = Call<Tarn_sys_diag_TopCpuOvloadThreadCallstackRet>(
             "DisCpuOvloadCallstackInfo", Tarn_sys_diag_CpuOvloadThreadCallstackInput{});
-        return stacks.Status() == 0 && stacks->uiThreadNum != 0 &&
-               std::string(stacks->astThread[0].szThreadName) == "burner" &&
-               stacks->astThread[0].pcCallStack != nullptr &&
-               std::string(stacks->astThread[0].pcCallStack).find("BurnCpu") != std::string::npos;
+        if (stacks.Status() != 0 || stacks->uiThreadNum == 0 || stacks->astThread[0].pcCallStack == nullptr ||
+            std::string(stacks->astThread[0].szThreadName) != "burner") {
+            return false;
+        }
+        stack = stacks->astThread[0].pcCallStack;
+        return true;
     })) << daemon_->Err();
+    EXPECT_NE(stack.find("BurnCpu"), std::string::npos) << stack;
+    EXPECT_GE(std::count(stack.begin(), stack.end(), '\n'), 3) << "a line for each function: " << stack;
 }
 
 } // namespace
