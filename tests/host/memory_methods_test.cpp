@@ -34,7 +34,10 @@ struct Directories {
 
 class MemoryMethodsTest : public testing::Test, protected Directories, protected kit::SimulatedDaemon {
 protected:
-    MemoryMethodsTest() : SimulatedDaemon(Placed(*this)) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+    MemoryMethodsTest() : SimulatedDaemon(Placed(*this)) {
+        daemon->clock.SetZone({"UTC", 0}, "the test");
+        proc.Write("uptime", "170.25 300.00\n");
+    }
 
     static tarnd::Options Placed(const Directories &directories) {
         tarnd::Options options;
@@ -141,6 +144,10 @@ TEST_F(MemoryMethodsTest, SumUpProcesses) {
     EXPECT_EQ(answer->uiMemTotal, 123456);
     ASSERT_EQ(answer->uiRecordNum, 1);
     ExpectCommon(answer->pstRecord[0], kFakePid + 100, "small");
+    const Tarn_sys_diag_Systime start = daemon->clock.LocalTime(clocks.WallNow() - 70'250ms);
+    EXPECT_EQ(answer->pstRecord[0].stStartTime.ucSecond, start.ucSecond);
+    EXPECT_EQ(answer->pstRecord[0].stStartTime.ucMinute, start.ucMinute);
+    EXPECT_EQ(answer->pstRecord[0].stStartTime.uiMillisecond, start.uiMillisecond);
 
     EXPECT_EQ(Selected(""), (std::vector<uint32_t>{300, 200, 100})) << "the largest first";
     EXPECT_EQ(Selected("*l*"), (std::vector<uint32_t>{300, 100}));
@@ -193,13 +200,6 @@ TEST_F(MemoryMethodsTest, TellWhatProcessesWithoutMemoryHave) {
     EXPECT_EQ(answer->pstProc[0].uiVmSize, 0);
     EXPECT_EQ(answer->pstProc[0].uiPss, 0);
     EXPECT_EQ(Mappings(kFakePid)->uiMapNum, 0);
-}
-
-TEST(ProcessStart, IsAsLongAgoAsItsTicksSay) {
-    host::procfs::Task task;
-    task.startTicks = 30 * host::procfs::TicksPerSecond() + 1;
-    const host::WallTime now{1'000'000s};
-    EXPECT_EQ(now - tarnd::StartOf(task, now, 100s), 70s - 1000ms / host::procfs::TicksPerSecond());
 }
 
 TEST(NumberIn, IsAllOfAText) {

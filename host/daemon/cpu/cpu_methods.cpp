@@ -174,8 +174,7 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     stat.uiValue7 = task.threadNum;
     stat.uiValue8 = static_cast<uint32_t>(task.nice);
     stat.uiValue9 = task.lastCpu;
-    stat.stTime2 =
-        daemon.clock.LocalTime(daemon.clocks.WallNow() - std::chrono::duration_cast<host::WallTime::duration>(age));
+    stat.stTime2 = daemon.clock.LocalTime(StartOf(age, daemon.clocks));
     host::CopyText(stat.acValue10, users.User(details.effectiveUser));
     CopyEnd(stat.acValue11, details.exe);
     stat.uiValue12 = age.count() <= 0 ? 0 : Permille(TicksToNs(task.CpuTicks()), static_cast<uint64_t>(age.count()));

@@ -30,11 +30,6 @@ uint32_t ProcessStatus::SizeOf(std::string_view key) const {
     return Kib(host::procfs::FindField(text_, key).value_or(0));
 }
 
-host::WallTime StartOf(const host::procfs::Task &task, host::WallTime now, std::chrono::nanoseconds sinceBoot) {
-    const std::chrono::milliseconds started(task.startTicks * 1000 / host::procfs::TicksPerSecond());
-    return now - std::chrono::duration_cast<host::WallTime::duration>(sinceBoot - started);
-}
-
 std::optional<uint32_t> NumberIn(std::string_view text) {
     if (text.ends_with('\n')) {
         text.remove_suffix(1);

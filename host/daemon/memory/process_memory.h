@@ -1,14 +1,12 @@
 // The memory of processes.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "host/clock/clocks.h"
 #include "host/daemon/processes/users.h"
 #include "host/procfs/procfs.h"
 
@@ -35,9 +33,6 @@ private:
     host::procfs::Task task_;
     std::string text_;
 };
-
-// When a process started, if the system has been up for so long now.
-host::WallTime StartOf(const host::procfs::Task &task, host::WallTime now, std::chrono::nanoseconds sinceBoot);
 
 // All of a text as a number; it may end with a line feed.
 std::optional<uint32_t> NumberIn(std::string_view text);

@@ -1,13 +1,11 @@
 // The memory of processes: how much and of what kind, and mapping by mapping.
-#include <ctime>
-
 #include <algorithm>
-#include <chrono>
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/kib.h"
 #include "host/daemon/memory/process_memory.h"
+#include "host/daemon/processes/process_age.h"
 #include "host/procfs/memory.h"
 #include "host/values/daemon.h"
 #include "server/tarnd.h"
@@ -62,12 +60,6 @@ void Describe(const ProcessStatus &process, UserNames &names, Record &record) {
     record.uiHugetlb = process.SizeOf("HugetlbPages");
 }
 
-std::chrono::nanoseconds SinceBoot() {
-    timespec time;
-    clock_gettime(CLOCK_BOOTTIME, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
 std::vector<Tarn_sys_diag_SysMemStatisPro> Statistics(const Tarn_sys_diag_PositionStr &request) {
     const Daemon &daemon = Daemon::Serving();
     UserNames names;
@@ -76,8 +68,8 @@ std::vector<Tarn_sys_diag_SysMemStatisPro> Statistics(const Tarn_sys_diag_Positi
                     std::string(host::TextOf(request.acPosition2)), names, [&](const ProcessStatus &process) {
                         Tarn_sys_diag_SysMemStatisPro record{};
                         Describe(process, names, record);
-                        record.stStartTime =
-                            daemon.clock.LocalTime(StartOf(process.Task(), daemon.clocks.WallNow(), SinceBoot()));
+                        record.stStartTime = daemon.clock.LocalTime(
+                            StartOf(AgeOf(daemon.proc, process.Task().startTicks), daemon.clocks));
                         records.push_back(record);
                     });
     std::ranges::stable_sort(records, std::ranges::greater(), &Tarn_sys_diag_SysMemStatisPro::uiVmRss);

@@ -17,4 +17,8 @@ std::chrono::nanoseconds AgeOf(const host::procfs::Procfs &proc, uint64_t startT
     return std::chrono::nanoseconds(static_cast<int64_t>(seconds * kNs) - started);
 }
 
+host::WallTime StartOf(std::chrono::nanoseconds age, const host::Clocks &clocks) {
+    return clocks.WallNow() - std::chrono::duration_cast<host::WallTime::duration>(age);
+}
+
 } // namespace tarnd

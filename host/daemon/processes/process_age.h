@@ -1,4 +1,4 @@
-// How long a process has been there.
+// How long a process has been there, and since when.
 #pragma once
 
 #include "host/clock/clocks.h"
@@ -8,5 +8,8 @@ namespace tarnd {
 
 // By the system's count of the time since it started.
 std::chrono::nanoseconds AgeOf(const host::procfs::Procfs &proc, uint64_t startTicks);
+
+// The moment that was so long ago, by the clock on the wall as it is set now.
+host::WallTime StartOf(std::chrono::nanoseconds age, const host::Clocks &clocks);
 
 } // namespace tarnd
