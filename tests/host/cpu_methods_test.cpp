@@ -529,7 +529,10 @@ TEST_F(CpuMethodsTest, DoNotTellAgainOfAnEventThatManyOthersFollowed) {
     Pass(1s, 3);
     ASSERT_EQ(Events(0, 0, 0)->uiEventNum, 1);
     machine.busyPermille.assign(machine.cpus.size(), 1000);
-    Pass(1s, 4); // the first lasts, and has left the list
+    Pass(1s, 3);
+    machine.busyPermille.assign(machine.cpus.size(), 0);
+    machine.busyPermille[0] = 1000;
+    Pass(1s); // the first lasts, and has left the list
     const auto events = Events(0, 0, 0);
     ASSERT_EQ(events->uiEventNum, tarnd::CpuEvents::kEvents);
     EXPECT_EQ(events->pstEvent[0].uiCpuId, 1);
