@@ -147,6 +147,12 @@ TEST_F(ArchiveTest, ReplacesAnOlderArchiveAndLeavesItOut) {
     EXPECT_EQ(ReadArchive(logs_ / "app" / "logs.zip"), expected);
 }
 
+TEST_F(ArchiveTest, LeavesOutWhatIsBeingWrittenAside) {
+    std::ofstream(logs_ / "app" / ".other.zip.4711.0.partial") << "PK";
+    ASSERT_EQ(Zip("app", "", "app.zip"), 0);
+    EXPECT_EQ(ReadArchive(logs_ / "app.zip").size(), 2);
+}
+
 TEST_F(ArchiveTest, RefusesPathsOutsideTheLogDirectory) {
     for (const char *const path :
          {"..", "../secret", "app/../../secret", "/etc", "/", "app/./../..", "out", "out/logs", "app/link.log"}) {

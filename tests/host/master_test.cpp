@@ -97,9 +97,31 @@ TEST(MasterConfig, ReadsEverySection) {
     EXPECT_EQ(config.measurement->times.ucValue2, 30);
     EXPECT_EQ(config.measurement->mode, 2);
     EXPECT_FALSE(Parse("").zone) << "every section is optional";
-    const auto every = Parse(With(kConfig, "03:30", "every 10 min")).measurement->times;
-    EXPECT_EQ(every.ucValue1, 255);
-    EXPECT_EQ(every.ucValue2, 10);
+    const auto times = [](const std::string &text) {
+        const auto value = Parse(With(kConfig, "03:30", text)).measurement->times;
+        return std::pair<uint32_t, uint32_t>(value.ucValue1, value.ucValue2);
+    };
+    EXPECT_EQ(times("every 10 min"), (std::pair(255U, 10U)));
+    EXPECT_EQ(times("every 255 s"), (std::pair(254U, 255U)));
+    EXPECT_EQ(times("never"), (std::pair(254U, 0U)));
+}
+
+TEST(MasterConfig, TakesNoMoreThanTheAnswersHaveRoomFor) {
+    const size_t most = sizeof(Tarn_sys_diag_OvLoadCpuCtlInput::acName1);
+    const std::string longest(most, 'n'), tooLong(most + 1, 'n');
+    const auto overload = [](const std::string &names) {
+        return Parse("[cpu-overload " + names + "]\nover = 0\nrecover = 0\n").cpuOverload.size();
+    };
+    EXPECT_EQ(overload(longest + " " + longest), 1);
+    for (const std::string &names : {tooLong, tooLong + " variant", "name " + tooLong}) {
+        EXPECT_THROW(overload(names), std::runtime_error) << names;
+    }
+    const size_t mostText = sizeof(Tarn_sys_diag_MKCfgInfoOutput::acCfgInfo);
+    const auto text = [](size_t size) {
+        return Parse(With(kConfig, "what whoever asks is told", std::string(size, 't'))).process->text.size();
+    };
+    EXPECT_EQ(text(mostText), mostText);
+    EXPECT_THROW(text(mostText + 1), std::runtime_error);
 }
 
 TEST(MasterConfig, TakesItsExample) {
@@ -142,7 +164,17 @@ TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
              {"recover = 850", "recover = 901", "master.conf:12: [cpu-overload system] the share below which"},
              {"[cpu-overload worker]", "[cpu-overload system]", "master.conf:16: [cpu-overload system] is there twice"},
              {"[cpu-overload worker]", "[cpu-overload]", "master.conf:16: [cpu-overload] expected a name"},
+             {"[cpu-overload worker]", "[cpu-overload a b c]", "master.conf:16: [cpu-overload a b c] expected a name"},
+             {"over = 900", "over = -1", "over: the value is \"-1\", expected a number from 0 to 1000"},
+             {"text = what whoever asks is told", "text =", "text: the text is \"\", expected 1 to "},
              {"[physical 0 1 2]", "[physical 0 1]", "[physical 0 1] expected frame, slot and port"},
+             {"[memory-overload system]\nover = 910", "[memory-overload system]\nseconds = 1\nover = 910",
+              "[memory-overload system] has no key \"seconds\", expected over, recover"},
+             {"seconds = 10", "seconds = 3601", "seconds: the value is \"3601\", expected a number from 0 to 3600"},
+             {"period = 24", "period = 0", "period: the value is \"0\", expected a number from 1 to 8760"},
+             {"hour = 3", "hour = 24", "hour: the value is \"24\", expected a number from 0 to 23"},
+             {"time = 03:30", "time = 23:60", "time: the value is \"23:60\""},
+             {"time = 03:30", "time = every 256 s", "time: the value is \"every 256 s\""},
              {"enabled = yes", "enabled = maybe", "enabled: the value is \"maybe\", expected no, yes"},
              {"time = 03:30", "time = 24:00", "time: the value is \"24:00\", expected a time such as 03:30"},
              {"time = 03:30", "time = every 0 s", "time: the value is \"every 0 s\""},
@@ -182,10 +214,12 @@ protected:
 };
 
 TEST_F(SettingsTest, AnswerForANameAVariantOrTheSystem) {
+    Write(kConfig + std::string("[cpu-overload system board9]\nover = 700\n"));
     const auto settings = Load("");
     const auto names = [&](const master::Names &asked) { return settings->CpuOverload(asked).names; };
     EXPECT_EQ(names({"", ""}), system_);
     EXPECT_EQ(names({"", "board2"}), system_);
+    EXPECT_EQ(names({"", "board9"}), (master::Names{"system", "board9"}));
     EXPECT_EQ(names({"worker", "board2"}), (master::Names{"worker", "board2"}));
     EXPECT_EQ(names({"worker", "board3"}), (master::Names{"worker", ""}));
     EXPECT_EQ(settings->CpuOverload({"worker", "board3"}).thresholds, (master::Thresholds{500, 500, 0}));
@@ -243,6 +277,25 @@ TEST_F(SettingsTest, ForgetAChangeAtTheStartWhenTheFileSaysSomethingElse) {
     EXPECT_FALSE(Load()->MemoryOverload(system_).change);
 }
 
+TEST_F(SettingsTest, SetAsideAChangeThatMakesNoSense) {
+    const host::Document file = host::Document::Object{{"over", 910}, {"recover", 820}};
+    for (const uint32_t recover : {700U, 701U}) {
+        SCOPED_TRACE(recover);
+        host::Store(dir_.Path() / "state")
+            .Save("memory-overload", 1,
+                  host::Document::Array{host::Document::Object{
+                      {"name", "system"},
+                      {"variant", ""},
+                      {"thresholds", host::Document::Object{{"over", 700}, {"recover", recover}}},
+                      {"ofFile", file},
+                      {"by", "me"},
+                      {"count", 1},
+                      {"when", 2}}});
+        EXPECT_EQ(Load()->MemoryOverload(system_).change.has_value(), recover == 700);
+    }
+    EXPECT_TRUE(std::filesystem::exists(dir_.Path() / "state" / "memory-overload.json.damaged"));
+}
+
 // A master in the test's process, on the test's clock.
 class MasterInProcessTest : public SettingsTest {
 protected:
@@ -297,8 +350,17 @@ TEST_F(MasterInProcessTest, TellsTheTimeByTheSystem) {
     const auto zone = Ask<Tarn_sys_diag_GetTimezoneOutput>("GetTimezone");
     EXPECT_EQ(zone->uiValue1, 0);
     EXPECT_EQ(zone->stTimezone.uiTimezoneOffset, 60) << "without daylight saving";
+    EXPECT_EQ(std::string(zone->stTimezone.szTimezoneName).find("zoneinfo"), std::string::npos) << "no path";
     unsetenv("TZ");
     tzset();
+}
+
+TEST_F(MasterInProcessTest, FillsATextUpToItsLastByte) {
+    const std::string longest(sizeof(Tarn_sys_diag_MKCfgInfoOutput::acCfgInfo), 't');
+    Write(With(kConfig, "what whoever asks is told", longest));
+    ASSERT_TRUE(master_->settings.Reload());
+    const auto process = Ask<Tarn_sys_diag_MKCfgInfoOutput>("SysdiagGetMKCfgInfo");
+    EXPECT_EQ(std::string(process->acCfgInfo, longest.size()), longest);
 }
 
 TEST_F(MasterInProcessTest, KnowsWhoLeadsAProcess) {

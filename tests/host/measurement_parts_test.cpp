@@ -109,8 +109,8 @@ TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
     Install("victim", "first");
     Run(kFakePid, "victim");
     EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    Install("other", "other");
-    Run(kFakePid + 1, "other");
+    Install("younger", "other");
+    Run(kFakePid + 1, "younger");
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     EXPECT_EQ(Result()->uiValue2, 1);
     daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
@@ -121,8 +121,8 @@ TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
     daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
-    Install("other", "changed");
-    Run(kFakePid + 1, "other");
+    Install("younger", "changed");
+    Run(kFakePid + 1, "younger");
     EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
     EXPECT_EQ(Result()->uiValue2, 1) << "what has changed is not learned";
 }
