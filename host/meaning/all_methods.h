@@ -3,7 +3,7 @@
 // service, each in the order of its interface indices. Included once for each use, with both macros defined; it
 // undefines them.
 #if !defined(TARN_SERVICE_METHOD) || !defined(TARN_SERVICE_METHOD_NO_REPLY)
-#error "host/runtime/all_methods.h: define TARN_SERVICE_METHOD and TARN_SERVICE_METHOD_NO_REPLY before including it"
+#error "host/meaning/all_methods.h: define TARN_SERVICE_METHOD and TARN_SERVICE_METHOD_NO_REPLY before including it"
 #endif
 
 #define TARN_METHOD(method, request, response) TARN_SERVICE_METHOD(TarnSysdiagTarnd, method, request, response)

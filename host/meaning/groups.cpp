@@ -1,87 +1,38 @@
-#include "host/runtime/groups.h"
+#include "host/meaning/groups.h"
 
 #include <algorithm>
-#include <unordered_map>
+#include <iterator>
+
+#include "host/meaning/agent.h"
+#include "host/meaning/master.h"
+#include "host/meaning/tarnd.h"
+#include "host/meaning/tarnd_agent.h"
 
 namespace host {
+
 namespace {
 
-constexpr std::string_view kReading[] = {
-    "PidIsOnline", "GetProcStatByPid", "CalculateOsProcCpuUse", "CalculateAllThreadCpuUse", "CalculateProcThreadCpuUse",
-    "GetHugePagesInfo", "SysCpuStatInfoQuery", "MultiCpuUsageQuery", "DisCpuOvloadInfo", "GetSysCpuMonitorHistoryInfo",
-    "GetSysCpuOverloadCfg", "GetCpuOvMonProcInfo", "GetKpiCpuInfo", "GetSysMemStatisPro", "MemLeakOrHisQry",
-    "GetOsProcessMemInfo", "GetSysMemStatisFile", "GetSysOsMemFileList", "GetSysMemStatisShare",
-    "GetSysMemOverloadStat", "GetSysMemOverloadSw", "GetSysMemOverloadCfg", "GetSysMemUseInfo", "AppMemInfo",
-    "GetKpiMemoryInfo", "GetTaskInfo", "GetAllTidsByPid", "TarnGetDlpCfgFromAgent", "DetectTarndServerOnline",
-    "TarnGetDimMeasRstByTarnd", "TarnPadsGetSystemHealthInfoByTarnd", "TarnPadsGetCpuEventByTarnd", "GetProcTable",
-    "GetQ5ProcInfo", "TarnGetMsgRuleInfoTarnd", "TarnGetSubscribeInfoTarnd", "TarnGetTimerInfoTarnd",
-    // agents
-    "GetDeadLoopCfg", "TarnPadsGetProcSystemHealthInfo", "GetMsgCtrlRule", "TarnGetSubscribe", "TarnAgentGetTimerInfo",
-    "TarnGetAppMemUnitInfo",
-    // the master
-    "GetPhyNameAndID", "GetTimezone", "GetDst", "GetGmt", "GetLocal", "GetCpuOvLoadCfgInfo", "GetMemoryOvLoadCfgInfo",
-    "GetMKAutoUpdCfgInfo", "SysdiagGetMKCfgInfo", "GetLMProcLPid", "DetectSysdiagServerOnline", "SysdiagGetDimCfgInfo",
-    "SysdiagGetDimWorkMode",
-    // the runtime's own
-    "Health", "Status"};
+struct Grouped {
+    std::string_view method;
+    Group group;
+};
 
-constexpr std::string_view kMemory[] = {
-    "DisCpuOvloadCallstackInfo", "GetExceptionInfo", "GetAssertInfo", "DumpOsProcMemValue", "GetOsProcessMapsInfo",
-    "GetMirelMemHandleInfoByTarnd", "GetProcPartitionMemHandleRecodByTarnd", "GetMirelMemPtInfoByTarnd",
-    "MemDiagMaByTarnd", "GetMemDmgInfoTarnd", "GetCallStackInfoByTid",
-    // agents
-    "GetProcPartitionMemHandleRecod", "GetMemDmgInfo", "GetMirelMemHandleInfo", "GetTopNHandleInfo",
-    "GetMirelMemPtInfo", "MemDiag_ma", "MemHandleCallStack", "GetCallStackFunction", "TarnDetectMemHostage",
-    "TarnGetAppMemDetailOrModuleInfo"};
-
-constexpr std::string_view kSettings[] = {
-    "ResetMaxCpuUseInfo", "SysOvLoadCpuThresholdSet", "OvloadCpuSwitchState", "SetCpuOvProcThreshold", "ResetBBoxInfo",
-    "SysOvLoadMemThresholdSet", "ClearEnvAct", "SetOvLoadDebugSwitch", "SetTimezone", "SetDst", "SetGmt",
-    "SetLocalTime", "SetDateFormat", "SetMemDmgScanTarnd", "ResetTaskRecord", "SetTaskStarvThreshold", "SetTaskSwitch",
-    "SetNoxTimerDebugSwitchByTarnd", "TarnSetDimTimeCfgByTarnd", "TarnSetDimWorkModeCfgByTarnd",
-    "TarnPadsSetPadsGlobalSwitchByTarnd", "TarnPadsSetPadsAppFunSwitchByTarnd", "UpdateMsgCtrlRuleTarnd",
-    "ClearMsgCtrlRuleTarnd",
-    // agents
-    "SetMemDmgScan", "SetNoxTimerDebugSwitch", "TarnPadsSetProcPadsGlobalSwitch", "TarnPadsSetProcPadsAppFunSwitch",
-    "UpdateMsgCtrlRule", "ClearMsgCtrlRule", "TarnUpdateResourceInfo",
-    // the master
-    "UpdateInnerConfig", "MemChangeInnerConfig"};
-
-constexpr std::string_view kCommands[] = {"ZipLogFile", "CopyZipLogFile", "DBGCmdExecShowByTarnd",
-                                          "DBGCmdExecResultGetByTarnd", "DBGCmdExecCleanByTarnd", "TarnSetDimOpration",
-                                          "ProcTableBuild",
-                                          // agents
-                                          "DBGCmdExecShow", "DBGCmdExecResultGet", "DBGCmdExecClean"};
-
-constexpr std::string_view kAgents[] = {"AgentRegInfo", "TarnAppSubscribe"};
-
-// --- Every method is in one list, and every entry of a list is a method.
-
-constexpr size_t Count(std::string_view method) {
-    return static_cast<size_t>(std::ranges::count(kReading, method) + std::ranges::count(kMemory, method) +
-                               std::ranges::count(kSettings, method) + std::ranges::count(kCommands, method) +
-                               std::ranges::count(kAgents, method));
-}
-
-#define GROUPED(service, method)                                                                                       \
-    static_assert(Count(#method) != 0, "host/runtime/groups.cpp: " #method ", a method of " #service                   \
-                                       ", is in no group: add it to kReading, kMemory, kSettings, kCommands or "       \
-                                       "kAgents");                                                                     \
-    static_assert(Count(#method) <= 1, "host/runtime/groups.cpp: " #method " is in more than one group");
-#define TARN_SERVICE_METHOD(service, method, request, response) GROUPED(service, method)
-#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) GROUPED(service, method)
-#include "host/runtime/all_methods.h"
-
-constexpr size_t kMethods = 0
-#define TARN_SERVICE_METHOD(service, method, request, response) +1
-#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) +1
-#include "host/runtime/all_methods.h"
-    ;
-constexpr size_t kRuntimesOwn = 2;
-static_assert(std::size(kReading) + std::size(kMemory) + std::size(kSettings) + std::size(kCommands) +
-                      std::size(kAgents) <=
-                  kMethods + kRuntimesOwn,
-              "host/runtime/groups.cpp: a group has an entry that is no method");
+// Of the lists only this: a program that serves one of them need not carry the others.
+constexpr auto kMethods = [] {
+    auto methods = std::to_array<Grouped>({
+#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
+    {#method, meaning::kTextOf<struct meaning::method##_>.group},
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) TARN_SERVICE_METHOD(service, method, request, )
+#include "host/meaning/all_methods.h"
+        {"Health", Group::kReading}, // the runtime's own
+        {"Status", Group::kReading},
+        {"Describe", Group::kReading},
+    });
+    std::ranges::sort(methods, {}, &Grouped::method);
+    return methods;
+}();
+static_assert(std::ranges::adjacent_find(kMethods, {}, &Grouped::method) == kMethods.end(),
+              "two methods have one name");
 
 } // namespace
 
@@ -97,22 +48,8 @@ std::optional<Group> GroupNamed(std::string_view name) {
 }
 
 Group GroupOf(std::string_view method) {
-    static const auto groups = [] {
-        std::unordered_map<std::string_view, Group> all;
-        const auto add = [&](const auto &methods, Group group) {
-            for (const std::string_view name : methods) {
-                all.emplace(name, group);
-            }
-        };
-        add(kReading, Group::kReading);
-        add(kMemory, Group::kMemory);
-        add(kSettings, Group::kSettings);
-        add(kCommands, Group::kCommands);
-        add(kAgents, Group::kAgents);
-        return all;
-    }();
-    const auto found = groups.find(method);
-    return found == groups.end() ? Group::kCommands : found->second;
+    const auto found = std::ranges::lower_bound(kMethods, method, {}, &Grouped::method);
+    return found != kMethods.end() && found->method == method ? found->group : Group::kCommands;
 }
 
 } // namespace host

@@ -17,7 +17,7 @@ std::vector<MethodInfo> Build() {
     };
 #define TARN_SERVICE_METHOD(service, method, request, response) add(#service, #method, #request, #response);
 #define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) add(#service, #method, #request, "");
-#include "host/runtime/all_methods.h"
+#include "host/meaning/all_methods.h"
     return methods;
 }
 

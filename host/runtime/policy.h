@@ -21,7 +21,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/runtime/groups.h"
+#include "host/meaning/groups.h"
 
 namespace host {
 

@@ -1,0 +1,211 @@
+#include "host/meaning/check.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "host/meaning/unit.h"
+#include "host/osal/error.h"
+#include "host/osal/text.h"
+#include "velto/shape.h"
+
+namespace host::meaning {
+
+namespace {
+
+bool IsText(Kind kind) {
+    return kind >= Kind::kText && kind <= Kind::kLocalTime;
+}
+
+bool IsSum(const Value &value, uint64_t number) {
+    for (const Choice &one : value.choices) {
+        number &= ~uint64_t{one.value};
+    }
+    return number == 0;
+}
+
+bool Takes(const Value &value, uint64_t number) {
+    const bool isChoice = std::ranges::find(value.choices, number, &Choice::value) != value.choices.end();
+    if ((number == 0 && value.hasZero) || (value.kind == Kind::kChoice && isChoice)) {
+        return true;
+    }
+    if ((value.kind == Kind::kChoice || (value.kind == Kind::kFlags && !IsSum(value, number))) && !value.open) {
+        return false;
+    }
+    return value.least <= number && number <= value.most;
+}
+
+// One record of a request, and where it stands in it.
+class Checked {
+public:
+    Checked(const Record &meaning, const void *record, std::string path)
+        : meaning_(meaning), record_(static_cast<const uint8_t *>(record)), path_(std::move(path)) {}
+
+    void CheckMembers() const {
+        for (size_t i = 0; i < meaning_.members.size(); ++i) {
+            if (const Member &member = meaning_.members[i]; IsLookedAt(member.value)) {
+                CheckSlot(i);
+            }
+        }
+    }
+
+private:
+    std::string NameOf(const Member &member) const { return path_ + fmt::format("{} ({})", member.name, member.wire); }
+    [[noreturn]] void Refuse(const Member &member, const std::string &found, const std::string &expected) const {
+        throw BadValue(NameOf(member).c_str(), found, expected);
+    }
+
+    size_t IndexOf(std::string_view wire) const {
+        return static_cast<size_t>(std::ranges::find(meaning_.members, wire, &Member::wire) - meaning_.members.begin());
+    }
+    uint64_t NumberAt(size_t index) const {
+        const velto::SlotShape &slot = meaning_.shape->Slot(index);
+        uint64_t number = 0;
+        memcpy(&number, record_ + slot.offset, slot.width); // little-endian, as all machines that it runs on
+        return number;
+    }
+    bool IsLookedAt(const Value &value) const {
+        if (value.matters.empty()) {
+            return true;
+        }
+        const size_t on = IndexOf(value.matters);
+        return NumberAt(on) == value.mattersAt && IsLookedAt(meaning_.members[on].value);
+    }
+
+    void CheckSlot(size_t index) const {
+        const Member &member = meaning_.members[index];
+        const velto::SlotShape &slot = meaning_.shape->Slot(index);
+        if (slot.kind == velto::Kind::kScalar) {
+            CheckNumber(member, NumberAt(index));
+        } else if (meaning_.inside[index] != nullptr) {
+            CheckInside(member, index, slot);
+        } else if (slot.kind == velto::Kind::kBytes) {
+            const auto *const text = reinterpret_cast<const char *>(record_ + slot.offset);
+            CheckText(member, {text, strnlen(text, slot.length)});
+        } else if (slot.kind == velto::Kind::kString) {
+            const char *text = nullptr;
+            memcpy(&text, record_ + slot.offset, sizeof text);
+            CheckText(member, text == nullptr ? "" : text);
+        }
+    }
+
+    void CheckNumber(const Member &member, uint64_t number) const {
+        const Value &value = member.value;
+        if (!Takes(value, number)) {
+            Refuse(member, WithSign(number, value.kind), ExpectedText(value));
+        }
+        if (number != 0 || !value.hasZero) {
+            CheckBound(
+                member, number, value.notAbove, [&](uint64_t bound) { return number <= bound; }, "at most");
+            CheckBound(
+                member, number, value.notBelow, [&](uint64_t bound) { return number >= bound; }, "at least");
+        }
+    }
+
+    template <class Holds>
+    void CheckBound(const Member &member, uint64_t number, std::string_view wire, Holds holds,
+                    const char *which) const {
+        if (wire.empty()) {
+            return;
+        }
+        const size_t at = IndexOf(wire);
+        const uint64_t bound = NumberAt(at);
+        if (!holds(bound)) {
+            const Kind kind = member.value.kind;
+            Refuse(member, WithSign(number, kind),
+                   fmt::format("{} {}, which is {}", which, NameOf(meaning_.members[at]), WithSign(bound, kind)));
+        }
+    }
+
+    void CheckText(const Member &member, std::string_view text) const {
+        const Value &value = member.value;
+        if (!IsText(value.kind)) {
+            return;
+        }
+        if (text.empty()) {
+            if (!value.hasZero) {
+                Refuse(member, "empty", value.choices.empty() ? "a text" : ExpectedText(value));
+            }
+        } else if (value.kind == Kind::kWord &&
+                   std::ranges::find(value.choices, text, &Choice::name) == value.choices.end()) {
+            Refuse(member, fmt::format("\"{}\"", LineOfText(std::string(text))), ExpectedText(value));
+        }
+    }
+
+    void CheckInside(const Member &member, size_t index, const velto::SlotShape &slot) const {
+        const Record &inside = *meaning_.inside[index];
+        const uint8_t *first = record_ + slot.offset;
+        uint32_t count = slot.kind == velto::Kind::kTable ? 1 : slot.length;
+        if (slot.kind == velto::Kind::kTableVector) {
+            memcpy(&first, record_ + slot.offset, sizeof first);
+            memcpy(&count, record_ + slot.length, sizeof count);
+        }
+        for (uint32_t i = 0; i < count; ++i) {
+            const std::string place = slot.kind == velto::Kind::kTable ? "" : fmt::format("[{}]", i);
+            Checked(inside, first + size_t{i} * inside.shape->size, NameOf(member) + place + ": ").CheckMembers();
+        }
+    }
+
+    const Record &meaning_;
+    const uint8_t *const record_;
+    const std::string path_;
+};
+
+// "pass (1), drop (2) or limit (3)"; of a text, the names alone.
+std::string ChoicesText(const Value &value) {
+    std::string text;
+    for (size_t i = 0; i < value.choices.size(); ++i) {
+        const Choice &one = value.choices[i];
+        text += i == 0 ? "" : i + 1 == value.choices.size() ? " or " : ", ";
+        text +=
+            value.kind == Kind::kWord ? fmt::format("\"{}\"", one.name) : fmt::format("{} ({})", one.name, one.value);
+    }
+    return value.kind == Kind::kFlags ? "a sum of " + text : text;
+}
+
+std::string RangeText(const Value &value) {
+    if (value.least == 0 && value.most == UINT64_MAX) {
+        return "";
+    }
+    const uint64_t least = value.hasZero ? std::max<uint64_t>(value.least, 1) : value.least;
+    return value.most == UINT64_MAX ? fmt::format("at least {}", least) : fmt::format("{} to {}", least, value.most);
+}
+
+// What 0, or an empty text, stands for.
+std::string ZeroText(const Value &value) {
+    const char *const zero = IsText(value.kind) ? "nothing" : "0";
+    if (value.zeroStandsFor != 0) {
+        return fmt::format("{} (stands for {})", zero, value.zeroStandsFor);
+    }
+    return value.zero.empty() ? zero : fmt::format("{} ({})", zero, value.zero);
+}
+
+} // namespace
+
+std::string ExpectedText(const Value &value) {
+    std::string text = value.choices.empty() ? "" : ChoicesText(value);
+    if (const std::string range = RangeText(value); !range.empty() && (value.choices.empty() || value.open)) {
+        text += (text.empty() ? "" : " or ") + range;
+    }
+    const bool zeroIsChoice = std::ranges::find(value.choices, 0u, &Choice::value) != value.choices.end();
+    if (!value.hasZero || text.empty() || (zeroIsChoice && value.kind != Kind::kWord)) {
+        return text;
+    }
+    return ZeroText(value) + (value.choices.empty() ? " or " : ", ") + text;
+}
+
+uint32_t &ResultIn(const Record &meaning, void *record) {
+    for (size_t i = 0; i < meaning.members.size(); ++i) {
+        if (meaning.members[i].value.kind == Kind::kErrno) {
+            return *reinterpret_cast<uint32_t *>(static_cast<uint8_t *>(record) + meaning.shape->Slot(i).offset);
+        }
+    }
+    throw std::logic_error(fmt::format("{} has no result", meaning.type));
+}
+
+void Check(const Record &meaning, const void *record) {
+    Checked(meaning, record, "").CheckMembers();
+}
+
+} // namespace host::meaning

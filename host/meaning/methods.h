@@ -1,0 +1,31 @@
+// The methods of all services, with what they mean: host::methods::PidIsOnline knows its records' types.
+#pragma once
+
+#include "host/meaning/meaning.h"
+#include "types/agent.h"
+#include "types/common.h"
+#include "types/master.h"
+#include "types/tarnd.h"
+#include "types/tarnd_agent.h"
+
+namespace host::meaning {
+
+struct NoRecord {};
+
+template <class RequestRecord, class ResponseRecord>
+struct MethodOf : Method {
+    using Request = RequestRecord;
+    using Response = ResponseRecord; // NoRecord for a method without reply
+};
+
+} // namespace host::meaning
+
+namespace host::methods {
+
+#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
+    extern const meaning::MethodOf<Tarn_sys_diag_##request, Tarn_sys_diag_##response> method;
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request)                                                         \
+    extern const meaning::MethodOf<Tarn_sys_diag_##request, meaning::NoRecord> method;
+#include "host/meaning/all_methods.h"
+
+} // namespace host::methods

@@ -1,0 +1,24 @@
+// The units of numbers, in signs and in words.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/meaning/meaning.h"
+
+namespace host::meaning {
+
+// "‰", "KiB", "ms"; empty for a number without unit.
+std::string_view SignOf(Kind kind);
+
+// "permille", "process id", "letter of a state": what the kind is, for a list of members.
+std::string_view NameOf(Kind kind);
+
+// The kind of that name.
+std::optional<Kind> KindNamed(std::string_view name);
+
+// A number with the sign of its unit: "1900 ‰".
+std::string WithSign(uint64_t value, Kind kind);
+
+} // namespace host::meaning
