@@ -46,13 +46,15 @@ constexpr bool kIsListed = false;
 #include "types/tarnd.h"
 #include "types/tarnd_agent.h"
 
+#include "host/meaning/methods.h"
+
 namespace host::describe {
 
 #define EXPECT_LISTED(type)                                                                                            \
     static_assert(kIsListed<Tarn_sys_diag_##type>, #type " was declared before this file could list it");
 #define TARN_SERVICE_METHOD(service, method, request, response) EXPECT_LISTED(request) EXPECT_LISTED(response)
 #define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) EXPECT_LISTED(request)
-#include "host/runtime/all_methods.h"
+#include "host/meaning/all_methods.h"
 
 uint32_t FixedForm::ElementSize() const {
     return velto::AlignUp(end, 4);
@@ -147,27 +149,68 @@ const Type *FindType(std::string_view name) {
 const std::vector<Method> &Methods() {
     static const std::vector<Method> methods = [] {
         std::vector<Method> list;
-        const auto add = [&list](const char *service, const char *name, const char *request, const char *response) {
+        const auto add = [&list](const char *service, const char *name, const char *request, const char *response,
+                                 const meaning::Method *meaning) {
             const bool next = !list.empty() && std::string_view(list.back().service) == service;
             list.push_back({service, name, next ? list.back().index + 1 : 1, FindType(request),
-                            response == nullptr ? nullptr : FindType(response)});
+                            response == nullptr ? nullptr : FindType(response), meaning});
         };
-#define TARN_SERVICE_METHOD(service, method, request, response) add(#service, #method, #request, #response);
-#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) add(#service, #method, #request, nullptr);
-#include "host/runtime/all_methods.h"
+#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
+    add(#service, #method, #request, #response, &methods::method);
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request)                                                         \
+    add(#service, #method, #request, nullptr, &methods::method);
+#include "host/meaning/all_methods.h"
         return list;
     }();
     return methods;
 }
 
 const Method *FindMethod(std::string_view name) {
+    return FindMethod(Methods(), name);
+}
+
+const Method *FindMethod(const std::vector<Method> &methods, std::string_view name) {
     const size_t dot = name.find('.');
     const std::string_view service = dot == name.npos ? "" : name.substr(0, dot);
     const std::string_view method = dot == name.npos ? name : name.substr(dot + 1);
-    const auto found = std::find_if(Methods().begin(), Methods().end(), [&](const Method &candidate) {
+    const auto found = std::find_if(methods.begin(), methods.end(), [&](const Method &candidate) {
         return candidate.name == method && (dot == name.npos || candidate.service == service);
     });
-    return found == Methods().end() ? nullptr : &*found;
+    return found == methods.end() ? nullptr : &*found;
+}
+
+namespace {
+
+void AddRecords(const meaning::Record &record, std::unordered_map<std::string_view, const meaning::Record *> &records) {
+    records.emplace(record.type, &record);
+    for (const meaning::Record *inside : record.inside) {
+        if (inside != nullptr) {
+            AddRecords(*inside, records);
+        }
+    }
+}
+
+} // namespace
+
+const meaning::Record *MeaningOf(const Type &type) {
+    static const auto byType = [] {
+        std::unordered_map<std::string_view, const meaning::Record *> records;
+        for (const Method &method : Methods()) {
+            AddRecords(*method.meaning->request, records);
+            if (method.meaning->response != nullptr) {
+                AddRecords(*method.meaning->response, records);
+            }
+        }
+        return records;
+    }();
+    const auto found = byType.find(type.name);
+    return found == byType.end() ? nullptr : found->second;
+}
+
+std::span<const meaning::Service *const> Meanings() {
+    static constexpr const meaning::Service *kServices[] = {&meaning::kTarnd, &meaning::kTarndAgent, &meaning::kAgent,
+                                                            &meaning::kMaster};
+    return kServices;
 }
 
 const std::vector<std::string_view> &Services() {

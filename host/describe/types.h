@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,12 @@
 namespace velto {
 struct TypeShape;
 }
+
+namespace host::meaning {
+struct Method;
+struct Record;
+struct Service;
+} // namespace host::meaning
 
 namespace host::describe {
 
@@ -68,6 +75,7 @@ struct Method {
     uint32_t index; // of the interface, or the place in a remote service's list; from 1
     const Type *request;
     const Type *response; // null for a method without reply
+    const meaning::Method *meaning;
 };
 
 // The methods of all four services, in the order of their lists.
@@ -75,6 +83,13 @@ const std::vector<Method> &Methods();
 
 // By name, or by Service.Name; null when there is none.
 const Method *FindMethod(std::string_view name);
+const Method *FindMethod(const std::vector<Method> &methods, std::string_view name);
+
+// A record as the first method means it that has it in its request or reply; null for one that no method uses.
+const meaning::Record *MeaningOf(const Type &type);
+
+// The services' lists, in the order of Services().
+std::span<const meaning::Service *const> Meanings();
 
 const std::vector<std::string_view> &Services();
 

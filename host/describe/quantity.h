@@ -1,0 +1,26 @@
+// What people write for a value: "90%", "10s", "64KiB", "0x1f", "on", "drop", "cpu+memory".
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "host/meaning/meaning.h"
+
+namespace host::describe {
+
+// Says what was found and what was expected.
+class QuantityError : public std::runtime_error {
+public:
+    using runtime_error::runtime_error;
+};
+
+// The number that a text states for a member of a scalar kind, in the member's own unit. A bare number is in that unit;
+// another of the same quantity is converted, when that goes without a rest. Throws QuantityError.
+uint64_t ParseQuantity(const meaning::Value &value, std::string_view text);
+
+// What ParseQuantity takes: "a share, such as 90% or 900", "on or off", "pass, drop or limit".
+std::string QuantityExpected(const meaning::Value &value);
+
+} // namespace host::describe
