@@ -5,12 +5,12 @@
 namespace agent {
 
 uint32_t DBGCmdExecShow(const Tarn_sys_diag_DbgCmdShowInput *request) {
-    return host::Run(__func__,
+    return host::Run(host::methods::DBGCmdExecShow, request,
                      [&] { Agent::OfProcess().commands.Put(request->pcCmdStr == nullptr ? "" : request->pcCmdStr); });
 }
 
-uint32_t DBGCmdExecResultGet(const Tarn_sys_diag_DbgCmdResultGetInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DiagResult>(__func__, replyCtx, [](auto &reply) {
+uint32_t DBGCmdExecResultGet(const Tarn_sys_diag_DbgCmdResultGetInput *request, void *replyCtx) {
+    return host::Answer(host::methods::DBGCmdExecResultGet, request, replyCtx, [](auto &reply) {
         CommandResult result = Agent::OfProcess().commands.Result();
         reply.uiResult = result.result;
         reply.uiValue = result.number;
@@ -18,8 +18,8 @@ uint32_t DBGCmdExecResultGet(const Tarn_sys_diag_DbgCmdResultGetInput *, void *r
     });
 }
 
-uint32_t DBGCmdExecClean(const Tarn_sys_diag_DbgCmdCleanInput *) {
-    return host::Run(__func__, [] { Agent::OfProcess().commands.Clean(); });
+uint32_t DBGCmdExecClean(const Tarn_sys_diag_DbgCmdCleanInput *request) {
+    return host::Run(host::methods::DBGCmdExecClean, request, [] { Agent::OfProcess().commands.Clean(); });
 }
 
 } // namespace agent

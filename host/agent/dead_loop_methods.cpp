@@ -20,7 +20,7 @@ Tarn_sys_diag_DeadLoopThreadCfg ToRecord(const host::procfs::Task &task, const D
 } // namespace
 
 uint32_t GetDeadLoopCfg(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetDeadLoopCfgResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::GetDeadLoopCfg, request, replyCtx, [&](auto &reply) {
         CheckProcess("uiValue3", request->uiValue3);
         const Agent &agent = Agent::OfProcess();
         const DeadLoops::Config config = agent.deadLoops.GetConfig();

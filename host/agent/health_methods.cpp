@@ -7,8 +7,8 @@
 
 namespace agent {
 
-uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_PadsSystemHealthResult>(__func__, replyCtx, [](auto &reply) {
+uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::TarnPadsGetProcSystemHealthInfo, request, replyCtx, [](auto &reply) {
         std::vector<Tarn_sys_diag_SysHealthInfo> infos;
         const Agent &agent = Agent::OfProcess();
         const std::string when = LocalTimeText(agent.clocks.WallNow(), "%Y%m%d%H%M%S");
@@ -27,7 +27,7 @@ uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *, void *reply
 }
 
 uint32_t TarnPadsSetProcPadsGlobalSwitch(const Tarn_sys_diag_PadsGlobalSwitch *request) {
-    return host::Run(__func__, [&] {
+    return host::Run(host::methods::TarnPadsSetProcPadsGlobalSwitch, request, [&] {
         if (request->ucGlobalSwitch > 1) {
             throw host::BadValue("ucGlobalSwitch", request->ucGlobalSwitch, "0 or 1");
         }
@@ -36,7 +36,7 @@ uint32_t TarnPadsSetProcPadsGlobalSwitch(const Tarn_sys_diag_PadsGlobalSwitch *r
 }
 
 uint32_t TarnPadsSetProcPadsAppFunSwitch(const Tarn_sys_diag_PadsAppFunSwitch *request) {
-    return host::Run(__func__, [&] {
+    return host::Run(host::methods::TarnPadsSetProcPadsAppFunSwitch, request, [&] {
         if (request->ucSwitch > 1) {
             throw host::BadValue("ucSwitch", request->ucSwitch, "0 or 1");
         }

@@ -91,7 +91,7 @@ private:
 } // namespace
 
 uint32_t GetProcPartitionMemHandleRecod(const Tarn_sys_diag_ProcPtRecodInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_ProcPtRecodResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::GetProcPartitionMemHandleRecod, request, replyCtx, [&](auto &reply) {
         Choice choice(request->uiPtParam3, request->uiPtParam4);
         std::vector<Tarn_sys_diag_ProcPtRecod> records;
         for (const HandleInfo &handle : Agent::OfProcess().memory.Handles()) {
@@ -120,8 +120,8 @@ uint32_t GetProcPartitionMemHandleRecod(const Tarn_sys_diag_ProcPtRecodInput *re
     });
 }
 
-uint32_t GetMirelMemHandleInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetMirelMemHandleInfoOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetMirelMemHandleInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetMirelMemHandleInfo, request, replyCtx, [](auto &reply) {
         std::vector<Tarn_sys_diag_MirelMemHandleInfo> handles;
         for (const HandleInfo &handle : Agent::OfProcess().memory.Handles()) {
             Tarn_sys_diag_MirelMemHandleInfo info{};
@@ -137,8 +137,8 @@ uint32_t GetMirelMemHandleInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     });
 }
 
-uint32_t GetTopNHandleInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetTopNHandleInfoOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetTopNHandleInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::AnswerWithResult(host::methods::GetTopNHandleInfo, request, replyCtx, [](auto &reply) {
         const std::vector<HandleInfo> handles = LargestFirst(Agent::OfProcess().memory.Handles());
         std::vector<Tarn_sys_diag_MemHandleUse> uses;
         for (const HandleInfo &handle : handles) {
@@ -153,7 +153,7 @@ uint32_t GetTopNHandleInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t GetMirelMemPtInfo(const Tarn_sys_diag_GetMirelMemPtInfoInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetMirelMemPtInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::GetMirelMemPtInfo, request, replyCtx, [&](auto &reply) {
         const std::vector<PartitionInfo> partitions = Agent::OfProcess().memory.Partitions();
         const auto found = std::find_if(partitions.begin(), partitions.end(),
                                         [&](const PartitionInfo &one) { return one.id == request->uiPtId; });
@@ -178,19 +178,16 @@ uint32_t GetMirelMemPtInfo(const Tarn_sys_diag_GetMirelMemPtInfoInput *request, 
 }
 
 uint32_t MemDiag_ma(const Tarn_sys_diag_mem_RPCIN *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_mem_PRCOUT>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiValue1 = host::Run("MemDiag_ma", [&] {
-            const auto *const argument = reinterpret_cast<const char *>(request->pucMemData);
-            const Report report =
-                Diagnose(Agent::OfProcess().memory, request->uiMemCmd, {argument, request->uiMemDataLen});
-            reply.uiValue2 = report.lineNum;
-            reply.pucData = reply.Keep(std::vector<uint8_t>(report.text.begin(), report.text.end()), reply.uiDataLen);
-        });
+    return host::AnswerWithResult(host::methods::MemDiag_ma, request, replyCtx, [&](auto &reply) {
+        const auto *const argument = reinterpret_cast<const char *>(request->pucMemData);
+        const Report report = Diagnose(Agent::OfProcess().memory, request->uiMemCmd, {argument, request->uiMemDataLen});
+        reply.uiValue2 = report.lineNum;
+        reply.pucData = reply.Keep(std::vector<uint8_t>(report.text.begin(), report.text.end()), reply.uiDataLen);
     });
 }
 
 uint32_t MemHandleCallStack(const Tarn_sys_diag_MemHandInfo *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_MemHandInfoOut>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::MemHandleCallStack, request, replyCtx, [&](auto &reply) {
         const std::vector<SiteUse> sites = Agent::OfProcess().memory.Sites(request->uiHandleId);
         if (request->uiStackIndex >= sites.size()) {
             host::Fail(ENOENT, fmt::format("allocation site {} of {}", request->uiStackIndex, sites.size()));
@@ -211,7 +208,7 @@ uint32_t MemHandleCallStack(const Tarn_sys_diag_MemHandInfo *request, void *repl
 }
 
 uint32_t GetCallStackFunction(const Tarn_sys_diag_CallStackInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_CallStackOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetCallStackFunction, request, replyCtx, [&](auto &reply) {
         CheckProcess("uiPid", request->uiPid);
         for (size_t i = 0; i < std::size(request->aullStackAddr); ++i) {
             char name[100];
@@ -225,7 +222,7 @@ uint32_t GetCallStackFunction(const Tarn_sys_diag_CallStackInput *request, void 
 }
 
 uint32_t SetMemDmgScan(const Tarn_sys_diag_MemDmgScanIn *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_MemDmgScanOut>(__func__, replyCtx, [&](auto &) {
+    return host::AnswerWithResult(host::methods::SetMemDmgScan, request, replyCtx, [&](auto &) {
         switch (request->uiScanSwitch) {
         case TARN_AGENT_SCAN_OFF:
             Agent::OfProcess().memoryScan.Stop();
@@ -243,22 +240,22 @@ uint32_t SetMemDmgScan(const Tarn_sys_diag_MemDmgScanIn *request, void *replyCtx
 }
 
 uint32_t GetMemDmgInfo(const Tarn_sys_diag_MemDmgInfoIn *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_MemDmgInfoOut>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetMemDmgInfo, request, replyCtx, [&](auto &reply) {
         const Report report = DamageReport(Agent::OfProcess().memory, request->uiInfoType);
         reply.uiValue1 = report.lineNum;
         KeepBytes(reply, report.text);
     });
 }
 
-uint32_t TarnDetectMemHostage(const Tarn_sys_diag_None *) {
-    return host::Run(__func__, [] {
+uint32_t TarnDetectMemHostage(const Tarn_sys_diag_None *request) {
+    return host::Run(host::methods::TarnDetectMemHostage, request, [] {
         const uint32_t number = Agent::OfProcess().memory.DetectHostages();
         host::Log().info("memory: {} blocks are held though their threads have ended", number);
     });
 }
 
 uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetAppMemUnitInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::TarnGetAppMemUnitInfo, request, replyCtx, [&](auto &reply) {
         const AppMemoryQuery query(*request);
         if (request->uiQueryType != TARN_AGENT_APP_MEM_UNITS) {
             throw host::BadValue("uiQueryType", request->uiQueryType, "0, units");
@@ -286,7 +283,7 @@ uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, 
 }
 
 uint32_t TarnGetAppMemDetailOrModuleInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetAppMemDetailOrModuleInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::TarnGetAppMemDetailOrModuleInfo, request, replyCtx, [&](auto &reply) {
         const AppMemoryQuery query(*request);
         if (request->uiQueryType > TARN_AGENT_APP_MEM_MODULES) {
             throw host::BadValue("uiQueryType", request->uiQueryType, "1 details or 2 modules");

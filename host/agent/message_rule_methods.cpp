@@ -6,21 +6,21 @@
 namespace agent {
 
 uint32_t UpdateMsgCtrlRule(const Tarn_sys_diag_UpdateMsgCtrlRuleInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::UpdateMsgCtrlRule, request, replyCtx, [&] {
         Agent::OfProcess().messageRules.Update(*request);
         host::Log().info("message rule {} set", request->uiValue1);
     });
 }
 
-uint32_t ClearMsgCtrlRule(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [] {
+uint32_t ClearMsgCtrlRule(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::AnswerResult(host::methods::ClearMsgCtrlRule, request, replyCtx, [] {
         Agent::OfProcess().messageRules.Clear();
         host::Log().info("message rules cleared");
     });
 }
 
 uint32_t GetMsgCtrlRule(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetMsgRuleInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::GetMsgCtrlRule, request, replyCtx, [&](auto &reply) {
         CheckProcess("uiValue3", request->uiValue3);
         Choice choice(request->uiValue2, 0);
         std::vector<Tarn_sys_diag_MsgRuleInfo> rules;

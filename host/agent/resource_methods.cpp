@@ -24,11 +24,12 @@ std::string EventsText(uint32_t events) {
 } // namespace
 
 uint32_t TarnUpdateResourceInfo(const Tarn_sys_diag_UpdateResourceInfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { Agent::OfProcess().resources.Update(*request); });
+    return host::AnswerResult(host::methods::TarnUpdateResourceInfo, request, replyCtx,
+                              [&] { Agent::OfProcess().resources.Update(*request); });
 }
 
 uint32_t TarnGetSubscribe(const Tarn_sys_diag_GetSubscribeInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetSubscribeInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::TarnGetSubscribe, request, replyCtx, [&](auto &reply) {
         CheckProcess("uiValue3", request->uiValue3);
         Choice choice(request->uiValue2, 0);
         std::vector<Tarn_sys_diag_SubscribeInfo> infos;

@@ -5,7 +5,7 @@
 namespace agent {
 
 uint32_t SetNoxTimerDebugSwitch(const Tarn_sys_diag_SetNoxTimerDebugSwitchInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SetNoxTimerDebugSwitch, request, replyCtx, [&] {
         if (request->uiDebugSwitch > 1) {
             throw host::BadValue("uiDebugSwitch", request->uiDebugSwitch, "0 or 1");
         }
@@ -14,7 +14,7 @@ uint32_t SetNoxTimerDebugSwitch(const Tarn_sys_diag_SetNoxTimerDebugSwitchInput 
 }
 
 uint32_t TarnAgentGetTimerInfo(const Tarn_sys_diag_GetTimerInput *request, void *replyCtx) {
-    return host::AnswerWithResult<Tarn_sys_diag_GetTimerInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::AnswerWithResult(host::methods::TarnAgentGetTimerInfo, request, replyCtx, [&](auto &reply) {
         CheckProcess("uiValue4", request->uiValue4);
         Choice choice(request->uiValue2, request->uiValue3);
         std::vector<Tarn_sys_diag_TimerInfo> timers;

@@ -1,4 +1,5 @@
-// How a served method answers. It is a function that fills its reply or throws; what it throws becomes the call's
+// How a served method answers. A request is checked by what its members mean; the method is a function that fills its
+// reply or throws; what it throws becomes the call's
 // status, and the reason goes to the log: no exception passes the C functions that the runtime calls.
 #pragma once
 
@@ -9,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/meaning/check.h"
+#include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/text.h"
 #include "host/runtime/reply.h"
@@ -56,21 +59,30 @@ void Release(Record *record) {
 // The status for the exception in flight, which it logs and tells the caller of. To be called from a catch block.
 uint32_t StatusOfException(const char *method);
 
-// Runs the function of a method without reply.
+// What the function of a method does, as a status.
 template <class Function>
-uint32_t Run(const char *method, Function function) {
+uint32_t StatusOf(const meaning::Method &method, Function function) {
     try {
         function();
         return 0;
     } catch (...) {
-        return StatusOfException(method);
+        return StatusOfException(method.name);
     }
 }
 
-// Has a function fill a reply, and sends it.
+// Runs the function of a method without reply, unless its request is refused.
+template <class Request, class Response, class Function>
+uint32_t Run(const meaning::MethodOf<Request, Response> &method, const Request *request, Function function) {
+    return StatusOf(method, [&] {
+        meaning::Check(*method.request, request);
+        function();
+    });
+}
+
+// Sends the reply that a function fills.
 template <class Record, class Fill>
-uint32_t Answer(const char *method, void *replyCtx, Fill fill) {
-    return Run(method, [&] {
+uint32_t SendReply(const meaning::Method &method, void *replyCtx, Fill fill) {
+    return StatusOf(method, [&] {
         auto reply = std::make_unique<Reply<Record>>();
         fill(*reply);
         Record *const record = reply.get();
@@ -82,10 +94,21 @@ uint32_t Answer(const char *method, void *replyCtx, Fill fill) {
     });
 }
 
+// Checks the request, has a function fill the reply, and sends it.
+template <class Request, class Response, class Fill>
+uint32_t Answer(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx, Fill fill) {
+    return SendReply<Response>(method, replyCtx, [&](auto &reply) {
+        meaning::Check(*method.request, request);
+        fill(reply);
+    });
+}
+
 // The same for a method that answers with nothing but a result, in which a failure travels.
-template <class Record = Tarn_sys_diag_Result, class Function>
-uint32_t AnswerResult(const char *method, void *replyCtx, Function function) {
-    return Answer<Record>(method, replyCtx, [&](auto &reply) { reply.uiResult = Run(method, function); });
+template <class Request, class Response, class Function>
+uint32_t AnswerResult(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx,
+                      Function function) {
+    return SendReply<Response>(method, replyCtx,
+                               [&](auto &reply) { meaning::ResultIn(*method.response, &reply) = Run(method, request, function); });
 }
 
 // For work that takes long, now and then: throws when its result is no longer wanted.
@@ -96,14 +119,15 @@ inline void CheckWanted(void *replyCtx) {
 }
 
 // The same for a reply with a result and more: when there is a failure, it alone travels.
-template <class Record, class Fill>
-uint32_t AnswerWithResult(const char *method, void *replyCtx, Fill fill) {
-    return Answer<Record>(method, replyCtx, [&](auto &reply) {
-        const uint32_t result = Run(method, [&] { fill(reply); });
+template <class Request, class Response, class Fill>
+uint32_t AnswerWithResult(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx,
+                          Fill fill) {
+    return SendReply<Response>(method, replyCtx, [&](auto &reply) {
+        const uint32_t result = Run(method, request, [&] { fill(reply); });
         if (result != 0) {
-            static_cast<Record &>(reply) = Record{};
+            static_cast<Response &>(reply) = Response{};
         }
-        reply.uiResult = result;
+        meaning::ResultIn(*method.response, &reply) = result;
     });
 }
 

@@ -78,8 +78,8 @@ void FillNames(auto &reply, const Names &names) {
 #define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
 #include "client/master_methods.h"
 
-uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [](auto &) {
+uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::UpdateInnerConfig, request, replyCtx, [](auto &) {
         if (!Master::Serving().Reload()) {
             host::Fail(EINVAL, "the configuration file");
         }
@@ -87,7 +87,7 @@ uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_PhyNameAndIDOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetPhyNameAndID, request, replyCtx, [&](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const auto found = config.physical.find({request->uiValue1, request->uiValue2, request->uiValue3});
         if (found == config.physical.end()) {
@@ -100,30 +100,30 @@ uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *r
     });
 }
 
-uint32_t GetTimezone(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetTimezoneOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetTimezone(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetTimezone, request, replyCtx, [](auto &reply) {
         const std::optional<host::Zone> zone = Master::Serving().settings.Configured().zone;
         reply.uiValue1 = SourceOf(zone);
         reply.stTimezone = host::ToRecord(zone ? *zone : SystemsZone(Master::Serving().clocks.WallNow()));
     });
 }
 
-uint32_t GetDst(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetDstOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetDst(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetDst, request, replyCtx, [](auto &reply) {
         const std::optional<host::DstRule> rule = Master::Serving().settings.Configured().dst;
         reply.uiValue1 = rule ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
         reply.stDst = host::ToRecord(rule);
     });
 }
 
-uint32_t GetGmt(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetGmtOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetGmt(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetGmt, request, replyCtx, [](auto &reply) {
         reply.stGmtTime = host::ToRecord(host::WallClock().ToLocal(GmtOf(Master::Serving().clocks.WallNow())));
     });
 }
 
-uint32_t GetLocal(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetLocalOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetLocal(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetLocal, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const host::WallTime now = Master::Serving().clocks.WallNow();
         reply.uiValue1 = SourceOf(config.zone);
@@ -139,7 +139,7 @@ uint32_t GetLocal(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t GetCpuOvLoadCfgInfo(const Tarn_sys_diag_OvLoadCpuCtlInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OvLoadCpuCtlOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetCpuOvLoadCfgInfo, request, replyCtx, [&](auto &reply) {
         const CpuAnswer answer = Master::Serving().settings.CpuOverload(NamesOf(*request));
         FillNames(reply, answer.names);
         reply.uiValue1 = answer.thresholds.over;
@@ -150,7 +150,7 @@ uint32_t GetCpuOvLoadCfgInfo(const Tarn_sys_diag_OvLoadCpuCtlInput *request, voi
 }
 
 uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OvLoadMemCtlOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetMemoryOvLoadCfgInfo, request, replyCtx, [&](auto &reply) {
         const MemoryAnswer answer = Master::Serving().settings.MemoryOverload(NamesOf(*request));
         FillNames(reply, answer.names);
         reply.uiValue1 = answer.thresholds.over;
@@ -165,14 +165,14 @@ uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, 
 }
 
 uint32_t MemChangeInnerConfig(const Tarn_sys_diag_OvLoadMemCtlOutput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_None>(__func__, replyCtx, [&](auto &) {
+    return host::Answer(host::methods::MemChangeInnerConfig, request, replyCtx, [&](auto &) {
         Master::Serving().settings.ChangeMemory(NamesOf(*request), {request->uiValue1, request->uiValue2, 0},
                                                 std::string(host::TextOf(request->acName3)));
     });
 }
 
-uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetMKAutoUpdCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetMKAutoUpdCfgInfo, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const AutoUpdate &update = Configured(config.autoUpdate, "auto-update");
         reply.uiValue1 = update.enabled ? 1 : 0;
@@ -181,8 +181,8 @@ uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
     });
 }
 
-uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_MKCfgInfoOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::SysdiagGetMKCfgInfo, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const ProcessConfig &process = Configured(config.process, "process");
         Fill(reply.acCfgInfo, process.text);
@@ -193,7 +193,7 @@ uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetLMProcLPidOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetLMProcLPid, request, replyCtx, [&](auto &reply) {
         const host::procfs::Task process = Master::Serving().procfs.ReadProcess(request->uiPid);
         reply.uiValue1 = process.parent;
         reply.uiLPid = process.session;
@@ -205,15 +205,15 @@ uint32_t DetectSysdiagServerOnline(const Tarn_sys_diag_None *) {
     return 0;
 }
 
-uint32_t SysdiagGetDimCfgInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DimTimeCfg>(__func__, replyCtx, [](auto &reply) {
+uint32_t SysdiagGetDimCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::SysdiagGetDimCfgInfo, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         static_cast<Tarn_sys_diag_DimTimeCfg &>(reply) = Configured(config.measurement, "measurement").times;
     });
 }
 
-uint32_t SysdiagGetDimWorkMode(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DimWorkModeCfg>(__func__, replyCtx, [](auto &reply) {
+uint32_t SysdiagGetDimWorkMode(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::SysdiagGetDimWorkMode, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         reply.uiWorkMode = Configured(config.measurement, "measurement").mode;
     });

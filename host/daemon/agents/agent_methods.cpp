@@ -37,8 +37,9 @@ void Register(const Tarn_sys_diag_AgentRegInfoInput &request) {
 } // namespace tarnd
 
 uint32_t AgentRegInfo(const Tarn_sys_diag_AgentRegInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_AgentRegInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiValue1 = host::Run("AgentRegInfo", [&] { tarnd::Register(*request); });
+    const auto &method = host::methods::AgentRegInfo;
+    return host::SendReply<Tarn_sys_diag_AgentRegInfoResult>(method, replyCtx, [&](auto &reply) {
+        reply.uiValue1 = host::Run(method, request, [&] { tarnd::Register(*request); });
         host::CopyText(reply.szAgentName, host::TextOf(request->szAgentName));
         reply.uiValue2 = static_cast<uint32_t>(getpid());
     });

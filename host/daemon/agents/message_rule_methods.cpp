@@ -39,18 +39,20 @@ void ListRules(const Tarn_sys_diag_GetMsgRuleInfoInput &request, void *replyCtx,
 } // namespace tarnd
 
 uint32_t UpdateMsgCtrlRuleTarnd(const Tarn_sys_diag_UpdateMsgCtrlRuleInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Daemon::Serving().messageRules.Set(*request); });
+    return host::AnswerResult(host::methods::UpdateMsgCtrlRuleTarnd, request, replyCtx,
+                              [&] { tarnd::Daemon::Serving().messageRules.Set(*request); });
 }
 
-uint32_t ClearMsgCtrlRuleTarnd(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [] { tarnd::Daemon::Serving().messageRules.Clear(); });
+uint32_t ClearMsgCtrlRuleTarnd(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::AnswerResult(host::methods::ClearMsgCtrlRuleTarnd, request, replyCtx,
+                              [] { tarnd::Daemon::Serving().messageRules.Clear(); });
 }
 
 uint32_t TarnGetMsgRuleInfoTarnd(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
     if (request->uiValue3 != 0) {
-        return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetMsgCtrlRule), request->uiValue3, *request);
+        return tarnd::Relay(host::methods::TarnGetMsgRuleInfoTarnd, request, replyCtx,
+                            TARND_AGENT_METHOD(GetMsgCtrlRule), request->uiValue3, *request);
     }
-    return host::Answer<Tarn_sys_diag_GetMsgRuleInfoResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult = host::Run("TarnGetMsgRuleInfoTarnd", [&] { tarnd::ListRules(*request, replyCtx, reply); });
-    });
+    return host::AnswerWithResult(host::methods::TarnGetMsgRuleInfoTarnd, request, replyCtx,
+                                  [&](auto &reply) { tarnd::ListRules(*request, replyCtx, reply); });
 }

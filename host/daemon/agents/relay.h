@@ -10,11 +10,11 @@ namespace tarnd {
 uint32_t RelayTimeout(void *replyCtx);
 
 // All of it within the request's own deadline.
-template <class Request, class Response>
-uint32_t Relay(const char *name, void *replyCtx, const AgentMethod<Request, Response> &method, uint32_t pid,
-               const Request &request) {
-    return host::Answer<Response>(name, replyCtx, [&](auto &reply) {
-        auto answer = Daemon::Serving().agentLine.Ask(method, pid, request, RelayTimeout(replyCtx));
+template <class Own, class Request, class Response>
+uint32_t Relay(const host::meaning::MethodOf<Own, Response> &method, const Own *request, void *replyCtx,
+               const AgentMethod<Request, Response> &agentMethod, uint32_t pid, const Request &agentRequest) {
+    return host::Answer(method, request, replyCtx, [&](auto &reply) {
+        auto answer = Daemon::Serving().agentLine.Ask(agentMethod, pid, agentRequest, RelayTimeout(replyCtx));
         static_cast<Response &>(reply) = answer->record;
         reply.KeepOwner(std::move(answer));
     });

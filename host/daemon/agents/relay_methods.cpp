@@ -20,60 +20,66 @@ uint32_t RelayTimeout(void *replyCtx) {
 } // namespace tarnd
 
 uint32_t GetMirelMemHandleInfoByTarnd(const Tarn_sys_diag_GetMirelMemHandleInfoInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetMirelMemHandleInfo), request->uiTargetPid,
-                        Tarn_sys_diag_None{});
+    return tarnd::Relay(host::methods::GetMirelMemHandleInfoByTarnd, request, replyCtx,
+                        TARND_AGENT_METHOD(GetMirelMemHandleInfo), request->uiTargetPid, Tarn_sys_diag_None{});
 }
 
 uint32_t GetProcPartitionMemHandleRecodByTarnd(const Tarn_sys_diag_ProcPtRecodByTarndInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), request->uiTargetPid,
+    return tarnd::Relay(host::methods::GetProcPartitionMemHandleRecodByTarnd, request, replyCtx,
+                        TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), request->uiTargetPid,
                         Tarn_sys_diag_ProcPtRecodInput{request->uiPtParam1, request->uiPtParam2, request->uiPtParam3,
                                                        request->uiPtParam4, request->uiPtParam5});
 }
 
 uint32_t GetMirelMemPtInfoByTarnd(const Tarn_sys_diag_GetMirelMemPtInfoByTarndInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetMirelMemPtInfo), request->uiTargetPid,
+    return tarnd::Relay(host::methods::GetMirelMemPtInfoByTarnd, request, replyCtx,
+                        TARND_AGENT_METHOD(GetMirelMemPtInfo), request->uiTargetPid,
                         Tarn_sys_diag_GetMirelMemPtInfoInput{request->uiPtId});
 }
 
 uint32_t MemDiagMaByTarnd(const Tarn_sys_diag_mem_RPCIN_input *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(MemDiag_ma), request->uiTargetPid,
+    return tarnd::Relay(host::methods::MemDiagMaByTarnd, request, replyCtx, TARND_AGENT_METHOD(MemDiag_ma),
+                        request->uiTargetPid,
                         Tarn_sys_diag_mem_RPCIN{request->uiMemCmd, request->uiMemDataLen, request->pucMemData});
 }
 
 uint32_t DBGCmdExecShowByTarnd(const Tarn_sys_diag_DbgCmdShowByTarndInput *request) {
-    return host::Run(__func__, [&] {
+    return host::Run(host::methods::DBGCmdExecShowByTarnd, request, [&] {
         tarnd::Daemon::Serving().agentLine.Tell(TarnSysdiagAgent_DBGCmdExecShow_oneway, request->uiTargetPid,
                                                 Tarn_sys_diag_DbgCmdShowInput{request->pcCmdStr});
     });
 }
 
 uint32_t DBGCmdExecResultGetByTarnd(const Tarn_sys_diag_DbgCmdResultGetByTarndInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(DBGCmdExecResultGet), request->uiTargetPid,
+    return tarnd::Relay(host::methods::DBGCmdExecResultGetByTarnd, request, replyCtx,
+                        TARND_AGENT_METHOD(DBGCmdExecResultGet), request->uiTargetPid,
                         Tarn_sys_diag_DbgCmdResultGetInput{});
 }
 
 uint32_t DBGCmdExecCleanByTarnd(const Tarn_sys_diag_DbgCmdCleanByTarndInput *request) {
-    return host::Run(__func__, [&] {
+    return host::Run(host::methods::DBGCmdExecCleanByTarnd, request, [&] {
         tarnd::Daemon::Serving().agentLine.Tell(TarnSysdiagAgent_DBGCmdExecClean_oneway, request->uiTargetPid,
                                                 Tarn_sys_diag_DbgCmdCleanInput{});
     });
 }
 
 uint32_t SetMemDmgScanTarnd(const Tarn_sys_diag_MemDmgScanInTarnd *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(SetMemDmgScan), request->uiTargetPid,
-                        Tarn_sys_diag_MemDmgScanIn{request->uiScanSwitch});
+    return tarnd::Relay(host::methods::SetMemDmgScanTarnd, request, replyCtx, TARND_AGENT_METHOD(SetMemDmgScan),
+                        request->uiTargetPid, Tarn_sys_diag_MemDmgScanIn{request->uiScanSwitch});
 }
 
 uint32_t GetMemDmgInfoTarnd(const Tarn_sys_diag_MemDmgInfoInTarnd *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetMemDmgInfo), request->uiTargetPid,
-                        Tarn_sys_diag_MemDmgInfoIn{request->uiInfoType});
+    return tarnd::Relay(host::methods::GetMemDmgInfoTarnd, request, replyCtx, TARND_AGENT_METHOD(GetMemDmgInfo),
+                        request->uiTargetPid, Tarn_sys_diag_MemDmgInfoIn{request->uiInfoType});
 }
 
 uint32_t TarnGetDlpCfgFromAgent(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(GetDeadLoopCfg), request->uiValue3, *request);
+    return tarnd::Relay(host::methods::TarnGetDlpCfgFromAgent, request, replyCtx, TARND_AGENT_METHOD(GetDeadLoopCfg),
+                        request->uiValue3, *request);
 }
 
 uint32_t SetNoxTimerDebugSwitchByTarnd(const Tarn_sys_diag_SetNoxTimerDebugSwitchTarndInput *request, void *replyCtx) {
-    return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(SetNoxTimerDebugSwitch), request->uiTargetPid,
+    return tarnd::Relay(host::methods::SetNoxTimerDebugSwitchByTarnd, request, replyCtx,
+                        TARND_AGENT_METHOD(SetNoxTimerDebugSwitch), request->uiTargetPid,
                         Tarn_sys_diag_SetNoxTimerDebugSwitchInput{request->uiDebugSwitch});
 }

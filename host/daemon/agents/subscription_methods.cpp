@@ -64,13 +64,15 @@ void Subscribe(uint32_t pid, uint32_t events) {
 } // namespace tarnd
 
 uint32_t TarnAppSubscribe(const Tarn_sys_diag_AppSubscribeInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::Subscribe(request->uiValue1, request->uiValue2); });
+    return host::AnswerResult(host::methods::TarnAppSubscribe, request, replyCtx,
+                              [&] { tarnd::Subscribe(request->uiValue1, request->uiValue2); });
 }
 
 uint32_t TarnGetSubscribeInfoTarnd(const Tarn_sys_diag_GetSubscribeInfoInput *request, void *replyCtx) {
     if (request->uiValue3 != 0) {
-        return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(TarnGetSubscribe), request->uiValue3, *request);
+        return tarnd::Relay(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
+                            TARND_AGENT_METHOD(TarnGetSubscribe), request->uiValue3, *request);
     }
-    return host::Answer<Tarn_sys_diag_GetSubscribeInfoResult>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::ListSubscriptions(*request, reply); });
+    return host::Answer(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
+                        [&](auto &reply) { tarnd::ListSubscriptions(*request, reply); });
 }

@@ -40,6 +40,6 @@ void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn
 } // namespace tarnd
 
 uint32_t TarnPadsGetCpuEventByTarnd(const Tarn_sys_diag_PadsCpuEventInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_PadsCpuEventResult>(__func__, replyCtx,
-                                                          [&](auto &reply) { tarnd::ListEvents(*request, reply); });
+    return host::Answer(host::methods::TarnPadsGetCpuEventByTarnd, request, replyCtx,
+                        [&](auto &reply) { tarnd::ListEvents(*request, reply); });
 }

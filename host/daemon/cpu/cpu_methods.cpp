@@ -258,48 +258,46 @@ std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
 } // namespace tarnd
 
 uint32_t CalculateOsProcCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OsProcessCpuRet>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kAllCpus, reply); });
+    return host::Answer(host::methods::CalculateOsProcCpuUse, request, replyCtx,
+                        [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kAllCpus, reply); });
 }
 
 uint32_t CalculateProcThreadCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OsProcessCpuRet>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kOneCpu, reply); });
+    return host::Answer(host::methods::CalculateProcThreadCpuUse, request, replyCtx,
+                        [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kOneCpu, reply); });
 }
 
 uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ThreadCpuRet>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::CalculateAllThreadCpuUse, request, replyCtx, [&](auto &reply) {
         reply.pstThread = reply.Keep(tarnd::MeasureAllThreads(tarnd::IntervalOf(request->uiValue1), request->uiValue2),
                                      reply.uiThreadNum);
     });
 }
 
-uint32_t SysCpuStatInfoQuery(const Tarn_sys_diag_SysCpuStatInfoInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysCpuStatInfo>(__func__, replyCtx, [](auto &reply) {
-        reply.pstProc = reply.Keep(tarnd::DescribeProcesses(), reply.uiProcNum);
-    });
+uint32_t SysCpuStatInfoQuery(const Tarn_sys_diag_SysCpuStatInfoInput *request, void *replyCtx) {
+    return host::Answer(host::methods::SysCpuStatInfoQuery, request, replyCtx,
+                        [](auto &reply) { reply.pstProc = reply.Keep(tarnd::DescribeProcesses(), reply.uiProcNum); });
 }
 
-uint32_t MultiCpuUsageQuery(const Tarn_sys_diag_MultiCpuUsageInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_MultiCpuUsageRet>(
-        __func__, replyCtx, [](auto &reply) { reply.pstCpu = reply.Keep(tarnd::MeasureCpus(), reply.uiCpuNum); });
+uint32_t MultiCpuUsageQuery(const Tarn_sys_diag_MultiCpuUsageInput *request, void *replyCtx) {
+    return host::Answer(host::methods::MultiCpuUsageQuery, request, replyCtx,
+                        [](auto &reply) { reply.pstCpu = reply.Keep(tarnd::MeasureCpus(), reply.uiCpuNum); });
 }
 
-uint32_t ResetMaxCpuUseInfo(const Tarn_sys_diag_ResetMaxCpuCondition *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ResetMaxCpuResult>(__func__, replyCtx, [](auto &) {
+uint32_t ResetMaxCpuUseInfo(const Tarn_sys_diag_ResetMaxCpuCondition *request, void *replyCtx) {
+    return host::Answer(host::methods::ResetMaxCpuUseInfo, request, replyCtx, [](auto &) {
         tarnd::Daemon::Serving().cpuPeaks.Reset();
         tarnd::Daemon::Serving().cpuOverload.ResetPeaks();
     });
 }
 
-uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInfoInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysCpuMonitorHistoryInfoResult>(__func__, replyCtx, [](auto &reply) {
-        reply.pstRecord = reply.Keep(tarnd::DescribeHistory(), reply.uiRecordNum);
-    });
+uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInfoInput *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysCpuMonitorHistoryInfo, request, replyCtx,
+                        [](auto &reply) { reply.pstRecord = reply.Keep(tarnd::DescribeHistory(), reply.uiRecordNum); });
 }
 
-uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, void *replyCtx) {
+    return host::Answer(host::methods::GetKpiCpuInfo, request, replyCtx, [](auto &reply) {
         host::CopyText(reply.acName, "cpu");
         reply.uiValue1 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, {});
         reply.uiValue2 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));

@@ -63,23 +63,24 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
 } // namespace tarnd
 
 uint32_t SysOvLoadCpuThresholdSet(const Tarn_sys_diag_SysOvLoadCpuThreshold *request, void *replyCtx) {
-    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SysOvLoadCpuThresholdSet, request, replyCtx, [&] {
         tarnd::Daemon::Serving().cpuOverload.SetSystem(tarnd::CheckedThresholds(*request));
     });
 }
 
 uint32_t SetCpuOvProcThreshold(const Tarn_sys_diag_SetCpuOvProcThresholdInput *request, void *replyCtx) {
-    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] { tarnd::SetProcess(*request); });
+    return host::AnswerResult(host::methods::SetCpuOvProcThreshold, request, replyCtx,
+                              [&] { tarnd::SetProcess(*request); });
 }
 
-uint32_t OvloadCpuSwitchState(const Tarn_sys_diag_OvloadCpuSwitchInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_OvloadCpuSwitchRet>(__func__, replyCtx, [](auto &reply) {
+uint32_t OvloadCpuSwitchState(const Tarn_sys_diag_OvloadCpuSwitchInput *request, void *replyCtx) {
+    return host::Answer(host::methods::OvloadCpuSwitchState, request, replyCtx, [](auto &reply) {
         reply.uiSwitch = tarnd::Daemon::Serving().cpuOverload.System().over != 0 ? 1 : 0;
     });
 }
 
-uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysCpuOverloadCfg, request, replyCtx, [](auto &reply) {
         const tarnd::CpuOverload &overload = tarnd::Daemon::Serving().cpuOverload;
         const tarnd::Thresholds thresholds = overload.System();
         reply.uiValue1 = thresholds.over;
@@ -91,8 +92,8 @@ uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
     });
 }
 
-uint32_t DisCpuOvloadInfo(const Tarn_sys_diag_DisCpuOvloadInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DisCpuOvloadRet>(__func__, replyCtx, [](auto &reply) {
+uint32_t DisCpuOvloadInfo(const Tarn_sys_diag_DisCpuOvloadInput *request, void *replyCtx) {
+    return host::Answer(host::methods::DisCpuOvloadInfo, request, replyCtx, [](auto &reply) {
         const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
         reply.stTime1 = tarnd::Daemon::Serving().clock.LocalTime(overload.begin);
         host::CopyText(reply.acName, overload.name);
@@ -104,8 +105,8 @@ uint32_t DisCpuOvloadInfo(const Tarn_sys_diag_DisCpuOvloadInput *, void *replyCt
     });
 }
 
-uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_TopCpuOvloadThreadCallstackRet>(__func__, replyCtx, [](auto &reply) {
+uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackInput *request, void *replyCtx) {
+    return host::Answer(host::methods::DisCpuOvloadCallstackInfo, request, replyCtx, [](auto &reply) {
         const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
         for (const tarnd::OverloadThread &thread : overload.threads) {
             Tarn_sys_diag_TopCpuOvloadThread &entry = reply.astThread[reply.uiThreadNum++];
@@ -120,7 +121,7 @@ uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackI
 }
 
 uint32_t GetCpuOvMonProcInfo(const Tarn_sys_diag_Process *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetCpuOvMonProcInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetCpuOvMonProcInfo, request, replyCtx, [&](auto &reply) {
         const tarnd::Watched watched = tarnd::Daemon::Serving().cpuOverload.WatchedProcess(request->uiPid);
         reply.uiPid = request->uiPid;
         reply.pstThread = reply.Keep(tarnd::Describe(request->uiPid, watched), reply.uiThreadNum);

@@ -5,7 +5,7 @@
 #include "server/tarnd.h"
 
 uint32_t SetOvLoadDebugSwitch(const Tarn_sys_diag_SetOvLoadDebugSwitchInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SetOvLoadDebugSwitch, request, replyCtx, [&] {
         constexpr uint32_t kAll = TARND_MONITOR_CPU | TARND_MONITOR_MEMORY;
         if (request->uiValue1 == 0 || request->uiValue1 > kAll) {
             throw host::BadValue("uiValue1", request->uiValue1, "1 CPU, 2 memory or 3 both");

@@ -34,7 +34,7 @@ bool IsSaid(std::string_view value, const char *member, std::string_view word) {
 } // namespace tarnd
 
 uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::ZipLogFile, request, replyCtx, [&] {
         tarnd::Daemon::Serving().archives.Pack({.source = host::TextOf(request->szLogPath),
                                                 .directory = host::TextOf(request->szZipPath),
                                                 .name = tarnd::CheckedName(host::TextOf(request->szZipName)),
@@ -44,7 +44,7 @@ uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx
 }
 
 uint32_t CopyZipLogFile(const Tarn_sys_diag_CopyloginfoInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::CopyZipLogFile, request, replyCtx, [&] {
         const auto said = [&](const auto &member, const char *name, const char *word) {
             return tarnd::IsSaid(host::TextOf(member), name, word);
         };

@@ -6,12 +6,12 @@
 using tarnd::Daemon;
 
 uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {
-    const char *const method = __func__;
-    const auto answer = [=](uint32_t error) {
-        return host::Answer<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = error; });
+    const auto &method = host::methods::TarnSetDimOpration;
+    const auto answer = [&method, replyCtx](uint32_t error) {
+        return host::SendReply<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = error; });
     };
     bool later = false;
-    const uint32_t error = host::Run(method, [&] {
+    const uint32_t error = host::Run(method, request, [&] {
         later = Daemon::Serving().measurement.Operate(request->uiOperation,
                                                       {[=] { return TarnHost_Cancelled(replyCtx); }, answer});
     });
@@ -19,15 +19,18 @@ uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCt
 }
 
 uint32_t TarnSetDimTimeCfgByTarnd(const Tarn_sys_diag_DimTimeCfg *request) {
-    return host::Run(__func__, [&] { Daemon::Serving().measurement.SetTimes({request->ucValue1, request->ucValue2}); });
+    return host::Run(host::methods::TarnSetDimTimeCfgByTarnd, request, [&] {
+        Daemon::Serving().measurement.SetTimes({request->ucValue1, request->ucValue2});
+    });
 }
 
 uint32_t TarnSetDimWorkModeCfgByTarnd(const Tarn_sys_diag_DimWorkModeCfg *request) {
-    return host::Run(__func__, [&] { Daemon::Serving().measurement.SetMode(request->uiWorkMode); });
+    return host::Run(host::methods::TarnSetDimWorkModeCfgByTarnd, request,
+                     [&] { Daemon::Serving().measurement.SetMode(request->uiWorkMode); });
 }
 
-uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DimMeasRst>(__func__, replyCtx, [](auto &reply) {
+uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::TarnGetDimMeasRstByTarnd, request, replyCtx, [](auto &reply) {
         const tarnd::Measurement::State state = Daemon::Serving().measurement.Last();
         reply.uiValue1 = state.code;
         host::CopyText(reply.acMeasResult, state.text);

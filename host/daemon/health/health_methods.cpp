@@ -39,17 +39,20 @@ void Examine(uint8_t function, host::Reply<Tarn_sys_diag_PadsSystemHealthResult>
 
 uint32_t TarnPadsGetSystemHealthInfoByTarnd(const Tarn_sys_diag_PadsSystemHealthInput *request, void *replyCtx) {
     if (request->uiValue != 0) {
-        return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), request->uiValue,
+        return tarnd::Relay(host::methods::TarnPadsGetSystemHealthInfoByTarnd, request, replyCtx,
+                            TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), request->uiValue,
                             Tarn_sys_diag_None{});
     }
-    return host::Answer<Tarn_sys_diag_PadsSystemHealthResult>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::Examine(request->ucValue, reply); });
+    return host::Answer(host::methods::TarnPadsGetSystemHealthInfoByTarnd, request, replyCtx,
+                        [&](auto &reply) { tarnd::Examine(request->ucValue, reply); });
 }
 
 uint32_t TarnPadsSetPadsGlobalSwitchByTarnd(const Tarn_sys_diag_PadsGlobalSwitch *request) {
-    return host::Run(__func__, [&] { tarnd::Daemon::Serving().healthSettings.SwitchAll(request->ucGlobalSwitch); });
+    return host::Run(host::methods::TarnPadsSetPadsGlobalSwitchByTarnd, request,
+                     [&] { tarnd::Daemon::Serving().healthSettings.SwitchAll(request->ucGlobalSwitch); });
 }
 
 uint32_t TarnPadsSetPadsAppFunSwitchByTarnd(const Tarn_sys_diag_PadsAppFunSwitch *request) {
-    return host::Run(__func__, [&] { tarnd::Daemon::Serving().healthSettings.SwitchFunction(*request); });
+    return host::Run(host::methods::TarnPadsSetPadsAppFunSwitchByTarnd, request,
+                     [&] { tarnd::Daemon::Serving().healthSettings.SwitchFunction(*request); });
 }

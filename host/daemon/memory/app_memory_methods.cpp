@@ -9,7 +9,8 @@ namespace tarnd {
 namespace {
 
 std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
-    const auto answer = Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
+    const auto answer =
+        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
     const Tarn_sys_diag_GetAppMemUnitInfoOutput &units = answer->record;
     if (units.uiResult != 0) {
         throw std::system_error(static_cast<int>(units.uiResult), std::generic_category(),
@@ -33,8 +34,8 @@ std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t 
 }
 
 std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
-    const auto answer =
-        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), request.uiPid, request, timeoutMs);
+    const auto answer = Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo),
+                                                        request.uiPid, request, timeoutMs);
     return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
 }
 
@@ -43,7 +44,7 @@ std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_
 } // namespace tarnd
 
 uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_AppMemInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::AppMemInfo, request, replyCtx, [&](auto &reply) {
         Tarn_sys_diag_GetAppMemInfoInput query{};
         query.uiPid = request->uiValue1;
         query.uiQueryType = request->uiValue2;

@@ -30,8 +30,8 @@ std::vector<Tarn_sys_diag_SysMemStatisFile> Describe(const std::map<MappedFile, 
 
 } // namespace tarnd
 
-uint32_t GetSysMemStatisFile(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysMemStatisFileResult>(__func__, replyCtx, [&](auto &reply) {
+uint32_t GetSysMemStatisFile(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemStatisFile, request, replyCtx, [&](auto &reply) {
         const auto files = tarnd::MappedFiles(tarnd::Daemon::Serving().proc, [&] { host::CheckWanted(replyCtx); });
         reply.pstFile = reply.Keep(tarnd::Describe(files), reply.uiFileNum);
     });

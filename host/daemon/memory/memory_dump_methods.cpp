@@ -23,7 +23,7 @@ void Check(const Tarn_sys_diag_DumpOsProcMemValueInput &request) {
 } // namespace tarnd
 
 uint32_t DumpOsProcMemValue(const Tarn_sys_diag_DumpOsProcMemValueInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DumpOsProcMemValueResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::DumpOsProcMemValue, request, replyCtx, [&](auto &reply) {
         tarnd::Check(*request);
         tarnd::MemoryDump dump = tarnd::DumpMemory(tarnd::Daemon::Serving().proc, request->uiPid, request->ullAddress,
                                                    static_cast<uint32_t>(request->ullLength));

@@ -53,6 +53,6 @@ void ListFiles(uint32_t leastKib, void *replyCtx, host::Reply<Tarn_sys_diag_SysO
 } // namespace tarnd
 
 uint32_t GetSysOsMemFileList(const Tarn_sys_diag_SysOsMemFileInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysOsMemFileResult>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::ListFiles(request->uiValue1, replyCtx, reply); });
+    return host::Answer(host::methods::GetSysOsMemFileList, request, replyCtx,
+                        [&](auto &reply) { tarnd::ListFiles(request->uiValue1, replyCtx, reply); });
 }

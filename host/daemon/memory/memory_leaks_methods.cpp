@@ -113,6 +113,6 @@ Report Query(const Tarn_sys_diag_MemLeakQryIn &request, void *replyCtx) {
 } // namespace tarnd
 
 uint32_t MemLeakOrHisQry(const Tarn_sys_diag_MemLeakQryIn *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_MemLeakQryOut>(
-        __func__, replyCtx, [&](auto &reply) { tarnd::Query(*request, replyCtx).Fill(reply); });
+    return host::Answer(host::methods::MemLeakOrHisQry, request, replyCtx,
+                        [&](auto &reply) { tarnd::Query(*request, replyCtx).Fill(reply); });
 }

@@ -93,8 +93,8 @@ std::vector<Node> ReadNodes(const Daemon &daemon) {
 
 } // namespace tarnd
 
-uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_DisOsResourceInfoRet>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, void *replyCtx) {
+    return host::Answer(host::methods::GetKpiMemoryInfo, request, replyCtx, [](auto &reply) {
         const tarnd::MemoryIndicators indicators = tarnd::IndicatorsOf(tarnd::Daemon::Serving().sampler.History());
         host::CopyText(reply.acName, "memory");
         reply.uiValue1 = indicators.now;
@@ -104,14 +104,14 @@ uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *, void *re
     });
 }
 
-uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysMemUseInfoResult>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemUseInfo, request, replyCtx, [](auto &reply) {
         reply.pstNode = reply.Keep(tarnd::ReadNodes(tarnd::Daemon::Serving()), reply.uiNodeNum);
     });
 }
 
-uint32_t GetHugePagesInfo(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_HugePagesOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetHugePagesInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetHugePagesInfo, request, replyCtx, [](auto &reply) {
         const std::string text = tarnd::Daemon::Serving().proc.Read("meminfo");
         reply.uiValue1 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Total"));
         reply.uiValue2 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Free"));

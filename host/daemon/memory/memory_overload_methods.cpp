@@ -29,8 +29,8 @@ void ClearEnvironment(const Tarn_sys_diag_ClearEnvActInput &request) {
 
 using tarnd::Daemon;
 
-uint32_t GetSysMemOverloadStat(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetSysMemOverloadStatOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetSysMemOverloadStat(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemOverloadStat, request, replyCtx, [](auto &reply) {
         const tarnd::MemoryOverload::Record record = Daemon::Serving().memoryOverload.TheRecord();
         reply.uiValue1 = record.lasts ? 1 : 0;
         std::vector<Tarn_sys_diag_SysMemOverloadStat> events;
@@ -42,15 +42,15 @@ uint32_t GetSysMemOverloadStat(const Tarn_sys_diag_None *, void *replyCtx) {
     });
 }
 
-uint32_t GetSysMemOverloadSw(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetSysMemOverloadSwOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetSysMemOverloadSw(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemOverloadSw, request, replyCtx, [](auto &reply) {
         reply.uiSwitch = Daemon::Serving().memoryOverload.Thresholds().over != 0 ? 1 : 0;
         reply.ucValue2 = Daemon::Serving().overloadDebug.IsOn(TARND_MONITOR_MEMORY) ? 1 : 0;
     });
 }
 
-uint32_t GetSysMemOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetSysMemOverloadCfgOutput>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetSysMemOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemOverloadCfg, request, replyCtx, [](auto &reply) {
         const Daemon &daemon = Daemon::Serving();
         const tarnd::MemoryThresholds thresholds = daemon.memoryOverload.Thresholds();
         reply.uiValue1 = thresholds.over;
@@ -62,7 +62,7 @@ uint32_t GetSysMemOverloadCfg(const Tarn_sys_diag_None *, void *replyCtx) {
 }
 
 uint32_t SysOvLoadMemThresholdSet(const Tarn_sys_diag_SysOvLoadMemThreshold *request, void *replyCtx) {
-    return host::AnswerResult<Tarn_sys_diag_OperResult>(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SysOvLoadMemThresholdSet, request, replyCtx, [&] {
         const uint32_t recover = request->uiValue2 == 0 ? request->uiValue1 : request->uiValue2;
         Daemon::Serving().memoryOverload.Set({request->uiValue1, recover});
         Daemon::Serving().masterLink.TellMemoryThresholds();
@@ -70,5 +70,6 @@ uint32_t SysOvLoadMemThresholdSet(const Tarn_sys_diag_SysOvLoadMemThreshold *req
 }
 
 uint32_t ClearEnvAct(const Tarn_sys_diag_ClearEnvActInput *request, void *replyCtx) {
-    return host::AnswerResult(__func__, replyCtx, [&] { tarnd::ClearEnvironment(*request); });
+    return host::AnswerResult(host::methods::ClearEnvAct, request, replyCtx,
+                              [&] { tarnd::ClearEnvironment(*request); });
 }

@@ -142,20 +142,20 @@ std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
 } // namespace tarnd
 
 uint32_t GetSysMemStatisPro(const Tarn_sys_diag_PositionStr *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysMemStatisProResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetSysMemStatisPro, request, replyCtx, [&](auto &reply) {
         reply.pstRecord = reply.Keep(tarnd::Statistics(*request), reply.uiRecordNum);
         reply.uiMemTotal = tarnd::Kib(host::procfs::FieldOf(tarnd::Daemon::Serving().proc.Read("meminfo"), "MemTotal"));
     });
 }
 
 uint32_t GetOsProcessMemInfo(const Tarn_sys_diag_SysOsMemInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysOsMemInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetOsProcessMemInfo, request, replyCtx, [&](auto &reply) {
         reply.pstProc = reply.Keep(tarnd::Details(request->uiPid), reply.uiProcNum);
     });
 }
 
 uint32_t GetOsProcessMapsInfo(const Tarn_sys_diag_SysProOsInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysProOsResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetOsProcessMapsInfo, request, replyCtx, [&](auto &reply) {
         reply.pstMap = reply.Keep(tarnd::Mappings(request->uiPid), reply.uiMapNum);
     });
 }

@@ -35,8 +35,7 @@ std::vector<Tarn_sys_diag_SysMemStatisShare> Describe(void *replyCtx) {
 
 } // namespace tarnd
 
-uint32_t GetSysMemStatisShare(const Tarn_sys_diag_None *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_SysMemStatisShareResult>(__func__, replyCtx, [&](auto &reply) {
-        reply.pstShare = reply.Keep(tarnd::Describe(replyCtx), reply.uiShareNum);
-    });
+uint32_t GetSysMemStatisShare(const Tarn_sys_diag_None *request, void *replyCtx) {
+    return host::Answer(host::methods::GetSysMemStatisShare, request, replyCtx,
+                        [&](auto &reply) { reply.pstShare = reply.Keep(tarnd::Describe(replyCtx), reply.uiShareNum); });
 }

@@ -137,20 +137,20 @@ void Reset(uint32_t kind, uint32_t pid) {
 } // namespace tarnd
 
 uint32_t GetExceptionInfo(const Tarn_sys_diag_ExceptionInfoCondition *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ExceptionInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetExceptionInfo, request, replyCtx, [&](auto &reply) {
         tarnd::Fill(reply, {host::blackbox::FaultKind::kException, request->uiValue1,
                             static_cast<int32_t>(request->uiValue4), request->uiValue2, request->uiValue3});
     });
 }
 
 uint32_t GetAssertInfo(const Tarn_sys_diag_AssertInfoCondition *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_AssertInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetAssertInfo, request, replyCtx, [&](auto &reply) {
         tarnd::Fill(
             reply, {host::blackbox::FaultKind::kAssertion, request->uiValue1, 0, request->uiValue2, request->uiValue3});
     });
 }
 
 uint32_t ResetBBoxInfo(const Tarn_sys_diag_ResetBBoxCondition *request, void *replyCtx) {
-    return host::AnswerResult<Tarn_sys_diag_ResetBBoxResult>(
-        __func__, replyCtx, [&] { tarnd::Reset(request->uiValue1, request->uiValue2); });
+    return host::AnswerResult(host::methods::ResetBBoxInfo, request, replyCtx,
+                              [&] { tarnd::Reset(request->uiValue1, request->uiValue2); });
 }

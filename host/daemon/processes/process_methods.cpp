@@ -31,20 +31,20 @@ bool IsOnline(uint32_t pid) {
 } // namespace tarnd
 
 uint32_t PidIsOnline(const Tarn_sys_diag_PidIsOnlineInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_PidIsOnlineOuput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::PidIsOnline, request, replyCtx, [&](auto &reply) {
         reply.uiPid = request->uiPid;
         reply.ucIsOnline = tarnd::IsOnline(request->uiPid) ? 1 : 0;
     });
 }
 
 uint32_t GetProcStatByPid(const Tarn_sys_diag_ProcessStatusInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ProcessStatusOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetProcStatByPid, request, replyCtx, [&](auto &reply) {
         reply.ucStatus = static_cast<uint8_t>(tarnd::Daemon::Serving().proc.ReadProcess(request->uiPid).state);
     });
 }
 
 uint32_t GetAllTidsByPid(const Tarn_sys_diag_Pid *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_Tids>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetAllTidsByPid, request, replyCtx, [&](auto &reply) {
         reply.puiTids = reply.Keep(tarnd::Daemon::Serving().proc.ThreadIds(request->uiPid), reply.uiTidNum);
     });
 }

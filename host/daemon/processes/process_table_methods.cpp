@@ -42,13 +42,12 @@ Tarn_sys_diag_ProcTableEntry Describe(const ProcessTable::Row &row, Reply &reply
 } // namespace tarnd
 
 uint32_t ProcTableBuild(const Tarn_sys_diag_ProcTableBuildInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_ProcTableBuildOutput>(__func__, replyCtx, [&](auto &reply) {
-        reply.uiResult = host::Run("ProcTableBuild", [&] { tarnd::Build(request->ucBuildFlag); });
-    });
+    return host::AnswerResult(host::methods::ProcTableBuild, request, replyCtx,
+                              [&] { tarnd::Build(request->ucBuildFlag); });
 }
 
-uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetProcTableResult>(__func__, replyCtx, [](auto &reply) {
+uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *request, void *replyCtx) {
+    return host::Answer(host::methods::GetProcTable, request, replyCtx, [](auto &reply) {
         const auto table = tarnd::Daemon::Serving().processTable.Built();
         std::vector<Tarn_sys_diag_ProcTableEntry> entries;
         for (const tarnd::ProcessTable::Row &row : *table) {
@@ -59,7 +58,7 @@ uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *, void *replyCtx) {
 }
 
 uint32_t GetQ5ProcInfo(const Tarn_sys_diag_GetQ5ProcInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetQ5ProcInfoOutput>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetQ5ProcInfo, request, replyCtx, [&](auto &reply) {
         const host::procfs::Task process = tarnd::Daemon::Serving().proc.ReadProcess(request->uiPid);
         reply.uiValue1 = process.parent;
         reply.uiValue2 = process.session;

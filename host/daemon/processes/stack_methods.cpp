@@ -65,7 +65,7 @@ std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Ti
 } // namespace tarnd
 
 uint32_t GetCallStackInfoByTid(const Tarn_sys_diag_Tid *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_CallStackContext>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetCallStackInfoByTid, request, replyCtx, [&](auto &reply) {
         std::vector<Tarn_sys_diag_CallStackThreadInfo> threads = tarnd::ReadStacks(*request, replyCtx);
         for (const Tarn_sys_diag_CallStackThreadInfo &thread : threads) {
             reply.uiValue1 += thread.uiValue3;

@@ -88,18 +88,12 @@ private:
                                       "RUN us", "WAIT us", "SLICES", "STARVED", "LONGEST ms", "LAST");
 };
 
-template <class Function>
-uint32_t AnswerTaskResult(const char *method, void *replyCtx, Function function) {
-    return host::Answer<Tarn_sys_diag_TaskResult>(
-        method, replyCtx, [&](auto &reply) { reply.uiTaskResult = host::Run(method, function); });
-}
-
 } // namespace
 
 } // namespace tarnd
 
 uint32_t GetTaskInfo(const Tarn_sys_diag_GetTaskInfoInput *request, void *replyCtx) {
-    return host::Answer<Tarn_sys_diag_GetTaskInfoResult>(__func__, replyCtx, [&](auto &reply) {
+    return host::Answer(host::methods::GetTaskInfo, request, replyCtx, [&](auto &reply) {
         tarnd::TaskQuery query(*request);
         query.Run();
         reply.uiTaskValue = query.Matches();
@@ -109,7 +103,7 @@ uint32_t GetTaskInfo(const Tarn_sys_diag_GetTaskInfoInput *request, void *replyC
 }
 
 uint32_t ResetTaskRecord(const Tarn_sys_diag_ResetTaskRecordInput *request, void *replyCtx) {
-    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::ResetTaskRecord, request, replyCtx, [&] {
         if (request->uiTaskId == 0) {
             tarnd::Daemon::Serving().starvation.Reset();
         } else {
@@ -119,7 +113,7 @@ uint32_t ResetTaskRecord(const Tarn_sys_diag_ResetTaskRecordInput *request, void
 }
 
 uint32_t SetTaskStarvThreshold(const Tarn_sys_diag_StarvTaskThresholdInput *request, void *replyCtx) {
-    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SetTaskStarvThreshold, request, replyCtx, [&] {
         const uint32_t ms = request->uiStarvThreshold;
         if (ms == 0 || ms > TARND_STARVATION_MAX_MS) {
             throw host::BadValue("uiStarvThreshold", ms, fmt::format("1 to {} ms", TARND_STARVATION_MAX_MS));
@@ -129,7 +123,7 @@ uint32_t SetTaskStarvThreshold(const Tarn_sys_diag_StarvTaskThresholdInput *requ
 }
 
 uint32_t SetTaskSwitch(const Tarn_sys_diag_TaskSwitchInput *request, void *replyCtx) {
-    return tarnd::AnswerTaskResult(__func__, replyCtx, [&] {
+    return host::AnswerResult(host::methods::SetTaskSwitch, request, replyCtx, [&] {
         if (request->uiTaskSwitch > 1) {
             throw host::BadValue("uiTaskSwitch", request->uiTaskSwitch, "0 or 1");
         }

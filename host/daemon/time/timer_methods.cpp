@@ -56,8 +56,9 @@ void ListTimers(const Tarn_sys_diag_GetTimerInput &request, host::Reply<Tarn_sys
 
 uint32_t TarnGetTimerInfoTarnd(const Tarn_sys_diag_GetTimerInput *request, void *replyCtx) {
     if (request->uiValue4 != 0 && request->uiValue4 != static_cast<uint32_t>(getpid())) {
-        return tarnd::Relay(__func__, replyCtx, TARND_AGENT_METHOD(TarnAgentGetTimerInfo), request->uiValue4, *request);
+        return tarnd::Relay(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
+                            TARND_AGENT_METHOD(TarnAgentGetTimerInfo), request->uiValue4, *request);
     }
-    return host::Answer<Tarn_sys_diag_GetTimerInfoResult>(__func__, replyCtx,
-                                                          [&](auto &reply) { tarnd::ListTimers(*request, reply); });
+    return host::Answer(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
+                        [&](auto &reply) { tarnd::ListTimers(*request, reply); });
 }
