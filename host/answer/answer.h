@@ -1,6 +1,6 @@
 // How a served method answers. A request is checked by what its members mean; the method is a function that fills its
-// reply or throws; what it throws becomes the call's
-// status, and the reason goes to the log: no exception passes the C functions that the runtime calls.
+// reply or throws; what it throws becomes the call's status, and the reason goes to the log: no exception passes the C
+// functions that the runtime calls.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +24,9 @@ template <class Record>
 class Reply : public Record {
 public:
     Reply() : Record{} {}
+
+    // The members alone: auto &[total, free] = reply.Members();
+    Record &Members() { return *this; }
 
     // A vector's elements; `count` is the member beside the pointer. None: null.
     template <class Element>
@@ -107,8 +110,9 @@ uint32_t Answer(const meaning::MethodOf<Request, Response> &method, const Reques
 template <class Request, class Response, class Function>
 uint32_t AnswerResult(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx,
                       Function function) {
-    return SendReply<Response>(method, replyCtx,
-                               [&](auto &reply) { meaning::ResultIn(*method.response, &reply) = Run(method, request, function); });
+    return SendReply<Response>(method, replyCtx, [&](auto &reply) {
+        meaning::ResultIn(*method.response, &reply) = Run(method, request, function);
+    });
 }
 
 // For work that takes long, now and then: throws when its result is no longer wanted.

@@ -36,6 +36,23 @@ bool Takes(const Value &value, uint64_t number) {
     return value.least <= number && number <= value.most;
 }
 
+size_t IndexOf(const Record &meaning, std::string_view name) {
+    const auto found =
+        std::ranges::find_if(meaning.members, [&](const Member &one) { return one.wire == name || one.name == name; });
+    if (found == meaning.members.end()) {
+        throw std::logic_error(fmt::format("{} has no member {}", meaning.type, name));
+    }
+    return static_cast<size_t>(found - meaning.members.begin());
+}
+
+std::string BothNames(const Member &member) {
+    return fmt::format("{} ({})", member.name, member.wire);
+}
+
+std::string Shown(std::string_view text) {
+    return text.empty() ? "empty" : fmt::format("\"{}\"", LineOfText(text));
+}
+
 // One record of a request, and where it stands in it.
 class Checked {
 public:
@@ -51,14 +68,11 @@ public:
     }
 
 private:
-    std::string NameOf(const Member &member) const { return path_ + fmt::format("{} ({})", member.name, member.wire); }
+    std::string NameOf(const Member &member) const { return path_ + BothNames(member); }
     [[noreturn]] void Refuse(const Member &member, const std::string &found, const std::string &expected) const {
         throw BadValue(NameOf(member).c_str(), found, expected);
     }
 
-    size_t IndexOf(std::string_view wire) const {
-        return static_cast<size_t>(std::ranges::find(meaning_.members, wire, &Member::wire) - meaning_.members.begin());
-    }
     uint64_t NumberAt(size_t index) const {
         const velto::SlotShape &slot = meaning_.shape->Slot(index);
         uint64_t number = 0;
@@ -69,7 +83,7 @@ private:
         if (value.matters.empty()) {
             return true;
         }
-        const size_t on = IndexOf(value.matters);
+        const size_t on = IndexOf(meaning_, value.matters);
         return NumberAt(on) == value.mattersAt && IsLookedAt(meaning_.members[on].value);
     }
 
@@ -109,7 +123,7 @@ private:
         if (wire.empty()) {
             return;
         }
-        const size_t at = IndexOf(wire);
+        const size_t at = IndexOf(meaning_, wire);
         const uint64_t bound = NumberAt(at);
         if (!holds(bound)) {
             const Kind kind = member.value.kind;
@@ -125,11 +139,11 @@ private:
         }
         if (text.empty()) {
             if (!value.hasZero) {
-                Refuse(member, "empty", value.choices.empty() ? "a text" : ExpectedText(value));
+                Refuse(member, Shown(text), value.choices.empty() ? "a text" : ExpectedText(value));
             }
         } else if (value.kind == Kind::kWord &&
                    std::ranges::find(value.choices, text, &Choice::name) == value.choices.end()) {
-            Refuse(member, fmt::format("\"{}\"", LineOfText(std::string(text))), ExpectedText(value));
+            Refuse(member, Shown(text), ExpectedText(value));
         }
     }
 
@@ -202,6 +216,18 @@ uint32_t &ResultIn(const Record &meaning, void *record) {
         }
     }
     throw std::logic_error(fmt::format("{} has no result", meaning.type));
+}
+
+std::system_error BadMember(const Method &method, std::string_view member, uint64_t found,
+                            const std::string &expected) {
+    const Member &meaning = method.request->members[IndexOf(*method.request, member)];
+    return BadValue(BothNames(meaning).c_str(), WithSign(found, meaning.value.kind), expected);
+}
+
+std::system_error BadMember(const Method &method, std::string_view member, std::string_view found,
+                            const std::string &expected) {
+    const Member &meaning = method.request->members[IndexOf(*method.request, member)];
+    return BadValue(BothNames(meaning).c_str(), Shown(found), expected);
 }
 
 void Check(const Record &meaning, const void *record) {

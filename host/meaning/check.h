@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <system_error>
 
 #include "host/meaning/meaning.h"
 
@@ -9,6 +10,12 @@ namespace host::meaning {
 
 // Throws the error of a bad value, EINVAL: which member, by both names, its value with its unit, and what was expected.
 void Check(const Record &meaning, const void *record);
+
+// The same error, for what a method refuses by rules that depend on more than its request. The member is stated by
+// either of its names: BadMember(host::methods::X, "begins-at", beginsAt, "1 to 2000").
+std::system_error BadMember(const Method &method, std::string_view member, uint64_t found, const std::string &expected);
+std::system_error BadMember(const Method &method, std::string_view member, std::string_view found,
+                            const std::string &expected);
 
 // The member of a reply in which a failure travels: its errno value.
 uint32_t &ResultIn(const Record &meaning, void *record);
