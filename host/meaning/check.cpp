@@ -179,11 +179,10 @@ std::string ChoicesText(const Value &value) {
 }
 
 std::string RangeText(const Value &value) {
-    if (value.least == 0 && value.most == UINT64_MAX) {
-        return "";
+    if (value.most == UINT64_MAX) {
+        return value.least == 0 ? "" : fmt::format("at least {}", value.least);
     }
-    const uint64_t least = value.hasZero ? std::max<uint64_t>(value.least, 1) : value.least;
-    return value.most == UINT64_MAX ? fmt::format("at least {}", least) : fmt::format("{} to {}", least, value.most);
+    return fmt::format("{} to {}", value.least, value.most);
 }
 
 // What 0, or an empty text, stands for.
@@ -203,7 +202,9 @@ std::string ExpectedText(const Value &value) {
         text += (text.empty() ? "" : " or ") + range;
     }
     const bool zeroIsChoice = std::ranges::find(value.choices, 0u, &Choice::value) != value.choices.end();
-    if (!value.hasZero || text.empty() || (zeroIsChoice && value.kind != Kind::kWord)) {
+    const bool zeroIsToldOf =
+        value.kind != Kind::kWord && (zeroIsChoice || (value.choices.empty() && value.least == 0));
+    if (!value.hasZero || text.empty() || zeroIsToldOf) {
         return text;
     }
     return ZeroText(value) + (value.choices.empty() ? " or " : ", ") + text;
