@@ -291,6 +291,37 @@ TEST_F(AgentsTest, AnswerWhatTheyAreAskedThroughTheDaemon) {
     EXPECT_EQ(ask(0, 9), EINVAL);
 }
 
+TEST_F(AgentsTest, AreHandedEachMemberOfARequest) {
+    peers.agents = {kPid};
+    std::vector<uint32_t> handed;
+    peers.On(TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), [&](uint32_t, const auto &request, auto &) {
+        handed = {request.uiPtParam1, request.uiPtParam2, request.uiPtParam3, request.uiPtParam4, request.uiPtParam5};
+        return IdlCallResult{0, 0};
+    });
+    Tarn_sys_diag_ProcPtRecodByTarndInput records{};
+    records.uiTargetPid = kPid;
+    records.uiPtParam1 = 1;
+    records.uiPtParam2 = 2;
+    records.uiPtParam3 = 3;
+    records.uiPtParam4 = 4;
+    records.uiPtParam5 = 5;
+    kit::CallMethod<Tarn_sys_diag_ProcPtRecodResult>(GetProcPartitionMemHandleRecodByTarnd, records);
+    EXPECT_EQ(handed, (std::vector<uint32_t>{1, 2, 3, 4, 5}));
+
+    peers.On(TARND_AGENT_METHOD(MemDiag_ma), [&](uint32_t, const auto &request, auto &) {
+        handed = {request.uiMemCmd, request.uiMemDataLen, request.pucMemData[1]};
+        return IdlCallResult{0, 0};
+    });
+    uint8_t data[] = {8, 9};
+    Tarn_sys_diag_mem_RPCIN_input command{};
+    command.uiTargetPid = kPid;
+    command.uiMemCmd = 7;
+    command.uiMemDataLen = 2;
+    command.pucMemData = data;
+    kit::CallMethod<Tarn_sys_diag_mem_PRCOUT>(MemDiagMaByTarnd, command);
+    EXPECT_EQ(handed, (std::vector<uint32_t>{7, 2, 9}));
+}
+
 uint32_t RelayTimeoutOf(uint32_t remainingMs) {
     kit::ReplyContext request;
     request.remainingMs = remainingMs;
