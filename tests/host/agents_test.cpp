@@ -322,6 +322,36 @@ TEST_F(AgentsTest, AreHandedEachMemberOfARequest) {
     EXPECT_EQ(handed, (std::vector<uint32_t>{7, 2, 9}));
 }
 
+TEST_F(AgentsTest, ExplainTheirResultsThroughTheDaemon) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(SetMemDmgScan), [](uint32_t, const auto &, auto &reply) {
+        reply.uiResult = EINVAL;
+        return IdlCallResult{0, 0};
+    });
+    peers.explanation = "the switch is 9, expected 0 to 2";
+    const auto answer =
+        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{9, kPid});
+    EXPECT_EQ(answer->uiResult, EINVAL);
+    EXPECT_EQ(answer.Reason(), "the switch is 9, expected 0 to 2");
+}
+
+TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), [](uint32_t, const auto &, auto &reply) {
+        reply.uiResult = EBUSY;
+        return IdlCallResult{0, 0};
+    });
+    const auto reason = [] {
+        const auto answer = kit::CallMethod<Tarn_sys_diag_AppMemInfoOutput>(
+            AppMemInfo, Tarn_sys_diag_AppMemInfoInput{kPid, TARN_AGENT_APP_MEM_UNITS});
+        EXPECT_EQ(answer.Status(), EBUSY);
+        return answer.Reason();
+    };
+    EXPECT_EQ(reason(), "the agent of process 5000000") << "of one that explains nothing";
+    peers.explanation = "its heap is being walked";
+    EXPECT_EQ(reason(), "the agent of process 5000000: its heap is being walked");
+}
+
 uint32_t RelayTimeoutOf(uint32_t remainingMs) {
     kit::ReplyContext request;
     request.remainingMs = remainingMs;

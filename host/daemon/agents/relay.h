@@ -1,4 +1,4 @@
-// Answers a request with what the agent of a process answers to it.
+// Answers a request with what the agent of a process answers to it, its explanation included.
 #pragma once
 
 #include "host/answer/answer.h"
@@ -15,6 +15,7 @@ uint32_t Relay(const char *name, void *replyCtx, const AgentMethod<Request, Resp
                const Request &request) {
     return host::Answer<Response>(name, replyCtx, [&](auto &reply) {
         auto answer = Daemon::Serving().agentLine.Ask(method, pid, request, RelayTimeout(replyCtx));
+        TarnHost_ExplainReply(replyCtx, answer->explanation.c_str());
         static_cast<Response &>(reply) = answer->record;
         reply.KeepOwner(std::move(answer));
     });
