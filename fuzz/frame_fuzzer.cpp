@@ -20,14 +20,30 @@ struct Outcome {
     bool atStart = false;
 };
 
+void CheckText(const std::string &text) {
+    FUZZ_CHECK(text.size() <= 1024, "a text of %zu bytes", text.size());
+    FUZZ_CHECK(
+        std::none_of(text.begin(), text.end(), [](char c) { return static_cast<uint8_t>(c) < ' ' || c == 0x7F; }),
+        "a text with a control character");
+}
+
+void CheckExplanation(Frame frame) {
+    const size_t whole = frame.payload.size();
+    const uint32_t size = frame.header.explanationSize;
+    FUZZ_CHECK(size == 0 || frame.header.kind == host::FrameKind::kReply, "an explanation of %u bytes in no reply",
+               size);
+    const auto explanation = host::TakeExplanation(frame);
+    FUZZ_CHECK(explanation.has_value() == (size <= whole), "an explanation of %u bytes in %zu", size, whole);
+    FUZZ_CHECK(frame.payload.size() == whole - (explanation ? size : 0), "a message of %zu bytes in %zu",
+               frame.payload.size(), whole);
+    CheckText(explanation.value_or(""));
+}
+
 void CheckFrame(const Frame &frame, uint32_t limit) {
     FUZZ_CHECK(frame.payload.size() == frame.header.length && frame.payload.size() <= limit,
                "a payload of %zu bytes for a header's %u, limit %u", frame.payload.size(), frame.header.length, limit);
-    const std::string text = host::ErrorText(frame.payload);
-    FUZZ_CHECK(text.size() <= 1024, "an error text of %zu bytes", text.size());
-    FUZZ_CHECK(
-        std::none_of(text.begin(), text.end(), [](char c) { return static_cast<uint8_t>(c) < ' ' || c == 0x7F; }),
-        "an error text with a control character");
+    CheckText(host::ErrorText(frame.payload));
+    CheckExplanation(frame);
 }
 
 class Reader {

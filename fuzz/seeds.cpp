@@ -89,6 +89,8 @@ private:
         header.id = 0x0102030405060708;
         header.typeHash = method.request->hash;
         header.deadlineMs = 5000;
+        header.explanationSize = static_cast<uint32_t>(payload.size() / 2);
+        header.takes = host::kTakesExplanation;
         header.errCode = kind == host::FrameKind::kError ? 110 : 0;
         strncpy(header.service, method.service, host::kServiceSize);
         strncpy(header.method, method.name, host::kMethodSize);

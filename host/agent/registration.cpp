@@ -32,9 +32,9 @@ std::vector<uint8_t> Encode(const Request &request) {
     return bytes;
 }
 
-// A method of the service that agents register with; throws what it ended with.
+// A method of the service that agents register with; throws what it ended with, and a result that is a failure.
 template <class Response, class Request>
-Response CallDaemon(host::Client &client, const char *method, const Request &request) {
+Response CallDaemon(host::Client &client, const char *method, const Request &request, uint32_t Response::*result) {
     const host::CallOutcome outcome =
         client.Call("TarnSysdiagTarndAgent", 0, method, velto::kTypeHash<Request>, Encode(request), kDeadline);
     if (!outcome.Ok()) {
@@ -45,13 +45,12 @@ Response CallDaemon(host::Client &client, const char *method, const Request &req
                                               &reply) == nullptr) {
         throw std::runtime_error("the daemon's reply is malformed");
     }
-    return reply;
-}
-
-void CheckResult(uint32_t result) {
-    if (result != 0) {
-        host::Fail(static_cast<int>(result), "the daemon refuses it");
+    if (reply.*result != 0) {
+        host::Fail(static_cast<int>(reply.*result), outcome.explanation.empty()
+                                                        ? "the daemon refuses it"
+                                                        : "the daemon refuses it: " + outcome.explanation);
     }
+    return reply;
 }
 
 } // namespace
@@ -96,16 +95,15 @@ uint32_t Registration::Call(Doing doing) {
     request.uiValue1 = OwnPid();
     request.uiValue2 = kInterfaceVersion;
     request.ucValue3 = static_cast<uint8_t>(doing);
-    const auto reply = CallDaemon<Tarn_sys_diag_AgentRegInfoResult>(client_, "AgentRegInfo", request);
-    CheckResult(reply.uiValue1);
-    return reply.uiValue2;
+    using Reply = Tarn_sys_diag_AgentRegInfoResult;
+    return CallDaemon<Reply>(client_, "AgentRegInfo", request, &Reply::uiValue1).uiValue2;
 }
 
 void Registration::Subscribe() {
     const uint32_t events = resources_.Events();
     if (events != events_) {
         const Tarn_sys_diag_AppSubscribeInput request{OwnPid(), events};
-        CheckResult(CallDaemon<Tarn_sys_diag_Result>(client_, "TarnAppSubscribe", request).uiResult);
+        CallDaemon<Tarn_sys_diag_Result>(client_, "TarnAppSubscribe", request, &Tarn_sys_diag_Result::uiResult);
         events_ = events;
     }
 }

@@ -48,16 +48,17 @@ Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {
     return std::move(*record);
 }
 
-// A call that went well may still bring a failure: the result in its reply.
-void RequireResult(const Method &method, const Record &reply) {
+// A call that went well may still bring a failure: the result in its reply, and perhaps why.
+void RequireResult(const Method &method, const Record &reply, const std::string &explanation) {
     for (const Slot &slot : reply.GetType().slots) {
         if (MeaningOf(reply.GetType(), slot).unit != Unit::kErrno) {
             continue;
         }
         const auto *const member = static_cast<const uint8_t *>(reply.Data()) + slot.offset;
         if (const uint64_t result = LoadScalar(member, slot.width); result != 0) {
-            throw Failure(kRemote, fmt::format("{}.{}: {} is {}", method.service, method.name, slot.name,
-                                               TextWithUnit(result, Unit::kErrno)));
+            throw Failure(kRemote, fmt::format("{}.{}: {} is {}{}{}", method.service, method.name, slot.name,
+                                               TextWithUnit(result, Unit::kErrno), explanation.empty() ? "" : ": ",
+                                               explanation));
         }
     }
 }
@@ -122,7 +123,7 @@ Series Measure(const Method &method, const CallOptions &options, Send send) {
         series.seconds += time.count();
         try {
             if (const auto reply = ReplyOf(method, outcome, options)) {
-                RequireResult(method, *reply);
+                RequireResult(method, *reply, outcome.explanation);
             }
         } catch (const Failure &failure) {
             ++series.failures[failure.what()];
@@ -177,9 +178,10 @@ void Call(const CallOptions &options) {
         }
         return;
     }
-    if (const auto reply = ReplyOf(method, send(), options)) {
+    const host::CallOutcome outcome = send();
+    if (const auto reply = ReplyOf(method, outcome, options)) {
         PrintReply(method, *reply, options.json);
-        RequireResult(method, *reply);
+        RequireResult(method, *reply, outcome.explanation);
     } else if (options.json) {
         std::cout << "null\n";
     } else {

@@ -75,7 +75,8 @@ public:
     ProcessTable processTable{proc};
     Sampler sampler;
     CpuPeaks cpuPeaks{sampler};
-    CpuOverload cpuOverload{store, sampler, proc, [this](Overload &overload) { ReadOverloadStacks(proc, overload); }};
+    host::stacks::Tracer tracer{proc};
+    CpuOverload cpuOverload{store, sampler, proc, [this](Overload &overload) { ReadOverloadStacks(tracer, overload); }};
     CpuEvents cpuEvents{sampler, healthSettings, proc, clocks};
     Starvation starvation{store, sampler, proc};
     OverloadDebug overloadDebug{sampler};

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "host/runtime/client.h"
+
 namespace tarnd {
 
 bool RemotePeers::HasAgent(uint32_t pid) {

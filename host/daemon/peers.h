@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "host/runtime/client.h"
+#include "host/runtime/call.h"
 #include "platform/rpc.h"
 
 namespace tarnd {
@@ -28,7 +28,8 @@ public:
     virtual bool HasProcess(uint32_t pid) = 0;
 
     virtual IdlCallResult Call(const PeerCall &call) = 0;
-    virtual std::string LastError() = 0; // why the last call of this thread failed
+    virtual std::string LastError() = 0;   // why the last call of this thread failed
+    virtual std::string Explanation() = 0; // why the result in its reply is a failure
 };
 
 // Those that the client behind the proxies reaches.
@@ -38,6 +39,7 @@ public:
     bool HasProcess(uint32_t pid) override;
     IdlCallResult Call(const PeerCall &call) override;
     std::string LastError() override { return TarnHost_LastError(); }
+    std::string Explanation() override { return TarnHost_Explanation(); }
 };
 
 } // namespace tarnd

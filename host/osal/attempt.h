@@ -15,15 +15,21 @@ struct Failure {
 // Logs the exception in flight with what was attempted. To be called from a catch block.
 Failure LogFailure(const char *what);
 
+// How the function failed by what it threw, which is logged; with error 0 where it did not.
+template <class Function>
+Failure FailureOf(const char *what, Function function) {
+    try {
+        function();
+        return {};
+    } catch (...) {
+        return LogFailure(what);
+    }
+}
+
 // 0, or the errno value of what the function threw, which is logged.
 template <class Function>
 uint32_t Attempt(const char *what, Function function) {
-    try {
-        function();
-        return 0;
-    } catch (...) {
-        return LogFailure(what).error;
-    }
+    return FailureOf(what, function).error;
 }
 
 } // namespace host

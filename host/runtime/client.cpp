@@ -78,6 +78,7 @@ bool Client::Core::Prepare(const CallRequest &call, FrameKind kind, Outgoing &ou
     header.id = ++lastId;
     header.typeHash = call.requestHash;
     header.deadlineMs = Milliseconds(out.timeout);
+    header.takes = kTakesExplanation;
     header.length = static_cast<uint32_t>(call.request.size());
     return true;
 }

@@ -12,20 +12,8 @@
 
 #include "host/osal/mutex.h"
 #include "host/runtime/bytes.h"
+#include "host/runtime/call.h"
 #include "host/runtime/limits.h"
-
-// What a proxy's pInvokeCtx points to; null stands for {0, 0}. It is read during the call of the proxy only.
-struct TarnHost_InvokeCtx {
-    uint32_t uiPid;     // whose agent; 0 for the service's own socket
-    uint32_t uiTimeout; // ms; 0 for the default
-};
-
-extern "C" {
-
-// Why the last call failed that failed on this thread, in words; of an asynchronous call, on the thread of its callback
-// and during it. Never null; valid until the next call on this thread.
-const char *TarnHost_LastError(void);
-}
 
 namespace host {
 
@@ -40,10 +28,11 @@ struct ClientOptions {
 //   104 ECONNRESET  the peer went before it answered          110 ETIMEDOUT   the deadline
 //   111 ECONNREFUSED nobody listens                           125 ECANCELED   client or server shut down
 struct CallOutcome {
-    uint32_t status = 0;   // the method's, 0 for success
-    uint32_t errCode = 0;  // errno value of the transport or of either runtime, 0 for success
-    std::string text = {}; // what went wrong; empty after success
-    Bytes bytes = {};      // the encoded response; empty for a method without reply
+    uint32_t status = 0;          // the method's, 0 for success
+    uint32_t errCode = 0;         // errno value of the transport or of either runtime, 0 for success
+    std::string text = {};        // what went wrong; empty after success
+    std::string explanation = {}; // why the result in the response is a failure, where the method says so
+    Bytes bytes = {};             // the encoded response; empty for a method without reply
 
     bool Ok() const { return status == 0 && errCode == 0; }
 };

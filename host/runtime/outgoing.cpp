@@ -6,13 +6,25 @@
 #include <cstring>
 
 namespace host {
+namespace {
+
+CallOutcome OutcomeOfReply(Frame &&reply) {
+    std::optional<std::string> explanation = TakeExplanation(reply);
+    if (!explanation) {
+        return Failure(EBADMSG, fmt::format("the reply has {} bytes, expected at least the {} of its explanation",
+                                            reply.payload.size(), reply.header.explanationSize));
+    }
+    return {.explanation = std::move(*explanation), .bytes = std::move(reply.payload)};
+}
+
+} // namespace
 
 std::string Outgoing::Label(const Transport &transport) const {
     return fmt::format("{}.{} at {}", header.service, header.method, transport.Address(socketOf, pid));
 }
 
 CallOutcome Failure(uint32_t errCode, std::string text) {
-    return {0, errCode, std::move(text), {}};
+    return {.errCode = errCode, .text = std::move(text)};
 }
 
 CallOutcome TimedOut(const Outgoing &call, const Transport &transport) {
@@ -30,12 +42,13 @@ CallOutcome Disconnected(const Outgoing &call, const Transport &transport) {
 
 CallOutcome OutcomeOf(Frame &&frame) {
     if (frame.header.kind == FrameKind::kReply) {
-        return {0, 0, {}, std::move(frame.payload)};
+        return OutcomeOfReply(std::move(frame));
     }
     if (frame.header.kind != FrameKind::kError) {
         return Failure(EBADMSG, "a server sends replies, not requests");
     }
-    CallOutcome outcome{frame.header.status, frame.header.errCode, ErrorText(frame.payload), {}};
+    CallOutcome outcome{
+        .status = frame.header.status, .errCode = frame.header.errCode, .text = ErrorText(frame.payload)};
     if (outcome.Ok()) {
         outcome.errCode = EBADMSG; // an error that names none
     }

@@ -54,8 +54,8 @@ void WriteHeader(const FrameHeader &header, std::span<uint8_t, kHeaderSize> byte
     velto::Store(at + kKindAt, static_cast<uint16_t>(header.kind));
     velto::Store(at + kIdAt, header.id);
     velto::Store(at + kTypeHashAt, header.typeHash);
-    velto::Store(at + kDeadlineAt, header.deadlineMs);
-    velto::Store(at + kStatusAt, header.status);
+    velto::Store(at + kDeadlineAt, header.kind == FrameKind::kReply ? header.explanationSize : header.deadlineMs);
+    velto::Store(at + kStatusAt, header.kind == FrameKind::kRequest ? header.takes : header.status);
     velto::Store(at + kErrCodeAt, header.errCode);
     velto::Store(at + kLengthAt, header.length);
     memcpy(at + kServiceAt, header.service, strnlen(header.service, kServiceSize));
@@ -121,8 +121,9 @@ void FrameParser::ReadHeader() {
     header.kind = static_cast<FrameKind>(kind);
     header.id = velto::Load<uint64_t>(at + kIdAt);
     header.typeHash = velto::Load<uint32_t>(at + kTypeHashAt);
-    header.deadlineMs = velto::Load<uint32_t>(at + kDeadlineAt);
-    header.status = velto::Load<uint32_t>(at + kStatusAt);
+    (header.kind == FrameKind::kReply ? header.explanationSize : header.deadlineMs) =
+        velto::Load<uint32_t>(at + kDeadlineAt);
+    (header.kind == FrameKind::kRequest ? header.takes : header.status) = velto::Load<uint32_t>(at + kStatusAt);
     header.errCode = velto::Load<uint32_t>(at + kErrCodeAt);
     header.length = velto::Load<uint32_t>(at + kLengthAt);
     memcpy(header.service, at + kServiceAt, kServiceSize);
@@ -161,12 +162,27 @@ void FrameParser::Refuse(uint32_t error, std::string reason) {
     reason_ = std::move(reason);
 }
 
-std::string ErrorText(std::span<const uint8_t> payload) {
+std::string ErrorText(std::span<const uint8_t> text) {
     constexpr size_t kMaxText = 1024;
-    std::string text(payload.begin(), payload.begin() + static_cast<ptrdiff_t>(std::min(payload.size(), kMaxText)));
+    size_t size = std::min(text.size(), kMaxText);
+    for (int more = 3; more > 0 && size < text.size() && text[size] >> 6 == 2; --more) {
+        --size; // the cut is not within a character
+    }
+    std::string shown(text.begin(), text.begin() + static_cast<ptrdiff_t>(size));
     std::replace_if(
-        text.begin(), text.end(), [](char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }, '?');
-    return text;
+        shown.begin(), shown.end(), [](char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }, '?');
+    return shown;
+}
+
+std::optional<std::string> TakeExplanation(Frame &reply) {
+    Bytes &payload = reply.payload;
+    if (reply.header.explanationSize > payload.size()) {
+        return std::nullopt;
+    }
+    const size_t messageSize = payload.size() - reply.header.explanationSize;
+    std::string explanation = ErrorText(std::span(payload).subspan(messageSize));
+    payload.resize(messageSize);
+    return explanation;
 }
 
 } // namespace host

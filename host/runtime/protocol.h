@@ -6,21 +6,27 @@
 //        6    2  kind: 1 request, 2 one-way request, 3 reply, 4 error, 5 cancel
 //        8    8  call id, the client's; a reply, error or cancel repeats it, 0 where the server could not tell it
 //       16    4  type hash of the request type; a reply or error repeats it
-//       20    4  requests: what is left of the deadline, in ms; else 0
-//       24    4  errors: the status that the method returned; else 0
+//       20    4  requests: what is left of the deadline, in ms; replies: length of the explanation; else 0
+//       24    4  requests: what the caller takes besides a message, 1 for an explanation; errors: the status that the
+//                method returned; else 0
 //       28    4  errors: errno value, when the runtime and not the method has failed; else 0
 //       32    4  length of the payload
 //       36    4  0
 //       40   32  requests: service, NUL-padded; else 0
 //       72   64  requests: method, NUL-padded; else 0
-//      136       payload: a VELTO message; of an error, its text in UTF-8
+//      136       payload: a VELTO message, and behind a reply's its explanation; of an error, its text in UTF-8
 //
 // A method without reply answers a request with an empty reply. One-way requests are not answered, except that any side
 // may send an error before it closes a connection on which it can't find the next frame. A cancel says that the client
 // takes no answer any more to the request of that id; it is not answered, and neither need the request be.
+//
+// An explanation is UTF-8 and says why the result in a reply is a failure. It is part of the payload's length but not
+// of the message. Only a request that takes one may be answered with one, so peers that know of none get none: they
+// send 0 as what they take and as an explanation's length, and look at neither.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -36,12 +42,17 @@ constexpr size_t kMethodSize = 64;
 
 enum class FrameKind : uint16_t { kRequest = 1, kOneway, kReply, kError, kCancel };
 
+// What a caller takes besides a message, a bit for each.
+constexpr uint32_t kTakesExplanation = 1;
+
 struct FrameHeader {
     FrameKind kind = FrameKind::kRequest;
     uint64_t id = 0;
     uint32_t typeHash = 0;
-    uint32_t deadlineMs = 0;
-    uint32_t status = 0;
+    uint32_t deadlineMs = 0;      // of all but replies
+    uint32_t explanationSize = 0; // of replies
+    uint32_t takes = 0;           // of requests
+    uint32_t status = 0;          // of all but requests
     uint32_t errCode = 0;
     uint32_t length = 0;
     char service[kServiceSize + 1] = {};
@@ -98,7 +109,10 @@ private:
     std::string reason_;
 };
 
-// The text of an error frame, fit to be shown: of bounded length and without control characters.
-std::string ErrorText(std::span<const uint8_t> payload);
+// The text of an error frame or an explanation, fit to be shown: of bounded length and without control characters.
+std::string ErrorText(std::span<const uint8_t> text);
+
+// Takes the explanation off a reply's payload, which leaves the message. Nothing when the payload is shorter than that.
+std::optional<std::string> TakeExplanation(Frame &reply);
 
 } // namespace host

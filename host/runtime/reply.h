@@ -24,10 +24,18 @@ uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse);
 uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
 
 /*
- * Why the implementation that runs on this thread is about to return its status, in words for the caller. Without one,
- * nothing happens.
+ * Why a request fails, in words for the caller: the reason of the status that the implementation on this thread is
+ * about to return, or of the failure that is in the reply it is about to send. To be called before that; the last call
+ * counts. Of a long text the caller gets the first 1024 bytes, and '?' for each control character. Without an
+ * implementation on this thread, nothing happens.
  */
 void TarnHost_Explain(const char *pcReason);
+
+/*
+ * The same for a request that is answered later, or by another thread. 0; 22 for a null text, or where a null context
+ * stands for no request; 114 (EALREADY) for a request that has been answered.
+ */
+uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason);
 
 /*
  * Whether work on the request is still wanted; what takes long asks now and then. 0 while it is, else why not: 110

@@ -134,6 +134,17 @@ public:
         }
     }
 
+    // False when it is over, so that whoever ends it reads what it was before.
+    bool Explain(uintptr_t context, std::string reason) TARN_EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        const auto found = requests_.find(context);
+        if (found == requests_.end()) {
+            return false;
+        }
+        found->second->reason_.swap(reason);
+        return true;
+    }
+
     std::vector<uintptr_t> ContextsOf(const ServerCore &server) TARN_EXCLUDES(mutex_) {
         const MutexLock lock(mutex_);
         std::vector<uintptr_t> contexts;
@@ -217,7 +228,7 @@ void Request::Run(ServedMethod &method) {
     if (unanswered == nullptr) {
         Log().warn("{}: status {} after the request had been answered", Label(), status);
     } else if (status != 0) {
-        Fail(status, reason_);
+        Fail(status);
     } else {
         uint8_t empty[kHeaderSize];
         SendReply(empty);
@@ -282,7 +293,8 @@ void Request::Reply(void *response) {
         wrapperCodec_.stCodec.pfnUsrFree(response);
     }
     if (error == 0 || error == ECANCELED) {
-        SendReply(bytes);
+        const uint32_t explanationSize = wanted ? AppendExplanation(bytes) : 0;
+        SendReply(bytes, explanationSize);
         return;
     }
     const std::string text =
@@ -291,7 +303,20 @@ void Request::Reply(void *response) {
     SendError(0, error, text);
 }
 
-void Request::Fail(uint32_t status, const std::string &reason) {
+// Puts it behind a reply's message, where there is one, the caller takes it, and the limit leaves room: its size.
+uint32_t Request::AppendExplanation(Bytes &frame) const {
+    if (reason_.empty() || (frame_.header.takes & kTakesExplanation) == 0) {
+        return 0;
+    }
+    const std::string text = ErrorText({reinterpret_cast<const uint8_t *>(reason_.data()), reason_.size()});
+    if (frame.size() - kHeaderSize + text.size() > session_->GetLimits().messageBytes) {
+        return 0;
+    }
+    frame.insert(frame.end(), text.begin(), text.end());
+    return static_cast<uint32_t>(text.size());
+}
+
+void Request::Fail(uint32_t status) {
     if (undecodable_) {
         SendError(status, 0, fmt::format("the request of {} bytes is not a valid message", frame_.payload.size()));
     } else if (status == ENOSYS) {
@@ -300,7 +325,7 @@ void Request::Fail(uint32_t status, const std::string &reason) {
         const char *const name = strerrordesc_np(static_cast<int>(status));
         SendError(status, 0,
                   fmt::format("status {} ({}){}{}", status, name == nullptr ? "not an errno value" : name,
-                              reason.empty() ? "" : ": ", reason));
+                              reason_.empty() ? "" : ": ", reason_));
     }
 }
 
@@ -317,7 +342,7 @@ bool Request::Ends(bool well) {
 }
 
 // `frame` has room for the header.
-void Request::SendReply(std::span<uint8_t> frame) {
+void Request::SendReply(std::span<uint8_t> frame, uint32_t explanationSize) {
     if (!Ends(true) || IsOneway()) {
         return;
     }
@@ -325,6 +350,7 @@ void Request::SendReply(std::span<uint8_t> frame) {
     header.kind = FrameKind::kReply;
     header.id = frame_.header.id;
     header.typeHash = frame_.header.typeHash;
+    header.explanationSize = explanationSize;
     header.length = static_cast<uint32_t>(frame.size() - kHeaderSize);
     WriteHeader(header, frame.first<kHeaderSize>());
     session_->Send(frame);
@@ -398,10 +424,14 @@ bool IsOutside(const void *replyCtx) {
     return replyCtx == nullptr && running == nullptr;
 }
 
-// The request that a context stands for, which is not outside. Null when the request is over.
+// The number of the request that a context stands for, which is not outside.
+uintptr_t NumberOf(void *replyCtx) {
+    return replyCtx != nullptr ? reinterpret_cast<uintptr_t>(replyCtx) : running->context_;
+}
+
+// Null when the request is over.
 std::shared_ptr<Request> RequestOf(void *replyCtx) {
-    const auto context = replyCtx != nullptr ? reinterpret_cast<uintptr_t>(replyCtx) : running->context_;
-    return Request::Live::Get().Find(context);
+    return Request::Live::Get().Find(NumberOf(replyCtx));
 }
 
 uint32_t CancelledWhy(void *replyCtx) {
@@ -421,10 +451,11 @@ uint32_t CancelledWhy(void *replyCtx) {
     return request->session_->Now() >= request->deadline_ ? uint32_t{ETIMEDOUT} : 0;
 }
 
-void Explain(const char *reason) {
-    if (running != nullptr && reason != nullptr) {
-        running->reason_ = reason;
+uint32_t Explain(void *replyCtx, const char *reason) {
+    if (reason == nullptr || IsOutside(replyCtx)) {
+        return EINVAL;
     }
+    return Request::Live::Get().Explain(NumberOf(replyCtx), reason) ? 0 : EALREADY;
 }
 
 uint32_t RemainingMs(void *replyCtx) {
@@ -443,7 +474,11 @@ uint32_t RemainingMs(void *replyCtx) {
 } // namespace host
 
 void TarnHost_Explain(const char *pcReason) {
-    host::Explain(pcReason);
+    host::Explain(nullptr, pcReason);
+}
+
+uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason) {
+    return host::Explain(pReplyCtx, pcReason);
 }
 
 uint32_t TarnHost_Cancelled(void *pReplyCtx) {

@@ -55,10 +55,11 @@ private:
     friend IdlServerCodecTable * ::RPC_GetUsrFuncLib(void *);
     friend uint32_t AnswerRecord(void *replyCtx, void *response);
     friend uint32_t AnswerStatus(void *replyCtx, uint32_t status);
+    friend uintptr_t NumberOf(void *replyCtx);
     friend std::shared_ptr<Request> RequestOf(void *replyCtx);
     friend uint32_t CancelledWhy(void *replyCtx);
     friend uint32_t RemainingMs(void *replyCtx);
-    friend void Explain(const char *reason);
+    friend uint32_t Explain(void *replyCtx, const char *reason);
 
     void SetState(RequestState state);
     bool IsOver() const;
@@ -66,8 +67,9 @@ private:
     std::string Label() const;
     void *Unpack(void *record, const IdlServerCodecTable &codec);
     void Reply(void *response);
-    void Fail(uint32_t status, const std::string &reason = {});
-    void SendReply(std::span<uint8_t> frame);
+    uint32_t AppendExplanation(Bytes &frame) const;
+    void Fail(uint32_t status);
+    void SendReply(std::span<uint8_t> frame, uint32_t explanationSize = 0);
     void SendError(uint32_t status, uint32_t errCode, const std::string &text);
     bool Ends(bool well);
     void StartTimer() TARN_EXCLUDES(timerMutex_);
@@ -83,7 +85,7 @@ private:
     void *record_ = nullptr;                                   // while its wrapper runs
     IdlServerCodecTable wrapperCodec_{};
     bool undecodable_ = false;
-    std::string reason_;       // of a status, from the thread that it runs on
+    std::string reason_;       // of a failure, set as state_ is
     Request *outer_ = nullptr; // of the same thread
     Mutex timerMutex_;
     std::optional<uint64_t> timer_ TARN_GUARDED_BY(timerMutex_); // at the deadline, for what has returned unanswered

@@ -10,6 +10,7 @@
 #include "host/runtime/catalogue.h"
 #include "host/runtime/client.h"
 #include "host/runtime/encode.h"
+#include "host/runtime/outgoing.h"
 #include "platform/osal.h"
 
 uint32_t g_uiMoraModuleId = 20;
@@ -31,31 +32,34 @@ struct InvokerRing {
 
 thread_local InvokerRing ring;
 thread_local std::string lastError;
+thread_local std::string explanation;
 
-void KeepError(const CallOutcome &outcome) {
+// What the thread may ask about a call that has ended.
+void KeepTexts(CallOutcome &&outcome) {
     if (!outcome.Ok()) {
-        lastError = outcome.text;
+        lastError = std::move(outcome.text);
     }
+    explanation = outcome.Ok() ? std::move(outcome.explanation) : "";
 }
 
 // Encodes the request of a proxy's call. False, and the reason, when it can't be sent.
 bool Prepare(const void *invoker, const void *request, const IdlMethodName *name, const IdlCodecTable *codec,
              Bytes &bytes, CallRequest &call, CallOutcome &refused) {
     if (invoker == nullptr || request == nullptr || name == nullptr || codec == nullptr) {
-        refused = {0, EINVAL, "call without invoker, request, method name or codec table", {}};
+        refused = Failure(EINVAL, "call without invoker, request, method name or codec table");
         return false;
     }
     const auto &to = *static_cast<const Invoker *>(invoker);
     const MethodInfo *const method = FindMethod(name->pcService, name->pcMethod);
     if (method == nullptr) {
-        refused = {0, ENOENT, fmt::format("{}.{}: no such method", name->pcService, name->pcMethod), {}};
+        refused = Failure(ENOENT, fmt::format("{}.{}: no such method", name->pcService, name->pcMethod));
         return false;
     }
     const uint32_t error = Encode(*codec, request, 0, Client::Default().GetLimits().messageBytes, bytes);
     if (error != 0) {
         const char *const reason =
             error == EMSGSIZE ? "the request is larger than the limit on messages" : "the request can't be encoded";
-        refused = {0, error, fmt::format("{}.{}: {}", name->pcService, name->pcMethod, reason), {}};
+        refused = Failure(error, fmt::format("{}.{}: {}", name->pcService, name->pcMethod, reason));
         return false;
     }
     call = {to.service, to.pid, method->method, method->requestHash, bytes, to.timeout, {}};
@@ -91,9 +95,9 @@ public:
 
     void End(CallOutcome &&outcome) const {
         Decode(codec_, name_, context_.pRespMsg, outcome);
-        KeepError(outcome);
         const IdlCallResult result{outcome.status, outcome.errCode};
         void *const response = outcome.Ok() ? context_.pRespMsg : nullptr;
+        KeepTexts(std::move(outcome));
         if (context_.pfnCallback != nullptr) {
             context_.pfnCallback(&result, response, context_.pUserData);
         }
@@ -115,6 +119,10 @@ const char *TarnHost_LastError() {
     return host::lastError.c_str();
 }
 
+const char *TarnHost_Explanation() {
+    return host::explanation.c_str();
+}
+
 void *RPC_GetRpcInvoke(IdlServerAddr *pstAddr, void *pInvokeCtx) {
     if (pstAddr == nullptr || pstAddr->pcService == nullptr) {
         return nullptr;
@@ -123,8 +131,9 @@ void *RPC_GetRpcInvoke(IdlServerAddr *pstAddr, void *pInvokeCtx) {
     const host::Invoker invoker = {pstAddr->pcService, context == nullptr ? 0 : context->uiPid,
                                    std::chrono::milliseconds(context == nullptr ? 0 : context->uiTimeout)};
     if (!host::Client::Default().Knows(invoker.service, invoker.pid)) {
-        host::lastError = fmt::format("{}{}: no socket of it in the run directory", invoker.service,
-                                      invoker.pid == 0 ? "" : fmt::format(" of process {}", invoker.pid));
+        const std::string of = invoker.pid == 0 ? "" : fmt::format(" of process {}", invoker.pid);
+        host::KeepTexts(
+            host::Failure(ENOENT, fmt::format("{}{}: no socket of it in the run directory", invoker.service, of)));
         return nullptr;
     }
     host::InvokerRing &ring = host::ring;
@@ -161,8 +170,8 @@ void RPC_IdlMsgSyncCall(IdlCallResult *pstResult, void *pInvoker, const void *pR
         outcome = host::Client::Default().Call(call);
         host::Decode(*pstCodec, *pstMethod, pResp, outcome);
     }
-    host::KeepError(outcome);
     *pstResult = {outcome.status, outcome.errCode};
+    host::KeepTexts(std::move(outcome));
 }
 
 uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx) {
@@ -190,6 +199,7 @@ uint32_t RPC_IdlMsgOnewayCall(void *pInvoker, const void *pReq, const IdlMethodN
     if (host::Prepare(pInvoker, pReq, pstMethod, pstCodec, bytes, call, outcome)) {
         outcome = host::Client::Default().Oneway(call);
     }
-    host::KeepError(outcome);
-    return outcome.errCode;
+    const uint32_t error = outcome.errCode;
+    host::KeepTexts(std::move(outcome));
+    return error;
 }

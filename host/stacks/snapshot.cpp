@@ -9,16 +9,11 @@
 
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <exception>
-#include <mutex>
-#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
-
-#include "host/procfs/procfs.h"
 
 namespace host::stacks {
 
@@ -33,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 // A thread that this one traces. Should it not have stopped, it is let go when this thread ends.
 class Traced {
 public:
-    Traced(uint32_t pid, uint32_t tid) : pid_(pid), tid_(tid) {
+    Traced(const procfs::Procfs &proc, uint32_t pid, uint32_t tid) : proc_(proc), pid_(pid), tid_(tid) {
         if (ptrace(PTRACE_SEIZE, Id(), nullptr, nullptr) != 0) {
             Fail(errno, tid, "may not be looked into");
         }
@@ -78,8 +73,9 @@ private:
         }
     }
 
-    bool IsBlocked() const { return procfs::Procfs().ReadThread(pid_, tid_).state == 'D'; }
+    bool IsBlocked() const { return proc_.ReadThread(pid_, tid_).state == 'D'; }
 
+    const procfs::Procfs &proc_;
     const uint32_t pid_;
     const uint32_t tid_;
     bool stopped_ = false;
@@ -137,36 +133,12 @@ void ReadStack(uint32_t pid, Snapshot &snapshot) {
     snapshot.stack.resize(got < 0 ? 0 : static_cast<size_t>(got));
 }
 
-// The turn to trace a thread, which one tracer at a time can: requests for the same one wait for each other.
-class Turn {
-public:
-    explicit Turn(uint32_t tid) : tid_(tid) {
-        std::unique_lock lock(mutex_);
-        free_.wait(lock, [&] { return traced_.insert(tid_).second; });
-    }
-    ~Turn() {
-        {
-            const std::lock_guard lock(mutex_);
-            traced_.erase(tid_);
-        }
-        free_.notify_all();
-    }
-    Turn(const Turn &) = delete;
-    Turn &operator=(const Turn &) = delete;
-
-private:
-    static inline std::mutex mutex_;
-    static inline std::condition_variable free_;
-    static inline std::set<uint32_t> traced_;
-    const uint32_t tid_;
-};
-
-Snapshot Take(uint32_t pid, uint32_t tid) {
+Snapshot TakeOf(const procfs::Procfs &proc, uint32_t pid, uint32_t tid) {
     Snapshot snapshot;
     snapshot.stack.reserve(kStackBytes);
     Clock::time_point stoppedAt;
     {
-        const Traced thread(pid, tid);
+        const Traced thread(proc, pid, tid);
         stoppedAt = thread.StoppedAt();
         ReadRegisters(thread, snapshot);
         ReadStack(pid, snapshot);
@@ -177,15 +149,37 @@ Snapshot Take(uint32_t pid, uint32_t tid) {
 
 } // namespace
 
-Snapshot TakeSnapshot(uint32_t pid, uint32_t tid) {
+// The turn to trace a thread.
+class Tracer::Turn {
+public:
+    Turn(Tracer &of, uint32_t tid) : of_(of), tid_(tid) {
+        MutexLock lock(of_.mutex_);
+        of_.free_.Wait(lock, [this]() TARN_REQUIRES(of_.mutex_) { return of_.traced_.insert(tid_).second; });
+    }
+    ~Turn() {
+        {
+            const MutexLock lock(of_.mutex_);
+            of_.traced_.erase(tid_);
+        }
+        of_.free_.NotifyAll();
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+private:
+    Tracer &of_;
+    const uint32_t tid_;
+};
+
+Snapshot Tracer::Take(uint32_t pid, uint32_t tid) {
     // By a thread made for this: the kernel lets go of all that a thread traces when it ends, even of what has not
     // stopped yet.
-    const Turn turn(tid);
+    const Turn turn(*this, tid);
     Snapshot snapshot;
     std::exception_ptr failure;
     std::thread tracer([&] {
         try {
-            snapshot = Take(pid, tid);
+            snapshot = TakeOf(proc_, pid, tid);
         } catch (...) {
             failure = std::current_exception();
         }

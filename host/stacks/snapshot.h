@@ -4,7 +4,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <vector>
+
+#include "host/osal/mutex.h"
+#include "host/procfs/procfs.h"
 
 namespace host::stacks {
 
@@ -23,9 +27,27 @@ constexpr std::chrono::milliseconds kBlockedTimeout{200};
 
 constexpr size_t kStackBytes = 256U << 10;
 
-// Throws std::system_error: ESRCH the thread has ended; EPERM it may not be looked into, or a debugger has it;
-// ETIMEDOUT it did not stop; ENOTSUP it runs code of another architecture. The thread runs on in any case: should this
-// process die meanwhile, the kernel lets go of it.
-Snapshot TakeSnapshot(uint32_t pid, uint32_t tid);
+// Takes snapshots. One tracer at a time can have a thread, so a program has one of these.
+class Tracer {
+public:
+    explicit Tracer(const procfs::Procfs &proc) : proc_(proc) {}
+    Tracer(const Tracer &) = delete;
+    Tracer &operator=(const Tracer &) = delete;
+
+    const procfs::Procfs &Proc() const { return proc_; }
+
+    // Requests for the same thread wait for each other. Throws std::system_error: ESRCH the thread has ended; EPERM it
+    // may not be looked into, or a debugger has it; ETIMEDOUT it did not stop; ENOTSUP it runs code of another
+    // architecture. The thread runs on in any case: should this process die meanwhile, the kernel lets go of it.
+    Snapshot Take(uint32_t pid, uint32_t tid);
+
+private:
+    class Turn;
+
+    const procfs::Procfs &proc_;
+    Mutex mutex_;
+    Condition free_;
+    std::set<uint32_t> traced_ TARN_GUARDED_BY(mutex_);
+};
 
 } // namespace host::stacks

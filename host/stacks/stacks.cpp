@@ -46,7 +46,8 @@ std::string Frame::Text() const {
 // Unwinds snapshots: the library asks back for registers and memory.
 class Process::Unwinder {
 public:
-    explicit Unwinder(uint32_t pid) : pid_(static_cast<pid_t>(pid)), dwfl_(dwfl_begin(&kFiles), dwfl_end) {
+    Unwinder(const procfs::Procfs &proc, uint32_t pid)
+        : proc_(proc), pid_(static_cast<pid_t>(pid)), dwfl_(dwfl_begin(&kFiles), dwfl_end) {
         if (dwfl_ == nullptr) {
             throw std::bad_alloc();
         }
@@ -88,7 +89,7 @@ private:
             error = EPERM;
         } else if (error == ENOENT || error == ESRCH) {
             // A thread of the kernel is there, but has nothing mapped.
-            error = host::procfs::Procfs().ReadProcess(static_cast<uint32_t>(pid_)).HasEnded() ? ESRCH : ENOTSUP;
+            error = proc_.ReadProcess(static_cast<uint32_t>(pid_)).HasEnded() ? ESRCH : ENOTSUP;
         }
         throw std::system_error(error > 0 ? error : EIO, std::generic_category(),
                                 "the program and libraries of process " + std::to_string(pid_));
@@ -171,6 +172,7 @@ private:
     static constexpr Dwfl_Callbacks kFiles{dwfl_linux_proc_find_elf, dwfl_build_id_find_debuginfo, nullptr, nullptr};
     static constexpr Dwfl_Thread_Callbacks kThreads{NextThread, GetThread, ReadMemory, SetRegisters, nullptr, nullptr};
 
+    const procfs::Procfs &proc_;
     const pid_t pid_;
     std::unique_ptr<FILE, int (*)(FILE *)> program_{nullptr, fclose};
     std::unique_ptr<Elf, int (*)(Elf *)> elf_{nullptr, elf_end};
@@ -179,12 +181,13 @@ private:
     std::vector<Frame> frames_;
 };
 
-Process::Process(uint32_t pid) : pid_(pid), unwinder_(std::make_unique<Unwinder>(pid)) {}
+Process::Process(Tracer &tracer, uint32_t pid)
+    : tracer_(tracer), pid_(pid), unwinder_(std::make_unique<Unwinder>(tracer.Proc(), pid)) {}
 
 Process::~Process() = default;
 
 Stack Process::Read(uint32_t tid) {
-    const Snapshot snapshot = TakeSnapshot(pid_, tid);
+    const Snapshot snapshot = tracer_.Take(pid_, tid);
     return {unwinder_->Unwind(snapshot), snapshot.stopped};
 }
 

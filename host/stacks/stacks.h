@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "host/stacks/snapshot.h"
+
 namespace host::stacks {
 
 constexpr size_t kMaxFrames = 32;
@@ -29,17 +31,19 @@ struct Stack {
 // The process whose stacks are read, with its program and libraries as they are when it is made. For one thread.
 class Process {
 public:
-    // Throws std::system_error: ESRCH; EPERM for a process that may not be looked into; ENOTSUP for the kernel's own.
-    explicit Process(uint32_t pid);
+    // The tracer outlives it. Throws std::system_error: ESRCH; EPERM for a process that may not be looked into; ENOTSUP
+    // for the kernel's own.
+    Process(Tracer &tracer, uint32_t pid);
     ~Process();
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    // Throws what TakeSnapshot does.
+    // Throws what Tracer::Take does.
     Stack Read(uint32_t tid);
 
 private:
     class Unwinder;
+    Tracer &tracer_;
     const uint32_t pid_;
     const std::unique_ptr<Unwinder> unwinder_;
 };

@@ -508,6 +508,11 @@ TEST_F(RelayedMemoryTest, TellsALeakAndADamage) {
     Command("damage");
     EXPECT_EQ(
         Call<Tarn_sys_diag_MemDmgScanOut>("SetMemDmgScanTarnd", Tarn_sys_diag_MemDmgScanInTarnd{2, pid_})->uiResult, 0);
+    const auto refused =
+        Call<Tarn_sys_diag_MemDmgScanOut>("SetMemDmgScanTarnd", Tarn_sys_diag_MemDmgScanInTarnd{9, pid_});
+    EXPECT_EQ(refused->uiResult, EINVAL);
+    EXPECT_NE(refused.Explanation().find("is 9, expected"), std::string::npos)
+        << "in the agent's words: " << refused.Explanation();
     const auto damage =
         Call<Tarn_sys_diag_MemDmgInfoOut>("GetMemDmgInfoTarnd", Tarn_sys_diag_MemDmgInfoInTarnd{0, pid_});
     EXPECT_EQ(damage->uiValue1, 1);

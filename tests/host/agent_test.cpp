@@ -182,6 +182,7 @@ TEST_F(AgentTest, ServesThroughTheDaemon) {
     const auto answer = get();
     ASSERT_EQ(answer.Status(), 0) << answer.Text();
     EXPECT_EQ(answer->uiValue, 1);
+    EXPECT_EQ(answer.Explanation(), "");
     EXPECT_EQ(std::string(answer->szText).rfind("counter ", 0), 0) << answer->szText;
     EXPECT_EQ(Get(pid).text, answer->szText) << "the same from the agent itself";
 
@@ -189,6 +190,13 @@ TEST_F(AgentTest, ServesThroughTheDaemon) {
                                 Tarn_sys_diag_DbgCmdCleanByTarndInput{pid}),
               0);
     EXPECT_TRUE(kit::Eventually([&] { return get()->uiResult == ENODATA; }));
+    EXPECT_EQ(get().Explanation(), "no command has been taken");
+    line = "nonsense";
+    EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "DBGCmdExecShowByTarnd",
+                                Tarn_sys_diag_DbgCmdShowByTarndInput{line.data(), pid}),
+              0);
+    EXPECT_TRUE(kit::Eventually([&] { return get()->uiResult == ENOENT; }));
+    EXPECT_EQ(get().Explanation(), "command 2 ended with it");
     EXPECT_EQ(agent->Stop(), 0);
     EXPECT_EQ(get().Status(), ESRCH) << "the agent has gone";
 

@@ -291,6 +291,67 @@ TEST_F(AgentsTest, AnswerWhatTheyAreAskedThroughTheDaemon) {
     EXPECT_EQ(ask(0, 9), EINVAL);
 }
 
+TEST_F(AgentsTest, AreHandedEachMemberOfARequest) {
+    peers.agents = {kPid};
+    std::vector<uint32_t> handed;
+    peers.On(TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), [&](uint32_t, const auto &request, auto &) {
+        handed = {request.uiPtParam1, request.uiPtParam2, request.uiPtParam3, request.uiPtParam4, request.uiPtParam5};
+        return IdlCallResult{0, 0};
+    });
+    Tarn_sys_diag_ProcPtRecodByTarndInput records{};
+    records.uiTargetPid = kPid;
+    records.uiPtParam1 = 1;
+    records.uiPtParam2 = 2;
+    records.uiPtParam3 = 3;
+    records.uiPtParam4 = 4;
+    records.uiPtParam5 = 5;
+    kit::CallMethod<Tarn_sys_diag_ProcPtRecodResult>(GetProcPartitionMemHandleRecodByTarnd, records);
+    EXPECT_EQ(handed, (std::vector<uint32_t>{1, 2, 3, 4, 5}));
+
+    peers.On(TARND_AGENT_METHOD(MemDiag_ma), [&](uint32_t, const auto &request, auto &) {
+        handed = {request.uiMemCmd, request.uiMemDataLen, request.pucMemData[1]};
+        return IdlCallResult{0, 0};
+    });
+    uint8_t data[] = {8, 9};
+    Tarn_sys_diag_mem_RPCIN_input command{};
+    command.uiTargetPid = kPid;
+    command.uiMemCmd = 7;
+    command.uiMemDataLen = 2;
+    command.pucMemData = data;
+    kit::CallMethod<Tarn_sys_diag_mem_PRCOUT>(MemDiagMaByTarnd, command);
+    EXPECT_EQ(handed, (std::vector<uint32_t>{7, 2, 9}));
+}
+
+TEST_F(AgentsTest, ExplainTheirResultsThroughTheDaemon) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(SetMemDmgScan), [](uint32_t, const auto &, auto &reply) {
+        reply.uiResult = EINVAL;
+        return IdlCallResult{0, 0};
+    });
+    peers.explanation = "the switch is 9, expected 0 to 2";
+    const auto answer =
+        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{9, kPid});
+    EXPECT_EQ(answer->uiResult, EINVAL);
+    EXPECT_EQ(answer.Reason(), "the switch is 9, expected 0 to 2");
+}
+
+TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {
+    peers.agents = {kPid};
+    peers.On(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), [](uint32_t, const auto &, auto &reply) {
+        reply.uiResult = EBUSY;
+        return IdlCallResult{0, 0};
+    });
+    const auto reason = [] {
+        const auto answer = kit::CallMethod<Tarn_sys_diag_AppMemInfoOutput>(
+            AppMemInfo, Tarn_sys_diag_AppMemInfoInput{kPid, TARN_AGENT_APP_MEM_UNITS});
+        EXPECT_EQ(answer.Status(), EBUSY);
+        return answer.Reason();
+    };
+    EXPECT_EQ(reason(), "the agent of process 5000000") << "of one that explains nothing";
+    peers.explanation = "its heap is being walked";
+    EXPECT_EQ(reason(), "the agent of process 5000000: its heap is being walked");
+}
+
 uint32_t RelayTimeoutOf(uint32_t remainingMs) {
     kit::ReplyContext request;
     request.remainingMs = remainingMs;

@@ -293,6 +293,7 @@ uint32_t Online(void *request, void *replyCtx, IdlServerCodecTable *codec) {
 uint32_t Fail(void *request, void *replyCtx, IdlServerCodecTable *codec) {
     const auto record = Take<Tarn_sys_diag_SetDstInput>(request, codec, kPackResult);
     Tarn_sys_diag_Result reply{22};
+    TarnHost_Explain("begins-at is 1900 ‰,\nexpected 0 to 1000");
     return record ? TarnHost_Reply(replyCtx, &reply) : 12;
 }
 
@@ -447,15 +448,18 @@ TEST_F(CtlCall, WithoutStandardStreamsWritesNowhere) {
     }
 }
 
-TEST_F(CtlCall, TellsAResultThatIsAFailure) {
+TEST_F(CtlCall, TellsAResultThatIsAFailureAndWhy) {
+    const std::string told =
+        "TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument): begins-at is 1900 ‰,?expected "
+        "0 to 1000";
     EXPECT_EQ(Run("call SetDst"), 5);
     EXPECT_EQ(out_, "uiResult  22 (Invalid argument)\n");
-    EXPECT_EQ(error_, "tarnctl: TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n");
+    EXPECT_EQ(error_, "tarnctl: " + told + "\n");
     EXPECT_EQ(Run("call SetDst --json"), 5);
     EXPECT_EQ(Json::parse(out_), (Json{{"uiResult", 22}}));
-    EXPECT_EQ(error_, "tarnctl: TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n");
+    EXPECT_EQ(error_, "tarnctl: " + told + "\n");
     EXPECT_EQ(Run("call SetDst --repeat 2"), 5);
-    EXPECT_NE(out_.find("2 x TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument)\n"), std::string::npos);
+    EXPECT_NE(out_.find("2 x " + told + "\n"), std::string::npos) << out_;
 }
 
 TEST_F(CtlCall, AnInterruptEndsASeriesThatIsShownAllTheSame) {

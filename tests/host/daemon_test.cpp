@@ -153,6 +153,19 @@ TEST_F(DaemonTest, TakesSubscriptions) {
     EXPECT_EQ(subscribe(static_cast<uint32_t>(getpid()), 1), EINVAL);
 }
 
+TEST_F(DaemonTest, TellsItsCallerWhyAResultIsAFailure) {
+    const auto answer =
+        Call<Tarn_sys_diag_OperResult>("SysOvLoadCpuThresholdSet", Tarn_sys_diag_SysOvLoadCpuThreshold{1900, 0, 0});
+    EXPECT_EQ(answer.Status(), 0) << answer.Text();
+    EXPECT_EQ(answer->uiResult, EINVAL);
+    EXPECT_NE(answer.Explanation().find("1900, expected "), std::string::npos) << answer.Explanation();
+    kit::Process ctl(dir_.Path(),
+                     {TARNCTL, "--run-dir", dir_.Path(), "call", "SysOvLoadCpuThresholdSet", R"({"uiValue1": 1900})"});
+    EXPECT_EQ(ctl.Wait(), 5);
+    EXPECT_EQ(ctl.Err(), "tarnctl: TarnSysdiagTarnd.SysOvLoadCpuThresholdSet: uiResult is 22 (Invalid argument): " +
+                             answer.Explanation() + "\n");
+}
+
 TEST_F(DaemonTest, IsThereForWhoAsks) {
     EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagTarnd", 0, "DetectTarndServerOnline", Tarn_sys_diag_None{}), 0);
     EXPECT_TRUE(Logged("a peer is there"));

@@ -42,6 +42,7 @@ public:
     bool HasAgent(uint32_t pid) override { return agents.count(pid) != 0; }
     bool HasProcess(uint32_t pid) override { return ended.count(pid) == 0; }
     std::string LastError() override { return lastError; }
+    std::string Explanation() override { return explanation; }
 
     // Methods that a test says nothing of answer with nothing.
     IdlCallResult Call(const tarnd::PeerCall &call) override {
@@ -58,6 +59,7 @@ public:
     std::set<uint32_t> agents; // that have a socket
     std::set<uint32_t> ended;  // processes
     std::string lastError = "as the test says";
+    std::string explanation; // of every reply
 
 private:
     std::map<void (*)(), std::function<IdlCallResult(const tarnd::PeerCall &)>> answers_;

@@ -183,8 +183,10 @@ TEST_F(HealthPartsTest, LooksAtWhatIsSwitchedOn) {
     EXPECT_EQ(Get()->uiValue2, 0);
     EXPECT_EQ(SwitchAll(1), 0);
     EXPECT_EQ(Find("load").level, 99) << "it is off by itself";
+    EXPECT_EQ(Switch(5, 1), 0);
     EXPECT_EQ(Switch(0, 0), 0);
     EXPECT_TRUE(Items().empty());
+    EXPECT_FALSE(daemon->healthSettings.IsOn(5)) << "an agent's";
     EXPECT_EQ(Switch(0, 1), 0);
     EXPECT_NE(Find("load").level, 99);
 }
@@ -289,6 +291,14 @@ TEST_F(ResourceLevelsTest, AreToldAtTheStartToWhomeverAsked) {
                             {kOther, TARN_AGENT_RESOURCE_DESCRIPTORS, 0, 100}}));
     Pass(1s, 10);
     EXPECT_EQ(Take(), Told{}) << "nothing has changed";
+}
+
+TEST_F(ResourceLevelsTest, AreToldWhenTheyAreKnownToWhoeverAskedBefore) {
+    Restart();
+    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Take(), Told{});
+    Pass(1s);
+    EXPECT_EQ(Take(), OfMemory(0, 400));
 }
 
 TEST_F(ResourceLevelsTest, ChangeAtTheLimitAndBelowItWithHysteresis) {

@@ -98,6 +98,7 @@ public:
 
     uint32_t Status() const { return outcome_.errCode != 0 ? 1000 + outcome_.errCode : outcome_.status; }
     const std::string &Text() const { return outcome_.text; }
+    const std::string &Explanation() const { return outcome_.explanation; }
     const Response *operator->() const { return &record_; }
 
 private:

@@ -183,6 +183,19 @@ TEST_F(MasterLinkTest, TellsTheMasterWhatClientsChange) {
     EXPECT_EQ(greetings_, 1);
 }
 
+TEST_F(MasterLinkTest, TellsItAlsoWhatChangesMeanwhile) {
+    peers.On(TarnSysdiagMaster_MemChangeInnerConfig, [this](uint32_t, const auto &request, auto &) {
+        told_.emplace_back(request.uiValue1, request.uiValue2);
+        if (told_.size() == 1) {
+            EXPECT_EQ(SetMemory(600, 550), 0);
+        }
+        return IdlCallResult{0, 0};
+    });
+    EXPECT_EQ(SetMemory(700, 650), 0);
+    RunDue();
+    EXPECT_EQ(told_, (std::vector{std::pair(700U, 650U), std::pair(600U, 550U)}));
+}
+
 TEST_F(MasterLinkTest, TellsItWhenItIsThereBeforeItFetches) {
     unreachable_ = ECONNREFUSED;
     EXPECT_EQ(SetMemory(700, 650), 0);

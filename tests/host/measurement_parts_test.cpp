@@ -58,6 +58,7 @@ protected:
         const auto answer =
             kit::CallMethod<Tarn_sys_diag_Result>(TarnSetDimOpration, Tarn_sys_diag_DimSetIn{operation}, cancelled);
         answer.Wait();
+        EXPECT_EQ(answer->uiResult != 0, answer.Reason() != "") << answer.Reason();
         return answer->uiResult;
     }
     auto Result() { return kit::CallMethod<Tarn_sys_diag_DimMeasRst>(TarnGetDimMeasRstByTarnd, Tarn_sys_diag_None{}); }
@@ -346,13 +347,14 @@ protected:
     // Asks for a measurement whose answer goes to the list.
     bool Ask(
         uint32_t operation, Answers &answers, std::function<uint32_t()> unwanted = [] { return 0U; }) {
-        return daemon->measurement.Operate(operation, {std::move(unwanted), [this, &answers](uint32_t error) {
-                                                           {
-                                                               const std::lock_guard lock(mutex_);
-                                                               answers.push_back(error);
-                                                           }
-                                                           answered_.notify_all();
-                                                       }});
+        return daemon->measurement.Operate(operation,
+                                           {std::move(unwanted), [this, &answers](const host::Failure &failure) {
+                                                {
+                                                    const std::lock_guard lock(mutex_);
+                                                    answers.push_back(failure.error);
+                                                }
+                                                answered_.notify_all();
+                                            }});
     }
     // The first, which holds the pass.
     void Hold(Answers &answers) {

@@ -221,6 +221,11 @@ TEST_F(MessageRulesTest, AreBroughtToTheAgentsThatTheyAreFor) {
     EXPECT_EQ(Set(MakeRule(1, 2, TARN_AGENT_RULE_DROP, "a*")), 0);
     RunDue();
     EXPECT_EQ(keepers_.updates, 5);
+    Rule forGood = ofFirst;
+    forGood.uiValue8 = 0;
+    EXPECT_EQ(Set(forGood), 0);
+    RunDue();
+    EXPECT_EQ(keepers_.rules[kPid].at(2).uiValue8, 0) << "it had an end";
     EXPECT_EQ(Clear(), 0);
     RunDue();
     EXPECT_TRUE(keepers_.rules[kPid].empty());

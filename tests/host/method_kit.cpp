@@ -50,11 +50,18 @@ uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus) {
     return pReplyCtx == nullptr || uiStatus == 0 ? EINVAL : Take(pReplyCtx, nullptr, uiStatus);
 }
 
-void TarnHost_Explain(const char *pcReason) {
-    if (running != nullptr) {
-        const std::lock_guard lock(running->mutex);
-        running->reason = pcReason;
+uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason) {
+    kit::ReplyContext *const context = ContextOf(pReplyCtx);
+    if (context == nullptr) {
+        return EINVAL;
     }
+    const std::lock_guard lock(context->mutex);
+    context->reason = pcReason;
+    return 0;
+}
+
+void TarnHost_Explain(const char *pcReason) {
+    TarnHost_ExplainReply(nullptr, pcReason);
 }
 
 uint32_t TarnHost_Cancelled(void *pReplyCtx) {

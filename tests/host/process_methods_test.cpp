@@ -95,7 +95,7 @@ TEST_F(ProcessMethodsTest, DescribeTheProcessesOfTheTable) {
         task.systemTicks = 12;
     });
     proc.SetUser(kPid, 17, 18);
-    proc.Write(fmt::format("{}/cmdline", kPid), std::string("/bin/worker\0a\nb\0", 16));
+    proc.Write(fmt::format("{}/cmdline", kPid), std::string("/bin/worker\0a\nb\x7F\0", 17));
     EXPECT_EQ(Table().Status(), ENODATA);
     EXPECT_EQ(Build(4), EINVAL);
     EXPECT_EQ(Table().Status(), ENODATA);
@@ -112,7 +112,7 @@ TEST_F(ProcessMethodsTest, DescribeTheProcessesOfTheTable) {
     EXPECT_EQ(row.uiRss, 1200);
     EXPECT_EQ(row.ullStartTime, 2500);
     EXPECT_EQ(row.ullCpuTime, 420);
-    EXPECT_EQ(std::string(row.pcCmdLine), "/bin/worker a?b");
+    EXPECT_EQ(std::string(row.pcCmdLine), "/bin/worker a?b?");
 }
 
 TEST_F(ProcessMethodsTest, KeepTheTableAsItWasBuilt) {
@@ -133,8 +133,10 @@ TEST_F(ProcessMethodsTest, LeaveTheKernelOutOfTheTable) {
     ASSERT_EQ(Build(0), 0);
     EXPECT_EQ(TableIds(), (std::vector<uint32_t>{0, 1}));
     EXPECT_EQ(Table()->pstProc[1].pcCmdLine, nullptr);
-    ASSERT_EQ(Build(1), 0);
-    EXPECT_EQ(TableIds(), std::vector<uint32_t>{0});
+    for (const uint8_t flags : {uint8_t{1}, uint8_t{3}}) {
+        ASSERT_EQ(Build(flags), 0);
+        EXPECT_EQ(TableIds(), std::vector<uint32_t>{0});
+    }
 }
 
 TEST_F(ProcessMethodsTest, PutParentsBeforeTheirChildren) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 
 #include "host/runtime/protocol.h"
 
@@ -22,7 +23,7 @@ FrameHeader SomeHeader() {
     header.id = 0x0102030405060708;
     header.typeHash = 0xAC85A4AF;
     header.deadlineMs = 5000;
-    header.status = 38;
+    header.takes = 38;
     header.errCode = 110;
     strcpy(header.service, "TarnSysdiagTarnd");
     strcpy(header.method, "PidIsOnline");
@@ -36,6 +37,8 @@ void ExpectSame(const Frame &frame, const FrameHeader &header, std::span<const u
     EXPECT_EQ(frame.header.id, header.id);
     EXPECT_EQ(frame.header.typeHash, header.typeHash);
     EXPECT_EQ(frame.header.deadlineMs, header.deadlineMs);
+    EXPECT_EQ(frame.header.explanationSize, header.explanationSize);
+    EXPECT_EQ(frame.header.takes, header.takes);
     EXPECT_EQ(frame.header.status, header.status);
     EXPECT_EQ(frame.header.errCode, header.errCode);
     EXPECT_STREQ(frame.header.service, header.service);
@@ -53,7 +56,7 @@ TEST(Protocol, HeaderIsAsDocumented) {
         0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01, // call id
         0xAF, 0xA4, 0x85, 0xAC,                         // type hash
         0x88, 0x13, 0,    0,                            // 5000 ms
-        38,   0,    0,    0,                            // status
+        38,   0,    0,    0,                            // what it takes
         110,  0,    0,    0,                            // error
         7,    0,    0,    0,                            // length
         0,    0,    0,    0,                            // reserved
@@ -62,6 +65,40 @@ TEST(Protocol, HeaderIsAsDocumented) {
     EXPECT_STREQ(reinterpret_cast<const char *>(&bytes[40]), "TarnSysdiagTarnd");
     EXPECT_STREQ(reinterpret_cast<const char *>(&bytes[72]), "PidIsOnline");
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 136, bytes.end()), kPayload);
+}
+
+// Of a header with something in every field.
+FrameHeader ReadBack(FrameKind kind, uint32_t &at20, uint32_t &at24) {
+    FrameHeader header;
+    header.kind = kind;
+    header.deadlineMs = 1;
+    header.explanationSize = 2;
+    header.takes = 3;
+    header.status = 4;
+    const std::vector<uint8_t> bytes = host::MakeFrame(header, {});
+    memcpy(&at20, &bytes[20], sizeof at20);
+    memcpy(&at24, &bytes[24], sizeof at24);
+    FrameParser parser(kLimit);
+    parser.Feed(bytes);
+    return parser.Take().header;
+}
+
+TEST(Protocol, AKindsOwnFieldsTravelAndNoOthers) {
+    uint32_t at20, at24;
+    const FrameHeader request = ReadBack(FrameKind::kRequest, at20, at24);
+    EXPECT_EQ(at20, request.deadlineMs);
+    EXPECT_EQ(at24, request.takes);
+    EXPECT_EQ(std::tuple(request.deadlineMs, request.explanationSize, request.takes, request.status),
+              std::tuple(1, 0, 3, 0));
+    const FrameHeader reply = ReadBack(FrameKind::kReply, at20, at24);
+    EXPECT_EQ(at20, reply.explanationSize);
+    EXPECT_EQ(at24, reply.status);
+    EXPECT_EQ(std::tuple(reply.deadlineMs, reply.explanationSize, reply.takes, reply.status), std::tuple(0, 2, 0, 4));
+    for (const FrameKind kind : {FrameKind::kOneway, FrameKind::kError, FrameKind::kCancel}) {
+        const FrameHeader other = ReadBack(kind, at20, at24);
+        EXPECT_EQ(std::tuple(other.deadlineMs, other.explanationSize, other.takes, other.status),
+                  std::tuple(1, 0, 0, 4));
+    }
 }
 
 TEST(Protocol, FramesArriveInAnyPieces) {
@@ -154,6 +191,21 @@ TEST(Protocol, ErrorTextIsFitToBeShown) {
     const std::vector<uint8_t> hostile = {'a', 0x1B, '[', '2', 'J', '\n', 0x7F, 0};
     EXPECT_EQ(host::ErrorText(hostile), "a?[2J???");
     EXPECT_EQ(host::ErrorText(std::vector<uint8_t>(100000, 'x')).size(), 1024U);
+}
+
+TEST(Protocol, ErrorTextIsNotCutWithinACharacter) {
+    for (const std::string character : {"x", "é", "‰", "𝄞"}) {
+        for (size_t before = 0; before < 4; ++before) {
+            std::string text(1024 - before, 'x');
+            while (text.size() < 1030) {
+                text += character;
+            }
+            const std::string shown = host::ErrorText({reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+            const size_t room = before / character.size() * character.size();
+            EXPECT_EQ(shown, text.substr(0, 1024 - before + room)) << character << " " << before;
+        }
+    }
+    EXPECT_EQ(host::ErrorText(std::vector<uint8_t>(2000, 0x80)).size(), 1021U) << "no text at all";
 }
 
 } // namespace

@@ -103,7 +103,7 @@ protected:
         if (outcome.status != 0) {
             EXPECT_NE(outcome.text.find("): "), std::string::npos) << "no reason: " << outcome.text;
         } else if (outcome.errCode == 0) {
-            ExpectResult(*method.response, outcome.bytes);
+            ExpectResult(*method.response, outcome);
         }
     }
     // Those of what nobody thought of, or did.
@@ -112,13 +112,16 @@ protected:
         EXPECT_NE(status, EIO);
         EXPECT_LT(status, 134) << "no errno value";
     }
-    static void ExpectResult(const Type &type, std::span<const uint8_t> reply) {
-        const auto record = host::describe::Decode(type, reply);
+    static void ExpectResult(const Type &type, const host::CallOutcome &outcome) {
+        const auto record = host::describe::Decode(type, outcome.bytes);
         ASSERT_TRUE(record);
         const Json json = host::describe::ToJson(*record);
         for (const char *const result : {"uiResult", "uiTaskResult"}) {
             if (json.contains(result)) {
-                ExpectExpected(json[result].get<uint32_t>());
+                const auto failure = json[result].get<uint32_t>();
+                ExpectExpected(failure);
+                EXPECT_EQ(failure != 0, !outcome.explanation.empty())
+                    << type.name << ": " << failure << ": " << outcome.explanation;
             }
         }
     }

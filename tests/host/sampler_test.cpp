@@ -122,6 +122,26 @@ TEST_F(SamplerTest, CallsItsHooksInOrderAndOutlivesWhatTheyThrow) {
     EXPECT_EQ(calls[2].second, sampler.Latest());
 }
 
+TEST_F(SamplerTest, TellsWhatTheLongestSampleTook) {
+    struct Slow : tarnd::SampleSource {
+        explicit Slow(kit::ManualClocks &of) : time(of) {}
+        tarnd::Sample Read(const tarnd::Sample *) override {
+            time.Advance(takes);
+            return {};
+        }
+        kit::ManualClocks &time;
+        std::chrono::milliseconds takes{10};
+    } slow(clocks);
+    Sampler ofSlow(slow, clocks);
+    EXPECT_EQ(ofSlow.TheCost().longest, 10ms);
+    slow.takes = 30ms;
+    ofSlow.Take();
+    slow.takes = 20ms;
+    ofSlow.Take();
+    EXPECT_EQ(ofSlow.TheCost().longest, 30ms);
+    EXPECT_EQ(ofSlow.TheCost().samples, 3);
+}
+
 TEST_F(SamplerTest, KeepsWhatItHasWhereASampleCanNotBeTaken) {
     Pass(1s);
     const tarnd::SamplePtr latest = sampler.Latest();

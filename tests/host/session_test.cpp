@@ -12,7 +12,9 @@ TARN_UNIT()
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <map>
 #include <set>
+#include <thread>
 
 #include "host/osal/log.h"
 #include "host/runtime/reply.h"
@@ -311,6 +313,138 @@ TEST_F(SessionTest, AnAnswerRepeatsTheCallsNumberAndType) {
     EXPECT_EQ(error.header.status, 3U);
     EXPECT_EQ(error.header.errCode, 0U);
     EXPECT_EQ(host::ErrorText(error.payload), "TarnSysdiagTarnd.PidIsOnline: status 3 (No such process): it is out");
+}
+
+// --- Explanations
+
+constexpr char kReason[] = "begins-at is 1900 ‰, expected 0 to 1000";
+
+// A request of PidIsOnline as its bytes, with another word at 24.
+std::vector<uint8_t> RequestThatTakes(uint32_t what, uint64_t id = 1) {
+    std::vector<uint8_t> request = OnlineRequest(id);
+    request[24] = static_cast<uint8_t>(what);
+    return request;
+}
+
+std::string_view TextOf(std::span<const uint8_t> bytes) {
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
+
+TEST_F(SessionTest, AReplyIsExplainedToWhoTakesIt) {
+    Serve();
+    const Client client = Connect();
+    client.Say(RequestThatTakes(1));
+    const host::Frame plain = client.peer.Read(1).at(0);
+    EXPECT_EQ(plain.header.explanationSize, 0U) << "where the method says nothing";
+    served::On("PidIsOnline", [](const void *, void *replyCtx) {
+        TarnHost_Explain("not this");
+        TarnHost_Explain(kReason);
+        return AnswerOnline(replyCtx);
+    });
+    for (const uint32_t takes : {1U, 3U}) { // what else a newer peer may take
+        client.Say(RequestThatTakes(takes));
+        const host::Frame explained = client.peer.Read(1).at(0);
+        EXPECT_EQ(explained.header.kind, FrameKind::kReply);
+        ASSERT_EQ(explained.header.explanationSize, strlen(kReason));
+        const size_t message = explained.payload.size() - strlen(kReason);
+        EXPECT_EQ(TextOf(explained.payload).substr(0, message), TextOf(plain.payload));
+        EXPECT_EQ(TextOf(explained.payload).substr(message), kReason);
+    }
+    for (const uint32_t takes : {0U, 2U}) { // 0: a client that knows of no explanations
+        client.Say(RequestThatTakes(takes));
+        const host::Frame frame = client.peer.Read(1).at(0);
+        EXPECT_EQ(frame.header.explanationSize, 0U);
+        EXPECT_EQ(TextOf(frame.payload), TextOf(plain.payload));
+    }
+}
+
+TEST_F(SessionTest, AnErrorsReasonIsInItsTextAlone) {
+    Serve();
+    served::On("PidIsOnline", [](const void *, void *) {
+        TarnHost_Explain(kReason);
+        return 22U;
+    });
+    const Client client = Connect();
+    client.Say(RequestThatTakes(1));
+    const host::Frame error = client.peer.Read(1).at(0);
+    EXPECT_EQ(error.header.kind, FrameKind::kError);
+    EXPECT_EQ(error.header.status, 22U);
+    EXPECT_EQ(error.header.deadlineMs, 0U);
+    EXPECT_TRUE(TextOf(error.payload).ends_with(kReason)) << TextOf(error.payload);
+}
+
+TEST_F(SessionTest, AnAnswerThatComesLaterIsExplainedByItsContext) {
+    Serve();
+    std::vector<void *> contexts;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        contexts.push_back(replyCtx);
+        return 0U;
+    });
+    const Client client = Connect();
+    client.Say(RequestThatTakes(1, 1));
+    client.Say(RequestThatTakes(1, 2));
+    client.Say(RequestThatTakes(1, 3));
+    ASSERT_EQ(contexts.size(), 3U);
+    std::thread([&] {
+        TarnHost_Explain("of no request that runs on this thread");
+        EXPECT_EQ(TarnHost_ExplainReply(nullptr, kReason), uint32_t{EINVAL});
+        EXPECT_EQ(TarnHost_ExplainReply(contexts[0], nullptr), uint32_t{EINVAL});
+        EXPECT_EQ(TarnHost_ExplainReply(contexts[0], kReason), 0U);
+        EXPECT_EQ(AnswerOnline(contexts[0]), 0U);
+        EXPECT_EQ(TarnHost_ExplainReply(contexts[0], kReason), uint32_t{EALREADY});
+        EXPECT_EQ(AnswerOnline(contexts[1]), 0U);
+        EXPECT_EQ(TarnHost_ExplainReply(contexts[2], kReason), 0U);
+        EXPECT_EQ(TarnHost_ReplyStatus(contexts[2], 22), 0U);
+    }).join();
+    std::map<uint64_t, host::Frame> answers;
+    for (host::Frame &frame : client.peer.Read(3)) {
+        answers[frame.header.id] = std::move(frame);
+    }
+    EXPECT_TRUE(TextOf(answers[1].payload).ends_with(kReason));
+    EXPECT_EQ(answers[1].header.explanationSize, strlen(kReason));
+    EXPECT_EQ(answers[2].header.explanationSize, 0U) << "another request's";
+    EXPECT_EQ(answers[3].header.kind, FrameKind::kError);
+    EXPECT_TRUE(TextOf(answers[3].payload).ends_with(kReason));
+}
+
+TEST_F(SessionTest, AnExplanationIsFitToBeShown) {
+    served::On("PidIsOnline", [](const void *, void *replyCtx) {
+        TarnHost_Explain(("line\n" + std::string(5000, 'x')).c_str());
+        return AnswerOnline(replyCtx);
+    });
+    Serve();
+    const Client client = Connect();
+    client.Say(RequestThatTakes(1));
+    const host::Frame reply = client.peer.Read(1).at(0);
+    EXPECT_EQ(reply.header.explanationSize, 1024U);
+    EXPECT_NE(TextOf(reply.payload).find("line?xxx"), std::string_view::npos);
+}
+
+class FullMessageTest : public SessionTest {
+protected:
+    // What the explanation of a reply has, where the server's messages have at most so many bytes more than this one's.
+    uint32_t ExplanationSize(uint32_t roomLeft) {
+        served::On("PidIsOnline", [](const void *, void *replyCtx) {
+            TarnHost_Explain(kReason);
+            return AnswerOnline(replyCtx);
+        });
+        const uint32_t message = velto::Codec<Unit, Tarn_sys_diag_PidIsOnlineOuput>::kFixedSize();
+        Serve({.messageBytes = message + roomLeft});
+        const Client client = Connect();
+        client.Say(RequestThatTakes(1));
+        const host::Frame reply = client.peer.Read(1).at(0);
+        EXPECT_EQ(reply.header.kind, FrameKind::kReply);
+        EXPECT_EQ(reply.payload.size(), message + reply.header.explanationSize);
+        return reply.header.explanationSize;
+    }
+};
+
+TEST_F(FullMessageTest, LeavesRoomForItsExplanation) {
+    EXPECT_EQ(ExplanationSize(sizeof kReason - 1), sizeof kReason - 1);
+}
+
+TEST_F(FullMessageTest, GoesWithoutItsExplanationWhereThereIsNoRoom) {
+    EXPECT_EQ(ExplanationSize(sizeof kReason - 2), 0U);
 }
 
 // --- Deadlines

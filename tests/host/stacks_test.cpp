@@ -10,21 +10,14 @@ TARN_UNIT()
 #include "host/procfs/procfs.h"
 #include "host/stacks/stacks.h"
 #include "tests/host/daemon_kit.h"
+#include "tests/host/error_of.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using kit::EndedPid;
+using kit::ErrorOf;
 using kit::Subject;
-
-int ErrorOf(const std::function<void()> &action) {
-    try {
-        action();
-    } catch (const std::system_error &error) {
-        return error.code().value();
-    }
-    return 0;
-}
 
 size_t CountFunction(const host::stacks::Stack &stack, const std::string &name) {
     return static_cast<size_t>(
@@ -48,10 +41,12 @@ protected:
 
     const kit::TempDir dir_;
     const Subject subject_{dir_};
+    const host::procfs::Procfs proc_;
+    host::stacks::Tracer tracer_{proc_};
 };
 
 TEST_F(StacksTest, NamesTheFunctions) {
-    host::stacks::Process process(subject_.Pid());
+    host::stacks::Process process(tracer_, subject_.Pid());
     const host::stacks::Stack burner = process.Read(subject_.tids.at("burner"));
     ASSERT_GE(burner.frames.size(), 3);
     EXPECT_NE(burner.frames[0].function.find("BurnCpu(unsigned int volatile&)"), std::string::npos)
@@ -70,7 +65,7 @@ TEST_F(StacksTest, NamesTheFunctions) {
 
 TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {
     ASSERT_TRUE(Sleeps());
-    host::stacks::Process process(subject_.Pid());
+    host::stacks::Process process(tracer_, subject_.Pid());
     for (int i = 0; i < 50; ++i) {
         for (const char *const thread : {"burner", "sleeper"}) {
             const auto start = std::chrono::steady_clock::now();
@@ -90,7 +85,7 @@ TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {
 TEST_F(StacksTest, LeavesAStoppedProcessStopped) {
     subject_.Signal(SIGSTOP);
     ASSERT_TRUE(kit::Eventually([&] { return State("burner") == 'T' && State("sleeper") == 'T'; }));
-    host::stacks::Process process(subject_.Pid());
+    host::stacks::Process process(tracer_, subject_.Pid());
     EXPECT_EQ(CountFunction(process.Read(subject_.tids.at("burner")), "BurnCpu"), 1);
     EXPECT_TRUE(kit::Eventually([&] { return State("burner") == 'T'; })) << "it was traced for a moment";
     subject_.Signal(SIGCONT);
@@ -98,11 +93,11 @@ TEST_F(StacksTest, LeavesAStoppedProcessStopped) {
 }
 
 TEST_F(StacksTest, SaysWhyItCannotRead) {
-    EXPECT_EQ(ErrorOf([] { host::stacks::Process process(EndedPid()); }), ESRCH);
+    EXPECT_EQ(ErrorOf([&] { host::stacks::Process process(tracer_, EndedPid()); }), ESRCH);
     if (kit::TextOfFile("/proc/2/comm") == "kthreadd\n") {
-        EXPECT_EQ(ErrorOf([] { host::stacks::Process process(2); }), ENOTSUP);
+        EXPECT_EQ(ErrorOf([&] { host::stacks::Process process(tracer_, 2); }), ENOTSUP);
     }
-    host::stacks::Process process(subject_.Pid());
+    host::stacks::Process process(tracer_, subject_.Pid());
     EXPECT_EQ(ErrorOf([&] { process.Read(EndedPid()); }), ESRCH);
     const auto burner = static_cast<pid_t>(subject_.tids.at("burner"));
     ASSERT_EQ(ptrace(PTRACE_SEIZE, burner, nullptr, nullptr), 0);
@@ -123,7 +118,7 @@ TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
                 _exit(255);
             }
         }
-        _exit(ErrorOf([&] { host::stacks::Process process(target); }));
+        _exit(ErrorOf([&] { host::stacks::Process process(tracer_, target); }));
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -132,7 +127,7 @@ TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
 
 // A signal that arrives while a thread is looked at is not lost.
 TEST_F(StacksTest, LetsSignalsThrough) {
-    host::stacks::Process process(subject_.Pid());
+    host::stacks::Process process(tracer_, subject_.Pid());
     std::atomic<bool> stop = false;
     std::atomic<uint32_t> reads = 0;
     std::thread reader([&] {
@@ -166,7 +161,7 @@ TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
     const Subject subject(dir_, 1, 1);
     const uint32_t tid = subject.tids.at("blocked0");
     ASSERT_TRUE(IsBlocked(subject, "blocked0"));
-    host::stacks::Process process(subject.Pid());
+    host::stacks::Process process(tracer_, subject.Pid());
     EXPECT_EQ(ErrorOf([&] { process.Read(tid); }), ETIMEDOUT);
     EXPECT_EQ(TracerOf(subject.Pid()), 0);
 

@@ -57,7 +57,7 @@ TEST_F(StarvationTest, CountsAWaitThatLasts) {
 }
 
 TEST_F(StarvationTest, CountsTheNextWaitAnew) {
-    Pass(1s, 4);
+    Pass(1s, 10);
     ASSERT_EQ(Times(), 1);
     SetThread('R', {1000, 0, 1}); // it ran, a little
     Pass(100ms);
@@ -65,6 +65,7 @@ TEST_F(StarvationTest, CountsTheNextWaitAnew) {
     EXPECT_EQ(Times(), 1);
     Pass(1s, 2);
     EXPECT_EQ(Times(), 2);
+    EXPECT_EQ(starvation.Of(kPid, kTid)->longest, 8s) << "the first";
 }
 
 TEST_F(StarvationTest, KnowsAWaitThatHasEndedByItsCount) {
@@ -184,6 +185,12 @@ TEST_F(StarvationTest, KeepsItsSettingsBeyondARestart) {
     EXPECT_FALSE(next.Of(kPid, kTid).has_value());
     other.Pass(1s);
     EXPECT_TRUE(next.Of(kPid, kTid).has_value());
+    starvation.Switch(false);
+    kit::SampledMachine third;
+    third.machine = machine;
+    const Starvation off(store, third.sampler, proc);
+    third.Pass(1s, 10);
+    EXPECT_FALSE(off.Of(kPid, kTid).has_value());
 }
 
 } // namespace

@@ -9,6 +9,7 @@ TARN_UNIT()
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <csignal>
 #include <map>
 #include <optional>
@@ -77,6 +78,8 @@ TEST_F(StoreTest, FindsADocumentAgain) {
     EXPECT_EQ(Stored(state_, "doc"), content_);
     EXPECT_EQ(Stored(state_, "other"), Document());
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json", "other.json"})) << "nothing is left aside";
+    using std::filesystem::perms;
+    EXPECT_EQ(std::filesystem::status(state_ / "doc.json").permissions(), perms::owner_read | perms::owner_write);
 }
 
 TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
@@ -85,6 +88,8 @@ TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
     Document found;
     EXPECT_TRUE(store.Load("doc", 1, [&](const Document &content) { found = content; }));
     EXPECT_EQ(found, content_);
+    EXPECT_FALSE(store.Load("doc", 1, [](const Document &content) { content.Get<uint32_t>("name"); }));
+    EXPECT_FALSE(store.Load("doc", 1, [](const Document &) { FAIL() << "what its owner can't take is gone"; }));
 }
 
 TEST_F(StoreTest, IsOneProcesss) {
@@ -241,8 +246,9 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
 TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
     Write(".doc.json.1.0.partial", "{");
     Write("partial", "not ours");
+    Write("not.partial", "nor is this");
     host::Store store(state_);
-    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"partial"}));
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"not.partial", "partial"}));
 }
 
 // A process that saves without pause is killed at moments of which none is chosen: what it leaves is whole.
@@ -322,6 +328,14 @@ TEST_P(FileAsideTest, TakesAFreeNameWithoutReplacing) {
     host::WriteAll(aside.File(), "new", "file");
     aside.Commit(host::FileAside::Older::kKeep);
     EXPECT_EQ(OnlyFile(), "new");
+}
+
+TEST_P(FileAsideTest, TakesTheLongestNameOfAFile) {
+    const std::string longest(NAME_MAX, 'x');
+    std::ofstream(dir_.Path() / longest) << "older";
+    host::FileAside(directory_, longest, 0640, GetParam()).Commit();
+    EXPECT_EQ(NamesOf(dir_.Path()), std::set<std::string>{longest});
+    EXPECT_EQ(kit::TextOfFile(dir_.Path() / longest), "");
 }
 
 TEST(Beneath, LeadsOutOfADirectoryByNoPath) {

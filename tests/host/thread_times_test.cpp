@@ -98,7 +98,13 @@ TEST_F(ThreadTimesTest, AreNotReadBeyondTheLimits) {
     std::vector<tarnd::ProcessSample> processes(tarnd::kMaxSampledProcesses);
     EXPECT_EQ(Add(processes).size(), tarnd::kMaxSampledProcesses);
     processes.emplace_back();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(Add(processes).size(), tarnd::kMaxSampledProcesses);
+    EXPECT_EQ(Add(processes).size(), tarnd::kMaxSampledProcesses);
+    const std::string log = testing::internal::GetCapturedStderr();
+    const size_t told = log.find("more processes or threads than are sampled");
+    EXPECT_NE(told, log.npos) << log;
+    EXPECT_EQ(log.find("more processes", told + 1), log.npos) << "once\n" << log;
 }
 
 } // namespace

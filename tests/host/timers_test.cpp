@@ -128,6 +128,15 @@ TEST_F(TimersTest, ExpireOnceAfterAPauseAndGoOn) {
     EXPECT_EQ(Of(work_).longestDelay, 1h + 500ms - 2s) << "the longest, not the last";
 }
 
+TEST_F(TimersTest, ExpireOnceWhenTheNextIsDueAsWell) {
+    Add(work_);
+    timers_.Every(work_.id, 2s);
+    Pass(4s);
+    EXPECT_EQ(work_.runs, 1);
+    Pass(2s);
+    EXPECT_EQ(work_.runs, 2);
+}
+
 TEST_F(TimersTest, GoOnWhenTheirWorkFailsOrTakesLong) {
     work_.fails = true;
     work_.takes = 30ms;
@@ -197,6 +206,16 @@ TEST_F(TimerMethodsTest, TellWhatBecomesOfEach) {
     daemon->measurement.SetTimes({TARND_DIM_EVERY_MINUTES, 5});
     EXPECT_EQ(Find("measurement").ucState, 1);
     EXPECT_EQ(Find("measurement").uiPeriodMs, 300'000);
+}
+
+TEST_F(TimerMethodsTest, TellWhichIsAtWork) {
+    uint8_t state = 0;
+    const uint32_t id = daemon->timers.Add(
+        "test", [](void *result) { *static_cast<uint8_t *>(result) = Find("test").ucState; }, &state);
+    daemon->timers.Once(id, 0ms);
+    RunDue();
+    EXPECT_EQ(state, 2);
+    EXPECT_EQ(Find("test").ucState, 0);
 }
 
 TEST_F(TimerMethodsTest, TellOneOrSomeOfThem) {

@@ -2,8 +2,6 @@
 
 #include <cerrno>
 
-#include "host/osal/error.h"
-
 namespace tarnd {
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "client/agent.h"
 #include "host/daemon/peers.h"
+#include "host/osal/error.h"
 
 namespace tarnd {
 
@@ -45,7 +46,15 @@ struct AgentReply {
         }
     }
 
+    // Throws a result that is a failure, with the agent's reason; `what` was asked of which agent.
+    void RequireResult(const std::string &what) const {
+        if (record.uiResult != 0) {
+            host::Fail(static_cast<int>(record.uiResult), explanation.empty() ? what : what + ": " + explanation);
+        }
+    }
+
     Response record{};
+    std::string explanation; // why its result is a failure
     void (*fillCodec)(IdlCodecTable *) = nullptr;
 };
 
@@ -63,6 +72,7 @@ public:
             return method.call(&request, &reply->record, ctx);
         };
         Call({pid, timeoutMs, reinterpret_cast<void (*)()>(method.call), &request, &reply->record, run});
+        reply->explanation = peers_.Explanation();
         return reply;
     }
 

@@ -171,10 +171,9 @@ uint32_t MessageRules::AgeOf(const Rule &rule, host::WallTime now) {
 
 namespace {
 
-void CheckResult(const char *method, uint32_t pid, uint32_t result) {
-    if (result != 0) {
-        host::Fail(static_cast<int>(result), fmt::format("{} of the agent of process {}", method, pid));
-    }
+template <class Response>
+void RequireResult(const char *method, uint32_t pid, const AgentReply<Response> &reply) {
+    reply.RequireResult(fmt::format("{} of the agent of process {}", method, pid));
 }
 
 // Alike but for when they end: an agent counts from when it was told.
@@ -192,7 +191,7 @@ bool Alike(const MessageRules::Content &a, const MessageRules::Content &b) {
 MessageRules::AgentsRules MessageRules::AskFor(uint32_t pid, uint32_t timeoutMs) {
     const Tarn_sys_diag_GetMsgRuleInfoInput request{0, 0, pid};
     AgentsRules reply = line_.Ask(TARND_AGENT_METHOD(GetMsgCtrlRule), pid, request, timeoutMs);
-    CheckResult("GetMsgCtrlRule", pid, reply->record.uiResult);
+    RequireResult("GetMsgCtrlRule", pid, *reply);
     return reply;
 }
 
@@ -220,7 +219,7 @@ void MessageRules::BringTo(uint32_t pid) {
     if (hasOthers) { // one can't be removed alone
         const auto cleared =
             line_.Ask(TARND_AGENT_METHOD(ClearMsgCtrlRule), pid, Tarn_sys_diag_None{}, Courier::kTimeoutMs);
-        CheckResult("ClearMsgCtrlRule", pid, cleared->record.uiResult);
+        RequireResult("ClearMsgCtrlRule", pid, *cleared);
     } else {
         std::for_each(first, end, [&](const auto &info) {
             if (Alike(info.stRule, wanted.at(info.stRule.uiValue1))) {
@@ -230,7 +229,7 @@ void MessageRules::BringTo(uint32_t pid) {
     }
     for (const auto &[id, content] : wanted) {
         const auto set = line_.Ask(TARND_AGENT_METHOD(UpdateMsgCtrlRule), pid, content, Courier::kTimeoutMs);
-        CheckResult("UpdateMsgCtrlRule", pid, set->record.uiResult);
+        RequireResult("UpdateMsgCtrlRule", pid, *set);
     }
     if (hasOthers || !wanted.empty()) {
         host::Log().info("the agent of process {} has the message rules: {} new", pid, wanted.size());

@@ -1,4 +1,4 @@
-// Answers a request with what the agent of a process answers to it.
+// Answers a request with what the agent of a process answers to it, its explanation included.
 #pragma once
 
 #include "host/answer/answer.h"
@@ -15,6 +15,7 @@ uint32_t Relay(const host::meaning::MethodOf<Own, Response> &method, const Own *
                const AgentMethod<Request, Response> &agentMethod, uint32_t pid, const Request &agentRequest) {
     return host::Answer(method, request, replyCtx, [&](auto &reply) {
         auto answer = Daemon::Serving().agentLine.Ask(agentMethod, pid, agentRequest, RelayTimeout(replyCtx));
+        TarnHost_ExplainReply(replyCtx, answer->explanation.c_str());
         static_cast<Response &>(reply) = answer->record;
         reply.KeepOwner(std::move(answer));
     });

@@ -17,11 +17,11 @@ std::string TextOfStack(const host::stacks::Stack &stack) {
 
 } // namespace
 
-void ReadOverloadStacks(const host::procfs::Procfs &proc, Overload &overload) {
-    host::stacks::Process process(overload.pid);
+void ReadOverloadStacks(host::stacks::Tracer &tracer, Overload &overload) {
+    host::stacks::Process process(tracer, overload.pid);
     for (OverloadThread &thread : overload.threads) {
         host::Attempt("an overload's stack", [&] {
-            thread.name = proc.ReadThread(overload.pid, thread.tid).name;
+            thread.name = tracer.Proc().ReadThread(overload.pid, thread.tid).name;
             thread.stack = TextOfStack(process.Read(thread.tid));
         });
     }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <thread>
 
-#include "host/osal/attempt.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
 #include "host/values/daemon.h"
@@ -23,6 +22,8 @@ using host::Document;
 constexpr char kSettings[] = "measurement";
 constexpr char kBaseline[] = "measurement-baseline";
 constexpr uint32_t kVersion = 1;
+// Why there is no answer, besides what the status says.
+constexpr char kGivenUp[] = "the measurement was given up";
 
 // Others come first, at the CPU and at the disk.
 void StandBack() {
@@ -128,7 +129,7 @@ Measurement::~Measurement() {
     }
     queue_.reset();
     for (std::vector<Job> jobs = FirstAlike(); !jobs.empty(); jobs = FirstAlike()) {
-        Finish(jobs, ESHUTDOWN);
+        Finish(jobs, {ESHUTDOWN, kGivenUp});
     }
 }
 
@@ -236,7 +237,7 @@ bool Measurement::Operate(uint32_t operation, MeasurementWaiter waiter) {
 
 void Measurement::Enqueue(Kind kind, std::optional<MeasurementWaiter> waiter) {
     if (ends_) {
-        host::Fail(ESHUTDOWN, "measurement");
+        host::Fail(ESHUTDOWN, kGivenUp);
     }
     if (jobs_.size() >= kMaxJobs) {
         host::Fail(EBUSY, "too many measurements are waiting");
@@ -261,7 +262,7 @@ Measurement::State Measurement::Last() const {
 void Measurement::WorkOff(const std::stop_token &stop) {
     const std::vector<Job> jobs = FirstAlike();
     if (!jobs.empty()) {
-        Finish(jobs, host::Attempt("measurement", [&] { Work(jobs, stop); }));
+        Finish(jobs, host::FailureOf("measurement", [&] { Work(jobs, stop); }));
     }
 }
 
@@ -275,17 +276,20 @@ std::vector<Measurement::Job> Measurement::FirstAlike() {
 }
 
 // They stay in the queue until here.
-void Measurement::Finish(const std::vector<Job> &jobs, uint32_t error) {
+void Measurement::Finish(const std::vector<Job> &jobs, const host::Failure &failure) {
     {
         const host::MutexLock lock(mutex_);
-        if (error != 0) {
-            state_ = {TARND_DIM_STATE_FAILED, "given up: " + std::generic_category().message(static_cast<int>(error))};
+        if (failure.error != 0) {
+            state_ = {TARND_DIM_STATE_FAILED,
+                      "given up: " + std::generic_category().message(static_cast<int>(failure.error))};
         }
         jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
     }
     for (const Job &job : jobs) {
         if (job.waiter) {
-            job.waiter->answer(error != 0 ? error : WhyUnwanted(job));
+            const uint32_t unwanted = WhyUnwanted(job);
+            const host::Failure ofJob{unwanted, unwanted == 0 ? "" : kGivenUp};
+            job.waiter->answer(failure.error != 0 ? failure : ofJob);
         }
     }
 }
@@ -308,11 +312,11 @@ void Measurement::Work(const std::vector<Job> &jobs, const std::stop_token &stop
 // Gives up jobs of which nobody wants any any more.
 void Measurement::Check(const std::vector<Job> &jobs, const std::stop_token &stop) const {
     if (stop.stop_requested()) {
-        host::Fail(ESHUTDOWN, "measurement");
+        host::Fail(ESHUTDOWN, kGivenUp);
     }
     const auto unwanted = [this](const Job &job) { return WhyUnwanted(job) != 0; };
     if (std::all_of(jobs.begin(), jobs.end(), unwanted)) {
-        host::Fail(static_cast<int>(WhyUnwanted(jobs.back())), "measurement");
+        host::Fail(static_cast<int>(WhyUnwanted(jobs.back())), kGivenUp);
     }
 }
 

@@ -14,6 +14,7 @@
 #include "host/daemon/files/survey.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/daemon/time/timers.h"
+#include "host/osal/attempt.h"
 #include "host/osal/mutex.h"
 #include "host/osal/work_queue.h"
 #include "host/store/store.h"
@@ -31,8 +32,8 @@ struct MeasurementTimes {
 
 // Who asked for a measurement and waits for its end.
 struct MeasurementWaiter {
-    std::function<uint32_t()> unwanted;         // why the answer is not wanted any more; 0: it is
-    std::function<void(uint32_t error)> answer; // called once
+    std::function<uint32_t()> unwanted;                       // why the answer is not wanted any more; 0: it is
+    std::function<void(const host::Failure &failure)> answer; // called once
 };
 
 class Measurement {
@@ -81,7 +82,7 @@ private:
     void Enqueue(Kind kind, std::optional<MeasurementWaiter> waiter) TARN_REQUIRES(mutex_);
     void WorkOff(const std::stop_token &stop);
     std::vector<Job> FirstAlike();
-    void Finish(const std::vector<Job> &jobs, uint32_t error);
+    void Finish(const std::vector<Job> &jobs, const host::Failure &failure);
     void Work(const std::vector<Job> &jobs, const std::stop_token &stop);
     void Check(const std::vector<Job> &jobs, const std::stop_token &stop) const;
     uint32_t WhyUnwanted(const Job &job) const;

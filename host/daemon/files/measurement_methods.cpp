@@ -7,15 +7,18 @@ using tarnd::Daemon;
 
 uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {
     const auto &method = host::methods::TarnSetDimOpration;
-    const auto answer = [&method, replyCtx](uint32_t error) {
-        return host::SendReply<Tarn_sys_diag_Result>(method, replyCtx, [&](auto &reply) { reply.uiResult = error; });
+    const auto answer = [&method, replyCtx](const host::Failure &failure) {
+        TarnHost_ExplainReply(replyCtx, failure.reason.c_str());
+        return host::SendReply<Tarn_sys_diag_Result>(method, replyCtx,
+                                                     [&](auto &reply) { reply.uiResult = failure.error; });
     };
     bool later = false;
-    const uint32_t error = host::Run(method, request, [&] {
+    const host::Failure failure = host::FailureOf(method.name, [&] {
+        host::meaning::Check(*method.request, request);
         later = Daemon::Serving().measurement.Operate(request->uiOperation,
                                                       {[=] { return TarnHost_Cancelled(replyCtx); }, answer});
     });
-    return later ? 0 : answer(error);
+    return later ? 0 : answer(failure);
 }
 
 uint32_t TarnSetDimTimeCfgByTarnd(const Tarn_sys_diag_DimTimeCfg *request) {

@@ -11,11 +11,8 @@ namespace {
 std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
     const auto answer =
         Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
+    answer->RequireResult(fmt::format("the agent of process {}", request.uiPid));
     const Tarn_sys_diag_GetAppMemUnitInfoOutput &units = answer->record;
-    if (units.uiResult != 0) {
-        throw std::system_error(static_cast<int>(units.uiResult), std::generic_category(),
-                                fmt::format("the agent of process {}", request.uiPid));
-    }
     std::string text =
         fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", "ID", "UNIT", "TOTAL bytes", "USED bytes", "PEAK bytes");
     for (uint32_t i = 0; i < units.uiUnitNum; ++i) {
