@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# installed.sh BUILD: what `cmake --install` puts under a prefix works there, and after the prefix was moved, without
+# the build tree's help: the programs start and answer, and pkg-config finds headers and library.
+set -euo pipefail
+build=$1
+scratch=$(mktemp -d)
+daemon=
+trap '[[ -z $daemon ]] || kill "$daemon"; rm -rf "$scratch"' EXIT
+export LD_LIBRARY_PATH='' XDG_STATE_HOME=$scratch/state TARN_RUN_DIR=$scratch/run
+
+cmake --install "$build" --prefix "$scratch/first" >"$scratch/install.log"
+mv "$scratch/first" "$scratch/moved"
+prefix=$scratch/moved
+
+for program in tarnd tarn-master tarnctl; do
+    "$prefix/bin/$program" --version
+done
+
+mkdir -m 700 "$scratch/run" "$scratch/state" "$scratch/log"
+"$prefix/bin/tarnd" --state-dir "$scratch/state" --log-dir "$scratch/log" 2>"$scratch/tarnd.log" &
+daemon=$!
+for _ in {1..600}; do
+    "$prefix/bin/tarnctl" services >/dev/null 2>&1 && break
+    kill -0 "$daemon" || { cat "$scratch/tarnd.log"; exit 1; }
+    sleep 0.05
+done
+"$prefix/bin/tarnctl" call PidIsOnline "{\"uiPid\": $$}"
+
+export PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tarn_sysdiag.pc)")
+for variable in libdir includedir; do
+    found=$(realpath "$(pkg-config --variable=$variable tarn_sysdiag)")
+    [[ $found == "$prefix"/* ]] || { echo "$variable is $found, expected a directory below $prefix"; exit 1; }
+done
+# What the public headers include is among them.
+for header in server/tarnd.h client/agent.h client/master.h; do
+    echo "#include \"$header\"" | cc -xc -std=c99 -fsyntax-only $(pkg-config --cflags tarn_sysdiag) -
+done
