@@ -156,7 +156,7 @@ TEST_F(ProcessMethodsTest, PutParentsBeforeTheirChildren) {
 
 TEST_F(ProcessMethodsTest, DescribeTasks) {
     AddProcess(kPid, "main", 1);
-    host::procfs::Task task = kit::FakeProc::MakeTask(kPid + 1, "burner\n", 'R');
+    host::procfs::Task task = kit::FakeProc::MakeTask(kPid + 1, "burnër\n\x1B", 'R');
     task.userTicks = 100;
     task.systemTicks = 23;
     task.lastCpu = 6;
@@ -170,10 +170,10 @@ TEST_F(ProcessMethodsTest, DescribeTasks) {
     EXPECT_EQ(one->uiTaskValue, 1);
     EXPECT_EQ(std::string(one->pcTaskInfo),
               "     PID      TID NAME             STATE                        CPU ms  CPU SCHEDULING\n"
-              " 5000000  5000001 burner           R (running)                    1230    6 SCHED_OTHER nice -5\n");
+              " 5000000  5000001 burnër ?         R (running)                    1230    6 SCHED_OTHER nice -5\n");
     EXPECT_EQ(std::string(one->pcTaskRecord),
               "     PID      TID NAME                     RUN us        WAIT us     SLICES  STARVED LONGEST ms LAST\n"
-              " 5000000  5000001 burner                     1234           7654         42        0          0 -\n");
+              " 5000000  5000001 burnër ?                   1234           7654         42        0          0 -\n");
     EXPECT_EQ(Tasks(kPid, kPid + 2).Status(), ESRCH);
     EXPECT_EQ(Tasks(kPid + 9, 0).Status(), ESRCH);
 }
