@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/eventually.h"
 #include "tests/host/method_kit.h"
@@ -140,8 +140,8 @@ TEST_F(CpuMethodsTest, MeasureTheThreadsOfAProcess) {
     EXPECT_EQ(all->pstThread[0].uiValue2, 250);
 
     EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid + 9, 0).Status(), ESRCH);
-    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, TARND_MEASURE_MAX_MS + 1).Status(), EINVAL);
-    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, TARND_MEASURE_MAX_MS).Status(), 0);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, host::meaning::measured_interval::kMostMs + 1).Status(), EINVAL);
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, host::meaning::measured_interval::kMostMs).Status(), 0);
 }
 
 TEST_F(CpuMethodsTest, MeasureOverTheIntervalThatIsAskedFor) {
@@ -192,7 +192,7 @@ TEST_F(CpuMethodsTest, MeasureAllThreads) {
     farAway.lastCpu = 300;
     proc.SetThread(kPid, farAway);
     EXPECT_EQ(threads(3000, 0)->pstThread[0].ucValue3, 255) << "as far as the member goes";
-    EXPECT_EQ(threads(TARND_MEASURE_MAX_MS + 1, 0).Status(), EINVAL);
+    EXPECT_EQ(threads(host::meaning::measured_interval::kMostMs + 1, 0).Status(), EINVAL);
 }
 
 TEST_F(CpuMethodsTest, TellTheStatisticsOfAllProcesses) {
@@ -359,6 +359,41 @@ TEST_F(CpuMethodsTest, TellOfAnOverload) {
     EXPECT_EQ(Config()->uiValue6, 1);
 }
 
+TEST_F(CpuMethodsTest, SayWhatIsWrongWithARequest) {
+    const auto measure = [](uint32_t interval) { return Measure(CalculateOsProcCpuUse, kPid, interval).Reason(); };
+    const auto measureAll = [](uint32_t interval) {
+        return CallMethod<Tarn_sys_diag_ThreadCpuRet>(CalculateAllThreadCpuUse,
+                                                      Tarn_sys_diag_ThreadCpuInput{interval, 0})
+            .Reason();
+    };
+    const auto setSystem = [](const Tarn_sys_diag_SysOvLoadCpuThreshold &request) {
+        return CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadCpuThresholdSet, request).Reason();
+    };
+    const auto setProcess = [](const Tarn_sys_diag_SetCpuOvProcThresholdInput &request) {
+        return CallMethod<Tarn_sys_diag_OperResult>(SetCpuOvProcThreshold, request).Reason();
+    };
+    const auto debug = [](const Tarn_sys_diag_SetOvLoadDebugSwitchInput &request) {
+        return CallMethod<Tarn_sys_diag_Result>(SetOvLoadDebugSwitch, request).Reason();
+    };
+    const std::pair<std::string, std::string> reasons[] = {
+        {measure(120'001), "interval (uiValue1) is 120001 ms, expected 0 to 120000"},
+        {measureAll(120'001), "interval (uiValue1) is 120001 ms, expected 0 to 120000"},
+        {setSystem({1001, 0, 0}), "begins-at (uiValue1) is 1001 ‰, expected 0 to 1000"},
+        {setSystem({500, 501, 0}),
+         "ends-below (uiValue2) is 501 ‰, expected at most begins-at (uiValue1), which is 500 ‰"},
+        {setSystem({500, 0, 3601}), "must-last (uiValue3) is 3601 s, expected 0 to 3600"},
+        {setProcess({kPid, 2, 500, 0}), "on (ucValue2) is 2, expected 0 to 1"},
+        {setProcess({kPid, 1, 0, 0}), "begins-at (uiValue3) is 0 ‰, expected at least 1"},
+        {setProcess({kPid, 1, 2001, 0}), "begins-at (uiValue3) is 2001 ‰, expected 1 to 2000, 1000 for each CPU"},
+        {setProcess({kPid, 1, 500, 3601}), "must-last (uiValue4) is 3601 s, expected 0 to 3600"},
+        {setProcess({kPid, 0, 0, 3601}), "process 5000000 is not watched"},
+        {debug({4, 1}), "monitors (uiValue1) is 4, expected a sum of cpu (1) or memory (2)"},
+        {debug({1, 2}), "on (uiValue2) is 2, expected 0 to 1"}};
+    for (const auto &[reason, expected] : reasons) {
+        EXPECT_EQ(reason, expected);
+    }
+}
+
 TEST_F(CpuMethodsTest, KeepThresholds) {
     const auto isOn = [] {
         return CallMethod<Tarn_sys_diag_OvloadCpuSwitchRet>(OvloadCpuSwitchState, Tarn_sys_diag_OvloadCpuSwitchInput{})
@@ -367,9 +402,9 @@ TEST_F(CpuMethodsTest, KeepThresholds) {
     EXPECT_EQ(isOn(), 0);
     EXPECT_EQ(SetSystem(1001, 0, 0), EINVAL);
     EXPECT_EQ(SetSystem(500, 501, 0), EINVAL);
-    EXPECT_EQ(SetSystem(500, 0, TARND_OVERLOAD_MAX_S + 1), EINVAL);
+    EXPECT_EQ(SetSystem(500, 0, host::meaning::cpu_overload::kMostSeconds + 1), EINVAL);
     EXPECT_EQ(isOn(), 0);
-    EXPECT_EQ(SetSystem(1000, 1000, TARND_OVERLOAD_MAX_S), 0) << "as much as there is";
+    EXPECT_EQ(SetSystem(1000, 1000, host::meaning::cpu_overload::kMostSeconds), 0) << "as much as there is";
     EXPECT_EQ(isOn(), 1);
     EXPECT_EQ(SetSystem(900, 0, 7), 0);
     EXPECT_EQ(SetProcess(kPid, 1, 2000, 3), 0);
@@ -383,8 +418,8 @@ TEST_F(CpuMethodsTest, KeepThresholds) {
     EXPECT_EQ(SetProcess(kPid, 2, 500, 0), EINVAL);
     EXPECT_EQ(SetProcess(kPid, 1, 0, 0), EINVAL);
     EXPECT_EQ(SetProcess(kPid, 1, 2001, 0), EINVAL) << "of two CPUs";
-    EXPECT_EQ(SetProcess(kPid, 1, 500, TARND_OVERLOAD_MAX_S + 1), EINVAL);
-    EXPECT_EQ(SetProcess(kPid, 1, 1, TARND_OVERLOAD_MAX_S), 0);
+    EXPECT_EQ(SetProcess(kPid, 1, 500, host::meaning::cpu_overload::kMostSeconds + 1), EINVAL);
+    EXPECT_EQ(SetProcess(kPid, 1, 1, host::meaning::cpu_overload::kMostSeconds), 0);
     EXPECT_EQ(SetProcess(kPid + 9, 1, 500, 0), ESRCH);
     EXPECT_EQ(SetProcess(kPid, 0, 0, 0), 0);
     EXPECT_EQ(SetProcess(kPid, 0, 0, 0), ENOENT);
@@ -445,7 +480,7 @@ TEST_F(CpuMethodsTest, SwitchTheDebugging) {
 }
 
 TEST_F(CpuMethodsTest, DebugAMachineOnWhichNoProcessRuns) {
-    daemon->overloadDebug.Switch(TARND_MONITOR_CPU, true);
+    daemon->overloadDebug.Switch(host::meaning::overload_monitor::kCpu, true);
     machine.processes[kPid].threads[kBusy].runPermille = 0;
     testing::internal::CaptureStderr();
     Pass(1s);
@@ -541,10 +576,10 @@ TEST_F(CpuMethodsTest, DoNotTellAgainOfAnEventThatManyOthersFollowed) {
 TEST_F(CpuMethodsTest, TellNoEventsWhereTheFunctionIsOff) {
     machine.busyPermille = {1000, 1000};
     Pass(1s, 2);
-    daemon->healthSettings.SwitchFunction({TARND_HEALTH_ONE_CPU, 0, 0});
+    daemon->healthSettings.SwitchFunction({host::meaning::system_health_item::kCpuEvent, 0, 0});
     Pass(1s, 10);
     EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 0);
-    daemon->healthSettings.SwitchFunction({TARND_HEALTH_ONE_CPU, 1, 0});
+    daemon->healthSettings.SwitchFunction({host::meaning::system_health_item::kCpuEvent, 1, 0});
     Pass(1s, 2);
     EXPECT_EQ(Events(0, 0, 0)->uiEventNum, 0) << "from the start";
     Pass(1s);

@@ -158,7 +158,7 @@ TEST_F(DaemonTest, TellsItsCallerWhyAResultIsAFailure) {
         Call<Tarn_sys_diag_OperResult>("SysOvLoadCpuThresholdSet", Tarn_sys_diag_SysOvLoadCpuThreshold{1900, 0, 0});
     EXPECT_EQ(answer.Status(), 0) << answer.Text();
     EXPECT_EQ(answer->uiResult, EINVAL);
-    EXPECT_NE(answer.Explanation().find("1900, expected "), std::string::npos) << answer.Explanation();
+    EXPECT_EQ(answer.Explanation(), "begins-at (uiValue1) is 1900 ‰, expected 0 to 1000");
     kit::Process ctl(dir_.Path(),
                      {TARNCTL, "--run-dir", dir_.Path(), "call", "SysOvLoadCpuThresholdSet", R"({"uiValue1": 1900})"});
     EXPECT_EQ(ctl.Wait(), 5);

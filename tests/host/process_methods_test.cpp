@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
@@ -112,7 +112,7 @@ TEST_F(ProcessMethodsTest, DescribeTheProcessesOfTheTable) {
     EXPECT_EQ(row.uiRss, 1200);
     EXPECT_EQ(row.ullStartTime, 2500);
     EXPECT_EQ(row.ullCpuTime, 420);
-    EXPECT_EQ(std::string(row.pcCmdLine), "/bin/worker a?b?");
+    EXPECT_EQ(std::string(row.pcCmdLine), "/bin/worker a b?");
 }
 
 TEST_F(ProcessMethodsTest, KeepTheTableAsItWasBuilt) {
@@ -156,7 +156,7 @@ TEST_F(ProcessMethodsTest, PutParentsBeforeTheirChildren) {
 
 TEST_F(ProcessMethodsTest, DescribeTasks) {
     AddProcess(kPid, "main", 1);
-    host::procfs::Task task = kit::FakeProc::MakeTask(kPid + 1, "burner\n", 'R');
+    host::procfs::Task task = kit::FakeProc::MakeTask(kPid + 1, "burnër\n\x1B", 'R');
     task.userTicks = 100;
     task.systemTicks = 23;
     task.lastCpu = 6;
@@ -170,10 +170,10 @@ TEST_F(ProcessMethodsTest, DescribeTasks) {
     EXPECT_EQ(one->uiTaskValue, 1);
     EXPECT_EQ(std::string(one->pcTaskInfo),
               "     PID      TID NAME             STATE                        CPU ms  CPU SCHEDULING\n"
-              " 5000000  5000001 burner?          R (running)                    1230    6 SCHED_OTHER nice -5\n");
+              " 5000000  5000001 burnër ?         R (running)                    1230    6 SCHED_OTHER nice -5\n");
     EXPECT_EQ(std::string(one->pcTaskRecord),
               "     PID      TID NAME                     RUN us        WAIT us     SLICES  STARVED LONGEST ms LAST\n"
-              " 5000000  5000001 burner?                    1234           7654         42        0          0 -\n");
+              " 5000000  5000001 burnër ?                   1234           7654         42        0          0 -\n");
     EXPECT_EQ(Tasks(kPid, kPid + 2).Status(), ESRCH);
     EXPECT_EQ(Tasks(kPid + 9, 0).Status(), ESRCH);
 }
@@ -196,11 +196,35 @@ TEST_F(ProcessMethodsTest, DescribeTheTasksThatAreAskedFor) {
     EXPECT_EQ(Lines(Tasks(0, 0, "work*", 5)->pcTaskInfo), 0);
 }
 
+TEST_F(ProcessMethodsTest, SayWhatIsWrongWithARequest) {
+    const auto build = [](uint8_t options) {
+        return CallMethod<Tarn_sys_diag_ProcTableBuildOutput>(ProcTableBuild,
+                                                              Tarn_sys_diag_ProcTableBuildInput{options})
+            .Reason();
+    };
+    const auto threshold = [](uint32_t wait) {
+        return CallMethod<Tarn_sys_diag_TaskResult>(SetTaskStarvThreshold, Tarn_sys_diag_StarvTaskThresholdInput{wait})
+            .Reason();
+    };
+    const std::pair<std::string, std::string> reasons[] = {
+        {build(4), "options (ucBuildFlag) is 4, expected 0 (all processes, by rising ids), a sum of without-kernel (1) "
+                   "or as-tree (2)"},
+        {threshold(0), "threshold (uiStarvThreshold) is 0 ms, expected 1 to 3600000"},
+        {threshold(3'600'001), "threshold (uiStarvThreshold) is 3600001 ms, expected 1 to 3600000"},
+        {CallMethod<Tarn_sys_diag_TaskResult>(SetTaskSwitch, Tarn_sys_diag_TaskSwitchInput{2}).Reason(),
+         "on (uiTaskSwitch) is 2, expected 0 to 1"},
+        {CallMethod<Tarn_sys_diag_ResetBBoxResult>(ResetBBoxInfo, Tarn_sys_diag_ResetBBoxCondition{3, 0}).Reason(),
+         "records (uiValue1) is 3, expected all (0), exceptions (1) or assertions (2)"}};
+    for (const auto &[reason, expected] : reasons) {
+        EXPECT_EQ(reason, expected);
+    }
+}
+
 TEST_F(ProcessMethodsTest, RecordWhatStarves) {
     EXPECT_EQ(Set(SetTaskSwitch, 2), EINVAL);
     EXPECT_EQ(Set(SetTaskStarvThreshold, 0), EINVAL);
-    EXPECT_EQ(Set(SetTaskStarvThreshold, TARND_STARVATION_MAX_MS + 1), EINVAL);
-    EXPECT_EQ(Set(SetTaskStarvThreshold, TARND_STARVATION_MAX_MS), 0);
+    EXPECT_EQ(Set(SetTaskStarvThreshold, host::meaning::starvation::kMostMs + 1), EINVAL);
+    EXPECT_EQ(Set(SetTaskStarvThreshold, host::meaning::starvation::kMostMs), 0);
     EXPECT_EQ(Set(SetTaskStarvThreshold, 1500), 0);
     EXPECT_EQ(Set(SetTaskSwitch, 1), 0);
     EXPECT_EQ(Set(ResetTaskRecord, kPid), ENOENT);
@@ -211,9 +235,7 @@ TEST_F(ProcessMethodsTest, RecordWhatStarves) {
     Pass(1s, 3);
     EXPECT_NE(std::string(Tasks(kPid, 0)->pcTaskRecord).find("0          0 -\n"), std::string::npos);
     Pass(1s);
-    const Tarn_sys_diag_Systime time = daemon->clock.LocalTime(clocks.WallNow());
-    const std::string last = fmt::format("        1       2000 {:04}-{:02}-{:02}T{:02}:{:02}:{:02}.000\n", time.usYear,
-                                         time.ucMonth, time.ucDay, time.ucHour, time.ucMinute, time.ucSecond);
+    const std::string last = fmt::format("        1       2000 {}\n", daemon->clock.Text(clocks.WallNow()));
     EXPECT_NE(std::string(Tasks(kPid, 0)->pcTaskRecord).find(last), std::string::npos) << Tasks(kPid, 0)->pcTaskRecord;
     EXPECT_EQ(Set(ResetTaskRecord, kPid), 0);
     EXPECT_NE(std::string(Tasks(kPid, 0)->pcTaskRecord).find(" -\n"), std::string::npos);

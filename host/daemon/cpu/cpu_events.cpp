@@ -6,14 +6,15 @@
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/sampling/pressure.h"
 #include "host/daemon/sampling/rates.h"
+#include "host/meaning/choices.h"
 #include "host/osal/log.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
 namespace {
 
 using namespace std::chrono_literals;
+namespace system_health_item = host::meaning::system_health_item;
 using std::chrono::milliseconds;
 
 // How many of the threads that ran most are asked for the CPU that they run on.
@@ -108,8 +109,8 @@ CpuEvents::CpuEvents(Sampler &sampler, const HealthSettings &settings, const hos
 }
 
 void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
-    const bool on = settings_.IsOn(TARND_HEALTH_ONE_CPU);
-    const uint32_t limit = settings_.LimitOf(TARND_HEALTH_ONE_CPU);
+    const bool on = settings_.IsOn(system_health_item::kCpuEvent);
+    const uint32_t limit = settings_.LimitOf(system_health_item::kCpuEvent);
     for (const CpuSample &cpu : latest->cpus) {
         if (!on || UsePermille(*previous, cpu) < limit) {
             busy_.erase(cpu.id);
@@ -122,7 +123,7 @@ void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
 void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest) {
     CpuEvent event;
     event.duration = std::chrono::duration_cast<milliseconds>(latest->system.at - busy.since->system.at);
-    if (event.duration < milliseconds(settings_.LimitOf(TARND_HEALTH_CPU_TIME))) {
+    if (event.duration < milliseconds(settings_.LimitOf(system_health_item::kCpuEventTime))) {
         return;
     }
     event.begin = busy.since->system.time;

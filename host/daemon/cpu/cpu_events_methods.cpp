@@ -25,10 +25,11 @@ Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
 }
 
 void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
+    const auto &[process, within, most] = request;
     CpuEventQuery query;
-    query.pid = request.uiValue1;
-    query.within = std::chrono::seconds(request.uiValue2);
-    query.limit = request.uiValue3;
+    query.pid = process;
+    query.within = std::chrono::seconds(within);
+    query.limit = most;
     const std::vector<CpuEvent> events = Daemon::Serving().cpuEvents.List(query);
     std::vector<Tarn_sys_diag_PadsCpuEvent> records;
     std::transform(events.begin(), events.end(), std::back_inserter(records), Describe);

@@ -11,18 +11,19 @@
 #include "host/daemon/processes/users.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/thread_times.h"
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
-std::chrono::milliseconds IntervalOf(uint32_t ms) {
-    if (ms > TARND_MEASURE_MAX_MS) {
-        throw host::BadValue("uiValue1", ms, "0 to " + std::to_string(TARND_MEASURE_MAX_MS) + " ms");
-    }
-    return std::chrono::milliseconds(ms == 0 ? TARND_MEASURE_DEFAULT_MS : ms);
+std::chrono::milliseconds IntervalOf(uint32_t stated) {
+    return std::chrono::milliseconds(stated == 0 ? host::meaning::measured_interval::kDefaultMs : stated);
+}
+
+Tarn_sys_diag_Systime TimeOf(const Peak &peak) {
+    return peak.time == host::WallTime{} ? Tarn_sys_diag_Systime{} : Daemon::Serving().clock.LocalTime(peak.time);
 }
 
 // ---- One process ----
@@ -39,15 +40,16 @@ ProcessSample ReadNow(const host::procfs::Procfs &proc, uint32_t pid) {
 
 Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permille) {
     const host::procfs::Task task = Daemon::Serving().proc.ReadThread(use.pid, use.tid);
-    Tarn_sys_diag_OsProcessCpuThread thread{};
-    host::CopyText(thread.acName, task.name);
-    thread.uiValue1 = use.tid;
-    thread.uiValue2 = permille;
-    thread.ullValue3 = use.total.runNs / 1000;
-    host::CopyText(thread.acValue4, host::procfs::StateText(task.state));
-    thread.uiValue5 = task.lastCpu;
-    host::CopyText(thread.acValue6, host::procfs::SchedulingText(task));
-    return thread;
+    Tarn_sys_diag_OsProcessCpuThread entry{};
+    auto &[name, thread, cpu, cpuTime, state, onCpu, scheduled] = entry;
+    host::CopyText(name, task.name);
+    thread = use.tid;
+    cpu = permille;
+    cpuTime = use.total.runNs / 1000;
+    host::CopyText(state, host::procfs::StateText(task.state));
+    onCpu = task.lastCpu;
+    host::CopyText(scheduled, host::procfs::SchedulingText(task));
+    return entry;
 }
 
 // What a share is stated of.
@@ -56,8 +58,9 @@ enum class Whole { kOneCpu, kAllCpus };
 void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, Whole of,
                     host::Reply<Tarn_sys_diag_OsProcessCpuRet> &reply) {
     const Daemon &daemon = Daemon::Serving();
-    const SamplePtr sample = daemon.sampler.Before(IntervalOf(request.uiValue1));
-    const ProcessSample now = ReadNow(daemon.proc, request.uiPid);
+    const auto &[process, interval, most] = request;
+    const SamplePtr sample = daemon.sampler.Before(IntervalOf(interval));
+    const ProcessSample now = ReadNow(daemon.proc, process);
     const std::chrono::nanoseconds elapsed = daemon.clocks.SteadyNow() - sample->system.at;
     const ProcessSample *const before = sample->Find(now);
     if (before != nullptr && before->threads == nullptr) {
@@ -66,32 +69,35 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, Whole of,
     }
     std::vector<ThreadUse> uses = ThreadUses(before, now);
     const uint64_t whole = static_cast<uint64_t>(elapsed.count()) * (of == Whole::kOneCpu ? 1 : sample->cpus.size());
-    reply.uiValue1 = Permille(ProcessUsedNs(before, now, uses), whole);
-    KeepBusiest(uses, request.uiValue2);
-    std::vector<Tarn_sys_diag_OsProcessCpuThread> threads;
+    auto &[threadNum, threads, cpu] = reply.Members();
+    cpu = Permille(ProcessUsedNs(before, now, uses), whole);
+    KeepBusiest(uses, most);
+    std::vector<Tarn_sys_diag_OsProcessCpuThread> busiest;
     for (const ThreadUse &use : uses) {
-        host::procfs::SkipEnded([&] { threads.push_back(Describe(use, Permille(use.usedNs, whole))); });
+        host::procfs::SkipEnded([&] { busiest.push_back(Describe(use, Permille(use.usedNs, whole))); });
     }
-    reply.pstThread = reply.Keep(std::move(threads), reply.uiThreadNum);
+    threads = reply.Keep(std::move(busiest), threadNum);
 }
 
 // ---- All threads ----
 
-Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &process, std::chrono::nanoseconds elapsed) {
+Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &itsProcess,
+                                 std::chrono::nanoseconds elapsed) {
     const host::procfs::Task task = Daemon::Serving().proc.ReadThread(use.pid, use.tid);
-    Tarn_sys_diag_ThreadCpu thread{};
-    thread.uiTid = use.tid;
-    thread.usValue1 = static_cast<uint16_t>(ThreadPermille(use, elapsed));
-    thread.ucValue2 = static_cast<uint8_t>(task.state);
-    thread.ucValue3 = static_cast<uint8_t>(std::min<uint32_t>(task.lastCpu, UINT8_MAX));
-    thread.ullValue4 = use.total.runNs / 1000;
-    thread.ullValue5 = use.total.waitNs / 1000;
-    host::CopyText(thread.acName, task.name);
-    thread.uiValue6 = use.pid;
-    host::CopyText(thread.acValue7, process);
-    host::CopyText(thread.acValue8, host::procfs::SchedulingText(task));
-    thread.uiValue9 = static_cast<uint32_t>(use.total.sliceNum);
-    return thread;
+    Tarn_sys_diag_ThreadCpu entry{};
+    auto &[thread, cpu, state, onCpu, cpuTime, waited, name, process, processName, scheduled, timeslices] = entry;
+    thread = use.tid;
+    cpu = static_cast<uint16_t>(ThreadPermille(use, elapsed));
+    state = static_cast<uint8_t>(task.state);
+    onCpu = static_cast<uint8_t>(std::min<uint32_t>(task.lastCpu, UINT8_MAX));
+    cpuTime = use.total.runNs / 1000;
+    waited = use.total.waitNs / 1000;
+    host::CopyText(name, task.name);
+    process = use.pid;
+    host::CopyText(processName, itsProcess);
+    host::CopyText(scheduled, host::procfs::SchedulingText(task));
+    timeslices = static_cast<uint32_t>(use.total.sliceNum);
+    return entry;
 }
 
 std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit) {
@@ -144,13 +150,12 @@ void CopyEnd(char (&to)[kSize], std::string_view text) {
     host::CopyText(to, text.size() < kSize ? text : text.substr(text.size() - (kSize - 1)));
 }
 
-// What the samples tell of it.
-void AddSampledUse(Tarn_sys_diag_SysCpuStatProc &stat, const ProcessSample &process, const Sampler::Window &window) {
-    const Daemon &daemon = Daemon::Serving();
-    const Peak peak = daemon.cpuPeaks.OfProcess(process);
-    stat.uiValue1 = ProcessPermille(window.from->Find(process), process, window.Length());
-    stat.uiValue2 = peak.permille;
-    stat.stTime1 = peak.time == host::WallTime{} ? Tarn_sys_diag_Systime{} : daemon.clock.LocalTime(peak.time);
+// The same process in the latest sample; null where it has started since.
+const ProcessSample *FindSampled(const host::procfs::Task &task, const Sampler::Window &window) {
+    ProcessSample process;
+    process.pid = task.id;
+    process.startTicks = task.startTicks;
+    return window.to->Find(process);
 }
 
 Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &users, const Sampler::Window &window) {
@@ -158,29 +163,31 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     const auto ms = [](uint64_t ticks) { return static_cast<uint32_t>(TicksToNs(ticks) / 1'000'000); };
     const host::procfs::Task &task = details.task;
     const std::chrono::nanoseconds age = AgeOf(daemon.proc, task.startTicks);
-    Tarn_sys_diag_SysCpuStatProc stat{};
-    stat.uiPid = task.id;
-    host::CopyText(stat.acName, task.name);
-    ProcessSample process;
-    process.pid = task.id;
-    process.startTicks = task.startTicks;
-    if (const ProcessSample *const sampled = window.to->Find(process)) {
-        AddSampledUse(stat, *sampled, window);
+    Tarn_sys_diag_SysCpuStatProc entry{};
+    auto &[process, name, cpu, highest, userTime, systemTime, highestAt, state, parent, threads, nice, onCpu, started,
+           user, program, cpuSinceStart, majorFaults, resident] = entry;
+    process = task.id;
+    host::CopyText(name, task.name);
+    if (const ProcessSample *const sampled = FindSampled(task, window)) {
+        const Peak peak = daemon.cpuPeaks.OfProcess(*sampled);
+        cpu = ProcessPermille(window.from->Find(*sampled), *sampled, window.Length());
+        highest = peak.permille;
+        highestAt = TimeOf(peak);
     }
-    stat.uiValue3 = ms(task.userTicks);
-    stat.uiValue4 = ms(task.systemTicks);
-    host::CopyText(stat.acValue5, host::procfs::StateText(task.state));
-    stat.uiValue6 = task.parent;
-    stat.uiValue7 = task.threadNum;
-    stat.uiValue8 = static_cast<uint32_t>(task.nice);
-    stat.uiValue9 = task.lastCpu;
-    stat.stTime2 = daemon.clock.LocalTime(StartOf(age, daemon.clocks));
-    host::CopyText(stat.acValue10, users.User(details.effectiveUser));
-    CopyEnd(stat.acValue11, details.exe);
-    stat.uiValue12 = age.count() <= 0 ? 0 : Permille(TicksToNs(task.CpuTicks()), static_cast<uint64_t>(age.count()));
-    stat.uiValue13 = static_cast<uint32_t>(task.majorFaults);
-    stat.uiValue14 = static_cast<uint32_t>(task.residentKb);
-    return stat;
+    userTime = ms(task.userTicks);
+    systemTime = ms(task.systemTicks);
+    host::CopyText(state, host::procfs::StateText(task.state));
+    parent = task.parent;
+    threads = task.threadNum;
+    nice = static_cast<uint32_t>(task.nice);
+    onCpu = task.lastCpu;
+    started = daemon.clock.LocalTime(StartOf(age, daemon.clocks));
+    host::CopyText(user, users.User(details.effectiveUser));
+    CopyEnd(program, details.exe);
+    cpuSinceStart = age.count() <= 0 ? 0 : Permille(TicksToNs(task.CpuTicks()), static_cast<uint64_t>(age.count()));
+    majorFaults = static_cast<uint32_t>(task.majorFaults);
+    resident = static_cast<uint32_t>(task.residentKb);
+    return entry;
 }
 
 std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses() {
@@ -196,19 +203,18 @@ std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses() {
 
 // ---- The system ----
 
-Tarn_sys_diag_MultiCpuUsage Describe(const std::string &name, const CpuTicks &from, const CpuTicks &to, Peak peak) {
+Tarn_sys_diag_MultiCpuUsage Describe(const std::string &cpu, const CpuTicks &from, const CpuTicks &to, Peak peak) {
     const uint64_t total = Growth(from.Total(), to.Total());
-    Tarn_sys_diag_MultiCpuUsage cpu{};
-    host::CopyText(cpu.acName, name);
-    cpu.uiValue1 = BusyPermille(from, to);
-    cpu.uiValue2 = Permille(Growth(from.user, to.user), total);
-    cpu.uiValue3 = Permille(Growth(from.system + from.interrupt, to.system + to.interrupt), total);
-    cpu.uiValue4 = Permille(Growth(from.ioWait, to.ioWait), total);
-    if (peak.time != decltype(peak.time){}) {
-        cpu.uiValue5 = peak.permille;
-        cpu.stTime = Daemon::Serving().clock.LocalTime(peak.time);
-    }
-    return cpu;
+    Tarn_sys_diag_MultiCpuUsage entry{};
+    auto &[name, busy, user, system, waiting, highest, highestAt] = entry;
+    host::CopyText(name, cpu);
+    busy = BusyPermille(from, to);
+    user = Permille(Growth(from.user, to.user), total);
+    system = Permille(Growth(from.system + from.interrupt, to.system + to.interrupt), total);
+    waiting = Permille(Growth(from.ioWait, to.ioWait), total);
+    highest = peak.permille;
+    highestAt = TimeOf(peak);
+    return entry;
 }
 
 std::vector<Tarn_sys_diag_MultiCpuUsage> MeasureCpus() {
@@ -235,7 +241,6 @@ uint32_t LoadAverage() {
     return static_cast<uint32_t>(load * 1000 + 0.5);
 }
 
-// A percentage in a byte, between each two samples.
 std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
     const std::vector<SystemSample> history = Daemon::Serving().sampler.History();
     std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> records;
@@ -244,9 +249,10 @@ std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
         const CpuTicks &to = history[i].cpu;
         const uint64_t total = Growth(from.Total(), to.Total());
         Tarn_sys_diag_SysCpuMonitorHistoryInfo record{};
-        record.stTime = Daemon::Serving().clock.LocalTime(history[i].time);
-        record.ucValue1 = static_cast<uint8_t>((BusyPermille(from, to) + 5) / 10);
-        record.ucValue2 =
+        auto &[time, busy, waiting] = record;
+        time = Daemon::Serving().clock.LocalTime(history[i].time);
+        busy = static_cast<uint8_t>((BusyPermille(from, to) + 5) / 10);
+        waiting =
             static_cast<uint8_t>(std::min<uint32_t>((Permille(Growth(from.ioWait, to.ioWait), total) + 5) / 10, 100));
         records.push_back(record);
     }
@@ -269,8 +275,8 @@ uint32_t CalculateProcThreadCpuUse(const Tarn_sys_diag_OsProcessCpuInput *reques
 
 uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, void *replyCtx) {
     return host::Answer(host::methods::CalculateAllThreadCpuUse, request, replyCtx, [&](auto &reply) {
-        reply.pstThread = reply.Keep(tarnd::MeasureAllThreads(tarnd::IntervalOf(request->uiValue1), request->uiValue2),
-                                     reply.uiThreadNum);
+        const auto &[interval, most] = *request;
+        reply.pstThread = reply.Keep(tarnd::MeasureAllThreads(tarnd::IntervalOf(interval), most), reply.uiThreadNum);
     });
 }
 
@@ -298,10 +304,11 @@ uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInf
 
 uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetKpiCpuInfo, request, replyCtx, [](auto &reply) {
-        host::CopyText(reply.acName, "cpu");
-        reply.uiValue1 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, {});
-        reply.uiValue2 = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));
-        reply.uiValue3 = tarnd::Daemon::Serving().cpuPeaks.OfSystem().permille;
-        reply.uiValue4 = tarnd::LoadAverage();
+        auto &[name, now, lastMinute, highest, load] = reply.Members();
+        host::CopyText(name, "cpu");
+        now = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, {});
+        lastMinute = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));
+        highest = tarnd::Daemon::Serving().cpuPeaks.OfSystem().permille;
+        load = tarnd::LoadAverage();
     });
 }

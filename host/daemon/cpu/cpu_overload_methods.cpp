@@ -1,59 +1,43 @@
 // The thresholds of CPU overloads, and what has been recorded of them.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
-Thresholds CheckedThresholds(const Tarn_sys_diag_SysOvLoadCpuThreshold &request) {
-    if (request.uiValue1 > 1000) {
-        throw host::BadValue("uiValue1", request.uiValue1, "0 to 1000 permille");
-    }
-    if (request.uiValue2 > request.uiValue1) {
-        throw host::BadValue("uiValue2", request.uiValue2, fmt::format("0 to uiValue1, {}", request.uiValue1));
-    }
-    if (request.uiValue3 > TARND_OVERLOAD_MAX_S) {
-        throw host::BadValue("uiValue3", request.uiValue3, fmt::format("0 to {} s", TARND_OVERLOAD_MAX_S));
-    }
-    return {request.uiValue1, request.uiValue2 == 0 ? request.uiValue1 : request.uiValue2, request.uiValue3};
-}
-
 void SetProcess(const Tarn_sys_diag_SetCpuOvProcThresholdInput &request) {
-    if (request.ucValue2 > 1) {
-        throw host::BadValue("ucValue2", request.ucValue2, "0 or 1");
-    }
-    if (request.ucValue2 == 0) {
-        Daemon::Serving().cpuOverload.Unwatch(request.uiValue1);
+    const auto &[process, on, beginsAt, mustLast] = request;
+    if (on == 0) {
+        Daemon::Serving().cpuOverload.Unwatch(process);
         return;
     }
-    const uint64_t highest = 1000 * Daemon::Serving().sampler.Latest()->cpus.size();
-    if (request.uiValue3 == 0 || request.uiValue3 > highest) {
-        throw host::BadValue("uiValue3", request.uiValue3, fmt::format("1 to {} permille of a CPU", highest));
+    const size_t cpus = Daemon::Serving().sampler.Latest()->cpus.size();
+    if (beginsAt > 1000 * cpus) {
+        throw host::meaning::BadMember(host::methods::SetCpuOvProcThreshold, "begins-at", beginsAt,
+                                       fmt::format("1 to {}, 1000 for each CPU", 1000 * cpus));
     }
-    if (request.uiValue4 > TARND_OVERLOAD_MAX_S) {
-        throw host::BadValue("uiValue4", request.uiValue4, fmt::format("0 to {} s", TARND_OVERLOAD_MAX_S));
-    }
-    Daemon::Serving().cpuOverload.Watch(request.uiValue1, {request.uiValue3, request.uiValue3, request.uiValue4});
+    Daemon::Serving().cpuOverload.Watch(process, {beginsAt, beginsAt, mustLast});
+}
+
+Tarn_sys_diag_CpuOvMonThread Describe(uint32_t pid, const WatchedThread &watchedThread, const Watched &watched) {
+    Tarn_sys_diag_CpuOvMonThread entry{};
+    auto &[thread, cpu, highest, cpuTime, state, overloaded, overloads] = entry;
+    thread = watchedThread.tid;
+    cpu = watchedThread.permille;
+    highest = watchedThread.highest;
+    cpuTime = static_cast<uint32_t>(watchedThread.runNs / 1'000'000);
+    state = static_cast<uint8_t>(Daemon::Serving().proc.ReadThread(pid, watchedThread.tid).state);
+    overloaded = watched.crossing.Over() ? 1 : 0;
+    overloads = watched.overloads;
+    return entry;
 }
 
 std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &watched) {
     std::vector<Tarn_sys_diag_CpuOvMonThread> threads;
     for (const WatchedThread &thread : watched.threads) {
-        host::procfs::SkipEnded([&] {
-            const char state = Daemon::Serving().proc.ReadThread(pid, thread.tid).state;
-            Tarn_sys_diag_CpuOvMonThread entry{};
-            entry.uiValue1 = thread.tid;
-            entry.uiValue2 = thread.permille;
-            entry.uiValue3 = thread.highest;
-            entry.uiValue4 = static_cast<uint32_t>(thread.runNs / 1'000'000);
-            entry.ucValue5 = static_cast<uint8_t>(state);
-            entry.ucValue6 = watched.crossing.Over() ? 1 : 0;
-            entry.uiValue7 = watched.overloads;
-            threads.push_back(entry);
-        });
+        host::procfs::SkipEnded([&] { threads.push_back(Describe(pid, thread, watched)); });
     }
     return threads;
 }
@@ -64,7 +48,8 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
 
 uint32_t SysOvLoadCpuThresholdSet(const Tarn_sys_diag_SysOvLoadCpuThreshold *request, void *replyCtx) {
     return host::AnswerResult(host::methods::SysOvLoadCpuThresholdSet, request, replyCtx, [&] {
-        tarnd::Daemon::Serving().cpuOverload.SetSystem(tarnd::CheckedThresholds(*request));
+        const auto &[beginsAt, endsBelow, mustLast] = *request;
+        tarnd::Daemon::Serving().cpuOverload.SetSystem({beginsAt, endsBelow == 0 ? beginsAt : endsBelow, mustLast});
     });
 }
 
@@ -83,25 +68,27 @@ uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx)
     return host::Answer(host::methods::GetSysCpuOverloadCfg, request, replyCtx, [](auto &reply) {
         const tarnd::CpuOverload &overload = tarnd::Daemon::Serving().cpuOverload;
         const tarnd::Thresholds thresholds = overload.System();
-        reply.uiValue1 = thresholds.over;
-        reply.uiValue2 = thresholds.recover;
-        reply.uiValue3 = thresholds.seconds;
-        reply.uiValue4 = static_cast<uint32_t>(overload.WatchedNumber());
-        reply.uiValue5 = static_cast<uint32_t>(tarnd::Daemon::Serving().sampler.Interval().count());
-        reply.uiValue6 = overload.RecordNumber();
+        auto &[beginsAt, endsBelow, mustLast, watched, sampleInterval, overloads] = reply.Members();
+        beginsAt = thresholds.over;
+        endsBelow = thresholds.recover;
+        mustLast = thresholds.seconds;
+        watched = static_cast<uint32_t>(overload.WatchedNumber());
+        sampleInterval = static_cast<uint32_t>(tarnd::Daemon::Serving().sampler.Interval().count());
+        overloads = overload.RecordNumber();
     });
 }
 
 uint32_t DisCpuOvloadInfo(const Tarn_sys_diag_DisCpuOvloadInput *request, void *replyCtx) {
     return host::Answer(host::methods::DisCpuOvloadInfo, request, replyCtx, [](auto &reply) {
         const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
-        reply.stTime1 = tarnd::Daemon::Serving().clock.LocalTime(overload.begin);
-        host::CopyText(reply.acName, overload.name);
-        reply.uiValue1 = overload.pid;
-        reply.uiValue2 = overload.systemPermille;
-        reply.uiValue3 = overload.processPermille;
-        reply.stTime2 =
-            overload.end ? tarnd::Daemon::Serving().clock.LocalTime(*overload.end) : Tarn_sys_diag_Systime{};
+        const tarnd::LocalClock &clock = tarnd::Daemon::Serving().clock;
+        auto &[began, name, process, busy, cpu, ended] = reply.Members();
+        began = clock.LocalTime(overload.begin);
+        host::CopyText(name, overload.name);
+        process = overload.pid;
+        busy = overload.systemPermille;
+        cpu = overload.processPermille;
+        ended = overload.end ? clock.LocalTime(*overload.end) : Tarn_sys_diag_Systime{};
     });
 }
 

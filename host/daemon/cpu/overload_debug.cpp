@@ -2,8 +2,8 @@
 
 #include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/rates.h"
+#include "host/meaning/choices.h"
 #include "host/osal/log.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
@@ -38,10 +38,11 @@ OverloadDebug::OverloadDebug(Sampler &sampler) {
 }
 
 void OverloadDebug::Take(const Sample &previous, const Sample &latest) const {
-    if (IsOn(TARND_MONITOR_CPU)) {
+    using namespace host::meaning;
+    if (IsOn(overload_monitor::kCpu)) {
         LogCpu(previous, latest);
     }
-    if (IsOn(TARND_MONITOR_MEMORY)) {
+    if (IsOn(overload_monitor::kMemory)) {
         LogMemory(latest);
     }
 }

@@ -8,7 +8,7 @@
 
 namespace tarnd {
 
-// Monitors are TARND_MONITOR_CPU and TARND_MONITOR_MEMORY, or both.
+// Monitors are a sum of host::meaning::overload_monitor.
 class OverloadDebug {
 public:
     // Follows the samples.

@@ -1,6 +1,7 @@
 #include "host/daemon/cpu/overload_stacks.h"
 
 #include "host/osal/attempt.h"
+#include "host/osal/text.h"
 #include "host/stacks/stacks.h"
 
 namespace tarnd {
@@ -10,7 +11,7 @@ namespace {
 std::string TextOfStack(const host::stacks::Stack &stack) {
     std::string text;
     for (const host::stacks::Frame &frame : stack.frames) {
-        text += frame.Text() + "\n";
+        text += host::LineOfText(frame.Text()) + "\n";
     }
     return text;
 }

@@ -8,9 +8,9 @@
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
 #include "host/daemon/daemon.h"
+#include "host/meaning/choices.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -67,10 +67,10 @@ std::string RecordText(const FaultRecord &record) {
     std::string text = fmt::format(
         "{}.{:03} process {} ({}), thread {} ({}), agent {}\n  {}\n",
         Daemon::Serving().clock.Text(static_cast<time_t>(head.timeNs / 1000000000)), head.timeNs / 1000000 % 1000,
-        head.pid, host::Printable(head.process), head.tid, host::Printable(head.thread), host::Printable(head.agent),
-        head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::Printable(head.text));
+        head.pid, host::LineOfText(head.process), head.tid, host::LineOfText(head.thread), host::LineOfText(head.agent),
+        head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::LineOfText(head.text));
     for (uint32_t i = 0; i < head.registerNum; ++i) {
-        text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::Printable(head.registers[i].name),
+        text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::LineOfText(head.registers[i].name),
                             head.registers[i].value, i % 4 == 3 || i + 1 == head.registerNum ? "\n" : "");
     }
     if (!record.hasStack) {
@@ -78,8 +78,8 @@ std::string RecordText(const FaultRecord &record) {
     }
     for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
         const StackFrame &frame = record.stack.frames[i];
-        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::Printable(FunctionText(frame)),
-                            frame.module[0] == 0 ? "?" : host::Printable(frame.module));
+        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::LineOfText(FunctionText(frame)),
+                            frame.module[0] == 0 ? "?" : host::LineOfText(frame.module));
     }
     return text;
 }
@@ -100,35 +100,34 @@ struct Query {
 template <class Reply>
 void Fill(Reply &reply, const Query &query) {
     const Contents contents = host::blackbox::Read(Daemon::Serving().options.runDirectory);
+    auto &[length, bytes, matches] = reply.Members();
     std::string text;
     for (const FaultRecord &record : contents.records) {
         if (query.Matches(record.head)) {
-            const uint32_t index = reply.uiValue1++;
+            const uint32_t index = matches++;
             if (index >= query.skip && (query.limit == 0 || index - query.skip < query.limit)) {
                 text += RecordText(record);
             }
         }
     }
     for (const std::string &refused : contents.refused) {
-        text += "not read: " + host::Printable(refused) + "\n";
+        text += "not read: " + host::LineOfText(refused) + "\n";
     }
     if (contents.damaged != 0) {
         host::Log().warn("black box: {} damaged records", contents.damaged);
         text += fmt::format("damaged records: {}\n", contents.damaged);
     }
-    reply.pucInfo = reply.Keep(std::vector<uint8_t>(text.begin(), text.end()), reply.uiInfoLen);
+    bytes = reply.Keep(std::vector<uint8_t>(text.begin(), text.end()), length);
 }
 
-void Reset(uint32_t kind, uint32_t pid) {
-    if (kind > TARND_BLACK_BOX_ASSERTIONS) {
-        throw host::BadValue("uiValue1", kind, "0 all, 1 exceptions or 2 assertions");
-    }
+void Reset(uint32_t records, uint32_t pid) {
+    using namespace host::meaning;
+    const bool all = records == black_box::kEverything;
+    const FaultKind kind = records == black_box::kExceptions ? FaultKind::kException : FaultKind::kAssertion;
     const auto chosen = [&](const FaultHead &head) {
-        return (kind == TARND_BLACK_BOX_ALL || static_cast<uint32_t>(head.kind) == kind) &&
-               (pid == 0 || head.pid == pid);
+        return (all || head.kind == kind) && (pid == 0 || head.pid == pid);
     };
-    const size_t erased =
-        host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, kind == TARND_BLACK_BOX_ALL && pid == 0);
+    const size_t erased = host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, all && pid == 0);
     host::Log().info("black box: {} records erased", erased);
 }
 
@@ -138,19 +137,21 @@ void Reset(uint32_t kind, uint32_t pid) {
 
 uint32_t GetExceptionInfo(const Tarn_sys_diag_ExceptionInfoCondition *request, void *replyCtx) {
     return host::Answer(host::methods::GetExceptionInfo, request, replyCtx, [&](auto &reply) {
-        tarnd::Fill(reply, {host::blackbox::FaultKind::kException, request->uiValue1,
-                            static_cast<int32_t>(request->uiValue4), request->uiValue2, request->uiValue3});
+        const auto &[process, skip, most, signal] = *request;
+        tarnd::Fill(reply, {host::blackbox::FaultKind::kException, process, static_cast<int32_t>(signal), skip, most});
     });
 }
 
 uint32_t GetAssertInfo(const Tarn_sys_diag_AssertInfoCondition *request, void *replyCtx) {
     return host::Answer(host::methods::GetAssertInfo, request, replyCtx, [&](auto &reply) {
-        tarnd::Fill(
-            reply, {host::blackbox::FaultKind::kAssertion, request->uiValue1, 0, request->uiValue2, request->uiValue3});
+        const auto &[process, skip, most] = *request;
+        tarnd::Fill(reply, {host::blackbox::FaultKind::kAssertion, process, 0, skip, most});
     });
 }
 
 uint32_t ResetBBoxInfo(const Tarn_sys_diag_ResetBBoxCondition *request, void *replyCtx) {
-    return host::AnswerResult(host::methods::ResetBBoxInfo, request, replyCtx,
-                              [&] { tarnd::Reset(request->uiValue1, request->uiValue2); });
+    return host::AnswerResult(host::methods::ResetBBoxInfo, request, replyCtx, [&] {
+        const auto &[records, process] = *request;
+        tarnd::Reset(records, process);
+    });
 }

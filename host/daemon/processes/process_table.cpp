@@ -4,6 +4,8 @@
 #include <map>
 #include <system_error>
 
+#include "host/osal/text.h"
+
 namespace tarnd {
 
 namespace {
@@ -14,10 +16,8 @@ constexpr size_t kMaxCommandLine = 4096;
 std::string CommandLine(const host::procfs::Procfs &proc, uint32_t pid) {
     std::string text = proc.Read(pid, "cmdline").substr(0, kMaxCommandLine);
     text.erase(text.find_last_not_of('\0') + 1);
-    for (char &c : text) {
-        c = c == '\0' ? ' ' : static_cast<unsigned char>(c) < ' ' || c == 0x7F ? '?' : c;
-    }
-    return text;
+    std::ranges::replace(text, '\0', ' ');
+    return host::LineOfText(text);
 }
 
 ProcessTable::Row ReadRow(const host::procfs::Procfs &proc, uint32_t pid) {

@@ -3,18 +3,16 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
 
-void Build(uint8_t flags) {
-    if (flags > (TARND_TABLE_WITHOUT_KERNEL | TARND_TABLE_AS_TREE)) {
-        throw host::BadValue("ucBuildFlag", flags, "a sum of 1 and 2");
-    }
-    Daemon::Serving().processTable.Build((flags & TARND_TABLE_WITHOUT_KERNEL) == 0, (flags & TARND_TABLE_AS_TREE) != 0);
+void Build(uint8_t options) {
+    using namespace host::meaning::process_table;
+    Daemon::Serving().processTable.Build((options & kWithoutKernel) == 0, (options & kAsTree) != 0);
 }
 
 uint64_t Ms(uint64_t ticks) {
@@ -60,7 +58,8 @@ uint32_t GetProcTable(const Tarn_sys_diag_GetProcTableInput *request, void *repl
 uint32_t GetQ5ProcInfo(const Tarn_sys_diag_GetQ5ProcInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetQ5ProcInfo, request, replyCtx, [&](auto &reply) {
         const host::procfs::Task process = tarnd::Daemon::Serving().proc.ReadProcess(request->uiPid);
-        reply.uiValue1 = process.parent;
-        reply.uiValue2 = process.session;
+        auto &[parent, session] = reply.Members();
+        parent = process.parent;
+        session = process.session;
     });
 }

@@ -13,18 +13,19 @@ Tarn_sys_diag_CallStackThreadInfo Describe(uint32_t pid, const std::string &proc
                                            const host::stacks::Stack &stack) {
     const host::procfs::Task task = Daemon::Serving().proc.ReadThread(pid, tid);
     const uint64_t runNs = Daemon::Serving().proc.ReadSchedulerCount(pid, tid).runNs;
-    Tarn_sys_diag_CallStackThreadInfo thread{};
-    thread.uiTid = tid;
-    host::CopyText(thread.szThreadName, task.name);
-    thread.ullValue1 = runNs / 1000;
-    host::CopyText(thread.szName2, process);
-    thread.uiValue2 = static_cast<uint32_t>(stack.frames.size());
-    thread.uiValue3 = static_cast<uint32_t>(stack.stopped.count() / 1000);
+    Tarn_sys_diag_CallStackThreadInfo entry{};
+    auto &[thread, name, cpuTime, processName, frames, heldUp, addresses, functions] = entry;
+    thread = tid;
+    host::CopyText(name, task.name);
+    cpuTime = runNs / 1000;
+    host::CopyText(processName, process);
+    frames = static_cast<uint32_t>(stack.frames.size());
+    heldUp = static_cast<uint32_t>(stack.stopped.count() / 1000);
     for (size_t i = 0; i < stack.frames.size(); ++i) {
-        thread.aullStackAddr[i] = stack.frames[i].address;
-        host::CopyText(thread.astFuncName[i].szFuncName, stack.frames[i].Text());
+        addresses[i] = stack.frames[i].address;
+        host::CopyText(functions[i].szFuncName, stack.frames[i].Text());
     }
-    return thread;
+    return entry;
 }
 
 // Without frames where the thread does not stop: the others' stacks are worth telling.
@@ -66,10 +67,11 @@ std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Ti
 
 uint32_t GetCallStackInfoByTid(const Tarn_sys_diag_Tid *request, void *replyCtx) {
     return host::Answer(host::methods::GetCallStackInfoByTid, request, replyCtx, [&](auto &reply) {
-        std::vector<Tarn_sys_diag_CallStackThreadInfo> threads = tarnd::ReadStacks(*request, replyCtx);
-        for (const Tarn_sys_diag_CallStackThreadInfo &thread : threads) {
-            reply.uiValue1 += thread.uiValue3;
+        auto &[heldUp, threadNum, threads] = reply.Members();
+        std::vector<Tarn_sys_diag_CallStackThreadInfo> stacks = tarnd::ReadStacks(*request, replyCtx);
+        for (const auto &[thread, name, cpuTime, processName, frames, itsHeldUp, addresses, functions] : stacks) {
+            heldUp += itsHeldUp;
         }
-        reply.pstThreadInfo = reply.Keep(std::move(threads), reply.uiThreadNum);
+        threads = reply.Keep(std::move(stacks), threadNum);
     });
 }
