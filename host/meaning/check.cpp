@@ -168,10 +168,11 @@ private:
 
 // "pass (1), drop (2) or limit (3)"; of a text, the names alone.
 std::string ChoicesText(const Value &value) {
+    const char *const last = value.kind == Kind::kFlags ? " and " : " or ";
     std::string text;
     for (size_t i = 0; i < value.choices.size(); ++i) {
         const Choice &one = value.choices[i];
-        text += i == 0 ? "" : i + 1 == value.choices.size() ? " or " : ", ";
+        text += i == 0 ? "" : i + 1 == value.choices.size() ? last : ", ";
         text +=
             value.kind == Kind::kWord ? fmt::format("\"{}\"", one.name) : fmt::format("{} ({})", one.name, one.value);
     }

@@ -50,9 +50,9 @@ TEST(Answer, ChoicesHaveNames) {
               "records (uiValue1) is 3, expected all (0), exceptions (1) or assertions (2)");
     EXPECT_EQ(RefusalOf(methods::SetOvLoadDebugSwitch, {3, 1}), "");
     EXPECT_EQ(RefusalOf(methods::SetOvLoadDebugSwitch, {4, 1}),
-              "monitors (uiValue1) is 4, expected a sum of cpu (1) or memory (2)");
+              "monitors (uiValue1) is 4, expected a sum of cpu (1) and memory (2)");
     EXPECT_EQ(RefusalOf(methods::SetOvLoadDebugSwitch, {0, 1}),
-              "monitors (uiValue1) is 0, expected a sum of cpu (1) or memory (2)");
+              "monitors (uiValue1) is 0, expected a sum of cpu (1) and memory (2)");
     EXPECT_EQ(RefusalOf(methods::SetOvLoadDebugSwitch, {1, 2}), "on (uiValue2) is 2, expected 0 to 1");
 }
 

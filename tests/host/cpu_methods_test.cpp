@@ -387,7 +387,7 @@ TEST_F(CpuMethodsTest, SayWhatIsWrongWithARequest) {
         {setProcess({kPid, 1, 2001, 0}), "begins-at (uiValue3) is 2001 ‰, expected 1 to 2000, 1000 for each CPU"},
         {setProcess({kPid, 1, 500, 3601}), "must-last (uiValue4) is 3601 s, expected 0 to 3600"},
         {setProcess({kPid, 0, 0, 3601}), "process 5000000 is not watched"},
-        {debug({4, 1}), "monitors (uiValue1) is 4, expected a sum of cpu (1) or memory (2)"},
+        {debug({4, 1}), "monitors (uiValue1) is 4, expected a sum of cpu (1) and memory (2)"},
         {debug({1, 2}), "on (uiValue2) is 2, expected 0 to 1"}};
     for (const auto &[reason, expected] : reasons) {
         EXPECT_EQ(reason, expected);

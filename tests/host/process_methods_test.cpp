@@ -208,7 +208,7 @@ TEST_F(ProcessMethodsTest, SayWhatIsWrongWithARequest) {
     };
     const std::pair<std::string, std::string> reasons[] = {
         {build(4), "options (ucBuildFlag) is 4, expected 0 (all processes, by rising ids), a sum of without-kernel (1) "
-                   "or as-tree (2)"},
+                   "and as-tree (2)"},
         {threshold(0), "threshold (uiStarvThreshold) is 0 ms, expected 1 to 3600000"},
         {threshold(3'600'001), "threshold (uiStarvThreshold) is 3600001 ms, expected 1 to 3600000"},
         {CallMethod<Tarn_sys_diag_TaskResult>(SetTaskSwitch, Tarn_sys_diag_TaskSwitchInput{2}).Reason(),
