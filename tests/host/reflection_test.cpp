@@ -7,6 +7,8 @@ TARN_UNIT()
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "host/describe/explain.h"
 #include "host/describe/named.h"
 #include "host/meaning/reflect.h"
@@ -98,6 +100,19 @@ TEST(Reflection, AllServicesArriveAsTheyAre) {
             ExpectSame(*copy.response, *method.response);
             ExpectSame(*copy.meaning->response, *method.meaning->response);
         }
+    }
+}
+
+// A list that a program does not serve is ballast to it.
+TEST(Reflection, AnAgentCarriesNoListButItsOwn) {
+    std::ifstream file(TARN_AGENT_LIBRARY, std::ios::binary);
+    const std::string library{std::istreambuf_iterator<char>(file), {}};
+    for (const Method &method : Methods()) {
+        const bool own = method.service == std::string_view(meaning::kAgent.name);
+        const bool shared = std::ranges::any_of(meaning::kAgent.methods, [&](const meaning::Method *other) {
+            return other->sentence.find(method.meaning->sentence) != std::string_view::npos;
+        });
+        EXPECT_EQ(library.find(method.meaning->sentence) != library.npos, own || shared) << method.name;
     }
 }
 
