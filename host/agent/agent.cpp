@@ -9,6 +9,7 @@
 #include "host/agent/registration.h"
 #include "host/agent/service.h"
 #include "host/agent/signals_blocked.h"
+#include "host/meaning/reflect.h"
 #include "host/osal/attempt.h"
 #include "host/runtime/directory.h"
 #include "host/runtime/server.h"
@@ -27,7 +28,11 @@ constexpr milliseconds kUntilWoken{3600000};
 // Serves calls while it lives.
 class Service {
 public:
-    explicit Service(const std::filesystem::path &runDir) : server_({.runDir = runDir, .workers = 2}) {
+    explicit Service(const std::filesystem::path &runDir)
+        : server_({.runDir = runDir, .workers = 2, .describe = [] {
+                       static constexpr const host::meaning::Service *kServices[] = {&host::meaning::kAgent};
+                       return host::meaning::Reflect(kServices);
+                   }}) {
         server_.AddService(kServiceSpec);
         server_.Start();
     }

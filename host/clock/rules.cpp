@@ -219,6 +219,64 @@ std::string TextOf(const std::optional<DstRule> &rule) {
                                TextOf(rule->end));
 }
 
+namespace {
+
+// "-5:30" for 330 minutes east.
+std::string PosixOffset(int32_t minutesEast) {
+    const int32_t size = std::abs(minutesEast);
+    const char *const sign = minutesEast > 0 ? "-" : "";
+    return size % 60 == 0 ? fmt::format("{}{}", sign, size / 60)
+                          : fmt::format("{}{}:{:02}", sign, size / 60, size % 60);
+}
+
+// A name of what POSIX allows in one; for another, the offset: "<+0530>".
+std::string PosixName(const std::string &name, int32_t minutesEast) {
+    constexpr size_t kShortest = 3;
+    if (name.size() >= kShortest && IsName(name, "+-")) {
+        return fmt::format("<{}>", name);
+    }
+    const int32_t size = std::abs(minutesEast);
+    return fmt::format("<{}{:02}{:02}>", minutesEast < 0 ? '-' : '+', size / 60, size % 60);
+}
+
+std::string PosixDay(const DstChange &change) {
+    if (change.week != 0) {
+        return fmt::format("M{}.{}.{}", change.month, change.week, change.day);
+    }
+    if (change.month == 2 && change.day == 29) {
+        return "59"; // days from 0, in a year that has it
+    }
+    constexpr year kPlainYear{2001};
+    const local_days first{kPlainYear / January / 1};
+    return fmt::format("J{}", (local_days{kPlainYear / month(change.month) / day(change.day)} - first).count() + 1);
+}
+
+std::string PosixChange(const DstChange &change) {
+    const std::string onDay = PosixDay(change);
+    if (change.second != 0) {
+        return fmt::format("{}/{}:{:02}:{:02}", onDay, change.hour, change.minute, change.second);
+    }
+    if (change.minute != 0) {
+        return fmt::format("{}/{}:{:02}", onDay, change.hour, change.minute);
+    }
+    constexpr uint8_t kUnsaid = 2;
+    return change.hour == kUnsaid ? onDay : fmt::format("{}/{}", onDay, change.hour);
+}
+
+} // namespace
+
+std::string PosixText(const Zone &zone, const std::optional<DstRule> &rule, GmtTime now) {
+    const std::string standard = PosixName(zone.name, zone.offsetMinutes) + PosixOffset(zone.offsetMinutes);
+    const LocalMillis local(now.time_since_epoch() + minutes(zone.offsetMinutes));
+    if (!rule || (rule->end.year != 0 && local >= MomentOf(rule->end, year(rule->end.year)))) {
+        return standard;
+    }
+    const int32_t inSummer = zone.offsetMinutes + static_cast<int32_t>(rule->offsetMinutes);
+    const bool usual = rule->offsetMinutes == 60;
+    return fmt::format("{}{}{},{},{}", standard, PosixName(rule->name, inSummer), usual ? "" : PosixOffset(inSummer),
+                       PosixChange(rule->start), PosixChange(rule->end));
+}
+
 bool WallClock::IsDst(GmtTime time) const {
     if (!rule_) {
         return false;

@@ -67,6 +67,10 @@ std::string TextOf(const Zone &zone);
 std::string TextOf(const DstChange &change);
 std::string TextOf(const std::optional<DstRule> &rule);
 
+// A zone with a rule as POSIX has them for TZ: "<CET>-1<CEST>,M3.5.0,M10.5.0/3". A rule for one year is said as if it
+// held for each, until it is over.
+std::string PosixText(const Zone &zone, const std::optional<DstRule> &rule, GmtTime now);
+
 // What clocks on the wall show in a zone with a rule.
 class WallClock {
 public:

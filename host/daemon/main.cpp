@@ -8,6 +8,7 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/options.h"
 #include "host/daemon/sampling/libproc2_source.h"
+#include "host/meaning/reflect.h"
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
@@ -94,7 +95,12 @@ tarnd::Options OptionsOf(const Arguments &arguments) {
 }
 
 // The daemon outlives the server, whose requests use it.
-void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions) {
+std::string Describe() {
+    static constexpr const host::meaning::Service *kServices[] = {&host::meaning::kTarnd, &host::meaning::kTarndAgent};
+    return host::meaning::Reflect(kServices);
+}
+
+void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
     const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
     host::Client::Default().Configure({.runDir = arguments.serve.runDir});
@@ -103,7 +109,9 @@ void Serve(const Arguments &arguments, const host::ServerOptions &serverOptions)
     tarnd::Libproc2Source samples(proc);
     tarnd::RemotePeers peers;
     tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc, samples, peers);
-    host::Server server(serverOptions);
+    serverOptions.describe = Describe;
+    serverOptions.timezone = [&daemon] { return daemon.clock.PosixZone(); };
+    host::Server server(std::move(serverOptions));
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();

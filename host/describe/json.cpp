@@ -270,8 +270,12 @@ Json RecordToJson(const Type &type, const void *record) {
 } // namespace
 
 Json ParseJson(std::string_view text) {
+    static constexpr int kDeepest = 64;      // what reads and writes values calls itself for each level
     std::vector<std::set<std::string>> keys; // of the objects that are open
-    const auto check = [&keys](int, Json::parse_event_t event, Json &parsed) {
+    const auto check = [&keys](int depth, Json::parse_event_t event, Json &parsed) {
+        if (depth > kDeepest) {
+            throw JsonError(fmt::format("it is nested deeper than {} levels", kDeepest));
+        }
         if (event == Json::parse_event_t::object_start) {
             keys.emplace_back();
         } else if (event == Json::parse_event_t::object_end) {

@@ -1,37 +1,26 @@
-// An interface as data that travels: what a server says of its services to whoever doesn't know them, and an interface
-// made of what a server said.
+// An interface made of what a server said of itself (host/meaning/reflect.h), for whoever doesn't know it.
 #pragma once
 
-#include <deque>
 #include <memory>
-#include <span>
 #include <stdexcept>
-#include <string>
+#include <string_view>
+#include <vector>
 
 #include "host/describe/types.h"
-#include "host/meaning/meaning.h"
 
 namespace host::describe {
-
-// A JSON object:
-//   services  name, sentence and methods, each with name, index, group, long, sentence, example, and the numbers of the
-//             records that are its request and response (null: no reply)
-//   records   a type's name, and its members as a method means them: wire, name, kind, sentence, and as far as they say
-//             something least, most, choices, open, zero, standsFor, notAbove, notBelow, matters, mattersAt; inside:
-//             for each slot, the number of the record in it, or null
-//   types     name, hash and slots: member, count, kind, width, length, type
-std::string Reflect(std::span<const meaning::Service *const> services);
 
 class ReflectionError : public std::runtime_error {
 public:
     using runtime_error::runtime_error;
 };
 
-// The interface in such an object. Its types have a native layout of their own, for Record, Encode and Decode of this
-// program; all that it gives out lives as long as it.
+// Its types have a native layout of their own, for Record, Encode and Decode of this program; all that it gives out
+// lives as long as it. What a newer server says beyond what is known here is passed over.
 class Interface {
 public:
-    // Throws ReflectionError for what is no such object.
+    // The text may be anybody's. Throws ReflectionError for what is no description, or one of types that are larger or
+    // deeper than records are.
     explicit Interface(std::string_view reflection);
     Interface(const Interface &) = delete;
     Interface &operator=(const Interface &) = delete;
@@ -41,8 +30,9 @@ public:
     const Method *FindMethod(std::string_view name) const; // by name or Service.Name; null when there is none
 
 private:
+    class Reader;
     struct Parts;
-    std::unique_ptr<Parts> parts_;
+    const std::unique_ptr<Parts> parts_;
 };
 
 } // namespace host::describe

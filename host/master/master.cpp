@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/master/service.h"
+#include "host/meaning/reflect.h"
 #include "host/osal/log.h"
 #include "host/runtime/directory.h"
 
@@ -13,8 +14,12 @@ namespace {
 
 Master *serving = nullptr;
 
-host::ServerOptions WithWorkers(host::ServerOptions options) {
+host::ServerOptions Completed(host::ServerOptions options) {
     options.workers = 2;
+    options.describe = [] {
+        static constexpr const host::meaning::Service *kServices[] = {&host::meaning::kMaster};
+        return host::meaning::Reflect(kServices);
+    };
     return options;
 }
 
@@ -27,7 +32,7 @@ Master &Master::Serving() {
 Master::Master(const host::Clocks &theClocks, host::procfs::Procfs theProcfs, const std::filesystem::path &file,
                const std::filesystem::path &stateDirectory, const host::ServerOptions &options)
     : clocks(theClocks), procfs(std::move(theProcfs)), settings(clocks, file, stateDirectory), runDir_(options.runDir),
-      client_({.runDir = runDir_}), server(WithWorkers(options)) {
+      client_({.runDir = runDir_}), server(Completed(options)) {
     assert(serving == nullptr);
     serving = this;
     server.AddService(kServiceSpec);

@@ -208,7 +208,7 @@ std::string ExpectedText(const Value &value) {
     if (!value.hasZero || text.empty() || zeroIsToldOf) {
         return text;
     }
-    return ZeroText(value) + (value.choices.empty() ? " or " : ", ") + text;
+    return ZeroText(value) + (value.choices.size() < 2 ? " or " : ", ") + text;
 }
 
 uint32_t &ResultIn(const Record &meaning, void *record) {

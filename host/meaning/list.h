@@ -299,8 +299,8 @@ constexpr auto kInside = [] {
 }();
 
 template <class Tag, class Type>
-constexpr Record kRecord{velto::Table<Type>::kName, &velto::Shape<Type>::kType, kMembersIn<Tag, Type>,
-                         kInside<Tag, Type>};
+constexpr Record kRecord{velto::Table<Type>::kName, &velto::Shape<Type>::kType, velto::Table<Type>::kSlotNames,
+                         kMembersIn<Tag, Type>, kInside<Tag, Type>};
 
 template <class Tag, class Type>
 constexpr const Record *RecordOf() {
@@ -355,6 +355,6 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
 #define DEFINE_MEANING(service, method, request, response)                                                             \
     static_assert(!host::meaning::kTextOf<struct host::meaning::method##_>.sentence.empty(),                           \
                   #method ": a method without a meaning: give it a METHOD");                                           \
-    constexpr host::meaning::MethodOf<request, response> host::methods::method =                                        \
+    constexpr host::meaning::MethodOf<request, response> host::methods::method =                                       \
         host::meaning::MakeMethod<struct host::meaning::method##_, request, response>(#service, #method);
 #define MEANING_ADDRESS(method) &host::methods::method,

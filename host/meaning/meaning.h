@@ -11,8 +11,9 @@
 #include "host/meaning/group.h"
 
 namespace velto {
+struct SlotName;
 struct TypeShape;
-}
+} // namespace velto
 
 namespace host::meaning {
 
@@ -124,10 +125,11 @@ struct Member {
     std::string_view sentence;
 };
 
-// A record as one method uses it. Both spans run over its slots.
+// A record as one method uses it. Its arrays run over its slots.
 struct Record {
     const char *type; // without the prefix Tarn_sys_diag_
     const velto::TypeShape *shape;
+    const velto::SlotName *slots;
     std::span<const Member> members;
     std::span<const Record *const> inside; // of slots of tables, the element's record; else null
 };

@@ -1,5 +1,7 @@
 #include "host/meaning/unit.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -63,6 +65,17 @@ static_assert(
     }(),
     "kWords is in the order of Kind");
 
+std::string NumberText(uint64_t value, Kind kind) {
+    switch (kind) {
+    case Kind::kAddress:
+        return fmt::format("{:#x}", value);
+    case Kind::kSigned:
+        return std::to_string(static_cast<int32_t>(value));
+    default:
+        return std::to_string(value);
+    }
+}
+
 } // namespace
 
 std::string_view SignOf(Kind kind) {
@@ -80,7 +93,7 @@ std::optional<Kind> KindNamed(std::string_view name) {
 
 std::string WithSign(uint64_t value, Kind kind) {
     const std::string_view sign = SignOf(kind);
-    return std::to_string(value) + (sign.empty() ? "" : " ") + std::string(sign);
+    return NumberText(value, kind) + (sign.empty() ? "" : " ") + std::string(sign);
 }
 
 } // namespace host::meaning

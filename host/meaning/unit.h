@@ -18,7 +18,7 @@ std::string_view NameOf(Kind kind);
 // The kind of that name.
 std::optional<Kind> KindNamed(std::string_view name);
 
-// A number with the sign of its unit: "1900 ‰".
+// A number as people write one of its kind, with the sign of its unit: "1900 ‰", "0x7f00", "-60".
 std::string WithSign(uint64_t value, Kind kind);
 
 } // namespace host::meaning

@@ -13,7 +13,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/clock/clocks.h"
@@ -30,6 +32,11 @@ struct ServerOptions {
     Policy policy = {};
     std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
     const Clocks *clocks = nullptr;            // for deadlines and limits in time; null: the system's
+    // What Describe answers (host/meaning/reflect.h); asked for when the first peer asks, and never again. Null: the
+    // server doesn't describe its services.
+    std::function<std::string()> describe = {};
+    // The zone of the local times in replies, as POSIX has it for TZ; null, or empty: the system's.
+    std::function<std::string()> timezone = {};
 };
 
 class ServerCore;

@@ -184,14 +184,23 @@ void ServerCore::RequestEnds() {
 
 std::string ServerCore::Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal) {
     const std::string_view method = header.method;
-    if (method != "Health" && method != "Status") {
-        refusal = {Reason::kUnknown, ENOENT, "the runtime's own service has Health and Status"};
+    if (method != "Health" && method != "Status" && method != "Describe") {
+        refusal = {Reason::kUnknown, ENOENT, "the runtime's own service has Health, Status and Describe"};
         return {};
     }
     if (Denied(peer, header, refusal)) {
         return {};
     }
+    if (method == "Describe") {
+        refusal = {Reason::kUnknown, ENOENT, "this server does not describe its services"};
+        return Description();
+    }
     return method == "Health" ? ToJson(Health()) : ToJson(Status());
+}
+
+const std::string &ServerCore::Description() {
+    std::call_once(described_, [this] { description_ = options_.describe ? options_.describe() : ""; });
+    return description_;
 }
 
 ServerHealth ServerCore::Health() {
@@ -205,6 +214,7 @@ ServerHealth ServerCore::Health() {
         health.busy = busy_;
     }
     health.requests = requests_;
+    health.timezone = options_.timezone ? options_.timezone() : "";
     const MutexLock lock(mutex_);
     health.connections = sessions_.size();
     return health;

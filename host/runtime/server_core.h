@@ -4,6 +4,7 @@
 #include <atomic>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -58,6 +59,7 @@ private:
     std::vector<std::shared_ptr<Session>> Sessions() TARN_EXCLUDES(mutex_);
     ServerHealth Health() TARN_EXCLUDES(mutex_, workMutex_);
     ServerStatus Status();
+    const std::string &Description();
     void RunThread() TARN_EXCLUDES(mutex_);
     void CloseAcceptors();
     void CloseSessions(Loop::Clock::time_point until);
@@ -75,6 +77,8 @@ private:
     std::vector<std::shared_ptr<Acceptor>> acceptors_;
     std::atomic<bool> stopping_ = false;
     std::atomic<size_t> requests_ = 0;
+    std::once_flag described_;
+    std::string description_; // set once
 
     Mutex workMutex_;
     unsigned busy_ TARN_GUARDED_BY(workMutex_) = 0; // threads that serve

@@ -10,9 +10,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 Json ValueOf(const ServerHealth &health) {
-    return {{"state", health.state},      {"pid", health.pid},   {"uptime_ms", health.uptime.count()},
-            {"workers", health.workers},  {"busy", health.busy}, {"connections", health.connections},
-            {"requests", health.requests}};
+    return {{"state", health.state},       {"pid", health.pid},          {"uptime_ms", health.uptime.count()},
+            {"workers", health.workers},   {"busy", health.busy},        {"connections", health.connections},
+            {"requests", health.requests}, {"timezone", health.timezone}};
 }
 
 Json ValueOf(const std::vector<NamedValue> &values) {
@@ -54,6 +54,7 @@ void Read(const Json &from, ServerHealth &health) {
     health.busy = from.at("busy").get<uint32_t>();
     health.connections = from.at("connections").get<uint64_t>();
     health.requests = from.at("requests").get<uint64_t>();
+    health.timezone = from.value("timezone", std::string()); // which older servers don't tell
 }
 
 void Read(const Json &from, std::vector<NamedValue> &values) {
@@ -97,11 +98,16 @@ void Read(const Json &from, ServerStatus &status) {
     }
 }
 
+CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method,
+                std::chrono::milliseconds deadline) {
+    return client.Call(
+        {.service = kRuntimeService, .pid = pid, .method = method, .deadline = deadline, .socketOf = service});
+}
+
 template <class Record>
 CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method, Record &record,
                 std::chrono::milliseconds deadline) {
-    CallOutcome outcome = client.Call(
-        {.service = kRuntimeService, .pid = pid, .method = method, .deadline = deadline, .socketOf = service});
+    CallOutcome outcome = Ask(client, service, pid, method, deadline);
     if (!outcome.Ok()) {
         return outcome;
     }
@@ -142,6 +148,15 @@ CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, Se
 CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
                       std::chrono::milliseconds deadline) {
     return Ask(client, service, pid, "Status", status, deadline);
+}
+
+CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
+                           std::chrono::milliseconds deadline) {
+    CallOutcome outcome = Ask(client, service, pid, "Describe", deadline);
+    if (outcome.Ok()) {
+        description.assign(outcome.bytes.begin(), outcome.bytes.end());
+    }
+    return outcome;
 }
 
 } // namespace host

@@ -12,7 +12,8 @@
 namespace host {
 
 // Its methods take an empty request and answer with JSON: Health with an object of the members of ServerHealth, Status
-// with one of the members of ServerStatus, in snake case; durations end in _ms or _ns.
+// with one of the members of ServerStatus, in snake case, where durations end in _ms or _ns; Describe with what
+// host/meaning/reflect.h says.
 constexpr std::string_view kRuntimeService = "TarnHostRuntime";
 
 struct ServerHealth {
@@ -23,6 +24,7 @@ struct ServerHealth {
     uint32_t busy = 0;    // of them, those that do
     uint64_t connections = 0;
     uint64_t requests = 0; // that have arrived and not ended
+    std::string timezone;  // of the local times in replies, as POSIX has it for TZ; empty: the system's
 };
 
 struct MethodStatus {
@@ -64,6 +66,9 @@ CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, Se
                       std::chrono::milliseconds deadline = {});
 CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
                       std::chrono::milliseconds deadline = {});
+
+CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
+                           std::chrono::milliseconds deadline = {});
 
 std::string ToJson(const ServerHealth &health);
 std::string ToJson(const ServerStatus &status);

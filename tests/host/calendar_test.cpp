@@ -246,6 +246,60 @@ TEST(WallClock, AgreesWithTheCLibrarys) {
     }
 }
 
+std::string Posix(const char *zone, int32_t offset, const char *dst, uint32_t dstOffset, const char *start,
+                  const char *end, const char *now = "2026-06-01 00:00:00") {
+    tm fields{};
+    strptime(now, "%Y-%m-%d %H:%M:%S", &fields);
+    const host::DstRule rule = host::CheckedRule({dst, dstOffset, host::ParseChange(start), host::ParseChange(end)});
+    return host::PosixText({zone, offset}, rule, sys_seconds(seconds(timegm(&fields))));
+}
+
+TEST(PosixText, SaysAZoneAndItsRule) {
+    EXPECT_EQ(host::PosixText({"UTC", 0}, {}, {}), "<UTC>0");
+    EXPECT_EQ(host::PosixText({"NST", -210}, {}, {}), "<NST>3:30");
+    EXPECT_EQ(Posix("CET", 60, "CEST", 60, "M3.5.0/02:00:00", "M10.5.0/03:00:00"), "<CET>-1<CEST>,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(Posix("CET", 60, "CEST", 60, "03-29/02:30:00", "10-25/03:00:01"), "<CET>-1<CEST>,J88/2:30,J298/3:00:01");
+    EXPECT_EQ(Posix("LHST", 630, "LHDT", 30, "M10.1.0/02:00:00", "M4.1.0/02:00:00"),
+              "<LHST>-10:30<LHDT>-11,M10.1.0,M4.1.0");
+}
+
+TEST(PosixText, HasTheOffsetForANameThatPosixLacks) {
+    EXPECT_EQ(host::PosixText({"Europe/Berlin", 60}, {}, {}), "<+0100>-1");
+    EXPECT_EQ(host::PosixText({"X", -150}, {}, {}), "<-0230>2:30");
+    EXPECT_EQ(Posix("Europe/Berlin", 60, "Summer time", 60, "M3.5.0/02:00:00", "M10.5.0/03:00:00"),
+              "<+0100>-1<+0200>,M3.5.0,M10.5.0/3");
+}
+
+TEST(PosixText, SaysARuleForOneYearUntilItIsOver) {
+    const auto in = [](const char *now) {
+        return Posix("CET", 60, "CEST", 60, "2028-02-29/02:00:00", "2028-10-29/03:00:00", now);
+    };
+    EXPECT_EQ(in("2028-03-01 00:00:00"), "<CET>-1<CEST>,59,J302/3");
+    EXPECT_EQ(in("2028-10-29 01:59:59"), "<CET>-1<CEST>,59,J302/3");
+    EXPECT_EQ(in("2028-10-29 02:00:00"), "<CET>-1");
+}
+
+// What the C library makes of the text is what the clock shows, an hour at a time.
+TEST(PosixText, IsTheClockForTheCLibrary) {
+    const std::pair<int32_t, host::DstRule> cases[] = {
+        {60, {"CEST", 60, host::ParseChange("M3.5.0/02:00:00"), host::ParseChange("M10.5.0/03:00:00")}},
+        {630, {"LHDT", 30, host::ParseChange("M10.1.0/02:00:00"), host::ParseChange("M4.1.0/02:00:00")}},
+        {-210, {"NDT", 60, host::ParseChange("03-31/00:01:00"), host::ParseChange("11-01/00:01:00")}},
+    };
+    for (const auto &[offset, rule] : cases) {
+        const host::WallClock clock({"Zone", offset}, rule);
+        const PosixZone zone(host::PosixText({"Zone", offset}, rule, {}).c_str());
+        const sys_seconds from = sys_days{year(2027) / January / 1};
+        for (sys_seconds when = from; when < from + years(2); when += hours(1)) {
+            const time_t seconds = system_clock::to_time_t(when);
+            tm fields{};
+            localtime_r(&seconds, &fields);
+            const auto shift = clock.ToLocal(when).time_since_epoch() - when.time_since_epoch();
+            ASSERT_EQ(duration_cast<std::chrono::seconds>(shift).count(), fields.tm_gmtoff) << getenv("TZ") << seconds;
+        }
+    }
+}
+
 TEST(WallClock, KnowsNoTimeThatItSkips) {
     const host::WallClock clock({"Europe/Berlin", 60}, host::FromRecord(ByDate()));
     const auto gmt = [&](uint16_t year, uint8_t hour, uint8_t minute) {

@@ -57,6 +57,14 @@ TEST_F(LocalClockTest, ShowsTheSystemsTimeUntilItIsToldAnother) {
     EXPECT_EQ(Shown(), text);
 }
 
+TEST_F(LocalClockTest, TellsItsZoneWithItsRule) {
+    EXPECT_EQ(clock_.PosixZone(), "");
+    EXPECT_EQ(SetEuropeanDst(), 0);
+    EXPECT_EQ(clock_.PosixZone(), "") << "without a zone times are the system's";
+    EXPECT_EQ(SetZone("CET", 60), 0);
+    EXPECT_EQ(clock_.PosixZone(), "<CET>-1<CEST>,M3.5.0,M10.5.0/3");
+}
+
 TEST_F(LocalClockTest, ShowsTheTimeByItsSettings) {
     EXPECT_EQ(SetZone("Asia/Kathmandu", 345), 0);
     EXPECT_EQ(Shown(), "2023-11-15 03:58:20");

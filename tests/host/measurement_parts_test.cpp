@@ -11,8 +11,8 @@
 #include "host/daemon/files/digests.h"
 #include "host/daemon/files/images.h"
 #include "host/daemon/files/survey.h"
+#include "host/meaning/choices.h"
 #include "host/store/files.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/nobody.h"
@@ -22,6 +22,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using kit::kFakePid;
+namespace measurement_mode = host::meaning::measurement_mode;
+namespace measurement_operation = host::meaning::measurement_operation;
+namespace measurement_state = host::meaning::measurement_state;
+namespace measurement_time = host::meaning::measurement_time;
 
 constexpr char kDigestOfFirst[] = "a7937b64b8caa58f03721bb6bacf5c78cb235febe0e70b1b84cd99541461a08e"; // "first"
 
@@ -72,59 +76,59 @@ protected:
 };
 
 TEST_F(MeasurementPartsTest, FindsAnExecutableThatWasChanged) {
-    ExpectResult(TARND_DIM_STATE_NONE, 0, "nothing has been measured");
+    ExpectResult(measurement_state::kNone, 0, "nothing has been measured");
     Install("victim", "first");
     Run(kFakePid, "victim");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 1 files; 0 unread; 1 processes, 0 hidden");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kNoBaseline, 0, "no baseline; 1 files; 0 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
     EXPECT_NE(Baseline().find(kDigestOfFirst), std::string::npos) << Baseline();
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 1 files; 0 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "0 changed, 0 new of 1 files; 0 unread; 1 processes, 0 hidden");
 
     Install("victim", "second");
     Run(kFakePid + 1, "victim"); // the first process runs the older file, which has no name any more
     Install("other", "other");
     Run(kFakePid + 2, "other");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     const auto result = Result();
-    EXPECT_EQ(result->uiValue1, TARND_DIM_STATE_DIFFERS);
+    EXPECT_EQ(result->uiValue1, measurement_state::kDiffers);
     EXPECT_EQ(result->uiValue2, 2);
     EXPECT_TRUE(std::string(result->acMeasResult)
                     .ends_with("/victim: 1 changed, 1 new of 2 files; 1 unread; 3 processes, 0 hidden"))
         << result->acMeasResult;
 
     Restart();
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NONE);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kNone);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Result()->uiValue2, 2) << "the baseline is kept";
-    EXPECT_EQ(Operate(TARND_DIM_FORGET), 0);
-    ExpectResult(TARND_DIM_STATE_NONE, 0, "nothing has been measured");
+    EXPECT_EQ(Operate(measurement_operation::kForget), 0);
+    ExpectResult(measurement_state::kNone, 0, "nothing has been measured");
     EXPECT_EQ(Baseline().find(kDigestOfFirst), std::string::npos);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE) << "it is forgotten at once";
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kNoBaseline) << "it is forgotten at once";
 }
 
 TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
     Install("victim", "first");
     Run(kFakePid, "victim");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
     Install("younger", "other");
     Run(kFakePid + 1, "younger");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Result()->uiValue2, 1);
-    daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
-    daemon->measurement.SetMode(TARND_DIM_MODE_REPORT);
+    daemon->measurement.SetMode(measurement_mode::kLearn);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    daemon->measurement.SetMode(measurement_mode::kReport);
     Restart();
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
-    daemon->measurement.SetMode(TARND_DIM_MODE_LEARN);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "0 changed, 0 new of 2 files; 0 unread; 2 processes, 0 hidden");
+    daemon->measurement.SetMode(measurement_mode::kLearn);
     Install("younger", "changed");
     Run(kFakePid + 1, "younger");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Result()->uiValue2, 1) << "what has changed is not learned";
 }
 
@@ -134,8 +138,8 @@ TEST_F(MeasurementPartsTest, CountsProcessesAndReadsAFileOnce) {
     Run(kFakePid + 1, "victim");
     proc.SetThread(kFakePid + 2, kit::FakeProc::MakeTask(kFakePid + 2, "kernel"));
     proc.Write(fmt::format("{}/maps", kFakePid + 2), "");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
 }
 
 TEST_F(MeasurementPartsTest, FindsFilesBelowTheRootOfTheirProcess) {
@@ -144,8 +148,8 @@ TEST_F(MeasurementPartsTest, FindsFilesBelowTheRootOfTheirProcess) {
     std::filesystem::create_directory_symlink("/bin", root / "link"); // within the root
     Install("jail/bin/app", "first");
     RunIn(root, kFakePid, root / "bin/app", "/link/app");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 0 unread; 1 processes, 0 hidden");
     EXPECT_NE(Baseline().find("\"/link/app\""), std::string::npos) << Baseline();
 }
 
@@ -154,8 +158,8 @@ TEST_F(MeasurementPartsTest, ReadsAFileThatOnlyOneOfItsProcessesShows) {
     std::filesystem::create_directory(dir.Path() / "empty");
     RunIn(dir.Path() / "empty", kFakePid, dir.Path() / "victim", dir.Path() / "victim");
     Run(kFakePid + 1, "victim");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 1 unread; 2 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 1 unread; 2 processes, 0 hidden");
 }
 
 TEST_F(MeasurementPartsTest, MissesNothingOfProcessesThatHaveEnded) {
@@ -165,15 +169,15 @@ TEST_F(MeasurementPartsTest, MissesNothingOfProcessesThatHaveEnded) {
     RunIn(dir.Path() / "empty", kFakePid + 1, dir.Path() / "victim", "/ended");
     proc.Remove(fmt::format("{}/stat", kFakePid + 1));
     proc.SetThread(kFakePid + 2, kit::FakeProc::MakeTask(kFakePid + 2, "has no maps any more"));
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
-    ExpectResult(TARND_DIM_STATE_AS_RECORDED, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 0 unread; 2 processes, 0 hidden");
 }
 
 TEST_F(MeasurementPartsTest, CountsWhatIsNoRegularFileAsUnread) {
     std::filesystem::create_directory(dir.Path() / "directory");
     Run(kFakePid, "directory");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 0 files; 1 unread; 1 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kNoBaseline, 0, "no baseline; 0 files; 1 unread; 1 processes, 0 hidden");
 }
 
 TEST_F(MeasurementPartsTest, CountsProcessesThatMayNotBeLookedInto) {
@@ -182,18 +186,18 @@ TEST_F(MeasurementPartsTest, CountsProcessesThatMayNotBeLookedInto) {
     std::filesystem::permissions(proc.Proc().Path(""), std::filesystem::perms::all);
     std::filesystem::permissions(proc.Proc().Path(kFakePid, "maps"), std::filesystem::perms::none);
     const kit::Nobody nobody;
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    ExpectResult(TARND_DIM_STATE_NO_BASELINE, 0, "no baseline; 0 files; 0 unread; 0 processes, 1 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    ExpectResult(measurement_state::kNoBaseline, 0, "no baseline; 0 files; 0 unread; 0 processes, 1 hidden");
 }
 
 TEST_F(MeasurementPartsTest, NamesTheEndOfALongPath) {
     Install("victim", "first");
     Run(kFakePid, "victim");
-    EXPECT_EQ(Operate(TARND_DIM_RECORD), 0);
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
     const std::string name = std::string(200, 'x') + "-end";
     Install(name, "other");
     Run(kFakePid + 1, name);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     const std::string text = Result()->acMeasResult;
     EXPECT_EQ(text.size(), sizeof(Tarn_sys_diag_DimMeasRst::acMeasResult) - 1);
     EXPECT_TRUE(text.starts_with("...x")) << text;
@@ -203,19 +207,19 @@ TEST_F(MeasurementPartsTest, NamesTheEndOfALongPath) {
     const std::string fits = std::string(shown.size() - dir.Path().string().size() - 1, 'y');
     Install(fits, "other");
     Run(kFakePid + 1, fits);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_TRUE(std::string(Result()->acMeasResult).starts_with((dir.Path() / fits).string() + ": ")) << "the whole";
 }
 
 TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
     Install("victim", "first");
     Run(kFakePid, "victim");
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE, ETIMEDOUT), ETIMEDOUT);
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_FAILED);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE, ESHUTDOWN), ESHUTDOWN);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE, EALREADY), ECANCELED);
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_NO_BASELINE);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure, ETIMEDOUT), ETIMEDOUT);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kFailed);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure, ESHUTDOWN), ESHUTDOWN);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure, EALREADY), ECANCELED);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kNoBaseline);
 }
 
 // The measurements that nobody asks for.
@@ -241,12 +245,12 @@ protected:
 
     // Whether there was one since the last time that this was asked.
     bool Measured() {
-        while (Result()->uiValue1 == TARND_DIM_STATE_RUNS) {
+        while (Result()->uiValue1 == measurement_state::kRuns) {
             std::this_thread::yield();
         }
-        const bool measured = Result()->uiValue1 != TARND_DIM_STATE_NONE;
+        const bool measured = Result()->uiValue1 != measurement_state::kNone;
         if (measured) {
-            EXPECT_EQ(Operate(TARND_DIM_FORGET), 0);
+            EXPECT_EQ(Operate(measurement_operation::kForget), 0);
         }
         return measured;
     }
@@ -263,33 +267,33 @@ protected:
 
 TEST_F(MeasurementByTimeTest, RunsPeriodically) {
     EXPECT_EQ(Measurements(1h, 30), 0) << "until it is told to";
-    SetTimes(TARND_DIM_EVERY_SECONDS, 7);
+    SetTimes(measurement_time::kEverySeconds, 7);
     EXPECT_EQ(Measurements(1s, 6), 0);
     EXPECT_EQ(Measurements(1s, 1), 1);
     EXPECT_EQ(Measurements(1s, 70), 10);
-    SetTimes(TARND_DIM_EVERY_MINUTES, 7);
+    SetTimes(measurement_time::kEveryMinutes, 7);
     EXPECT_EQ(Measurements(1s, 419), 0);
     EXPECT_EQ(Measurements(1s, 1), 1);
     EXPECT_EQ(Measurements(1min, 70), 10);
-    SetTimes(TARND_DIM_EVERY_MINUTES, 0);
+    SetTimes(measurement_time::kEveryMinutes, 0);
     EXPECT_EQ(Measurements(1min, 70), 0);
 }
 
 TEST_F(MeasurementByTimeTest, DoesNotRunWhileItIsOff) {
-    SetMode(TARND_DIM_MODE_OFF);
-    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
+    SetMode(measurement_mode::kOff);
+    SetTimes(measurement_time::kEverySeconds, 5);
     EXPECT_EQ(Measurements(1s, 20), 0);
     SetTimes(3, 30);
     EXPECT_EQ(Measurements(1min, 25 * 60), 0);
-    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
-    SetMode(TARND_DIM_MODE_LEARN);
+    SetTimes(measurement_time::kEverySeconds, 5);
+    SetMode(measurement_mode::kLearn);
     EXPECT_EQ(Measurements(1s, 20), 4);
-    SetMode(TARND_DIM_MODE_OFF);
+    SetMode(measurement_mode::kOff);
     EXPECT_EQ(Measurements(1s, 20), 0);
 }
 
 TEST_F(MeasurementByTimeTest, KeepsItsTimesBeyondARestart) {
-    SetTimes(TARND_DIM_EVERY_SECONDS, 5);
+    SetTimes(measurement_time::kEverySeconds, 5);
     Restart();
     EXPECT_EQ(Measurements(1s, 20), 4);
     SetTimes(3, 30);
@@ -332,7 +336,7 @@ TEST_F(MeasurementByTimeTest, NoticesThatTheSystemsClockWasSet) {
 }
 
 TEST_F(MeasurementByTimeTest, RunsPeriodicallyWhateverClocksShow) {
-    SetTimes(TARND_DIM_EVERY_SECONDS, 10);
+    SetTimes(measurement_time::kEverySeconds, 10);
     EXPECT_EQ(Measurements(1s, 5), 0);
     SetClock(3, 29, 58);
     EXPECT_EQ(Measurements(1s, 4), 0);
@@ -358,7 +362,7 @@ protected:
     }
     // The first, which holds the pass.
     void Hold(Answers &answers) {
-        Ask(TARND_DIM_MEASURE, answers, [this] {
+        Ask(measurement_operation::kMeasure, answers, [this] {
             if (!held_.exchange(true)) {
                 started_.set_value();
                 go_.get_future().wait();
@@ -391,12 +395,13 @@ TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
     testing::internal::CaptureStderr();
     Answers answers;
     Hold(answers);
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_RUNS);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kRuns);
     clocks.Advance(5s);
     for (int i = 0; i < 11; ++i) {
-        EXPECT_TRUE(Ask(TARND_DIM_MEASURE, answers));
+        EXPECT_TRUE(Ask(measurement_operation::kMeasure, answers));
     }
-    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 22:13:20, not done yet") << "the one that runs";
+    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 2023-11-14 22:13:20, not done yet")
+        << "the one that runs";
     GoOn();
     WaitFor(answers, 12);
     EXPECT_EQ(answers, Answers(12, 0));
@@ -407,8 +412,8 @@ TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
 TEST_F(HeldMeasurementTest, IsDoneForThoseThatStillWantIt) {
     Answers first, gone, stayed;
     Hold(first);
-    Ask(TARND_DIM_MEASURE, gone, [] { return uint32_t{ETIMEDOUT}; });
-    Ask(TARND_DIM_MEASURE, stayed);
+    Ask(measurement_operation::kMeasure, gone, [] { return uint32_t{ETIMEDOUT}; });
+    Ask(measurement_operation::kMeasure, stayed);
     GoOn();
     WaitFor(stayed, 1);
     EXPECT_EQ(stayed, Answers(1, 0));
@@ -419,7 +424,7 @@ TEST_F(HeldMeasurementTest, IsNotDueWhileOneRuns) {
     testing::internal::CaptureStderr();
     Answers answers;
     Hold(answers);
-    SetTimes(TARND_DIM_EVERY_SECONDS, 1);
+    SetTimes(measurement_time::kEverySeconds, 1);
     Pass(1s, 5);
     GoOn();
     WaitFor(answers, 1);
@@ -433,21 +438,21 @@ TEST_F(HeldMeasurementTest, LetsOnlySoManyWait) {
     Answers answers;
     Hold(answers);
     for (size_t i = 1; i < tarnd::Measurement::kMaxJobs; ++i) {
-        EXPECT_TRUE(Ask(TARND_DIM_RECORD, answers));
+        EXPECT_TRUE(Ask(measurement_operation::kRecord, answers));
     }
-    EXPECT_EQ(Operate(TARND_DIM_MEASURE), EBUSY);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), EBUSY);
     GoOn();
     WaitFor(answers, tarnd::Measurement::kMaxJobs);
     EXPECT_EQ(answers, Answers(tarnd::Measurement::kMaxJobs, 0));
-    EXPECT_EQ(Result()->uiValue1, TARND_DIM_STATE_AS_RECORDED);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kAsRecorded);
 }
 
 TEST_F(HeldMeasurementTest, IsGivenUpWhenToldTo) {
     Answers answers, later;
     Hold(answers);
-    Ask(TARND_DIM_MEASURE, answers);
-    EXPECT_EQ(Operate(TARND_DIM_CANCEL), 0);
-    Ask(TARND_DIM_RECORD, later);
+    Ask(measurement_operation::kMeasure, answers);
+    EXPECT_EQ(Operate(measurement_operation::kCancel), 0);
+    Ask(measurement_operation::kRecord, later);
     GoOn();
     WaitFor(answers, 2);
     EXPECT_EQ(answers, Answers(2, ECANCELED));
@@ -458,7 +463,7 @@ TEST_F(HeldMeasurementTest, IsGivenUpWhenToldTo) {
 TEST_F(HeldMeasurementTest, AnswersOnceWhenTheDaemonEnds) {
     Answers answers;
     Hold(answers);
-    Ask(TARND_DIM_RECORD, answers);
+    Ask(measurement_operation::kRecord, answers);
     std::thread end([this] { daemon.reset(); });
     GoOn();
     end.join();
@@ -467,37 +472,76 @@ TEST_F(HeldMeasurementTest, AnswersOnceWhenTheDaemonEnds) {
 }
 
 TEST_F(MeasurementPartsTest, RefusesWhatItDoesNotKnow) {
-    EXPECT_EQ(Operate(0), EINVAL);
-    EXPECT_EQ(Operate(6), EINVAL);
-    EXPECT_EQ(Operate(TARND_DIM_START), 0);
+    EXPECT_EQ(Operate(measurement_operation::kStart), 0);
     const auto times = [](uint8_t hour, uint8_t minute) {
         const Tarn_sys_diag_DimTimeCfg request{hour, minute};
         return TarnSetDimTimeCfgByTarnd(&request);
     };
-    EXPECT_EQ(times(24, 0), EINVAL);
     EXPECT_EQ(times(253, 0), EINVAL);
-    EXPECT_EQ(times(23, 60), EINVAL);
     EXPECT_EQ(times(23, 59), 0);
-    EXPECT_EQ(times(TARND_DIM_EVERY_SECONDS, 200), 0);
-    EXPECT_EQ(times(TARND_DIM_EVERY_MINUTES, 0), 0);
+    EXPECT_EQ(times(measurement_time::kEverySeconds, 200), 0);
+    EXPECT_EQ(times(measurement_time::kEveryMinutes, 0), 0);
     const auto mode = [](uint32_t value) {
         const Tarn_sys_diag_DimWorkModeCfg request{value};
         return TarnSetDimWorkModeCfgByTarnd(&request);
     };
-    EXPECT_EQ(mode(3), EINVAL);
-    EXPECT_EQ(mode(TARND_DIM_MODE_OFF), 0);
+    EXPECT_EQ(mode(measurement_mode::kOff), 0);
     const std::string kept = kit::TextOfFile(state.Path() / "measurement.json");
     EXPECT_NE(kept.find("\"hour\": 255"), kept.npos) << kept;
     EXPECT_NE(kept.find("\"mode\": 0"), kept.npos) << kept;
 }
 
+// Why a method without reply refuses a request.
+template <class Request>
+std::string RefusalOf(uint32_t (*method)(const Request *), const Request &request) {
+    kit::ReplyContext context;
+    const kit::RunningMethod running(context);
+    EXPECT_EQ(method(&request), EINVAL);
+    return context.reason;
+}
+
+TEST_F(MeasurementPartsTest, SaysWhatItExpects) {
+    const auto operation = [](uint32_t value) {
+        return kit::CallMethod<Tarn_sys_diag_Result>(TarnSetDimOpration, Tarn_sys_diag_DimSetIn{value}).Reason();
+    };
+    const auto time = [](uint8_t hour, uint8_t minute) {
+        return RefusalOf(TarnSetDimTimeCfgByTarnd, Tarn_sys_diag_DimTimeCfg{hour, minute});
+    };
+    const auto mode = [](uint32_t value) {
+        return RefusalOf(TarnSetDimWorkModeCfgByTarnd, Tarn_sys_diag_DimWorkModeCfg{value});
+    };
+    EXPECT_EQ(operation(0),
+              "operation (uiOperation) is 0, expected measure (1), record (2), forget (3), cancel (4) or start (5)");
+    EXPECT_EQ(operation(6),
+              "operation (uiOperation) is 6, expected measure (1), record (2), forget (3), cancel (4) or start (5)");
+    EXPECT_EQ(time(24, 0), "hour (ucValue1) is 24, expected every-seconds (254) or every-minutes (255) or 0 to 23");
+    EXPECT_EQ(time(23, 60), "minute (ucValue2) is 60, expected 0 to 59, a minute of the hour");
+    EXPECT_EQ(mode(3), "mode (uiWorkMode) is 3, expected off (0), report (1) or learn (2)");
+}
+
+TEST_F(MeasurementPartsTest, TakesNothingOverOfSettingsThatMakeNoSense) {
+    struct Settings {
+        uint32_t hour, minute, mode;
+    };
+    for (const auto &[hour, minute, mode] : {Settings{24, 0, 2}, Settings{23, 60, 2}, Settings{254, 1, 3}}) {
+        daemon->store.Save("measurement", 1,
+                           host::Document::Object{{"hour", hour}, {"minute", minute}, {"mode", mode}});
+        testing::internal::CaptureStderr();
+        Restart();
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("set aside as measurement.json.damaged"), log.npos) << log;
+        Pass(1s, 3);
+        EXPECT_EQ(Result()->uiValue1, measurement_state::kNone) << "it is not measured by time";
+    }
+}
+
 TEST(MeasurementTimes, AreATimeOfDayOrAPeriod) {
     using tarnd::MeasurementTimes;
-    EXPECT_EQ((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 7}.Period()), 7s);
-    EXPECT_EQ((MeasurementTimes{TARND_DIM_EVERY_MINUTES, 7}.Period()), 7min);
+    EXPECT_EQ((MeasurementTimes{measurement_time::kEverySeconds, 7}.Period()), 7s);
+    EXPECT_EQ((MeasurementTimes{measurement_time::kEveryMinutes, 7}.Period()), 7min);
     EXPECT_EQ((MeasurementTimes{3, 30}.Period()), 0s);
-    EXPECT_TRUE((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 0}.IsNever()));
-    EXPECT_FALSE((MeasurementTimes{TARND_DIM_EVERY_SECONDS, 1}.IsNever()));
+    EXPECT_TRUE((MeasurementTimes{measurement_time::kEverySeconds, 0}.IsNever()));
+    EXPECT_FALSE((MeasurementTimes{measurement_time::kEverySeconds, 1}.IsNever()));
     EXPECT_FALSE((MeasurementTimes{0, 0}.IsNever())) << "midnight";
 }
 

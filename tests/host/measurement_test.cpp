@@ -6,10 +6,13 @@ TARN_UNIT()
 #include "types/master.h"
 #include "types/tarnd.h"
 
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
+
+namespace measurement_operation = host::meaning::measurement_operation;
+namespace measurement_state = host::meaning::measurement_state;
 
 // Other processes of the machine come and go, so the tests look for a file of their own.
 class MeasurementTest : public kit::DaemonTest<Unit> {
@@ -73,34 +76,34 @@ std::string Sha256Sum(const std::filesystem::path &path) {
 }
 
 TEST_F(MeasurementTest, FindsAnExecutableThatWasChanged) {
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
+    EXPECT_EQ(StateCode(), measurement_state::kNone);
     const auto first = StartVictim();
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NO_BASELINE);
-    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_AS_RECORDED);
+    ASSERT_EQ(Operate(measurement_operation::kMeasure), 0);
+    EXPECT_EQ(StateCode(), measurement_state::kNoBaseline);
+    ASSERT_EQ(Operate(measurement_operation::kRecord), 0);
+    EXPECT_EQ(StateCode(), measurement_state::kAsRecorded);
     const std::string before = Sha256Sum(victim_);
     EXPECT_NE(kit::TextOfFile(state_ / "measurement-baseline.json").find(before), std::string::npos);
 
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ASSERT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Count(changed_) + Count(new_), 0) << daemon_->Err();
 
     ChangeVictim();
     const auto second = StartVictim();
-    ASSERT_EQ(Operate(TARND_DIM_MEASURE), 0);
+    ASSERT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Count(changed_), 1) << daemon_->Err();
     const auto result = Result();
-    EXPECT_EQ(result->uiValue1, TARND_DIM_STATE_DIFFERS);
+    EXPECT_EQ(result->uiValue1, measurement_state::kDiffers);
     EXPECT_GE(result->uiValue2, 1);
     EXPECT_NE(std::string(result->acMeasResult).find(" changed, "), std::string::npos) << result->acMeasResult;
 
-    ASSERT_EQ(Operate(TARND_DIM_RECORD), 0);
+    ASSERT_EQ(Operate(measurement_operation::kRecord), 0);
     const std::string baseline = kit::TextOfFile(state_ / "measurement-baseline.json");
     EXPECT_NE(baseline.find(before), std::string::npos) << "the first process still runs it";
     EXPECT_NE(baseline.find(Sha256Sum(victim_)), std::string::npos);
 
-    ASSERT_EQ(Operate(TARND_DIM_FORGET), 0);
-    EXPECT_EQ(StateCode(), TARND_DIM_STATE_NONE);
+    ASSERT_EQ(Operate(measurement_operation::kForget), 0);
+    EXPECT_EQ(StateCode(), measurement_state::kNone);
     EXPECT_EQ(kit::TextOfFile(state_ / "measurement-baseline.json").find(before), std::string::npos);
 }
 
@@ -108,11 +111,11 @@ TEST_F(MeasurementTest, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(Operate(0), EINVAL);
     EXPECT_EQ(Operate(6), EINVAL);
     SetTimes(24, 0);
-    EXPECT_TRUE(Logged("ucValue1 is 24"));
+    EXPECT_TRUE(Logged("hour (ucValue1) is 24"));
     SetTimes(23, 60);
-    EXPECT_TRUE(Logged("ucValue2 is 60"));
+    EXPECT_TRUE(Logged("minute (ucValue2) is 60"));
     SetMode(3);
-    EXPECT_TRUE(Logged("uiWorkMode is 3"));
+    EXPECT_TRUE(Logged("mode (uiWorkMode) is 3"));
 }
 
 } // namespace

@@ -10,7 +10,6 @@
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/memory_files.h"
 #include "host/daemon/memory/process_memory.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
@@ -235,12 +234,13 @@ TEST_F(MemoryMethodsTest, ListMappings) {
 
 TEST_F(MemoryMethodsTest, ListOnlySoManyMappings) {
     AddProcess(kFakePid, "app");
+    using host::meaning::mappings::kMost;
     std::string maps;
-    for (int i = 0; i < TARND_MAPPINGS_MAX; ++i) {
+    for (uint32_t i = 0; i < kMost; ++i) {
         maps += "10000-12000 r-xp 00000000 fe:01 17 /lib\n";
     }
     proc.Write(fmt::format("{}/smaps", kFakePid), maps);
-    EXPECT_EQ(Mappings(kFakePid)->uiMapNum, TARND_MAPPINGS_MAX);
+    EXPECT_EQ(Mappings(kFakePid)->uiMapNum, kMost);
     proc.Write(fmt::format("{}/smaps", kFakePid), maps + "10000-12000 r-xp 00000000 fe:01 17 /lib\n");
     EXPECT_EQ(Mappings(kFakePid).Status(), EMSGSIZE);
 }
@@ -353,11 +353,12 @@ TEST(ModeText, IsThatOfAListing) {
 }
 
 TEST(Largest, KeepsTheLargestOfAnyNumber) {
-    tarnd::Largest<int> largest(3, [](int value) { return static_cast<uint64_t>(value); });
-    for (int i = 0; i < 100; ++i) {
-        largest.Add(i * 37 % 101);
+    tarnd::Largest<std::string> largest(3);
+    for (uint64_t i = 0; i < 100; ++i) {
+        const uint64_t size = i * 37 % 101;
+        largest.Add(size, std::to_string(size));
     }
-    EXPECT_EQ(largest.Take(), (std::vector<int>{100, 99, 98}));
+    EXPECT_EQ(largest.Take(), (std::vector<std::string>{"100", "99", "98"}));
 }
 
 TEST_F(MemoryMethodsTest, SumUpNodes) {
@@ -436,12 +437,22 @@ TEST_F(MemoryMethodsTest, DumpMemory) {
               fmt::format("{:x}  42 79 74 65 73 20 74 6f 20 62 65 20 66 6f 75 6e  Bytes to be foun\n"
                           "{:x}  64 0a 01 ff 20 7e 7f                             d... ~.\n",
                           at, at + 16));
-    EXPECT_EQ(Dump(self, at, 0).Status(), EINVAL);
-    EXPECT_EQ(Dump(self, at, TARND_DUMP_MAX + 1).Status(), EINVAL);
-    EXPECT_EQ(Dump(self, UINT64_MAX, 1).Status(), EINVAL);
     EXPECT_EQ(Dump(self, UINT64_MAX - 1, 1).Status(), EFAULT);
     EXPECT_EQ(Dump(self, 0, 16).Status(), EFAULT);
     EXPECT_EQ(Dump(kFakePid, at, 16).Status(), ESRCH);
+}
+
+TEST_F(MemoryMethodsTest, SayWhatTheyExpect) {
+    const auto application = [](uint32_t process, uint32_t view) {
+        return kit::CallMethod<Tarn_sys_diag_AppMemInfoOutput>(AppMemInfo,
+                                                               Tarn_sys_diag_AppMemInfoInput{process, view});
+    };
+    EXPECT_EQ(Dump(1, 4096, 0).Reason(), "length (ullLength) is 0 B, expected 1 to 65536");
+    EXPECT_EQ(Dump(1, 4096, 65537).Reason(), "length (ullLength) is 65537 B, expected 1 to 65536");
+    EXPECT_EQ(Dump(1, UINT64_MAX, 1).Reason(),
+              "address (ullAddress) is 0xffffffffffffffff, expected an address with the whole range behind it");
+    EXPECT_EQ(application(0, 0).Reason(), "process (uiValue1) is 0, expected at least 1");
+    EXPECT_EQ(application(1, 3).Reason(), "view (uiValue2) is 3, expected units (0), details (1) or modules (2)");
 }
 
 } // namespace

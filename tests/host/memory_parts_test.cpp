@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
@@ -14,6 +14,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+namespace memory_report = host::meaning::memory_report;
+namespace overload_monitor = host::meaning::overload_monitor;
 
 class MemoryWatchTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
@@ -22,16 +24,19 @@ protected:
     // All memory is 1000000 KiB.
     void Use(uint64_t kib) { machine.memory.available = 1'000'000 - kib; }
 
-    uint32_t Set(uint32_t over, uint32_t recover) {
+    auto SetAnswer(uint32_t beginsAt, uint32_t endsBelow) {
         return kit::CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadMemThresholdSet,
-                                                         Tarn_sys_diag_SysOvLoadMemThreshold{over, recover})
-            ->uiResult;
+                                                         Tarn_sys_diag_SysOvLoadMemThreshold{beginsAt, endsBelow});
     }
-    uint32_t Clear(std::string_view what, std::string_view pattern = "") {
+    uint32_t Set(uint32_t beginsAt, uint32_t endsBelow) { return SetAnswer(beginsAt, endsBelow)->uiResult; }
+    auto ClearAnswer(std::string_view what, std::string_view pattern = "") {
         Tarn_sys_diag_ClearEnvActInput request{};
         what.copy(request.acValue1, sizeof request.acValue1);
         pattern.copy(request.acValue2, sizeof request.acValue2);
-        return kit::CallMethod<Tarn_sys_diag_Result>(ClearEnvAct, request)->uiResult;
+        return kit::CallMethod<Tarn_sys_diag_Result>(ClearEnvAct, request);
+    }
+    uint32_t Clear(std::string_view what, std::string_view pattern = "") {
+        return ClearAnswer(what, pattern)->uiResult;
     }
     auto Configuration() {
         return kit::CallMethod<Tarn_sys_diag_GetSysMemOverloadCfgOutput>(GetSysMemOverloadCfg, Tarn_sys_diag_None{});
@@ -130,10 +135,10 @@ TEST_F(MemoryWatchTest, RecordsOverloads) {
     EXPECT_EQ(record->pstRecord[0].stTime.ucSecond, 22);
     EXPECT_EQ(record->pstRecord[1].stTime.ucSecond, 28);
     EXPECT_EQ(Configuration()->uiValue5, 1) << "overloads, not their ends";
-    EXPECT_EQ(Text(TARND_LEAK_OVERLOADS),
-              "TIME                OVERLOAD  IN USE      PID NAME                  RSS KiB\n"
-              "2023-11-14 22:13:22 begins       900       11 lar?ge                   9000\n"
-              "2023-11-14 22:13:28 ends         849       11 lar?ge                   9000\n");
+    EXPECT_EQ(Text(memory_report::kOverloads),
+              "TIME                      OVERLOAD  IN USE      PID NAME                  RSS KiB\n"
+              "2023-11-14 22:13:22       begins       900       11 lar ge                   9000\n"
+              "2023-11-14 22:13:28       ends         849       11 lar ge                   9000\n");
 }
 
 TEST_F(MemoryWatchTest, KeepsTheNewestOverloadsUntilTheyAreCleared) {
@@ -181,6 +186,17 @@ TEST_F(MemoryWatchTest, KeepsItsThresholds) {
     EXPECT_EQ(Record()->uiRecordNum, 0) << "it is off";
 }
 
+TEST_F(MemoryWatchTest, TakesNothingOverOfThresholdsThatMakeNoSense) {
+    for (const auto &[over, recover] : {std::pair(1001U, 900U), std::pair(700U, 701U)}) {
+        daemon->store.Save("memory-overload", 1, host::Document::Object{{"over", over}, {"recover", recover}});
+        Restart();
+        EXPECT_EQ(Configuration()->uiValue1, 900);
+        EXPECT_EQ(Configuration()->uiValue2, 850);
+        EXPECT_TRUE(std::filesystem::exists(state.Path() / "memory-overload.json.damaged"));
+        std::filesystem::remove(state.Path() / "memory-overload.json.damaged");
+    }
+}
+
 TEST_F(MemoryWatchTest, IsAsBeforeWhenThresholdsCantBeKept) {
     EXPECT_EQ(Set(700, 600), 0);
     std::filesystem::remove(state.Path() / "memory-overload.json");
@@ -197,9 +213,9 @@ TEST_F(MemoryWatchTest, TellsWhetherItsMonitorIsOn) {
                                                      Tarn_sys_diag_SetOvLoadDebugSwitchInput{monitors, on})
             ->uiResult;
     };
-    EXPECT_EQ(debug(TARND_MONITOR_CPU, 1), 0);
+    EXPECT_EQ(debug(overload_monitor::kCpu, 1), 0);
     EXPECT_EQ(Switch()->ucValue2, 0);
-    EXPECT_EQ(debug(TARND_MONITOR_MEMORY, 1), 0);
+    EXPECT_EQ(debug(overload_monitor::kMemory, 1), 0);
     EXPECT_EQ(Switch()->ucValue2, 1);
 }
 
@@ -218,18 +234,18 @@ TEST_F(MemoryWatchTest, SuspectsWhatGrowsAndGrows) {
         Pass(1s);
     }
     // Of 41 samples, 1 s apart, the last quarter begins with that of the 31st second.
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40)) << "1023 is too little";
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 1023),
-              suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40) + Row(14, "slow", 2320, 1023, 1534, 40));
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 3100), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40));
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 3101), suspects_);
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 0, 1), suspects_ + Row(11, "le?aky", 5000, 3100, 4650, 40));
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 10, 0, 1), suspects_);
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 20, 1), suspects_ + Row(11, "le?aky", 5000, 1600, 4800, 20));
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 11, 2, 1), suspects_) << "too few points for four quarters";
-    EXPECT_EQ(Query(TARND_LEAK_SUSPECTS, 99).Status(), ESRCH);
-    EXPECT_EQ(Query(TARND_LEAK_SUSPECTS, 0, 0, 0, ECANCELED).Status(), ECANCELED);
-    EXPECT_EQ(Query(3).Status(), EINVAL);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40))
+        << "1023 is too little";
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 1023),
+              suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40) + Row(14, "slow", 2320, 1023, 1534, 40));
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 3100), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40));
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 3101), suspects_);
+    EXPECT_EQ(Text(memory_report::kSuspects, 11, 0, 1), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40));
+    EXPECT_EQ(Text(memory_report::kSuspects, 10, 0, 1), suspects_);
+    EXPECT_EQ(Text(memory_report::kSuspects, 11, 20, 1), suspects_ + Row(11, "le aky", 5000, 1600, 4800, 20));
+    EXPECT_EQ(Text(memory_report::kSuspects, 11, 2, 1), suspects_) << "too few points for four quarters";
+    EXPECT_EQ(Query(memory_report::kSuspects, 99).Status(), ESRCH);
+    EXPECT_EQ(Query(memory_report::kSuspects, 0, 0, 0, ECANCELED).Status(), ECANCELED);
 }
 
 TEST_F(MemoryWatchTest, ForgetsGrowthThatIsKnown) {
@@ -241,17 +257,14 @@ TEST_F(MemoryWatchTest, ForgetsGrowthThatIsKnown) {
         Grow(10, 100, 1);
     }
     EXPECT_EQ(Clear("leak", "lea*"), 0);
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS), suspects_ + Row(11, "other", 9000, 6200, 9300, 40));
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(11, "other", 9000, 6200, 9300, 40));
     Grow(10, 100, 20);
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 10), suspects_ + Row(10, "leaky", 7000, 1600, 4800, 20));
+    EXPECT_EQ(Text(memory_report::kSuspects, 10), suspects_ + Row(10, "leaky", 7000, 1600, 4800, 20));
     EXPECT_EQ(Clear("leak"), 0);
-    EXPECT_EQ(Text(TARND_LEAK_SUSPECTS, 0, 0, 1), suspects_) << "all";
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 1), suspects_) << "all";
 }
 
 TEST_F(MemoryWatchTest, TakesOnlySoManyMarks) {
-    EXPECT_EQ(Clear(""), EINVAL);
-    EXPECT_EQ(Clear("everything"), EINVAL);
-    EXPECT_EQ(Clear("overload", "x"), EINVAL);
     EXPECT_EQ(Clear(std::string(50, 'x'), std::string(50, 'x')), EINVAL);
     for (size_t i = 0; i < tarnd::MemoryLeaks::kPatterns; ++i) {
         EXPECT_EQ(Clear("leak", "name" + std::to_string(i)), 0);
@@ -262,21 +275,33 @@ TEST_F(MemoryWatchTest, TakesOnlySoManyMarks) {
     EXPECT_EQ(Clear("leak", "one more"), 0);
 }
 
+TEST_F(MemoryWatchTest, SaysWhatItExpects) {
+    EXPECT_EQ(SetAnswer(1001, 0).Reason(), "begins-at (uiValue1) is 1001 ‰, expected 0 to 1000");
+    EXPECT_EQ(SetAnswer(700, 701).Reason(),
+              "ends-below (uiValue2) is 701 ‰, expected at most begins-at (uiValue1), which is 700 ‰");
+    EXPECT_EQ(Query(3).Reason(), "report (uiValue1) is 3, expected suspects (0), history (1) or overloads (2)");
+    EXPECT_EQ(ClearAnswer("").Reason(), R"(what (acValue1) is empty, expected "overload" or "leak")");
+    EXPECT_EQ(ClearAnswer("every\nthing").Reason(),
+              R"(what (acValue1) is "every thing", expected "overload" or "leak")");
+    EXPECT_EQ(ClearAnswer("overload", "x").Reason(),
+              R"(pattern (acValue2) is "x", expected none for the record of overloads)");
+}
+
 TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {
     machine.Add(10, "app").threads[1000] = {};
     Grow(10, 8, 4);
-    const std::string head = "TIME                     RSS KiB  THREADS\n";
-    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10), head + "2023-11-14 22:13:21         1008        2\n"
-                                                   "2023-11-14 22:13:22         1016        2\n"
-                                                   "2023-11-14 22:13:23         1024        2\n"
-                                                   "2023-11-14 22:13:24         1032        2\n");
-    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 1), head + "2023-11-14 22:13:23         1024        2\n"
-                                                      "2023-11-14 22:13:24         1032        2\n");
-    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 0, 3), head + "2023-11-14 22:13:21         1008        2\n"
-                                                         "2023-11-14 22:13:22         1016        2\n"
-                                                         "2023-11-14 22:13:24         1032        2\n");
-    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 10, 0, 1), head + "2023-11-14 22:13:24         1032        2\n");
-    EXPECT_EQ(Query(TARND_LEAK_HISTORY, 99).Status(), ESRCH);
+    const std::string head = "TIME                           RSS KiB  THREADS\n";
+    EXPECT_EQ(Text(memory_report::kHistory, 10), head + "2023-11-14 22:13:21               1008        2\n"
+                                                        "2023-11-14 22:13:22               1016        2\n"
+                                                        "2023-11-14 22:13:23               1024        2\n"
+                                                        "2023-11-14 22:13:24               1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 1), head + "2023-11-14 22:13:23               1024        2\n"
+                                                           "2023-11-14 22:13:24               1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 3), head + "2023-11-14 22:13:21               1008        2\n"
+                                                              "2023-11-14 22:13:22               1016        2\n"
+                                                              "2023-11-14 22:13:24               1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 1), head + "2023-11-14 22:13:24               1032        2\n");
+    EXPECT_EQ(Query(memory_report::kHistory, 99).Status(), ESRCH);
 }
 
 TEST_F(MemoryWatchTest, TellsTheHistoryOfTheSystem) {
@@ -286,20 +311,20 @@ TEST_F(MemoryWatchTest, TellsTheHistoryOfTheSystem) {
     machine.memory.swapTotal = 1000;
     machine.memory.swapFree = 667;
     Pass(1s);
-    EXPECT_EQ(Text(TARND_LEAK_HISTORY, 0, 0, 1),
-              "TIME                 IN USE    AVAIL KiB     FREE KiB   CACHED KiB     SWAP KiB\n"
-              "2023-11-14 22:13:21     123       877000          111          222          333\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 0, 0, 1),
+              "TIME                       IN USE    AVAIL KiB     FREE KiB   CACHED KiB     SWAP KiB\n"
+              "2023-11-14 22:13:21           123       877000          111          222          333\n");
     const auto lines = [](const std::string &text) { return std::count(text.begin(), text.end(), '\n') - 1; };
     Pass(1s, 99);
-    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY)), TARND_HISTORY_DEFAULT_LINES);
-    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY, 0, 10)), 11);
-    EXPECT_EQ(lines(Text(TARND_LEAK_HISTORY, 0, 0, 10000)), 101) << "all that there is";
-    EXPECT_EQ(Query(TARND_LEAK_HISTORY, 0, 0, 10000)->ucValue2, 0);
+    EXPECT_EQ(lines(Text(memory_report::kHistory)), memory_report::kDefaultLines);
+    EXPECT_EQ(lines(Text(memory_report::kHistory, 0, 10)), 11);
+    EXPECT_EQ(lines(Text(memory_report::kHistory, 0, 0, 10000)), 101) << "all that there is";
+    EXPECT_EQ(Query(memory_report::kHistory, 0, 0, 10000)->ucValue2, 0);
     Pass(1s, 500);
-    const auto cut = Query(TARND_LEAK_HISTORY, 0, 0, 10000);
+    const auto cut = Query(memory_report::kHistory, 0, 0, 10000);
     EXPECT_EQ(cut->ucValue2, 1);
-    // A line is 80 characters; the last that fits leaves room for a terminating 0.
-    EXPECT_EQ(std::string(cut->acLeakInfo).size(), (sizeof cut->acLeakInfo - 1) / 80 * 80);
+    // A line is 86 characters; the last that fits leaves room for a terminating 0.
+    EXPECT_EQ(std::string(cut->acLeakInfo).size(), (sizeof cut->acLeakInfo - 1) / 86 * 86);
 }
 
 } // namespace

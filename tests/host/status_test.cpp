@@ -80,8 +80,15 @@ protected:
     StatusTest() {
         host::Log().set_level(host::LogLevel::kOff);
         client_.Configure({.runDir = dir_.Path()});
-        server_ = std::make_unique<host::Server>(
-            host::ServerOptions{.runDir = dir_.Path(), .workers = 3, .clocks = &clocks_});
+        server_ = std::make_unique<host::Server>(host::ServerOptions{.runDir = dir_.Path(),
+                                                                     .workers = 3,
+                                                                     .clocks = &clocks_,
+                                                                     .describe =
+                                                                         [this] {
+                                                                             ++descriptions_;
+                                                                             return description_;
+                                                                         },
+                                                                     .timezone = [this] { return timezone_; }});
         server_->AddService(__module_spec_TarnSysdiagTarnd);
         server_->AddService(served_module_spec_TarnSysdiagAgent);
         server_->Start();
@@ -130,6 +137,8 @@ protected:
 
     kit::TempDir dir_;
     kit::ManualClocks clocks_; // the server's
+    std::string description_ = "{}", timezone_;
+    std::atomic<unsigned> descriptions_ = 0;
     host::Client client_;
     std::unique_ptr<host::Server> server_;
 };
@@ -228,11 +237,39 @@ TEST_F(StatusTest, HealthTellsWhatIsGoingOn) {
     caller.join();
 }
 
+TEST_F(StatusTest, HealthTellsTheZoneAsItIsNow) {
+    for (const std::string zone : {"", "<CET>-1<CEST>,M3.5.0,M10.5.0/3"}) {
+        timezone_ = zone;
+        host::ServerHealth health;
+        EXPECT_TRUE(host::AskHealth(client_, kTarnd, 0, health, 10s).Ok());
+        EXPECT_EQ(health.timezone, zone);
+    }
+}
+
+TEST_F(StatusTest, ADescriptionIsMadeWhenItIsAskedForAndOnce) {
+    EXPECT_EQ(descriptions_, 0U);
+    description_ = std::string(1 << 20, ' ');
+    for (const char *service : {kTarnd, "TarnSysdiagAgent", kTarnd}) {
+        std::string description;
+        EXPECT_TRUE(host::AskDescription(client_, service, 0, description, 10s).Ok());
+        EXPECT_EQ(description, description_);
+        EXPECT_EQ(descriptions_, 1U);
+    }
+}
+
+TEST_F(StatusTest, AServerMayHaveNoDescription) {
+    description_ = "";
+    std::string description;
+    const host::CallOutcome outcome = host::AskDescription(client_, kTarnd, 0, description, 10s);
+    EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
+    EXPECT_EQ(outcome.text, "TarnHostRuntime.Describe: this server does not describe its services");
+}
+
 TEST_F(StatusTest, AnUnknownQuestionIsRefused) {
     const host::CallOutcome outcome =
         client_.Call({.service = host::kRuntimeService, .method = "Weather", .socketOf = kTarnd});
     EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
-    EXPECT_EQ(outcome.text, "TarnHostRuntime.Weather: the runtime's own service has Health and Status");
+    EXPECT_EQ(outcome.text, "TarnHostRuntime.Weather: the runtime's own service has Health, Status and Describe");
 }
 
 } // namespace

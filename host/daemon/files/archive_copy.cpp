@@ -7,6 +7,8 @@
 
 #include "host/daemon/files/archives.h"
 #include "host/daemon/files/progress.h"
+#include "host/meaning/check.h"
+#include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/store/files.h"
 
@@ -16,6 +18,9 @@ namespace {
 
 using host::Descriptor;
 using host::Fail;
+using host::meaning::BadMember;
+
+constexpr const auto &kMethod = host::methods::CopyZipLogFile;
 
 // A file, and the directory that it is in.
 struct Place {
@@ -38,7 +43,7 @@ void CheckArchive(const Descriptor &source, const std::string &name) {
     const std::string_view text(
         mark, static_cast<size_t>(std::max<ssize_t>(0, regular ? pread(source.Fd(), mark, sizeof mark, 0) : 0)));
     if (text != std::string_view("PK\3\4") && text != std::string_view("PK\5\6")) {
-        throw host::BadValue("szSrcPath", fmt::format("\"{}\"", name), "a ZIP archive");
+        throw BadMember(kMethod, "archive", name, "a ZIP archive");
     }
 }
 
@@ -82,8 +87,8 @@ const std::string &Archives::TargetDirectory(std::string_view name) const {
         for (const auto &[target, directory] : copyTargets_) {
             known += (known.empty() ? "" : ", ") + target;
         }
-        throw host::BadValue("szCopyTarget", fmt::format("\"{}\"", name),
-                             known.empty() ? "a target of --copy-target, of which there is none" : "one of " + known);
+        throw BadMember(kMethod, "target", name,
+                        known.empty() ? "a target of --copy-target, of which there is none" : "one of " + known);
     }
     return found->second;
 }
@@ -92,7 +97,8 @@ void Archives::Copy(const Copying &copying, const host::Check &check) const {
     const std::string &target = TargetDirectory(copying.target);
     std::vector<std::string> names = host::NamesBeneath(logDirectory_, copying.source);
     if (names.empty()) {
-        throw host::BadValue("szSrcPath", "the log directory", "an archive in it");
+        throw BadMember(kMethod, "archive", copying.source,
+                        "an archive in the log directory, not the directory itself");
     }
     const Place from = PlaceOf(std::move(names));
     const Descriptor fromDirectory = host::OpenBeneath(logDirectory_, from.directory);

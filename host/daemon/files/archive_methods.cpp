@@ -1,7 +1,6 @@
 // Log archives.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -9,24 +8,10 @@ namespace tarnd {
 namespace {
 
 std::string_view CheckedName(std::string_view name) {
-    if (name.empty() || name == "." || name == ".." || name.find('/') != name.npos) {
-        throw host::BadValue("szZipName", fmt::format("\"{}\"", name), "a file name");
+    if (name == "." || name == ".." || name.find('/') != name.npos) {
+        throw host::meaning::BadMember(host::methods::ZipLogFile, "name", name, "a file name without a directory");
     }
     return name;
-}
-
-bool IsStored(uint32_t option) {
-    if (option != TARND_ZIP_COMPRESSED && option != TARND_ZIP_STORED) {
-        throw host::BadValue("uiZipOption", option, "0 compressed or 1 stored");
-    }
-    return option == TARND_ZIP_STORED;
-}
-
-bool IsSaid(std::string_view value, const char *member, std::string_view word) {
-    if (!value.empty() && value != word) {
-        throw host::BadValue(member, fmt::format("\"{}\"", value), fmt::format("empty or \"{}\"", word));
-    }
-    return !value.empty();
 }
 
 } // namespace
@@ -35,25 +20,24 @@ bool IsSaid(std::string_view value, const char *member, std::string_view word) {
 
 uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::ZipLogFile, request, replyCtx, [&] {
-        tarnd::Daemon::Serving().archives.Pack({.source = host::TextOf(request->szLogPath),
-                                                .directory = host::TextOf(request->szZipPath),
-                                                .name = tarnd::CheckedName(host::TextOf(request->szZipName)),
-                                                .stored = tarnd::IsStored(request->uiZipOption)},
-                                               [&] { host::CheckWanted(replyCtx); });
+        tarnd::Daemon::Serving().archives.Pack(
+            {.source = host::TextOf(request->szLogPath),
+             .directory = host::TextOf(request->szZipPath),
+             .name = tarnd::CheckedName(host::TextOf(request->szZipName)),
+             .stored = request->uiZipOption == host::meaning::archive_compression::kStored},
+            [&] { host::CheckWanted(replyCtx); });
     });
 }
 
 uint32_t CopyZipLogFile(const Tarn_sys_diag_CopyloginfoInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::CopyZipLogFile, request, replyCtx, [&] {
-        const auto said = [&](const auto &member, const char *name, const char *word) {
-            return tarnd::IsSaid(host::TextOf(member), name, word);
-        };
+        const auto &[target, ifExists, mode, archive, destination] = *request;
         tarnd::Daemon::Serving().archives.Copy(
-            {.source = host::TextOf(request->szSrcPath),
-             .target = host::TextOf(request->szCopyTarget),
-             .destination = host::TextOf(request->szDstPath),
-             .replace = said(request->szCopyParam1, "szCopyParam1", TARND_COPY_REPLACE),
-             .move = said(request->szCopyParam2, "szCopyParam2", TARND_COPY_MOVE)},
+            {.source = host::TextOf(archive),
+             .target = host::TextOf(target),
+             .destination = host::TextOf(destination),
+             .replace = host::TextOf(ifExists) == host::meaning::if_exists::kReplace.name,
+             .move = host::TextOf(mode) == host::meaning::copy_mode::kMove.name},
             [&] { host::CheckWanted(replyCtx); });
     });
 }

@@ -12,6 +12,8 @@
 #include <memory>
 
 #include "host/daemon/files/progress.h"
+#include "host/meaning/check.h"
+#include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
 #include "host/store/files.h"
@@ -179,8 +181,8 @@ void Archives::Pack(const Packing &packing, const host::Check &check) const {
     FileAside target(directory, name, 0640);
     ZipWriter writer(target, packing.stored, progress);
     if (!writer.Takes(source.Status())) {
-        throw host::BadValue("szLogPath", fmt::format("\"{}\"", packing.source),
-                             "a directory, or a file that is not the archive");
+        throw host::meaning::BadMember(host::methods::ZipLogFile, "source", packing.source,
+                                       "a directory, or a file that is not the archive");
     }
     writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
     writer.Close();

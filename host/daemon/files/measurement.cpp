@@ -7,9 +7,10 @@
 #include <algorithm>
 #include <thread>
 
+#include "host/meaning/check.h"
+#include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/values/daemon.h"
 #include "types/tarnd.h"
 
 namespace tarnd {
@@ -18,6 +19,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using host::Document;
+namespace measurement_mode = host::meaning::measurement_mode;
+namespace measurement_operation = host::meaning::measurement_operation;
+namespace measurement_state = host::meaning::measurement_state;
+namespace measurement_time = host::meaning::measurement_time;
 
 constexpr char kSettings[] = "measurement";
 constexpr char kBaseline[] = "measurement-baseline";
@@ -32,26 +37,25 @@ void StandBack() {
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
 }
 
+// The master and what was stored keep to what a client must keep to.
 MeasurementTimes Checked(MeasurementTimes times) {
-    const bool ofDay = times.hour < 24;
-    if (!ofDay && times.hour != TARND_DIM_EVERY_SECONDS && times.hour != TARND_DIM_EVERY_MINUTES) {
-        throw host::BadValue("ucValue1", times.hour, "an hour, 0 to 23, or 254 or 255");
-    }
-    if (ofDay && times.minute > 59) {
-        throw host::BadValue("ucValue2", times.minute, "a minute, 0 to 59");
+    const auto &method = host::methods::TarnSetDimTimeCfgByTarnd;
+    const Tarn_sys_diag_DimTimeCfg request{times.hour, times.minute};
+    host::meaning::Check(*method.request, &request);
+    if (times.hour < 24 && times.minute > 59) {
+        throw host::meaning::BadMember(method, "minute", times.minute, "0 to 59, a minute of the hour");
     }
     return times;
 }
 
 uint32_t CheckedMode(uint32_t mode) {
-    if (mode > TARND_DIM_MODE_LEARN) {
-        throw host::BadValue("uiWorkMode", mode, "0, 1 or 2");
-    }
+    const Tarn_sys_diag_DimWorkModeCfg request{mode};
+    host::meaning::Check(*host::methods::TarnSetDimWorkModeCfgByTarnd.request, &request);
     return mode;
 }
 
 Measurement::State NothingMeasured() {
-    return {TARND_DIM_STATE_NONE, "nothing has been measured"};
+    return {measurement_state::kNone, "nothing has been measured"};
 }
 
 std::string Scope(const Survey &survey) {
@@ -101,15 +105,16 @@ bool MeasurementTimes::IsNever() const {
 }
 
 std::chrono::milliseconds MeasurementTimes::Period() const {
-    return hour == TARND_DIM_EVERY_SECONDS   ? std::chrono::seconds(minute)
-           : hour == TARND_DIM_EVERY_MINUTES ? std::chrono::minutes(minute)
-                                             : 0ms;
+    return hour == measurement_time::kEverySeconds   ? std::chrono::seconds(minute)
+           : hour == measurement_time::kEveryMinutes ? std::chrono::minutes(minute)
+                                                     : 0ms;
 }
 
 Measurement::Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store,
                          LocalClock &clock, Timers &timers, uint64_t bytesPerSecond)
-    : clocks_(clocks), proc_(proc), store_(store), clock_(clock), timers_(timers), times_{TARND_DIM_EVERY_MINUTES, 0},
-      mode_(TARND_DIM_MODE_REPORT), state_(NothingMeasured()),
+    : clocks_(clocks), proc_(proc), store_(store), clock_(clock),
+      timers_(timers), times_{measurement_time::kEveryMinutes, 0}, mode_(measurement_mode::kReport),
+      state_(NothingMeasured()),
       timer_(timers.Add(
           "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this)),
       clockTimer_(timers.Add(
@@ -136,8 +141,9 @@ Measurement::~Measurement() {
 void Measurement::Load() {
     const host::MutexLock lock(mutex_);
     store_.Load(kSettings, kVersion, [this](const Document &content) TARN_REQUIRES(mutex_) {
-        times_ = Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
+        const MeasurementTimes times = Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
         mode_ = CheckedMode(content.Get<uint32_t>("mode"));
+        times_ = times;
     });
     store_.Load(kBaseline, kVersion,
                 [this](const Document &content) TARN_REQUIRES(mutex_) { baseline_ = FromDocument(content); });
@@ -165,7 +171,7 @@ void Measurement::SetMode(uint32_t mode) {
 }
 
 bool Measurement::IsByTime() const {
-    return mode_ != TARND_DIM_MODE_OFF && !times_.IsNever();
+    return mode_ != measurement_mode::kOff && !times_.IsNever();
 }
 
 void Measurement::Arm() {
@@ -212,27 +218,26 @@ void Measurement::Expire() {
 bool Measurement::Operate(uint32_t operation, MeasurementWaiter waiter) {
     const host::MutexLock lock(mutex_);
     switch (operation) {
-    case TARND_DIM_MEASURE:
+    case measurement_operation::kMeasure:
         Enqueue(Kind::kMeasure, std::move(waiter));
         return true;
-    case TARND_DIM_RECORD:
+    case measurement_operation::kRecord:
         Enqueue(Kind::kRecord, std::move(waiter));
         return true;
-    case TARND_DIM_FORGET:
+    case measurement_operation::kForget:
         store_.Save(kBaseline, kVersion, ToDocument({}));
         baseline_.clear();
         state_ = NothingMeasured();
         host::Log().info("measurement: the baseline is forgotten");
-        return false;
-    case TARND_DIM_CANCEL:
+        break;
+    case measurement_operation::kCancel:
         cancelledJob_ = lastJob_;
-        return false;
-    case TARND_DIM_START:
+        break;
+    case measurement_operation::kStart:
         Enqueue(Kind::kMeasure, std::nullopt);
-        return false;
-    default:
-        throw host::BadValue("uiOperation", operation, "1 to 5");
+        break;
     }
+    return false;
 }
 
 void Measurement::Enqueue(Kind kind, std::optional<MeasurementWaiter> waiter) {
@@ -251,9 +256,7 @@ Measurement::State Measurement::Last() const {
     if (jobs_.empty()) {
         return state_;
     }
-    const Tarn_sys_diag_Systime since = clock_.LocalTime(jobs_.front().since);
-    return {TARND_DIM_STATE_RUNS,
-            fmt::format("asked for at {:02}:{:02}:{:02}, not done yet", since.ucHour, since.ucMinute, since.ucSecond)};
+    return {measurement_state::kRuns, fmt::format("asked for at {}, not done yet", clock_.Text(jobs_.front().since))};
 }
 
 // ---- The work ----
@@ -280,7 +283,7 @@ void Measurement::Finish(const std::vector<Job> &jobs, const host::Failure &fail
     {
         const host::MutexLock lock(mutex_);
         if (failure.error != 0) {
-            state_ = {TARND_DIM_STATE_FAILED,
+            state_ = {measurement_state::kFailed,
                       "given up: " + std::generic_category().message(static_cast<int>(failure.error))};
         }
         jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
@@ -334,13 +337,13 @@ void Measurement::Record(const Survey &survey) {
     const host::MutexLock lock(mutex_);
     store_.Save(kBaseline, kVersion, ToDocument(survey.files));
     baseline_ = survey.files;
-    state_ = {TARND_DIM_STATE_AS_RECORDED, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
+    state_ = {measurement_state::kAsRecorded, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
 }
 
 void Measurement::Compare(const Survey &survey) {
     const host::MutexLock lock(mutex_);
     if (baseline_.empty()) {
-        state_ = {TARND_DIM_STATE_NO_BASELINE,
+        state_ = {measurement_state::kNoBaseline,
                   fmt::format("no baseline; {} files; {}", survey.files.size(), Scope(survey))};
         return;
     }
@@ -354,14 +357,14 @@ void Measurement::Compare(const Survey &survey) {
         }
     }
     Report(changed, added);
-    if (mode_ == TARND_DIM_MODE_LEARN && !added.empty()) {
+    if (mode_ == measurement_mode::kLearn && !added.empty()) {
         Learn(survey, added);
         added.clear();
     }
     const bool differs = !changed.empty() || !added.empty();
     const std::string counts = fmt::format("{} changed, {} new of {} files; {}", changed.size(), added.size(),
                                            survey.files.size(), Scope(survey));
-    state_.code = differs ? TARND_DIM_STATE_DIFFERS : TARND_DIM_STATE_AS_RECORDED;
+    state_.code = differs ? measurement_state::kDiffers : measurement_state::kAsRecorded;
     state_.text = differs ? WithExample(counts, changed.empty() ? added.front() : changed.front()) : counts;
     state_.differences = static_cast<uint32_t>(changed.size() + added.size());
 }

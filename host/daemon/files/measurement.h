@@ -54,7 +54,7 @@ public:
     bool Operate(uint32_t operation, MeasurementWaiter waiter);
 
     struct State {
-        uint32_t code; // TARND_DIM_STATE_...
+        uint32_t code; // one of host::meaning::measurement_state
         std::string text;
         uint32_t differences = 0;
     };

@@ -6,15 +6,14 @@
 using tarnd::Daemon;
 
 uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCtx) {
-    const auto &method = host::methods::TarnSetDimOpration;
-    const auto answer = [&method, replyCtx](const host::Failure &failure) {
+    const auto answer = [replyCtx](const host::Failure &failure) {
         TarnHost_ExplainReply(replyCtx, failure.reason.c_str());
-        return host::SendReply<Tarn_sys_diag_Result>(method, replyCtx,
+        return host::SendReply<Tarn_sys_diag_Result>(host::methods::TarnSetDimOpration, replyCtx,
                                                      [&](auto &reply) { reply.uiResult = failure.error; });
     };
     bool later = false;
-    const host::Failure failure = host::FailureOf(method.name, [&] {
-        host::meaning::Check(*method.request, request);
+    const host::Failure failure = host::FailureOf(host::methods::TarnSetDimOpration.name, [&] {
+        host::meaning::Check(*host::methods::TarnSetDimOpration.request, request);
         later = Daemon::Serving().measurement.Operate(request->uiOperation,
                                                       {[=] { return TarnHost_Cancelled(replyCtx); }, answer});
     });
@@ -23,7 +22,8 @@ uint32_t TarnSetDimOpration(const Tarn_sys_diag_DimSetIn *request, void *replyCt
 
 uint32_t TarnSetDimTimeCfgByTarnd(const Tarn_sys_diag_DimTimeCfg *request) {
     return host::Run(host::methods::TarnSetDimTimeCfgByTarnd, request, [&] {
-        Daemon::Serving().measurement.SetTimes({request->ucValue1, request->ucValue2});
+        const auto &[hour, minute] = *request;
+        Daemon::Serving().measurement.SetTimes({hour, minute});
     });
 }
 
@@ -34,9 +34,10 @@ uint32_t TarnSetDimWorkModeCfgByTarnd(const Tarn_sys_diag_DimWorkModeCfg *reques
 
 uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::TarnGetDimMeasRstByTarnd, request, replyCtx, [](auto &reply) {
-        const tarnd::Measurement::State state = Daemon::Serving().measurement.Last();
-        reply.uiValue1 = state.code;
-        host::CopyText(reply.acMeasResult, state.text);
-        reply.uiValue2 = state.differences;
+        const tarnd::Measurement::State last = Daemon::Serving().measurement.Last();
+        auto &[state, text, differences] = reply.Members();
+        state = last.code;
+        host::CopyText(text, last.text);
+        differences = last.differences;
     });
 }

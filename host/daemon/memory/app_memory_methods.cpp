@@ -1,7 +1,6 @@
 // The memory of an application, as its agent tells it, as text for people.
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
-#include "host/values/agent.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -17,8 +16,9 @@ std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t 
         fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", "ID", "UNIT", "TOTAL bytes", "USED bytes", "PEAK bytes");
     for (uint32_t i = 0; i < units.uiUnitNum; ++i) {
         const Tarn_sys_diag_AppMemUnit &unit = units.pstUnit[i];
-        text += fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", unit.uiUnitId, host::TextOf(unit.szUnitName),
-                            unit.ullTotalBytes, unit.ullUsedBytes, unit.ullPeakBytes);
+        text += fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", unit.uiUnitId,
+                            host::LineOfText(host::TextOf(unit.szUnitName)), unit.ullTotalBytes, unit.ullUsedBytes,
+                            unit.ullPeakBytes);
         for (uint32_t j = 0; j < unit.uiBlockClassNum; ++j) {
             const Tarn_sys_diag_MemBlockClass &one = unit.pstBlockClass[j];
             if (one.uiUsedNum != 0 || one.uiPeakNum != 0) {
@@ -42,11 +42,12 @@ std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_
 
 uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::AppMemInfo, request, replyCtx, [&](auto &reply) {
+        const auto &[process, view] = *request;
         Tarn_sys_diag_GetAppMemInfoInput query{};
-        query.uiPid = request->uiValue1;
-        query.uiQueryType = request->uiValue2;
+        query.uiPid = process;
+        query.uiQueryType = view;
         const uint32_t timeoutMs = tarnd::RelayTimeout(replyCtx);
-        reply.szInfo = reply.Keep(request->uiValue2 == TARN_AGENT_APP_MEM_UNITS ? tarnd::UnitsText(query, timeoutMs)
-                                                                                : tarnd::DetailsText(query, timeoutMs));
+        reply.szInfo = reply.Keep(view == host::meaning::app_memory::kUnits ? tarnd::UnitsText(query, timeoutMs)
+                                                                            : tarnd::DetailsText(query, timeoutMs));
     });
 }

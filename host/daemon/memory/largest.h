@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <utility>
 #include <vector>
 
 namespace tarnd {
@@ -12,29 +13,32 @@ namespace tarnd {
 template <class Record>
 class Largest {
 public:
-    Largest(size_t capacity, std::function<uint64_t(const Record &)> size)
-        : capacity_(capacity), size_(std::move(size)) {}
+    explicit Largest(size_t capacity) : capacity_(capacity) {}
 
-    void Add(const Record &record) {
-        records_.push_back(record);
-        if (records_.size() == 2 * capacity_) {
+    void Add(uint64_t size, const Record &record) {
+        sized_.emplace_back(size, record);
+        if (sized_.size() == 2 * capacity_) {
             Cut();
         }
     }
     std::vector<Record> Take() {
         Cut();
-        return std::move(records_);
+        std::vector<Record> records;
+        for (const auto &[size, record] : sized_) {
+            records.push_back(record);
+        }
+        return records;
     }
 
 private:
+    using Sized = std::pair<uint64_t, Record>;
+
     void Cut() {
-        std::stable_sort(records_.begin(), records_.end(),
-                         [&](const Record &a, const Record &b) { return size_(a) > size_(b); });
-        records_.resize(std::min(records_.size(), capacity_));
+        std::ranges::stable_sort(sized_, std::ranges::greater(), &Sized::first);
+        sized_.resize(std::min(sized_.size(), capacity_));
     }
     const size_t capacity_;
-    const std::function<uint64_t(const Record &)> size_;
-    std::vector<Record> records_;
+    std::vector<Sized> sized_;
 };
 
 } // namespace tarnd

@@ -4,7 +4,6 @@
 #include "host/daemon/memory/kib.h"
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/mapped_files.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -12,16 +11,16 @@ namespace tarnd {
 namespace {
 
 std::vector<Tarn_sys_diag_SysMemStatisFile> Describe(const std::map<MappedFile, MappedFileUse> &uses) {
-    Largest<Tarn_sys_diag_SysMemStatisFile> records(TARND_FILES_MAX,
-                                                    [](const auto &record) { return record.uiValue1; });
+    Largest<Tarn_sys_diag_SysMemStatisFile> records(host::meaning::memory_files::kMost);
     for (const auto &[file, use] : uses) {
         Tarn_sys_diag_SysMemStatisFile record{};
-        host::CopyText(record.acFileName, file.name);
-        record.uiValue1 = Kib(use.kib);
-        record.uiValue2 = use.processNum;
-        host::CopyText(record.acValue3, use.largestProcess);
-        host::CopyText(record.acValue4, fmt::format("{} {}", file.device, file.inode));
-        records.Add(record);
+        auto &[path, resident, mappedBy, largestUser, deviceInode] = record;
+        host::CopyText(path, file.name);
+        resident = Kib(use.kib);
+        mappedBy = use.processNum;
+        host::CopyText(largestUser, use.largestProcess);
+        host::CopyText(deviceInode, fmt::format("{} {}", file.device, file.inode));
+        records.Add(use.kib, record);
     }
     return records.Take();
 }

@@ -2,12 +2,13 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/memory_use.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
 
 namespace {
+
+namespace memory_report = host::meaning::memory_report;
 
 // Lines for an array of fixed size, without half ones.
 class Report {
@@ -24,8 +25,9 @@ public:
     }
 
     void Fill(Tarn_sys_diag_MemLeakQryOut &reply) const {
-        host::CopyText(reply.acLeakInfo, text_);
-        reply.ucValue2 = cut_ ? 1 : 0;
+        auto &[text, cut] = reply;
+        host::CopyText(text, text_);
+        cut = cut_ ? 1 : 0;
     }
 
 private:
@@ -33,23 +35,21 @@ private:
     bool cut_ = false;
 };
 
-Report Suspects(const Tarn_sys_diag_MemLeakQryIn &request, void *replyCtx) {
-    const uint64_t leastKb = request.uiValue4 == 0 ? TARND_LEAK_DEFAULT_KIB : request.uiValue4;
+Report Suspects(const MemoryLeaks::Scope &scope, uint32_t leastKib, void *replyCtx) {
     Report report(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}", "PID", "NAME", "RSS KiB", "GROWN KiB",
                               "KiB/min", "OVER s"));
-    for (const LeakSuspect &suspect : Daemon::Serving().memoryLeaks.Suspects(
-             {request.uiValue2, request.uiValue3}, leastKb, [&] { host::CheckWanted(replyCtx); })) {
+    for (const LeakSuspect &suspect :
+         Daemon::Serving().memoryLeaks.Suspects(scope, leastKib, [&] { host::CheckWanted(replyCtx); })) {
         report.Add(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12.0f} {:>8.0f}", suspect.pid,
-                               host::Printable(suspect.name), suspect.rssKb, suspect.grownKb, suspect.KbPerMinute(),
+                               host::LineOfText(suspect.name), suspect.rssKb, suspect.grownKb, suspect.KbPerMinute(),
                                suspect.over.count()));
     }
     return report;
 }
 
-// As many as the request wants, evenly chosen, the first and the last among them.
+// So many at most, evenly chosen, the first and the last among them.
 template <class Element>
-std::vector<Element> Thinned(const std::vector<Element> &elements, const Tarn_sys_diag_MemLeakQryIn &request) {
-    const size_t most = request.uiValue4 == 0 ? TARND_HISTORY_DEFAULT_LINES : request.uiValue4;
+std::vector<Element> Thinned(const std::vector<Element> &elements, size_t most) {
     if (elements.size() <= most) {
         return elements;
     }
@@ -60,23 +60,22 @@ std::vector<Element> Thinned(const std::vector<Element> &elements, const Tarn_sy
     return thinned;
 }
 
-Report ProcessHistory(const Tarn_sys_diag_MemLeakQryIn &request) {
+Report ProcessHistory(const MemoryLeaks::Scope &scope, size_t most) {
     const Daemon &daemon = Daemon::Serving();
-    Report report(fmt::format("{:<19} {:>12} {:>8}", "TIME", "RSS KiB", "THREADS"));
-    const auto points = daemon.memoryLeaks.ProcessHistory({request.uiValue2, request.uiValue3});
-    for (const ProcessPoint &point : Thinned(points, request)) {
-        report.Add(fmt::format("{:<19} {:>12} {:>8}", daemon.clock.Text(point.time), point.rssKb, point.threadNum));
+    Report report(fmt::format("{:<25} {:>12} {:>8}", "TIME", "RSS KiB", "THREADS"));
+    for (const ProcessPoint &point : Thinned(daemon.memoryLeaks.ProcessHistory(scope), most)) {
+        report.Add(fmt::format("{:<25} {:>12} {:>8}", daemon.clock.Text(point.time), point.rssKb, point.threadNum));
     }
     return report;
 }
 
-Report SystemHistory(const Tarn_sys_diag_MemLeakQryIn &request) {
+Report SystemHistory(uint32_t seconds, size_t most) {
     const Daemon &daemon = Daemon::Serving();
-    Report report(fmt::format("{:<19} {:>7} {:>12} {:>12} {:>12} {:>12}", "TIME", "IN USE", "AVAIL KiB", "FREE KiB",
+    Report report(fmt::format("{:<25} {:>7} {:>12} {:>12} {:>12} {:>12}", "TIME", "IN USE", "AVAIL KiB", "FREE KiB",
                               "CACHED KiB", "SWAP KiB"));
-    for (const SystemSample &sample : Thinned(daemon.memoryLeaks.SystemHistory(request.uiValue3), request)) {
+    for (const SystemSample &sample : Thinned(daemon.memoryLeaks.SystemHistory(seconds), most)) {
         const MemorySample &memory = sample.memory;
-        report.Add(fmt::format("{:<19} {:>7} {:>12} {:>12} {:>12} {:>12}", daemon.clock.Text(sample.time),
+        report.Add(fmt::format("{:<25} {:>7} {:>12} {:>12} {:>12} {:>12}", daemon.clock.Text(sample.time),
                                UsedPermille(memory), memory.available, memory.free, memory.cached,
                                memory.swapTotal - memory.swapFree));
     }
@@ -86,26 +85,25 @@ Report SystemHistory(const Tarn_sys_diag_MemLeakQryIn &request) {
 Report Overloads() {
     const Daemon &daemon = Daemon::Serving();
     Report report(
-        fmt::format("{:<19} {:<8} {:>7} {:>8} {:<16} {:>12}", "TIME", "OVERLOAD", "IN USE", "PID", "NAME", "RSS KiB"));
+        fmt::format("{:<25} {:<8} {:>7} {:>8} {:<16} {:>12}", "TIME", "OVERLOAD", "IN USE", "PID", "NAME", "RSS KiB"));
     for (const MemoryEvent &event : daemon.memoryOverload.TheRecord().events) {
-        report.Add(fmt::format("{:<19} {:<8} {:>7} {:>8} {:<16} {:>12}", daemon.clock.Text(event.time),
+        report.Add(fmt::format("{:<25} {:<8} {:>7} {:>8} {:<16} {:>12}", daemon.clock.Text(event.time),
                                event.begins ? "begins" : "ends", event.usedPermille, event.pid,
-                               host::Printable(event.name), event.rssKb));
+                               host::LineOfText(event.name), event.rssKb));
     }
     return report;
 }
 
 Report Query(const Tarn_sys_diag_MemLeakQryIn &request, void *replyCtx) {
-    switch (request.uiValue1) {
-    case TARND_LEAK_SUSPECTS:
-        return Suspects(request, replyCtx);
-    case TARND_LEAK_HISTORY:
-        return request.uiValue2 != 0 ? ProcessHistory(request) : SystemHistory(request);
-    case TARND_LEAK_OVERLOADS:
+    const auto &[report, process, interval, limit] = request;
+    if (report == memory_report::kOverloads) {
         return Overloads();
-    default:
-        throw host::BadValue("uiValue1", request.uiValue1, "0 leak suspects, 1 history or 2 overloads");
     }
+    if (report == memory_report::kSuspects) {
+        return Suspects({process, interval}, limit == 0 ? memory_report::kDefaultGrowthKib : limit, replyCtx);
+    }
+    const size_t lines = limit == 0 ? memory_report::kDefaultLines : limit;
+    return process == 0 ? SystemHistory(interval, lines) : ProcessHistory({process, interval}, lines);
 }
 
 } // namespace

@@ -96,11 +96,12 @@ std::vector<Node> ReadNodes(const Daemon &daemon) {
 uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetKpiMemoryInfo, request, replyCtx, [](auto &reply) {
         const tarnd::MemoryIndicators indicators = tarnd::IndicatorsOf(tarnd::Daemon::Serving().sampler.History());
-        host::CopyText(reply.acName, "memory");
-        reply.uiValue1 = indicators.now;
-        reply.uiValue2 = indicators.lastMinute;
-        reply.uiValue3 = indicators.highest;
-        reply.uiValue4 = tarnd::Kib(indicators.availableKib);
+        auto &[name, now, lastMinute, highest, available] = reply.Members();
+        host::CopyText(name, "memory");
+        now = indicators.now;
+        lastMinute = indicators.lastMinute;
+        highest = indicators.highest;
+        available = tarnd::Kib(indicators.availableKib);
     });
 }
 
@@ -113,7 +114,8 @@ uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
 uint32_t GetHugePagesInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetHugePagesInfo, request, replyCtx, [](auto &reply) {
         const std::string text = tarnd::Daemon::Serving().proc.Read("meminfo");
-        reply.uiValue1 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Total"));
-        reply.uiValue2 = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Free"));
+        auto &[total, free] = reply.Members();
+        total = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Total"));
+        free = static_cast<uint32_t>(host::procfs::FieldOf(text, "HugePages_Free"));
     });
 }

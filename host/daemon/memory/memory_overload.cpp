@@ -1,8 +1,10 @@
 #include "host/daemon/memory/memory_overload.h"
 
 #include "host/daemon/memory/memory_use.h"
-#include "host/osal/error.h"
+#include "host/meaning/check.h"
+#include "host/meaning/methods.h"
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 
 namespace tarnd {
 
@@ -11,13 +13,10 @@ namespace {
 constexpr char kDocument[] = "memory-overload";
 constexpr uint32_t kVersion = 1;
 
+// The master and what was stored keep to what a client must keep to.
 const MemoryThresholds &Checked(const MemoryThresholds &thresholds) {
-    if (thresholds.over > 1000) {
-        throw host::BadValue("uiValue1", thresholds.over, "0 to 1000 permille");
-    }
-    if (thresholds.recover > thresholds.over) {
-        throw host::BadValue("uiValue2", thresholds.recover, fmt::format("0 to uiValue1, {}", thresholds.over));
-    }
+    const Tarn_sys_diag_SysOvLoadMemThreshold request{thresholds.over, thresholds.recover};
+    host::meaning::Check(*host::methods::SysOvLoadMemThresholdSet.request, &request);
     return thresholds;
 }
 
@@ -78,7 +77,7 @@ void MemoryOverload::Take(const Sample &sample) {
         event.rssKb = largest->rssKb;
     }
     host::Log().warn("memory overload {}: {} permille in use; process {} ({}) has most, {} KiB",
-                     over ? "begins" : "ends", used, event.pid, event.name, event.rssKb);
+                     over ? "begins" : "ends", used, event.pid, host::LineOfText(event.name), event.rssKb);
     if (record_.events.size() == kEvents) {
         record_.events.pop_front();
     }

@@ -7,7 +7,6 @@
 #include "host/daemon/memory/process_memory.h"
 #include "host/daemon/processes/process_age.h"
 #include "host/procfs/memory.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -28,7 +27,7 @@ std::string ProgramName(const ProcessStatus &process) {
         return host::procfs::ProgramName(Proc(), process.Task().id);
     } catch (const std::system_error &error) {
         if (error.code().value() == EACCES) {
-            return TARND_HIDDEN;
+            return std::string(host::meaning::process_memory::kHiddenProgram);
         }
         throw;
     }
@@ -64,12 +63,13 @@ std::vector<Tarn_sys_diag_SysMemStatisPro> Statistics(const Tarn_sys_diag_Positi
     const Daemon &daemon = Daemon::Serving();
     UserNames names;
     std::vector<Tarn_sys_diag_SysMemStatisPro> records;
-    SelectProcesses(daemon.proc, std::string(host::TextOf(request.acPosition1)),
-                    std::string(host::TextOf(request.acPosition2)), names, [&](const ProcessStatus &process) {
+    const auto &[process, user] = request;
+    SelectProcesses(daemon.proc, std::string(host::TextOf(process)), std::string(host::TextOf(user)), names,
+                    [&](const ProcessStatus &one) {
                         Tarn_sys_diag_SysMemStatisPro record{};
-                        Describe(process, names, record);
-                        record.stStartTime = daemon.clock.LocalTime(
-                            StartOf(AgeOf(daemon.proc, process.Task().startTicks), daemon.clocks));
+                        Describe(one, names, record);
+                        record.stStartTime =
+                            daemon.clock.LocalTime(StartOf(AgeOf(daemon.proc, one.Task().startTicks), daemon.clocks));
                         records.push_back(record);
                     });
     std::ranges::stable_sort(records, std::ranges::greater(), &Tarn_sys_diag_SysMemStatisPro::uiVmRss);
@@ -116,10 +116,11 @@ std::string_view WithoutDirectories(std::string_view name) {
 }
 
 std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
+    using host::meaning::mappings::kMost;
     std::vector<Tarn_sys_diag_SysProOs> records;
     host::procfs::ReadMappings(Proc(), pid, [&](const host::procfs::Mapping &mapping) {
-        if (records.size() == TARND_MAPPINGS_MAX) {
-            host::Fail(EMSGSIZE, fmt::format("process {} has more than {} mappings", pid, TARND_MAPPINGS_MAX));
+        if (records.size() == kMost) {
+            host::Fail(EMSGSIZE, fmt::format("process {} has more than {} mappings", pid, kMost));
         }
         Tarn_sys_diag_SysProOs record{};
         record.uiPid = pid;

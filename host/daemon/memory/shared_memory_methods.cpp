@@ -3,7 +3,6 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/shared_memory.h"
-#include "host/values/daemon.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -12,17 +11,17 @@ namespace {
 
 std::vector<Tarn_sys_diag_SysMemStatisShare> Describe(void *replyCtx) {
     const Daemon &daemon = Daemon::Serving();
-    Largest<Tarn_sys_diag_SysMemStatisShare> records(TARND_SHARED_MAX,
-                                                     [](const auto &record) { return record.uiValue3; });
+    Largest<Tarn_sys_diag_SysMemStatisShare> records(host::meaning::shared_memory::kMost);
     const auto add = [&](const SharedMemory &memory) {
         Tarn_sys_diag_SysMemStatisShare record{};
-        record.uiValue1 = memory.id;
-        record.uiValue2 = memory.kib;
-        record.uiValue3 = memory.residentKib;
-        record.uiValue4 = memory.processNum;
-        host::CopyText(record.acName, memory.name);
-        host::CopyText(record.acValue5, memory.kind);
-        records.Add(record);
+        auto &[id, size, resident, users, name, kind] = record;
+        id = memory.id;
+        size = memory.kib;
+        resident = memory.residentKib;
+        users = memory.processNum;
+        host::CopyText(name, memory.name);
+        host::CopyText(kind, memory.kind);
+        records.Add(resident, record);
     };
     UserNames names;
     ForEachSegment(daemon.proc, names, add);

@@ -162,6 +162,12 @@ std::string LocalClock::Text(host::WallTime when) const {
     return host::TextOf(Local(when), settings_.dateFormat);
 }
 
+std::string LocalClock::PosixZone() const {
+    const host::MutexLock lock(mutex_);
+    const GmtTime now = std::chrono::floor<Millis>(clocks_.WallNow()) + settings_.shift;
+    return settings_.zone ? host::PosixText(*settings_.zone, settings_.dst, now) : "";
+}
+
 LocalMillis LocalClock::Local(host::WallTime when) const {
     const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
     if (settings_.zone) {

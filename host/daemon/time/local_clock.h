@@ -50,6 +50,9 @@ public:
     std::string Text(host::WallTime when) const;
     std::string Text(time_t time) const { return Text(std::chrono::system_clock::from_time_t(time)); }
 
+    // The zone and rule of these texts, as POSIX has them for TZ; empty: the system's.
+    std::string PosixZone() const;
+
 private:
     host::LocalMillis Local(host::WallTime when) const TARN_REQUIRES(mutex_);
     void SetNow(host::GmtTime now) TARN_REQUIRES(mutex_);
