@@ -50,7 +50,7 @@ std::optional<Moment> TakeMoment(std::string_view &text) {
             return std::nullopt;
         }
     }
-    return moment;
+    return IsReal(moment) ? std::optional(moment) : std::nullopt;
 }
 
 // "Z", "+01:00".
@@ -74,7 +74,7 @@ std::optional<std::chrono::minutes> ParseOffset(std::string_view text) {
     return std::chrono::minutes((west ? -1 : 1) * (60 * hours + minutes));
 }
 
-// Fields as the C library takes them; it finds the zone's offset.
+// Fields as the C library takes them.
 std::tm FieldsOf(const Moment &moment) {
     std::tm fields{};
     fields.tm_year = moment.year - 1900;
@@ -106,58 +106,101 @@ std::optional<std::chrono::seconds> ParseDistance(std::string_view text) {
     return std::chrono::seconds((back ? -1 : 1) * number * scale);
 }
 
+std::string OffsetText(long seconds) {
+    const long minutes = seconds / 60;
+    return fmt::format("{}{:02}:{:02}", minutes < 0 ? '-' : '+', std::abs(minutes) / 60, std::abs(minutes) % 60);
+}
+
+std::string TextOf(const Moment &moment, char between) {
+    const std::string fraction = moment.millisecond == 0 ? "" : fmt::format(".{:03}", moment.millisecond);
+    return fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}{}", moment.year, moment.month, moment.day, between,
+                       moment.hour, moment.minute, moment.second, fraction);
+}
+
+int64_t MillisecondsOf(system_clock::time_point when) {
+    return std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()).count();
+}
+
+std::tm FieldsOf(system_clock::time_point when, Zone zone) {
+    const auto seconds = static_cast<time_t>(std::chrono::floor<std::chrono::seconds>(when.time_since_epoch()).count());
+    std::tm fields{};
+    (zone == Zone::kGmt ? gmtime_r : localtime_r)(&seconds, &fields);
+    return fields;
+}
+
+system_clock::time_point TimeOf(const Moment &moment, std::chrono::minutes offset) {
+    std::tm fields = FieldsOf(moment);
+    return system_clock::from_time_t(timegm(&fields)) - offset + std::chrono::milliseconds(moment.millisecond);
+}
+
 } // namespace
+
+bool IsReal(const Moment &moment) {
+    constexpr int kFirstYear = 1, kLastYear = 9999;
+    std::tm fields = FieldsOf(moment);
+    timegm(&fields); // turns what is no date into another
+    return moment.year >= kFirstYear && moment.year <= kLastYear && fields.tm_mon == moment.month - 1 &&
+           fields.tm_mday == moment.day && fields.tm_hour == moment.hour && fields.tm_min == moment.minute &&
+           fields.tm_sec == moment.second && moment.millisecond >= 0 && moment.millisecond <= 999;
+}
 
 std::optional<Moment> ParseMoment(std::string_view text) {
     const auto moment = TakeMoment(text);
     return text.empty() ? moment : std::nullopt;
 }
 
-std::string Rfc3339(const Moment &moment) {
+std::string Rfc3339(const Moment &moment, Zone zone) {
     std::tm fields = FieldsOf(moment);
-    std::mktime(&fields);
-    const long minutes = fields.tm_gmtoff / 60;
-    const std::string fraction = moment.millisecond == 0 ? "" : fmt::format(".{:03}", moment.millisecond);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}{}{}{:02}:{:02}", moment.year, moment.month, moment.day,
-                       moment.hour, moment.minute, moment.second, fraction, minutes < 0 ? '-' : '+',
-                       std::abs(minutes) / 60, std::abs(minutes) % 60);
+    std::mktime(&fields); // finds the zone's offset then
+    return TextOf(moment, 'T') + (zone == Zone::kGmt ? "Z" : OffsetText(fields.tm_gmtoff));
 }
 
-std::optional<Moment> ParseStatedMoment(std::string_view text, system_clock::time_point now) {
+std::string Rfc3339(system_clock::time_point when) {
+    return TextOf(MomentOf(when, Zone::kLocal), 'T') + OffsetText(FieldsOf(when, Zone::kLocal).tm_gmtoff);
+}
+
+std::string PlainText(const Moment &moment) {
+    return TextOf(moment, ' ');
+}
+
+std::string DigitsText(const Moment &moment) {
+    return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", moment.year, moment.month, moment.day, moment.hour,
+                       moment.minute, moment.second);
+}
+
+std::optional<system_clock::time_point> ParseStatedTime(std::string_view text, system_clock::time_point now) {
     if (text == "now") {
-        return MomentOf(now);
+        return now;
     }
     if (text.starts_with('+') || text.starts_with('-')) {
         const auto distance = ParseDistance(text);
-        return distance ? std::optional(MomentOf(now + *distance)) : std::nullopt;
+        return distance ? std::optional(now + *distance) : std::nullopt;
     }
-    auto rest = text;
-    const auto moment = TakeMoment(rest);
-    if (!moment || rest.empty()) {
-        return moment;
-    }
-    const auto offset = ParseOffset(rest);
-    if (!offset) {
+    const auto moment = TakeMoment(text);
+    if (!moment) {
         return std::nullopt;
     }
-    std::tm fields = FieldsOf(*moment);
-    const auto when =
-        system_clock::from_time_t(timegm(&fields)) - *offset + std::chrono::milliseconds(moment->millisecond);
-    return MomentOf(when);
+    if (text.empty()) {
+        std::tm fields = FieldsOf(*moment);
+        return system_clock::from_time_t(std::mktime(&fields)) + std::chrono::milliseconds(moment->millisecond);
+    }
+    const auto offset = ParseOffset(text);
+    return offset ? std::optional(TimeOf(*moment, *offset)) : std::nullopt;
 }
 
-Moment MomentOf(system_clock::time_point when) {
-    const auto ms = std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()).count();
-    const auto seconds = static_cast<time_t>(ms >= 0 ? ms / 1000 : (ms - 999) / 1000);
-    std::tm fields{};
-    localtime_r(&seconds, &fields);
-    return {fields.tm_year + 1900,
-            fields.tm_mon + 1,
-            fields.tm_mday,
-            fields.tm_hour,
-            fields.tm_min,
-            fields.tm_sec,
-            static_cast<int>(ms - 1000 * static_cast<int64_t>(seconds))};
+std::optional<Moment> ParseStatedMoment(std::string_view text, system_clock::time_point now, Zone zone) {
+    if (const auto moment = ParseMoment(text)) {
+        return moment; // as that zone's clock shows it, also where its time jumps
+    }
+    const auto time = ParseStatedTime(text, now);
+    return time ? std::optional(MomentOf(*time, zone)) : std::nullopt;
+}
+
+Moment MomentOf(system_clock::time_point when, Zone zone) {
+    const std::tm fields = FieldsOf(when, zone);
+    const auto millisecond = static_cast<int>((MillisecondsOf(when) % 1000 + 1000) % 1000);
+    return {fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday, fields.tm_hour,
+            fields.tm_min,         fields.tm_sec,     millisecond};
 }
 
 int WeekdayOf(const Moment &moment) {

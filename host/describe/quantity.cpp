@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <numeric>
-#include <optional>
 #include <vector>
+
+#include "host/describe/moment.h"
 
 namespace host::describe {
 
@@ -71,22 +73,13 @@ std::optional<Quantity> QuantityOf(Kind kind) {
     throw QuantityError(fmt::format("found {}, expected {}", text.empty() ? "nothing" : text, QuantityExpected(value)));
 }
 
-std::optional<uint64_t> WholeNumber(std::string_view text) {
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    const char *const first = text.data() + (hex ? 2 : 0);
-    const char *const last = text.data() + text.size();
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(first, last, number, hex ? 16 : 10);
-    return error == std::errc() && end == last ? std::optional(number) : std::nullopt;
-}
-
 // "12.5" of units of `size`, in units of `own`. Decimals are kept whole: 12.5% is 125 permille, 0.1 is no double.
 std::optional<uint64_t> Scaled(std::string_view digits, uint64_t size, uint64_t own) {
     constexpr size_t kMostDecimals = 6;
     const size_t point = digits.find('.');
     const std::string_view fraction = point == digits.npos ? "" : digits.substr(point + 1);
     const std::string all = fmt::format("{}{}", digits.substr(0, point), fraction);
-    const auto number = WholeNumber(all);
+    const auto number = ParseWhole(all);
     if (!number || point == 0 || fraction.size() > kMostDecimals || (point != digits.npos && fraction.empty())) {
         return std::nullopt;
     }
@@ -103,7 +96,7 @@ std::optional<uint64_t> Scaled(std::string_view digits, uint64_t size, uint64_t 
 }
 
 uint64_t ParseMeasure(const Value &value, const Quantity &quantity, std::string_view text) {
-    if (const auto number = WholeNumber(text)) {
+    if (const auto number = ParseWhole(text)) {
         return *number;
     }
     const size_t end = std::min(text.find_first_not_of("0123456789."), text.size());
@@ -124,7 +117,7 @@ uint64_t ParseChoice(const Value &value, std::string_view text) {
     if (named != value.choices.end()) {
         return named->value;
     }
-    const auto number = WholeNumber(text);
+    const auto number = ParseWhole(text);
     if (!number) {
         Fail(value, text);
     }
@@ -132,7 +125,7 @@ uint64_t ParseChoice(const Value &value, std::string_view text) {
 }
 
 uint64_t ParseFlags(const Value &value, std::string_view text) {
-    if (const auto number = WholeNumber(text)) {
+    if (const auto number = ParseWhole(text)) {
         return *number;
     }
     if (text == "none") {
@@ -157,11 +150,62 @@ uint64_t ParseSwitch(const Value &value, std::string_view text) {
     if (found != std::end(kWords)) {
         return static_cast<uint64_t>(found - std::begin(kWords)) % 2;
     }
-    const auto number = WholeNumber(text); // whether it fits is for the one who checks the request
+    const auto number = ParseWhole(text); // whether it fits is for the one who checks the request
     if (!number) {
         Fail(value, text);
     }
     return *number;
+}
+
+struct State {
+    char letter;
+    std::string_view word;
+};
+constexpr State kStates[] = {{'R', "running"}, {'S', "sleeping"}, {'D', "waiting-for-device"},
+                             {'T', "stopped"}, {'t', "traced"},   {'Z', "zombie"},
+                             {'X', "dead"},    {'I', "idle"},     {'P', "parked"}};
+
+// A state's word, a letter, or its number.
+uint64_t ParseLetter(const Value &value, std::string_view text) {
+    const auto state = std::ranges::find(kStates, text, &State::word);
+    if (state != std::end(kStates)) {
+        return static_cast<uint8_t>(state->letter);
+    }
+    const auto number = text.size() == 1 ? std::optional<uint64_t>(static_cast<uint8_t>(text[0])) : ParseWhole(text);
+    if (!number) {
+        Fail(value, text);
+    }
+    return *number;
+}
+
+// "ENOENT", "ok", or the number.
+uint64_t ParseErrno(const Value &value, std::string_view text) {
+    constexpr int kMost = 4095; // as the kernel has it
+    if (text == "ok") {
+        return 0;
+    }
+    for (int error = 1; error <= kMost; ++error) {
+        const char *const name = strerrorname_np(error);
+        if (name != nullptr && text == name) {
+            return static_cast<uint64_t>(error);
+        }
+    }
+    const auto number = ParseWhole(text);
+    if (!number) {
+        Fail(value, text);
+    }
+    return *number;
+}
+
+uint64_t ParseUnixTime(const Value &value, std::string_view text) {
+    if (const auto number = ParseWhole(text)) {
+        return *number;
+    }
+    const auto time = ParseStatedTime(text, std::chrono::system_clock::now());
+    if (!time || time->time_since_epoch().count() < 0) {
+        Fail(value, text);
+    }
+    return static_cast<uint64_t>(std::chrono::system_clock::to_time_t(*time));
 }
 
 uint64_t ParseSigned(const Value &value, std::string_view text) {
@@ -175,6 +219,15 @@ uint64_t ParseSigned(const Value &value, std::string_view text) {
 }
 
 } // namespace
+
+std::optional<uint64_t> ParseWhole(std::string_view text) {
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char *const first = text.data() + (hex ? 2 : 0);
+    const char *const last = text.data() + text.size();
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(first, last, number, hex ? 16 : 10);
+    return error == std::errc() && end == last ? std::optional(number) : std::nullopt;
+}
 
 uint64_t ParseQuantity(const Value &value, std::string_view text) {
     if (const auto quantity = QuantityOf(value.kind)) {
@@ -190,16 +243,22 @@ uint64_t ParseQuantity(const Value &value, std::string_view text) {
     case Kind::kSigned:
         return ParseSigned(value, text);
     case Kind::kLetter:
-        if (text.size() == 1) {
-            return static_cast<uint8_t>(text.front());
-        }
-        [[fallthrough]];
+        return ParseLetter(value, text);
+    case Kind::kErrno:
+        return ParseErrno(value, text);
+    case Kind::kUnixTime:
+        return ParseUnixTime(value, text);
     default:
-        if (const auto number = WholeNumber(text)) {
+        if (const auto number = ParseWhole(text)) {
             return *number;
         }
         Fail(value, text);
     }
+}
+
+std::string_view StateWord(uint64_t letter) {
+    const auto state = std::ranges::find(kStates, letter, &State::letter);
+    return state != std::end(kStates) ? state->word : std::string_view();
 }
 
 std::string QuantityExpected(const Value &value) {
@@ -220,7 +279,11 @@ std::string QuantityExpected(const Value &value) {
     case Kind::kSigned:
         return "a whole number, which may be negative";
     case Kind::kLetter:
-        return "a letter";
+        return "a state's letter, or its word, such as sleeping";
+    case Kind::kErrno:
+        return "an errno value's name, such as ENOENT, or its number";
+    case Kind::kUnixTime:
+        return std::string(kMomentExpected);
     default:
         return "a whole number, such as 12 or 0xc";
     }

@@ -210,7 +210,7 @@ RECORD(PadsAppFunSwitch,
 METHOD(UpdateMsgCtrlRule, Group::kSettings,
        "Adds a message-control rule, or replaces the one of its number. A message is tried against the rules by rising "
        "priority; the first that matches decides, and a message that none matches passes. An agent has room for 256.",
-       "rule=1 priority=10 action=limit rate=100 sender=\"counter*\"")
+       "rule=1 priority=10 action=limit rate=100 sender=counter*")
 RECORD(UpdateMsgCtrlRuleInput, {"uiValue1", "rule", Number().From(1), "The rule's number."},
        {"uiValue2", "priority", Number().Default(0),
         "Its place: those of lower priority are tried before it, and those of the same that were set before it."},
@@ -296,7 +296,7 @@ RECORD(TimerInfo, {"uiTimerId", "timer", Number(), "The timer."}, {"szTimerName"
 
 METHOD(TarnGetAppMemUnitInfo, Group::kReading,
        "Lists the units of memory from which the application allocates: its partitions and the C library's heap.",
-       "unit-name=\"buffers\"")
+       "unit-name=buffers")
 RECORD(GetAppMemInfoInput,
        {"uiPid", "process", Pid().Zero("the agent's"),
         "The process whose agent is asked; an agent answers for its own process only."},
@@ -322,7 +322,7 @@ RECORD(AppMemUnit, {"uiUnitId", "unit", OneOf(memory_unit::kAll).Open(), "The un
 
 METHOD(TarnGetAppMemDetailOrModuleInfo, Group::kMemory,
        "Lists the blocks that the application holds, each by itself or summed by who allocated them.",
-       "view=modules unit-name=\"buffers\"", Duration::kLong)
+       "view=modules unit-name=buffers", Duration::kLong)
 VARIANT(TarnGetAppMemDetailOrModuleInfo, GetAppMemInfoInput,
         {"uiQueryType", "view", OneOf(app_memory::kOfBlocks).Default(app_memory::kDetails), "What is listed."},
         {"uiUnitId", "unit", OneOf(memory_unit::kAll).Open().Zero("all"),

@@ -2,20 +2,15 @@
 
 #include <cerrno>
 #include <new>
-#include <system_error>
 
 #include "host/osal/log.h"
 
 namespace host {
 
-namespace {
-
 std::string ReasonOf(const std::system_error &error) {
     const std::string reason = error.what(), status = ": " + error.code().message();
     return reason.ends_with(status) ? reason.substr(0, reason.size() - status.size()) : reason;
 }
-
-} // namespace
 
 Failure LogFailure(const char *what) {
     try {

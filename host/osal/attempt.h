@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <system_error>
 
 namespace host {
 
@@ -11,6 +12,9 @@ struct Failure {
     uint32_t error = 0; // errno value
     std::string reason; // without what the value says itself
 };
+
+// What went wrong, without what the value says itself.
+std::string ReasonOf(const std::system_error &error);
 
 // Logs the exception in flight with what was attempted. To be called from a catch block.
 Failure LogFailure(const char *what);
