@@ -9,9 +9,10 @@
 #include <numeric>
 #include <span>
 
-#include "host/ctl/meaning.h"
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
+#include "host/ctl/request.h"
+#include "host/ctl/values.h"
 #include "host/describe/explain.h"
 #include "host/osal/text.h"
 #include "host/runtime/client.h"
@@ -50,26 +51,29 @@ Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {
 
 // A call that went well may still bring a failure: the result in its reply, and perhaps why.
 void RequireResult(const Method &method, const Record &reply, const std::string &explanation) {
-    for (const Slot &slot : reply.GetType().slots) {
-        if (MeaningOf(reply.GetType(), slot).unit != Unit::kErrno) {
+    const host::meaning::Record &meaning = *method.meaning->response;
+    for (size_t i = 0; i < meaning.members.size(); ++i) {
+        const host::meaning::Member &member = meaning.members[i];
+        const Slot &slot = reply.GetType().slots[i];
+        if (member.value.kind != host::meaning::Kind::kErrno) {
             continue;
         }
-        const auto *const member = static_cast<const uint8_t *>(reply.Data()) + slot.offset;
-        if (const uint64_t result = LoadScalar(member, slot.width); result != 0) {
-            throw Failure(kRemote, fmt::format("{}.{}: {} is {}{}{}", method.service, method.name, slot.name,
-                                               TextWithUnit(result, Unit::kErrno), explanation.empty() ? "" : ": ",
-                                               explanation));
+        const uint64_t result = LoadScalar(static_cast<const uint8_t *>(reply.Data()) + slot.offset, slot.width);
+        if (result != 0) {
+            throw Failure(kRemote,
+                          fmt::format("{}.{}: {} ({}) is {}{}{}", method.service, method.name, member.name, member.wire,
+                                      ValueText(member.value, result), explanation.empty() ? "" : ": ", explanation));
         }
     }
 }
 
-void PrintReply(const Method &method, const Record &reply, bool json) {
-    if (json) {
-        std::cout << ToJson(reply).dump(2) << "\n";
+void PrintReply(const Method &method, const Record &reply, JsonForm json) {
+    if (json != JsonForm::kNone) {
+        std::cout << JsonOf(reply, method.meaning->response, json).dump(2) << "\n";
     } else if (reply.GetType().slots.empty()) {
-        std::cout << method.name << ": done, the reply has no fields\n";
+        std::cout << method.name << ": done, the reply has no members\n";
     } else {
-        PrintRecord(std::cout, reply, View::kMeaning);
+        PrintRecord(std::cout, reply, *method.meaning->response);
     }
 }
 
@@ -162,16 +166,15 @@ void PrintSeries(const Method &method, const Series &series, bool json) {
 void Call(const CallOptions &options) {
     const Method &method = RequireMethod(options.method);
     RequireTarget(method, options);
-    const std::vector<uint8_t> request = options.raw.empty()
-                                             ? host::describe::Encode(ReadRecord(*method.request, options.request))
-                                             : ReadMessage(options.raw);
+    const std::vector<uint8_t> request =
+        options.raw.empty() ? host::describe::Encode(ReadRequest(method, options.request)) : ReadMessage(options.raw);
     host::Client client({.runDir = options.runDir});
     const host::CallRequest call{method.service, options.pid.value_or(0), method.name, method.request->hash,
                                  request,        options.deadline};
     const auto send = [&] { return options.oneway ? client.Oneway(call) : client.Call(call); };
     if (options.repeat != 0) {
         const Series series = Measure(method, options, send);
-        PrintSeries(method, series, options.json);
+        PrintSeries(method, series, options.json != JsonForm::kNone);
         if (series.code != kDone) {
             throw Failure(series.code,
                           fmt::format("{} of {} calls failed", series.Failed(), series.milliseconds.size()));
@@ -182,7 +185,7 @@ void Call(const CallOptions &options) {
     if (const auto reply = ReplyOf(method, outcome, options)) {
         PrintReply(method, *reply, options.json);
         RequireResult(method, *reply, outcome.explanation);
-    } else if (options.json) {
+    } else if (options.json != JsonForm::kNone) {
         std::cout << "null\n";
     } else {
         std::cout << method.name << (options.oneway ? ": sent one way\n" : ": sent, the method has no reply\n");

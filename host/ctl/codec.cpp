@@ -10,6 +10,7 @@
 #include "host/ctl/commands.h"
 #include "host/ctl/print.h"
 #include "host/describe/explain.h"
+#include "host/describe/named.h"
 
 namespace ctl {
 
@@ -98,11 +99,23 @@ Record ReadRecord(const Type &type, const std::string &source) {
     const std::string text = source == "-"             ? ReadAll("-")
                              : source.starts_with('@') ? ReadAll(source.substr(1))
                                                        : source;
+    const host::meaning::Record *const meaning = MeaningOf(type);
     try {
-        return FromJson(type, ParseJson(text));
+        const Json json = ParseJson(text);
+        return FromJson(type, meaning == nullptr ? json : FromNamed(json, *meaning));
     } catch (const JsonError &error) {
         throw Failure(kUsage, fmt::format("{}: {}", type.name, error.what()));
     }
+}
+
+Json JsonOf(const Record &record, const host::meaning::Record *meaning, JsonForm form) {
+    if (form != JsonForm::kNamed) {
+        return ToJson(record);
+    }
+    if (meaning == nullptr) {
+        throw Failure(kUsage, fmt::format("{}: no method has it, so its members have no names", record.GetType().name));
+    }
+    return ToNamed(ToJson(record), *meaning);
 }
 
 void Decode(const DecodeOptions &options) {
@@ -110,7 +123,7 @@ void Decode(const DecodeOptions &options) {
     const std::vector<uint8_t> message = ReadMessage(options.file);
     const Explanation explanation = Explain(type, message, options.explain);
     if (options.explain) {
-        PrintExplanation(explanation, message, options.json);
+        PrintExplanation(explanation, message, options.json != JsonForm::kNone);
     }
     if (explanation.refusal) {
         throw Failure(kRefused, fmt::format("{}: refused: {}", type.name, explanation.refusal->text));
@@ -122,10 +135,10 @@ void Decode(const DecodeOptions &options) {
     if (!record) {
         throw Failure(kOther, fmt::format("{}: no memory to decode {} bytes", type.name, message.size()));
     }
-    if (options.json) {
-        std::cout << ToJson(*record).dump(2) << "\n";
+    if (options.json != JsonForm::kNone) {
+        std::cout << JsonOf(*record, MeaningOf(type), options.json).dump(2) << "\n";
     } else {
-        PrintRecord(std::cout, *record, View::kWire);
+        PrintRecord(std::cout, *record);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "host/describe/json.h"
 #include "host/runtime/limits.h"
@@ -31,17 +32,20 @@ private:
     ExitCode code_;
 };
 
+// kNone: text for people.
+enum class JsonForm { kNone, kWire, kNamed };
+
 // In all options: the run directory, empty for the default one.
 struct CallOptions {
     std::filesystem::path runDir;
     std::string method;
-    std::string request;         // JSON, @FILE or -
-    std::string raw;             // file of a message that is sent as it is instead; empty for none
-    std::optional<uint32_t> pid; // whose agent
+    std::vector<std::string> request; // words NAME=VALUE; or one that is JSON, @FILE or -
+    std::string raw;                  // file of a message that is sent as it is instead; empty for none
+    std::optional<uint32_t> pid;      // whose agent
     std::chrono::milliseconds deadline = host::Limits().deadline;
     uint32_t repeat = 0; // times to call and to measure; 0: once, and print the reply
     bool oneway = false;
-    bool json = false;
+    JsonForm json = JsonForm::kNone;
 };
 
 struct StatsOptions {
@@ -60,7 +64,7 @@ struct TopOptions {
 struct DecodeOptions {
     std::string type;
     std::string file; // or - for standard input
-    bool json = false;
+    JsonForm json = JsonForm::kNone;
     bool explain = false;
 };
 
@@ -71,8 +75,10 @@ struct EncodeOptions {
     bool fixed = false;
 };
 
-void List(const std::string &service, bool json);
-void Describe(const std::string &name, bool json);
+enum class View { kMeaning, kWire };
+
+void List(const std::string &word, View view, bool json);
+void Describe(const std::string &name, View view, bool json);
 void Call(const CallOptions &options);
 void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);
@@ -90,7 +96,13 @@ std::string ReadAll(const std::string &file);
 // A message in a file, as bytes or as hex digits.
 std::vector<uint8_t> ReadMessage(const std::string &file);
 
-// A record from JSON text, @FILE or -.
+// A record from JSON text, @FILE or -; by the names of the wire, or of what is meant where a method means it.
 host::describe::Record ReadRecord(const host::describe::Type &type, const std::string &source);
+
+// The record's JSON, with the names of the wire or of what is meant.
+host::describe::Json JsonOf(const host::describe::Record &record, const host::meaning::Record *meaning, JsonForm form);
+
+// What completion offers: the members that a request of the method states, or the values of one of them.
+void CompleteMembers(const std::string &method, const std::string &member);
 
 } // namespace ctl

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "host/ctl/commands.h"
+#include "host/describe/stated.h"
 
 namespace ctl {
 
@@ -68,7 +69,7 @@ Command CommandOf(const CLI::App &app) {
 // With the options of the whole program that take a value, which may stand behind a command as well.
 std::vector<Command> CommandsOf(const CLI::App &app) {
     std::vector<Command> commands;
-    for (const CLI::App *from : app.get_subcommands(nullptr)) {
+    for (const CLI::App *from : app.get_subcommands(IsForPeople)) {
         commands.push_back(CommandOf(*from));
         for (const CLI::Option *option : app.get_options(TakesValueOfAll)) {
             commands.back().options.push_back(option);
@@ -93,10 +94,10 @@ Names TypeNames() {
     return names;
 }
 
-// What both shells call the names by: NAME is an operand that takes a method or a type.
+// What both shells call the names by: NAME is an operand that takes a method or a type, WORD one that takes anything.
 std::string Words() {
     return fmt::format("    local SERVICE='{}'\n    local METHOD='{}'\n    local TYPE='{}'\n"
-                       "    local NAME=\"$METHOD $TYPE\" SHELL_NAME='bash zsh'\n",
+                       "    local NAME=\"$METHOD $TYPE\" WORD=$SERVICE SHELL_NAME='bash zsh'\n",
                        fmt::join(host::describe::Services(), " "), fmt::join(MethodNames(), " "),
                        fmt::join(TypeNames(), " "));
 }
@@ -112,7 +113,7 @@ constexpr char kBashCommand[] = R"bash(    local at=1 i run_dir=''
     done
 )bash";
 
-constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' command=$at
+constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' command=$at method=''
     if [[ $valued == *" ${COMP_WORDS[COMP_CWORD - 1]} "* ]]; then
         kind=${COMP_WORDS[COMP_CWORD - 1]}
     elif [[ $word == -* ]]; then
@@ -125,21 +126,57 @@ constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind
             if [[ $valued == *" ${COMP_WORDS[i]} "* ]]; then
                 ((i++))
             elif [[ ${COMP_WORDS[i]} != -* ]]; then
-                ((at++))
+                ((at++)) || method=${COMP_WORDS[i]}
             fi
         done
         kind=${operands[at]:-}
+        ((at == 0)) || [[ ${operands[1]:-} != REQUEST ]] || kind=REQUEST # the rest
     fi
     case $kind in
-    COMMAND | OPTION | SERVICE | METHOD | TYPE | NAME | SHELL_NAME) COMPREPLY=($(compgen -W "${!kind}" -- "$word")) ;;
+    COMMAND | OPTION | SERVICE | METHOD | TYPE | NAME | WORD | SHELL_NAME) COMPREPLY=($(compgen -W "${!kind}" -- "$word")) ;;
     --pid) COMPREPLY=($(compgen -W "$(_tarnctl_pids)" -- "$word")) ;;
     --run-dir) COMPREPLY=($(compgen -d -- "$word")) ;;
     FILE | -o | --raw) COMPREPLY=($(compgen -f -- "$word")) ;;
     JSON) [[ $word != @* ]] || COMPREPLY=($(compgen -P @ -f -- "${word#@}")) ;;
+    REQUEST) _tarnctl_request ;;
     esac
 }
 complete -F _tarnctl tarnctl
 )bash";
+
+// A member, or a value behind its name: "=" is a word of its own to most bashes.
+constexpr char kBashRequest[] = R"bash(_tarnctl_request() {
+    local program=${COMP_WORDS[0]} name=''
+    if [[ $word == @* ]]; then
+        COMPREPLY=($(compgen -P @ -f -- "${word#@}"))
+        return
+    elif [[ $word == '=' ]]; then
+        name=${COMP_WORDS[COMP_CWORD - 1]} word=''
+    elif [[ ${COMP_WORDS[COMP_CWORD - 1]} == '=' ]]; then
+        name=${COMP_WORDS[COMP_CWORD - 2]}
+    elif [[ $word == *=* ]]; then
+        name=${word%%=*}
+        COMPREPLY=($(compgen -P "$name=" -W "$("$program" complete-members "$method" "$name")" -- "${word#*=}"))
+        return
+    else
+        compopt -o nospace 2>/dev/null
+    fi
+    COMPREPLY=($(compgen -W "$("$program" complete-members "$method" $name)" -- "$word"))
+}
+)bash";
+
+// The same; the method is the first word that is one.
+constexpr char kZshRequest[] = R"zsh(_tarnctl_request() {
+    local method=${words[(r)(${(j:|:)${=METHOD}})]}
+    if compset -P 1 '*='; then
+        compadd -- ${(f)"$(_call_program members tarnctl complete-members $method ${IPREFIX%=})"}
+    elif compset -P @; then
+        _files
+    else
+        compadd -S '' -- ${(f)"$(_call_program members tarnctl complete-members $method)"}
+    fi
+}
+)zsh";
 
 // The processes with an agent.
 constexpr char kPids[] = R"bash(_tarnctl_pids() {
@@ -153,7 +190,7 @@ void WriteBash(const Command &program, const std::vector<Command> &commands) {
         names.push_back(command.name);
     }
     std::cout << "# bash completion of tarnctl, as \"tarnctl completion bash\" writes it\n"
-              << kPids << "_tarnctl() {\n";
+              << kPids << kBashRequest << "_tarnctl() {\n";
     std::cout << Words()
               << fmt::format("    local COMMAND='{}' OPTION='{}' valued=' {} ' operands=()\n", fmt::join(names, " "),
                              fmt::join(program.AllSpellings(false), " "), fmt::join(program.AllSpellings(true), " "))
@@ -186,6 +223,9 @@ std::string ZshAction(const std::string &name) {
     if (name == "--run-dir") {
         return "_files -/";
     }
+    if (name == "REQUEST") {
+        return "_tarnctl_request";
+    }
     return name.starts_with('-') || name == "JSON" ? " " : "($" + name + ")";
 }
 
@@ -200,7 +240,7 @@ void WriteZshOptions(const Command &command) {
 
 void WriteZsh(const Command &program, const std::vector<Command> &commands) {
     std::cout << "#compdef tarnctl\n# zsh completion of tarnctl, as \"tarnctl completion zsh\" writes it\n"
-              << kPids << "_tarnctl() {\n"
+              << kPids << kZshRequest << "_tarnctl() {\n"
               << Words() << "    local -a commands=(\n";
     for (const Command &command : commands) {
         std::cout << fmt::format("        '{}:{}'\n", command.name, Quoted(command.description));
@@ -215,13 +255,33 @@ void WriteZsh(const Command &program, const std::vector<Command> &commands) {
         std::cout << "    " << command.name << ")\n        _arguments";
         WriteZshOptions(command);
         for (const std::string &name : command.OperandNames()) {
-            std::cout << fmt::format(" \\\n            \":{}:{}\"", name, ZshAction(name));
+            const char *const rest = name == "REQUEST" ? "*" : "";
+            std::cout << fmt::format(" \\\n            \"{}:{}:{}\"", rest, name, ZshAction(name));
         }
         std::cout << "\n        ;;\n";
     }
     std::cout
         << "    esac\n}\n"
            "if [[ $funcstack[1] == _tarnctl ]]; then\n    _tarnctl \"$@\"\nelse\n    compdef _tarnctl tarnctl\nfi\n";
+}
+
+// The member of a nested record that a path leads to; null when there is none.
+const host::meaning::Member *FindPath(const host::meaning::Record *record, const std::string &path) {
+    const size_t dot = path.find('.');
+    const auto *const member = host::describe::FindMember(*record, path.substr(0, dot));
+    const auto *const inside = member == nullptr ? nullptr : host::describe::InsideOf(*record, *member);
+    return dot == path.npos ? member : inside == nullptr ? nullptr : FindPath(inside, path.substr(dot + 1));
+}
+
+Names ValuesOf(const host::meaning::Value &value) {
+    if (value.kind == host::meaning::Kind::kSwitch) {
+        return {"off", "on"};
+    }
+    Names names;
+    for (const host::meaning::Choice &one : value.choices) {
+        names.emplace_back(one.name);
+    }
+    return names;
 }
 
 } // namespace
@@ -231,6 +291,23 @@ void WriteCompletion(const CLI::App &app, const std::string &shell) {
         throw Failure(kUsage, fmt::format("found {}, expected a shell: bash, zsh", shell));
     }
     (shell == "bash" ? WriteBash : WriteZsh)(CommandOf(app), CommandsOf(app));
+}
+
+// Quiet: who completes a line has not finished it.
+void CompleteMembers(const std::string &name, const std::string &path) {
+    const auto *const method = host::describe::FindMethod(name);
+    if (method == nullptr) {
+        return;
+    }
+    const host::meaning::Record *const request = method->meaning->request;
+    if (!path.empty()) {
+        const auto *const member = FindPath(request, path);
+        std::cout << fmt::format("{}\n", fmt::join(member == nullptr ? Names() : ValuesOf(member->value), "\n"));
+        return;
+    }
+    for (const std::string &member : host::describe::StatedNames(*request)) {
+        std::cout << member << "=\n";
+    }
 }
 
 } // namespace ctl

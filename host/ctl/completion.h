@@ -7,6 +7,11 @@
 
 namespace ctl {
 
+// Whether a command is one that help and completion show.
+inline bool IsForPeople(const CLI::App *command) {
+    return !command->get_group().empty();
+}
+
 // Writes the script of a shell, "bash" or "zsh", to standard output.
 void WriteCompletion(const CLI::App &app, const std::string &shell);
 

@@ -1,12 +1,14 @@
-// list and describe: the interface as the library describes it.
+// list, and the interface by name.
+#include "host/ctl/interface.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <iostream>
 
-#include "host/ctl/commands.h"
-#include "host/ctl/meaning.h"
 #include "host/ctl/print.h"
+#include "host/meaning/groups.h"
 
 namespace ctl {
 
@@ -30,78 +32,112 @@ std::vector<std::string_view> MethodNames() {
     return names;
 }
 
+template <class... More>
+std::vector<std::string_view> Joined(std::vector<std::string_view> names, const More &...more) {
+    (names.insert(names.end(), more.begin(), more.end()), ...);
+    return names;
+}
+
 std::string Suggestion(std::string_view name, const std::vector<std::string_view> &names) {
     const std::string text = DidYouMean(name, names);
     return text.empty() ? "; tarnctl list shows all" : text;
 }
 
-const char *ResponseName(const Method &method) {
+bool Contains(std::string_view text, std::string_view word) {
+    const auto same = [](char left, char right) {
+        return std::tolower(static_cast<unsigned char>(left)) == std::tolower(static_cast<unsigned char>(right));
+    };
+    return std::ranges::search(text, word, same).begin() != text.end() || word.empty();
+}
+
+bool HasMember(const host::meaning::Record *record, std::string_view word) {
+    if (record == nullptr) {
+        return false;
+    }
+    return std::ranges::any_of(record->members,
+                               [&](const host::meaning::Member &member) {
+                                   return Contains(member.name, word) || Contains(member.wire, word);
+                               }) ||
+           std::ranges::any_of(record->inside, [&](const auto *inside) { return HasMember(inside, word); });
+}
+
+// A service's name is meant as a whole; any other word may stand anywhere.
+bool IsMeant(const Method &method, const std::string &word) {
+    if (const auto &services = Services(); std::ranges::find(services, word) != services.end()) {
+        return method.service == word;
+    }
+    const host::meaning::Method &meaning = *method.meaning;
+    return Contains(method.name, word) || Contains(meaning.sentence, word) || Contains(NameOf(meaning.group), word) ||
+           HasMember(meaning.request, word) || HasMember(meaning.response, word);
+}
+
+using MethodList = std::vector<const Method *>;
+
+// In the order of the interface.
+void PrintByIndex(const MethodList &methods) {
+    Columns columns;
+    for (const Method *method : methods) {
+        columns.Add(
+            {std::to_string(method->index), method->name, method->request->name, std::string(ResponseName(*method))});
+    }
+    columns.Print(std::cout, 2);
+}
+
+void PrintByGroup(const MethodList &methods) {
+    Columns columns;
+    for (const host::Group group : host::kGroups) {
+        const auto in = [group](const Method *method) { return method->meaning->group == group; };
+        if (std::ranges::any_of(methods, in)) {
+            columns.Add({std::string(NameOf(group))});
+        }
+        for (const Method *method : methods) {
+            if (in(method)) {
+                columns.Add({fmt::format("  {}", method->name), std::string(FirstSentence(method->meaning->sentence))});
+            }
+        }
+    }
+    columns.Print(std::cout, 2);
+}
+
+void PrintService(const host::meaning::Service &service, const MethodList &methods, View view) {
+    MethodList own;
+    std::ranges::copy_if(methods, std::back_inserter(own),
+                         [&](const Method *method) { return std::string_view(method->service) == service.name; });
+    if (own.empty()) {
+        return;
+    }
+    if (view == View::kWire) {
+        std::cout << service.name << "\n";
+        PrintByIndex(own);
+    } else {
+        std::cout << service.name << ": " << FirstSentence(service.sentence) << "\n";
+        PrintByGroup(own);
+    }
+}
+
+} // namespace
+
+std::string_view FirstSentence(std::string_view text) {
+    const size_t end = text.find(". ");
+    return end == text.npos ? text : text.substr(0, end + 1);
+}
+
+std::string_view ResponseName(const Method &method) {
     return method.response == nullptr ? "(no reply)" : method.response->name;
 }
 
 Json MethodJson(const Method &method) {
-    Json json{{"service", method.service}, {"method", method.name}, {"index", method.index}};
-    json["request"] = method.request->name;
-    json["response"] = method.response == nullptr ? Json() : Json(method.response->name);
-    return json;
+    const host::meaning::Method &meaning = *method.meaning;
+    return {{"service", method.service},
+            {"method", method.name},
+            {"index", method.index},
+            {"group", NameOf(meaning.group)},
+            {"sentence", meaning.sentence},
+            {"long", meaning.duration == host::meaning::Duration::kLong},
+            {"example", meaning.example},
+            {"request", method.request->name},
+            {"response", method.response == nullptr ? Json() : Json(method.response->name)}};
 }
-
-Json TypeJson(const Type &type) {
-    Json json{{"type", type.name}, {"hash", fmt::format("0x{:08X}", type.hash)}, {"nativeSize", type.size}};
-    json["fixedSize"] = type.fixed ? Json(type.fixed->Size()) : Json();
-    json["fields"] = Json::array();
-    for (size_t i = 0; i < type.slots.size(); ++i) {
-        const Slot &slot = type.slots[i];
-        Json field{{"slot", i}, {"name", slot.name}, {"kind", KindText(slot)}, {"offset", slot.offset}};
-        field["count"] = slot.count == nullptr ? Json() : Json(slot.count);
-        field["fixedOffset"] = type.fixed ? Json(type.fixed->offsets[i]) : Json();
-        json["fields"].push_back(std::move(field));
-    }
-    return json;
-}
-
-std::string MeaningText(const Meaning &meaning) {
-    const std::string label = meaning.label == nullptr ? "" : meaning.label, unit = NameOf(meaning.unit);
-    return label + (label.empty() || unit.empty() ? "" : ", ") + unit;
-}
-
-bool HasMeanings(const Type &type) {
-    return std::any_of(type.slots.begin(), type.slots.end(),
-                       [&type](const Slot &slot) { return !MeaningText(MeaningOf(type, slot)).empty(); });
-}
-
-void PrintType(const Type &type) {
-    const std::string fixed = type.fixed ? fmt::format("fixed form {} bytes", type.fixed->Size()) : "no fixed form";
-    std::cout << fmt::format("{}  hash 0x{:08X}, record {} bytes, {}\n", type.name, type.hash, type.size, fixed);
-    Columns columns;
-    columns.Add({"slot", "field", "kind", "at", "fixed", "count", HasMeanings(type) ? "meaning" : ""});
-    for (size_t i = 0; i < type.slots.size(); ++i) {
-        const Slot &slot = type.slots[i];
-        columns.Add({std::to_string(i), slot.name, KindText(slot), std::to_string(slot.offset),
-                     type.fixed ? std::to_string(type.fixed->offsets[i]) : "-", slot.count == nullptr ? "" : slot.count,
-                     MeaningText(MeaningOf(type, slot))});
-    }
-    if (type.slots.empty()) {
-        std::cout << "  no fields\n";
-    } else {
-        columns.Print(std::cout, 2);
-    }
-}
-
-// The types of a method or a type, with those inside them, each once.
-std::vector<const Type *> TypesToShow(std::initializer_list<const Type *> roots) {
-    std::vector<const Type *> types;
-    for (const Type *root : roots) {
-        for (const Type *type : root == nullptr ? std::vector<const Type *>() : TypesWithin(*root)) {
-            if (std::find(types.begin(), types.end(), type) == types.end()) {
-                types.push_back(type);
-            }
-        }
-    }
-    return types;
-}
-
-} // namespace
 
 const Type &RequireType(const std::string &name) {
     const Type *const type = FindType(name);
@@ -126,57 +162,37 @@ void RequireService(const std::string &name) {
     }
 }
 
-void List(const std::string &service, bool json) {
-    if (!service.empty()) {
-        RequireService(service);
+void List(const std::string &word, View view, bool json) {
+    MethodList methods;
+    for (const Method &method : Methods()) {
+        if (IsMeant(method, word)) {
+            methods.push_back(&method);
+        }
     }
-    Json all = Json::array();
-    for (const std::string_view name : Services()) {
-        if (!service.empty() && name != service) {
-            continue;
-        }
-        Columns columns;
-        for (const Method &method : Methods()) {
-            if (method.service == name) {
-                columns.Add({std::to_string(method.index), method.name, method.request->name, ResponseName(method)});
-                all.push_back(MethodJson(method));
-            }
-        }
-        if (!json) {
-            std::cout << name << "\n";
-            columns.Print(std::cout, 2);
-        }
+    if (methods.empty()) {
+        throw Failure(kUsage, fmt::format("{}: no service, and in no method's name, sentence or members{}", word,
+                                          Suggestion(word, Joined(Services(), MethodNames()))));
     }
     if (json) {
+        Json all = Json::array();
+        std::ranges::transform(methods, std::back_inserter(all),
+                               [](const Method *method) { return MethodJson(*method); });
         std::cout << all.dump(2) << "\n";
+        return;
+    }
+    for (const host::meaning::Service *service : Meanings()) {
+        PrintService(*service, methods, view);
     }
 }
 
-void Describe(const std::string &name, bool json) {
-    const Method *const method = FindMethod(name);
-    const Type *const type = method == nullptr ? FindType(name) : nullptr;
-    if (method == nullptr && type == nullptr) {
-        std::vector<std::string_view> names = MethodNames();
-        const auto types = TypeNames();
-        names.insert(names.end(), types.begin(), types.end());
-        throw Failure(kUsage, fmt::format("{}: no such method or type{}", name, Suggestion(name, names)));
-    }
-    const auto types = method != nullptr ? TypesToShow({method->request, method->response}) : TypesToShow({type});
-    if (json) {
-        Json result = method != nullptr ? MethodJson(*method) : Json::object();
-        for (const Type *shown : types) {
-            result["types"].push_back(TypeJson(*shown));
-        }
-        std::cout << result.dump(2) << "\n";
-        return;
-    }
-    if (method != nullptr) {
-        std::cout << fmt::format("{}.{}  index {}: {} -> {}\n", method->service, method->name, method->index,
-                                 method->request->name, ResponseName(*method));
-    }
-    for (const Type *shown : types) {
-        std::cout << (method != nullptr || shown != types.front() ? "\n" : "");
-        PrintType(*shown);
+void Describe(const std::string &name, View view, bool json) {
+    if (const Method *const method = FindMethod(name)) {
+        DescribeMethod(*method, view, json);
+    } else if (const Type *const type = FindType(name)) {
+        DescribeType(*type, view, json);
+    } else {
+        throw Failure(kUsage, fmt::format("{}: no such method or type{}", name,
+                                          Suggestion(name, Joined(MethodNames(), TypeNames()))));
     }
 }
 

@@ -47,8 +47,8 @@ std::chrono::milliseconds ParseTime(const char *option, const std::string &text)
 const CLI::Range kPid(1U, static_cast<unsigned>(INT32_MAX));
 
 struct Arguments {
-    std::string runDir, service, name, deadline, delay, shell;
-    bool json = false;
+    std::string runDir, word, name, member, deadline, delay, shell, jsonForm;
+    bool json = false, wire = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
     ctl::TopOptions top;
@@ -56,28 +56,52 @@ struct Arguments {
     ctl::EncodeOptions encode;
 };
 
-void AddList(CLI::App &app, Arguments &arguments) {
-    auto *const list = app.add_subcommand("list", "The methods of all services, or of one");
-    list->add_option("SERVICE", arguments.service, "Whose methods; default all")->option_text(" ");
-    list->add_flag("--json", arguments.json, "For programs");
-    list->callback([&] { ctl::List(arguments.service, arguments.json); });
+ctl::View ViewOf(const Arguments &arguments) {
+    return arguments.wire ? ctl::View::kWire : ctl::View::kMeaning;
+}
 
-    auto *const describe = app.add_subcommand("describe", "A method's or a type's fields, sizes and hash");
+void AddList(CLI::App &app, Arguments &arguments) {
+    auto *const list = app.add_subcommand("list", "What the methods do, of all services or of one, or with a word");
+    list->add_option("WORD", arguments.word, "A service; or what is in a method's name, sentence, group or members")
+        ->option_text(" ");
+    list->add_flag("--wire", arguments.wire, "Indices and types in place of what is meant");
+    list->add_flag("--json", arguments.json, "For programs, with both");
+    list->callback([&] { ctl::List(arguments.word, ViewOf(arguments), arguments.json); });
+
+    auto *const describe = app.add_subcommand("describe", "What a method and its members mean, or a type's members");
     describe->add_option("NAME", arguments.name, "Method, Service.Method or type")->required()->option_text(" ");
-    describe->add_flag("--json", arguments.json, "For programs");
-    describe->callback([&] { ctl::Describe(arguments.name, arguments.json); });
+    describe->add_flag("--wire", arguments.wire, "Slots, offsets, sizes and hashes in place of what is meant");
+    describe->add_flag("--json", arguments.json, "For programs, with both");
+    describe->callback([&] { ctl::Describe(arguments.name, ViewOf(arguments), arguments.json); });
+}
+
+constexpr char kNamed[] = "named";
+
+void AddJsonForm(CLI::App &command, Arguments &arguments) {
+    command
+        .add_flag("--json{wire}", arguments.jsonForm,
+                  "For programs, with the names of the wire; --json=named has those of what is meant")
+        ->check(CLI::IsMember({"wire", kNamed}));
+}
+
+ctl::JsonForm JsonFormOf(const Arguments &arguments) {
+    return arguments.jsonForm.empty()     ? ctl::JsonForm::kNone
+           : arguments.jsonForm == kNamed ? ctl::JsonForm::kNamed
+                                          : ctl::JsonForm::kWire;
 }
 
 void AddCall(CLI::App &app, Arguments &arguments) {
     auto *const call = app.add_subcommand("call", "Calls a method and prints its reply");
-    arguments.call.request = "{}";
-    call->add_option("METHOD", arguments.call.method, "Method or Service.Method")->required()->option_text(" ");
-    auto *const json = call->add_option("JSON", arguments.call.request,
-                                        "The request: JSON, @FILE, or - for standard input; default {}")
-                           ->option_text(" ");
+    call->add_option("METHOD", arguments.call.method, "Method or Service.Method; with --help, what it takes")
+        ->required()
+        ->option_text(" ");
+    auto *const request = call->add_option("REQUEST", arguments.call.request,
+                                           "The request: NAME=VALUE for each member, or JSON, @FILE, - for standard "
+                                           "input")
+                              ->option_text(" ");
     call->add_option("--raw", arguments.call.raw, "Send the message in this file as it is, well-formed or not")
         ->option_text("FILE")
-        ->excludes(json);
+        ->excludes(request);
     call->add_option("--pid", arguments.call.pid, "The process whose agent is called")->option_text("PID")->check(kPid);
     call->add_option("--deadline", arguments.deadline,
                      "How long to wait: 500ms, 2s, 1m; default " + TimeText(arguments.call.deadline))
@@ -86,12 +110,13 @@ void AddCall(CLI::App &app, Arguments &arguments) {
     call->add_option("--repeat", arguments.call.repeat, "Call so many times, and print how long that took")
         ->option_text("N")
         ->check(CLI::Range(1U, 1'000'000'000U));
-    call->add_flag("--json", arguments.call.json, "For programs");
+    AddJsonForm(*call, arguments);
     call->callback([&, call] {
         if (call->count("--deadline") != 0) {
             arguments.call.deadline = ParseTime("--deadline", arguments.deadline);
         }
         arguments.call.runDir = arguments.runDir;
+        arguments.call.json = JsonFormOf(arguments);
         ctl::Call(arguments.call);
     });
 }
@@ -134,9 +159,12 @@ void AddCodec(CLI::App &app, Arguments &arguments) {
     decode->add_option("FILE", arguments.decode.file, "The message, as bytes or in hex; - for standard input")
         ->required()
         ->option_text(" ");
-    decode->add_flag("--json", arguments.decode.json, "For programs");
+    AddJsonForm(*decode, arguments);
     decode->add_flag("--explain", arguments.decode.explain, "What each byte means, and why the message is refused");
-    decode->callback([&] { ctl::Decode(arguments.decode); });
+    decode->callback([&] {
+        arguments.decode.json = JsonFormOf(arguments);
+        ctl::Decode(arguments.decode);
+    });
 
     auto *const encode = app.add_subcommand("encode", "Writes a record as a message, in hex to a terminal");
     encode->add_option("TYPE", arguments.encode.type, "Of the record")->required()->option_text(" ");
@@ -152,6 +180,11 @@ void AddCompletion(CLI::App &app, Arguments &arguments) {
     auto *const completion = app.add_subcommand("completion", "Prints the completion script of a shell");
     completion->add_option("SHELL_NAME", arguments.shell, "bash or zsh")->required()->option_text(" ");
     completion->callback([&] { ctl::WriteCompletion(app, arguments.shell); });
+
+    auto *const members = app.add_subcommand("complete-members", "What completion offers for a request")->group("");
+    members->add_option("METHOD", arguments.name)->required();
+    members->add_option("MEMBER", arguments.member);
+    members->callback([&] { ctl::CompleteMembers(arguments.name, arguments.member); });
 }
 
 int Fail(int code, const std::string &text) {
@@ -173,12 +206,22 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
 // The parser itself would only say that a command is missing.
 std::string MissingCommand(const CLI::App &app) {
     std::vector<std::string> names;
-    for (const CLI::App *command : app.get_subcommands(nullptr)) {
+    for (const CLI::App *command : app.get_subcommands(ctl::IsForPeople)) {
         names.push_back(command->get_name());
     }
     const std::vector<std::string> rest = app.remaining();
     return fmt::format("found {}, expected a command: {}", rest.empty() ? "nothing" : rest.front(),
                        fmt::join(names, ", "));
+}
+
+// "call METHOD --help" is of the method.
+int Help(const CLI::App &app, const CLI::Success &request) {
+    const CLI::App *const call = app.get_subcommand("call");
+    if (call->parsed() && call->count("METHOD") != 0 && call->count("--help") != 0) {
+        ctl::Describe(call->get_option("METHOD")->results().front(), ctl::View::kMeaning, false);
+        return ctl::kDone;
+    }
+    return app.exit(request);
 }
 
 int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
@@ -188,6 +231,16 @@ int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
     }
     const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
     return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", error.what(), command));
+}
+
+// Exit code; what fails is thrown.
+int Run(CLI::App &app, int argc, char **argv) {
+    try {
+        app.parse(argc, argv);
+        return ctl::kDone;
+    } catch (const CLI::Success &request) { // --help, --version
+        return Help(app, request);
+    }
 }
 
 } // namespace
@@ -205,10 +258,9 @@ int main(int argc, char **argv) {
     AddCodec(app, arguments);
     AddCompletion(app, arguments);
     app.footer(kFooter);
+    int code = ctl::kDone;
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success &request) { // --help, --version
-        return app.exit(request);
+        code = Run(app, argc, argv);
     } catch (const CLI::ParseError &error) {
         return FailToParse(app, error);
     } catch (const ctl::Failure &failure) {
@@ -219,5 +271,5 @@ int main(int argc, char **argv) {
         return Fail(ctl::kOther, error.what());
     }
     std::cout.flush();
-    return std::cout ? ctl::kDone : Fail(ctl::kOther, "cannot write to standard output");
+    return std::cout ? code : Fail(ctl::kOther, "cannot write to standard output");
 }

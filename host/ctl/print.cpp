@@ -4,7 +4,8 @@
 
 #include <algorithm>
 
-#include "host/ctl/meaning.h"
+#include "host/ctl/values.h"
+#include "host/describe/named_units.h"
 #include "host/osal/text.h"
 
 namespace ctl {
@@ -13,6 +14,9 @@ using host::describe::Json;
 using host::describe::Kind;
 using host::describe::Slot;
 using host::describe::Type;
+using host::meaning::Member;
+using host::meaning::Value;
+namespace meaning = host::meaning;
 
 namespace {
 
@@ -32,15 +36,11 @@ bool IsQuantity(const std::string &text) {
             (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
 }
 
-bool IsTime(const Type *type) {
-    return type != nullptr && std::string_view(type->name) == "Systime";
-}
-
-// "2026-02-03 04:05:06"; "-" for no time.
+// "2026-02-03 04:05:06"; empty for no time.
 std::string TimeText(const Json &time) {
     const auto part = [&time](const char *name) { return time[name].get<uint32_t>(); };
     if (part("usYear") == 0) {
-        return "-";
+        return "";
     }
     return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", part("usYear"), part("ucMonth"), part("ucDay"),
                        part("ucHour"), part("ucMinute"), part("ucSecond"));
@@ -68,18 +68,6 @@ std::string OneLine(const Json &value) {
     return plain ? text : value.dump();
 }
 
-// An array of characters, not of bytes.
-bool IsName(const Slot &slot) {
-    const std::string_view name = slot.name;
-    return slot.kind == Kind::kBytes && (name.starts_with("ac") || name.starts_with("sz"));
-}
-
-// Names may hold line ends as well, but stay in their line.
-bool HasLines(const Slot &slot, const Json &value) {
-    return slot.kind != Kind::kBytes && value.is_string() &&
-           value.get_ref<const std::string &>().find('\n') != std::string::npos;
-}
-
 void PrintLines(std::ostream &out, const std::string &text, size_t indent) {
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('\n', at), text.size());
@@ -90,129 +78,180 @@ void PrintLines(std::ostream &out, const std::string &text, size_t indent) {
     }
 }
 
-// Prints in one view.
-class Printer {
-public:
-    Printer(std::ostream &out, View view) : out_(out), view_(view) {}
+// A table's slots, and what they mean; nothing in the view of the wire.
+struct Shown {
+    const Type &type;
+    const host::meaning::Record *meaning;
 
-    void Table(const Type &type, const Json &json, size_t indent) const;
-
-private:
-    bool IsFlat(const Slot &slot) const {
-        return slot.table == nullptr || (view_ == View::kMeaning && slot.kind == Kind::kTable && IsTime(slot.table));
+    const Member *MemberOf(size_t slot) const { return meaning == nullptr ? nullptr : &meaning->members[slot]; }
+    std::string NameOf(size_t slot) const {
+        return meaning == nullptr ? type.slots[slot].name : std::string(meaning->members[slot].name);
     }
-    std::string NameOf(const Type &type, const Slot &slot) const {
-        const char *const label = view_ == View::kMeaning ? MeaningOf(type, slot).label : nullptr;
-        return label == nullptr ? slot.name : label;
+    bool Has(size_t slot) const {
+        return meaning == nullptr || meaning->members[slot].value.kind != meaning::Kind::kUnused;
     }
-    std::string TextOf(const Type &type, const Slot &slot, const Json &value) const;
-    bool FitsRows(const Type &type, const Json &array) const;
-    Json Filled(const Slot &slot, const Json &array) const;
-    void Elements(const Type &type, const Json &array, size_t indent) const;
-
-    std::ostream &out_;
-    const View view_;
+    Shown Inside(size_t slot) const {
+        return {*type.slots[slot].table, meaning == nullptr ? nullptr : meaning->inside[slot]};
+    }
+    bool IsTime(size_t slot) const {
+        return meaning != nullptr && host::describe::IsTime(meaning->members[slot].value.kind);
+    }
+    bool IsFlat(size_t slot) const { return type.slots[slot].table == nullptr || IsTime(slot); }
+    // Then processes and threads need no names of their own.
+    bool HasNames() const {
+        return meaning != nullptr && std::ranges::any_of(meaning->members, [](const Member &member) {
+                   return member.name == "name" || member.name.ends_with("-name");
+               });
+    }
 };
 
-std::string Printer::TextOf(const Type &type, const Slot &slot, const Json &value) const {
-    if (view_ == View::kWire) {
-        return OneLine(value);
+// Where a value stands: a line has room for what 0 means.
+enum class Room { kLine, kCell };
+
+class Printer {
+public:
+    explicit Printer(std::ostream &out) : out_(out) {}
+
+    void Table(const Shown &shown, const Json &json, size_t indent) const;
+
+private:
+    void Line(const Shown &shown, size_t slot, const Json &value, size_t width, size_t indent) const;
+    void Elements(const Shown &shown, const Json &array, size_t indent) const;
+    void Rows(const Shown &shown, const Json &array, size_t indent) const;
+
+    std::ostream &out_;
+};
+
+std::string NumberText(const Shown &shown, const Value &value, uint64_t number, Room room) {
+    const bool id = value.kind == meaning::Kind::kPid || value.kind == meaning::Kind::kTid;
+    if (number == 0 && !value.zero.empty() && room == Room::kLine) {
+        return std::string(value.zero);
     }
-    if (IsTime(slot.table)) {
-        return TimeText(value);
+    return id && room == Room::kCell && shown.HasNames() ? std::to_string(number) : ValueText(value, number);
+}
+
+// Of an array, which travels whole, the numbers up to the last that is not 0.
+std::string NumbersText(const Shown &shown, size_t slot, const Json &numbers) {
+    size_t count = numbers.size();
+    while (count > 0 && shown.type.slots[slot].kind == Kind::kArray64 && numbers[count - 1] == 0) {
+        --count;
     }
-    if (value.is_object() && IsName(slot)) {
-        return NameText(value);
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        text += (i == 0 ? "" : ", ") + ValueText(shown.MemberOf(slot)->value, numbers[i].get<uint64_t>());
     }
-    const Unit unit = MeaningOf(type, slot).unit;
-    if (unit != Unit::kNone && value.is_number_unsigned()) {
-        return TextWithUnit(value.get<uint64_t>(), unit);
+    return text.empty() ? "-" : text;
+}
+
+std::string TextOf(const Shown &shown, size_t slot, const Json &json, Room room) {
+    const Member *const member = shown.MemberOf(slot);
+    if (member == nullptr) {
+        return OneLine(json);
     }
-    if (unit != Unit::kNone && value.is_array()) {
-        size_t count = value.size();
-        while (count > 0 && slot.kind == Kind::kArray64 && value[count - 1] == 0) { // it travels whole
-            --count;
-        }
-        std::string text;
-        for (size_t i = 0; i < count; ++i) {
-            text += (i == 0 ? "" : ", ") + TextWithUnit(value[i].get<uint64_t>(), unit);
-        }
-        return text.empty() ? "-" : text;
+    const Value &value = member->value;
+    if (json.is_array()) {
+        return NumbersText(shown, slot, json);
     }
-    return OneLine(value);
+    if (json.is_number_unsigned()) {
+        return NumberText(shown, value, json.get<uint64_t>(), room);
+    }
+    const std::string text = json.is_null()                            ? ""
+                             : shown.type.slots[slot].table != nullptr ? TimeText(json)
+                             : value.kind == meaning::Kind::kBinary    ? OneLine(json)
+                                                                       : NameText(json);
+    return !text.empty() ? text : room == Room::kLine && !value.zero.empty() ? std::string(value.zero) : "-";
+}
+
+// Names may hold line ends as well, but stay in their line.
+bool HasLines(const Shown &shown, size_t slot, const Json &value) {
+    return shown.type.slots[slot].kind != Kind::kBytes && value.is_string() &&
+           value.get_ref<const std::string &>().find('\n') != std::string::npos;
 }
 
 // Whether each element takes one line.
-bool Printer::FitsRows(const Type &type, const Json &array) const {
-    return std::all_of(type.slots.begin(), type.slots.end(), [&](const Slot &slot) {
-        return IsFlat(slot) && (view_ == View::kWire || std::none_of(array.begin(), array.end(), [&](const Json &one) {
-                                    return HasLines(slot, one[slot.name]);
-                                }));
-    });
+bool FitsRows(const Shown &shown, const Json &array) {
+    for (size_t i = 0; i < shown.type.slots.size(); ++i) {
+        const auto hasLines = [&](const Json &one) { return HasLines(shown, i, one[shown.type.slots[i].name]); };
+        if (!shown.IsFlat(i) || (shown.meaning != nullptr && std::ranges::any_of(array, hasLines))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Of a run, which travels whole, the elements up to the last that holds anything.
-Json Printer::Filled(const Slot &slot, const Json &array) const {
+Json Filled(const Slot &slot, const Json &array) {
     Json filled = array;
-    if (view_ == View::kMeaning && slot.kind == Kind::kTableRun) {
-        const Json nothing = host::describe::ToJson(host::describe::Record(*slot.table));
-        while (!filled.empty() && filled.back() == nothing) {
-            filled.erase(filled.size() - 1);
-        }
+    const Json nothing = host::describe::ToJson(host::describe::Record(*slot.table));
+    while (slot.kind == Kind::kTableRun && !filled.empty() && filled.back() == nothing) {
+        filled.erase(filled.size() - 1);
     }
     return filled;
 }
 
-void Printer::Elements(const Type &type, const Json &array, size_t indent) const {
-    if (!FitsRows(type, array)) {
-        for (size_t i = 0; i < array.size(); ++i) {
-            out_ << std::string(indent, ' ') << "[" << i << "]\n";
-            Table(type, array[i], indent + 2);
-        }
-        return;
-    }
+void Printer::Rows(const Shown &shown, const Json &array, size_t indent) const {
     Columns columns;
     std::vector<std::string> head;
-    for (const Slot &slot : type.slots) {
-        head.push_back(NameOf(type, slot));
+    for (size_t i = 0; i < shown.type.slots.size(); ++i) {
+        if (shown.Has(i)) {
+            head.push_back(shown.NameOf(i));
+        }
     }
     columns.Add(head);
     for (const Json &element : array) {
         std::vector<std::string> row;
-        for (const Slot &slot : type.slots) {
-            row.push_back(TextOf(type, slot, element[slot.name]));
+        for (size_t i = 0; i < shown.type.slots.size(); ++i) {
+            if (shown.Has(i)) {
+                row.push_back(TextOf(shown, i, element[shown.type.slots[i].name], Room::kCell));
+            }
         }
         columns.Add(row);
     }
     columns.Print(out_, indent);
 }
 
-void Printer::Table(const Type &type, const Json &json, size_t indent) const {
-    size_t width = 0;
-    for (const Slot &slot : type.slots) {
-        width = std::max(width, NameOf(type, slot).size());
+void Printer::Elements(const Shown &shown, const Json &array, size_t indent) const {
+    if (FitsRows(shown, array)) {
+        Rows(shown, array, indent);
+        return;
     }
-    for (const Slot &slot : type.slots) {
-        const Json &value = json[slot.name];
-        const std::string title = NameOf(type, slot);
-        const std::string name = std::string(indent, ' ') + title;
-        const std::string padding(width - title.size() + 2, ' ');
-        if (IsFlat(slot)) {
-            if (HasLines(slot, value)) {
-                out_ << name << "\n";
-                PrintLines(out_, value.get_ref<const std::string &>(), indent + 2);
-            } else {
-                out_ << name << padding << TextOf(type, slot, value) << "\n";
-            }
-        } else if (slot.kind == Kind::kTable) {
+    for (size_t i = 0; i < array.size(); ++i) {
+        out_ << std::string(indent, ' ') << "[" << i << "]\n";
+        Table(shown, array[i], indent + 2);
+    }
+}
+
+void Printer::Line(const Shown &shown, size_t slot, const Json &value, size_t width, size_t indent) const {
+    const std::string title = shown.NameOf(slot);
+    const std::string name = std::string(indent, ' ') + title;
+    const std::string padding(width - title.size() + 2, ' ');
+    if (shown.IsFlat(slot)) {
+        if (HasLines(shown, slot, value)) {
             out_ << name << "\n";
-            Table(*slot.table, value, indent + 2);
+            PrintLines(out_, value.get_ref<const std::string &>(), indent + 2);
         } else {
-            const Json elements = Filled(slot, value);
-            out_ << name << padding << elements.size() << (elements.size() == 1 ? " element\n" : " elements\n");
-            if (!elements.empty()) {
-                Elements(*slot.table, elements, indent + 2);
-            }
+            out_ << name << padding << TextOf(shown, slot, value, Room::kLine) << "\n";
+        }
+    } else if (shown.type.slots[slot].kind == Kind::kTable) {
+        out_ << name << "\n";
+        Table(shown.Inside(slot), value, indent + 2);
+    } else {
+        const Json elements = shown.meaning == nullptr ? value : Filled(shown.type.slots[slot], value);
+        out_ << name << padding << elements.size() << (elements.size() == 1 ? " element\n" : " elements\n");
+        if (!elements.empty()) {
+            Elements(shown.Inside(slot), elements, indent + 2);
+        }
+    }
+}
+
+void Printer::Table(const Shown &shown, const Json &json, size_t indent) const {
+    size_t width = 0;
+    for (size_t i = 0; i < shown.type.slots.size(); ++i) {
+        width = std::max(width, shown.Has(i) ? shown.NameOf(i).size() : 0);
+    }
+    for (size_t i = 0; i < shown.type.slots.size(); ++i) {
+        if (shown.Has(i)) {
+            Line(shown, i, json[shown.type.slots[i].name], width, indent);
         }
     }
 }
@@ -256,8 +295,12 @@ void Columns::Print(std::ostream &out, size_t indent) const {
     }
 }
 
-void PrintRecord(std::ostream &out, const host::describe::Record &record, View view) {
-    Printer(out, view).Table(record.GetType(), host::describe::ToJson(record), 0);
+void PrintRecord(std::ostream &out, const host::describe::Record &record) {
+    Printer(out).Table({record.GetType(), nullptr}, host::describe::ToJson(record), 0);
+}
+
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const meaning::Record &meaning) {
+    Printer(out).Table({record.GetType(), &meaning}, host::describe::ToJson(record), 0);
 }
 
 } // namespace ctl

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "host/describe/json.h"
+#include "host/meaning/meaning.h"
 
 namespace ctl {
 
@@ -21,10 +22,9 @@ private:
 // What is in an array of characters, for a line on a terminal.
 std::string NameText(const host::describe::Json &name);
 
-// kWire shows members and numbers as they travel; kMeaning what they mean, with units and the names of processes.
-enum class View { kWire, kMeaning };
-
-// A field a line, nested tables indented, vectors of flat tables as a table of their own.
-void PrintRecord(std::ostream &out, const host::describe::Record &record, View view);
+// A member a line, nested tables indented, vectors of flat tables as a table of their own: with the members and the
+// numbers as they travel, or as that record means them.
+void PrintRecord(std::ostream &out, const host::describe::Record &record);
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const host::meaning::Record &meaning);
 
 } // namespace ctl

@@ -156,8 +156,9 @@ Json FromWire(const Place &place, const Json &value) {
 }
 
 bool IsCount(const meaning::Record &meaning, std::string_view key) {
-    return std::ranges::any_of(meaning.slots,
-                               [key](const velto::SlotName &slot) { return slot.count != nullptr && key == slot.count; });
+    return std::ranges::any_of(std::span(meaning.slots, meaning.members.size()), [key](const velto::SlotName &slot) {
+        return slot.count != nullptr && key == slot.count;
+    });
 }
 
 Json Translate(const Json &named, const meaning::Record &meaning, const std::string &path) {

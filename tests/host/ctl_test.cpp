@@ -15,8 +15,7 @@ TARN_UNIT()
 #include <fstream>
 #include <thread>
 
-#include "host/ctl/meaning.h"
-#include "host/describe/json.h"
+#include "host/describe/stated.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 
@@ -77,33 +76,96 @@ TEST_F(Ctl, ListsEveryMethodOnce) {
     ASSERT_EQ(Run("list --json"), 0);
     EXPECT_EQ(Json::parse(out_).size(), host::describe::Methods().size());
     ASSERT_EQ(Run("list TarnSysdiagTarndAgent"), 0);
+    EXPECT_EQ(out_,
+              "TarnSysdiagTarndAgent: The daemon's service for agents, with which they register and subscribe.\n"
+              "  agents\n"
+              "    AgentRegInfo      Tells the daemon that an agent runs in a process, or that it leaves.\n"
+              "    TarnAppSubscribe  Subscribes a process to events of the machine's resources, instead of what it "
+              "subscribed to before.\n");
+    ASSERT_EQ(Run("list TarnSysdiagTarndAgent --wire"), 0);
     EXPECT_EQ(out_, "TarnSysdiagTarndAgent\n"
                     "  1  AgentRegInfo      AgentRegInfoInput  AgentRegInfoResult\n"
                     "  2  TarnAppSubscribe  AppSubscribeInput  Result\n");
 }
 
-TEST_F(Ctl, DescribesTypesAndMethods) {
-    ASSERT_EQ(Run("describe Result"), 0);
-    EXPECT_EQ(out_, "Result  hash 0x10D68351, record 4 bytes, fixed form 24 bytes\n"
-                    "  slot  field     kind  at  fixed  count  meaning\n"
-                    "     0  uiResult  u32    0      4         errno value\n");
-    ASSERT_EQ(Run("describe DetectTarndServerOnline --json"), 0);
-    const auto json = Json::parse(out_);
-    EXPECT_TRUE(json["response"].is_null());
-    EXPECT_EQ(json["types"][0]["type"], "None");
-    EXPECT_EQ(json["types"][0]["fixedSize"], 16);
+TEST_F(Ctl, ListsWhatHasAWord) {
+    const auto listed = [&](const std::string &word) {
+        EXPECT_EQ(Run("list --json " + word), 0) << error_;
+        std::vector<std::string> names;
+        for (const Json &method : Json::parse(out_)) {
+            names.push_back(method["method"]);
+        }
+        return names;
+    };
+    EXPECT_EQ(listed("tasksw"), std::vector<std::string>{"SetTaskSwitch"}) << "in its name";
+    EXPECT_EQ(listed("'resource of the machine'"), std::vector<std::string>{"TarnUpdateResourceInfo"})
+        << "in its sentence";
+    EXPECT_EQ(listed("stDstWeek"), (std::vector<std::string>{"SetDst", "GetDst"})) << "in a record within its request";
+    EXPECT_EQ(listed("TarnSysdiagTarndAgent").size(), 2u);
 }
 
-TEST_F(Ctl, KnowsOnlyMeaningsOfMembersThatThereAre) {
-    for (const ctl::MemberMeaning &known : ctl::KnownMeanings()) {
-        const Type *const type = FindType(known.type);
-        ASSERT_NE(type, nullptr) << known.type;
-        EXPECT_TRUE(std::any_of(type->slots.begin(), type->slots.end(),
-                                [&](const Slot &slot) { return std::string_view(slot.name) == known.member; }))
-            << known.type << "." << known.member;
+TEST_F(Ctl, DescribesWhatAMethodMeans) {
+    ASSERT_EQ(Run("describe SysOvLoadCpuThresholdSet"), 0);
+    const std::string described = out_;
+    EXPECT_EQ(described, R"(TarnSysdiagTarnd.SysOvLoadCpuThresholdSet, settings
+  Sets from which share of busy time on the system is overloaded. Until it is set no overload is
+  detected; it outlives a restart.
+
+example
+  tarnctl call SysOvLoadCpuThresholdSet begins-at=90% ends-below=80% must-last=10s
+
+request: SysOvLoadCpuThreshold
+  begins-at (uiValue1): permille, 0 to 1000, 0: detect none
+      The busy share of all CPUs with which an overload begins.
+  ends-below (uiValue2): permille, 0: as begins-at, at most begins-at
+      The share below which it ends.
+  must-last (uiValue3): s, 0 to 3600, 0: counts at once
+      How long the share must last to count as an overload.
+
+reply: OperResult
+  result (uiResult): errno value
+      0, or why it was not done.
+)");
+    for (const char *arguments : {"call --help SysOvLoadCpuThresholdSet", "call SysOvLoadCpuThresholdSet --help"}) {
+        EXPECT_EQ(Run(arguments), 0);
+        EXPECT_EQ(out_, described) << arguments;
     }
-    ASSERT_EQ(Run("describe MultiCpuUsage"), 0);
-    EXPECT_NE(out_.find("busy, permille\n"), std::string::npos) << out_;
+    EXPECT_EQ(Run("call --help NoMethod"), 2);
+    ASSERT_EQ(Run("describe SetMemDmgScan"), 0);
+    EXPECT_NE(out_.find("\n        once (2): All blocks are scanned now, once.\n"), std::string::npos) << out_;
+    EXPECT_NE(out_.find("tarnctl call SetMemDmgScan --pid 4711 scan=once\n"), std::string::npos) << out_;
+    ASSERT_EQ(Run("describe SetDst"), 0);
+    EXPECT_NE(out_.find("\n  rule (stDst): record Dst\n"), std::string::npos) << out_;
+    EXPECT_NE(out_.find("\n  offset (uiDstOffset): minutes, 1 to 180, while on is on\n"), std::string::npos) << out_;
+}
+
+TEST_F(Ctl, DescribesTypesAndHowTheyTravel) {
+    ASSERT_EQ(Run("describe Result"), 0);
+    EXPECT_EQ(out_, "Result\n"
+                    "  result (uiResult): errno value\n"
+                    "      0, or why it was not done.\n");
+    ASSERT_EQ(Run("describe Result --wire"), 0);
+    EXPECT_EQ(out_, "Result  hash 0x10D68351, record 4 bytes, fixed form 24 bytes\n"
+                    "  slot  member    kind  at  fixed  count\n"
+                    "     0  uiResult  u32    0      4\n");
+    ASSERT_EQ(Run("describe DetectTarndServerOnline --json"), 0);
+    auto json = Json::parse(out_);
+    EXPECT_TRUE(json["response"].is_null());
+    EXPECT_EQ(json["group"], "reading");
+    EXPECT_EQ(json["types"][0]["type"], "None");
+    EXPECT_EQ(json["types"][0]["fixedSize"], 16);
+    ASSERT_EQ(Run("describe SetMemDmgScan --json"), 0);
+    json = Json::parse(out_)["types"][0]["fields"].back();
+    EXPECT_EQ(json["meaning"]["name"], "scan");
+    EXPECT_EQ(json["meaning"]["choices"][2]["name"], "once");
+}
+
+// Also those that no method has.
+TEST_F(Ctl, DescribesEveryType) {
+    for (const Type &type : Types()) {
+        EXPECT_EQ(Run(std::string("describe ") + type.name), 0) << error_;
+        EXPECT_TRUE(out_.starts_with(type.name)) << out_;
+    }
 }
 
 TEST_F(Ctl, EncodesAndDecodes) {
@@ -160,10 +222,9 @@ TEST_F(Ctl, RefusesInOneLineWithoutBeingAsked) {
 TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
     ExpectFailure(2, "", std::string("found nothing, expected a command: ") + kCommands);
     ExpectFailure(2, "lst", std::string("found lst, expected a command: ") + kCommands);
-    ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr: no such service; did you mean TarnSysdiagMaster?");
-    ExpectFailure(2, "list Nonsense",
-                  "Nonsense: no such service; expected TarnSysdiagTarnd, TarnSysdiagTarndAgent, TarnSysdiagAgent, "
-                  "TarnSysdiagMaster");
+    const std::string nowhere = ": no service, and in no method's name, sentence or members; ";
+    ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr" + nowhere + "did you mean TarnSysdiagMaster?");
+    ExpectFailure(2, "list Nonsense", "Nonsense" + nowhere + "tarnctl list shows all");
     ExpectFailure(2, "describe Xyzzy", "Xyzzy: no such method or type; tarnctl list shows all");
     ExpectFailure(2, "describe DstWek", "DstWek: no such method or type; did you mean DstWeek?");
     ExpectFailure(2, "decode Resul -", "Resul: no such type; did you mean Result?");
@@ -199,7 +260,7 @@ TEST_F(Ctl, BashCompletesFromTheDescriptions) {
     std::ofstream(dir_ / "agent-4711.sock");
     const auto offer = [&](const std::string &words) {
         const std::string command =
-            "cd " + dir_.string() + " && TARN_RUN_DIR=. bash complete.sh tarnctl " + words + " >offer";
+            "cd " + dir_.string() + " && TARN_RUN_DIR=. bash complete.sh " TARNCTL " " + words + " >offer";
         EXPECT_EQ(std::system(command.c_str()), 0) << words;
         return Slurp(dir_ / "offer");
     };
@@ -208,6 +269,10 @@ TEST_F(Ctl, BashCompletesFromTheDescriptions) {
     EXPECT_EQ(offer("call --pid 47"), "4711\n");
     EXPECT_EQ(offer("call --pid 4711 --json ClearMsgCtrlRuleT"), "ClearMsgCtrlRuleTarnd\n");
     EXPECT_EQ(offer("call PidIsOnline @complete"), "@complete.sh\n");
+    EXPECT_EQ(offer("call SysOvLoadCpuThresholdSet begins-at = 90% e"), "ends-below=\n");
+    EXPECT_EQ(offer("call SetDst rule.mode ="), "by-date\nby-week\n");
+    EXPECT_EQ(offer("call --json SetDst rule.on = o"), "off\non\n");
+    EXPECT_EQ(offer("call SetDst rule.on=of"), "rule.on=off\n") << "where = separates no words";
     EXPECT_EQ(offer("decode DstWe"), "DstWeek\n");
     EXPECT_EQ(offer("decode DstWeek comp"), "complete.sh\n");
     EXPECT_EQ(offer("list TarnSysdiagM"), "TarnSysdiagMaster\n");
@@ -233,7 +298,7 @@ TEST_F(Ctl, ZshTakesItsCompletion) {
 TEST_F(Ctl, CallChecksItsArgumentsFirst) {
     ExpectFailure(2, "call PidIsOnlin", "PidIsOnlin: no such method; did you mean PidIsOnline?");
     ExpectFailure(2, "call PidIsOnline '{\"uiPdi\":1}'",
-                  "PidIsOnlineInput: uiPdi: PidIsOnlineInput has no such field; did you mean uiPid?");
+                  "PidIsOnline: uiPdi: PidIsOnlineInput has no such member; did you mean uiPid?");
     ExpectFailure(2, "call ClearMsgCtrlRule", "ClearMsgCtrlRule is a method of TarnSysdiagAgent: expected --pid PID");
     ExpectFailure(2, "call PidIsOnline --pid 1",
                   "--pid is for methods of TarnSysdiagAgent; PidIsOnline is one of TarnSysdiagTarnd");
@@ -252,7 +317,7 @@ TEST_F(Ctl, NoServicesIsNoFailure) {
 }
 
 TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
-    ExpectFailure(3, "call PidIsOnline --deadline 500ms",
+    ExpectFailure(3, "call PidIsOnline process=1 --deadline 500ms",
                   "TarnSysdiagTarnd.PidIsOnline at " + (dir_ / "TarnSysdiagTarnd.sock").string() +
                       ": not connected: No such file or directory (error 2)");
     EXPECT_EQ(Run("call ClearMsgCtrlRule --pid 1"), 3);
@@ -340,8 +405,8 @@ protected:
 };
 
 TEST_F(CtlCall, PrintsTheReply) {
-    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": 4294967295}'"), 0) << error_;
-    EXPECT_EQ(out_, "uiPid       4294967295\nucIsOnline  0\n");
+    EXPECT_EQ(Run("call PidIsOnline process=4294967295"), 0) << error_;
+    EXPECT_EQ(out_, "process  4294967295\nonline   off\n");
     EXPECT_EQ(Run("call TarnSysdiagTarnd.PidIsOnline '{\"uiPid\": 7}' --json"), 0) << error_;
     EXPECT_EQ(Json::parse(out_), (Json{{"uiPid", 7}, {"ucIsOnline", 0}}));
     EXPECT_EQ(error_, "");
@@ -356,45 +421,95 @@ TEST_F(CtlCall, TakesTheRequestFromAFileOrStandardInput) {
     ExpectFailure(1, "call PidIsOnline @nothing", "nothing: cannot read: No such file or directory");
 }
 
+TEST_F(CtlCall, PrintsTheReplyInNamesForPrograms) {
+    EXPECT_EQ(Run("call PidIsOnline process=7 --json=named"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_), (Json{{"process", 7}, {"online", false}}));
+    EXPECT_EQ(Run("call PidIsOnline '{\"process\": 7}' --json=wire"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_), (Json{{"uiPid", 7}, {"ucIsOnline", 0}}));
+    EXPECT_EQ(Run("call SetDst rule.on=off --json=named"), 5);
+    EXPECT_EQ(Json::parse(out_), (Json{{"result", "EINVAL"}}));
+    EXPECT_EQ(Run("call PidIsOnline process=7 --json=text"), 2);
+    EXPECT_EQ(Run("call PidIsOnline process=7 --json named"), 2) << "that is a word of the request";
+}
+
+TEST_F(CtlCall, TakesEveryExample) {
+    for (const Method &method : Methods()) {
+        const bool agent = std::string_view(method.service) == "TarnSysdiagAgent";
+        std::string words;
+        for (const std::string &word : WordsOf(method.meaning->example)) {
+            words += " '" + word + "'";
+        }
+        const int code =
+            Run(std::string("call ") + method.name + (agent ? " --pid 1" : "") + words + " --deadline 1ms");
+        EXPECT_NE(code, 2) << error_;
+    }
+}
+
+TEST_F(CtlCall, SendsNothingThatIsNotAccepted) {
+    const auto refuse = [&](const std::string &arguments, const std::string &message) {
+        onlineCalls = 0;
+        ExpectFailure(2, arguments, message);
+        EXPECT_EQ(onlineCalls, 0u);
+    };
+    refuse("call PidIsOnline", "PidIsOnline: missing process (uiPid); an example: tarnctl call PidIsOnline process=1");
+    refuse("call PidIsOnline 7", "PidIsOnline: found 7, expected NAME=VALUE or JSON");
+    refuse("call PidIsOnline proces=7",
+           "PidIsOnline: proces: PidIsOnlineInput has no such member; did you mean process?");
+    refuse("call PidIsOnline process=7 uiPid=7", "PidIsOnline: process (uiPid) is stated twice");
+    refuse("call PidIsOnline process=7s",
+           "PidIsOnline: process (uiPid): found 7s, expected a whole number, such as 12 or 0xc");
+    refuse("call PidIsOnline process=4294967296",
+           "PidIsOnline: uiPid: found 4294967296, expected a whole number from 0 to 4294967295");
+    refuse("call SysOvLoadCpuThresholdSet begins-at=190%", "SysOvLoadCpuThresholdSet: begins-at (uiValue1) is 1900 ‰, "
+                                                           "expected 0 to 1000");
+    refuse("call SysOvLoadCpuThresholdSet '{\"uiValue1\": 1900}'",
+           "SysOvLoadCpuThresholdSet: begins-at (uiValue1) is 1900 ‰, expected 0 to 1000");
+    refuse("call SysOvLoadCpuThresholdSet begins-at=90s",
+           "SysOvLoadCpuThresholdSet: begins-at (uiValue1): found 90s, expected a share, such as 90% or 900");
+    refuse("call SetTimezone zone.offset=60",
+           "SetTimezone: missing zone.name (szTimezoneName); an example: tarnctl call SetTimezone "
+           "zone.name=Europe/Berlin zone.offset=60");
+}
+
 TEST_F(CtlCall, RepeatsAndMeasures) {
-    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": 7}' --repeat 25"), 0) << error_;
+    EXPECT_EQ(Run("call PidIsOnline process=7 --repeat 25"), 0) << error_;
     EXPECT_TRUE(out_.starts_with("PidIsOnline: 25 calls, 0 failed, ")) << out_;
-    EXPECT_EQ(Run("call PidIsOnline --repeat 25 --json"), 0) << error_;
+    EXPECT_EQ(Run("call PidIsOnline process=1 --repeat 25 --json"), 0) << error_;
     const auto json = Json::parse(out_);
     EXPECT_EQ(json["calls"], 25);
     EXPECT_EQ(json["failures"], Json::array());
     EXPECT_GT(json["latencyMs"]["p50"], 0.0);
     EXPECT_LE(json["latencyMs"]["p50"], json["latencyMs"]["p99"]);
     EXPECT_LE(json["latencyMs"]["p99"], json["latencyMs"]["max"]);
-    EXPECT_EQ(Run("call PidIsOnline --repeat 0"), 2);
+    EXPECT_EQ(Run("call PidIsOnline process=1 --repeat 0"), 2);
 }
 
 TEST_F(CtlCall, CountsTheFailuresOfRepeatedCalls) {
-    EXPECT_EQ(Run("call GetProcStatByPid --repeat 3"), 5);
+    EXPECT_EQ(Run("call GetProcStatByPid process=1 --repeat 3"), 5);
     EXPECT_TRUE(out_.ends_with("3 x TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)\n")) << out_;
     EXPECT_EQ(error_, "tarnctl: 3 of 3 calls failed\n");
-    EXPECT_EQ(Run("call GetProcStatByPid --repeat 3 --json"), 5);
+    EXPECT_EQ(Run("call GetProcStatByPid process=1 --repeat 3 --json"), 5);
     EXPECT_EQ(Json::parse(out_)["failures"][0]["count"], 3);
 }
 
 TEST_F(CtlCall, SendsOneWay) {
-    EXPECT_EQ(Run("call GetProcStatByPid --oneway"), 0) << error_; // its failure does not come back
+    EXPECT_EQ(Run("call GetProcStatByPid process=1 --oneway"), 0) << error_; // its failure does not come back
     EXPECT_EQ(out_, "GetProcStatByPid: sent one way\n");
-    EXPECT_EQ(Run("call GetProcStatByPid --oneway --json"), 0) << error_;
+    EXPECT_EQ(Run("call GetProcStatByPid process=1 --oneway --json"), 0) << error_;
     EXPECT_EQ(out_, "null\n");
-    EXPECT_EQ(Run("call GetProcStatByPid --oneway --repeat 5"), 0) << error_;
+    EXPECT_EQ(Run("call GetProcStatByPid process=1 --oneway --repeat 5"), 0) << error_;
     EXPECT_TRUE(out_.starts_with("GetProcStatByPid: 5 calls, 0 failed, ")) << out_;
 }
 
 TEST_F(CtlCall, ShowsProcessesByName) {
     const std::string self = std::to_string(getpid());
-    EXPECT_EQ(Run("call PidIsOnline '{\"uiPid\": " + self + "}'"), 0) << error_;
-    EXPECT_EQ(out_, "uiPid       " + self + " (ctl_test)\nucIsOnline  0\n");
+    EXPECT_EQ(Run("call PidIsOnline process=" + self), 0) << error_;
+    EXPECT_EQ(out_, "process  " + self + " (ctl_test)\nonline   off\n");
 }
 
 TEST_F(CtlCall, ShowsWhatTheServerCounted) {
-    EXPECT_EQ(Run("call PidIsOnline --repeat 7"), 0) << error_;
-    EXPECT_EQ(Run("call GetProcStatByPid"), 5);
+    EXPECT_EQ(Run("call PidIsOnline process=1 --repeat 7"), 0) << error_;
+    EXPECT_EQ(Run("call GetProcStatByPid process=1"), 5);
     ASSERT_EQ(Run("stats --json"), 0) << error_;
     const auto methods = Json::parse(out_)["services"][0]["methods"];
     EXPECT_EQ(methods[0]["name"], "PidIsOnline");
@@ -427,9 +542,9 @@ TEST_F(CtlCall, LooksInTheDirectoryThatTheOptionNames) {
     const std::string option = "--run-dir " + dir_.string();
     dir_ = dir_ / "nowhere"; // of $TARN_RUN_DIR
     std::filesystem::create_directory(dir_);
-    EXPECT_EQ(Run("call PidIsOnline"), 3);
-    EXPECT_EQ(Run(option + " call PidIsOnline"), 0) << error_;
-    EXPECT_EQ(Run("call PidIsOnline " + option), 0) << error_;
+    EXPECT_EQ(Run("call PidIsOnline process=1"), 3);
+    EXPECT_EQ(Run(option + " call PidIsOnline process=1"), 0) << error_;
+    EXPECT_EQ(Run("call PidIsOnline process=1 " + option), 0) << error_;
     EXPECT_EQ(Run("stats " + option), 0) << error_;
     EXPECT_EQ(Run("services " + option), 0) << error_;
     EXPECT_NE(out_.find("TarnSysdiagTarnd"), std::string::npos) << out_;
@@ -439,7 +554,7 @@ TEST_F(CtlCall, LooksInTheDirectoryThatTheOptionNames) {
 
 // Its connection would become standard output, and get the reply as text.
 TEST_F(CtlCall, WithoutStandardStreamsWritesNowhere) {
-    EXPECT_EQ(Run("call PidIsOnline >&- <&-"), 1);
+    EXPECT_EQ(Run("call PidIsOnline process=1 >&- <&-"), 1);
     EXPECT_EQ(error_, "tarnctl: cannot write to standard output\n");
     EXPECT_EQ(Run("stats --json"), 0);
     const auto status = Json::parse(out_);
@@ -450,15 +565,15 @@ TEST_F(CtlCall, WithoutStandardStreamsWritesNowhere) {
 
 TEST_F(CtlCall, TellsAResultThatIsAFailureAndWhy) {
     const std::string told =
-        "TarnSysdiagTarnd.SetDst: uiResult is 22 (Invalid argument): begins-at is 1900 ‰,?expected "
+        "TarnSysdiagTarnd.SetDst: result (uiResult) is 22 (Invalid argument): begins-at is 1900 ‰,?expected "
         "0 to 1000";
-    EXPECT_EQ(Run("call SetDst"), 5);
-    EXPECT_EQ(out_, "uiResult  22 (Invalid argument)\n");
+    EXPECT_EQ(Run("call SetDst rule.on=off"), 5);
+    EXPECT_EQ(out_, "result  22 (Invalid argument)\n");
     EXPECT_EQ(error_, "tarnctl: " + told + "\n");
-    EXPECT_EQ(Run("call SetDst --json"), 5);
+    EXPECT_EQ(Run("call SetDst rule.on=off --json"), 5);
     EXPECT_EQ(Json::parse(out_), (Json{{"uiResult", 22}}));
     EXPECT_EQ(error_, "tarnctl: " + told + "\n");
-    EXPECT_EQ(Run("call SetDst --repeat 2"), 5);
+    EXPECT_EQ(Run("call SetDst rule.on=off --repeat 2"), 5);
     EXPECT_NE(out_.find("2 x " + told + "\n"), std::string::npos) << out_;
 }
 
@@ -470,19 +585,20 @@ TEST_F(CtlCall, AnInterruptEndsASeriesThatIsShownAllTheSame) {
         }
         kill(std::stoi(Slurp(dir_ / "pid")), SIGINT);
     });
-    EXPECT_EQ(Run("call PidIsOnline --repeat 1000000000"), 0);
+    EXPECT_EQ(Run("call PidIsOnline process=1 --repeat 1000000000"), 0);
     user.join();
     EXPECT_NE(out_.find(" calls, 0 failed, "), std::string::npos) << out_;
 }
 
 TEST_F(CtlCall, TellsRemoteFailures) {
-    ExpectFailure(5, "call GetProcStatByPid", "TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)");
+    ExpectFailure(5, "call GetProcStatByPid process=1",
+                  "TarnSysdiagTarnd.GetProcStatByPid: not implemented (status 38)");
     EXPECT_EQ(Run("call GetTaskInfo"), 5);
     EXPECT_NE(error_.find("status 5"), std::string::npos) << error_;
 }
 
 TEST_F(CtlCall, TellsTheDeadline) {
-    EXPECT_EQ(Run("call SetTimezone --deadline 200ms"), 4);
+    EXPECT_EQ(Run("call SetTimezone zone.name=UTC zone.offset=0 --deadline 200ms"), 4);
     EXPECT_NE(error_.find("error 110"), std::string::npos) << error_;
 }
 
