@@ -164,12 +164,19 @@ constexpr std::array<Member, 0> kMembers{};
 template <class Tag, class Record>
 constexpr const auto &kMembersIn = kMembers<Record>;
 
+template <class Record, size_t kNum>
+constexpr bool AreMembers(const Member (&changed)[kNum]) {
+    return std::ranges::all_of(
+        changed, [](const Member &one) { return std::ranges::count(kMembers<Record>, one.wire, &Member::wire) == 1; });
+}
+
 // The same members, but for those that are stated anew.
 template <class Record, size_t kNum>
 constexpr auto Vary(const Member (&changed)[kNum]) {
     auto members = kMembers<Record>;
-    for (const Member &one : changed) {
-        *std::ranges::find(members, one.wire, &Member::wire) = one; // not a constant when there is no such member
+    for (Member &member : members) {
+        const Member *const anew = std::ranges::find(changed, member.wire, &Member::wire);
+        member = anew == std::end(changed) ? member : *anew;
     }
     return members;
 }
@@ -332,6 +339,8 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
 
 // VARIANT(method, type, {...}): members that this method means differently.
 #define VARIANT(method, type, ...)                                                                                     \
+    static_assert(AreMembers<Tarn_sys_diag_##type>({__VA_ARGS__}),                                                     \
+                  "VARIANT(" #method ", " #type "): a meaning has no member");                                         \
     inline constexpr auto k##method##_##type = Vary<Tarn_sys_diag_##type>({__VA_ARGS__});                              \
     template <>                                                                                                        \
     inline constexpr const auto &kMembersIn<struct method##_, Tarn_sys_diag_##type> = k##method##_##type;              \
@@ -353,8 +362,11 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
 // Defines a method, for the service's list of methods: with the list included once more, MEANING_ADDRESS makes the
 // table.
 #define DEFINE_MEANING(service, method, request, response)                                                             \
-    static_assert(!host::meaning::kTextOf<struct host::meaning::method##_>.sentence.empty(),                           \
+    namespace host::meaning {                                                                                          \
+    struct method##_;                                                                                                  \
+    }                                                                                                                  \
+    static_assert(!host::meaning::kTextOf<host::meaning::method##_>.sentence.empty(),                                  \
                   #method ": a method without a meaning: give it a METHOD");                                           \
     constexpr host::meaning::MethodOf<request, response> host::methods::method =                                       \
-        host::meaning::MakeMethod<struct host::meaning::method##_, request, response>(#service, #method);
+        host::meaning::MakeMethod<host::meaning::method##_, request, response>(#service, #method);
 #define MEANING_ADDRESS(method) &host::methods::method,
