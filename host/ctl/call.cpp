@@ -11,6 +11,7 @@
 
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
+#include "host/ctl/remote.h"
 #include "host/ctl/request.h"
 #include "host/ctl/values.h"
 #include "host/describe/explain.h"
@@ -164,7 +165,8 @@ void PrintSeries(const Method &method, const Series &series, bool json) {
 } // namespace
 
 void Call(const CallOptions &options) {
-    const Method &method = RequireMethod(options.method);
+    Remote remote(options.runDir, options.pid);
+    const Method &method = RequireMethod(options.method, remote);
     RequireTarget(method, options);
     const std::vector<uint8_t> request =
         options.raw.empty() ? host::describe::Encode(ReadRequest(method, options.request)) : ReadMessage(options.raw);

@@ -77,8 +77,9 @@ struct EncodeOptions {
 
 enum class View { kMeaning, kWire };
 
-void List(const std::string &word, View view, bool json);
-void Describe(const std::string &name, View view, bool json);
+// Of what is known here, and of what servers in the run directory have beyond it.
+void List(const std::filesystem::path &runDir, const std::string &word, View view, bool json);
+void Describe(const std::filesystem::path &runDir, const std::string &name, View view, bool json);
 void Call(const CallOptions &options);
 void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);

@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "host/ctl/print.h"
+#include "host/ctl/remote.h"
 #include "host/meaning/groups.h"
 
 namespace ctl {
@@ -73,12 +74,22 @@ bool IsMeant(const Method &method, const std::string &word) {
 
 using MethodList = std::vector<const Method *>;
 
+constexpr std::string_view kServerOnly = "(only its server knows it)";
+
+bool IsKnownHere(const Method &method) {
+    return FindMethod(fmt::format("{}.{}", method.service, method.name)) == &method;
+}
+
+std::string Marked(const Method &method, std::string_view text) {
+    return IsKnownHere(method) ? std::string(text) : fmt::format("{} {}", text, kServerOnly);
+}
+
 // In the order of the interface.
 void PrintByIndex(const MethodList &methods) {
     Columns columns;
     for (const Method *method : methods) {
-        columns.Add(
-            {std::to_string(method->index), method->name, method->request->name, std::string(ResponseName(*method))});
+        columns.Add({std::to_string(method->index), method->name, method->request->name,
+                     Marked(*method, ResponseName(*method))});
     }
     columns.Print(std::cout, 2);
 }
@@ -92,7 +103,8 @@ void PrintByGroup(const MethodList &methods) {
         }
         for (const Method *method : methods) {
             if (in(method)) {
-                columns.Add({fmt::format("  {}", method->name), std::string(FirstSentence(method->meaning->sentence))});
+                columns.Add(
+                    {fmt::format("  {}", method->name), Marked(*method, FirstSentence(method->meaning->sentence))});
             }
         }
     }
@@ -147,6 +159,11 @@ const Type &RequireType(const std::string &name) {
     return *type;
 }
 
+const Method &RequireMethod(const std::string &name, Remote &remote) {
+    const Method *const method = FindMethod(name) != nullptr ? FindMethod(name) : remote.FindMethod(name);
+    return method != nullptr ? *method : RequireMethod(name);
+}
+
 const Method &RequireMethod(const std::string &name) {
     const Method *const method = FindMethod(name);
     if (method == nullptr) {
@@ -162,13 +179,12 @@ void RequireService(const std::string &name) {
     }
 }
 
-void List(const std::string &word, View view, bool json) {
-    MethodList methods;
-    for (const Method &method : Methods()) {
-        if (IsMeant(method, word)) {
-            methods.push_back(&method);
-        }
-    }
+void List(const std::filesystem::path &runDir, const std::string &word, View view, bool json) {
+    Remote remote(runDir);
+    MethodList methods = remote.Methods();
+    std::ranges::transform(Methods(), std::inserter(methods, methods.begin()),
+                           [](const Method &method) { return &method; });
+    std::erase_if(methods, [&](const Method *method) { return !IsMeant(*method, word); });
     if (methods.empty()) {
         throw Failure(kUsage, fmt::format("{}: no service, and in no method's name, sentence or members{}", word,
                                           Suggestion(word, Joined(Services(), MethodNames()))));
@@ -182,14 +198,24 @@ void List(const std::string &word, View view, bool json) {
     }
     for (const host::meaning::Service *service : Meanings()) {
         PrintService(*service, methods, view);
+        std::erase_if(methods,
+                      [&](const Method *method) { return method->service == std::string_view(service->name); });
+    }
+    while (!methods.empty()) { // of services that are not known here
+        const std::string_view service = methods.front()->service;
+        PrintService({service.data(), kServerOnly, {}}, methods, view);
+        std::erase_if(methods, [&](const Method *method) { return method->service == service; });
     }
 }
 
-void Describe(const std::string &name, View view, bool json) {
+void Describe(const std::filesystem::path &runDir, const std::string &name, View view, bool json) {
+    Remote remote(runDir);
     if (const Method *const method = FindMethod(name)) {
         DescribeMethod(*method, view, json);
     } else if (const Type *const type = FindType(name)) {
         DescribeType(*type, view, json);
+    } else if (const Method *const learnt = remote.FindMethod(name)) {
+        DescribeMethod(*learnt, view, json);
     } else {
         throw Failure(kUsage, fmt::format("{}: no such method or type{}", name,
                                           Suggestion(name, Joined(MethodNames(), TypeNames()))));

@@ -66,13 +66,13 @@ void AddList(CLI::App &app, Arguments &arguments) {
         ->option_text(" ");
     list->add_flag("--wire", arguments.wire, "Indices and types in place of what is meant");
     list->add_flag("--json", arguments.json, "For programs, with both");
-    list->callback([&] { ctl::List(arguments.word, ViewOf(arguments), arguments.json); });
+    list->callback([&] { ctl::List(arguments.runDir, arguments.word, ViewOf(arguments), arguments.json); });
 
     auto *const describe = app.add_subcommand("describe", "What a method and its members mean, or a type's members");
     describe->add_option("NAME", arguments.name, "Method, Service.Method or type")->required()->option_text(" ");
     describe->add_flag("--wire", arguments.wire, "Slots, offsets, sizes and hashes in place of what is meant");
     describe->add_flag("--json", arguments.json, "For programs, with both");
-    describe->callback([&] { ctl::Describe(arguments.name, ViewOf(arguments), arguments.json); });
+    describe->callback([&] { ctl::Describe(arguments.runDir, arguments.name, ViewOf(arguments), arguments.json); });
 }
 
 constexpr char kNamed[] = "named";
@@ -218,7 +218,9 @@ std::string MissingCommand(const CLI::App &app) {
 int Help(const CLI::App &app, const CLI::Success &request) {
     const CLI::App *const call = app.get_subcommand("call");
     if (call->parsed() && call->count("METHOD") != 0 && call->count("--help") != 0) {
-        ctl::Describe(call->get_option("METHOD")->results().front(), ctl::View::kMeaning, false);
+        const std::vector<std::string> runDir = app.get_option("--run-dir")->results();
+        ctl::Describe(runDir.empty() ? "" : runDir.front(), call->get_option("METHOD")->results().front(),
+                      ctl::View::kMeaning, false);
         return ctl::kDone;
     }
     return app.exit(request);

@@ -31,4 +31,7 @@ private:
     std::optional<std::deque<host::describe::Interface>> interfaces_; // of those that answered, when they were asked
 };
 
+// Known here, or else to a server; what is unknown to all fails with the closest names.
+const host::describe::Method &RequireMethod(const std::string &name, Remote &remote);
+
 } // namespace ctl

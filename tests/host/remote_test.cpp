@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "host/ctl/commands.h"
 #include "host/meaning/reflect.h"
 #include "host/osal/log.h"
@@ -11,6 +13,8 @@
 #include "temp_dir.h"
 
 namespace {
+
+using host::describe::Json;
 
 class RemoteTest : public testing::Test {
 protected:
@@ -60,6 +64,60 @@ TEST_F(RemoteTest, SaysWhoseDescriptionIsNone) {
         EXPECT_STREQ(failure.what(), "TarnSysdiagTarnd describes itself: not a description of services: types is 7, "
                                      "expected an array");
     }
+}
+
+// ---- The program itself ----
+
+class NewerDaemon : public RemoteTest {
+protected:
+    NewerDaemon() { Serve(Newer); }
+
+    // What tarnctl prints, errors as well.
+    std::string Run(const std::string &arguments) {
+        const std::string command = "TARN_RUN_DIR=" + dir_.Path().string() + " " + TARNCTL + " " + arguments + " 2>&1";
+        const std::unique_ptr<FILE, int (*)(FILE *)> pipe(popen(command.c_str(), "r"), pclose);
+        std::string text;
+        for (int letter = fgetc(pipe.get()); letter != EOF; letter = fgetc(pipe.get())) {
+            text += static_cast<char>(letter);
+        }
+        return text;
+    }
+    Json RunJson(const std::string &arguments) { return host::describe::ParseJson(Run(arguments)); }
+};
+
+TEST_F(NewerDaemon, IsListedWithAMark) {
+    const std::string list = Run("list fan");
+    EXPECT_NE(list.find("GetFanInfo  Tells of the machine's fans. (only its server knows it)"), list.npos) << list;
+    const std::string known = Run("list PidIsOnline");
+    EXPECT_EQ(known.find("only its server"), known.npos) << known;
+}
+
+TEST_F(NewerDaemon, IsDescribed) {
+    const std::string text = Run("describe GetFanInfo");
+    for (const char *part :
+         {"Tells of the machine's fans.", "fan", "order", "By their names.", "How fast they turn."}) {
+        EXPECT_NE(text.find(part), text.npos) << part << "\n" << text;
+    }
+    EXPECT_NE(Run("describe GetFanInof").find("GetFanInof: no such method or type"), std::string::npos);
+}
+
+TEST_F(NewerDaemon, IsCalledByWordsAndByJson) {
+    for (const char *request : {"fan=1 order=time", "'{\"uiFan\": 1}'", "'{\"fan\": 1, \"order\": \"time\"}'"}) {
+        const Json reply = RunJson(std::string("call GetFanInfo ") + request + " --json");
+        EXPECT_EQ(reply["pstFan"].size(), 1U) << request;
+        EXPECT_EQ(reply["usShare"], 900) << request;
+    }
+    EXPECT_NE(Run("call GetFanInfo fan=9").find("fan (uiFan) is 9, expected"), std::string::npos);
+}
+
+TEST_F(NewerDaemon, AnswersInItsOwnNames) {
+    const Json reply = RunJson("call GetFanInfo fan=0 --json=named");
+    EXPECT_EQ(reply["fans"].size(), 2U);
+    EXPECT_EQ(reply["fans"][0]["name"], "front");
+    EXPECT_EQ(reply["note"], "two of them");
+    const std::string text = Run("call GetFanInfo fan=0");
+    EXPECT_NE(text.find("front"), text.npos) << text;
+    EXPECT_NE(text.find("share"), text.npos) << text;
 }
 
 } // namespace
