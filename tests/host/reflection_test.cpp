@@ -11,6 +11,7 @@ TARN_UNIT()
 
 #include "host/describe/explain.h"
 #include "host/describe/named.h"
+#include "host/meaning/groups_of_choices.h"
 #include "host/meaning/reflect.h"
 #include "newer_daemon.h"
 #include "newer_types.h"
@@ -113,6 +114,35 @@ TEST(Reflection, AnAgentCarriesNoListButItsOwn) {
             return other->sentence.find(method.meaning->sentence) != std::string_view::npos;
         });
         EXPECT_EQ(library.find(method.meaning->sentence) != library.npos, own || shared) << method.name;
+    }
+}
+
+// ---- Every choice of a list is one of a group ----
+
+void ExpectInGroups(const meaning::Record &record) {
+    for (size_t i = 0; i < record.members.size(); ++i) {
+        for (const meaning::Choice &choice : record.members[i].value.choices) {
+            EXPECT_TRUE(std::ranges::any_of(
+                meaning::kChoiceGroups,
+                [&](const meaning::ChoiceGroup &group) {
+                    return std::ranges::any_of(group.choices, [&](const meaning::Choice &one) {
+                        return one.value == choice.value && one.name == choice.name && one.sentence == choice.sentence;
+                    });
+                }))
+                << record.type << " " << choice.name;
+        }
+        if (record.inside[i] != nullptr) {
+            ExpectInGroups(*record.inside[i]);
+        }
+    }
+}
+
+TEST(ChoiceGroups, HaveWhatTheListsHave) {
+    for (const Method &method : Methods()) {
+        ExpectInGroups(*method.meaning->request);
+        if (method.response != nullptr) {
+            ExpectInGroups(*method.meaning->response);
+        }
     }
 }
 
