@@ -1,12 +1,14 @@
-// Any text to the JSON reader, and any message to the verifier that explains refusals.
+// Any text to the JSON reader and to the reader of descriptions of services, and any message to the verifier that
+// explains refusals.
 //
-// Input: type key (2), mode (1: bit 0 set for a message), JSON text or message.
+// Input: type key (2), mode (1: bit 0 set for a message, bit 1 for a description), JSON text or message.
 #include <optional>
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "host/describe/explain.h"
 #include "host/describe/json.h"
+#include "host/describe/reflection.h"
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 
@@ -43,6 +45,18 @@ void ReadJson(const describe::Type &type, std::string_view text) {
         return;
     }
     CheckRecord(type, *record);
+}
+
+// What is taken can be used: a record of each type can be made, and has JSON.
+void ReadDescription(std::string_view text) {
+    try {
+        const describe::Interface interface(text);
+        for (const describe::Method &method : interface.Methods()) {
+            CheckRecord(*method.request, describe::Record(*method.request));
+        }
+    } catch (const describe::ReflectionError &error) {
+        FUZZ_CHECK(*error.what() != 0, "%s", "an error without text");
+    }
 }
 
 void ExplainMessage(const describe::Type &type, const fuzz::Block &message) {
@@ -85,6 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const describe::Type &type = types.Pick(data);
     if ((data[fuzz::kKeySize] & 1) != 0) {
         ExplainMessage(type, fuzz::Block(data + kPrefix, size - kPrefix));
+    } else if ((data[fuzz::kKeySize] & 2) != 0) {
+        ReadDescription({reinterpret_cast<const char *>(data) + kPrefix, size - kPrefix});
     } else {
         ReadJson(type, {reinterpret_cast<const char *>(data) + kPrefix, size - kPrefix});
     }
