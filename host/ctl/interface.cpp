@@ -48,7 +48,7 @@ bool Contains(std::string_view text, std::string_view word) {
     const auto same = [](char left, char right) {
         return std::tolower(static_cast<unsigned char>(left)) == std::tolower(static_cast<unsigned char>(right));
     };
-    return std::ranges::search(text, word, same).begin() != text.end() || word.empty();
+    return word.empty() || std::search(text.begin(), text.end(), word.begin(), word.end(), same) != text.end();
 }
 
 bool HasMember(const host::meaning::Record *record, std::string_view word) {
