@@ -20,6 +20,7 @@ TARN_UNIT()
 #include "tests/host/daemon_kit.h"
 #include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
+#include "tests/host/refusal.h"
 #include "tests/host/small_disk.h"
 
 namespace {
@@ -244,8 +245,6 @@ TEST_F(SettingsTest, KeepWhatIsChangedUntilTheFileSaysSomethingElse) {
         settings.reset(); // has the state to itself
         settings = Load();
     }
-    EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory(system_, {1001, 600, 0}, ""); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory(system_, {700, 701, 0}, ""); }), EINVAL);
     EXPECT_EQ(ErrorOf([&] { settings->ChangeMemory({"nobody", ""}, {700, 600, 0}, ""); }), ENOENT);
     EXPECT_EQ(settings->MemoryOverload(system_).change->count, 2);
 
@@ -395,6 +394,17 @@ TEST_F(MasterInProcessTest, TellsWhoChangedWhatAndHowOftenTheFileWasRead) {
     EXPECT_EQ(Ask<Tarn_sys_diag_None>("UpdateInnerConfig").Status(), 0);
     const auto cpu = Ask<Tarn_sys_diag_OvLoadCpuCtlOutput>("GetCpuOvLoadCfgInfo", Tarn_sys_diag_OvLoadCpuCtlInput{});
     EXPECT_EQ(cpu->uiValue4, 2);
+}
+
+TEST(MasterRequests, AreRefusedByWhatTheirMembersMean) {
+    Tarn_sys_diag_OvLoadMemCtlOutput over{}, inverted{};
+    over.uiValue1 = 1001;
+    inverted.uiValue1 = 700;
+    inverted.uiValue2 = 701;
+    EXPECT_EQ(kit::Refusal(host::methods::MemChangeInnerConfig, over),
+              "begins-at (uiValue1) is 1001 ‰, expected 0 to 1000");
+    EXPECT_EQ(kit::Refusal(host::methods::MemChangeInnerConfig, inverted),
+              "ends-below (uiValue2) is 701 ‰, expected at most begins-at (uiValue1), which is 700 ‰");
 }
 
 class MasterTest : public kit::DaemonTest<Unit> {
