@@ -19,9 +19,9 @@ struct MessageRule {
     uint32_t burst = 0;
     uint32_t lasts = 0;
     uint32_t process = 0;
-    std::string sender;
-    std::string receiver;
-    std::string message;
+    std::string sender{};
+    std::string receiver{};
+    std::string message{};
 
     bool operator==(const MessageRule &) const = default;
 };

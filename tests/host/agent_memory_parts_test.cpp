@@ -190,7 +190,7 @@ TEST_F(MemoryTest, FindsEachOverwrittenByte) {
     EXPECT_FALSE(finds(16, 15));
     EXPECT_TRUE(finds(0, 0));
     const agent::Damage last = memory_.Damages().back();
-    EXPECT_EQ(last.when, "2023-11-14 22:13:20");
+    EXPECT_EQ(last.when, "2023-11-14 22:13:20 +0000");
     EXPECT_TRUE(Has(last.text, "of 0 bytes, handle 1 \"first\", thread " + std::to_string(gettid()))) << last.text;
     EXPECT_TRUE(Has(last.text, "overwritten 0 bytes behind its end")) << last.text;
     EXPECT_EQ(memory_.Damages().size(), damages);

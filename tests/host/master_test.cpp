@@ -146,7 +146,7 @@ TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
              {"[zone]", "[zone 1]", "master.conf:2: [zone 1] takes no further words"},
              {"name = Europe/Berlin", "nam = x", "master.conf:2: [zone] has no name"},
              {"name = Europe/Berlin", "name", "master.conf:3: \"name\", expected key = value"},
-             {"name = Europe/Berlin", "name = ../x", "master.conf:2: [zone] szTimezoneName is \"../x\""},
+             {"name = Europe/Berlin", "name = ../x", "master.conf:2: [zone] zone.name is \"../x\""},
              {"name = Europe/Berlin", "name = a\nname = b",
               "master.conf:4: [zone] name is stated again; first in line 3"},
              {"name = Europe/Berlin", "name = a\ncolour = b",
@@ -160,7 +160,7 @@ TEST(MasterConfig, SaysWhatIsWrongAndWhere) {
               "master.conf:9: [daylight-saving] start: a change of clocks is "
               "\"soon\", expected such as"},
              {"end = M10", "end = M3",
-              "master.conf:6: [daylight-saving] the end is M3.5.0/03:00:00, expected at least"},
+              "master.conf:6: [daylight-saving] rule.end is M3.5.0/03:00:00, expected at least"},
              {"over = 900", "over = 1001", "master.conf:13: [cpu-overload system] over: the value is \"1001\""},
              {"recover = 850", "recover = 901", "master.conf:12: [cpu-overload system] the share below which"},
              {"[cpu-overload worker]", "[cpu-overload system]", "master.conf:16: [cpu-overload system] is there twice"},
