@@ -206,7 +206,7 @@ TEST(AgentsRequests, AreRefusedByWhatTheirMembersMean) {
         {kit::Refusal(methods::AgentRegInfo, withoutName), "name (szAgentName) is empty, expected a text"},
         {kit::Refusal(methods::AgentRegInfo, neither), "announces (ucValue3) is 2, expected leaves (0) or runs (1)"},
         {kit::Refusal(methods::TarnAppSubscribe, {kPid, 16}),
-         "events (uiValue2) is 16, expected a sum of cpu (2), memory (4) or descriptors (8)"},
+         "events (uiValue2) is 16, expected a sum of cpu (2), memory (4) and descriptors (8)"},
         {kit::Refusal(methods::TarnAppSubscribe, {kPid, 14}), ""},
         {kit::Refusal(methods::GetMirelMemPtInfoByTarnd, {1, 0}), "process (uiTargetPid) is 0, expected at least 1"},
         {kit::Refusal(methods::MemDiagMaByTarnd, {0, 0, nullptr, kPid}),
@@ -344,24 +344,24 @@ TEST_F(AgentsTest, AreHandedEachMemberOfARequest) {
     uint8_t data[] = {8, 9};
     Tarn_sys_diag_mem_RPCIN_input command{};
     command.uiTargetPid = kPid;
-    command.uiMemCmd = 7;
+    command.uiMemCmd = host::meaning::memory_command::kLook;
     command.uiMemDataLen = 2;
     command.pucMemData = data;
     kit::CallMethod<Tarn_sys_diag_mem_PRCOUT>(MemDiagMaByTarnd, command);
-    EXPECT_EQ(handed, (std::vector<uint32_t>{7, 2, 9}));
+    EXPECT_EQ(handed, (std::vector<uint32_t>{host::meaning::memory_command::kLook, 2, 9}));
 }
 
 TEST_F(AgentsTest, ExplainTheirResultsThroughTheDaemon) {
     peers.agents = {kPid};
     peers.On(TARND_AGENT_METHOD(SetMemDmgScan), [](uint32_t, const auto &, auto &reply) {
-        reply.uiResult = EINVAL;
+        reply.uiResult = EBUSY;
         return IdlCallResult{0, 0};
     });
-    peers.explanation = "the switch is 9, expected 0 to 2";
+    peers.explanation = "a scan runs already";
     const auto answer =
-        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{9, kPid});
-    EXPECT_EQ(answer->uiResult, EINVAL);
-    EXPECT_EQ(answer.Reason(), "the switch is 9, expected 0 to 2");
+        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{2, kPid});
+    EXPECT_EQ(answer->uiResult, EBUSY);
+    EXPECT_EQ(answer.Reason(), "a scan runs already");
 }
 
 TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {

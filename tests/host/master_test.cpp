@@ -776,7 +776,7 @@ TEST_F(OldMasterTest, IsGreetedAndGivesItsTimeZone) {
 TEST_F(OldMasterTest, GivesATimeZoneThatMakesNoSense) {
     SetMasterReply("Asia/Kathmandu", 20000);
     StartDaemon();
-    EXPECT_TRUE(Logged("uiTimezoneOffset is 20000"));
+    EXPECT_TRUE(Logged("zone.offset is 20000"));
     EXPECT_EQ(daemon_->Err().find("from the master"), std::string::npos);
 }
 
