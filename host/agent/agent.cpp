@@ -9,11 +9,11 @@
 #include "host/agent/registration.h"
 #include "host/agent/service.h"
 #include "host/agent/signals_blocked.h"
+#include "host/meaning/choices.h"
 #include "host/meaning/reflect.h"
 #include "host/osal/attempt.h"
 #include "host/runtime/directory.h"
 #include "host/runtime/server.h"
-#include "host/values/agent.h"
 #include "types/tarnd_agent.h"
 
 namespace agent {
@@ -73,7 +73,7 @@ Agent::Agent(const host::Clocks &theClocks, host::procfs::Procfs theProcfs)
       memoryScan("tarn-mem-scan",
                  [this] {
                      memory.Scan();
-                     return milliseconds(TARN_AGENT_SCAN_MS);
+                     return milliseconds(host::meaning::damage_scan::kPeriodMs);
                  }),
       commandWork_("commands", [this] { return commands.RunNext() ? milliseconds(0) : kUntilWoken; }),
       timerWork_("tarn-timers", [this] { return timers.ExpireNext(); }),

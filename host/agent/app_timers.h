@@ -12,6 +12,7 @@
 
 #include "host/agent/tarn_agent.h"
 #include "host/clock/clocks.h"
+#include "host/meaning/choices.h"
 #include "host/osal/mutex.h"
 #include "types/agent.h"
 
@@ -39,7 +40,11 @@ public:
     std::vector<Tarn_sys_diag_TimerInfo> Get(uint32_t id) const; // 0: all
 
 private:
-    enum class State : uint8_t { kStopped = 0, kRunning = 1, kExpired = 2 }; // expired: its function runs
+    enum class State : uint8_t {
+        kStopped = host::meaning::timer_state::kStopped,
+        kRunning = host::meaning::timer_state::kRunning,
+        kExpired = host::meaning::timer_state::kExpired,
+    };
 
     struct Timer {
         std::string name;

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <fmt/format.h>
+
 #include "host/agent/commands.h"
+#include "host/osal/text.h"
 #include "host/procfs/procfs.h"
 
 namespace agent {
@@ -23,8 +26,9 @@ uint32_t ShowHelp(int, const char *const *, TarnAgentOutput *output, void *table
 uint32_t ShowThreads(int, const char *const *, TarnAgentOutput *output, void *) {
     TarnAgent_Print(output, "%8s %-16s %-24s %10s\n", "TID", "NAME", "STATE", "CPU ticks");
     for (const host::procfs::Task &task : host::procfs::Procfs().ReadThreads(Pid())) {
-        TarnAgent_Print(output, "%8u %-16s %-24s %10llu\n", task.id, task.name.c_str(),
-                        host::procfs::StateText(task.state).c_str(), static_cast<unsigned long long>(task.CpuTicks()));
+        const std::string line = fmt::format("{:>8} {:<16} {:<24} {:>10}", task.id, host::LineOfText(task.name),
+                                             host::procfs::StateText(task.state), task.CpuTicks());
+        TarnAgent_Print(output, "%s\n", line.c_str());
     }
     return 0;
 }
@@ -44,7 +48,7 @@ uint32_t ShowFds(int, const char *const *, TarnAgentOutput *output, void *) {
         std::error_code gone; // the one that reads the directory is, at the end
         const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
         if (!gone) {
-            TarnAgent_Print(output, "%4s %s\n", entry.path().filename().c_str(), target.c_str());
+            TarnAgent_Print(output, "%4s %s\n", entry.path().filename().c_str(), host::LineOfText(target).c_str());
         }
     }
     return 0;

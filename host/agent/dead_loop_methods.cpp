@@ -21,19 +21,19 @@ Tarn_sys_diag_DeadLoopThreadCfg ToRecord(const host::procfs::Task &task, const D
 
 uint32_t GetDeadLoopCfg(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::GetDeadLoopCfg, request, replyCtx, [&](auto &reply) {
-        CheckProcess("uiValue3", request->uiValue3);
+        const auto &[wanted, withLoops, process] = *request;
+        CheckProcess(host::methods::GetDeadLoopCfg, process);
         const Agent &agent = Agent::OfProcess();
         const DeadLoops::Config config = agent.deadLoops.GetConfig();
         std::vector<Tarn_sys_diag_DeadLoopThreadCfg> threads;
         for (const host::procfs::Task &task : agent.procfs.ReadThreads(OwnPid())) {
             const DeadLoops::Thread thread = agent.deadLoops.GetThread(task.id);
-            if ((request->uiValue1 == 0 || request->uiValue1 == task.id) &&
-                (request->uiValue2 == 0 || thread.detectNum != 0)) {
+            if ((wanted == 0 || wanted == task.id) && (withLoops == 0 || thread.detectNum != 0)) {
                 threads.push_back(ToRecord(task, thread, config));
             }
         }
-        if (request->uiValue1 != 0 && threads.empty() && request->uiValue2 == 0) {
-            host::Fail(ESRCH, fmt::format("thread {}", request->uiValue1));
+        if (wanted != 0 && threads.empty() && withLoops == 0) {
+            host::Fail(ESRCH, fmt::format("thread {}", wanted));
         }
         reply.ucSwitch = config.on ? 1 : 0;
         reply.uiPeriodMs = static_cast<uint32_t>(config.period.count());

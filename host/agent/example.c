@@ -16,7 +16,6 @@
 #include <time.h>
 
 #include "host/agent/tarn_agent.h"
-#include "host/values/agent.h"
 
 static atomic_uint_fast64_t counter;
 static atomic_bool stop;
@@ -58,7 +57,7 @@ static void CountHeartbeat(uint32_t timer, void *userData) {
 static uint32_t CheckMessages(uint32_t limit, char *text, size_t room, void *userData) {
     (void)userData;
     snprintf(text, room, "%llu messages were held back, limit %u", (unsigned long long)held, limit);
-    return held >= limit ? TARN_AGENT_HEALTH_DEGRADED : TARN_AGENT_HEALTH_GOOD;
+    return held >= limit ? TARN_HEALTH_LEVEL_DEGRADED : TARN_HEALTH_LEVEL_GOOD;
 }
 
 static void HoldBack(uint8_t resource, uint8_t level, uint16_t usage, void *userData) {
@@ -104,7 +103,7 @@ static uint32_t ShowState(int argc, const char *const *argv, TarnAgentOutput *ou
     (void)userData;
     TarnAgent_Print(output, "messages sent %llu held %llu\nheartbeats %llu\nwarnings %llu\ncpu level %u\n",
                     (unsigned long long)sent, (unsigned long long)held, (unsigned long long)heartbeats,
-                    (unsigned long long)warnings, TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_CPU));
+                    (unsigned long long)warnings, TarnAgent_ResourceLevel(TARN_RESOURCE_CPU));
     return 0;
 }
 
@@ -242,7 +241,7 @@ static int RegisterAll(void) {
            TarnAgent_AccountAlloc(texts, title, sizeof title) == 0 &&
            TarnAgent_CreateTimer("heartbeat", 100, 1, CountHeartbeat, NULL, &timer) == 0 &&
            TarnAgent_StartTimer(timer) == 0 && TarnAgent_AddHealthItem(64, "messages", 100, CheckMessages, NULL) == 0 &&
-           TarnAgent_Subscribe("counter", TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY, HoldBack, NULL) == 0;
+           TarnAgent_Subscribe("counter", TARN_EVENT_CPU | TARN_EVENT_MEMORY, HoldBack, NULL) == 0;
 }
 
 static int Serve(const char *name, const char *runDir) {

@@ -4,14 +4,16 @@
 #include <cstring>
 #include <utility>
 
+#include "host/meaning/choices.h"
 #include "host/osal/attempt.h"
 #include "host/osal/error.h"
-#include "host/values/agent.h"
 #include "types/agent.h"
 
 namespace agent {
 
 namespace {
+
+namespace health_level = host::meaning::health_level;
 
 constexpr uint8_t kFirstOfApplication = 64;
 
@@ -59,7 +61,7 @@ std::vector<Health::Result> Health::Look() const {
     std::vector<Result> results;
     for (const auto &[id, item] : items) {
         if (item.on) {
-            Finding finding{TARN_AGENT_HEALTH_BAD, "the check failed"};
+            Finding finding{health_level::kBad, "the check failed"};
             host::Attempt(item.name.c_str(), [&, &one = item] { finding = one.check(one.limit); });
             results.push_back({std::move(finding), item.name});
         }

@@ -2,45 +2,40 @@
 #include <algorithm>
 
 #include "host/agent/agent.h"
-#include "host/agent/local_time.h"
 #include "host/agent/methods.h"
+#include "host/clock/calendar.h"
 
 namespace agent {
 
 uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::TarnPadsGetProcSystemHealthInfo, request, replyCtx, [](auto &reply) {
-        std::vector<Tarn_sys_diag_SysHealthInfo> infos;
+        auto &[worst, on, itemNum, items] = reply.Members();
         const Agent &agent = Agent::OfProcess();
-        const std::string when = LocalTimeText(agent.clocks.WallNow(), "%Y%m%d%H%M%S");
+        const std::string when = host::CompactText(host::SystemsTime(agent.clocks.WallNow()).local);
+        std::vector<Tarn_sys_diag_SysHealthInfo> infos;
         for (const Health::Result &result : agent.health.Look()) {
-            reply.uiValue1 = std::max<uint32_t>(reply.uiValue1, result.level);
-            Tarn_sys_diag_SysHealthInfo &info = infos.emplace_back();
-            info.ucValue1 = result.level;
-            host::CopyText(info.acValue1, result.name);
-            host::CopyText(info.acValue2, agent.Name());
-            host::CopyText(info.acValue3, when);
-            host::CopyText(info.acValue4, result.text);
+            auto &[level, name, source, lookedAt, found] = infos.emplace_back();
+            level = result.level;
+            host::CopyText(name, result.name);
+            host::CopyText(source, agent.Name());
+            host::CopyText(lookedAt, when);
+            host::CopyText(found, result.text);
+            worst = std::max<uint32_t>(worst, level);
         }
-        reply.uiValue2 = agent.health.IsOn() ? 1 : 0;
-        reply.pstHealthInfo = reply.Keep(std::move(infos), reply.uiHealthInfoNum);
+        on = agent.health.IsOn() ? 1 : 0;
+        items = reply.Keep(std::move(infos), itemNum);
     });
 }
 
 uint32_t TarnPadsSetProcPadsGlobalSwitch(const Tarn_sys_diag_PadsGlobalSwitch *request) {
-    return host::Run(host::methods::TarnPadsSetProcPadsGlobalSwitch, request, [&] {
-        if (request->ucGlobalSwitch > 1) {
-            throw host::BadValue("ucGlobalSwitch", request->ucGlobalSwitch, "0 or 1");
-        }
-        Agent::OfProcess().health.SetAll(request->ucGlobalSwitch == 1);
-    });
+    return host::Run(host::methods::TarnPadsSetProcPadsGlobalSwitch, request,
+                     [&] { Agent::OfProcess().health.SetAll(request->ucGlobalSwitch == 1); });
 }
 
 uint32_t TarnPadsSetProcPadsAppFunSwitch(const Tarn_sys_diag_PadsAppFunSwitch *request) {
     return host::Run(host::methods::TarnPadsSetProcPadsAppFunSwitch, request, [&] {
-        if (request->ucSwitch > 1) {
-            throw host::BadValue("ucSwitch", request->ucSwitch, "0 or 1");
-        }
-        Agent::OfProcess().health.Set(request->ucFunction, request->ucSwitch == 1, request->uiValue);
+        const auto &[item, on, limit] = *request;
+        Agent::OfProcess().health.Set(item, on == 1, limit);
     });
 }
 

@@ -9,8 +9,8 @@
 
 #include <fmt/format.h>
 
-#include "host/agent/local_time.h"
 #include "host/agent/stack.h"
+#include "host/clock/calendar.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
 
@@ -285,7 +285,7 @@ bool Memory::CheckGuards(uint64_t address, Block &block) {
 void Memory::AddDamage(std::string text) {
     host::Log().error("memory damage: {}", text);
     ++damageNum_;
-    damages_.push_back({LocalTimeText(clocks_.WallNow(), "%Y-%m-%d %H:%M:%S"), std::move(text)});
+    damages_.push_back({host::TextOf(host::SystemsTime(clocks_.WallNow())), std::move(text)});
     if (damages_.size() > kMaxDamages) {
         damages_.pop_front();
     }

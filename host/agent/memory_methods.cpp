@@ -9,11 +9,15 @@
 #include "host/agent/methods.h"
 #include "host/agent/stack.h"
 #include "host/osal/log.h"
-#include "host/values/agent.h"
 
 namespace agent {
 
 namespace {
+
+namespace app_memory = host::meaning::app_memory;
+namespace damage_scan = host::meaning::damage_scan;
+namespace memory_unit = host::meaning::memory_unit;
+namespace top_handles = host::meaning::top_handles;
 
 bool Matches(std::string_view pattern, const std::string &name) {
     return pattern.empty() || fnmatch(std::string(pattern).c_str(), name.c_str(), 0) == 0;
@@ -49,15 +53,18 @@ std::vector<Tarn_sys_diag_MemBlockClass> ClassesOf(const PartitionInfo &partitio
     return classes;
 }
 
+// Of a reply that is a text and a count.
 template <class Reply>
-void KeepBytes(Reply &reply, const std::string &text) {
-    reply.pucInfo = reply.Keep(std::vector<uint8_t>(text.begin(), text.end()), reply.uiInfoLen);
+void KeepReport(Reply &reply, const std::string &report, uint32_t number) {
+    auto &[textLength, text, count] = reply.Members();
+    text = reply.Keep(std::vector<uint8_t>(report.begin(), report.end()), textLength);
+    count = number;
 }
 
 Tarn_sys_diag_AppMemUnit ToRecord(const HeapUse &heap) {
     Tarn_sys_diag_AppMemUnit unit{};
-    unit.uiUnitId = TARN_AGENT_UNIT_MALLOC;
-    host::CopyText(unit.szUnitName, "malloc");
+    unit.uiUnitId = memory_unit::kMalloc;
+    host::CopyText(unit.szUnitName, memory_unit::kMalloc.name);
     unit.ullTotalBytes = heap.totalBytes;
     unit.ullUsedBytes = heap.usedBytes;
     unit.ullPeakBytes = heap.peakBytes;
@@ -67,11 +74,9 @@ Tarn_sys_diag_AppMemUnit ToRecord(const HeapUse &heap) {
 // What a request wants of the application's memory.
 class AppMemoryQuery {
 public:
-    explicit AppMemoryQuery(const Tarn_sys_diag_GetAppMemInfoInput &request) : request_(request) {
-        CheckProcess("uiPid", request.uiPid);
-        if (request.uiModuleId != 0) {
-            throw host::BadValue("uiModuleId", request.uiModuleId, "0: modules are chosen by name");
-        }
+    AppMemoryQuery(const host::meaning::Method &method, const Tarn_sys_diag_GetAppMemInfoInput &request)
+        : request_(request) {
+        CheckProcess(method, request.uiPid);
     }
 
     bool Wants(uint32_t unitId, const std::string &unitName) const {
@@ -92,12 +97,12 @@ private:
 
 uint32_t GetProcPartitionMemHandleRecod(const Tarn_sys_diag_ProcPtRecodInput *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::GetProcPartitionMemHandleRecod, request, replyCtx, [&](auto &reply) {
-        Choice choice(request->uiPtParam3, request->uiPtParam4);
+        const auto &[partition, wanted, skip, most, inUse] = *request;
+        Choice choice(skip, most);
         std::vector<Tarn_sys_diag_ProcPtRecod> records;
         for (const HandleInfo &handle : Agent::OfProcess().memory.Handles()) {
-            if ((request->uiPtParam1 != 0 && handle.partitionId != request->uiPtParam1) ||
-                (request->uiPtParam2 != 0 && handle.id != request->uiPtParam2) ||
-                (request->uiPtParam5 != 0 && handle.use.blockNum == 0) || !choice.Takes()) {
+            if ((partition != 0 && handle.partitionId != partition) || (wanted != 0 && handle.id != wanted) ||
+                (inUse != 0 && handle.use.blockNum == 0) || !choice.Takes()) {
                 continue;
             }
             Tarn_sys_diag_ProcPtRecod record{};
@@ -122,18 +127,18 @@ uint32_t GetProcPartitionMemHandleRecod(const Tarn_sys_diag_ProcPtRecodInput *re
 
 uint32_t GetMirelMemHandleInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetMirelMemHandleInfo, request, replyCtx, [](auto &reply) {
-        std::vector<Tarn_sys_diag_MirelMemHandleInfo> handles;
-        for (const HandleInfo &handle : Agent::OfProcess().memory.Handles()) {
-            Tarn_sys_diag_MirelMemHandleInfo info{};
-            info.uiValue = handle.id;
-            host::CopyText(info.szName, handle.name);
-            info.ullValue = handle.use.bytes;
-            handles.push_back(info);
+        auto &[openHandles, partitions, damages, handleNum, handles] = reply.Members();
+        std::vector<Tarn_sys_diag_MirelMemHandleInfo> infos;
+        for (const HandleInfo &one : Agent::OfProcess().memory.Handles()) {
+            auto &[handle, name, used] = infos.emplace_back();
+            handle = one.id;
+            host::CopyText(name, one.name);
+            used = one.use.bytes;
         }
-        reply.uiValue1 = static_cast<uint32_t>(handles.size());
-        reply.uiValue2 = static_cast<uint32_t>(Agent::OfProcess().memory.Partitions().size());
-        reply.uiValue3 = Agent::OfProcess().memory.DamageNum();
-        reply.pstHandle = reply.Keep(std::move(handles), reply.uiHandleNum);
+        openHandles = static_cast<uint32_t>(infos.size());
+        partitions = static_cast<uint32_t>(Agent::OfProcess().memory.Partitions().size());
+        damages = Agent::OfProcess().memory.DamageNum();
+        handles = reply.Keep(std::move(infos), handleNum);
     });
 }
 
@@ -143,7 +148,7 @@ uint32_t GetTopNHandleInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
         std::vector<Tarn_sys_diag_MemHandleUse> uses;
         for (const HandleInfo &handle : handles) {
             reply.ullTotalBytes += handle.use.bytes;
-            if (uses.size() < TARN_AGENT_TOP_HANDLES) {
+            if (uses.size() < top_handles::kMost) {
                 uses.push_back(UseOf(handle));
             }
         }
@@ -181,8 +186,9 @@ uint32_t MemDiag_ma(const Tarn_sys_diag_mem_RPCIN *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::MemDiag_ma, request, replyCtx, [&](auto &reply) {
         const auto *const argument = reinterpret_cast<const char *>(request->pucMemData);
         const Report report = Diagnose(Agent::OfProcess().memory, request->uiMemCmd, {argument, request->uiMemDataLen});
-        reply.uiValue2 = report.lineNum;
-        reply.pucData = reply.Keep(std::vector<uint8_t>(report.text.begin(), report.text.end()), reply.uiDataLen);
+        auto &[result, textLength, text, lines] = reply.Members();
+        lines = report.lineNum;
+        text = reply.Keep(std::vector<uint8_t>(report.text.begin(), report.text.end()), textLength);
     });
 }
 
@@ -209,7 +215,7 @@ uint32_t MemHandleCallStack(const Tarn_sys_diag_MemHandInfo *request, void *repl
 
 uint32_t GetCallStackFunction(const Tarn_sys_diag_CallStackInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetCallStackFunction, request, replyCtx, [&](auto &reply) {
-        CheckProcess("uiPid", request->uiPid);
+        CheckProcess(host::methods::GetCallStackFunction, request->uiPid);
         for (size_t i = 0; i < std::size(request->aullStackAddr); ++i) {
             char name[100];
             if (const uint64_t address = request->aullStackAddr[i]; address != 0) {
@@ -224,17 +230,15 @@ uint32_t GetCallStackFunction(const Tarn_sys_diag_CallStackInput *request, void 
 uint32_t SetMemDmgScan(const Tarn_sys_diag_MemDmgScanIn *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::SetMemDmgScan, request, replyCtx, [&](auto &) {
         switch (request->uiScanSwitch) {
-        case TARN_AGENT_SCAN_OFF:
+        case damage_scan::kOff:
             Agent::OfProcess().memoryScan.Stop();
             break;
-        case TARN_AGENT_SCAN_ON:
+        case damage_scan::kOn:
             Agent::OfProcess().memoryScan.Start();
             break;
-        case TARN_AGENT_SCAN_ONCE:
+        case damage_scan::kOnce:
             Agent::OfProcess().memory.Scan();
             break;
-        default:
-            throw host::BadValue("uiScanSwitch", request->uiScanSwitch, "0 off, 1 on or 2 once");
         }
     });
 }
@@ -242,8 +246,7 @@ uint32_t SetMemDmgScan(const Tarn_sys_diag_MemDmgScanIn *request, void *replyCtx
 uint32_t GetMemDmgInfo(const Tarn_sys_diag_MemDmgInfoIn *request, void *replyCtx) {
     return host::Answer(host::methods::GetMemDmgInfo, request, replyCtx, [&](auto &reply) {
         const Report report = DamageReport(Agent::OfProcess().memory, request->uiInfoType);
-        reply.uiValue1 = report.lineNum;
-        KeepBytes(reply, report.text);
+        KeepReport(reply, report.text, report.lineNum);
     });
 }
 
@@ -256,10 +259,7 @@ uint32_t TarnDetectMemHostage(const Tarn_sys_diag_None *request) {
 
 uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::TarnGetAppMemUnitInfo, request, replyCtx, [&](auto &reply) {
-        const AppMemoryQuery query(*request);
-        if (request->uiQueryType != TARN_AGENT_APP_MEM_UNITS) {
-            throw host::BadValue("uiQueryType", request->uiQueryType, "0, units");
-        }
+        const AppMemoryQuery query(host::methods::TarnGetAppMemUnitInfo, *request);
         Choice choice(request->uiStart, request->uiMaxNum);
         std::vector<Tarn_sys_diag_AppMemUnit> units;
         for (const PartitionInfo &partition : Agent::OfProcess().memory.Partitions()) {
@@ -274,7 +274,7 @@ uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, 
                 units.push_back(unit);
             }
         }
-        if (query.Wants(TARN_AGENT_UNIT_MALLOC, "malloc") && choice.Takes()) {
+        if (query.Wants(memory_unit::kMalloc, std::string(memory_unit::kMalloc.name)) && choice.Takes()) {
             units.push_back(ToRecord(Agent::OfProcess().heap.Look()));
         }
         reply.uiTotalNum = choice.Matches();
@@ -284,12 +284,9 @@ uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, 
 
 uint32_t TarnGetAppMemDetailOrModuleInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::TarnGetAppMemDetailOrModuleInfo, request, replyCtx, [&](auto &reply) {
-        const AppMemoryQuery query(*request);
-        if (request->uiQueryType > TARN_AGENT_APP_MEM_MODULES) {
-            throw host::BadValue("uiQueryType", request->uiQueryType, "1 details or 2 modules");
-        }
+        const AppMemoryQuery query(host::methods::TarnGetAppMemDetailOrModuleInfo, *request);
         Choice choice(request->uiStart, request->uiMaxNum);
-        const bool byModule = request->uiQueryType == TARN_AGENT_APP_MEM_MODULES;
+        const bool byModule = request->uiQueryType == app_memory::kModules;
         const Memory &memory = Agent::OfProcess().memory;
         const Report report =
             byModule
@@ -297,8 +294,7 @@ uint32_t TarnGetAppMemDetailOrModuleInfo(const Tarn_sys_diag_GetAppMemInfoInput 
                       memory, [&](const BlockInfo &block) { return query.Wants(block); },
                       [&] { return choice.Takes(); })
                 : DetailReport(memory, [&](const BlockInfo &block) { return query.Wants(block) && choice.Takes(); });
-        reply.uiValue1 = choice.Matches();
-        KeepBytes(reply, report.text);
+        KeepReport(reply, report.text, choice.Matches());
     });
 }
 

@@ -15,28 +15,33 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "host/meaning/methods.h"
 #include "host/osal/error.h"
-#include "host/values/agent.h"
+#include "host/osal/text.h"
 
 namespace agent {
 
 namespace {
+
+namespace damage_report = host::meaning::damage_report;
+namespace memory_command = host::meaning::memory_command;
 
 constexpr const char *kBlockHead = "         NUMBER            ADDRESS        BYTES PARTITION        HANDLE           "
                                    "    THREAD      AGE s ALLOCATED BY\n";
 
 std::string BlockLine(const BlockInfo &block) {
     return fmt::format("{:>15} {:>18} {:>12} {:<16} {:<16} {:>10} {:>10.1f} {}\n", block.number,
-                       fmt::format("{:#x}", block.address), block.bytes, block.partitionName, block.handleName,
-                       block.tid, std::chrono::duration<double>(block.age).count(), SiteText(block.site));
+                       fmt::format("{:#x}", block.address), block.bytes, host::LineOfText(block.partitionName),
+                       host::LineOfText(block.handleName), block.tid, std::chrono::duration<double>(block.age).count(),
+                       SiteText(block.site));
 }
 
 Report Summary(const Memory &memory) {
     Report report{fmt::format("{:>4} {:<16} {:>10} {:>14} {:>14} {:>14} {:>14}\n", "ID", "PARTITION", "BLOCK",
                               "TOTAL bytes", "USED bytes", "PEAK bytes", "FREE at most")};
     for (const PartitionInfo &one : memory.Partitions()) {
-        report.Add(fmt::format("{:>4} {:<16} {:>10} {:>14} {:>14} {:>14} {:>14}\n", one.id, one.name, one.blockBytes,
-                               one.totalBytes, one.usedBytes, one.peakBytes, one.maxFreeBytes));
+        report.Add(fmt::format("{:>4} {:<16} {:>10} {:>14} {:>14} {:>14} {:>14}\n", one.id, host::LineOfText(one.name),
+                               one.blockBytes, one.totalBytes, one.usedBytes, one.peakBytes, one.maxFreeBytes));
     }
     return report;
 }
@@ -108,7 +113,8 @@ uint64_t Number(std::string_view text, std::optional<uint64_t> otherwise) {
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number, base);
     if (error != std::errc() || end != digits.data() + digits.size()) {
-        throw host::BadValue("the argument", fmt::format("\"{}\"", text), "a number, or 0x and a hexadecimal one");
+        throw host::meaning::BadMember(host::methods::MemDiag_ma, "argument", text,
+                                       "a number, or 0x and a hexadecimal one");
     }
     return number;
 }
@@ -116,7 +122,7 @@ uint64_t Number(std::string_view text, std::optional<uint64_t> otherwise) {
 uint32_t HandleNumber(std::string_view text) {
     const uint64_t number = Number(text, 0);
     if (number > UINT32_MAX) {
-        throw host::BadValue("the argument", number, "a handle");
+        throw host::meaning::BadMember(host::methods::MemDiag_ma, "argument", text, "a handle");
     }
     return static_cast<uint32_t>(number);
 }
@@ -125,18 +131,16 @@ uint32_t HandleNumber(std::string_view text) {
 
 Report Diagnose(Memory &memory, uint32_t command, std::string_view argument) {
     switch (command) {
-    case TARN_AGENT_MEM_SUMMARY:
+    case memory_command::kSummary:
         return Summary(memory);
-    case TARN_AGENT_MEM_BLOCKS:
+    case memory_command::kBlocks:
         return Blocks(memory, HandleNumber(argument));
-    case TARN_AGENT_MEM_MARK:
+    case memory_command::kMark:
         return SetMark(memory);
-    case TARN_AGENT_MEM_SINCE:
+    case memory_command::kSince:
         return SinceMark(memory);
-    case TARN_AGENT_MEM_LOOK:
+    default: // memory_command::kLook
         return Look(memory, Number(argument, {}));
-    default:
-        throw host::BadValue("uiMemCmd", command, "1 to 5");
     }
 }
 
@@ -169,28 +173,25 @@ Report ModuleReport(const Memory &memory, const TakesBlock &takes, const std::fu
     Report report{fmt::format("{:>10} {:>14} {}\n", "BLOCKS", "BYTES", "MODULE")};
     for (const auto &[module, use] : modules) {
         if (takesModule()) {
-            report.Add(fmt::format("{:>10} {:>14} {}\n", use.blockNum, use.bytes, module));
+            report.Add(fmt::format("{:>10} {:>14} {}\n", use.blockNum, use.bytes, host::LineOfText(module)));
         }
     }
     return report;
 }
 
 Report DamageReport(const Memory &memory, uint32_t type) {
-    if (type > TARN_AGENT_DAMAGE_HOSTAGES) {
-        throw host::BadValue("uiInfoType", type, "0 all, 1 damaged blocks or 2 hostages");
-    }
     Report report;
-    if (type != TARN_AGENT_DAMAGE_HOSTAGES) {
+    if (type != damage_report::kHostages) {
         for (const Damage &damage : memory.Damages()) {
-            report.Add(fmt::format("{} {}\n", damage.when, damage.text));
+            report.Add(fmt::format("{} {}\n", damage.when, host::LineOfText(damage.text)));
         }
     }
-    if (type != TARN_AGENT_DAMAGE_BLOCKS) {
+    if (type != damage_report::kDamages) {
         for (const BlockInfo &block : memory.Hostages()) {
             report.Add(fmt::format("block {:#x} of {} bytes, handle {} \"{}\", allocated by {}: its thread {} has "
                                    "ended\n",
-                                   block.address, block.bytes, block.handleId, block.handleName, SiteText(block.site),
-                                   block.tid));
+                                   block.address, block.bytes, block.handleId, host::LineOfText(block.handleName),
+                                   SiteText(block.site), block.tid));
         }
     }
     return report;

@@ -21,7 +21,7 @@ struct Report {
     }
 };
 
-// What a diagnosis command, TARN_AGENT_MEM_..., answers; throws EINVAL for one that makes no sense.
+// What a diagnosis command, one of memory_command, answers; throws EINVAL for an argument that makes no sense.
 Report Diagnose(Memory &memory, uint32_t command, std::string_view argument);
 
 // The program or shared object whose code allocated at a site.
@@ -33,7 +33,7 @@ using TakesBlock = std::function<bool(const BlockInfo &block)>;
 Report DetailReport(const Memory &memory, const TakesBlock &takes);
 Report ModuleReport(const Memory &memory, const TakesBlock &takes, const std::function<bool()> &takesModule);
 
-// Damages, hostages or both, TARN_AGENT_DAMAGE_...; throws EINVAL for anything else.
+// Damages, hostages or both, as damage_report has them.
 Report DamageReport(const Memory &memory, uint32_t type);
 
 } // namespace agent

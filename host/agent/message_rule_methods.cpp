@@ -7,8 +7,10 @@ namespace agent {
 
 uint32_t UpdateMsgCtrlRule(const Tarn_sys_diag_UpdateMsgCtrlRuleInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::UpdateMsgCtrlRule, request, replyCtx, [&] {
-        Agent::OfProcess().messageRules.Update(*request);
-        host::Log().info("message rule {} set", request->uiValue1);
+        const host::meaning::MessageRule rule = host::meaning::FromRecord(*request);
+        CheckProcess(host::methods::UpdateMsgCtrlRule, rule.process);
+        Agent::OfProcess().messageRules.Update(rule);
+        host::Log().info("message rule {} set", rule.number);
     });
 }
 
@@ -21,10 +23,11 @@ uint32_t ClearMsgCtrlRule(const Tarn_sys_diag_None *request, void *replyCtx) {
 
 uint32_t GetMsgCtrlRule(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::GetMsgCtrlRule, request, replyCtx, [&](auto &reply) {
-        CheckProcess("uiValue3", request->uiValue3);
-        Choice choice(request->uiValue2, 0);
+        const auto &[number, skip, process] = *request;
+        CheckProcess(host::methods::GetMsgCtrlRule, process);
+        Choice choice(skip, 0);
         std::vector<Tarn_sys_diag_MsgRuleInfo> rules;
-        for (const Tarn_sys_diag_MsgRuleInfo &rule : Agent::OfProcess().messageRules.Get(request->uiValue1)) {
+        for (const Tarn_sys_diag_MsgRuleInfo &rule : Agent::OfProcess().messageRules.Get(number)) {
             if (choice.Takes()) {
                 rules.push_back(rule);
             }

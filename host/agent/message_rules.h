@@ -2,32 +2,30 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "host/agent/tarn_agent.h"
 #include "host/clock/clocks.h"
+#include "host/meaning/message_rule.h"
 #include "host/osal/mutex.h"
-#include "types/agent.h"
 
 namespace agent {
 
 class MessageRules {
 public:
-    using Rule = Tarn_sys_diag_UpdateMsgCtrlRuleInput;
+    using Rule = host::meaning::MessageRule;
 
     explicit MessageRules(const host::Clocks &clocks) : clocks_(clocks) {}
 
-    void Update(const Rule &rule); // throws EINVAL, or ENOSPC
+    void Update(const Rule &rule); // throws ENOSPC
     void Clear();
-    std::vector<Tarn_sys_diag_MsgRuleInfo> Get(uint32_t id); // 0: all, in the order in which they are tried
+    std::vector<Tarn_sys_diag_MsgRuleInfo> Get(uint32_t number); // 0: all, in the order in which they are tried
     bool Passes(const TarnAgentMessage &message);
 
 private:
     // A rule in force. One that limits a rate is a bucket of tokens, each good for one message.
     struct Entry {
         Rule rule;
-        std::string sender, receiver, name; // patterns
         host::SteadyTime since;
         uint64_t matchNum = 0;
         uint64_t dropNum = 0;

@@ -14,6 +14,13 @@ namespace agent {
 #define TARN_METHOD_NO_REPLY(method, request) uint32_t method(const Tarn_sys_diag_##request *request_);
 #include "client/agent_methods.h"
 
+// The process whose agent a request means.
+inline void CheckProcess(const host::meaning::Method &method, uint32_t process) {
+    if (process != 0 && process != OwnPid()) {
+        throw host::meaning::BadMember(method, "process", process, fmt::format("0 or {}, the agent's own", OwnPid()));
+    }
+}
+
 // The part of a list that a request wants.
 class Choice {
 public:

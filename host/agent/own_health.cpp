@@ -10,21 +10,24 @@
 
 #include "host/agent/faults.h"
 #include "host/agent/process.h"
-#include "host/values/agent.h"
+#include "host/meaning/choices.h"
 
 namespace agent {
 
 namespace {
 
-uint8_t LevelOf(uint64_t value, uint32_t limit) {
+namespace health_item = host::meaning::health_item;
+namespace health_level = host::meaning::health_level;
+
+host::meaning::Choice LevelOf(uint64_t value, uint32_t limit) {
     if (value < limit) {
-        return TARN_AGENT_HEALTH_GOOD;
+        return health_level::kGood;
     }
-    return value < uint64_t{2} * limit ? TARN_AGENT_HEALTH_DEGRADED : TARN_AGENT_HEALTH_BAD;
+    return value < uint64_t{2} * limit ? health_level::kDegraded : health_level::kBad;
 }
 
 Health::Finding Found(uint64_t value, uint32_t limit, const char *unit) {
-    return {LevelOf(value, limit), fmt::format("{} {}, limit {}", value, unit, limit)};
+    return {static_cast<uint8_t>(LevelOf(value, limit)), fmt::format("{} {}, limit {}", value, unit, limit)};
 }
 
 Health::Finding OpenDescriptors(const host::procfs::Procfs &procfs, uint32_t limit) {
@@ -33,7 +36,7 @@ Health::Finding OpenDescriptors(const host::procfs::Procfs &procfs, uint32_t lim
     rlimit most{};
     getrlimit(RLIMIT_NOFILE, &most);
     const uint64_t share = open * 1000 / std::max<uint64_t>(most.rlim_cur, 1);
-    return {LevelOf(share, limit),
+    return {static_cast<uint8_t>(LevelOf(share, limit)),
             fmt::format("{} of {} descriptors are open, {} permille, limit {}", open, most.rlim_cur, share, limit)};
 }
 
@@ -45,18 +48,20 @@ Health::Finding ResidentMemory(const host::procfs::Procfs &procfs, uint32_t limi
 
 std::map<uint8_t, Health::Item> OwnHealthItems(const host::procfs::Procfs &procfs, const DeadLoops &deadLoops,
                                                const Memory &memory) {
-    return {
-        {1,
-         {"threads", 512,
-          [&](uint32_t limit) { return Found(procfs.ReadProcess(OwnPid()).threadNum, limit, "threads"); }}},
-        {2, {"descriptors", 800, [&](uint32_t limit) { return OpenDescriptors(procfs, limit); }}},
-        {3, {"memory", 1024, [&](uint32_t limit) { return ResidentMemory(procfs, limit); }}},
-        {4,
-         {"dead loops", 1,
-          [&](uint32_t limit) { return Found(deadLoops.LoopNum(), limit, "threads in a dead loop"); }}},
-        {5, {"memory damage", 1, [&](uint32_t limit) { return Found(memory.DamageNum(), limit, "damages found"); }}},
-        {6, {"faults", 1, [](uint32_t limit) { return Found(FaultNum(), limit, "faults recorded"); }}},
+    std::map<uint8_t, Health::Item> items;
+    const auto add = [&](const host::meaning::Choice &item, uint32_t limit, Health::Check check) {
+        items[static_cast<uint8_t>(item)] = {std::string(item.name), limit, std::move(check)};
     };
+    add(health_item::kThreads, 512,
+        [&](uint32_t limit) { return Found(procfs.ReadProcess(OwnPid()).threadNum, limit, "threads"); });
+    add(health_item::kDescriptors, 800, [&](uint32_t limit) { return OpenDescriptors(procfs, limit); });
+    add(health_item::kMemory, 1024, [&](uint32_t limit) { return ResidentMemory(procfs, limit); });
+    add(health_item::kDeadLoops, 1,
+        [&](uint32_t limit) { return Found(deadLoops.LoopNum(), limit, "threads in a dead loop"); });
+    add(health_item::kMemoryDamage, 1,
+        [&](uint32_t limit) { return Found(memory.DamageNum(), limit, "damages found"); });
+    add(health_item::kFaults, 1, [](uint32_t limit) { return Found(FaultNum(), limit, "faults recorded"); });
+    return items;
 }
 
 } // namespace agent

@@ -66,13 +66,13 @@ Registration::Registration(std::string name, const std::filesystem::path &runDir
 Registration::~Registration() {
     renewal_.Stop();
     if (daemonPid_ != 0) {
-        host::Attempt("AgentRegInfo", [this] { Call(Doing::kLeave); });
+        host::Attempt("AgentRegInfo", [this] { Call(host::meaning::agent_announces::kLeaves); });
     }
 }
 
 void Registration::Renew() {
     try {
-        const uint32_t daemonPid = Call(Doing::kStay);
+        const uint32_t daemonPid = Call(host::meaning::agent_announces::kRuns);
         if (daemonPid != daemonPid_) {
             host::Log().info("agent {}: registered with the daemon, process {}", name_, daemonPid);
             events_ = 0;
@@ -89,14 +89,16 @@ void Registration::Renew() {
     }
 }
 
-uint32_t Registration::Call(Doing doing) {
+uint32_t Registration::Call(const host::meaning::Choice &announced) {
     Tarn_sys_diag_AgentRegInfoInput request{};
-    host::CopyText(request.szAgentName, name_);
-    request.uiValue1 = OwnPid();
-    request.uiValue2 = kInterfaceVersion;
-    request.ucValue3 = static_cast<uint8_t>(doing);
+    auto &[name, process, version, announces] = request;
+    host::CopyText(name, name_);
+    process = OwnPid();
+    version = kInterfaceVersion;
+    announces = static_cast<uint8_t>(announced);
     using Reply = Tarn_sys_diag_AgentRegInfoResult;
-    return CallDaemon<Reply>(client_, "AgentRegInfo", request, &Reply::uiValue1).uiValue2;
+    const auto &[result, sameName, daemon] = CallDaemon(client_, "AgentRegInfo", request, &Reply::uiValue1);
+    return daemon;
 }
 
 void Registration::Subscribe() {

@@ -6,8 +6,8 @@
 
 #include "host/agent/periodic.h"
 #include "host/agent/resources.h"
+#include "host/meaning/choices.h"
 #include "host/runtime/client.h"
-#include "host/values/daemon.h"
 
 namespace agent {
 
@@ -17,11 +17,10 @@ public:
     ~Registration(); // says goodbye
 
 private:
-    enum class Doing : uint8_t { kLeave = TARND_AGENT_LEAVES, kStay = TARND_AGENT_RUNS };
-
     void Renew();
-    uint32_t Call(Doing doing); // the daemon's process; throws what kept it from taking the registration
-    void Subscribe();           // to what the application wants of the daemon
+    uint32_t Call(const host::meaning::Choice
+                      &announced); // the daemon's process; throws what kept it from taking the registration
+    void Subscribe();              // to what the application wants of the daemon
 
     const std::string name_;
     const Resources &resources_;

@@ -1,24 +1,20 @@
 // What the daemon tells of the machine's resources, and who subscribes to it.
 #include "host/agent/agent.h"
 #include "host/agent/methods.h"
-#include "host/values/agent.h"
+#include "host/meaning/unit.h"
 
 namespace agent {
 
 namespace {
 
-// "cpu,memory"
-std::string EventsText(uint32_t events) {
-    static constexpr std::pair<uint32_t, const char *> kNames[] = {{TARN_AGENT_EVENT_CPU, "cpu"},
-                                                                   {TARN_AGENT_EVENT_MEMORY, "memory"},
-                                                                   {TARN_AGENT_EVENT_DESCRIPTORS, "descriptors"}};
-    std::string text;
-    for (const auto &[event, name] : kNames) {
-        if ((events & event) != 0) {
-            text += (text.empty() ? "" : ",") + std::string(name);
-        }
-    }
-    return text;
+Tarn_sys_diag_SubscribeInfo ToRecord(const std::string &subscriber, const Resources::Subscription &subscription) {
+    Tarn_sys_diag_SubscribeInfo info{};
+    auto &[name, eventNames, events, notified] = info;
+    host::CopyText(name, subscriber);
+    host::CopyText(eventNames, host::meaning::NamesInSum(subscription.events, host::meaning::event::kAll));
+    events = subscription.events;
+    notified = subscription.toldNum;
+    return info;
 }
 
 } // namespace
@@ -30,22 +26,20 @@ uint32_t TarnUpdateResourceInfo(const Tarn_sys_diag_UpdateResourceInfoInput *req
 
 uint32_t TarnGetSubscribe(const Tarn_sys_diag_GetSubscribeInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::TarnGetSubscribe, request, replyCtx, [&](auto &reply) {
-        CheckProcess("uiValue3", request->uiValue3);
-        Choice choice(request->uiValue2, 0);
+        const auto &[wanted, skip, askedProcess] = *request;
+        CheckProcess(host::methods::TarnGetSubscribe, askedProcess);
+        Choice choice(skip, 0);
         std::vector<Tarn_sys_diag_SubscribeInfo> infos;
         for (const auto &[name, subscription] : Agent::OfProcess().resources.Subscriptions()) {
-            if ((request->uiValue1 == 0 || (subscription.events & request->uiValue1) != 0) && choice.Takes()) {
-                Tarn_sys_diag_SubscribeInfo &info = infos.emplace_back();
-                host::CopyText(info.szName1, name);
-                host::CopyText(info.szName2, EventsText(subscription.events));
-                info.uiValue1 = subscription.events;
-                info.uiValue2 = subscription.toldNum;
+            if ((wanted == 0 || (subscription.events & wanted) != 0) && choice.Takes()) {
+                infos.push_back(ToRecord(name, subscription));
             }
         }
-        reply.pstSubscribe = reply.Keep(std::move(infos), reply.uiSubscribeNum);
-        reply.uiValue2 = Agent::OfProcess().resources.Events();
-        reply.uiValue3 = choice.Matches();
-        reply.uiValue4 = OwnPid();
+        auto &[subscriptionNum, subscriptions, reserved, events, matches, process] = reply.Members();
+        subscriptions = reply.Keep(std::move(infos), subscriptionNum);
+        events = Agent::OfProcess().resources.Events();
+        matches = choice.Matches();
+        process = OwnPid();
     });
 }
 

@@ -4,16 +4,16 @@
 #include <cstring>
 #include <utility>
 
+#include "host/meaning/choices.h"
 #include "host/osal/attempt.h"
-#include "host/osal/error.h"
-#include "host/values/agent.h"
 
 namespace agent {
 
 namespace {
 
-constexpr uint8_t kMaxLevel = 2;
-constexpr uint32_t kAllEvents = TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_DESCRIPTORS;
+namespace event = host::meaning::event;
+
+constexpr uint32_t kAllEvents = event::kCpu + event::kMemory + event::kDescriptors;
 
 } // namespace
 
@@ -40,12 +40,6 @@ uint8_t Resources::LevelOf(uint8_t resource) const {
 }
 
 void Resources::Update(const State &state) {
-    if (state.ucResource < TARN_AGENT_RESOURCE_CPU || state.ucResource > TARN_AGENT_RESOURCE_DESCRIPTORS) {
-        throw host::BadValue("ucResource", state.ucResource, "1 CPU, 2 memory or 3 descriptors");
-    }
-    if (state.ucLevel > kMaxLevel) {
-        throw host::BadValue("ucLevel", state.ucLevel, "0 normal, 1 near its limit or 2 overloaded");
-    }
     {
         const host::MutexLock lock(mutex_);
         states_[state.ucResource] = state;

@@ -34,7 +34,7 @@ public:
     uint32_t Unsubscribe(const char *name);
     uint8_t LevelOf(uint8_t resource) const;
 
-    void Update(const State &state); // throws EINVAL
+    void Update(const State &state);
     std::map<std::string, Subscription> Subscriptions() const;
     uint32_t Events() const; // that any subscription wants
 

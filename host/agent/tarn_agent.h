@@ -3,8 +3,8 @@
  * debug commands, ask for what the application has registered here, and read what is left of a crash. The agent works
  * on threads of its own, which take no signals; no function here waits for the daemon, nor does the application wait
  * for a command. All functions may be called from any thread, and before TarnAgent_Init: what is registered stays when
- * the agent is shut down. host/values/agent.h says what the agent answers to each method of its service,
- * TarnSysdiagAgent on the socket agent-<pid>.sock of the run directory.
+ * the agent is shut down. "tarnctl list TarnSysdiagAgent" tells what the agent answers on its socket,
+ * agent-<pid>.sock of the run directory.
  */
 #ifndef TARN_HOST_AGENT_TARN_AGENT_H
 #define TARN_HOST_AGENT_TARN_AGENT_H
@@ -148,8 +148,12 @@ TARN_EXPORT uint32_t TarnAgent_ExemptThread(void);
 
 /* ---- Health ---- */
 
-/* Looks at one item: the level, TARN_AGENT_HEALTH_... of host/values/agent.h, and a text. Runs on the agent's thread,
- * when it is asked for, and should not take long. */
+#define TARN_HEALTH_LEVEL_GOOD 0     /* below its limit */
+#define TARN_HEALTH_LEVEL_DEGRADED 1 /* from its limit on */
+#define TARN_HEALTH_LEVEL_BAD 2      /* far beyond its limit, or it could not be looked at */
+
+/* Looks at one item: its level and a text. Runs on the agent's thread, when it is asked for, and should not take
+ * long. */
 typedef uint32_t (*TarnAgentHealthCheck)(uint32_t uiLimit, char *pcText, size_t ulRoom, void *pUserData);
 
 /* Adds an item of 64 or higher, under a name of 1 to 63 bytes. 0; 22; 17 for one that is there. */
@@ -158,11 +162,23 @@ TARN_EXPORT uint32_t TarnAgent_AddHealthItem(uint8_t ucFunction, const char *pcN
 
 /* ---- Resources ---- */
 
-/* Notified of a resource: TARN_AGENT_RESOURCE_..., the level 0 to 2, and its use in permille. Runs
- * on the agent's thread. */
+#define TARN_RESOURCE_CPU 1
+#define TARN_RESOURCE_MEMORY 2
+#define TARN_RESOURCE_DESCRIPTORS 3
+
+#define TARN_RESOURCE_LEVEL_NORMAL 0
+#define TARN_RESOURCE_LEVEL_NEAR_LIMIT 1
+#define TARN_RESOURCE_LEVEL_OVERLOADED 2
+
+/* That the level of a resource changes. */
+#define TARN_EVENT_CPU 2
+#define TARN_EVENT_MEMORY 4
+#define TARN_EVENT_DESCRIPTORS 8
+
+/* Notified of a resource, its level, and its use in permille. Runs on the agent's thread. */
 typedef void (*TarnAgentResourceFunction)(uint8_t ucResource, uint8_t ucLevel, uint16_t usUsage, void *pUserData);
 
-/* Subscribes to events, bits of TARN_AGENT_EVENT_..., under a name of 1 to 31 bytes; the agent passes it on to the
+/* Subscribes to events, a sum of TARN_EVENT_..., under a name of 1 to 31 bytes; the agent passes it on to the
  * daemon. 0; 22; 17 for a name that is taken; 2 for an unknown one. */
 TARN_EXPORT uint32_t TarnAgent_Subscribe(const char *pcName, uint32_t uiEvents, TarnAgentResourceFunction pfnFunction,
                                          void *pUserData);

@@ -5,20 +5,17 @@
 namespace agent {
 
 uint32_t SetNoxTimerDebugSwitch(const Tarn_sys_diag_SetNoxTimerDebugSwitchInput *request, void *replyCtx) {
-    return host::AnswerResult(host::methods::SetNoxTimerDebugSwitch, request, replyCtx, [&] {
-        if (request->uiDebugSwitch > 1) {
-            throw host::BadValue("uiDebugSwitch", request->uiDebugSwitch, "0 or 1");
-        }
-        Agent::OfProcess().timers.SetDebug(request->uiDebugSwitch == 1);
-    });
+    return host::AnswerResult(host::methods::SetNoxTimerDebugSwitch, request, replyCtx,
+                              [&] { Agent::OfProcess().timers.SetDebug(request->uiDebugSwitch == 1); });
 }
 
 uint32_t TarnAgentGetTimerInfo(const Tarn_sys_diag_GetTimerInput *request, void *replyCtx) {
     return host::AnswerWithResult(host::methods::TarnAgentGetTimerInfo, request, replyCtx, [&](auto &reply) {
-        CheckProcess("uiValue4", request->uiValue4);
-        Choice choice(request->uiValue2, request->uiValue3);
+        const auto &[number, skip, most, process] = *request;
+        CheckProcess(host::methods::TarnAgentGetTimerInfo, process);
+        Choice choice(skip, most);
         std::vector<Tarn_sys_diag_TimerInfo> timers;
-        for (const Tarn_sys_diag_TimerInfo &timer : Agent::OfProcess().timers.Get(request->uiValue1)) {
+        for (const Tarn_sys_diag_TimerInfo &timer : Agent::OfProcess().timers.Get(number)) {
             if (choice.Takes()) {
                 timers.push_back(timer);
             }

@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "host/meaning/check.h"
 #include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/text.h"
@@ -77,7 +76,7 @@ uint32_t StatusOf(const meaning::Method &method, Function function) {
 template <class Request, class Response, class Function>
 uint32_t Run(const meaning::MethodOf<Request, Response> &method, const Request *request, Function function) {
     return StatusOf(method, [&] {
-        meaning::Check(*method.request, request);
+        meaning::Check(method, *request);
         function();
     });
 }
@@ -101,7 +100,7 @@ uint32_t SendReply(const meaning::Method &method, void *replyCtx, Fill fill) {
 template <class Request, class Response, class Fill>
 uint32_t Answer(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx, Fill fill) {
     return SendReply<Response>(method, replyCtx, [&](auto &reply) {
-        meaning::Check(*method.request, request);
+        meaning::Check(method, *request);
         fill(reply);
     });
 }

@@ -1,5 +1,8 @@
 #include "host/clock/calendar.h"
 
+#include <cstdlib>
+#include <ctime>
+
 #include "host/osal/error.h"
 
 namespace host {
@@ -8,42 +11,47 @@ namespace {
 
 using namespace std::chrono;
 
-void CheckAtMost(uint32_t value, uint32_t most, const std::string &member) {
-    if (value > most) {
-        throw BadValue(member.c_str(), value, fmt::format("0 to {}", most));
+std::string DateText(const Tarn_sys_diag_Systime &time, DateFormat format) {
+    switch (format) {
+    case DateFormat::kYearMonthDay:
+        return fmt::format("{:04}-{:02}-{:02}", time.usYear, time.ucMonth, time.ucDay);
+    case DateFormat::kDayMonthYear:
+        return fmt::format("{:02}-{:02}-{:04}", time.ucDay, time.ucMonth, time.usYear);
+    case DateFormat::kMonthDayYear:
+        return fmt::format("{:02}-{:02}-{:04}", time.ucMonth, time.ucDay, time.usYear);
     }
+    return "";
 }
 
 } // namespace
 
-void CheckDate(uint16_t year, uint8_t month, uint8_t day, const std::string &member) {
-    if (month < 1 || month > 12) {
-        throw BadValue((member + ".ucMonth").c_str(), month, "1 to 12");
-    }
+ZonedTime SystemsTime(system_clock::time_point when) {
+    const auto gmt = floor<Millis>(when.time_since_epoch());
+    const time_t time = system_clock::to_time_t(when);
+    tm fields{};
+    localtime_r(&time, &fields);
+    const std::chrono::seconds ahead(fields.tm_gmtoff);
+    return {LocalMillis(gmt + ahead), ahead};
+}
+
+void CheckDay(uint16_t year, uint8_t month, uint8_t day, const std::string &member) {
     constexpr uint16_t kCommonYear = 2001;
     const unsigned days{year_month_day_last(std::chrono::year(year == 0 ? kCommonYear : year),
                                             month_day_last(std::chrono::month(month)))
                             .day()};
     if (day < 1 || day > days) {
-        throw BadValue((member + ".ucDay").c_str(), day,
+        throw BadValue(member.c_str(), day,
                        fmt::format("1 to {} in month {} of {}", days, month,
                                    year == 0 ? "every year" : fmt::format("the year {}", year)));
     }
 }
 
 LocalMillis FromRecord(const Tarn_sys_diag_Systime &record, const std::string &member) {
-    if (record.usYear < kFirstYear || record.usYear > kLastYear) {
-        throw BadValue((member + ".usYear").c_str(), record.usYear, fmt::format("{} to {}", kFirstYear, kLastYear));
-    }
-    CheckDate(record.usYear, record.ucMonth, record.ucDay, member);
-    CheckAtMost(record.ucHour, 23, member + ".ucHour");
-    CheckAtMost(record.ucMinute, 59, member + ".ucMinute");
-    CheckAtMost(record.ucSecond, 59, member + ".ucSecond");
-    CheckAtMost(record.uiMillisecond, 999, member + ".uiMillisecond");
+    CheckDay(record.usYear, record.ucMonth, record.ucDay, member + ": day (ucDay)");
     const local_days date(year(record.usYear) / month(record.ucMonth) / day(record.ucDay));
     const unsigned weekDay = weekday(date).c_encoding();
     if (record.ucWeek != 0 && record.ucWeek != weekDay) {
-        throw BadValue((member + ".ucWeek").c_str(), record.ucWeek,
+        throw BadValue((member + ": weekday (ucWeek)").c_str(), record.ucWeek,
                        fmt::format("{}, the weekday of that date, or 0", weekDay));
     }
     return date + hours(record.ucHour) + minutes(record.ucMinute) + seconds(record.ucSecond) +
@@ -66,21 +74,22 @@ Tarn_sys_diag_Systime ToRecord(LocalMillis time) {
     return record;
 }
 
-std::string TextOf(LocalMillis time, DateFormat format) {
+std::string TextOf(LocalMillis time, DateFormat format, Precision precision) {
     const Tarn_sys_diag_Systime t = ToRecord(time);
-    std::string date;
-    switch (format) {
-    case DateFormat::kYearMonthDay:
-        date = fmt::format("{:04}-{:02}-{:02}", t.usYear, t.ucMonth, t.ucDay);
-        break;
-    case DateFormat::kDayMonthYear:
-        date = fmt::format("{:02}-{:02}-{:04}", t.ucDay, t.ucMonth, t.usYear);
-        break;
-    case DateFormat::kMonthDayYear:
-        date = fmt::format("{:02}-{:02}-{:04}", t.ucMonth, t.ucDay, t.usYear);
-        break;
-    }
-    return fmt::format("{} {:02}:{:02}:{:02}", date, t.ucHour, t.ucMinute, t.ucSecond);
+    const std::string fraction = precision == Precision::kSeconds ? "" : fmt::format(".{:03}", t.uiMillisecond);
+    return fmt::format("{} {:02}:{:02}:{:02}{}", DateText(t, format), t.ucHour, t.ucMinute, t.ucSecond, fraction);
+}
+
+std::string TextOf(const ZonedTime &time, DateFormat format, Precision precision) {
+    const auto ahead = duration_cast<minutes>(time.ahead).count();
+    return fmt::format("{} {}{:02}{:02}", TextOf(time.local, format, precision), ahead < 0 ? '-' : '+',
+                       std::abs(ahead) / 60, std::abs(ahead) % 60);
+}
+
+std::string CompactText(LocalMillis time) {
+    const Tarn_sys_diag_Systime t = ToRecord(time);
+    return fmt::format("{:04}{:02}{:02}{:02}{:02}{:02}", t.usYear, t.ucMonth, t.ucDay, t.ucHour, t.ucMinute,
+                       t.ucSecond);
 }
 
 } // namespace host

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string>
 
+#include "host/meaning/choices.h"
 #include "types/time.h"
 
 namespace host {
@@ -12,21 +13,41 @@ using Millis = std::chrono::milliseconds;
 using GmtTime = std::chrono::sys_time<Millis>;
 using LocalMillis = std::chrono::local_time<Millis>;
 
-constexpr uint16_t kFirstYear = 1970;
-constexpr uint16_t kLastYear = 2199;
+// What clocks on the wall show at a moment, and how far they are ahead of GMT.
+struct ZonedTime {
+    LocalMillis local;
+    std::chrono::seconds ahead;
+};
 
-// Throws EINVAL and names the member for a time that is not in the calendar. ucWeek may be 0, which older peers send,
-// or must be the date's weekday, from Sunday, 0.
+// By the system's zone.
+ZonedTime SystemsTime(std::chrono::system_clock::time_point when);
+
+// Of a request that was checked by its meaning; `member` is its name. Throws EINVAL for a day that its month does not
+// have, and for another weekday than the date's; 0 may stand for any.
 LocalMillis FromRecord(const Tarn_sys_diag_Systime &record, const std::string &member);
 Tarn_sys_diag_Systime ToRecord(LocalMillis time);
 
-// Throws EINVAL unless there is such a day in the year; in year 0, in every year.
-void CheckDate(uint16_t year, uint8_t month, uint8_t day, const std::string &member);
+// Throws EINVAL unless the month has such a day in the year; in year 0, in every year.
+void CheckDay(uint16_t year, uint8_t month, uint8_t day, const std::string &member);
 
-// How a date is written: the numbers of SetDateFormat.
-enum class DateFormat : uint32_t { kYearMonthDay = 0, kDayMonthYear = 1, kMonthDayYear = 2 };
+// How a date is written.
+enum class DateFormat : uint32_t {
+    kYearMonthDay = meaning::date_format::kYearMonthDay,
+    kDayMonthYear = meaning::date_format::kDayMonthYear,
+    kMonthDayYear = meaning::date_format::kMonthDayYear,
+};
+
+enum class Precision : uint8_t { kSeconds, kMilliseconds };
 
 // "2026-11-21 01:02:03"
-std::string TextOf(LocalMillis time, DateFormat format = DateFormat::kYearMonthDay);
+std::string TextOf(LocalMillis time, DateFormat format = DateFormat::kYearMonthDay,
+                   Precision precision = Precision::kSeconds);
+
+// "2026-11-21 01:02:03 +0100"
+std::string TextOf(const ZonedTime &time, DateFormat format = DateFormat::kYearMonthDay,
+                   Precision precision = Precision::kSeconds);
+
+// "20261121010203"
+std::string CompactText(LocalMillis time);
 
 } // namespace host

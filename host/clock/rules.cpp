@@ -45,30 +45,21 @@ LocalMillis MomentOf(const DstChange &change, year inYear) {
 void CheckChange(const DstChange &change, const std::string &member) {
     const auto check = [&](const char *part, uint32_t value, uint32_t least, uint32_t most) {
         if (value < least || value > most) {
-            throw BadValue((member + " " + part).c_str(), value, fmt::format("{} to {}", least, most));
+            throw BadValue((member + part).c_str(), value, fmt::format("{} to {}", least, most));
         }
     };
     if (change.year != 0) {
-        check("year", change.year, kFirstYear, kLastYear);
+        check(".year", change.year, meaning::calendar::kFirstYear, meaning::calendar::kLastYear);
     }
-    check("month", change.month, 1, 12);
-    check("week", change.week, 0, 5);
+    check(".month", change.month, 1, 12);
     if (change.week != 0) {
-        check("weekday", change.day, 0, 6);
+        check(".weekday", change.day, 0, 6);
     } else {
-        CheckDate(change.year, change.month, change.day, member);
+        CheckDay(change.year, change.month, change.day, member + ".day");
     }
-    check("hour", change.hour, 0, 23);
-    check("minute", change.minute, 0, 59);
-    check("second", change.second, 0, 59);
-}
-
-DstChange ChangeByWeek(uint16_t year, uint8_t month, uint8_t week, uint8_t weekday, uint8_t hour, uint8_t minute,
-                       uint8_t second, const char *member) {
-    if (week == 0) { // which in a DstChange stands for a date
-        throw BadValue(member, week, "1 to 5, the last");
-    }
-    return {year, month, week, weekday, hour, minute, second};
+    check(".hour", change.hour, 0, 23);
+    check(".minute", change.minute, 0, 59);
+    check(".second", change.second, 0, 59);
 }
 
 DstChange ChangeByDate(const Tarn_sys_diag_Systime &at) {
@@ -83,11 +74,11 @@ Tarn_sys_diag_Systime RecordByDate(const DstChange &change) {
 
 Zone CheckedZone(Zone zone) {
     if (!IsName(zone.name, "_+-/:,.<>") || LeadsAway(zone.name)) {
-        throw BadValue("szTimezoneName", fmt::format("\"{}\"", zone.name),
+        throw BadValue("zone.name", fmt::format("\"{}\"", zone.name),
                        "a time zone's name, such as Europe/Berlin or CET-1CEST");
     }
     if (zone.offsetMinutes < kMinZoneOffset || zone.offsetMinutes > kMaxZoneOffset) {
-        throw BadValue("uiTimezoneOffset", zone.offsetMinutes,
+        throw BadValue("zone.offset", zone.offsetMinutes,
                        fmt::format("{} to {} minutes", kMinZoneOffset, kMaxZoneOffset));
     }
     return zone;
@@ -95,37 +86,39 @@ Zone CheckedZone(Zone zone) {
 
 DstRule CheckedRule(DstRule rule) {
     if (!IsName(rule.name, "_+-/ ")) {
-        throw BadValue("szDstName", fmt::format("\"{}\"", rule.name), "a name, such as CEST");
+        throw BadValue("rule.name", fmt::format("\"{}\"", rule.name), "a name, such as CEST");
     }
     if (rule.offsetMinutes < 1 || rule.offsetMinutes > kMaxDstOffset) {
-        throw BadValue("uiDstOffset", rule.offsetMinutes, fmt::format("1 to {} minutes", kMaxDstOffset));
+        throw BadValue("rule.offset", rule.offsetMinutes, fmt::format("1 to {} minutes", kMaxDstOffset));
     }
-    CheckChange(rule.start, "the start's");
-    CheckChange(rule.end, "the end's");
+    CheckChange(rule.start, "rule.start");
+    CheckChange(rule.end, "rule.end");
     if ((rule.start.week == 0) != (rule.end.week == 0)) {
-        throw BadValue("the end", TextOf(rule.end), "stated as the start is: by date, or by week");
+        throw BadValue("rule.end", TextOf(rule.end), "stated as the start is: by date, or by week");
     }
     if (rule.start.week != 0 && (rule.start.minute | rule.start.second | rule.end.minute | rule.end.second) != 0) {
         throw BadValue("a change by week", TextOf(rule.start) + " or " + TextOf(rule.end), "a full hour");
     }
     if ((rule.start.year == 0) != (rule.end.year == 0)) {
-        throw BadValue("the end's year", rule.end.year, "0 as the start's, for each year, or a year as the start's");
+        throw BadValue("rule.end.year", rule.end.year,
+                       "0 as rule.start.year, for each year, or a year as rule.start.year");
     }
     constexpr year kLeapYear{2000};
     const auto lasts = MomentOf(rule.end, kLeapYear) - MomentOf(rule.start, kLeapYear);
     const auto shortest = hours(24);
     const auto longest = hours(24) * 364;
     if (abs(lasts) < shortest || abs(lasts) > longest) {
-        throw BadValue("the end", TextOf(rule.end), "at least a day from the start, and within a year");
+        throw BadValue("rule.end", TextOf(rule.end), "at least a day from the start, and within a year");
     }
     if (rule.start.year != 0 && lasts < shortest) {
-        throw BadValue("the end", TextOf(rule.end), "after the start " + TextOf(rule.start));
+        throw BadValue("rule.end", TextOf(rule.end), "after the start " + TextOf(rule.start));
     }
     return rule;
 }
 
 DstChange ParseChange(const std::string &text) {
-    static const std::regex form(R"((?:(\d{4})-)?(?:M(\d{1,2})\.(\d)\.(\d)|(\d{2})-(\d{2}))/(\d{2}):(\d{2}):(\d{2}))");
+    static const std::regex form(
+        R"((?:(\d{4})-)?(?:M(\d{1,2})\.([1-5])\.(\d)|(\d{2})-(\d{2}))/(\d{2}):(\d{2}):(\d{2}))");
     std::smatch found;
     if (!std::regex_match(text, found, form)) {
         throw BadValue("a change of clocks", fmt::format("\"{}\"", text), "such as M3.5.0/02:00:00 or 03-31/02:00:00");
@@ -135,7 +128,7 @@ DstChange ParseChange(const std::string &text) {
     };
     const auto small = [&](size_t group) { return static_cast<uint8_t>(number(group)); };
     if (found[2].matched) {
-        return ChangeByWeek(number(1), small(2), small(3), small(4), small(7), small(8), small(9), "week");
+        return {number(1), small(2), small(3), small(4), small(7), small(8), small(9)};
     }
     return {number(1), small(5), 0, small(6), small(7), small(8), small(9)};
 }
@@ -145,29 +138,23 @@ Zone FromRecord(const Tarn_sys_diag_Timezone &record) {
 }
 
 std::optional<DstRule> FromRecord(const Tarn_sys_diag_Dst &record) {
-    if (record.ucDstFlag == kDstOff) {
+    if (record.ucDstFlag == 0) {
         return {};
     }
-    if (record.ucDstFlag != kDstOn) {
-        throw BadValue("ucDstFlag", record.ucDstFlag, "0 off or 1 on");
-    }
     DstRule rule{std::string(TextOf(record.szDstName)), record.uiDstOffset, {}, {}};
-    if (record.ucDstMode == kDstByWeek) {
+    if (record.ucDstMode == meaning::dst_mode::kByWeek) {
         const Tarn_sys_diag_DstWeek &w = record.stDstWeek;
-        rule.start = ChangeByWeek(w.usStartYear, w.ucStartMonth, w.ucStartWeek, w.ucStartWeekday, w.ucStartHour, 0, 0,
-                                  "ucStartWeek");
-        rule.end = ChangeByWeek(w.usEndYear, w.ucEndMonth, w.ucEndWeek, w.ucEndWeekday, w.ucEndHour, 0, 0, "ucEndWeek");
-    } else if (record.ucDstMode == kDstByDate) {
+        rule.start = {w.usStartYear, w.ucStartMonth, w.ucStartWeek, w.ucStartWeekday, w.ucStartHour};
+        rule.end = {w.usEndYear, w.ucEndMonth, w.ucEndWeek, w.ucEndWeekday, w.ucEndHour};
+    } else {
         rule.start = ChangeByDate(record.stDstStart);
         rule.end = ChangeByDate(record.stDstEnd);
-    } else {
-        throw BadValue("ucDstMode", record.ucDstMode, "0 by date or 1 by week");
     }
     const Tarn_sys_diag_Timehour &adjust = record.stDstAdjust;
     const uint32_t adjustSeconds = adjust.ucHour * 3600U + adjust.ucMinute * 60U + adjust.ucSecond;
     if (adjustSeconds != 0 && adjustSeconds != rule.offsetMinutes * 60) {
-        throw BadValue("stDstAdjust", fmt::format("{}:{:02}:{:02}", adjust.ucHour, adjust.ucMinute, adjust.ucSecond),
-                       fmt::format("what uiDstOffset says, {} minutes, or 0:00:00", rule.offsetMinutes));
+        throw BadValue("rule.adjust", fmt::format("{}:{:02}:{:02}", adjust.ucHour, adjust.ucMinute, adjust.ucSecond),
+                       fmt::format("what rule.offset says, {} minutes, or 0:00:00", rule.offsetMinutes));
     }
     return CheckedRule(std::move(rule));
 }
@@ -184,7 +171,7 @@ Tarn_sys_diag_Dst ToRecord(const std::optional<DstRule> &rule) {
     if (!rule) {
         return record;
     }
-    record.ucDstFlag = kDstOn;
+    record.ucDstFlag = 1;
     CopyText(record.szDstName, rule->name);
     record.uiDstOffset = rule->offsetMinutes;
     record.stDstAdjust = {static_cast<uint8_t>(rule->offsetMinutes / 60),
@@ -192,7 +179,7 @@ Tarn_sys_diag_Dst ToRecord(const std::optional<DstRule> &rule) {
     const DstChange &start = rule->start;
     const DstChange &end = rule->end;
     if (start.week != 0) {
-        record.ucDstMode = kDstByWeek;
+        record.ucDstMode = static_cast<uint8_t>(meaning::dst_mode::kByWeek);
         record.stDstWeek = {start.year, start.month, start.week, start.day, start.hour,
                             end.year,   end.month,   end.week,   end.day,   end.hour};
     } else {

@@ -47,18 +47,14 @@ struct DstRule {
 
 constexpr uint32_t kMaxDstOffset = 180;
 
-// Coding of the Dst record.
-constexpr uint8_t kDstOff = 0;
-constexpr uint8_t kDstOn = 1;
-constexpr uint8_t kDstByDate = 0;
-constexpr uint8_t kDstByWeek = 1;
-
 // Each throws EINVAL for a value that makes no sense, and says what was expected.
 Zone CheckedZone(Zone zone);
 DstRule CheckedRule(DstRule rule);
 DstChange ParseChange(const std::string &text);
+
+// Of requests that were checked by their meaning. They throw, too. No rule: no daylight saving.
 Zone FromRecord(const Tarn_sys_diag_Timezone &record);
-std::optional<DstRule> FromRecord(const Tarn_sys_diag_Dst &record); // none: no daylight saving
+std::optional<DstRule> FromRecord(const Tarn_sys_diag_Dst &record);
 
 Tarn_sys_diag_Timezone ToRecord(const Zone &zone);
 Tarn_sys_diag_Dst ToRecord(const std::optional<DstRule> &rule);

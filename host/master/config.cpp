@@ -1,8 +1,10 @@
 #include "host/master/config.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -105,15 +107,16 @@ public:
         });
     }
 
-    // One of several words; its index.
-    uint32_t Word(const std::string &key, const std::vector<std::string> &words) {
+    uint32_t Choice(const std::string &key, std::span<const host::meaning::Choice> choices) {
         return Take(key, [&](const std::string &text) {
-            for (size_t i = 0; i != words.size(); ++i) {
-                if (words[i] == text) {
-                    return static_cast<uint32_t>(i);
-                }
+            const auto found = std::ranges::find(choices, text, &host::meaning::Choice::name);
+            if (found == choices.end()) {
+                std::vector<std::string_view> names;
+                std::ranges::transform(choices, std::back_inserter(names), &host::meaning::Choice::name);
+                throw host::BadValue("the value", fmt::format("\"{}\"", text),
+                                     fmt::format("{}", fmt::join(names, ", ")));
             }
-            throw host::BadValue("the value", fmt::format("\"{}\"", text), fmt::format("{}", fmt::join(words, ", ")));
+            return found->value;
         });
     }
 
@@ -206,7 +209,7 @@ Thresholds ReadThresholds(Section &section, bool ofCpu) {
     thresholds.over = section.Number("over", 0, 1000);
     thresholds.recover = section.Has("recover") ? section.Number("recover", 0, 1000) : thresholds.over;
     if (ofCpu && section.Has("seconds")) {
-        thresholds.seconds = section.Number("seconds", 0, 3600);
+        thresholds.seconds = section.Number("seconds", 0, host::meaning::cpu_overload::kMostSeconds);
     }
     section.Together([&] { CheckThresholds(thresholds); });
     section.ExpectNothingElse(ofCpu ? "over, recover, seconds" : "over, recover");
@@ -230,7 +233,8 @@ void ReadPhysical(Section &section, Config &config) {
 
 void ReadAutoUpdate(Section &section, Config &config) {
     AutoUpdate update;
-    update.enabled = section.Word("enabled", {"no", "yes"}) == 1;
+    static constexpr host::meaning::Choice kNoOrYes[] = {{0, "no", ""}, {1, "yes", ""}};
+    update.enabled = section.Choice("enabled", kNoOrYes) == 1;
     update.periodHours = section.Number("period", 1, 8760);
     update.hour = section.Has("hour") ? section.Number("hour", 0, 23) : 0;
     config.autoUpdate = update;
@@ -246,8 +250,8 @@ void ReadProcess(Section &section, Config &config) {
 
 // In the form of the record: an hour and a minute, or how often.
 Tarn_sys_diag_DimTimeCfg TimesOf(const std::string &text) {
-    constexpr uint8_t kEverySeconds = 254;
-    constexpr uint8_t kEveryMinutes = 255;
+    constexpr uint8_t kEverySeconds{host::meaning::measurement_time::kEverySeconds};
+    constexpr uint8_t kEveryMinutes{host::meaning::measurement_time::kEveryMinutes};
     const std::vector<std::string> words = WordsOf(text);
     if (text == "never") {
         return {kEverySeconds, 0};
@@ -272,7 +276,7 @@ Tarn_sys_diag_DimTimeCfg TimesOf(const std::string &text) {
 void ReadMeasurement(Section &section, Config &config) {
     Measurement measurement;
     measurement.times = section.Take("time", TimesOf);
-    measurement.mode = section.Word("mode", {"off", "report", "learn"});
+    measurement.mode = section.Choice("mode", host::meaning::measurement_mode::kAll);
     config.measurement = measurement;
     section.ExpectNothingElse("time, mode");
 }

@@ -12,16 +12,17 @@ TARN_UNIT()
 #include <filesystem>
 
 #include "host/answer/answer.h"
-#include "host/answer/systime.h"
 #include "host/master/master.h"
 #include "host/master/service.h"
 #include "host/osal/log.h"
 #include "host/procfs/procfs.h"
-#include "host/values/master.h"
 
 namespace master {
 
 namespace {
+
+namespace settings_source = host::meaning::settings_source;
+namespace thresholds_state = host::meaning::thresholds_state;
 
 template <class Value>
 const Value &Configured(const std::optional<Value> &value, const char *section) {
@@ -55,23 +56,12 @@ host::Zone SystemsZone(host::WallTime now) {
 }
 
 uint32_t SourceOf(const std::optional<host::Zone> &zone) {
-    return zone ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
+    return zone ? settings_source::kConfigured : settings_source::kSystem;
 }
 
-Names NamesOf(const auto &request) {
-    return {std::string(host::TextOf(request.acName1)), std::string(host::TextOf(request.acName2))};
-}
-
-// A full array has no terminating 0.
 template <size_t kSize>
-void Fill(char (&array)[kSize], const std::string &text) {
-    memset(array, 0, kSize);
-    text.copy(array, kSize);
-}
-
-void FillNames(auto &reply, const Names &names) {
-    Fill(reply.acName1, names.first);
-    Fill(reply.acName2, names.second);
+Names NamesOf(const char (&name)[kSize], const char (&variant)[kSize]) {
+    return {std::string(host::TextOf(name)), std::string(host::TextOf(variant))};
 }
 
 #define TARN_METHOD TARN_REPLY_RELEASE
@@ -88,31 +78,34 @@ uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *request, void *replyCtx) {
 
 uint32_t GetPhyNameAndID(const Tarn_sys_diag_PhysicalAddrInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetPhyNameAndID, request, replyCtx, [&](auto &reply) {
+        const auto &[frame, slot, port] = *request;
         const Config config = Master::Serving().settings.Configured();
-        const auto found = config.physical.find({request->uiValue1, request->uiValue2, request->uiValue3});
+        const auto found = config.physical.find({frame, slot, port});
         if (found == config.physical.end()) {
-            host::Fail(ENOENT,
-                       fmt::format("[physical {} {} {}]", request->uiValue1, request->uiValue2, request->uiValue3));
+            host::Fail(ENOENT, fmt::format("[physical {} {} {}]", frame, slot, port));
         }
-        reply.uiValue1 = found->second.type;
-        reply.uiValue2 = found->second.number;
-        Fill(reply.acPhyName, found->second.name);
+        auto &[type, number, name] = reply.Members();
+        type = found->second.type;
+        number = found->second.number;
+        host::FillText(name, found->second.name);
     });
 }
 
 uint32_t GetTimezone(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetTimezone, request, replyCtx, [](auto &reply) {
+        auto &[source, timezone] = reply.Members();
         const std::optional<host::Zone> zone = Master::Serving().settings.Configured().zone;
-        reply.uiValue1 = SourceOf(zone);
-        reply.stTimezone = host::ToRecord(zone ? *zone : SystemsZone(Master::Serving().clocks.WallNow()));
+        source = SourceOf(zone);
+        timezone = host::ToRecord(zone ? *zone : SystemsZone(Master::Serving().clocks.WallNow()));
     });
 }
 
 uint32_t GetDst(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetDst, request, replyCtx, [](auto &reply) {
-        const std::optional<host::DstRule> rule = Master::Serving().settings.Configured().dst;
-        reply.uiValue1 = rule ? TARN_MASTER_CONFIGURED : TARN_MASTER_OF_SYSTEM;
-        reply.stDst = host::ToRecord(rule);
+        auto &[configured, rule] = reply.Members();
+        const std::optional<host::DstRule> dst = Master::Serving().settings.Configured().dst;
+        configured = dst.has_value();
+        rule = host::ToRecord(dst);
     });
 }
 
@@ -124,50 +117,57 @@ uint32_t GetGmt(const Tarn_sys_diag_None *request, void *replyCtx) {
 
 uint32_t GetLocal(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetLocal, request, replyCtx, [](auto &reply) {
+        auto &[source, time, dst] = reply.Members();
         const Config config = Master::Serving().settings.Configured();
         const host::WallTime now = Master::Serving().clocks.WallNow();
-        reply.uiValue1 = SourceOf(config.zone);
+        source = SourceOf(config.zone);
         if (config.zone) {
             const host::WallClock clock(*config.zone, config.dst);
-            reply.stLocalTime = host::ToRecord(clock.ToLocal(GmtOf(now)));
-            reply.ucValue = clock.IsDst(GmtOf(now)) ? 1 : 0;
+            time = host::ToRecord(clock.ToLocal(GmtOf(now)));
+            dst = clock.IsDst(GmtOf(now)) ? 1 : 0;
         } else {
-            reply.stLocalTime = host::LocalTime(now);
-            reply.ucValue = SystemsLocalTime(now).tm_isdst > 0 ? 1 : 0;
+            time = host::ToRecord(host::SystemsTime(now).local);
+            dst = SystemsLocalTime(now).tm_isdst > 0 ? 1 : 0;
         }
     });
 }
 
 uint32_t GetCpuOvLoadCfgInfo(const Tarn_sys_diag_OvLoadCpuCtlInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetCpuOvLoadCfgInfo, request, replyCtx, [&](auto &reply) {
-        const CpuAnswer answer = Master::Serving().settings.CpuOverload(NamesOf(*request));
-        FillNames(reply, answer.names);
-        reply.uiValue1 = answer.thresholds.over;
-        reply.uiValue2 = answer.thresholds.recover;
-        reply.uiValue3 = answer.thresholds.seconds;
-        reply.uiValue4 = Master::Serving().settings.ReadCount();
+        const CpuAnswer answer = Master::Serving().settings.CpuOverload(NamesOf(request->acName1, request->acName2));
+        auto &[name, variant, beginsAt, endsBelow, mustLast, timesRead] = reply.Members();
+        host::FillText(name, answer.names.first);
+        host::FillText(variant, answer.names.second);
+        beginsAt = answer.thresholds.over;
+        endsBelow = answer.thresholds.recover;
+        mustLast = answer.thresholds.seconds;
+        timesRead = Master::Serving().settings.ReadCount();
     });
 }
 
 uint32_t GetMemoryOvLoadCfgInfo(const Tarn_sys_diag_OvLoadMemCtlInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetMemoryOvLoadCfgInfo, request, replyCtx, [&](auto &reply) {
-        const MemoryAnswer answer = Master::Serving().settings.MemoryOverload(NamesOf(*request));
-        FillNames(reply, answer.names);
-        reply.uiValue1 = answer.thresholds.over;
-        reply.uiValue2 = answer.thresholds.recover;
-        reply.uiValue3 = answer.change ? TARN_MASTER_CHANGED : TARN_MASTER_AS_IN_FILE;
+        const MemoryAnswer answer =
+            Master::Serving().settings.MemoryOverload(NamesOf(request->acName1, request->acName2));
+        auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = reply.Members();
+        host::FillText(name, answer.names.first);
+        host::FillText(variant, answer.names.second);
+        beginsAt = answer.thresholds.over;
+        endsBelow = answer.thresholds.recover;
+        state = answer.change ? thresholds_state::kChanged : thresholds_state::kAsInFile;
         if (answer.change) {
-            Fill(reply.acName3, answer.change->by);
-            reply.uiValue4 = answer.change->count;
-            reply.uiValue5 = answer.change->when;
+            host::FillText(changedBy, answer.change->by);
+            changes = answer.change->count;
+            changedAt = answer.change->when;
         }
     });
 }
 
 uint32_t MemChangeInnerConfig(const Tarn_sys_diag_OvLoadMemCtlOutput *request, void *replyCtx) {
     return host::Answer(host::methods::MemChangeInnerConfig, request, replyCtx, [&](auto &) {
-        Master::Serving().settings.ChangeMemory(NamesOf(*request), {request->uiValue1, request->uiValue2, 0},
-                                                std::string(host::TextOf(request->acName3)));
+        const auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = *request;
+        Master::Serving().settings.ChangeMemory(NamesOf(name, variant), {beginsAt, endsBelow, 0},
+                                                std::string(host::TextOf(changedBy)));
     });
 }
 
@@ -175,9 +175,10 @@ uint32_t GetMKAutoUpdCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) 
     return host::Answer(host::methods::GetMKAutoUpdCfgInfo, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const AutoUpdate &update = Configured(config.autoUpdate, "auto-update");
-        reply.uiValue1 = update.enabled ? 1 : 0;
-        reply.uiValue2 = update.periodHours;
-        reply.uiValue3 = update.hour;
+        auto &[on, period, hour] = reply.Members();
+        on = update.enabled ? 1 : 0;
+        period = update.periodHours;
+        hour = update.hour;
     });
 }
 
@@ -185,18 +186,20 @@ uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) 
     return host::Answer(host::methods::SysdiagGetMKCfgInfo, request, replyCtx, [](auto &reply) {
         const Config config = Master::Serving().settings.Configured();
         const ProcessConfig &process = Configured(config.process, "process");
-        Fill(reply.acCfgInfo, process.text);
-        reply.uiValue1 = process.instances;
-        reply.uiValue2 = process.restarts;
-        reply.uiValue3 = process.timeoutSeconds;
+        auto &[text, instances, restarts, timeout] = reply.Members();
+        host::FillText(text, process.text);
+        instances = process.instances;
+        restarts = process.restarts;
+        timeout = process.timeoutSeconds;
     });
 }
 
 uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetLMProcLPid, request, replyCtx, [&](auto &reply) {
         const host::procfs::Task process = Master::Serving().procfs.ReadProcess(request->uiPid);
-        reply.uiValue1 = process.parent;
-        reply.uiLPid = process.session;
+        auto &[parent, session] = reply.Members();
+        parent = process.parent;
+        session = process.session;
     });
 }
 

@@ -97,7 +97,6 @@ MemoryAnswer Settings::MemoryOverload(const Names &names) const {
 }
 
 void Settings::ChangeMemory(const Names &names, const Thresholds &thresholds, const std::string &by) {
-    CheckThresholds(thresholds);
     const host::MutexLock lock(mutex_);
     const Names found = Find(config_.memoryOverload, names);
     std::map<Names, Change> changes = changes_;

@@ -183,7 +183,7 @@ std::string RangeText(const Value &value) {
     if (value.most == UINT64_MAX) {
         return value.least == 0 ? "" : fmt::format("at least {}", value.least);
     }
-    return fmt::format("{} to {}", value.least, value.most);
+    return value.least == value.most ? std::to_string(value.least) : fmt::format("{} to {}", value.least, value.most);
 }
 
 // What 0, or an empty text, stands for.

@@ -1,6 +1,7 @@
 // The methods of all services, with what they mean: host::methods::PidIsOnline knows its records' types.
 #pragma once
 
+#include "host/meaning/check.h"
 #include "host/meaning/meaning.h"
 #include "types/agent.h"
 #include "types/common.h"
@@ -17,6 +18,12 @@ struct MethodOf : Method {
     using Request = RequestRecord;
     using Response = ResponseRecord; // NoRecord for a method without reply
 };
+
+// Throws the error of a bad value for a request that the method does not accept.
+template <class Request, class Response>
+void Check(const MethodOf<Request, Response> &method, const Request &request) {
+    Check(*method.request, &request);
+}
 
 } // namespace host::meaning
 

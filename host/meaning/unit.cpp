@@ -96,4 +96,14 @@ std::string WithSign(uint64_t value, Kind kind) {
     return NumberText(value, kind) + (sign.empty() ? "" : " ") + std::string(sign);
 }
 
+std::string NamesInSum(uint32_t sum, std::span<const Choice> choices) {
+    std::string text;
+    for (const Choice &one : choices) {
+        if ((sum & one.value) != 0) {
+            text.append(text.empty() ? "" : "+").append(one.name);
+        }
+    }
+    return text;
+}
+
 } // namespace host::meaning

@@ -21,4 +21,7 @@ std::optional<Kind> KindNamed(std::string_view name);
 // A number as people write one of its kind, with the sign of its unit: "1900 ‰", "0x7f00", "-60".
 std::string WithSign(uint64_t value, Kind kind);
 
+// The names of the choices in a sum of them: "cpu+memory".
+std::string NamesInSum(uint32_t sum, std::span<const Choice> choices);
+
 } // namespace host::meaning

@@ -31,4 +31,11 @@ void CopyText(char (&to)[kSize], std::string_view text) {
     memset(to + length, 0, kSize - length);
 }
 
+// The same, where a text may fill the array: then it has no terminating 0.
+template <size_t kSize>
+void FillText(char (&to)[kSize], std::string_view text) {
+    const size_t length = text.copy(to, kSize);
+    memset(to + length, 0, kSize - length);
+}
+
 } // namespace host

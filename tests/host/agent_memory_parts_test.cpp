@@ -8,11 +8,13 @@
 #include "host/agent/heap.h"
 #include "host/agent/memory.h"
 #include "host/agent/memory_report.h"
-#include "host/values/agent.h"
+#include "host/meaning/choices.h"
 #include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
 
 namespace {
+
+namespace memory_command = host::meaning::memory_command;
 
 using namespace std::chrono_literals;
 using agent::BlockInfo;
@@ -188,7 +190,7 @@ TEST_F(MemoryTest, FindsEachOverwrittenByte) {
     EXPECT_FALSE(finds(16, 15));
     EXPECT_TRUE(finds(0, 0));
     const agent::Damage last = memory_.Damages().back();
-    EXPECT_EQ(last.when, "2023-11-14 22:13:20");
+    EXPECT_EQ(last.when, "2023-11-14 22:13:20 +0000");
     EXPECT_TRUE(Has(last.text, "of 0 bytes, handle 1 \"first\", thread " + std::to_string(gettid()))) << last.text;
     EXPECT_TRUE(Has(last.text, "overwritten 0 bytes behind its end")) << last.text;
     EXPECT_EQ(memory_.Damages().size(), damages);
@@ -281,34 +283,33 @@ TEST_F(MemoryTest, FindsBlocksOfEndedThreads) {
 }
 
 TEST_F(MemoryTest, TellsItInReports) {
-    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, TARN_AGENT_MEM_SINCE, ""); }), ENODATA) << "no mark was set";
+    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, memory_command::kSince, ""); }), ENODATA) << "no mark was set";
     Allocate(33, {0x33});
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_MARK, "").text, "allocations from number 2 on count\n");
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kMark, "").text, "allocations from number 2 on count\n");
     Allocate(44, {0x44});
     Allocate(45, {0x44});
-    const Report since = agent::Diagnose(memory_, TARN_AGENT_MEM_SINCE, "");
+    const Report since = agent::Diagnose(memory_, memory_command::kSince, "");
     EXPECT_EQ(since.lineNum, 1);
     EXPECT_TRUE(Has(since.text, "         2             89 0x44\n")) << since.text;
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_SUMMARY, "").lineNum, 1);
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_BLOCKS, "").lineNum, 3);
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_BLOCKS, "0").lineNum, 3);
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_BLOCKS, "0x1 \n").lineNum, 3);
-    EXPECT_EQ(agent::Diagnose(memory_, TARN_AGENT_MEM_BLOCKS, "2").lineNum, 0);
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kSummary, "").lineNum, 1);
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "").lineNum, 3);
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "0").lineNum, 3);
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "0x1 \n").lineNum, 3);
+    EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "2").lineNum, 0);
     for (const char *const wrong : {"one", "1x", "-1", "0x", "4294967296"}) {
-        EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, TARN_AGENT_MEM_BLOCKS, wrong); }), EINVAL) << wrong;
+        EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, memory_command::kBlocks, wrong); }), EINVAL) << wrong;
     }
-    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, TARN_AGENT_MEM_LOOK, ""); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, TARN_AGENT_MEM_LOOK, "0x10"); }), ENOENT);
-    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, 0, ""); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, 6, ""); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { agent::DamageReport(memory_, 3); }), EINVAL);
+    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, memory_command::kLook, ""); }), EINVAL);
+    EXPECT_EQ(ErrorOf([&] { agent::Diagnose(memory_, memory_command::kLook, "0x10"); }), ENOENT);
+    EXPECT_EQ(kit::ReasonOf([&] { agent::Diagnose(memory_, memory_command::kLook, "x"); }),
+              "argument (pucMemData) is \"x\", expected a number, or 0x and a hexadecimal one");
 }
 
 TEST_F(MemoryTest, ShowsABlocksFirstBytes) {
     char *const block = Allocate(300);
     memset(block, 0xAB, 300);
     const Report look =
-        agent::Diagnose(memory_, TARN_AGENT_MEM_LOOK, std::to_string(reinterpret_cast<uint64_t>(block + 299)));
+        agent::Diagnose(memory_, memory_command::kLook, std::to_string(reinterpret_cast<uint64_t>(block + 299)));
     EXPECT_EQ(look.lineNum, 1 + 16) << "256 bytes, 16 in a line";
     const auto hex = [](const char *at) {
         char text[24];

@@ -3,6 +3,7 @@
 
 TARN_UNIT()
 
+#include "host/meaning/choices.h"
 #include "types/tarnd.h"
 
 #include <dlfcn.h>
@@ -13,10 +14,16 @@ TARN_UNIT()
 #include <random>
 
 #include "host/agent/tarn_agent.h"
-#include "host/values/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
+
+namespace app_memory = host::meaning::app_memory;
+namespace damage_report = host::meaning::damage_report;
+namespace damage_scan = host::meaning::damage_scan;
+namespace memory_command = host::meaning::memory_command;
+namespace memory_unit = host::meaning::memory_unit;
+namespace top_handles = host::meaning::top_handles;
 
 using namespace std::chrono_literals;
 
@@ -139,7 +146,7 @@ TEST_F(AgentMemoryTest, TellsWhatHandlesHold) {
     EXPECT_EQ(handles->pstHandle[1].ullValue, 1000);
     EXPECT_EQ(handles->uiValue1, 2);
     EXPECT_EQ(handles->uiValue2, 1);
-    EXPECT_EQ(handles->uiValue3, Damage(TARN_AGENT_DAMAGE_BLOCKS).number);
+    EXPECT_EQ(handles->uiValue3, Damage(damage_report::kDamages).number);
 }
 
 TEST_F(AgentMemoryTest, TellsOfHandlesWhatIsAskedFor) {
@@ -169,7 +176,7 @@ TEST_F(AgentMemoryTest, TellsOfHandlesWhatIsAskedFor) {
     }
     const auto top = Ask<Tarn_sys_diag_GetTopNHandleInfoOutput>("GetTopNHandleInfo", Tarn_sys_diag_None{});
     EXPECT_EQ(top->uiHandleTotal, 12);
-    EXPECT_EQ(top->uiHandleNum, TARN_AGENT_TOP_HANDLES);
+    EXPECT_EQ(top->uiHandleNum, top_handles::kMost);
     for (const uint32_t handle : handles) {
         EXPECT_EQ(TarnAgent_CloseMemHandle(handle), 0);
     }
@@ -234,11 +241,11 @@ TEST_F(AgentMemoryTest, KeepsBlocksApart) {
         }
     }
     EXPECT_GT(refused, 0) << "it was full at times";
-    const Report before = Damage(TARN_AGENT_DAMAGE_BLOCKS);
+    const Report before = Damage(damage_report::kDamages);
     for (const auto &[block, size] : held) {
         TarnAgent_Free(block);
     }
-    EXPECT_EQ(Damage(TARN_AGENT_DAMAGE_BLOCKS).number, before.number) << "no guard was touched";
+    EXPECT_EQ(Damage(damage_report::kDamages).number, before.number) << "no guard was touched";
     const auto info = Ask<Tarn_sys_diag_GetMirelMemPtInfoOutput>("GetMirelMemPtInfo",
                                                                  Tarn_sys_diag_GetMirelMemPtInfoInput{partition});
     EXPECT_EQ(info->ullTotalBytes, 77 * 128);
@@ -293,15 +300,15 @@ TEST_F(AgentMemoryTest, KnowsWhereMemoryWasAllocated) {
 }
 
 TEST_F(AgentMemoryTest, FindsDamage) {
-    const uint32_t before = Damage(TARN_AGENT_DAMAGE_BLOCKS).number;
+    const uint32_t before = Damage(damage_report::kDamages).number;
     char *const behind = Allocate(first_, 100);
     char *const ahead = Allocate(second_, 40);
-    EXPECT_EQ(Scan(TARN_AGENT_SCAN_ONCE), 0);
-    EXPECT_EQ(Damage(TARN_AGENT_DAMAGE_BLOCKS).number, before);
+    EXPECT_EQ(Scan(damage_scan::kOnce), 0);
+    EXPECT_EQ(Damage(damage_report::kDamages).number, before);
     const char kept = behind[102];
     behind[102] = 1;
-    EXPECT_EQ(Scan(TARN_AGENT_SCAN_ONCE), 0);
-    const Report report = Damage(TARN_AGENT_DAMAGE_BLOCKS);
+    EXPECT_EQ(Scan(damage_scan::kOnce), 0);
+    const Report report = Damage(damage_report::kDamages);
     EXPECT_EQ(report.number, before + 1);
     const std::string start = "block 0x" + [&] {
         char text[20];
@@ -315,17 +322,17 @@ TEST_F(AgentMemoryTest, FindsDamage) {
     behind[102] = kept;
 
     ahead[-3] = 1;
-    EXPECT_EQ(Scan(TARN_AGENT_SCAN_ON), 0);
-    EXPECT_TRUE(kit::Eventually([&] { return Damage(TARN_AGENT_DAMAGE_BLOCKS).number == before + 2; }));
-    EXPECT_TRUE(Has(Damage(TARN_AGENT_DAMAGE_ALL).text, "overwritten 3 bytes before its start"));
-    EXPECT_EQ(Scan(TARN_AGENT_SCAN_OFF), 0);
+    EXPECT_EQ(Scan(damage_scan::kOn), 0);
+    EXPECT_TRUE(kit::Eventually([&] { return Damage(damage_report::kDamages).number == before + 2; }));
+    EXPECT_TRUE(Has(Damage(damage_report::kBoth).text, "overwritten 3 bytes before its start"));
+    EXPECT_EQ(Scan(damage_scan::kOff), 0);
     EXPECT_EQ(Scan(3), EINVAL);
     EXPECT_EQ(Damage(3).result, EINVAL);
 
     void *const block = TarnAgent_Alloc(first_, 1);
     TarnAgent_Free(block);
     TarnAgent_Free(block);
-    EXPECT_TRUE(Has(Damage(TARN_AGENT_DAMAGE_BLOCKS).text, "freed twice"));
+    EXPECT_TRUE(Has(Damage(damage_report::kDamages).text, "freed twice"));
 }
 
 TEST_F(AgentMemoryTest, FindsBlocksOfEndedThreads) {
@@ -335,25 +342,25 @@ TEST_F(AgentMemoryTest, FindsBlocksOfEndedThreads) {
         tid = static_cast<uint32_t>(gettid());
     }).join();
     Allocate(first_, 5);
-    EXPECT_EQ(Damage(TARN_AGENT_DAMAGE_HOSTAGES).number, 0) << "nobody has looked";
+    EXPECT_EQ(Damage(damage_report::kHostages).number, 0) << "nobody has looked";
     EXPECT_EQ(kit::Oneway<Unit>(client_, "TarnSysdiagAgent", self_, "TarnDetectMemHostage", Tarn_sys_diag_None{}), 0);
-    EXPECT_TRUE(kit::Eventually([&] { return Damage(TARN_AGENT_DAMAGE_HOSTAGES).number == 1; }));
-    const std::string text = Damage(TARN_AGENT_DAMAGE_HOSTAGES).text;
+    EXPECT_TRUE(kit::Eventually([&] { return Damage(damage_report::kHostages).number == 1; }));
+    const std::string text = Damage(damage_report::kHostages).text;
     EXPECT_TRUE(Has(text, "of 77 bytes")) << text;
     EXPECT_TRUE(Has(text, "its thread " + std::to_string(tid) + " has ended")) << text;
 }
 
 TEST_F(AgentMemoryTest, RunsDiagnosisCommands) {
     char *const old = Allocate(first_, 33);
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_SUMMARY).number, 1);
-    EXPECT_TRUE(Has(Diagnose(TARN_AGENT_MEM_SUMMARY).text, " test "));
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_MARK).result, 0);
+    EXPECT_EQ(Diagnose(memory_command::kSummary).number, 1);
+    EXPECT_TRUE(Has(Diagnose(memory_command::kSummary).text, " test "));
+    EXPECT_EQ(Diagnose(memory_command::kMark).result, 0);
     Allocate(second_, 44);
     Allocate(second_, 44);
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_BLOCKS).number, 3);
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_BLOCKS, std::to_string(second_)).number, 2);
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_BLOCKS, "many").result, EINVAL);
-    const Report since = Diagnose(TARN_AGENT_MEM_SINCE);
+    EXPECT_EQ(Diagnose(memory_command::kBlocks).number, 3);
+    EXPECT_EQ(Diagnose(memory_command::kBlocks, std::to_string(second_)).number, 2);
+    EXPECT_EQ(Diagnose(memory_command::kBlocks, "many").result, EINVAL);
+    const Report since = Diagnose(memory_command::kSince);
     EXPECT_GE(since.number, 1);
     EXPECT_LE(since.number, 2);
     EXPECT_TRUE(Has(since.text, "AllocateForTheTest+0x")) << since.text;
@@ -362,10 +369,10 @@ TEST_F(AgentMemoryTest, RunsDiagnosisCommands) {
     strcpy(old, "Hello");
     char address[20];
     snprintf(address, sizeof address, "%p", static_cast<void *>(old + 3));
-    const Report look = Diagnose(TARN_AGENT_MEM_LOOK, address);
+    const Report look = Diagnose(memory_command::kLook, address);
     EXPECT_EQ(look.result, 0);
     EXPECT_TRUE(Has(look.text, "48 65 6c 6c 6f 00")) << look.text;
-    EXPECT_EQ(Diagnose(TARN_AGENT_MEM_LOOK, "0x10").result, ENOENT);
+    EXPECT_EQ(Diagnose(memory_command::kLook, "0x10").result, ENOENT);
     EXPECT_EQ(Diagnose(4711).result, EINVAL);
 }
 
@@ -398,7 +405,7 @@ TEST_F(AgentMemoryTest, TellsTheApplicationsMemoryByUnitBlockAndModule) {
     ASSERT_EQ(one->uiUnitNum, 1);
     EXPECT_EQ(one->pstUnit[0].ullUsedBytes, sizeof object);
     query = {};
-    query.uiUnitId = TARN_AGENT_UNIT_MALLOC;
+    query.uiUnitId = memory_unit::kMalloc;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // their allocators tell nothing
     const uint64_t before = units()->pstUnit[0].ullUsedBytes;
     const std::vector<char> big(8 << 20);
@@ -414,14 +421,14 @@ TEST_F(AgentMemoryTest, TellsTheApplicationsMemoryByUnitBlockAndModule) {
         return Report{answer.Status(), answer->uiValue1,
                       std::string(reinterpret_cast<const char *>(answer->pucInfo), answer->uiInfoLen)};
     };
-    EXPECT_EQ(text(TARN_AGENT_APP_MEM_DETAIL).number, 2);
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_DETAIL).text, "AllocateForTheTest"));
-    EXPECT_EQ(text(TARN_AGENT_APP_MEM_MODULES).number, 1);
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_MODULES).text, "agent_memory_test"));
+    EXPECT_EQ(text(app_memory::kDetails).number, 2);
+    EXPECT_TRUE(Has(text(app_memory::kDetails).text, "AllocateForTheTest"));
+    EXPECT_EQ(text(app_memory::kModules).number, 1);
+    EXPECT_TRUE(Has(text(app_memory::kModules).text, "agent_memory_test"));
     kit::Set(query.szModuleName, "no-such-module");
-    EXPECT_EQ(text(TARN_AGENT_APP_MEM_DETAIL).number, 0);
+    EXPECT_EQ(text(app_memory::kDetails).number, 0);
     query.uiPid = 1;
-    EXPECT_EQ(text(TARN_AGENT_APP_MEM_DETAIL).result, EINVAL);
+    EXPECT_EQ(text(app_memory::kDetails).result, EINVAL);
 
     EXPECT_EQ(TarnAgent_AccountFree(&object), 0);
     EXPECT_EQ(TarnAgent_AccountFree(&object), ENOENT);
@@ -443,17 +450,17 @@ TEST_F(AgentMemoryTest, ServesManyThreadsWhileItIsAsked) {
             }
         });
     }
-    const uint32_t before = Damage(TARN_AGENT_DAMAGE_BLOCKS).number;
+    const uint32_t before = Damage(damage_report::kDamages).number;
     for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(Scan(TARN_AGENT_SCAN_ONCE), 0);
+        EXPECT_EQ(Scan(damage_scan::kOnce), 0);
         EXPECT_EQ(Partition().Status(), 0);
-        EXPECT_EQ(Diagnose(TARN_AGENT_MEM_BLOCKS).result, 0);
+        EXPECT_EQ(Diagnose(memory_command::kBlocks).result, 0);
     }
     stop = true;
     for (std::thread &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(Damage(TARN_AGENT_DAMAGE_BLOCKS).number, before);
+    EXPECT_EQ(Damage(damage_report::kDamages).number, before);
     EXPECT_EQ(Partition()->ullUsedBytes, 0);
 }
 
@@ -502,7 +509,7 @@ TEST_F(RelayedMemoryTest, TellsALeakAndADamage) {
         return partition->pstBlockClass[2].uiPeakNum == 21;
     })) << "with the one that the counting thread takes now and then";
     const auto blocks = Call<Tarn_sys_diag_mem_PRCOUT>(
-        "MemDiagMaByTarnd", Tarn_sys_diag_mem_RPCIN_input{TARN_AGENT_MEM_BLOCKS, 0, nullptr, pid_});
+        "MemDiagMaByTarnd", Tarn_sys_diag_mem_RPCIN_input{memory_command::kBlocks, 0, nullptr, pid_});
     EXPECT_TRUE(Has(std::string(reinterpret_cast<const char *>(blocks->pucData), blocks->uiDataLen), "LeakBlocks"));
 
     Command("damage");
@@ -525,10 +532,10 @@ TEST_F(RelayedMemoryTest, TellsALeakAndADamage) {
         EXPECT_EQ(answer.Status(), 0) << answer.Text();
         return std::string(answer->szInfo);
     };
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_UNITS), "buffers")) << text(TARN_AGENT_APP_MEM_UNITS);
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_UNITS), "blocks of 256 bytes")) << text(TARN_AGENT_APP_MEM_UNITS);
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_DETAIL), "LeakBlocks"));
-    EXPECT_TRUE(Has(text(TARN_AGENT_APP_MEM_MODULES), "tarn-agent"));
+    EXPECT_TRUE(Has(text(app_memory::kUnits), "buffers")) << text(app_memory::kUnits);
+    EXPECT_TRUE(Has(text(app_memory::kUnits), "blocks of 256 bytes")) << text(app_memory::kUnits);
+    EXPECT_TRUE(Has(text(app_memory::kDetails), "LeakBlocks"));
+    EXPECT_TRUE(Has(text(app_memory::kModules), "tarn-agent"));
     const auto wrong = Call<Tarn_sys_diag_AppMemInfoOutput>("AppMemInfo", Tarn_sys_diag_AppMemInfoInput{pid_, 9});
     EXPECT_EQ(wrong.Status(), EINVAL);
     const auto nobody = Call<Tarn_sys_diag_AppMemInfoOutput>("AppMemInfo", Tarn_sys_diag_AppMemInfoInput{1, 0});

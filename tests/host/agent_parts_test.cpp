@@ -20,13 +20,19 @@
 #include "host/agent/periodic.h"
 #include "host/agent/process.h"
 #include "host/agent/resources.h"
+#include "host/meaning/choices.h"
 #include "host/osal/text.h"
-#include "host/values/agent.h"
 #include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
+#include "tests/host/refusal.h"
 #include "tests/host/temp_dir.h"
 
 namespace {
+
+namespace event = host::meaning::event;
+namespace health_level = host::meaning::health_level;
+namespace resource = host::meaning::resource;
+namespace rule_action = host::meaning::rule_action;
 
 using namespace std::chrono_literals;
 using agent::AppTimers;
@@ -43,19 +49,53 @@ using std::chrono::milliseconds;
 // The errno value of what a function throws; 0 when it throws nothing.
 using kit::ErrorOf;
 
+TEST(AgentRequests, AreRefusedByWhatTheirMembersMean) {
+    namespace methods = host::methods;
+    const auto refusalOf = [](const MessageRules::Rule &rule) {
+        return kit::Refusal(methods::UpdateMsgCtrlRule, ToRecord(rule));
+    };
+    Tarn_sys_diag_GetAppMemInfoInput units{}, modules{}, view{};
+    units.uiQueryType = 1;
+    modules.uiModuleId = 7;
+    view.uiQueryType = 3;
+    const std::pair<std::string, const char *> refusals[] = {
+        {refusalOf({.action = rule_action::kDrop}), "rule (uiValue1) is 0, expected at least 1"},
+        {refusalOf({.number = 1, .action = 4}), "action (uiValue3) is 4, expected pass (1), drop (2) or limit (3)"},
+        {refusalOf({.number = 1, .action = rule_action::kDrop, .firstType = 5, .lastType = 4}),
+         "first-type (uiValue4) is 5, expected at most last-type (uiValue5), which is 4"},
+        {refusalOf({.number = 1, .action = rule_action::kLimit}), "rate (uiValue6) is 0, expected at least 1"},
+        {refusalOf({.number = 1, .action = rule_action::kDrop}), ""},
+        {kit::Refusal(methods::TarnUpdateResourceInfo, {0, 0, 0}),
+         "resource (ucResource) is 0, expected cpu (1), memory (2) or descriptors (3)"},
+        {kit::Refusal(methods::TarnUpdateResourceInfo, {1, 3, 0}),
+         "level (ucLevel) is 3, expected normal (0), near-limit (1) or overloaded (2)"},
+        {kit::Refusal(methods::TarnPadsSetProcPadsGlobalSwitch, {2}), "on (ucGlobalSwitch) is 2, expected 0 to 1"},
+        {kit::Refusal(methods::TarnPadsSetProcPadsAppFunSwitch, {64, 2, 0}), "on (ucSwitch) is 2, expected 0 to 1"},
+        {kit::Refusal(methods::SetNoxTimerDebugSwitch, {2}), "on (uiDebugSwitch) is 2, expected 0 to 1"},
+        {kit::Refusal(methods::MemDiag_ma, {6, 0, nullptr}),
+         "command (uiMemCmd) is 6, expected summary (1), blocks (2), mark (3), since (4) or look (5)"},
+        {kit::Refusal(methods::SetMemDmgScan, {3}), "scan (uiScanSwitch) is 3, expected off (0), on (1) or once (2)"},
+        {kit::Refusal(methods::GetMemDmgInfo, {3}),
+         "report (uiInfoType) is 3, expected both (0), damages (1) or hostages (2)"},
+        {kit::Refusal(methods::TarnGetAppMemUnitInfo, units), "view (uiQueryType) is 1, expected units (0)"},
+        {kit::Refusal(methods::TarnGetAppMemUnitInfo, modules), "module (uiModuleId) is 7, expected 0"},
+        {kit::Refusal(methods::TarnGetAppMemDetailOrModuleInfo, view),
+         "view (uiQueryType) is 3, expected 0 (stands for 1), details (1) or modules (2)"},
+    };
+    for (const auto &[refusal, expected] : refusals) {
+        EXPECT_EQ(refusal, expected);
+    }
+}
+
 class MessageRulesTest : public testing::Test {
 protected:
     static MessageRules::Rule Rule(uint32_t id, uint32_t priority, uint32_t action) {
-        MessageRules::Rule rule{};
-        rule.uiValue1 = id;
-        rule.uiValue2 = priority;
-        rule.uiValue3 = action;
-        return rule;
+        return {.number = id, .priority = priority, .action = action};
     }
     static MessageRules::Rule Limit(uint32_t inASecond, uint32_t atOnce) {
-        MessageRules::Rule rule = Rule(1, 1, TARN_AGENT_RULE_LIMIT);
-        rule.uiValue6 = inASecond;
-        rule.uiValue7 = atOnce;
+        MessageRules::Rule rule = Rule(1, 1, rule_action::kLimit);
+        rule.rate = inASecond;
+        rule.burst = atOnce;
         return rule;
     }
     bool Passes(uint32_t type = 1, const char *sender = "s", const char *receiver = "r", const char *name = "n") {
@@ -107,10 +147,10 @@ TEST_F(MessageRulesTest, LimitsARateForAnHour) {
 }
 
 TEST_F(MessageRulesTest, EndsInTime) {
-    MessageRules::Rule drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
-    drop.uiValue8 = 2;
+    MessageRules::Rule drop = Rule(1, 1, rule_action::kDrop);
+    drop.lasts = 2;
     rules_.Update(drop);
-    rules_.Update(Rule(2, 2, TARN_AGENT_RULE_PASS));
+    rules_.Update(Rule(2, 2, rule_action::kPass));
     clocks_.Advance(1999ms);
     EXPECT_FALSE(Passes());
     EXPECT_EQ(rules_.Get(1).at(0).uiAgeSec, 1);
@@ -122,19 +162,19 @@ TEST_F(MessageRulesTest, EndsInTime) {
 }
 
 TEST_F(MessageRulesTest, MatchesTypesAndEachName) {
-    MessageRules::Rule drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
-    drop.uiValue4 = 10;
-    drop.uiValue5 = 19;
+    MessageRules::Rule drop = Rule(1, 1, rule_action::kDrop);
+    drop.firstType = 10;
+    drop.lastType = 19;
     rules_.Update(drop);
     EXPECT_TRUE(Passes(9));
     EXPECT_FALSE(Passes(10));
     EXPECT_FALSE(Passes(19));
     EXPECT_TRUE(Passes(20));
 
-    drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
-    host::CopyText(drop.acRule1, "from *");
-    host::CopyText(drop.acRule2, "[ab]?");
-    host::CopyText(drop.acRule3, "status report");
+    drop = Rule(1, 1, rule_action::kDrop);
+    drop.sender = "from *";
+    drop.receiver = "[ab]?";
+    drop.message = "status report";
     rules_.Update(drop);
     EXPECT_FALSE(Passes(77, "from here", "b2", "status report")) << "names and patterns may have blanks";
     EXPECT_TRUE(Passes(77, "from", "b2", "status report"));
@@ -143,20 +183,20 @@ TEST_F(MessageRulesTest, MatchesTypesAndEachName) {
     EXPECT_TRUE(Passes(77, nullptr, "b2", "status report"));
     EXPECT_STREQ(rules_.Get(1).at(0).stRule.acRule3, "status report");
 
-    drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
-    memset(drop.acRule1, 'x', sizeof drop.acRule1);
-    rules_.Update(drop);
-    EXPECT_FALSE(Passes(1, std::string(sizeof drop.acRule1, 'x').c_str())) << "a full array has no terminating 0";
+    drop = Rule(1, 1, rule_action::kDrop);
+    drop.sender = std::string(sizeof(Tarn_sys_diag_UpdateMsgCtrlRuleInput::acRule1), 'x');
+    rules_.Update(host::meaning::FromRecord(ToRecord(drop)));
+    EXPECT_FALSE(Passes(1, drop.sender.c_str())) << "a full array has no terminating 0";
     EXPECT_TRUE(Passes(1, "x"));
 }
 
 TEST_F(MessageRulesTest, TriesThemByPriorityAndThenByAge) {
-    rules_.Update(Rule(5, 20, TARN_AGENT_RULE_DROP));
-    rules_.Update(Rule(6, 10, TARN_AGENT_RULE_PASS));
-    rules_.Update(Rule(7, 20, TARN_AGENT_RULE_PASS));
+    rules_.Update(Rule(5, 20, rule_action::kDrop));
+    rules_.Update(Rule(6, 10, rule_action::kPass));
+    rules_.Update(Rule(7, 20, rule_action::kPass));
     EXPECT_EQ(Ids(), (std::vector<uint32_t>{6, 5, 7}));
     EXPECT_TRUE(Passes());
-    rules_.Update(Rule(6, 30, TARN_AGENT_RULE_PASS));
+    rules_.Update(Rule(6, 30, rule_action::kPass));
     EXPECT_EQ(Ids(), (std::vector<uint32_t>{5, 7, 6})) << "replaced";
     EXPECT_FALSE(Passes());
     EXPECT_EQ(rules_.Get(6).at(0).ullMatchNum, 0) << "counts anew";
@@ -168,27 +208,13 @@ TEST_F(MessageRulesTest, TriesThemByPriorityAndThenByAge) {
     EXPECT_TRUE(Ids().empty());
 }
 
-TEST_F(MessageRulesTest, RefusesWhatMakesNoSense) {
+TEST_F(MessageRulesTest, AreSoManyAtMost) {
     const auto error = [&](const MessageRules::Rule &rule) { return ErrorOf([&] { rules_.Update(rule); }); };
-    EXPECT_EQ(error(Rule(0, 1, TARN_AGENT_RULE_DROP)), EINVAL);
-    EXPECT_EQ(error(Rule(1, 1, TARN_AGENT_RULE_PASS - 1)), EINVAL);
-    EXPECT_EQ(error(Rule(1, 1, TARN_AGENT_RULE_LIMIT + 1)), EINVAL);
-    EXPECT_EQ(error(Limit(0, 5)), EINVAL);
-    MessageRules::Rule rule = Rule(1, 1, TARN_AGENT_RULE_DROP);
-    rule.uiValue4 = 5;
-    rule.uiValue5 = 4;
-    EXPECT_EQ(error(rule), EINVAL);
-    rule.uiValue5 = 5;
-    rule.uiValue9 = 1;
-    EXPECT_EQ(error(rule), EINVAL) << "another process's";
-    EXPECT_TRUE(Ids().empty());
-    rule.uiValue9 = agent::OwnPid();
-    EXPECT_EQ(error(rule), 0);
-    for (uint32_t id = 2; id <= 256; ++id) {
-        EXPECT_EQ(error(Rule(id, 1, TARN_AGENT_RULE_PASS)), 0);
+    for (uint32_t id = 1; id <= 256; ++id) {
+        EXPECT_EQ(error(Rule(id, 1, rule_action::kPass)), 0);
     }
-    EXPECT_EQ(error(Rule(257, 1, TARN_AGENT_RULE_PASS)), ENOSPC);
-    EXPECT_EQ(error(Rule(256, 2, TARN_AGENT_RULE_PASS)), 0) << "one that is there";
+    EXPECT_EQ(error(Rule(257, 1, rule_action::kPass)), ENOSPC);
+    EXPECT_EQ(error(Rule(256, 2, rule_action::kPass)), 0) << "one that is there";
     EXPECT_EQ(Ids().size(), 256);
 }
 
@@ -521,22 +547,22 @@ protected:
 
 TEST_F(ResourcesTest, TellsThoseWhoWantIt) {
     std::vector<Told> memory, both;
-    EXPECT_EQ(resources_.Subscribe("memory", TARN_AGENT_EVENT_MEMORY, Tell, &memory), 0);
-    EXPECT_EQ(resources_.Subscribe("both", TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU, Tell, &both), 0);
-    EXPECT_EQ(resources_.Events(), TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU);
-    resources_.Update({TARN_AGENT_RESOURCE_MEMORY, 2, 950});
-    resources_.Update({TARN_AGENT_RESOURCE_CPU, 1, 800});
-    resources_.Update({TARN_AGENT_RESOURCE_DESCRIPTORS, 1, 700});
+    EXPECT_EQ(resources_.Subscribe("memory", event::kMemory, Tell, &memory), 0);
+    EXPECT_EQ(resources_.Subscribe("both", event::kMemory | event::kCpu, Tell, &both), 0);
+    EXPECT_EQ(resources_.Events(), event::kMemory | event::kCpu);
+    resources_.Update({resource::kMemory, 2, 950});
+    resources_.Update({resource::kCpu, 1, 800});
+    resources_.Update({resource::kDescriptors, 1, 700});
     EXPECT_EQ(wakes_, 3);
     EXPECT_TRUE(memory.empty()) << "on the agent's thread";
     resources_.TellAll();
-    const Told ofMemory{TARN_AGENT_RESOURCE_MEMORY, 2, 950}, ofCpu{TARN_AGENT_RESOURCE_CPU, 1, 800};
+    const Told ofMemory{resource::kMemory, 2, 950}, ofCpu{resource::kCpu, 1, 800};
     EXPECT_EQ(memory, std::vector<Told>{ofMemory});
     EXPECT_EQ(both, (std::vector<Told>{ofMemory, ofCpu}));
     EXPECT_EQ(resources_.Subscriptions().at("both").toldNum, 2);
     EXPECT_EQ(resources_.Subscriptions().at("memory").toldNum, 1);
-    EXPECT_EQ(resources_.LevelOf(TARN_AGENT_RESOURCE_MEMORY), 2);
-    EXPECT_EQ(resources_.LevelOf(TARN_AGENT_RESOURCE_DESCRIPTORS), 1);
+    EXPECT_EQ(resources_.LevelOf(resource::kMemory), 2);
+    EXPECT_EQ(resources_.LevelOf(resource::kDescriptors), 1);
     EXPECT_EQ(resources_.LevelOf(4), 0);
     resources_.TellAll();
     EXPECT_EQ(both.size(), 2) << "once";
@@ -544,9 +570,9 @@ TEST_F(ResourcesTest, TellsThoseWhoWantIt) {
 
 TEST_F(ResourcesTest, DropsTheOldestWhileASubscriberHangs) {
     std::vector<Told> told;
-    resources_.Subscribe("all", TARN_AGENT_EVENT_CPU, Tell, &told);
+    resources_.Subscribe("all", event::kCpu, Tell, &told);
     for (uint16_t usage = 1; usage <= 70; ++usage) {
-        resources_.Update({TARN_AGENT_RESOURCE_CPU, 1, usage});
+        resources_.Update({resource::kCpu, 1, usage});
     }
     resources_.TellAll();
     ASSERT_EQ(told.size(), 64);
@@ -560,10 +586,10 @@ TEST_F(ResourcesTest, SurvivesASubscriberThatThrowsAndOneThatLeaves) {
     const TarnAgentResourceFunction leave = [](uint8_t, uint8_t, uint16_t, void *) { leaving->Unsubscribe("1"); };
     const TarnAgentResourceFunction fail = [](uint8_t, uint8_t, uint16_t, void *) { throw std::runtime_error("no"); };
     std::vector<Told> told;
-    resources_.Subscribe("1", TARN_AGENT_EVENT_CPU, leave, nullptr);
-    resources_.Subscribe("2", TARN_AGENT_EVENT_CPU, fail, nullptr);
-    resources_.Subscribe("3", TARN_AGENT_EVENT_CPU, Tell, &told);
-    resources_.Update({TARN_AGENT_RESOURCE_CPU, 1, 1});
+    resources_.Subscribe("1", event::kCpu, leave, nullptr);
+    resources_.Subscribe("2", event::kCpu, fail, nullptr);
+    resources_.Subscribe("3", event::kCpu, Tell, &told);
+    resources_.Update({resource::kCpu, 1, 1});
     resources_.TellAll();
     EXPECT_EQ(told.size(), 1);
     EXPECT_EQ(resources_.Subscriptions().size(), 2);
@@ -576,15 +602,11 @@ TEST_F(ResourcesTest, ChecksItsArguments) {
     EXPECT_EQ(resources_.Subscribe(std::string(32, 'x').c_str(), 2, Tell, nullptr), EINVAL);
     EXPECT_EQ(resources_.Subscribe("x", 0, Tell, nullptr), EINVAL);
     EXPECT_EQ(resources_.Subscribe("x", 1, Tell, nullptr), EINVAL) << "no such event";
-    EXPECT_EQ(resources_.Subscribe("x", TARN_AGENT_EVENT_CPU, nullptr, nullptr), EINVAL);
-    EXPECT_EQ(resources_.Subscribe(std::string(31, 'x').c_str(), TARN_AGENT_EVENT_CPU, Tell, nullptr), 0);
-    EXPECT_EQ(resources_.Subscribe(std::string(31, 'x').c_str(), TARN_AGENT_EVENT_CPU, Tell, nullptr), EEXIST);
+    EXPECT_EQ(resources_.Subscribe("x", event::kCpu, nullptr, nullptr), EINVAL);
+    EXPECT_EQ(resources_.Subscribe(std::string(31, 'x').c_str(), event::kCpu, Tell, nullptr), 0);
+    EXPECT_EQ(resources_.Subscribe(std::string(31, 'x').c_str(), event::kCpu, Tell, nullptr), EEXIST);
     EXPECT_EQ(resources_.Unsubscribe(nullptr), EINVAL);
     EXPECT_EQ(resources_.Unsubscribe("none"), ENOENT);
-    EXPECT_EQ(ErrorOf([&] { resources_.Update({0, 0, 0}); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { resources_.Update({4, 0, 0}); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { resources_.Update({TARN_AGENT_RESOURCE_CPU, 3, 0}); }), EINVAL);
-    EXPECT_EQ(ErrorOf([&] { resources_.Update({TARN_AGENT_RESOURCE_CPU, 2, 0}); }), 0);
 }
 
 class HealthTest : public testing::Test {
@@ -597,7 +619,7 @@ protected:
         }
         return texts;
     }
-    static Health::Finding Limit(uint32_t limit) { return {TARN_AGENT_HEALTH_DEGRADED, std::to_string(limit)}; }
+    static Health::Finding Limit(uint32_t limit) { return {health_level::kDegraded, std::to_string(limit)}; }
 
     Health health_{{{1, {"one", 10, Limit}}, {2, {"two", 20, Limit}}}};
 };
@@ -606,7 +628,7 @@ using Texts = std::map<std::string, std::string>;
 
 TEST_F(HealthTest, LooksAtWhatIsOn) {
     EXPECT_EQ(Texts(), (::Texts{{"one", "10"}, {"two", "20"}}));
-    EXPECT_EQ(health_.Look()[0].level, TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(health_.Look()[0].level, health_level::kDegraded);
     health_.Set(1, false, 0);
     EXPECT_EQ(Texts(), (::Texts{{"two", "20"}}));
     health_.Set(1, true, 11);
@@ -637,7 +659,7 @@ TEST_F(HealthTest, TakesTheApplicationsItems) {
     EXPECT_EQ(health_.Add(255, "failing", 1, fail), 0);
     EXPECT_EQ(Texts()[std::string(63, 'x')], "7");
     EXPECT_EQ(Texts()["failing"], "the check failed");
-    EXPECT_EQ(health_.Look().back().level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(health_.Look().back().level, health_level::kBad);
 }
 
 TEST(OwnHealth, TellsLevelsByTheirLimits) {
@@ -660,25 +682,27 @@ TEST(OwnHealth, TellsLevelsByTheirLimits) {
     const auto items = agent::OwnHealthItems(procfs, deadLoops, memory);
     const auto level = [&](uint8_t number, uint32_t limit) { return items.at(number).check(limit).level; };
 
+    EXPECT_EQ(items.at(1).name, "threads");
+    EXPECT_EQ(items.at(5).name, "memory-damage");
     EXPECT_EQ(items.at(1).limit, 512);
     EXPECT_EQ(items.at(1).check(512).text, "512 threads, limit 512");
-    EXPECT_EQ(level(1, 513), TARN_AGENT_HEALTH_GOOD);
-    EXPECT_EQ(level(1, 512), TARN_AGENT_HEALTH_DEGRADED) << "from the limit on";
-    EXPECT_EQ(level(1, 257), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(level(1, 256), TARN_AGENT_HEALTH_BAD) << "from twice of it";
+    EXPECT_EQ(level(1, 513), health_level::kGood);
+    EXPECT_EQ(level(1, 512), health_level::kDegraded) << "from the limit on";
+    EXPECT_EQ(level(1, 257), health_level::kDegraded);
+    EXPECT_EQ(level(1, 256), health_level::kBad) << "from twice of it";
     EXPECT_EQ(items.at(2).limit, 800);
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit sixty{60, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &sixty);
     EXPECT_EQ(items.at(2).check(51).text, "3 of 60 descriptors are open, 50 permille, limit 51");
-    EXPECT_EQ(level(2, 51), TARN_AGENT_HEALTH_GOOD);
-    EXPECT_EQ(level(2, 50), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(level(2, 25), TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(level(2, 51), health_level::kGood);
+    EXPECT_EQ(level(2, 50), health_level::kDegraded);
+    EXPECT_EQ(level(2, 25), health_level::kBad);
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(items.at(3).limit, 1024);
     EXPECT_EQ(items.at(3).check(1024).text, "2048 MiB resident, limit 1024");
-    EXPECT_EQ(level(3, 1024), TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(level(3, 1024), health_level::kBad);
     EXPECT_EQ(items.at(4).check(1).text, "0 threads in a dead loop, limit 1");
     int nothing = 0;
     memory.Free(&nothing);

@@ -3,6 +3,7 @@
 
 TARN_UNIT()
 
+#include "host/meaning/choices.h"
 #include "types/tarnd.h"
 
 #include <algorithm>
@@ -12,10 +13,14 @@ TARN_UNIT()
 
 #include "host/agent/tarn_agent.h"
 #include "host/runtime/status.h"
-#include "host/values/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
+
+namespace event = host::meaning::event;
+namespace health_level = host::meaning::health_level;
+namespace resource = host::meaning::resource;
+namespace rule_action = host::meaning::rule_action;
 
 using namespace std::chrono_literals;
 
@@ -71,10 +76,10 @@ protected:
 
 TEST_F(RuleTest, DecidesByTheFirstRuleThatMatches) {
     EXPECT_TRUE(Passes(1, "anyone")) << "without rules all pass";
-    auto drop = Rule(1, 20, TARN_AGENT_RULE_DROP);
+    auto drop = Rule(1, 20, rule_action::kDrop);
     drop.uiValue4 = 10;
     drop.uiValue5 = 19;
-    auto pass = Rule(2, 10, TARN_AGENT_RULE_PASS);
+    auto pass = Rule(2, 10, rule_action::kPass);
     kit::Set(pass.acRule1, "trusted*");
     EXPECT_EQ(Update(drop), 0);
     EXPECT_EQ(Update(pass), 0);
@@ -94,14 +99,14 @@ TEST_F(RuleTest, DecidesByTheFirstRuleThatMatches) {
     EXPECT_EQ(Rules(1)->uiRuleNum, 1);
     EXPECT_EQ(Rules(0, 1)->pstRule[0].stRule.uiValue1, 1);
 
-    drop.uiValue3 = TARN_AGENT_RULE_PASS;
+    drop.uiValue3 = rule_action::kPass;
     EXPECT_EQ(Update(drop), 0);
     EXPECT_EQ(Rules()->uiRuleNum, 2) << "replaced";
     EXPECT_TRUE(Passes(10, "someone"));
 }
 
 TEST_F(RuleTest, TakesNamesWithBlanks) {
-    auto drop = Rule(1, 1, TARN_AGENT_RULE_DROP);
+    auto drop = Rule(1, 1, rule_action::kDrop);
     kit::Set(drop.acRule1, "worker *");
     kit::Set(drop.acRule2, "main board");
     EXPECT_EQ(Update(drop), 0);
@@ -114,7 +119,7 @@ TEST_F(RuleTest, TakesNamesWithBlanks) {
 }
 
 TEST_F(RuleTest, RefusesWhatMakesNoSense) {
-    EXPECT_EQ(Update(Rule(0, 1, TARN_AGENT_RULE_DROP)), EINVAL);
+    EXPECT_EQ(Update(Rule(0, 1, rule_action::kDrop)), EINVAL);
     EXPECT_EQ(
         Ask<Tarn_sys_diag_GetMsgRuleInfoResult>("GetMsgCtrlRule", Tarn_sys_diag_GetMsgRuleInfoInput{0, 0, 1})->uiResult,
         EINVAL)
@@ -248,9 +253,9 @@ TEST_F(DeadLoopTest, FindsTheThreadThatSpins) {
     const Tarn_sys_diag_SysHealthInfo *const start = health->pstHealthInfo;
     const auto *const end = start + health->uiHealthInfoNum;
     const auto *const loops = std::find_if(
-        start, end, [](const Tarn_sys_diag_SysHealthInfo &info) { return strcmp(info.acValue1, "dead loops") == 0; });
+        start, end, [](const Tarn_sys_diag_SysHealthInfo &info) { return strcmp(info.acValue1, "dead-loops") == 0; });
     ASSERT_NE(loops, end);
-    EXPECT_NE(loops->ucValue1, TARN_AGENT_HEALTH_GOOD) << loops->acValue4;
+    EXPECT_NE(loops->ucValue1, health_level::kGood) << loops->acValue4;
     stop = true;
     spinning.join();
     left.join();
@@ -297,7 +302,7 @@ protected:
 
 TEST_F(HealthTest, LooksAtTheProcessAndTheApplicationsItems) {
     EXPECT_EQ(Health()->uiValue2, 1);
-    EXPECT_EQ(Item("threads").ucValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(Item("threads").ucValue1, health_level::kGood);
     EXPECT_STREQ(Item("threads").acValue2, "state");
     const auto now = [] {
         const time_t seconds = time(nullptr);
@@ -310,13 +315,13 @@ TEST_F(HealthTest, LooksAtTheProcessAndTheApplicationsItems) {
     EXPECT_LE(looked, now());
     EXPECT_NE(std::string(Item("threads").acValue4).find(" threads, limit 512"), std::string::npos);
     Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, 1});
-    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_BAD; }));
-    EXPECT_EQ(Health()->uiValue1, TARN_AGENT_HEALTH_BAD) << "the worst";
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == health_level::kBad; }));
+    EXPECT_EQ(Health()->uiValue1, health_level::kBad) << "the worst";
     Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 0, 512});
     EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == 255; }));
     Tell("TarnPadsSetProcPadsAppFunSwitch", Tarn_sys_diag_PadsAppFunSwitch{1, 1, 0});
-    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == TARN_AGENT_HEALTH_GOOD; }));
-    EXPECT_EQ(Health()->uiValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_TRUE(kit::Eventually([&] { return Item("threads").ucValue1 == health_level::kGood; }));
+    EXPECT_EQ(Health()->uiValue1, health_level::kGood);
 
     static std::atomic<uint32_t> level;
     const TarnAgentHealthCheck check = [](uint32_t limit, char *text, size_t room, void *) {
@@ -325,10 +330,10 @@ TEST_F(HealthTest, LooksAtTheProcessAndTheApplicationsItems) {
     };
     level = 7;
     EXPECT_EQ(TarnAgent_AddHealthItem(200, "queue", 5, check, nullptr), 0);
-    EXPECT_EQ(Item("queue").ucValue1, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Item("queue").ucValue1, health_level::kBad);
     EXPECT_STREQ(Item("queue").acValue4, "limit 5");
     level = 0;
-    EXPECT_EQ(Item("queue").ucValue1, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(Item("queue").ucValue1, health_level::kGood);
     EXPECT_EQ(TarnAgent_AddHealthItem(200, "queue", 5, check, nullptr), EEXIST);
     EXPECT_EQ(TarnAgent_AddHealthItem(63, "queue", 5, check, nullptr), EINVAL);
 
@@ -369,29 +374,29 @@ TEST_F(ResourceTest, TellsSubscribers) {
     const TarnAgentResourceFunction function = [](uint8_t resource, uint8_t level, uint16_t usage, void *) {
         told = told + resource * 1000000U + level * 10000U + usage;
     };
-    EXPECT_EQ(TarnAgent_Subscribe("memory", TARN_AGENT_EVENT_MEMORY, function, nullptr), 0);
-    EXPECT_EQ(TarnAgent_Subscribe("memory", TARN_AGENT_EVENT_MEMORY, function, nullptr), EEXIST);
+    EXPECT_EQ(TarnAgent_Subscribe("memory", event::kMemory, function, nullptr), 0);
+    EXPECT_EQ(TarnAgent_Subscribe("memory", event::kMemory, function, nullptr), EEXIST);
     EXPECT_EQ(TarnAgent_Subscribe("all", 0x80, function, nullptr), EINVAL);
-    EXPECT_EQ(TarnAgent_Subscribe("both", TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU, function, nullptr), 0);
+    EXPECT_EQ(TarnAgent_Subscribe("both", event::kMemory | event::kCpu, function, nullptr), 0);
     EXPECT_TRUE(Logged("process " + std::to_string(self_) + " subscribes to events 0x6"));
 
-    EXPECT_EQ(Update(TARN_AGENT_RESOURCE_MEMORY, 2, 950), 0);
-    EXPECT_EQ(TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_MEMORY), 2);
-    EXPECT_EQ(TarnAgent_ResourceLevel(TARN_AGENT_RESOURCE_CPU), 0);
+    EXPECT_EQ(Update(resource::kMemory, 2, 950), 0);
+    EXPECT_EQ(TarnAgent_ResourceLevel(resource::kMemory), 2);
+    EXPECT_EQ(TarnAgent_ResourceLevel(resource::kCpu), 0);
     EXPECT_EQ(TarnAgent_ResourceLevel(77), 0);
     EXPECT_TRUE(kit::Eventually([] { return told == 2 * 2020950; }));
     EXPECT_EQ(Update(0, 0, 0), EINVAL);
-    EXPECT_EQ(Update(TARN_AGENT_RESOURCE_CPU, 3, 0), EINVAL);
+    EXPECT_EQ(Update(resource::kCpu, 3, 0), EINVAL);
 
     EXPECT_TRUE(kit::Eventually([&] { return Subscriptions()->pstSubscribe[1].uiValue2 == 1; }));
     const auto all = Subscriptions();
     ASSERT_EQ(all->uiSubscribeNum, 2);
     EXPECT_STREQ(all->pstSubscribe[0].szName1, "both");
-    EXPECT_STREQ(all->pstSubscribe[0].szName2, "cpu,memory");
-    EXPECT_EQ(all->uiValue2, TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_CPU);
+    EXPECT_STREQ(all->pstSubscribe[0].szName2, "cpu+memory");
+    EXPECT_EQ(all->uiValue2, event::kMemory | event::kCpu);
     EXPECT_EQ(all->uiValue3, 2);
     EXPECT_EQ(all->uiValue4, self_);
-    EXPECT_EQ(Subscriptions(TARN_AGENT_EVENT_CPU)->uiSubscribeNum, 1);
+    EXPECT_EQ(Subscriptions(event::kCpu)->uiSubscribeNum, 1);
     EXPECT_EQ(Subscriptions(0, 1)->uiValue3, 2);
     ASSERT_EQ(Subscriptions(0, 1)->uiSubscribeNum, 1);
     EXPECT_STREQ(Subscriptions(0, 1)->pstSubscribe[0].szName1, "memory");

@@ -4,13 +4,18 @@
 #include <latch>
 
 #include "host/daemon/agents/relay.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
+#include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
+
+namespace agent_announces = host::meaning::agent_announces;
+namespace event = host::meaning::event;
+namespace health_level = host::meaning::health_level;
+namespace system_health_item = host::meaning::system_health_item;
 
 using namespace std::chrono_literals;
 
@@ -36,7 +41,6 @@ protected:
 };
 
 TEST_F(AgentLineTest, TellsWhyAnAgentDoesNotAnswer) {
-    EXPECT_EQ(CodeOf({0, 0}, 0), EINVAL);
     EXPECT_EQ(CodeOf({0, 0}), ESRCH) << "no socket";
     EXPECT_TRUE(peers_.calls.empty());
     peers_.agents = {kPid};
@@ -190,17 +194,42 @@ TEST_F(CourierTest, VisitsAsManyAgentsAtATimeAsItHasThreads) {
     done.wait();
 }
 
+// ---- What their members don't accept ----
+
+TEST(AgentsRequests, AreRefusedByWhatTheirMembersMean) {
+    namespace methods = host::methods;
+    const Tarn_sys_diag_AgentRegInfoInput withoutName{{}, kPid, 1, 1};
+    Tarn_sys_diag_AgentRegInfoInput neither = withoutName;
+    neither.szAgentName[0] = 'x';
+    neither.ucValue3 = 2;
+    const std::pair<std::string, const char *> refusals[] = {
+        {kit::Refusal(methods::AgentRegInfo, withoutName), "name (szAgentName) is empty, expected a text"},
+        {kit::Refusal(methods::AgentRegInfo, neither), "announces (ucValue3) is 2, expected leaves (0) or runs (1)"},
+        {kit::Refusal(methods::TarnAppSubscribe, {kPid, 16}),
+         "events (uiValue2) is 16, expected a sum of cpu (2), memory (4) and descriptors (8)"},
+        {kit::Refusal(methods::TarnAppSubscribe, {kPid, 14}), ""},
+        {kit::Refusal(methods::GetMirelMemPtInfoByTarnd, {1, 0}), "process (uiTargetPid) is 0, expected at least 1"},
+        {kit::Refusal(methods::MemDiagMaByTarnd, {0, 0, nullptr, kPid}),
+         "command (uiMemCmd) is 0, expected summary (1), blocks (2), mark (3), since (4) or look (5)"},
+        {kit::Refusal(methods::TarnGetDlpCfgFromAgent, {0, 0, 0}), "process (uiValue3) is 0, expected at least 1"},
+        {kit::Refusal(methods::SetNoxTimerDebugSwitchByTarnd, {2, kPid}), "on (uiDebugSwitch) is 2, expected 0 to 1"},
+    };
+    for (const auto &[refusal, expected] : refusals) {
+        EXPECT_EQ(refusal, expected);
+    }
+}
+
 // ---- Who is there ----
 
 class AgentsTest : public testing::Test, protected kit::SimulatedDaemon {
 protected:
-    static uint32_t Register(uint32_t pid, const std::string &name, uint8_t runs = TARND_AGENT_RUNS,
+    static uint32_t Register(uint32_t pid, const std::string &name, uint32_t runs = agent_announces::kRuns,
                              uint32_t version = 1) {
         Tarn_sys_diag_AgentRegInfoInput request{};
         host::CopyText(request.szAgentName, name);
         request.uiValue1 = pid;
         request.uiValue2 = version;
-        request.ucValue3 = runs;
+        request.ucValue3 = static_cast<uint8_t>(runs);
         const auto answer = kit::CallMethod<Tarn_sys_diag_AgentRegInfoResult>(AgentRegInfo, request);
         EXPECT_EQ(std::string(answer->szAgentName), name);
         EXPECT_EQ(answer->uiValue2, static_cast<uint32_t>(getpid()));
@@ -236,9 +265,9 @@ TEST_F(AgentsTest, RegisterAndLeave) {
     EXPECT_EQ(Names(), Names_{"first"});
     EXPECT_EQ(daemon->registry.Agents().at(kPid).version, 1);
     EXPECT_EQ(daemon->registry.Agents().at(kPid).processStart, 7);
-    EXPECT_EQ(Register(kPid, "first", TARND_AGENT_LEAVES), 0);
+    EXPECT_EQ(Register(kPid, "first", agent_announces::kLeaves), 0);
     EXPECT_TRUE(Names().empty());
-    EXPECT_EQ(Register(kPid, "first", TARND_AGENT_LEAVES), 0) << "again";
+    EXPECT_EQ(Register(kPid, "first", agent_announces::kLeaves), 0) << "again";
 }
 
 TEST_F(AgentsTest, AreToldWhatThereIsWhenTheyComeOrChange) {
@@ -250,10 +279,10 @@ TEST_F(AgentsTest, AreToldWhatThereIsWhenTheyComeOrChange) {
     EXPECT_EQ(Brought(), 0) << "as it was";
     EXPECT_EQ(Register(kPid, "second"), 0);
     EXPECT_GE(Brought(), 3);
-    EXPECT_EQ(Register(kPid, "second", TARND_AGENT_RUNS, 2), 0);
+    EXPECT_EQ(Register(kPid, "second", agent_announces::kRuns, 2), 0);
     EXPECT_GE(Brought(), 3);
     SetProcess(kPid, 8);
-    EXPECT_EQ(Register(kPid, "second", TARND_AGENT_RUNS, 2), 0);
+    EXPECT_EQ(Register(kPid, "second", agent_announces::kRuns, 2), 0);
     EXPECT_GE(Brought(), 3) << "another process";
 }
 
@@ -315,24 +344,24 @@ TEST_F(AgentsTest, AreHandedEachMemberOfARequest) {
     uint8_t data[] = {8, 9};
     Tarn_sys_diag_mem_RPCIN_input command{};
     command.uiTargetPid = kPid;
-    command.uiMemCmd = 7;
+    command.uiMemCmd = host::meaning::memory_command::kLook;
     command.uiMemDataLen = 2;
     command.pucMemData = data;
     kit::CallMethod<Tarn_sys_diag_mem_PRCOUT>(MemDiagMaByTarnd, command);
-    EXPECT_EQ(handed, (std::vector<uint32_t>{7, 2, 9}));
+    EXPECT_EQ(handed, (std::vector<uint32_t>{host::meaning::memory_command::kLook, 2, 9}));
 }
 
 TEST_F(AgentsTest, ExplainTheirResultsThroughTheDaemon) {
     peers.agents = {kPid};
     peers.On(TARND_AGENT_METHOD(SetMemDmgScan), [](uint32_t, const auto &, auto &reply) {
-        reply.uiResult = EINVAL;
+        reply.uiResult = EBUSY;
         return IdlCallResult{0, 0};
     });
-    peers.explanation = "the switch is 9, expected 0 to 2";
+    peers.explanation = "a scan runs already";
     const auto answer =
-        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{9, kPid});
-    EXPECT_EQ(answer->uiResult, EINVAL);
-    EXPECT_EQ(answer.Reason(), "the switch is 9, expected 0 to 2");
+        kit::CallMethod<Tarn_sys_diag_MemDmgScanOut>(SetMemDmgScanTarnd, Tarn_sys_diag_MemDmgScanInTarnd{2, kPid});
+    EXPECT_EQ(answer->uiResult, EBUSY);
+    EXPECT_EQ(answer.Reason(), "a scan runs already");
 }
 
 TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {
@@ -343,7 +372,7 @@ TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {
     });
     const auto reason = [] {
         const auto answer = kit::CallMethod<Tarn_sys_diag_AppMemInfoOutput>(
-            AppMemInfo, Tarn_sys_diag_AppMemInfoInput{kPid, TARN_AGENT_APP_MEM_UNITS});
+            AppMemInfo, Tarn_sys_diag_AppMemInfoInput{kPid, host::meaning::app_memory::kUnits});
         EXPECT_EQ(answer.Status(), EBUSY);
         return answer.Reason();
     };
@@ -371,7 +400,7 @@ TEST_F(AgentsTest, HaveTheRequestsTimeButForWhatTellingTakes) {
 TEST_F(AgentsTest, AreAskedHowTheyAre) {
     AddAgent(kPid, "busy");
     AddAgent(kOther, "well");
-    uint32_t level = TARN_AGENT_HEALTH_DEGRADED;
+    uint32_t level = health_level::kDegraded;
     peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [&](uint32_t pid, const auto &, auto &reply) {
         static Tarn_sys_diag_SysHealthInfo items[2];
         host::CopyText(items[0].acValue1, "fine");
@@ -379,7 +408,7 @@ TEST_F(AgentsTest, AreAskedHowTheyAre) {
         host::CopyText(items[1].acValue1, "queue");
         host::CopyText(items[1].acValue4, "900 of 1000");
         clocks.Advance(7001us);
-        reply.uiValue1 = pid == kPid ? level : TARN_AGENT_HEALTH_GOOD;
+        reply.uiValue1 = pid == kPid ? level : health_level::kGood;
         reply.uiHealthInfoNum = pid == kPid ? 2 : 0;
         reply.pstHealthInfo = items;
         return IdlCallResult{0, 0};
@@ -392,12 +421,12 @@ TEST_F(AgentsTest, AreAskedHowTheyAre) {
     EXPECT_EQ(health[0].name, "busy");
     EXPECT_EQ(health[0].lookedAt, asked);
     EXPECT_EQ(health[0].answerMs, 8) << "rounded up";
-    EXPECT_EQ(health[0].worstLevel, TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(health[0].worstLevel, health_level::kDegraded);
     EXPECT_EQ(health[0].complaint, "queue: 900 of 1000");
     EXPECT_TRUE(health[1].answers);
     EXPECT_EQ(health[1].complaint, "");
 
-    level = TARN_AGENT_HEALTH_GOOD;
+    level = health_level::kGood;
     Pass(1s);
     EXPECT_EQ(daemon->agentProbe.Health()[0].complaint, "queue: 900 of 1000");
     Pass(1s);
@@ -421,11 +450,11 @@ TEST_F(AgentsTest, ThatDoNotAnswerAreFound) {
     EXPECT_TRUE(daemon->agentProbe.Health().at(0).answers) << "it has nothing to say";
     EXPECT_EQ(daemon->agentProbe.Health().at(0).complaint, "");
 
-    daemon->healthSettings.SwitchFunction({TARND_HEALTH_AGENTS, 0, 0});
+    daemon->healthSettings.SwitchFunction({system_health_item::kAgents, 0, 0});
     result = {0, ETIMEDOUT};
     Pass(10s);
     EXPECT_TRUE(daemon->agentProbe.Health().at(0).answers) << "not asked";
-    daemon->healthSettings.SwitchFunction({TARND_HEALTH_AGENTS, 1, 77});
+    daemon->healthSettings.SwitchFunction({system_health_item::kAgents, 1, 77});
     RunDue();
     peers.calls.clear();
     Pass(2s);
@@ -448,26 +477,26 @@ protected:
 };
 
 TEST_F(SubscriptionsTest, AreReadBack) {
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), ESRCH) << "no such process";
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), ESRCH) << "no such process";
     SetProcess(kPid, 7);
     SetProcess(kOther, 7);
     for (const uint32_t events : {1U, 16U, UINT32_MAX}) {
         EXPECT_EQ(Subscribe(kPid, events), EINVAL);
     }
     EXPECT_EQ(List()->uiSubscribeNum, 0);
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY), 0);
-    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_DESCRIPTORS), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kCpu | event::kMemory), 0);
+    EXPECT_EQ(Subscribe(kOther, event::kDescriptors), 0);
     const auto all = List();
     ASSERT_EQ(all->uiSubscribeNum, 2);
     EXPECT_EQ(all->uiValue2, 14);
     EXPECT_EQ(all->uiValue3, 2);
     EXPECT_EQ(all->uiValue4, static_cast<uint32_t>(getpid()));
     EXPECT_EQ(std::string(all->pstSubscribe[0].szName1), "program");
-    EXPECT_EQ(std::string(all->pstSubscribe[0].szName2), "CPU memory");
+    EXPECT_EQ(std::string(all->pstSubscribe[0].szName2), "cpu+memory");
     EXPECT_EQ(std::string(all->pstSubscribe[1].szName2), "descriptors");
     EXPECT_EQ(all->pstSubscribe[0].uiValue1, 6);
     EXPECT_EQ(all->pstSubscribe[0].uiValue2, kPid);
-    const auto ofMemory = List(TARN_AGENT_EVENT_MEMORY);
+    const auto ofMemory = List(event::kMemory);
     ASSERT_EQ(ofMemory->uiSubscribeNum, 1);
     EXPECT_EQ(ofMemory->pstSubscribe[0].uiValue2, kPid);
     EXPECT_EQ(ofMemory->uiValue2, 14) << "of all";
@@ -481,13 +510,13 @@ TEST_F(SubscriptionsTest, AreReadBack) {
 TEST_F(SubscriptionsTest, EndWithTheirProcessAndWhenTheyAreForNothing) {
     SetProcess(kPid, 7);
     SetProcess(kOther, 7);
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), 0);
-    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_CPU), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
+    EXPECT_EQ(Subscribe(kOther, event::kCpu), 0);
     SetProcess(kOther, 8);
     EXPECT_EQ(List()->uiSubscribeNum, 1) << "another process has its id";
-    EXPECT_EQ(daemon->subscriptions.Set(kPid, TARN_AGENT_EVENT_MEMORY), TARN_AGENT_EVENT_CPU);
+    EXPECT_EQ(daemon->subscriptions.Set(kPid, event::kMemory), event::kCpu);
     SetProcess(kPid, 9);
-    EXPECT_EQ(daemon->subscriptions.Set(kPid, TARN_AGENT_EVENT_CPU), 0) << "it was another's";
+    EXPECT_EQ(daemon->subscriptions.Set(kPid, event::kCpu), 0) << "it was another's";
     EXPECT_EQ(Subscribe(kPid, 0), 0);
     EXPECT_EQ(List()->uiSubscribeNum, 0);
 }

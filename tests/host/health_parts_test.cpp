@@ -1,14 +1,21 @@
 // Health: what is switched on, from which limit on it complains, and who is told of a resource that runs short.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "host/daemon/health/health_examiner.h"
 #include "host/daemon/health/resource_levels.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
+#include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
+
+namespace event = host::meaning::event;
+namespace health_level = host::meaning::health_level;
+namespace resource = host::meaning::resource;
+namespace system_health_item = host::meaning::system_health_item;
+namespace system_health_level = host::meaning::system_health_level;
 
 using namespace std::chrono_literals;
 
@@ -76,11 +83,11 @@ protected:
 TEST_F(HealthPartsTest, TellsHowTheSystemIs) {
     const Item cpu = Find("cpu");
     EXPECT_EQ(cpu.text, "50.0 % of all CPUs' time in the last 10 s, limit 90.0 %");
-    EXPECT_EQ(cpu.level, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(cpu.level, health_level::kGood);
     EXPECT_EQ(cpu.source, "system");
     EXPECT_EQ(cpu.time, "20231114221331");
     EXPECT_EQ(Find("memory").text, "40.0 % of the memory in use, limit 90.0 %");
-    EXPECT_EQ(Find("io pressure").text, "0.0 % of the last 10 s some task waited, limit 30.0 %");
+    EXPECT_EQ(Find("io-pressure").text, "0.0 % of the last 10 s some task waited, limit 30.0 %");
     EXPECT_EQ(Find("descriptors").text, "10.0 % of the files that the system may have open, limit 80.0 %");
     EXPECT_EQ(Find("load").text, "0.00 in the last minute, 0.00 for each CPU, limit 2.00");
     EXPECT_EQ(Find("disk " + state.Path().string()).source, "system");
@@ -96,14 +103,14 @@ TEST_F(HealthPartsTest, IsDegradedFromTheLimitAndBadFromTheMiddleToTheWhole) {
         Pass(1s);
         return Find("memory").level;
     };
-    EXPECT_EQ(levelAt(899), TARN_AGENT_HEALTH_GOOD);
-    EXPECT_EQ(levelAt(900), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(levelAt(949), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(levelAt(950), TARN_AGENT_HEALTH_BAD);
-    EXPECT_EQ(Get()->uiValue1, TARN_AGENT_HEALTH_BAD);
-    EXPECT_EQ(Get(TARND_HEALTH_CPU)->uiValue1, TARN_AGENT_HEALTH_GOOD);
-    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 951), 0);
-    EXPECT_EQ(Find("memory").level, TARN_AGENT_HEALTH_GOOD);
+    EXPECT_EQ(levelAt(899), health_level::kGood);
+    EXPECT_EQ(levelAt(900), health_level::kDegraded);
+    EXPECT_EQ(levelAt(949), health_level::kDegraded);
+    EXPECT_EQ(levelAt(950), health_level::kBad);
+    EXPECT_EQ(Get()->uiValue1, health_level::kBad);
+    EXPECT_EQ(Get(system_health_item::kCpu)->uiValue1, health_level::kGood);
+    EXPECT_EQ(Switch(system_health_item::kMemory, 1, 951), 0);
+    EXPECT_EQ(Find("memory").level, health_level::kGood);
 }
 
 TEST_F(HealthPartsTest, TellsTheLoadOfEachCpu) {
@@ -112,10 +119,10 @@ TEST_F(HealthPartsTest, TellsTheLoadOfEachCpu) {
         proc.Write("loadavg", fmt::format("{:.3f} 0.00 0.00 1/100 7\n", ofEach * cpus));
         return Find("load").level;
     };
-    EXPECT_EQ(levelAt(1.99), TARN_AGENT_HEALTH_GOOD);
-    EXPECT_EQ(levelAt(2), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(levelAt(3.99), TARN_AGENT_HEALTH_DEGRADED);
-    EXPECT_EQ(levelAt(4), TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(levelAt(1.99), health_level::kGood);
+    EXPECT_EQ(levelAt(2), health_level::kDegraded);
+    EXPECT_EQ(levelAt(3.99), health_level::kDegraded);
+    EXPECT_EQ(levelAt(4), health_level::kBad);
     EXPECT_NE(Find("load").text.find(", 4.00 for each CPU"), std::string::npos) << Find("load").text;
 }
 
@@ -123,17 +130,17 @@ TEST_F(HealthPartsTest, SaysWhyItCannotTell) {
     proc.Remove("loadavg");
     SetDescriptors("none");
     proc.Write("pressure/io", "full avg10=1.00\n");
-    for (const char *const name : {"load", "descriptors", "io pressure"}) {
-        EXPECT_EQ(Find(name).level, TARND_HEALTH_UNKNOWN) << name;
+    for (const char *const name : {"load", "descriptors", "io-pressure"}) {
+        EXPECT_EQ(Find(name).level, system_health_level::kUnknown) << name;
     }
     EXPECT_NE(Find("load").text.find("loadavg: No such file"), std::string::npos) << Find("load").text;
-    EXPECT_EQ(Get()->uiValue1, TARN_AGENT_HEALTH_GOOD) << "the worst of what is known";
+    EXPECT_EQ(Get()->uiValue1, health_level::kGood) << "the worst of what is known";
     SetPressure("cpu", "29.99");
     SetPressure("memory", "10.00");
-    EXPECT_EQ(Find("cpu pressure").level, TARN_AGENT_HEALTH_DEGRADED) << "at the limit, rounded";
-    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(Find("cpu-pressure").level, health_level::kDegraded) << "at the limit, rounded";
+    EXPECT_EQ(Find("memory-pressure").level, health_level::kDegraded);
     SetPressure("memory", "55.00");
-    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Find("memory-pressure").level, health_level::kBad);
 }
 
 TEST_F(HealthPartsTest, CountsADiskAsItsUsersSeeIt) {
@@ -158,11 +165,11 @@ TEST_F(HealthPartsTest, TellsOfAgents) {
         return pid == kPid ? result : IdlCallResult{0, 0};
     });
     RunDue();
-    const std::vector<Item> agents = Items(TARND_HEALTH_AGENTS);
+    const std::vector<Item> agents = Items(system_health_item::kAgents);
     ASSERT_EQ(agents.size(), 2);
     EXPECT_EQ(agents[0].name, fmt::format("agent of process {}", kPid));
     EXPECT_EQ(agents[0].source, "sleepy");
-    EXPECT_EQ(agents[0].level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(agents[0].level, health_level::kBad);
     EXPECT_EQ(agents[0].text.substr(0, 16), "does not answer:");
     EXPECT_EQ(agents[1].text, "answered after 3 ms");
     EXPECT_EQ(Get(0, kPid).Status(), ETIMEDOUT) << "asked itself";
@@ -173,8 +180,8 @@ TEST_F(HealthPartsTest, TellsOfAgents) {
 // ---- What is switched ----
 
 TEST_F(HealthPartsTest, LooksAtWhatIsSwitchedOn) {
-    EXPECT_EQ(Items(TARND_HEALTH_MEMORY).size(), 1);
-    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 0), 0);
+    EXPECT_EQ(Items(system_health_item::kMemory).size(), 1);
+    EXPECT_EQ(Switch(system_health_item::kLoad, 0), 0);
     EXPECT_EQ(Find("load").level, 99);
     EXPECT_NE(Find("memory").level, 99);
     EXPECT_EQ(Get()->uiValue2, 1);
@@ -191,37 +198,54 @@ TEST_F(HealthPartsTest, LooksAtWhatIsSwitchedOn) {
     EXPECT_NE(Find("load").level, 99);
 }
 
-TEST_F(HealthPartsTest, ChecksWhatIsAskedOfIt) {
+TEST_F(HealthPartsTest, RefusesByWhatMembersMean) {
+    namespace methods = host::methods;
+    const std::pair<std::string, const char *> refusals[] = {
+        {kit::Refusal(methods::TarnPadsSetPadsGlobalSwitchByTarnd, {2}), "on (ucGlobalSwitch) is 2, expected 0 to 1"},
+        {kit::Refusal(methods::TarnPadsSetPadsAppFunSwitchByTarnd, {135, 2, 0}), "on (ucSwitch) is 2, expected 0 to 1"},
+        {kit::Refusal(methods::TarnPadsSetPadsAppFunSwitchByTarnd, {127, 1, UINT32_MAX}), ""},
+    };
+    for (const auto &[refusal, expected] : refusals) {
+        EXPECT_EQ(refusal, expected);
+    }
+    EXPECT_THAT(kit::Refusal(methods::TarnPadsSetPadsAppFunSwitchByTarnd, {139, 1, 0}),
+                testing::StartsWith("item (ucFunction) is 139, expected 0 (all, of the daemon and the agents), cpu "));
     EXPECT_EQ(SwitchAll(2), EINVAL);
-    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 2), EINVAL);
-    EXPECT_EQ(Switch(TARND_HEALTH_LAST + 1, 1), EINVAL);
-    EXPECT_EQ(Switch(TARND_HEALTH_LAST, 1), 0);
-    EXPECT_EQ(Switch(0, 1, 1), EINVAL) << "functions have limits of their own";
-    EXPECT_EQ(Switch(TARND_HEALTH_DISK, 1, 1001), EINVAL);
-    EXPECT_EQ(Switch(TARND_HEALTH_DISK, 1, 1000), 0);
-    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 1, 1001), 0) << "no share";
-    EXPECT_EQ(Switch(TARND_HEALTH_AGENTS, 1, 1001), EINVAL);
-    EXPECT_EQ(Switch(TARND_HEALTH_AGENTS, 1, 1000), 0);
-    EXPECT_EQ(Switch(TARND_HEALTH_FIRST - 1, 1, UINT32_MAX), 0) << "an agent's";
-    EXPECT_EQ(Get(TARND_HEALTH_FIRST - 1).Status(), EINVAL);
-    EXPECT_EQ(Get(TARND_HEALTH_LAST + 1).Status(), EINVAL);
+    EXPECT_EQ(Switch(system_health_item::kLast + 1, 1), EINVAL);
+    EXPECT_EQ(Switch(system_health_item::kLast, 1), 0);
+    EXPECT_EQ(Get(system_health_item::kFirst - 1).Status(), EINVAL);
+    EXPECT_EQ(Get(system_health_item::kLast + 1).Status(), EINVAL);
+    EXPECT_EQ(Get(system_health_item::kFirst - 1, kPid).Status(), ESRCH) << "an agent's are not chosen";
+}
+
+TEST_F(HealthPartsTest, KnowsTheBoundsOfLimits) {
+    EXPECT_EQ(Switch(0, 1, 1), EINVAL) << "items have limits of their own";
+    EXPECT_EQ(Switch(system_health_item::kDisk, 1, 1001), EINVAL);
+    EXPECT_EQ(Switch(system_health_item::kDisk, 1, 1000), 0);
+    EXPECT_EQ(Switch(system_health_item::kLoad, 1, 1001), 0) << "no share";
+    EXPECT_EQ(Switch(system_health_item::kAgents, 1, 1001), EINVAL);
+    EXPECT_EQ(Switch(system_health_item::kAgents, 1, 1000), 0);
+    EXPECT_EQ(kit::ReasonOf([&] {
+                  daemon->healthSettings.SwitchFunction({133, 1, 1001});
+              }),
+              "limit (uiValue) is 1001, expected a share of at most 1000");
 }
 
 TEST_F(HealthPartsTest, KeepsWhatWasSwitched) {
-    EXPECT_EQ(Switch(TARND_HEALTH_LOAD, 0, 77), 0);
+    EXPECT_EQ(Switch(system_health_item::kLoad, 0, 77), 0);
     EXPECT_EQ(Switch(5, 1, 99), 0);
-    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 500), 0);
-    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1), 0);
+    EXPECT_EQ(Switch(system_health_item::kMemory, 1, 500), 0);
+    EXPECT_EQ(Switch(system_health_item::kMemory, 1), 0);
     EXPECT_EQ(SwitchAll(0), 0);
     Restart();
     const tarnd::HealthSettings &settings = daemon->healthSettings;
     EXPECT_FALSE(settings.AllOn());
     EXPECT_EQ(SwitchAll(1), 0);
-    EXPECT_FALSE(settings.IsOn(TARND_HEALTH_LOAD));
-    EXPECT_TRUE(settings.IsOn(TARND_HEALTH_MEMORY));
-    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_LOAD), 77);
-    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_MEMORY), 500) << "0 leaves the limit";
-    EXPECT_EQ(settings.LimitOf(TARND_HEALTH_CPU_TIME), 3000);
+    EXPECT_FALSE(settings.IsOn(system_health_item::kLoad));
+    EXPECT_TRUE(settings.IsOn(system_health_item::kMemory));
+    EXPECT_EQ(settings.LimitOf(system_health_item::kLoad), 77);
+    EXPECT_EQ(settings.LimitOf(system_health_item::kMemory), 500) << "0 leaves the limit";
+    EXPECT_EQ(settings.LimitOf(system_health_item::kCpuEventTime), 3000);
     ASSERT_EQ(settings.OfAgents().size(), 1);
     EXPECT_EQ(settings.OfAgents()[0].uiValue, 99);
 }
@@ -242,7 +266,7 @@ TEST_F(HealthPartsTest, BringsTheSwitchesToTheAgents) {
     RunDue();
     EXPECT_EQ(all, std::vector{0});
     EXPECT_EQ(SwitchAll(1), 0);
-    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 1, 500), 0);
+    EXPECT_EQ(Switch(system_health_item::kMemory, 1, 500), 0);
     EXPECT_EQ(Switch(5, 1, 77), 0);
     RunDue();
     EXPECT_EQ(all, (std::vector{0, 1}));
@@ -278,31 +302,31 @@ protected:
         Pass(1s);
         return Take();
     }
-    static Told OfMemory(int level, int use) { return {{kPid, TARN_AGENT_RESOURCE_MEMORY, level, use}}; }
+    static Told OfMemory(int level, int use) { return {{kPid, resource::kMemory, level, use}}; }
 
     Told told_;
 };
 
 TEST_F(ResourceLevelsTest, AreToldAtTheStartToWhomeverAsked) {
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY), 0);
-    EXPECT_EQ(Subscribe(kOther, TARN_AGENT_EVENT_DESCRIPTORS), 0);
-    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 0, 500},
-                            {kPid, TARN_AGENT_RESOURCE_MEMORY, 0, 400},
-                            {kOther, TARN_AGENT_RESOURCE_DESCRIPTORS, 0, 100}}));
+    EXPECT_EQ(Subscribe(kPid, event::kCpu | event::kMemory), 0);
+    EXPECT_EQ(Subscribe(kOther, event::kDescriptors), 0);
+    EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 0, 500},
+                            {kPid, resource::kMemory, 0, 400},
+                            {kOther, resource::kDescriptors, 0, 100}}));
     Pass(1s, 10);
     EXPECT_EQ(Take(), Told{}) << "nothing has changed";
 }
 
 TEST_F(ResourceLevelsTest, AreToldWhenTheyAreKnownToWhoeverAskedBefore) {
     Restart();
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kMemory), 0);
     EXPECT_EQ(Take(), Told{});
     Pass(1s);
     EXPECT_EQ(Take(), OfMemory(0, 400));
 }
 
 TEST_F(ResourceLevelsTest, ChangeAtTheLimitAndBelowItWithHysteresis) {
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_MEMORY), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kMemory), 0);
     EXPECT_EQ(Take(), OfMemory(0, 400));
     EXPECT_EQ(At(899), Told{});
     EXPECT_EQ(At(900), OfMemory(1, 900));
@@ -313,30 +337,30 @@ TEST_F(ResourceLevelsTest, ChangeAtTheLimitAndBelowItWithHysteresis) {
     EXPECT_EQ(At(880), Told{});
     EXPECT_EQ(At(879), OfMemory(0, 879));
     EXPECT_EQ(At(1000), OfMemory(2, 1000));
-    EXPECT_EQ(Switch(TARND_HEALTH_MEMORY, 0), 0);
+    EXPECT_EQ(Switch(system_health_item::kMemory, 0), 0);
     EXPECT_EQ(At(1000), OfMemory(0, 1000)) << "not looked at";
 }
 
 TEST_F(ResourceLevelsTest, OfCpusAreThoseOfThreeSeconds) {
-    EXPECT_EQ(Switch(TARND_HEALTH_CPU, 1, 600), 0);
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_CPU), 0);
+    EXPECT_EQ(Switch(system_health_item::kCpu, 1, 600), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
     Take();
     machine.busyPermille = {1000, 1000};
     Pass(1s);
-    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 1, 667}}));
+    EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 1, 667}}));
     Pass(1s);
-    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_CPU, 2, 833}}));
+    EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 2, 833}}));
 }
 
 TEST_F(ResourceLevelsTest, OfDescriptorsAreThoseInUse) {
-    EXPECT_EQ(Subscribe(kPid, TARN_AGENT_EVENT_DESCRIPTORS), 0);
+    EXPECT_EQ(Subscribe(kPid, event::kDescriptors), 0);
     Take();
     SetDescriptors("8100 101 10000");
     Pass(1s);
     EXPECT_EQ(Take(), Told{}) << "less those that are allocated and not in use";
     SetDescriptors("8100 100 10000");
     Pass(1s);
-    EXPECT_EQ(Take(), (Told{{kPid, TARN_AGENT_RESOURCE_DESCRIPTORS, 1, 800}}));
+    EXPECT_EQ(Take(), (Told{{kPid, resource::kDescriptors, 1, 800}}));
 }
 
 } // namespace

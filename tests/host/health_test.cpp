@@ -3,17 +3,20 @@
 
 TARN_UNIT()
 
+#include "host/meaning/choices.h"
 #include "types/tarnd.h"
 
 #include <atomic>
 
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
 #include "tests/host/small_disk.h"
 
 namespace {
+
+namespace health_level = host::meaning::health_level;
+namespace system_health_item = host::meaning::system_health_item;
+namespace system_health_level = host::meaning::system_health_level;
 
 using namespace std::chrono_literals;
 
@@ -88,13 +91,13 @@ protected:
 };
 
 TEST_F(PressureTest, IsUnknownWithoutTheKernelsFiles) {
-    for (const char *const resource : {"cpu pressure", "memory pressure", "io pressure"}) {
-        EXPECT_EQ(Find(resource).level, TARND_HEALTH_UNKNOWN);
+    for (const char *const resource : {"cpu-pressure", "memory-pressure", "io-pressure"}) {
+        EXPECT_EQ(Find(resource).level, system_health_level::kUnknown);
         EXPECT_NE(Find(resource).text.find("/proc/pressure/"), std::string::npos) << Find(resource).text;
         EXPECT_NE(Find(resource).text.find("No such file"), std::string::npos) << Find(resource).text;
     }
-    EXPECT_LT(Get()->uiValue1, TARND_HEALTH_UNKNOWN) << "the worst of what is known";
-    EXPECT_NE(Find("memory").level, TARND_HEALTH_UNKNOWN) << "the other items are as ever";
+    EXPECT_LT(Get()->uiValue1, system_health_level::kUnknown) << "the worst of what is known";
+    EXPECT_NE(Find("memory").level, system_health_level::kUnknown) << "the other items are as ever";
 }
 
 TEST_F(PressureTest, IsWhatTheKernelsFilesSay) {
@@ -102,15 +105,15 @@ TEST_F(PressureTest, IsWhatTheKernelsFilesSay) {
     write("/proc/pressure/cpu", "some avg10=29.99 avg60=1.00 avg300=0.50 total=1\nfull avg10=99.00\n");
     write("/proc/pressure/memory", "some avg10=10.00 avg60=0.00\n");
     write("/proc/pressure/io", "full avg10=1.00\n");
-    EXPECT_EQ(Find("cpu pressure").text.substr(0, 6), "30.0 %");
-    EXPECT_EQ(Find("cpu pressure").level, TARN_AGENT_HEALTH_DEGRADED) << "at the limit";
-    EXPECT_EQ(Find("memory pressure").text.substr(0, 6), "10.0 %");
+    EXPECT_EQ(Find("cpu-pressure").text.substr(0, 6), "30.0 %");
+    EXPECT_EQ(Find("cpu-pressure").level, health_level::kDegraded) << "at the limit";
+    EXPECT_EQ(Find("memory-pressure").text.substr(0, 6), "10.0 %");
     write("/proc/pressure/memory", "some avg10=55.00\n");
-    EXPECT_EQ(Find("memory pressure").level, TARN_AGENT_HEALTH_BAD) << "from the middle to the whole";
-    EXPECT_EQ(Find("io pressure").level, TARND_HEALTH_UNKNOWN) << "no line for some";
+    EXPECT_EQ(Find("memory-pressure").level, health_level::kBad) << "from the middle to the whole";
+    EXPECT_EQ(Find("io-pressure").level, system_health_level::kUnknown) << "no line for some";
     write("/sys/fs/cgroup/cpu.pressure", "some avg10=1.20\n");
     std::filesystem::remove("/proc/pressure/cpu");
-    EXPECT_EQ(Find("cpu pressure").text.substr(0, 5), "1.2 %") << "the root group's";
+    EXPECT_EQ(Find("cpu-pressure").text.substr(0, 5), "1.2 %") << "the root group's";
 }
 
 TEST_F(HealthTest, TellsThatADiskIsFull) {
@@ -121,23 +124,23 @@ TEST_F(HealthTest, TellsThatADiskIsFull) {
         GTEST_SKIP() << "may not mount";
     }
     const std::string name = "disk " + logs_.string();
-    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_GOOD) << Find(name).text;
+    EXPECT_EQ(Find(name).level, health_level::kGood) << Find(name).text;
     disk.Fill();
-    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Find(name).level, health_level::kBad);
     EXPECT_TRUE(Find(name).text.starts_with("100.0 % of the space in use, 0 MiB free")) << Find(name).text;
-    EXPECT_EQ(Get(TARND_HEALTH_DISK)->uiValue1, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Get(system_health_item::kDisk)->uiValue1, health_level::kBad);
     disk.Empty();
-    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_GOOD) << Find(name).text;
+    EXPECT_EQ(Find(name).level, health_level::kGood) << Find(name).text;
     for (int i = 0; std::ofstream(logs_ / std::to_string(i)).is_open(); ++i) {
     }
-    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Find(name).level, health_level::kBad);
     EXPECT_TRUE(Find(name).text.starts_with("100.0 % of the number of files in use")) << Find(name).text;
 }
 
 TEST_F(HealthTest, TellsThatADirectoryIsGone) {
     std::filesystem::remove_all(logs_);
     const Item disk = Find("disk " + logs_.string());
-    EXPECT_EQ(disk.level, TARND_HEALTH_UNKNOWN);
+    EXPECT_EQ(disk.level, system_health_level::kUnknown);
     EXPECT_NE(disk.text.find("No such file or directory"), std::string::npos) << disk.text;
 }
 
@@ -147,9 +150,9 @@ TEST_F(HealthTest, FindsAnAgentThatHangs) {
     ASSERT_TRUE(kit::Eventually([&] { return Find(name).text.starts_with("answered after "); })) << daemon_->Err();
     EXPECT_EQ(Find(name).source, "sleepy");
     agent.Signal(SIGSTOP);
-    EXPECT_TRUE(kit::Eventually([&] { return Find(name).level == TARN_AGENT_HEALTH_BAD; }));
+    EXPECT_TRUE(kit::Eventually([&] { return Find(name).level == health_level::kBad; }));
     EXPECT_TRUE(Find(name).text.starts_with("does not answer")) << Find(name).text;
-    EXPECT_EQ(Get()->uiValue1, TARN_AGENT_HEALTH_BAD);
+    EXPECT_EQ(Get()->uiValue1, health_level::kBad);
     agent.Signal(SIGCONT);
     EXPECT_TRUE(kit::Eventually([&] { return Find(name).text.starts_with("answered after "); }));
     agent.Stop();
@@ -159,7 +162,7 @@ TEST_F(HealthTest, FindsAnAgentThatHangs) {
 TEST_F(HealthTest, AsksTheAgents) {
     FakeAgent agent(dir_.Path());
     Tarn_sys_diag_SysHealthInfo item{};
-    item.ucValue1 = TARN_AGENT_HEALTH_DEGRADED;
+    item.ucValue1 = health_level::kDegraded;
     kit::Set(item.acValue1, "queue");
     kit::Set(item.acValue4, "900 of 1000");
     agent.On<Tarn_sys_diag_None, Tarn_sys_diag_PadsSystemHealthResult>("TarnPadsGetProcSystemHealthInfo",
@@ -177,7 +180,7 @@ TEST_F(HealthTest, AsksTheAgents) {
     ASSERT_EQ(FakeAgent::Register(client_, "busy"), 0);
     const std::string name = "agent of process " + std::to_string(pid_);
     EXPECT_TRUE(kit::Eventually([&] { return Find(name).text == "queue: 900 of 1000"; })) << Find(name).text;
-    EXPECT_EQ(Find(name).level, TARN_AGENT_HEALTH_DEGRADED);
+    EXPECT_EQ(Find(name).level, health_level::kDegraded);
 }
 
 TEST_F(HealthTest, BringsTheSwitchesToTheAgents) {

@@ -1,12 +1,16 @@
 // What the daemon tells the master, and what it takes over from it.
 #include <gtest/gtest.h>
 
-#include "host/values/daemon.h"
-#include "host/values/master.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
+
+namespace cpu_overload = host::meaning::cpu_overload;
+namespace measurement_mode = host::meaning::measurement_mode;
+namespace measurement_time = host::meaning::measurement_time;
+namespace settings_source = host::meaning::settings_source;
 
 using namespace std::chrono_literals;
 
@@ -56,12 +60,12 @@ protected:
             return IdlCallResult{0, unreachable_};
         });
         peers.On(TarnSysdiagMaster_SysdiagGetDimCfgInfo, [](uint32_t, const auto &, auto &reply) {
-            reply.ucValue1 = TARND_DIM_EVERY_MINUTES;
+            reply.ucValue1 = static_cast<uint8_t>(measurement_time::kEveryMinutes);
             reply.ucValue2 = 5;
             return IdlCallResult{0, 0};
         });
         peers.On(TarnSysdiagMaster_SysdiagGetDimWorkMode, [](uint32_t, const auto &, auto &reply) {
-            reply.uiWorkMode = TARND_DIM_MODE_REPORT;
+            reply.uiWorkMode = measurement_mode::kReport;
             return IdlCallResult{0, 0};
         });
     }
@@ -92,7 +96,7 @@ protected:
     }
 
     uint32_t unreachable_ = 0;
-    uint32_t zone_ = TARN_MASTER_CONFIGURED;
+    uint32_t zone_ = settings_source::kConfigured;
     std::optional<host::DstRule> dst_; // that goes with the zone
     tarnd::Thresholds cpu_{700, 600, 30};
     IdlCallResult cpuResult_{0, 0};
@@ -106,7 +110,7 @@ TEST_F(MasterLinkTest, TakesOverWhatTheMasterHasConfigured) {
     EXPECT_TRUE(peers.calls.empty()) << "it was not asked to";
     Greet();
     EXPECT_EQ(greetings_, 1);
-    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00");
+    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00 +0545");
     const tarnd::Thresholds cpu = daemon->cpuOverload.System();
     EXPECT_EQ(cpu.over, 700);
     EXPECT_EQ(cpu.recover, 600);
@@ -123,19 +127,19 @@ TEST_F(MasterLinkTest, TakesOverWhatTheMasterHasConfigured) {
 TEST_F(MasterLinkTest, TakesOverTheDaylightSavingOfItsZone) {
     dst_ = kSummer;
     Greet();
-    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 06:45:00");
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 06:45:00 +0645");
     dst_.reset();
     Greet();
-    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 05:45:00");
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 05:45:00 +0545");
 }
 
 TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
     daemon->clock.SetZone({"UTC", 0}, "a test");
     daemon->clock.SetDst(kSummer, "a test");
-    zone_ = TARN_MASTER_OF_SYSTEM;
+    zone_ = settings_source::kSystem;
     Greet();
-    EXPECT_EQ(Zoned(), "1970-01-01 00:00:00");
-    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 01:00:00") << "and the daylight saving";
+    EXPECT_EQ(Zoned(), "1970-01-01 00:00:00 +0000");
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 01:00:00 +0100") << "and the daylight saving";
     EXPECT_EQ(OfMemory(), std::pair(800U, 750U)) << "the rest it takes";
 }
 
@@ -150,14 +154,14 @@ TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
     }
     cpuResult_ = {0, 0};
     for (const tarnd::Thresholds &wrong : {tarnd::Thresholds{1001, 600, 30}, tarnd::Thresholds{600, 601, 30},
-                                           tarnd::Thresholds{600, 500, TARND_OVERLOAD_MAX_S + 1}}) {
+                                           tarnd::Thresholds{600, 500, cpu_overload::kMostSeconds + 1}}) {
         cpu_ = wrong;
         memory_.over += 10;
         Greet();
         EXPECT_EQ(daemon->cpuOverload.System().over, before);
         EXPECT_EQ(OfMemory().first, memory_.over);
     }
-    cpu_ = {1000, 1000, TARND_OVERLOAD_MAX_S};
+    cpu_ = {1000, 1000, cpu_overload::kMostSeconds};
     Greet();
     EXPECT_EQ(daemon->cpuOverload.System().over, 1000);
 }
@@ -165,7 +169,7 @@ TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
 TEST_F(MasterLinkTest, AsksNoMoreOfAMasterThatDoesNotAnswer) {
     cpuResult_ = {0, ETIMEDOUT};
     Greet();
-    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00") << "until then";
+    EXPECT_EQ(Zoned(), "1970-01-01 05:45:00 +0545") << "until then";
     EXPECT_EQ(OfMemory(), std::pair(900U, 850U)) << "and nothing after it";
     peers.calls.clear();
     unreachable_ = ECONNREFUSED;

@@ -1,12 +1,16 @@
 // Message rules: what is taken, how long they last, and that each agent gets those that are for it.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
+#include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
+
+namespace message_rules = host::meaning::message_rules;
+namespace rule_action = host::meaning::rule_action;
 
 using namespace std::chrono_literals;
 
@@ -20,7 +24,7 @@ Rule MakeRule(uint32_t id, uint32_t priority, uint32_t action, const std::string
     rule.uiValue1 = id;
     rule.uiValue2 = priority;
     rule.uiValue3 = action;
-    rule.uiValue6 = action == TARN_AGENT_RULE_LIMIT ? 10 : 0;
+    rule.uiValue6 = action == rule_action::kLimit ? 10 : 0;
     sender.copy(rule.acRule1, sizeof rule.acRule1);
     return rule;
 }
@@ -87,62 +91,74 @@ protected:
 
 TEST_F(MessageRulesTest, AreReadBackInTheOrderInWhichTheyAreTried) {
     EXPECT_EQ(Ids(), Numbers{});
-    EXPECT_EQ(Set(MakeRule(1, 30, TARN_AGENT_RULE_PASS, "a*")), 0);
-    EXPECT_EQ(Set(MakeRule(2, 10, TARN_AGENT_RULE_DROP, "b*")), 0);
-    EXPECT_EQ(Set(MakeRule(3, 20, TARN_AGENT_RULE_LIMIT, "c*")), 0);
+    EXPECT_EQ(Set(MakeRule(1, 30, rule_action::kPass, "a*")), 0);
+    EXPECT_EQ(Set(MakeRule(2, 10, rule_action::kDrop, "b*")), 0);
+    EXPECT_EQ(Set(MakeRule(3, 20, rule_action::kLimit, "c*")), 0);
     EXPECT_EQ(Ids(), (Numbers{2, 3, 1}));
     EXPECT_EQ(Ids(3), Numbers{3});
     EXPECT_EQ(Ids(0, 2), Numbers{1});
     EXPECT_EQ(Ids(0, 9), Numbers{});
-    EXPECT_EQ(Set(MakeRule(1, 5, TARN_AGENT_RULE_DROP, "d*")), 0);
+    EXPECT_EQ(Set(MakeRule(1, 5, rule_action::kDrop, "d*")), 0);
     EXPECT_EQ(Ids(), (Numbers{1, 2, 3}));
-    EXPECT_EQ(Get(1)->pstRule[0].stRule.uiValue3, TARN_AGENT_RULE_DROP);
+    EXPECT_EQ(Get(1)->pstRule[0].stRule.uiValue3, rule_action::kDrop);
     EXPECT_EQ(std::string(Get(1)->pstRule[0].stRule.acRule1), "d*");
     EXPECT_EQ(Clear(), 0);
     EXPECT_EQ(Ids(), Numbers{});
 }
 
-TEST_F(MessageRulesTest, AreChecked) {
-    EXPECT_EQ(Set(MakeRule(0, 1, TARN_AGENT_RULE_PASS)), EINVAL);
-    EXPECT_EQ(Set(MakeRule(1, 1, 0)), EINVAL);
-    EXPECT_EQ(Set(MakeRule(1, 1, 4)), EINVAL);
-    for (const char *const text : {"a\nb", "a\x7F", "\x80", "\x1F"}) {
-        EXPECT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_PASS, text)), EINVAL);
+TEST_F(MessageRulesTest, AreRefusedByWhatTheirMembersMean) {
+    Rule types = MakeRule(1, 1, rule_action::kPass), rate = MakeRule(1, 1, rule_action::kLimit);
+    types.uiValue4 = 5;
+    types.uiValue5 = 4;
+    rate.uiValue6 = 0;
+    const std::pair<Rule, const char *> refusals[] = {
+        {MakeRule(0, 1, rule_action::kPass), "rule (uiValue1) is 0, expected at least 1"},
+        {MakeRule(1, 1, 0), "action (uiValue3) is 0, expected pass (1), drop (2) or limit (3)"},
+        {MakeRule(1, 1, 4), "action (uiValue3) is 4, expected pass (1), drop (2) or limit (3)"},
+        {types, "first-type (uiValue4) is 5, expected at most last-type (uiValue5), which is 4"},
+        {rate, "rate (uiValue6) is 0, expected at least 1"},
+    };
+    for (const auto &[rule, expected] : refusals) {
+        EXPECT_EQ(Set(rule), EINVAL);
+        EXPECT_EQ(kit::Refusal(host::methods::UpdateMsgCtrlRuleTarnd, rule), expected);
     }
-    Rule rule = MakeRule(1, 1, TARN_AGENT_RULE_PASS);
+    EXPECT_EQ(Ids(), Numbers{});
+    types.uiValue5 = 5;
+    EXPECT_EQ(Set(types), 0) << "one type";
+}
+
+TEST_F(MessageRulesTest, AreForTextsThatCanBeShownAndForAProcessThatThereIs) {
+    for (const char *const text : {"a\nb", "a\x7F", "\x80", "\x1F"}) {
+        EXPECT_EQ(Set(MakeRule(1, 1, rule_action::kPass, text)), EINVAL);
+    }
+    Rule rule = MakeRule(1, 1, rule_action::kPass);
     rule.acRule2[0] = '\t';
     EXPECT_EQ(Set(rule), EINVAL);
     rule.acRule2[0] = 'x';
-    rule.acRule3[0] = '\t';
-    EXPECT_EQ(Set(rule), EINVAL);
-    rule = MakeRule(1, 1, TARN_AGENT_RULE_LIMIT);
-    rule.uiValue6 = 0;
-    EXPECT_EQ(Set(rule), EINVAL);
-    rule = MakeRule(1, 1, TARN_AGENT_RULE_PASS);
-    rule.uiValue4 = 5;
-    rule.uiValue5 = 4;
-    EXPECT_EQ(Set(rule), EINVAL);
-    rule.uiValue5 = 5;
+    rule.acRule3[0] = '\x1B';
+    const auto refused = kit::CallMethod<Tarn_sys_diag_Result>(UpdateMsgCtrlRuleTarnd, rule);
+    EXPECT_EQ(refused->uiResult, EINVAL);
+    EXPECT_THAT(refused.Reason(),
+                testing::StartsWith("message (acRule3) is \"?\", expected a pattern of printable ASCII characters"));
+    rule.acRule3[0] = 0;
     rule.uiValue9 = kPid;
     EXPECT_EQ(Set(rule), ESRCH) << "no such process";
     EXPECT_EQ(Ids(), Numbers{});
-    rule.uiValue9 = 0;
-    EXPECT_EQ(Set(rule), 0) << "one type";
-    EXPECT_EQ(Set(MakeRule(2, 1, TARN_AGENT_RULE_PASS, "a b ~!")), 0) << "blanks are text";
+    EXPECT_EQ(Set(MakeRule(2, 1, rule_action::kPass, "a b ~!")), 0) << "blanks are text";
 }
 
 TEST_F(MessageRulesTest, AreSoManyAtMost) {
-    for (uint32_t id = 1; id <= TARND_RULES_MAX; ++id) {
-        ASSERT_EQ(Set(MakeRule(id, 1, TARN_AGENT_RULE_PASS, std::string(128, 'x'))), 0);
+    for (uint32_t id = 1; id <= message_rules::kMostInDaemon; ++id) {
+        ASSERT_EQ(Set(MakeRule(id, 1, rule_action::kPass, std::string(128, 'x'))), 0);
     }
-    EXPECT_EQ(Set(MakeRule(TARND_RULES_MAX + 1, 1, TARN_AGENT_RULE_PASS)), ENOSPC);
-    EXPECT_EQ(Set(MakeRule(TARND_RULES_MAX, 0, TARN_AGENT_RULE_DROP)), 0) << "it replaces one";
-    EXPECT_EQ(Ids().size(), TARND_RULES_MAX);
+    EXPECT_EQ(Set(MakeRule(message_rules::kMostInDaemon + 1, 1, rule_action::kPass)), ENOSPC);
+    EXPECT_EQ(Set(MakeRule(message_rules::kMostInDaemon, 0, rule_action::kDrop)), 0) << "it replaces one";
+    EXPECT_EQ(Ids().size(), message_rules::kMostInDaemon);
 }
 
 TEST_F(MessageRulesTest, AreKeptAsTheyWereSet) {
     proc.SetThread(kPid, kit::FakeProc::MakeTask(kPid, "program"));
-    Rule rule = MakeRule(1, 2, TARN_AGENT_RULE_LIMIT, "a b*");
+    Rule rule = MakeRule(1, 2, rule_action::kLimit, "a b*");
     rule.uiValue4 = 4;
     rule.uiValue5 = 5;
     rule.uiValue6 = 6;
@@ -164,7 +180,7 @@ TEST_F(MessageRulesTest, AreKeptAsTheyWereSet) {
 }
 
 TEST_F(MessageRulesTest, EndWhenTheirTimeIsOverAlsoWithoutTheDaemon) {
-    Rule soon = MakeRule(1, 1, TARN_AGENT_RULE_DROP), late = MakeRule(2, 2, TARN_AGENT_RULE_DROP);
+    Rule soon = MakeRule(1, 1, rule_action::kDrop), late = MakeRule(2, 2, rule_action::kDrop);
     soon.uiValue8 = 2;
     late.uiValue8 = 1000;
     EXPECT_EQ(Set(soon), 0);
@@ -187,7 +203,7 @@ TEST_F(MessageRulesTest, EndWithTheProcessThatTheyAreFor) {
     for (const bool another : {false, true}) {
         task.startTicks = 7;
         proc.SetThread(kPid, task);
-        Rule rule = MakeRule(1, 1, TARN_AGENT_RULE_DROP);
+        Rule rule = MakeRule(1, 1, rule_action::kDrop);
         rule.uiValue9 = kPid;
         EXPECT_EQ(Set(rule), 0);
         EXPECT_EQ(Ids(), Numbers{1});
@@ -203,10 +219,10 @@ TEST_F(MessageRulesTest, EndWithTheProcessThatTheyAreFor) {
 TEST_F(MessageRulesTest, AreBroughtToTheAgentsThatTheyAreFor) {
     AddAgent(kPid, "first");
     AddAgent(kOther, "second");
-    Rule ofFirst = MakeRule(2, 1, TARN_AGENT_RULE_LIMIT);
+    Rule ofFirst = MakeRule(2, 1, rule_action::kLimit);
     ofFirst.uiValue8 = 1000;
     ofFirst.uiValue9 = kPid;
-    EXPECT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_DROP, "a*")), 0);
+    EXPECT_EQ(Set(MakeRule(1, 1, rule_action::kDrop, "a*")), 0);
     EXPECT_EQ(Set(ofFirst), 0);
     Pass(0s);
     EXPECT_EQ(keepers_.rules[kPid].size(), 2);
@@ -215,10 +231,10 @@ TEST_F(MessageRulesTest, AreBroughtToTheAgentsThatTheyAreFor) {
     EXPECT_EQ(keepers_.rules[kPid].at(2).uiValue8, 1000);
     EXPECT_EQ(keepers_.updates, 3);
     Pass(10s);
-    EXPECT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_DROP, "a*")), 0);
+    EXPECT_EQ(Set(MakeRule(1, 1, rule_action::kDrop, "a*")), 0);
     RunDue();
     EXPECT_EQ(keepers_.updates, 3) << "they have all of it: their counts go on";
-    EXPECT_EQ(Set(MakeRule(1, 2, TARN_AGENT_RULE_DROP, "a*")), 0);
+    EXPECT_EQ(Set(MakeRule(1, 2, rule_action::kDrop, "a*")), 0);
     RunDue();
     EXPECT_EQ(keepers_.updates, 5);
     Rule forGood = ofFirst;
@@ -233,11 +249,11 @@ TEST_F(MessageRulesTest, AreBroughtToTheAgentsThatTheyAreFor) {
 }
 
 TEST_F(MessageRulesTest, HaveInAnAgentThatComesLaterWhatIsLeftOfTheirTime) {
-    Rule timed = MakeRule(1, 1, TARN_AGENT_RULE_DROP);
+    Rule timed = MakeRule(1, 1, rule_action::kDrop);
     timed.uiValue8 = 1000;
     EXPECT_EQ(Set(timed), 0);
     Pass(10s);
-    keepers_.rules[kPid][7] = MakeRule(7, 1, TARN_AGENT_RULE_PASS); // which the daemon does not know
+    keepers_.rules[kPid][7] = MakeRule(7, 1, rule_action::kPass); // which the daemon does not know
     AddAgent(kPid, "later");
     RunDue();
     ASSERT_EQ(keepers_.rules[kPid].size(), 1);
@@ -251,7 +267,7 @@ TEST_F(MessageRulesTest, HaveInAnAgentThatComesLaterWhatIsLeftOfTheirTime) {
 TEST_F(MessageRulesTest, AreBroughtAgainWhenAnAgentDidNotTakeThem) {
     AddAgent(kPid, "busy");
     keepers_.result = EBUSY;
-    EXPECT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_DROP)), 0);
+    EXPECT_EQ(Set(MakeRule(1, 1, rule_action::kDrop)), 0);
     RunDue();
     keepers_.result = 0;
     RunDue();
@@ -264,7 +280,7 @@ TEST_F(MessageRulesTest, AreCountedInAllAgentsThatAnswer) {
     for (const uint32_t pid : {kPid, kOther, kOther + 1}) {
         AddAgent(pid, "agent");
     }
-    EXPECT_EQ(Set(MakeRule(3, 1, TARN_AGENT_RULE_DROP)), 0);
+    EXPECT_EQ(Set(MakeRule(3, 1, rule_action::kDrop)), 0);
     RunDue();
     keepers_.hangs = {kPid};
     peers.calls.clear();

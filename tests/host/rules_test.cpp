@@ -3,15 +3,16 @@
 
 TARN_UNIT()
 
+#include "host/meaning/choices.h"
 #include "types/master.h"
 #include "types/tarnd.h"
 
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
 
 namespace {
+
+namespace rule_action = host::meaning::rule_action;
 
 using Rule = Tarn_sys_diag_UpdateMsgCtrlRuleInput;
 using RuleInfo = Tarn_sys_diag_MsgRuleInfo;
@@ -21,7 +22,7 @@ Rule MakeRule(uint32_t id, uint32_t priority, uint32_t action, const std::string
     rule.uiValue1 = id;
     rule.uiValue2 = priority;
     rule.uiValue3 = action;
-    rule.uiValue6 = action == TARN_AGENT_RULE_LIMIT ? 10 : 0;
+    rule.uiValue6 = action == rule_action::kLimit ? 10 : 0;
     kit::Set(rule.acRule1, sender);
     return rule;
 }
@@ -82,11 +83,11 @@ TEST_F(RulesTest, AreBroughtToTheAgents) {
     RuleKeeper keeper;
     keeper.ServeIn(agent);
     ASSERT_EQ(FakeAgent::Register(client_, "keeper"), 0);
-    ASSERT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_DROP, "a*")), 0);
-    Rule forOther = MakeRule(2, 1, TARN_AGENT_RULE_DROP, "");
+    ASSERT_EQ(Set(MakeRule(1, 1, rule_action::kDrop, "a*")), 0);
+    Rule forOther = MakeRule(2, 1, rule_action::kDrop, "");
     forOther.uiValue9 = daemon_->Pid();
     ASSERT_EQ(Set(forOther), 0);
-    Rule timed = MakeRule(3, 1, TARN_AGENT_RULE_LIMIT, "");
+    Rule timed = MakeRule(3, 1, rule_action::kLimit, "");
     timed.uiValue8 = 1000;
     timed.uiValue9 = pid_;
     ASSERT_EQ(Set(timed), 0);
@@ -123,8 +124,8 @@ TEST_F(RulesTest, AreInForceInTheAgentAlsoAfterTheDaemonCameBack) {
         return answer.Status() == 0 ? answer->uiRuleNum : UINT32_MAX;
     };
     ASSERT_TRUE(Logged("agent tester of process " + std::to_string(agent.Pid()) + " has registered"));
-    ASSERT_EQ(Set(MakeRule(1, 1, TARN_AGENT_RULE_DROP, "a*")), 0);
-    ASSERT_EQ(Set(MakeRule(2, 2, TARN_AGENT_RULE_LIMIT, "b*")), 0);
+    ASSERT_EQ(Set(MakeRule(1, 1, rule_action::kDrop, "a*")), 0);
+    ASSERT_EQ(Set(MakeRule(2, 2, rule_action::kLimit, "b*")), 0);
     EXPECT_TRUE(kit::Eventually([&] { return ofAgent() == 2; })) << daemon_->Err();
     daemon_.reset(); // kills it
     StartDaemon();

@@ -4,17 +4,20 @@
 
 TARN_UNIT()
 
+#include "host/meaning/choices.h"
 #include "types/master.h"
 #include "types/tarnd.h"
 
 #include <optional>
 
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/small_disk.h"
 
 namespace {
+
+namespace measurement_time = host::meaning::measurement_time;
+namespace rule_action = host::meaning::rule_action;
+namespace system_health_item = host::meaning::system_health_item;
 
 // A document, by the settings that are in it: two values, neither of them the default.
 struct Document {
@@ -42,7 +45,7 @@ protected:
     uint32_t SetRule(uint8_t id) {
         Tarn_sys_diag_UpdateMsgCtrlRuleInput rule{};
         rule.uiValue1 = id;
-        rule.uiValue3 = TARN_AGENT_RULE_DROP;
+        rule.uiValue3 = rule_action::kDrop;
         return Result("UpdateMsgCtrlRuleTarnd", rule, &Tarn_sys_diag_Result::uiResult);
     }
     uint16_t YearOfTheClock() {
@@ -54,7 +57,7 @@ protected:
     }
     std::string LoadHealth() {
         const auto answer = Call<Tarn_sys_diag_PadsSystemHealthResult>(
-            "TarnPadsGetSystemHealthInfoByTarnd", Tarn_sys_diag_PadsSystemHealthInput{TARND_HEALTH_LOAD, 0});
+            "TarnPadsGetSystemHealthInfoByTarnd", Tarn_sys_diag_PadsSystemHealthInput{system_health_item::kLoad, 0});
         return answer->uiHealthInfoNum == 1 ? answer->pstHealthInfo[0].acValue4 : "";
     }
     uint32_t MeasurementPeriod() {
@@ -113,7 +116,7 @@ protected:
         {"health",
          [this](uint8_t value) {
              return Tell("TarnPadsSetPadsAppFunSwitchByTarnd",
-                         Tarn_sys_diag_PadsAppFunSwitch{TARND_HEALTH_LOAD, 1, 70000U + value * 1000U});
+                         Tarn_sys_diag_PadsAppFunSwitch{system_health_item::kLoad, 1, 70000U + value * 1000U});
          },
          [this](uint8_t value) { return LoadHealth().ends_with("limit " + std::to_string(70 + value) + ".00"); }},
         {"message-rules", [this](uint8_t value) { return SetRule(value); },
@@ -124,7 +127,7 @@ protected:
         {"measurement",
          [this](uint8_t value) {
              return Tell("TarnSetDimTimeCfgByTarnd",
-                         Tarn_sys_diag_DimTimeCfg{TARND_DIM_EVERY_MINUTES, static_cast<uint8_t>(100 + value)});
+                         Tarn_sys_diag_DimTimeCfg{measurement_time::kEveryMinutes, static_cast<uint8_t>(100 + value)});
          },
          [this](uint8_t value) { return MeasurementPeriod() == (100U + value) * 60000; }},
         {"measurement-baseline", // recorded, or forgotten

@@ -6,13 +6,15 @@
 #include <cstring>
 #include <vector>
 
-#include "host/values/daemon.h"
+#include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/manual_driver.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
+
+namespace measurement_time = host::meaning::measurement_time;
 
 using namespace std::chrono_literals;
 using tarnd::Timers;
@@ -203,7 +205,7 @@ TEST_F(TimerMethodsTest, TellWhatBecomesOfEach) {
 
     EXPECT_EQ(Find("measurement").ucState, 0) << "stopped until it has times";
     EXPECT_EQ(Find("measurement").uiRemainMs, 0);
-    daemon->measurement.SetTimes({TARND_DIM_EVERY_MINUTES, 5});
+    daemon->measurement.SetTimes({measurement_time::kEveryMinutes, 5});
     EXPECT_EQ(Find("measurement").ucState, 1);
     EXPECT_EQ(Find("measurement").uiPeriodMs, 300'000);
 }

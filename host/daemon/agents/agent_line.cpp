@@ -13,9 +13,6 @@ namespace {
 } // namespace
 
 void AgentLine::Call(const PeerCall &call) {
-    if (call.pid == 0) {
-        throw host::BadValue("the target process", call.pid, "the process of an agent");
-    }
     if (!peers_.HasAgent(call.pid)) {
         FailWithoutAgent(call.pid);
     }

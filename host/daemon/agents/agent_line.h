@@ -1,6 +1,5 @@
-// Asks the agent of a process. What keeps an agent from answering is thrown as std::system_error: EINVAL for process 0,
-// ESRCH without an agent, ETIMEDOUT for one that does not answer in time, or what the runtime or the agent's method
-// ended with.
+// Asks the agent of a process. What keeps an agent from answering is thrown as std::system_error: ESRCH without an
+// agent, ETIMEDOUT for one that does not answer in time, or what the runtime or the agent's method ended with.
 #pragma once
 
 #include <memory>

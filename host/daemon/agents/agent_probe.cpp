@@ -5,12 +5,14 @@
 
 #include <fmt/format.h>
 
+#include "host/meaning/choices.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
+
+namespace health_level = host::meaning::health_level;
+namespace system_health_item = host::meaning::system_health_item;
 
 AgentProbe::AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, const HealthSettings &settings,
                        AgentLine &line, Courier &courier, Timers &timers)
@@ -22,14 +24,14 @@ AgentProbe::AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, cons
 }
 
 void AgentProbe::ProbeAll() {
-    if (settings_.IsOn(TARND_HEALTH_AGENTS)) {
+    if (settings_.IsOn(system_health_item::kAgents)) {
         courier_.SendToAll(errand_);
     }
 }
 
 // What goes wrong is the finding.
 void AgentProbe::Probe(uint32_t pid) {
-    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, TARN_AGENT_HEALTH_GOOD, {}};
+    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, health_level::kGood, {}};
     const host::SteadyTime start = clocks_.SteadyNow();
     try {
         Ask(pid, health);
@@ -50,12 +52,13 @@ void AgentProbe::Probe(uint32_t pid) {
 
 void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
     const auto reply = line_.Ask(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), pid, Tarn_sys_diag_None{},
-                                 settings_.LimitOf(TARND_HEALTH_AGENTS));
-    health.worstLevel = reply->record.uiValue1;
-    for (uint32_t i = 0; i < reply->record.uiHealthInfoNum && health.complaint.empty(); ++i) {
-        const Tarn_sys_diag_SysHealthInfo &item = reply->record.pstHealthInfo[i];
-        if (item.ucValue1 != TARN_AGENT_HEALTH_GOOD) {
-            health.complaint = fmt::format("{}: {}", host::TextOf(item.acValue1), host::TextOf(item.acValue4));
+                                 settings_.LimitOf(system_health_item::kAgents));
+    const auto &[worst, on, itemNum, items] = reply->record;
+    health.worstLevel = worst;
+    for (uint32_t i = 0; i < itemNum && health.complaint.empty(); ++i) {
+        const auto &[level, name, source, lookedAt, found] = items[i];
+        if (level != health_level::kGood) {
+            health.complaint = fmt::format("{}: {}", host::TextOf(name), host::TextOf(found));
         }
     }
 }

@@ -1,16 +1,14 @@
 #include "host/daemon/agents/message_rules.h"
 
 #include <algorithm>
-#include <tuple>
+#include <utility>
 
 #include <fmt/format.h>
 
+#include "host/meaning/methods.h"
 #include "host/osal/attempt.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/osal/text.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
@@ -21,68 +19,50 @@ using host::Document;
 constexpr char kDocument[] = "message-rules";
 constexpr uint32_t kVersion = 1;
 
-template <size_t kSize>
-void CheckPattern(const char *member, const char (&pattern)[kSize]) {
-    const std::string_view text = host::TextOf(pattern);
-    if (!std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; })) {
-        throw host::BadValue(member, "not text", "a pattern of printable ASCII characters");
+void CheckPatterns(const MessageRules::Content &rule) {
+    const std::pair<const char *, const std::string &> patterns[] = {
+        {"sender", rule.sender}, {"receiver", rule.receiver}, {"message", rule.message}};
+    for (const auto &[member, text] : patterns) {
+        if (!std::ranges::all_of(text, [](char c) { return c >= ' ' && c <= '~'; })) {
+            throw host::meaning::BadMember(host::methods::UpdateMsgCtrlRuleTarnd, member, text,
+                                           "a pattern of printable ASCII characters");
+        }
     }
-}
-
-void Check(const MessageRules::Content &rule) {
-    if (rule.uiValue1 == 0) {
-        throw host::BadValue("uiValue1", 0, "the rule's id");
-    }
-    if (rule.uiValue3 < TARN_AGENT_RULE_PASS || rule.uiValue3 > TARN_AGENT_RULE_LIMIT) {
-        throw host::BadValue("uiValue3", rule.uiValue3, "1, 2 or 3");
-    }
-    if (rule.uiValue4 > rule.uiValue5) {
-        throw host::BadValue("uiValue5", rule.uiValue5, fmt::format("a type of at least {}", rule.uiValue4));
-    }
-    if (rule.uiValue3 == TARN_AGENT_RULE_LIMIT && rule.uiValue6 == 0) {
-        throw host::BadValue("uiValue6", 0, "the messages that may pass in a second");
-    }
-    CheckPattern("acRule1", rule.acRule1);
-    CheckPattern("acRule2", rule.acRule2);
-    CheckPattern("acRule3", rule.acRule3);
 }
 
 Document ToDocument(const MessageRules::Rule &rule) {
-    const MessageRules::Content &c = rule.content;
+    const auto &[number, priority, action, firstType, lastType, rate, burst, lasts, process, sender, receiver,
+                 message] = rule.content;
     using Array = Document::Array;
-    return Document::Object{
-        {"id", c.uiValue1},
-        {"priority", c.uiValue2},
-        {"action", c.uiValue3},
-        {"types", Array{c.uiValue4, c.uiValue5}},
-        {"limit", Array{c.uiValue6, c.uiValue7}},
-        {"seconds", c.uiValue8},
-        {"process", c.uiValue9},
-        {"process start", rule.processStart},
-        {"patterns", Array{host::TextOf(c.acRule1), host::TextOf(c.acRule2), host::TextOf(c.acRule3)}},
-        {"since", host::WallTime::clock::to_time_t(rule.since)}};
+    return Document::Object{{"id", number},
+                            {"priority", priority},
+                            {"action", action},
+                            {"types", Array{firstType, lastType}},
+                            {"limit", Array{rate, burst}},
+                            {"seconds", lasts},
+                            {"process", process},
+                            {"process start", rule.processStart},
+                            {"patterns", Array{sender, receiver, message}},
+                            {"since", host::WallTime::clock::to_time_t(rule.since)}};
 }
 
 MessageRules::Rule FromDocument(const Document &content) {
-    MessageRules::Rule rule{};
-    MessageRules::Content &c = rule.content;
-    c.uiValue1 = content.Get<uint32_t>("id");
-    c.uiValue2 = content.Get<uint32_t>("priority");
-    c.uiValue3 = content.Get<uint32_t>("action");
-    c.uiValue4 = content.At("types").Get<uint32_t>(0);
-    c.uiValue5 = content.At("types").Get<uint32_t>(1);
-    c.uiValue6 = content.At("limit").Get<uint32_t>(0);
-    c.uiValue7 = content.At("limit").Get<uint32_t>(1);
-    c.uiValue8 = content.Get<uint32_t>("seconds");
-    c.uiValue9 = content.Get<uint32_t>("process");
-    rule.processStart = content.Get<uint64_t>("process start");
-    const auto pattern = [&](size_t index) { return content.At("patterns").Get<std::string>(index); };
-    pattern(0).copy(c.acRule1, sizeof c.acRule1);
-    pattern(1).copy(c.acRule2, sizeof c.acRule2);
-    pattern(2).copy(c.acRule3, sizeof c.acRule3);
-    rule.since = host::WallTime::clock::from_time_t(content.Get<time_t>("since"));
-    Check(c);
-    return rule;
+    const MessageRules::Content rule{content.Get<uint32_t>("id"),
+                                     content.Get<uint32_t>("priority"),
+                                     content.Get<uint32_t>("action"),
+                                     content.At("types").Get<uint32_t>(0),
+                                     content.At("types").Get<uint32_t>(1),
+                                     content.At("limit").Get<uint32_t>(0),
+                                     content.At("limit").Get<uint32_t>(1),
+                                     content.Get<uint32_t>("seconds"),
+                                     content.Get<uint32_t>("process"),
+                                     content.At("patterns").Get<std::string>(0),
+                                     content.At("patterns").Get<std::string>(1),
+                                     content.At("patterns").Get<std::string>(2)};
+    host::meaning::Check(host::methods::UpdateMsgCtrlRuleTarnd, ToRecord(rule));
+    CheckPatterns(rule);
+    return {rule, host::WallTime::clock::from_time_t(content.Get<time_t>("since")),
+            content.Get<uint64_t>("process start")};
 }
 
 } // namespace
@@ -96,7 +76,7 @@ MessageRules::MessageRules(const host::Clocks &clocks, const host::procfs::Procf
         std::map<uint32_t, Rule> rules;
         for (const Document &entry : content.AsArray()) {
             const Rule rule = FromDocument(entry);
-            rules[rule.content.uiValue1] = rule;
+            rules[rule.content.number] = rule;
         }
         rules_ = std::move(rules);
     });
@@ -104,28 +84,28 @@ MessageRules::MessageRules(const host::Clocks &clocks, const host::procfs::Procf
 
 void MessageRules::Save(const std::map<uint32_t, Rule> &rules) {
     Document::Array content;
-    for (const auto &[id, rule] : rules) {
+    for (const auto &[number, rule] : rules) {
         content.push_back(ToDocument(rule));
     }
     store_.Save(kDocument, kVersion, content);
 }
 
 void MessageRules::Set(const Content &content) {
-    Check(content);
-    const uint64_t start = content.uiValue9 == 0 ? 0 : proc_.ReadProcess(content.uiValue9).startTicks;
+    CheckPatterns(content);
+    const uint64_t start = content.process == 0 ? 0 : proc_.ReadProcess(content.process).startTicks;
     {
         const host::MutexLock lock(mutex_);
         const host::WallTime now = clocks_.WallNow();
         DropEnded(now);
         std::map<uint32_t, Rule> rules = rules_;
-        rules[content.uiValue1] = {content, now, start};
-        if (rules.size() > TARND_RULES_MAX) {
+        rules[content.number] = {content, now, start};
+        if (rules.size() > host::meaning::message_rules::kMostInDaemon) {
             host::Fail(ENOSPC, fmt::format("{} rules", rules_.size()));
         }
         Save(rules);
         rules_ = std::move(rules);
     }
-    host::Log().info("message rule {} is set", content.uiValue1);
+    host::Log().info("message rule {} is set", content.number);
     courier_.SendToAll(errand_);
 }
 
@@ -143,11 +123,10 @@ std::vector<MessageRules::Rule> MessageRules::List(host::WallTime now) {
     const host::MutexLock lock(mutex_);
     DropEnded(now);
     std::vector<Rule> list;
-    for (const auto &[id, rule] : rules_) {
+    for (const auto &[number, rule] : rules_) {
         list.push_back(rule);
     }
-    std::stable_sort(list.begin(), list.end(),
-                     [](const Rule &a, const Rule &b) { return a.content.uiValue2 < b.content.uiValue2; });
+    std::ranges::stable_sort(list, {}, [](const Rule &rule) { return rule.content.priority; });
     return list;
 }
 
@@ -157,8 +136,9 @@ void MessageRules::DropEnded(host::WallTime now) {
 }
 
 bool MessageRules::HasEnded(const Rule &rule, host::WallTime now) const {
-    return (rule.content.uiValue8 != 0 && now >= rule.since + std::chrono::seconds(rule.content.uiValue8)) ||
-           (rule.content.uiValue9 != 0 && !proc_.Runs(rule.content.uiValue9, rule.processStart));
+    const uint32_t lasts = rule.content.lasts, process = rule.content.process;
+    return (lasts != 0 && now >= rule.since + std::chrono::seconds(lasts)) ||
+           (process != 0 && !proc_.Runs(process, rule.processStart));
 }
 
 // A clock that was set back makes no rule younger than now.
@@ -178,32 +158,39 @@ void RequireResult(const char *method, uint32_t pid, const AgentReply<Response> 
 
 // Alike but for when they end: an agent counts from when it was told.
 bool Alike(const MessageRules::Content &a, const MessageRules::Content &b) {
-    const auto key = [](const MessageRules::Content &c) {
-        return std::tuple(c.uiValue1, c.uiValue2, c.uiValue3, c.uiValue4, c.uiValue5, c.uiValue6, c.uiValue7,
-                          c.uiValue8 == 0, c.uiValue9, host::TextOf(c.acRule1), host::TextOf(c.acRule2),
-                          host::TextOf(c.acRule3));
+    const auto withoutEnd = [](MessageRules::Content rule) {
+        rule.lasts = std::min(rule.lasts, 1U);
+        return rule;
     };
-    return key(a) == key(b);
+    return withoutEnd(a) == withoutEnd(b);
+}
+
+std::vector<MessageRules::Content> RulesIn(const Tarn_sys_diag_GetMsgRuleInfoResult &reply) {
+    std::vector<MessageRules::Content> rules;
+    for (uint32_t i = 0; i < reply.uiRuleNum; ++i) {
+        rules.push_back(host::meaning::FromRecord(reply.pstRule[i].stRule));
+    }
+    return rules;
 }
 
 } // namespace
 
 MessageRules::AgentsRules MessageRules::AskFor(uint32_t pid, uint32_t timeoutMs) {
-    const Tarn_sys_diag_GetMsgRuleInfoInput request{0, 0, pid};
-    AgentsRules reply = line_.Ask(TARND_AGENT_METHOD(GetMsgCtrlRule), pid, request, timeoutMs);
+    const Tarn_sys_diag_GetMsgRuleInfoInput all{0, 0, pid};
+    AgentsRules reply = line_.Ask(TARND_AGENT_METHOD(GetMsgCtrlRule), pid, all, timeoutMs);
     RequireResult("GetMsgCtrlRule", pid, *reply);
     return reply;
 }
 
-// What an agent is to have, by id.
+// What an agent is to have, by number.
 std::map<uint32_t, MessageRules::Content> MessageRules::For(uint32_t pid) {
     const host::WallTime now = clocks_.WallNow();
     std::map<uint32_t, Content> rules;
     for (const Rule &rule : List(now)) {
-        if (rule.content.uiValue9 == 0 || rule.content.uiValue9 == pid) {
+        if (rule.content.process == 0 || rule.content.process == pid) {
             Content content = rule.content;
-            content.uiValue8 -= content.uiValue8 == 0 ? 0 : AgeOf(rule, now); // which is less: it has not ended
-            rules[content.uiValue1] = content;
+            content.lasts -= content.lasts == 0 ? 0 : AgeOf(rule, now); // which is less: it has not ended
+            rules[content.number] = content;
         }
     }
     return rules;
@@ -211,24 +198,20 @@ std::map<uint32_t, MessageRules::Content> MessageRules::For(uint32_t pid) {
 
 void MessageRules::BringTo(uint32_t pid) {
     std::map<uint32_t, Content> wanted = For(pid);
-    const AgentsRules present = AskFor(pid, Courier::kTimeoutMs);
-    const Tarn_sys_diag_MsgRuleInfo *const first = present->record.pstRule;
-    const auto *const end = first + present->record.uiRuleNum;
+    const std::vector<Content> present = RulesIn(AskFor(pid, Courier::kTimeoutMs)->record);
     const bool hasOthers =
-        std::any_of(first, end, [&](const auto &info) { return wanted.count(info.stRule.uiValue1) == 0; });
+        std::ranges::any_of(present, [&](const Content &rule) { return wanted.count(rule.number) == 0; });
     if (hasOthers) { // one can't be removed alone
         const auto cleared =
             line_.Ask(TARND_AGENT_METHOD(ClearMsgCtrlRule), pid, Tarn_sys_diag_None{}, Courier::kTimeoutMs);
         RequireResult("ClearMsgCtrlRule", pid, *cleared);
     } else {
-        std::for_each(first, end, [&](const auto &info) {
-            if (Alike(info.stRule, wanted.at(info.stRule.uiValue1))) {
-                wanted.erase(info.stRule.uiValue1);
-            }
+        std::erase_if(wanted, [&](const auto &entry) {
+            return std::ranges::any_of(present, [&](const Content &rule) { return Alike(rule, entry.second); });
         });
     }
-    for (const auto &[id, content] : wanted) {
-        const auto set = line_.Ask(TARND_AGENT_METHOD(UpdateMsgCtrlRule), pid, content, Courier::kTimeoutMs);
+    for (const auto &[number, content] : wanted) {
+        const auto set = line_.Ask(TARND_AGENT_METHOD(UpdateMsgCtrlRule), pid, ToRecord(content), Courier::kTimeoutMs);
         RequireResult("UpdateMsgCtrlRule", pid, *set);
     }
     if (hasOthers || !wanted.empty()) {
@@ -243,7 +226,7 @@ std::map<uint32_t, MessageRules::Matches> MessageRules::CountMatches(const std::
             const AgentsRules reply = AskFor(pid, std::min(timeLeftMs(), Courier::kTimeoutMs / 2));
             for (uint32_t i = 0; i < reply->record.uiRuleNum; ++i) {
                 const Tarn_sys_diag_MsgRuleInfo &info = reply->record.pstRule[i];
-                Matches &sum = sums[info.stRule.uiValue1];
+                Matches &sum = sums[host::meaning::FromRecord(info.stRule).number];
                 sum.matched += info.ullMatchNum;
                 sum.dropped += info.ullDropNum;
             }

@@ -11,6 +11,7 @@
 #include "host/daemon/agents/agent_line.h"
 #include "host/daemon/agents/agent_registry.h"
 #include "host/daemon/agents/courier.h"
+#include "host/meaning/message_rule.h"
 #include "host/osal/mutex.h"
 #include "host/procfs/procfs.h"
 #include "host/store/store.h"
@@ -20,7 +21,7 @@ namespace tarnd {
 
 class MessageRules {
 public:
-    using Content = Tarn_sys_diag_UpdateMsgCtrlRuleInput;
+    using Content = host::meaning::MessageRule;
 
     struct Rule {
         Content content;       // as it was set
@@ -41,7 +42,8 @@ public:
 
     static uint32_t AgeOf(const Rule &rule, host::WallTime now); // in seconds
 
-    // What the rules did, by id: the sum over the agents that answer in time. An agent has a part of what is left then.
+    // What the rules did, by number: the sum over the agents that answer in time. An agent has a part of what is left
+    // then.
     struct Matches {
         uint64_t matched = 0;
         uint64_t dropped = 0;
@@ -66,7 +68,7 @@ private:
     Courier &courier_;
     const Courier::Errand errand_;
     host::Mutex mutex_;
-    std::map<uint32_t, Rule> rules_ TARN_GUARDED_BY(mutex_); // by id
+    std::map<uint32_t, Rule> rules_ TARN_GUARDED_BY(mutex_); // by number
 };
 
 } // namespace tarnd

@@ -25,10 +25,10 @@ uint32_t GetMirelMemHandleInfoByTarnd(const Tarn_sys_diag_GetMirelMemHandleInfoI
 }
 
 uint32_t GetProcPartitionMemHandleRecodByTarnd(const Tarn_sys_diag_ProcPtRecodByTarndInput *request, void *replyCtx) {
+    const auto &[partition, handle, skip, most, inUse, process] = *request;
     return tarnd::Relay(host::methods::GetProcPartitionMemHandleRecodByTarnd, request, replyCtx,
-                        TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), request->uiTargetPid,
-                        Tarn_sys_diag_ProcPtRecodInput{request->uiPtParam1, request->uiPtParam2, request->uiPtParam3,
-                                                       request->uiPtParam4, request->uiPtParam5});
+                        TARND_AGENT_METHOD(GetProcPartitionMemHandleRecod), process,
+                        Tarn_sys_diag_ProcPtRecodInput{partition, handle, skip, most, inUse});
 }
 
 uint32_t GetMirelMemPtInfoByTarnd(const Tarn_sys_diag_GetMirelMemPtInfoByTarndInput *request, void *replyCtx) {
@@ -74,8 +74,9 @@ uint32_t GetMemDmgInfoTarnd(const Tarn_sys_diag_MemDmgInfoInTarnd *request, void
 }
 
 uint32_t TarnGetDlpCfgFromAgent(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {
+    const auto &[thread, withLoops, process] = *request;
     return tarnd::Relay(host::methods::TarnGetDlpCfgFromAgent, request, replyCtx, TARND_AGENT_METHOD(GetDeadLoopCfg),
-                        request->uiValue3, *request);
+                        process, *request);
 }
 
 uint32_t SetNoxTimerDebugSwitchByTarnd(const Tarn_sys_diag_SetNoxTimerDebugSwitchTarndInput *request, void *replyCtx) {

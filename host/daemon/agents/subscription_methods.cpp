@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "host/daemon/agents/relay.h"
+#include "host/meaning/unit.h"
 #include "host/osal/log.h"
-#include "host/values/agent.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
 
@@ -13,43 +13,33 @@ namespace tarnd {
 
 namespace {
 
-// "CPU memory"
-std::string EventsText(uint32_t events) {
-    std::string text;
-    for (const auto &[event, name] : {std::pair(TARN_AGENT_EVENT_CPU, "CPU"),
-                                      {TARN_AGENT_EVENT_MEMORY, "memory"},
-                                      {TARN_AGENT_EVENT_DESCRIPTORS, "descriptors"}}) {
-        if ((events & event) != 0) {
-            text += (text.empty() ? "" : " ") + std::string(name);
-        }
-    }
-    return text;
-}
-
 Tarn_sys_diag_SubscribeInfo Describe(const Subscriptions::Subscription &subscription) {
     Tarn_sys_diag_SubscribeInfo info{};
+    auto &[name, eventNames, events, process] = info;
     host::procfs::SkipEnded(
-        [&] { host::CopyText(info.szName1, Daemon::Serving().proc.ReadProcess(subscription.pid).name); });
-    host::CopyText(info.szName2, EventsText(subscription.events));
-    info.uiValue1 = subscription.events;
-    info.uiValue2 = subscription.pid;
+        [&, &to = name] { host::CopyText(to, Daemon::Serving().proc.ReadProcess(subscription.pid).name); });
+    host::CopyText(eventNames, host::meaning::NamesInSum(subscription.events, host::meaning::event::kAll));
+    events = subscription.events;
+    process = subscription.pid;
     return info;
 }
 
 void ListSubscriptions(const Tarn_sys_diag_GetSubscribeInfoInput &request,
                        host::Reply<Tarn_sys_diag_GetSubscribeInfoResult> &reply) {
+    const auto &[wanted, skip, askedProcess] = request;
+    auto &[subscriptionNum, subscriptions, reserved, events, matches, process] = reply.Members();
     std::vector<Tarn_sys_diag_SubscribeInfo> infos;
     for (const Subscriptions::Subscription &subscription : Daemon::Serving().subscriptions.List()) {
-        reply.uiValue2 |= subscription.events;
-        if (request.uiValue1 != 0 && (subscription.events & request.uiValue1) == 0) {
+        events |= subscription.events;
+        if (wanted != 0 && (subscription.events & wanted) == 0) {
             continue;
         }
-        if (reply.uiValue3++ >= request.uiValue2) {
+        if (matches++ >= skip) {
             infos.push_back(Describe(subscription));
         }
     }
-    reply.pstSubscribe = reply.Keep(std::move(infos), reply.uiSubscribeNum);
-    reply.uiValue4 = static_cast<uint32_t>(getpid());
+    subscriptions = reply.Keep(std::move(infos), subscriptionNum);
+    process = static_cast<uint32_t>(getpid());
 }
 
 void Subscribe(uint32_t pid, uint32_t events) {
@@ -64,14 +54,16 @@ void Subscribe(uint32_t pid, uint32_t events) {
 } // namespace tarnd
 
 uint32_t TarnAppSubscribe(const Tarn_sys_diag_AppSubscribeInput *request, void *replyCtx) {
-    return host::AnswerResult(host::methods::TarnAppSubscribe, request, replyCtx,
-                              [&] { tarnd::Subscribe(request->uiValue1, request->uiValue2); });
+    return host::AnswerResult(host::methods::TarnAppSubscribe, request, replyCtx, [&] {
+        const auto &[process, events] = *request;
+        tarnd::Subscribe(process, events);
+    });
 }
 
 uint32_t TarnGetSubscribeInfoTarnd(const Tarn_sys_diag_GetSubscribeInfoInput *request, void *replyCtx) {
-    if (request->uiValue3 != 0) {
+    if (const auto &[events, skip, process] = *request; process != 0) {
         return tarnd::Relay(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(TarnGetSubscribe), request->uiValue3, *request);
+                            TARND_AGENT_METHOD(TarnGetSubscribe), process, *request);
     }
     return host::Answer(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
                         [&](auto &reply) { tarnd::ListSubscriptions(*request, reply); });

@@ -2,16 +2,9 @@
 
 #include <utility>
 
-#include "host/osal/error.h"
-#include "host/values/agent.h"
-
 namespace tarnd {
 
 uint32_t Subscriptions::Set(uint32_t pid, uint32_t events) {
-    constexpr uint32_t kAllEvents = TARN_AGENT_EVENT_CPU | TARN_AGENT_EVENT_MEMORY | TARN_AGENT_EVENT_DESCRIPTORS;
-    if ((events & ~kAllEvents) != 0) {
-        throw host::BadValue("uiValue2", events, "a sum of 2, 4 and 8");
-    }
     const uint64_t start = proc_.ReadProcess(pid).startTicks;
     const host::MutexLock lock(mutex_);
     const Subscription before = std::exchange(subscriptions_[pid], {pid, events, start});

@@ -14,7 +14,7 @@ class Subscriptions {
 public:
     struct Subscription {
         uint32_t pid;
-        uint32_t events; // TARN_AGENT_EVENT_...
+        uint32_t events; // a sum of host::meaning::event
         uint64_t processStart;
     };
 

@@ -13,13 +13,16 @@
 #include "host/daemon/health/resource_levels.h"
 #include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/pressure.h"
+#include "host/meaning/choices.h"
 #include "host/osal/error.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
 namespace {
+
+namespace health_level = host::meaning::health_level;
+namespace system_health_item = host::meaning::system_health_item;
+namespace system_health_level = host::meaning::system_health_level;
 
 std::string Percent(uint32_t permille) {
     return fmt::format("{}.{} %", permille / 10, permille % 10);
@@ -27,9 +30,9 @@ std::string Percent(uint32_t permille) {
 
 // Bad is what lies beyond the middle between the limit and the whole.
 uint32_t LevelOfShare(uint32_t permille, uint32_t limit) {
-    return permille < limit                        ? TARN_AGENT_HEALTH_GOOD
-           : permille < limit + (1000 - limit) / 2 ? TARN_AGENT_HEALTH_DEGRADED
-                                                   : TARN_AGENT_HEALTH_BAD;
+    return permille < limit                        ? health_level::kGood
+           : permille < limit + (1000 - limit) / 2 ? health_level::kDegraded
+                                                   : health_level::kBad;
 }
 
 double LoadOf(const host::procfs::Procfs &proc) {
@@ -58,38 +61,43 @@ public:
     Examination(const HealthExaminer &of, uint8_t function) : of_(of), function_(function) {}
 
     std::vector<HealthItem> Run() {
-        Look(TARND_HEALTH_CPU, "cpu", [&](uint32_t limit) {
+        Look(system_health_item::kCpu, [&](const std::string &name, uint32_t limit) {
             const uint32_t use = CpuUsePermille(of_.sampler_, std::chrono::seconds(10));
-            AddShare("cpu", use, limit, "of all CPUs' time in the last 10 s");
+            AddShare(name, use, limit, "of all CPUs' time in the last 10 s");
         });
-        LookAtPressure(TARND_HEALTH_CPU_PRESSURE, "cpu");
-        Look(TARND_HEALTH_MEMORY, "memory", [&](uint32_t limit) {
-            AddShare("memory", UsedPermille(of_.sampler_.Latest()->system.memory), limit, "of the memory in use");
+        LookAtPressure(system_health_item::kCpuPressure, "cpu");
+        Look(system_health_item::kMemory, [&](const std::string &name, uint32_t limit) {
+            AddShare(name, UsedPermille(of_.sampler_.Latest()->system.memory), limit, "of the memory in use");
         });
-        LookAtPressure(TARND_HEALTH_MEMORY_PRESSURE, "memory");
-        LookAtPressure(TARND_HEALTH_IO_PRESSURE, "io");
+        LookAtPressure(system_health_item::kMemoryPressure, "memory");
+        LookAtPressure(system_health_item::kIoPressure, "io");
         for (const std::string &directory : of_.directories_) { // those that the daemon itself writes to
-            Look(TARND_HEALTH_DISK, "disk " + directory, [&](uint32_t limit) { AddDisk(directory, limit); });
+            Look(
+                system_health_item::kDisk,
+                [&](const std::string &name, uint32_t limit) { AddDisk(name, directory, limit); }, " " + directory);
         }
-        Look(TARND_HEALTH_DESCRIPTORS, "descriptors", [&](uint32_t limit) {
-            const uint32_t use = DescriptorUsePermille(of_.proc_);
-            AddShare("descriptors", use, limit, "of the files that the system may have open");
+        Look(system_health_item::kDescriptors, [&](const std::string &name, uint32_t limit) {
+            AddShare(name, DescriptorUsePermille(of_.proc_), limit, "of the files that the system may have open");
         });
-        Look(TARND_HEALTH_LOAD, "load", [&](uint32_t limit) { AddLoad(limit); });
-        Look(TARND_HEALTH_AGENTS, "agents", [&](uint32_t) { AddAgents(); });
+        Look(system_health_item::kLoad, [&](const std::string &name, uint32_t limit) { AddLoad(name, limit); });
+        Look(system_health_item::kAgents, [&](const std::string &, uint32_t) { AddAgents(); });
         return std::move(items_);
     }
 
 private:
     // What can't be told is an item that says why.
-    void Look(uint8_t function, const std::string &name, const std::function<void(uint32_t limit)> &look) {
+    void Look(const host::meaning::Choice &item,
+              const std::function<void(const std::string &name, uint32_t limit)> &look,
+              const std::string &ofItem = "") {
+        const auto function = static_cast<uint8_t>(item);
         if ((function_ != 0 && function_ != function) || !of_.settings_.IsOn(function)) {
             return;
         }
+        const std::string name = std::string(item.name) + ofItem;
         try {
-            look(of_.settings_.LimitOf(function));
+            look(name, of_.settings_.LimitOf(function));
         } catch (const std::system_error &error) {
-            Add(TARND_HEALTH_UNKNOWN, name, error.what());
+            Add(system_health_level::kUnknown, name, error.what());
         }
     }
 
@@ -102,40 +110,39 @@ private:
             fmt::format("{} {}, limit {}", Percent(permille), ofWhat, Percent(limit)));
     }
 
-    void LookAtPressure(uint8_t function, const std::string &resource) {
-        Look(function, resource + " pressure", [&](uint32_t limit) {
-            AddShare(resource + " pressure", ReadPressure(of_.proc_, resource), limit,
-                     "of the last 10 s some task waited");
+    void LookAtPressure(const host::meaning::Choice &item, const std::string &resource) {
+        Look(item, [&](const std::string &name, uint32_t limit) {
+            AddShare(name, ReadPressure(of_.proc_, resource), limit, "of the last 10 s some task waited");
         });
     }
 
-    void AddDisk(const std::string &directory, uint32_t limit) {
+    void AddDisk(const std::string &name, const std::string &directory, uint32_t limit) {
         struct statvfs status {};
         if (statvfs(directory.c_str(), &status) != 0) {
             host::Fail(errno, directory);
         }
         const auto [space, files] = DiskUseOf(status);
-        AddShare("disk " + directory, std::max(space, files), limit,
+        AddShare(name, std::max(space, files), limit,
                  files > space ? "of the number of files in use"
                                : fmt::format("of the space in use, {} MiB free",
                                              status.f_bavail * status.f_frsize / (1024 * 1024)));
     }
 
-    void AddLoad(uint32_t limit) {
+    void AddLoad(const std::string &name, uint32_t limit) {
         const double load = LoadOf(of_.proc_);
         const auto perCpu =
             static_cast<uint32_t>(std::lround(load * 1000 / static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN))));
-        const uint32_t level = perCpu < limit       ? TARN_AGENT_HEALTH_GOOD
-                               : perCpu / 2 < limit ? TARN_AGENT_HEALTH_DEGRADED
-                                                    : TARN_AGENT_HEALTH_BAD;
-        Add(level, "load",
+        const uint32_t level = perCpu < limit       ? health_level::kGood
+                               : perCpu / 2 < limit ? health_level::kDegraded
+                                                    : health_level::kBad;
+        Add(level, name,
             fmt::format("{:.2f} in the last minute, {:.2f} for each CPU, limit {:.2f}", load, perCpu / 1000.0,
                         limit / 1000.0));
     }
 
     void AddAgents() {
         for (const AgentHealth &agent : of_.probe_.Health()) {
-            const uint32_t level = agent.answers ? agent.worstLevel : TARN_AGENT_HEALTH_BAD;
+            const uint32_t level = agent.answers ? agent.worstLevel : health_level::kBad;
             const std::string text = !agent.answers            ? "does not answer: " + agent.complaint
                                      : agent.complaint.empty() ? fmt::format("answered after {} ms", agent.answerMs)
                                                                : agent.complaint;
@@ -149,9 +156,6 @@ private:
 };
 
 std::vector<HealthItem> HealthExaminer::Examine(uint8_t function) const {
-    if (function != 0 && (function < TARND_HEALTH_FIRST || function > TARND_HEALTH_LAST)) {
-        throw host::BadValue("ucValue", function, fmt::format("0 or {} to {}", TARND_HEALTH_FIRST, TARND_HEALTH_LAST));
-    }
     return Examination(*this, function).Run();
 }
 

@@ -18,7 +18,7 @@
 namespace tarnd {
 
 struct HealthItem {
-    uint32_t level; // TARN_AGENT_HEALTH_..., TARND_HEALTH_UNKNOWN
+    uint32_t level; // host::meaning::system_health_level
     std::string name;
     std::string source;
     std::string text;
@@ -42,7 +42,7 @@ public:
         directories_.erase("");
     }
 
-    // By one function, or by all, 0. Throws EINVAL for none of the daemon's.
+    // By one item, or by all, 0.
     std::vector<HealthItem> Examine(uint8_t function) const;
 
 private:

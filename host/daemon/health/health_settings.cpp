@@ -2,75 +2,64 @@
 
 #include <fmt/format.h>
 
-#include "host/osal/error.h"
+#include "host/meaning/methods.h"
 #include "host/osal/log.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
 namespace {
 
+namespace system_health_item = host::meaning::system_health_item;
+
 constexpr char kDocument[] = "health";
 constexpr uint32_t kVersion = 1;
 
-bool IsOfDaemon(uint8_t function) {
-    return function >= TARND_HEALTH_FIRST;
+bool IsOfDaemon(uint32_t item) {
+    return item >= system_health_item::kFirst;
 }
 
-bool IsShare(uint8_t function) {
-    return function != TARND_HEALTH_LOAD && function != TARND_HEALTH_AGENTS && function != TARND_HEALTH_CPU_TIME;
+bool IsShare(uint32_t item) {
+    return item != system_health_item::kLoad && item != system_health_item::kAgents &&
+           item != system_health_item::kCpuEventTime;
 }
 
-uint32_t DefaultLimit(uint8_t function) {
-    switch (function) {
-    case TARND_HEALTH_CPU:
+uint32_t DefaultLimit(uint32_t item) {
+    switch (item) {
+    case system_health_item::kCpu:
+    case system_health_item::kMemory:
+    case system_health_item::kDisk:
         return 900;
-    case TARND_HEALTH_CPU_PRESSURE:
+    case system_health_item::kCpuPressure:
+    case system_health_item::kIoPressure:
         return 300;
-    case TARND_HEALTH_MEMORY:
-        return 900;
-    case TARND_HEALTH_MEMORY_PRESSURE:
+    case system_health_item::kMemoryPressure:
         return 100;
-    case TARND_HEALTH_IO_PRESSURE:
-        return 300;
-    case TARND_HEALTH_DISK:
-        return 900;
-    case TARND_HEALTH_DESCRIPTORS:
+    case system_health_item::kDescriptors:
         return 800;
-    case TARND_HEALTH_LOAD:
+    case system_health_item::kLoad:
         return 2000;
-    case TARND_HEALTH_AGENTS:
+    case system_health_item::kAgents:
         return Courier::kTimeoutMs;
-    case TARND_HEALTH_ONE_CPU:
+    case system_health_item::kCpuEvent:
         return 950;
-    case TARND_HEALTH_CPU_TIME:
+    case system_health_item::kCpuEventTime:
         return 3000;
     default:
         return 0;
     }
 }
 
-void CheckSwitch(const char *member, uint8_t value) {
-    if (value > 1) {
-        throw host::BadValue(member, value, "0 or 1");
-    }
-}
-
-void Check(uint8_t function, uint32_t limit) {
-    if (IsOfDaemon(function) && DefaultLimit(function) == 0) {
-        throw host::BadValue(
-            "ucFunction", function,
-            fmt::format("0 to {} or {} to {}", TARND_HEALTH_FIRST - 1, TARND_HEALTH_FIRST, TARND_HEALTH_LAST));
-    }
-    if (function == 0 && limit != 0) {
-        throw host::BadValue("uiValue", limit, "0, as functions have limits of their own");
-    }
-    if (IsOfDaemon(function) && IsShare(function) && limit > 1000) {
-        throw host::BadValue("uiValue", limit, "a share of at most 1000");
-    }
-    if (function == TARND_HEALTH_AGENTS && limit > Courier::kTimeoutMs) {
-        throw host::BadValue("uiValue", limit, fmt::format("at most {} ms", Courier::kTimeoutMs));
-    }
+void CheckLimit(uint32_t item, uint32_t limit) {
+    const auto check = [limit](bool holds, const std::string &expected) {
+        if (!holds) {
+            const auto &method = host::methods::TarnPadsSetPadsAppFunSwitchByTarnd;
+            throw host::meaning::BadMember(method, "limit", limit, expected);
+        }
+    };
+    check(item != 0 || limit == 0, "0, as items have limits of their own");
+    check(!IsOfDaemon(item) || !IsShare(item) || limit <= 1000, "a share of at most 1000");
+    check(item != system_health_item::kAgents || limit <= Courier::kTimeoutMs,
+          fmt::format("at most {} ms", Courier::kTimeoutMs));
 }
 
 } // namespace
@@ -81,9 +70,11 @@ HealthSettings::HealthSettings(host::Store &store, AgentLine &line, Courier &cou
     store_.Load(kDocument, kVersion, [this](const host::Document &content) TARN_REQUIRES(mutex_) {
         Functions functions;
         for (const host::Document &entry : content.ArrayAt("functions")) {
-            const auto id = entry.Get<uint8_t>("function");
-            functions[id] = {entry.Get<bool>("on"), entry.Get<uint32_t>("limit")};
-            Check(id, functions[id].limit);
+            const Tarn_sys_diag_PadsAppFunSwitch one{entry.Get<uint8_t>("function"), entry.Get<bool>("on"),
+                                                     entry.Get<uint32_t>("limit")};
+            host::meaning::Check(host::methods::TarnPadsSetPadsAppFunSwitchByTarnd, one);
+            CheckLimit(one.ucFunction, one.uiValue);
+            functions[one.ucFunction] = {one.ucSwitch == 1, one.uiValue};
         }
         allOn_ = content.Get<bool>("on");
         functions_ = std::move(functions);
@@ -101,32 +92,31 @@ void HealthSettings::Keep(bool allOn, Functions functions) {
     courier_.SendToAll(errand_);
 }
 
-void HealthSettings::SwitchAll(uint8_t on) {
-    CheckSwitch("ucGlobalSwitch", on);
+void HealthSettings::SwitchAll(bool on) {
     const host::MutexLock lock(mutex_);
-    Keep(on == 1, functions_);
-    host::Log().info("health: {}", on == 1 ? "on" : "off");
+    Keep(on, functions_);
+    host::Log().info("health: {}", on ? "on" : "off");
 }
 
 void HealthSettings::SwitchFunction(const Tarn_sys_diag_PadsAppFunSwitch &request) {
-    CheckSwitch("ucSwitch", request.ucSwitch);
-    Check(request.ucFunction, request.uiValue);
+    const auto &[item, isOn, limit] = request;
+    const bool on = isOn == 1;
+    CheckLimit(item, limit);
     const host::MutexLock lock(mutex_);
     Functions functions = functions_;
-    if (request.ucFunction == 0) {
-        for (unsigned id = TARND_HEALTH_FIRST; id <= TARND_HEALTH_LAST; ++id) {
-            functions[static_cast<uint8_t>(id)].on = request.ucSwitch == 1;
+    if (item == 0) {
+        for (const host::meaning::Choice &one : system_health_item::kAll) {
+            functions[one].on = on;
         }
         for (auto &[id, function] : functions) {
-            function.on = request.ucSwitch == 1;
+            function.on = on;
         }
     }
-    Function &function = functions[request.ucFunction];
-    function.on = request.ucSwitch == 1;
-    function.limit = request.uiValue != 0 ? request.uiValue : function.limit;
+    Function &function = functions[item];
+    function.on = on;
+    function.limit = limit != 0 ? limit : function.limit;
     Keep(allOn_, std::move(functions));
-    host::Log().info("health function {}: {}, limit {}", request.ucFunction, request.ucSwitch == 1 ? "on" : "off",
-                     request.uiValue);
+    host::Log().info("health function {}: {}, limit {}", item, on ? "on" : "off", limit);
 }
 
 bool HealthSettings::AllOn() const {
@@ -134,16 +124,16 @@ bool HealthSettings::AllOn() const {
     return allOn_;
 }
 
-bool HealthSettings::IsOn(uint8_t function) const {
+bool HealthSettings::IsOn(uint32_t item) const {
     const host::MutexLock lock(mutex_);
-    const auto set = functions_.find(function);
+    const auto set = functions_.find(item);
     return allOn_ && (set == functions_.end() || set->second.on);
 }
 
-uint32_t HealthSettings::LimitOf(uint8_t function) const {
+uint32_t HealthSettings::LimitOf(uint32_t item) const {
     const host::MutexLock lock(mutex_);
-    const auto set = functions_.find(function);
-    return set == functions_.end() || set->second.limit == 0 ? DefaultLimit(function) : set->second.limit;
+    const auto set = functions_.find(item);
+    return set == functions_.end() || set->second.limit == 0 ? DefaultLimit(item) : set->second.limit;
 }
 
 std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
@@ -151,7 +141,7 @@ std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {
     std::vector<Tarn_sys_diag_PadsAppFunSwitch> switches; // 0, which stands for all, is the first
     for (const auto &[id, function] : functions_) {
         if (!IsOfDaemon(id)) {
-            switches.push_back({id, function.on, function.limit});
+            switches.push_back({static_cast<uint8_t>(id), function.on, function.limit});
         }
     }
     return switches;

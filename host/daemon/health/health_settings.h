@@ -19,13 +19,13 @@ public:
     HealthSettings(host::Store &store, AgentLine &line, Courier &courier);
 
     // All of it. Both are kept beyond a restart, and brought to the agents.
-    void SwitchAll(uint8_t on);
+    void SwitchAll(bool on);
     // One function of the daemon or of the agents, or 0: all functions of both.
     void SwitchFunction(const Tarn_sys_diag_PadsAppFunSwitch &request);
 
     bool AllOn() const;
-    bool IsOn(uint8_t function) const; // and all
-    uint32_t LimitOf(uint8_t function) const;
+    bool IsOn(uint32_t item) const; // and all
+    uint32_t LimitOf(uint32_t item) const;
 
     // What was set of the agents' functions, in the order in which it is to be told.
     std::vector<Tarn_sys_diag_PadsAppFunSwitch> OfAgents() const;
@@ -35,7 +35,7 @@ private:
         bool on = true;
         uint32_t limit = 0; // 0: as it is without a setting
     };
-    using Functions = std::map<uint8_t, Function>;
+    using Functions = std::map<uint32_t, Function>;
 
     void Keep(bool allOn, Functions functions) TARN_REQUIRES(mutex_);
     void BringTo(uint32_t pid); // tells an agent how the health function is set

@@ -6,14 +6,17 @@
 
 #include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/rates.h"
+#include "host/meaning/choices.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "host/values/agent.h"
-#include "host/values/daemon.h"
 
 namespace tarnd {
 
 namespace {
+
+namespace resource = host::meaning::resource;
+namespace resource_level = host::meaning::resource_level;
+namespace system_health_item = host::meaning::system_health_item;
 
 constexpr std::chrono::seconds kCpuInterval{3};
 // A resource that is used a little less than its limit has not recovered yet: else its subscribers were told at each
@@ -21,24 +24,24 @@ constexpr std::chrono::seconds kCpuInterval{3};
 constexpr uint32_t kHysteresis = 20;
 
 struct Resource {
-    uint8_t id;
-    uint8_t function; // whose limit counts
-    const char *name;
+    host::meaning::Choice id;
+    host::meaning::Choice item; // whose limit counts
 };
 
 constexpr std::array<Resource, 3> kResources{{
-    {TARN_AGENT_RESOURCE_CPU, TARND_HEALTH_CPU, "CPU"},
-    {TARN_AGENT_RESOURCE_MEMORY, TARND_HEALTH_MEMORY, "memory"},
-    {TARN_AGENT_RESOURCE_DESCRIPTORS, TARND_HEALTH_DESCRIPTORS, "descriptors"},
+    {resource::kCpu, system_health_item::kCpu},
+    {resource::kMemory, system_health_item::kMemory},
+    {resource::kDescriptors, system_health_item::kDescriptors},
 }};
 
-// 0 normal, 1 near its limit, 2 overloaded.
-uint8_t LevelOf(uint32_t use, uint32_t limit, uint8_t before) {
+host::meaning::Choice LevelOf(uint32_t use, uint32_t limit, uint8_t before) {
     const uint32_t over = limit + (1000 - limit) / 2;
-    const auto reached = [&](uint32_t threshold, uint8_t level) {
+    const auto reached = [&](uint32_t threshold, uint32_t level) {
         return use >= threshold || (before >= level && use + kHysteresis >= threshold);
     };
-    return reached(over, 2) ? 2 : reached(limit, 1) ? 1 : 0;
+    return reached(over, resource_level::kOverloaded)   ? resource_level::kOverloaded
+           : reached(limit, resource_level::kNearLimit) ? resource_level::kNearLimit
+                                                        : resource_level::kNormal;
 }
 
 } // namespace
@@ -77,11 +80,11 @@ void ResourceLevels::Look() {
     }
 }
 
-uint32_t ResourceLevels::Use(uint8_t resource) const {
+uint32_t ResourceLevels::Use(uint32_t resource) const {
     switch (resource) {
-    case TARN_AGENT_RESOURCE_CPU:
+    case resource::kCpu:
         return CpuUsePermille(sampler_, kCpuInterval);
-    case TARN_AGENT_RESOURCE_MEMORY:
+    case resource::kMemory:
         return UsedPermille(sampler_.Latest()->system.memory);
     default:
         return DescriptorUsePermille(proc_);
@@ -91,16 +94,17 @@ uint32_t ResourceLevels::Use(uint8_t resource) const {
 // Whether there is something to tell.
 bool ResourceLevels::Note(size_t index, uint32_t use) {
     const Resource &resource = kResources[index];
-    const bool on = settings_.IsOn(resource.function);
+    const bool on = settings_.IsOn(resource.item);
     const host::MutexLock lock(mutex_);
     Info &info = infos_[index];
-    const uint8_t level = on ? LevelOf(use, settings_.LimitOf(resource.function), info.ucLevel) : 0;
+    const host::meaning::Choice level =
+        on ? LevelOf(use, settings_.LimitOf(resource.item), info.ucLevel) : resource_level::kNormal;
     if (level != info.ucLevel) {
-        host::Log().info("{}: level {}, before {}, {} permille in use", resource.name, level, info.ucLevel, use);
+        host::Log().info("{}: {}, {} permille in use", resource.id.name, level.name, use);
     }
     // At the first look, who has subscribed before has heard nothing.
     const bool tell = level != info.ucLevel || info.ucResource == 0;
-    info = {resource.id, level, static_cast<uint16_t>(use)};
+    info = {static_cast<uint8_t>(resource.id), static_cast<uint8_t>(level), static_cast<uint16_t>(use)};
     return tell;
 }
 

@@ -33,7 +33,7 @@ private:
 
     void Look();
     bool Note(size_t index, uint32_t use);
-    uint32_t Use(uint8_t resource) const;
+    uint32_t Use(uint32_t resource) const;
     void BringTo(uint32_t pid);
 
     Sampler &sampler_;

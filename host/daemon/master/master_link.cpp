@@ -6,11 +6,9 @@
 
 #include <fmt/format.h>
 
-#include "host/osal/error.h"
+#include "host/meaning/methods.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
-#include "host/values/daemon.h"
-#include "host/values/master.h"
 
 namespace tarnd {
 
@@ -74,23 +72,28 @@ void MasterLink::RunDue() {
 void MasterLink::SendMemoryThresholds() {
     const MemoryThresholds thresholds = memoryOverload_.Thresholds();
     Tarn_sys_diag_OvLoadMemCtlOutput request{};
-    host::CopyText(request.acName1, kSystem);
-    host::CopyText(request.acName3, fmt::format("tarnd {}", getpid()));
-    request.uiValue1 = thresholds.over;
-    request.uiValue2 = thresholds.recover;
+    auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = request;
+    host::CopyText(name, kSystem);
+    host::CopyText(changedBy, fmt::format("tarnd {}", getpid()));
+    beginsAt = thresholds.over;
+    endsBelow = thresholds.recover;
     line_.Ask("MemChangeInnerConfig", TarnSysdiagMaster_MemChangeInnerConfig, request, [](const auto &) {});
 }
 
+// What the master has configured is checked as a client's request is.
 void MasterLink::FetchClock() {
     bool zoned = false;
     line_.Ask("GetTimezone", TarnSysdiagMaster_GetTimezone, Tarn_sys_diag_None{}, [&](const auto &reply) {
-        if (reply.uiValue1 == TARN_MASTER_CONFIGURED) {
-            localClock_.SetZone(host::FromRecord(reply.stTimezone), kSource);
+        const auto &[source, zone] = reply;
+        if (source == host::meaning::settings_source::kConfigured) {
+            host::meaning::Check(host::methods::SetTimezone, {zone});
+            localClock_.SetZone(host::FromRecord(zone), kSource);
             zoned = true;
         }
     });
     line_.Ask("GetDst", TarnSysdiagMaster_GetDst, Tarn_sys_diag_None{}, [&](const auto &reply) {
         if (zoned) { // a zone without a rule saves no daylight
+            host::meaning::Check(host::methods::SetDst, {reply.stDst});
             localClock_.SetDst(host::FromRecord(reply.stDst), kSource);
         }
     });
@@ -100,29 +103,33 @@ void MasterLink::FetchOverload() {
     Tarn_sys_diag_OvLoadCpuCtlInput ofCpu{};
     host::CopyText(ofCpu.acName1, kSystem);
     line_.Ask("GetCpuOvLoadCfgInfo", TarnSysdiagMaster_GetCpuOvLoadCfgInfo, ofCpu, [this](const auto &reply) {
-        if (reply.uiValue1 > 1000 || reply.uiValue2 > reply.uiValue1 || reply.uiValue3 > TARND_OVERLOAD_MAX_S) {
-            throw host::BadValue("a CPU overload configuration",
-                                 fmt::format("{}, {}, {}", reply.uiValue1, reply.uiValue2, reply.uiValue3),
-                                 "two shares, the second not above the first, and seconds");
-        }
-        cpuOverload_.SetSystem({reply.uiValue1, reply.uiValue2, reply.uiValue3});
-        host::Log().info("CPU overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
+        const auto &[name, variant, beginsAt, endsBelow, mustLast, timesRead] = reply;
+        host::meaning::Check(host::methods::SysOvLoadCpuThresholdSet, {beginsAt, endsBelow, mustLast});
+        cpuOverload_.SetSystem({beginsAt, endsBelow, mustLast});
+        host::Log().info("CPU overload {} to {} permille from {}", beginsAt, endsBelow, kSource);
     });
     Tarn_sys_diag_OvLoadMemCtlInput ofMemory{};
     host::CopyText(ofMemory.acName1, kSystem);
     line_.Ask("GetMemoryOvLoadCfgInfo", TarnSysdiagMaster_GetMemoryOvLoadCfgInfo, ofMemory, [this](const auto &reply) {
-        memoryOverload_.Set({reply.uiValue1, reply.uiValue2});
-        host::Log().info("memory overload {} to {} permille from {}", reply.uiValue1, reply.uiValue2, kSource);
+        const auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = reply;
+        host::meaning::Check(host::methods::SysOvLoadMemThresholdSet, {beginsAt, endsBelow});
+        memoryOverload_.Set({beginsAt, endsBelow});
+        host::Log().info("memory overload {} to {} permille from {}", beginsAt, endsBelow, kSource);
     });
 }
 
 void MasterLink::FetchMeasurement() {
     line_.Ask("SysdiagGetDimCfgInfo", TarnSysdiagMaster_SysdiagGetDimCfgInfo, Tarn_sys_diag_None{},
               [this](const auto &reply) {
-                  measurement_.SetTimes({reply.ucValue1, reply.ucValue2});
+                  host::meaning::Check(host::methods::TarnSetDimTimeCfgByTarnd, reply);
+                  const auto &[hour, minute] = reply;
+                  measurement_.SetTimes({hour, minute});
               });
     line_.Ask("SysdiagGetDimWorkMode", TarnSysdiagMaster_SysdiagGetDimWorkMode, Tarn_sys_diag_None{},
-              [this](const auto &reply) { measurement_.SetMode(reply.uiWorkMode); });
+              [this](const auto &reply) {
+                  host::meaning::Check(host::methods::TarnSetDimWorkModeCfgByTarnd, reply);
+                  measurement_.SetMode(reply.uiWorkMode);
+              });
 }
 
 } // namespace tarnd

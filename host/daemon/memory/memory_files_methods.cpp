@@ -19,7 +19,8 @@ std::string_view Tail(std::string_view path, size_t most) {
 Tarn_sys_diag_SysOsMemFile Describe(const std::string &name, const struct stat &status, UserNames &names) {
     Tarn_sys_diag_SysOsMemFile record{};
     auto &[changed, owner, permissions, path, taken] = record;
-    host::CopyText(changed, Daemon::Serving().clock.Text(std::chrono::system_clock::from_time_t(status.st_mtime)));
+    host::CopyText(changed,
+                   Daemon::Serving().clock.TextWithoutZone(std::chrono::system_clock::from_time_t(status.st_mtime)));
     host::CopyText(owner, names.User(status.st_uid) + ":" + names.Group(status.st_gid));
     host::CopyText(permissions, ModeText(status.st_mode));
     host::CopyText(path, Tail(name, sizeof path - 1));

@@ -65,8 +65,9 @@ std::string FunctionText(const StackFrame &frame) {
 std::string RecordText(const FaultRecord &record) {
     const FaultHead &head = record.head;
     std::string text = fmt::format(
-        "{}.{:03} process {} ({}), thread {} ({}), agent {}\n  {}\n",
-        Daemon::Serving().clock.Text(static_cast<time_t>(head.timeNs / 1000000000)), head.timeNs / 1000000 % 1000,
+        "{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
+        Daemon::Serving().clock.Text(host::WallTime(std::chrono::nanoseconds(head.timeNs)),
+                                     host::Precision::kMilliseconds),
         head.pid, host::LineOfText(head.process), head.tid, host::LineOfText(head.thread), host::LineOfText(head.agent),
         head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::LineOfText(head.text));
     for (uint32_t i = 0; i < head.registerNum; ++i) {

@@ -21,6 +21,7 @@ using host::Millis;
 
 constexpr const char *kDocument = "clock";
 constexpr uint32_t kVersion = 1;
+constexpr const char *kTime = "time (stTime)"; // what requests call it
 constexpr const char *kZones = "/usr/share/zoneinfo";
 
 // Replaced in one step, as whoever reads the zone expects.
@@ -46,9 +47,10 @@ void SetSystemClock(GmtTime to) {
     }
 }
 
-host::DateFormat CheckedDateFormat(uint32_t format) {
+host::DateFormat DateFormatOf(const Document &content) {
+    const auto format = content.Get<uint32_t>("dateFormat");
     if (format > static_cast<uint32_t>(host::DateFormat::kMonthDayYear)) {
-        throw host::BadValue("uiDateFormat", format, "0 year-month-day, 1 day-month-year or 2 month-day-year");
+        throw host::BadValue("dateFormat", format, "0 to 2");
     }
     return static_cast<host::DateFormat>(format);
 }
@@ -72,7 +74,7 @@ Document ToDocument(const ClockSettings &settings) {
 ClockSettings FromDocument(const Document &content) {
     ClockSettings settings;
     settings.shift = Millis(content.Get<int64_t>("shiftMs"));
-    settings.dateFormat = CheckedDateFormat(content.Get<uint32_t>("dateFormat"));
+    settings.dateFormat = DateFormatOf(content);
     if (const Document *const zone = content.Find("zone")) {
         settings.zone = host::CheckedZone({zone->Get<std::string>("name"), zone->Get<int32_t>("offsetMinutes")});
     }
@@ -114,12 +116,12 @@ void LocalClock::SetDst(const std::optional<host::DstRule> &rule, const char *so
 
 void LocalClock::SetGmt(const Tarn_sys_diag_Systime &time) {
     const host::MutexLock lock(mutex_);
-    SetNow(GmtTime(host::FromRecord(time, "stTime").time_since_epoch()));
+    SetNow(GmtTime(host::FromRecord(time, kTime).time_since_epoch()));
 }
 
 void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     const host::MutexLock lock(mutex_);
-    const LocalMillis local = host::FromRecord(time, "stTime");
+    const LocalMillis local = host::FromRecord(time, kTime);
     if (settings_.zone) {
         SetNow(host::WallClock(*settings_.zone, settings_.dst).ToGmt(local));
         return;
@@ -134,32 +136,31 @@ void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     fields.tm_isdst = -1;
     const time_t seconds = mktime(&fields);
     if (fields.tm_hour != time.ucHour || fields.tm_min != time.ucMinute) {
-        throw host::BadValue("stTime", host::TextOf(local), "a time that the clock does not skip when it goes forward");
+        throw host::BadValue(kTime, host::TextOf(local), "a time that the clock does not skip when it goes forward");
     }
     SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)));
 }
 
-void LocalClock::SetDateFormat(uint32_t format) {
+void LocalClock::SetDateFormat(host::DateFormat format) {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
-    changed.dateFormat = CheckedDateFormat(format);
-    Change(std::move(changed), fmt::format("date format {}", format));
+    changed.dateFormat = format;
+    Change(std::move(changed), fmt::format("date format {}", static_cast<uint32_t>(format)));
     host::Log().info("the date is now {}", host::TextOf(Local(clocks_.WallNow()), settings_.dateFormat));
 }
 
 Tarn_sys_diag_Systime LocalClock::LocalTime(host::WallTime when) const {
-    const host::MutexLock lock(mutex_);
-    return host::ToRecord(Local(when));
+    return host::ToRecord(Shown(when));
 }
 
-LocalMillis LocalClock::LocalNow() const {
+LocalMillis LocalClock::Shown(host::WallTime when) const {
     const host::MutexLock lock(mutex_);
-    return Local(clocks_.WallNow());
+    return Local(when).local;
 }
 
-std::string LocalClock::Text(host::WallTime when) const {
+std::string LocalClock::Text(host::WallTime when, host::Precision precision) const {
     const host::MutexLock lock(mutex_);
-    return host::TextOf(Local(when), settings_.dateFormat);
+    return host::TextOf(Local(when), settings_.dateFormat, precision);
 }
 
 std::string LocalClock::PosixZone() const {
@@ -168,15 +169,18 @@ std::string LocalClock::PosixZone() const {
     return settings_.zone ? host::PosixText(*settings_.zone, settings_.dst, now) : "";
 }
 
-LocalMillis LocalClock::Local(host::WallTime when) const {
-    const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
-    if (settings_.zone) {
-        return host::WallClock(*settings_.zone, settings_.dst).ToLocal(gmt);
+std::string LocalClock::TextWithoutZone(host::WallTime when) const {
+    const host::MutexLock lock(mutex_);
+    return host::TextOf(Local(when).local, settings_.dateFormat);
+}
+
+host::ZonedTime LocalClock::Local(host::WallTime when) const {
+    if (!settings_.zone) {
+        return host::SystemsTime(when + settings_.shift);
     }
-    const time_t seconds = std::chrono::system_clock::to_time_t(gmt);
-    tm fields{};
-    localtime_r(&seconds, &fields);
-    return LocalMillis(gmt.time_since_epoch() + std::chrono::seconds(fields.tm_gmtoff));
+    const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
+    const LocalMillis local = host::WallClock(*settings_.zone, settings_.dst).ToLocal(gmt);
+    return {local, std::chrono::floor<std::chrono::seconds>(local.time_since_epoch() - gmt.time_since_epoch())};
 }
 
 void LocalClock::SetNow(GmtTime now) {

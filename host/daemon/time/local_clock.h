@@ -2,7 +2,6 @@
 // them. The system's own clock and zone are set only when main has said so.
 #pragma once
 
-#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -40,21 +39,22 @@ public:
     void SetDst(const std::optional<host::DstRule> &rule, const char *source);
     void SetGmt(const Tarn_sys_diag_Systime &time);
     void SetLocal(const Tarn_sys_diag_Systime &time);
-    void SetDateFormat(uint32_t format);
+    void SetDateFormat(host::DateFormat format);
 
     // A moment of the system's clock as the daemon's shows it.
     Tarn_sys_diag_Systime LocalTime(host::WallTime when) const;
-    host::LocalMillis LocalNow() const;
+    host::LocalMillis Shown(host::WallTime when) const;
+    host::LocalMillis LocalNow() const { return Shown(clocks_.WallNow()); }
 
-    // "2024-02-29 23:59:58"
-    std::string Text(host::WallTime when) const;
-    std::string Text(time_t time) const { return Text(std::chrono::system_clock::from_time_t(time)); }
+    // "2024-02-29 23:59:58 +0100"
+    std::string Text(host::WallTime when, host::Precision precision = host::Precision::kSeconds) const;
+    std::string TextWithoutZone(host::WallTime when) const;
 
     // The zone and rule of these texts, as POSIX has them for TZ; empty: the system's.
     std::string PosixZone() const;
 
 private:
-    host::LocalMillis Local(host::WallTime when) const TARN_REQUIRES(mutex_);
+    host::ZonedTime Local(host::WallTime when) const TARN_REQUIRES(mutex_);
     void SetNow(host::GmtTime now) TARN_REQUIRES(mutex_);
     void Change(ClockSettings changed, const std::string &what) TARN_REQUIRES(mutex_);
 

@@ -28,5 +28,5 @@ uint32_t SetLocalTime(const Tarn_sys_diag_SetLocalTimeInput *request, void *repl
 
 uint32_t SetDateFormat(const Tarn_sys_diag_SetDateFormatInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::SetDateFormat, request, replyCtx,
-                              [&] { Daemon::Serving().clock.SetDateFormat(request->uiDateFormat); });
+                              [&] { Daemon::Serving().clock.SetDateFormat(host::DateFormat{request->uiDateFormat}); });
 }

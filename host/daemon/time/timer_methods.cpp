@@ -17,13 +17,17 @@ uint32_t Count(Duration duration) {
     return static_cast<uint32_t>(std::clamp<int64_t>(duration.count(), 0, UINT32_MAX));
 }
 
+host::meaning::Choice StateOf(const Timers::Timer &timer) {
+    namespace timer_state = host::meaning::timer_state;
+    return timer.running ? timer_state::kExpired : timer.IsStopped() ? timer_state::kStopped : timer_state::kRunning;
+}
+
 Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, host::SteadyTime now) {
-    constexpr uint8_t kStopped = 0, kRunning = 1, kInCallback = 2;
     Tarn_sys_diag_TimerInfo info{};
     info.uiTimerId = timer.id;
     host::CopyText(info.szTimerName, timer.name);
     info.uiTid = timer.creator;
-    info.ucState = timer.running ? kInCallback : timer.IsStopped() ? kStopped : kRunning;
+    info.ucState = static_cast<uint8_t>(StateOf(timer));
     info.ucPeriodic = timer.periodic;
     info.uiPeriodMs = Count(timer.period);
     info.uiRemainMs = timer.IsStopped() ? 0 : Count(std::chrono::ceil<std::chrono::milliseconds>(timer.due - now));
@@ -35,14 +39,15 @@ Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, host::SteadyTime no
 }
 
 void ListTimers(const Tarn_sys_diag_GetTimerInput &request, host::Reply<Tarn_sys_diag_GetTimerInfoResult> &reply) {
+    const auto &[wanted, skip, most, process] = request;
     const auto now = Daemon::Serving().clocks.SteadyNow();
     std::vector<Tarn_sys_diag_TimerInfo> infos;
     for (const Timers::Timer &timer : Daemon::Serving().timers.List()) {
-        if (request.uiValue1 != 0 && timer.id != request.uiValue1) {
+        if (wanted != 0 && timer.id != wanted) {
             continue;
         }
         const uint32_t index = reply.uiTotalNum++;
-        if (index >= request.uiValue2 && (request.uiValue3 == 0 || index - request.uiValue2 < request.uiValue3)) {
+        if (index >= skip && (most == 0 || index - skip < most)) {
             infos.push_back(Describe(timer, now));
         }
     }
@@ -55,9 +60,10 @@ void ListTimers(const Tarn_sys_diag_GetTimerInput &request, host::Reply<Tarn_sys
 } // namespace tarnd
 
 uint32_t TarnGetTimerInfoTarnd(const Tarn_sys_diag_GetTimerInput *request, void *replyCtx) {
-    if (request->uiValue4 != 0 && request->uiValue4 != static_cast<uint32_t>(getpid())) {
+    const auto &[timer, skip, most, process] = *request;
+    if (process != 0 && process != static_cast<uint32_t>(getpid())) {
         return tarnd::Relay(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(TarnAgentGetTimerInfo), request->uiValue4, *request);
+                            TARND_AGENT_METHOD(TarnAgentGetTimerInfo), process, *request);
     }
     return host::Answer(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
                         [&](auto &reply) { tarnd::ListTimers(*request, reply); });
