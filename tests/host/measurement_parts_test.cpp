@@ -400,7 +400,7 @@ TEST_F(HeldMeasurementTest, AnswersAllThatWaitWithOnePass) {
     for (int i = 0; i < 11; ++i) {
         EXPECT_TRUE(Ask(measurement_operation::kMeasure, answers));
     }
-    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 2023-11-14 22:13:20, not done yet")
+    EXPECT_EQ(std::string(Result()->acMeasResult), "asked for at 2023-11-14 22:13:20 +0000, not done yet")
         << "the one that runs";
     GoOn();
     WaitFor(answers, 12);

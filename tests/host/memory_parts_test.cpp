@@ -137,8 +137,8 @@ TEST_F(MemoryWatchTest, RecordsOverloads) {
     EXPECT_EQ(Configuration()->uiValue5, 1) << "overloads, not their ends";
     EXPECT_EQ(Text(memory_report::kOverloads),
               "TIME                      OVERLOAD  IN USE      PID NAME                  RSS KiB\n"
-              "2023-11-14 22:13:22       begins       900       11 lar ge                   9000\n"
-              "2023-11-14 22:13:28       ends         849       11 lar ge                   9000\n");
+              "2023-11-14 22:13:22 +0000 begins       900       11 lar ge                   9000\n"
+              "2023-11-14 22:13:28 +0000 ends         849       11 lar ge                   9000\n");
 }
 
 TEST_F(MemoryWatchTest, KeepsTheNewestOverloadsUntilTheyAreCleared) {
@@ -291,16 +291,16 @@ TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {
     machine.Add(10, "app").threads[1000] = {};
     Grow(10, 8, 4);
     const std::string head = "TIME                           RSS KiB  THREADS\n";
-    EXPECT_EQ(Text(memory_report::kHistory, 10), head + "2023-11-14 22:13:21               1008        2\n"
-                                                        "2023-11-14 22:13:22               1016        2\n"
-                                                        "2023-11-14 22:13:23               1024        2\n"
-                                                        "2023-11-14 22:13:24               1032        2\n");
-    EXPECT_EQ(Text(memory_report::kHistory, 10, 1), head + "2023-11-14 22:13:23               1024        2\n"
-                                                           "2023-11-14 22:13:24               1032        2\n");
-    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 3), head + "2023-11-14 22:13:21               1008        2\n"
-                                                              "2023-11-14 22:13:22               1016        2\n"
-                                                              "2023-11-14 22:13:24               1032        2\n");
-    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 1), head + "2023-11-14 22:13:24               1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10), head + "2023-11-14 22:13:21 +0000         1008        2\n"
+                                                        "2023-11-14 22:13:22 +0000         1016        2\n"
+                                                        "2023-11-14 22:13:23 +0000         1024        2\n"
+                                                        "2023-11-14 22:13:24 +0000         1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 1), head + "2023-11-14 22:13:23 +0000         1024        2\n"
+                                                           "2023-11-14 22:13:24 +0000         1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 3), head + "2023-11-14 22:13:21 +0000         1008        2\n"
+                                                              "2023-11-14 22:13:22 +0000         1016        2\n"
+                                                              "2023-11-14 22:13:24 +0000         1032        2\n");
+    EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 1), head + "2023-11-14 22:13:24 +0000         1032        2\n");
     EXPECT_EQ(Query(memory_report::kHistory, 99).Status(), ESRCH);
 }
 
@@ -313,7 +313,7 @@ TEST_F(MemoryWatchTest, TellsTheHistoryOfTheSystem) {
     Pass(1s);
     EXPECT_EQ(Text(memory_report::kHistory, 0, 0, 1),
               "TIME                       IN USE    AVAIL KiB     FREE KiB   CACHED KiB     SWAP KiB\n"
-              "2023-11-14 22:13:21           123       877000          111          222          333\n");
+              "2023-11-14 22:13:21 +0000     123       877000          111          222          333\n");
     const auto lines = [](const std::string &text) { return std::count(text.begin(), text.end(), '\n') - 1; };
     Pass(1s, 99);
     EXPECT_EQ(lines(Text(memory_report::kHistory)), memory_report::kDefaultLines);
