@@ -18,9 +18,9 @@ TARN_UNIT()
 #include "host/osal/log.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
-#include "kit.h"
-#include "served.h"
 #include "server/tarnd.h"
+#include "tests/host/kit.h"
+#include "tests/host/served.h"
 
 namespace {
 
