@@ -1,5 +1,5 @@
 # Precompiled standard headers, one file of them for all targets that are compiled alike. They save time only: every
-# source includes what it uses, and builds with CMAKE_DISABLE_PRECOMPILE_HEADERS as well.
+# source includes what it uses, and the clang preset builds without them.
 
 # precompiled_headers(OWNER HEADERS <header>... [LINK library...] [PROPERTIES property value...]): a target that compiles
 # the headers, with the properties by which those that use them are compiled.

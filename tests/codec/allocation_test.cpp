@@ -6,6 +6,7 @@
 
 #include "tests/codec/message.h"
 #include "tests/codec/platform.h"
+#include "tests/codec/swapped_mode.h"
 #include "tests/codec/wire.h"
 
 using velto::Kind;

@@ -3,6 +3,7 @@
 
 #include "tests/codec/message.h"
 #include "tests/codec/platform.h"
+#include "tests/codec/swapped_mode.h"
 #include "tests/codec/wire.h"
 
 namespace {

@@ -5,6 +5,7 @@
 
 #include "tests/codec/message.h"
 #include "tests/codec/record.h"
+#include "tests/codec/swapped_mode.h"
 
 namespace {
 // The record takes this regular form, which decodes to it.

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "tests/codec/platform.h"
+#include "tests/codec/swapped_mode.h"
 #include "tests/codec/wire.h"
 
 namespace {

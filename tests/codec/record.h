@@ -35,15 +35,6 @@ struct Slot {
 const std::vector<Slot> &SlotsOf(const Type &type);
 std::string FunctionName(const Type &type, const char *operation);
 
-// While it lives, the codecs of the tests' unit use the reversed byte order.
-class SwappedMode {
-public:
-    SwappedMode();
-    ~SwappedMode();
-    SwappedMode(const SwappedMode &) = delete;
-    SwappedMode &operator=(const SwappedMode &) = delete;
-};
-
 // A heap block of exactly the given size, so that the address sanitizer sees every byte read or written beyond it.
 struct Block {
     explicit Block(size_t count, uint8_t fill = 0) : bytes(new uint8_t[count]), size(count) {

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "tests/codec/platform.h"
+#include "tests/codec/swapped_mode.h"
 #include "tests/codec/wire.h"
 
 namespace {

@@ -11,7 +11,7 @@ TARN_UNIT()
 #include "types/tarnd_agent.h"
 #include "types/time.h"
 
-#include "tests/codec/record.h"
+#include "tests/codec/swapped_mode.h"
 
 SwappedMode::SwappedMode() {
     Unit::binding.EnsureMemBound(); // which clears the flag

@@ -92,7 +92,7 @@ TEST(DescribedCodec, RefusesWhatTheLibraryRefuses) {
     });
     host::SetLogHook(nullptr);
     EXPECT_GT(refused, 100);
-    for (const size_t size : {0, 3}) {
+    for (const size_t size : {0U, 3U}) {
         EXPECT_FALSE(describe::Decode(*describe::FindType("None"), Bytes(size))) << size;
     }
 }

@@ -18,20 +18,14 @@ TARN_UNIT()
 #include "host/osal/log.h"
 #include "host/runtime/reply.h"
 #include "host/runtime/server.h"
-#include "kit.h"
-#include "served.h"
 #include "server/tarnd.h"
+#include "tests/host/kit.h"
+#include "tests/host/served.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 constexpr const char *kTarnd = "TarnSysdiagTarnd";
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kRounds = 1000;
-#else
-constexpr uint64_t kRounds = 10000;
-#endif
 
 uint64_t FromEnvironment(const char *name, uint64_t otherwise) {
     const char *const text = getenv(name);
@@ -251,7 +245,7 @@ private:
 
 TEST(RuntimeRandom, NoCallbackIsLostOrDoubledAndNothingIsLeftBehind) {
     const uint64_t seed = FromEnvironment("TARN_SEED", 20250711);
-    const uint64_t count = FromEnvironment("TARN_ROUNDS", kRounds);
+    const uint64_t count = FromEnvironment("TARN_ROUNDS", 1000);
     host::Log().set_level(host::LogLevel::kOff);
     printf("seed %llu, %llu rounds\n", static_cast<unsigned long long>(seed), static_cast<unsigned long long>(count));
     std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first
