@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <iostream>
 #include <map>
 #include <numeric>
@@ -17,6 +19,7 @@
 #include "host/describe/explain.h"
 #include "host/osal/text.h"
 #include "host/runtime/client.h"
+#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -75,6 +78,28 @@ void PrintReply(const Method &method, const Record &reply, JsonForm json) {
         std::cout << method.name << ": done, the reply has no members\n";
     } else {
         PrintRecord(std::cout, reply, *method.meaning->response);
+    }
+}
+
+bool HasLocalTimes(const host::meaning::Record *record) {
+    const auto isTime = [](const host::meaning::Member &member) {
+        return member.value.kind == host::meaning::Kind::kLocalTime ||
+               member.value.kind == host::meaning::Kind::kUnixTime;
+    };
+    return record != nullptr &&
+           (std::ranges::any_of(record->members, isTime) || std::ranges::any_of(record->inside, HasLocalTimes));
+}
+
+// Local times are those of the server's clock. A server that doesn't tell its zone has the one of this program.
+void UseZoneOf(host::Client &client, const Method &method, const CallOptions &options) {
+    if (!HasLocalTimes(method.meaning->request) && !HasLocalTimes(method.meaning->response)) {
+        return;
+    }
+    host::ServerHealth health;
+    if (AskHealth(client, method.service, options.pid.value_or(0), health, options.deadline).Ok() &&
+        !health.timezone.empty()) {
+        setenv("TZ", health.timezone.c_str(), 1);
+        tzset();
     }
 }
 
@@ -168,9 +193,10 @@ void Call(const CallOptions &options) {
     Remote remote(options.runDir, options.pid);
     const Method &method = RequireMethod(options.method, remote);
     RequireTarget(method, options);
+    host::Client client({.runDir = options.runDir});
+    UseZoneOf(client, method, options);
     const std::vector<uint8_t> request =
         options.raw.empty() ? host::describe::Encode(ReadRequest(method, options.request)) : ReadMessage(options.raw);
-    host::Client client({.runDir = options.runDir});
     const host::CallRequest call{method.service, options.pid.value_or(0), method.name, method.request->hash,
                                  request,        options.deadline};
     const auto send = [&] { return options.oneway ? client.Oneway(call) : client.Call(call); };

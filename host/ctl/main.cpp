@@ -16,7 +16,7 @@ namespace {
 constexpr char kFooter[] = R"(Exit codes:
   0  done
   1  a file cannot be read or written, or no memory
-  2  usage: bad arguments; unknown method, type or field; a value that does not fit
+  2  usage: bad arguments; an unknown method, type or member; a value that is missing or not accepted
   3  connection: no such service or agent, nobody listens, the peer went away
   4  deadline: no answer in time
   5  remote failure: a status, or a result in the reply, other than 0; the peer refused the call

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/ctl/values.h"
+#include "host/describe/moment.h"
 #include "host/describe/named_units.h"
 #include "host/osal/text.h"
 
@@ -36,14 +37,17 @@ bool IsQuantity(const std::string &text) {
             (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
 }
 
-// "2026-02-03 04:05:06"; empty for no time.
-std::string TimeText(const Json &time) {
-    const auto part = [&time](const char *name) { return time[name].get<uint32_t>(); };
-    if (part("usYear") == 0) {
-        return "";
+// "2026-02-03 04:05:06+01:00"; empty for no time.
+std::string TimeText(const Json &time, meaning::Kind kind) {
+    using namespace host::describe;
+    const auto part = [&time](const char *name) { return time[name].get<int>(); };
+    const Moment moment{part("usYear"), part("ucMonth"),  part("ucDay"),
+                        part("ucHour"), part("ucMinute"), part("ucSecond")};
+    if (!IsReal(moment)) {
+        return moment.year == 0 ? "" : PlainText(moment);
     }
-    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", part("usYear"), part("ucMonth"), part("ucDay"),
-                       part("ucHour"), part("ucMinute"), part("ucSecond"));
+    std::string text = Rfc3339(moment, kind == meaning::Kind::kGmtTime ? Zone::kGmt : Zone::kLocal);
+    return text.replace(text.find('T'), 1, " ");
 }
 
 std::string OneLine(const Json &value) {
@@ -156,7 +160,7 @@ std::string TextOf(const Shown &shown, size_t slot, const Json &json, Room room)
         return NumberText(shown, value, json.get<uint64_t>(), room);
     }
     const std::string text = json.is_null()                            ? ""
-                             : shown.type.slots[slot].table != nullptr ? TimeText(json)
+                             : shown.type.slots[slot].table != nullptr ? TimeText(json, value.kind)
                              : value.kind == meaning::Kind::kBinary    ? OneLine(json)
                                                                        : NameText(json);
     return !text.empty() ? text : room == Room::kLine && !value.zero.empty() ? std::string(value.zero) : "-";

@@ -65,11 +65,14 @@ std::string ErrnoText(uint64_t number) {
     return number == 0 ? "ok" : text == nullptr ? std::to_string(number) : fmt::format("{} ({})", number, text);
 }
 
+// "2026-02-03 04:05:06+01:00"; what is beyond four digits of a year as a number.
 std::string UnixTimeText(uint64_t seconds) {
-    using namespace host::describe;
-    const auto when =
-        std::chrono::system_clock::from_time_t(static_cast<time_t>(std::min<uint64_t>(seconds, INT32_MAX)));
-    return seconds > INT32_MAX ? std::to_string(seconds) : PlainText(MomentOf(when, Zone::kLocal));
+    constexpr uint64_t kMost = 253'402'214'400;
+    if (seconds > kMost) {
+        return std::to_string(seconds);
+    }
+    const auto when = std::chrono::system_clock::from_time_t(static_cast<time_t>(seconds));
+    return host::describe::Rfc3339(when).replace(strlen("2026-02-03"), 1, " ");
 }
 
 } // namespace

@@ -362,6 +362,15 @@ uint32_t Fail(void *request, void *replyCtx, IdlServerCodecTable *codec) {
     return record ? TarnHost_Reply(replyCtx, &reply) : 12;
 }
 
+std::atomic<uint32_t> localHour;
+
+uint32_t SetLocalTime(void *request, void *replyCtx, IdlServerCodecTable *codec) {
+    const auto record = Take<Tarn_sys_diag_SetLocalTimeInput>(request, codec, kPackResult);
+    localHour = record ? record->stTime.ucHour : 0;
+    Tarn_sys_diag_Result reply{0};
+    return record ? TarnHost_Reply(replyCtx, &reply) : 12;
+}
+
 uint32_t Garble(const VeltoOutBuf *out, const void *) {
     if (out != nullptr) {
         memset(out->pucBuf, 0xFF, 8);
@@ -382,7 +391,8 @@ uint32_t Return(void *, void *, IdlServerCodecTable *) {
 
 class CtlCall : public Ctl {
 protected:
-    CtlCall() : server_({.runDir = dir_, .stopBound = std::chrono::milliseconds(100)}) {
+    CtlCall()
+        : server_({.runDir = dir_, .stopBound = std::chrono::milliseconds(100), .timezone = [] { return "<+05>-5"; }}) {
         spec_.uiInterfaceNum = static_cast<uint32_t>(std::size(entries_));
         spec_.pstInterfaces = entries_;
         for (IdlInterfaceEntry &entry : entries_) {
@@ -393,13 +403,14 @@ protected:
         server_.Start();
     }
 
-    IdlInterfaceEntry entries_[7] = {{0xFFFFFFFF, nullptr, 0, 0, ""},
+    IdlInterfaceEntry entries_[8] = {{0xFFFFFFFF, nullptr, 0, 0, ""},
                                      {0, Online, 0, 0, "PidIsOnline"},
                                      {0, Garbled, 0, 0, "GetHugePagesInfo"},
                                      {0, Return<38>, 0, 0, "GetProcStatByPid"},
                                      {0, Return<5>, 0, 0, "GetTaskInfo"},
                                      {0, NeverAnswer, 0, 0, "SetTimezone"},
-                                     {0, Fail, 0, 0, "SetDst"}};
+                                     {0, Fail, 0, 0, "SetDst"},
+                                     {0, SetLocalTime, 0, 0, "SetLocalTime"}};
     IdlModuleSpec spec_{"TarnSysdiagTarnd", 0, 0, nullptr, nullptr, {}};
     host::Server server_;
 };
@@ -430,6 +441,14 @@ TEST_F(CtlCall, PrintsTheReplyInNamesForPrograms) {
     EXPECT_EQ(Json::parse(out_), (Json{{"result", "EINVAL"}}));
     EXPECT_EQ(Run("call PidIsOnline process=7 --json=text"), 2);
     EXPECT_EQ(Run("call PidIsOnline process=7 --json named"), 2) << "that is a word of the request";
+}
+
+TEST_F(CtlCall, TakesTimesOfTheServersZone) {
+    EXPECT_EQ(Run("call SetLocalTime time=2026-11-21T12:00:00Z"), 0) << error_;
+    EXPECT_EQ(localHour, 17u);
+    EXPECT_EQ(Run("call SetLocalTime time=2026-11-21T12:00:00"), 0) << error_;
+    EXPECT_EQ(localHour, 12u);
+    EXPECT_EQ(out_, "result  ok\n");
 }
 
 TEST_F(CtlCall, TakesEveryExample) {
