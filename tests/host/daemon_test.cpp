@@ -159,11 +159,20 @@ TEST_F(DaemonTest, TellsItsCallerWhyAResultIsAFailure) {
     EXPECT_EQ(answer.Status(), 0) << answer.Text();
     EXPECT_EQ(answer->uiResult, EINVAL);
     EXPECT_EQ(answer.Explanation(), "begins-at (uiValue1) is 1900 ‰, expected 0 to 1000");
-    kit::Process ctl(dir_.Path(),
-                     {TARNCTL, "--run-dir", dir_.Path(), "call", "SysOvLoadCpuThresholdSet", R"({"uiValue1": 1900})"});
-    EXPECT_EQ(ctl.Wait(), 5);
-    EXPECT_EQ(ctl.Err(), "tarnctl: TarnSysdiagTarnd.SysOvLoadCpuThresholdSet: uiResult is 22 (Invalid argument): " +
-                             answer.Explanation() + "\n");
+    const auto run = [&](const std::vector<std::string> &arguments) {
+        std::vector<std::string> command{TARNCTL, "--run-dir", dir_.Path()};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        kit::Process ctl(dir_.Path(), command);
+        const int code = ctl.Wait();
+        return std::pair(code, ctl.Err());
+    };
+    const std::string file = dir_.Path() / "request"; // as it is: tarnctl would not send such a request
+    EXPECT_EQ(run({"encode", "SysOvLoadCpuThreshold", R"({"begins-at": 1900})", "-o", file}),
+              std::pair(0, std::string()));
+    EXPECT_EQ(run({"call", "SysOvLoadCpuThresholdSet", "--raw", file}),
+              std::pair(5, "tarnctl: TarnSysdiagTarnd.SysOvLoadCpuThresholdSet: result (uiResult) is 22 (Invalid "
+                           "argument): " +
+                               answer.Explanation() + "\n"));
 }
 
 TEST_F(DaemonTest, IsThereForWhoAsks) {
