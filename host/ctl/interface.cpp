@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <iostream>
 
 #include "host/ctl/print.h"
@@ -42,13 +41,6 @@ std::vector<std::string_view> Joined(std::vector<std::string_view> names, const 
 std::string Suggestion(std::string_view name, const std::vector<std::string_view> &names) {
     const std::string text = DidYouMean(name, names);
     return text.empty() ? "; tarnctl list shows all" : text;
-}
-
-bool Contains(std::string_view text, std::string_view word) {
-    const auto same = [](char left, char right) {
-        return std::tolower(static_cast<unsigned char>(left)) == std::tolower(static_cast<unsigned char>(right));
-    };
-    return word.empty() || std::search(text.begin(), text.end(), word.begin(), word.end(), same) != text.end();
 }
 
 bool HasMember(const host::meaning::Record *record, std::string_view word) {

@@ -288,12 +288,12 @@ size_t EditDistance(std::string_view left, std::string_view right) {
     return row.back();
 }
 
+} // namespace
+
 bool Contains(std::string_view text, std::string_view part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end(),
                        [](char left, char right) { return Lower(left) == Lower(right); }) != text.end();
 }
-
-} // namespace
 
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names) {
     constexpr size_t kMost = 3;

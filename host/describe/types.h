@@ -104,6 +104,9 @@ constexpr uint64_t MaxScalar(uint32_t width) {
 // A type and the types of the tables inside it, itself first, each once.
 std::vector<const Type *> TypesWithin(const Type &type);
 
+// Whether a part stands somewhere in a text, whatever their case.
+bool Contains(std::string_view text, std::string_view part);
+
 // The names most like the wanted one, best first; none when nothing is close.
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names);
 
