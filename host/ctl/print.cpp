@@ -37,7 +37,7 @@ bool IsQuantity(const std::string &text) {
             (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
 }
 
-// "2026-02-03 04:05:06+01:00"; empty for no time.
+// "2026-02-03 04:05:06 +0100"; empty for no time.
 std::string TimeText(const Json &time, meaning::Kind kind) {
     using namespace host::describe;
     const auto part = [&time](const char *name) { return time[name].get<int>(); };
@@ -46,8 +46,7 @@ std::string TimeText(const Json &time, meaning::Kind kind) {
     if (!IsReal(moment)) {
         return moment.year == 0 ? "" : PlainText(moment);
     }
-    std::string text = Rfc3339(moment, kind == meaning::Kind::kGmtTime ? Zone::kGmt : Zone::kLocal);
-    return text.replace(text.find('T'), 1, " ");
+    return ZonedText(moment, kind == meaning::Kind::kGmtTime ? Zone::kGmt : Zone::kLocal);
 }
 
 std::string OneLine(const Json &value) {

@@ -65,14 +65,13 @@ std::string ErrnoText(uint64_t number) {
     return number == 0 ? "ok" : text == nullptr ? std::to_string(number) : fmt::format("{} ({})", number, text);
 }
 
-// "2026-02-03 04:05:06+01:00"; what is beyond four digits of a year as a number.
+// "2026-02-03 04:05:06 +0100"; what is beyond four digits of a year as a number.
 std::string UnixTimeText(uint64_t seconds) {
     constexpr uint64_t kMost = 253'402'214'400;
     if (seconds > kMost) {
         return std::to_string(seconds);
     }
-    const auto when = std::chrono::system_clock::from_time_t(static_cast<time_t>(seconds));
-    return host::describe::Rfc3339(when).replace(strlen("2026-02-03"), 1, " ");
+    return host::describe::ZonedText(std::chrono::system_clock::from_time_t(static_cast<time_t>(seconds)));
 }
 
 } // namespace

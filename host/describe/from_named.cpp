@@ -30,15 +30,25 @@ bool IsArray(const Place &place) {
     return kind == velto::Kind::kArray64 || kind == velto::Kind::kVector32;
 }
 
+// The longest form that there is room for.
+std::string TimeText(const Place &place, const Moment &moment, Zone zone) {
+    const velto::SlotShape &slot = SlotOf(place);
+    for (const std::string &text : {ZonedText(moment, zone), PlainText(moment)}) {
+        if (slot.kind != velto::Kind::kBytes || text.size() <= slot.length) {
+            return text;
+        }
+    }
+    return DigitsText(moment);
+}
+
 Json TimeFromText(const Place &place, std::string_view text) {
     const Zone zone = place.member.value.kind == meaning::Kind::kGmtTime ? Zone::kGmt : Zone::kLocal;
     const auto moment = ParseStatedMoment(text, std::chrono::system_clock::now(), zone);
     if (!moment) {
         Fail(place, text, std::string(kMomentExpected));
     }
-    if (const velto::SlotShape &slot = SlotOf(place); slot.kind != velto::Kind::kTable) {
-        const std::string plain = PlainText(*moment);
-        return slot.kind == velto::Kind::kBytes && slot.length < plain.size() ? DigitsText(*moment) : plain;
+    if (SlotOf(place).kind != velto::Kind::kTable) {
+        return TimeText(place, *moment, zone);
     }
     return {{"usYear", moment->year},       {"ucMonth", moment->month},
             {"ucDay", moment->day},         {"ucHour", moment->hour},

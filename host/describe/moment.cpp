@@ -53,8 +53,9 @@ std::optional<Moment> TakeMoment(std::string_view &text) {
     return IsReal(moment) ? std::optional(moment) : std::nullopt;
 }
 
-// "Z", "+01:00".
+// What is left behind a moment: "Z", "+01:00", " +0100".
 std::optional<std::chrono::minutes> ParseOffset(std::string_view text) {
+    SkipOne(text, " ");
     if (text == "Z" || text == "z") {
         return std::chrono::minutes(0);
     }
@@ -106,9 +107,18 @@ std::optional<std::chrono::seconds> ParseDistance(std::string_view text) {
     return std::chrono::seconds((back ? -1 : 1) * number * scale);
 }
 
-std::string OffsetText(long seconds) {
-    const long minutes = seconds / 60;
-    return fmt::format("{}{:02}:{:02}", minutes < 0 ? '-' : '+', std::abs(minutes) / 60, std::abs(minutes) % 60);
+// "+01:00", or without what separates.
+std::string OffsetText(std::chrono::seconds offset, std::string_view separator) {
+    const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(offset).count();
+    return fmt::format("{}{:02}{}{:02}", minutes < 0 ? '-' : '+', std::abs(minutes) / 60, separator,
+                       std::abs(minutes) % 60);
+}
+
+// Of the local zone when its clocks show that.
+std::chrono::seconds OffsetAt(const Moment &moment) {
+    std::tm fields = FieldsOf(moment);
+    std::mktime(&fields);
+    return std::chrono::seconds(fields.tm_gmtoff);
 }
 
 std::string TextOf(const Moment &moment, char between) {
@@ -126,6 +136,10 @@ std::tm FieldsOf(system_clock::time_point when, Zone zone) {
     std::tm fields{};
     (zone == Zone::kGmt ? gmtime_r : localtime_r)(&seconds, &fields);
     return fields;
+}
+
+std::chrono::seconds OffsetAt(system_clock::time_point when) {
+    return std::chrono::seconds(FieldsOf(when, Zone::kLocal).tm_gmtoff);
 }
 
 system_clock::time_point TimeOf(const Moment &moment, std::chrono::minutes offset) {
@@ -150,13 +164,28 @@ std::optional<Moment> ParseMoment(std::string_view text) {
 }
 
 std::string Rfc3339(const Moment &moment, Zone zone) {
-    std::tm fields = FieldsOf(moment);
-    std::mktime(&fields); // finds the zone's offset then
-    return TextOf(moment, 'T') + (zone == Zone::kGmt ? "Z" : OffsetText(fields.tm_gmtoff));
+    return TextOf(moment, 'T') + (zone == Zone::kGmt ? "Z" : OffsetText(OffsetAt(moment), ":"));
 }
 
 std::string Rfc3339(system_clock::time_point when) {
-    return TextOf(MomentOf(when, Zone::kLocal), 'T') + OffsetText(FieldsOf(when, Zone::kLocal).tm_gmtoff);
+    return TextOf(MomentOf(when, Zone::kLocal), 'T') + OffsetText(OffsetAt(when), ":");
+}
+
+std::optional<std::string> Rfc3339OfText(std::string_view text) {
+    const auto moment = TakeMoment(text);
+    if (!moment || text.empty()) {
+        return moment ? std::optional(Rfc3339(*moment, Zone::kLocal)) : std::nullopt;
+    }
+    const auto offset = ParseOffset(text);
+    return offset ? std::optional(TextOf(*moment, 'T') + OffsetText(*offset, ":")) : std::nullopt;
+}
+
+std::string ZonedText(const Moment &moment, Zone zone) {
+    return TextOf(moment, ' ') + " " + OffsetText(zone == Zone::kGmt ? std::chrono::seconds(0) : OffsetAt(moment), "");
+}
+
+std::string ZonedText(system_clock::time_point when) {
+    return TextOf(MomentOf(when, Zone::kLocal), ' ') + " " + OffsetText(OffsetAt(when), "");
 }
 
 std::string PlainText(const Moment &moment) {

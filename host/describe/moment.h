@@ -19,14 +19,21 @@ struct Moment {
 // Whether there is such a date and time of day, in years of four digits.
 bool IsReal(const Moment &moment);
 
-// "2026-02-03 04:05:06" with any of the separators that texts have, with milliseconds or without; "20260203040506".
+// "2026-02-03 04:05:06", perhaps with milliseconds; "20260203040506".
 std::optional<Moment> ParseMoment(std::string_view text);
 
 // "2026-02-03T04:05:06.007+01:00", "...Z" for GMT; milliseconds only when there are any.
 std::string Rfc3339(const Moment &moment, Zone zone);
 std::string Rfc3339(std::chrono::system_clock::time_point when);
 
-// As the texts of records have it: "2026-02-03 04:05:06.007", and where there is less room "20260203040506".
+// Of a text that ParseMoment takes, or of one with the zone behind it; nothing for another.
+std::optional<std::string> Rfc3339OfText(std::string_view text);
+
+// As people read it, and as the texts of records have it: "2026-02-03 04:05:06.007 +0100".
+std::string ZonedText(const Moment &moment, Zone zone);
+std::string ZonedText(std::chrono::system_clock::time_point when);
+
+// Where there is less room: "2026-02-03 04:05:06", "20260203040506".
 std::string PlainText(const Moment &moment);
 std::string DigitsText(const Moment &moment);
 

@@ -104,8 +104,7 @@ Json TextJson(const Value &value, const Json &wire) {
     }
     const std::string text = BytesOf(wire);
     if (IsTime(value.kind)) {
-        const auto moment = ParseMoment(text);
-        return text.empty() ? Json() : moment ? Json(Rfc3339(*moment, Zone::kLocal)) : Json(Escaped(text));
+        return text.empty() ? Json() : Json(Rfc3339OfText(text).value_or(Escaped(text)));
     }
     return Escaped(text);
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "host/meaning/list.h"
+#include "tests/host/zone.h"
 
 namespace {
 
@@ -55,6 +56,8 @@ TEST(CtlValues, NameSomething) {
     EXPECT_EQ(ValueText(Pid(), 4'294'967'295), "4294967295") << "no process has it";
     EXPECT_EQ(ValueText(Address(), 0x401000), "0x401000");
     EXPECT_EQ(ValueText(Signed(), 0xFFFFFFEC), "-20");
+    const ZoneOfTest zone("CET-1");
+    EXPECT_EQ(ValueText(UnixTime(), 1'770'087'906), "2026-02-03 04:05:06 +0100");
 }
 
 } // namespace

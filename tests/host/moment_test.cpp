@@ -47,6 +47,18 @@ TEST(Moment, HasTheOffsetOfItsZone) {
     EXPECT_EQ(Rfc3339(summer, Zone::kLocal), "2026-07-03T04:05:06+02:00");
     EXPECT_EQ(Rfc3339(summer, Zone::kGmt), "2026-07-03T04:05:06Z");
     EXPECT_EQ(Rfc3339(kNow), "2026-02-03T04:05:06+01:00");
+    EXPECT_EQ(ZonedText(winter, Zone::kLocal), "2026-02-03 04:05:06.007 +0100");
+    EXPECT_EQ(ZonedText(summer, Zone::kGmt), "2026-07-03 04:05:06 +0000");
+    EXPECT_EQ(ZonedText(kNow), "2026-02-03 04:05:06 +0100");
+}
+
+TEST(Moment, KeepsTheZoneThatATextHas) {
+    const ZoneOfTest zone("CET-1");
+    EXPECT_EQ(Rfc3339OfText("2026-02-03 04:05:06 -0330"), "2026-02-03T04:05:06-03:30");
+    EXPECT_EQ(Rfc3339OfText("2026-02-03 04:05:06"), "2026-02-03T04:05:06+01:00");
+    EXPECT_EQ(Rfc3339OfText("20260203040506"), "2026-02-03T04:05:06+01:00");
+    EXPECT_EQ(Rfc3339OfText("2026-02-03 04:05:06 CET"), std::nullopt);
+    EXPECT_EQ(Rfc3339OfText(""), std::nullopt);
 }
 
 TEST(Moment, WestOfGreenwichHasANegativeOffset) {
@@ -70,6 +82,7 @@ TEST(Moment, IsStatedInManyWays) {
     EXPECT_EQ(Stated("2026-02-03T04:05:06"), "2026-02-03T04:05:06+01:00");
     EXPECT_EQ(Stated("2026-02-03T04:05:06Z"), "2026-02-03T05:05:06+01:00");
     EXPECT_EQ(Stated("2026-02-03T04:05:06.250-05:30"), "2026-02-03T10:35:06.250+01:00");
+    EXPECT_EQ(Stated("2026-02-03 04:05:06 +0000"), "2026-02-03T05:05:06+01:00");
     EXPECT_EQ(Stated("now"), "2026-02-03T04:05:06+01:00");
     EXPECT_EQ(Stated("+1h"), "2026-02-03T05:05:06+01:00");
     EXPECT_EQ(Stated("-90s"), "2026-02-03T04:03:36+01:00");

@@ -176,8 +176,12 @@ private:
 
     Json Text(const Slot &slot, const Member &member) {
         if (IsTime(member.value.kind)) {
-            constexpr std::string_view kLong = "2024-02-29 23:59:58", kShort = "20240229235958";
-            return slot.kind == Kind::kBytes && slot.length < kLong.size() ? kShort : kLong;
+            for (const char *text : {"2024-02-29 23:59:58 +0100", "2024-02-29 23:59:58"}) {
+                if (slot.kind != Kind::kBytes || strlen(text) <= slot.length) {
+                    return text;
+                }
+            }
+            return "20240229235958";
         }
         const uint64_t room = slot.kind == Kind::kBytes ? slot.length : 40;
         std::string bytes;
