@@ -15,6 +15,8 @@ TARN_UNIT()
 
 namespace {
 
+namespace measurement_operation = host::meaning::measurement_operation;
+namespace measurement_state = host::meaning::measurement_state;
 namespace measurement_time = host::meaning::measurement_time;
 namespace rule_action = host::meaning::rule_action;
 namespace system_health_item = host::meaning::system_health_item;
@@ -74,9 +76,9 @@ protected:
         return Result("TarnSetDimOpration", Tarn_sys_diag_DimSetIn{operation}, &Tarn_sys_diag_Result::uiResult);
     }
     bool HasBaseline() {
-        EXPECT_EQ(Measure(TARND_DIM_MEASURE), 0);
+        EXPECT_EQ(Measure(measurement_operation::kMeasure), 0);
         return Call<Tarn_sys_diag_DimMeasRst>("TarnGetDimMeasRstByTarnd", Tarn_sys_diag_None{})->uiValue1 !=
-               TARND_DIM_STATE_NO_BASELINE;
+               measurement_state::kNoBaseline;
     }
 
     std::string File(const std::string &document) const { return kit::TextOfFile(state_ / (document + ".json")); }
@@ -131,7 +133,9 @@ protected:
          },
          [this](uint8_t value) { return MeasurementPeriod() == (100U + value) * 60000; }},
         {"measurement-baseline", // recorded, or forgotten
-         [this](uint8_t value) { return Measure(value == 1 ? TARND_DIM_RECORD : TARND_DIM_FORGET); },
+         [this](uint8_t value) {
+             return Measure(value == 1 ? measurement_operation::kRecord : measurement_operation::kForget);
+         },
          [this](uint8_t value) { return HasBaseline() == (value == 1); }},
     };
 
