@@ -68,11 +68,4 @@ std::string LineOfText(std::string_view bytes) {
     return line;
 }
 
-std::string Printable(std::string_view bytes) {
-    std::string text(bytes);
-    std::ranges::replace_if(
-        text, [](char c) { return c < ' ' || c > '~'; }, '?');
-    return text;
-}
-
 } // namespace host

@@ -14,10 +14,6 @@ bool IsText(std::string_view bytes);
 // what is no text.
 std::string LineOfText(std::string_view bytes);
 
-// What may go into a column of ASCII: '?' for each byte that is none of its printable characters. A process or thread
-// may call itself anything, a line feed included.
-std::string Printable(std::string_view bytes);
-
 // The text in an array that need not be terminated.
 template <size_t kSize>
 std::string_view TextOf(const char (&array)[kSize]) {
