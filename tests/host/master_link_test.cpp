@@ -1,6 +1,8 @@
 // What the daemon tells the master, and what it takes over from it.
 #include <gtest/gtest.h>
 
+#include <initializer_list>
+
 #include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "tests/host/simulated_daemon.h"
@@ -145,7 +147,7 @@ TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
 
 TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
     const uint32_t before = daemon->cpuOverload.System().over;
-    for (const uint32_t status : {ENODATA, ENOENT, EPERM}) {
+    for (const uint32_t status : std::initializer_list<uint32_t>{ENODATA, ENOENT, EPERM}) {
         cpuResult_ = {status, 0};
         memory_.over += 10;
         Greet();

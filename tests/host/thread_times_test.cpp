@@ -30,7 +30,7 @@ protected:
         return processes;
     }
 
-    const kit::FakeProc proc_;
+    kit::FakeProc proc_;
     tarnd::ThreadSampler threads_{proc_};
 };
 
