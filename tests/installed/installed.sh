@@ -19,12 +19,13 @@ done
 mkdir -m 700 "$scratch/run" "$scratch/state" "$scratch/log"
 "$prefix/bin/tarnd" --state-dir "$scratch/state" --log-dir "$scratch/log" 2>"$scratch/tarnd.log" &
 daemon=$!
+online=
 for _ in {1..600}; do
-    "$prefix/bin/tarnctl" services >/dev/null 2>&1 && break
+    online=$("$prefix/bin/tarnctl" call PidIsOnline process=$$ 2>/dev/null) && break
     kill -0 "$daemon" || { cat "$scratch/tarnd.log"; exit 1; }
     sleep 0.05
 done
-"$prefix/bin/tarnctl" call PidIsOnline "{\"uiPid\": $$}"
+[[ $online == *online*on* ]] || { echo "found '$online', expected this process to be online"; exit 1; }
 
 export PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tarn_sysdiag.pc)")
 for variable in libdir includedir; do
