@@ -11,19 +11,6 @@
 
 using agent::Agent;
 
-// What the C interface calls them is what they are.
-static_assert(TARN_HEALTH_LEVEL_GOOD == host::meaning::health_level::kGood &&
-              TARN_HEALTH_LEVEL_DEGRADED == host::meaning::health_level::kDegraded &&
-              TARN_HEALTH_LEVEL_BAD == host::meaning::health_level::kBad);
-static_assert(TARN_RESOURCE_CPU == host::meaning::resource::kCpu &&
-              TARN_RESOURCE_MEMORY == host::meaning::resource::kMemory &&
-              TARN_RESOURCE_DESCRIPTORS == host::meaning::resource::kDescriptors);
-static_assert(TARN_RESOURCE_LEVEL_NORMAL == host::meaning::resource_level::kNormal &&
-              TARN_RESOURCE_LEVEL_NEAR_LIMIT == host::meaning::resource_level::kNearLimit &&
-              TARN_RESOURCE_LEVEL_OVERLOADED == host::meaning::resource_level::kOverloaded);
-static_assert(TARN_EVENT_CPU == host::meaning::event::kCpu && TARN_EVENT_MEMORY == host::meaning::event::kMemory &&
-              TARN_EVENT_DESCRIPTORS == host::meaning::event::kDescriptors);
-
 namespace {
 
 uint32_t OwnTid() {
@@ -106,8 +93,9 @@ uint32_t TarnAgent_AddHealthItem(uint8_t function, const char *name, uint32_t li
     const auto look = [check, userData](uint32_t now) {
         char text[sizeof(Tarn_sys_diag_SysHealthInfo::acValue4)] = "";
         const uint32_t level = check(now, text, sizeof text, userData);
-        return agent::Health::Finding{static_cast<uint8_t>(std::min<uint32_t>(level, TARN_HEALTH_LEVEL_BAD)),
-                                      std::string(text, strnlen(text, sizeof text))};
+        return agent::Health::Finding{
+            static_cast<uint8_t>(std::min<uint32_t>(level, host::meaning::health_level::kBad)),
+            std::string(text, strnlen(text, sizeof text))};
     };
     return ResultOf(__func__, [&](Agent &agent) { return agent.health.Add(function, name, limit, look); });
 }

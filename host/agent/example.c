@@ -16,6 +16,7 @@
 #include <time.h>
 
 #include "host/agent/tarn_agent.h"
+#include "tarn_sysdiag/values.h"
 
 static atomic_uint_fast64_t counter;
 static atomic_bool stop;

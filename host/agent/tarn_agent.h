@@ -148,12 +148,8 @@ TARN_EXPORT uint32_t TarnAgent_ExemptThread(void);
 
 /* ---- Health ---- */
 
-#define TARN_HEALTH_LEVEL_GOOD 0     /* below its limit */
-#define TARN_HEALTH_LEVEL_DEGRADED 1 /* from its limit on */
-#define TARN_HEALTH_LEVEL_BAD 2      /* far beyond its limit, or it could not be looked at */
-
-/* Looks at one item: its level and a text. Runs on the agent's thread, when it is asked for, and should not take
- * long. */
+/* Looks at one item: its level, a TARN_HEALTH_LEVEL_... of tarn_sysdiag/values.h, and a text. Runs on the agent's
+ * thread, when it is asked for, and should not take long. */
 typedef uint32_t (*TarnAgentHealthCheck)(uint32_t uiLimit, char *pcText, size_t ulRoom, void *pUserData);
 
 /* Adds an item of 64 or higher, under a name of 1 to 63 bytes. 0; 22; 17 for one that is there. */
@@ -162,20 +158,8 @@ TARN_EXPORT uint32_t TarnAgent_AddHealthItem(uint8_t ucFunction, const char *pcN
 
 /* ---- Resources ---- */
 
-#define TARN_RESOURCE_CPU 1
-#define TARN_RESOURCE_MEMORY 2
-#define TARN_RESOURCE_DESCRIPTORS 3
-
-#define TARN_RESOURCE_LEVEL_NORMAL 0
-#define TARN_RESOURCE_LEVEL_NEAR_LIMIT 1
-#define TARN_RESOURCE_LEVEL_OVERLOADED 2
-
-/* That the level of a resource changes. */
-#define TARN_EVENT_CPU 2
-#define TARN_EVENT_MEMORY 4
-#define TARN_EVENT_DESCRIPTORS 8
-
-/* Notified of a resource, its level, and its use in permille. Runs on the agent's thread. */
+/* Notified of a resource, TARN_RESOURCE_..., its level, TARN_RESOURCE_LEVEL_..., and its use in permille. Runs on the
+ * agent's thread. */
 typedef void (*TarnAgentResourceFunction)(uint8_t ucResource, uint8_t ucLevel, uint16_t usUsage, void *pUserData);
 
 /* Subscribes to events, a sum of TARN_EVENT_..., under a name of 1 to 31 bytes; the agent passes it on to the

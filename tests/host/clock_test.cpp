@@ -133,7 +133,7 @@ TEST_F(ClockTest, SavesDaylight) {
 
 TEST_F(ClockTest, SaysWhatMakesNoSense) {
     EXPECT_EQ(SetGmt({2026, 2, 29, 0, 0, 0, 0, 0}), EINVAL);
-    EXPECT_TRUE(Logged("stTime.ucDay is 29, expected 1 to 28 in month 2 of the year 2026"));
+    EXPECT_TRUE(Logged("time (stTime): day (ucDay) is 29, expected 1 to 28 in month 2 of the year 2026"));
     EXPECT_EQ(SetEuropeanDst(0), EINVAL);
     EXPECT_EQ(Result("SetDateFormat", Tarn_sys_diag_SetDateFormatInput{3}), EINVAL);
 }
