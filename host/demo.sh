@@ -63,7 +63,7 @@ start_daemon() {
     tarnd --log-dir "$work/log" --state-dir "$work/state" --sample-interval 250 --print-accounting \
         >"$work/accounting" 2>>"$work/daemon.log" &
     daemon=$!
-    await tarnctl call PidIsOnline "{\"uiPid\": $daemon}"
+    await tarnctl call PidIsOnline process="$daemon"
 }
 
 start_application() {
@@ -73,16 +73,16 @@ start_application() {
 }
 
 # A debug command inside the application, through the daemon.
-command_agent() { run tarnctl call DBGCmdExecShowByTarnd "{\"pcCmdStr\": \"$1\", \"uiTargetPid\": $agent}"; }
+command_agent() { run tarnctl call DBGCmdExecShowByTarnd process="$agent" command="$1"; }
 
-# The thread that uses the most CPU time of the application: id, name, permille of a CPU, a line each.
+# The thread that uses the most CPU time of the application: its name and its id, a line each.
 busiest_thread() {
-    tarnctl call CalculateProcThreadCpuUse "{\"uiPid\": $agent, \"uiValue2\": 1}" --json |
-        sed -n '/"pstThread"/,$ s/^ *"\(acName\|uiValue1\)": "\?\([a-z0-9-]*\)"\?,$/\2/p' | head -n 2
+    tarnctl call CalculateProcThreadCpuUse process="$agent" most=1 --json=named |
+        sed -n 's/^ *"\(name\|thread\)": "\?\([a-z0-9-]*\)"\?,$/\2/p'
 }
 spins() { busiest_thread | grep -q spinning; }
 over_threshold() { tarnctl call DisCpuOvloadInfo && spins; }
-has_counted() { tarnctl call DBGCmdExecResultGetByTarnd "{\"uiTargetPid\": $agent}"; }
+has_counted() { tarnctl call DBGCmdExecResultGetByTarnd process="$agent"; }
 
 cat <<EOT
 Tarnd runs on devices and answers what is wrong with them, without a debugger and without stopping anything. Here it
@@ -96,7 +96,7 @@ start_application
 run tarnctl services
 
 say "The daemon shall watch the application: more than 5 % of a CPU for a second is an overload"
-run tarnctl call SetCpuOvProcThreshold "{\"uiValue1\": $agent, \"ucValue2\": 1, \"uiValue3\": 50, \"uiValue4\": 1}"
+run tarnctl call SetCpuOvProcThreshold process="$agent" on=on begins-at=5% must-last=1s
 
 say "The application goes wild: a debug command starts a thread that runs without a break"
 command_agent "loop 60"
@@ -106,11 +106,11 @@ say "Something eats the machine. What?"
 run_head 12 tarnctl top
 
 say "The application is process $agent. Which of its threads is it?"
-run tarnctl call CalculateProcThreadCpuUse "{\"uiPid\": $agent, \"uiValue2\": 3}"
+run tarnctl call CalculateProcThreadCpuUse process="$agent" most=3
 thread=$(busiest_thread | sed -n 2p)
 
 say "What is thread $thread doing? Its stack says it; \"held up\" is for how long it had to stand still for that"
-run tarnctl call GetCallStackInfoByTid "{\"uiPid\": $agent, \"uiTid\": $thread}"
+run tarnctl call GetCallStackInfoByTid process="$agent" thread="$thread"
 
 say "Nobody has to be there when it happens: the overload is on record, with the stacks of that moment"
 run tarnctl call DisCpuOvloadInfo
@@ -124,13 +124,13 @@ agent=''
 say "... and somebody kills the daemon, without a warning. The new one knows the crash: signal, registers, stack"
 { kill -KILL "$daemon" && wait "$daemon"; } 2>/dev/null || true # or bash tells of it
 start_daemon
-run_head 24 tarnctl call GetExceptionInfo '{"uiValue3": 1}'
+run_head 24 tarnctl call GetExceptionInfo most=1
 
 say "The application is started again, and the daemon passes commands on to it as before"
 start_application
 command_agent "counter"
 await has_counted
-run tarnctl call DBGCmdExecResultGetByTarnd "{\"uiTargetPid\": $agent}"
+run tarnctl call DBGCmdExecResultGetByTarnd process="$agent"
 
 say "A malformed request is refused, and tarnctl says why: the root offset is 200, the message has 18 bytes"
 cd "$work"
@@ -140,7 +140,7 @@ run tarnctl decode Pid broken --explain || true
 run tarnctl call GetAllTidsByPid --raw broken || printf '(exit code %s)\n' $?
 
 say "What did all that cost?"
-run tarnctl call PidIsOnline "{\"uiPid\": $daemon}" --repeat 2000
+run tarnctl call PidIsOnline process="$daemon" --repeat 2000
 run_head 8 tarnctl stats
 
 say "The end: both shut down cleanly, and the library has given back all memory (no blocks are live)"
