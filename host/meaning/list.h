@@ -359,8 +359,7 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
     inline constexpr MethodText kTextOf<struct method##_>{__VA_ARGS__};                                                \
     static_assert(IsSentence(kTextOf<struct method##_>.sentence), "METHOD(" #method "): expected a sentence");
 
-// Defines a method, for the service's list of methods: with the list included once more, MEANING_ADDRESS makes the
-// table.
+// Defines a method of that service. A service's own are all defined by host/meaning/define_service.h.
 #define DEFINE_MEANING(service, method, request, response)                                                             \
     namespace host::meaning {                                                                                          \
     struct method##_;                                                                                                  \
@@ -368,5 +367,4 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
     static_assert(!host::meaning::kTextOf<host::meaning::method##_>.sentence.empty(),                                  \
                   #method ": a method without a meaning: give it a METHOD");                                           \
     constexpr host::meaning::MethodOf<request, response> host::methods::method =                                       \
-        host::meaning::MakeMethod<host::meaning::method##_, request, response>(#service, #method);
-#define MEANING_ADDRESS(method) &host::methods::method,
+        host::meaning::MakeMethod<host::meaning::method##_, request, response>(service, #method);

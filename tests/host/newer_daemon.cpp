@@ -42,7 +42,7 @@ extern const meaning::MethodOf<Tarn_sys_diag_FanInput, Tarn_sys_diag_FanInfo> Ge
 
 } // namespace host::methods
 
-DEFINE_MEANING(TarnSysdiagTarnd, GetFanInfo, Tarn_sys_diag_FanInput, Tarn_sys_diag_FanInfo)
+DEFINE_MEANING("TarnSysdiagTarnd", GetFanInfo, Tarn_sys_diag_FanInput, Tarn_sys_diag_FanInfo)
 
 namespace {
 

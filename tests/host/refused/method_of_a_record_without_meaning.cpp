@@ -6,4 +6,4 @@ METHOD(TakeSample, Group::kReading, "Takes a sample.", "first=1")
 
 } // namespace host::meaning
 
-DEFINE_MEANING(TarnSysdiagTarnd, TakeSample, Tarn_sys_diag_Sample, host::meaning::NoRecord)
+DEFINE_MEANING("TarnSysdiagTarnd", TakeSample, Tarn_sys_diag_Sample, host::meaning::NoRecord)

@@ -7,4 +7,4 @@ RECORD(Sample, {"uiValue1", "first", Permille().UpTo(1000), "The first."},
 
 } // namespace host::meaning
 
-DEFINE_MEANING(TarnSysdiagTarnd, TakeSample, Tarn_sys_diag_Sample, host::meaning::NoRecord)
+DEFINE_MEANING("TarnSysdiagTarnd", TakeSample, Tarn_sys_diag_Sample, host::meaning::NoRecord)
