@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <utility>
 
 #include "client/master.h"
 #include "host/daemon/peers.h"
