@@ -74,41 +74,15 @@ void PrintWrapped(std::string_view text, size_t indent) {
     }
 }
 
-const Member &MemberNamed(const host::meaning::Record &record, std::string_view wire) {
-    return *std::ranges::find(record.members, wire, &Member::wire);
-}
-
-// What 0, or an empty text, means.
-std::string ZeroText(const Member &member) {
-    const bool text = member.value.kind >= host::meaning::Kind::kText;
-    return member.value.zero.empty() ? "" : fmt::format(", {}: {}", text ? "empty" : "0", member.value.zero);
-}
-
-// ", 0 (detect none) or 1 to 1000, at most begins-at".
-std::string AcceptedText(const host::meaning::Record &record, const Member &member) {
-    const host::meaning::Value &value = member.value;
-    const bool listed = !value.choices.empty() || value.kind == host::meaning::Kind::kSwitch;
-    const std::string range = listed && !value.open ? "" : ExpectedText(value);
-    std::string text = range.empty() ? "" : ", " + range;
-    text += range.find(value.zero) == range.npos || range.empty() ? ZeroText(member) : "";
-    if (!value.notAbove.empty()) {
-        text += fmt::format(", at most {}", MemberNamed(record, value.notAbove).name);
-    }
-    if (!value.notBelow.empty()) {
-        text += fmt::format(", at least {}", MemberNamed(record, value.notBelow).name);
-    }
-    if (!value.matters.empty()) {
-        const Member &other = MemberNamed(record, value.matters);
-        text += fmt::format(", while {} is {}", other.name, ValueText(other.value, value.mattersAt));
-    }
-    return text;
-}
-
 void PrintMember(const host::meaning::Record &record, const Member &member) {
     const host::meaning::Record *const inside = InsideOf(record, member);
     const bool nested = inside != nullptr && !IsTime(member.value.kind);
-    std::cout << fmt::format("  {} ({}): {}{}{}{}\n", member.name, member.wire, NameOf(member.value.kind),
-                             nested ? " " : "", nested ? inside->type : "", AcceptedText(record, member));
+    std::string what(NameOf(member.value.kind));
+    what += nested ? fmt::format(" {}", inside->type) : "";
+    for (const std::string &condition : Conditions(record, member)) {
+        what += ", " + condition;
+    }
+    std::cout << fmt::format("  {} ({}): {}\n", member.name, member.wire, what);
     PrintWrapped(member.sentence, 6);
     for (const Choice &one : member.value.choices) {
         PrintWrapped(fmt::format("{} ({}): {}", one.name, one.value, one.sentence), 8);

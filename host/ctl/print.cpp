@@ -21,6 +21,16 @@ namespace meaning = host::meaning;
 
 namespace {
 
+// What is in an array of characters, for a line on a terminal.
+std::string NameText(const Json &name) {
+    if (name.is_string()) {
+        return host::LineOfText(name.get_ref<const std::string &>());
+    }
+    const auto bytes = host::describe::FromHex(name["hex"].get_ref<const std::string &>());
+    const std::string text(bytes->begin(), bytes->end());
+    return host::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
+}
+
 // Characters, not bytes: what follows the first byte of a UTF-8 sequence takes no room.
 size_t Width(const std::string &text) {
     return static_cast<size_t>(
@@ -260,15 +270,6 @@ void Printer::Table(const Shown &shown, const Json &json, size_t indent) const {
 }
 
 } // namespace
-
-std::string NameText(const Json &name) {
-    if (name.is_string()) {
-        return host::LineOfText(name.get_ref<const std::string &>());
-    }
-    const auto bytes = host::describe::FromHex(name["hex"].get_ref<const std::string &>());
-    const std::string text(bytes->begin(), bytes->end());
-    return host::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
-}
 
 void Columns::Add(const std::vector<std::string> &row) {
     auto &added = rows_.emplace_back();

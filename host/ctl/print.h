@@ -19,9 +19,6 @@ private:
     std::vector<std::vector<std::string>> rows_;
 };
 
-// What is in an array of characters, for a line on a terminal.
-std::string NameText(const host::describe::Json &name);
-
 // A member a line, nested tables indented, vectors of flat tables as a table of their own: with the members and the
 // numbers as they travel, or as that record means them.
 void PrintRecord(std::ostream &out, const host::describe::Record &record);

@@ -17,6 +17,9 @@
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/ctl/units.h"
+#include "host/describe/named.h"
+#include "host/meaning/meaning.h"
+#include "host/osal/text.h"
 
 namespace ctl {
 
@@ -98,9 +101,10 @@ private:
     static inline termios before_{};
 };
 
+// A reply in the names of its meanings.
 Json Ask(host::Client &client, const char *name, const Json &request = Json::object()) {
     const Method &method = RequireMethod(name);
-    const auto message = Encode(FromJson(*method.request, request));
+    const auto message = Encode(FromJson(*method.request, FromNamed(request, *method.meaning->request)));
     const host::CallOutcome outcome = client.Call(kService, 0, name, method.request->hash, message);
     if (!outcome.Ok()) {
         throw FailureOf(kService, name, outcome);
@@ -109,44 +113,51 @@ Json Ask(host::Client &client, const char *name, const Json &request = Json::obj
     if (!record) {
         throw Failure(kRefused, fmt::format("{}: the reply is refused", name));
     }
-    return ToJson(*record);
+    return ToNamed(ToJson(*record), *method.meaning->response);
 }
 
 uint64_t Number(const Json &record, const char *member) {
-    return record[member].get<uint64_t>();
+    return record.at(member).get<uint64_t>();
 }
 
 std::string Text(const Json &record, const char *member) {
-    return NameText(record[member]);
+    return host::LineOfText(record.at(member).get_ref<const std::string &>());
+}
+
+std::string Share(const Json &record, const char *member) {
+    return PermilleText(Number(record, member));
+}
+
+std::string Time(uint64_t us) {
+    return DurationText(std::chrono::microseconds(us));
 }
 
 void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
-    const Json &all = cpus["pstCpu"].at(0);
+    const Json &all = cpus.at(0);
     out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
-                       PermilleText(Number(all, "uiValue1")), PermilleText(Number(all, "uiValue2")),
-                       PermilleText(Number(all, "uiValue3")), PermilleText(Number(all, "uiValue4")),
-                       PermilleText(Number(memory, "uiValue1")), SizeText(Number(memory, "uiValue4") * 1024));
+                       Share(all, "busy_permille"), Share(all, "user_permille"), Share(all, "system_permille"),
+                       Share(all, "waiting_permille"), Share(memory, "now_permille"),
+                       SizeText(Number(memory, "available_bytes")));
     std::string line;
-    for (size_t i = 1; i < cpus["pstCpu"].size(); ++i) {
-        const Json &cpu = cpus["pstCpu"][i];
-        line += fmt::format("{}{} {}", i == 1 ? "" : "  ", Text(cpu, "acName"), PermilleText(Number(cpu, "uiValue1")));
+    for (size_t i = 1; i < cpus.size(); ++i) {
+        line += fmt::format("{}{} {}", i == 1 ? "" : "  ", Text(cpus[i], "name"), Share(cpus[i], "busy_permille"));
     }
     out << line << "\n";
 }
 
 void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
     std::stable_sort(processes.begin(), processes.end(), [](const Json &left, const Json &right) {
-        return Number(left, "uiValue1") > Number(right, "uiValue1");
+        return Number(left, "cpu_permille") > Number(right, "cpu_permille");
     });
     Columns columns;
     columns.Add({"PROCESS", "CPU", "NAME", "HIGHEST", "CPU TIME", "RESIDENT", "THREADS", "STATE", "USER"});
     for (size_t i = 0; i < std::min(rows, processes.size()); ++i) {
         const Json &process = processes[i];
-        const std::chrono::milliseconds time(Number(process, "uiValue3") + Number(process, "uiValue4"));
-        columns.Add({std::to_string(Number(process, "uiPid")), PermilleText(Number(process, "uiValue1")),
-                     Text(process, "acName"), PermilleText(Number(process, "uiValue2")), DurationText(time),
-                     SizeText(Number(process, "uiValue14") * 1024), std::to_string(Number(process, "uiValue7")),
-                     Text(process, "acValue5"), Text(process, "acValue10")});
+        columns.Add({std::to_string(Number(process, "process")), Share(process, "cpu_permille"), Text(process, "name"),
+                     Share(process, "highest_permille"),
+                     Time(Number(process, "user_time_us") + Number(process, "system_time_us")),
+                     SizeText(Number(process, "resident_bytes")), std::to_string(Number(process, "threads")),
+                     Text(process, "state"), Text(process, "user")});
     }
     out << fmt::format("\n{} processes\n", processes.size());
     columns.Print(out, 0);
@@ -156,11 +167,9 @@ void PrintThreads(std::ostream &out, const Json &threads) {
     Columns columns;
     columns.Add({"THREAD", "CPU", "NAME", "OF PROCESS", "ON", "CPU TIME"});
     for (const Json &thread : threads) {
-        const std::chrono::microseconds time(Number(thread, "ullValue4"));
-        columns.Add({std::to_string(Number(thread, "uiTid")), PermilleText(Number(thread, "usValue1")),
-                     Text(thread, "acName"),
-                     fmt::format("{} ({})", Number(thread, "uiValue6"), Text(thread, "acValue7")),
-                     std::to_string(Number(thread, "ucValue3")), DurationText(time)});
+        columns.Add({std::to_string(Number(thread, "thread")), Share(thread, "cpu_permille"), Text(thread, "name"),
+                     fmt::format("{} ({})", Number(thread, "process"), Text(thread, "process_name")),
+                     std::to_string(Number(thread, "on_cpu")), Time(Number(thread, "cpu_time_us"))});
     }
     out << "\nbusiest threads\n";
     columns.Print(out, 0);
@@ -169,9 +178,9 @@ void PrintThreads(std::ostream &out, const Json &threads) {
 // `rows` of each table.
 std::string Frame(host::Client &client, size_t rows) {
     std::ostringstream out;
-    PrintCpus(out, Ask(client, "MultiCpuUsageQuery"), Ask(client, "GetKpiMemoryInfo"));
-    PrintProcesses(out, Ask(client, "SysCpuStatInfoQuery")["pstProc"], rows);
-    PrintThreads(out, Ask(client, "CalculateAllThreadCpuUse", {{"uiValue2", rows}})["pstThread"]);
+    PrintCpus(out, Ask(client, "MultiCpuUsageQuery").at("cpus"), Ask(client, "GetKpiMemoryInfo"));
+    PrintProcesses(out, Ask(client, "SysCpuStatInfoQuery").at("processes"), rows);
+    PrintThreads(out, Ask(client, "CalculateAllThreadCpuUse", {{"most", rows}}).at("threads"));
     return out.str();
 }
 

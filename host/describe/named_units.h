@@ -42,9 +42,7 @@ constexpr NamedUnit NamedUnitOf(meaning::Kind kind) {
     }
 }
 
-inline bool IsTime(meaning::Kind kind) {
-    return kind == meaning::Kind::kLocalTime || kind == meaning::Kind::kGmtTime;
-}
+using meaning::IsTime;
 
 inline bool IsText(meaning::Kind kind) {
     return kind >= meaning::Kind::kText && kind <= meaning::Kind::kBinary && !IsTime(kind);

@@ -30,30 +30,6 @@ std::string Cell(std::string_view text) {
     return cell;
 }
 
-bool IsTime(Kind kind) {
-    return kind == Kind::kLocalTime || kind == Kind::kGmtTime;
-}
-
-// "0 to 1000; 0: detect none". Replies have choices and zeros to tell of as well.
-std::string AcceptedText(const Value &value) {
-    std::string text = value.choices.empty() ? ExpectedText(value) : value.open ? "or another" : "";
-    const auto add = [&text](const std::string &more) { text += (text.empty() ? "" : "; ") + more; };
-    if (value.zeroStandsFor != 0) {
-        add(fmt::format("0 stands for {}", value.zeroStandsFor));
-    } else if (!value.zero.empty()) {
-        add(fmt::format("{}: {}", value.kind < Kind::kText ? "0" : "empty", value.zero));
-    }
-    for (const auto &[bound, how] : {std::pair(value.notAbove, "at most"), std::pair(value.notBelow, "at least")}) {
-        if (!bound.empty()) {
-            add(fmt::format("{} {}", how, bound));
-        }
-    }
-    if (!value.matters.empty()) {
-        add(fmt::format("looked at while {} is {}", value.matters, value.mattersAt));
-    }
-    return text;
-}
-
 std::string SentenceText(const Member &member) {
     std::string text = Cell(member.sentence);
     for (const Choice &one : member.value.choices) {
@@ -69,7 +45,8 @@ void PrintRows(const Record &record, const std::string &path, const std::string 
         const Member &member = record.members[i];
         const std::string name = path + std::string(member.name), wire = wirePath + std::string(member.wire);
         std::cout << fmt::format("| `{}` | `{}` | {} | {} | {} |\n", name, wire, NameOf(member.value.kind),
-                                 Cell(AcceptedText(member.value)), SentenceText(member));
+                                 Cell(fmt::format("{}", fmt::join(Conditions(record, member), "; "))),
+                                 SentenceText(member));
         if (record.inside[i] != nullptr && !IsTime(member.value.kind)) {
             const char *const element = member.value.kind == Kind::kRecords ? "[]." : ".";
             PrintRows(*record.inside[i], name + element, wire + element);

@@ -185,10 +185,6 @@ meaning::Kind PlainKind(const Slot &slot) {
     }
 }
 
-bool IsTimeKind(meaning::Kind kind) {
-    return kind == meaning::Kind::kLocalTime || kind == meaning::Kind::kGmtTime;
-}
-
 bool IsTimeRecord(const Type &type) {
     constexpr std::string_view kMembers[] = {"usYear",   "ucMonth",  "ucDay",        "ucHour",
                                              "ucMinute", "ucSecond", "uiMillisecond"};
@@ -208,7 +204,7 @@ bool Fits(meaning::Kind kind, const Slot &slot) {
     case Kind::kByteVector:
         return kind >= meaning::Kind::kText && kind <= meaning::Kind::kBinary;
     case Kind::kTable:
-        return kind == meaning::Kind::kRecord || (IsTimeKind(kind) && IsTimeRecord(*slot.table));
+        return kind == meaning::Kind::kRecord || (meaning::IsTime(kind) && IsTimeRecord(*slot.table));
     case Kind::kTableRun:
     case Kind::kTableVector:
         return kind == meaning::Kind::kRecords;

@@ -186,6 +186,14 @@ std::string RangeText(const Value &value) {
     return value.least == value.most ? std::to_string(value.least) : fmt::format("{} to {}", value.least, value.most);
 }
 
+std::string NameOfValue(const Value &value, uint64_t number) {
+    if (value.kind == Kind::kSwitch) {
+        return number == 0 ? "off" : "on";
+    }
+    const auto choice = std::ranges::find(value.choices, number, &Choice::value);
+    return choice != value.choices.end() ? std::string(choice->name) : WithSign(number, value.kind);
+}
+
 // What 0, or an empty text, stands for.
 std::string ZeroText(const Value &value) {
     const char *const zero = IsText(value.kind) ? "nothing" : "0";
@@ -209,6 +217,34 @@ std::string ExpectedText(const Value &value) {
         return text;
     }
     return ZeroText(value) + (value.choices.size() < 2 ? " or " : ", ") + text;
+}
+
+std::vector<std::string> Conditions(const Record &meaning, const Member &member) {
+    const Value &value = member.value;
+    const auto nameOf = [&](std::string_view wire) { return meaning.members[IndexOf(meaning, wire)].name; };
+    std::vector<std::string> texts;
+    const std::string range = value.kind == Kind::kSwitch ? "" : RangeText(value);
+    if (value.open) {
+        texts.push_back(range.empty() ? "or another" : "or " + range);
+    } else if (value.choices.empty() && !range.empty()) {
+        texts.push_back(range);
+    }
+    if (value.zeroStandsFor != 0) {
+        texts.push_back(fmt::format("0 stands for {}", WithSign(value.zeroStandsFor, value.kind)));
+    } else if (!value.zero.empty()) {
+        texts.push_back(fmt::format("{}: {}", value.kind < Kind::kText ? "0" : "empty", value.zero));
+    }
+    if (!value.notAbove.empty()) {
+        texts.push_back(fmt::format("at most {}", nameOf(value.notAbove)));
+    }
+    if (!value.notBelow.empty()) {
+        texts.push_back(fmt::format("at least {}", nameOf(value.notBelow)));
+    }
+    if (!value.matters.empty()) {
+        const Value &other = meaning.members[IndexOf(meaning, value.matters)].value;
+        texts.push_back(fmt::format("while {} is {}", nameOf(value.matters), NameOfValue(other, value.mattersAt)));
+    }
+    return texts;
 }
 
 uint32_t &ResultIn(const Record &meaning, void *record) {

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "host/meaning/meaning.h"
 
@@ -19,6 +20,10 @@ std::system_error BadMember(const Method &method, std::string_view member, std::
 
 // The member of a reply in which a failure travels: its errno value.
 uint32_t &ResultIn(const Record &meaning, void *record);
+
+// What a member accepts and what its empty value means, for a list of members: "0 to 1000", "0: detect none", "at most
+// begins-at", "while on is on". Choices are left to who lists them.
+std::vector<std::string> Conditions(const Record &meaning, const Member &member);
 
 // "0 to 1000", "pass (1), drop (2) or limit (3)", "0 (all) or 1 to 64"; empty where any value is accepted.
 std::string ExpectedText(const Value &value);

@@ -62,6 +62,10 @@ enum class Kind : uint8_t {
     kTids,
 };
 
+constexpr bool IsTime(Kind kind) {
+    return kind == Kind::kLocalTime || kind == Kind::kGmtTime;
+}
+
 // What is known of a value, and of a request's which are accepted. Functions return a changed copy, so that a list
 // reads "Permille().Up(1000).Zero("detect none")".
 struct Value {
