@@ -73,6 +73,9 @@ TEST_F(AcceptorTest, TakesAllThatWait) {
 
 // No event tells of it: the connections have been reported, and descriptors that are free again are not.
 TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
+#endif
     Connect();
     Connect();
     {
@@ -92,6 +95,9 @@ TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
 }
 
 TEST_F(AcceptorTest, DoesNotTryAgainOnceItIsClosed) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
+#endif
     Connect();
     {
         const NoDescriptors none;

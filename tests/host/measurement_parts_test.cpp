@@ -464,7 +464,7 @@ TEST_F(HeldMeasurementTest, AnswersOnceWhenTheDaemonEnds) {
     Answers answers;
     Hold(answers);
     Ask(measurement_operation::kRecord, answers);
-    std::thread end([this] { daemon.reset(); });
+    std::thread end([this] { Stop(); });
     GoOn();
     end.join();
     ASSERT_EQ(answers.size(), 2);

@@ -43,10 +43,14 @@ struct SimulatedDaemon {
         }
     }
 
-    // Another that has what the first kept, where there is a state directory.
-    void Restart() {
+    void Stop() {
         drivers.reset();
         daemon.reset();
+    }
+
+    // Another that has what the first kept, where there is a state directory.
+    void Restart() {
+        Stop();
         Start();
     }
 
