@@ -6,10 +6,10 @@
 
 #include "host/ctl/interface.h"
 #include "host/ctl/print.h"
-#include "host/ctl/request.h"
 #include "host/ctl/values.h"
 #include "host/describe/named.h"
 #include "host/describe/named_units.h"
+#include "host/describe/stated.h"
 #include "host/meaning/check.h"
 #include "host/meaning/groups.h"
 #include "host/meaning/reflect.h"
@@ -116,7 +116,7 @@ void PrintMethod(const Method &method) {
     if (meaning.duration == host::meaning::Duration::kLong) {
         PrintWrapped("It may take longer than a caller waits by default: --deadline gives it more time.", 2);
     }
-    std::cout << "\nexample\n  " << ExampleOf(method) << "\n\n";
+    std::cout << "\nexample\n  " << ExampleOf(meaning) << "\n\n";
 }
 
 // ---- For people: how it travels ----

@@ -13,8 +13,6 @@ using namespace host::describe;
 
 namespace {
 
-constexpr std::string_view kAgentService = "TarnSysdiagAgent";
-
 // An object, or what is to be one.
 bool IsJson(const std::string &word) {
     const size_t first = word.find_first_not_of(" \t\r\n");
@@ -25,7 +23,7 @@ void RequireAll(const Method &method, const Json &wire) {
     const auto missing = MissingMembers(wire, *method.meaning->request);
     if (!missing.empty()) {
         throw Failure(kUsage, fmt::format("{}: missing {}; an example: {}", method.name, fmt::join(missing, ", "),
-                                          ExampleOf(method)));
+                                          ExampleOf(*method.meaning)));
     }
 }
 
@@ -41,12 +39,6 @@ Json StatedJson(const Method &method, const std::vector<std::string> &words) {
     return wire;
 }
 
-// What a shell takes for one word.
-std::string Quoted(const std::string &word) {
-    const bool plain = word.find_first_of(" *?[]{}()<>|&;$`\"'\\!#~") == word.npos;
-    return plain ? word : "'" + word + "'";
-}
-
 } // namespace
 
 Record ReadRequest(const Method &method, const std::vector<std::string> &words) {
@@ -59,17 +51,6 @@ Record ReadRequest(const Method &method, const std::vector<std::string> &words) 
     } catch (const std::system_error &error) {
         throw Failure(kUsage, fmt::format("{}: {}", method.name, host::ReasonOf(error)));
     }
-}
-
-std::string ExampleOf(const Method &method) {
-    std::string text = std::string("tarnctl call ") + method.name;
-    if (method.service == kAgentService) {
-        text += " --pid 4711";
-    }
-    for (const std::string &word : WordsOf(method.meaning->example)) {
-        text += " " + Quoted(word);
-    }
-    return text;
 }
 
 } // namespace ctl

@@ -12,7 +12,4 @@ namespace ctl {
 // fit, fails here: none of it is sent.
 host::describe::Record ReadRequest(const host::describe::Method &method, const std::vector<std::string> &words);
 
-// "tarnctl call PidIsOnline process=1", for a shell; empty for a method without members.
-std::string ExampleOf(const host::describe::Method &method);
-
 } // namespace ctl

@@ -3,7 +3,7 @@
 
 #include <iostream>
 
-#include "host/describe/named.h"
+#include "host/describe/stated.h"
 #include "host/meaning/check.h"
 #include "host/meaning/groups.h"
 #include "host/meaning/unit.h"
@@ -108,10 +108,8 @@ Json FormOf(const Record &record) {
     return form;
 }
 
-void PrintExample(const Service &service, const Method &method) {
-    const bool agent = std::string_view(service.name) == kAgent.name;
-    std::cout << fmt::format("    $ tarnctl call{} {}{}{} --json=named\n", agent ? " --pid 4711" : "", method.name,
-                             method.example.empty() ? "" : " ", method.example);
+void PrintExample(const Method &method) {
+    std::cout << fmt::format("    $ {} --json=named\n", host::describe::ExampleOf(method));
     const std::string form = method.response == nullptr ? "null" : FormOf(*method.response).dump(2);
     for (size_t at = 0; at <= form.size();) {
         const size_t end = std::min(form.find('\n', at), form.size());
@@ -121,7 +119,7 @@ void PrintExample(const Service &service, const Method &method) {
     std::cout << "\n";
 }
 
-void PrintMethod(const Service &service, const Method &method, size_t index) {
+void PrintMethod(const Method &method, size_t index) {
     std::cout << fmt::format("### {}\n\n{}\n\n", method.name, method.sentence)
               << fmt::format("Group `{}`, index {}.{}\n\n", host::NameOf(method.group), index,
                              method.duration == Duration::kLong ? " It may take long: state a deadline." : "");
@@ -131,7 +129,7 @@ void PrintMethod(const Service &service, const Method &method, size_t index) {
     } else {
         PrintRecord("Reply", *method.response);
     }
-    PrintExample(service, method);
+    PrintExample(method);
 }
 
 void PrintGroups(const Service &service) {
@@ -167,7 +165,7 @@ int main() {
         std::cout << fmt::format("\n## {}\n\n{}\n\n", service->name, service->sentence);
         PrintGroups(*service);
         for (size_t i = 0; i < service->methods.size(); ++i) {
-            PrintMethod(*service, *service->methods[i], i + 1);
+            PrintMethod(*service->methods[i], i + 1);
         }
     }
     return std::cout.flush() ? 0 : 1;

@@ -67,6 +67,12 @@ void AddNames(const meaning::Record &record, const std::string &path, std::vecto
     }
 }
 
+// What a shell takes for one word.
+std::string Quoted(const std::string &word) {
+    const bool plain = word.find_first_of(" *?[]{}()<>|&;$`\"'\\!#~") == word.npos;
+    return plain ? word : "'" + word + "'";
+}
+
 } // namespace
 
 Json FromWords(std::span<const std::string> words, const meaning::Record &meaning, const ReadFile &read) {
@@ -95,6 +101,16 @@ std::vector<std::string> WordsOf(std::string_view example) {
         at = end + 1;
     }
     return words;
+}
+
+std::string ExampleOf(const meaning::Method &method) {
+    constexpr std::string_view kAgentService = "TarnSysdiagAgent";
+    std::string text =
+        fmt::format("tarnctl call {}{}", method.name, method.service == kAgentService ? " --pid 4711" : "");
+    for (const std::string &word : WordsOf(method.example)) {
+        text += " " + Quoted(word);
+    }
+    return text;
 }
 
 std::vector<std::string> StatedNames(const meaning::Record &meaning) {

@@ -21,6 +21,9 @@ std::vector<std::string> MissingMembers(const Json &wire, const meaning::Record 
 // The words of a method's example.
 std::vector<std::string> WordsOf(std::string_view example);
 
+// Its call, as one types it into a shell: "tarnctl call PidIsOnline process=1".
+std::string ExampleOf(const meaning::Method &method);
+
 // The names that FromWords takes: those of members, and of the members of nested records by their path.
 std::vector<std::string> StatedNames(const meaning::Record &meaning);
 

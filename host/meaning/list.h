@@ -279,14 +279,28 @@ constexpr bool HaveNamesOfTheirOwn(const std::array<Member, kNum> &members) {
     });
 }
 
+// A bound, or what a condition depends on, is a number of the same record.
 template <size_t kNum>
-constexpr bool ReferToMembers(const std::array<Member, kNum> &members) {
-    const auto known = [&](std::string_view wire) {
-        return wire.empty() || std::ranges::count(members, wire, &Member::wire) == 1;
+constexpr bool ReferToNumbers(const std::array<Member, kNum> &members) {
+    const auto isNumber = [&](std::string_view wire) {
+        const auto found = std::ranges::find(members, wire, &Member::wire);
+        return wire.empty() || (found != members.end() && found->value.kind < Kind::kText);
     };
     return std::ranges::all_of(members, [&](const Member &one) {
-        return known(one.value.notAbove) && known(one.value.notBelow) && known(one.value.matters);
+        return isNumber(one.value.notAbove) && isNumber(one.value.notBelow) && isNumber(one.value.matters);
     });
+}
+
+template <size_t kNum>
+constexpr bool ConditionsEnd(const std::array<Member, kNum> &members) {
+    const auto ends = [&](const Member &one) {
+        const Member *on = &one;
+        for (size_t steps = 0; steps < kNum && !on->value.matters.empty(); ++steps) {
+            on = &*std::ranges::find(members, on->value.matters, &Member::wire);
+        }
+        return on->value.matters.empty();
+    };
+    return !ReferToNumbers(members) || std::ranges::all_of(members, ends);
 }
 
 // ---- The tables made of it ----
@@ -351,7 +365,8 @@ constexpr MethodOf<Request, Response> MakeMethod(const char *service, const char
     static_assert(Fit<type>(members), what ": a member can't hold a value of its kind or range");                      \
     static_assert(AreSound(members), what ": a name, a sentence, a range or a default is not as it should be");        \
     static_assert(HaveNamesOfTheirOwn(members), what ": two members have one name");                                   \
-    static_assert(ReferToMembers(members), what ": a bound or a condition is no member");
+    static_assert(ReferToNumbers(members), what ": a bound or a condition is no number of the record");                \
+    static_assert(ConditionsEnd(members), what ": a condition depends on itself");
 
 // METHOD(method, group, "One sentence.", "example=1"): with Duration::kLong behind it where it may take long.
 #define METHOD(method, ...)                                                                                            \
