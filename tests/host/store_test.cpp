@@ -13,6 +13,7 @@ TARN_UNIT()
 #include <csignal>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 
 #include "tests/host/kit.h"
@@ -254,7 +255,8 @@ TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
 // A process that saves without pause is killed at moments of which none is chosen: what it leaves is whole.
 TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
     uint64_t newest = 0;
-    for (int round = 0; round != 20; ++round) {
+    std::mt19937 random(1);
+    for (int round = 0; round != 500; ++round) {
         const pid_t pid = fork();
         if (pid == 0) {
             host::Store store(state_);
@@ -262,7 +264,7 @@ TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
                 store.Save("doc", 1, Document::Object{{"number", i}, {"long", std::string(3000, 'x')}});
             }
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5 + 7 * (round % 5)));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 6'000));
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         const auto found = Stored(state_, "doc");

@@ -9,13 +9,14 @@ TARN_UNIT()
 
 #include "tests/host/peer.h"
 #include "tests/hostile/hostile.h"
+#include "tests/hostile/rounds.h"
 
 namespace {
 
 // Mutates a valid request again and again, and sends it: a connection for each, since most end one.
-int SendMutations(const std::filesystem::path &socket, unsigned seed, size_t count) {
+int SendMutations(const std::filesystem::path &socket, unsigned seed, uint64_t count) {
     std::mt19937 random(seed);
-    for (size_t i = 0; i < count; ++i) {
+    for (uint64_t i = 0; i < count; ++i) {
         std::vector<uint8_t> bytes = peer::OnlineRequest(i + 1, 1000);
         for (unsigned flips = 1 + random() % 8; flips > 0; --flips) {
             bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
@@ -32,7 +33,7 @@ protected:
 };
 
 TEST_F(AllowedGarbage, HarmsNobodyElse) {
-    kit::Attacker attacker([this] { return SendMutations(Socket(), 1, 2000); });
+    kit::Attacker attacker([this] { return SendMutations(Socket(), 1, kit::Rounds(2000)); });
     kit::Latencies root;
     root.Measure(200, [this] { return Answers(); });
     EXPECT_EQ(root.Failed(), 0);

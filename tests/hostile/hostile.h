@@ -69,13 +69,14 @@ public:
             failed_ += call() ? 0 : 1;
             times_.push_back(std::chrono::steady_clock::now() - begin);
         }
-        std::ranges::sort(times_);
     }
     size_t Failed() const { return failed_; }
     std::chrono::duration<double, std::milli> Percentile(double share) const {
-        return times_.at(static_cast<size_t>(share * static_cast<double>(times_.size() - 1)));
+        auto times = times_;
+        std::ranges::sort(times);
+        return times.at(static_cast<size_t>(share * static_cast<double>(times.size() - 1)));
     }
-    std::chrono::duration<double, std::milli> Longest() const { return times_.back(); }
+    std::chrono::duration<double, std::milli> Longest() const { return Percentile(1); }
 
 private:
     std::vector<std::chrono::steady_clock::duration> times_;
