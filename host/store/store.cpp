@@ -32,10 +32,21 @@ std::string DigestOf(const Document &content) {
     return digest.Hex();
 }
 
+// Far more than any document has.
+constexpr size_t kMostBytes = 16U << 20;
+
+void CheckSize(uint64_t bytes) {
+    if (bytes > kMostBytes) {
+        Fail(EFBIG, fmt::format("{} bytes, expected at most {}", bytes, kMostBytes));
+    }
+}
+
 std::string TextOf(const Descriptor &file, const std::string &name) {
-    if (!S_ISREG(file.Status().st_mode)) {
+    const struct stat status = file.Status();
+    if (!S_ISREG(status.st_mode)) {
         throw std::runtime_error("not a regular file");
     }
+    CheckSize(static_cast<uint64_t>(status.st_size));
     std::string text;
     char buffer[16384];
     for (ssize_t length = 1; length != 0;) {
@@ -95,8 +106,10 @@ void Store::Save(const std::string &name, uint32_t version, const Document &cont
     try {
         const Document whole = Document::Object{
             {"document", name}, {"version", version}, {"sha256", DigestOf(content)}, {"content", content}};
+        const std::string text = whole.Dump(1) + "\n";
+        CheckSize(text.size());
         FileAside aside(directory_, file, 0600);
-        WriteAll(aside.File(), whole.Dump(1) + "\n", what);
+        WriteAll(aside.File(), text, what);
         aside.Commit();
     } catch (const DocumentError &error) {
         Fail(EILSEQ, fmt::format("{}: {}", what, error.what()));

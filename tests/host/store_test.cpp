@@ -136,7 +136,10 @@ TEST_F(StoreTest, SetsDamagedFilesAside) {
                                                {"longer", longer},
                                                {"another document's", good},
                                                {"no envelope", content_.Dump()},
-                                               {"deep", std::string(100'000, '[')}};
+                                               {"deep", std::string(1'000'000, '[')},
+                                               {"whole and deep", R"({"document": "doc", "version": 1, "content": )" +
+                                                                      std::string(1'000'000, '[') +
+                                                                      std::string(1'000'000, ']') + "}"}};
     damaged["another document's"].replace(damaged["another document's"].find("\"doc\""), 5, "\"cod\"");
     for (size_t length = 1; length < good.size() - 1; length += 7) { // without its line feed it is whole
         damaged["cut to " + std::to_string(length)] = good.substr(0, length);
@@ -148,6 +151,26 @@ TEST_F(StoreTest, SetsDamagedFilesAside) {
         EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
         EXPECT_EQ(kit::TextOfFile(state_ / "doc.json.damaged"), text);
     }
+}
+
+TEST_F(StoreTest, SetsAsideWhatIsTooLargeToRead) {
+    Write("doc.json", "{");
+    std::filesystem::resize_file(state_ / "doc.json", 1ULL << 40); // takes no space, and hours to read
+    EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"doc.json.damaged"}));
+}
+
+TEST_F(StoreTest, KeepsNothingThatItWouldNotRead) {
+    host::Store store(state_);
+    store.Save("doc", 1, content_);
+    try {
+        store.Save("doc", 1, Document(std::string(17U << 20, 'x')));
+        ADD_FAILURE() << "it was kept";
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(error.code().value(), EFBIG);
+        EXPECT_NE(std::string(error.what()).find("expected at most 16777216"), std::string::npos) << error.what();
+    }
+    store.Load("doc", 1, [&](const Document &content) { EXPECT_EQ(content, content_); });
 }
 
 // The digest is that of the content in one line.
