@@ -344,6 +344,52 @@ TEST_F(MemoryMethodsTest, ListFilesInMemory) {
     EXPECT_EQ(Files(0).Status(), ENOENT);
 }
 
+TEST_F(MemoryMethodsTest, ListFilesOfAnyTime) {
+    proc.Write("self/mounts", fmt::format("tmpfs {} tmpfs rw 0 0\n", memory.path.string()));
+    std::ofstream(memory.path / "file") << "x";
+    const auto changed = [&](int64_t seconds) {
+        const timespec times[2] = {{0, 0}, {seconds, 0}};
+        EXPECT_EQ(utimensat(AT_FDCWD, (memory.path / "file").c_str(), times, 0), 0);
+        return std::string(Files(0)->pstFile[0].acValue1);
+    };
+    EXPECT_TRUE(changed(10'000'000'000'000).starts_with("2169-")) << "the latest that is told";
+    EXPECT_TRUE(changed(-10'000'000'000'000).starts_with("1769-")) << "the earliest";
+}
+
+// Files that others made: so many that one directory takes longer than a call may.
+TEST_F(MemoryMethodsTest, GiveUpWithinADirectory) {
+    for (int i = 0; i < 1000; ++i) {
+        std::ofstream(memory.path / std::to_string(i));
+    }
+    int checks = 0;
+    size_t taken = 0;
+    const auto take = [&](const std::string &, const struct stat &) { ++taken; };
+    tarnd::ForEachFile(
+        memory.path, [&] { ++checks; }, take);
+    EXPECT_EQ(taken, 1000);
+    EXPECT_GE(checks, 1000 / 64);
+    taken = 0;
+    const auto giveUp = [&] { checks-- == 0 ? host::Fail(ETIMEDOUT, "the test") : void(); };
+    checks = 3;
+    EXPECT_THROW(tarnd::ForEachFile(memory.path, giveUp, take), std::system_error);
+    EXPECT_LE(taken, 3 * 64);
+}
+
+TEST_F(MemoryMethodsTest, GiveUpAmongEmptyDirectories) {
+    std::filesystem::path deep = memory.path;
+    for (int i = 0; i < 300; ++i) {
+        deep /= "d"; // none of them is held open
+    }
+    std::filesystem::create_directories(deep);
+    std::ofstream(deep / "file") << "x";
+    int checks = 0;
+    std::vector<std::string> files;
+    tarnd::ForEachFile(
+        memory.path, [&] { ++checks; }, [&](const std::string &path, const struct stat &) { files.push_back(path); });
+    EXPECT_EQ(files, std::vector<std::string>{deep / "file"});
+    EXPECT_GE(checks, 300 / 64);
+}
+
 TEST(ModeText, IsThatOfAListing) {
     EXPECT_EQ(tarnd::ModeText(0), "----------");
     EXPECT_EQ(tarnd::ModeText(0777), "-rwxrwxrwx");

@@ -1,15 +1,20 @@
 #include "host/daemon/memory/memory_files.h"
 
-#include <fts.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <linux/magic.h>
+#include <linux/openat2.h>
 #include <mntent.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <set>
 
 #include "host/daemon/memory/kib.h"
+#include "host/osal/descriptor.h"
 #include "host/osal/error.h"
 
 namespace tarnd {
@@ -20,6 +25,80 @@ bool IsInMemory(const struct statfs &status) {
     const auto type = static_cast<uint32_t>(status.f_type);
     return type == TMPFS_MAGIC || type == RAMFS_MAGIC || type == HUGETLBFS_MAGIC;
 }
+
+// One way through the directories below one. Each is opened by its path from there, so that none stays open however
+// deep they lie; no link is followed, and no other file system entered.
+class Walk {
+public:
+    Walk(const std::string &directory, const host::Check &check, const TakeFile &take)
+        : check_(check), take_(take), prefix_(directory.ends_with('/') ? directory : directory + "/"),
+          root_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+
+    void Run() {
+        if (!root_) {
+            return;
+        }
+        device_ = root_.Status().st_dev;
+        for (pending_.emplace_back(); !pending_.empty();) {
+            const std::string path = std::move(pending_.back());
+            pending_.pop_back();
+            Read(path);
+        }
+    }
+
+private:
+    host::Descriptor Open(const std::string &path) const {
+        open_how how{};
+        how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+        const char *const name = path.empty() ? "." : path.c_str();
+        return host::Descriptor(static_cast<int>(syscall(SYS_openat2, root_.Fd(), name, &how, sizeof how)));
+    }
+
+    void Read(const std::string &path) {
+        CheckNowAndThen();
+        host::Descriptor directory = Open(path);
+        const std::unique_ptr<DIR, int (*)(DIR *)> stream(directory ? fdopendir(directory.Fd()) : nullptr, closedir);
+        if (stream == nullptr) {
+            return;
+        }
+        const int fd = directory.Release(); // the stream has it
+        const std::string prefix = path.empty() ? "" : path + "/";
+        while (const dirent *const entry = readdir(stream.get())) {
+            CheckNowAndThen();
+            const std::string_view name = entry->d_name;
+            struct stat status {};
+            if (name != "." && name != ".." && fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+                Take(prefix + entry->d_name, status);
+            }
+        }
+    }
+
+    void Take(std::string path, const struct stat &status) {
+        if (S_ISDIR(status.st_mode)) {
+            pending_.push_back(std::move(path));
+        } else if (S_ISREG(status.st_mode) && status.st_dev == device_ &&
+                   (status.st_nlink == 1 || named_.insert(status.st_ino).second)) {
+            take_(prefix_ + path, status);
+        }
+    }
+
+    void CheckNowAndThen() {
+        constexpr uint32_t kEntries = 64;
+        if (entries_++ % kEntries == 0) {
+            check_();
+        }
+    }
+
+    const host::Check &check_;
+    const TakeFile &take_;
+    const std::string prefix_;
+    const host::Descriptor root_;
+    dev_t device_ = 0;
+    uint32_t entries_ = 0;
+    std::vector<std::string> pending_; // directories, from the root
+    std::set<ino_t> named_;            // those of several names that were handed over
+};
 
 } // namespace
 
@@ -67,22 +146,8 @@ std::string ModeText(mode_t mode) {
     return text;
 }
 
-void ForEachFile(const std::string &directory, const TakeFile &take) {
-    std::string root = directory;
-    char *const roots[] = {root.data(), nullptr};
-    const std::unique_ptr<FTS, int (*)(FTS *)> walk(
-        fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_XDEV | FTS_NOCHDIR, nullptr), fts_close);
-    if (walk == nullptr) {
-        host::Fail(errno, directory);
-    }
-    std::set<ino_t> named; // those of several names that were handed over
-    while (const FTSENT *entry = fts_read(walk.get())) {
-        const struct stat &status = *entry->fts_statp;
-        if (entry->fts_info == FTS_F && S_ISREG(status.st_mode) && status.st_dev == entry->fts_parent->fts_dev &&
-            (status.st_nlink == 1 || named.insert(status.st_ino).second)) {
-            take(entry->fts_path, status);
-        }
-    }
+void ForEachFile(const std::string &directory, const host::Check &check, const TakeFile &take) {
+    Walk(directory, check, take).Run();
 }
 
 uint32_t TakenKib(const struct stat &status) {

@@ -8,14 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "host/osal/check.h"
 #include "host/procfs/procfs.h"
 
 namespace tarnd {
 
 // Hands each regular file below a directory, on its file system, to a function: its path and its status. One that has
-// several names comes once. What goes away meanwhile or may not be seen is left out.
+// several names comes once. What goes away meanwhile or may not be seen is left out. Anyone may have filled the
+// directory, with no matter what: it is checked after every few entries.
 using TakeFile = std::function<void(const std::string &path, const struct stat &status)>;
-void ForEachFile(const std::string &directory, const TakeFile &take);
+void ForEachFile(const std::string &directory, const host::Check &check, const TakeFile &take);
 
 // A file system without a place but memory.
 struct MemoryFileSystem {

@@ -19,8 +19,8 @@ std::string_view Tail(std::string_view path, size_t most) {
 Tarn_sys_diag_SysOsMemFile Describe(const std::string &name, const struct stat &status, UserNames &names) {
     Tarn_sys_diag_SysOsMemFile record{};
     auto &[changed, owner, permissions, path, taken] = record;
-    host::CopyText(changed,
-                   Daemon::Serving().clock.TextWithoutZone(std::chrono::system_clock::from_time_t(status.st_mtime)));
+    const host::WallTime when = host::NearestWallTime(std::chrono::seconds(status.st_mtime));
+    host::CopyText(changed, Daemon::Serving().clock.TextWithoutZone(when));
     host::CopyText(owner, names.User(status.st_uid) + ":" + names.Group(status.st_gid));
     host::CopyText(permissions, ModeText(status.st_mode));
     host::CopyText(path, Tail(name, sizeof path - 1));
@@ -39,8 +39,8 @@ void ListFiles(uint32_t least, void *replyCtx, host::Reply<Tarn_sys_diag_SysOsMe
     UserNames names;
     Largest<Tarn_sys_diag_SysOsMemFile> records(host::meaning::memory_files::kMost);
     for (const MemoryFileSystem &fileSystem : fileSystems) {
-        ForEachFile(fileSystem.directory, [&](const std::string &path, const struct stat &status) {
-            host::CheckWanted(replyCtx);
+        const auto check = [&] { host::CheckWanted(replyCtx); };
+        ForEachFile(fileSystem.directory, check, [&](const std::string &path, const struct stat &status) {
             if (const uint32_t size = TakenKib(status); size >= least) {
                 records.Add(size, Describe(path, status, names));
             }

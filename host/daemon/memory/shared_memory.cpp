@@ -86,7 +86,7 @@ void ForEachSegment(const host::procfs::Procfs &proc, UserNames &names, const Ta
 void ForEachSharedFile(const host::procfs::Procfs &proc, const std::string &directory, UserNames &names,
                        const host::Check &check, const TakeSharedMemory &take) {
     std::map<std::string, uint32_t> processes;
-    ForEachFile(directory, [&](const std::string &path, const struct stat &status) {
+    ForEachFile(directory, check, [&](const std::string &path, const struct stat &status) {
         if (processes.empty()) {
             processes = MappingProcesses(proc, check); // dear, and most systems have no such file
         }
