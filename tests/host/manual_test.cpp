@@ -69,6 +69,7 @@ TEST(Manual, NamesTheDefaultsThatHelpNames) {
     EXPECT_NE(daemon.find("[1000]"), daemon.npos) << daemon;
     ExpectDefaults(Page("tarnd.8"), daemon);
     ExpectDefaults(Page("tarn-master.8"), OutputOf(TARN_MASTER " --help"));
+    ExpectDefaults(Page("tarn-agent.1"), OutputOf(TARN_AGENT " --help"));
     for (const char *command : {"call", "top"}) {
         const std::string page = Page("tarnctl.1");
         ExpectDefaults(page.substr(page.find(std::string("\n.Ss ") + command)),
@@ -97,13 +98,21 @@ TEST(Manual, NamesTheExitCodesOfTarnctl) {
     EXPECT_EQ(MatchesOf(page, "^\\.It ([0-9])$"), MatchesOf(help, "^  ([0-9])  "));
 }
 
-TEST(Manual, NamesTheOptionsOfTheDaemonAndTheMaster) {
+TEST(Manual, NamesTheOptionsOfTheOtherPrograms) {
     EXPECT_EQ(EntriesOf(Page("tarnd.8")), OptionsOf(TARND));
     EXPECT_EQ(EntriesOf(Page("tarn-master.8")), OptionsOf(TARN_MASTER));
+    EXPECT_EQ(EntriesOf(Page("tarn-agent.1")), OptionsOf(TARN_AGENT));
+}
+
+TEST(Manual, NamesTheDebugCommandsOfTheExample) {
+    const Names named = MatchesOf(Page("tarn-agent.1"), "^\\.It Ic ([a-z]+)");
+    std::ifstream source(AGENT_SOURCE);
+    const std::string text{std::istreambuf_iterator<char>(source), {}};
+    EXPECT_EQ(named, MatchesOf(text, "TarnAgent_RegisterCommand\\(\"([a-z]+)\""));
 }
 
 TEST(Manual, IsWellFormed) {
-    for (const char *page : {"tarnctl.1", "tarnd.8", "tarn-master.8"}) {
+    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-master.8"}) {
         EXPECT_EQ(OutputOf(std::string("mandoc -T lint -W warning " MANUALS "/") + page), "");
     }
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# installed.sh BUILD: what `cmake --install` puts under a prefix works there, and after the prefix was moved, without
+# installed.sh BUILD [sanitized]: what `cmake --install` puts under a prefix works there, and after the prefix was moved, without
 # the build tree's help: the programs start and answer, and pkg-config finds headers and library.
 set -euo pipefail
 build=$1
@@ -36,3 +36,22 @@ done
 for header in server/tarnd.h client/agent.h client/master.h; do
     echo "#include \"$header\"" | cc -xc -std=c99 -fsyntax-only $(pkg-config --cflags tarn_sysdiag) -
 done
+
+# The guide's program is built by the guide's own line, and answers. One without a sanitizer can't load what has one.
+[[ ${2:-} != sanitized ]] || exit 0
+guide=$(dirname "$0")/../../docs/agent-author.md
+sed -n '/^```c$/,/^```$/{/^```/d;p}' "$guide" >"$scratch/greeter.c"
+line=$(grep '^    cc -o greeter' "$guide")
+(cd "$scratch" && eval "$line")
+export LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
+"$scratch/greeter" &
+greeter=$!
+trap '[[ -z $daemon ]] || kill "$daemon"; kill "$greeter"; rm -rf "$scratch"' EXIT
+served=
+for _ in {1..600}; do
+    "$prefix/bin/tarnctl" call DBGCmdExecShowByTarnd process=$greeter command=served >/dev/null 2>&1 || { sleep 0.05; continue; }
+    served=$("$prefix/bin/tarnctl" call DBGCmdExecResultGetByTarnd process=$greeter 2>/dev/null) || true
+    [[ $served != *"served "* ]] || break
+    sleep 0.05
+done
+[[ $served == *"served "* ]] || { echo "found '$served', expected the greeter's count"; exit 1; }
