@@ -24,6 +24,15 @@ std::shared_ptr<const LogHook> &Hook() {
 
 std::mutex hookMutex;
 
+// This thread's, the innermost.
+constinit thread_local LogGate *gate = nullptr;
+
+// To be asked once for each record.
+bool MayWrite(LogLevel level) {
+    const bool isGated = gate != nullptr && (level == LogLevel::kWarning || level == LogLevel::kError);
+    return !isGated || gate->Passes();
+}
+
 // A record stays in its line and is harmless to terminals, whoever chose the names and texts in it.
 class OneLine final : public spdlog::custom_flag_formatter {
 public:
@@ -111,9 +120,19 @@ std::string LineOf(const LogRecord &record) {
 
 } // namespace
 
+LogGate::LogGate() : outer_(gate) {
+    gate = this;
+}
+
+LogGate::~LogGate() {
+    gate = outer_;
+}
+
 void Logger::Write(LogLevel level, fmt::string_view format, fmt::format_args args) {
     try {
-        Write(level, fmt::vformat(format, args));
+        if (MayWrite(level)) {
+            Write(level, fmt::vformat(format, args));
+        }
     } catch (const std::exception &error) { // who logs goes on without the line
         Write(LogLevel::kError, error.what());
     }
@@ -140,7 +159,7 @@ LogHook SetLogHook(LogHook hook) {
 void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode, const char *pcFile,
                       uint32_t uiLine, const char *pcFunction, const char *pcFormat, ...) {
     const auto hook = host::CurrentHook();
-    if (!hook && !host::Log().IsOn(host::LevelOf(uiLevel))) {
+    if (!hook && (!host::Log().IsOn(host::LevelOf(uiLevel)) || !host::MayWrite(host::LevelOf(uiLevel)))) {
         return;
     }
     host::LogRecord record;

@@ -56,6 +56,21 @@ private:
 // The process's log.
 Logger &Log();
 
+// While it lives, the warnings and errors that this thread logs are written as far as it passes them. One may be within
+// another, which is not asked then.
+class LogGate {
+public:
+    LogGate();
+    LogGate(const LogGate &) = delete;
+    LogGate &operator=(const LogGate &) = delete;
+    virtual ~LogGate();
+
+    virtual bool Passes() = 0;
+
+private:
+    LogGate *const outer_;
+};
+
 // A record as it came to XRT_OsalLogWrite, its text formatted.
 struct LogRecord {
     std::string component;

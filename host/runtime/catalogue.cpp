@@ -3,20 +3,40 @@
 #include <unordered_map>
 #include <vector>
 
-#include "velto/describe.h"
+#include "velto/fixed.h"
+
+// Their tables are read by what is included above.
+#include "types/agent.h"
+#include "types/master.h"
+#include "types/tarnd.h"
+#include "types/tarnd_agent.h"
 
 namespace host {
 namespace {
 
+// A type without strings and vectors has a longest message. A newer client's has members that this one doesn't know.
+template <class Request>
+constexpr uint32_t RequestBytes() {
+    if constexpr (velto::kOwns<Request>) {
+        return 0;
+    } else {
+        return 2 * velto::kFixedSize<Request> + 4096;
+    }
+}
+
 std::vector<MethodInfo> Build() {
     std::vector<MethodInfo> methods;
-    const auto add = [&](std::string_view service, const char *method, const char *request, const char *response) {
+    const auto add = [&](std::string_view service, const char *method, const char *request, const char *response,
+                         uint32_t requestBytes) {
         const uint32_t index = !methods.empty() && methods.back().service == service ? methods.back().index + 1 : 1;
         const uint32_t responseHash = response[0] == 0 ? 0 : velto::TypeHash(response);
-        methods.push_back({service, method, index, request, response, velto::TypeHash(request), responseHash});
+        methods.push_back(
+            {service, method, index, request, response, velto::TypeHash(request), responseHash, requestBytes});
     };
-#define TARN_SERVICE_METHOD(service, method, request, response) add(#service, #method, #request, #response);
-#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) add(#service, #method, #request, "");
+#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
+    add(#service, #method, #request, #response, RequestBytes<Tarn_sys_diag_##request>());
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request)                                                         \
+    add(#service, #method, #request, "", RequestBytes<Tarn_sys_diag_##request>());
 #include "host/meaning/all_methods.h"
     return methods;
 }

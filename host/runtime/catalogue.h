@@ -15,6 +15,7 @@ struct MethodInfo {
     std::string_view response; // empty for a method without reply
     uint32_t requestHash;
     uint32_t responseHash; // 0 for a method without reply
+    uint32_t requestBytes; // that no request has more of, also of a newer client; 0 where its type has no such bound
 
     constexpr bool Replies() const { return !response.empty(); }
 };

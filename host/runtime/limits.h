@@ -21,12 +21,14 @@ struct Limits {
     // Of a client.
     uint32_t replyBytes = 4U << 20;
 
-    // Of a server.
+    // Of a server: what its users share (quota.h). Privileged users alone may have the last eighth of each.
     uint32_t connections = 512;
-    uint32_t userConnections = 256;      // of any one user
-    uint32_t requests = 1024;            // in flight: arrived and not ended; more are refused
+    uint32_t requests = 1024;            // in flight: begun and not ended; more are refused
+    uint32_t receivedBytes = 128U << 20; // of requests in flight
+    uint32_t queuedBytes = 128U << 20;   // of replies that wait until their peers take them
+
+    // Of a server.
     uint32_t requestsPerConnection = 64; // in flight; the server reads no further until one has ended
-    uint32_t queuedBytes = 32U << 20;    // that wait until a connection's peer takes them; one reply may be larger
     Milliseconds writeTime{10000};       // until the peer has taken a reply
     Milliseconds frameTime{10000};       // until the peer has completed a frame that it began
     Milliseconds idleTime{600000};       // without a request

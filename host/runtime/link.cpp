@@ -7,6 +7,12 @@
 #include <cerrno>
 
 namespace host {
+namespace {
+
+// What is read of a large frame before it is another connection's turn.
+constexpr size_t kTurnBytes = 256 << 10;
+
+} // namespace
 
 void ReaderRole::Enter() {
     if (owner_.exchange(std::this_thread::get_id(), std::memory_order_relaxed) != std::thread::id()) {
@@ -86,8 +92,7 @@ void Link::Close() {
 // The descriptor stays open until no thread can be using it.
 void Link::CloseNow() {
     SetState(LinkState::kClosed);
-    unsent_.clear();
-    unsentBytes_ = 0;
+    DropUnsent();
     loop_.Remove(fd_.Fd(), id_);
     shutdown(fd_.Fd(), SHUT_RDWR);
     loop_.Post([self = shared_from_this()] { self->End(); });
@@ -141,10 +146,21 @@ bool Link::BeginReading(bool peerEnded) {
 
 void Link::Read() {
     bool drained = true;
+    Arrival arrival = Arrival::kEnd;
+    Confine([&]() TARN_REQUIRES(reader_) { arrival = ReadFrames(drained); });
+    EndReading(arrival, drained);
+    End(); // when it was closed meanwhile
+    if (arrival == Arrival::kFrames) {
+        Confine([this] { Process(); });
+    }
+}
+
+Link::Arrival Link::ReadFrames(bool &drained) {
+    size_t received = 0;
     Arrival arrival;
     do {
-        arrival = Receive(drained);
-    } while (arrival == Arrival::kPart && MayReadFurther(drained));
+        arrival = Receive(received, drained);
+    } while (arrival == Arrival::kPart && MayReadFurther(drained) && (drained || received < kTurnBytes));
     if (arrival == Arrival::kFrames) {
         Take(frames_, loop_.Now());
         frames_.clear();
@@ -154,14 +170,10 @@ void Link::Read() {
     } else if (arrival == Arrival::kEnd) {
         Close();
     }
-    EndReading(arrival, drained);
-    End(); // when it was closed meanwhile
-    if (arrival == Arrival::kFrames) {
-        Process();
-    }
+    return arrival;
 }
 
-Link::Arrival Link::Receive(bool &drained) {
+Link::Arrival Link::Receive(size_t &received, bool &drained) {
     const std::span<uint8_t> room = parser_.Room();
     const std::span<uint8_t> to = room.empty() ? std::span<uint8_t>(scratch_) : room;
     ssize_t count;
@@ -174,6 +186,7 @@ Link::Arrival Link::Receive(bool &drained) {
     }
     const auto size = static_cast<size_t>(count);
     drained = size < to.size();
+    received += size;
     if (room.empty()) {
         Parse(to.first(size));
     } else {
@@ -185,6 +198,9 @@ Link::Arrival Link::Receive(bool &drained) {
 
 void Link::Parse(std::span<const uint8_t> bytes) {
     while (true) {
+        if (parser_.IsNewHeader() && !KeepsPayload(parser_.Header())) {
+            parser_.DropPayload();
+        }
         if (parser_.HasFrame()) {
             frames_.push_back(parser_.Take());
         }
@@ -255,13 +271,14 @@ bool Link::Send(std::span<const uint8_t> bytes) {
         return true;
     }
     const bool first = unsent_.empty();
-    if (!first && !MayQueue(unsentBytes_ + bytes.size())) {
+    const size_t unsent = unsentBytes_ + bytes.size() - sent;
+    if (!MayQueue(unsent)) {
         CloseNow();
         return false;
     }
     unsentSince_ = first ? loop_.Now() : unsentSince_;
     unsent_.emplace_back(bytes.begin() + static_cast<ptrdiff_t>(sent), bytes.end());
-    unsentBytes_ += bytes.size() - sent;
+    unsentBytes_ = unsent;
     if (first) {
         Watch();
     }
@@ -292,6 +309,7 @@ void Link::Flush() {
             return;
         }
         unsentBytes_ -= sentOfFirst_ - before;
+        MayQueue(unsentBytes_);
         if (sentOfFirst_ < first.size()) {
             Watch();
             return;
@@ -305,10 +323,15 @@ void Link::Flush() {
     }
 }
 
-// The peer takes nothing more. What it sent before is still read, up to its end.
-void Link::BreakOff() {
+void Link::DropUnsent() {
     unsent_.clear();
     unsentBytes_ = sentOfFirst_ = 0;
+    MayQueue(0);
+}
+
+// The peer takes nothing more. What it sent before is still read, up to its end.
+void Link::BreakOff() {
+    DropUnsent();
     if (state_ == LinkState::kDraining) {
         CloseNow();
     } else {

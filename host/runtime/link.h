@@ -7,6 +7,7 @@
 #include <atomic>
 #include <deque>
 #include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <thread>
@@ -49,6 +50,16 @@ public:
     // Sends now what the socket takes, the rest when it takes more. False when the link is closed.
     bool Send(std::span<const uint8_t> bytes) TARN_EXCLUDES(mutex_);
 
+    // Does what the peer has caused. Where there is no memory for it, the connection ends, and nothing else.
+    template <class Work>
+    void Confine(const Work &work) TARN_NO_THREAD_SAFETY_ANALYSIS {
+        try {
+            work();
+        } catch (const std::bad_alloc &) {
+            OnNoMemory();
+        }
+    }
+
     void Close() TARN_EXCLUDES(mutex_);
     void CloseWhenSent() TARN_EXCLUDES(mutex_);
     bool HasUnsent() const TARN_EXCLUDES(mutex_);
@@ -66,6 +77,8 @@ protected:
 
     // --- Called by the reading thread
 
+    // Of each frame's header, before its payload is taken: whether that is to be kept, or the frame comes without it.
+    virtual bool KeepsPayload(const FrameHeader &) { return true; }
     // Takes the frames of one read, which came at that moment.
     virtual void Take(std::span<Frame> frames, Clock::time_point now) = 0;
     // The peer sent what is no frame, or one too large. Closes the link, at once or when all is sent.
@@ -75,7 +88,7 @@ protected:
 
     // Whether the frames of another read may be taken.
     virtual bool MayRead() TARN_REQUIRES(mutex_) { return true; }
-    // Whether so much may be unsent.
+    // So much is to be unsent: whether it may. Less always may.
     virtual bool MayQueue(size_t) TARN_REQUIRES(mutex_) { return true; }
 
     // --- Called with nothing held
@@ -84,6 +97,11 @@ protected:
     virtual void Process() {}
     // Once, when the connection has ended for whatever reason, and nobody reads any more.
     virtual void OnEnd() = 0;
+    // There was no memory for what the peer has caused. Closes the link.
+    virtual void OnNoMemory() { Close(); }
+
+    // Tells of the end if that was not possible when it came.
+    void End() TARN_EXCLUDES(mutex_);
 
     Loop &GetLoop() const { return loop_; }
 
@@ -98,11 +116,11 @@ private:
     bool IsClosed() const TARN_REQUIRES(mutex_);
     void Watch() TARN_REQUIRES(mutex_);
     void CloseNow() TARN_REQUIRES(mutex_);
-    void End() TARN_EXCLUDES(mutex_);
 
     bool BeginReading(bool peerEnded) TARN_EXCLUDES(mutex_) TARN_TRY_ACQUIRE(true, reader_);
     void Read() TARN_RELEASE(reader_) TARN_EXCLUDES(mutex_);
-    Arrival Receive(bool &drained) TARN_REQUIRES(reader_);
+    Arrival ReadFrames(bool &drained) TARN_REQUIRES(reader_) TARN_EXCLUDES(mutex_);
+    Arrival Receive(size_t &received, bool &drained) TARN_REQUIRES(reader_);
     void Parse(std::span<const uint8_t> bytes) TARN_REQUIRES(reader_);
     bool MayReadFurther(bool drained) TARN_REQUIRES(reader_) TARN_EXCLUDES(mutex_);
     void NoteRead(Clock::time_point frameSince) TARN_REQUIRES(reader_, mutex_);
@@ -110,6 +128,7 @@ private:
 
     bool SendSome(std::span<const uint8_t> bytes, size_t &sent);
     void Flush() TARN_REQUIRES(mutex_);
+    void DropUnsent() TARN_REQUIRES(mutex_);
     void BreakOff() TARN_REQUIRES(mutex_);
 
     Loop &loop_;

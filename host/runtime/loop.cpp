@@ -5,7 +5,10 @@
 #include <sys/timerfd.h>
 
 #include <cerrno>
+#include <new>
 #include <vector>
+
+#include "host/osal/log.h"
 
 namespace host {
 namespace {
@@ -72,6 +75,15 @@ void Loop::Post(Task task) {
     Signal(tasksComing_.Fd());
 }
 
+template <class Work>
+void Loop::Do(const Work &work) {
+    try {
+        work();
+    } catch (const std::bad_alloc &) {
+        Log().error("no memory for what a connection or a timer has caused");
+    }
+}
+
 uint64_t Loop::At(Clock::time_point time, Task task) {
     const MutexLock lock(mutex_);
     const uint64_t id = ++lastId_;
@@ -134,7 +146,7 @@ void Loop::OnEvent(uint64_t id, uint32_t events) {
         pollable = found == pollables_.end() ? nullptr : found->second.lock();
     }
     if (pollable != nullptr) {
-        pollable->OnReady(events);
+        Do([&] { pollable->OnReady(events); });
     }
 }
 
@@ -152,7 +164,7 @@ void Loop::RunTask() {
             Signal(tasksComing_.Fd());
         }
     }
-    task();
+    Do(task);
 }
 
 void Loop::RunDue() {
@@ -170,7 +182,7 @@ void Loop::RunDue() {
         }
     }
     for (const Task &task : due) {
-        task();
+        Do(task);
     }
 }
 

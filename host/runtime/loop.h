@@ -58,6 +58,9 @@ public:
     void Stop();
 
 private:
+    // Does a piece of work. There may be no memory for it: the others are done all the same.
+    template <class Work>
+    static void Do(const Work &work);
     bool Ended();
     void OnEvent(uint64_t id, uint32_t events);
     void RunTask();

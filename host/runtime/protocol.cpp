@@ -71,21 +71,29 @@ std::vector<uint8_t> MakeFrame(const FrameHeader &header, std::span<const uint8_
     return bytes;
 }
 
+std::vector<uint8_t> MakeRefusal(uint32_t errCode, std::string_view why) {
+    FrameHeader header;
+    header.kind = FrameKind::kError;
+    header.errCode = errCode;
+    const std::string text = fmt::format("connection refused: {}", why);
+    return MakeFrame(header, {reinterpret_cast<const uint8_t *>(text.data()), text.size()});
+}
+
 size_t FrameParser::Feed(std::span<const uint8_t> bytes) {
-    size_t taken = 0;
-    if (error_ == 0 && headerSize_ < kHeaderSize) {
-        taken = FeedHeader(bytes);
+    if (error_ != 0) {
+        return 0;
     }
-    if (error_ != 0 || headerSize_ < kHeaderSize) {
-        return taken;
+    if (headerSize_ < kHeaderSize) {
+        return FeedHeader(bytes);
     }
-    const size_t count = std::min(bytes.size() - taken, frame_.header.length - have_);
-    const auto from = bytes.subspan(taken, count);
-    frame_.payload.reserve(std::min<size_t>(frame_.header.length, kStep));
-    frame_.payload.resize(have_ + count);
-    std::copy(from.begin(), from.end(), frame_.payload.begin() + static_cast<ptrdiff_t>(have_));
-    have_ += count;
-    return taken + count;
+    const auto from = bytes.first(std::min(bytes.size(), frame_.header.length - have_));
+    if (!isDropped_) {
+        frame_.payload.reserve(std::min<size_t>(frame_.header.length, kStep));
+        frame_.payload.resize(have_ + from.size());
+        std::copy(from.begin(), from.end(), frame_.payload.begin() + static_cast<ptrdiff_t>(have_));
+    }
+    have_ += from.size();
+    return from.size();
 }
 
 size_t FrameParser::FeedHeader(std::span<const uint8_t> bytes) {
@@ -95,6 +103,7 @@ size_t FrameParser::FeedHeader(std::span<const uint8_t> bytes) {
     CheckStart();
     if (error_ == 0 && headerSize_ == kHeaderSize) {
         ReadHeader();
+        isNewHeader_ = error_ == 0;
     }
     return count;
 }
@@ -140,7 +149,7 @@ void FrameParser::ReadHeader() {
 }
 
 std::span<uint8_t> FrameParser::Room() {
-    if (error_ != 0 || headerSize_ < kHeaderSize || frame_.header.length - have_ < kInPlace) {
+    if (error_ != 0 || headerSize_ < kHeaderSize || isDropped_ || frame_.header.length - have_ < kInPlace) {
         return {};
     }
     const size_t step = std::max(kStep, have_);
@@ -149,10 +158,11 @@ std::span<uint8_t> FrameParser::Room() {
 }
 
 Frame FrameParser::Take() {
-    frame_.payload.resize(have_);
+    frame_.payload.resize(isDropped_ ? 0 : have_);
     Frame frame = std::move(frame_);
     frame_ = {};
     headerSize_ = 0;
+    isNewHeader_ = isDropped_ = false;
     have_ = 0;
     return frame;
 }

@@ -30,6 +30,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/runtime/bytes.h"
@@ -69,14 +70,23 @@ void WriteHeader(const FrameHeader &header, std::span<uint8_t, kHeaderSize> byte
 // A frame as the bytes to send.
 std::vector<uint8_t> MakeFrame(const FrameHeader &header, std::span<const uint8_t> payload);
 
+// Tells a peer why its connection is refused or ends.
+std::vector<uint8_t> MakeRefusal(uint32_t errCode, std::string_view why);
+
 // Finds the frames in a stream of bytes that arrives in any pieces and from anyone. Memory is taken as the payload
 // arrives, not as the header promises.
 class FrameParser {
 public:
     explicit FrameParser(uint32_t payloadLimit) : payloadLimit_(payloadLimit) {}
 
-    // Takes bytes up to the end of a frame, and says how many. Takes none while a frame is waiting or after a bad one.
+    // Takes bytes up to the end of a header or of a frame, and says how many. Takes none while a frame is waiting or
+    // after a bad one.
     size_t Feed(std::span<const uint8_t> bytes);
+
+    // True once for each header, before its payload is taken.
+    bool IsNewHeader() { return std::exchange(isNewHeader_, false); }
+    // The payload of this header is read and not kept: the frame comes without it.
+    void DropPayload() { isDropped_ = true; }
 
     // Where the rest of a large payload may be read to, in the place of Feed; empty when there is no such rest.
     std::span<uint8_t> Room();
@@ -104,6 +114,8 @@ private:
     uint8_t headerBytes_[kHeaderSize] = {};
     size_t headerSize_ = 0;
     Frame frame_;
+    bool isNewHeader_ = false;
+    bool isDropped_ = false;
     size_t have_ = 0; // of the payload; the vector may be ahead
     uint32_t error_ = 0;
     std::string reason_;

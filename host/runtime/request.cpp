@@ -173,6 +173,16 @@ private:
     Table::node_type spare_ TARN_GUARDED_BY(mutex_); // of the last that was answered, for the next
 };
 
+// What is logged of a call is its user's share of the log.
+class Request::LogShare final : public LogGate {
+public:
+    explicit LogShare(Session &session) : session_(session) {}
+    bool Passes() override { return session_.MayLogCall(); }
+
+private:
+    Session &session_;
+};
+
 // Makes a request this thread's innermost while its wrapper runs.
 class Request::Scope {
 public:
@@ -188,21 +198,26 @@ public:
     }
 };
 
-Request::Request(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived)
-    : session_(std::move(session)), frame_(std::move(frame)), arrived_(arrived),
-      deadline_(arrived_ + DeadlineOf(frame_.header, session_->GetLimits())) {}
+Request::Request(std::shared_ptr<Session> session, Frame &&frame, Admission &&admission, TimePoint arrived)
+    : session_(std::move(session)), frame_(std::move(frame)), admission_(std::move(admission)), arrived_(arrived),
+      deadline_(arrived_ + DeadlineOf(frame_.header, session_->GetLimits())) {
+    session_->Begun();
+}
 
 Request::~Request() {
+    admission_ = {}; // there is room for another before it is asked for
     session_->Finished();
 }
 
-std::shared_ptr<Request> Request::Receive(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived) {
-    auto request = std::make_shared<Request>(std::move(session), std::move(frame), arrived);
+std::shared_ptr<Request> Request::Receive(std::shared_ptr<Session> session, Frame &&frame, Admission &&admission,
+                                          TimePoint arrived) {
+    auto request = std::make_shared<Request>(std::move(session), std::move(frame), std::move(admission), arrived);
     Live::Get().Enter(request);
     return request;
 }
 
-void Request::Run(ServedMethod &method) {
+void Request::Run() {
+    ServedMethod &method = *admission_.method;
     const uintptr_t context = context_;
     if (session_->Now() >= deadline_) {
         Refuse({Reason::kExpired, ETIMEDOUT, "its deadline passed before its turn"});
@@ -214,6 +229,7 @@ void Request::Run(ServedMethod &method) {
     }
     IdlServerCodecTable lent{};
     lent.pRuntimeWord = this;
+    LogShare share(*session_);
     uint32_t status;
     {
         const Scope scope(this);
@@ -284,21 +300,30 @@ void *Request::Unpack(void *record, const IdlServerCodecTable &codec) {
     return record;
 }
 
+// The message of a response, which is released. ECANCELED when nobody wants it.
+uint32_t Request::EncodeAndRelease(void *response, Bytes &bytes) const {
+    const auto release = [this](void *record) {
+        if (wrapperCodec_.stCodec.pfnUsrFree != nullptr) {
+            wrapperCodec_.stCodec.pfnUsrFree(record);
+        }
+    };
+    const std::unique_ptr<void, decltype(release)> owned(response, release);
+    const bool wanted = state_ == RequestState::kAnswered;
+    return wanted ? Encode(wrapperCodec_.stCodec, response, kHeaderSize, session_->GetLimits().messageBytes, bytes)
+                  : uint32_t{ECANCELED};
+}
+
 void Request::Reply(void *response) {
     Bytes bytes;
-    const uint32_t limit = session_->GetLimits().messageBytes;
-    const bool wanted = state_ == RequestState::kAnswered;
-    const uint32_t error = !wanted ? ECANCELED : Encode(wrapperCodec_.stCodec, response, kHeaderSize, limit, bytes);
-    if (wrapperCodec_.stCodec.pfnUsrFree != nullptr) {
-        wrapperCodec_.stCodec.pfnUsrFree(response);
-    }
+    const uint32_t error = EncodeAndRelease(response, bytes);
     if (error == 0 || error == ECANCELED) {
-        const uint32_t explanationSize = wanted ? AppendExplanation(bytes) : 0;
+        const uint32_t explanationSize = error == 0 ? AppendExplanation(bytes) : 0;
         SendReply(bytes, explanationSize);
         return;
     }
-    const std::string text =
-        error == EMSGSIZE ? fmt::format("the reply is larger than {} bytes", limit) : "the reply can't be encoded";
+    const std::string text = error == EMSGSIZE
+                                 ? fmt::format("the reply is larger than {} bytes", session_->GetLimits().messageBytes)
+                                 : "the reply can't be encoded";
     Log().error("{}: {}", Label(), text);
     SendError(0, error, text);
 }
@@ -362,7 +387,7 @@ void Request::SendError(uint32_t status, uint32_t errCode, const std::string &te
     }
     const std::string whole = fmt::format("{}: {}", Label(), text);
     if (IsOneway()) {
-        session_->Warn(fmt::format("one-way {} failed", Label()), "one-way " + whole);
+        session_->Warn("one-way calls failed", "one-way " + whole);
         return;
     }
     FrameHeader header;
@@ -382,7 +407,7 @@ void Request::StartTimer() {
     }
     timer_ = session_->GetLoop().At(deadline_, [context = context_] {
         if (const auto request = Live::Get().Claim(context)) {
-            request->SendError(0, ETIMEDOUT, "not answered within its deadline");
+            request->session_->Confine([&] { request->SendError(0, ETIMEDOUT, "not answered within its deadline"); });
         }
     });
 }
@@ -403,7 +428,7 @@ uint32_t AnswerRecord(void *replyCtx, void *response) {
     if (request == nullptr) {
         return EALREADY;
     }
-    request->Reply(response);
+    request->session_->Confine([&] { request->Reply(response); });
     return 0;
 }
 
@@ -415,7 +440,7 @@ uint32_t AnswerStatus(void *replyCtx, uint32_t status) {
     if (request == nullptr) {
         return EALREADY;
     }
-    request->Fail(status);
+    request->session_->Confine([&] { request->Fail(status); });
     return 0;
 }
 

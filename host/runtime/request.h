@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/osal/mutex.h"
+#include "host/runtime/quota.h"
 #include "host/runtime/request_states.h"
 #include "host/runtime/services.h"
 #include "platform/rpc.h"
@@ -18,6 +19,13 @@ namespace host {
 class ServerCore;
 class Session;
 
+// What a server has decided of a request at its header, before its payload is taken.
+struct Admission {
+    std::optional<Refusal> refusal = {}; // the request is told, and was not charged for
+    ServedMethod *method = nullptr;      // null: the runtime's own service
+    Charge request = {}, bytes = {};
+};
+
 // A state machine (request_states.h). It lives until it is over and its wrapper has returned. Its reply context is a
 // number, looked up at each use, so that a late or second reply finds nothing rather than freed memory.
 class Request : public std::enable_shared_from_this<Request> {
@@ -25,18 +33,21 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     // One that has arrived. From now on it may be cancelled.
-    static std::shared_ptr<Request> Receive(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived);
+    static std::shared_ptr<Request> Receive(std::shared_ptr<Session> session, Frame &&frame, Admission &&admission,
+                                            TimePoint arrived);
 
-    Request(std::shared_ptr<Session> session, Frame &&frame, TimePoint arrived);
+    Request(std::shared_ptr<Session> session, Frame &&frame, Admission &&admission, TimePoint arrived);
     Request(const Request &) = delete;
     Request &operator=(const Request &) = delete;
     ~Request();
 
     const FrameHeader &Header() const { return frame_.header; }
+    // Null when it is the runtime's own service that is asked.
+    ServedMethod *Method() const { return admission_.method; }
 
-    // Runs the wrapper on this thread, and answers unless the implementation has done so or is still to do it. Runs
-    // nothing when nobody waits for the answer any more.
-    void Run(ServedMethod &method);
+    // Runs the method's wrapper on this thread, and answers unless the implementation has done so or is still to do it.
+    // Runs nothing when nobody waits for the answer any more.
+    void Run();
 
     void Refuse(const Refusal &refusal);
     void Answer(std::string_view payload);
@@ -51,6 +62,7 @@ public:
 private:
     class Live;
     class Scope;
+    class LogShare;
     friend void * ::RPC_IdlReqVeltoMsgUnPack(void *, void *, const IdlServerCodecTable *);
     friend IdlServerCodecTable * ::RPC_GetUsrFuncLib(void *);
     friend uint32_t AnswerRecord(void *replyCtx, void *response);
@@ -66,6 +78,7 @@ private:
     bool IsOneway() const { return frame_.header.kind == FrameKind::kOneway; }
     std::string Label() const;
     void *Unpack(void *record, const IdlServerCodecTable &codec);
+    uint32_t EncodeAndRelease(void *response, Bytes &bytes) const;
     void Reply(void *response);
     uint32_t AppendExplanation(Bytes &frame) const;
     void Fail(uint32_t status);
@@ -77,6 +90,7 @@ private:
 
     const std::shared_ptr<Session> session_;
     Frame frame_;
+    Admission admission_;
     const TimePoint arrived_;
     const TimePoint deadline_;
     MethodStatistics *statistics_ = nullptr; // once it runs

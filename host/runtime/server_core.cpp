@@ -1,6 +1,8 @@
 #include "host/runtime/server_core.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,15 +14,54 @@ namespace host {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+// A small request or reply of somebody who has no other finds room while there is any.
+constexpr uint64_t kLeastBytes = 64 << 10;
+
+// To a peer whose connection is refused; lost if it does not take that at once.
+void Tell(const Descriptor &fd, uint32_t errCode, const std::string &why) {
+    const std::vector<uint8_t> frame = MakeRefusal(errCode, why);
+    send(fd.Fd(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+// What the process opens besides connections.
+constexpr uint64_t kOtherDescriptors = 128;
+
+// As many as there are descriptors for.
+uint64_t MostConnections(uint64_t wanted) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted + kOtherDescriptors) {
+        return wanted;
+    }
+    const uint64_t most =
+        limit.rlim_cur > 2 * kOtherDescriptors ? limit.rlim_cur - kOtherDescriptors : limit.rlim_cur / 2;
+    Log().warn("{} connections and not {}: the process may open {} files", most, wanted, limit.rlim_cur);
+    return most;
+}
+
+// An eighth of each is the privileged users', of the workers one where there are others.
+std::array<Quota, kResourceNum> MakeQuotas(const Limits &limits, unsigned workers) {
+    const uint64_t connections = MostConnections(limits.connections);
+    return {Quota(Resource::kConnections, connections, connections / 8),
+            Quota(Resource::kReceivedBytes, limits.receivedBytes, limits.receivedBytes / 8, kLeastBytes),
+            Quota(Resource::kRequests, limits.requests, limits.requests / 8),
+            Quota(Resource::kWorkers, workers, workers > 1 ? 1 : 0),
+            Quota(Resource::kQueuedBytes, limits.queuedBytes, limits.queuedBytes / 8, kLeastBytes)};
+}
+
+} // namespace
+
 ServerCore::ServerCore(const ServerOptions &options, const std::vector<const IdlModuleSpec *> &specs)
-    : options_(options), workers_(std::max(1U, options.workers)), services_(specs),
+    : options_(options), workers_(std::max(1U, options.workers)), quotas_(MakeQuotas(options.limits, workers_)),
+      turns_(QuotaOf(Resource::kWorkers)), services_(specs),
       loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()) {
     const Transport transport{Directory(options.runDir)};
     for (const IdlModuleSpec *const spec : specs) {
         acceptors_.push_back(std::make_shared<Acceptor>(
             loop_, transport.Listen(Services::NameOf(*spec), options_.policy.AllowsOthers()),
-            [this](Descriptor fd) { Admit(std::move(fd)); },
-            [this](const std::string &what) { Warn("accept", what); }));
+            [this](Descriptor fd) { Connect(std::move(fd)); },
+            [this](const Descriptor &fd, const std::string &why) { RefuseForShortage(fd, why); }));
     }
 }
 
@@ -34,43 +75,68 @@ std::vector<std::filesystem::path> ServerCore::Sockets() const {
 
 // --- Connections
 
-// Nothing when the user may have another connection.
-std::optional<Refusal> ServerCore::WhyFull(uid_t user) const {
-    const Limits &limits = options_.limits;
-    if (sessions_.size() >= limits.connections) {
-        return Refusal{Reason::kConnections, EBUSY,
-                       fmt::format("the server has {} connections already", sessions_.size())};
+std::shared_ptr<User> ServerCore::UserOf(uid_t uid) {
+    const MutexLock lock(mutex_);
+    if (const auto known = users_.find(uid); known != users_.end()) {
+        if (auto user = known->second.lock()) {
+            return user;
+        }
     }
-    const auto ofUser = connectionsOfUser_.find(user);
-    if (ofUser != connectionsOfUser_.end() && ofUser->second >= limits.userConnections) {
-        return Refusal{Reason::kUserConnections, EBUSY,
-                       fmt::format("user {} has {} connections already", user, ofUser->second)};
-    }
-    return std::nullopt;
+    std::erase_if(users_, [](const auto &entry) { return entry.second.expired(); });
+    auto user = std::make_shared<User>(uid, uid == 0 || uid == ownUid_);
+    users_.emplace(uid, user);
+    return user;
 }
 
-void ServerCore::Admit(Descriptor fd) {
+// A connection counts until its descriptor is closed.
+void ServerCore::Connect(Descriptor fd) {
     Peer peer;
     if (!ReadPeer(fd.Fd(), peer)) {
         Log().error("connection refused: its user is not known: {}", strerror(errno));
         return;
     }
-    const auto session = std::make_shared<Session>(loop_, std::move(fd), peer, shared_from_this());
-    std::optional<Refusal> full;
+    const auto user = UserOf(peer.uid);
+    Charge connection = QuotaOf(Resource::kConnections).Take(*user);
+    if (!connection) {
+        RefuseConnection(fd, peer, *user);
+        return;
+    }
+    const auto session = std::make_shared<Session>(loop_, std::move(fd), std::move(peer), user, std::move(connection),
+                                                   shared_from_this());
     {
         const MutexLock lock(mutex_);
-        full = WhyFull(peer.uid);
-        if (!full.has_value()) {
-            sessions_.emplace(session.get(), session);
-            ++connectionsOfUser_[peer.uid];
-        }
+        sessions_.emplace(session.get(), session);
     }
-    if (full.has_value()) {
-        session->Refuse(full->reason, full->errCode, full->text);
-    } else if (!session->Open()) {
+    if (!session->Open()) {
         Log().error("connection refused: {}", strerror(errno));
         session->Close();
     }
+}
+
+void ServerCore::RefuseConnection(const Descriptor &fd, const Peer &peer, const User &user) {
+    const Quota &quota = QuotaOf(Resource::kConnections);
+    const bool exhausted = quota.IsExhausted();
+    const Refusal refusal = {exhausted ? Reason::kConnections : Reason::kUserConnections, EBUSY,
+                             exhausted
+                                 ? fmt::format("the server has {} connections already", quota.Used())
+                                 : fmt::format("user {} has {} connections already", user.uid, quota.HeldBy(user))};
+    CountCutOff(peer, refusal.reason, refusal.text);
+    Tell(fd, refusal.errCode, refusal.text);
+}
+
+// Where there is no descriptor for it.
+void ServerCore::RefuseForShortage(const Descriptor &fd, const std::string &why) {
+    Warn(ownUid_, "connections not taken", why);
+    if (fd) {
+        refusals_.Count(Reason::kConnections);
+        Tell(fd, EBUSY, "the server has no descriptor left");
+    }
+}
+
+void ServerCore::CountCutOff(const Peer &peer, Reason reason, const std::string &why) {
+    refusals_.Count(reason);
+    Warn(peer.uid, TextOf(reason).meaning,
+         fmt::format("connection of process {} (user {}) cut off: {}", peer.pid, peer.uid, why));
 }
 
 void ServerCore::SessionEnds(Session *session) {
@@ -82,10 +148,6 @@ void ServerCore::SessionEnds(Session *session) {
     }
     last = std::move(found->second);
     sessions_.erase(found);
-    const auto user = connectionsOfUser_.find(session->GetPeer().uid);
-    if (--user->second == 0) {
-        connectionsOfUser_.erase(user);
-    }
 }
 
 std::vector<std::shared_ptr<Session>> ServerCore::Sessions() {
@@ -103,13 +165,13 @@ void ServerCore::CheckTimes() {
         return;
     }
     const auto now = loop_.Now();
-    for (const auto &session : Sessions()) {
-        session->CheckTimes(now);
-    }
-    peerLog_.Summarize(now);
     const Limits &limits = options_.limits;
     const auto shortest = std::min({limits.writeTime, limits.frameTime, limits.idleTime});
     loop_.At(now + std::clamp<Limits::Milliseconds>(shortest / 4, 10ms, 1000ms), [this] { CheckTimes(); });
+    for (const auto &session : Sessions()) {
+        session->Confine([&] { session->CheckTimes(now); });
+    }
+    peerLog_.Summarize(now);
 }
 
 // --- Requests
@@ -121,56 +183,80 @@ bool ServerCore::Denied(const Peer &peer, const FrameHeader &header, Refusal &re
     refusal = {Reason::kDenied, EACCES,
                fmt::format("denied to user {}; the policy has \"{}\" (group {})", peer.uid,
                            options_.policy.Text(header.method), NameOf(GroupOf(header.method)))};
-    const std::string call = fmt::format("{}.{}: denied to ", header.service, header.method);
-    Warn(fmt::format("{}user {}", call, peer.uid), fmt::format("{}process {} of user {}", call, peer.pid, peer.uid));
+    Warn(peer.uid, "calls denied",
+         fmt::format("{}.{}: denied to process {} of user {}", header.service, header.method, peer.pid, peer.uid));
     return true;
 }
 
-ServedMethod *ServerCore::Find(const Peer &peer, const FrameHeader &header, Refusal &refusal) {
-    if (stopping_) {
-        refusal = {Reason::kStopping, ECANCELED, "the server is stopping"};
-        return nullptr;
+// A request of the runtime's own service is looked at when it is served.
+Admission ServerCore::Admit(const Peer &peer, User &user, const FrameHeader &header) {
+    Admission admission;
+    Refusal refusal{Reason::kGarbage, EBADMSG, "a client sends requests, not replies"};
+    const bool isRequest = header.kind == FrameKind::kRequest || header.kind == FrameKind::kOneway;
+    const bool isOwn = header.service == kRuntimeService;
+    if (isRequest && !isOwn) {
+        admission.method = services_.Find(header, refusal);
     }
-    ServedMethod *const method = services_.Find(header, refusal);
-    return method == nullptr || Denied(peer, header, refusal) ? nullptr : method;
+    const bool isServed = isRequest && (isOwn || (admission.method != nullptr && !Denied(peer, header, refusal)));
+    if (!isServed || !Charges(user, header, admission, refusal)) {
+        admission.refusal = std::move(refusal);
+    }
+    return admission;
+}
+
+// Charges a user for a request. False and the reason when he may have no more.
+bool ServerCore::Charges(User &user, const FrameHeader &header, Admission &admission, Refusal &refusal) {
+    Quota &requests = QuotaOf(Resource::kRequests), &bytes = QuotaOf(Resource::kReceivedBytes);
+    admission.request = requests.Take(user);
+    if (!admission.request) {
+        refusal = {Reason::kRequests, EBUSY,
+                   requests.IsExhausted()
+                       ? fmt::format("the server has {} requests in flight, as many as it takes", requests.Used())
+                       : fmt::format("user {} has {} requests in flight, which is his share", user.uid,
+                                     requests.HeldBy(user))};
+        return false;
+    }
+    const uint32_t size = kHeaderSize + header.length;
+    admission.bytes = bytes.Take(user, size);
+    if (!admission.bytes) {
+        refusal = {Reason::kReceivedBytes, EBUSY,
+                   fmt::format("request of {} bytes beside {} in flight, beyond {} of user {}", size,
+                               bytes.HeldBy(user), bytes.IsExhausted(size) ? "all" : "the share", user.uid)};
+        admission.request.GiveBack();
+        return false;
+    }
+    return true;
 }
 
 // Takes part in serving until nothing waits, unless enough threads do.
 void ServerCore::Serve(std::shared_ptr<Session> session) {
-    {
-        const MutexLock lock(workMutex_);
-        if (busy_ == workers_) {
-            toServe_.push_back(std::move(session));
-            return;
-        }
-        ++busy_;
-    }
-    Work(std::move(session));
+    Work(turns_.Begin(std::move(session)));
 }
 
-void ServerCore::Work(std::shared_ptr<Session> session) {
-    while (true) {
-        while (session->ServeNext()) {
+void ServerCore::Work(Turn turn) {
+    while (turn.session != nullptr) {
+        turn.session->Confine([&] {
+            while (turn.session->ServeNext()) {
+            }
+        });
+        turn.worker.GiveBack(); // while the session is there
+        turn = turns_.Next();
+        if (turn.session != nullptr && turns_.HasNext()) {
+            Help();
         }
-        const MutexLock lock(workMutex_);
-        if (toServe_.empty()) {
-            --busy_;
-            return;
-        }
-        session = std::move(toServe_.front());
-        toServe_.pop_front();
     }
 }
 
 void ServerCore::ServeElsewhere(std::shared_ptr<Session> session) {
-    {
-        const MutexLock lock(workMutex_);
-        if (busy_ == workers_) {
-            toServe_.push_back(std::move(session));
-            return;
-        }
+    turns_.Wait(std::move(session));
+    if (turns_.HasNext()) {
+        Help();
     }
-    loop_.Post([core = shared_from_this(), session = std::move(session)] { core->Serve(session); });
+}
+
+// Has another thread take part.
+void ServerCore::Help() {
+    loop_.Post([core = shared_from_this()] { core->Work(core->turns_.Next()); });
 }
 
 void ServerCore::RequestEnds() {
@@ -209,10 +295,7 @@ ServerHealth ServerCore::Health() {
     health.pid = static_cast<uint32_t>(getpid());
     health.uptime = std::chrono::duration_cast<std::chrono::milliseconds>(loop_.Now() - started_);
     health.workers = workers_;
-    {
-        const MutexLock lock(workMutex_);
-        health.busy = busy_;
-    }
+    health.busy = static_cast<uint32_t>(QuotaOf(Resource::kWorkers).Used());
     health.requests = requests_;
     health.timezone = options_.timezone ? options_.timezone() : "";
     const MutexLock lock(mutex_);

@@ -1,11 +1,12 @@
 // What the sessions of a server share: its services, limits and counters, its threads, and who is connected.
 #pragma once
 
+#include <unistd.h>
+
+#include <array>
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -15,9 +16,11 @@
 #include "host/runtime/acceptor.h"
 #include "host/runtime/loop.h"
 #include "host/runtime/peer_log.h"
+#include "host/runtime/quota.h"
 #include "host/runtime/server.h"
 #include "host/runtime/services.h"
 #include "host/runtime/session.h"
+#include "host/runtime/turns.h"
 
 namespace host {
 
@@ -27,37 +30,46 @@ public:
     ServerCore(const ServerOptions &options, const std::vector<const IdlModuleSpec *> &specs);
 
     void Start();
-    bool Stop() TARN_EXCLUDES(mutex_, workMutex_);
+    bool Stop() TARN_EXCLUDES(mutex_);
     void RunDue() { loop_.RunDue(); }
     std::vector<std::filesystem::path> Sockets() const;
 
     // --- For the sessions
 
-    // Null and the reason when the request can't be served.
-    ServedMethod *Find(const Peer &peer, const FrameHeader &header, Refusal &refusal);
+    // The user of that number, while anybody holds him.
+    std::shared_ptr<User> UserOf(uid_t uid) TARN_EXCLUDES(mutex_);
+    Quota &QuotaOf(Resource resource) { return quotas_[static_cast<size_t>(resource)]; }
+    Admission Admit(const Peer &peer, User &user, const FrameHeader &header);
     // What the runtime's own service answers; empty and the reason when it does not.
     std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     const Limits &GetLimits() const { return options_.limits; }
     Refusals &GetRefusals() { return refusals_; }
-    void Warn(const std::string &topic, const std::string &record) { peerLog_.Warn(topic, record, loop_.Now()); }
+    // In the log, of a user. The topic is a literal.
+    void Warn(uid_t user, std::string_view topic, const std::string &record) {
+        peerLog_.Warn(user, topic, record, loop_.Now());
+    }
+    bool MayLogCallOf(uid_t user) { return peerLog_.MayWrite(user, loop_.Now()); }
+    void CountCutOff(const Peer &peer, Reason reason, const std::string &why);
     bool IsStopping() const { return stopping_; }
-    // False when there are as many requests as the server takes; this one counts all the same.
-    bool RequestBegins() { return requests_.fetch_add(1) < options_.limits.requests; }
+    void RequestBegins() { requests_.fetch_add(1); }
     void RequestEnds() TARN_EXCLUDES(mutex_);
     // A session has a request to serve: on this thread where it may, else on one that gets free.
-    void Serve(std::shared_ptr<Session> session) TARN_EXCLUDES(workMutex_);
+    void Serve(std::shared_ptr<Session> session);
     // The same, on another thread.
-    void ServeElsewhere(std::shared_ptr<Session> session) TARN_EXCLUDES(workMutex_);
+    void ServeElsewhere(std::shared_ptr<Session> session);
     void SessionEnds(Session *session) TARN_EXCLUDES(mutex_);
 
 private:
-    void Admit(Descriptor fd) TARN_EXCLUDES(mutex_);
-    std::optional<Refusal> WhyFull(uid_t user) const TARN_REQUIRES(mutex_);
+    void Connect(Descriptor fd) TARN_EXCLUDES(mutex_);
+    void RefuseConnection(const Descriptor &fd, const Peer &peer, const User &user);
+    void RefuseForShortage(const Descriptor &fd, const std::string &why);
+    bool Charges(User &user, const FrameHeader &header, Admission &admission, Refusal &refusal);
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
-    void Work(std::shared_ptr<Session> session) TARN_EXCLUDES(workMutex_);
+    void Work(Turn turn);
+    void Help();
     void CheckTimes();
     std::vector<std::shared_ptr<Session>> Sessions() TARN_EXCLUDES(mutex_);
-    ServerHealth Health() TARN_EXCLUDES(mutex_, workMutex_);
+    ServerHealth Health() TARN_EXCLUDES(mutex_);
     ServerStatus Status();
     const std::string &Description();
     void RunThread() TARN_EXCLUDES(mutex_);
@@ -67,6 +79,9 @@ private:
 
     const ServerOptions options_;
     const unsigned workers_;
+    const uid_t ownUid_ = geteuid();
+    std::array<Quota, kResourceNum> quotas_; // outlive what is charged to them
+    Turns turns_;
     const Services services_;
     const SystemClocks systemClocks_;
     Loop loop_;
@@ -80,15 +95,11 @@ private:
     std::once_flag described_;
     std::string description_; // set once
 
-    Mutex workMutex_;
-    unsigned busy_ TARN_GUARDED_BY(workMutex_) = 0; // threads that serve
-    std::deque<std::shared_ptr<Session>> toServe_ TARN_GUARDED_BY(workMutex_);
-
     Mutex mutex_;
     Condition changed_;
     size_t threadsRunning_ TARN_GUARDED_BY(mutex_) = 0;
     std::unordered_map<Session *, std::shared_ptr<Session>> sessions_ TARN_GUARDED_BY(mutex_);
-    std::unordered_map<uid_t, uint32_t> connectionsOfUser_ TARN_GUARDED_BY(mutex_);
+    std::unordered_map<uid_t, std::weak_ptr<User>> users_ TARN_GUARDED_BY(mutex_);
 };
 
 } // namespace host

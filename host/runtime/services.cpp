@@ -37,7 +37,15 @@ MethodStatus Describe(const ServedMethod &method) {
     return status;
 }
 
+uint32_t RequestBytesOf(std::string_view service, const IdlInterfaceEntry &entry) {
+    const MethodInfo *const known = FindMethod(service, Field(entry.acMethod, sizeof entry.acMethod));
+    return known == nullptr || known->requestHash != entry.uiRequestHash ? 0 : known->requestBytes;
+}
+
 } // namespace
+
+ServedMethod::ServedMethod(std::string_view of, const IdlInterfaceEntry &described, uint32_t place)
+    : service(of), entry(&described), index(place), requestBytes(RequestBytesOf(of, described)) {}
 
 std::string_view Services::NameOf(const IdlModuleSpec &spec) {
     return Field(spec.acService, sizeof spec.acService);
@@ -98,6 +106,12 @@ ServedMethod *Services::Find(const FrameHeader &header, Refusal &refusal) const 
         refusal = {Reason::kTypeMismatch, EPROTOTYPE,
                    fmt::format("request of type {:#010x}, expected {:#010x}: client and server differ in the type",
                                header.typeHash, expected)};
+        return nullptr;
+    }
+    const uint32_t most = method->second->requestBytes;
+    if (most != 0 && header.length > most) {
+        refusal = {Reason::kRequestSize, EMSGSIZE,
+                   fmt::format("request of {} bytes, expected at most {}", header.length, most)};
         return nullptr;
     }
     return method->second;

@@ -15,11 +15,11 @@
 namespace host {
 
 struct ServedMethod {
-    ServedMethod(std::string_view of, const IdlInterfaceEntry &described, uint32_t place)
-        : service(of), entry(&described), index(place) {}
+    ServedMethod(std::string_view of, const IdlInterfaceEntry &described, uint32_t place);
     const std::string_view service;
     const IdlInterfaceEntry *const entry;
     const uint32_t index;
+    const uint32_t requestBytes; // at most; 0: no other bound than any message's
     MethodStatistics statistics = {};
 };
 
@@ -40,7 +40,7 @@ public:
     [[noreturn]] static void Refuse(const IdlModuleSpec &spec, const std::string &why);
     static std::string_view NameOf(const IdlModuleSpec &spec);
 
-    // Null and the reason when there is no such method, or one of another type.
+    // Null and the reason when there is no such method, or one whose requests are of another type or never so large.
     ServedMethod *Find(const FrameHeader &header, Refusal &refusal) const;
 
     std::vector<ServiceStatus> Describe() const;

@@ -8,8 +8,11 @@
 
 namespace host {
 
-Session::Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<ServerCore> server)
-    : Link(loop, std::move(fd), server->GetLimits().messageBytes), server_(std::move(server)), peer_(std::move(peer)) {}
+Session::Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<User> user, Charge connection,
+                 std::shared_ptr<ServerCore> server)
+    : Link(loop, std::move(fd), server->GetLimits().messageBytes), server_(std::move(server)), peer_(std::move(peer)),
+      user_(std::move(user)), connection_(std::move(connection)),
+      queued_(server_->QuotaOf(Resource::kQueuedBytes).Take(*user_, 0)) {}
 
 const Limits &Session::GetLimits() const {
     return server_->GetLimits();
@@ -25,6 +28,13 @@ bool Session::IsStopping() const {
 
 // --- Requests
 
+bool Session::KeepsPayload(const FrameHeader &header) {
+    if (header.kind == FrameKind::kCancel) {
+        return false;
+    }
+    return !admitted_.emplace_back(server_->Admit(peer_, *user_, header)).refusal.has_value();
+}
+
 void Session::Take(std::span<Frame> frames, Clock::time_point now) {
     const auto self = Self();
     for (Frame &frame : frames) {
@@ -32,17 +42,22 @@ void Session::Take(std::span<Frame> frames, Clock::time_point now) {
             Request::Cancel(this, frame.header.id);
             continue;
         }
-        const bool room = server_->RequestBegins();
-        auto request = Request::Receive(self, std::move(frame), now);
-        if (!room) {
-            request->Refuse(
-                {Reason::kRequests, EBUSY,
-                 fmt::format("the server has {} requests in flight, as many as it takes", GetLimits().requests)});
+        const std::optional<Refusal> refusal = std::move(admitted_.front().refusal);
+        const auto request = Request::Receive(self, std::move(frame), std::move(admitted_.front()), now);
+        admitted_.pop_front();
+        if (refusal.has_value()) {
+            request->Refuse(*refusal);
+            continue;
         }
         const MutexLock lock(mutex_);
-        ++inFlight_;
-        waiting_.push_back(std::move(request));
+        waiting_.push_back(request);
     }
+}
+
+void Session::Begun() {
+    server_->RequestBegins();
+    const MutexLock lock(mutex_);
+    ++inFlight_;
 }
 
 bool Session::MayRead() {
@@ -77,17 +92,14 @@ bool Session::ServeNext() {
 }
 
 void Session::Serve(const std::shared_ptr<Request> &request) {
-    const FrameHeader &header = request->Header();
-    Refusal refusal{Reason::kGarbage, EBADMSG, "a client sends requests, not replies"};
-    if (header.kind != FrameKind::kRequest && header.kind != FrameKind::kOneway) {
-        request->Refuse(refusal);
-    } else if (header.service == kRuntimeService) {
-        const std::string answer = server_->Introspect(peer_, header, refusal);
+    if (request->Method() == nullptr) {
+        Refusal refusal;
+        const std::string answer = server_->Introspect(peer_, request->Header(), refusal);
         answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
-    } else if (ServedMethod *const method = server_->Find(peer_, header, refusal)) {
-        request->Run(*method);
+    } else if (IsStopping()) {
+        request->Refuse({Reason::kStopping, ECANCELED, "the server is stopping"});
     } else {
-        request->Refuse(refusal);
+        request->Run();
     }
 }
 
@@ -104,32 +116,38 @@ void Session::Finished() {
 }
 
 void Session::OnEnd() {
-    Request::CancelAll(this);
     server_->SessionEnds(this);
+    Request::CancelAll(this);
+}
+
+// Closed first, so that there is some to say so.
+void Session::OnNoMemory() {
+    Close();
+    server_->CountCutOff(peer_, Reason::kNoMemory, "there is no memory for what it asks");
 }
 
 // --- Limits
 
-void Session::CutOff(Reason reason, const std::string &why) {
-    GetRefusals().Count(reason);
-    Warn(fmt::format("connection cut off ({})", TextOf(reason).name),
-         fmt::format("connection of process {} (user {}) cut off: {}", peer_.pid, peer_.uid, why));
+void Session::Warn(std::string_view topic, const std::string &record) {
+    server_->Warn(user_->uid, topic, record);
 }
 
-void Session::Warn(const std::string &topic, const std::string &record) {
-    server_->Warn(fmt::format("{}: user {}", topic, peer_.uid), record);
+bool Session::MayLogCall() {
+    return server_->MayLogCallOf(user_->uid);
 }
 
 void Session::CheckTimes(Clock::time_point now) {
     const Limits &limits = GetLimits();
     const Progress progress = GetProgress();
     if (progress.unsentBytes > 0 && now - progress.unsentSince > limits.writeTime) {
-        CutOff(Reason::kSlowReader, fmt::format("it has not taken a reply within {} ms; {} bytes wait",
-                                                limits.writeTime.count(), progress.unsentBytes));
+        server_->CountCutOff(peer_, Reason::kSlowReader,
+                             fmt::format("it has not taken a reply within {} ms; {} bytes wait",
+                                         limits.writeTime.count(), progress.unsentBytes));
         Close();
         return;
     }
     if (progress.isEnding) {
+        End();
         return;
     }
     if (progress.frameSince.has_value() && now - *progress.frameSince > limits.frameTime) {
@@ -148,12 +166,12 @@ bool Session::IsIdle() {
 }
 
 bool Session::MayQueue(size_t bytes) {
-    const Limits &limits = GetLimits();
-    if (bytes <= limits.queuedBytes) {
+    if (queued_.Resize(bytes)) {
         return true;
     }
-    CutOff(Reason::kQueuedBytes,
-           fmt::format("{} bytes would wait until it takes them, expected at most {}", bytes, limits.queuedBytes));
+    server_->CountCutOff(peer_, Reason::kQueuedBytes,
+                         fmt::format("{} bytes would wait until it takes them, beyond its user's share of {}", bytes,
+                                     GetLimits().queuedBytes));
     return false;
 }
 
@@ -162,12 +180,8 @@ void Session::OnBad(const FrameParser &parser) {
 }
 
 void Session::Refuse(Reason reason, uint32_t errCode, const std::string &text) {
-    FrameHeader header;
-    header.kind = FrameKind::kError;
-    header.errCode = errCode;
-    CutOff(reason, text);
-    const std::string whole = "connection refused: " + text;
-    Send(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
+    server_->CountCutOff(peer_, reason, text);
+    Send(MakeRefusal(errCode, text));
     CloseWhenSent();
 }
 

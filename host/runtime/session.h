@@ -12,9 +12,11 @@ namespace host {
 
 class Session final : public Link {
 public:
-    Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<ServerCore> server);
+    // The charge is for the connection.
+    Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<User> user, Charge connection,
+            std::shared_ptr<ServerCore> server);
 
-    const Peer &GetPeer() const { return peer_; }
+    User &GetUser() const { return *user_; }
 
     // Serves a request that waits, if there is one and it is its turn. True when another one's turn has come that
     // nobody else has been told of.
@@ -28,32 +30,39 @@ public:
 
     // --- For its requests
 
+    void Begun() TARN_EXCLUDES(mutex_);
     // One has ended: it has been answered, and its wrapper has returned.
     void Finished() TARN_EXCLUDES(mutex_);
     Clock::time_point Now() const { return GetLoop().Now(); }
     const Limits &GetLimits() const;
     Refusals &GetRefusals();
     // In the log, of this peer.
-    void Warn(const std::string &topic, const std::string &record);
+    void Warn(std::string_view topic, const std::string &record);
+    bool MayLogCall();
     using Link::GetLoop;
     const ServerCore &GetServer() const { return *server_; }
     bool IsStopping() const;
 
 private:
+    bool KeepsPayload(const FrameHeader &header) override;
     void Take(std::span<Frame> frames, Clock::time_point now) override TARN_EXCLUDES(mutex_);
     void Process() override;
     bool MayRead() override TARN_EXCLUDES(mutex_);
     bool MayQueue(size_t bytes) override;
     void OnBad(const FrameParser &parser) override;
     void OnEnd() override;
+    void OnNoMemory() override;
     std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
-    void CutOff(Reason reason, const std::string &why);
     void Serve(const std::shared_ptr<Request> &request);
     bool IsIdle() TARN_EXCLUDES(mutex_);
 
     const std::shared_ptr<ServerCore> server_;
     const Peer peer_;
-    Mutex mutex_; // taken after the link's
+    const std::shared_ptr<User> user_;
+    const Charge connection_;
+    Charge queued_;                  // what is unsent, under the link's lock
+    std::deque<Admission> admitted_; // of the frames that are to be taken, the reader's
+    Mutex mutex_;                    // taken after the link's
     std::deque<std::shared_ptr<Request>> waiting_ TARN_GUARDED_BY(mutex_);
     uint32_t inFlight_ TARN_GUARDED_BY(mutex_) = 0; // waiting, running, or not yet answered
     bool onewayRuns_ TARN_GUARDED_BY(mutex_) = false;

@@ -57,9 +57,13 @@ protected:
     host::Loop loop_{clocks_};
     std::vector<host::Descriptor> peers_, admitted_;
     std::vector<std::string> warnings_;
+    size_t refused_ = 0; // that could be told
     const std::shared_ptr<host::Acceptor> acceptor_ = std::make_shared<host::Acceptor>(
         loop_, transport_.Listen("Any", false), [this](host::Descriptor fd) { admitted_.push_back(std::move(fd)); },
-        [this](const std::string &warning) { warnings_.push_back(warning); });
+        [this](const host::Descriptor &fd, const std::string &warning) {
+            refused_ += fd ? 1 : 0;
+            warnings_.push_back(warning);
+        });
 };
 
 TEST_F(AcceptorTest, TakesAllThatWait) {
@@ -92,6 +96,46 @@ TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
     EXPECT_EQ(admitted_.size(), 2);
     Pass(1h);
     EXPECT_EQ(warnings_.size(), 2);
+}
+
+// The process has as many as it may have open.
+class AllDescriptors {
+public:
+    AllDescriptors() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+        const rlimit few{64, before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        for (host::Descriptor fd(dup(0)); fd; fd = host::Descriptor(dup(0))) {
+            open_.push_back(std::move(fd));
+        }
+    }
+    ~AllDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
+    AllDescriptors(const AllDescriptors &) = delete;
+    AllDescriptors &operator=(const AllDescriptors &) = delete;
+
+private:
+    rlimit before_{};
+    std::vector<host::Descriptor> open_;
+};
+
+TEST_F(AcceptorTest, RefusesWhatWaitsWhenThereIsNoDescriptorButTheSpare) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
+#endif
+    Connect();
+    Connect();
+    Connect();
+    {
+        const AllDescriptors all;
+        Report();
+        Report();
+        EXPECT_EQ(refused_, 3);
+    }
+    Connect();
+    Report();
+    EXPECT_EQ(admitted_.size(), 1);
+    Pass(1h);
+    EXPECT_EQ(warnings_.size(), 3) << "that none waits is no shortage";
 }
 
 TEST_F(AcceptorTest, DoesNotTryAgainOnceItIsClosed) {

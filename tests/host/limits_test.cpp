@@ -169,21 +169,6 @@ TEST_F(LimitsTest, ConnectionsInAll) {
     EXPECT_TRUE(kit::Eventually([&] { return AnotherIsServed(); })) << "there is room again";
 }
 
-TEST_F(LimitsTest, ConnectionsOfOneUser) {
-    Serve({.userConnections = 2});
-    ExpectOthersServed();
-    const RawPeer first = NewPeer();
-    ExpectError(NewPeer().Read(), EBUSY,
-                "connection refused: user " + std::to_string(geteuid()) + " has 2 connections already");
-    ExpectRefused("user_connections");
-    for (int i = 0; i < 3; ++i) { // what has ended makes room
-        EXPECT_TRUE(kit::Eventually([&] {
-            client_.Shutdown();
-            return AnotherIsServed();
-        }));
-    }
-}
-
 TEST_F(LimitsTest, TheCallerIsToldWhyItHasNoConnection) {
     Serve({.connections = 1});
     const RawPeer first = NewPeer();
@@ -420,8 +405,8 @@ TEST(LimitSettings, EachIsSetByItsName) {
     EXPECT_EQ(set("max_deadline_ms=7").maxDeadline, 7ms);
     EXPECT_EQ(set("reply_bytes=7").replyBytes, 7U);
     EXPECT_EQ(set("connections=7").connections, 7U);
-    EXPECT_EQ(set("user_connections=7").userConnections, 7U);
     EXPECT_EQ(set("requests=7").requests, 7U);
+    EXPECT_EQ(set("received_bytes=7").receivedBytes, 7U);
     EXPECT_EQ(set("connection_requests=7").requestsPerConnection, 7U);
     EXPECT_EQ(set("queued_bytes=7").queuedBytes, 7U);
     EXPECT_EQ(set("write_ms=7").writeTime, 7ms);

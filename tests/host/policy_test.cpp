@@ -247,47 +247,78 @@ TEST_F(AccessTest, ADenialIsLogged) {
     server_.reset();
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(CountOf(log, "TarnSysdiagTarnd.PidIsOnline: denied to process "), 1U) << log;
-    EXPECT_EQ(CountOf(log, "TarnSysdiagTarnd.PidIsOnline: denied to user 65534, and 19 more"), 1U) << log;
+    EXPECT_EQ(CountOf(log, "user 65534: calls denied, and 19 more"), 1U) << log;
 }
 
-TEST(PeerLog, WritesTheFirstOnATopicAndThenTheirNumberOnceAnInterval) {
-    host::Log().set_level(host::LogLevel::kWarning);
-    testing::internal::CaptureStderr();
-    host::PeerLog log;
-    const host::PeerLog::Clock::time_point start(1h);
-    const auto after = [&](int intervals) { return start + intervals * host::PeerLog::kInterval; };
-    log.Warn("a", "the first a", start);
-    log.Warn("a", "the second a", start);
-    log.Warn("b", "the first b", start);
-    log.Warn("a", "the third a", start + 1s);
-    log.Summarize(after(1) - 1ns);
-    log.Summarize(after(1));
-    log.Warn("a", "the fourth a", after(1));
-    log.Summarize(after(2) - 1ns);
-    log.Summarize(after(2));
-    log.Summarize(after(3));
-    log.Warn("a", "another first a", after(3));
-    log.Flush();
-    std::vector<std::string> lines;
-    std::istringstream written(testing::internal::GetCapturedStderr());
-    for (std::string line; std::getline(written, line);) {
-        lines.push_back(line.substr(line.find("] ") + 2));
+class PeerLogTest : public testing::Test {
+protected:
+    PeerLogTest() {
+        host::Log().set_level(host::LogLevel::kWarning);
+        testing::internal::CaptureStderr();
     }
-    EXPECT_EQ(lines, (std::vector<std::string>{"the first a", "the first b", "a, and 2 more", "a, and 1 more",
-                                               "another first a"}));
+
+    // To be called once.
+    static std::vector<std::string> Lines() {
+        std::vector<std::string> lines;
+        std::istringstream written(testing::internal::GetCapturedStderr());
+        for (std::string line; std::getline(written, line);) {
+            lines.push_back(line.substr(line.find("] ") + 2));
+        }
+        return lines;
+    }
+
+    static constexpr host::PeerLog::Clock::time_point kStart{1h};
+    static host::PeerLog::Clock::time_point After(int intervals) {
+        return kStart + intervals * host::PeerLog::kInterval;
+    }
+
+    host::PeerLog log_;
+};
+
+TEST_F(PeerLogTest, WritesTheFirstOfAUserOnATopicAndThenTheirNumberOnceAnInterval) {
+    log_.Warn(1, "a", "the first a", kStart);
+    log_.Warn(1, "a", "the second a", kStart);
+    log_.Warn(1, "b", "the first b", kStart);
+    log_.Warn(2, "a", "another user's a", kStart);
+    log_.Warn(1, "a", "the third a", kStart + 1s);
+    log_.Summarize(After(1) - 1ns);
+    log_.Summarize(After(1));
+    log_.Warn(1, "a", "the fourth a", After(1));
+    log_.Summarize(After(2) - 1ns);
+    log_.Summarize(After(2));
+    log_.Summarize(After(3));
+    log_.Warn(1, "a", "another first a", After(3));
+    log_.Flush();
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"the first a", "the first b", "another user's a",
+                                                 "user 1: a, and 2 more", "user 1: a, and 1 more", "another first a"}));
 }
 
-TEST(PeerLog, IsBounded) {
-    host::Log().set_level(host::LogLevel::kWarning);
-    testing::internal::CaptureStderr();
-    host::PeerLog log;
-    for (size_t i = 0; i != 2 * host::PeerLog::kMaxTopics; ++i) {
-        log.Warn(std::to_string(i), "a record", {});
+TEST_F(PeerLogTest, HasSoManyRecordsOfTheCallsOfAUserInAnInterval) {
+    constexpr uint64_t kShare = host::PeerLog::kCallRecords;
+    for (int interval = 0; interval < 2; ++interval) {
+        for (const uid_t user : {1U, 2U}) {
+            uint64_t written = 0;
+            for (uint64_t i = 0; i < 10'000; ++i) {
+                written += log_.MayWrite(user, After(2 * interval)) ? 1 : 0;
+            }
+            EXPECT_EQ(written, kShare);
+        }
+        log_.Summarize(After(2 * interval + 1)); // tells, and counts on
+        log_.Summarize(After(2 * interval + 2)); // nothing since: the next is a first again
     }
-    log.Flush();
-    const std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(CountOf(written, "a record\n"), host::PeerLog::kMaxTopics + 1) << "and one of all others";
-    EXPECT_EQ(CountOf(written, "more of other kinds, and 255 more\n"), 1U) << written;
+    const std::string first = "user 1: records of calls, and 9940 more";
+    const std::string second = "user 2: records of calls, and 9940 more";
+    EXPECT_EQ(Lines(), (std::vector<std::string>{first, second, first, second}));
+}
+
+TEST_F(PeerLogTest, IsBounded) {
+    for (uid_t user = 0; user != 2 * host::PeerLog::kMaxTopics; ++user) {
+        log_.Warn(user, "a", "a record", {});
+    }
+    log_.Flush();
+    const auto lines = Lines();
+    EXPECT_EQ(std::ranges::count(lines, "a record"), host::PeerLog::kMaxTopics + 1) << "and one of all others";
+    EXPECT_EQ(lines.back(), "users: more of other users, and 1023 more");
 }
 
 TEST_F(AccessTest, AnotherUserMayByItsNumberOrAGroup) {

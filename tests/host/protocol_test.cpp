@@ -131,7 +131,8 @@ TEST(Protocol, ALargePayloadIsReadInPlaceAndTakesMemoryAsItComes) {
     }
     const std::vector<uint8_t> bytes = host::MakeFrame(SomeHeader(), payload);
     FrameParser parser(kLimit);
-    ASSERT_EQ(parser.Feed(std::span(bytes).first(host::kHeaderSize + 10)), host::kHeaderSize + 10);
+    ASSERT_EQ(parser.Feed(std::span(bytes).first(host::kHeaderSize + 10)), host::kHeaderSize);
+    ASSERT_EQ(parser.Feed(std::span(bytes).subspan(host::kHeaderSize, 10)), 10);
     size_t have = 10;
     while (!parser.HasFrame()) {
         const auto room = parser.Room();
@@ -146,6 +147,31 @@ TEST(Protocol, ALargePayloadIsReadInPlaceAndTakesMemoryAsItComes) {
         have += some;
     }
     ExpectSame(parser.Take(), SomeHeader(), payload);
+}
+
+TEST(Protocol, APayloadThatIsDroppedTakesNoMemory) {
+    const std::vector<uint8_t> bytes = host::MakeFrame(SomeHeader(), std::vector<uint8_t>(kLimit));
+    FrameParser parser(kLimit);
+    EXPECT_FALSE(parser.IsNewHeader());
+    size_t have = parser.Feed(bytes);
+    EXPECT_EQ(have, host::kHeaderSize);
+    EXPECT_TRUE(parser.IsNewHeader());
+    EXPECT_FALSE(parser.IsNewHeader()) << "it is told once";
+    parser.DropPayload();
+    while (have < bytes.size()) {
+        EXPECT_FALSE(parser.HasFrame());
+        EXPECT_TRUE(parser.Room().empty());
+        have += parser.Feed(std::span(bytes).subspan(have, std::min<size_t>(1000, bytes.size() - have)));
+    }
+    ASSERT_TRUE(parser.HasFrame());
+    const Frame dropped = parser.Take();
+    EXPECT_EQ(dropped.header.length, kLimit);
+    EXPECT_TRUE(dropped.payload.empty());
+    EXPECT_EQ(dropped.payload.capacity(), 0);
+    EXPECT_TRUE(parser.AtStart());
+    const std::vector<uint8_t> next = host::MakeFrame(SomeHeader(), kPayload);
+    parser.Feed(std::span(next).subspan(parser.Feed(next)));
+    ExpectSame(parser.Take(), SomeHeader(), kPayload);
 }
 
 // What the parser says to a frame of which one byte has another value.

@@ -75,11 +75,12 @@ protected:
             std::vector<const IdlModuleSpec *>{&__module_spec_TarnSysdiagTarnd});
     }
 
-    Client Connect() {
+    Client Connect(uid_t uid = geteuid()) {
         int ends[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        const auto session = std::make_shared<host::Session>(
-            loop_, host::Descriptor(ends[0]), host::Peer{.pid = getpid(), .uid = geteuid(), .gid = getegid()}, core_);
+        const auto session = std::make_shared<host::Session>(loop_, host::Descriptor(ends[0]),
+                                                             host::Peer{.pid = getpid(), .uid = uid, .gid = getegid()},
+                                                             core_->UserOf(uid), host::Charge(), core_);
         EXPECT_TRUE(session->Open());
         sessions_.push_back(session);
         return {session, ends[1]};

@@ -87,13 +87,6 @@ host::CallOutcome Make(host::Client &client, Mix &mix, const host::CallRequest &
 
 class Load : public WholeSystem<Unit> {
 protected:
-    // A client has up to four connections to the daemon: synchronous and asynchronous calls of two services.
-    std::vector<std::string> Options() const override {
-        std::vector<std::string> options = WholeSystem::Options();
-        options.insert(options.end(), {"--limit", fmt::format("user_connections={}", kClients * 4 + 32)});
-        return options;
-    }
-
     void Client(uint64_t seed, Clock::time_point end) {
         host::Client client({.runDir = dir_.Path()});
         Mix mix(scene_, seed);
