@@ -9,11 +9,11 @@ namespace host {
 
 std::filesystem::path DefaultRunDir() {
     const std::filesystem::path system = "/run/tarn";
-    if (const char *const named = getenv("TARN_RUN_DIR"); named != nullptr && named[0] != 0) {
+    if (const char *const named = secure_getenv("TARN_RUN_DIR"); named != nullptr && named[0] != 0) {
         return named;
     }
     std::error_code ignored;
-    const char *const user = getenv("XDG_RUNTIME_DIR");
+    const char *const user = secure_getenv("XDG_RUNTIME_DIR");
     if (geteuid() == 0 || user == nullptr || user[0] == 0 || std::filesystem::is_directory(system, ignored)) {
         return system;
     }

@@ -1,14 +1,11 @@
 #include "host/runtime/policy.h"
 
 #include <fmt/format.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -16,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "host/osal/accounts.h"
 #include "host/runtime/catalogue.h"
 
 namespace host {
@@ -23,24 +21,6 @@ namespace {
 
 [[noreturn]] void Refuse(const std::string &where, const std::string &what) {
     throw std::runtime_error(where + ": " + what);
-}
-
-// A number, or what the system's data base has for a name.
-template <class Entry, class Id>
-std::optional<Id> IdOf(const std::string &name, int (*find)(const char *, Entry *, char *, size_t, Entry **),
-                       Id Entry::*member) {
-    Id id = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error == std::errc() && end == name.data() + name.size() && id != static_cast<Id>(-1)) {
-        return id;
-    }
-    std::vector<char> buffer(1024);
-    Entry entry;
-    Entry *found = nullptr;
-    while (find(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
-        buffer.resize(2 * buffer.size());
-    }
-    return found == nullptr ? std::nullopt : std::optional(found->*member);
 }
 
 std::vector<std::string> WordsOf(const std::string &line) {
@@ -99,17 +79,17 @@ Policy::Rule Policy::ParseRule(const std::vector<std::string> &words, const std:
             }
             rule.anyone = word == "anyone";
         } else if (word == "same-user") {
-            rule.users.push_back(geteuid());
+            rule.sameUser = true;
         } else if (word == "user:root") {
             rule.users.push_back(0); // also where the system has no list of users
         } else if (word.starts_with("user:")) {
-            const auto id = IdOf(name, getpwnam_r, &passwd::pw_uid);
+            const auto id = UserIdOf(name);
             if (!id.has_value()) {
                 Refuse(where, fmt::format("no user \"{}\", expected a user's name or number", name));
             }
             rule.users.push_back(*id);
         } else if (word.starts_with("group:")) {
-            const auto id = IdOf(name, getgrnam_r, &group::gr_gid);
+            const auto id = GroupIdOf(name);
             if (!id.has_value()) {
                 Refuse(where, fmt::format("no group \"{}\", expected a group's name or number", name));
             }
@@ -173,7 +153,15 @@ const Policy::Rule &Policy::RuleOf(std::string_view method) const {
 bool Policy::Allows(const Peer &peer, std::string_view method) const {
     const Rule &rule = RuleOf(method);
     const auto isMember = [&](gid_t group) { return group == peer.gid || std::ranges::count(peer.groups, group) != 0; };
-    return rule.anyone || std::ranges::count(rule.users, peer.uid) != 0 || std::ranges::any_of(rule.groups, isMember);
+    return rule.anyone || (rule.sameUser && peer.uid == geteuid()) || std::ranges::count(rule.users, peer.uid) != 0 ||
+           std::ranges::any_of(rule.groups, isMember);
+}
+
+void Policy::AllowAlso(uid_t user) {
+    for (Rule &rule : groups_) {
+        rule.users.push_back(user);
+        rule.text += fmt::format(" user:{}", user);
+    }
 }
 
 std::string Policy::Text(std::string_view method) const {
@@ -183,7 +171,7 @@ std::string Policy::Text(std::string_view method) const {
 bool Policy::AllowsOthers() const {
     const auto others = [](const Rule &rule) {
         return rule.anyone || !rule.groups.empty() ||
-               std::ranges::any_of(rule.users, [](uid_t user) { return user != 0 && user != geteuid(); });
+               std::ranges::any_of(rule.users, [](uid_t user) { return user != geteuid(); });
     };
     return std::ranges::any_of(groups_, others) ||
            std::ranges::any_of(methods_, [&](const auto &entry) { return others(entry.second); });

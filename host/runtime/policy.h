@@ -44,17 +44,22 @@ public:
     static Policy Load(const std::filesystem::path &file);
     static Policy Parse(std::istream &text, const std::string &name);
 
+    // A user more to whom every group allows its methods.
+    void AllowAlso(uid_t user);
+
     bool Allows(const Peer &peer, std::string_view method) const;
 
     // What the policy says of a method, as in the file.
     std::string Text(std::string_view method) const;
 
-    // Whether somebody other than the server's user and root may call something.
+    // Whether somebody other than the server's user may call something: also root, which without its capabilities is
+    // a user like any other.
     bool AllowsOthers() const;
 
 private:
     struct Rule {
         bool anyone = false;
+        bool sameUser = false; // as it is at the call: a program may become another user before it serves
         std::vector<uid_t> users;
         std::vector<gid_t> groups;
         std::string text;

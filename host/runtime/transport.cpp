@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,6 +11,10 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+
+#include "host/osal/directories.h"
+#include "host/osal/log.h"
+#include "host/runtime/run_directory.h"
 
 namespace host {
 namespace {
@@ -34,19 +37,24 @@ int ConnectTo(int fd, const sockaddr_un &address) {
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
 
-// Held while sockets of a run directory come and go, so that no two servers both find the same one stale.
-Descriptor LockDirectory(const path &directory) {
-    Descriptor fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd || flock(fd.Fd(), LOCK_EX) != 0) {
-        Fail(errno, "run directory " + directory.string());
+// A name that another user has taken, with whatever file, is no reason not to serve.
+bool EvictOthers(const RunDirectory &directory, const path &socketPath, const struct stat &status) {
+    if (status.st_uid == geteuid() || directory.IsOf(status.st_uid) || !directory.IsOf(geteuid())) {
+        return false;
     }
-    return fd;
+    if (!Evict(directory.Open(), socketPath.filename())) {
+        Fail(errno, socketPath.string());
+    }
+    Log().warn("{}: removed what user {} had put there", socketPath.string(), status.st_uid);
+    return true;
 }
 
 // Removes what a dead server left at the path; throws when a live one, or something else, is there.
-void RemoveStale(const path &socketPath, const sockaddr_un &address) {
+void RemoveStale(const RunDirectory &directory, const path &socketPath, const sockaddr_un &address) {
+    const std::string name = socketPath.filename();
     struct stat status;
-    if (lstat(socketPath.c_str(), &status) != 0) {
+    if (fstatat(directory.Open().Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        EvictOthers(directory, socketPath, status)) {
         return;
     }
     if (!S_ISSOCK(status.st_mode)) {
@@ -56,12 +64,62 @@ void RemoveStale(const path &socketPath, const sockaddr_un &address) {
     if (!probe) {
         Fail(errno, "socket");
     }
-    if (ConnectTo(probe.Fd(), address) == 0 || errno != ECONNREFUSED) {
+    if (ConnectTo(probe.Fd(), address) == 0 || errno == EAGAIN) {
         throw std::runtime_error(socketPath.string() + ": in use by a live server");
     }
-    if (unlink(socketPath.c_str()) != 0) {
+    if (errno != ECONNREFUSED) {
+        Fail(errno,
+             fmt::format("{}: a socket of user {}, which may have a server", socketPath.string(), status.st_uid));
+    }
+    if (unlinkat(directory.Open().Fd(), name.c_str(), 0) != 0) {
         Fail(errno, socketPath.string());
     }
+}
+
+// A directory that only this user may enter: what is in it can't be swapped while it gets ready.
+class PrivateDirectory {
+public:
+    explicit PrivateDirectory(const RunDirectory &parent) : parent_(parent), name_(HiddenName()) {
+        if (mkdirat(parent_.Open().Fd(), name_.c_str(), 0700) != 0) {
+            Fail(errno, parent_.Path() / name_);
+        }
+        open_ = Descriptor(openat(parent_.Open().Fd(), name_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC),
+                           name_);
+        if (open_.Status().st_uid != geteuid() || !ChangeMode(open_, 0700)) {
+            Fail(EPERM, parent_.Path() / name_);
+        }
+    }
+    ~PrivateDirectory() { unlinkat(parent_.Open().Fd(), name_.c_str(), AT_REMOVEDIR); }
+    PrivateDirectory(const PrivateDirectory &) = delete;
+    PrivateDirectory &operator=(const PrivateDirectory &) = delete;
+
+    int Fd() const { return open_.Fd(); }
+
+private:
+    const RunDirectory &parent_;
+    const std::string name_;
+    Descriptor open_;
+};
+
+// A socket has its mode, and listens, before clients can find it.
+Descriptor ListenIn(const RunDirectory &directory, const path &socketPath, mode_t mode, struct stat &status) {
+    const std::string name = socketPath.filename();
+    const PrivateDirectory aside(directory);
+    sockaddr_un address;
+    FillAddress(fmt::format("/proc/self/fd/{}/{}", aside.Fd(), name), address);
+    Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
+    if (bind(fd.Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        Fail(errno, socketPath.string());
+    }
+    const bool ready = fchmodat(aside.Fd(), name.c_str(), mode, 0) == 0 && listen(fd.Fd(), SOMAXCONN) == 0 &&
+                       fstatat(aside.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                       linkat(aside.Fd(), name.c_str(), directory.Open().Fd(), name.c_str(), 0) == 0;
+    const int error = errno;
+    unlinkat(aside.Fd(), name.c_str(), 0);
+    if (!ready) {
+        Fail(error, socketPath.string());
+    }
+    return fd;
 }
 
 } // namespace
@@ -72,21 +130,12 @@ Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
         throw std::runtime_error(fmt::format("{}: {} bytes, expected a socket path of at most {}", path_.string(),
                                              path_.native().size(), sizeof address.sun_path - 1));
     }
-    std::error_code error;
-    if (create_directories(path_.parent_path(), error); error) {
-        throw std::system_error(error, "run directory " + path_.parent_path().string());
-    }
-    const Descriptor lock = LockDirectory(path_.parent_path());
-    RemoveStale(path_, address);
-    fd_ = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd_ || bind(fd_.Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        Fail(errno, path_.string());
-    }
+    const RunDirectory directory(path_.parent_path());
+    RunDirectory::Lock lock;
+    directory.Take(lock);
+    RemoveStale(directory, path_, address);
     struct stat status;
-    if (chmod(path_.c_str(), toAll ? 0666 : 0600) != 0 || listen(fd_.Fd(), SOMAXCONN) != 0 ||
-        lstat(path_.c_str(), &status) != 0) {
-        Fail(errno, path_.string());
-    }
+    fd_ = ListenIn(directory, path_, toAll ? 0666 : 0600, status);
     device_ = status.st_dev;
     inode_ = status.st_ino;
 }

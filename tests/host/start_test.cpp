@@ -37,7 +37,9 @@ protected:
         std::set<std::string> names;
         std::error_code none;
         for (const auto &entry : std::filesystem::directory_iterator(RunDir(), none)) {
-            names.insert(entry.path().filename());
+            if (entry.path().extension() == ".sock") {
+                names.insert(entry.path().filename());
+            }
         }
         return names;
     }
