@@ -1,7 +1,6 @@
 #include "host/store/store.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include "host/osal/directories.h"
 #include "host/osal/log.h"
 #include "host/store/sha256.h"
 
@@ -59,19 +59,34 @@ std::string TextOf(const Descriptor &file, const std::string &name) {
     return text;
 }
 
+// What others could enter before becomes this user's alone; root looks after anybody's.
+void KeepPrivate(const Descriptor &directory, const std::filesystem::path &path) {
+    const struct stat status = directory.Status();
+    if (geteuid() != 0 && status.st_uid != geteuid()) {
+        Fail(EPERM, fmt::format("state directory {} belongs to user {}, expected user {} (chown)", path.string(),
+                                status.st_uid, geteuid()));
+    }
+    if ((status.st_mode & 077) != 0 && fchmod(directory.Fd(), 0700) != 0) {
+        Fail(errno, path.string());
+    }
+}
+
 } // namespace
 
 Store::Store(const std::filesystem::path &directory) {
     if (directory.empty()) {
         return;
     }
-    std::error_code error;
-    std::filesystem::create_directories(directory, error);
     path_ = std::filesystem::absolute(directory).lexically_normal();
-    directory_ = OpenDirectory(path_);
-    if (flock(directory_.Fd(), LOCK_EX | LOCK_NB) != 0) {
-        Fail(errno == EWOULDBLOCK ? EBUSY : errno, fmt::format("{} is another process's", path_.string()));
+    if (const std::error_code error = MakeDirectories(path_, 0700); error) {
+        throw std::system_error(error, path_.string());
     }
+    directory_ = OpenDirectory(path_);
+    if (faccessat(directory_.Fd(), ".", W_OK, AT_EACCESS) != 0 && errno == EROFS) {
+        return; // it stays as it is, whoever else looks at it
+    }
+    KeepPrivate(directory_, path_);
+    lock_.emplace(directory_, path_, std::chrono::milliseconds(0));
     RemoveAbandoned(directory_);
 }
 

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 
+#include "host/osal/lock_file.h"
 #include "host/osal/mutex.h"
 #include "host/store/document.h"
 #include "host/store/files.h"
@@ -23,8 +24,8 @@ namespace host {
 
 class Store {
 public:
-    // Without a directory documents are kept in memory only. It is created when missing, and held until the end: EBUSY
-    // when another process has it. Throws std::system_error.
+    // Without a directory documents are kept in memory only. It is created when missing, with mode 0700, and held until
+    // the end: EBUSY when another process has it. Throws std::system_error.
     explicit Store(const std::filesystem::path &directory = {});
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
@@ -47,8 +48,9 @@ private:
     std::optional<Kept> Read(const std::string &name, uint32_t version) TARN_REQUIRES(mutex_);
     void SetAside(const std::string &name, const char *suffix, const std::string &reason) TARN_REQUIRES(mutex_);
 
-    std::filesystem::path path_; // these two don't change
+    std::filesystem::path path_; // these three don't change
     Descriptor directory_;
+    std::optional<LockFile> lock_;                                  // held until the end
     Mutex mutex_;                                                   // also of the files in the directory
     std::map<std::string, Kept> documents_ TARN_GUARDED_BY(mutex_); // without a directory
 };

@@ -6,6 +6,7 @@ TARN_UNIT()
 #include "host/store/store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -23,11 +24,13 @@ namespace {
 
 using host::Document;
 
+// Besides the lock.
 std::set<std::string> NamesOf(const std::filesystem::path &directory) {
     std::set<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(directory)) {
         names.insert(entry.path().filename());
     }
+    names.erase(host::LockFile::kName);
     return names;
 }
 
@@ -91,6 +94,26 @@ TEST_F(StoreTest, KeepsDocumentsInMemoryWithoutADirectory) {
     EXPECT_EQ(found, content_);
     EXPECT_FALSE(store.Load("doc", 1, [](const Document &content) { content.Get<uint32_t>("name"); }));
     EXPECT_FALSE(store.Load("doc", 1, [](const Document &) { FAIL() << "what its owner can't take is gone"; }));
+}
+
+mode_t ModeOf(const std::filesystem::path &file) {
+    struct stat status {};
+    EXPECT_EQ(lstat(file.c_str(), &status), 0) << file;
+    return status.st_mode & 07777;
+}
+
+TEST_F(StoreTest, IsNobodyElsesToReadOrLock) {
+    const mode_t before = umask(0);
+    { const host::Store made(state_); }
+    umask(before);
+    EXPECT_EQ(ModeOf(state_), 0700);
+    EXPECT_EQ(ModeOf(state_.parent_path()), 0755);
+    ASSERT_EQ(chmod(state_.c_str(), 0755), 0);
+    const host::Descriptor directory = host::OpenDirectory(state_); // as anybody could so far
+    ASSERT_EQ(flock(directory.Fd(), LOCK_EX), 0);
+    EXPECT_EQ(ErrorOf([&] { host::Store{state_}; }), 0);
+    EXPECT_EQ(ModeOf(state_), 0700);
+    EXPECT_EQ(ModeOf(state_ / host::LockFile::kName), 0600);
 }
 
 TEST_F(StoreTest, IsOneProcesss) {
@@ -264,7 +287,7 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
     EXPECT_EQ(ErrorOf([&] { store.Save("doc", 1, {}); }), EROFS);
     EXPECT_FALSE(store.Load("broken", 1, [](const Document &) { FAIL(); }));
     EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"broken.json", "doc.json"}));
-    EXPECT_EQ(ErrorOf([&] { host::Store{state_ / "below"}; }), ENOENT) << "can't be created";
+    EXPECT_EQ(ErrorOf([&] { host::Store{state_ / "below"}; }), EROFS) << "can't be created";
 }
 
 TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
