@@ -13,6 +13,7 @@
 #include "host/meaning/reflect.h"
 #include "host/osal/attempt.h"
 #include "host/runtime/directory.h"
+#include "host/runtime/run_directory.h"
 #include "host/runtime/server.h"
 #include "types/tarnd_agent.h"
 
@@ -25,11 +26,21 @@ using std::chrono::milliseconds;
 constexpr size_t kMaxName = sizeof(Tarn_sys_diag_AgentRegInfoInput::szAgentName) - 1;
 constexpr milliseconds kUntilWoken{3600000};
 
+// This user, root, and the daemon, whoever that runs as: its user owns the run directory where it is not root's.
+host::Policy PolicyIn(const std::filesystem::path &runDir) {
+    host::Policy policy;
+    policy.AllowAlso(host::RunDirectory(host::Directory(runDir).RunDir()).Owner());
+    if (const std::optional<uid_t> daemon = host::DaemonUser()) {
+        policy.AllowAlso(*daemon);
+    }
+    return policy;
+}
+
 // Serves calls while it lives.
 class Service {
 public:
     explicit Service(const std::filesystem::path &runDir)
-        : server_({.runDir = runDir, .workers = 2, .describe = [] {
+        : server_({.runDir = runDir, .workers = 2, .policy = PolicyIn(runDir), .describe = [] {
                        static constexpr const host::meaning::Service *kServices[] = {&host::meaning::kAgent};
                        return host::meaning::Reflect(kServices);
                    }}) {
