@@ -14,7 +14,6 @@ TARN_UNIT()
 #include <csignal>
 #include <map>
 #include <optional>
-#include <random>
 #include <set>
 
 #include "tests/host/kit.h"
@@ -129,6 +128,14 @@ TEST_F(StoreTest, RefusesNamesThatAreNoFiles) {
     }
 }
 
+TEST_F(StoreTest, TakesLettersDigitsAndHyphensInNames) {
+    {
+        host::Store store(state_);
+        store.Save("az-09", 1, content_);
+    }
+    EXPECT_EQ(Stored(state_, "az-09"), content_);
+}
+
 TEST_F(StoreTest, GivesAnOlderVersionToWhoMayKnowIt) {
     Write("doc.json", FileOf(content_, 2));
     host::Store store(state_);
@@ -226,7 +233,10 @@ TEST_F(StoreTest, SetsAsideWhatItsOwnerCannotTake) {
 TEST_F(StoreTest, SetsAsideWhatIsNoFile) {
     std::filesystem::create_directories(state_);
     ASSERT_EQ(mkfifo((state_ / "doc.json").c_str(), 0600), 0);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("not a regular file"), std::string::npos) << log;
     std::filesystem::create_symlink("/etc/passwd", state_ / "doc.json");
     EXPECT_EQ(Stored(state_, "doc"), std::nullopt);
     EXPECT_TRUE(std::filesystem::is_symlink(state_ / "doc.json.damaged"));
@@ -292,37 +302,46 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
 
 TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
     Write(".doc.json.1.0.partial", "{");
-    Write("partial", "not ours");
-    Write("not.partial", "nor is this");
+    for (const char *name : {"partial", "not.partial", ".hidden"}) {
+        Write(name, "not ours");
+    }
     host::Store store(state_);
-    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{"not.partial", "partial"}));
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{".hidden", "not.partial", "partial"}));
 }
 
-// A process that saves without pause is killed at moments of which none is chosen: what it leaves is whole.
+// A process that saves without pause is killed after some of its saves, in the midst of what it does next: what it
+// leaves is whole.
 TEST_F(StoreTest, SurvivesBeingKilledWhileItSaves) {
     uint64_t newest = 0;
-    std::mt19937 random(1);
-    for (int round = 0; round != 500; ++round) {
+    for (uint64_t round = 0; round != 500; ++round) {
+        int saved[2];
+        ASSERT_EQ(pipe2(saved, O_CLOEXEC), 0);
+        const host::Descriptor from(saved[0]);
+        host::Descriptor to(saved[1]);
         const pid_t pid = fork();
         if (pid == 0) {
             host::Store store(state_);
             for (uint64_t i = newest + 1;; ++i) {
                 store.Save("doc", 1, Document::Object{{"number", i}, {"long", std::string(3000, 'x')}});
+                host::WriteAll(to, "x", "the pipe");
             }
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 6'000));
+        to = {}; // else the reads below would wait for a process that has ended
+        const uint64_t saves = round % 4;
+        char byte;
+        for (uint64_t i = 0; i != saves; ++i) {
+            EXPECT_EQ(read(from.Fd(), &byte, 1), 1) << "the process ended by itself";
+        }
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         const auto found = Stored(state_, "doc");
-        if (found) {
-            EXPECT_GE(found->Get<uint64_t>("number"), newest);
-            newest = found->Get<uint64_t>("number");
-        }
+        const uint64_t number = found ? found->Get<uint64_t>("number") : 0;
+        EXPECT_GE(number, newest + saves);
+        newest = number;
         for (const std::string &name : NamesOf(state_)) {
             EXPECT_EQ(name, "doc.json");
         }
     }
-    EXPECT_GT(newest, 0) << "the process never got to save";
 }
 
 class FileAsideTest : public testing::TestWithParam<host::FileAside::Until> {
@@ -384,6 +403,64 @@ TEST_P(FileAsideTest, TakesTheLongestNameOfAFile) {
     host::FileAside(directory_, longest, 0640, GetParam()).Commit();
     EXPECT_EQ(NamesOf(dir_.Path()), std::set<std::string>{longest});
     EXPECT_EQ(kit::TextOfFile(dir_.Path() / longest), "");
+}
+
+TEST_P(FileAsideTest, IsGoneWhereItCantReplace) {
+    std::filesystem::create_directory(dir_.Path() / "file");
+    {
+        host::FileAside aside(directory_, "file", 0640, GetParam());
+        EXPECT_EQ(ErrorOf([&] { aside.Commit(); }), EISDIR);
+    }
+    EXPECT_EQ(NamesOf(dir_.Path()), std::set<std::string>{"file"});
+}
+
+TEST_P(FileAsideTest, KnowsItselfAndTheFileThatItReplaces) {
+    struct stat older {
+    }, other{};
+    std::ofstream(dir_.Path() / "file") << "older";
+    std::ofstream(dir_.Path() / "other") << "other";
+    ASSERT_EQ(stat((dir_.Path() / "file").c_str(), &older), 0);
+    ASSERT_EQ(stat((dir_.Path() / "other").c_str(), &other), 0);
+    const host::FileAside aside(directory_, "file", 0640, GetParam());
+    EXPECT_TRUE(aside.Is(aside.File().Status()));
+    EXPECT_TRUE(aside.Is(older));
+    EXPECT_FALSE(aside.Is(other));
+    ++older.st_dev;
+    EXPECT_FALSE(aside.Is(older)) << "one of the same number elsewhere";
+}
+
+TEST(Directory, NamesWhatIsInIt) {
+    const kit::TempDir dir;
+    std::vector<std::string> names;
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        names.emplace_back(1, letter);
+    }
+    for (const std::string &name : names) {
+        std::ofstream(dir.Path() / name) << "";
+    }
+    EXPECT_EQ(host::NamesIn(host::OpenDirectory(dir.Path())), names);
+}
+
+TEST(Directory, TellsWhatWasAbandonedInIt) {
+    const kit::TempDir dir;
+    for (const char *name : {".a.1.0.partial", ".b.1.1.partial", "c"}) {
+        std::ofstream(dir.Path() / name) << "";
+    }
+    EXPECT_EQ(host::RemoveAbandoned(host::OpenDirectory(dir.Path())), 2);
+    EXPECT_EQ(NamesOf(dir.Path()), std::set<std::string>{"c"});
+}
+
+TEST(Directory, OpensNeitherALinkNorWhatIsNoFile) {
+    const kit::TempDir dir;
+    const host::Descriptor directory = host::OpenDirectory(dir.Path());
+    std::filesystem::create_symlink("/etc/hostname", dir.Path() / "link");
+    EXPECT_EQ(ErrorOf([&] { host::OpenIn(directory, "link"); }), EACCES);
+    ASSERT_EQ(mknod((dir.Path() / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    const host::Descriptor socket = host::OpenIn(directory, "socket");
+    EXPECT_TRUE(S_ISSOCK(socket.Status().st_mode)) << "can be looked at";
+    char byte;
+    EXPECT_EQ(read(socket.Fd(), &byte, 1), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(Beneath, LeadsOutOfADirectoryByNoPath) {
