@@ -60,6 +60,8 @@ TEST(Document, SaysWhatIsNotAsExpected) {
               "expected an object with \"b\", found {\"a\":1}");
     EXPECT_EQ(ErrorOf([] { Document(std::string(1000, 'x')).As<bool>(); }),
               "expected true or false, found \"" + std::string(59, 'x') + "...");
+    EXPECT_EQ(ErrorOf([] { Document(std::string(58, 'x')).As<bool>(); }),
+              "expected true or false, found \"" + std::string(58, 'x') + "\"");
     EXPECT_EQ(ErrorOf([] { kSettings.At("on").At("key"); }), "expected an object with \"key\", found true");
     EXPECT_EQ(ErrorOf([] { kSettings.At("on").Find("key"); }), "expected an object, found true");
     EXPECT_EQ(ErrorOf([] { kSettings.At("list").At(2); }), "expected an array of at least 3, found [1,null]");
