@@ -196,6 +196,7 @@ TEST(DstRule, RefusesWhatIsInconsistent) {
         {false, [](auto &d) { d.stDstStart.ucDay = 32; }, "rule.start.day is 32"},
         {false, [](auto &d) { d.stDstStart.ucMonth = 2; }, "rule.start.day is 29, expected 1 to 28"},
         {false, [](auto &d) { d.stDstEnd.ucMinute = 60; }, "rule.end.minute is 60"},
+        {false, [](auto &d) { d.stDstEnd.ucSecond = 60; }, "rule.end.second is 60"},
         {false, [](auto &d) { d.stDstEnd.usYear = 2028; }, "within a year"},
         {false, [](auto &d) { std::swap(d.stDstStart, d.stDstEnd); }, "after the start"},
         {false,
@@ -211,6 +212,16 @@ TEST(DstRule, RefusesWhatIsInconsistent) {
         const std::string refusal = Refusal([&] { host::FromRecord(dst); });
         EXPECT_NE(refusal.find(why), std::string::npos) << refusal << "\n" << why;
     }
+}
+
+TEST(DstRule, LastsADayAtLeastAndAllButADayOfAYear) {
+    const auto refusal = [](const char *start, const char *end) {
+        return Refusal([&] { host::CheckedRule({"CEST", 60, host::ParseChange(start), host::ParseChange(end)}); });
+    };
+    EXPECT_EQ(refusal("03-29/02:00:00", "03-30/02:00:00"), "");
+    EXPECT_NE(refusal("03-29/02:00:00", "03-30/01:59:59"), "");
+    EXPECT_EQ(refusal("01-02/02:00:00", "12-31/02:00:00"), "");
+    EXPECT_NE(refusal("01-02/02:00:00", "12-31/02:00:01"), "");
 }
 
 TEST(WallClock, AgreesWithTheCLibrarys) {
@@ -343,16 +354,30 @@ TEST(Daily, ComesOnceADayAlsoWhenClocksGoForwardOrBack) {
               (std::vector<std::string>{"2026-10-24 02:30:00", "2026-10-25 02:30:00", "2026-10-26 02:30:00"}));
 }
 
+host::LocalMillis At(year_month_day day, host::Millis time) {
+    return host::LocalMillis(local_days(day)) + time;
+}
+
+TEST(Daily, ComesToALateLookUnlessTheClockWasSet) {
+    const auto comes = [](host::Millis late) {
+        host::Daily daily(2h + 30min, At(2026y / 11 / 21, 12h));
+        return daily.Take(At(2026y / 11 / 22, 2h + 30min) + late);
+    };
+    EXPECT_FALSE(comes(-1ms));
+    EXPECT_TRUE(comes(0ms));
+    EXPECT_TRUE(comes(3h + 1min));
+    EXPECT_FALSE(comes(3h + 1min + 1ms));
+}
+
 TEST(Daily, FollowsAClockThatIsSet) {
-    const auto at = [](year_month_day day, host::Millis time) { return host::LocalMillis(local_days(day)) + time; };
-    host::Daily daily(2h + 30min, at(2026y / 11 / 21, 12h));
-    EXPECT_FALSE(daily.Take(at(2026y / 11 / 22, 2h + 29min + 59s)));
-    EXPECT_FALSE(daily.Take(at(2026y / 11 / 22, 12h))) << "set forward beyond it";
-    EXPECT_EQ(daily.Due(), at(2026y / 11 / 23, 2h + 30min));
-    EXPECT_FALSE(daily.Take(at(2020y / 1 / 1, 1h))) << "set back by years";
-    EXPECT_EQ(daily.Due(), at(2020y / 1 / 1, 2h + 30min));
-    EXPECT_TRUE(daily.Take(at(2020y / 1 / 1, 2h + 30min)));
-    EXPECT_FALSE(daily.Take(at(2020y / 1 / 1, 2h + 30min)));
+    host::Daily daily(2h + 30min, At(2026y / 11 / 21, 12h));
+    EXPECT_FALSE(daily.Take(At(2026y / 11 / 22, 2h + 29min + 59s)));
+    EXPECT_FALSE(daily.Take(At(2026y / 11 / 22, 12h))) << "set forward beyond it";
+    EXPECT_EQ(daily.Due(), At(2026y / 11 / 23, 2h + 30min));
+    EXPECT_FALSE(daily.Take(At(2020y / 1 / 1, 1h))) << "set back by years";
+    EXPECT_EQ(daily.Due(), At(2020y / 1 / 1, 2h + 30min));
+    EXPECT_TRUE(daily.Take(At(2020y / 1 / 1, 2h + 30min)));
+    EXPECT_FALSE(daily.Take(At(2020y / 1 / 1, 2h + 30min)));
 }
 
 } // namespace
