@@ -1,11 +1,15 @@
 // The readers of /proc on given texts, and on this process.
 #include "host/procfs/procfs.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <functional>
 
 #include <gtest/gtest.h>
+
+#include "host/procfs/memory.h"
+#include "tests/host/fake_proc.h"
 
 namespace {
 
@@ -33,6 +37,8 @@ TEST(Procfs, ReadsAStatLine) {
     EXPECT_EQ(task.parent, 1);
     EXPECT_EQ(task.session, 3);
     EXPECT_FALSE(task.ofKernel);
+    EXPECT_EQ(task.minorFaults, 102);
+    EXPECT_EQ(task.majorFaults, 1);
     EXPECT_EQ(task.userTicks, 700);
     EXPECT_EQ(task.systemTicks, 30);
     EXPECT_EQ(task.CpuTicks(), 730);
@@ -53,6 +59,40 @@ TEST(Procfs, AcceptsAnyNameInAStatLine) {
         EXPECT_EQ(task.name, name);
         EXPECT_EQ(task.state, 'Z');
         EXPECT_EQ(task.userTicks, 700);
+    }
+}
+
+TEST(Procfs, TellsTheKernelsThreads) {
+    std::string line = std::string("2 (kthreadd) S") + kNumbers;
+    EXPECT_FALSE(ParseStat(line).ofKernel);
+    EXPECT_TRUE(ParseStat(line.replace(line.find("4194304"), 7, "2129984")).ofKernel);
+}
+
+TEST(Procfs, WantsAStatLineUpToThePolicy) {
+    const std::string line = std::string("4711 (name) S") + kNumbers;
+    const std::string least = line.substr(0, line.find(" 0 0 0 9 9"));
+    EXPECT_EQ(ParseStat(least).policy, 1);
+    EXPECT_EQ(ErrorOf([&] { ParseStat(least.substr(0, least.rfind(' '))); }), EPROTO);
+}
+
+TEST(Procfs, SaysStatesAndPoliciesInWords) {
+    const std::pair<char, const char *> states[] = {
+        {'R', "R (running)"}, {'S', "S (sleeping)"}, {'D', "D (waiting for a device)"},
+        {'T', "T (stopped)"}, {'t', "t (traced)"},   {'Z', "Z (zombie)"},
+        {'X', "X (dead)"},    {'x', "x (dead)"},     {'I', "I (idle)"},
+        {'?', "? (unknown)"}};
+    for (const auto &[state, text] : states) {
+        EXPECT_EQ(host::procfs::StateText(state), text);
+    }
+    const std::pair<uint32_t, const char *> policies[] = {
+        {SCHED_OTHER, "SCHED_OTHER nice -5"}, {SCHED_FIFO, "SCHED_FIFO 50"},      {SCHED_RR, "SCHED_RR 50"},
+        {SCHED_BATCH, "SCHED_BATCH nice -5"}, {SCHED_IDLE, "SCHED_IDLE nice -5"}, {77, "policy 77"}};
+    host::procfs::Task task;
+    task.nice = -5;
+    task.realTimePriority = 50;
+    for (const auto &[policy, text] : policies) {
+        task.policy = policy;
+        EXPECT_EQ(host::procfs::SchedulingText(task), text);
     }
 }
 
@@ -96,6 +136,132 @@ TEST(Procfs, ReadsThisProcess) {
     EXPECT_EQ(self.name, "procfs_test");
     EXPECT_EQ(self.threadNum, host::procfs::Procfs().ThreadIds(pid).size());
     EXPECT_GT(host::procfs::Procfs().ReadSchedulerCount(pid, pid).runNs, 0);
+}
+
+// In a /proc of the test's.
+class OwnProcTest : public testing::Test {
+protected:
+    void Set(char state, uint64_t startTicks = 0) const {
+        host::procfs::Task task = kit::FakeProc::MakeTask(kPid, "app", state);
+        task.startTicks = startTicks;
+        proc_.SetThread(kPid, task);
+        proc_.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{}\nVmSize:\t1 kB\n", kPid));
+    }
+    void WriteMappings(const std::string &text) const { proc_.Write(fmt::format("{}/smaps", kPid), text); }
+    int ReadMappings(const host::procfs::TakeMapping &take) const {
+        return ErrorOf([&] { host::procfs::ReadMappings(proc_, kPid, take); });
+    }
+
+    static constexpr uint32_t kPid = kit::kFakePid;
+    const kit::FakeProc proc_;
+};
+
+TEST_F(OwnProcTest, HasTheProcessesThatItNamesInTheirOrder) {
+    std::vector<uint32_t> pids;
+    for (uint32_t pid = 1; pid < 30; ++pid) {
+        pids.push_back(pid);
+    }
+    for (const uint32_t pid : pids) {
+        proc_.Write(fmt::format("{}/stat", pid), "");
+    }
+    for (const char *const other : {"17x", "self", "-1", "4294967296"}) {
+        proc_.Write(fmt::format("{}/stat", other), "");
+    }
+    EXPECT_EQ(proc_.Proc().ProcessIds(), pids);
+}
+
+TEST_F(OwnProcTest, TellsWhatMayNotBeReadByOneError) {
+    for (const int error : {EPERM, EACCES}) {
+        EXPECT_EQ(ErrorOf([&] { proc_.Proc().Fail(error, proc_.Proc().Path(kPid, "smaps")); }), EACCES);
+    }
+    EXPECT_EQ(ErrorOf([&] { proc_.Proc().Fail(ENOENT, proc_.Proc().Path(kPid, "smaps")); }), ESRCH);
+    EXPECT_EQ(ErrorOf([&] { proc_.Proc().Fail(ENOENT, proc_.Proc().Path("meminfo")); }), ENOENT);
+}
+
+TEST_F(OwnProcTest, SkipsThoseThatEndOrAreHidden) {
+    const auto fail = [](int error) { return [error] { throw std::system_error(error, std::generic_category()); }; };
+    EXPECT_EQ(ErrorOf([&] { host::procfs::SkipEnded(fail(ESRCH)); }), 0);
+    EXPECT_EQ(ErrorOf([&] { host::procfs::SkipEnded(fail(EACCES)); }), EACCES);
+    EXPECT_EQ(ErrorOf([&] { host::procfs::SkipHidden(fail(ESRCH)); }), 0);
+    EXPECT_EQ(ErrorOf([&] { host::procfs::SkipHidden(fail(EACCES)); }), 0);
+    EXPECT_EQ(ErrorOf([&] { host::procfs::SkipHidden(fail(EMFILE)); }), EMFILE);
+}
+
+TEST_F(OwnProcTest, KnowsAProcessByItsStart) {
+    Set('S', 70);
+    EXPECT_TRUE(proc_.Proc().Runs(kPid, 70));
+    EXPECT_FALSE(proc_.Proc().Runs(kPid, 71)) << "another has its id";
+    EXPECT_FALSE(proc_.Proc().Runs(kPid + 1, 70));
+    Set('Z', 70);
+    EXPECT_FALSE(proc_.Proc().Runs(kPid, 70));
+    EXPECT_EQ(ErrorOf([&] { proc_.Proc().ReadThreads(kPid + 1); }), ESRCH);
+    proc_.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{}\n", kPid - 1));
+    EXPECT_EQ(ErrorOf([&] { proc_.Proc().ReadProcess(kPid); }), ESRCH) << "a thread of another";
+}
+
+TEST_F(OwnProcTest, ReadsWhatTheSchedulerCounts) {
+    Set('S');
+    const std::string file = fmt::format("{0}/task/{0}/schedstat", kPid);
+    proc_.Write(file, "1 2 3\n");
+    const host::procfs::SchedulerCount count = proc_.Proc().ReadSchedulerCount(kPid, kPid);
+    EXPECT_EQ(count.runNs, 1);
+    EXPECT_EQ(count.waitNs, 2);
+    EXPECT_EQ(count.sliceNum, 3);
+    proc_.Write(file, "1 2\n");
+    EXPECT_EQ(ErrorOf([&] { proc_.Proc().ReadSchedulerCount(kPid, kPid); }), EPROTO);
+}
+
+TEST_F(OwnProcTest, HasTheNameOfAProgram) {
+    EXPECT_EQ(ErrorOf([&] { host::procfs::ProgramName(proc_, kPid); }), ESRCH);
+    Set('S');
+    EXPECT_EQ(host::procfs::ProgramName(proc_, kPid), "") << "a kernel thread";
+    proc_.Link(fmt::format("{}/exe", kPid), "/usr/bin/app");
+    EXPECT_EQ(host::procfs::ProgramName(proc_, kPid), "app");
+}
+
+constexpr char kTwoMappings[] = "1000-2000 r-xp 00000000 fe:01 17 /lib/a.so\nRss: 1 kB\nPss: 2 kB\n"
+                                "Shared_Dirty: 3 kB\nPrivate_Dirty: 4 kB\nSwap: 5 kB\nSwapPss: 6 kB\n"
+                                "2000-4400 rw-p 00000000 00:00 0 [heap]\nRss: 7 kB\n";
+
+TEST_F(OwnProcTest, HandsOverEachMapping) {
+    Set('S');
+    WriteMappings(kTwoMappings);
+    std::vector<host::procfs::Mapping> found;
+    EXPECT_EQ(ReadMappings([&](const auto &mapping) { found.push_back(mapping); }), 0);
+    ASSERT_EQ(found.size(), 2);
+    EXPECT_EQ(found[0].name, "/lib/a.so");
+    EXPECT_EQ(found[0].resident, 1);
+    EXPECT_EQ(found[0].proportional, 2);
+    EXPECT_EQ(found[0].privateDirty, 4);
+    EXPECT_EQ(found[0].swap, 5);
+    EXPECT_EQ(found[1].size, 9);
+    EXPECT_EQ(found[1].resident, 7);
+    EXPECT_EQ(found[1].swap, 0) << "not the one before";
+    proc_.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{}\nVmPeak:\t1 kB\n", kPid));
+    EXPECT_EQ(ReadMappings([](const auto &) { FAIL() << "it has no memory"; }), 0);
+}
+
+TEST_F(OwnProcTest, DoesNotTakeAPartForAllMappings) {
+    Set('S');
+    WriteMappings(kTwoMappings);
+    EXPECT_EQ(ReadMappings([&](const auto &) { Set('S', 99); }), ESRCH) << "another has its id";
+    EXPECT_EQ(ReadMappings(
+                  [&](const auto &) { proc_.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{}\n", kPid)); }),
+              ESRCH)
+        << "its memory has gone";
+    Set('S');
+    proc_.Remove(fmt::format("{}/smaps", kPid));
+    EXPECT_EQ(ReadMappings([](const auto &) {}), ESRCH);
+    proc_.Write(fmt::format("{}/smaps/file", kPid), "");
+    EXPECT_EQ(ReadMappings([](const auto &) {}), EISDIR) << "what can't be read is not empty";
+}
+
+TEST(Procfs, RefusesWhatIsNoMapping) {
+    EXPECT_EQ(host::procfs::ParseMapping("1000-1000 r-xp 0 fe:01 17").size, 0);
+    for (const char *const line : {"", "1000", "1000-", "x-2000 r-xp 0 fe:01 17", "2000-1000 r-xp 0 fe:01 17",
+                                   "1000-2000 r-xp 0 fe:01 x", "1000-2000 r-xp 0 fe:01"}) {
+        EXPECT_EQ(ErrorOf([&] { host::procfs::ParseMapping(line); }), EPROTO) << line;
+    }
 }
 
 } // namespace
