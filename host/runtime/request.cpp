@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <unordered_map>
 
 #include "host/osal/log.h"
@@ -217,30 +218,37 @@ std::shared_ptr<Request> Request::Receive(std::shared_ptr<Session> session, Fram
 }
 
 void Request::Run() {
-    ServedMethod &method = *admission_.method;
-    const uintptr_t context = context_;
     if (session_->Now() >= deadline_) {
         Refuse({Reason::kExpired, ETIMEDOUT, "its deadline passed before its turn"});
         return;
     }
-    statistics_ = &method.statistics;
-    if (!Live::Get().Begin(context)) {
+    statistics_ = &admission_.method->statistics;
+    if (!Live::Get().Begin(context_)) {
         return;
     }
+    try {
+        RunWrapper();
+    } catch (const std::bad_alloc &) {
+        GiveUp();
+        throw; // ends the connection
+    }
+}
+
+void Request::RunWrapper() {
     IdlServerCodecTable lent{};
     lent.pRuntimeWord = this;
     LogShare share(*session_);
     uint32_t status;
     {
         const Scope scope(this);
-        status = method.entry->pfnWrapper(this, reinterpret_cast<void *>(context), &lent);
+        status = admission_.method->entry->pfnWrapper(this, reinterpret_cast<void *>(context_), &lent);
     }
     if (status == 0 && lent.stCodec.pfnPack != nullptr) {
         StartTimer();
-        Live::Get().Return(context);
+        Live::Get().Return(context_);
         return;
     }
-    const auto unanswered = Live::Get().Claim(context);
+    const auto unanswered = Live::Get().Claim(context_);
     if (unanswered == nullptr) {
         Log().warn("{}: status {} after the request had been answered", Label(), status);
     } else if (status != 0) {
@@ -249,6 +257,10 @@ void Request::Run() {
         uint8_t empty[kHeaderSize];
         SendReply(empty);
     }
+}
+
+void Request::GiveUp() {
+    Live::Get().Claim(context_);
 }
 
 void Request::Refuse(const Refusal &refusal) {

@@ -50,6 +50,8 @@ public:
     void Run();
 
     void Refuse(const Refusal &refusal);
+    // Ends it without an answer.
+    void GiveUp();
     void Answer(std::string_view payload);
 
     // The caller takes no answer any more: to one call, or to all calls of its connection.
@@ -73,6 +75,7 @@ private:
     friend uint32_t RemainingMs(void *replyCtx);
     friend uint32_t Explain(void *replyCtx, const char *reason);
 
+    void RunWrapper();
     void SetState(RequestState state);
     bool IsOver() const;
     bool IsOneway() const { return frame_.header.kind == FrameKind::kOneway; }

@@ -69,6 +69,16 @@ void Session::Process() {
     server_->Serve(Self());
 }
 
+std::shared_ptr<Request> Session::NextWaiting() {
+    const MutexLock lock(mutex_);
+    if (waiting_.empty()) {
+        return nullptr;
+    }
+    auto request = std::move(waiting_.front());
+    waiting_.pop_front();
+    return request;
+}
+
 bool Session::ServeNext() {
     std::shared_ptr<Request> request;
     bool oneway;
@@ -120,9 +130,12 @@ void Session::OnEnd() {
     Request::CancelAll(this);
 }
 
-// Closed first, so that there is some to say so.
+// Closed first, so that there is some to say so. Nobody may have been told to serve what waits.
 void Session::OnNoMemory() {
     Close();
+    while (const auto request = NextWaiting()) {
+        request->GiveUp();
+    }
     server_->CountCutOff(peer_, Reason::kNoMemory, "there is no memory for what it asks");
 }
 

@@ -53,6 +53,7 @@ private:
     void OnEnd() override;
     void OnNoMemory() override;
     std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
+    std::shared_ptr<Request> NextWaiting() TARN_EXCLUDES(mutex_);
     void Serve(const std::shared_ptr<Request> &request);
     bool IsIdle() TARN_EXCLUDES(mutex_);
 

@@ -23,12 +23,13 @@ protected:
 
     // What a test's daemon is told besides its directories.
     virtual std::vector<std::string> Options() const { return {}; }
+    virtual const char *LogLevel() const { return "debug"; }
 
     // `before` are a command and its arguments that start the daemon's.
     void StartDaemon(const std::vector<std::string> &before = {}) {
         std::vector<std::string> command = before;
         for (const std::vector<std::string> &more :
-             {std::vector<std::string>{TARND, "--run-dir", dir_.Path(), "--log-dir", logs_, "--log-level", "debug",
+             {std::vector<std::string>{TARND, "--run-dir", dir_.Path(), "--log-dir", logs_, "--log-level", LogLevel(),
                                        "--print-accounting"},
               Options()}) {
             command.insert(command.end(), more.begin(), more.end());

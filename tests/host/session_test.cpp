@@ -1,116 +1,25 @@
-// A server's sessions on the test's thread and by its clock: what the loop would report is said by the test, and a
-// method that is to run beside others says what they do meanwhile.
-#include "host/runtime/session.h"
-
+// A server's sessions: limits, backpressure, answers, deadlines, and callers that give up.
 #include "host/answer/unit.h"
 
 TARN_UNIT()
 
 #include "types/tarnd.h"
 
-#include <gtest/gtest.h>
-#include <sys/epoll.h>
-#include <sys/socket.h>
-
 #include <map>
 #include <set>
 #include <thread>
 
-#include "host/osal/log.h"
-#include "host/runtime/reply.h"
-#include "host/runtime/server_core.h"
-#include "kit.h"
-#include "manual_clocks.h"
-#include "peer.h"
-#include "served.h"
-#include "server/tarnd.h"
+#include "session_kit.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using host::FrameKind;
+using kit::AnswerOnline;
+using kit::Client;
+using kit::SessionTest;
 using peer::OnlineRequest;
 using peer::RawPeer;
-
-uint32_t AnswerOnline(void *replyCtx) {
-    Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
-    return TarnHost_Reply(replyCtx, &online);
-}
-
-// A client that the server has accepted.
-struct Client {
-    Client(std::shared_ptr<host::Session> accepted, int fd) : session(std::move(accepted)), peer(fd) {}
-
-    // Sends, and has the server read it.
-    void Say(std::span<const uint8_t> bytes) const {
-        peer.Send(bytes);
-        Report(EPOLLIN);
-    }
-    void Report(uint32_t events) const { static_cast<host::Pollable &>(*session).OnReady(events); }
-
-    const std::shared_ptr<host::Session> session;
-    const RawPeer peer;
-};
-
-class SessionTest : public testing::Test {
-protected:
-    SessionTest() {
-        host::Log().set_level(host::LogLevel::kOff);
-        served::On("PidIsOnline", [](const void *, void *replyCtx) { return AnswerOnline(replyCtx); });
-    }
-
-    ~SessionTest() override {
-        for (const auto &session : sessions_) {
-            session->Close();
-        }
-        loop_.Stop();
-        loop_.Run();
-        served::Reset();
-        host::Log().set_level(host::LogLevel::kInfo);
-    }
-
-    void Serve(const host::Limits &limits = {}, unsigned workers = 1) {
-        core_ = std::make_shared<host::ServerCore>(
-            host::ServerOptions{.runDir = dir_.Path(), .workers = workers, .limits = limits, .clocks = &clocks_},
-            std::vector<const IdlModuleSpec *>{&__module_spec_TarnSysdiagTarnd});
-    }
-
-    Client Connect(uid_t uid = geteuid()) {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-        const auto session = std::make_shared<host::Session>(loop_, host::Descriptor(ends[0]),
-                                                             host::Peer{.pid = getpid(), .uid = uid, .gid = getegid()},
-                                                             core_->UserOf(uid), host::Charge(), core_);
-        EXPECT_TRUE(session->Open());
-        sessions_.push_back(session);
-        return {session, ends[1]};
-    }
-
-    void CheckTimes(const Client &client) { client.session->CheckTimes(clocks_.SteadyNow()); }
-
-    uint64_t Refused(host::Reason reason) { return core_->GetRefusals().Get(reason); }
-
-    // What the server says of a method, without blanks.
-    std::string StatusOf(const std::string &method) {
-        host::FrameHeader header;
-        strcpy(header.method, "Status");
-        host::Refusal refusal{};
-        std::string status = core_->Introspect({.uid = geteuid()}, header, refusal);
-        std::erase_if(status, [](char c) { return c == ' ' || c == '\n'; });
-        const size_t at = status.find("\"name\":\"" + method + "\"");
-        EXPECT_NE(at, std::string::npos) << status;
-        const size_t begin = status.rfind('{', at);
-        return status.substr(begin, status.find('}', at) - begin + 1);
-    }
-
-    static bool HasEnded(const Client &client) { return !client.session->Send({}); }
-
-    kit::TempDir dir_;
-    kit::ManualClocks clocks_;
-    host::Loop loop_{clocks_};
-    std::shared_ptr<host::ServerCore> core_;
-    std::vector<std::shared_ptr<host::Session>> sessions_;
-};
 
 // --- Limits in time
 
