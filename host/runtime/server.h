@@ -32,6 +32,7 @@ struct ServerOptions {
     Policy policy = {};
     std::chrono::milliseconds stopBound{5000}; // how long Stop waits for handlers and unanswered requests
     const Clocks *clocks = nullptr;            // for deadlines and limits in time; null: the system's
+    bool returnsMemory = false;                // to the system after a burst; for a process that is the server's own
     // What Describe answers (host/meaning/reflect.h); asked for when the first peer asks, and never again. Null: the
     // server doesn't describe its services.
     std::function<std::string()> describe = {};

@@ -1,6 +1,7 @@
 #include "host/runtime/server_core.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -172,6 +173,18 @@ void ServerCore::CheckTimes() {
         session->Confine([&] { session->CheckTimes(now); });
     }
     peerLog_.Summarize(now);
+    if (options_.returnsMemory) {
+        ReturnMemory(now);
+    }
+}
+
+void ServerCore::ReturnMemory(Loop::Clock::time_point now) {
+    constexpr uint64_t kSmall = 1 << 20;
+    const uint64_t held = QuotaOf(Resource::kReceivedBytes).Used() + QuotaOf(Resource::kQueuedBytes).Used();
+    if (held < kSmall && memoryReturn_.IsDue(ResidentBytes(), now)) {
+        malloc_trim(0);
+        memoryReturn_.Done(ResidentBytes());
+    }
 }
 
 // --- Requests
@@ -320,6 +333,9 @@ ServerStatus ServerCore::Status() {
 // --- Start and end
 
 void ServerCore::Start() {
+    if (options_.returnsMemory) {
+        ReturnLargeBlocks();
+    }
     for (const auto &acceptor : acceptors_) {
         acceptor->Open();
     }

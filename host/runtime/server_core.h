@@ -15,6 +15,7 @@
 #include "host/osal/mutex.h"
 #include "host/runtime/acceptor.h"
 #include "host/runtime/loop.h"
+#include "host/runtime/memory_return.h"
 #include "host/runtime/peer_log.h"
 #include "host/runtime/quota.h"
 #include "host/runtime/server.h"
@@ -68,6 +69,7 @@ private:
     void Work(Turn turn);
     void Help();
     void CheckTimes();
+    void ReturnMemory(Loop::Clock::time_point now);
     std::vector<std::shared_ptr<Session>> Sessions() TARN_EXCLUDES(mutex_);
     ServerHealth Health() TARN_EXCLUDES(mutex_);
     ServerStatus Status();
@@ -88,6 +90,7 @@ private:
     const Loop::Clock::time_point started_;
     Refusals refusals_;
     PeerLog peerLog_;
+    MemoryReturn memoryReturn_; // of CheckTimes
     std::vector<std::thread> threads_;
     std::vector<std::shared_ptr<Acceptor>> acceptors_;
     std::atomic<bool> stopping_ = false;

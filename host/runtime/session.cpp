@@ -7,6 +7,11 @@
 #include "host/runtime/server_core.h"
 
 namespace host {
+namespace {
+
+constexpr std::chrono::milliseconds kRest(100);
+
+} // namespace
 
 Session::Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<User> user, Charge connection,
                  std::shared_ptr<ServerCore> server)
@@ -47,6 +52,9 @@ void Session::Take(std::span<Frame> frames, Clock::time_point now) {
         admitted_.pop_front();
         if (refusal.has_value()) {
             request->Refuse(*refusal);
+            if (refusal->errCode == EBUSY && !user_->isPrivileged) {
+                Rest();
+            }
             continue;
         }
         const MutexLock lock(mutex_);
@@ -62,7 +70,29 @@ void Session::Begun() {
 
 bool Session::MayRead() {
     const MutexLock lock(mutex_);
-    return inFlight_ < GetLimits().requestsPerConnection;
+    return inFlight_ < GetLimits().requestsPerConnection && !rests_;
+}
+
+// Who asks for more than his share is to ask again later, and not to keep the server busy with telling him so.
+void Session::Rest() {
+    {
+        const MutexLock lock(mutex_);
+        if (std::exchange(rests_, true)) {
+            return;
+        }
+    }
+    GetLoop().At(Now() + kRest, [self = Self()] { self->EndRest(); });
+}
+
+void Session::EndRest() {
+    {
+        const MutexLock lock(mutex_);
+        rests_ = false;
+        if (inFlight_ >= GetLimits().requestsPerConnection) {
+            return; // one that ends reads on
+        }
+    }
+    ReadOn();
 }
 
 void Session::Process() {
@@ -117,7 +147,7 @@ void Session::Finished() {
     bool roomAgain;
     {
         const MutexLock lock(mutex_);
-        roomAgain = inFlight_-- == GetLimits().requestsPerConnection;
+        roomAgain = inFlight_-- == GetLimits().requestsPerConnection && !rests_;
     }
     if (roomAgain) {
         ReadOn();

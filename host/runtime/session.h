@@ -48,6 +48,8 @@ private:
     void Take(std::span<Frame> frames, Clock::time_point now) override TARN_EXCLUDES(mutex_);
     void Process() override;
     bool MayRead() override TARN_EXCLUDES(mutex_);
+    void Rest() TARN_EXCLUDES(mutex_);
+    void EndRest() TARN_EXCLUDES(mutex_);
     bool MayQueue(size_t bytes) override;
     void OnBad(const FrameParser &parser) override;
     void OnEnd() override;
@@ -67,6 +69,7 @@ private:
     std::deque<std::shared_ptr<Request>> waiting_ TARN_GUARDED_BY(mutex_);
     uint32_t inFlight_ TARN_GUARDED_BY(mutex_) = 0; // waiting, running, or not yet answered
     bool onewayRuns_ TARN_GUARDED_BY(mutex_) = false;
+    bool rests_ TARN_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace host

@@ -21,6 +21,9 @@ namespace {
 
 using std::filesystem::path;
 
+// Connections are taken in the order that they came in: whoever connects as fast as he can is ahead by no more.
+constexpr int kBacklog = 128;
+
 // False when the path does not fit a socket address.
 bool FillAddress(const path &socketPath, sockaddr_un &address) {
     address = {};
@@ -111,7 +114,7 @@ Descriptor ListenIn(const RunDirectory &directory, const path &socketPath, mode_
     if (bind(fd.Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         Fail(errno, socketPath.string());
     }
-    const bool ready = fchmodat(aside.Fd(), name.c_str(), mode, 0) == 0 && listen(fd.Fd(), SOMAXCONN) == 0 &&
+    const bool ready = fchmodat(aside.Fd(), name.c_str(), mode, 0) == 0 && listen(fd.Fd(), kBacklog) == 0 &&
                        fstatat(aside.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
                        linkat(aside.Fd(), name.c_str(), directory.Open().Fd(), name.c_str(), 0) == 0;
     const int error = errno;

@@ -122,7 +122,7 @@ void Declare(CommandLine &line, ServeOptions &options) {
 }
 
 ServerOptions ServerOptionsOf(const ServeOptions &options) {
-    ServerOptions server{.runDir = options.runDir};
+    ServerOptions server{.runDir = options.runDir, .returnsMemory = true};
     for (const std::string &limit : options.limits) {
         SetLimit(server.limits, limit);
     }

@@ -9,6 +9,7 @@ TARN_UNIT()
 
 namespace {
 
+using namespace std::chrono_literals;
 using kit::AnswerOnline;
 using kit::Client;
 using peer::OnlineRequest;
@@ -129,6 +130,30 @@ TEST_F(SharesTest, AUserHasHisShareOfTheRequestsHoweverManyConnectionsHeHas) {
         EXPECT_EQ(AnswerOnline(context), 0U);
     }
     EXPECT_EQ(Used(host::Resource::kRequests), 0U);
+}
+
+TEST_F(SharesTest, AConnectionThatAsksForMoreThanTheShareIsNotReadForAWhile) {
+    Serve({.requests = 4}, 4, kAll);
+    std::vector<void *> contexts;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        contexts.push_back(replyCtx);
+        return 0U;
+    });
+    const Client client = Connect(kFirst);
+    for (uint64_t id = 1; id <= 3; ++id) {
+        client.Say(OnlineRequest(id));
+    }
+    ASSERT_EQ(contexts.size(), 2U);
+    EXPECT_EQ(client.peer.Read(1).at(0).header.errCode, uint32_t{EBUSY});
+    EXPECT_EQ(AnswerOnline(contexts[0]), 0U);
+    client.Say(OnlineRequest(4));
+    EXPECT_FALSE(client.peer.HasBeenRead());
+    clocks_.Advance(100ms);
+    loop_.RunDue();
+    client.Report(EPOLLIN);
+    EXPECT_EQ(contexts.size(), 3U);
+    EXPECT_EQ(AnswerOnline(contexts[1]), 0U);
+    EXPECT_EQ(AnswerOnline(contexts[2]), 0U);
 }
 
 TEST_F(SharesTest, RequestsThatAreNotWholeTakeNoMoreThanAUsersShare) {

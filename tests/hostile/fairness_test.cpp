@@ -249,7 +249,7 @@ TEST_F(Fairness, LargeRequestsThatAreNeverWhole) {
     }
     const uint64_t most = Memory("VmHWM");
     EXPECT_LT(most, before + 160 * 1024);
-    EXPECT_TRUE(kit::Eventually([&] { return Memory("VmRSS") < before + 48 * 1024; })) << Memory("VmRSS");
+    EXPECT_TRUE(kit::Eventually([&] { return Memory("VmRSS") < before + 24 * 1024; })) << Memory("VmRSS");
     printf("resident: %lu KiB, at most %lu, then %lu\n", before, most, Memory("VmRSS"));
 }
 
