@@ -32,9 +32,9 @@ namespace agent {
 namespace {
 
 using host::blackbox::Box;
+using host::blackbox::Entry;
 using host::blackbox::FaultHead;
 using host::blackbox::FaultKind;
-using host::blackbox::FaultSlot;
 using host::blackbox::FaultStack;
 using host::blackbox::StackFrame;
 
@@ -211,18 +211,22 @@ void RecordSignal(int signal, const siginfo_t &info, void *context) {
         return;
     }
     ++handlerState.faultNum;
-    FaultSlot &slot = writing.OpenBox()->Take();
-    FillHead(slot.head, FaultKind::kException, *static_cast<const ucontext_t *>(context));
-    slot.head.signal = signal;
-    slot.head.code = info.si_code;
-    slot.head.address = reinterpret_cast<uint64_t>(info.si_addr);
-    if (info.si_code <= 0) {
-        slot.head.address = 0; // sent by a process, not raised by an instruction
+    const Entry entry(*writing.OpenBox());
+    if (!entry) {
+        return;
     }
-    Box::SealHead(slot);
+    FaultHead &head = entry.Head();
+    FillHead(head, FaultKind::kException, *static_cast<const ucontext_t *>(context));
+    head.signal = signal;
+    head.code = info.si_code;
+    head.address = reinterpret_cast<uint64_t>(info.si_addr);
+    if (info.si_code <= 0) {
+        head.address = 0; // sent by a process, not raised by an instruction
+    }
+    entry.SealHead();
     std::array<uint64_t, host::blackbox::kFrameNum> addresses;
-    FillStack(slot.stack, {addresses.data(), CallStackOf(context, addresses)}, true);
-    Box::SealStack(slot);
+    FillStack(entry.Stack(), {addresses.data(), CallStackOf(context, addresses)}, true);
+    entry.SealStack();
 }
 
 const struct sigaction &PreviousOf(int signal) {
@@ -395,19 +399,23 @@ void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigne
         return;
     }
     ++agent::handlerState.faultNum;
-    agent::FaultSlot &slot = writing.OpenBox()->Take();
+    const agent::Entry entry(*writing.OpenBox());
+    if (!entry) {
+        return;
+    }
     ucontext_t context;
     getcontext(&context);
-    agent::FillHead(slot.head, agent::FaultKind::kAssertion, context);
-    agent::Append(slot.head.text, expression);
-    agent::Append(slot.head.text, " in ");
-    agent::Append(slot.head.text, function);
-    agent::Append(slot.head.text, ", ");
-    agent::Append(slot.head.text, file);
-    agent::Append(slot.head.text, ":");
-    agent::AppendNumber(slot.head.text, line);
-    agent::Box::SealHead(slot);
+    agent::FaultHead &head = entry.Head();
+    agent::FillHead(head, agent::FaultKind::kAssertion, context);
+    agent::Append(head.text, expression);
+    agent::Append(head.text, " in ");
+    agent::Append(head.text, function);
+    agent::Append(head.text, ", ");
+    agent::Append(head.text, file);
+    agent::Append(head.text, ":");
+    agent::AppendNumber(head.text, line);
+    entry.SealHead();
     std::array<uint64_t, host::blackbox::kFrameNum> addresses;
-    agent::FillStack(slot.stack, {addresses.data(), agent::CallStack(addresses)}, false);
-    agent::Box::SealStack(slot);
+    agent::FillStack(entry.Stack(), {addresses.data(), agent::CallStack(addresses)}, false);
+    entry.SealStack();
 }

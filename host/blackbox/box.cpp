@@ -1,23 +1,33 @@
 #include "host/blackbox/box.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <string>
 
-#include "host/osal/descriptor.h"
+#include "host/osal/error.h"
 
 namespace host::blackbox {
 
 namespace {
 
+// More than one is needed where others make or replace the file meanwhile.
+constexpr int kMostTries = 10;
+
+// One that is there is opened without O_CREAT, which where everyone may write is refused for others' files. None when
+// another process has just made it.
 host::Descriptor Open(const std::filesystem::path &path) {
-    return host::Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600), path.string());
+    constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int fd = open(path.c_str(), kFlags);
+    if (fd < 0 && errno == ENOENT) {
+        fd = open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0600);
+    }
+    return fd < 0 && errno == EEXIST ? host::Descriptor() : host::Descriptor(fd, path.string());
 }
 
 void Check(int result, const std::filesystem::path &path) {
@@ -26,11 +36,22 @@ void Check(int result, const std::filesystem::path &path) {
     }
 }
 
-bool IsBlackBox(int fd, off_t size) {
-    FileHeader header;
-    return size == static_cast<off_t>(kFileBytes) && pread(fd, &header, sizeof header, 0) == sizeof header &&
-           memcmp(header.magic, kMagic, sizeof kMagic) == 0 && header.slotNum == kSlotNum &&
-           header.slotBytes == sizeof(FaultSlot);
+bool IsOwn(const struct stat &status) {
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
+FileHeader NewHeader() {
+    FileHeader header{};
+    header.slotNum = kSlotNum;
+    header.slotBytes = sizeof(FaultSlot);
+    memcpy(header.magic, kMagic, sizeof kMagic);
+    return header;
+}
+
+// False for a file that is no black box.
+bool ReadHeader(int fd, FileHeader &header) {
+    return pread(fd, &header, sizeof header, 0) == sizeof header && memcmp(header.magic, kMagic, sizeof kMagic) == 0 &&
+           header.slotNum == kSlotNum && header.slotBytes == sizeof(FaultSlot);
 }
 
 // The magic comes last: a file is a black box when all of it is there.
@@ -39,10 +60,7 @@ void Format(int fd, const std::filesystem::path &path) {
         Check(ftruncate(fd, 0), path);
         host::Fail(error, path.string());
     }
-    FileHeader header{};
-    header.slotNum = kSlotNum;
-    header.slotBytes = sizeof(FaultSlot);
-    memcpy(header.magic, kMagic, sizeof kMagic);
+    const FileHeader header = NewHeader();
     if (pwrite(fd, &header, sizeof header, 0) != sizeof header) {
         host::Fail(errno, path.string());
     }
@@ -54,6 +72,44 @@ bool IsCurrent(const struct stat &opened, const std::filesystem::path &path) {
     return lstat(path.c_str(), &named) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
 }
 
+// The turn to take a sequence, among the threads of the process and among processes. Nobody waits long for it: its
+// holder may be stopped, or be who was interrupted by this signal. Then two may take one sequence, and of their
+// records one is lost.
+class Turn {
+public:
+    Turn(std::atomic_flag &claimed, int fd) : claimed_(claimed), fd_(fd) {
+        for (int tries = 0; tries != 100; ++tries) {
+            claims_ = claims_ || !claimed_.test_and_set();
+            if (claims_ && Lock(F_WRLCK)) {
+                return;
+            }
+            poll(nullptr, 0, 1);
+        }
+    }
+    ~Turn() {
+        Lock(F_UNLCK);
+        if (claims_) {
+            claimed_.clear();
+        }
+    }
+    Turn(const Turn &) = delete;
+    Turn &operator=(const Turn &) = delete;
+
+private:
+    // A lock of the process: a child that was forked has none.
+    bool Lock(short type) const {
+        struct flock lock {};
+        lock.l_type = type;
+        lock.l_whence = SEEK_SET;
+        lock.l_len = sizeof(FileHeader);
+        return fcntl(fd_, F_SETLK, &lock) == 0;
+    }
+
+    std::atomic_flag &claimed_;
+    const int fd_;
+    bool claims_ = false;
+};
+
 } // namespace
 
 std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid) {
@@ -61,50 +117,93 @@ std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid) 
 }
 
 Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {
-    for (;;) {
-        const host::Descriptor descriptor = Open(file);
-        const int fd = descriptor.Fd();
-        Check(flock(fd, LOCK_EX), file);
-        struct stat status {};
-        Check(fstat(fd, &status), file);
-        if (!IsCurrent(status, file)) {
+    for (int tries = 0; tries != kMostTries; ++tries) {
+        file_ = Open(file);
+        if (!file_) {
             continue;
         }
-        if (status.st_size == 0) {
-            Format(fd, file);
-        } else if (!IsBlackBox(fd, status.st_size)) {
-            aside = file.string() + ".damaged";
-            std::filesystem::rename(file, aside);
-            continue;
+        opened_ = file_.Status();
+        if (IsOwn(opened_)) {
+            Check(flock(file_.Fd(), LOCK_EX), file);
+            opened_ = file_.Status();
+            FileHeader header;
+            if (!IsCurrent(opened_, file)) {
+                continue;
+            }
+            if (opened_.st_size == 0) {
+                Format(file_.Fd(), file);
+            }
+            if (ReadHeader(file_.Fd(), header)) {
+                Check(flock(file_.Fd(), LOCK_UN), file);
+                return;
+            }
         }
-        map_ = mmap(nullptr, kFileBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (map_ == MAP_FAILED) {
-            host::Fail(errno, file.string());
+        aside = file.string() + ".damaged";
+        std::filesystem::rename(file, aside);
+    }
+    host::Fail(EBUSY, file.string() + " is replaced again and again");
+}
+
+Box::Draft *Box::TakeDraft() const {
+    for (Draft &draft : drafts_) {
+        if (!draft.taken.test_and_set()) {
+            return &draft;
         }
-        flock(fd, LOCK_UN); // which closing does not do, as the mapping keeps the file open
-        return;
+    }
+    return nullptr;
+}
+
+// The process may have closed what it does not know, and opened something else in its place.
+bool Box::IsOpen() const {
+    struct stat now {};
+    return fstat(file_.Fd(), &now) == 0 && now.st_ino == opened_.st_ino && now.st_dev == opened_.st_dev;
+}
+
+uint64_t Box::TakeSequence() const {
+    const Turn turn(claimed_, file_.Fd());
+    FileHeader header;
+    if (!ReadHeader(file_.Fd(), header)) { // it was cut off
+        header = NewHeader();
+        static_cast<void>(ftruncate(file_.Fd(), kFileBytes));
+    }
+    header.lastSequence += header.lastSequence == UINT64_MAX ? 2 : 1; // there is no record 0
+    Write(&header, sizeof header, 0);
+    return header.lastSequence;
+}
+
+// Nobody can be told of a failure, which leaves the record damaged.
+void Box::Write(const void *data, size_t size, size_t at) const {
+    [[maybe_unused]] const ssize_t written = pwrite(file_.Fd(), data, size, static_cast<off_t>(at));
+}
+
+Entry::Entry(const Box &box) : box_(box), draft_(box.IsOpen() ? box.TakeDraft() : nullptr) {
+    if (draft_ != nullptr) {
+        sequence_ = box_.TakeSequence();
+        slotAt_ = sizeof(FileHeader) + (sequence_ - 1) % kSlotNum * sizeof(FaultSlot);
+        box_.Write(&sequence_, sizeof sequence_, slotAt_ + offsetof(FaultSlot, sequence));
     }
 }
 
-Box::~Box() {
-    munmap(map_, kFileBytes);
+Entry::~Entry() {
+    if (draft_ != nullptr) {
+        draft_->taken.clear();
+    }
 }
 
-FaultSlot &Box::Take() const {
-    auto &header = *static_cast<FileHeader *>(map_);
-    auto *const slots = reinterpret_cast<FaultSlot *>(static_cast<char *>(map_) + sizeof(FileHeader));
-    const uint64_t sequence = header.lastSequence.fetch_add(1) + 1;
-    FaultSlot &slot = slots[(sequence - 1) % kSlotNum];
-    slot.sequence = sequence;
-    return slot;
+// The check comes last: what it belongs to is all there.
+template <class Part>
+void Entry::Seal(const Part &part, size_t partAt, size_t checkAt) const {
+    const uint32_t check = CheckOf(sequence_, part);
+    box_.Write(&part, sizeof part, slotAt_ + partAt);
+    box_.Write(&check, sizeof check, slotAt_ + checkAt);
 }
 
-void Box::SealHead(FaultSlot &slot) {
-    slot.headCheck = CheckOf(slot.sequence, slot.head);
+void Entry::SealHead() const {
+    Seal(draft_->head, offsetof(FaultSlot, head), offsetof(FaultSlot, headCheck));
 }
 
-void Box::SealStack(FaultSlot &slot) {
-    slot.stackCheck = CheckOf(slot.sequence, slot.stack);
+void Entry::SealStack() const {
+    Seal(draft_->stack, offsetof(FaultSlot, stack), offsetof(FaultSlot, stackCheck));
 }
 
 } // namespace host::blackbox

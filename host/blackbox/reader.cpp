@@ -6,14 +6,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <string>
 #include <system_error>
 #include <thread>
+
+#include <fmt/format.h>
 
 #include "host/blackbox/box.h"
 #include "host/osal/descriptor.h"
@@ -22,52 +23,97 @@ namespace host::blackbox {
 
 namespace {
 
-// How long a writer has to complete a head that was being written when it was looked at first.
+// How long writers have to complete heads that were being written when they were looked at first.
 constexpr std::chrono::milliseconds kWriting{20};
+// Files that are looked at. There is one for each user who runs agents, but a user may have the ids of thousands.
+constexpr size_t kMostFiles = 1024;
+// Reasons that are told, of files that are left out.
+constexpr size_t kMostReasons = 8;
 
-// An open black box. It belongs to the user in its name, or it is none.
+// The user whose black box has such a name.
+std::optional<uint32_t> UserOf(std::string_view name) {
+    constexpr std::string_view kPrefix = "blackbox-";
+    uint32_t user = 0;
+    if (!name.starts_with(kPrefix)) {
+        return {};
+    }
+    std::from_chars(name.data() + kPrefix.size(), name.data() + name.size(), user);
+    return FileOf({}, user) == name ? std::optional(user) : std::nullopt;
+}
+
+std::vector<uint32_t> UsersWithFiles(const std::filesystem::path &runDir, const Check &check) {
+    std::vector<uint32_t> users;
+    std::error_code none;
+    size_t names = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(runDir, none)) {
+        if (names++ % 64 == 0) {
+            check();
+        }
+        if (const auto user = UserOf(entry.path().filename().native())) {
+            users.push_back(*user);
+        }
+    }
+    std::ranges::sort(users);
+    return users;
+}
+
+// What has the name of a black box and is none.
+struct NoBlackBox : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 class BoxFile {
 public:
-    BoxFile(std::filesystem::path path, int flags)
-        : path_(std::move(path)),
-          descriptor_(open(path_.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK), path_.string()) {
+    // Opens nothing but a file of the user's own.
+    BoxFile(const std::filesystem::path &runDir, uint32_t user, int flags) : path_(FileOf(runDir, user)) {
+        struct stat status {};
+        if (lstat(path_.c_str(), &status) != 0) {
+            Fail(errno, path_.string());
+        }
+        CheckStatus(status, user);
+        file_ = {open(path_.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK), path_.string()};
+        CheckStatus(file_.Status(), user);
         CheckHeader();
     }
 
-    bool ReadSlot(uint32_t index, FaultSlot &slot) const {
-        return pread(descriptor_.Fd(), &slot, sizeof slot, Position(index)) == static_cast<ssize_t>(sizeof slot);
-    }
+    // The part of a slot before the stack.
+    bool ReadHead(uint32_t slot, FaultSlot &to) const { return Read(&to, offsetof(FaultSlot, stack), slot); }
+    bool ReadWhole(uint32_t slot, FaultSlot &to) const { return Read(&to, sizeof to, slot); }
 
-    void Erase(uint32_t index, uint64_t sequence) const {
-        const auto at = Position(index) + static_cast<off_t>(offsetof(FaultSlot, erased));
-        if (pwrite(descriptor_.Fd(), &sequence, sizeof sequence, at) != sizeof sequence) {
+    void Erase(uint32_t slot, uint64_t sequence) const {
+        const auto at = Position(slot) + static_cast<off_t>(offsetof(FaultSlot, erased));
+        if (pwrite(file_.Fd(), &sequence, sizeof sequence, at) != sizeof sequence) {
             Fail(errno, path_.string());
         }
     }
 
-    const std::filesystem::path &Path() const { return path_; }
-
 private:
-    static off_t Position(uint32_t index) { return static_cast<off_t>(sizeof(FileHeader) + index * sizeof(FaultSlot)); }
+    static off_t Position(uint32_t slot) { return static_cast<off_t>(sizeof(FileHeader) + slot * sizeof(FaultSlot)); }
+
+    bool Read(void *to, size_t size, uint32_t slot) const {
+        return pread(file_.Fd(), to, size, Position(slot)) == static_cast<ssize_t>(size);
+    }
+
+    void CheckStatus(const struct stat &status, uint32_t user) const {
+        if (!S_ISREG(status.st_mode)) {
+            throw NoBlackBox(path_.string() + " is no regular file");
+        }
+        if (status.st_uid != user) {
+            throw NoBlackBox(path_.string() + " belongs to another user");
+        }
+    }
 
     void CheckHeader() const {
-        struct stat status {};
         FileHeader header;
-        if (fstat(descriptor_.Fd(), &status) != 0 || !S_ISREG(status.st_mode)) {
-            Fail(EINVAL, path_.string() + " is no regular file");
-        }
-        if (path_ != FileOf(path_.parent_path(), status.st_uid)) {
-            Fail(EPERM, path_.string() + " belongs to another user");
-        }
-        if (pread(descriptor_.Fd(), &header, sizeof header, 0) != sizeof header ||
+        if (pread(file_.Fd(), &header, sizeof header, 0) != sizeof header ||
             memcmp(header.magic, kMagic, sizeof kMagic) != 0 || header.slotNum != kSlotNum ||
             header.slotBytes != sizeof(FaultSlot)) {
-            Fail(EBADMSG, path_.string() + " is no black box");
+            throw NoBlackBox(path_.string() + " is no black box");
         }
     }
 
     const std::filesystem::path path_;
-    const Descriptor descriptor_;
+    Descriptor file_;
 };
 
 enum class State { kEmpty, kWhole, kDamaged };
@@ -79,7 +125,35 @@ State StateOf(const FaultSlot &slot) {
     return slot.headCheck == CheckOf(slot.sequence, slot.head) ? State::kWhole : State::kDamaged;
 }
 
-// Texts and counts are the writer's word: a user may write what he likes into his file.
+// Goes through the slots of black boxes that hold something.
+class Scan {
+public:
+    // With the stack unread.
+    using Take = std::function<void(const BoxFile &, uint32_t slot, const FaultSlot &, bool whole)>;
+
+    explicit Scan(const Take &take) : take_(take) {}
+
+    void Through(const BoxFile &file) {
+        for (uint32_t slot = 0; slot < kSlotNum && file.ReadHead(slot, *read_); ++slot) {
+            State state = StateOf(*read_);
+            if (state == State::kDamaged && !waited_) {
+                std::this_thread::sleep_for(kWriting);
+                waited_ = true;
+                state = file.ReadHead(slot, *read_) ? StateOf(*read_) : State::kEmpty;
+            }
+            if (state != State::kEmpty) {
+                take_(file, slot, *read_, state == State::kWhole);
+            }
+        }
+    }
+
+private:
+    const Take &take_;
+    const std::unique_ptr<FaultSlot> read_ = std::make_unique<FaultSlot>();
+    bool waited_ = false; // once, however many are damaged
+};
+
+// Texts and counts are the writer's word.
 void Confine(FaultRecord &record) {
     FaultHead &head = record.head;
     head.registerNum = std::min(head.registerNum, static_cast<uint32_t>(std::size(head.registers)));
@@ -94,75 +168,76 @@ void Confine(FaultRecord &record) {
     }
 }
 
-std::vector<std::filesystem::path> Files(const std::filesystem::path &runDir) {
-    std::vector<std::filesystem::path> files;
-    std::error_code none;
-    for (const auto &entry : std::filesystem::directory_iterator(runDir, none)) {
-        const std::string name = entry.path().filename();
-        if (name.starts_with("blackbox-") && name.find_first_not_of("0123456789", 9) == std::string::npos) {
-            files.push_back(entry.path());
-        }
-    }
-    return files;
-}
-
-// Runs a function for each slot that holds something.
-template <class Function>
-void ForEachSlot(const BoxFile &file, Function function) {
-    const auto slot = std::make_unique<FaultSlot>();
-    bool waited = false;
-    for (uint32_t index = 0; index < kSlotNum && file.ReadSlot(index, *slot); ++index) {
-        State state = StateOf(*slot);
-        if (state == State::kDamaged && !waited) {
-            std::this_thread::sleep_for(kWriting);
-            waited = true;
-            state = file.ReadSlot(index, *slot) ? StateOf(*slot) : State::kEmpty;
-        }
-        if (state != State::kEmpty) {
-            function(index, *slot, state == State::kWhole);
-        }
+void LeaveOut(Contents &contents, const std::string &reason) {
+    ++contents.filesLeftOut;
+    if (contents.reasons.size() < kMostReasons) {
+        contents.reasons.push_back(reason);
     }
 }
 
 } // namespace
 
-Contents Read(const std::filesystem::path &runDir) {
+Contents List(const std::filesystem::path &runDir, const Chosen &chosen, const Check &check) {
     Contents contents;
-    for (const std::filesystem::path &path : Files(runDir)) {
+    uint32_t user = 0;
+    const Scan::Take take = [&](const BoxFile &, uint32_t slot, const FaultSlot &content, bool whole) {
+        if (!whole) {
+            ++contents.damaged;
+        } else if (chosen(content.head)) {
+            contents.records.push_back({user, slot, content.sequence, content.head.timeNs});
+        }
+    };
+    Scan scan(take);
+    size_t files = 0;
+    for (const uint32_t one : UsersWithFiles(runDir, check)) {
+        check();
+        user = one;
         try {
-            const BoxFile file(path, O_RDONLY);
-            ForEachSlot(file, [&](uint32_t, const FaultSlot &slot, bool whole) {
-                if (whole) {
-                    contents.records.push_back({path, slot.sequence,
-                                                slot.stackCheck == CheckOf(slot.sequence, slot.stack), slot.head,
-                                                slot.stack});
-                    Confine(contents.records.back());
-                } else {
-                    ++contents.damaged;
-                }
-            });
-        } catch (const std::system_error &error) {
-            contents.refused.emplace_back(error.what());
+            const BoxFile file(runDir, user, O_RDONLY);
+            if (++files > kMostFiles) {
+                throw NoBlackBox(fmt::format("{}: there are more than {}", FileOf(runDir, user).string(), kMostFiles));
+            }
+            scan.Through(file);
+        } catch (const std::runtime_error &error) {
+            LeaveOut(contents, error.what());
         }
     }
-    std::sort(contents.records.begin(), contents.records.end(), [](const FaultRecord &left, const FaultRecord &right) {
-        return std::pair(left.head.timeNs, left.sequence) > std::pair(right.head.timeNs, right.sequence);
-    });
+    std::ranges::sort(contents.records, std::ranges::greater(),
+                      [](const RecordPlace &place) { return std::pair(place.timeNs, place.sequence); });
     return contents;
 }
 
-size_t Erase(const std::filesystem::path &runDir, const std::function<bool(const FaultHead &)> &chosen, bool damaged) {
+std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const RecordPlace &place) {
+    try {
+        const auto slot = std::make_unique<FaultSlot>();
+        const BoxFile file(runDir, place.user, O_RDONLY);
+        if (!file.ReadWhole(place.slot, *slot) || slot->sequence != place.sequence || StateOf(*slot) != State::kWhole) {
+            return {};
+        }
+        FaultRecord record{slot->stackCheck == CheckOf(slot->sequence, slot->stack), slot->head, slot->stack};
+        Confine(record);
+        return record;
+    } catch (const std::runtime_error &) {
+        return {}; // the file has gone
+    }
+}
+
+size_t Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check) {
     size_t erased = 0;
+    const Scan::Take take = [&](const BoxFile &file, uint32_t slot, const FaultSlot &content, bool whole) {
+        if (whole ? chosen(content.head) : damaged) {
+            file.Erase(slot, content.sequence);
+            ++erased;
+        }
+    };
+    Scan scan(take);
     std::exception_ptr failure;
-    for (const std::filesystem::path &path : Files(runDir)) {
+    for (const uint32_t user : UsersWithFiles(runDir, check)) {
+        check();
         try {
-            const BoxFile file(path, O_RDWR);
-            ForEachSlot(file, [&](uint32_t index, const FaultSlot &slot, bool whole) {
-                if (whole ? chosen(slot.head) : damaged) {
-                    file.Erase(index, slot.sequence);
-                    ++erased;
-                }
-            });
+            scan.Through(BoxFile(runDir, user, O_RDWR));
+        } catch (const NoBlackBox &) {
+            continue;
         } catch (...) {
             failure = failure == nullptr ? std::current_exception() : failure;
         }

@@ -1,36 +1,53 @@
-// The reader's side of the black box. It reads the files and maps none, so that nothing a user does to one can hurt.
+// The reader's side of the black box. Anyone may have made files of such names, and a user writes what he likes into
+// his own: files are read, none is mapped, and so many at most are looked at.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/blackbox/record.h"
+#include "host/osal/check.h"
 
 namespace host::blackbox {
 
-struct FaultRecord {
-    std::filesystem::path file;
+// Where a record is.
+struct RecordPlace {
+    uint32_t user;
+    uint32_t slot;
     uint64_t sequence;
+    uint64_t timeNs;
+};
+
+struct Contents {
+    std::vector<RecordPlace> records; // the newest first
+    size_t damaged = 0;               // slots whose record is not whole
+    size_t filesLeftOut = 0;
+    std::vector<std::string> reasons; // why, of the first of them
+};
+
+// What the writer says, who may be anyone.
+using Chosen = std::function<bool(const FaultHead &)>;
+
+// The records in all black boxes of a run directory that are not erased, and that a function chooses. Of very many
+// files, those of the lowest user ids are looked at.
+Contents List(const std::filesystem::path &runDir, const Chosen &chosen, const Check &check);
+
+struct FaultRecord {
     bool hasStack; // else its writer was killed, or failed, before it had written it
     FaultHead head;
     FaultStack stack;
 };
 
-struct Contents {
-    std::vector<FaultRecord> records; // the newest first
-    size_t damaged = 0;               // slots whose record is not whole
-    std::vector<std::string> refused; // files that are left out, and why
-};
+// Counts are in their ranges, and texts end. None when the slot has another record by now.
+std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const RecordPlace &place);
 
-// The records in all black boxes of a run directory that have not been erased.
-Contents Read(const std::filesystem::path &runDir);
-
-// Erases the records that a function chooses and, when asked to, what is left of damaged ones. The number. A
-// file that can't be written throws, after the others are done.
-size_t Erase(const std::filesystem::path &runDir, const std::function<bool(const FaultHead &)> &chosen, bool damaged);
+// Erases the records that a function chooses and, when asked to, what is left of damaged ones. The number. A black box
+// that can't be written throws, after the others are done.
+size_t Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check);
 
 } // namespace host::blackbox

@@ -1,11 +1,10 @@
 // The black box's file: a header, and a ring of slots, each with one record. All processes of one user write to one
-// file, which they have mapped; a writer takes the next slot with one atomic addition, so no writer waits for another
-// and one that is killed holds nobody up. A slot's two parts are checked on their own: what is known at once is
-// complete before the stack is looked at, which may take long or fail.
+// file. A writer takes the next slot under a lock that ends with its process, and waits for it only so long: one that
+// is killed or stopped holds nobody up. A slot's two parts are checked on their own: what is known at once is complete
+// before the stack is looked at, which may take long or fail.
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -50,8 +49,8 @@ struct FaultStack {
 };
 
 struct FaultSlot {
-    std::atomic<uint64_t> sequence; // of the record, counted from 1; 0: never written
-    std::atomic<uint64_t> erased;   // the sequence of the record that was erased last
+    uint64_t sequence; // of the record, counted from 1; 0: never written
+    uint64_t erased;   // the sequence of the record that was erased last
     uint32_t headCheck;
     uint32_t stackCheck;
     FaultHead head;
@@ -62,15 +61,12 @@ struct FileHeader {
     char magic[8];
     uint32_t slotNum;
     uint32_t slotBytes;
-    std::atomic<uint64_t> lastSequence;
+    uint64_t lastSequence;
 };
 
 constexpr char kMagic[8] = {'t', 'a', 'r', 'n', 'b', 'b', '0', '1'};
 constexpr uint32_t kSlotNum = 64;
 constexpr size_t kFileBytes = sizeof(FileHeader) + kSlotNum * sizeof(FaultSlot);
-
-static_assert(std::atomic<uint64_t>::is_always_lock_free, "processes share them");
-static_assert(sizeof(FileHeader) % alignof(FaultSlot) == 0);
 
 // CRC-32 of Ethernet. Our own: a signal handler may use nothing of which a library does not say that it may.
 constexpr std::array<uint32_t, 256> kCrcTable = [] {

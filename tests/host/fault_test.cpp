@@ -20,8 +20,10 @@ namespace {
 using namespace std::chrono_literals;
 using host::blackbox::Box;
 using host::blackbox::Contents;
+using host::blackbox::Entry;
 using host::blackbox::FaultHead;
 using host::blackbox::FaultKind;
+using host::blackbox::FaultRecord;
 using host::blackbox::FaultSlot;
 
 size_t CountOf(const std::string &text, const std::string &part) {
@@ -34,6 +36,16 @@ size_t CountOf(const std::string &text, const std::string &part) {
 
 bool Has(const std::string &text, const std::string &part) {
     return CountOf(text, part) != 0;
+}
+
+std::vector<FaultRecord> ReadAll(const std::filesystem::path &runDir) {
+    std::vector<FaultRecord> records;
+    const Contents contents = host::blackbox::List(
+        runDir, [](const FaultHead &) { return true; }, [] {});
+    for (const host::blackbox::RecordPlace &place : contents.records) {
+        records.push_back(host::blackbox::Read(runDir, place).value());
+    }
+    return records;
 }
 
 struct Report {
@@ -203,6 +215,21 @@ TEST_F(FaultTest, SetsAsideWhatIsNoBlackBox) {
     EXPECT_TRUE(Has(Exceptions().text, "blackbox-12345 belongs to another user")) << Exceptions().text;
 }
 
+TEST_F(FaultTest, TellsTimesThatNoClockShows) {
+    std::filesystem::path aside;
+    const Box box(box_, aside);
+    for (const uint64_t timeNs : {uint64_t{0}, uint64_t{INT64_MAX}, UINT64_MAX}) {
+        const Entry entry(box);
+        memset(&entry.Head(), 0, sizeof entry.Head());
+        entry.Head().kind = FaultKind::kException;
+        entry.Head().timeNs = timeNs;
+        entry.SealHead();
+    }
+    const Report report = Exceptions();
+    EXPECT_EQ(report.matches, 3);
+    EXPECT_EQ(CountOf(report.text, "2169-12-31 "), 2) << "the latest that is told: " << report.text;
+}
+
 // The black box alone, written by processes that are killed at chosen moments.
 class BoxTest : public testing::Test {
 protected:
@@ -219,19 +246,28 @@ protected:
         waitpid(pid, nullptr, 0);
     }
 
-    static void Fill(FaultSlot &slot, uint32_t pid) {
-        memset(&slot.head, 0, sizeof slot.head);
-        slot.head.kind = FaultKind::kException;
-        slot.head.pid = pid;
-        slot.head.timeNs = pid;
+    static void Fill(FaultHead &head, uint32_t pid) {
+        memset(&head, 0, sizeof head);
+        head.kind = FaultKind::kException;
+        head.pid = pid;
+        head.timeNs = pid;
+    }
+    static void WriteHead(const Entry &entry, uint32_t pid) {
+        Fill(entry.Head(), pid);
+        entry.SealHead();
     }
     static void WriteWhole(const Box &box, uint32_t pid) {
-        FaultSlot &slot = box.Take();
-        Fill(slot, pid);
-        Box::SealHead(slot);
-        memset(&slot.stack, 0, sizeof slot.stack);
-        Box::SealStack(slot);
+        const Entry entry(box);
+        ASSERT_TRUE(entry);
+        WriteHead(entry, pid);
+        memset(&entry.Stack(), 0, sizeof entry.Stack());
+        entry.SealStack();
     }
+
+    static constexpr auto kAll = [](const FaultHead &) { return true; };
+    static constexpr auto kNoCheck = [] {};
+    Contents List() const { return host::blackbox::List(dir_.Path(), kAll, kNoCheck); }
+    std::vector<FaultRecord> Read() const { return ReadAll(dir_.Path()); }
 
     const kit::TempDir dir_;
     const std::filesystem::path file_ = host::blackbox::FileOf(dir_.Path(), geteuid());
@@ -239,23 +275,90 @@ protected:
 
 TEST_F(BoxTest, SurvivesAWriterThatIsKilledAnywhere) {
     InKilledProcess([](const Box &box) { WriteWhole(box, 1); });
-    InKilledProcess([](const Box &box) { box.Take(); });
-    InKilledProcess([](const Box &box) { Fill(box.Take(), 3); });
-    InKilledProcess([](const Box &box) {
-        FaultSlot &slot = box.Take();
-        Fill(slot, 4);
-        Box::SealHead(slot);
-        slot.stack.frameNum = 7;
-    });
+    InKilledProcess([](const Box &box) { const Entry entry(box); });
+    InKilledProcess([](const Box &box) { Fill(Entry(box).Head(), 3); });
+    InKilledProcess([](const Box &box) { WriteHead(Entry(box), 4); });
     InKilledProcess([](const Box &box) { WriteWhole(box, 5); });
-    const Contents contents = host::blackbox::Read(dir_.Path());
-    ASSERT_EQ(contents.records.size(), 3);
-    EXPECT_EQ(contents.damaged, 2);
-    EXPECT_EQ(contents.records[0].head.pid, 5);
-    EXPECT_TRUE(contents.records[0].hasStack);
-    EXPECT_EQ(contents.records[1].head.pid, 4);
-    EXPECT_FALSE(contents.records[1].hasStack);
-    EXPECT_EQ(contents.records[2].head.pid, 1);
+    EXPECT_EQ(List().damaged, 2);
+    const std::vector<FaultRecord> records = Read();
+    ASSERT_EQ(records.size(), 3);
+    EXPECT_EQ(records[0].head.pid, 5);
+    EXPECT_TRUE(records[0].hasStack);
+    EXPECT_EQ(records[1].head.pid, 4);
+    EXPECT_FALSE(records[1].hasStack);
+    EXPECT_EQ(records[2].head.pid, 1);
+}
+
+// Another process of the user may do so, or the application itself.
+TEST_F(BoxTest, SurvivesThatItsFileIsCutOff) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    WriteWhole(box, 1);
+    std::filesystem::resize_file(file_, 0);
+    WriteWhole(box, 2);
+    ASSERT_EQ(Read().size(), 1) << "the next record makes it whole again";
+    EXPECT_EQ(Read()[0].head.pid, 2);
+    {
+        const Entry entry(box);
+        std::filesystem::resize_file(file_, 100);
+        WriteHead(entry, 3);
+    }
+    WriteWhole(box, 4);
+    EXPECT_EQ(Read().front().head.pid, 4);
+}
+
+// A daemon closes what it has inherited, and opens files of its own in its place.
+TEST_F(BoxTest, WritesIntoNoOtherFileWhenTheProcessHasClosedIt) {
+    const std::filesystem::path other = dir_.Path() / "other";
+    std::ofstream(other) << "other";
+    const auto closed = [&] {
+        std::filesystem::path aside;
+        const Box box(file_, aside);
+        const int fd = open(other.c_str(), O_RDWR | O_CLOEXEC);
+        for (int one = 3; one < 100; ++one) {
+            dup2(fd, one);
+        }
+        _exit(Entry(box) ? 1 : 0);
+    };
+    const pid_t pid = fork();
+    if (pid == 0) {
+        closed();
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(kit::TextOfFile(other), "other");
+}
+
+TEST_F(BoxTest, WaitsForNobodyForLong) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    const pid_t other = fork();
+    if (other == 0) {
+        const int fd = open(file_.c_str(), O_RDWR | O_CLOEXEC);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        fcntl(fd, F_SETLK, &lock);
+        raise(SIGSTOP);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(other, &status, WUNTRACED);
+    WriteWhole(box, 1);
+    EXPECT_EQ(Read().size(), 1);
+    kill(other, SIGKILL);
+    waitpid(other, &status, 0);
+}
+
+TEST_F(BoxTest, HasRoomForSomeThatAreWrittenAtATime) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    {
+        const Entry first(box), second(box), third(box), fourth(box);
+        EXPECT_TRUE(fourth);
+        EXPECT_FALSE(Entry(box));
+    }
+    EXPECT_TRUE(Entry(box));
 }
 
 TEST_F(BoxTest, IsOpenInSeveralProcessesAtATime) {
@@ -272,7 +375,7 @@ TEST_F(BoxTest, IsOpenInSeveralProcessesAtATime) {
     waitpid(other, &status, 0);
     EXPECT_EQ(status, 0) << "waits for the first to close it";
     WriteWhole(box, 1);
-    EXPECT_EQ(host::blackbox::Read(dir_.Path()).records.size(), 2);
+    EXPECT_EQ(Read().size(), 2);
 }
 
 TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
@@ -294,11 +397,11 @@ TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
         waitpid(writer, &status, 0);
         EXPECT_EQ(status, 0);
     }
-    const Contents contents = host::blackbox::Read(dir_.Path());
+    const Contents contents = List();
     EXPECT_EQ(contents.records.size() + contents.damaged, host::blackbox::kSlotNum);
     EXPECT_LE(contents.damaged, kWriters) << "writers that were overtaken by a whole round";
     std::set<uint64_t> sequences;
-    for (const host::blackbox::FaultRecord &record : contents.records) {
+    for (const host::blackbox::RecordPlace &record : contents.records) {
         EXPECT_GT(record.sequence, kWriters * kEach - host::blackbox::kSlotNum);
         EXPECT_TRUE(sequences.insert(record.sequence).second);
     }
@@ -306,19 +409,78 @@ TEST_F(BoxTest, KeepsTheNewestOfManyProcesses) {
 
 TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
     InKilledProcess([](const Box &box) {
-        FaultSlot &slot = box.Take();
-        memset(&slot.head, 'x', sizeof slot.head);
-        Box::SealHead(slot);
-        memset(&slot.stack, 'x', sizeof slot.stack);
-        Box::SealStack(slot);
+        const Entry entry(box);
+        memset(&entry.Head(), 'x', sizeof entry.Head());
+        entry.SealHead();
+        memset(&entry.Stack(), 'x', sizeof entry.Stack());
+        entry.SealStack();
     });
-    const Contents contents = host::blackbox::Read(dir_.Path());
-    ASSERT_EQ(contents.records.size(), 1);
-    const host::blackbox::FaultRecord &record = contents.records[0];
+    const std::vector<FaultRecord> records = Read();
+    ASSERT_EQ(records.size(), 1);
+    const FaultRecord &record = records[0];
     EXPECT_EQ(record.head.registerNum, std::size(record.head.registers));
     EXPECT_EQ(record.stack.frameNum, host::blackbox::kFrameNum);
     EXPECT_EQ(strlen(record.head.text), sizeof record.head.text - 1);
     EXPECT_EQ(strlen(record.stack.frames[31].function), sizeof record.stack.frames[31].function - 1);
+}
+
+// Files of such names that anyone may have made.
+TEST_F(BoxTest, LooksAtNoFilesButThoseOfTheUsersInTheirNames) {
+    for (uint32_t user = 70'000; user < 70'200; ++user) {
+        std::ofstream(host::blackbox::FileOf(dir_.Path(), user)) << "of another user";
+    }
+    std::ofstream(dir_.Path() / "blackbox-0000000000") << "";
+    std::ofstream(dir_.Path() / "blackbox-4294967296000") << "";
+    std::ofstream(dir_.Path() / "blackbox-+1") << "";
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    int checks = 0;
+    const Contents contents = host::blackbox::List(dir_.Path(), kAll, [&] { ++checks; });
+    EXPECT_EQ(contents.records.size(), 1);
+    EXPECT_EQ(contents.filesLeftOut, 200);
+    EXPECT_EQ(contents.reasons.size(), 8);
+    EXPECT_GE(checks, 200);
+    EXPECT_EQ(host::blackbox::Erase(dir_.Path(), kAll, false, kNoCheck), 1) << "they are in nobody's way";
+}
+
+TEST_F(BoxTest, LooksAtNoMoreThanAThousandFiles) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of others take root to make";
+    }
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    const std::string oneSlot =
+        kit::TextOfFile(file_).substr(0, sizeof(host::blackbox::FileHeader) + sizeof(FaultSlot));
+    for (uint32_t user = 100'000; user < 101'100; ++user) {
+        const std::filesystem::path file = host::blackbox::FileOf(dir_.Path(), user);
+        std::ofstream(file) << oneSlot;
+        ASSERT_EQ(chown(file.c_str(), user, user), 0);
+    }
+    const Contents contents = List();
+    EXPECT_EQ(contents.records.size(), 1024);
+    EXPECT_EQ(contents.filesLeftOut, 1101 - 1024);
+    EXPECT_TRUE(std::ranges::any_of(contents.records, [](const auto &record) { return record.user == 0; }))
+        << "the lowest users come first";
+}
+
+// Another user was there first.
+TEST_F(BoxTest, IsNotTheFileOfAnotherUser) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of others take root to make";
+    }
+    {
+        std::filesystem::path aside;
+        WriteWhole(Box(file_, aside), 1);
+    }
+    ASSERT_EQ(chown(file_.c_str(), 65534, 65534), 0);
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 2);
+    EXPECT_EQ(aside, file_.string() + ".damaged");
+    EXPECT_EQ(Read().size(), 1);
+    std::filesystem::remove(file_);
+    ASSERT_EQ(mkfifo(file_.c_str(), 0666), 0);
+    WriteWhole(Box(file_, aside), 3);
+    EXPECT_EQ(Read()[0].head.pid, 3);
 }
 
 // Not inlined, so that its name stands in the stack.
@@ -347,9 +509,9 @@ TEST_F(RecordingTest, TellsWhoseFaultWhenAndWhere) {
     }
     FailACheckForTheTest(); // is not recorded
     EXPECT_EQ(agent::FaultNum(), before + 1);
-    const Contents contents = host::blackbox::Read(dir_.Path());
-    ASSERT_EQ(contents.records.size(), 1);
-    const host::blackbox::FaultRecord &record = contents.records[0];
+    const std::vector<FaultRecord> records = ReadAll(dir_.Path());
+    ASSERT_EQ(records.size(), 1);
+    const FaultRecord &record = records[0];
     EXPECT_EQ(record.head.kind, FaultKind::kAssertion);
     EXPECT_EQ(record.head.pid, static_cast<uint32_t>(getpid()));
     EXPECT_EQ(record.head.tid, static_cast<uint32_t>(gettid()));
@@ -384,14 +546,14 @@ TEST_F(RecordingTest, TellsASignalThatAProcessSentFromOneThatWasRaised) {
         volatile uintptr_t nowhere = 0x123;
         *reinterpret_cast<volatile char *>(nowhere) = 1;
     });
-    const Contents contents = host::blackbox::Read(dir_.Path());
-    ASSERT_EQ(contents.records.size(), 2);
-    EXPECT_EQ(contents.records[0].head.signal, SIGSEGV);
-    EXPECT_EQ(contents.records[0].head.code, SEGV_MAPERR);
-    EXPECT_EQ(contents.records[0].head.address, 0x123);
-    EXPECT_EQ(contents.records[1].head.signal, SIGBUS);
-    EXPECT_EQ(contents.records[1].head.code, SI_USER);
-    EXPECT_EQ(contents.records[1].head.address, 0) << "no memory access";
+    const std::vector<FaultRecord> records = ReadAll(dir_.Path());
+    ASSERT_EQ(records.size(), 2);
+    EXPECT_EQ(records[0].head.signal, SIGSEGV);
+    EXPECT_EQ(records[0].head.code, SEGV_MAPERR);
+    EXPECT_EQ(records[0].head.address, 0x123);
+    EXPECT_EQ(records[1].head.signal, SIGBUS);
+    EXPECT_EQ(records[1].head.code, SI_USER);
+    EXPECT_EQ(records[1].head.address, 0) << "no memory access";
 }
 
 TEST_F(RecordingTest, LeavesTheSignalsToWhomTheyBelonged) {
@@ -408,7 +570,7 @@ TEST_F(RecordingTest, LeavesTheSignalsToWhomTheyBelonged) {
     }
     sigaction(SIGFPE, &before, &after);
     EXPECT_EQ(after.sa_handler, own.sa_handler) << "is installed again";
-    EXPECT_EQ(host::blackbox::Read(dir_.Path()).records.size(), 1);
+    EXPECT_EQ(ReadAll(dir_.Path()).size(), 1);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // What agents have recorded in the black boxes, as text for people.
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -21,6 +22,7 @@ using host::blackbox::Contents;
 using host::blackbox::FaultHead;
 using host::blackbox::FaultKind;
 using host::blackbox::FaultRecord;
+using host::blackbox::RecordPlace;
 using host::blackbox::StackFrame;
 
 const char *CauseText(int signal, int code) {
@@ -62,13 +64,18 @@ std::string FunctionText(const StackFrame &frame) {
     return text;
 }
 
+host::WallTime TimeOf(const FaultHead &head) {
+    constexpr uint64_t kSecond = 1'000'000'000;
+    return host::NearestWallTime(std::chrono::seconds(head.timeNs / kSecond),
+                                 std::chrono::nanoseconds(head.timeNs % kSecond));
+}
+
 std::string RecordText(const FaultRecord &record) {
     const FaultHead &head = record.head;
     std::string text = fmt::format(
         "{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
-        Daemon::Serving().clock.Text(host::WallTime(std::chrono::nanoseconds(head.timeNs)),
-                                     host::Precision::kMilliseconds),
-        head.pid, host::LineOfText(head.process), head.tid, host::LineOfText(head.thread), host::LineOfText(head.agent),
+        Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
+        host::LineOfText(head.process), head.tid, host::LineOfText(head.thread), host::LineOfText(head.agent),
         head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::LineOfText(head.text));
     for (uint32_t i = 0; i < head.registerNum; ++i) {
         text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::LineOfText(head.registers[i].name),
@@ -79,7 +86,9 @@ std::string RecordText(const FaultRecord &record) {
     }
     for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
         const StackFrame &frame = record.stack.frames[i];
-        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::LineOfText(FunctionText(frame)),
+        constexpr size_t kMostOfName = 512;
+        const std::string function = FunctionText(frame).substr(0, kMostOfName);
+        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::LineOfText(function),
                             frame.module[0] == 0 ? "?" : host::LineOfText(frame.module));
     }
     return text;
@@ -97,38 +106,61 @@ struct Query {
     }
 };
 
-// Fills a reply of text and the number of matches.
-template <class Reply>
-void Fill(Reply &reply, const Query &query) {
-    const Contents contents = host::blackbox::Read(Daemon::Serving().options.runDirectory);
-    auto &[length, bytes, matches] = reply.Members();
+// A client takes a reply of 4 MiB.
+constexpr size_t kMostText = 2U << 20;
+
+std::string TextOfLeftOut(const Contents &contents) {
     std::string text;
-    for (const FaultRecord &record : contents.records) {
-        if (query.Matches(record.head)) {
-            const uint32_t index = matches++;
-            if (index >= query.skip && (query.limit == 0 || index - query.skip < query.limit)) {
-                text += RecordText(record);
-            }
-        }
+    for (const std::string &reason : contents.reasons) {
+        text += "not read: " + host::LineOfText(reason) + "\n";
     }
-    for (const std::string &refused : contents.refused) {
-        text += "not read: " + host::LineOfText(refused) + "\n";
+    if (const size_t more = contents.filesLeftOut - contents.reasons.size(); more != 0) {
+        text += fmt::format("not read: {} more files\n", more);
     }
     if (contents.damaged != 0) {
         host::Log().warn("black box: {} damaged records", contents.damaged);
         text += fmt::format("damaged records: {}\n", contents.damaged);
     }
+    return text;
+}
+
+// Fills a reply of text and the number of matches.
+template <class Reply>
+void Fill(Reply &reply, const Query &query, void *replyCtx) {
+    const std::filesystem::path &directory = Daemon::Serving().options.runDirectory;
+    const auto check = [replyCtx] { host::CheckWanted(replyCtx); };
+    const auto chosen = [&query](const FaultHead &head) { return query.Matches(head); };
+    const Contents contents = host::blackbox::List(directory, chosen, check);
+    const std::vector<RecordPlace> &records = contents.records;
+    auto &[length, bytes, matches] = reply.Members();
+    matches = static_cast<uint32_t>(records.size());
+    const size_t most = query.limit == 0 ? records.size() : query.limit;
+    const size_t end = std::min(records.size(), query.skip + most);
+    std::string text;
+    size_t at = query.skip;
+    for (; at < end && text.size() < kMostText; ++at) {
+        check();
+        if (const auto record = host::blackbox::Read(directory, records[at])) {
+            text += RecordText(*record);
+        }
+    }
+    if (at < end) {
+        const std::string more = fmt::format("{} records have no room: go on with skip={}", end - at, at);
+        TarnHost_ExplainReply(replyCtx, more.c_str());
+    }
+    text += TextOfLeftOut(contents);
     bytes = reply.Keep(std::vector<uint8_t>(text.begin(), text.end()), length);
 }
 
-void Reset(uint32_t records, uint32_t pid) {
+void Reset(uint32_t records, uint32_t pid, void *replyCtx) {
     using namespace host::meaning;
     const bool all = records == black_box::kEverything;
     const FaultKind kind = records == black_box::kExceptions ? FaultKind::kException : FaultKind::kAssertion;
     const auto chosen = [&](const FaultHead &head) {
         return (all || head.kind == kind) && (pid == 0 || head.pid == pid);
     };
-    const size_t erased = host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, all && pid == 0);
+    const size_t erased = host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, all && pid == 0,
+                                                [replyCtx] { host::CheckWanted(replyCtx); });
     host::Log().info("black box: {} records erased", erased);
 }
 
@@ -139,20 +171,21 @@ void Reset(uint32_t records, uint32_t pid) {
 uint32_t GetExceptionInfo(const Tarn_sys_diag_ExceptionInfoCondition *request, void *replyCtx) {
     return host::Answer(host::methods::GetExceptionInfo, request, replyCtx, [&](auto &reply) {
         const auto &[process, skip, most, signal] = *request;
-        tarnd::Fill(reply, {host::blackbox::FaultKind::kException, process, static_cast<int32_t>(signal), skip, most});
+        tarnd::Fill(reply, {host::blackbox::FaultKind::kException, process, static_cast<int32_t>(signal), skip, most},
+                    replyCtx);
     });
 }
 
 uint32_t GetAssertInfo(const Tarn_sys_diag_AssertInfoCondition *request, void *replyCtx) {
     return host::Answer(host::methods::GetAssertInfo, request, replyCtx, [&](auto &reply) {
         const auto &[process, skip, most] = *request;
-        tarnd::Fill(reply, {host::blackbox::FaultKind::kAssertion, process, 0, skip, most});
+        tarnd::Fill(reply, {host::blackbox::FaultKind::kAssertion, process, 0, skip, most}, replyCtx);
     });
 }
 
 uint32_t ResetBBoxInfo(const Tarn_sys_diag_ResetBBoxCondition *request, void *replyCtx) {
     return host::AnswerResult(host::methods::ResetBBoxInfo, request, replyCtx, [&] {
         const auto &[records, process] = *request;
-        tarnd::Reset(records, process);
+        tarnd::Reset(records, process, replyCtx);
     });
 }
