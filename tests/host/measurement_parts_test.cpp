@@ -222,6 +222,31 @@ TEST_F(MeasurementPartsTest, IsGivenUpWithItsCaller) {
     EXPECT_EQ(Result()->uiValue1, measurement_state::kNoBaseline);
 }
 
+// A file takes no space and any size.
+TEST_F(MeasurementPartsTest, LeavesOutWhatIsTooLarge) {
+    Install("sparse", "x");
+    std::filesystem::resize_file(dir.Path() / "sparse", 1ULL << 40);
+    Run(kFakePid, "sparse");
+    Install("victim", "first");
+    Run(kFakePid + 1, "victim");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    ExpectResult(measurement_state::kAsRecorded, 0, "1 files recorded; 1 left out; 0 unread; 2 processes, 0 hidden");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string sparse = dir.Path() / "sparse";
+    EXPECT_NE(log.find(fmt::format("measurement: left out: {}: 1099511627776 bytes of user {}", sparse, geteuid())),
+              log.npos)
+        << log;
+    ExpectResult(measurement_state::kAsRecorded, 0,
+                 sparse + ": 0 changed, 0 new of 1 files; 1 left out; 0 unread; 2 processes, 0 hidden");
+
+    std::filesystem::resize_file(dir.Path() / "victim", 1ULL << 40);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    EXPECT_EQ(Result()->uiValue1, measurement_state::kDiffers) << "what was recorded was not that large";
+    EXPECT_EQ(Result()->uiValue2, 1);
+}
+
 // The measurements that nobody asks for.
 class MeasurementByTimeTest : public MeasurementPartsTest {
 protected:
@@ -460,6 +485,32 @@ TEST_F(HeldMeasurementTest, IsGivenUpWhenToldTo) {
     EXPECT_EQ(later, Answers(1, 0)) << "the next one is not given up with it";
 }
 
+// A pass may take long, and be given up.
+TEST_F(HeldMeasurementTest, TellsOfDifferencesAsItFindsThem) {
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    Install("victim", "second");
+    Run(kFakePid, "victim");
+    Install("other", "other");
+    Run(kFakePid + 1, "other");
+    int checks = 0;
+    Answers answers;
+    std::string log;
+    testing::internal::CaptureStderr();
+    Ask(measurement_operation::kMeasure, answers, [&] {
+        if (++checks == 5) { // two processes, each with a file of one block: the second file
+            EXPECT_EQ(Result()->uiValue1, measurement_state::kRuns);
+            EXPECT_EQ(Result()->uiValue2, 1);
+            EXPECT_TRUE(std::string(Result()->acMeasResult).ends_with(", not done yet; 1 changed, 0 new so far"))
+                << Result()->acMeasResult;
+            log = testing::internal::GetCapturedStderr();
+        }
+        return 0U;
+    });
+    WaitFor(answers, 1);
+    EXPECT_NE(log.find("measurement: changed: "), log.npos) << log;
+    EXPECT_EQ(Result()->uiValue2, 2);
+}
+
 TEST_F(HeldMeasurementTest, AnswersOnceWhenTheDaemonEnds) {
     Answers answers;
     Hold(answers);
@@ -590,13 +641,17 @@ protected:
     // How often it is asked whether it is still wanted.
     int ChecksOfAPass() {
         int checks = 0;
-        SurveyFiles(proc_, digests_, [&] { ++checks; });
+        last_ = SurveyFiles(
+            proc_, digests_, tarnd::ReadingBudget(limits_, kOwn), [&] { ++checks; }, [](const auto &) {});
         return checks;
     }
 
+    static constexpr uid_t kOwn = 12345;
     const kit::TempDir dir_;
     kit::FakeProc proc_;
     kit::ManualClocks clocks_;
+    tarnd::ReadingBudget::Limits limits_;
+    tarnd::Survey last_;
     tarnd::Digests digests_{clocks_, 0, [](host::SteadyTime) {}};
 };
 
@@ -606,7 +661,7 @@ TEST_F(SurveyTest, AsksAtEachProcessFileAndBlockWhetherItIsWanted) {
     EXPECT_EQ(ChecksOfAPass(), 2);
     Write("large", 600 << 10);
     Run(kFakePid, "large");
-    EXPECT_EQ(ChecksOfAPass(), 2 + 1 + 4) << "three blocks and the end";
+    EXPECT_EQ(ChecksOfAPass(), 2 + 1 + 3) << "three blocks";
     EXPECT_EQ(ChecksOfAPass(), 2 + 1) << "it is known";
 }
 
@@ -623,6 +678,45 @@ TEST_F(SurveyTest, ForgetsFilesThatNoProcessRunsAnyMore) {
     EXPECT_EQ(digests_.BytesRead(), 20);
 }
 
+TEST_F(SurveyTest, HoldsUsersToABudget) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of others take root to make";
+    }
+    limits_ = {.file = 4U << 20, .owner = 8U << 20, .all = 12U << 20};
+    const auto run = [&](uint32_t pid, uid_t owner, size_t size) {
+        const std::string name = std::to_string(pid);
+        Write(name, size);
+        ASSERT_EQ(chown((dir_.Path() / name).c_str(), owner, owner), 0);
+        Run(pid, name);
+    };
+    for (uint32_t i = 0; i < 10; ++i) {
+        run(kFakePid + i, i < 4 ? 1001 : i < 8 ? 1002 : i == 8 ? kOwn : 0, 3U << 20);
+    }
+    run(kFakePid + 10, 0, 5U << 20);
+    ChecksOfAPass();
+    EXPECT_EQ(last_.files.size(), 2 + 1 + 2) << "two of the first user, one of the second, and the trusted ones' all";
+    EXPECT_EQ(last_.leftOut, 2 + 3 + 1);
+    EXPECT_EQ(last_.firstLeftOut, dir_.Path() / std::to_string(kFakePid + 2));
+    EXPECT_EQ(digests_.BytesRead(), 15U << 20);
+}
+
+TEST_F(SurveyTest, HoldsUsersWithManySmallFilesToABudget) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of others take root to make";
+    }
+    limits_.owner = 10U << 20;
+    for (uint32_t i = 0; i < 50; ++i) {
+        const std::string name = std::to_string(1000 + i);
+        Write(name, 1);
+        ASSERT_EQ(chown((dir_.Path() / name).c_str(), 1001, 1001), 0);
+        Run(kFakePid + i, name);
+    }
+    ChecksOfAPass();
+    EXPECT_GT(last_.files.size(), 10);
+    EXPECT_LT(last_.files.size(), 45);
+    EXPECT_EQ(last_.files.size() + last_.leftOut, 50);
+}
+
 class DigestsTest : public testing::Test {
 protected:
     DigestsTest() {
@@ -630,7 +724,8 @@ protected:
         clocks_.SetWall(std::chrono::system_clock::now() + 1h); // the file was written long ago
     }
     std::string Of() {
-        return digests_.Of(host::Descriptor(open(path_.c_str(), O_RDONLY | O_CLOEXEC), path_), [] {});
+        const host::Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC), path_);
+        return digests_.Of(file, file.Status(), [] {});
     }
 
     const kit::TempDir dir_;
@@ -668,6 +763,15 @@ TEST_F(DigestsTest, AreNotRememberedOfAFileThatWasJustWritten) {
     Of();
     Of();
     EXPECT_EQ(digests_.BytesRead(), 10);
+}
+
+// A file that grows as fast as it is read would never end.
+TEST_F(DigestsTest, AreOfAsManyBytesAsThereWere) {
+    std::ofstream(path_) << std::string(1 << 20, 'x');
+    const host::Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC), path_);
+    const auto grow = [&] { std::ofstream(path_, std::ios::app) << std::string(300 << 10, 'y'); };
+    digests_.Of(file, file.Status(), grow);
+    EXPECT_EQ(digests_.BytesRead(), 1 << 20);
 }
 
 TEST_F(DigestsTest, AreReadAtAPace) {

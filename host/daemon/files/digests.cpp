@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -26,8 +27,7 @@ bool Digests::IsSettled(const struct stat &status) const {
     return now > status.st_ctim.tv_sec + 1 && now > status.st_mtim.tv_sec + 1;
 }
 
-std::string Digests::Of(const host::Descriptor &file, const host::Check &check) {
-    const struct stat status = file.Status();
+std::string Digests::Of(const host::Descriptor &file, const struct stat &status, const host::Check &check) {
     const std::pair key(status.st_dev, status.st_ino);
     const auto known = known_.find(key);
     if (known != known_.end() && known->second.size == status.st_size && Same(known->second.modified, status.st_mtim) &&
@@ -36,7 +36,7 @@ std::string Digests::Of(const host::Descriptor &file, const host::Check &check) 
         return known->second.digest;
     }
     const bool settled = IsSettled(status);
-    std::string digest = Read(file, check);
+    std::string digest = Read(file, static_cast<uint64_t>(status.st_size), check);
     if (settled) {
         known_[key] = {status.st_size, status.st_mtim, status.st_ctim, digest, true};
     }
@@ -50,12 +50,13 @@ void Digests::ForgetUnused() {
     }
 }
 
-std::string Digests::Read(const host::Descriptor &file, const host::Check &check) {
+std::string Digests::Read(const host::Descriptor &file, uint64_t size, const host::Check &check) {
     host::Sha256 sha;
     std::vector<char> block(kBlock);
-    for (off_t at = 0;;) {
+    for (uint64_t at = 0; at != size;) {
         check();
-        const ssize_t length = pread(file.Fd(), block.data(), block.size(), at);
+        const size_t wanted = std::min<uint64_t>(block.size(), size - at);
+        const ssize_t length = pread(file.Fd(), block.data(), wanted, static_cast<off_t>(at));
         if (length < 0 && errno == EINTR) {
             continue;
         }
@@ -63,13 +64,15 @@ std::string Digests::Read(const host::Descriptor &file, const host::Check &check
             host::Fail(errno, "reading a file for its digest");
         }
         if (length == 0) {
-            return sha.Hex();
+            break; // it was cut off
         }
-        sha.Add({block.data(), static_cast<size_t>(length)});
-        at += length;
-        bytesRead_ += static_cast<uint64_t>(length);
-        Pace(static_cast<uint64_t>(length));
+        const auto bytes = static_cast<uint64_t>(length);
+        sha.Add({block.data(), bytes});
+        at += bytes;
+        bytesRead_ += bytes;
+        Pace(bytes);
     }
+    return sha.Hex();
 }
 
 void Digests::Pace(uint64_t bytes) {

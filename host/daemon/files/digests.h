@@ -26,8 +26,9 @@ public:
     Digests(const host::Clocks &clocks, uint64_t bytesPerSecond, Wait wait)
         : clocks_(clocks), bytesPerSecond_(bytesPerSecond), wait_(std::move(wait)) {}
 
-    // In hexadecimal digits. Checks after each block.
-    std::string Of(const host::Descriptor &file, const host::Check &check);
+    // In hexadecimal digits, of as many bytes as the status says: a file may grow as fast as it is read. Checks before
+    // each block.
+    std::string Of(const host::Descriptor &file, const struct stat &status, const host::Check &check);
 
     // Forgets the files that were not asked for since the last call.
     void ForgetUnused();
@@ -44,7 +45,7 @@ private:
     };
 
     bool IsSettled(const struct stat &status) const;
-    std::string Read(const host::Descriptor &file, const host::Check &check);
+    std::string Read(const host::Descriptor &file, uint64_t size, const host::Check &check);
     void Pace(uint64_t bytes);
 
     const host::Clocks &clocks_;

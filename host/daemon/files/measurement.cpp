@@ -59,7 +59,8 @@ Measurement::State NothingMeasured() {
 }
 
 std::string Scope(const Survey &survey) {
-    return fmt::format("{} unread; {} processes, {} hidden", survey.unread, survey.processes, survey.hidden);
+    const std::string leftOut = survey.leftOut == 0 ? "" : fmt::format("{} left out; ", survey.leftOut);
+    return leftOut + fmt::format("{} unread; {} processes, {} hidden", survey.unread, survey.processes, survey.hidden);
 }
 
 // Names a path within what the reply has room for; its end tells more than its start.
@@ -86,16 +87,6 @@ FileDigests FromDocument(const Document &content) {
         }
     }
     return files;
-}
-
-// Each by its name; what the reply has room for are the counts and one of them.
-void Report(const std::vector<std::string> &changed, const std::vector<std::string> &added) {
-    for (const std::string &path : changed) {
-        host::Log().warn("measurement: changed: {}", path);
-    }
-    for (const std::string &path : added) {
-        host::Log().info("measurement: new: {}", path);
-    }
 }
 
 } // namespace
@@ -256,7 +247,9 @@ Measurement::State Measurement::Last() const {
     if (jobs_.empty()) {
         return state_;
     }
-    return {measurement_state::kRuns, fmt::format("asked for at {}, not done yet", clock_.Text(jobs_.front().since))};
+    State soFar = soFar_;
+    soFar.text = fmt::format("asked for at {}, not done yet{}", clock_.Text(jobs_.front().since), soFar.text);
+    return soFar;
 }
 
 // ---- The work ----
@@ -287,6 +280,7 @@ void Measurement::Finish(const std::vector<Job> &jobs, const host::Failure &fail
                       "given up: " + std::generic_category().message(static_cast<int>(failure.error))};
         }
         jobs_.erase(jobs_.begin(), jobs_.begin() + std::ssize(jobs));
+        soFar_ = {measurement_state::kRuns, ""};
     }
     for (const Job &job : jobs) {
         if (job.waiter) {
@@ -300,11 +294,18 @@ void Measurement::Finish(const std::vector<Job> &jobs, const host::Failure &fail
 void Measurement::Work(const std::vector<Job> &jobs, const std::stop_token &stop) {
     const auto start = clocks_.SteadyNow();
     const uint64_t bytes = digests_.BytesRead();
-    const Survey survey = SurveyFiles(proc_, digests_, [&] { Check(jobs, stop); });
+    Comparison comparison(jobs.front().kind == Kind::kMeasure ? Baseline() : FileDigests());
+    const Survey survey = SurveyFiles(
+        proc_, digests_, ReadingBudget(budget_, geteuid()), [&] { Check(jobs, stop); },
+        [&](const SurveyedFile &file) {
+            if (comparison.Add(file)) {
+                TellSoFar(comparison);
+            }
+        });
     if (jobs.front().kind == Kind::kRecord) {
         Record(survey);
     } else {
-        Compare(survey);
+        Conclude(survey, comparison);
     }
     const std::chrono::duration<double> elapsed = clocks_.SteadyNow() - start;
     const host::MutexLock lock(mutex_);
@@ -340,23 +341,27 @@ void Measurement::Record(const Survey &survey) {
     state_ = {measurement_state::kAsRecorded, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
 }
 
-void Measurement::Compare(const Survey &survey) {
+FileDigests Measurement::Baseline() const {
     const host::MutexLock lock(mutex_);
-    if (baseline_.empty()) {
+    return baseline_;
+}
+
+void Measurement::TellSoFar(const Comparison &comparison) {
+    const size_t changed = comparison.Changed().size(), added = comparison.Added().size();
+    const host::MutexLock lock(mutex_);
+    soFar_.text = fmt::format("; {} changed, {} new so far", changed, added);
+    soFar_.differences = static_cast<uint32_t>(changed + added);
+}
+
+void Measurement::Conclude(const Survey &survey, const Comparison &comparison) {
+    const host::MutexLock lock(mutex_);
+    if (!comparison.HasBaseline() || baseline_.empty()) { // it may have been forgotten meanwhile
         state_ = {measurement_state::kNoBaseline,
                   fmt::format("no baseline; {} files; {}", survey.files.size(), Scope(survey))};
         return;
     }
-    std::vector<std::string> changed, added;
-    for (const auto &[path, digests] : survey.files) {
-        const auto known = baseline_.find(path);
-        if (known == baseline_.end()) {
-            added.push_back(path);
-        } else if (!std::includes(known->second.begin(), known->second.end(), digests.begin(), digests.end())) {
-            changed.push_back(path);
-        }
-    }
-    Report(changed, added);
+    const std::set<std::string> &changed = comparison.Changed();
+    std::set<std::string> added = comparison.Added();
     if (mode_ == measurement_mode::kLearn && !added.empty()) {
         Learn(survey, added);
         added.clear();
@@ -364,12 +369,15 @@ void Measurement::Compare(const Survey &survey) {
     const bool differs = !changed.empty() || !added.empty();
     const std::string counts = fmt::format("{} changed, {} new of {} files; {}", changed.size(), added.size(),
                                            survey.files.size(), Scope(survey));
+    const std::string &example = !changed.empty() ? *changed.begin()
+                                 : !added.empty() ? *added.begin()
+                                                  : survey.firstLeftOut;
     state_.code = differs ? measurement_state::kDiffers : measurement_state::kAsRecorded;
-    state_.text = differs ? WithExample(counts, changed.empty() ? added.front() : changed.front()) : counts;
+    state_.text = example.empty() ? counts : WithExample(counts, example);
     state_.differences = static_cast<uint32_t>(changed.size() + added.size());
 }
 
-void Measurement::Learn(const Survey &survey, const std::vector<std::string> &added) {
+void Measurement::Learn(const Survey &survey, const std::set<std::string> &added) {
     FileDigests baseline = baseline_;
     for (const std::string &path : added) {
         baseline[path] = survey.files.at(path);

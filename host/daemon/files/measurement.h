@@ -6,14 +6,17 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "host/clock/clocks.h"
 #include "host/clock/daily.h"
+#include "host/daemon/files/comparison.h"
 #include "host/daemon/files/survey.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/daemon/time/timers.h"
+#include "host/meaning/choices.h"
 #include "host/osal/attempt.h"
 #include "host/osal/mutex.h"
 #include "host/osal/work_queue.h"
@@ -87,8 +90,10 @@ private:
     void Check(const std::vector<Job> &jobs, const std::stop_token &stop) const;
     uint32_t WhyUnwanted(const Job &job) const;
     void Record(const Survey &survey);
-    void Compare(const Survey &survey);
-    void Learn(const Survey &survey, const std::vector<std::string> &added) TARN_REQUIRES(mutex_);
+    FileDigests Baseline() const;
+    void TellSoFar(const Comparison &comparison);
+    void Conclude(const Survey &survey, const Comparison &comparison);
+    void Learn(const Survey &survey, const std::set<std::string> &added) TARN_REQUIRES(mutex_);
 
     const host::Clocks &clocks_;
     const host::procfs::Procfs &proc_;
@@ -105,10 +110,12 @@ private:
     uint32_t mode_ TARN_GUARDED_BY(mutex_);
     FileDigests baseline_ TARN_GUARDED_BY(mutex_);
     State state_ TARN_GUARDED_BY(mutex_);
-    std::optional<host::Daily> daily_ TARN_GUARDED_BY(mutex_); // when due once a day
+    State soFar_ TARN_GUARDED_BY(mutex_) = {host::meaning::measurement_state::kRuns, ""}; // of the work under way
+    std::optional<host::Daily> daily_ TARN_GUARDED_BY(mutex_);                            // when due once a day
     const uint32_t timer_, clockTimer_;
 
     Digests digests_; // the work's
+    const ReadingBudget::Limits budget_;
     std::optional<host::WorkQueue> queue_{"measurement"};
 };
 

@@ -13,8 +13,9 @@ namespace {
 
 class Surveyor {
 public:
-    Surveyor(const host::procfs::Procfs &proc, Digests &digests, const host::Check &check)
-        : proc_(proc), digests_(digests), check_(check) {}
+    Surveyor(const host::procfs::Procfs &proc, Digests &digests, ReadingBudget budget, const host::Check &check,
+             const TakeSurveyed &take)
+        : proc_(proc), digests_(digests), budget_(std::move(budget)), check_(check), take_(take) {}
 
     void Add(uint32_t pid) {
         try {
@@ -49,20 +50,49 @@ private:
             ++survey_.unread;
             return;
         }
-        survey_.files[image.name].insert(digests_.Of(file, check_));
+        Measure(image.name, file);
+    }
+
+    void Measure(const std::string &name, const host::Descriptor &file) {
+        const struct stat status = file.Status();
+        const auto size = static_cast<uint64_t>(status.st_size);
+        const bool tooLarge = budget_.IsTooLarge(size);
+        if (tooLarge || !budget_.Take(status.st_uid, size, name.size())) {
+            LeaveOut({name, std::nullopt, tooLarge}, status);
+            return;
+        }
+        const std::string digest = digests_.Of(file, status, check_);
+        survey_.files[name].insert(digest);
+        take_({name, digest});
+    }
+
+    // Whoever has one such file may have thousands: the log names the first.
+    void LeaveOut(const SurveyedFile &file, const struct stat &status) {
+        constexpr uint32_t kMostNamed = 20;
+        if (++survey_.leftOut <= kMostNamed) {
+            host::Log().warn("measurement: left out: {}: {} bytes of user {} are beyond the budget", file.name,
+                             status.st_size, status.st_uid);
+        }
+        if (survey_.firstLeftOut.empty()) {
+            survey_.firstLeftOut = file.name;
+        }
+        take_(file);
     }
 
     const host::procfs::Procfs &proc_;
     Digests &digests_;
+    ReadingBudget budget_;
     const host::Check &check_;
+    const TakeSurveyed &take_;
     std::set<std::tuple<std::string, uint64_t, std::string>> seen_;
     Survey survey_;
 };
 
 } // namespace
 
-Survey SurveyFiles(const host::procfs::Procfs &proc, Digests &digests, const host::Check &check) {
-    Surveyor surveyor(proc, digests, check);
+Survey SurveyFiles(const host::procfs::Procfs &proc, Digests &digests, ReadingBudget budget, const host::Check &check,
+                   const TakeSurveyed &take) {
+    Surveyor surveyor(proc, digests, std::move(budget), check, take);
     for (const uint32_t pid : proc.ProcessIds()) {
         check();
         surveyor.Add(pid);
