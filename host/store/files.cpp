@@ -19,13 +19,7 @@ namespace host {
 
 namespace {
 
-constexpr std::string_view kAsideSuffix = ".partial";
-
-std::string AsideName(const std::string &name) {
-    static std::atomic<uint32_t> count = 0;
-    constexpr size_t kLongest = 200; // of the name; the hidden one must not exceed what a file system takes
-    return fmt::format(".{}.{}.{}{}", name.substr(0, kLongest), getpid(), count++, kAsideSuffix);
-}
+constexpr std::string_view kAsideSuffix = ".tarn-partial";
 
 // The lock says that the file has a living owner; it ends with the owner's process.
 bool TakeOwnership(int fd) {
@@ -54,6 +48,25 @@ int OpenAside(const Descriptor &directory, const std::string &aside, mode_t mode
     return fd;
 }
 
+// The names in a directory, without "." and "..", until the function says that it wants no more.
+template <class Function>
+void ForEachName(const Descriptor &directory, Function wantsMore) {
+    // A description of its own, since the position in the directory is shared with a duplicate.
+    const char *const what = "reading a directory";
+    Descriptor own(openat(directory.Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), what);
+    const std::unique_ptr<DIR, int (*)(DIR *)> stream(fdopendir(own.Fd()), closedir);
+    if (stream == nullptr) {
+        Fail(errno, what);
+    }
+    own.Release(); // the stream has it
+    while (const dirent *entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != ".." && !wantsMore(name)) {
+            return;
+        }
+    }
+}
+
 } // namespace
 
 Descriptor OpenDirectory(const std::string &path) {
@@ -69,7 +82,8 @@ Descriptor OpenIn(const Descriptor &directory, const std::string &name) {
     if (!S_ISREG(mode) && !S_ISDIR(mode)) {
         return found;
     }
-    return {open(ByDescriptor(found.Fd()).c_str(), O_RDONLY | O_CLOEXEC), name};
+    // Where the owner has a lease on a file, to open it would wait until he gives way: EWOULDBLOCK.
+    return {open(ByDescriptor(found.Fd()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC), name};
 }
 
 std::vector<std::string> NamesBeneath(const std::string &root, std::string_view path) {
@@ -102,22 +116,12 @@ Descriptor OpenBeneath(const std::string &root, const std::vector<std::string> &
     return at;
 }
 
-std::vector<std::string> NamesIn(const Descriptor &directory) {
-    // A description of its own, since the position in the directory is shared with a duplicate.
-    const char *const what = "reading a directory";
-    Descriptor own(openat(directory.Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC), what);
-    const std::unique_ptr<DIR, int (*)(DIR *)> stream(fdopendir(own.Fd()), closedir);
-    if (stream == nullptr) {
-        Fail(errno, what);
-    }
-    own.Release(); // the stream has it
+std::vector<std::string> NamesIn(const Descriptor &directory, uint64_t most) {
     std::vector<std::string> names;
-    while (const dirent *entry = readdir(stream.get())) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
-        }
-    }
+    ForEachName(directory, [&](const std::string &name) {
+        names.push_back(name);
+        return names.size() < most;
+    });
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -184,21 +188,30 @@ void FileAside::Rename(Older older) {
     named_ = false;
 }
 
+std::string AsideName(const std::string &name) {
+    static std::atomic<uint32_t> count = 0;
+    constexpr size_t kLongest = 200; // of the name; the hidden one must not exceed what a file system takes
+    return fmt::format(".{}.{}.{}{}", name.substr(0, kLongest), getpid(), count++, kAsideSuffix);
+}
+
 bool IsAside(std::string_view name) {
     return name.starts_with('.') && name.ends_with(kAsideSuffix);
 }
 
 size_t RemoveAbandoned(const Descriptor &directory) {
     size_t removed = 0;
-    for (const std::string &name : NamesIn(directory)) {
-        if (!IsAside(name)) {
-            continue;
+    ForEachName(directory, [&](const std::string &name) {
+        struct stat status {};
+        if (!IsAside(name) || fstatat(directory.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
+            return true;
         }
         const Descriptor file(openat(directory.Fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (file && TakeOwnership(file.Fd()) && unlinkat(directory.Fd(), name.c_str(), 0) == 0) {
             ++removed;
         }
-    }
+        return true;
+    });
     return removed;
 }
 

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,8 +26,8 @@ std::vector<std::string> NamesBeneath(const std::string &root, std::string_view 
 // Follows the names one by one from the directory; a link among them is EACCES.
 Descriptor OpenBeneath(const std::string &root, const std::vector<std::string> &names);
 
-// The names in a directory, sorted, without "." and "..".
-std::vector<std::string> NamesIn(const Descriptor &directory);
+// The names in a directory, sorted, without "." and "..". Of more than `most`, that many.
+std::vector<std::string> NamesIn(const Descriptor &directory, uint64_t most = UINT64_MAX);
 
 void WriteAll(const Descriptor &file, std::string_view bytes, const std::string &what);
 
@@ -62,11 +63,14 @@ private:
     Descriptor file_;
 };
 
-// Whether a name is a hidden one of a file that is being written.
+// A hidden name, which nothing has yet, for what is on its way to the one given or from it.
+std::string AsideName(const std::string &name);
+
+// Whether a name is such a one.
 bool IsAside(std::string_view name);
 
-// Removes the hidden files that a process left in a directory when it was killed; those of a living one stay. Returns
-// how many there were.
+// Removes the files with hidden names that a process of this user left in a directory when it was killed; those of a
+// living one stay. Returns how many there were.
 size_t RemoveAbandoned(const Descriptor &directory);
 
 } // namespace host

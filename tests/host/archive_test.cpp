@@ -11,6 +11,7 @@
 #include <set>
 
 #include "host/answer/unit.h"
+#include "host/store/files.h"
 #include "server/tarnd.h"
 #include "tests/host/kit.h"
 #include "tests/host/method_kit.h"
@@ -148,7 +149,7 @@ TEST_F(ArchiveTest, ReplacesAnOlderArchiveAndLeavesItOut) {
 }
 
 TEST_F(ArchiveTest, LeavesOutWhatIsBeingWrittenAside) {
-    std::ofstream(logs_ / "app" / ".other.zip.4711.0.partial") << "PK";
+    std::ofstream(logs_ / "app" / ".other.zip.4711.0.tarn-partial") << "PK";
     ASSERT_EQ(Zip("app", "", "app.zip"), 0);
     EXPECT_EQ(ReadArchive(logs_ / "app.zip").size(), 2);
 }
@@ -181,9 +182,9 @@ TEST_F(ArchiveTest, SaysWhatItExpects) {
 
 TEST_F(ArchiveTest, LeavesNothingBehindWhenItFails) {
     std::filesystem::create_directory(logs_ / "taken.zip");
-    EXPECT_EQ(Zip("app", "", "taken.zip"), EISDIR);
+    EXPECT_EQ(Zip("app", "", "taken.zip"), EEXIST);
     for (const std::string &name : Names(logs_)) {
-        EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
+        EXPECT_FALSE(host::IsAside(name)) << name;
     }
 }
 
@@ -241,20 +242,100 @@ TEST_F(ArchiveTest, KeepsNamesAsTheyAre) {
     EXPECT_EQ(ReadArchive(logs_ / "names.zip"), expected);
 }
 
-TEST_F(ArchiveTest, TellsThatDirectoriesAreTooDeep) {
+TEST_F(ArchiveTest, LeavesOutDirectoriesThatAreTooDeep) {
     std::filesystem::path path = logs_ / "deep";
     for (int depth = 1; depth < 32; ++depth) {
         path /= "d";
     }
-    std::filesystem::create_directories(path);
-    std::ofstream(path / "file") << "deep";
-    ASSERT_EQ(Zip("deep", "", "deep.zip"), 0);
-    EXPECT_EQ(ReadArchive(logs_ / "deep.zip").size(), 1);
     std::filesystem::create_directories(path / "d");
-    const auto deeper = ZipAnswer("deep", "", "deeper.zip");
-    EXPECT_EQ(deeper->uiResult, ENAMETOOLONG);
-    EXPECT_NE(deeper.Reason().find("more than 32 directories deep"), std::string::npos) << deeper.Reason();
-    EXPECT_FALSE(std::filesystem::exists(logs_ / "deeper.zip"));
+    std::ofstream(path / "file") << "deep";
+    std::ofstream(path / "d" / "file") << "deeper";
+    const auto answer = ZipAnswer("deep", "", "deep.zip");
+    EXPECT_EQ(answer->uiResult, 0) << "nobody's directories keep the others out of an archive";
+    EXPECT_EQ(ReadArchive(logs_ / "deep.zip").size(), 1);
+    EXPECT_TRUE(answer.Reason().starts_with("1 left out, the first of them deep/d/d/")) << answer.Reason();
+    EXPECT_TRUE(answer.Reason().ends_with("/d: more than 32 directories deep")) << answer.Reason();
+}
+
+TEST_F(ArchiveTest, LeavesOutFilesThatAreTooLarge) {
+    std::filesystem::create_directory(logs_ / "large");
+    std::ofstream(logs_ / "large" / "endless");
+    std::filesystem::resize_file(logs_ / "large" / "endless", 1ULL << 40);
+    std::ofstream(logs_ / "large" / "holes");
+    std::filesystem::resize_file(logs_ / "large" / "holes", 1ULL << 30);
+    std::ofstream(logs_ / "large" / "some holes");
+    std::filesystem::resize_file(logs_ / "large" / "some holes", 1ULL << 20);
+    testing::internal::CaptureStderr();
+    const auto answer = ZipAnswer("large", "", "large.zip");
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(answer->uiResult, 0);
+    EXPECT_EQ(answer.Reason(), "2 left out, the first of them large/endless: too large, 1099511627776 bytes");
+    EXPECT_NE(log.find("left out of the archive: large/holes: too large, 1073741824 bytes with holes"), log.npos)
+        << log;
+    const auto files = ReadArchive(logs_ / "large.zip");
+    ASSERT_EQ(files.size(), 1);
+    EXPECT_EQ(files.begin()->second, std::string(1 << 20, 0));
+}
+
+TEST_F(ArchiveTest, HasRoomForSoMuch) {
+    std::filesystem::create_directory(logs_ / "many");
+    for (int i = 0; i != 50; ++i) {
+        std::ofstream(logs_ / "many" / std::to_string(10 + i)) << std::string(100, 'x');
+    }
+    const auto packed = [&](const tarnd::ArchiveLimits &limits) {
+        const tarnd::Archives archives(logs_, {}, clocks, limits);
+        return archives.Pack({.source = "many", .directory = "", .name = "many.zip"}, [] {});
+    };
+    EXPECT_EQ(packed({.entries = 50}), "");
+    EXPECT_TRUE(packed({.entries = 30}).ends_with(" and what follows: too many files"));
+    EXPECT_EQ(ReadArchive(logs_ / "many.zip").size(), 30);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(packed({.bytes = 1050}), "40 left out, the first of them many/20: too large, 100 bytes");
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("many/39: too large"), log.npos) << log;
+    EXPECT_EQ(log.find("many/40: too large"), log.npos) << "the first are named: " << log;
+    EXPECT_EQ(ReadArchive(logs_ / "many.zip").size(), 10);
+}
+
+// To open a file that its owner has a lease on would wait for him.
+TEST_F(ArchiveTest, WaitsForNoLease) {
+    signal(SIGIO, SIG_IGN);
+    const int fd = open((logs_ / "app" / "a.log").c_str(), O_RDWR | O_CLOEXEC);
+    if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0) {
+        close(fd);
+        GTEST_SKIP() << "a file system without leases";
+    }
+    const auto answer = ZipAnswer("app", "", "app.zip");
+    EXPECT_EQ(answer->uiResult, 0);
+    EXPECT_NE(answer.Reason().find("a.log: Resource temporarily unavailable"), std::string::npos) << answer.Reason();
+    EXPECT_EQ(ReadArchive(logs_ / "app.zip").size(), 1);
+    close(fd);
+}
+
+TEST_F(ArchiveTest, ReplacesNothingButArchivesOfItsOwn) {
+    const auto expectStays = [&](const std::string &name) {
+        SCOPED_TRACE(name);
+        const std::string before = kit::TextOfFile(logs_ / name);
+        const auto answer = ZipAnswer("app", "", name);
+        EXPECT_EQ(answer->uiResult, EEXIST);
+        EXPECT_NE(answer.Reason().find(name + " is there, and no archive that the daemon made"), std::string::npos)
+            << answer.Reason();
+        EXPECT_EQ(kit::TextOfFile(logs_ / name), before);
+    };
+    expectStays("system.log");
+    ASSERT_EQ(Zip("app", "", "own.zip"), 0);
+    std::ofstream(logs_ / "foreign.zip") << std::string("PK\5\6") + std::string(18, 0);
+    expectStays("foreign.zip");
+    std::filesystem::create_symlink(logs_ / "own.zip", logs_ / "link.zip");
+    expectStays("link.zip");
+    std::filesystem::create_symlink("nowhere", logs_ / "dangling.zip");
+    EXPECT_EQ(Zip("app", "", "dangling.zip"), EEXIST);
+    if (geteuid() == 0) {
+        std::filesystem::copy_file(logs_ / "own.zip", logs_ / "others.zip");
+        ASSERT_EQ(chown((logs_ / "others.zip").c_str(), kit::Nobody::kId, kit::Nobody::kId), 0);
+        expectStays("others.zip");
+    }
+    EXPECT_EQ(Zip("app", "", "own.zip"), 0);
 }
 
 // A directory on the way turns into a link that leads out, and back, and files come and go.
@@ -410,7 +491,7 @@ TEST_F(CopyTest, CopiesAnEmptyArchiveForItsGroupAndTellsSo) {
     EXPECT_EQ(Copy("empty.zip", ""), 0);
     umask(before);
     const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("copy of empty.zip as empty.zip in " + usb_.string() + ": 1 files, 22 bytes, 0 ms"), log.npos)
+    EXPECT_NE(log.find("copy of empty.zip as empty.zip in " + usb_.string() + ": 1 files, 44 bytes, 0 ms"), log.npos)
         << log;
     EXPECT_EQ(ModeOf(usb_ / "empty.zip"), 0640U);
 }
@@ -493,22 +574,56 @@ TEST_F(CopyTest, LeavesNothingBehindOnAFullDisk) {
     EXPECT_EQ(Copy("app.zip", "", {.replace = "replace"}), 0) << "what failed holds no space";
 }
 
-TEST_F(CopyTest, RemovesAtStartWhatAKilledDaemonLeft) {
-    const std::filesystem::path deep = logs_ / "z" / "deep"; // behind a link, "out", which is not followed
-    std::filesystem::create_directories(deep);
-    for (const std::filesystem::path &directory : {logs_, logs_ / "app" / "old", deep, usb_ / "reports"}) {
-        std::ofstream(directory / ".a.zip.4711.0.partial") << "PK";
+TEST_F(CopyTest, RemovesWhatAKilledDaemonLeftAndNothingElse) {
+    const std::string partial = ".a.zip.4711.0.tarn-partial";
+    for (const std::filesystem::path &directory : {logs_, logs_ / "app" / "old", usb_, usb_ / "reports"}) {
+        std::ofstream(directory / partial) << "PK";
+        std::ofstream(directory / ".others.partial") << "of another program";
     }
-    const std::filesystem::path living = logs_ / "app" / ".b.zip.4711.1.partial";
+    std::filesystem::create_directory(logs_ / ".directory.tarn-partial");
+    const std::filesystem::path living = logs_ / ".b.zip.4711.1.tarn-partial", others = usb_ / ".c.tarn-partial";
     const int fd = open(living.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    std::ofstream(others) << "of another user";
+    const bool isRoot = chown(others.c_str(), kit::Nobody::kId, kit::Nobody::kId) == 0;
     Restart();
-    EXPECT_FALSE(std::filesystem::exists(logs_ / ".a.zip.4711.0.partial"));
-    EXPECT_FALSE(std::filesystem::exists(logs_ / "app" / "old" / ".a.zip.4711.0.partial"));
-    EXPECT_FALSE(std::filesystem::exists(deep / ".a.zip.4711.0.partial"));
-    EXPECT_FALSE(std::filesystem::exists(usb_ / "reports" / ".a.zip.4711.0.partial"));
+    EXPECT_FALSE(std::filesystem::exists(logs_ / partial));
+    EXPECT_FALSE(std::filesystem::exists(usb_ / partial));
     EXPECT_TRUE(std::filesystem::exists(living)) << "its owner is at work";
+    EXPECT_TRUE(std::filesystem::exists(logs_ / ".directory.tarn-partial"));
+    EXPECT_EQ(std::filesystem::exists(others), isRoot);
+    EXPECT_TRUE(std::filesystem::exists(logs_ / "app" / "old" / partial)) << "a start goes into no other directory";
+    EXPECT_EQ(Zip("system.log", "app/old", "one.zip"), 0);
+    EXPECT_EQ(Copy("app.zip", "reports/"), 0);
+    EXPECT_FALSE(std::filesystem::exists(logs_ / "app" / "old" / partial)) << "before the next archive";
+    EXPECT_FALSE(std::filesystem::exists(usb_ / "reports" / partial));
+    for (const std::filesystem::path &directory : {logs_, logs_ / "app" / "old", usb_, usb_ / "reports"}) {
+        EXPECT_TRUE(std::filesystem::exists(directory / ".others.partial")) << directory;
+    }
     close(fd);
+}
+
+// Two archives change places again and again while one is moved: only the one that was copied goes.
+TEST_F(CopyTest, MovesNoFileButTheOneThatItCopied) {
+    ASSERT_EQ(Zip("system.log", "", "other.zip"), 0);
+    const std::string texts[] = {kit::TextOfFile(logs_ / "app.zip"), kit::TextOfFile(logs_ / "other.zip")};
+    for (int round = 0; round != 100; ++round) {
+        std::ofstream(logs_ / "one.zip") << texts[0];
+        std::ofstream(logs_ / "two.zip") << texts[1];
+        std::atomic<bool> stop = false;
+        std::thread changes([&] {
+            while (!stop) {
+                renameat2(AT_FDCWD, (logs_ / "one.zip").c_str(), AT_FDCWD, (logs_ / "two.zip").c_str(),
+                          RENAME_EXCHANGE);
+            }
+        });
+        EXPECT_EQ(Copy("one.zip", "", {.replace = "replace", .move = "move"}), 0);
+        stop = true;
+        changes.join();
+        const bool copiedFirst = kit::TextOfFile(usb_ / "one.zip") == texts[0];
+        const std::string &stays = texts[copiedFirst ? 1 : 0];
+        EXPECT_TRUE(kit::TextOfFile(logs_ / "one.zip") == stays || kit::TextOfFile(logs_ / "two.zip") == stays);
+    }
 }
 
 // An archive that would take minutes is given up when its answer is no longer wanted.
@@ -528,8 +643,8 @@ TEST_F(ArchiveTest, TellsItsProgressAndIsGivenUp) {
         }
     };
     testing::internal::CaptureStderr();
-    EXPECT_THROW(daemon->archives.Pack({.source = "huge.log", .directory = "", .name = "huge.zip"}, check),
-                 std::system_error);
+    const tarnd::Archives archives(logs_, {}, clocks, {.bytes = 1ULL << 40, .holeBytes = 1ULL << 40});
+    EXPECT_THROW(archives.Pack({.source = "huge.log", .directory = "", .name = "huge.zip"}, check), std::system_error);
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("archive huge.zip: 0 files and 2 MiB so far"), log.npos) << log;
     size_t told = 0;

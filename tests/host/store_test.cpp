@@ -301,12 +301,12 @@ TEST_F(StoreTest, ReadsFromAReadOnlyDirectory) {
 }
 
 TEST_F(StoreTest, RemovesWhatAKilledProcessLeftAside) {
-    Write(".doc.json.1.0.partial", "{");
-    for (const char *name : {"partial", "not.partial", ".hidden"}) {
+    Write(".doc.json.1.0.tarn-partial", "{");
+    for (const char *name : {"partial", "not.tarn-partial", ".hidden"}) {
         Write(name, "not ours");
     }
     host::Store store(state_);
-    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{".hidden", "not.partial", "partial"}));
+    EXPECT_EQ(NamesOf(state_), (std::set<std::string>{".hidden", "not.tarn-partial", "partial"}));
 }
 
 // A process that saves without pause is killed after some of its saves, in the midst of what it does next: what it
@@ -443,7 +443,7 @@ TEST(Directory, NamesWhatIsInIt) {
 
 TEST(Directory, TellsWhatWasAbandonedInIt) {
     const kit::TempDir dir;
-    for (const char *name : {".a.1.0.partial", ".b.1.1.partial", "c"}) {
+    for (const char *name : {".a.1.0.tarn-partial", ".b.1.1.tarn-partial", "c"}) {
         std::ofstream(dir.Path() / name) << "";
     }
     EXPECT_EQ(host::RemoveAbandoned(host::OpenDirectory(dir.Path())), 2);

@@ -1,8 +1,10 @@
 // Copies of log archives.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <vector>
 
 #include "host/daemon/files/archives.h"
@@ -60,11 +62,58 @@ void CopyBytes(const Descriptor &from, const Descriptor &to, const std::string &
     progress.AddFile();
 }
 
-// The name may stand for another file by now, the copy itself included: that one stays.
+// A directory in another, for a moment and for nobody else.
+class PrivateDirectory {
+public:
+    explicit PrivateDirectory(const Descriptor &in) : in_(in), name_(host::AsideName("move")) {
+        if (mkdirat(in.Fd(), name_.c_str(), 0700) != 0) {
+            Fail(errno, name_);
+        }
+        opened_ = {openat(in.Fd(), name_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC), name_};
+        if (opened_.Status().st_uid != geteuid()) {
+            Fail(EACCES, name_ + " was replaced");
+        }
+    }
+    ~PrivateDirectory() { unlinkat(in_.Fd(), name_.c_str(), AT_REMOVEDIR); }
+    PrivateDirectory(const PrivateDirectory &) = delete;
+    PrivateDirectory &operator=(const PrivateDirectory &) = delete;
+
+    const Descriptor &Opened() const { return opened_; }
+
+private:
+    const Descriptor &in_;
+    const std::string name_;
+    Descriptor opened_;
+};
+
+// Another file that was taken from its name gets it back; where that is taken by now, one beside it.
+void PutBack(const Descriptor &from, const Descriptor &to, const std::string &name) {
+    for (int i = 0; i != 100; ++i) {
+        const std::string free = i == 0 ? name : fmt::format("{}.{}", name, i);
+        if (renameat2(from.Fd(), name.c_str(), to.Fd(), free.c_str(), RENAME_NOREPLACE) == 0) {
+            return;
+        }
+    }
+    Fail(errno, name + ", which is not the file that was copied, can't be put back");
+}
+
+// The name may stand for another file by now, the copy itself included: that one stays. It is looked at where nobody
+// can put another in its place.
 void RemoveSource(const Descriptor &directory, const std::string &name, const Descriptor &source) {
+    const PrivateDirectory aside(directory);
+    if (renameat(directory.Fd(), name.c_str(), aside.Opened().Fd(), name.c_str()) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        Fail(errno, name + ", which was copied, can't be removed");
+    }
     struct stat now {};
-    if (fstatat(directory.Fd(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 && host::SameFile(now, source.Status()) &&
-        unlinkat(directory.Fd(), name.c_str(), 0) != 0) {
+    if (fstatat(aside.Opened().Fd(), name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
+        Fail(errno, name);
+    }
+    if (!host::SameFile(now, source.Status())) {
+        PutBack(aside.Opened(), directory, name);
+    } else if (unlinkat(aside.Opened().Fd(), name.c_str(), 0) != 0) {
         Fail(errno, name + ", which was copied, can't be removed");
     }
 }
@@ -108,6 +157,7 @@ void Archives::Copy(const Copying &copying, const host::Check &check) const {
     const Place to = PlaceInTarget(target, copying.destination, from.name);
     const Descriptor toDirectory = host::OpenBeneath(target, to.directory);
     Progress progress(fmt::format("copy of {} as {} in {}", from.name, to.name, target), clocks_, check);
+    host::RemoveAbandoned(toDirectory);
     host::FileAside copy(toDirectory, to.name, 0640);
     CopyBytes(source, copy.File(), from.name, progress);
     copy.Commit(copying.replace ? host::FileAside::Older::kReplace : host::FileAside::Older::kKeep);

@@ -20,12 +20,15 @@ std::string_view CheckedName(std::string_view name) {
 
 uint32_t ZipLogFile(const Tarn_sys_diag_ZiploginfoInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::ZipLogFile, request, replyCtx, [&] {
-        tarnd::Daemon::Serving().archives.Pack(
+        const std::string leftOut = tarnd::Daemon::Serving().archives.Pack(
             {.source = host::TextOf(request->szLogPath),
              .directory = host::TextOf(request->szZipPath),
              .name = tarnd::CheckedName(host::TextOf(request->szZipName)),
              .stored = request->uiZipOption == host::meaning::archive_compression::kStored},
             [&] { host::CheckWanted(replyCtx); });
+        if (!leftOut.empty()) {
+            TarnHost_ExplainReply(replyCtx, leftOut.c_str());
+        }
     });
 }
 

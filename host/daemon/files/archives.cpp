@@ -11,6 +11,8 @@
 #include <exception>
 #include <memory>
 
+#include "host/daemon/files/archive_mark.h"
+#include "host/daemon/files/left_out.h"
 #include "host/daemon/files/progress.h"
 #include "host/meaning/check.h"
 #include "host/meaning/methods.h"
@@ -26,11 +28,25 @@ using host::Descriptor;
 using host::Fail;
 using host::FileAside;
 
-constexpr int kMaxDepth = 32; // directories within directories; each holds a descriptor
+// The bytes of a file's holes, which no disk holds; counted until there are more than that.
+uint64_t HoleBytes(const Descriptor &file, off_t size, uint64_t most) {
+    uint64_t bytes = 0;
+    for (off_t at = 0; at < size && bytes <= most;) {
+        const off_t hole = lseek(file.Fd(), at, SEEK_HOLE);
+        if (hole < 0) {
+            break; // a file system that does not tell
+        }
+        const off_t data = lseek(file.Fd(), hole, SEEK_DATA);
+        at = data < 0 ? size : std::min(data, size);
+        bytes += static_cast<uint64_t>(at - std::min(hole, size));
+    }
+    return bytes;
+}
 
 class ZipWriter {
 public:
-    ZipWriter(const FileAside &target, bool stored, Progress &progress) : target_(target), progress_(progress) {
+    ZipWriter(const FileAside &target, bool stored, const ArchiveLimits &limits, Progress &progress)
+        : target_(target), progress_(progress), left_(limits) {
         Check(archive_write_set_format_zip(zip_.get()));
         Check(stored ? archive_write_zip_set_compression_store(zip_.get())
                      : archive_write_zip_set_compression_deflate(zip_.get()));
@@ -42,44 +58,77 @@ public:
     ZipWriter(const ZipWriter &) = delete;
     ZipWriter &operator=(const ZipWriter &) = delete;
 
+    const LeftOut &Lacks() const { return leftOut_; }
+
     // Not a FIFO, a device or a socket, nor the archive itself.
     bool Takes(const struct stat &status) const {
         return S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && !target_.Is(status));
     }
 
-    // A file, or a directory with all that is in it; what it does not take is left out.
-    void Add(Descriptor source, const std::string &path, int depth = 0) {
+    // A file, or a directory with all that is in it; what it does not take, or has no room for, is left out.
+    void Add(Descriptor source, const std::string &path, uint32_t depth = 0) {
         const struct stat status = source.Status();
         if (S_ISDIR(status.st_mode)) {
             AddDirectory(std::move(source), path, depth);
-        } else if (Takes(status)) {
+        } else if (Takes(status) && HasRoom(source, path, status)) {
             AddFile(source, path, status);
         }
     }
 
-    void Close() { Check(archive_write_close(zip_.get())); }
+    void Close() {
+        Check(archive_write_close(zip_.get()));
+        MarkArchive(target_.File());
+    }
 
 private:
-    void AddDirectory(Descriptor source, const std::string &path, int depth) {
-        if (depth == kMaxDepth) {
-            Fail(ENAMETOOLONG, fmt::format("{}: more than {} directories deep", path, kMaxDepth));
+    void AddDirectory(Descriptor source, const std::string &path, uint32_t depth) {
+        if (depth == left_.depth) {
+            leftOut_.Add(fmt::format("{}: more than {} directories deep", path, depth));
+            return;
         }
-        for (const std::string &name : host::NamesIn(source)) {
+        const std::vector<std::string> names = host::NamesIn(source, left_.entries + 1);
+        for (const std::string &name : names) {
             progress_.Add(0);
-            if (host::IsAside(name)) {
-                continue;
+            if (left_.entries == 0) {
+                leftOut_.Add((path.empty() ? name : path + "/" + name) + " and what follows: too many files");
+                return;
             }
-            try {
-                Add(host::OpenIn(source, name), path.empty() ? name : path + "/" + name, depth + 1);
-            } catch (const std::system_error &error) {
-                // a link, not ours to read, or gone since the directory was read
-                const int code = error.code().value();
-                if (code != EACCES && code != ENOENT) {
-                    throw;
-                }
-                host::Log().info("left out of the archive: {}", error.what());
+            --left_.entries;
+            if (!host::IsAside(name)) {
+                AddEntry(source, name, path.empty() ? name : path + "/" + name, depth);
             }
         }
+    }
+
+    void AddEntry(const Descriptor &directory, const std::string &name, const std::string &path, uint32_t depth) {
+        try {
+            Add(host::OpenIn(directory, name), path, depth + 1);
+        } catch (const std::system_error &error) {
+            // a link, not ours to read, gone since the directory was read, or one that its owner keeps from being
+            // opened
+            const int code = error.code().value();
+            if (code != EACCES && code != ENOENT && code != EWOULDBLOCK) {
+                throw;
+            }
+            leftOut_.Add(error.what());
+        }
+    }
+
+    // Takes the room that a file needs.
+    bool HasRoom(const Descriptor &file, const std::string &path, const struct stat &status) {
+        const auto size = static_cast<uint64_t>(status.st_size);
+        if (size > left_.bytes) {
+            leftOut_.Add(fmt::format("{}: too large, {} bytes", path, size));
+            return false;
+        }
+        const uint64_t holes = HoleBytes(file, status.st_size, left_.holeBytes);
+        if (holes > left_.holeBytes) {
+            leftOut_.Add(fmt::format("{}: too large, {} bytes with holes", path, size));
+            return false;
+        }
+        left_.bytes -= size;
+        left_.holeBytes -= holes;
+        return true;
     }
 
     void AddFile(const Descriptor &source, const std::string &path, const struct stat &status) {
@@ -91,7 +140,7 @@ private:
         char buffer[65536];
         for (auto left = static_cast<uint64_t>(status.st_size); left != 0;) {
             const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, sizeof buffer));
-            const ssize_t length = read(source.Fd(), buffer, wanted);
+            const ssize_t length = pread(source.Fd(), buffer, wanted, status.st_size - static_cast<off_t>(left));
             if (length < 0) {
                 Fail(errno, path);
             }
@@ -135,51 +184,60 @@ private:
 
     const FileAside &target_;
     Progress &progress_;
+    ArchiveLimits left_;
+    LeftOut leftOut_;
     bool drops_ = false;
     std::exception_ptr failure_;
     std::unique_ptr<struct archive, int (*)(struct archive *)> zip_{archive_write_new(), archive_write_free};
 };
 
-void RemoveUnfinishedBeneath(const Descriptor &directory, const std::string &path, int depth) {
+// What this daemon left in a directory when it was killed.
+void RemoveUnfinishedIn(const Descriptor &directory, const std::string &path) {
     if (const size_t removed = host::RemoveAbandoned(directory); removed != 0) {
         host::Log().info("{}: removed {} unfinished files", path, removed);
     }
-    for (const std::string &name : host::NamesIn(directory)) {
-        struct stat status {};
-        const bool isDirectory =
-            fstatat(directory.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
-        if (isDirectory && depth < kMaxDepth) {
-            RemoveUnfinishedBeneath(host::OpenIn(directory, name), path + "/" + name, depth + 1);
-        }
-    }
 }
 
-void RemoveUnfinishedIn(const std::string &root) {
+void RemoveUnfinishedIn(const std::string &path) {
     try {
-        RemoveUnfinishedBeneath(host::OpenDirectory(root), root, 0);
+        RemoveUnfinishedIn(host::OpenDirectory(path), path);
     } catch (const std::system_error &error) {
         host::Log().info("unfinished files are not looked for: {}", error.what());
     }
 }
 
+// An archive takes the place of no file but an older archive.
+void CheckReplaces(const Descriptor &directory, const std::string &name) {
+    struct stat status {};
+    if (fstatat(directory.Fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+        return;
+    }
+    if (S_ISLNK(status.st_mode) || !IsOwnArchive(host::OpenIn(directory, name))) {
+        Fail(EEXIST, name + " is there, and no archive that the daemon made");
+    }
+}
+
 } // namespace
 
-Archives::Archives(std::string logDirectory, std::map<std::string, std::string> copyTargets, const host::Clocks &clocks)
-    : logDirectory_(std::move(logDirectory)), copyTargets_(std::move(copyTargets)), clocks_(clocks) {
+Archives::Archives(std::string logDirectory, std::map<std::string, std::string> copyTargets, const host::Clocks &clocks,
+                   const ArchiveLimits &limits)
+    : logDirectory_(std::move(logDirectory)), copyTargets_(std::move(copyTargets)), clocks_(clocks), limits_(limits) {
     RemoveUnfinishedIn(logDirectory_);
     for (const auto &[name, directory] : copyTargets_) {
         RemoveUnfinishedIn(directory);
     }
 }
 
-void Archives::Pack(const Packing &packing, const host::Check &check) const {
+std::string Archives::Pack(const Packing &packing, const host::Check &check) const {
     const std::string name(packing.name);
     const std::vector<std::string> sourceNames = host::NamesBeneath(logDirectory_, packing.source);
     Descriptor source = host::OpenBeneath(logDirectory_, sourceNames);
     const Descriptor directory = host::OpenBeneath(logDirectory_, host::NamesBeneath(logDirectory_, packing.directory));
     Progress progress("archive " + name, clocks_, check);
+    RemoveUnfinishedIn(directory, std::string(packing.directory));
+    CheckReplaces(directory, name);
     FileAside target(directory, name, 0640);
-    ZipWriter writer(target, packing.stored, progress);
+    ZipWriter writer(target, packing.stored, limits_, progress);
     if (!writer.Takes(source.Status())) {
         throw host::meaning::BadMember(host::methods::ZipLogFile, "source", packing.source,
                                        "a directory, or a file that is not the archive");
@@ -187,8 +245,10 @@ void Archives::Pack(const Packing &packing, const host::Check &check) const {
     writer.Add(std::move(source), sourceNames.empty() ? "" : sourceNames.back());
     writer.Close();
     progress.Add(0);
+    CheckReplaces(directory, name);
     target.Commit();
     progress.Done();
+    return writer.Lacks().Text();
 }
 
 } // namespace tarnd
