@@ -229,11 +229,12 @@ RECORD(ExceptionInfoCondition, {"uiValue1", "process", Pid().Zero("all"), "The p
        {"uiValue2", "skip", Count().Zero("none"), "How many records that match to leave out, the newest first."},
        {"uiValue3", "most", Count().Zero("all"), "How many records to return."},
        {"uiValue4", "signal", Number().Zero("all"), "The signal's number."})
-RECORD(ExceptionInfoResult,
-       {"pucInfo", "text", Lines().Zero("no record"),
-        "The records with time, process, signal, registers and stack. Lines at the end name files that may not be "
-        "read, and tell how many records were found damaged."},
-       {"uiValue1", "matches", Count(), "How many records match, returned or not."})
+RECORD(
+    ExceptionInfoResult,
+    {"pucInfo", "text", Lines().Zero("no record"),
+     "The records with time, process, signal, registers and stack. Lines at the end name files that may not be read, "
+     "and tell how many records were found damaged. Of more than 2 MiB of records the reply explains where to go on."},
+    {"uiValue1", "matches", Count(), "How many records match, returned or not."})
 
 METHOD(GetAssertInfo, Group::kMemory,
        "Shows what agents recorded of failed assertions, the newest first. The records outlive the agent and the "
@@ -245,7 +246,8 @@ RECORD(AssertInfoCondition, {"uiValue1", "process", Pid().Zero("all"), "The proc
 RECORD(AssertInfoResult,
        {"pucInfo", "text", Lines().Zero("no record"),
         "The records with time, process, expression, registers and stack. Lines at the end name files that may not be "
-        "read, and tell how many records were found damaged."},
+        "read, and tell how many records were found damaged. Of more than 2 MiB of records the reply explains where to "
+        "go on."},
        {"uiValue1", "matches", Count(), "How many records match, returned or not."})
 
 METHOD(ResetBBoxInfo, Group::kSettings, "Erases records of fatal signals and of failed assertions.",
@@ -487,10 +489,12 @@ VARIANT(GetKpiMemoryInfo, DisOsResourceInfoRet, {"acName", "name", Text(), "The 
 // ---- Log archives and time ----
 
 METHOD(ZipLogFile, Group::kCommands,
-       "Packs a file or a directory into a ZIP archive. Links are not followed, nor packed; files that may not be read "
-       "are left out, which the log tells. A file that grows meanwhile is packed as far as it went at first, the end "
-       "of one that shrinks as zeros. The archive is there only when it is complete. It fails with ENAMETOOLONG (36) "
-       "for more than 32 directories within each other, and with ESHUTDOWN (108), ETIMEDOUT (110) or ECANCELED (125) "
+       "Packs a file or a directory into a ZIP archive. Left out are links, files that may not be read, what lies more "
+       "than 32 directories deep, and what is beyond 200000 files or 16 GiB, of which 256 MiB may be holes; the reply "
+       "explains how many were left out, and the log names the first. A file that grows meanwhile is packed as far as "
+       "it went at first, the end of one that shrinks as zeros. The archive is there only when it is complete. It "
+       "fails with EEXIST (17) where its name is that of a file which is no archive of the daemon's, and with "
+       "ESHUTDOWN (108), ETIMEDOUT (110) or ECANCELED (125) "
        "where it is given up since the daemon stops, or the caller's time is over, or the caller is gone.",
        "source=app name=app.zip", Duration::kLong)
 RECORD(ZiploginfoInput,
@@ -498,7 +502,7 @@ RECORD(ZiploginfoInput,
         "What to pack: a file or a directory, relative to the log directory or absolute within it."},
        {"szZipPath", "directory", Text().Zero("the log directory"),
         "The directory for the archive, relative to the log directory or absolute within it."},
-       {"szZipName", "name", Text(), "The archive's file name, without a directory; it replaces an older one."},
+       {"szZipName", "name", Text(), "The archive's file name, without a directory; it replaces an older archive."},
        {"uiZipOption", "compression", OneOf(archive_compression::kAll).Default(archive_compression::kCompressed),
         "Whether files are compressed."})
 
@@ -721,13 +725,16 @@ METHOD(DetectTarndServerOnline, Group::kReading,
 
 // ---- Measurement ----
 
-METHOD(TarnSetDimOpration, Group::kCommands,
-       "Measures what runs, or records a baseline for it. Measurement compares the SHA-256 digests of the executables "
-       "and libraries that all processes run with the baseline. A process that may not be looked into is hidden, a "
-       "file whose content can't be reached unread. Code in memory that has no file is not measured. What is answered "
-       "when it is done is given up when the caller gives up, with ETIMEDOUT (110) or ECANCELED (125). EBUSY (16) is "
-       "answered while 16 measurements wait.",
-       "operation=measure", Duration::kLong)
+METHOD(
+    TarnSetDimOpration, Group::kCommands,
+    "Measures what runs, or records a baseline for it. Measurement compares the SHA-256 digests of the executables "
+    "and libraries that all processes run with the baseline. A process that may not be looked into is hidden, a file "
+    "whose content can't be reached unread. A file of more than 2 GiB is left out, and what goes beyond 4 GiB of a "
+    "user's files or 32 GiB of all users' but root's; one that is recorded and has become too large has changed. The "
+    "log tells what differs as soon as it is found. Code in memory that has no file is not measured. What is answered "
+    "when it is done is given up when the caller gives up, with ETIMEDOUT (110) or ECANCELED (125). EBUSY (16) is "
+    "answered while 16 measurements wait.",
+    "operation=measure", Duration::kLong)
 RECORD(DimSetIn, {"uiOperation", "operation", OneOf(measurement_operation::kAll), "What is done."})
 
 METHOD(TarnSetDimTimeCfgByTarnd, Group::kSettings,
@@ -742,7 +749,8 @@ METHOD(TarnGetDimMeasRstByTarnd, Group::kReading, "Tells the result of the last 
        "")
 RECORD(DimMeasRst, {"uiValue1", "state", OneOf(measurement_state::kAll), "What was found."},
        {"acMeasResult", "text", Text(), "The counts, with the name of one file that differs."},
-       {"uiValue2", "differences", Count(), "The files that differ or are new."})
+       {"uiValue2", "differences", Count(),
+        "The files that differ or are new; of a measurement that runs, those found so far."})
 
 // ---- Health ----
 
