@@ -1,4 +1,6 @@
 // tarnd: the diagnosis daemon.
+#include <linux/capability.h>
+
 #include <csignal>
 #include <filesystem>
 
@@ -13,6 +15,7 @@
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
 #include "host/runtime/directory.h"
+#include "host/serve/privilege.h"
 #include "host/serve/serve.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
@@ -94,6 +97,21 @@ tarnd::Options OptionsOf(const Arguments &arguments) {
     return options;
 }
 
+// Processes and files of all users are looked at, and nobody's are changed.
+void DropPrivileges(const Arguments &arguments, const tarnd::Options &options) {
+    using Given = host::NeededDirectory::Given;
+    std::vector<host::NeededDirectory> directories{{options.runDirectory, 0755, Given::kDirectory},
+                                                   {options.logDirectory, 0750, Given::kNothing}};
+    if (!options.stateDirectory.empty()) {
+        directories.push_back({options.stateDirectory, 0700, Given::kDirectoryAndFiles});
+    }
+    std::vector<unsigned> capabilities{CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH};
+    if (options.zoneLink) {
+        capabilities.insert(capabilities.end(), {CAP_SYS_TIME, CAP_DAC_OVERRIDE}); // the zone's link is root's
+    }
+    host::Become(host::UserToBecome(arguments.serve.user), directories, capabilities);
+}
+
 // The daemon outlives the server, whose requests use it.
 std::string Describe() {
     static constexpr const host::meaning::Service *kServices[] = {&host::meaning::kTarnd, &host::meaning::kTarndAgent};
@@ -101,6 +119,8 @@ std::string Describe() {
 }
 
 void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
+    const tarnd::Options options = OptionsOf(arguments);
+    DropPrivileges(arguments, options);
     // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
     const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
     host::Client::Default().Configure({.runDir = arguments.serve.runDir});
@@ -108,7 +128,7 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     const host::procfs::Procfs proc;
     tarnd::Libproc2Source samples(proc);
     tarnd::RemotePeers peers;
-    tarnd::Daemon daemon(OptionsOf(arguments), clocks, proc, samples, peers);
+    tarnd::Daemon daemon(options, clocks, proc, samples, peers);
     serverOptions.describe = Describe;
     serverOptions.timezone = [&daemon] { return daemon.clock.PosixZone(); };
     host::Server server(std::move(serverOptions));

@@ -4,6 +4,7 @@
 #include "host/master/master.h"
 #include "host/master/service.h"
 #include "host/runtime/directory.h"
+#include "host/serve/privilege.h"
 #include "host/serve/serve.h"
 
 namespace {
@@ -20,7 +21,18 @@ void Declare(host::CommandLine &line, Options &options) {
     line.Flag("--check", options.check, "Check the configuration file and the options, and end");
 }
 
+// It needs nothing that its user has not.
+void DropPrivileges(const host::ServeOptions &options) {
+    using Given = host::NeededDirectory::Given;
+    std::vector<host::NeededDirectory> directories{{host::Directory(options.runDir).RunDir(), 0755, Given::kDirectory}};
+    if (!options.stateDir.empty()) {
+        directories.push_back({options.stateDir, 0700, Given::kDirectoryAndFiles});
+    }
+    host::Become(host::UserToBecome(options.user), directories, {});
+}
+
 void Serve(const Options &options, const host::ServerOptions &server) {
+    DropPrivileges(options.serve);
     const sigset_t signals = host::BlockSignals({SIGHUP, SIGINT, SIGTERM});
     const host::SystemClocks clocks;
     master::Master master(clocks, host::procfs::Procfs(), options.config, options.serve.stateDir, server);

@@ -70,6 +70,11 @@ void CommandLine::Option(const char *name, std::string &value, const char *value
     }
 }
 
+void CommandLine::Option(const char *name, std::optional<std::string> &value, const char *valueName,
+                         const std::string &help) {
+    app_->add_option(name, value, help)->option_text(valueName);
+}
+
 void CommandLine::Option(const char *name, uint64_t &value, const char *valueName, const std::string &help) {
     app_->add_option(name, value, help)->option_text(valueName);
 }
@@ -118,6 +123,9 @@ void Declare(CommandLine &line, ServeOptions &options) {
     line.Repeated("--limit", options.limits, "NAME=VALUE",
                   "A limit, of those that \"tarnctl stats\" shows; may be repeated", CheckLimit);
     line.Option("--policy", options.policy, "FILE", "File that says who may call what [the same user and root]");
+    line.Option(
+        "--user", options.user, "USER",
+        "User that root's program becomes; \"\" is root itself [$TARN_USER or tarn, where there is such a user]");
     line.LogLevelOption("--log-level", options.logLevel);
 }
 

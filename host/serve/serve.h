@@ -39,6 +39,7 @@ public:
     void Flag(const char *name, bool &value, const std::string &help);
     void Option(const char *name, std::string &value, const char *valueName, const std::string &help,
                 const Check &check = {});
+    void Option(const char *name, std::optional<std::string> &value, const char *valueName, const std::string &help);
     void Option(const char *name, uint64_t &value, const char *valueName, const std::string &help);
     void Option(const char *name, uint32_t &value, Range range, const char *valueName, const std::string &help);
     void LogLevelOption(const char *name, LogLevel &level);
@@ -67,6 +68,7 @@ struct ServeOptions {
     std::string stateDir;
     std::vector<std::string> limits;
     std::string policy;
+    std::optional<std::string> user;
     LogLevel logLevel = LogLevel::kInfo;
 };
 

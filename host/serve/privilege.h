@@ -1,0 +1,35 @@
+// What a program that serves may do: it looks at other users' processes and files, and none of them shall become root
+// through it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace host {
+
+// A directory of the program's. It is given to the user whom root starts the program for when the program makes it.
+struct NeededDirectory {
+    std::filesystem::path path;
+    mode_t mode;
+    // What else is given, where nobody but root could write the directory: what root has left of an earlier run.
+    enum class Given { kNothing, kDirectory, kDirectoryAndFiles } given;
+};
+
+// Whom root's program becomes: the user that is named, by name or number; "" and "root" are root itself. Without a name
+// it is the daemon's user, where there is one. Throws std::invalid_argument for a name that the system does not know,
+// or another user than its own where root did not start it.
+uid_t UserToBecome(const std::optional<std::string> &named);
+
+// Makes the directories and gives them to the user, becomes that user without further groups, and keeps of the
+// capabilities that it has only these (as in <linux/capability.h>), also for programs that it starts. To be called
+// before the first thread, which would keep its own.
+//
+// Throws std::runtime_error when the process would be left with more than it shall have. What only bounds what its
+// programs may get is logged when it fails, and so is a capability that it lacks: who starts it may have taken that.
+void Become(uid_t user, const std::vector<NeededDirectory> &directories, const std::vector<unsigned> &capabilities);
+
+} // namespace host
