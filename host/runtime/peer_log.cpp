@@ -27,9 +27,13 @@ bool PeerLog::Counts(uid_t user, std::string_view topic, uint64_t most, Clock::t
 }
 
 void PeerLog::Warn(uid_t user, std::string_view topic, const std::string &record, Clock::time_point now) {
-    const MutexLock lock(mutex_);
-    if (Counts(user, topic, 1, now)) {
-        Log().warn("{}", record);
+    bool written = false;
+    {
+        const MutexLock lock(mutex_);
+        written = Counts(user, topic, 1, now);
+    }
+    if (written) {
+        Log().warn("{}", record); // without the lock: the log asks here whether a call's thread may write
     }
 }
 
@@ -39,7 +43,18 @@ bool PeerLog::MayWrite(uid_t user, Clock::time_point now) {
 }
 
 void PeerLog::Summarize(Clock::time_point now) {
-    const MutexLock lock(mutex_);
+    std::vector<std::string> records;
+    {
+        const MutexLock lock(mutex_);
+        records = SummariesAt(now);
+    }
+    for (const std::string &record : records) {
+        Log().warn("{}", record);
+    }
+}
+
+std::vector<std::string> PeerLog::SummariesAt(Clock::time_point now) {
+    std::vector<std::string> records;
     for (auto at = topics_.begin(); at != topics_.end();) {
         const auto &[user, name] = at->first;
         Topic &topic = at->second;
@@ -48,12 +63,14 @@ void PeerLog::Summarize(Clock::time_point now) {
         } else if (topic.more == 0) {
             at = topics_.erase(at); // the next is a first again
         } else {
-            Log().warn("{}: {}, and {} more", at->first == kOthers ? "users" : fmt::format("user {}", user), name,
-                       topic.more);
+            records.push_back(fmt::format("{}: {}, and {} more",
+                                          at->first == kOthers ? "users" : fmt::format("user {}", user), name,
+                                          topic.more));
             topic = {.since = now, .written = topic.written};
             ++at;
         }
     }
+    return records;
 }
 
 } // namespace host

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "host/osal/mutex.h"
 
@@ -43,6 +44,7 @@ private:
     };
 
     bool Counts(uid_t user, std::string_view topic, uint64_t most, Clock::time_point now) TARN_REQUIRES(mutex_);
+    std::vector<std::string> SummariesAt(Clock::time_point now) TARN_REQUIRES(mutex_);
 
     Mutex mutex_;
     std::map<std::pair<uid_t, std::string_view>, Topic> topics_ TARN_GUARDED_BY(mutex_);

@@ -311,6 +311,19 @@ TEST_F(PeerLogTest, HasSoManyRecordsOfTheCallsOfAUserInAnInterval) {
     EXPECT_EQ(Lines(), (std::vector<std::string>{first, second, first, second}));
 }
 
+// As a request's thread does, which may be the one that writes them.
+TEST_F(PeerLogTest, WritesWhereTheLogAsksIt) {
+    struct Share final : host::LogGate {
+        explicit Share(host::PeerLog &log) : log(log) {}
+        bool Passes() override { return log.MayWrite(1, kStart); }
+        host::PeerLog &log;
+    } share(log_);
+    log_.Warn(1, "a", "the first a", kStart);
+    log_.Warn(1, "a", "the second a", kStart);
+    log_.Summarize(After(1));
+    EXPECT_EQ(Lines(), (std::vector<std::string>{"the first a", "user 1: a, and 1 more"}));
+}
+
 TEST_F(PeerLogTest, IsBounded) {
     for (uid_t user = 0; user != 2 * host::PeerLog::kMaxTopics; ++user) {
         log_.Warn(user, "a", "a record", {});
