@@ -213,6 +213,9 @@ void Call(const CallOptions &options) {
     if (const auto reply = ReplyOf(method, outcome, options)) {
         PrintReply(method, *reply, options.json);
         RequireResult(method, *reply, outcome.explanation);
+        if (!outcome.explanation.empty()) { // of what is not in a reply that went well otherwise
+            std::cerr << "tarnctl: " << host::LineOfText(outcome.explanation) << "\n";
+        }
     } else if (options.json != JsonForm::kNone) {
         std::cout << "null\n";
     } else {
