@@ -279,8 +279,30 @@ TEST_F(LogFlood, ByRequestsThatCannotBeDecoded) {
     ExpectBounded(request);
 }
 
-TEST_F(LogFlood, ByCallsThatAreDenied) {
-    ExpectBounded(RequestOf("SetTimezone", Tarn_sys_diag_SetTimezoneInput{}));
+// One-way calls of methods that he makes up.
+int MakeUpNames(const std::filesystem::path &socket, size_t count) {
+    const RawPeer peer(socket);
+    for (size_t i = 0; i < count; ++i) {
+        std::vector<uint8_t> request = RequestOf(("Made" + std::to_string(i)).c_str(), Tarn_sys_diag_None{});
+        request[6] = static_cast<uint8_t>(host::FrameKind::kOneway);
+        peer.TrySend(request);
+    }
+    peer.TrySend(peer::OnlineRequest(1));
+    return peer.Read(1).size() == 1 ? 0 : 1;
+}
+
+TEST_F(LogFlood, HidesNoOtherUsersDenials) {
+    Attacker first([this] { return MakeUpNames(Socket(), 2000); });
+    EXPECT_EQ(first.Wait(), 0);
+    Attacker second(
+        [this] {
+            const RawPeer peer(Socket());
+            peer.TrySend(RequestOf("SetTimezone", Tarn_sys_diag_SetTimezoneInput{}));
+            return peer.Read(1).size() == 1 ? 0 : 1;
+        },
+        kit::kSecondAttacker);
+    EXPECT_EQ(second.Wait(), 0);
+    EXPECT_TRUE(Logged("SetTimezone: denied to process")) << daemon_->Err();
 }
 
 } // namespace
