@@ -119,7 +119,7 @@ protected:
 };
 
 TEST_F(RunDirectoryTest, ModesDoNotDependOnTheUmask) {
-    for (const mode_t mask : {0, 022, 077, 0777}) {
+    for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
         const kit::TempDir fresh;
         const path run = fresh.Path() / "on/the/way/run";
         const Umask set(mask);
@@ -134,7 +134,7 @@ TEST_F(RunDirectoryTest, ModesDoNotDependOnTheUmask) {
 }
 
 TEST_F(RunDirectoryTest, IsRefusedWhereOthersCanReplaceWhatIsInIt) {
-    for (const mode_t mode : {0777, 0775, 0722}) {
+    for (const mode_t mode : {0777U, 0775U, 0722U}) {
         Make(0755);
         ASSERT_EQ(chmod(RunDir().c_str(), mode), 0);
         EXPECT_NE(RefusalOf([&] {

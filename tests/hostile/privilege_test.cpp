@@ -147,6 +147,59 @@ TEST_F(Root, KeepsNoMoreWhereItStaysItself) {
     EXPECT_TRUE(Answers());
 }
 
+// Daemons that something else has taken rights from, or given them to, before they start.
+class StartedWithRights : public kit::HostileTest<Unit> {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs root: rights are given and taken";
+        }
+        ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+        std::filesystem::create_directory(logs_);
+    }
+};
+
+// As a service manager does that makes the daemon its user, and lets it keep too much.
+TEST_F(StartedWithRights, KeepsNoMoreThanItNeedsOfWhatItWasGiven) {
+    ASSERT_EQ(chown(dir_.Path().c_str(), kDaemon, kDaemon), 0);
+    const std::string given = "+sys_ptrace,+dac_read_search,+sys_admin,+setuid";
+    StartDaemon(As(kDaemon, {"--inh-caps", given, "--ambient-caps", given}));
+    const std::string bits = fmt::format("{:016x}", kAlways), none = fmt::format("{:016x}", 0);
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "CapPrm"), bits);
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "CapEff"), bits);
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "CapAmb"), none);
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "NoNewPrivs"), "1");
+}
+
+TEST_F(StartedWithRights, BecomesTheUserThatTheEnvironmentNames) {
+    StartDaemon({"/usr/bin/env", "TARN_USER=" + std::to_string(kDaemon)});
+    ExpectRights(daemon_->Pid(), kDaemon, kAlways);
+}
+
+// As in a container.
+TEST_F(StartedWithRights, TellsWhatItLacksAndGoesOn) {
+    StartDaemon({"/usr/bin/setpriv", "--bounding-set", "-sys_ptrace"});
+    ExpectRights(daemon_->Pid(), 0, 1ULL << CAP_DAC_READ_SEARCH);
+    EXPECT_TRUE(Logged("capabilities kept: dac_read_search; lacking: sys_ptrace"));
+    EXPECT_TRUE(Answers());
+}
+
+TEST_F(StartedWithRights, GoesOnWhereItCannotBoundItsPrograms) {
+    StartDaemon({"/usr/bin/setpriv", "--bounding-set", "-setpcap"});
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "CapPrm"), fmt::format("{:016x}", kAlways));
+    EXPECT_EQ(StatusOf(daemon_->Pid(), "NoNewPrivs"), "1");
+    EXPECT_TRUE(Logged("capabilities stay in the bounding set: to remove them takes CAP_SETPCAP"));
+    EXPECT_TRUE(Answers());
+}
+
+TEST_F(StartedWithRights, DoesNotServeAsRootWhereItCannotBecomeItsUser) {
+    kit::Process daemon(dir_.Path(), {"/usr/bin/setpriv", "--bounding-set", "-setuid", TARND, "--run-dir",
+                                      dir_.Path() / "run", "--log-dir", logs_, "--user", std::to_string(kDaemon)});
+    EXPECT_EQ(daemon.Wait(), 1);
+    EXPECT_NE(daemon.Err().find("can't become user 65532"), std::string::npos) << daemon.Err();
+    EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "run/TarnSysdiagTarnd.sock"));
+}
+
 class WithTheClock : public kit::HostileTest<Unit> {
 protected:
     std::vector<std::string> Options() const override {
