@@ -168,6 +168,11 @@ void Confine(FaultRecord &record) {
     }
 }
 
+bool MayWrite(const std::filesystem::path &runDir, uint32_t user) {
+    return faccessat(AT_FDCWD, FileOf(runDir, user).c_str(), W_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) == 0 ||
+           errno != EACCES;
+}
+
 void LeaveOut(Contents &contents, const std::string &reason) {
     ++contents.filesLeftOut;
     if (contents.reasons.size() < kMostReasons) {
@@ -177,14 +182,18 @@ void LeaveOut(Contents &contents, const std::string &reason) {
 
 } // namespace
 
-Contents List(const std::filesystem::path &runDir, const Chosen &chosen, const Check &check) {
+Contents List(const std::filesystem::path &runDir, const IsErased &isErased, const Chosen &chosen, const Check &check) {
     Contents contents;
     uint32_t user = 0;
     const Scan::Take take = [&](const BoxFile &, uint32_t slot, const FaultSlot &content, bool whole) {
+        const RecordPlace place{user, slot, content.sequence, content.head.timeNs};
+        if (isErased(place)) {
+            return;
+        }
         if (!whole) {
             ++contents.damaged;
         } else if (chosen(content.head)) {
-            contents.records.push_back({user, slot, content.sequence, content.head.timeNs});
+            contents.records.push_back(place);
         }
     };
     Scan scan(take);
@@ -222,20 +231,34 @@ std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const Recor
     }
 }
 
-size_t Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check) {
-    size_t erased = 0;
+Erased Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check) {
+    Erased erased;
+    uint32_t user = 0;
+    bool denied = false;
     const Scan::Take take = [&](const BoxFile &file, uint32_t slot, const FaultSlot &content, bool whole) {
-        if (whole ? chosen(content.head) : damaged) {
+        if (!(whole ? chosen(content.head) : damaged)) {
+            return;
+        }
+        if (denied) {
+            erased.denied.push_back({user, slot, content.sequence, content.head.timeNs});
+        } else {
             file.Erase(slot, content.sequence);
-            ++erased;
+            ++erased.number;
         }
     };
     Scan scan(take);
     std::exception_ptr failure;
-    for (const uint32_t user : UsersWithFiles(runDir, check)) {
+    size_t files = 0;
+    for (const uint32_t one : UsersWithFiles(runDir, check)) {
         check();
+        user = one;
         try {
-            scan.Through(BoxFile(runDir, user, O_RDWR));
+            denied = !MayWrite(runDir, user);
+            const BoxFile file(runDir, user, denied ? O_RDONLY : O_RDWR);
+            if (++files > kMostFiles) {
+                break;
+            }
+            scan.Through(file);
         } catch (const NoBlackBox &) {
             continue;
         } catch (...) {

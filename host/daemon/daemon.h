@@ -28,6 +28,7 @@
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/options.h"
 #include "host/daemon/peers.h"
+#include "host/daemon/processes/erased_faults.h"
 #include "host/daemon/processes/process_table.h"
 #include "host/daemon/sampling/sample_driver.h"
 #include "host/daemon/sampling/sampler.h"
@@ -73,6 +74,7 @@ public:
     MessageRules messageRules{clocks, proc, store, registry, agentLine, courier};
     HealthSettings healthSettings{store, agentLine, courier};
     ProcessTable processTable{proc};
+    ErasedFaults erasedFaults{store};
     Sampler sampler;
     CpuPeaks cpuPeaks{sampler};
     host::stacks::Tracer tracer{proc};

@@ -41,7 +41,7 @@ bool Has(const std::string &text, const std::string &part) {
 std::vector<FaultRecord> ReadAll(const std::filesystem::path &runDir) {
     std::vector<FaultRecord> records;
     const Contents contents = host::blackbox::List(
-        runDir, [](const FaultHead &) { return true; }, [] {});
+        runDir, [](const auto &) { return false; }, [](const FaultHead &) { return true; }, [] {});
     for (const host::blackbox::RecordPlace &place : contents.records) {
         records.push_back(host::blackbox::Read(runDir, place).value());
     }
@@ -266,7 +266,8 @@ protected:
 
     static constexpr auto kAll = [](const FaultHead &) { return true; };
     static constexpr auto kNoCheck = [] {};
-    Contents List() const { return host::blackbox::List(dir_.Path(), kAll, kNoCheck); }
+    static constexpr auto kNoneErased = [](const host::blackbox::RecordPlace &) { return false; };
+    Contents List() const { return host::blackbox::List(dir_.Path(), kNoneErased, kAll, kNoCheck); }
     std::vector<FaultRecord> Read() const { return ReadAll(dir_.Path()); }
 
     const kit::TempDir dir_;
@@ -435,12 +436,12 @@ TEST_F(BoxTest, LooksAtNoFilesButThoseOfTheUsersInTheirNames) {
     std::filesystem::path aside;
     WriteWhole(Box(file_, aside), 1);
     int checks = 0;
-    const Contents contents = host::blackbox::List(dir_.Path(), kAll, [&] { ++checks; });
+    const Contents contents = host::blackbox::List(dir_.Path(), kNoneErased, kAll, [&] { ++checks; });
     EXPECT_EQ(contents.records.size(), 1);
     EXPECT_EQ(contents.filesLeftOut, 200);
     EXPECT_EQ(contents.reasons.size(), 8);
     EXPECT_GE(checks, 200);
-    EXPECT_EQ(host::blackbox::Erase(dir_.Path(), kAll, false, kNoCheck), 1) << "they are in nobody's way";
+    EXPECT_EQ(host::blackbox::Erase(dir_.Path(), kAll, false, kNoCheck).number, 1) << "they are in nobody's way";
 }
 
 TEST_F(BoxTest, LooksAtNoMoreThanAThousandFiles) {

@@ -42,6 +42,8 @@ protected:
             ASSERT_EQ(chmod(dir_.Path().c_str(), 01777), 0);
         }
     }
+    std::vector<std::string> Options() const override { return {"--state-dir", dir_.Path() / "state"}; }
+
     auto Exceptions(uint32_t skip = 0) {
         return Call<Tarn_sys_diag_ExceptionInfoResult>("GetExceptionInfo",
                                                        Tarn_sys_diag_ExceptionInfoCondition{0, skip, 0, 0});
@@ -79,7 +81,12 @@ TEST_F(HostileBlackBox, JunkFilesFillNoReply) {
     EXPECT_LT(text.substr(text.find("not read")).size(), 2000U);
     EXPECT_EQ(Call<Tarn_sys_diag_ResetBBoxResult>("ResetBBoxInfo", Tarn_sys_diag_ResetBBoxCondition{0, 0})->uiResult,
               0);
-    EXPECT_EQ(Exceptions()->uiValue1, 0) << "junk is in nobody's way";
+    EXPECT_EQ(Exceptions()->uiValue1, 0) << "junk is in nobody's way, nor that the file is another user's";
+    daemon_->Stop();
+    StartDaemon();
+    EXPECT_EQ(Exceptions()->uiValue1, 0) << "it is gone for good";
+    ASSERT_EQ(kit::Attacker([this] { return FillBox(dir_.Path()); }).Wait(), 0);
+    EXPECT_EQ(Exceptions()->uiValue1, host::blackbox::kSlotNum) << "what is written later is shown";
 }
 
 TEST_F(HostileBlackBox, FullBoxesOfManyUsersComeInPages) {

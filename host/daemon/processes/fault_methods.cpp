@@ -130,7 +130,8 @@ void Fill(Reply &reply, const Query &query, void *replyCtx) {
     const std::filesystem::path &directory = Daemon::Serving().options.runDirectory;
     const auto check = [replyCtx] { host::CheckWanted(replyCtx); };
     const auto chosen = [&query](const FaultHead &head) { return query.Matches(head); };
-    const Contents contents = host::blackbox::List(directory, chosen, check);
+    const auto isErased = [](const RecordPlace &place) { return Daemon::Serving().erasedFaults.Has(place); };
+    const Contents contents = host::blackbox::List(directory, isErased, chosen, check);
     const std::vector<RecordPlace> &records = contents.records;
     auto &[length, bytes, matches] = reply.Members();
     matches = static_cast<uint32_t>(records.size());
@@ -159,9 +160,10 @@ void Reset(uint32_t records, uint32_t pid, void *replyCtx) {
     const auto chosen = [&](const FaultHead &head) {
         return (all || head.kind == kind) && (pid == 0 || head.pid == pid);
     };
-    const size_t erased = host::blackbox::Erase(Daemon::Serving().options.runDirectory, chosen, all && pid == 0,
-                                                [replyCtx] { host::CheckWanted(replyCtx); });
-    host::Log().info("black box: {} records erased", erased);
+    const host::blackbox::Erased erased = host::blackbox::Erase(
+        Daemon::Serving().options.runDirectory, chosen, all && pid == 0, [replyCtx] { host::CheckWanted(replyCtx); });
+    Daemon::Serving().erasedFaults.Add(erased.denied);
+    host::Log().info("black box: {} records erased", erased.number + erased.denied.size());
 }
 
 } // namespace
