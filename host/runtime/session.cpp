@@ -81,7 +81,11 @@ void Session::Rest() {
             return;
         }
     }
-    GetLoop().At(Now() + kRest, [self = Self()] { self->EndRest(); });
+    GetLoop().At(Now() + kRest, [weak = std::weak_ptr(Self())] {
+        if (const auto self = weak.lock()) {
+            self->EndRest();
+        }
+    });
 }
 
 void Session::EndRest() {

@@ -4,7 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <future>
+#include <thread>
 #include <vector>
 
 #include "manual_clocks.h"
@@ -136,6 +140,36 @@ TEST_F(AcceptorTest, RefusesWhatWaitsWhenThereIsNoDescriptorButTheSpare) {
     EXPECT_EQ(admitted_.size(), 1);
     Pass(1h);
     EXPECT_EQ(warnings_.size(), 3) << "that none waits is no shortage";
+}
+
+// With the loop, which tells of each that comes.
+TEST_F(AcceptorTest, TriesAgainOnceHoweverManyConnectionsWait) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
+#endif
+    constexpr size_t kWaiting = 5;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    acceptor_->Path().string().copy(address.sun_path, sizeof address.sun_path - 1);
+    for (size_t i = 0; i < kWaiting; ++i) {
+        peers_.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    }
+    std::jthread thread([this] { loop_.Run(); });
+    {
+        const NoDescriptors none;
+        for (size_t i = 0; i < kWaiting; ++i) {
+            EXPECT_EQ(
+                connect(peers_[peers_.size() - 1 - i].Fd(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+            std::promise<void> told; // what the loop has told before
+            loop_.Post([&] { told.set_value(); });
+            told.get_future().wait();
+        }
+        EXPECT_EQ(warnings_.size(), 1);
+    }
+    loop_.Stop();
+    thread.join();
+    Pass(50ms);
+    EXPECT_EQ(admitted_.size(), kWaiting);
 }
 
 TEST_F(AcceptorTest, DoesNotTryAgainOnceItIsClosed) {
