@@ -271,7 +271,7 @@ RECORD(SubscribeInfo, {"szName1", "name", Text(), "The subscription's name."},
        {"uiValue1", "events", SumOf(event::kAll), "Its events."},
        {"uiValue2", "notified", Count(), "How often it was notified."})
 
-METHOD(TarnAgentGetTimerInfo, Group::kReading, "Lists the timers of the application.", "timer=1")
+METHOD(TarnAgentGetTimerInfo, Group::kMemory, "Lists the timers of the application.", "timer=1")
 RECORD(GetTimerInput, {"uiValue1", "timer", Number().Zero("all"), "This timer."},
        {"uiValue2", "skip", Count().Zero("none"), "How many matches to skip."},
        {"uiValue3", "most", Count().Zero("all"), "How many matches to return."},
@@ -294,7 +294,7 @@ RECORD(TimerInfo, {"uiTimerId", "timer", Number(), "The timer."}, {"szTimerName"
 
 // ---- The application's memory ----
 
-METHOD(TarnGetAppMemUnitInfo, Group::kReading,
+METHOD(TarnGetAppMemUnitInfo, Group::kMemory,
        "Lists the units of memory from which the application allocates: its partitions and the C library's heap.",
        "unit-name=buffers")
 RECORD(GetAppMemInfoInput,

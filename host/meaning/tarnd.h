@@ -132,7 +132,7 @@ RECORD(SysOvLoadCpuThreshold,
         "How long the share must last to count as an overload."})
 RECORD(OperResult, {"uiResult", "result", Errno(), "0, or why it was not done."})
 
-METHOD(OvloadCpuSwitchState, Group::kSettings, "Tells whether CPU overloads of the system are detected.", "")
+METHOD(OvloadCpuSwitchState, Group::kReading, "Tells whether CPU overloads of the system are detected.", "")
 RECORD(OvloadCpuSwitchRet, {"uiSwitch", "on", Switch(), "On when a threshold for the system is set."})
 
 METHOD(DisCpuOvloadInfo, Group::kReading,
@@ -325,7 +325,7 @@ RECORD(MemLeakQryIn,
 RECORD(MemLeakQryOut, {"acLeakInfo", "text", Lines(), "The report, with a head line."},
        {"ucValue2", "cut", Switch(), "On when not all of it had room."})
 
-METHOD(GetOsProcessMemInfo, Group::kReading, "Shows the memory of a process, or of all, in detail.", "process=1",
+METHOD(GetOsProcessMemInfo, Group::kMemory, "Shows the memory of a process, or of all, in detail.", "process=1",
        Duration::kLong)
 RECORD(SysOsMemInfoInput, {"uiPid", "process", Pid().Zero("all that may be seen"), "The process."})
 RECORD(SysOsMemInfoResult, {"pstProc", "processes", Records(), "The processes."})
@@ -371,7 +371,7 @@ RECORD(SysProOs, {"uiPid", "process", Pid(), "The process."},
        {"szMapName", "name", Text().Zero("anonymous memory"),
         "Its file's name without directories, or \"[heap]\", \"[stack]\"."})
 
-METHOD(GetSysMemStatisFile, Group::kReading,
+METHOD(GetSysMemStatisFile, Group::kMemory,
        "Shows the files that processes map: programs, libraries, data, and shared memory with and without a name. "
        "There are 8000 at most.",
        "", Duration::kLong)
@@ -383,7 +383,7 @@ RECORD(SysMemStatisFile, {"acFileName", "path", Text(), "Its path."},
        {"acValue3", "largest-user", Text(), "The process that has most of it, \"name (4711)\"."},
        {"acValue4", "device-inode", Text(), "Its device and inode, \"b3:02 1571\"."})
 
-METHOD(GetSysOsMemFileList, Group::kReading,
+METHOD(GetSysOsMemFileList, Group::kMemory,
        "Lists the files on file systems in memory: tmpfs, ramfs, hugetlbfs. There are 8000 at most.", "least=1MiB",
        Duration::kLong)
 RECORD(SysOsMemFileInput, {"uiValue1", "least", Kib().Zero("all"), "Files that take less are left out."})
@@ -473,8 +473,7 @@ RECORD(SetOvLoadDebugSwitchInput,
        {"uiValue1", "monitors", SumOf(overload_monitor::kAll).From(1), "The monitors that are switched."},
        {"uiValue2", "on", Switch(), "Whether they log from now on."})
 
-METHOD(AppMemInfo, Group::kReading, "Shows the memory of an application, as its agent tells it.",
-       "process=1 view=units")
+METHOD(AppMemInfo, Group::kMemory, "Shows the memory of an application, as its agent tells it.", "process=1 view=units")
 RECORD(AppMemInfoInput, {"uiValue1", "process", Pid().From(1), "The process whose agent is asked."},
        {"uiValue2", "view", OneOf(app_memory::kAll).Default(app_memory::kUnits), "What is listed."})
 RECORD(AppMemInfoOutput, {"szInfo", "text", Lines(), "The report, with a head line."})
@@ -716,7 +715,7 @@ RECORD(SetNoxTimerDebugSwitchTarndInput,
        {"uiDebugSwitch", "on", Switch(), "Whether each expiry of a timer is logged with its delay and run time."},
        {"uiTargetPid", "process", Pid().From(1), "The process whose agent is asked."})
 
-METHOD(DetectTarndServerOnline, Group::kReading,
+METHOD(DetectTarndServerOnline, Group::kSettings,
        "Tells the daemon that a peer is there, or has something new. The daemon announces itself to the master and "
        "takes over what the master has configured, as at its own start: time zone and daylight saving, the overload "
        "thresholds of \"system\", times and mode of measurement. What the master has not configured stays. Memory "
@@ -745,7 +744,7 @@ METHOD(TarnSetDimTimeCfgByTarnd, Group::kSettings,
 METHOD(TarnSetDimWorkModeCfgByTarnd, Group::kSettings,
        "Sets whether the daemon measures by time, and what becomes of new files, also beyond a restart.", "mode=report")
 
-METHOD(TarnGetDimMeasRstByTarnd, Group::kReading, "Tells the result of the last measurement. The log names all files.",
+METHOD(TarnGetDimMeasRstByTarnd, Group::kMemory, "Tells the result of the last measurement. The log names all files.",
        "")
 RECORD(DimMeasRst, {"uiValue1", "state", OneOf(measurement_state::kAll), "What was found."},
        {"acMeasResult", "text", Text(), "The counts, with the name of one file that differs."},
@@ -864,7 +863,7 @@ VARIANT(TarnGetSubscribeInfoTarnd, SubscribeInfo, {"szName1", "name", Text(), "T
 VARIANT(TarnGetSubscribeInfoTarnd, GetSubscribeInfoResult,
         {"uiValue2", "events", SumOf(event::kAll), "All events that anybody subscribes to."})
 
-METHOD(TarnGetTimerInfoTarnd, Group::kReading, "Lists the timers of the daemon, or of an application by its agent.",
+METHOD(TarnGetTimerInfoTarnd, Group::kMemory, "Lists the timers of the daemon, or of an application by its agent.",
        "skip=0 most=10")
 VARIANT(TarnGetTimerInfoTarnd, GetTimerInput,
         {"uiValue4", "process", Pid().Zero("the daemon"),
