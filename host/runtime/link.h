@@ -104,6 +104,7 @@ protected:
     void End() TARN_EXCLUDES(mutex_);
 
     Loop &GetLoop() const { return loop_; }
+    int Socket() const { return fd_.Fd(); }
 
 private:
     // Of a read: a frame or what can't be one, less than a frame or nothing, the end of the connection.

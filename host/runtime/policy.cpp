@@ -15,6 +15,7 @@
 
 #include "host/osal/accounts.h"
 #include "host/runtime/catalogue.h"
+#include "host/runtime/peer_process.h"
 
 namespace host {
 namespace {
@@ -33,7 +34,18 @@ std::vector<std::string> WordsOf(const std::string &line) {
 }
 
 bool IsMethod(const std::string &name) {
-    return FindMethod(name) != nullptr || name == "Health" || name == "Status";
+    return FindMethod(name) != nullptr || name == "Health" || name == "Status" || name == "Describe";
+}
+
+constexpr char kMemoryOfOthers[] = "memory-of-others";
+
+// What a line may begin with.
+std::string WhatIsExpected() {
+    std::string groups;
+    for (const Group known : kGroups) {
+        groups += fmt::format("{}, ", NameOf(known));
+    }
+    return fmt::format("{}{}, or a method's name", groups, kMemoryOfOthers);
 }
 
 } // namespace
@@ -47,6 +59,9 @@ bool ReadPeer(int fd, Peer &peer) {
     peer.pid = credentials.pid;
     peer.uid = credentials.uid;
     peer.gid = credentials.gid;
+    if (!KernelKeepsPeers()) {
+        peer.process = std::make_shared<const Descriptor>(ProcessOfPeer(fd, peer.pid));
+    }
     peer.groups.resize(32);
     while (true) {
         size = static_cast<socklen_t>(peer.groups.size() * sizeof(gid_t));
@@ -66,6 +81,7 @@ Policy::Policy() {
     for (Rule &rule : groups_) {
         rule = ParseRule({"same-user", "user:root"}, "policy");
     }
+    memoryOfOthers_ = groups_[static_cast<size_t>(Group::kMemory)];
 }
 
 Policy::Rule Policy::ParseRule(const std::vector<std::string> &words, const std::string &where) {
@@ -125,13 +141,9 @@ Policy Policy::Parse(std::istream &text, const std::string &name) {
         }
         const std::string what = words.front();
         words.erase(words.begin());
-        const auto group = GroupNamed(what);
-        if (!group.has_value() && !IsMethod(what)) {
-            std::string groups;
-            for (const Group known : kGroups) {
-                groups += fmt::format("{}, ", NameOf(known));
-            }
-            Refuse(where, fmt::format("\"{}\", expected {}or a method's name", what, groups));
+        Rule *const rule = policy.RuleFor(what);
+        if (rule == nullptr) {
+            Refuse(where, fmt::format("\"{}\", expected {}", what, WhatIsExpected()));
         }
         if (!seen.insert(what).second) {
             Refuse(where, fmt::format("a second line for \"{}\", expected one", what));
@@ -139,10 +151,20 @@ Policy Policy::Parse(std::istream &text, const std::string &name) {
         if (words.empty()) {
             Refuse(where, fmt::format("\"{}\" without who may, expected e.g. same-user, or nobody", what));
         }
-        (group.has_value() ? policy.groups_[static_cast<size_t>(*group)] : policy.methods_[what]) =
-            ParseRule(words, where);
+        *rule = ParseRule(words, where);
     }
     return policy;
+}
+
+// Null when a line can't begin with it.
+Policy::Rule *Policy::RuleFor(const std::string &what) {
+    if (what == kMemoryOfOthers) {
+        return &memoryOfOthers_;
+    }
+    if (const auto group = GroupNamed(what)) {
+        return &groups_[static_cast<size_t>(*group)];
+    }
+    return IsMethod(what) ? &methods_[what] : nullptr;
 }
 
 const Policy::Rule &Policy::RuleOf(std::string_view method) const {
@@ -150,8 +172,7 @@ const Policy::Rule &Policy::RuleOf(std::string_view method) const {
     return own != methods_.end() ? own->second : groups_[static_cast<size_t>(GroupOf(method))];
 }
 
-bool Policy::Allows(const Peer &peer, std::string_view method) const {
-    const Rule &rule = RuleOf(method);
+bool Policy::Allows(const Rule &rule, const Peer &peer) {
     const auto isMember = [&](gid_t group) { return group == peer.gid || std::ranges::count(peer.groups, group) != 0; };
     return rule.anyone || (rule.sameUser && peer.uid == geteuid()) || std::ranges::count(rule.users, peer.uid) != 0 ||
            std::ranges::any_of(rule.groups, isMember);
@@ -162,6 +183,15 @@ void Policy::AllowAlso(uid_t user) {
         rule.users.push_back(user);
         rule.text += fmt::format(" user:{}", user);
     }
+    memoryOfOthers_.users.push_back(user);
+}
+
+bool Policy::Allows(const Peer &peer, std::string_view method) const {
+    return Allows(RuleOf(method), peer);
+}
+
+bool Policy::AllowsMemoryOfOthers(const Peer &peer) const {
+    return Allows(memoryOfOthers_, peer);
 }
 
 std::string Policy::Text(std::string_view method) const {

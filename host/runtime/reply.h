@@ -49,6 +49,22 @@ uint32_t TarnHost_Cancelled(void *pReplyCtx);
  * the longest there is when no implementation runs on this thread. */
 uint32_t TarnHost_RemainingMs(void *pReplyCtx);
 
+/* Who calls, as the kernel names it. */
+typedef struct TarnHost_Peer {
+    uint32_t uiPid; /* the process that connected, in the numbers of this one; 0 for one that has none here */
+    uint32_t uiUid;
+    uint32_t uiGid;
+    uint8_t ucMemoryOfOthers; /* 1: by the policy it may look into processes that aren't its own */
+} TarnHost_Peer;
+
+/* 0; 22 for a null place, or where a null context, as above, stands for no request; 114 (EALREADY) for the context of a
+ * request that has been answered. */
+uint32_t TarnHost_PeerOf(void *pReplyCtx, TarnHost_Peer *pstPeer);
+
+/* 1 while the process that connected has not ended: what was read of uiPid before was read of it, and of no other that
+ * has got its number. 0 as well where there is no peer. */
+uint32_t TarnHost_PeerLives(void *pReplyCtx);
+
 #ifdef __cplusplus
 }
 #endif

@@ -11,7 +11,6 @@
 
 #include "host/osal/log.h"
 #include "host/runtime/encode.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/session.h"
 
 namespace host {
@@ -508,7 +507,34 @@ uint32_t RemainingMs(void *replyCtx) {
     return static_cast<uint32_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
 }
 
+uint32_t PeerOf(void *replyCtx, TarnHost_Peer *to) {
+    if (to == nullptr || IsOutside(replyCtx)) {
+        return EINVAL;
+    }
+    const auto request = replyCtx == nullptr ? running->shared_from_this() : RequestOf(replyCtx);
+    if (request == nullptr) {
+        return EALREADY;
+    }
+    const Peer &peer = request->session_->GetPeer();
+    const bool memoryOfOthers = request->session_->GetPolicy().AllowsMemoryOfOthers(peer);
+    *to = {static_cast<uint32_t>(peer.pid), peer.uid, peer.gid, memoryOfOthers};
+    return 0;
+}
+
+uint32_t PeerLives(void *replyCtx) {
+    const auto request = IsOutside(replyCtx) ? nullptr : RequestOf(replyCtx);
+    return request != nullptr && request->session_->PeerLives() ? 1 : 0;
+}
+
 } // namespace host
+
+uint32_t TarnHost_PeerOf(void *pReplyCtx, TarnHost_Peer *pstPeer) {
+    return host::PeerOf(pReplyCtx, pstPeer);
+}
+
+uint32_t TarnHost_PeerLives(void *pReplyCtx) {
+    return host::PeerLives(pReplyCtx);
+}
 
 void TarnHost_Explain(const char *pcReason) {
     host::Explain(nullptr, pcReason);

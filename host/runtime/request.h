@@ -10,6 +10,7 @@
 
 #include "host/osal/mutex.h"
 #include "host/runtime/quota.h"
+#include "host/runtime/reply.h"
 #include "host/runtime/request_states.h"
 #include "host/runtime/services.h"
 #include "platform/rpc.h"
@@ -73,6 +74,8 @@ private:
     friend std::shared_ptr<Request> RequestOf(void *replyCtx);
     friend uint32_t CancelledWhy(void *replyCtx);
     friend uint32_t RemainingMs(void *replyCtx);
+    friend uint32_t PeerOf(void *replyCtx, TarnHost_Peer *peer);
+    friend uint32_t PeerLives(void *replyCtx);
     friend uint32_t Explain(void *replyCtx, const char *reason);
 
     void RunWrapper();

@@ -44,6 +44,7 @@ public:
     // What the runtime's own service answers; empty and the reason when it does not.
     std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     const Limits &GetLimits() const { return options_.limits; }
+    const Policy &GetPolicy() const { return options_.policy; }
     Refusals &GetRefusals() { return refusals_; }
     // In the log, of a user. The topic is a literal.
     void Warn(uid_t user, std::string_view topic, const std::string &record) {

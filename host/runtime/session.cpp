@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "host/runtime/peer_process.h"
 #include "host/runtime/server_core.h"
 
 namespace host {
@@ -23,8 +24,16 @@ const Limits &Session::GetLimits() const {
     return server_->GetLimits();
 }
 
+const Policy &Session::GetPolicy() const {
+    return server_->GetPolicy();
+}
+
 Refusals &Session::GetRefusals() {
     return server_->GetRefusals();
+}
+
+bool Session::PeerLives() const {
+    return !(peer_.process != nullptr ? HasEnded(*peer_.process) : HasEnded(ProcessOfPeer(Socket(), peer_.pid)));
 }
 
 bool Session::IsStopping() const {

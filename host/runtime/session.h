@@ -17,6 +17,9 @@ public:
             std::shared_ptr<ServerCore> server);
 
     User &GetUser() const { return *user_; }
+    const Peer &GetPeer() const { return peer_; }
+    // Whether the peer's process is still there, so that its number is no other's.
+    bool PeerLives() const;
 
     // Serves a request that waits, if there is one and it is its turn. True when another one's turn has come that
     // nobody else has been told of.
@@ -35,6 +38,7 @@ public:
     void Finished() TARN_EXCLUDES(mutex_);
     Clock::time_point Now() const { return GetLoop().Now(); }
     const Limits &GetLimits() const;
+    const Policy &GetPolicy() const;
     Refusals &GetRefusals();
     // In the log, of this peer.
     void Warn(std::string_view topic, const std::string &record);

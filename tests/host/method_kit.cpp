@@ -73,6 +73,20 @@ uint32_t TarnHost_Cancelled(void *pReplyCtx) {
     return context->cancelled;
 }
 
+uint32_t TarnHost_PeerOf(void *pReplyCtx, TarnHost_Peer *pstPeer) {
+    const kit::ReplyContext *const context = ContextOf(pReplyCtx);
+    if (context == nullptr) {
+        return EINVAL;
+    }
+    *pstPeer = context->peer;
+    return 0;
+}
+
+uint32_t TarnHost_PeerLives(void *pReplyCtx) {
+    const kit::ReplyContext *const context = ContextOf(pReplyCtx);
+    return context != nullptr && context->peerLives ? 1 : 0;
+}
+
 uint32_t TarnHost_RemainingMs(void *pReplyCtx) {
     const kit::ReplyContext *const context = ContextOf(pReplyCtx);
     return context == nullptr ? UINT32_MAX : context->remainingMs;

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <string>
 
+#include <unistd.h>
+
 #include "host/answer/answer.h"
 
 namespace kit {
@@ -21,6 +23,8 @@ struct ReplyContext {
     std::string reason;     // that was explained
     uint32_t cancelled = 0; // why the answer is not wanted any more
     uint32_t remainingMs = UINT32_MAX;
+    TarnHost_Peer peer{static_cast<uint32_t>(getpid()), 0, 0, 1}; // who calls: root
+    bool peerLives = true;
 };
 
 // What is explained on this thread while it lives goes to the context.
@@ -75,12 +79,10 @@ private:
     const std::unique_ptr<ReplyContext> context_;
 };
 
-// kit::CallMethod<Tarn_sys_diag_DisOsResourceInfoRet>(GetKpiCpuInfo, Tarn_sys_diag_DisOsResourceInfoInput{})
+// What an implementation answers to a request of which the context says the rest.
 template <class Response, class Request>
 MethodAnswer<Response> CallMethod(uint32_t (*method)(const Request *, void *), const Request &request,
-                                  uint32_t cancelled = 0) {
-    auto context = std::make_unique<ReplyContext>();
-    context->cancelled = cancelled;
+                                  std::unique_ptr<ReplyContext> context) {
     {
         const RunningMethod running(*context);
         if (const uint32_t status = method(&request, context.get()); status != 0) {
@@ -88,6 +90,24 @@ MethodAnswer<Response> CallMethod(uint32_t (*method)(const Request *, void *), c
         }
     }
     return MethodAnswer<Response>(std::move(context));
+}
+
+// The same to a peer: of another user, or in the name of another process.
+template <class Response, class Request>
+MethodAnswer<Response> CallAs(const TarnHost_Peer &peer, uint32_t (*method)(const Request *, void *),
+                              const Request &request) {
+    auto context = std::make_unique<ReplyContext>();
+    context->peer = peer;
+    return CallMethod<Response>(method, request, std::move(context));
+}
+
+// kit::CallMethod<Tarn_sys_diag_DisOsResourceInfoRet>(GetKpiCpuInfo, Tarn_sys_diag_DisOsResourceInfoInput{})
+template <class Response, class Request>
+MethodAnswer<Response> CallMethod(uint32_t (*method)(const Request *, void *), const Request &request,
+                                  uint32_t cancelled = 0) {
+    auto context = std::make_unique<ReplyContext>();
+    context->cancelled = cancelled;
+    return CallMethod<Response>(method, request, std::move(context));
 }
 
 } // namespace kit

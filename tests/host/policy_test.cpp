@@ -65,6 +65,16 @@ TEST(Groups, EveryMethodThatChangesOrShowsMoreThanFiguresIsNoReading) {
     EXPECT_EQ(host::GroupOf("WhatNobodyKnows"), Group::kCommands);
 }
 
+TEST(Groups, AreThoseOfWhatAMethodReaches) {
+    for (const char *const shown : // a process's memory, or names and paths that the kernel shows its user alone
+         {"AppMemInfo", "TarnGetAppMemUnitInfo", "GetOsProcessMemInfo", "GetSysMemStatisFile", "GetSysOsMemFileList",
+          "TarnGetDimMeasRstByTarnd", "TarnAgentGetTimerInfo", "TarnGetTimerInfoTarnd"}) {
+        EXPECT_EQ(host::GroupOf(shown), Group::kMemory) << shown;
+    }
+    EXPECT_EQ(host::GroupOf("DetectTarndServerOnline"), Group::kSettings) << "the master's replace the daemon's";
+    EXPECT_EQ(host::GroupOf("OvloadCpuSwitchState"), Group::kReading);
+}
+
 TEST(Groups, NamesAreFoundAgain) {
     for (const Group group : host::kGroups) {
         EXPECT_EQ(host::GroupNamed(host::NameOf(group)), group);
@@ -105,6 +115,22 @@ TEST(PolicyFile, GroupsAndMethodsOfTheirOwn) {
     EXPECT_EQ(policy.Text("SetTimezone"), "user:1001");
 }
 
+TEST(PolicyFile, TheMemoryOfOthersHasALineOfItsOwn) {
+    const Policy narrow = Parse("memory anyone\n");
+    EXPECT_TRUE(narrow.AllowsMemoryOfOthers({.uid = 0}));
+    EXPECT_TRUE(narrow.AllowsMemoryOfOthers({.uid = geteuid()}));
+    EXPECT_FALSE(narrow.AllowsMemoryOfOthers({.uid = kNobody}));
+    const Policy wide = Parse("memory anyone\nmemory-of-others user:root group:2000\n");
+    EXPECT_TRUE(wide.AllowsMemoryOfOthers({.uid = kNobody, .groups = {2000}}));
+    EXPECT_FALSE(wide.AllowsMemoryOfOthers({.uid = kNobody}));
+    EXPECT_EQ(ErrorOf("memory-of-others anyone\nmemory-of-others nobody"),
+              "policy:2: a second line for \"memory-of-others\", expected one");
+    EXPECT_EQ(ErrorOf("memory-of-others"),
+              "policy:1: \"memory-of-others\" without who may, expected e.g. same-user, or nobody");
+    EXPECT_EQ(ErrorOf("memory-of-others all"),
+              "policy:1: \"all\", expected anyone, nobody, same-user, user:NAME or group:NAME");
+}
+
 TEST(PolicyFile, NamesOfTheSystem) {
     EXPECT_TRUE(Parse("reading user:root").Allows({.uid = 0}, "PidIsOnline"));
     EXPECT_TRUE(Parse("reading group:root").Allows({.uid = 9, .gid = 0}, "PidIsOnline"));
@@ -113,7 +139,8 @@ TEST(PolicyFile, NamesOfTheSystem) {
 
 TEST(PolicyFile, MistakesAreToldWithTheirLine) {
     EXPECT_EQ(ErrorOf("# one\nwriting anyone"),
-              "policy:2: \"writing\", expected reading, memory, settings, commands, agents, or a method's name");
+              "policy:2: \"writing\", expected reading, memory, settings, commands, agents, memory-of-others, or a "
+              "method's name");
     EXPECT_EQ(ErrorOf("reading anyone\nreading nobody"), "policy:2: a second line for \"reading\", expected one");
     EXPECT_EQ(ErrorOf("\n\nreading # anyone"),
               "policy:3: \"reading\" without who may, expected e.g. same-user, or nobody");
@@ -198,6 +225,38 @@ protected:
     kit::TempDir dir_;
     std::unique_ptr<host::Server> server_;
 };
+
+// Over a socket pair: one descriptor.
+struct DescriptorMessage {
+    DescriptorMessage() {
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+    }
+    char byte = 0;
+    iovec part{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+};
+
+bool SendDescriptor(int over, int fd) {
+    DescriptorMessage out;
+    cmsghdr *const header = CMSG_FIRSTHDR(&out.message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof fd);
+    memcpy(CMSG_DATA(header), &fd, sizeof fd);
+    return sendmsg(over, &out.message, 0) == 1;
+}
+
+int ReceiveDescriptor(int over) {
+    DescriptorMessage in;
+    int fd = -1;
+    EXPECT_EQ(recvmsg(over, &in.message, 0), 1);
+    memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&in.message)), sizeof fd);
+    return fd;
+}
 
 size_t CountOf(const std::string &text, const std::string &part) {
     size_t count = 0;
@@ -360,6 +419,70 @@ TEST_F(AccessTest, AnotherUserCannotConnectWhereThePolicyGivesNobodyElseAnything
     }
     Serve("");
     EXPECT_TRUE(AskAs(kNobody, {}, peer::OnlineRequest(1)).empty());
+}
+
+// What a method is told of its caller.
+struct ToldOfPeer {
+    ToldOfPeer() {
+        served::On("PidIsOnline", [this](const void *, void *replyCtx) {
+            EXPECT_EQ(TarnHost_PeerOf(replyCtx, &peer), 0);
+            lives = TarnHost_PeerLives(replyCtx);
+            Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
+            return TarnHost_Reply(replyCtx, &online);
+        });
+    }
+    TarnHost_Peer peer{};
+    uint32_t lives = 2;
+};
+
+TEST_F(AccessTest, AMethodIsToldWhoCalls) {
+    const ToldOfPeer told;
+    Serve("memory-of-others nobody");
+    const peer::RawPeer own(host::Directory(dir_.Path()).Socket("TarnSysdiagTarnd", 0));
+    own.Send(peer::OnlineRequest(1));
+    EXPECT_EQ(own.Read(1).size(), 1U);
+    EXPECT_EQ(told.peer.uiPid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(told.peer.uiUid, getuid());
+    EXPECT_EQ(told.peer.uiGid, getgid());
+    EXPECT_EQ(told.peer.ucMemoryOfOthers, 0);
+    EXPECT_EQ(told.lives, 1U);
+    TarnHost_Peer none;
+    EXPECT_EQ(TarnHost_PeerOf(nullptr, &none), uint32_t{EINVAL}) << "no method runs here";
+    EXPECT_EQ(TarnHost_PeerLives(nullptr), 0U);
+    if (geteuid() == 0) {
+        Serve("reading anyone\nmemory-of-others group:4321");
+        AskAs(kNobody, {4321}, peer::OnlineRequest(1));
+        EXPECT_EQ(told.peer.uiUid, kNobody);
+        EXPECT_EQ(told.peer.ucMemoryOfOthers, 1);
+    }
+}
+
+TEST_F(AccessTest, TheProcessThatConnectedMayHaveEnded) {
+    const ToldOfPeer told;
+    Serve("");
+    const std::filesystem::path path = host::Directory(dir_.Path()).Socket("TarnSysdiagTarnd", 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const pid_t child = fork();
+    if (child == 0) { // connects, and leaves the connection behind
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        _exit(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && SendDescriptor(ends[1], fd)
+                  ? 0
+                  : 1);
+    }
+    const peer::RawPeer inherited(ReceiveDescriptor(ends[0]));
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+    inherited.Send(peer::OnlineRequest(1));
+    EXPECT_EQ(inherited.Read(1).size(), 1U);
+    EXPECT_EQ(told.peer.uiPid, static_cast<uint32_t>(child));
+    EXPECT_EQ(told.lives, 0U);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST_F(AccessTest, TheRuntimesOwnServiceIsReading) {
