@@ -72,11 +72,19 @@ uint32_t StatusOf(const meaning::Method &method, Function function) {
     }
 }
 
+// Whether the caller whose method runs on this thread may look into a process: it is the caller's own, or the policy
+// lets the caller look into those of others.
+bool MayLookInto(uint32_t pid);
+
+// Throws the error of a bad value; and EACCES for a request of the group `memory` that looks into what isn't the
+// caller's: a process of another user, or all processes.
+void CheckRequest(const meaning::Method &method, const void *request);
+
 // Runs the function of a method without reply, unless its request is refused.
 template <class Request, class Response, class Function>
 uint32_t Run(const meaning::MethodOf<Request, Response> &method, const Request *request, Function function) {
     return StatusOf(method, [&] {
-        meaning::Check(method, *request);
+        CheckRequest(method, request);
         function();
     });
 }
@@ -100,7 +108,7 @@ uint32_t SendReply(const meaning::Method &method, void *replyCtx, Fill fill) {
 template <class Request, class Response, class Fill>
 uint32_t Answer(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx, Fill fill) {
     return SendReply<Response>(method, replyCtx, [&](auto &reply) {
-        meaning::Check(method, *request);
+        CheckRequest(method, request);
         fill(reply);
     });
 }

@@ -247,13 +247,29 @@ std::vector<std::string> Conditions(const Record &meaning, const Member &member)
     return texts;
 }
 
+namespace {
+
+// Of the first member of a kind whose values have 32 bits; null without one.
+const uint32_t *FindNumber(const Record &meaning, const void *record, Kind kind) {
+    const auto found = std::ranges::find(meaning.members, kind, [](const Member &one) { return one.value.kind; });
+    if (found == meaning.members.end()) {
+        return nullptr;
+    }
+    const size_t offset = meaning.shape->Slot(static_cast<size_t>(found - meaning.members.begin())).offset;
+    return reinterpret_cast<const uint32_t *>(static_cast<const uint8_t *>(record) + offset);
+}
+
+} // namespace
+
 uint32_t &ResultIn(const Record &meaning, void *record) {
-    for (size_t i = 0; i < meaning.members.size(); ++i) {
-        if (meaning.members[i].value.kind == Kind::kErrno) {
-            return *reinterpret_cast<uint32_t *>(static_cast<uint8_t *>(record) + meaning.shape->Slot(i).offset);
-        }
+    if (const uint32_t *const result = FindNumber(meaning, record, Kind::kErrno)) {
+        return const_cast<uint32_t &>(*result);
     }
     throw std::logic_error(fmt::format("{} has no result", meaning.type));
+}
+
+const uint32_t *ProcessIn(const Record &meaning, const void *record) {
+    return FindNumber(meaning, record, Kind::kPid);
 }
 
 std::system_error BadMember(const Method &method, std::string_view member, uint64_t found,

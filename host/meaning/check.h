@@ -21,6 +21,9 @@ std::system_error BadMember(const Method &method, std::string_view member, std::
 // The member of a reply in which a failure travels: its errno value.
 uint32_t &ResultIn(const Record &meaning, void *record);
 
+// The process that a record names; null where it has no member for one.
+const uint32_t *ProcessIn(const Record &meaning, const void *record);
+
 // What a member accepts and what its empty value means, for a list of members: "0 to 1000", "0: detect none", "at most
 // begins-at", "while on is on". Choices are left to who lists them.
 std::vector<std::string> Conditions(const Record &meaning, const Member &member);

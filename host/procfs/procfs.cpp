@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -67,6 +68,18 @@ std::vector<int64_t> Numbers(std::string_view text) {
         at = next;
     }
     return numbers;
+}
+
+// The ids behind a line's name in a status file: real, effective, saved, of file access.
+std::vector<int64_t> IdsOf(std::string_view status, std::string_view line) {
+    const size_t at = status.find(line);
+    if (at == status.npos) {
+        Throw(EPROTO, "no line" + std::string(line));
+    }
+    const size_t begin = at + line.size();
+    std::string ids(status.substr(begin, status.find('\n', begin) - begin));
+    std::ranges::replace(ids, '\t', ' ');
+    return Numbers(ids);
 }
 
 // 0, or what opening the directory failed with.
@@ -208,6 +221,20 @@ Task Procfs::ReadProcess(uint32_t pid) const {
     return ParseStat(Read(pid, "stat"));
 }
 
+uint32_t Procfs::OwnNumberOf(uint32_t pid) const {
+    const std::string status = Read(pid, "status");
+    constexpr std::string_view kLine = "\nNSpid:";
+    const size_t line = status.find(kLine);
+    if (line == status.npos) { // a kernel without namespaces
+        return pid;
+    }
+    const size_t end = status.find('\n', line + kLine.size());
+    const size_t last = status.rfind('\t', end) + 1;
+    uint32_t number = pid;
+    std::from_chars(status.data() + last, status.data() + status.size(), number);
+    return number;
+}
+
 bool Procfs::Runs(uint32_t pid, uint64_t startTicks) const {
     bool runs = false;
     SkipHidden([&] {
@@ -215,6 +242,24 @@ bool Procfs::Runs(uint32_t pid, uint64_t startTicks) const {
         runs = process.startTicks == startTicks && !process.HasEnded();
     });
     return runs;
+}
+
+bool Procfs::HasUser(uint32_t pid, uint32_t user) const {
+    return std::ranges::count(IdsOf(Read(pid, "status"), "\nUid:"), user) != 0;
+}
+
+bool Procfs::IsShownTo(uint32_t pid, uint32_t user, uint32_t group) const {
+    struct stat memory {};
+    if (stat(Path(pid, "mem").c_str(), &memory) != 0 || memory.st_uid != user) { // else the kernel says root
+        return false;
+    }
+    bool isShown = false;
+    SkipHidden([&] {
+        const std::string status = Read(pid, "status");
+        isShown = std::ranges::all_of(IdsOf(status, "\nUid:"), [user](int64_t id) { return id == user; }) &&
+                  std::ranges::all_of(IdsOf(status, "\nGid:"), [group](int64_t id) { return id == group; });
+    });
+    return isShown;
 }
 
 Task Procfs::ReadThread(uint32_t pid, uint32_t tid) const {

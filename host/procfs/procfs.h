@@ -72,8 +72,18 @@ public:
     // The leading thread of a process. The id of another thread is no process.
     Task ReadProcess(uint32_t pid) const;
 
+    // The number that a process has in the innermost of its namespaces: what it calls itself.
+    uint32_t OwnNumberOf(uint32_t pid) const;
+
     // Whether the process that started then is still there, and no other has got its id: one that may not be seen has.
     bool Runs(uint32_t pid, uint64_t startTicks) const;
+
+    // Whether a user is one of the process's: real, effective, saved or of file access.
+    bool HasUser(uint32_t pid, uint32_t user) const;
+
+    // Whether the kernel shows a user with that group what is in the process: all its users and groups are these, and
+    // it has had no more rights than they give. False as well for a process that is not there.
+    bool IsShownTo(uint32_t pid, uint32_t user, uint32_t group) const;
 
     Task ReadThread(uint32_t pid, uint32_t tid) const;
     SchedulerCount ReadSchedulerCount(uint32_t pid, uint32_t tid) const;

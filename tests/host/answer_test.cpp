@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
 #include "tests/host/method_kit.h"
 
 namespace {
@@ -147,6 +150,103 @@ TEST(Answer, MembersOfAReplyHaveTheNamesThatAFunctionGivesThem) {
     free = 7;
     EXPECT_EQ(reply.uiValue1, 9);
     EXPECT_EQ(reply.uiValue2, 7);
+}
+
+// ---- Whose processes a request looks into ----
+
+// A process of another user, until the test ends.
+class OthersProcess {
+public:
+    explicit OthersProcess(uid_t user, bool hidden = false) {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        pid_ = fork();
+        if (pid_ == 0) { // what it is to be is so before the pipe ends
+            if (setresgid(user, user, user) != 0 || setresuid(user, user, user) != 0) {
+                _exit(1);
+            }
+            prctl(PR_SET_DUMPABLE, hidden ? 0 : 1);
+            close(ends[0]);
+            close(ends[1]);
+            pause();
+        }
+        close(ends[1]);
+        char none;
+        EXPECT_EQ(read(ends[0], &none, 1), 0);
+        close(ends[0]);
+    }
+    ~OthersProcess() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    OthersProcess(const OthersProcess &) = delete;
+    OthersProcess &operator=(const OthersProcess &) = delete;
+
+    uint32_t Pid() const { return static_cast<uint32_t>(pid_); }
+
+private:
+    pid_t pid_ = -1;
+};
+
+class MemoryTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root can run others' processes";
+        }
+    }
+    // How a caller without a word in the policy fares with a method of `memory`.
+    template <class Request, class Response>
+    static std::string RefusalTo(uint32_t user, const host::meaning::MethodOf<Request, Response> &method,
+                                 const Request &request) {
+        kit::ReplyContext context;
+        context.peer = {1, user, user, 0};
+        const kit::RunningMethod running(context);
+        const uint32_t status = host::Answer(method, &request, &context, [](auto &) {});
+        EXPECT_EQ(status, context.reason.empty() ? 0 : EACCES);
+        if (context.record != nullptr) {
+            host::Release(static_cast<Response *>(context.record));
+        }
+        return context.reason;
+    }
+    static constexpr uint32_t kUser = 65534, kOther = 65533;
+};
+
+TEST_F(MemoryTest, IsOfTheCallersOwnProcesses) {
+    const OthersProcess own(kUser), others(kOther);
+    const auto mappings = [](uint32_t pid) { return RefusalTo(kUser, methods::GetOsProcessMapsInfo, {pid}); };
+    EXPECT_EQ(mappings(own.Pid()), "");
+    EXPECT_EQ(mappings(others.Pid()), fmt::format("process {} is not user 65534's, and the policy's memory-of-others "
+                                                  "does not name that user",
+                                                  others.Pid()));
+    EXPECT_NE(mappings(1), "") << "root's are root's";
+    EXPECT_NE(mappings(UINT32_MAX), "") << "no process";
+    EXPECT_EQ(RefusalTo(kUser, methods::GetCallStackInfoByTid, {own.Pid(), 0}), "");
+    EXPECT_NE(RefusalTo(kUser, methods::GetCallStackInfoByTid, {others.Pid(), 0}), "");
+    EXPECT_NE(RefusalTo(kUser, methods::AppMemInfo, {others.Pid(), 0}), "") << "also by its agent";
+    EXPECT_EQ(RefusalTo(kUser, methods::GetProcStatByPid, {others.Pid()}), "") << "no memory";
+}
+
+TEST_F(MemoryTest, IsNotOfAProcessThatHadMoreRights) {
+    const OthersProcess hidden(kUser, true);
+    EXPECT_NE(RefusalTo(kUser, methods::GetOsProcessMapsInfo, {hidden.Pid()}), "");
+}
+
+TEST_F(MemoryTest, OfAllIsOfOthers) {
+    EXPECT_EQ(RefusalTo(kUser, methods::GetOsProcessMemInfo, {0}),
+              "what is asked for is not user 65534's, and the policy's memory-of-others does not name that user");
+    EXPECT_NE(RefusalTo(kUser, methods::GetSysMemStatisFile, {}), "");
+    EXPECT_NE(RefusalTo(kUser, methods::DisCpuOvloadCallstackInfo, {}), "");
+}
+
+TEST_F(MemoryTest, OfOthersIsForWhomThePolicyNames) {
+    const OthersProcess others(kOther);
+    kit::ReplyContext context;
+    context.peer = {1, kUser, kUser, 1};
+    const kit::RunningMethod running(context);
+    EXPECT_TRUE(host::MayLookInto(others.Pid()));
+    context.peer.ucMemoryOfOthers = 0;
+    EXPECT_FALSE(host::MayLookInto(others.Pid()));
 }
 
 } // namespace

@@ -44,7 +44,16 @@ public:
     }
     void SetUser(uint32_t pid, uint32_t real, uint32_t effective) const {
         Write(fmt::format("{}/status", pid),
-              fmt::format("Tgid:\t{0}\nPid:\t{0}\nUid:\t{1}\t{2}\t{2}\t{2}\n", pid, real, effective));
+              fmt::format("Tgid:\t{0}\nPid:\t{0}\nUid:\t{1}\t{2}\t{2}\t{2}\nGid:\t{1}\t{1}\t{1}\t{1}\n", pid, real,
+                          effective));
+    }
+    // A process of that user and group, whose memory the kernel shows its user; where the test runs as root.
+    void SetOwner(uint32_t pid, uint32_t user) const {
+        SetUser(pid, user, user);
+        Write(fmt::format("{}/mem", pid), "");
+        if (chown((dir_.Path() / fmt::format("{}/mem", pid)).c_str(), user, user) != 0) {
+            throw std::system_error(errno, std::generic_category(), "chown");
+        }
     }
     void RemoveThread(uint32_t pid, uint32_t tid) const { Remove(fmt::format("{}/task/{}", pid, tid)); }
     void RemoveProcess(uint32_t pid) const { Remove(std::to_string(pid)); }

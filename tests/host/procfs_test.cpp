@@ -264,4 +264,22 @@ TEST(Procfs, RefusesWhatIsNoMapping) {
     }
 }
 
+TEST(Procfs, KnowsToWhomTheKernelShowsAProcess) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of other users";
+    }
+    const kit::FakeProc proc;
+    proc.SetOwner(7, 1000);
+    EXPECT_TRUE(proc.Proc().IsShownTo(7, 1000, 1000));
+    EXPECT_FALSE(proc.Proc().IsShownTo(7, 100, 1000));
+    EXPECT_FALSE(proc.Proc().IsShownTo(7, 1000, 100)) << "its group's rights are not the user's";
+    EXPECT_FALSE(proc.Proc().IsShownTo(8, 1000, 1000)) << "no process";
+    proc.SetUser(7, 1000, 0);
+    EXPECT_FALSE(proc.Proc().IsShownTo(7, 1000, 1000)) << "it runs with root's rights";
+    proc.SetUser(7, 1000, 1000);
+    proc.Remove("7/mem");
+    proc.Write("7/mem", "");
+    EXPECT_FALSE(proc.Proc().IsShownTo(7, 1000, 1000)) << "it has had another's rights: the kernel gives it to root";
+}
+
 } // namespace

@@ -122,7 +122,7 @@ std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds 
 struct ProcessDetails {
     host::procfs::Task task;
     uint32_t effectiveUser = 0;
-    std::string exe; // empty for none, or one that may not be seen
+    std::string exe; // empty for none, or one that may not be seen, by the daemon or by the caller
 };
 
 // "Uid: real effective saved ..."
@@ -141,7 +141,7 @@ uint32_t EffectiveUser(const std::string &status) {
 ProcessDetails ReadDetails(const host::procfs::Procfs &proc, uint32_t pid) {
     std::error_code none;
     return {proc.ReadProcess(pid), EffectiveUser(proc.Read(pid, "status")),
-            std::filesystem::read_symlink(proc.Path(pid, "exe"), none)};
+            host::MayLookInto(pid) ? std::filesystem::read_symlink(proc.Path(pid, "exe"), none).string() : ""};
 }
 
 // The end of a text tells more of a path than its start.

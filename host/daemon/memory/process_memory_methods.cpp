@@ -23,6 +23,9 @@ std::string ProgramName(const ProcessStatus &process) {
     if (!process.HasMemory()) {
         return {};
     }
+    if (!host::MayLookInto(process.Task().id)) {
+        return std::string(host::meaning::process_memory::kHiddenProgram);
+    }
     try {
         return host::procfs::ProgramName(Proc(), process.Task().id);
     } catch (const std::system_error &error) {
