@@ -3,11 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <cstdlib>
 #include <iostream>
 #include <new>
 
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
+#include "host/osal/accounts.h"
 #include "host/osal/streams.h"
 #include "host/osal/text.h"
 
@@ -193,6 +195,14 @@ int Fail(int code, const std::string &text) {
     return code;
 }
 
+// As the variable says it, for whatever the command calls.
+void TrustServersOf(const std::string &user) {
+    if (!host::UserIdOf(user)) {
+        throw CLI::ValidationError("--server-user", fmt::format("no user \"{}\", expected a name or number", user));
+    }
+    setenv("TARN_USER", user.c_str(), 1);
+}
+
 void AddGlobal(CLI::App &app, Arguments &arguments) {
     app.require_subcommand(1);
     app.fallthrough(); // the options of all commands may stand behind the command as well
@@ -201,6 +211,10 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
                    "Directory of the services' sockets; default $TARN_RUN_DIR, or /run/tarn")
         ->type_name("DIR")
         ->check([](const std::string &text) { return text.empty() ? "found nothing, expected a directory" : ""; });
+    app.add_option_function<std::string>("--server-user", TrustServersOf,
+                                         "User whose servers are trusted besides root's, one's own and the directory's "
+                                         "owner's; default $TARN_USER, or tarn")
+        ->option_text("USER");
 }
 
 // The parser itself would only say that a command is missing.

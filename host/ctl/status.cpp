@@ -22,40 +22,32 @@ namespace {
 
 constexpr std::string_view kAgentService = "TarnSysdiagAgent";
 
-struct Socket {
+struct Server {
     std::string service;
     uint32_t pid; // whose agent, else 0
 };
 
-// "TarnSysdiagTarnd.sock", "agent-4711.sock"; other files of the directory are none of ours.
-std::optional<Socket> SocketOf(const std::filesystem::path &file) {
-    if (file.extension() != ".sock") {
-        return {};
+// Of "TarnSysdiagTarnd.sock", and of agents' sockets the process that holds it; other files of the directory are none
+// of ours.
+std::vector<Server> FindServers(const host::Client &client, const std::filesystem::path &runDir) {
+    std::vector<Server> servers;
+    for (const uint32_t pid : client.Agents()) {
+        servers.push_back({std::string(kAgentService), pid});
     }
-    const std::string name = file.stem();
-    if (!name.starts_with("agent-")) {
-        return Socket{name, 0};
-    }
-    uint32_t pid = 0;
-    const auto [end, error] = std::from_chars(name.data() + strlen("agent-"), name.data() + name.size(), pid);
-    return error == std::errc() && *end == '\0' ? std::optional(Socket{std::string(kAgentService), pid}) : std::nullopt;
-}
-
-std::vector<Socket> FindSockets(const std::filesystem::path &runDir) {
-    std::vector<Socket> sockets;
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator(runDir, error)) {
-        if (const auto socket = SocketOf(entry.path())) {
-            sockets.push_back(*socket);
+        const std::string name = entry.path().stem();
+        if (entry.path().extension() == ".sock" && !name.starts_with("agent-")) {
+            servers.push_back({name, 0});
         }
     }
     if (error) {
         throw Failure(kConnection, fmt::format("{}: cannot look for services: {}", runDir.string(), error.message()));
     }
-    std::sort(sockets.begin(), sockets.end(), [](const Socket &left, const Socket &right) {
+    std::ranges::sort(servers, [](const Server &left, const Server &right) {
         return std::tie(left.service, left.pid) < std::tie(right.service, right.pid);
     });
-    return sockets;
+    return servers;
 }
 
 void PrintHealth(const host::ServerHealth &health) {
@@ -101,18 +93,19 @@ void ListServices(const std::filesystem::path &given, bool json) {
     Columns columns;
     columns.Add({"service", "process", "state", "uptime", "workers", "busy", "connections", "requests"});
     Json all = Json::array();
-    const std::vector<Socket> sockets = FindSockets(runDir);
-    for (const Socket &socket : sockets) {
+    const std::vector<Server> servers = FindServers(client, runDir);
+    for (const Server &server : servers) {
         host::ServerHealth health;
-        const host::CallOutcome outcome = AskHealth(client, socket.service, socket.pid, health);
-        Json entry{{"service", socket.service}, {"agentOf", socket.pid}};
+        const host::CallOutcome outcome = AskHealth(client, server.service, server.pid, health);
+        Json entry{{"service", server.service}, {"agentOf", server.pid}};
         if (outcome.Ok()) {
-            columns.Add({socket.service, PidText(health.pid), health.state, DurationText(health.uptime),
+            const uint32_t pid = server.pid == 0 ? health.pid : server.pid; // not as a namespace of its own has it
+            columns.Add({server.service, PidText(pid), health.state, DurationText(health.uptime),
                          std::to_string(health.workers), std::to_string(health.busy),
                          std::to_string(health.connections), std::to_string(health.requests)});
             entry["health"] = Json::parse(host::ToJson(health));
         } else {
-            columns.Add({socket.service, socket.pid == 0 ? "-" : PidText(socket.pid),
+            columns.Add({server.service, server.pid == 0 ? "-" : PidText(server.pid),
                          "no answer: " + std::system_category().message(static_cast<int>(outcome.errCode))});
             entry["error"] = outcome.text;
         }
@@ -120,7 +113,7 @@ void ListServices(const std::filesystem::path &given, bool json) {
     }
     if (json) {
         std::cout << all.dump(2) << "\n";
-    } else if (sockets.empty()) {
+    } else if (servers.empty()) {
         std::cout << "no services in " << runDir.string() << "\n";
     } else {
         columns.Print(std::cout, 0);

@@ -8,13 +8,18 @@
 #include <system_error>
 
 #include "host/osal/log.h"
+#include "host/runtime/peer_process.h"
 
 namespace host {
 
 class AsyncCalls::Connection final : public Link {
 public:
-    Connection(AsyncCalls &calls, Descriptor fd)
-        : Link(*calls.loop_, std::move(fd), calls.limits_.replyBytes), calls_(calls) {}
+    Connection(AsyncCalls &calls, Connected connected)
+        : Link(*calls.loop_, std::move(connected.socket), calls.limits_.replyBytes), calls_(calls),
+          process_(std::move(connected.process)) {}
+
+    // Whether it was made to an agent whose process has ended.
+    bool IsLeftBehind() const { return process_ && HasEnded(process_); }
 
 private:
     void Take(std::span<Frame> frames, Clock::time_point) override {
@@ -46,6 +51,7 @@ private:
     }
 
     AsyncCalls &calls_;
+    const Descriptor process_;
 };
 
 void AsyncCalls::Start(Outgoing call, std::vector<uint8_t> frame, Done done) {
@@ -100,10 +106,10 @@ void AsyncCalls::Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&don
         done(TimedOut(call, *transport_));
         return;
     }
-    int error = 0;
-    auto link = LinkTo(call, error);
+    Connected failed;
+    auto link = LinkTo(call, failed);
     if (link == nullptr) {
-        done(NotConnected(call, *transport_, error));
+        done(NotConnected(call, *transport_, failed));
         return;
     }
     const uint64_t id = call.header.id;
@@ -116,25 +122,29 @@ void AsyncCalls::Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&don
     }
 }
 
-std::shared_ptr<Link> AsyncCalls::LinkTo(const Outgoing &call, int &error) {
+std::shared_ptr<Link> AsyncCalls::LinkTo(const Outgoing &call, Connected &failed) {
     // The other calls wait meanwhile; a listener that is there takes a connection at once.
     constexpr std::chrono::milliseconds kPatience(100);
     const std::string address = transport_->Address(call.socketOf, call.pid);
     const auto found = links_.find(address);
-    if (found != links_.end()) {
+    if (found != links_.end() && !found->second->IsLeftBehind()) {
         return found->second;
     }
     const auto until = std::min(call.deadline, std::chrono::steady_clock::now() + kPatience);
-    Descriptor fd = transport_->Connect(call.socketOf, call.pid, until, error);
-    if (!fd) {
+    Connected connected = transport_->Connect(call.socketOf, call.pid, until);
+    if (!connected.socket) {
+        failed = std::move(connected);
         return nullptr;
     }
-    const auto link = std::make_shared<Connection>(*this, std::move(fd));
+    const auto link = std::make_shared<Connection>(*this, std::move(connected));
     if (!link->Open()) {
-        error = errno;
+        failed.error = errno;
         return nullptr;
     }
-    links_.emplace(address, link);
+    const auto before = std::exchange(links_[address], link);
+    if (before != nullptr) { // which ends its calls
+        before->Close();
+    }
     return link;
 }
 

@@ -47,7 +47,8 @@ private:
 
     int Post(std::function<void()> work) TARN_EXCLUDES(mutex_);
     void Begin(Outgoing &&call, std::vector<uint8_t> &&frame, Done &&done);
-    std::shared_ptr<Link> LinkTo(const Outgoing &call, int &error);
+    // Null, and why in what is passed.
+    std::shared_ptr<Link> LinkTo(const Outgoing &call, Connected &failed);
     void End(uint64_t id, CallOutcome &&outcome);
     void GiveUp(uint64_t id, const std::function<CallOutcome(const Outgoing &)> &outcome);
     void EndAll(const Link *link, const std::function<CallOutcome(const Outgoing &)> &outcome);
@@ -65,7 +66,7 @@ private:
     const SystemClocks clocks_;
     std::optional<Loop> loop_;
     std::unordered_map<uint64_t, Pending> pending_;
-    std::unordered_map<std::string, std::shared_ptr<Link>> links_; // by address
+    std::unordered_map<std::string, std::shared_ptr<Connection>> links_; // by address
 };
 
 } // namespace host

@@ -10,6 +10,15 @@
 
 namespace host {
 
+// Its process or the connection has ended, or something has come that nobody asked for.
+bool Channel::HasEnded() const {
+    if (!process_) {
+        return false;
+    }
+    pollfd ends[] = {{process_.Fd(), POLLIN, 0}, {fd_.Fd(), POLLIN | POLLRDHUP, 0}};
+    return poll(ends, 2, 0) != 0;
+}
+
 // 0 when the socket is ready or has failed, or ETIMEDOUT.
 int Channel::Wait(short events, Transport::Clock::time_point deadline) const {
     while (true) {

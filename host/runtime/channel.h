@@ -11,7 +11,12 @@ namespace host {
 
 class Channel {
 public:
-    Channel(Descriptor fd, uint32_t payloadLimit) : fd_(std::move(fd)), parser_(payloadLimit) {}
+    Channel(Connected connection, uint32_t payloadLimit)
+        : fd_(std::move(connection.socket)), process_(std::move(connection.process)), parser_(payloadLimit) {}
+
+    // Whether the agent that it was made to can't be at the other end any more. Of a service it is not asked: that its
+    // server has gone is seen by the next call.
+    bool HasEnded() const;
 
     // 0, or an errno value: ETIMEDOUT, or ECONNRESET when the peer has closed.
     int Send(std::span<const uint8_t> header, std::span<const uint8_t> payload, Transport::Clock::time_point deadline);
@@ -27,6 +32,7 @@ private:
     void SetReadTimeout(std::chrono::milliseconds timeout);
 
     Descriptor fd_;
+    Descriptor process_; // of an agent
     FrameParser parser_;
     std::chrono::milliseconds readTimeout_{0}; // that the socket has
 };

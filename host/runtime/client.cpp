@@ -36,6 +36,8 @@ public:
     void Cancel(uint64_t call) { async_.Cancel(call); }
     void Fail(CallOutcome &&failure, AsyncCalls::Done done) { async_.Fail(std::move(failure), std::move(done)); }
     bool Knows(std::string_view service, uint32_t pid) const { return transport_->Knows(service, pid); }
+    std::vector<uint32_t> Agents() const { return transport_->Agents(); }
+    void Forget(std::string_view service, uint32_t pid) { pool_.Forget({pid, service}); }
     const ClientOptions &Options() const { return options_; }
     void Shutdown() {
         async_.Shutdown();
@@ -92,14 +94,16 @@ CallOutcome Client::Core::Exchange(const CallRequest &call, FrameKind kind) {
     const Pool::Target target(out.pid, out.socketOf);
     while (true) {
         auto channel = pool_.Take(target, out.begun);
+        if (channel != nullptr && channel->HasEnded()) {
+            continue;
+        }
         const bool fresh = channel == nullptr;
         if (fresh) {
-            int error = 0;
-            Descriptor fd = transport_->Connect(out.socketOf, call.pid, out.deadline, error);
-            if (!fd) {
-                return NotConnected(out, *transport_, error);
+            Connected connection = transport_->Connect(out.socketOf, call.pid, out.deadline);
+            if (!connection.socket) {
+                return NotConnected(out, *transport_, connection);
             }
-            channel = std::make_unique<Channel>(std::move(fd), options_.limits.replyBytes);
+            channel = std::make_unique<Channel>(std::move(connection), options_.limits.replyBytes);
         }
         if (Try(*channel, fresh, out, call, outcome)) {
             if (outcome.errCode == 0 || outcome.errCode == ENOENT || outcome.errCode == EPROTOTYPE) {
@@ -213,6 +217,14 @@ void Client::FailAsync(CallOutcome failure, std::function<void(CallOutcome &&)> 
 
 bool Client::Knows(std::string_view service, uint32_t pid) const {
     return GetCore()->Knows(service, pid);
+}
+
+std::vector<uint32_t> Client::Agents() const {
+    return GetCore()->Agents();
+}
+
+void Client::Forget(std::string_view service, uint32_t pid) {
+    GetCore()->Forget(service, pid);
 }
 
 Limits Client::GetLimits() const {

@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/osal/mutex.h"
 #include "host/runtime/bytes.h"
@@ -24,6 +25,7 @@ struct ClientOptions {
 
 // How a call ended. The transport's errors:
 //   2 ENOENT        no such service, agent or method          74 EBADMSG      a message that is not well-formed
+//   1 EPERM         the socket is not held by who should, as the text says
 //   90 EMSGSIZE     a message beyond the limit                91 EPROTOTYPE   another type hash than the server's
 //   104 ECONNRESET  the peer went before it answered          110 ETIMEDOUT   the deadline
 //   111 ECONNREFUSED nobody listens                           125 ECANCELED   client or server shut down
@@ -48,7 +50,9 @@ struct CallRequest {
     std::string_view socketOf = {};        // another service, on whose socket to ask; empty for its own
 };
 
-// Calls any method with encoded messages. All functions are thread-safe.
+// Calls any method with encoded messages. All functions are thread-safe. A service is called only where root holds its
+// socket, or the own user, the run directory's owner or the daemon's user (run_directory.h); an agent only where its
+// process does.
 class Client {
 public:
     explicit Client(ClientOptions options = {});
@@ -82,6 +86,13 @@ public:
 
     // Whether the service, or the agent of a process, has a socket.
     bool Knows(std::string_view service, uint32_t pid) const;
+
+    // The processes that hold the sockets of agents, as the kernel names them; of one that takes no connection, the one
+    // in the socket's name.
+    std::vector<uint32_t> Agents() const;
+
+    // Connections to the agent of a process, or to a service, that no call uses are not used again.
+    void Forget(std::string_view service, uint32_t pid);
 
     // Closes all connections and ends every asynchronous call with ECANCELED; returns when all have been called back.
     // Not from a callback. The next call starts anew.

@@ -31,9 +31,10 @@ CallOutcome TimedOut(const Outgoing &call, const Transport &transport) {
     return Failure(ETIMEDOUT, fmt::format("{}: no answer within {} ms", call.Label(transport), call.timeout.count()));
 }
 
-CallOutcome NotConnected(const Outgoing &call, const Transport &transport, int error) {
-    return Failure(static_cast<uint32_t>(error),
-                   fmt::format("{}: not connected: {}", call.Label(transport), strerrordesc_np(error)));
+CallOutcome NotConnected(const Outgoing &call, const Transport &transport, const Connected &failed) {
+    return Failure(static_cast<uint32_t>(failed.error),
+                   fmt::format("{}: not connected: {}", call.Label(transport),
+                               failed.reason.empty() ? strerrordesc_np(failed.error) : failed.reason));
 }
 
 CallOutcome Disconnected(const Outgoing &call, const Transport &transport) {

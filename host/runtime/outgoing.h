@@ -25,7 +25,7 @@ struct Outgoing {
 
 CallOutcome Failure(uint32_t errCode, std::string text);
 CallOutcome TimedOut(const Outgoing &call, const Transport &transport);
-CallOutcome NotConnected(const Outgoing &call, const Transport &transport, int error);
+CallOutcome NotConnected(const Outgoing &call, const Transport &transport, const Connected &failed);
 CallOutcome Disconnected(const Outgoing &call, const Transport &transport);
 
 // What a reply or error frame says.

@@ -44,6 +44,14 @@ void Pool::Give(const Target &target, std::unique_ptr<Channel> channel, Clock::t
     }
 }
 
+void Pool::Forget(const Target &target) {
+    const MutexLock lock(mutex_);
+    const auto found = idle_.find(target);
+    if (found != idle_.end()) {
+        idle_.erase(found);
+    }
+}
+
 void Pool::Clear() {
     const MutexLock lock(mutex_);
     idle_.clear();

@@ -22,6 +22,7 @@ public:
     std::unique_ptr<Channel> Take(const Target &target, Clock::time_point now);
     // A connection whose last use began then.
     void Give(const Target &target, std::unique_ptr<Channel> channel, Clock::time_point used);
+    void Forget(const Target &target);
     void Clear();
 
 private:

@@ -14,6 +14,8 @@
 
 #include "host/osal/directories.h"
 #include "host/osal/log.h"
+#include "host/runtime/agent_sockets.h"
+#include "host/runtime/peer_process.h"
 #include "host/runtime/run_directory.h"
 
 namespace host {
@@ -157,34 +159,133 @@ std::string Transport::Address(std::string_view service, uint32_t pid) const {
 
 bool Transport::Knows(std::string_view service, uint32_t pid) const {
     struct stat status;
-    return stat(directory_.Socket(service, pid).c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+    return (stat(directory_.Socket(service, pid).c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) ||
+           (pid != 0 && !OtherSocketsOfAgent(directory_.RunDir(), pid).empty());
 }
 
-Descriptor Transport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const {
+namespace {
+
+// Who listens at the other end.
+ucred HolderOf(const Descriptor &socket) {
+    ucred holder{-1, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    socklen_t size = sizeof holder;
+    getsockopt(socket.Fd(), SOL_SOCKET, SO_PEERCRED, &holder, &size);
+    return holder;
+}
+
+Connected Open(const path &socketPath, Transport::Clock::time_point deadline) {
+    Connected connection;
     sockaddr_un address;
-    if (!FillAddress(directory_.Socket(service, pid), address)) {
-        error = ENAMETOOLONG;
-        return Descriptor();
+    if (!FillAddress(socketPath, address)) {
+        connection.error = ENAMETOOLONG;
+        return connection;
     }
     Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) {
-        error = errno;
-        return fd;
+        connection.error = errno;
+        return connection;
     }
     // Where the listener's queue is full, connect waits as long as a send may.
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Transport::Clock::now()).count();
     const auto wait = std::max<int64_t>(left, 1);
     const timeval timeout = {wait / 1000000, wait % 1000000};
     setsockopt(fd.Fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     if (ConnectTo(fd.Fd(), address) != 0) {
-        error = errno == EAGAIN ? ETIMEDOUT : errno;
-        return Descriptor();
+        connection.error = errno == EAGAIN ? ETIMEDOUT : errno;
+    } else {
+        connection.socket = std::move(fd);
     }
-    return fd;
+    return connection;
 }
 
+Connected Refused(const path &socketPath, const ucred &holder, const std::string &expected) {
+    Connected connection;
+    connection.error = EPERM;
+    connection.reason = fmt::format("the socket {} is held by process {} of user {}, expected {}", socketPath.string(),
+                                    holder.pid, holder.uid, expected);
+    return connection;
+}
+
+// The agent of that process, and of none that had its number before, if it is the one that listens there.
+Connected OpenAgent(const path &socketPath, uint32_t pid, Transport::Clock::time_point deadline) {
+    Connected connection = Open(socketPath, deadline);
+    if (!connection.socket) {
+        return connection;
+    }
+    const ucred holder = HolderOf(connection.socket);
+    connection.process = ProcessOfPeer(connection.socket.Fd(), holder.pid);
+    if (static_cast<uint32_t>(holder.pid) == pid && !HasEnded(connection.process)) {
+        return connection;
+    }
+    return Refused(socketPath, holder, fmt::format("process {}", pid));
+}
+
+} // namespace
+
+// Empty when the user is trusted; else who would be.
+std::string Transport::WhyNotTrusted(uid_t holder) const {
+    struct stat status {};
+    const uid_t owner = stat(directory_.RunDir().c_str(), &status) == 0 ? status.st_uid : 0;
+    const std::optional<uid_t> daemon = DaemonUser();
+    if (holder == 0 || holder == geteuid() || holder == owner || holder == daemon) {
+        return {};
+    }
+    return fmt::format("root, user {}, the directory's owner, user {}, or the daemon's user, {} (TARN_USER)", geteuid(),
+                       owner, daemon ? std::to_string(*daemon) : "of which there is none");
+}
+
+Connected Transport::ConnectToAgent(uint32_t pid, Clock::time_point deadline) const {
+    Connected first = OpenAgent(directory_.Socket("TarnSysdiagAgent", pid), pid, deadline);
+    if (first.socket) {
+        return first;
+    }
+    for (const path &socketPath : OtherSocketsOfAgent(directory_.RunDir(), pid)) {
+        if (Connected other = OpenAgent(socketPath, pid, deadline); other.socket) {
+            return other;
+        }
+    }
+    return first;
+}
+
+Connected Transport::Connect(std::string_view service, uint32_t pid, Clock::time_point deadline) const {
+    if (pid != 0) {
+        return ConnectToAgent(pid, deadline);
+    }
+    const path socketPath = directory_.Socket(service, pid);
+    Connected connection = Open(socketPath, deadline);
+    if (connection.socket) {
+        const ucred holder = HolderOf(connection.socket);
+        if (const std::string expected = WhyNotTrusted(holder.uid); !expected.empty()) {
+            return Refused(socketPath, holder, expected);
+        }
+    }
+    return connection;
+}
+
+std::vector<uint32_t> Transport::Agents() const {
+    std::vector<uint32_t> pids;
+    for (const path &socketPath : AgentSockets(directory_.RunDir())) {
+        const Connected connection = Open(socketPath, Clock::now());
+        pids.push_back(connection.socket ? static_cast<uint32_t>(HolderOf(connection.socket).pid)
+                                         : NumberInName(socketPath));
+    }
+    std::ranges::sort(pids);
+    pids.erase(std::ranges::unique(pids).begin(), pids.end());
+    return pids;
+}
+
+// An agent whose name is taken, by another's live socket or a file that can't be removed, takes another.
 std::unique_ptr<Listener> Transport::Listen(std::string_view service, bool toAll) const {
-    return std::make_unique<Listener>(directory_.Socket(service, 0), toAll);
+    const path socketPath = directory_.Socket(service, 0);
+    if (NumberInName(socketPath) == 0) {
+        return std::make_unique<Listener>(socketPath, toAll);
+    }
+    try {
+        return std::make_unique<Listener>(socketPath, toAll);
+    } catch (const std::exception &error) {
+        Log().warn("{}; taking another name", error.what());
+        return std::make_unique<Listener>(SpareAgentSocket(directory_.RunDir()), toAll);
+    }
 }
 
 } // namespace host

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "host/osal/descriptor.h"
 #include "host/runtime/directory.h"
@@ -36,6 +37,14 @@ private:
     ino_t inode_ = 0;
 };
 
+// A connection, or why there is none.
+struct Connected {
+    Descriptor socket;
+    Descriptor process; // of an agent: the one that holds its socket
+    int error = 0;      // errno value
+    std::string reason; // in words, where the value does not say it
+};
+
 // Unix-domain sockets in a run directory.
 class Transport {
 public:
@@ -46,11 +55,18 @@ public:
     // For messages: where the service is looked for.
     std::string Address(std::string_view service, uint32_t pid) const;
     bool Knows(std::string_view service, uint32_t pid) const;
-    // An invalid descriptor and the errno value after a failure.
-    Descriptor Connect(std::string_view service, uint32_t pid, Clock::time_point deadline, int &error) const;
+    // To a server that is who it should be, as the kernel names it: for a service a user who is trusted, for an agent
+    // the process. EPERM for one that is not.
+    Connected Connect(std::string_view service, uint32_t pid, Clock::time_point deadline) const;
     std::unique_ptr<Listener> Listen(std::string_view service, bool toAll) const;
 
+    // The processes that hold the sockets of agents, by rising number; of one that can't be asked, what its name says.
+    std::vector<uint32_t> Agents() const;
+
 private:
+    Connected ConnectToAgent(uint32_t pid, Clock::time_point deadline) const;
+    std::string WhyNotTrusted(uid_t holder) const;
+
     const Directory directory_;
 };
 

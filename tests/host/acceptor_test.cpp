@@ -45,9 +45,9 @@ protected:
     }
 
     void Connect() {
-        int error = 0;
-        peers_.push_back(transport_.Connect("Any", 0, host::Transport::Clock::now() + 20s, error));
-        EXPECT_EQ(error, 0);
+        host::Connected connected = transport_.Connect("Any", 0, host::Transport::Clock::now() + 20s);
+        EXPECT_EQ(connected.error, 0);
+        peers_.push_back(std::move(connected.socket));
     }
     void Report() const { static_cast<host::Pollable &>(*acceptor_).OnReady(EPOLLIN); }
     void Pass(std::chrono::milliseconds time) {

@@ -1163,7 +1163,7 @@ TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
 TEST(Pool, KeepsSoManyForSoLong) {
     const auto now = host::Pool::Clock::now();
     const host::Pool::Target target(7, "Any");
-    const auto channel = [] { return std::make_unique<host::Channel>(host::Descriptor(), 1); };
+    const auto channel = [] { return std::make_unique<host::Channel>(host::Connected(), 1); };
     host::Pool pool;
     EXPECT_EQ(pool.Take(target, now), nullptr);
     pool.Give(target, channel(), now);
@@ -1181,6 +1181,63 @@ TEST(Pool, KeepsSoManyForSoLong) {
         ++taken;
     }
     EXPECT_EQ(taken, 16);
+    pool.Give(target, channel(), now);
+    pool.Give({8, "Any"}, channel(), now);
+    pool.Forget(target);
+    EXPECT_EQ(pool.Take(target, now), nullptr);
+    EXPECT_NE(pool.Take({8, "Any"}, now), nullptr);
+}
+
+// An agent that answers one call, leaves its connection to a process of another program, and ends when it is told to.
+// That process tells when something comes.
+[[noreturn]] void AnswerOnceAndEnd(const std::filesystem::path &runDir, int told, int tells) {
+    const host::Listener listener(runDir / fmt::format("agent-{}.sock", getpid()), true);
+    pollfd waiting{listener.Fd(), POLLIN, 0};
+    poll(&waiting, 1, 20000);
+    const int connection = accept(listener.Fd(), nullptr, nullptr);
+    uint8_t request[1024];
+    host::FrameHeader header;
+    if (read(connection, request, sizeof request) < static_cast<ssize_t>(host::kHeaderSize)) {
+        _exit(1);
+    }
+    host::FrameParser parser(sizeof request);
+    parser.Feed(std::span(request).first(host::kHeaderSize));
+    header.kind = host::FrameKind::kReply;
+    header.id = parser.Take().header.id;
+    const auto reply = host::MakeFrame(header, {});
+    if (write(connection, reply.data(), reply.size()) != static_cast<ssize_t>(reply.size())) {
+        _exit(1);
+    }
+    if (fork() == 0) {
+        const ssize_t came = read(connection, request, sizeof request);
+        _exit(came > 0 && write(tells, "", 1) == 1 ? 0 : 1);
+    }
+    char go;
+    _exit(read(told, &go, 1) == 1 ? 0 : 1);
+}
+
+TEST(Pool, HasNoConnectionToAnAgentThatHasEnded) {
+    const kit::TempDir dir;
+    int go[2], came[2];
+    ASSERT_EQ(pipe(go), 0);
+    ASSERT_EQ(pipe2(came, O_NONBLOCK), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        AnswerOnceAndEnd(dir.Path(), go[0], came[1]);
+    }
+    host::Client client({.runDir = dir.Path()});
+    const auto pid = static_cast<uint32_t>(child);
+    const auto call = [&] { return client.Call("TarnSysdiagAgent", pid, "DBGCmdExecResultGet", 0, {}, 10s); };
+    ASSERT_TRUE(kit::Eventually([&] { return client.Knows("TarnSysdiagAgent", pid) && call().Ok(); }));
+    EXPECT_EQ(write(go[1], "", 1), 1);
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(call().Ok());
+    char none;
+    EXPECT_EQ(read(came[0], &none, 1), -1) << "what was meant for the agent went to another process";
+    client.Shutdown(); // ends the other process
+    for (const int fd : {go[0], go[1], came[0], came[1]}) {
+        close(fd);
+    }
 }
 
 // --- The catalogue

@@ -146,10 +146,10 @@ protected:
             pollfd waiting{listener->Fd(), POLLIN, 0};
             poll(&waiting, 1, -1);
             host::Descriptor connection(accept4(listener->Fd(), nullptr, nullptr, SOCK_CLOEXEC));
-            int error = 0;
             host::Descriptor toReal =
                 host::Transport(host::Directory(elsewhere_.Path()))
-                    .Connect("TarnSysdiagAgent", agent_->Pid(), std::chrono::steady_clock::now() + 5s, error);
+                    .Connect("TarnSysdiagAgent", agent_->Pid(), std::chrono::steady_clock::now() + 5s)
+                    .socket;
             if (connection && toReal) {
                 std::thread([this, seed, connection = std::move(connection), toReal = std::move(toReal)]() mutable {
                     Liar(std::move(connection), std::move(toReal), seed, *lies_).Run();
