@@ -26,7 +26,7 @@ Daemon &Daemon::Serving() {
 
 Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
                SampleSource &sampleSource, Peers &peers)
-    : options(std::move(theOptions)), clocks(theClocks), proc(theProc), agentLine(peers),
+    : options(std::move(theOptions)), clocks(theClocks), proc(theProc), agentLine(clocks, peers),
       sampler(sampleSource, clocks, options.sampleInterval),
       healthExaminer(clocks, proc, sampler, healthSettings, agentProbe,
                      {options.logDirectory, options.stateDirectory, options.runDirectory}),

@@ -68,7 +68,7 @@ public:
     LocalClock clock{clocks, store, options.zoneLink};
     Timers timers{clocks};
     AgentLine agentLine;
-    AgentRegistry registry{proc, timers};
+    AgentRegistry registry{proc, agentLine, timers};
     Courier courier{clocks, registry};
     Subscriptions subscriptions{proc};
     MessageRules messageRules{clocks, proc, store, registry, agentLine, courier};

@@ -8,8 +8,18 @@
 
 namespace tarnd {
 
+namespace {
+
+constexpr char kService[] = "TarnSysdiagAgent";
+
+} // namespace
+
 bool RemotePeers::HasAgent(uint32_t pid) {
-    return host::Client::Default().Knows("TarnSysdiagAgent", pid);
+    return host::Client::Default().Knows(kService, pid);
+}
+
+void RemotePeers::Forget(uint32_t pid) {
+    host::Client::Default().Forget(kService, pid);
 }
 
 bool RemotePeers::HasProcess(uint32_t pid) {

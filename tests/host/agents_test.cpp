@@ -3,10 +3,12 @@
 
 #include <latch>
 
+#include "host/daemon/agents/at_once.h"
 #include "host/daemon/agents/relay.h"
 #include "host/meaning/choices.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
+#include "tests/host/error_of.h"
 #include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 
@@ -36,8 +38,9 @@ protected:
     }
     int CodeOf(const IdlCallResult &result, uint32_t pid = kPid) { return ErrorOf(result, pid).code().value(); }
 
+    kit::ManualClocks clocks_;
     kit::FakePeers peers_;
-    tarnd::AgentLine line_{peers_};
+    tarnd::AgentLine line_{clocks_, peers_};
 };
 
 TEST_F(AgentLineTest, TellsWhyAnAgentDoesNotAnswer) {
@@ -73,6 +76,69 @@ TEST_F(AgentLineTest, SendsWithoutWaitingForAnAnswer) {
     EXPECT_THROW(line_.Tell(TarnSysdiagAgent_DBGCmdExecShow_oneway, kPid, request), std::system_error);
 }
 
+// ---- Agents that do not answer ----
+
+class SilentAgentsTest : public AgentLineTest {
+protected:
+    SilentAgentsTest() { peers_.agents = {kPid, kOther}; }
+
+    // Asks as often, each with so much time: how often the agent was called.
+    size_t Ask(const IdlCallResult &result, int times, uint32_t timeoutMs = 500,
+               tarnd::AgentLine::Whom whom = tarnd::AgentLine::Whom::kThatAnswer) {
+        peers_.calls.clear();
+        peers_.On(TARND_AGENT_METHOD(TarnGetSubscribe), [&](uint32_t, const auto &, auto &) { return result; });
+        for (int i = 0; i < times; ++i) {
+            kit::ErrorOf([&] {
+                line_.Ask(TARND_AGENT_METHOD(TarnGetSubscribe), kPid, Tarn_sys_diag_GetSubscribeInfoInput{}, timeoutMs,
+                          whom);
+            });
+        }
+        return peers_.calls.size();
+    }
+    bool IsSetAside() const { return line_.Silent().IsSetAside(kPid); }
+
+    static constexpr IdlCallResult kSilence{0, ETIMEDOUT}, kAnswer{0, 0};
+    static constexpr auto kAlsoSilent = tarnd::AgentLine::Whom::kAlsoSilent;
+};
+
+TEST_F(SilentAgentsTest, AreSetAsideAfterThreeCalls) {
+    EXPECT_EQ(Ask(kSilence, 2), 2);
+    EXPECT_EQ(Ask(kAnswer, 1), 1) << "an answer begins anew";
+    EXPECT_EQ(Ask(kSilence, 2), 2);
+    EXPECT_EQ(Ask({0, ECONNRESET}, 1), 1) << "any";
+    EXPECT_EQ(Ask(kSilence, 100), tarnd::SilentAgents::kMost) << "nobody waits for it again";
+    EXPECT_TRUE(IsSetAside());
+    EXPECT_EQ(ErrorOf(kSilence).code().value(), ETIMEDOUT);
+    EXPECT_STREQ(ErrorOf(kSilence).what(), "the agent of process 5000000 has not answered 3 times, and is set aside "
+                                           "until it does: Connection timed out");
+    EXPECT_EQ(CodeOf(kAnswer, kOther), 0) << "the others are asked";
+}
+
+TEST_F(SilentAgentsTest, AreNotThoseWhoseCallersDoNotWait) {
+    EXPECT_EQ(Ask(kSilence, 100, 399), 100);
+    EXPECT_FALSE(IsSetAside());
+}
+
+TEST_F(SilentAgentsTest, AreBackWhenTheyAnswerWhoeverAsks) {
+    Ask(kSilence, 3);
+    EXPECT_EQ(Ask(kAnswer, 1, 500, kAlsoSilent), 1);
+    EXPECT_FALSE(IsSetAside());
+    EXPECT_EQ(Ask(kAnswer, 1), 1);
+}
+
+TEST_F(SilentAgentsTest, AreAskedMoreAndMoreRarely) {
+    Ask(kSilence, 3);
+    for (const std::chrono::seconds rest : {2s, 4s, 8s, 16s, 32s, 60s, 60s}) {
+        clocks_.Advance(rest - 1ns);
+        EXPECT_FALSE(line_.Silent().IsDue(kPid)) << rest.count();
+        clocks_.Advance(1ns);
+        EXPECT_TRUE(line_.Silent().IsDue(kPid)) << rest.count();
+        EXPECT_EQ(Ask(kSilence, 1, 500, kAlsoSilent), 1);
+    }
+    line_.ForgetProcess(kPid);
+    EXPECT_FALSE(IsSetAside()) << "another may have its id";
+}
+
 // ---- The courier ----
 
 class CourierTest : public testing::Test {
@@ -80,7 +146,7 @@ protected:
     CourierTest() {
         for (const uint32_t pid : {kPid, kOther}) {
             proc_.SetThread(pid, kit::FakeProc::MakeTask(pid, "agent"));
-            registry_.Add(pid, "agent", 1);
+            registry_.Add({pid, 0, 0}, "agent", 1);
         }
     }
     tarnd::Courier::Errand Add(int number) {
@@ -99,8 +165,10 @@ protected:
 
     kit::ManualClocks clocks_;
     kit::FakeProc proc_;
+    kit::FakePeers peers_;
+    tarnd::AgentLine line_{clocks_, peers_};
     tarnd::Timers timers_{clocks_};
-    tarnd::AgentRegistry registry_{proc_, timers_};
+    tarnd::AgentRegistry registry_{proc_, line_, timers_};
     tarnd::Courier courier_{clocks_, registry_};
     kit::ManualDriver<tarnd::Courier> driver_{courier_, clocks_};
     Ran ran_;
@@ -264,7 +332,7 @@ TEST_F(AgentsTest, RegisterAndLeave) {
     EXPECT_EQ(Register(kPid, "first"), 0);
     EXPECT_EQ(Names(), Names_{"first"});
     EXPECT_EQ(daemon->registry.Agents().at(kPid).version, 1);
-    EXPECT_EQ(daemon->registry.Agents().at(kPid).processStart, 7);
+    EXPECT_EQ(daemon->registry.Agents().at(kPid).process, (tarnd::Registrant{kPid, 7, 0}));
     EXPECT_EQ(Register(kPid, "first", agent_announces::kLeaves), 0);
     EXPECT_TRUE(Names().empty());
     EXPECT_EQ(Register(kPid, "first", agent_announces::kLeaves), 0) << "again";
@@ -297,8 +365,105 @@ TEST_F(AgentsTest, AreDroppedWhenTheirProcessHasGone) {
     SetProcess(kOther, 8);
     Pass(999ms);
     EXPECT_EQ(Names().size(), 2);
+    peers.forgotten.clear();
     Pass(1ms);
     EXPECT_TRUE(Names().empty()) << "one has ended, another has the other's id";
+    EXPECT_NE(std::ranges::count(peers.forgotten, kPid), 0) << "their connections are not used again";
+    EXPECT_NE(std::ranges::count(peers.forgotten, kOther), 0);
+}
+
+// ---- Who may register ----
+
+class RegistrantsTest : public AgentsTest {
+protected:
+    static uint32_t RegisterAs(const TarnHost_Peer &peer, uint32_t named, uint32_t runs = agent_announces::kRuns) {
+        Tarn_sys_diag_AgentRegInfoInput request{};
+        host::CopyText(request.szAgentName, "agent");
+        request.uiValue1 = named;
+        request.ucValue3 = static_cast<uint8_t>(runs);
+        return kit::CallAs<Tarn_sys_diag_AgentRegInfoResult>(peer, AgentRegInfo, request)->uiValue1;
+    }
+    static uint32_t SubscribeAs(const TarnHost_Peer &peer, uint32_t named, uint32_t events) {
+        return kit::CallAs<Tarn_sys_diag_Result>(peer, TarnAppSubscribe, Tarn_sys_diag_AppSubscribeInput{named, events})
+            ->uiResult;
+    }
+    static TarnHost_Peer Of(uint32_t pid, uint32_t user = kUser) { return {pid, user, user, 0}; }
+    static constexpr uint32_t kUser = 1000;
+};
+
+TEST_F(RegistrantsTest, ActForThemselvesOnly) {
+    SetProcess(kPid, 7);
+    SetProcess(kOther, 7);
+    EXPECT_EQ(RegisterAs(Of(kPid), kPid), 0);
+    EXPECT_EQ(SubscribeAs(Of(kPid), kPid, event::kCpu), 0);
+    for (const uint32_t named : {kPid, 1U}) {
+        EXPECT_EQ(RegisterAs(Of(kOther), named), EPERM) << "another's name";
+        EXPECT_EQ(RegisterAs(Of(kOther), named, agent_announces::kLeaves), EPERM);
+        EXPECT_EQ(SubscribeAs(Of(kOther), named, 0), EPERM);
+    }
+    EXPECT_EQ(RegisterAs(Of(0), 0), EPERM) << "a process that has no number here";
+    ASSERT_EQ(daemon->registry.Agents().size(), 1);
+    EXPECT_EQ(daemon->registry.Agents().at(kPid).process, (tarnd::Registrant{kPid, 7, kUser}));
+    EXPECT_EQ(daemon->subscriptions.List().size(), 1);
+}
+
+TEST_F(RegistrantsTest, OfRootAndTheDaemonsUserMayActForOthers) {
+    SetProcess(kPid, 7);
+    for (const uint32_t user : {0U, static_cast<uint32_t>(geteuid())}) {
+        EXPECT_EQ(RegisterAs(Of(kOther, user), kPid), 0);
+        EXPECT_EQ(SubscribeAs(Of(kOther, user), kPid, event::kCpu), 0);
+        EXPECT_EQ(RegisterAs(Of(kOther, user), kPid, agent_announces::kLeaves), 0);
+    }
+}
+
+TEST_F(RegistrantsTest, ThatHaveEndedAreRefused) {
+    SetProcess(kPid, 7); // another's by now
+    Tarn_sys_diag_AgentRegInfoInput request{};
+    host::CopyText(request.szAgentName, "agent");
+    request.uiValue1 = kPid;
+    request.ucValue3 = 1;
+    auto context = std::make_unique<kit::ReplyContext>();
+    context->peer = Of(kPid);
+    context->peerLives = false;
+    const auto answer = kit::CallMethod<Tarn_sys_diag_AgentRegInfoResult>(AgentRegInfo, request, std::move(context));
+    EXPECT_EQ(answer->uiValue1, ESRCH);
+    EXPECT_EQ(answer.Reason(), "process 5000000, which called, has ended");
+    EXPECT_TRUE(daemon->registry.Agents().empty());
+}
+
+TEST_F(RegistrantsTest, MayNameThemselvesAsInTheirNamespace) {
+    SetProcess(kPid, 7);
+    proc.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{0}\nPid:\t{0}\nNStgid:\t{0}\t12\t1\n"
+                                                           "NSpid:\t{0}\t12\t1\nNSpgid:\t{0}\t12\t1\n",
+                                                           kPid));
+    EXPECT_EQ(RegisterAs(Of(kPid), 12), EPERM) << "what one between calls it";
+    EXPECT_EQ(RegisterAs(Of(kPid), 1), 0);
+    EXPECT_EQ(daemon->registry.Agents().count(kPid), 1) << "it is known as the daemon sees it";
+    EXPECT_EQ(RegisterAs(Of(kPid), kPid, agent_announces::kLeaves), 0);
+    EXPECT_TRUE(daemon->registry.Agents().empty());
+}
+
+TEST_F(RegistrantsTest, AreSoManyOfAUserAndInAll) {
+    const auto add = [this](uint32_t index, uint32_t user) {
+        SetProcess(kPid + index, 7);
+        return RegisterAs(Of(kPid + index, user), kPid + index);
+    };
+    uint32_t index = 0;
+    for (; index < tarnd::kMostRegistrants - tarnd::kRegistrantsReserved; ++index) {
+        const auto user = static_cast<uint32_t>(1000 + index / tarnd::kMostRegistrantsOfUser);
+        ASSERT_EQ(add(index, user), 0);
+        if (index + 1 == tarnd::kMostRegistrantsOfUser) {
+            EXPECT_EQ(add(5000, user), EBUSY) << "of the user";
+        }
+    }
+    EXPECT_EQ(add(5000, 2000), EBUSY) << "the rest is reserved";
+    EXPECT_EQ(add(0, 1000), 0) << "one of them again";
+    for (; index < tarnd::kMostRegistrants; ++index) {
+        ASSERT_EQ(add(index, 0), 0);
+    }
+    EXPECT_EQ(add(5000, 0), EBUSY);
+    EXPECT_EQ(daemon->registry.Agents().size(), tarnd::kMostRegistrants);
+    EXPECT_EQ(SubscribeAs(Of(kPid, 1000), kPid, event::kCpu), 0) << "subscriptions are counted by themselves";
 }
 
 // ---- What is asked of them ----
@@ -462,6 +627,49 @@ TEST_F(AgentsTest, ThatDoNotAnswerAreFound) {
     EXPECT_EQ(peers.calls[0].timeoutMs, 77) << "the limit is its time";
 }
 
+TEST_F(AgentsTest, ThatWereSilentAreBroughtWhatTheyMissedWhenTheyAnswer) {
+    AddAgent(kPid, "sleepy");
+    RunDue();
+    IdlCallResult result{0, ETIMEDOUT};
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo),
+             [&](uint32_t, const auto &, auto &) { return result; });
+    size_t updates = 0;
+    peers.On(TARND_AGENT_METHOD(GetMsgCtrlRule), [&](uint32_t, const auto &, auto &) {
+        updates += result.uiErrCode == 0 ? 1 : 0;
+        return result;
+    });
+    Pass(2s, 3);
+    EXPECT_FALSE(daemon->registry.Answers(kPid));
+    daemon->messageRules.Clear();
+    Pass(1s);
+    peers.calls.clear();
+    Pass(100ms, 10);
+    EXPECT_LE(peers.calls.size(), 1) << "it is left alone, but for a probe";
+    result = {0, 0};
+    Pass(4s);
+    EXPECT_TRUE(daemon->registry.Answers(kPid));
+    EXPECT_EQ(updates, 1);
+}
+
+// ---- Several at the same time ----
+
+TEST(AskAtOnce, AsksSeveralThoughOneHangs) {
+    std::latch others(8);
+    std::atomic<int> asked = 0;
+    tarnd::AskAtOnce("test", {1, 2, 3, 4, 5, 6, 7, 8, 9}, [&](uint32_t pid) {
+        if (pid == 1) {
+            others.wait(); // as one would that does not answer
+        } else {
+            others.count_down();
+        }
+        ++asked;
+        throw std::system_error(EIO, std::generic_category(), "stops no other");
+    });
+    EXPECT_EQ(asked, 9);
+    tarnd::AskAtOnce("test", {}, [&](uint32_t) { ++asked; });
+    EXPECT_EQ(asked, 9);
+}
+
 // ---- Who wants to be told ----
 
 class SubscriptionsTest : public AgentsTest {
@@ -514,9 +722,9 @@ TEST_F(SubscriptionsTest, EndWithTheirProcessAndWhenTheyAreForNothing) {
     EXPECT_EQ(Subscribe(kOther, event::kCpu), 0);
     SetProcess(kOther, 8);
     EXPECT_EQ(List()->uiSubscribeNum, 1) << "another process has its id";
-    EXPECT_EQ(daemon->subscriptions.Set(kPid, event::kMemory), event::kCpu);
+    EXPECT_EQ(daemon->subscriptions.Set({kPid, 7, 0}, event::kMemory), event::kCpu);
     SetProcess(kPid, 9);
-    EXPECT_EQ(daemon->subscriptions.Set(kPid, event::kCpu), 0) << "it was another's";
+    EXPECT_EQ(daemon->subscriptions.Set({kPid, 9, 0}, event::kCpu), 0) << "it was another's";
     EXPECT_EQ(Subscribe(kPid, 0), 0);
     EXPECT_EQ(List()->uiSubscribeNum, 0);
 }
@@ -527,7 +735,7 @@ TEST_F(SubscriptionsTest, OfAnAgentAreAskedOfIt) {
         reply.uiValue4 = request.uiValue3;
         return IdlCallResult{0, 0};
     });
-    EXPECT_EQ(List(0, 0, kPid)->uiValue4, kPid);
+    EXPECT_EQ(List(0, 0, kPid)->uiValue4, 0) << "what it calls itself only it knows";
     EXPECT_EQ(List(0, 0, kOther).Status(), ESRCH);
 }
 

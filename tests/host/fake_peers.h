@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -41,11 +42,13 @@ public:
 
     bool HasAgent(uint32_t pid) override { return agents.count(pid) != 0; }
     bool HasProcess(uint32_t pid) override { return ended.count(pid) == 0; }
+    void Forget(uint32_t pid) override { forgotten.push_back(pid); }
     std::string LastError() override { return lastError; }
     std::string Explanation() override { return explanation; }
 
     // Methods that a test says nothing of answer with nothing.
     IdlCallResult Call(const tarnd::PeerCall &call) override {
+        const std::lock_guard lock(mutex_); // several may be asked at the same time
         calls.push_back({call.pid, call.timeoutMs});
         const auto answer = answers_.find(call.proxy);
         return answer == answers_.end() ? IdlCallResult{0, 0} : answer->second(call);
@@ -58,10 +61,12 @@ public:
     std::vector<Called> calls;
     std::set<uint32_t> agents; // that have a socket
     std::set<uint32_t> ended;  // processes
+    std::vector<uint32_t> forgotten;
     std::string lastError = "as the test says";
     std::string explanation; // of every reply
 
 private:
+    std::mutex mutex_;
     std::map<void (*)(), std::function<IdlCallResult(const tarnd::PeerCall &)>> answers_;
 };
 

@@ -294,4 +294,24 @@ TEST_F(MessageRulesTest, AreCountedInAllAgentsThatAnswer) {
     EXPECT_EQ(Get(0, 0, kOther + 9).Status(), ESRCH) << "no agent there";
 }
 
+TEST_F(MessageRulesTest, AreCountedWithinOneTimeHoweverManyAgentsAreSilent) {
+    for (uint32_t i = 0; i < 200; ++i) {
+        AddAgent(kPid + i, "agent");
+        keepers_.hangs.insert(kPid + i);
+    }
+    EXPECT_EQ(Set(MakeRule(3, 1, rule_action::kDrop)), 0);
+    host::SteadyTime until;
+    peers.On(TARND_AGENT_METHOD(GetMsgCtrlRule), [&](uint32_t, const auto &, auto &) {
+        clocks.Advance(std::max<std::chrono::nanoseconds>(until - clocks.SteadyNow(), 0ns)); // all wait in vain
+        return IdlCallResult{0, ETIMEDOUT};
+    });
+    for (int i = 0; i < 3; ++i) {
+        peers.calls.clear();
+        until = clocks.SteadyNow() + std::chrono::milliseconds(tarnd::MessageRules::kCountingMs);
+        EXPECT_EQ(Get()->uiRuleNum, 1);
+        EXPECT_EQ(clocks.SteadyNow(), until);
+        EXPECT_LE(peers.calls.size(), 16) << "those that were asked when the time passed";
+    }
+}
+
 } // namespace

@@ -12,11 +12,29 @@ namespace {
 
 } // namespace
 
-void AgentLine::Call(const PeerCall &call) {
+// What a call that has no answer ended with says that the agent is silent; any other end, that it is not.
+void AgentLine::Note(const PeerCall &call, uint32_t error) {
+    if (error == ETIMEDOUT) {
+        silent_.NoteSilence(call.pid, std::chrono::milliseconds(call.timeoutMs));
+    } else {
+        silent_.Forget(call.pid);
+    }
+}
+
+void AgentLine::Call(const PeerCall &call, Whom whom) {
     if (!peers_.HasAgent(call.pid)) {
         FailWithoutAgent(call.pid);
     }
+    if (whom == Whom::kThatAnswer && silent_.IsSetAside(call.pid)) {
+        host::Fail(ETIMEDOUT,
+                   fmt::format("the agent of process {} has not answered {} times, and is set aside until it "
+                               "does",
+                               call.pid, SilentAgents::kMost));
+    }
     const IdlCallResult result = peers_.Call(call);
+    if (call.response != nullptr) { // else it is only that the socket took it
+        Note(call, result.uiErrCode);
+    }
     if (result.uiErrCode == ECONNREFUSED || result.uiErrCode == ENOENT) {
         FailWithoutAgent(call.pid); // killed, and its socket left behind; or gone since it was looked up
     }

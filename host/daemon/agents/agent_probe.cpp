@@ -24,8 +24,11 @@ AgentProbe::AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, cons
 }
 
 void AgentProbe::ProbeAll() {
-    if (settings_.IsOn(system_health_item::kAgents)) {
-        courier_.SendToAll(errand_);
+    const bool isOn = settings_.IsOn(system_health_item::kAgents);
+    for (const auto &[pid, agent] : registry_.Agents()) {
+        if (line_.Silent().IsSetAside(pid) ? line_.Silent().IsDue(pid) : isOn) {
+            courier_.Send(errand_, pid);
+        }
     }
 }
 
@@ -33,11 +36,15 @@ void AgentProbe::ProbeAll() {
 void AgentProbe::Probe(uint32_t pid) {
     AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, health_level::kGood, {}};
     const host::SteadyTime start = clocks_.SteadyNow();
+    const bool wasSetAside = line_.Silent().IsSetAside(pid);
     try {
         Ask(pid, health);
     } catch (const std::system_error &error) {
         health.answers = error.code().value() == ENOSYS; // an agent that has nothing to say of it
         health.complaint = health.answers ? "" : error.what();
+    }
+    if (wasSetAside && !line_.Silent().IsSetAside(pid)) {
+        courier_.SendEach(pid); // what it has missed
     }
     const auto took = std::chrono::ceil<std::chrono::milliseconds>(clocks_.SteadyNow() - start);
     health.answerMs = static_cast<uint32_t>(took.count());
@@ -52,7 +59,7 @@ void AgentProbe::Probe(uint32_t pid) {
 
 void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
     const auto reply = line_.Ask(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), pid, Tarn_sys_diag_None{},
-                                 settings_.LimitOf(system_health_item::kAgents));
+                                 settings_.LimitOf(system_health_item::kAgents), AgentLine::Whom::kAlsoSilent);
     const auto &[worst, on, itemNum, items] = reply->record;
     health.worstLevel = worst;
     for (uint32_t i = 0; i < itemNum && health.complaint.empty(); ++i) {

@@ -28,7 +28,7 @@ struct AgentHealth {
 
 class AgentProbe {
 public:
-    // Has all agents asked from time to time.
+    // Has all agents asked from time to time, those that are set aside more and more rarely.
     AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, const HealthSettings &settings, AgentLine &line,
                Courier &courier, Timers &timers);
 

@@ -4,25 +4,33 @@
 
 namespace tarnd {
 
-AgentRegistry::AgentRegistry(const host::procfs::Procfs &proc, Timers &timers) : proc_(proc) {
+AgentRegistry::AgentRegistry(const host::procfs::Procfs &proc, AgentLine &line, Timers &timers)
+    : proc_(proc), line_(line) {
     constexpr std::chrono::seconds kPeriod{1};
     const auto drop = [](void *self) { static_cast<AgentRegistry *>(self)->DropEnded(); };
     timers.Every(timers.Add("agents", drop, this), kPeriod);
 }
 
-bool AgentRegistry::Add(uint32_t pid, const std::string &name, uint32_t version) {
-    const Agent agent{name, version, proc_.ReadProcess(pid).startTicks};
-    const host::MutexLock lock(mutex_);
-    const auto [known, added] = agents_.try_emplace(pid, agent);
-    const bool changed = added || known->second != agent;
-    known->second = agent;
-    if (changed) {
-        host::Log().info("agent {} of process {} has registered", name, pid);
+bool AgentRegistry::Add(const Registrant &process, const std::string &name, uint32_t version) {
+    const Agent agent{name, version, process};
+    bool isOther = false;
+    {
+        const host::MutexLock lock(mutex_);
+        RequireRoom(agents_, process);
+        const auto [known, added] = agents_.try_emplace(process.pid, agent);
+        if (!added && known->second == agent) {
+            return false;
+        }
+        isOther = known->second.process.start != process.start;
+        known->second = agent;
     }
-    return changed;
+    isOther ? line_.ForgetProcess(process.pid) : line_.Forget(process.pid);
+    host::Log().info("agent {} of process {} has registered", name, process.pid);
+    return true;
 }
 
 bool AgentRegistry::Remove(uint32_t pid) {
+    line_.Forget(pid);
     const host::MutexLock lock(mutex_);
     return agents_.erase(pid) != 0;
 }
@@ -32,9 +40,20 @@ std::map<uint32_t, Agent> AgentRegistry::Agents() const {
     return agents_;
 }
 
+std::vector<uint32_t> AgentRegistry::ThatAnswer() const {
+    std::vector<uint32_t> pids;
+    for (const auto &[pid, agent] : Agents()) {
+        if (Answers(pid)) {
+            pids.push_back(pid);
+        }
+    }
+    return pids;
+}
+
 void AgentRegistry::DropEnded() {
     for (const auto &[pid, agent] : Agents()) {
-        if (!proc_.Runs(pid, agent.processStart) && Remove(pid)) {
+        if (!proc_.Runs(pid, agent.process.start) && Remove(pid)) {
+            line_.ForgetProcess(pid);
             host::Log().info("agent {} of process {} has gone with it", agent.name, pid);
         }
     }

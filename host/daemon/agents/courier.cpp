@@ -69,7 +69,7 @@ void Courier::RunDue() {
     const uint32_t error = host::Attempt("courier", [&run, pid = pid] { run(pid); });
     lock.Lock();
     visited_.erase(pid);
-    if (!IsFinal(error)) {
+    if (!IsFinal(error) && registry_.Answers(pid)) {
         due_.try_emplace({pid, errand}, clocks_.SteadyNow() + kRetryAfter);
     }
     TellNextOf(pid);

@@ -26,7 +26,8 @@ public:
 
     // What there is to do with the agent of a process. It finds out by itself what the agent has to be told, so one
     // that was asked for twice is run once. May throw; it is then run again later, unless the agent is gone or does not
-    // know the method. An agent has one at a time; those of several agents run at the same time.
+    // know the method, or is set aside: all are sent to one that is back. An agent has one at a time; those of several
+    // agents run at the same time.
     using Errand = size_t;
     Errand Add(std::function<void(uint32_t pid)> run);
 

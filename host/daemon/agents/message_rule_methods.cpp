@@ -26,7 +26,7 @@ void ListRules(const Tarn_sys_diag_GetMsgRuleInfoInput &request, void *replyCtx,
     const std::vector<MessageRules::Rule> rules = Choose(request, now);
     std::map<uint32_t, MessageRules::Matches> matches;
     if (!rules.empty()) {
-        matches = messageRules.CountMatches([&] { return RelayTimeout(replyCtx); });
+        matches = messageRules.CountMatches(RelayTimeout(replyCtx));
     }
     std::vector<Tarn_sys_diag_MsgRuleInfo> infos;
     for (const MessageRules::Rule &rule : rules) {
@@ -53,7 +53,7 @@ uint32_t ClearMsgCtrlRuleTarnd(const Tarn_sys_diag_None *request, void *replyCtx
 uint32_t TarnGetMsgRuleInfoTarnd(const Tarn_sys_diag_GetMsgRuleInfoInput *request, void *replyCtx) {
     if (const auto &[rule, skip, process] = *request; process != 0) {
         return tarnd::Relay(host::methods::TarnGetMsgRuleInfoTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(GetMsgCtrlRule), process, *request);
+                            TARND_AGENT_METHOD(GetMsgCtrlRule), process, {rule, skip, tarnd::kAgentsOwn});
     }
     return host::AnswerWithResult(host::methods::TarnGetMsgRuleInfoTarnd, request, replyCtx,
                                   [&](auto &reply) { tarnd::ListRules(*request, replyCtx, reply); });

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "host/daemon/agents/at_once.h"
 #include "host/meaning/methods.h"
 #include "host/osal/attempt.h"
 #include "host/osal/error.h"
@@ -176,7 +177,7 @@ std::vector<MessageRules::Content> RulesIn(const Tarn_sys_diag_GetMsgRuleInfoRes
 } // namespace
 
 MessageRules::AgentsRules MessageRules::AskFor(uint32_t pid, uint32_t timeoutMs) {
-    const Tarn_sys_diag_GetMsgRuleInfoInput all{0, 0, pid};
+    const Tarn_sys_diag_GetMsgRuleInfoInput all{0, 0, kAgentsOwn};
     AgentsRules reply = line_.Ask(TARND_AGENT_METHOD(GetMsgCtrlRule), pid, all, timeoutMs);
     RequireResult("GetMsgCtrlRule", pid, *reply);
     return reply;
@@ -189,6 +190,7 @@ std::map<uint32_t, MessageRules::Content> MessageRules::For(uint32_t pid) {
     for (const Rule &rule : List(now)) {
         if (rule.content.process == 0 || rule.content.process == pid) {
             Content content = rule.content;
+            content.process = kAgentsOwn;
             content.lasts -= content.lasts == 0 ? 0 : AgeOf(rule, now); // which is less: it has not ended
             rules[content.number] = content;
         }
@@ -219,19 +221,24 @@ void MessageRules::BringTo(uint32_t pid) {
     }
 }
 
-std::map<uint32_t, MessageRules::Matches> MessageRules::CountMatches(const std::function<uint32_t()> &timeLeftMs) {
+std::map<uint32_t, MessageRules::Matches> MessageRules::CountMatches(uint32_t timeLeftMs) {
+    const host::SteadyTime until = clocks_.SteadyNow() + std::chrono::milliseconds(std::min(timeLeftMs, kCountingMs));
+    host::Mutex mutex;
     std::map<uint32_t, Matches> sums;
-    for (const auto &[pid, agent] : registry_.Agents()) {
-        host::Attempt("GetMsgCtrlRule", [&, pid = pid] {
-            const AgentsRules reply = AskFor(pid, std::min(timeLeftMs(), Courier::kTimeoutMs / 2));
-            for (uint32_t i = 0; i < reply->record.uiRuleNum; ++i) {
-                const Tarn_sys_diag_MsgRuleInfo &info = reply->record.pstRule[i];
-                Matches &sum = sums[host::meaning::FromRecord(info.stRule).number];
-                sum.matched += info.ullMatchNum;
-                sum.dropped += info.ullDropNum;
-            }
-        });
-    }
+    AskAtOnce("GetMsgCtrlRule", registry_.ThatAnswer(), [&](uint32_t pid) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - clocks_.SteadyNow());
+        if (left.count() <= 0) {
+            return;
+        }
+        const AgentsRules reply = AskFor(pid, static_cast<uint32_t>(left.count()));
+        const host::MutexLock lock(mutex);
+        for (uint32_t i = 0; i < reply->record.uiRuleNum; ++i) {
+            const Tarn_sys_diag_MsgRuleInfo &info = reply->record.pstRule[i];
+            Matches &sum = sums[host::meaning::FromRecord(info.stRule).number];
+            sum.matched += info.ullMatchNum;
+            sum.dropped += info.ullDropNum;
+        }
+    });
     return sums;
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -42,13 +41,14 @@ public:
 
     static uint32_t AgeOf(const Rule &rule, host::WallTime now); // in seconds
 
-    // What the rules did, by number: the sum over the agents that answer in time. An agent has a part of what is left
-    // then.
+    // What the rules did, by number: the sum over the agents that answer in time. All are asked at the same time, and
+    // together have a part of what is left then.
     struct Matches {
         uint64_t matched = 0;
         uint64_t dropped = 0;
     };
-    std::map<uint32_t, Matches> CountMatches(const std::function<uint32_t()> &timeLeftMs);
+    static constexpr uint32_t kCountingMs = 500; // at most
+    std::map<uint32_t, Matches> CountMatches(uint32_t timeLeftMs);
 
 private:
     using AgentsRules = std::shared_ptr<AgentReply<Tarn_sys_diag_GetMsgRuleInfoResult>>;

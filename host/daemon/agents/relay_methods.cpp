@@ -76,7 +76,7 @@ uint32_t GetMemDmgInfoTarnd(const Tarn_sys_diag_MemDmgInfoInTarnd *request, void
 uint32_t TarnGetDlpCfgFromAgent(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {
     const auto &[thread, withLoops, process] = *request;
     return tarnd::Relay(host::methods::TarnGetDlpCfgFromAgent, request, replyCtx, TARND_AGENT_METHOD(GetDeadLoopCfg),
-                        process, *request);
+                        process, {thread, withLoops, tarnd::kAgentsOwn});
 }
 
 uint32_t SetNoxTimerDebugSwitchByTarnd(const Tarn_sys_diag_SetNoxTimerDebugSwitchTarndInput *request, void *replyCtx) {

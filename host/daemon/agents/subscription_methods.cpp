@@ -17,10 +17,10 @@ Tarn_sys_diag_SubscribeInfo Describe(const Subscriptions::Subscription &subscrip
     Tarn_sys_diag_SubscribeInfo info{};
     auto &[name, eventNames, events, process] = info;
     host::procfs::SkipEnded(
-        [&, &to = name] { host::CopyText(to, Daemon::Serving().proc.ReadProcess(subscription.pid).name); });
+        [&, &to = name] { host::CopyText(to, Daemon::Serving().proc.ReadProcess(subscription.process.pid).name); });
     host::CopyText(eventNames, host::meaning::NamesInSum(subscription.events, host::meaning::event::kAll));
     events = subscription.events;
-    process = subscription.pid;
+    process = subscription.process.pid;
     return info;
 }
 
@@ -42,11 +42,13 @@ void ListSubscriptions(const Tarn_sys_diag_GetSubscribeInfoInput &request,
     process = static_cast<uint32_t>(getpid());
 }
 
-void Subscribe(uint32_t pid, uint32_t events) {
+void Subscribe(const Tarn_sys_diag_AppSubscribeInput &request, void *replyCtx) {
+    const auto &[named, events] = request;
     Daemon &daemon = Daemon::Serving();
-    const uint32_t before = daemon.subscriptions.Set(pid, events);
-    daemon.resourceLevels.Tell(pid);
-    host::Log().info("process {} subscribes to events {:#x}, before to {:#x}", pid, events, before);
+    const Registrant process = RegistrantOf(daemon.proc, named, replyCtx);
+    const uint32_t before = daemon.subscriptions.Set(process, events);
+    daemon.resourceLevels.Tell(process.pid);
+    host::Log().info("process {} subscribes to events {:#x}, before to {:#x}", process.pid, events, before);
 }
 
 } // namespace
@@ -54,16 +56,14 @@ void Subscribe(uint32_t pid, uint32_t events) {
 } // namespace tarnd
 
 uint32_t TarnAppSubscribe(const Tarn_sys_diag_AppSubscribeInput *request, void *replyCtx) {
-    return host::AnswerResult(host::methods::TarnAppSubscribe, request, replyCtx, [&] {
-        const auto &[process, events] = *request;
-        tarnd::Subscribe(process, events);
-    });
+    return host::AnswerResult(host::methods::TarnAppSubscribe, request, replyCtx,
+                              [&] { tarnd::Subscribe(*request, replyCtx); });
 }
 
 uint32_t TarnGetSubscribeInfoTarnd(const Tarn_sys_diag_GetSubscribeInfoInput *request, void *replyCtx) {
     if (const auto &[events, skip, process] = *request; process != 0) {
         return tarnd::Relay(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(TarnGetSubscribe), process, *request);
+                            TARND_AGENT_METHOD(TarnGetSubscribe), process, {events, skip, tarnd::kAgentsOwn});
     }
     return host::Answer(host::methods::TarnGetSubscribeInfoTarnd, request, replyCtx,
                         [&](auto &reply) { tarnd::ListSubscriptions(*request, reply); });

@@ -4,25 +4,30 @@
 
 namespace tarnd {
 
-uint32_t Subscriptions::Set(uint32_t pid, uint32_t events) {
-    const uint64_t start = proc_.ReadProcess(pid).startTicks;
+uint32_t Subscriptions::Set(const Registrant &process, uint32_t events) {
     const host::MutexLock lock(mutex_);
-    const Subscription before = std::exchange(subscriptions_[pid], {pid, events, start});
+    DropEnded();
+    RequireRoom(subscriptions_, process);
+    const Subscription before = std::exchange(subscriptions_[process.pid], {process, events});
     if (events == 0) {
-        subscriptions_.erase(pid);
+        subscriptions_.erase(process.pid);
     }
-    return before.processStart == start ? before.events : 0;
+    return before.process == process ? before.events : 0;
 }
 
 std::vector<Subscriptions::Subscription> Subscriptions::List() {
     const host::MutexLock lock(mutex_);
-    std::erase_if(subscriptions_,
-                  [this](const auto &entry) { return !proc_.Runs(entry.first, entry.second.processStart); });
+    DropEnded();
     std::vector<Subscription> list;
     for (const auto &[pid, subscription] : subscriptions_) {
         list.push_back(subscription);
     }
     return list;
+}
+
+void Subscriptions::DropEnded() {
+    std::erase_if(subscriptions_,
+                  [this](const auto &entry) { return !proc_.Runs(entry.first, entry.second.process.start); });
 }
 
 } // namespace tarnd

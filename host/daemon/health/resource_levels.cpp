@@ -75,7 +75,7 @@ void ResourceLevels::Look() {
     }
     if (changed) {
         for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
-            Tell(subscription.pid);
+            Tell(subscription.process.pid);
         }
     }
 }
@@ -110,7 +110,7 @@ bool ResourceLevels::Note(size_t index, uint32_t use) {
 
 void ResourceLevels::BringTo(uint32_t pid) {
     for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
-        if (subscription.pid != pid) {
+        if (subscription.process.pid != pid) {
             continue;
         }
         const auto infos = [this] {

@@ -7,10 +7,10 @@ namespace tarnd {
 
 namespace {
 
-std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
+std::string UnitsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
     const auto answer =
-        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), request.uiPid, request, timeoutMs);
-    answer->RequireResult(fmt::format("the agent of process {}", request.uiPid));
+        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemUnitInfo), pid, request, timeoutMs);
+    answer->RequireResult(fmt::format("the agent of process {}", pid));
     const Tarn_sys_diag_GetAppMemUnitInfoOutput &units = answer->record;
     std::string text =
         fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", "ID", "UNIT", "TOTAL bytes", "USED bytes", "PEAK bytes");
@@ -30,9 +30,9 @@ std::string UnitsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t 
     return text;
 }
 
-std::string DetailsText(const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
-    const auto answer = Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo),
-                                                        request.uiPid, request, timeoutMs);
+std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
+    const auto answer =
+        Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), pid, request, timeoutMs);
     return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
 }
 
@@ -44,10 +44,11 @@ uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx
     return host::Answer(host::methods::AppMemInfo, request, replyCtx, [&](auto &reply) {
         const auto &[process, view] = *request;
         Tarn_sys_diag_GetAppMemInfoInput query{};
-        query.uiPid = process;
+        query.uiPid = tarnd::kAgentsOwn;
         query.uiQueryType = view;
         const uint32_t timeoutMs = tarnd::RelayTimeout(replyCtx);
-        reply.szInfo = reply.Keep(view == host::meaning::app_memory::kUnits ? tarnd::UnitsText(query, timeoutMs)
-                                                                            : tarnd::DetailsText(query, timeoutMs));
+        reply.szInfo =
+            reply.Keep(view == host::meaning::app_memory::kUnits ? tarnd::UnitsText(process, query, timeoutMs)
+                                                                 : tarnd::DetailsText(process, query, timeoutMs));
     });
 }

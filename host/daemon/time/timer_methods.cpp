@@ -63,7 +63,7 @@ uint32_t TarnGetTimerInfoTarnd(const Tarn_sys_diag_GetTimerInput *request, void 
     const auto &[timer, skip, most, process] = *request;
     if (process != 0 && process != static_cast<uint32_t>(getpid())) {
         return tarnd::Relay(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(TarnAgentGetTimerInfo), process, *request);
+                            TARND_AGENT_METHOD(TarnAgentGetTimerInfo), process, {timer, skip, most, tarnd::kAgentsOwn});
     }
     return host::Answer(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
                         [&](auto &reply) { tarnd::ListTimers(*request, reply); });
