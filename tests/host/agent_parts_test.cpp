@@ -23,6 +23,7 @@
 #include "host/meaning/choices.h"
 #include "host/osal/text.h"
 #include "tests/host/error_of.h"
+#include "tests/host/eventually.h"
 #include "tests/host/manual_clocks.h"
 #include "tests/host/refusal.h"
 #include "tests/host/temp_dir.h"
@@ -346,9 +347,7 @@ TEST_F(AppTimersTest, WaitForTheirFunctionWhenTheyAreDeleted) {
     begun.get_future().wait();
     EXPECT_EQ(timers_.Delete(other), 0) << "doesn't wait for another's";
     std::thread releaser([&] {
-        while (!timers_.Get(id).empty()) {
-            std::this_thread::yield();
-        }
+        kit::Await("the timer is gone from the list", [&] { return timers_.Get(id).empty(); });
         mayEnd.set_value();
     });
     EXPECT_EQ(timers_.Delete(id), 0);

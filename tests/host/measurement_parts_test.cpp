@@ -14,6 +14,7 @@
 #include "host/meaning/choices.h"
 #include "host/store/files.h"
 #include "server/tarnd.h"
+#include "tests/host/eventually.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/nobody.h"
 #include "tests/host/simulated_daemon.h"
@@ -270,8 +271,9 @@ protected:
 
     // Whether there was one since the last time that this was asked.
     bool Measured() {
-        while (Result()->uiValue1 == measurement_state::kRuns) {
-            std::this_thread::yield();
+        const auto done = [this] { return Result()->uiValue1 != measurement_state::kRuns; };
+        if (!kit::Await("the measurement has ended", done)) {
+            return false;
         }
         const bool measured = Result()->uiValue1 != measurement_state::kNone;
         if (measured) {
@@ -282,7 +284,7 @@ protected:
     // How many there are while time passes.
     int Measurements(std::chrono::nanoseconds step, int steps) {
         int number = 0;
-        for (int i = 0; i < steps; ++i) {
+        for (int i = 0; i < steps && !HasFailure(); ++i) {
             Pass(step);
             number += Measured() ? 1 : 0;
         }
