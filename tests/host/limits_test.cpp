@@ -13,52 +13,24 @@ TARN_UNIT()
 #include <map>
 
 #include "client/agent.h"
-#include "host/osal/accounting.h"
-#include "host/osal/log.h"
-#include "host/runtime/reply.h"
-#include "host/runtime/server.h"
 #include "host/runtime/status.h"
-#include "kit.h"
-#include "manual_clocks.h"
 #include "peer.h"
-#include "served.h"
-#include "server/tarnd.h"
+#include "served_test.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using peer::OnlineRequest;
 using peer::RawPeer;
-constexpr const char *kTarnd = "TarnSysdiagTarnd";
+using served::kTarnd;
 
-class LimitsTest : public testing::Test {
+class LimitsTest : public served::ServerTest {
 protected:
-    LimitsTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
-        host::Log().set_level(host::LogLevel::kOff);
-        served::On("PidIsOnline", [](const void *, void *replyCtx) {
-            Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
-            return TarnHost_Reply(replyCtx, &online);
-        });
-    }
-
-    ~LimitsTest() override {
-        go_ = true;
-        client_.Shutdown();
-        host::Client::Default().Shutdown();
-        server_.reset();
-        served::Reset();
-        EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
-        host::Log().set_level(host::LogLevel::kInfo);
-    }
+    ~LimitsTest() override { go_ = true; }
 
     void Serve(const host::Limits &limits, unsigned workers = 2) {
-        server_ = std::make_unique<host::Server>(
-            host::ServerOptions{.runDir = dir_.Path(), .workers = workers, .limits = limits, .clocks = &clocks_});
-        server_->AddService(__module_spec_TarnSysdiagTarnd);
-        server_->AddService(served_module_spec_TarnSysdiagAgent);
+        MakeServer({.workers = workers, .limits = limits});
         server_->Start();
-        client_.Configure({.runDir = dir_.Path()});
-        host::Client::Default().Configure({.runDir = dir_.Path()});
     }
 
     RawPeer NewPeer() const { return RawPeer(host::Directory(dir_.Path()).Socket(kTarnd, 0)); }
@@ -146,13 +118,8 @@ protected:
         server_->RunDue();
     }
 
-    kit::TempDir dir_;
-    kit::ManualClocks clocks_;
-    host::Client client_;
-    std::unique_ptr<host::Server> server_;
     std::atomic<int> blocked_ = 0;
     std::atomic<bool> go_ = false;
-    const uint64_t liveBefore_;
 };
 
 // --- Connections

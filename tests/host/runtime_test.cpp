@@ -21,19 +21,13 @@ TARN_UNIT()
 
 #include "client/agent.h"
 #include "host/osal/accounting.h"
-#include "host/osal/log.h"
 #include "host/runtime/catalogue.h"
 #include "host/runtime/pool.h"
 #include "host/runtime/protocol.h"
-#include "host/runtime/reply.h"
-#include "host/runtime/server.h"
 #include "host/runtime/status.h"
 #include "host/runtime/transport.h"
-#include "kit.h"
-#include "manual_clocks.h"
 #include "peer.h"
-#include "served.h"
-#include "server/tarnd.h"
+#include "served_test.h"
 #include "server/tarnd_agent.h"
 
 namespace {
@@ -41,8 +35,8 @@ namespace {
 using namespace std::chrono_literals;
 using peer::OnlineRequest;
 using peer::RawPeer;
+using served::kTarnd;
 using Online = Tarn_sys_diag_PidIsOnlineOuput;
-constexpr const char *kTarnd = "TarnSysdiagTarnd";
 
 template <class Record>
 const Record &As(const void *request) {
@@ -54,33 +48,17 @@ uint32_t AnswerOnline(const void *request, void *replyCtx) {
     return TarnHost_Reply(replyCtx, &online);
 }
 
-// A run directory with a server of all services, and a client beside the proxies' own.
-class RuntimeTest : public testing::Test {
+// A server of all services.
+class RuntimeTest : public served::ServerTest {
 protected:
-    RuntimeTest() : liveBefore_(host::MemoryTotal().liveBlocks) {
-        host::Log().set_level(host::LogLevel::kOff); // refusals are what most tests here are about
+    RuntimeTest() {
         served::On("PidIsOnline", AnswerOnline);
-        host::Client::Default().Configure({.runDir = dir_.Path()});
-        client_.Configure({.runDir = dir_.Path()});
         StartServer();
     }
 
-    ~RuntimeTest() override {
-        client_.Shutdown();
-        host::Client::Default().Shutdown();
-        server_.reset();
-        served::Reset();
-        EXPECT_EQ(host::MemoryTotal().liveBlocks, liveBefore_);
-        host::Log().set_level(host::LogLevel::kInfo);
-    }
-
     void StartServer(host::Limits limits = {}, std::chrono::milliseconds stopBound = 20s, unsigned workers = 4) {
-        server_.reset();
-        server_ = std::make_unique<host::Server>(host::ServerOptions{
-            .runDir = dir_.Path(), .workers = workers, .limits = limits, .stopBound = stopBound, .clocks = &clocks_});
-        server_->AddService(__module_spec_TarnSysdiagTarnd);
+        MakeServer({.workers = workers, .limits = limits, .stopBound = stopBound});
         server_->AddService(__module_spec_TarnSysdiagTarndAgent);
-        server_->AddService(served_module_spec_TarnSysdiagAgent);
         server_->Start();
     }
 
@@ -97,12 +75,6 @@ protected:
     std::filesystem::path SocketOf(const char *service) const {
         return host::Directory(dir_.Path()).Socket(service, 0);
     }
-
-    kit::TempDir dir_;
-    kit::ManualClocks clocks_; // the server's
-    host::Client client_;
-    std::unique_ptr<host::Server> server_;
-    const uint64_t liveBefore_;
 };
 
 // --- Exchanges of every shape
@@ -417,9 +389,7 @@ TEST_F(RuntimeTest, AsynchronousCallsRaceWithShutdown) {
         });
     }
     for (int i = 1; i <= 5; ++i) {
-        while (started < 100 * i) {
-            std::this_thread::yield();
-        }
+        kit::Await("the calls have started", [&] { return started >= 100 * i; });
         client_.Shutdown();
     }
     for (std::thread &thread : threads) {

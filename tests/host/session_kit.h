@@ -9,22 +9,14 @@
 
 #include <sstream>
 
-#include "host/osal/log.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server_core.h"
 #include "host/runtime/session.h"
-#include "kit.h"
-#include "manual_clocks.h"
 #include "peer.h"
-#include "served.h"
-#include "server/tarnd.h"
+#include "served_test.h"
 
 namespace kit {
 
-inline uint32_t AnswerOnline(void *replyCtx) {
-    Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
-    return TarnHost_Reply(replyCtx, &online);
-}
+using served::AnswerOnline;
 
 // A client that the server has accepted.
 struct Client {
@@ -41,20 +33,13 @@ struct Client {
     peer::RawPeer peer;
 };
 
-class SessionTest : public testing::Test {
+class SessionTest : public served::ServedTest {
 protected:
-    SessionTest() {
-        host::Log().set_level(host::LogLevel::kOff);
-        served::On("PidIsOnline", [](const void *, void *replyCtx) { return AnswerOnline(replyCtx); });
-    }
-
     ~SessionTest() override {
         for (const auto &session : sessions_) {
             session->Close();
         }
         RunTasks();
-        served::Reset();
-        host::Log().set_level(host::LogLevel::kInfo);
     }
 
     void Serve(const host::Limits &limits = {}, unsigned workers = 1, const std::string &policy = {}) {
@@ -103,8 +88,6 @@ protected:
 
     static bool HasEnded(const Client &client) { return !client.session->Send({}); }
 
-    kit::TempDir dir_;
-    kit::ManualClocks clocks_;
     host::Loop loop_{clocks_};
     std::shared_ptr<host::ServerCore> core_;
     std::vector<std::shared_ptr<host::Session>> sessions_;
