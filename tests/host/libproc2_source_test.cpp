@@ -3,7 +3,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <set>
+#include <sstream>
+
 #include <gtest/gtest.h>
+
+#include "tests/host/eventually.h"
 
 namespace {
 
@@ -39,6 +46,55 @@ TEST(LiveSamples, ShowThisProcessAndThisMachine) {
 
     const tarnd::Sample next = source.Read(&sample);
     EXPECT_GE(next.system.contextSwitches, sample.system.contextSwitches);
+}
+
+// What the members of a sample must be where nothing changes meanwhile.
+std::vector<uint64_t> FiguresNow(const host::procfs::Procfs &proc) {
+    std::istringstream stat(proc.Read("stat"));
+    std::array<uint64_t, 8> cpu{};
+    std::string name;
+    stat >> name;
+    for (uint64_t &ticks : cpu) {
+        stat >> ticks;
+    }
+    const std::string memory = proc.Read("meminfo");
+    std::vector<uint64_t> figures{cpu[0] + cpu[1], cpu[2], cpu[5] + cpu[6], cpu[7], cpu[3], cpu[4]};
+    for (const char *key : {"MemAvailable", "MemFree", "Buffers", "Cached", "Slab", "Shmem", "SwapTotal", "SwapFree"}) {
+        figures.push_back(host::procfs::FieldOf(memory, key));
+    }
+    figures.push_back(proc.ReadProcess(static_cast<uint32_t>(getpid())).residentKb);
+    return figures;
+}
+
+std::vector<uint64_t> FiguresOf(const tarnd::Sample &sample) {
+    const tarnd::CpuTicks &cpu = sample.system.cpu;
+    const tarnd::MemorySample &memory = sample.system.memory;
+    return {cpu.user,         cpu.system,      cpu.interrupt,
+            cpu.stolen,       cpu.idle,        cpu.ioWait,
+            memory.available, memory.free,     memory.buffers,
+            memory.cached,    memory.slab,     memory.shared,
+            memory.swapTotal, memory.swapFree, sample.Find(static_cast<uint32_t>(getpid()))->rssKb};
+}
+
+TEST(LiveSamples, HaveEachFigureInItsMember) {
+    const host::procfs::Procfs proc;
+    tarnd::Libproc2Source source(proc);
+    std::set<size_t> seen; // those that were once between what they were before and after
+    kit::Await("each figure is as /proc tells it", [&] {
+        const std::vector<uint64_t> before = FiguresNow(proc), figures = FiguresOf(source.Read(nullptr)),
+                                    after = FiguresNow(proc);
+        for (size_t i = 0; i < figures.size(); ++i) {
+            const auto [least, most] = std::minmax(before[i], after[i]);
+            if (least <= figures[i] && figures[i] <= most) {
+                seen.insert(i);
+            }
+        }
+        return seen.size() == figures.size();
+    });
+    for (const tarnd::CpuSample &cpu : source.Read(nullptr).cpus) {
+        const std::string name = "cpu" + std::to_string(cpu.id);
+        EXPECT_NE(proc.Read("stat").find("\n" + name + " "), std::string::npos) << name;
+    }
 }
 
 } // namespace

@@ -42,6 +42,38 @@ TEST(Rates, AreNeverLessThanNothingNorMoreThanAll) {
     EXPECT_EQ(tarnd::ThreadPermille({7, 7, {}, 3'000'000'000}, 1s), 1000);
 }
 
+TEST(Rates, AreRoundedAndCountAllThatKeepsACpuBusy) {
+    tarnd::CpuTicks to{.user = 1, .system = 2, .interrupt = 4, .stolen = 8, .idle = 16, .ioWait = 32};
+    EXPECT_EQ(to.Busy(), 15);
+    EXPECT_EQ(to.Total(), 63);
+    EXPECT_EQ(tarnd::BusyPermille({}, to), 238) << "of 238.1";
+    to.idle += 1;
+    EXPECT_EQ(tarnd::BusyPermille({}, to), 234) << "of 234.4";
+    EXPECT_EQ(tarnd::Permille(2, 3), 667);
+    EXPECT_EQ(tarnd::Permille(1, 0), 0);
+}
+
+TEST(Rates, AreNotToldOfThreadsThatCouldNotBeRead) {
+    const tarnd::ProcessSample read = MakeProcess(1, 10, {{7, {1000, 0, 0}}});
+    tarnd::ProcessSample unread = read;
+    unread.threads = nullptr;
+    EXPECT_EQ(tarnd::ThreadUses(&read, read).size(), 1);
+    EXPECT_TRUE(tarnd::ThreadUses(&unread, read).empty());
+    EXPECT_TRUE(tarnd::ThreadUses(&read, unread).empty());
+    EXPECT_EQ(tarnd::ThreadUses(nullptr, read).at(0).usedNs, 1000) << "it has started since";
+}
+
+TEST(Rates, KeepTheBusiestThreads) {
+    std::vector<tarnd::ThreadUse> uses{{7, 1, {}, 10}, {7, 2, {}, 30}, {7, 3, {}, 20}};
+    tarnd::KeepBusiest(uses, 0);
+    ASSERT_EQ(uses.size(), 3);
+    EXPECT_EQ(uses[0].tid, 2);
+    EXPECT_EQ(uses[2].tid, 1);
+    tarnd::KeepBusiest(uses, 2);
+    ASSERT_EQ(uses.size(), 2);
+    EXPECT_EQ(uses[1].tid, 3);
+}
+
 TEST(Rates, CountThreadsThatCameOrEnded) {
     const auto thread = [](uint32_t tid, uint64_t runNs) { return tarnd::ThreadTimes{tid, {runNs, 0, 0}}; };
     const tarnd::ProcessSample from = MakeProcess(1, 100, {thread(7, 1000), thread(8, 5'000'000)});

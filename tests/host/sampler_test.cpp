@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "host/daemon/sampling/sample_driver.h"
+#include "tests/host/eventually.h"
 #include "tests/host/scripted_samples.h"
 
 namespace {
@@ -82,6 +84,23 @@ TEST_F(SamplerTest, RemembersAProcessForAnHour) {
         EXPECT_EQ(points[i].cpuTicks - points[i - 1].cpuTicks, static_cast<uint64_t>(elapsed / 1s) * 50) << i;
     }
     EXPECT_TRUE(sampler.HistoryOf(kPid + 1).empty());
+    Pass(1s, 59); // a minute's sample is the oldest of the whole ones
+    EXPECT_EQ(sampler.HistoryOf(kPid).size(), 58 + 120) << "it comes once";
+}
+
+TEST_F(SamplerTest, KeepsThreadsNoLongerThanWholeSamples) {
+    machine.Add(kPid, "worker", 500);
+    Pass(1s, static_cast<int>(Sampler::kCoarseEvery)); // the last is one of those that are kept for an hour
+    const std::weak_ptr<const std::vector<tarnd::ThreadTimes>> threads = sampler.Latest()->Find(kPid)->threads;
+    EXPECT_FALSE(threads.expired());
+    Pass(1s, static_cast<int>(Sampler::kWholeSamples));
+    EXPECT_TRUE(threads.expired());
+}
+
+TEST_F(SamplerTest, IsDrivenSoonAfterTheStart) {
+    Sampler hourly(machine, clocks, 1h);
+    const tarnd::SampleDriver driver(hourly);
+    kit::Await("there are rates", [&] { return hourly.Recent().size() == 2; });
 }
 
 TEST_F(SamplerTest, RemembersNothingOfAProcessThatHadTheIdBefore) {
