@@ -66,6 +66,14 @@ TEST_F(LocalClockTest, TellsItsZoneWithItsRule) {
     EXPECT_EQ(clock_.PosixZone(), "<CET>-1<CEST>,M3.5.0,M10.5.0/3");
 }
 
+TEST_F(LocalClockTest, TellsARuleForOneYearUntilItIsOver) {
+    EXPECT_EQ(SetZone("CET", 60), 0);
+    clock_.SetDst(host::DstRule{"CEST", 60, {2031, 3, 0, 30, 2, 0, 0}, {2031, 10, 0, 26, 3, 0, 0}}, kSource);
+    EXPECT_EQ(clock_.PosixZone(), "<CET>-1<CEST>,J89,J299/3");
+    EXPECT_EQ(SetGmt({2031, 11, 1, 0, 0, 0, 0, 0}), 0);
+    EXPECT_EQ(clock_.PosixZone(), "<CET>-1") << "by its own time, not by the system's";
+}
+
 TEST_F(LocalClockTest, ShowsTheTimeByItsSettings) {
     EXPECT_EQ(SetZone("Asia/Kathmandu", 345), 0);
     EXPECT_EQ(Shown(), "2023-11-15 03:58:20 +0545");
@@ -81,6 +89,7 @@ TEST_F(LocalClockTest, ShowsTheTimeByItsSettings) {
     EXPECT_EQ(Shown(), "2032-02-29 18:14:30 +0000");
     clock_.SetDateFormat(host::DateFormat::kDayMonthYear);
     EXPECT_EQ(Shown(), "29-02-2032 18:14:30 +0000");
+    EXPECT_EQ(clock_.TextWithoutZone(clocks_.WallNow()), "29-02-2032 18:14:30");
     clock_.SetDateFormat(host::DateFormat::kMonthDayYear);
     EXPECT_EQ(Shown(), "02-29-2032 18:14:30 +0000");
     clock_.SetDateFormat(host::DateFormat::kYearMonthDay);
@@ -178,6 +187,16 @@ TEST_F(LocalClockTest, KeepsItsSettings) {
     EXPECT_EQ(tarnd::LocalClock(clocks_, store_, {}).Text(clocks_.WallNow()), Shown());
 }
 
+TEST_F(LocalClockTest, TakesNothingOverThatMakesNoSense) {
+    for (const uint32_t format : {2U, 3U}) {
+        store_.Save("clock", 1, host::Document::Object{{"shiftMs", 1000}, {"dateFormat", format}});
+        const tarnd::LocalClock clock(clocks_, store_, {});
+        const bool taken = host::TextOf(clock.LocalNow()) != host::TextOf(clock_.LocalNow());
+        EXPECT_EQ(taken, format == 2) << "the shift is of the same document";
+    }
+    EXPECT_TRUE(std::filesystem::exists(dir_.Path() / "state" / "clock.json.damaged"));
+}
+
 TEST_F(LocalClockTest, IsAsItWasWhenASettingCannotBeKept) {
     EXPECT_EQ(SetZone("Asia/Kathmandu", 345), 0);
     const std::string before = Shown();
@@ -213,6 +232,18 @@ TEST_F(LocalClockTest, NamesTheSystemsZoneWhereItIsToldTo) {
         clock.SetZone({name, minutes}, kSource);
         EXPECT_EQ(std::filesystem::read_symlink(link), "/usr/share/zoneinfo/" + name);
     }
+}
+
+TEST_F(LocalClockTest, LeavesNothingWhereItCantNameTheZone) {
+    if (!std::filesystem::exists("/usr/share/zoneinfo/Asia/Kathmandu")) {
+        GTEST_SKIP() << "the system has no zones";
+    }
+    const std::filesystem::path etc = dir_.Path() / "etc";
+    std::filesystem::create_directories(etc / "localtime" / "in the way");
+    tarnd::LocalClock clock(clocks_, store_, etc / "localtime");
+    EXPECT_NE(ErrorOf([&] { clock.SetZone({"Asia/Kathmandu", 345}, kSource); }), 0);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(etc), {}), 1);
+    EXPECT_EQ(clock.Text(clocks_.WallNow()), Shown()) << "as before";
 }
 
 } // namespace
