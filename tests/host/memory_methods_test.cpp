@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/memory_files.h"
@@ -153,6 +155,10 @@ TEST_F(MemoryMethodsTest, SumUpProcesses) {
     EXPECT_EQ(Selected("*", "4000001"), (std::vector<uint32_t>{300, 100}));
     EXPECT_EQ(Selected("", "4000000"), (std::vector<uint32_t>{})) << "the real user does not count";
     EXPECT_EQ(Selected(std::to_string(kFakePid + 200), "4000001"), (std::vector<uint32_t>{}));
+    AddProcess(kFakePid + 400, "roots", 0);
+    EXPECT_EQ(Selected("", "0"), std::vector<uint32_t>{400});
+    EXPECT_EQ(Selected("", "root"), std::vector<uint32_t>{400});
+    proc.RemoveProcess(kFakePid + 400);
     EXPECT_EQ(Statistics(std::to_string(kFakePid)).Status(), ESRCH);
     EXPECT_EQ(Statistics("4294967295").Status(), ESRCH);
     EXPECT_EQ(Selected("4294967296"), (std::vector<uint32_t>{})) << "a name";
@@ -344,6 +350,18 @@ TEST_F(MemoryMethodsTest, ListFilesInMemory) {
     EXPECT_EQ(Files(0).Status(), ENOENT);
 }
 
+TEST_F(MemoryMethodsTest, TellTheEndOfALongPath) {
+    proc.Write("self/mounts", fmt::format("tmpfs {} tmpfs rw 0 0\n", memory.path.string()));
+    const std::filesystem::path file = memory.path / std::string(200, 'd') / std::string(200, 'f');
+    std::filesystem::create_directory(file.parent_path());
+    std::ofstream(file) << "x";
+    const auto answer = Files(0);
+    ASSERT_EQ(answer->uiFileNum, 1);
+    const std::string told = answer->pstFile[0].acFileName;
+    EXPECT_EQ(told.size(), std::min(sizeof answer->pstFile[0].acFileName - 1, file.string().size()));
+    EXPECT_TRUE(file.string().ends_with(told)) << told;
+}
+
 TEST_F(MemoryMethodsTest, ListFilesOfAnyTime) {
     proc.Write("self/mounts", fmt::format("tmpfs {} tmpfs rw 0 0\n", memory.path.string()));
     std::ofstream(memory.path / "file") << "x";
@@ -469,6 +487,38 @@ TEST_F(MemoryMethodsTest, CountHugePages) {
     const auto answer = kit::CallMethod<Tarn_sys_diag_HugePagesOutput>(GetHugePagesInfo, Tarn_sys_diag_None{});
     EXPECT_EQ(answer->uiValue1, 12);
     EXPECT_EQ(answer->uiValue2, 5);
+}
+
+TEST_F(MemoryMethodsTest, DumpMemoryOfProcesses) {
+    const auto at = reinterpret_cast<uintptr_t>(this);
+    EXPECT_EQ(Dump(static_cast<uint32_t>(getpid()), at, 16).Status(), ESRCH) << "/proc has no such process";
+    proc.SetThread(kFakePid, kit::FakeProc::MakeTask(kFakePid, "ended"));
+    EXPECT_EQ(Dump(kFakePid, at, 16).Status(), ESRCH) << "it has ended since";
+}
+
+TEST_F(MemoryMethodsTest, DumpMemoryAroundWhatCanNotBeRead) {
+    const auto self = static_cast<uint32_t>(getpid());
+    proc.SetThread(self, kit::FakeProc::MakeTask(self, "test"));
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *const map = mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(map, MAP_FAILED);
+    const auto at = reinterpret_cast<uintptr_t>(map);
+    ASSERT_EQ(mprotect(reinterpret_cast<void *>(at + page), page, PROT_NONE), 0);
+    ASSERT_EQ(mprotect(reinterpret_cast<void *>(at + 3 * page), page, PROT_NONE), 0);
+    memset(map, 'a', page);
+    memset(reinterpret_cast<void *>(at + 2 * page), 'b', page);
+    const auto answer = Dump(self, at + page - 8, 2 * page + 16);
+    ASSERT_EQ(answer.Status(), 0) << answer.Reason();
+    EXPECT_EQ(answer->uiValue1, 8 + page);
+    const std::string text = answer->szValue;
+    EXPECT_TRUE(text.starts_with(fmt::format("{:x}  61 61 61 61 61 61 61 61                          aaaaaaaa\n"
+                                             "{:x}-{:x} can't be read\n"
+                                             "{:x}  62 62 ",
+                                             at + page - 8, at + page, at + 2 * page, at + 2 * page)))
+        << text;
+    EXPECT_TRUE(text.ends_with(fmt::format("bbbb\n{:x}-{:x} can't be read\n", at + 3 * page, at + 3 * page + 8)))
+        << text;
+    munmap(map, 4 * page);
 }
 
 TEST_F(MemoryMethodsTest, DumpMemory) {

@@ -106,6 +106,13 @@ TEST_F(MemoryWatchTest, TakesNoMoreThanAllForUsed) {
     EXPECT_EQ(Configuration()->uiValue3, 0);
 }
 
+TEST_F(MemoryWatchTest, TakesNoThresholdsThatMakeNoSense) {
+    // As the master tells them, which nobody has checked.
+    EXPECT_THROW(daemon->memoryOverload.Set({1001, 900}), std::system_error);
+    EXPECT_THROW(daemon->memoryOverload.Set({700, 701}), std::system_error);
+    EXPECT_EQ(Configuration()->uiValue1, 900);
+}
+
 TEST_F(MemoryWatchTest, RecordsOverloads) {
     machine.Add(10, "small").rssKb = 5000;
     machine.Add(11, "lar\nge").rssKb = 9000;
