@@ -39,7 +39,7 @@ public:
     void Say() const { EXPECT_EQ(write(ends_[1], "", 1), 1); }
     bool Comes() const {
         pollfd waiting{ends_[0], POLLIN, 0};
-        return poll(&waiting, 1, 20'000) == 1;
+        return poll(&waiting, 1, 60'000) == 1;
     }
 
 private:
@@ -243,7 +243,7 @@ TEST_F(Fairness, AStormOfConnections) {
 TEST_F(Fairness, LargeRequestsThatAreNeverWhole) {
     const uint64_t before = Memory("VmRSS");
     {
-        const Attacker attacker([this] { return SendPartialFrames(Socket(), 50, underWay_); });
+        const Attacker attacker([this] { return SendPartialFrames(Socket(), 20, underWay_); });
         ASSERT_TRUE(underWay_.Comes());
         ExpectServed();
     }
