@@ -25,8 +25,8 @@ Daemon &Daemon::Serving() {
 }
 
 Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
-               SampleSource &sampleSource, Peers &peers)
-    : options(std::move(theOptions)), clocks(theClocks), proc(theProc), agentLine(clocks, peers),
+               SampleSource &sampleSource, Peers &peers, host::stacks::Helpers &theHelpers)
+    : options(std::move(theOptions)), clocks(theClocks), proc(theProc), helpers(theHelpers), agentLine(clocks, peers),
       sampler(sampleSource, clocks, options.sampleInterval),
       healthExaminer(clocks, proc, sampler, healthSettings, agentProbe,
                      {options.logDirectory, options.stateDirectory, options.runDirectory}),

@@ -43,7 +43,7 @@ namespace tarnd {
 class Daemon {
 public:
     Daemon(Options theOptions, const host::Clocks &theClocks, const host::procfs::Procfs &theProc,
-           SampleSource &sampleSource, Peers &peers);
+           SampleSource &sampleSource, Peers &peers, host::stacks::Helpers &theHelpers);
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
     ~Daemon();
@@ -63,6 +63,7 @@ public:
     const Options options;
     const host::Clocks &clocks;
     const host::procfs::Procfs &proc;
+    host::stacks::Helpers &helpers;
     const Archives archives{options.logDirectory, options.copyTargets, clocks};
     host::Store store{options.stateDirectory};
     LocalClock clock{clocks, store, options.zoneLink};
@@ -78,7 +79,8 @@ public:
     Sampler sampler;
     CpuPeaks cpuPeaks{sampler};
     host::stacks::Tracer tracer{proc};
-    CpuOverload cpuOverload{store, sampler, proc, [this](Overload &overload) { ReadOverloadStacks(tracer, overload); }};
+    CpuOverload cpuOverload{store, sampler, proc,
+                            [this](Overload &overload) { ReadOverloadStacks(tracer, helpers, overload); }};
     CpuEvents cpuEvents{sampler, healthSettings, proc, clocks};
     Starvation starvation{store, sampler, proc};
     OverloadDebug overloadDebug{sampler};

@@ -17,6 +17,7 @@
 #include "host/runtime/directory.h"
 #include "host/serve/privilege.h"
 #include "host/serve/serve.h"
+#include "host/stacks/helpers.h"
 #include "server/tarnd.h"
 #include "server/tarnd_agent.h"
 
@@ -32,6 +33,7 @@ struct Arguments {
     uint64_t measureRateMb = tarnd::Options().measuredBytesPerSecond / kMega;
     bool applyClock = false;
     std::string zoneLink = "/etc/localtime";
+    std::string unwinder;
     uint32_t workers = 16;
     bool printAccounting = false;
 };
@@ -56,6 +58,8 @@ void Declare(host::CommandLine &line, Arguments &options) {
     line.Flag("--apply-clock", options.applyClock, "Set the system's clock and time zone, not only the daemon's own");
     line.Option("--zone-link", options.zoneLink, "FILE",
                 WithDefault("With --apply-clock: the link that names the system's time zone", options.zoneLink));
+    line.Option("--unwinder", options.unwinder, "FILE",
+                "Program that looks into other processes [tarn-unwind, beside this one or where it is installed]");
     line.Option("--workers", options.workers, {1, 256}, "N",
                 WithDefault("Requests that are worked on at the same time, 1 to 256", options.workers));
     line.Flag("--print-accounting", options.printAccounting, "On exit, print what the library has allocated");
@@ -120,6 +124,7 @@ std::string Describe() {
 
 void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     const tarnd::Options options = OptionsOf(arguments);
+    host::stacks::Helpers helpers(arguments.unwinder); // keep the right to become other users
     DropPrivileges(arguments, options);
     // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
     const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
@@ -128,7 +133,7 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     const host::procfs::Procfs proc;
     tarnd::Libproc2Source samples(proc);
     tarnd::RemotePeers peers;
-    tarnd::Daemon daemon(options, clocks, proc, samples, peers);
+    tarnd::Daemon daemon(options, clocks, proc, samples, peers, helpers);
     serverOptions.describe = Describe;
     serverOptions.timezone = [&daemon] { return daemon.clock.PosixZone(); };
     host::Server server(std::move(serverOptions));

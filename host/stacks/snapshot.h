@@ -9,6 +9,7 @@
 
 #include "host/osal/mutex.h"
 #include "host/procfs/procfs.h"
+#include "host/unwind/protocol.h"
 
 namespace host::stacks {
 
@@ -25,7 +26,7 @@ struct Snapshot {
 constexpr std::chrono::milliseconds kStopTimeout{5000};
 constexpr std::chrono::milliseconds kBlockedTimeout{200};
 
-constexpr size_t kStackBytes = 256U << 10;
+constexpr size_t kStackBytes = unwind::kMostStackBytes;
 
 // Takes snapshots. One tracer at a time can have a thread, so a program has one of these.
 class Tracer {

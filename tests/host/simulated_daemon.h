@@ -78,6 +78,7 @@ struct SimulatedDaemon {
     FakeProc proc;
     ScriptedMachine machine;
     FakePeers peers;
+    host::stacks::Helpers helpers; // none
     std::optional<tarnd::Daemon> daemon;
 
     struct Drivers {
@@ -92,7 +93,7 @@ struct SimulatedDaemon {
 
 private:
     void Start() {
-        daemon.emplace(options, clocks, proc, machine, peers);
+        daemon.emplace(options, clocks, proc, machine, peers, helpers);
         drivers.emplace(*this);
     }
 };

@@ -30,8 +30,13 @@ uint64_t TracerOf(uint32_t pid) {
     return host::procfs::FieldOf(kit::TextOfFile("/proc/" + std::to_string(pid) + "/status"), "TracerPid");
 }
 
+host::stacks::Deadline Soon() {
+    return std::chrono::steady_clock::now() + 20s;
+}
+
 class StacksTest : public testing::Test {
 protected:
+    host::stacks::Process Open(uint32_t pid) { return {tracer_, helpers_, pid, Soon()}; }
     char State(const char *thread) {
         return host::procfs::Procfs().ReadThread(subject_.Pid(), subject_.tids.at(thread)).state;
     }
@@ -43,10 +48,11 @@ protected:
     const Subject subject_{dir_};
     const host::procfs::Procfs proc_;
     host::stacks::Tracer tracer_{proc_};
+    host::stacks::Helpers helpers_{TARN_UNWIND};
 };
 
 TEST_F(StacksTest, NamesTheFunctions) {
-    host::stacks::Process process(tracer_, subject_.Pid());
+    host::stacks::Process process = Open(subject_.Pid());
     const host::stacks::Stack burner = process.Read(subject_.tids.at("burner"));
     ASSERT_GE(burner.frames.size(), 3);
     EXPECT_NE(burner.frames[0].function.find("BurnCpu(unsigned int volatile&)"), std::string::npos)
@@ -65,7 +71,7 @@ TEST_F(StacksTest, NamesTheFunctions) {
 
 TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {
     ASSERT_TRUE(Sleeps());
-    host::stacks::Process process(tracer_, subject_.Pid());
+    host::stacks::Process process = Open(subject_.Pid());
     for (int i = 0; i < 50; ++i) {
         for (const char *const thread : {"burner", "sleeper"}) {
             const auto start = std::chrono::steady_clock::now();
@@ -85,7 +91,7 @@ TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {
 TEST_F(StacksTest, LeavesAStoppedProcessStopped) {
     subject_.Signal(SIGSTOP);
     ASSERT_TRUE(kit::Eventually([&] { return State("burner") == 'T' && State("sleeper") == 'T'; }));
-    host::stacks::Process process(tracer_, subject_.Pid());
+    host::stacks::Process process = Open(subject_.Pid());
     EXPECT_EQ(CountFunction(process.Read(subject_.tids.at("burner")), "BurnCpu"), 1);
     EXPECT_TRUE(kit::Eventually([&] { return State("burner") == 'T'; })) << "it was traced for a moment";
     subject_.Signal(SIGCONT);
@@ -93,11 +99,11 @@ TEST_F(StacksTest, LeavesAStoppedProcessStopped) {
 }
 
 TEST_F(StacksTest, SaysWhyItCannotRead) {
-    EXPECT_EQ(ErrorOf([&] { host::stacks::Process process(tracer_, EndedPid()); }), ESRCH);
+    EXPECT_EQ(ErrorOf([&] { Open(EndedPid()); }), ESRCH);
     if (kit::TextOfFile("/proc/2/comm") == "kthreadd\n") {
-        EXPECT_EQ(ErrorOf([&] { host::stacks::Process process(tracer_, 2); }), ENOTSUP);
+        EXPECT_EQ(ErrorOf([&] { Open(2); }), ENOTSUP);
     }
-    host::stacks::Process process(tracer_, subject_.Pid());
+    host::stacks::Process process = Open(subject_.Pid());
     EXPECT_EQ(ErrorOf([&] { process.Read(EndedPid()); }), ESRCH);
     const auto burner = static_cast<pid_t>(subject_.tids.at("burner"));
     ASSERT_EQ(ptrace(PTRACE_SEIZE, burner, nullptr, nullptr), 0);
@@ -118,7 +124,8 @@ TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
                 _exit(255);
             }
         }
-        _exit(ErrorOf([&] { host::stacks::Process process(tracer_, target); }));
+        host::stacks::Helpers helpers(TARN_UNWIND);
+        _exit(ErrorOf([&] { host::stacks::Process process(tracer_, helpers, target, Soon()); }));
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -127,7 +134,7 @@ TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
 
 // A signal that arrives while a thread is looked at is not lost.
 TEST_F(StacksTest, LetsSignalsThrough) {
-    host::stacks::Process process(tracer_, subject_.Pid());
+    host::stacks::Process process = Open(subject_.Pid());
     std::atomic<bool> stop = false;
     std::atomic<uint32_t> reads = 0;
     std::thread reader([&] {
@@ -161,7 +168,7 @@ TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
     const Subject subject(dir_, 1, 1);
     const uint32_t tid = subject.tids.at("blocked0");
     ASSERT_TRUE(IsBlocked(subject, "blocked0"));
-    host::stacks::Process process(tracer_, subject.Pid());
+    host::stacks::Process process = Open(subject.Pid());
     EXPECT_EQ(ErrorOf([&] { process.Read(tid); }), ETIMEDOUT);
     EXPECT_EQ(TracerOf(subject.Pid()), 0);
 
@@ -173,6 +180,37 @@ TEST_F(StacksTest, DoesNotHoldUpAThreadThatDidNotStop) {
         return host::procfs::Procfs().ReadThread(subject.Pid(), tid).state == 'S' &&
                CountFunction(process.Read(tid), "SleepForGood") == 1;
     }));
+}
+
+TEST(DemanglerTest, NamesWhatHasAnotherName) {
+    host::stacks::Helpers helpers(TARN_UNWIND);
+    host::stacks::Demangler names(helpers, Soon());
+    EXPECT_EQ(names.Readable("_Z3Fooi"), "Foo(int)");
+    EXPECT_EQ(names.Readable("_ZN5house4roomD1Ev"), "house::room::~room()");
+    EXPECT_EQ(names.Readable("main"), "main");
+    EXPECT_EQ(names.Readable("f"), "f") << "no type";
+    EXPECT_EQ(names.Readable("_Zso it seems"), "_Zso it seems");
+    EXPECT_EQ(names.Readable(""), "");
+}
+
+TEST(DemanglerTest, CutsWhatIsEndless) {
+    std::string name = "_Z1f1AIiiE", text = "f(A<int, int>, A<A<int, int>, A<int, int> >, ";
+    const std::string types = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    for (size_t i = 0; i + 1 < types.size(); ++i) {
+        name += std::string("S_IS") + types[i] + "_S" + types[i] + "_E";
+    }
+    host::stacks::Helpers helpers(TARN_UNWIND);
+    host::stacks::Demangler names(helpers, Soon());
+    const std::string readable = names.Readable(name);
+    EXPECT_TRUE(readable.starts_with(text)) << readable;
+    EXPECT_EQ(readable.size(), host::unwind::kMostNameBytes);
+    EXPECT_EQ(names.Readable("_Z3Fooi"), "Foo(int)") << "the next is as good";
+}
+
+TEST(DemanglerTest, LeavesNamesWhereNobodyHelps) {
+    host::stacks::Helpers none;
+    host::stacks::Demangler names(none, Soon());
+    EXPECT_EQ(names.Readable("_Z3Fooi"), "_Z3Fooi");
 }
 
 // ---- The daemon's method ----

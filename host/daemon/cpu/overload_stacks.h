@@ -2,12 +2,13 @@
 #pragma once
 
 #include "host/daemon/cpu/cpu_overload.h"
+#include "host/stacks/helpers.h"
 #include "host/stacks/snapshot.h"
 
 namespace tarnd {
 
 // Adds the names and stacks of the threads; one that can't be read is left without. Throws where the process can't be
 // looked into.
-void ReadOverloadStacks(host::stacks::Tracer &tracer, Overload &overload);
+void ReadOverloadStacks(host::stacks::Tracer &tracer, host::stacks::Helpers &helpers, Overload &overload);
 
 } // namespace tarnd

@@ -1,6 +1,4 @@
 // What agents have recorded in the black boxes, as text for people.
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/processes/helper_time.h"
 #include "host/meaning/choices.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
@@ -24,6 +23,7 @@ using host::blackbox::FaultKind;
 using host::blackbox::FaultRecord;
 using host::blackbox::RecordPlace;
 using host::blackbox::StackFrame;
+using host::stacks::Demangler;
 
 const char *CauseText(int signal, int code) {
     static constexpr struct {
@@ -53,15 +53,8 @@ std::string SignalText(const FaultHead &head) {
     return text;
 }
 
-std::string FunctionText(const StackFrame &frame) {
-    if (frame.function[0] == 0) {
-        return "?";
-    }
-    int status = 0;
-    char *const readable = abi::__cxa_demangle(frame.function, nullptr, nullptr, &status);
-    std::string text = fmt::format("{}+{:#x}", readable == nullptr ? frame.function : readable, frame.offset);
-    free(readable);
-    return text;
+std::string FunctionText(const StackFrame &frame, Demangler &names) {
+    return frame.function[0] == 0 ? "?" : fmt::format("{}+{:#x}", names.Readable(frame.function), frame.offset);
 }
 
 host::WallTime TimeOf(const FaultHead &head) {
@@ -70,7 +63,7 @@ host::WallTime TimeOf(const FaultHead &head) {
                                  std::chrono::nanoseconds(head.timeNs % kSecond));
 }
 
-std::string RecordText(const FaultRecord &record) {
+std::string RecordText(const FaultRecord &record, Demangler &names) {
     const FaultHead &head = record.head;
     std::string text = fmt::format(
         "{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
@@ -86,9 +79,8 @@ std::string RecordText(const FaultRecord &record) {
     }
     for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
         const StackFrame &frame = record.stack.frames[i];
-        constexpr size_t kMostOfName = 512;
-        const std::string function = FunctionText(frame).substr(0, kMostOfName);
-        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, host::LineOfText(function),
+        const std::string function = host::LineOfText(FunctionText(frame, names));
+        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, function,
                             frame.module[0] == 0 ? "?" : host::LineOfText(frame.module));
     }
     return text;
@@ -137,12 +129,13 @@ void Fill(Reply &reply, const Query &query, void *replyCtx) {
     matches = static_cast<uint32_t>(records.size());
     const size_t most = query.limit == 0 ? records.size() : query.limit;
     const size_t end = std::min(records.size(), query.skip + most);
+    Demangler names(Daemon::Serving().helpers, HelperDeadline(replyCtx));
     std::string text;
     size_t at = query.skip;
     for (; at < end && text.size() < kMostText; ++at) {
         check();
         if (const auto record = host::blackbox::Read(directory, records[at])) {
-            text += RecordText(*record);
+            text += RecordText(*record, names);
         }
     }
     if (at < end) {

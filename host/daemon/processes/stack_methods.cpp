@@ -3,6 +3,7 @@
 
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/processes/helper_time.h"
 #include "server/tarnd.h"
 
 namespace tarnd {
@@ -43,7 +44,8 @@ host::stacks::Stack ReadUnlessStuck(host::stacks::Process &stacks, uint32_t tid)
 // A thread that ends meanwhile is left out, unless it is the only one asked for.
 std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Tid &request, void *replyCtx) {
     const std::string process = Daemon::Serving().proc.ReadProcess(request.uiPid).name;
-    host::stacks::Process stacks(Daemon::Serving().tracer, request.uiPid);
+    host::stacks::Process stacks(Daemon::Serving().tracer, Daemon::Serving().helpers, request.uiPid,
+                                 HelperDeadline(replyCtx));
     std::vector<Tarn_sys_diag_CallStackThreadInfo> threads;
     if (request.uiTid != 0) {
         Daemon::Serving().proc.ReadThread(request.uiPid, request.uiTid); // of this process, or ESRCH
