@@ -610,6 +610,16 @@ TEST_F(MasterTest, RefusesAChangeThatItCannotKeep) {
     EXPECT_EQ(MemoryConfig()->uiValue1, 700);
 }
 
+TEST_F(MasterTest, EndsAtASignalAndAtNoOther) {
+    master_->Signal(SIGHUP);
+    EXPECT_TRUE(MasterLogged("read again"));
+    for (const int signal : {SIGINT, SIGTERM}) {
+        master_->Signal(signal);
+        EXPECT_EQ(master_->Wait(), 0) << signal << master_->Err();
+        StartMaster();
+    }
+}
+
 TEST_F(MasterTest, ChecksItsConfiguration) {
     kit::Process good(dir_.Path(), {TARN_MASTER, file_, "--check"});
     EXPECT_EQ(good.Wait(), 0);
