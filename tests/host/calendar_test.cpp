@@ -127,6 +127,7 @@ TEST(Zone, IsANameAndAnOffset) {
     };
     EXPECT_EQ(refusal("Europe/Berlin", 60), "");
     EXPECT_EQ(refusal("<+0545>-5:45", 345), "");
+    EXPECT_EQ(refusal("Etc/GMT-9", 540), "");
     EXPECT_EQ(refusal("a", -720), "");
     EXPECT_EQ(refusal("a", 840), "");
     EXPECT_NE(refusal("a", -721).find("zone.offset is -721, expected -720 to 840 minutes"), std::string::npos);
@@ -160,6 +161,8 @@ TEST(DstRule, GoesThroughRecordAndText) {
     ASSERT_TRUE(byWeek);
     EXPECT_EQ(host::TextOf(byWeek), "CEST (+60 minutes) from M3.5.0/02:00:00 to M10.5.0/03:00:00");
     EXPECT_EQ(host::FromRecord(host::ToRecord(byWeek)), byWeek);
+    const host::DstRule ninety{"+1030", 90, byWeek->start, byWeek->end};
+    EXPECT_EQ(host::FromRecord(host::ToRecord(ninety)), ninety);
     const auto byDate = host::FromRecord(ByDate());
     EXPECT_EQ(host::TextOf(byDate), "CEST (+60 minutes) from 2026-03-29/02:00:00 to 2026-10-25/03:00:00");
     EXPECT_EQ(host::FromRecord(host::ToRecord(byDate)), byDate);
@@ -168,6 +171,7 @@ TEST(DstRule, GoesThroughRecordAndText) {
         EXPECT_EQ(host::ParseChange(host::TextOf(rule->end)), rule->end);
     }
     EXPECT_EQ(host::ParseChange("2026-M3.5.0/02:00:00").year, 2026);
+    EXPECT_EQ(host::TextOf(host::ParseChange("M3.5.0/02:03:04")), "M3.5.0/02:03:04");
     Tarn_sys_diag_Dst off = ByWeek();
     off.ucDstFlag = 0;
     EXPECT_EQ(host::FromRecord(off), std::nullopt);

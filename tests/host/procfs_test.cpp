@@ -117,6 +117,7 @@ TEST(Procfs, FindsAField) {
     EXPECT_EQ(FieldOf(text, "HugePages_Total"), 7);
     EXPECT_EQ(FieldOf(text, "HugePages_Free"), 3);
     EXPECT_EQ(FieldOf(text, "MemTotal"), 12);
+    EXPECT_EQ(FieldOf("DirectMap4k: 17 kB\n", "DirectMap4k"), 17);
     for (const char *const key : {"HugePages", "Total", "None", "Mem", ""}) {
         EXPECT_EQ(ErrorOf([&] { FieldOf(text, key); }), EPROTO) << key;
     }
@@ -221,7 +222,7 @@ TEST_F(OwnProcTest, HasTheNameOfAProgram) {
 
 constexpr char kTwoMappings[] = "1000-2000 r-xp 00000000 fe:01 17 /lib/a.so\nRss: 1 kB\nPss: 2 kB\n"
                                 "Shared_Dirty: 3 kB\nPrivate_Dirty: 4 kB\nSwap: 5 kB\nSwapPss: 6 kB\n"
-                                "2000-4400 rw-p 00000000 00:00 0 [heap]\nRss: 7 kB\n";
+                                "2000-202400 rw-p 00000000 00:00 0     [heap]\nRss: 7 kB\n";
 
 TEST_F(OwnProcTest, HandsOverEachMapping) {
     Set('S');
@@ -234,11 +235,20 @@ TEST_F(OwnProcTest, HandsOverEachMapping) {
     EXPECT_EQ(found[0].proportional, 2);
     EXPECT_EQ(found[0].privateDirty, 4);
     EXPECT_EQ(found[0].swap, 5);
-    EXPECT_EQ(found[1].size, 9);
+    EXPECT_EQ(found[1].name, "[heap]");
+    EXPECT_EQ(found[1].size, 2049);
     EXPECT_EQ(found[1].resident, 7);
     EXPECT_EQ(found[1].swap, 0) << "not the one before";
     proc_.Write(fmt::format("{}/status", kPid), fmt::format("Tgid:\t{}\nVmPeak:\t1 kB\n", kPid));
     EXPECT_EQ(ReadMappings([](const auto &) { FAIL() << "it has no memory"; }), 0);
+}
+
+TEST_F(OwnProcTest, HandsOverRangesWithoutWhatIsDear) {
+    Set('S');
+    proc_.Write(fmt::format("{}/maps", kPid), "1000-2000 r-xp 00000000 fe:01 17 /lib/a.so\n");
+    std::vector<std::string> names;
+    host::procfs::ReadMappedRanges(proc_, kPid, [&](const auto &mapping) { names.push_back(mapping.name); });
+    EXPECT_EQ(names, std::vector<std::string>{"/lib/a.so"});
 }
 
 TEST_F(OwnProcTest, DoesNotTakeAPartForAllMappings) {
