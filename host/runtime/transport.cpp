@@ -270,7 +270,7 @@ std::vector<uint32_t> Transport::Agents() const {
                                          : NumberInName(socketPath));
     }
     std::ranges::sort(pids);
-    pids.erase(std::ranges::unique(pids).begin(), pids.end());
+    pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
     return pids;
 }
 
