@@ -27,11 +27,12 @@ void *operator new(size_t size) {
     return block != nullptr ? block : throw std::bad_alloc();
 }
 
-void operator delete(void *block) noexcept {
+// Not inlined: with sanitizers g++ 12 takes free for the wrong counterpart of new.
+[[gnu::noinline]] void operator delete(void *block) noexcept {
     free(block);
 }
 
-void operator delete(void *block, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void *block, size_t) noexcept {
     free(block);
 }
 
