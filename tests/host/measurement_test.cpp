@@ -23,6 +23,7 @@ protected:
     std::unique_ptr<kit::Process> StartVictim() {
         if (!std::filesystem::exists(victim_)) {
             std::filesystem::copy_file("/bin/sleep", victim_);
+            std::ofstream(victim_, std::ios::app) << getpid(); // other programs sleep too
         }
         return std::make_unique<kit::Process>(dir_.Path(), std::vector<std::string>{victim_, "1000"});
     }

@@ -84,18 +84,25 @@ std::vector<Image> ImagesOf(const host::procfs::Procfs &proc, uint32_t pid) {
     return ParseImages(proc.Read(pid, "maps"));
 }
 
+// To open what is in map_files takes a capability that few daemons have; the program itself takes no other than to look.
 host::Descriptor OpenImage(const host::procfs::Procfs &proc, uint32_t pid, const Image &image) {
-    // This way takes a capability that a daemon of an ordinary user does not have.
-    int fd = open(proc.Path(pid, "map_files/" + image.mapping).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        fd = OpenByName(proc, pid, image.path);
+    const auto open = [&](const std::string &file) {
+        return host::Descriptor(::open(proc.Path(pid, file).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    };
+    const auto isIt = [&](const host::Descriptor &file) {
+        const struct stat status = file.Status();
+        return S_ISREG(status.st_mode) && status.st_ino == image.inode;
+    };
+    for (const std::string &file : {"map_files/" + image.mapping, std::string("exe")}) {
+        if (host::Descriptor opened = open(file); opened && isIt(opened)) {
+            return opened;
+        }
     }
-    host::Descriptor file(fd, image.path);
-    const struct stat status = file.Status();
-    if (!S_ISREG(status.st_mode) || status.st_ino != image.inode) {
+    host::Descriptor named(OpenByName(proc, pid, image.path), image.path);
+    if (!isIt(named)) {
         host::Fail(ESTALE, image.path + " is another file than the one that process " + std::to_string(pid) + " runs");
     }
-    return file;
+    return named;
 }
 
 } // namespace tarnd

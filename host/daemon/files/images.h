@@ -24,8 +24,8 @@ std::vector<Image> ParseImages(const std::string &maps);
 // None for a thread of the kernel. Throws as host/procfs does.
 std::vector<Image> ImagesOf(const host::procfs::Procfs &proc, uint32_t pid);
 
-// The very file that is mapped, even when another one has its name by now. Where only its name may be used, ESTALE when
-// that leads to another file.
+// The very file that is mapped: a program also when another one has its name by now. Of a library only the name may be
+// used by a daemon without CAP_CHECKPOINT_RESTORE: ESTALE when that leads to another file.
 host::Descriptor OpenImage(const host::procfs::Procfs &proc, uint32_t pid, const Image &image);
 
 } // namespace tarnd
