@@ -76,6 +76,8 @@ protected:
         }
         sessions_.clear();
         RunTasks();
+        core_->Start(); // whose threads take what waits for one, and hold nothing then
+        EXPECT_TRUE(core_->Stop());
         EXPECT_EQ(core_->QuotaOf(host::Resource::kRequests).Used(), 0U);
         EXPECT_EQ(core_->QuotaOf(host::Resource::kReceivedBytes).Used(), 0U);
     }
