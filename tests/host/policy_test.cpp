@@ -7,6 +7,7 @@ TARN_UNIT()
 
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <mutex>
 
 #include <algorithm>
 #include <numeric>
@@ -421,44 +422,59 @@ TEST_F(AccessTest, AnotherUserCannotConnectWhereThePolicyGivesNobodyElseAnything
     EXPECT_TRUE(AskAs(kNobody, {}, peer::OnlineRequest(1)).empty());
 }
 
-// What a method is told of its caller.
-struct ToldOfPeer {
-    ToldOfPeer() {
+// What a method is told of its caller, on the thread that it runs on.
+class PeerTold {
+public:
+    PeerTold() {
         served::On("PidIsOnline", [this](const void *, void *replyCtx) {
-            EXPECT_EQ(TarnHost_PeerOf(replyCtx, &peer), 0);
-            lives = TarnHost_PeerLives(replyCtx);
+            {
+                const std::lock_guard lock(mutex_);
+                EXPECT_EQ(TarnHost_PeerOf(replyCtx, &peer_), 0);
+                lives_ = TarnHost_PeerLives(replyCtx);
+            }
             Tarn_sys_diag_PidIsOnlineOuput online{1, 1};
             return TarnHost_Reply(replyCtx, &online);
         });
     }
-    TarnHost_Peer peer{};
-    uint32_t lives = 2;
+    TarnHost_Peer Peer() const {
+        const std::lock_guard lock(mutex_);
+        return peer_;
+    }
+    uint32_t Lives() const {
+        const std::lock_guard lock(mutex_);
+        return lives_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    TarnHost_Peer peer_{};
+    uint32_t lives_ = 2;
 };
 
 TEST_F(AccessTest, AMethodIsToldWhoCalls) {
-    const ToldOfPeer told;
+    const PeerTold told;
     Serve("memory-of-others nobody");
     const peer::RawPeer own(host::Directory(dir_.Path()).Socket("TarnSysdiagTarnd", 0));
     own.Send(peer::OnlineRequest(1));
     EXPECT_EQ(own.Read(1).size(), 1U);
-    EXPECT_EQ(told.peer.uiPid, static_cast<uint32_t>(getpid()));
-    EXPECT_EQ(told.peer.uiUid, getuid());
-    EXPECT_EQ(told.peer.uiGid, getgid());
-    EXPECT_EQ(told.peer.ucMemoryOfOthers, 0);
-    EXPECT_EQ(told.lives, 1U);
+    EXPECT_EQ(told.Peer().uiPid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(told.Peer().uiUid, getuid());
+    EXPECT_EQ(told.Peer().uiGid, getgid());
+    EXPECT_EQ(told.Peer().ucMemoryOfOthers, 0);
+    EXPECT_EQ(told.Lives(), 1U);
     TarnHost_Peer none;
     EXPECT_EQ(TarnHost_PeerOf(nullptr, &none), uint32_t{EINVAL}) << "no method runs here";
     EXPECT_EQ(TarnHost_PeerLives(nullptr), 0U);
     if (geteuid() == 0) {
         Serve("reading anyone\nmemory-of-others group:4321");
         AskAs(kNobody, {4321}, peer::OnlineRequest(1));
-        EXPECT_EQ(told.peer.uiUid, kNobody);
-        EXPECT_EQ(told.peer.ucMemoryOfOthers, 1);
+        EXPECT_EQ(told.Peer().uiUid, kNobody);
+        EXPECT_EQ(told.Peer().ucMemoryOfOthers, 1);
     }
 }
 
 TEST_F(AccessTest, TheProcessThatConnectedMayHaveEnded) {
-    const ToldOfPeer told;
+    const PeerTold told;
     Serve("");
     const std::filesystem::path path = host::Directory(dir_.Path()).Socket("TarnSysdiagTarnd", 0);
     int ends[2];
@@ -479,8 +495,8 @@ TEST_F(AccessTest, TheProcessThatConnectedMayHaveEnded) {
     ASSERT_EQ(status, 0);
     inherited.Send(peer::OnlineRequest(1));
     EXPECT_EQ(inherited.Read(1).size(), 1U);
-    EXPECT_EQ(told.peer.uiPid, static_cast<uint32_t>(child));
-    EXPECT_EQ(told.lives, 0U);
+    EXPECT_EQ(told.Peer().uiPid, static_cast<uint32_t>(child));
+    EXPECT_EQ(told.Lives(), 0U);
     close(ends[0]);
     close(ends[1]);
 }

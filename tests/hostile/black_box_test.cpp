@@ -63,7 +63,7 @@ protected:
 
 TEST_F(HostileBlackBox, JunkFilesFillNoReply) {
     kit::Attacker attacker([this] {
-        for (uint64_t i = 0; i < kit::Rounds(3000); ++i) {
+        for (uint64_t i = 0; i < kit::Rounds(3000, 60'000); ++i) {
             std::ofstream(host::blackbox::FileOf(dir_.Path(), static_cast<uint32_t>(100'000 + i)));
         }
         return FillBox(dir_.Path());

@@ -92,7 +92,7 @@ protected:
 TEST_F(HostileMemory, AWalkThatIsNotWantedAnyMoreHoldsNobodyUp) {
     kit::Attacker attacker([this] {
         std::filesystem::create_directory(files_);
-        for (uint64_t i = 0; i < kit::Rounds(20'000); ++i) {
+        for (uint64_t i = 0; i < kit::Rounds(20'000, 400'000); ++i) {
             std::ofstream(files_ / std::to_string(i));
         }
         return 0;
