@@ -154,7 +154,7 @@ protected:
     }
 
     static constexpr uint32_t kPid = kit::kFakePid;
-    const kit::FakeProc proc_;
+    const kit::FakeProc proc_{};
 };
 
 TEST_F(OwnProcTest, HasTheProcessesThatItNamesInTheirOrder) {

@@ -328,7 +328,7 @@ TEST(HostileReflection, TypesAreNeitherDeepNorLarge) {
 }
 
 TEST(HostileReflection, DeepJsonIsRefused) {
-    for (const size_t depth : {100, 10'000, 1'000'000}) {
+    for (const size_t depth : {100U, 10'000U, 1'000'000U}) {
         EXPECT_NE(RefusalOf(std::string(depth, '[') + std::string(depth, ']')).find("nested deeper than 64 levels"),
                   std::string::npos);
     }
