@@ -214,6 +214,11 @@ Connected OpenAgent(const path &socketPath, uint32_t pid, Transport::Clock::time
     }
     const ucred holder = HolderOf(connection.socket);
     connection.process = ProcessOfPeer(connection.socket.Fd(), holder.pid);
+    if (const int error = errno; !connection.process && (error == EMFILE || error == ENFILE || error == ENOMEM)) {
+        connection.socket = Descriptor();
+        connection.error = error; // who it is can't be told
+        return connection;
+    }
     if (static_cast<uint32_t>(holder.pid) == pid && !HasEnded(connection.process)) {
         return connection;
     }

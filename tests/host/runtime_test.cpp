@@ -1088,6 +1088,23 @@ TEST_F(RuntimeTest, MalformedSpecificationsAreRefused) {
     EXPECT_THROW(server.AddService(empty), std::invalid_argument);
 }
 
+TEST(Transport, SaysThatThereIsNoDescriptorToTellAnAgentBy) {
+    const kit::TempDir dir;
+    const host::Transport transport{host::Directory(dir.Path())};
+    const auto listener = transport.Listen("TarnSysdiagAgent", false);
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(next);
+    const rlimit one{static_cast<rlim_t>(next) + 1, before.rlim_max}; // for the connection
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
+    const auto pid = static_cast<uint32_t>(getpid());
+    const host::Connected connected = transport.Connect("TarnSysdiagAgent", pid, std::chrono::steady_clock::now() + 5s);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(connected.socket);
+    EXPECT_EQ(connected.error, EMFILE) << connected.reason;
+}
+
 TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
