@@ -46,12 +46,16 @@ std::error_code MakeDirectories(const std::filesystem::path &path, mode_t mode) 
     return error ? error : MakeDirectory(path, mode);
 }
 
-std::string HiddenName() {
+std::string RandomDigits() {
     uint64_t random = 0;
     if (getrandom(&random, sizeof random, 0) != sizeof random) {
         Fail(errno, "random numbers");
     }
-    return fmt::format(".{:016x}", random);
+    return fmt::format("{:016x}", random);
+}
+
+std::string HiddenName() {
+    return "." + RandomDigits();
 }
 
 // A directory with something in it can only be renamed.

@@ -18,7 +18,10 @@ bool ChangeMode(const Descriptor &file, mode_t mode);
 // Creates what is missing of a path: the last directory with this mode, those above it with 0755, whatever the umask.
 std::error_code MakeDirectories(const std::filesystem::path &path, mode_t mode);
 
-// A name that nobody can foresee, and so nobody can have taken.
+// 16 hexadecimal digits that nobody can foresee.
+std::string RandomDigits();
+
+// A name of such digits, which nobody can have taken.
 std::string HiddenName();
 
 // Frees a name in a directory from what another user put there. False with errno after a failure.

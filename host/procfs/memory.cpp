@@ -118,23 +118,27 @@ Mapping ParseMapping(std::string_view line) {
         line.remove_prefix(found.size());
         return found;
     };
+    bool good = true;
+    const auto number = [&](std::string_view text, int base) {
+        uint64_t value = 0;
+        good = good && std::from_chars(text.data(), text.data() + text.size(), value, base).ec == std::errc{};
+        return value;
+    };
     Mapping mapping;
     mapping.range = word();
+    const std::string_view range = mapping.range;
+    const size_t dash = std::min(range.find('-'), range.size());
+    mapping.start = number(range.substr(0, dash), 16);
+    mapping.end = number(range.substr(std::min(dash + 1, range.size())), 16);
     mapping.perms = word();
-    word(); // where in the file
+    mapping.fileOffset = number(word(), 16);
     mapping.device = word();
-    const std::string_view inode = word();
+    mapping.inode = number(word(), 10);
     mapping.name = line.substr(std::min(line.find_first_not_of(' '), line.size()));
-    uint64_t start = 0, end = 0;
-    const char *const range = mapping.range.data();
-    const char *const rangeEnd = range + mapping.range.size();
-    const auto [dash, error] = std::from_chars(range, rangeEnd, start, 16);
-    if (error != std::errc{} || dash == rangeEnd || *dash != '-' ||
-        std::from_chars(dash + 1, rangeEnd, end, 16).ec != std::errc{} || end < start ||
-        std::from_chars(inode.data(), inode.data() + inode.size(), mapping.inode).ec != std::errc{}) {
+    if (!good || mapping.end < mapping.start) {
         throw std::system_error(EPROTO, std::generic_category(), "not a line of maps: " + std::string(whole));
     }
-    mapping.size = (end - start) / 1024;
+    mapping.size = (mapping.end - mapping.start) / 1024;
     return mapping;
 }
 

@@ -17,6 +17,9 @@ struct Mapping {
     std::string device; // "b3:02"
     uint64_t inode = 0; // 0 when there is no file
     std::string name;   // a file's path, " (deleted)" at its end when it is gone; "[heap]"; empty
+    uint64_t start = 0; // in bytes, as the next two
+    uint64_t end = 0;
+    uint64_t fileOffset = 0;
     uint64_t size = 0;
     uint64_t resident = 0;
     uint64_t proportional = 0; // resident, each page divided by the number of processes that share it

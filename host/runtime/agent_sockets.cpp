@@ -1,7 +1,6 @@
 #include "host/runtime/agent_sockets.h"
 
 #include <fmt/format.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +9,7 @@
 #include <string>
 #include <system_error>
 
-#include "host/osal/error.h"
+#include "host/osal/directories.h"
 #include "host/procfs/procfs.h"
 
 namespace host {
@@ -24,11 +23,7 @@ constexpr size_t kWorthTrying = 16;
 } // namespace
 
 path SpareAgentSocket(const path &runDir) {
-    uint64_t chance = 0;
-    if (getrandom(&chance, sizeof chance, 0) != sizeof chance) {
-        Fail(errno, "getrandom");
-    }
-    return runDir / fmt::format("{}{}-{:016x}{}", kPrefix, getpid(), chance, kSuffix);
+    return runDir / fmt::format("{}{}-{}{}", kPrefix, getpid(), RandomDigits(), kSuffix);
 }
 
 uint32_t NumberInName(const path &socket) {

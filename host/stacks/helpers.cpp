@@ -138,7 +138,7 @@ void Helpers::ForgetOld() {
     }
 }
 
-Session::Session(Helpers &helpers, Purpose purpose, Deadline deadline)
+Conversation::Conversation(Helpers &helpers, Purpose purpose, Deadline deadline)
     : helpers_(helpers), purpose_(std::move(purpose)), deadline_(deadline), helper_(helpers.TakeKept(purpose_)),
       kept_(helper_ != nullptr) {
     if (!kept_) {
@@ -146,12 +146,12 @@ Session::Session(Helpers &helpers, Purpose purpose, Deadline deadline)
     }
 }
 
-Session::~Session() {
+Conversation::~Conversation() {
     helpers_.Keep(purpose_, std::move(helper_));
 }
 
 // What a helper is to look into may end it; that is no failure of ours.
-void Session::Start() {
+void Conversation::Start() {
     try {
         helper_ = helpers_.Start(purpose_, Limit());
     } catch (const std::system_error &error) {
@@ -163,7 +163,7 @@ void Session::Start() {
     }
 }
 
-void Session::Replace(const std::system_error &error) {
+void Conversation::Replace(const std::system_error &error) {
     helper_.reset();
     if (std::exchange(kept_, false) && error.code().value() == EPIPE) {
         Start();
@@ -172,7 +172,7 @@ void Session::Replace(const std::system_error &error) {
     }
 }
 
-Deadline Session::Limit() const {
+Deadline Conversation::Limit() const {
     return std::min(deadline_, std::chrono::steady_clock::now() + kMostHelperTime);
 }
 
@@ -193,10 +193,10 @@ std::string Demangler::Readable(const std::string &name) {
 
 std::optional<std::string> Demangler::Ask(const std::string &name) {
     try {
-        if (!session_.has_value()) {
-            session_.emplace(helpers_, Purpose{}, deadline_);
+        if (!conversation_.has_value()) {
+            conversation_.emplace(helpers_, Purpose{}, deadline_);
         }
-        return session_->Ask([&](Helper &helper, Deadline deadline) { return helper.Demangle(name, deadline); });
+        return conversation_->Ask([&](Helper &helper, Deadline deadline) { return helper.Demangle(name, deadline); });
     } catch (const std::system_error &) {
         return std::nullopt; // there is none
     }

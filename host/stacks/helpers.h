@@ -74,13 +74,13 @@ private:
 
 // The questions of one request to a helper. One that was kept and has ended meanwhile is replaced; when another fails,
 // none is asked any more. For one thread.
-class Session {
+class Conversation {
 public:
     // Throws ESRCH, EPERM, ENOTSUP: why there is nothing to ask.
-    Session(Helpers &helpers, Purpose purpose, Deadline deadline);
-    ~Session();
-    Session(const Session &) = delete;
-    Session &operator=(const Session &) = delete;
+    Conversation(Helpers &helpers, Purpose purpose, Deadline deadline);
+    ~Conversation();
+    Conversation(const Conversation &) = delete;
+    Conversation &operator=(const Conversation &) = delete;
 
     // What the question, a function of a helper and a deadline, returns; nothing where helpers fail.
     template <class Question>
@@ -120,7 +120,7 @@ private:
 
     Helpers &helpers_;
     const Deadline deadline_;
-    std::optional<Session> session_;
+    std::optional<Conversation> conversation_;
     bool failed_ = false;
     std::map<std::string, std::string> known_;
 };

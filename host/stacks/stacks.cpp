@@ -27,12 +27,12 @@ Purpose PurposeFor(const procfs::Procfs &proc, uint32_t pid) {
 } // namespace
 
 Process::Process(Tracer &tracer, Helpers &helpers, uint32_t pid, Deadline deadline)
-    : tracer_(tracer), pid_(pid), session_(helpers, PurposeFor(tracer.Proc(), pid), deadline) {}
+    : tracer_(tracer), pid_(pid), conversation_(helpers, PurposeFor(tracer.Proc(), pid), deadline) {}
 
 Stack Process::Read(uint32_t tid) {
     const Snapshot snapshot = tracer_.Take(pid_, tid);
     std::optional<std::vector<Frame>> frames =
-        session_.Ask([&](Helper &helper, Deadline deadline) { return helper.Unwind(snapshot, deadline); });
+        conversation_.Ask([&](Helper &helper, Deadline deadline) { return helper.Unwind(snapshot, deadline); });
     if (!frames.has_value()) {
         frames.emplace().emplace_back().address = snapshot.programCounter;
     }

@@ -33,7 +33,7 @@ public:
 private:
     Tracer &tracer_;
     const uint32_t pid_;
-    Session session_;
+    Conversation conversation_;
 };
 
 } // namespace host::stacks

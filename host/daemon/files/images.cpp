@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "host/osal/error.h"
+#include "host/procfs/memory.h"
 
 namespace tarnd {
 
@@ -60,15 +61,16 @@ std::vector<Image> ParseImages(const std::string &maps) {
     std::set<std::pair<std::string, uint64_t>> seen;
     std::istringstream lines(maps);
     for (std::string line; std::getline(lines, line);) {
-        Image image;
-        std::string rights, offset;
-        std::istringstream fields(line);
-        fields >> image.mapping >> rights >> offset >> image.device >> image.inode >> std::ws;
-        std::getline(fields, image.path);
-        if (rights.find('x') == rights.npos || !HasFile(image.path, image.inode) ||
-            !seen.insert({image.device, image.inode}).second) {
+        host::procfs::Mapping mapped = host::procfs::ParseMapping(line);
+        if (mapped.perms.find('x') == mapped.perms.npos || !HasFile(mapped.name, mapped.inode) ||
+            !seen.insert({mapped.device, mapped.inode}).second) {
             continue;
         }
+        Image image{.path = std::move(mapped.name),
+                    .name = {},
+                    .device = std::move(mapped.device),
+                    .inode = mapped.inode,
+                    .mapping = std::move(mapped.range)};
         constexpr std::string_view kDeleted = " (deleted)";
         if (image.path.ends_with(kDeleted)) {
             image.path.resize(image.path.size() - kDeleted.size());
