@@ -2,9 +2,9 @@
  * Empty definitions of what the library calls in the daemon and the runtime. Their debug information describes that
  * side of the interface as the library's own describes the exported one.
  */
-#include "platform/rpc.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/platform/rpc.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 #define DEFINE(method, request, response)                                                                              \
     uint32_t method(const Tarn_sys_diag_##request *pstRequest, void *pReplyCtx) {                                      \
@@ -21,10 +21,10 @@
 
 #define TARN_METHOD DEFINE
 #define TARN_METHOD_NO_REPLY DEFINE_NO_REPLY
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 #define TARN_METHOD DEFINE
 #define TARN_METHOD_NO_REPLY DEFINE_NO_REPLY
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 
 uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx) {
     (void)pstCtx;

@@ -18,9 +18,9 @@
 
 TARN_UNIT()
 
-#include "client/agent.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace {
 
@@ -168,7 +168,7 @@ std::vector<Call> ShapeCalls() {
 #define TARN_METHOD_NO_REPLY(method, request)                                                                          \
     wrappers.Add<Tarn_sys_diag_##request, server::NoReply>(                                                            \
         #method, method##_wrapper, [](const Tarn_sys_diag_##request *record, void *) { method(record); });
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
     return wrappers.Calls();
 }
 

@@ -9,10 +9,10 @@
 #include "bench/operation.h"
 #include "capnp/bench.capnp.h"
 
-#include "types/agent.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace bench {
 

@@ -18,10 +18,10 @@ constinit Unit::Binding Unit::binding;
 TARN_UNIT()
 #endif
 
-#include "types/agent.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 #include "bench/codecs.h"
 

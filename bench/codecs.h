@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 // Calls what(Type) for each type measured.
 #define BENCH_TYPES(what)                                                                                              \

@@ -9,10 +9,10 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace bench {
 

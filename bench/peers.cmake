@@ -20,7 +20,7 @@ else()
     set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated)
 
     add_executable(bench_schema schema.cpp)
-    target_link_libraries(bench_schema PRIVATE bench_messages tarn_warnings)
+    target_link_libraries(bench_schema PRIVATE bench_messages tarn_own_code)
     set(schemas)
     foreach(file bench.proto bench.options bench.capnp all.proto all.options protobuf_carriers.h capnp_carriers.h
             nanopb_carriers.h)

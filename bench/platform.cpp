@@ -1,5 +1,5 @@
 // What the codecs import: the platform's bounds-checked copies, doing only what they must.
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/securec.h"
 
 #include <cstring>
 

@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 #include <unistd.h>
 
@@ -13,8 +13,8 @@ TARN_UNIT()
 
 #include "bench/roundtrip.h"
 #include "host/runtime/client.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
+#include "tarn_sysdiag/host/reply.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The runtime's functions and the daemon's methods, which do nothing. Messages come from one block that stays.
 #include "bench/runtime.h"
 
-#include "platform/rpc.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/platform/rpc.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace {
 alignas(8) unsigned char block[1 << 20];
@@ -59,7 +59,7 @@ void RPC_IdlMsgFree(void *, uint32_t) {}
     uint32_t method(const Tarn_sys_diag_##request *) {                                                                 \
         return 0;                                                                                                      \
     }
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD(method, request, response)                                                                         \
     uint32_t method(const Tarn_sys_diag_##request *, void *) {                                                         \
@@ -70,4 +70,4 @@ void RPC_IdlMsgFree(void *, uint32_t) {}
     uint32_t method(const Tarn_sys_diag_##request *) {                                                                 \
         return 0;                                                                                                      \
     }
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"

@@ -2,8 +2,8 @@
 // invoker is asked for even by a call whose arguments are refused.
 #pragma once
 
-#include "platform/rpc.h"
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/rpc.h"
+#include "tarn_sysdiag/platform/securec.h"
 #include "velto/codec.h"
 
 namespace client {

@@ -11,12 +11,12 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
-#include "types/common.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
+#include "tarn_sysdiag/types/time.h"
 
 using fuzz::Get;
 using velto::Kind;

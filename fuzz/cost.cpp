@@ -94,10 +94,10 @@ bool List() {
 
 } // namespace
 
-#include "types/agent.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace {
 
@@ -114,16 +114,16 @@ constexpr bool IsAtMostItsBytes(const Polynomial &cost) {
                   "a request of " #method " makes its receiver allocate more than the bytes it has");
 #define TARN_METHOD_NO_REPLY(method, request) TARN_METHOD(method, request, )
 #define TARN_METHOD(method, request, response) CHECK_REQUEST(method, Tarn_sys_diag_##request)
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 #define TARN_METHOD_NO_REPLY(method, request) TARN_METHOD(method, request, )
 #define TARN_METHOD(method, request, response) CHECK_REQUEST(method, Tarn_sys_diag_##request)
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
 #define TARN_METHOD_NO_REPLY(method, request) TARN_METHOD(method, request, )
 #define TARN_METHOD(method, request, response) CHECK_REQUEST(method, Tarn_sys_diag_##request)
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 #define TARN_METHOD_NO_REPLY(method, request) TARN_METHOD(method, request, )
 #define TARN_METHOD(method, request, response) CHECK_REQUEST(method, Tarn_sys_diag_##request)
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 } // namespace
 

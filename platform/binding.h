@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "platform/osal.h"
+#include "tarn_sysdiag/platform/osal.h"
 
 namespace platform {
 

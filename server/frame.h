@@ -4,8 +4,8 @@
 
 #include <iterator>
 
-#include "platform/rpc.h"
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/rpc.h"
+#include "tarn_sysdiag/platform/securec.h"
 #include "velto/codec.h"
 
 namespace server {

@@ -3,13 +3,13 @@
 
 TARN_UNIT()
 
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 #define TARN_SERVICE TarnSysdiagTarnd
-#define TARN_METHODS "server/tarnd_methods.h"
+#define TARN_METHODS "tarn_sysdiag/server/tarnd_methods.h"
 #include "server/tables.inc"
 
 #define TARN_SERVICE TarnSysdiagTarndAgent
-#define TARN_METHODS "server/tarnd_agent_methods.h"
+#define TARN_METHODS "tarn_sysdiag/server/tarnd_agent_methods.h"
 #include "server/tables.inc"

@@ -2,7 +2,7 @@
 // then includes headers of types/ gets, for each type, functions of its own under the names that the log shows.
 #pragma once
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 #ifndef VELTO_ON_TABLE
 #define VELTO_ON_TABLE(type) VELTO_DECLARE_SHAPE(type) VELTO_CODECS(type)

@@ -7,7 +7,7 @@
 #error "include velto/describe.h before the headers of types/: their tables have already been read as plain records"
 #endif
 #define VELTO_DESCRIBE
-#include "types/table.h"
+#include "tarn_sysdiag/types/table.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -5,7 +5,7 @@
 // smaller for it.
 #pragma once
 
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/securec.h"
 #include "velto/bytes.h"
 #include "velto/describe.h"
 #include "velto/full.h"

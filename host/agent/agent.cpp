@@ -15,7 +15,7 @@
 #include "host/runtime/directory.h"
 #include "host/runtime/run_directory.h"
 #include "host/runtime/server.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace agent {
 

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "host/agent/tarn_agent.h"
 #include "host/clock/clocks.h"
 #include "host/meaning/choices.h"
 #include "host/osal/mutex.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace agent {
 

@@ -8,8 +8,8 @@
 #include <map>
 #include <string>
 
-#include "host/agent/tarn_agent.h"
 #include "host/osal/mutex.h"
+#include "tarn_sysdiag/agent.h"
 
 // Bounded, so that no command can fill the memory or a message.
 struct TarnAgentOutput {

@@ -9,9 +9,9 @@
 #include <set>
 #include <vector>
 
-#include "host/agent/tarn_agent.h"
 #include "host/agent/thread_samples.h"
 #include "host/osal/mutex.h"
+#include "tarn_sysdiag/agent.h"
 
 namespace agent {
 

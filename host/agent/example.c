@@ -15,7 +15,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "host/agent/tarn_agent.h"
+#include "tarn_sysdiag/agent.h"
 #include "tarn_sysdiag/values.h"
 
 static atomic_uint_fast64_t counter;

@@ -22,10 +22,10 @@
 #include <string_view>
 
 #include "host/agent/stack.h"
-#include "host/agent/tarn_agent.h"
 #include "host/blackbox/box.h"
 #include "host/osal/descriptor.h"
 #include "host/osal/log.h"
+#include "tarn_sysdiag/agent.h"
 
 namespace agent {
 

@@ -7,7 +7,7 @@
 #include "host/meaning/choices.h"
 #include "host/osal/attempt.h"
 #include "host/osal/error.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace agent {
 

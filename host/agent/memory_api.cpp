@@ -7,8 +7,8 @@
 
 #include "host/agent/agent.h"
 #include "host/agent/stack.h"
-#include "host/agent/tarn_agent.h"
 #include "host/osal/attempt.h"
+#include "tarn_sysdiag/agent.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "host/agent/tarn_agent.h"
 #include "host/clock/clocks.h"
 #include "host/meaning/message_rule.h"
 #include "host/osal/mutex.h"
+#include "tarn_sysdiag/agent.h"
 
 namespace agent {
 

@@ -6,13 +6,13 @@
 
 #include "host/agent/process.h"
 #include "host/answer/answer.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace agent {
 
 #define TARN_METHOD(method, request, response) uint32_t method(const Tarn_sys_diag_##request *request_, void *replyCtx);
 #define TARN_METHOD_NO_REPLY(method, request) uint32_t method(const Tarn_sys_diag_##request *request_);
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 // The process whose agent a request means.
 inline void CheckProcess(const host::meaning::Method &method, uint32_t process) {

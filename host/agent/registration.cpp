@@ -2,7 +2,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 #include "host/agent/process.h"
 #include "host/agent/registration.h"

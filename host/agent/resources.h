@@ -9,9 +9,9 @@
 #include <optional>
 #include <string>
 
-#include "host/agent/tarn_agent.h"
 #include "host/osal/mutex.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace agent {
 

@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 #include "host/agent/methods.h"
 #include "host/agent/service.h"
@@ -15,10 +15,10 @@ namespace {
 
 #define TARN_METHOD TARN_REPLY_RELEASE
 #define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 #define TARN_SERVICE TarnSysdiagAgent
-#define TARN_METHODS "client/agent_methods.h"
+#define TARN_METHODS "tarn_sysdiag/client/agent_methods.h"
 #include "server/tables.inc"
 
 } // namespace

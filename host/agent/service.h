@@ -1,7 +1,7 @@
 // The service TarnSysdiagAgent, which the agent serves.
 #pragma once
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace agent {
 

@@ -13,8 +13,8 @@
 #include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/text.h"
-#include "host/runtime/reply.h"
-#include "types/common.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/types/common.h"
 
 namespace host {
 

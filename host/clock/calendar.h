@@ -5,7 +5,7 @@
 #include <string>
 
 #include "host/meaning/choices.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/time.h"
 
 namespace host {
 

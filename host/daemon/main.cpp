@@ -18,8 +18,8 @@
 #include "host/serve/privilege.h"
 #include "host/serve/serve.h"
 #include "host/stacks/helpers.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "host/runtime/call.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/host/call.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace tarnd {
 

@@ -1,12 +1,12 @@
 // The replies' releases of all methods.
 #include "host/answer/answer.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 #define TARN_METHOD TARN_REPLY_RELEASE
 #define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD TARN_REPLY_RELEASE
 #define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "host/clock/rules.h"
-#include "types/master.h"
+#include "tarn_sysdiag/types/master.h"
 
 namespace master {
 

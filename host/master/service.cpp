@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/master.h"
+#include "tarn_sysdiag/types/master.h"
 
 #include <unistd.h>
 
@@ -66,7 +66,7 @@ Names NamesOf(const char (&name)[kSize], const char (&variant)[kSize]) {
 
 #define TARN_METHOD TARN_REPLY_RELEASE
 #define TARN_METHOD_NO_REPLY TARN_REPLY_RELEASE_NONE
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
 
 uint32_t UpdateInnerConfig(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::UpdateInnerConfig, request, replyCtx, [](auto &) {
@@ -223,7 +223,7 @@ uint32_t SysdiagGetDimWorkMode(const Tarn_sys_diag_None *request, void *replyCtx
 }
 
 #define TARN_SERVICE TarnSysdiagMaster
-#define TARN_METHODS "client/master_methods.h"
+#define TARN_METHODS "tarn_sysdiag/client/master_methods.h"
 #include "server/tables.inc"
 
 } // namespace

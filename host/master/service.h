@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/runtime/client.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace master {
 

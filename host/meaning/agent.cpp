@@ -1,7 +1,7 @@
 #include "host/meaning/agent.h"
 
 #define SERVICE "TarnSysdiagAgent"
-#define METHOD_LIST "client/agent_methods.h"
+#define METHOD_LIST "tarn_sysdiag/client/agent_methods.h"
 #include "host/meaning/define_service.h"
 
 namespace host::meaning {

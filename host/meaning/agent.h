@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/meaning/shared_records.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace host::meaning {
 

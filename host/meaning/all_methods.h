@@ -8,19 +8,19 @@
 
 #define TARN_METHOD(method, request, response) TARN_SERVICE_METHOD(TarnSysdiagTarnd, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_SERVICE_METHOD_NO_REPLY(TarnSysdiagTarnd, method, request)
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD(method, request, response) TARN_SERVICE_METHOD(TarnSysdiagTarndAgent, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_SERVICE_METHOD_NO_REPLY(TarnSysdiagTarndAgent, method, request)
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 
 #define TARN_METHOD(method, request, response) TARN_SERVICE_METHOD(TarnSysdiagAgent, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_SERVICE_METHOD_NO_REPLY(TarnSysdiagAgent, method, request)
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 #define TARN_METHOD(method, request, response) TARN_SERVICE_METHOD(TarnSysdiagMaster, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_SERVICE_METHOD_NO_REPLY(TarnSysdiagMaster, method, request)
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
 
 #undef TARN_SERVICE_METHOD
 #undef TARN_SERVICE_METHOD_NO_REPLY

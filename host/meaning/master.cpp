@@ -1,7 +1,7 @@
 #include "host/meaning/master.h"
 
 #define SERVICE "TarnSysdiagMaster"
-#define METHOD_LIST "client/master_methods.h"
+#define METHOD_LIST "tarn_sysdiag/client/master_methods.h"
 #include "host/meaning/define_service.h"
 
 namespace host::meaning {

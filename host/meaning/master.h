@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/meaning/shared_records.h"
-#include "types/master.h"
+#include "tarn_sysdiag/types/master.h"
 
 namespace host::meaning {
 

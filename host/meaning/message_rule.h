@@ -5,7 +5,7 @@
 #include <string>
 
 #include "host/osal/text.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace host::meaning {
 

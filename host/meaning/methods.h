@@ -3,11 +3,11 @@
 
 #include "host/meaning/check.h"
 #include "host/meaning/meaning.h"
-#include "types/agent.h"
-#include "types/common.h"
-#include "types/master.h"
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace host::meaning {
 

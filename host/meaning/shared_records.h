@@ -2,8 +2,8 @@
 #pragma once
 
 #include "host/meaning/list.h"
-#include "types/common.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/time.h"
 
 namespace host::meaning {
 

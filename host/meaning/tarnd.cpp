@@ -1,7 +1,7 @@
 #include "host/meaning/tarnd.h"
 
 #define SERVICE "TarnSysdiagTarnd"
-#define METHOD_LIST "server/tarnd_methods.h"
+#define METHOD_LIST "tarn_sysdiag/server/tarnd_methods.h"
 #include "host/meaning/define_service.h"
 
 namespace host::meaning {

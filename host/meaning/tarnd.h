@@ -4,7 +4,7 @@
 #include "host/meaning/agent.h"
 #include "host/meaning/master.h"
 #include "host/meaning/shared_records.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 namespace host::meaning {
 

@@ -1,7 +1,7 @@
 #include "host/meaning/tarnd_agent.h"
 
 #define SERVICE "TarnSysdiagTarndAgent"
-#define METHOD_LIST "server/tarnd_agent_methods.h"
+#define METHOD_LIST "tarn_sysdiag/server/tarnd_agent_methods.h"
 #include "host/meaning/define_service.h"
 
 namespace host::meaning {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/meaning/shared_records.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 namespace host::meaning {
 

@@ -11,7 +11,7 @@
 #include <mutex>
 
 #include "host/osal/text.h"
-#include "platform/osal.h"
+#include "tarn_sysdiag/platform/osal.h"
 
 namespace host {
 namespace {

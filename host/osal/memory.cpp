@@ -10,7 +10,7 @@
 
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
-#include "platform/osal.h"
+#include "tarn_sysdiag/platform/osal.h"
 
 namespace host {
 namespace {

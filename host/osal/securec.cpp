@@ -1,5 +1,5 @@
 // The platform's bounds-checked copies over libsafec, which has them as macros only.
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/securec.h"
 
 #include <safe_mem_lib.h>
 

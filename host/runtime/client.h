@@ -13,8 +13,8 @@
 
 #include "host/osal/mutex.h"
 #include "host/runtime/bytes.h"
-#include "host/runtime/call.h"
 #include "host/runtime/limits.h"
+#include "tarn_sysdiag/host/call.h"
 
 namespace host {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "host/runtime/bytes.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace host {
 

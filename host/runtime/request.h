@@ -10,10 +10,10 @@
 
 #include "host/osal/mutex.h"
 #include "host/runtime/quota.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/request_states.h"
 #include "host/runtime/services.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace host {
 

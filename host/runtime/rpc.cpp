@@ -1,5 +1,5 @@
 // What the library's proxies and wrappers ask of the runtime, over Client and the OS layer's memory.
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 #include <fmt/format.h>
 
@@ -11,7 +11,7 @@
 #include "host/runtime/client.h"
 #include "host/runtime/encode.h"
 #include "host/runtime/outgoing.h"
-#include "platform/osal.h"
+#include "tarn_sysdiag/platform/osal.h"
 
 uint32_t g_uiMoraModuleId = 20;
 

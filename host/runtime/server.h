@@ -21,7 +21,7 @@
 #include "host/clock/clocks.h"
 #include "host/runtime/limits.h"
 #include "host/runtime/policy.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace host {
 

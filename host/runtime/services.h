@@ -10,7 +10,7 @@
 #include "host/runtime/protocol.h"
 #include "host/runtime/statistics.h"
 #include "host/runtime/status.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 namespace host {
 

@@ -6,13 +6,13 @@
  * the agent is shut down. "tarnctl list TarnSysdiagAgent" tells what the agent answers on its socket,
  * agent-<pid>.sock of the run directory.
  */
-#ifndef TARN_HOST_AGENT_TARN_AGENT_H
-#define TARN_HOST_AGENT_TARN_AGENT_H
+#ifndef TARN_AGENT_H
+#define TARN_AGENT_H
 
 #include <stdint.h>
 #include <stdlib.h>
 
-#include "platform/export.h"
+#include "tarn_sysdiag/platform/export.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/securec.h"
 #include "velto/registry.h"
 
 TARN_UNIT()

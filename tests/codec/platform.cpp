@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/osal.h"
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/osal.h"
+#include "tarn_sysdiag/platform/securec.h"
 
 #ifdef TEST_MALLOC
 // The linker leads the program's calls of malloc and free to the functions below, and these to the C library's.

@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_TEST_TYPES_H
 #define TARN_TESTS_TEST_TYPES_H
 
-#include "types/table.h"
+#include "tarn_sysdiag/types/table.h"
 
 typedef struct Tarn_sys_diag_TestScalars {
     uint8_t ucOne;

@@ -4,7 +4,7 @@
 TARN_UNIT()
 
 #include "host/meaning/choices.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <dlfcn.h>
 
@@ -13,7 +13,7 @@ TARN_UNIT()
 #include <map>
 #include <random>
 
-#include "host/agent/tarn_agent.h"
+#include "tarn_sysdiag/agent.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/keep.h"
 

@@ -4,15 +4,15 @@
 TARN_UNIT()
 
 #include "host/meaning/choices.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
 
-#include "host/agent/tarn_agent.h"
 #include "host/runtime/status.h"
+#include "tarn_sysdiag/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

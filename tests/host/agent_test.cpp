@@ -3,12 +3,12 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <set>
 
-#include "host/agent/tarn_agent.h"
 #include "host/runtime/catalogue.h"
+#include "tarn_sysdiag/agent.h"
 #include "tests/host/kit.h"
 
 namespace {

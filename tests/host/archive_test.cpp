@@ -12,7 +12,7 @@
 
 #include "host/answer/unit.h"
 #include "host/store/files.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/kit.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/nobody.h"

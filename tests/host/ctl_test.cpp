@@ -3,7 +3,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -16,8 +16,8 @@ TARN_UNIT()
 #include <thread>
 
 #include "host/describe/stated.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
+#include "tarn_sysdiag/host/reply.h"
 
 namespace {
 

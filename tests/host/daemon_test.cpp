@@ -3,8 +3,8 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -18,8 +18,8 @@ TARN_UNIT()
 
 #include "host/answer/answer.h"
 #include "host/runtime/catalogue.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
+#include "tarn_sysdiag/host/reply.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

@@ -4,8 +4,8 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -13,14 +13,14 @@ TARN_UNIT()
 #include <cstring>
 #include <future>
 
-#include "client/agent.h"
 #include "host/osal/log.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 #include "kit.h"
 #include "peer.h"
 #include "served.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace {
 

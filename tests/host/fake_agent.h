@@ -1,5 +1,5 @@
 // An agent in the test's own process, whose methods do what a test says; those of which it says nothing answer 38. To
-// be included by one file of a test, after its unit and types/agent.h.
+// be included by one file of a test, after its unit and tarn_sysdiag/types/agent.h.
 #pragma once
 
 #include <functional>
@@ -7,12 +7,12 @@
 #include <mutex>
 #include <string>
 
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 #include "server/frame.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 #include "tests/host/kit.h"
-#include "types/agent.h"
-#include "types/tarnd_agent.h"
 
 namespace {
 
@@ -46,10 +46,10 @@ uint32_t Handle(const char *method, const void *request, void *replyCtx) {
     uint32_t method(const Tarn_sys_diag_##request *record) {                                                           \
         return fake::Handle(#method, record, nullptr);                                                                 \
     }
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 #define TARN_SERVICE TarnSysdiagAgent
-#define TARN_METHODS "client/agent_methods.h"
+#define TARN_METHODS "tarn_sysdiag/client/agent_methods.h"
 #include "server/tables.inc"
 
 class FakeAgent {

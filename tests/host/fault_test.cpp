@@ -3,16 +3,16 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <cstddef>
 #include <cstring>
 #include <set>
 
 #include "host/agent/faults.h"
-#include "host/agent/tarn_agent.h"
 #include "host/blackbox/box.h"
 #include "host/blackbox/reader.h"
+#include "tarn_sysdiag/agent.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include "host/daemon/health/health_examiner.h"
 #include "host/daemon/health/resource_levels.h"
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 

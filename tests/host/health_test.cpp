@@ -4,7 +4,7 @@
 TARN_UNIT()
 
 #include "host/meaning/choices.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <atomic>
 

@@ -3,8 +3,8 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -12,10 +12,10 @@ TARN_UNIT()
 #include <atomic>
 #include <map>
 
-#include "client/agent.h"
 #include "host/runtime/status.h"
 #include "peer.h"
 #include "served_test.h"
+#include "tarn_sysdiag/client/agent.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <initializer_list>
 
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {

@@ -4,8 +4,8 @@
 
 TARN_UNIT()
 
-#include "types/master.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <ctime>
 

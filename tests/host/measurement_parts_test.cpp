@@ -13,7 +13,7 @@
 #include "host/daemon/files/survey.h"
 #include "host/meaning/choices.h"
 #include "host/store/files.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/eventually.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/nobody.h"

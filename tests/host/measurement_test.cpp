@@ -3,8 +3,8 @@
 
 TARN_UNIT()
 
-#include "types/master.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include "host/meaning/choices.h"
 #include "tests/host/daemon_kit.h"

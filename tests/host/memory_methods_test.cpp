@@ -12,7 +12,7 @@
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/memory_files.h"
 #include "host/daemon/memory/process_memory.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
 

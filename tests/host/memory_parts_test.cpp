@@ -7,7 +7,7 @@
 #include <algorithm>
 
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/method_kit.h"
 #include "tests/host/simulated_daemon.h"
 

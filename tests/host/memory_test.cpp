@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <pwd.h>
 #include <sys/prctl.h>

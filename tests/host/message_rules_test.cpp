@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 

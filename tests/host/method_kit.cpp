@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "host/runtime/reply.h"
+#include "tarn_sysdiag/host/reply.h"
 
 namespace {
 

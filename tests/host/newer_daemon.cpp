@@ -7,10 +7,10 @@ TARN_UNIT()
 
 #include <cstring>
 
-#include "host/runtime/reply.h"
 #include "newer_daemon.h"
 #include "newer_types.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 namespace host::meaning {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/meaning/meaning.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 struct Tarn_sys_diag_FanInfo;
 

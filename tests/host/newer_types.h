@@ -2,8 +2,8 @@
 #ifndef TARN_TESTS_NEWER_TYPES_H
 #define TARN_TESTS_NEWER_TYPES_H
 
-#include "types/table.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/table.h"
+#include "tarn_sysdiag/types/time.h"
 
 typedef struct Tarn_sys_diag_FanInput {
     uint32_t uiFan;

@@ -10,8 +10,8 @@
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
 #include "host/osal/mutex.h"
-#include "platform/osal.h"
-#include "platform/securec.h"
+#include "tarn_sysdiag/platform/osal.h"
+#include "tarn_sysdiag/platform/securec.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // A connection of which a test sends the bytes. A test file includes host/answer/unit.h, says TARN_UNIT() and includes
-// types/tarnd.h before this one.
+// tarn_sysdiag/types/tarnd.h before this one.
 #pragma once
 
 #include <linux/sockios.h>

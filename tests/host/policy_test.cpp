@@ -3,7 +3,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -17,13 +17,13 @@ TARN_UNIT()
 #include "host/runtime/catalogue.h"
 #include "host/runtime/peer_log.h"
 #include "host/runtime/policy.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 #include "host/runtime/status.h"
 #include "kit.h"
 #include "peer.h"
 #include "served.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace {
 

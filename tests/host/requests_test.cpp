@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/common.h"
+#include "tarn_sysdiag/types/common.h"
 
 #include "host/describe/json.h"
 #include "tests/host/daemon_kit.h"

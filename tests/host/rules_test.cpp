@@ -4,8 +4,8 @@
 TARN_UNIT()
 
 #include "host/meaning/choices.h"
-#include "types/master.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"

@@ -3,8 +3,8 @@
 
 TARN_UNIT()
 
-#include "types/agent.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -19,7 +19,6 @@ TARN_UNIT()
 #include <future>
 #include <mutex>
 
-#include "client/agent.h"
 #include "host/osal/accounting.h"
 #include "host/runtime/catalogue.h"
 #include "host/runtime/pool.h"
@@ -28,7 +27,8 @@ TARN_UNIT()
 #include "host/runtime/transport.h"
 #include "peer.h"
 #include "served_test.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace {
 

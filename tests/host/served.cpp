@@ -8,9 +8,9 @@
 
 TARN_UNIT()
 
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace served {
 namespace {
@@ -73,11 +73,11 @@ extern "C" {
 
 #define TARN_METHOD SERVED
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD SERVED
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 
 } // extern "C"
 
@@ -85,10 +85,10 @@ namespace {
 
 #define TARN_METHOD SERVED
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 #define TARN_SERVICE TarnSysdiagAgent
-#define TARN_METHODS "client/agent_methods.h"
+#define TARN_METHODS "tarn_sysdiag/client/agent_methods.h"
 #include "server/tables.inc"
 
 } // namespace

@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 // The agent's skeleton, in this process; the daemon's is the library's.
 extern const IdlModuleSpec &served_module_spec_TarnSysdiagAgent;

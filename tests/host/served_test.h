@@ -1,5 +1,5 @@
 // What the tests of served methods share. A test file includes host/answer/unit.h, says TARN_UNIT() and includes
-// types/tarnd.h before this one.
+// tarn_sysdiag/types/tarnd.h before this one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,12 +8,12 @@
 
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 #include "kit.h"
 #include "manual_clocks.h"
 #include "served.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace served {
 

@@ -1,6 +1,6 @@
 // A server's sessions on the test's thread and by its clock: what the loop would report is said by the test, and a
 // method that is to run beside others says what they do meanwhile. A test file makes a unit, and includes
-// types/tarnd.h, before this one.
+// tarn_sysdiag/types/tarnd.h, before this one.
 #pragma once
 
 #include <gtest/gtest.h>

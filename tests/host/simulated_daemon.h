@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "host/daemon/daemon.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 #include "tests/host/fake_peers.h"
 #include "tests/host/fake_proc.h"
 #include "tests/host/manual_driver.h"

@@ -5,8 +5,8 @@
 TARN_UNIT()
 
 #include "host/meaning/choices.h"
-#include "types/master.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <optional>
 

@@ -3,7 +3,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,6 @@ TARN_UNIT()
 
 #include "host/osal/log.h"
 #include "host/runtime/catalogue.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
 #include "host/runtime/statistics.h"
 #include "host/runtime/status.h"
@@ -23,7 +22,8 @@ TARN_UNIT()
 #include "manual_clocks.h"
 #include "peer.h"
 #include "served.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 TARN_UNIT()
 
-#include "types/common.h"
+#include "tarn_sysdiag/types/common.h"
 
 #include <poll.h>
 #include <pty.h>

@@ -3,7 +3,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -3,8 +3,8 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
-#include "types/tarnd_agent.h"
+#include "tarn_sysdiag/types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd_agent.h"
 
 #include <sys/prctl.h>
 

@@ -33,8 +33,8 @@ for variable in libdir includedir; do
     [[ $found == "$prefix"/* ]] || { echo "$variable is $found, expected a directory below $prefix"; exit 1; }
 done
 # What the public headers include is among them.
-for header in server/tarnd.h client/agent.h client/master.h; do
-    echo "#include \"$header\"" | cc -xc -std=c99 -fsyntax-only $(pkg-config --cflags tarn_sysdiag) -
+for header in tarn_sysdiag/server/tarnd.h tarn_sysdiag/client/agent.h tarn_sysdiag/client/master.h; do
+    echo "#include <$header>" | cc -xc -std=c99 -fsyntax-only $(pkg-config --cflags tarn_sysdiag) -
 done
 
 # The guide's program is built by the guide's own line, and answers. One without a sanitizer can't load what has one.

@@ -2,7 +2,7 @@
 // log, allocate and release, and by what they write and read, compared with codecs of the tests' own.
 #pragma once
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 #include "tests/codec/record.h"
 
 // Slot 0.

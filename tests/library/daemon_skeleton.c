@@ -5,10 +5,10 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "platform/rpc.h"
-#include "platform/securec.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/platform/rpc.h"
+#include "tarn_sysdiag/platform/securec.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 /* The daemon. */
 
@@ -31,11 +31,11 @@ static unsigned g_uiReleased;
 
 #define TARN_METHOD HANDLE
 #define TARN_METHOD_NO_REPLY HANDLE_NO_REPLY
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD HANDLE
 #define TARN_METHOD_NO_REPLY HANDLE_NO_REPLY
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 
 /* The runtime. */
 

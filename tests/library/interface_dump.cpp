@@ -8,11 +8,11 @@
 
 TARN_UNIT()
 
-#include "client/agent.h"
-#include "client/master.h"
 #include "server/frame.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/client/master.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 #include <cstdio>
 #include <exception>
@@ -173,11 +173,11 @@ void PrintMethods() {
 #define TARN_METHOD(method, request, response) PrintProxy(#method, #request, #response);
 #define TARN_METHOD_NO_REPLY(method, request) PrintProxy(#method, #request, nullptr);
     printf("\nRemote service TarnSysdiagAgent\n");
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 #define TARN_METHOD(method, request, response) PrintProxy(#method, #request, #response);
 #define TARN_METHOD_NO_REPLY(method, request) PrintProxy(#method, #request, nullptr);
     printf("\nRemote service TarnSysdiagMaster\n");
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
 #define SERVED(method, request, response)                                                                              \
     PrintServed(++index, #method, server::ShapeOf<Tarn_sys_diag_##request, Tarn_sys_diag_##response>(), #request,      \
                 #response);
@@ -186,12 +186,12 @@ void PrintMethods() {
 #define TARN_METHOD SERVED
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
     printf("\nServed service TarnSysdiagTarnd\n");
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 #define TARN_METHOD SERVED
 #define TARN_METHOD_NO_REPLY SERVED_NO_REPLY
     index = 0;
     printf("\nServed service TarnSysdiagTarndAgent\n");
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 }
 
 void PrintNames(const char *title, const char *path) {

@@ -2,10 +2,10 @@
 
 #include <stdexcept>
 
-#include "client/agent.h"
-#include "client/master.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/client/master.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 #define AS(type, pointer) static_cast<Tarn_sys_diag_##type *>(pointer)
 #define AS_CONST(type, pointer) static_cast<const Tarn_sys_diag_##type *>(pointer)
@@ -42,10 +42,10 @@ const std::vector<ProxyMethod> &ProxyMethods() {
     static const std::vector<ProxyMethod> methods = {
 #define TARN_METHOD(method, request, response) ENTER_PROXY(TarnSysdiagAgent, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) ENTER_PROXY_NO_REPLY(TarnSysdiagAgent, method, request)
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 #define TARN_METHOD(method, request, response) ENTER_PROXY(TarnSysdiagMaster, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) ENTER_PROXY_NO_REPLY(TarnSysdiagMaster, method, request)
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
     };
     return methods;
 }
@@ -78,10 +78,10 @@ const std::vector<ServedMethod> &ServedMethods() {
     static const std::vector<ServedMethod> methods = Number({
 #define TARN_METHOD(method, request, response) ENTER_SERVED(TarnSysdiagTarnd, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) ENTER_SERVED_NO_REPLY(TarnSysdiagTarnd, method, request)
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 #define TARN_METHOD(method, request, response) ENTER_SERVED(TarnSysdiagTarndAgent, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) ENTER_SERVED_NO_REPLY(TarnSysdiagTarndAgent, method, request)
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
     });
     return methods;
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 // A method of a remote service, and its exported functions. Types go without their prefix.
 struct ProxyMethod {

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/osal.h"
-#include "platform/securec.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/platform/osal.h"
+#include "tarn_sysdiag/platform/securec.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 Platform &Platform::Get() {
     static thread_local Platform platform;
@@ -300,9 +300,9 @@ void XRT_OsalMemFree(void *block, uint32_t moduleId, const char *tag) {
 
 #define TARN_METHOD DEFINE_HANDLER
 #define TARN_METHOD_NO_REPLY DEFINE_HANDLER_NO_REPLY
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 
 #define TARN_METHOD DEFINE_HANDLER
 #define TARN_METHOD_NO_REPLY DEFINE_HANDLER_NO_REPLY
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
 }

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 constexpr uint32_t kMoraModuleId = 4711;
 constexpr size_t kNever = std::numeric_limits<size_t>::max();

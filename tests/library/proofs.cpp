@@ -2,10 +2,10 @@
 #define VELTO_ON_TABLE(type) // descriptions only, no codecs
 #include "server/frame.h"
 
-#include "client/agent.h"
-#include "client/master.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/client/agent.h"
+#include "tarn_sysdiag/client/master.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 using server::Shape;
 
@@ -149,10 +149,10 @@ constexpr uint32_t CountShapes(Shape shape) {
     const Shape shapes[] = {
 #define TARN_METHOD(method, request, response) server::ShapeOf<Tarn_sys_diag_##request, Tarn_sys_diag_##response>(),
 #define TARN_METHOD_NO_REPLY(method, request) server::ShapeOf<Tarn_sys_diag_##request, server::NoReply>(),
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
 #define TARN_METHOD(method, request, response) server::ShapeOf<Tarn_sys_diag_##request, Tarn_sys_diag_##response>(),
 #define TARN_METHOD_NO_REPLY(method, request) server::ShapeOf<Tarn_sys_diag_##request, server::NoReply>(),
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
     };
     uint32_t num = 0;
     for (const Shape each : shapes) {
@@ -173,41 +173,41 @@ SHAPES(kOnewayOwningRequest, 1)
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
                   == 80,
-              "the entries of the interface table of server/tarnd_methods.h have changed");
+              "the entries of the interface table of tarn_sysdiag/server/tarnd_methods.h have changed");
 #define TARN_METHOD(method, request, response) +2
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
-#include "server/tarnd_methods.h"
+#include "tarn_sysdiag/server/tarnd_methods.h"
                   == 152,
-              "the entries of the message table of server/tarnd_methods.h have changed");
+              "the entries of the message table of tarn_sysdiag/server/tarnd_methods.h have changed");
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
                   == 3,
-              "the entries of the interface table of server/tarnd_agent_methods.h have changed");
+              "the entries of the interface table of tarn_sysdiag/server/tarnd_agent_methods.h have changed");
 #define TARN_METHOD(method, request, response) +2
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(1
-#include "server/tarnd_agent_methods.h"
+#include "tarn_sysdiag/server/tarnd_agent_methods.h"
                   == 5,
-              "the entries of the message table of server/tarnd_agent_methods.h have changed");
+              "the entries of the message table of tarn_sysdiag/server/tarnd_agent_methods.h have changed");
 
 // Methods of the remote services.
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(0
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
                   == 26,
-              "the methods of client/agent_methods.h have changed");
+              "the methods of tarn_sysdiag/client/agent_methods.h have changed");
 #define TARN_METHOD(method, request, response) +1
 #define TARN_METHOD_NO_REPLY(method, request) +1
 static_assert(0
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
                   == 15,
-              "the methods of client/master_methods.h have changed");
+              "the methods of tarn_sysdiag/client/master_methods.h have changed");
 
 static_assert(velto::TypeHash("None") == 0x87D7088A);
 static_assert(velto::TypeHash("Result") == 0x10D68351);

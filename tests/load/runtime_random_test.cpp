@@ -4,7 +4,7 @@
 
 TARN_UNIT()
 
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 #include <gtest/gtest.h>
 
@@ -16,9 +16,9 @@ TARN_UNIT()
 
 #include "host/osal/accounting.h"
 #include "host/osal/log.h"
-#include "host/runtime/reply.h"
 #include "host/runtime/server.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/host/reply.h"
+#include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/kit.h"
 #include "tests/host/served.h"
 

@@ -5,10 +5,10 @@
 
 #include <memory>
 
-#include "client/agent.h"
 #include "host/daemon/agents/silent_agents.h"
 #include "host/daemon/peers.h"
 #include "host/osal/error.h"
+#include "tarn_sysdiag/client/agent.h"
 
 namespace tarnd {
 

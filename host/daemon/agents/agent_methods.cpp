@@ -4,7 +4,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/osal/log.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace tarnd {
 

@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "host/daemon/agents/relay.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

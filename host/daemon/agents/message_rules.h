@@ -14,7 +14,7 @@
 #include "host/osal/mutex.h"
 #include "host/procfs/procfs.h"
 #include "host/store/store.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace tarnd {
 

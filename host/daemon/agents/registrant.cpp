@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "host/osal/error.h"
-#include "host/runtime/reply.h"
+#include "tarn_sysdiag/host/reply.h"
 
 namespace tarnd {
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -6,8 +6,8 @@
 #include "host/daemon/agents/relay.h"
 #include "host/meaning/unit.h"
 #include "host/osal/log.h"
-#include "server/tarnd.h"
-#include "server/tarnd_agent.h"
+#include "tarn_sysdiag/server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd_agent.h"
 
 namespace tarnd {
 

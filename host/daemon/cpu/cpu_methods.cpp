@@ -12,7 +12,7 @@
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/thread_times.h"
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -1,7 +1,7 @@
 // The thresholds of CPU overloads, and what has been recorded of them.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

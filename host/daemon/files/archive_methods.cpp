@@ -1,7 +1,7 @@
 // Log archives.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

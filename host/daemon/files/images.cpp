@@ -86,7 +86,8 @@ std::vector<Image> ImagesOf(const host::procfs::Procfs &proc, uint32_t pid) {
     return ParseImages(proc.Read(pid, "maps"));
 }
 
-// To open what is in map_files takes a capability that few daemons have; the program itself takes no other than to look.
+// To open what is in map_files takes a capability that few daemons have; the program itself takes no other than to
+// look.
 host::Descriptor OpenImage(const host::procfs::Procfs &proc, uint32_t pid, const Image &image) {
     const auto open = [&](const std::string &file) {
         return host::Descriptor(::open(proc.Path(pid, file).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));

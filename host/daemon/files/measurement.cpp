@@ -11,7 +11,7 @@
 #include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 namespace tarnd {
 

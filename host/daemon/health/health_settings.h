@@ -9,7 +9,7 @@
 #include "host/daemon/agents/courier.h"
 #include "host/osal/mutex.h"
 #include "host/store/store.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/types/agent.h"
 
 namespace tarnd {
 

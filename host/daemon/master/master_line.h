@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "client/master.h"
 #include "host/daemon/peers.h"
+#include "tarn_sysdiag/client/master.h"
 
 namespace tarnd {
 

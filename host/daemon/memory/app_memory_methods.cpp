@@ -1,7 +1,7 @@
 // The memory of an application, as its agent tells it, as text for people.
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

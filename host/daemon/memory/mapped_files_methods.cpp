@@ -4,7 +4,7 @@
 #include "host/daemon/memory/kib.h"
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/mapped_files.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

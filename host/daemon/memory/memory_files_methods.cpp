@@ -5,7 +5,7 @@
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/memory_files.h"
 #include "host/daemon/processes/users.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

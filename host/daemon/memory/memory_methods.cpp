@@ -8,7 +8,7 @@
 #include "host/daemon/memory/kib.h"
 #include "host/daemon/memory/memory_use.h"
 #include "host/procfs/procfs.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -2,7 +2,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/memory_use.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -7,7 +7,7 @@
 #include "host/daemon/memory/process_memory.h"
 #include "host/daemon/processes/process_age.h"
 #include "host/procfs/memory.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -3,7 +3,7 @@
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/largest.h"
 #include "host/daemon/memory/shared_memory.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

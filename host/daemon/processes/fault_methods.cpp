@@ -11,7 +11,7 @@
 #include "host/meaning/choices.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -3,8 +3,8 @@
 
 #include <chrono>
 
-#include "host/runtime/reply.h"
 #include "host/stacks/helper.h"
+#include "tarn_sysdiag/host/reply.h"
 
 namespace tarnd {
 

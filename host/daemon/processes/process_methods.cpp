@@ -8,7 +8,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/store/files.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

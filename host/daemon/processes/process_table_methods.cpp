@@ -4,7 +4,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/meaning/choices.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -4,7 +4,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/processes/helper_time.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

@@ -6,7 +6,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/osal/text.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

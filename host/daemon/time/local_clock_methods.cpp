@@ -1,7 +1,7 @@
 // What sets the daemon's clock.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 using tarnd::Daemon;
 

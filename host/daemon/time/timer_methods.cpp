@@ -6,7 +6,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
 #include "host/daemon/daemon.h"
-#include "server/tarnd.h"
+#include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
 

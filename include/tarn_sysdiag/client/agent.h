@@ -1,12 +1,12 @@
 /*
  * The proxies of the remote service TarnSysdiagAgent, the diagnosis agent inside each application process. The calls
- * and their results are described in client/proxy.h.
+ * and their results are described in tarn_sysdiag/client/proxy.h.
  */
 #ifndef TARN_CLIENT_AGENT_H
 #define TARN_CLIENT_AGENT_H
 
-#include "client/proxy.h"
-#include "types/agent.h"
+#include "tarn_sysdiag/client/proxy.h"
+#include "tarn_sysdiag/types/agent.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -17,7 +17,7 @@ extern TARN_EXPORT IdlServerAddr g_stServerAddr_TarnSysdiagAgent;
 
 #define TARN_METHOD(method, request, response) TARN_PROXY(TarnSysdiagAgent, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_PROXY_NO_REPLY(TarnSysdiagAgent, method, request)
-#include "client/agent_methods.h"
+#include "tarn_sysdiag/client/agent_methods.h"
 
 #ifdef __cplusplus
 }

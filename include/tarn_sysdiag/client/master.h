@@ -1,12 +1,12 @@
 /*
  * The proxies of the remote service TarnSysdiagMaster, the diagnosis master, which holds the daemon's configuration.
- * The calls and their results are described in client/proxy.h.
+ * The calls and their results are described in tarn_sysdiag/client/proxy.h.
  */
 #ifndef TARN_CLIENT_MASTER_H
 #define TARN_CLIENT_MASTER_H
 
-#include "client/proxy.h"
-#include "types/master.h"
+#include "tarn_sysdiag/client/proxy.h"
+#include "tarn_sysdiag/types/master.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -17,7 +17,7 @@ extern TARN_EXPORT IdlServerAddr g_stServerAddr_TarnSysdiagMaster;
 
 #define TARN_METHOD(method, request, response) TARN_PROXY(TarnSysdiagMaster, method, request, response)
 #define TARN_METHOD_NO_REPLY(method, request) TARN_PROXY_NO_REPLY(TarnSysdiagMaster, method, request)
-#include "client/master_methods.h"
+#include "tarn_sysdiag/client/master_methods.h"
 
 #ifdef __cplusplus
 }

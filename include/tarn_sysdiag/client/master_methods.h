@@ -4,7 +4,7 @@
  * both macros defined; it undefines them.
  */
 #if !defined(TARN_METHOD) || !defined(TARN_METHOD_NO_REPLY)
-#error "client/master_methods.h: define TARN_METHOD and TARN_METHOD_NO_REPLY before including the list"
+#error "tarn_sysdiag/client/master_methods.h: define TARN_METHOD and TARN_METHOD_NO_REPLY before including the list"
 #endif
 
 TARN_METHOD(UpdateInnerConfig, None, None)

@@ -19,8 +19,8 @@
 #ifndef TARN_CLIENT_PROXY_H
 #define TARN_CLIENT_PROXY_H
 
-#include "platform/export.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/export.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 #define TARN_PROXY(service, method, request, response)                                                                 \
     TARN_EXPORT void service##_##method##SetIdl(IdlCodecTable *pstCodec);                                              \

@@ -1,6 +1,6 @@
 /* What a caller of the library's proxies says with a call, and may ask when it has ended. */
-#ifndef TARN_HOST_RUNTIME_CALL_H
-#define TARN_HOST_RUNTIME_CALL_H
+#ifndef TARN_HOST_CALL_H
+#define TARN_HOST_CALL_H
 
 #include <stdint.h>
 

@@ -1,6 +1,6 @@
 /* How a method's implementation answers: with the reply context that its wrapper was given. */
-#ifndef TARN_HOST_RUNTIME_REPLY_H
-#define TARN_HOST_RUNTIME_REPLY_H
+#ifndef TARN_HOST_REPLY_H
+#define TARN_HOST_REPLY_H
 
 #include <stdint.h>
 

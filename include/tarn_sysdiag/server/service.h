@@ -17,8 +17,8 @@
 #ifndef TARN_SERVER_SERVICE_H
 #define TARN_SERVER_SERVICE_H
 
-#include "platform/export.h"
-#include "platform/rpc.h"
+#include "tarn_sysdiag/platform/export.h"
+#include "tarn_sysdiag/platform/rpc.h"
 
 #define TARN_SERVED(method, request, response)                                                                         \
     uint32_t method(const Tarn_sys_diag_##request *pstRequest, void *pReplyCtx);                                       \

@@ -10,7 +10,7 @@
 #ifndef TARN_TYPES_AGENT_H
 #define TARN_TYPES_AGENT_H
 
-#include "types/common.h"
+#include "tarn_sysdiag/types/common.h"
 
 /* Debug commands. */
 

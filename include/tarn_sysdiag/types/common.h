@@ -2,7 +2,7 @@
 #ifndef TARN_TYPES_COMMON_H
 #define TARN_TYPES_COMMON_H
 
-#include "types/table.h"
+#include "tarn_sysdiag/types/table.h"
 
 /* A message without content: the request of every method that takes no input. */
 TARN_EMPTY_RECORD(None)

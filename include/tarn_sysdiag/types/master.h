@@ -7,8 +7,8 @@
 #ifndef TARN_TYPES_MASTER_H
 #define TARN_TYPES_MASTER_H
 
-#include "types/common.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/time.h"
 
 /* Request of GetPhyNameAndID: a physical address. */
 typedef struct Tarn_sys_diag_PhysicalAddrInput {

@@ -10,11 +10,11 @@
 #ifndef TARN_TYPES_TARND_H
 #define TARN_TYPES_TARND_H
 
-#include "types/agent.h"
-#include "types/common.h"
-#include "types/master.h"
-#include "types/table.h"
-#include "types/time.h"
+#include "tarn_sysdiag/types/agent.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/master.h"
+#include "tarn_sysdiag/types/table.h"
+#include "tarn_sysdiag/types/time.h"
 
 /* ---- Processes and CPU ---- */
 

@@ -6,8 +6,8 @@
 #ifndef TARN_TYPES_TARND_AGENT_H
 #define TARN_TYPES_TARND_AGENT_H
 
-#include "types/common.h"
-#include "types/table.h"
+#include "tarn_sysdiag/types/common.h"
+#include "tarn_sysdiag/types/table.h"
 
 /* Request of AgentRegInfo: the agent that registers. */
 typedef struct Tarn_sys_diag_AgentRegInfoInput {

@@ -6,7 +6,7 @@
 #ifndef TARN_TYPES_TIME_H
 #define TARN_TYPES_TIME_H
 
-#include "types/table.h"
+#include "tarn_sysdiag/types/table.h"
 
 /* A time zone: its name and its offset. */
 typedef struct Tarn_sys_diag_Timezone {

@@ -1,4 +1,4 @@
-#include "server/service.h"
-#include "types/tarnd.h"
+#include "tarn_sysdiag/server/service.h"
+#include "tarn_sysdiag/types/tarnd.h"
 
 TARN_SERVED(PidIsOffline, NoSuchInput, Result)

@@ -1,3 +1,3 @@
-#include "types/common.h"
+#include "tarn_sysdiag/types/common.h"
 
 #include "velto/describe.h"
