@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -11,28 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "descriptor_limit.h"
 #include "manual_clocks.h"
 #include "temp_dir.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// The process can open nothing while this lives.
-class NoDescriptors {
-public:
-    NoDescriptors() {
-        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-        const rlimit none{0, before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    }
-    ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
-    NoDescriptors(const NoDescriptors &) = delete;
-    NoDescriptors &operator=(const NoDescriptors &) = delete;
-
-private:
-    rlimit before_{};
-};
 
 class AcceptorTest : public testing::Test {
 protected:
@@ -87,7 +71,7 @@ TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
     Connect();
     Connect();
     {
-        const NoDescriptors none;
+        const kit::DescriptorLimit none(0);
         Report();
         ASSERT_EQ(warnings_.size(), 1);
         EXPECT_EQ(warnings_[0], acceptor_->Path().string() + ": accept: Too many open files");
@@ -106,19 +90,13 @@ TEST_F(AcceptorTest, TriesAgainByItselfWhenThereWereNoDescriptors) {
 class AllDescriptors {
 public:
     AllDescriptors() {
-        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-        const rlimit few{64, before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
         for (host::Descriptor fd(dup(0)); fd; fd = host::Descriptor(dup(0))) {
             open_.push_back(std::move(fd));
         }
     }
-    ~AllDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
-    AllDescriptors(const AllDescriptors &) = delete;
-    AllDescriptors &operator=(const AllDescriptors &) = delete;
 
 private:
-    rlimit before_{};
+    const kit::DescriptorLimit limit_{64};
     std::vector<host::Descriptor> open_;
 };
 
@@ -156,7 +134,7 @@ TEST_F(AcceptorTest, TriesAgainOnceHoweverManyConnectionsWait) {
     }
     std::jthread thread([this] { loop_.Run(); });
     {
-        const NoDescriptors none;
+        const kit::DescriptorLimit none(0);
         for (size_t i = 0; i < kWaiting; ++i) {
             EXPECT_EQ(
                 connect(peers_[peers_.size() - 1 - i].Fd(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
@@ -178,7 +156,7 @@ TEST_F(AcceptorTest, DoesNotTryAgainOnceItIsClosed) {
 #endif
     Connect();
     {
-        const NoDescriptors none;
+        const kit::DescriptorLimit none(0);
         Report();
     }
     acceptor_->Close();

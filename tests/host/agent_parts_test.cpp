@@ -1,5 +1,4 @@
 // The agent's parts, one by one, on clocks and samples that the test owns.
-#include <sys/resource.h>
 
 #include <atomic>
 #include <cerrno>
@@ -7,6 +6,7 @@
 #include <cstring>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -22,6 +22,7 @@
 #include "host/agent/resources.h"
 #include "host/meaning/choices.h"
 #include "host/osal/text.h"
+#include "tests/host/descriptor_limit.h"
 #include "tests/host/error_of.h"
 #include "tests/host/eventually.h"
 #include "tests/host/manual_clocks.h"
@@ -690,15 +691,12 @@ TEST(OwnHealth, TellsLevelsByTheirLimits) {
     EXPECT_EQ(level(1, 257), health_level::kDegraded);
     EXPECT_EQ(level(1, 256), health_level::kBad) << "from twice of it";
     EXPECT_EQ(items.at(2).limit, 800);
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit sixty{60, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &sixty);
+    std::optional<kit::DescriptorLimit> sixty(60);
     EXPECT_EQ(items.at(2).check(51).text, "3 of 60 descriptors are open, 50 permille, limit 51");
     EXPECT_EQ(level(2, 51), health_level::kGood);
     EXPECT_EQ(level(2, 50), health_level::kDegraded);
     EXPECT_EQ(level(2, 25), health_level::kBad);
-    setrlimit(RLIMIT_NOFILE, &before);
+    sixty.reset();
     EXPECT_EQ(items.at(3).limit, 1024);
     EXPECT_EQ(items.at(3).check(1024).text, "2048 MiB resident, limit 1024");
     EXPECT_EQ(level(3, 1024), health_level::kBad);

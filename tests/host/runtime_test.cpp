@@ -8,7 +8,6 @@ TARN_UNIT()
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -18,7 +17,9 @@ TARN_UNIT()
 #include <cstring>
 #include <future>
 #include <mutex>
+#include <optional>
 
+#include "descriptor_limit.h"
 #include "host/osal/accounting.h"
 #include "host/runtime/catalogue.h"
 #include "host/runtime/pool.h"
@@ -1092,15 +1093,9 @@ TEST(Transport, SaysThatThereIsNoDescriptorToTellAnAgentBy) {
     const kit::TempDir dir;
     const host::Transport transport{host::Directory(dir.Path())};
     const auto listener = transport.Listen("TarnSysdiagAgent", false);
-    rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(next);
-    const rlimit one{static_cast<rlim_t>(next) + 1, before.rlim_max}; // for the connection
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
+    const kit::DescriptorLimit forTheConnection(kit::OneMoreDescriptor());
     const auto pid = static_cast<uint32_t>(getpid());
     const host::Connected connected = transport.Connect("TarnSysdiagAgent", pid, std::chrono::steady_clock::now() + 5s);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(connected.socket);
     EXPECT_EQ(connected.error, EMFILE) << connected.reason;
 }
@@ -1109,15 +1104,10 @@ TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer's own check of virtual calls needs descriptors";
 #endif
-    rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_TRUE(AskOnline().Ok());
-    const int used = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    rlimit few = before;
-    few.rlim_cur = static_cast<rlim_t>(used) + 1;
-    close(used);
+    const rlim_t few = kit::OneMoreDescriptor();
     client_.Shutdown();
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::optional<kit::DescriptorLimit> limit(few);
     host::Client other({.runDir = dir_.Path()});
     const std::vector<uint8_t> request = kit::Encode<Unit>(Tarn_sys_diag_PidIsOnlineInput{1});
     int failed = 0;
@@ -1140,7 +1130,7 @@ TEST_F(RuntimeTest, OutOfDescriptorsIsAnErrorAndPasses) {
             failed += call.get().Ok() ? 0 : 1;
         }
     }
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    limit.reset();
     EXPECT_GT(failed, 0);
     EXPECT_TRUE(AskOnline().Ok());
 }

@@ -36,12 +36,7 @@ int FillBox(const std::filesystem::path &runDir) {
 // Everyone may run agents, so the run directory is one that everyone may write.
 class HostileBlackBox : public kit::HostileTest<Unit> {
 protected:
-    void SetUp() override {
-        HostileTest::SetUp();
-        if (!IsSkipped()) {
-            ASSERT_EQ(chmod(dir_.Path().c_str(), 01777), 0);
-        }
-    }
+    mode_t RunDirMode() const override { return kit::kForAll; }
     std::vector<std::string> Options() const override { return {"--state-dir", dir_.Path() / "state"}; }
 
     auto Exceptions(uint32_t skip = 0) {

@@ -15,6 +15,8 @@ namespace kit {
 
 constexpr uid_t kAttacker = 65534;
 constexpr uid_t kSecondAttacker = 65533;
+// The mode of a run directory that has agents of all users.
+constexpr mode_t kForAll = 01777;
 // What an attack returns when it had no effect because of what it could not set up.
 constexpr int kNotTried = 77;
 
@@ -91,12 +93,14 @@ protected:
         if (geteuid() != 0) {
             GTEST_SKIP() << "needs root: an attack is another user's";
         }
-        ASSERT_EQ(chmod(this->dir_.Path().c_str(), 0755), 0);
+        ASSERT_EQ(chmod(this->dir_.Path().c_str(), RunDirMode()), 0);
         if (const std::string policy = Policy(); !policy.empty()) {
             std::ofstream(this->dir_.Path() / "policy") << policy;
         }
         DaemonTest<Unit>::SetUp();
     }
+
+    virtual mode_t RunDirMode() const { return 0755; }
 
     // What the policy's file has; empty: no file.
     virtual std::string Policy() const { return {}; }

@@ -40,12 +40,7 @@ class Identity : public kit::HostileTest<Unit> {
 protected:
     std::string Policy() const override { return "reading anyone\nmemory anyone\nagents anyone\n"; }
 
-    void SetUp() override {
-        HostileTest::SetUp();
-        if (!IsSkipped()) {
-            ASSERT_EQ(chmod(dir_.Path().c_str(), 01777), 0);
-        }
-    }
+    mode_t RunDirMode() const override { return kit::kForAll; }
     std::vector<std::string> AgentCommand() const { return {TARN_AGENT, "--run-dir", dir_.Path()}; }
     // How the daemon fares that asks an agent.
     uint32_t AskAgent(uint32_t pid) {

@@ -112,12 +112,13 @@ class LyingAgent : public kit::HostileTest<Unit> {
 protected:
     std::string Policy() const override { return "reading anyone\nagents anyone\n"; }
 
+    mode_t RunDirMode() const override { return kit::kForAll; }
+
     void SetUp() override {
         HostileTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        ASSERT_EQ(chmod(dir_.Path().c_str(), 01777), 0);
         ASSERT_EQ(chown(elsewhere_.Path().c_str(), kit::kAttacker, kit::kAttacker), 0);
         // A real agent, where the daemon doesn't look.
         agent_ = std::make_unique<kit::Process>(

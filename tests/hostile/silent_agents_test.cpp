@@ -17,12 +17,7 @@ class SilentAgents : public kit::HostileTest<Unit> {
 protected:
     std::string Policy() const override { return "reading anyone\nagents anyone\n"; }
 
-    void SetUp() override {
-        HostileTest::SetUp();
-        if (!IsSkipped()) {
-            ASSERT_EQ(chmod(dir_.Path().c_str(), 01777), 0);
-        }
-    }
+    mode_t RunDirMode() const override { return kit::kForAll; }
 
     // One that takes connections, and nothing else: what its registration ended with.
     uint32_t BeSilent() {
