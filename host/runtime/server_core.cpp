@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "host/osal/log.h"
+#include "host/runtime/processors.h"
 
 namespace host {
 
@@ -97,6 +98,7 @@ void ServerCore::Connect(Descriptor fd) {
         return;
     }
     const auto user = UserOf(peer.uid);
+    const OnProcessorsOf processors(*user);
     Charge connection = QuotaOf(Resource::kConnections).Take(*user);
     if (!connection) {
         RefuseConnection(fd, peer, *user);
@@ -248,10 +250,7 @@ void ServerCore::Serve(std::shared_ptr<Session> session) {
 
 void ServerCore::Work(Turn turn) {
     while (turn.session != nullptr) {
-        turn.session->Confine([&] {
-            while (turn.session->ServeNext()) {
-            }
-        });
+        ServeTurn(*turn.session);
         turn.worker.GiveBack(); // while the session is there
         turn = turns_.Next();
         if (turn.session != nullptr && turns_.HasNext()) {
@@ -265,6 +264,14 @@ void ServerCore::ServeElsewhere(std::shared_ptr<Session> session) {
     if (turns_.HasNext()) {
         Help();
     }
+}
+
+void ServerCore::ServeTurn(Session &session) {
+    const OnProcessorsOf processors(session.GetUser());
+    session.Confine([&] {
+        while (session.ServeNext()) {
+        }
+    });
 }
 
 // Has another thread take part.

@@ -68,6 +68,7 @@ private:
     bool Charges(User &user, const FrameHeader &header, Admission &admission, Refusal &refusal);
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(Turn turn);
+    static void ServeTurn(Session &session);
     void Help();
     void CheckTimes();
     void ReturnMemory(Loop::Clock::time_point now);

@@ -23,8 +23,9 @@ namespace {
 
 using std::filesystem::path;
 
-// Connections are taken in the order that they came in: whoever connects as fast as he can is ahead by no more.
-constexpr int kBacklog = 128;
+// Connections are taken in the order that they came in: whoever connects as fast as he can is ahead by no more. Where
+// there is no room, connect waits.
+constexpr int kBacklog = 16;
 
 // False when the path does not fit a socket address.
 bool FillAddress(const path &socketPath, sockaddr_un &address) {

@@ -6,6 +6,8 @@
 #include <deque>
 #include <vector>
 
+#include "host/runtime/processors.h"
+
 namespace {
 
 using host::Charge;
@@ -126,6 +128,51 @@ TEST(Quota, AllIsGivenBack) {
         EXPECT_EQ(quota.Used(), 0U);
     }
     EXPECT_EQ(TakeAll(quota, user).size(), 45U) << "nobody else counts any more";
+}
+
+cpu_set_t Usable() {
+    cpu_set_t processors;
+    EXPECT_EQ(sched_getaffinity(0, sizeof processors, &processors), 0);
+    return processors;
+}
+
+TEST(Processors, OneIsLeftToPrivilegedUsers) {
+    const cpu_set_t all = Usable();
+    if (CPU_COUNT(&all) < 2) {
+        GTEST_SKIP() << "there is but one processor";
+    }
+    {
+        const host::OnProcessorsOf processors(User(1, false));
+        const cpu_set_t others = Usable();
+        EXPECT_EQ(CPU_COUNT(&others), CPU_COUNT(&all) - 1);
+        const host::OnProcessorsOf more(User(0, true));
+        const cpu_set_t still = Usable();
+        EXPECT_TRUE(CPU_EQUAL(&still, &others)) << "what it is part of is another's";
+    }
+    const cpu_set_t afterwards = Usable();
+    EXPECT_TRUE(CPU_EQUAL(&afterwards, &all));
+    const host::OnProcessorsOf privileged(User(0, true));
+    const cpu_set_t own = Usable();
+    EXPECT_TRUE(CPU_EQUAL(&own, &all));
+}
+
+// Where there is one, it is everybody's.
+TEST(Processors, TheLastOneIsNotTaken) {
+    const cpu_set_t all = Usable();
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    size_t first = 0;
+    while (!CPU_ISSET(first, &all)) {
+        ++first;
+    }
+    CPU_SET(first, &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    {
+        const host::OnProcessorsOf processors(User(1, false));
+        const cpu_set_t left = Usable();
+        EXPECT_TRUE(CPU_EQUAL(&left, &one));
+    }
+    EXPECT_EQ(sched_setaffinity(0, sizeof all, &all), 0);
 }
 
 } // namespace
