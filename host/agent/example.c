@@ -92,6 +92,12 @@ GOES_WRONG static void DivideByZero(void) {
     counter += (uint_fast64_t)(one / zero);
 }
 
+GOES_WRONG static void JumpNowhere(void) {
+    void (*volatile nowhere)(void) = (void (*)(void))0x1000;
+    nowhere();
+    ++counter; /* not a tail call */
+}
+
 GOES_WRONG static int Recurse(volatile int depth) {
     volatile char frame[4096];
     frame[0] = (char)depth;
@@ -184,11 +190,13 @@ static uint32_t Crash(int argc, const char *const *argv, TarnAgentOutput *output
         DivideByZero();
     } else if (strcmp(how, "abort") == 0) {
         abort();
+    } else if (strcmp(how, "jump") == 0) {
+        JumpNowhere();
     } else if (strcmp(how, "overflow") == 0) {
         TarnAgent_PrepareThread();
         Recurse(0);
     }
-    TarnAgent_Print(output, "expected: crash segv|fpe|abort|overflow\n");
+    TarnAgent_Print(output, "expected: crash segv|fpe|abort|jump|overflow\n");
     return EINVAL;
 }
 
@@ -255,7 +263,7 @@ static int Serve(const char *name, const char *runDir) {
     pthread_t counting;
     int received = 0;
     TarnAgent_RegisterCommand("counter", "how far the application has counted", ShowCounter, NULL);
-    TarnAgent_RegisterCommand("crash", "segv|fpe|abort|overflow: ends the application", Crash, NULL);
+    TarnAgent_RegisterCommand("crash", "segv|fpe|abort|jump|overflow: ends the application", Crash, NULL);
     TarnAgent_RegisterCommand("check", "records a check that fails", Check, NULL);
     TarnAgent_RegisterCommand("assert", "records an assertion that fails, and aborts", Assert, NULL);
     TarnAgent_RegisterCommand("state", "messages, heartbeats, warnings", ShowState, NULL);

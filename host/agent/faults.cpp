@@ -2,13 +2,13 @@
 // allocates nothing; it works on an alternate stack, which an overflown stack needs.
 #include "host/agent/faults.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -19,11 +19,14 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <span>
 #include <string_view>
 
+#include "host/agent/lines.h"
+#include "host/agent/own_maps.h"
 #include "host/agent/stack.h"
+#include "host/agent/symbols.h"
 #include "host/blackbox/box.h"
-#include "host/osal/descriptor.h"
 #include "host/osal/log.h"
 #include "tarn_sysdiag/agent.h"
 
@@ -102,75 +105,13 @@ void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
     AddRegisters(head, context);
 }
 
-// The lines of a file, read without allocating. Lines beyond the buffer are cut.
-class Lines {
-public:
-    explicit Lines(const char *path) : file_(open(path, O_RDONLY | O_CLOEXEC)) {}
-
-    // False at the end.
-    bool Next(std::string_view &line) {
-        size_t length = 0;
-        for (char c = 0; Take(c);) {
-            if (c == '\n') {
-                line = {line_, length};
-                return true;
-            }
-            if (length < sizeof line_) {
-                line_[length++] = c;
-            }
-        }
-        return false;
-    }
-
-private:
-    bool Take(char &c) {
-        if (at_ == end_) {
-            const ssize_t got = read(file_.Fd(), buffer_, sizeof buffer_);
-            if (got <= 0) {
-                return false;
-            }
-            at_ = 0;
-            end_ = static_cast<size_t>(got);
-        }
-        c = buffer_[at_++];
-        return true;
-    }
-
-    const host::Descriptor file_;
-    char buffer_[4096];
-    char line_[512];
-    size_t at_ = 0, end_ = 0;
-};
-
-uint64_t TakeHex(std::string_view &text) {
-    uint64_t value = 0;
-    for (; !text.empty(); text.remove_prefix(1)) {
-        const char c = text.front();
-        if (c >= '0' && c <= '9') {
-            value = value << 4 | static_cast<uint64_t>(c - '0');
-        } else if (c >= 'a' && c <= 'f') {
-            value = value << 4 | static_cast<uint64_t>(c - 'a' + 10);
-        } else {
-            break;
-        }
-    }
-    return value;
-}
-
-// Names the files that the addresses lie in. A line of maps: start-end permissions offset device inode path.
+// Names the files that the addresses lie in.
 void FillModules(FaultStack &stack) {
-    Lines maps("/proc/self/maps");
-    for (std::string_view line; maps.Next(line);) {
-        const size_t path = line.rfind('/');
-        const uint64_t start = TakeHex(line);
-        line.remove_prefix(std::min<size_t>(1, line.size()));
-        const uint64_t end = TakeHex(line);
-        if (path == std::string_view::npos) {
-            continue;
-        }
-        for (size_t i = 0; i < stack.frameNum; ++i) {
-            if (stack.frames[i].address >= start && stack.frames[i].address < end) {
-                Copy(stack.frames[i].module, line.substr(line.rfind('/') + 1));
+    OwnMaps maps;
+    for (OwnMapping mapping; maps.Next(mapping);) {
+        for (StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
+            if (!mapping.path.empty() && mapping.Has(frame.address)) {
+                Copy(frame.module, mapping.path.substr(mapping.path.rfind('/') + 1));
             }
         }
     }
@@ -254,6 +195,7 @@ void PassOn(int signal, siginfo_t *info, void *context) {
 }
 
 void OnSignal(int signal, siginfo_t *info, void *context) {
+    GiveUpWalk(signal);
     const int error = errno;
     RecordSignal(signal, *info, context);
     PassOn(signal, info, context);

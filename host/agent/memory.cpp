@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "host/agent/stack.h"
+#include "host/agent/symbols.h"
 #include "host/clock/calendar.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"

@@ -7,7 +7,7 @@
 #include "host/agent/agent.h"
 #include "host/agent/memory_report.h"
 #include "host/agent/methods.h"
-#include "host/agent/stack.h"
+#include "host/agent/symbols.h"
 #include "host/osal/log.h"
 
 namespace agent {

@@ -1,70 +1,161 @@
 #include "host/agent/stack.h"
 
-#define UNW_LOCAL_ONLY
-#include <libunwind.h>
+#include <csetjmp>
+#include <csignal>
+
+#include <ucontext.h>
+#include <unwind.h>
+
+#include "host/agent/own_maps.h"
 
 namespace agent {
 
 namespace {
 
-size_t Walk(unw_cursor_t &cursor, std::span<uint64_t> addresses) {
-    size_t count = 0;
-    while (count < addresses.size()) {
-        unw_word_t address = 0;
-        if (unw_get_reg(&cursor, UNW_REG_IP, &address) != 0 || address == 0) {
-            break;
-        }
-        addresses[count++] = address;
-        if (unw_step(&cursor) <= 0) {
-            break;
+// What a walk of this thread ends with that meets memory that can't be read. It has its place from the thread's start:
+// making one may allocate.
+[[gnu::tls_model("initial-exec")]] constinit thread_local sigjmp_buf *endOfWalk = nullptr;
+
+class Walk {
+public:
+    explicit Walk(std::span<uint64_t> addresses) : addresses_(addresses) {}
+
+    // What isn't asked for: as many of the innermost frames, or all up to the one that stands at an address.
+    void SkipFrames(int number) { skip_ = number; }
+    void SkipUntil(uint64_t address) { until_ = address; }
+
+    void Take(uint64_t address) {
+        if (count_ < addresses_.size()) {
+            addresses_[count_++] = address;
         }
     }
-    return count;
+
+    [[gnu::always_inline]] void Run() { _Unwind_Backtrace(TakeFrame, this); }
+
+    size_t Count() const { return count_; }
+
+private:
+    static _Unwind_Reason_Code TakeFrame(_Unwind_Context *frame, void *self) {
+        Walk &walk = *static_cast<Walk *>(self);
+        const uint64_t address = _Unwind_GetIP(frame);
+        if (address == 0) {
+            return _URC_END_OF_STACK;
+        }
+        if (walk.skip_ > 0) {
+            --walk.skip_;
+        } else if (walk.until_ != 0) {
+            walk.until_ = address == walk.until_ ? 0 : walk.until_;
+        } else {
+            walk.Take(address);
+        }
+        return walk.count_ == walk.addresses_.size() ? _URC_END_OF_STACK : _URC_NO_REASON;
+    }
+
+    const std::span<uint64_t> addresses_;
+    size_t count_ = 0;
+    int skip_ = 0;
+    uint64_t until_ = 0;
+};
+
+// Runs what may meet memory that can't be read, and ends it there.
+template <class Function>
+void RunOnAnyStack(Function function) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGSEGV);
+    sigaddset(&signals, SIGBUS);
+    sigjmp_buf end;
+    if (sigsetjmp(end, 1) == 0) { // a jump back blocks the signals again
+        endOfWalk = &end;
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        function();
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    }
+    endOfWalk = nullptr;
 }
 
-// A name is that of the nearest symbol before the address, and a stripped library has few: what it can be unwound by
-// tells where its functions start.
-bool StartsFunction(uint64_t start, uint64_t address) {
-    unw_proc_info_t function;
-    return unw_get_proc_info_by_ip(unw_local_addr_space, address, &function, nullptr) != 0 ||
-           function.start_ip == start;
+#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
+constexpr int kPc = REG_RIP, kSp = REG_RSP;
+#else
+constexpr int kPc = REG_EIP, kSp = REG_ESP;
+#endif
+uint64_t PcOf(const ucontext_t &context) {
+    return static_cast<uintptr_t>(context.uc_mcontext.gregs[kPc]);
+}
+
+// Undoes a call to where there is no code, to which there is no way back but the return address.
+uint64_t UndoCall(ucontext_t &context) {
+    auto &pc = context.uc_mcontext.gregs[kPc], &sp = context.uc_mcontext.gregs[kSp];
+    const uintptr_t next = *reinterpret_cast<const uintptr_t *>(sp);
+    pc = static_cast<greg_t>(next - 1); // within the call: what is behind it may be another function
+    sp += static_cast<greg_t>(sizeof next);
+    return next;
+}
+#elif defined(__aarch64__)
+uint64_t PcOf(const ucontext_t &context) {
+    return context.uc_mcontext.pc;
+}
+
+uint64_t UndoCall(ucontext_t &context) {
+    const uint64_t next = context.uc_mcontext.regs[30];
+    context.uc_mcontext.pc = next - 4;
+    return next;
+}
+#elif defined(__arm__)
+uint64_t PcOf(const ucontext_t &context) {
+    return context.uc_mcontext.arm_pc;
+}
+
+uint64_t UndoCall(ucontext_t &context) {
+    const unsigned long next = context.uc_mcontext.arm_lr & ~1UL; // without the bit for Thumb code
+    context.uc_mcontext.arm_pc = next;
+    return next;
+}
+#else
+#error "where a signal interrupts its thread is not known for this processor"
+#endif
+
+bool IsCode(uint64_t address) {
+    OwnMaps maps;
+    for (OwnMapping mapping; maps.Next(mapping);) {
+        if (mapping.Has(address)) {
+            return mapping.isExecutable;
+        }
+    }
+    return false;
 }
 
 } // namespace
 
 [[gnu::noinline]] size_t CallStack(std::span<uint64_t> addresses) {
-    unw_context_t context;
-    unw_cursor_t cursor;
-    if (unw_getcontext(&context) != 0 || unw_init_local(&cursor, &context) != 0) {
-        return 0;
-    }
-    for (int own = 0; own < 2; ++own) { // this function, and the one that asks
-        if (unw_step(&cursor) <= 0) {
-            return 0;
-        }
-    }
-    return Walk(cursor, addresses);
+    Walk walk(addresses);
+    walk.SkipFrames(2); // this function, and the one that asks
+    walk.Run();
+    return walk.Count();
 }
 
+// The unwinder comes to where the signal interrupted by the handler's context.
 size_t CallStackOf(void *context, std::span<uint64_t> addresses) {
-    unw_cursor_t cursor;
-    if (unw_init_local2(&cursor, static_cast<unw_context_t *>(context), UNW_INIT_SIGNAL_FRAME) != 0) {
-        return 0;
-    }
-    return Walk(cursor, addresses);
+    ucontext_t &interrupted = *static_cast<ucontext_t *>(context);
+    const mcontext_t asItWas = interrupted.uc_mcontext;
+    Walk walk(addresses);
+    walk.Take(PcOf(interrupted));
+    RunOnAnyStack([&] {
+        if (!IsCode(PcOf(interrupted))) {
+            walk.Take(UndoCall(interrupted));
+        }
+        walk.SkipUntil(PcOf(interrupted));
+        walk.Run();
+    });
+    interrupted.uc_mcontext = asItWas;
+    return walk.Count();
 }
 
-uint64_t FunctionAt(uint64_t address, std::span<char> name) {
-    unw_word_t offset = 0;
-    const int error = unw_get_accessors(unw_local_addr_space)
-                          ->get_proc_name(unw_local_addr_space, address, name.data(), name.size(), &offset, nullptr);
-    const bool found = error == 0 || error == -UNW_ENOMEM; // the latter: the name is cut
-    if (!found || !StartsFunction(address - offset, address)) {
-        name[0] = 0;
-        return 0;
+void GiveUpWalk(int signal) {
+    if (endOfWalk != nullptr && (signal == SIGSEGV || signal == SIGBUS)) {
+        siglongjmp(*endOfWalk, 1);
     }
-    name[name.size() - 1] = 0;
-    return offset;
 }
 
 } // namespace agent

@@ -133,17 +133,21 @@ TEST_F(FaultTest, ReadsACrashBackAlsoAfterARestart) {
 TEST_F(FaultTest, RecordsEachKindAndFiltersThem) {
     const uint32_t divided = Crash("crash fpe");
     const uint32_t aborted = Crash("crash abort");
+    const uint32_t lost = Crash("crash jump");
     const uint32_t overflown = Crash("crash overflow");
-    EXPECT_EQ(Exceptions().matches, 3);
+    EXPECT_EQ(Exceptions().matches, 4);
     EXPECT_TRUE(Has(Exceptions(divided).text, "SIGFPE, integer division by zero"));
     EXPECT_TRUE(Has(Exceptions(divided).text, "DivideByZero+"));
     EXPECT_TRUE(Has(Exceptions(aborted).text, "SIGABRT, sent by a process"));
+    EXPECT_TRUE(Has(Exceptions(lost).text, "1000 ? (?)\n")) << "where the jump led: " << Exceptions(lost).text;
+    EXPECT_TRUE(Has(Exceptions(lost).text, "JumpNowhere+")) << "who called: " << Exceptions(lost).text;
+    EXPECT_TRUE(Has(Exceptions(lost).text, "Crash+")) << Exceptions(lost).text;
     EXPECT_TRUE(Has(Exceptions(overflown).text, "SIGSEGV"));
     EXPECT_GE(CountOf(Exceptions(overflown).text, "Recurse"), 20) << Exceptions(overflown).text;
 
     EXPECT_EQ(Exceptions(0, 0, 0, SIGFPE).matches, 1);
-    const Report second = Exceptions(0, 1, 1);
-    EXPECT_EQ(second.matches, 3) << "returned or not";
+    const Report second = Exceptions(0, 2, 1);
+    EXPECT_EQ(second.matches, 4) << "returned or not";
     EXPECT_EQ(CountOf(second.text, ", agent faulty\n"), 1);
     EXPECT_TRUE(Has(second.text, "process " + std::to_string(aborted))) << "the newest first: " << second.text;
 }
@@ -500,6 +504,30 @@ protected:
 
     const kit::TempDir dir_;
 };
+
+#if defined(__x86_64__)
+// Ends the process with a fault whose stack can't be read.
+[[gnu::noinline]] void FaultWithoutAStack() {
+    asm volatile("xor %%ebp, %%ebp\n\tmov $4096, %%esp\n\tmovl $0, 0" ::: "memory");
+}
+
+TEST_F(RecordingTest, SurvivesAStackThatCantBeRead) {
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGSEGV, [](int) { _exit(7); });
+        const agent::Faults faults("lost", dir_.Path());
+        FaultWithoutAStack();
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << "the handler that was there before has its turn";
+    const std::vector<FaultRecord> records = ReadAll(dir_.Path());
+    ASSERT_EQ(records.size(), 1);
+    ASSERT_TRUE(records[0].hasStack);
+    EXPECT_EQ(records[0].stack.frameNum, 1);
+    EXPECT_NE(std::string(records[0].stack.frames[0].function).find("FaultWithoutAStack"), std::string::npos);
+}
+#endif
 
 TEST_F(RecordingTest, TellsWhoseFaultWhenAndWhere) {
     const uint32_t before = agent::FaultNum();
