@@ -56,6 +56,12 @@ void PrintHealth(const host::ServerHealth &health) {
                              health.busy, health.workers, health.connections, health.requests);
 }
 
+void PrintMistakes(const std::vector<std::string> &mistakes) {
+    for (const std::string &mistake : mistakes) {
+        std::cout << host::LineOfText(mistake) << "; what was in force before holds\n";
+    }
+}
+
 void PrintValues(const char *title, const std::vector<host::NamedValue> &values) {
     std::cout << "\n" << title << "\n";
     Columns columns;
@@ -138,6 +144,7 @@ void Stats(const StatsOptions &options) {
         return;
     }
     PrintHealth(status.health);
+    PrintMistakes(status.mistakes);
     for (const host::ServiceStatus &served : status.services) {
         PrintMethods(served);
     }

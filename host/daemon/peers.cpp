@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "host/osal/attempt.h"
 #include "host/runtime/client.h"
 
 namespace tarnd {
@@ -20,6 +21,10 @@ bool RemotePeers::HasAgent(uint32_t pid) {
 
 void RemotePeers::Forget(uint32_t pid) {
     host::Client::Default().Forget(kService, pid);
+}
+
+void RemotePeers::RemoveDeadAgents() {
+    host::Attempt("what agents left that have ended", [] { host::Client::Default().RemoveDeadAgents(); });
 }
 
 bool RemotePeers::HasProcess(uint32_t pid) {

@@ -27,6 +27,7 @@ public:
     virtual bool HasAgent(uint32_t pid) = 0; // that is, a socket of one
     virtual bool HasProcess(uint32_t pid) = 0;
     virtual void Forget(uint32_t pid) = 0; // connections to the agent that the process had
+    virtual void RemoveDeadAgents() = 0;   // what agents left in the run directory that have ended
 
     virtual IdlCallResult Call(const PeerCall &call) = 0;
     virtual std::string LastError() = 0;   // why the last call of this thread failed
@@ -39,6 +40,7 @@ public:
     bool HasAgent(uint32_t pid) override;
     bool HasProcess(uint32_t pid) override;
     void Forget(uint32_t pid) override;
+    void RemoveDeadAgents() override;
     IdlCallResult Call(const PeerCall &call) override;
     std::string LastError() override { return TarnHost_LastError(); }
     std::string Explanation() override { return TarnHost_Explanation(); }

@@ -9,6 +9,10 @@
 #include <cstring>
 #include <new>
 
+#include "host/osal/log.h"
+
+#include "host/osal/log.h"
+
 namespace host {
 namespace {
 
@@ -36,6 +40,13 @@ void Acceptor::Open() {
     const MutexLock lock(mutex_);
     if (!loop_.Add(listener_->Fd(), kEvents, weak_from_this(), id_)) {
         Fail(errno, path_.string());
+    }
+}
+
+void Acceptor::OpenTo(bool all) {
+    const MutexLock lock(mutex_);
+    if (listener_ != nullptr && !listener_->OpenTo(all)) {
+        Log().warn("{}: its mode stays as it was: {}", path_.string(), strerror(errno));
     }
 }
 

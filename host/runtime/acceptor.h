@@ -24,6 +24,9 @@ public:
     // Throws std::system_error.
     void Open() TARN_EXCLUDES(mutex_);
 
+    // Whether every user may connect.
+    void OpenTo(bool all) TARN_EXCLUDES(mutex_);
+
     // Closes the socket, and calls nothing any more. Waits for a call under way.
     void Close() TARN_EXCLUDES(mutex_);
 

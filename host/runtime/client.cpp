@@ -37,6 +37,7 @@ public:
     void Fail(CallOutcome &&failure, AsyncCalls::Done done) { async_.Fail(std::move(failure), std::move(done)); }
     bool Knows(std::string_view service, uint32_t pid) const { return transport_->Knows(service, pid); }
     std::vector<uint32_t> Agents() const { return transport_->Agents(); }
+    void RemoveDeadAgents() const { transport_->RemoveDeadAgents(); }
     void Forget(std::string_view service, uint32_t pid) { pool_.Forget({pid, service}); }
     const ClientOptions &Options() const { return options_; }
     void Shutdown() {
@@ -221,6 +222,10 @@ bool Client::Knows(std::string_view service, uint32_t pid) const {
 
 std::vector<uint32_t> Client::Agents() const {
     return GetCore()->Agents();
+}
+
+void Client::RemoveDeadAgents() const {
+    GetCore()->RemoveDeadAgents();
 }
 
 void Client::Forget(std::string_view service, uint32_t pid) {

@@ -91,6 +91,9 @@ public:
     // in the socket's name.
     std::vector<uint32_t> Agents() const;
 
+    // Removes the sockets of agents that have ended, where the run directory is this user's. Throws std::runtime_error.
+    void RemoveDeadAgents() const;
+
     // Connections to the agent of a process, or to a service, that no call uses are not used again.
     void Forget(std::string_view service, uint32_t pid);
 

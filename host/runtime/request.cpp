@@ -516,7 +516,7 @@ uint32_t PeerOf(void *replyCtx, TarnHost_Peer *to) {
         return EALREADY;
     }
     const Peer &peer = request->session_->GetPeer();
-    const bool memoryOfOthers = request->session_->GetPolicy().AllowsMemoryOfOthers(peer);
+    const bool memoryOfOthers = request->session_->GetPolicy()->AllowsMemoryOfOthers(peer);
     *to = {static_cast<uint32_t>(peer.pid), peer.uid, peer.gid, memoryOfOthers};
     return 0;
 }

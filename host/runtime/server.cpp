@@ -49,6 +49,23 @@ bool Server::Stop() {
     return ended;
 }
 
+void Server::SetPolicy(Policy policy) {
+    options_.policy = std::move(policy);
+    if (core_ != nullptr) {
+        core_->SetPolicy(options_.policy);
+    }
+}
+
+void Server::NoteReload(const std::string &file, const std::string &mistake) {
+    if (core_ != nullptr) {
+        core_->NoteReload(file, mistake);
+    }
+}
+
+std::vector<std::string> Server::Mistakes() const {
+    return core_ == nullptr ? std::vector<std::string>() : core_->Mistakes();
+}
+
 void Server::RunDue() {
     if (core_ != nullptr) {
         core_->RunDue();

@@ -62,6 +62,15 @@ public:
     // and Start may follow.
     bool Stop();
 
+    // Who may call what from now on, and so who may connect. Requests that run go on.
+    void SetPolicy(Policy policy);
+
+    // For the server's status: what is wrong with a file that the program has read again, so that what was in force
+    // before holds; empty when nothing is.
+    void NoteReload(const std::string &file, const std::string &mistake);
+
+    std::vector<std::string> Mistakes() const; // that have been noted
+
     // Does what has come due because a clock of one's own has been set forward.
     void RunDue();
 

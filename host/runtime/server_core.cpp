@@ -57,11 +57,12 @@ std::array<Quota, kResourceNum> MakeQuotas(const Limits &limits, unsigned worker
 ServerCore::ServerCore(const ServerOptions &options, const std::vector<const IdlModuleSpec *> &specs)
     : options_(options), workers_(std::max(1U, options.workers)), quotas_(MakeQuotas(options.limits, workers_)),
       turns_(QuotaOf(Resource::kWorkers)), services_(specs),
-      loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()) {
+      loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()),
+      policy_(std::make_shared<const Policy>(options.policy)) {
     const Transport transport{Directory(options.runDir)};
     for (const IdlModuleSpec *const spec : specs) {
         acceptors_.push_back(std::make_shared<Acceptor>(
-            loop_, transport.Listen(Services::NameOf(*spec), options_.policy.AllowsOthers()),
+            loop_, transport.Listen(Services::NameOf(*spec), options.policy.AllowsOthers()),
             [this](Descriptor fd) { Connect(std::move(fd)); },
             [this](const Descriptor &fd, const std::string &why) { RefuseForShortage(fd, why); }));
     }
@@ -191,13 +192,30 @@ void ServerCore::ReturnMemory(Loop::Clock::time_point now) {
 
 // --- Requests
 
+std::shared_ptr<const Policy> ServerCore::GetPolicy() const {
+    const MutexLock lock(policyMutex_);
+    return policy_;
+}
+
+void ServerCore::SetPolicy(const Policy &policy) {
+    auto next = std::make_shared<const Policy>(policy);
+    {
+        const MutexLock lock(policyMutex_);
+        policy_.swap(next);
+    }
+    for (const auto &acceptor : acceptors_) {
+        acceptor->OpenTo(policy.AllowsOthers());
+    }
+}
+
 bool ServerCore::Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal) {
-    if (options_.policy.Allows(peer, header.method)) {
+    const std::shared_ptr<const Policy> policy = GetPolicy();
+    if (policy->Allows(peer, header.method)) {
         return false;
     }
     refusal = {Reason::kDenied, EACCES,
-               fmt::format("denied to user {}; the policy has \"{}\" (group {})", peer.uid,
-                           options_.policy.Text(header.method), NameOf(GroupOf(header.method)))};
+               fmt::format("denied to user {}; the policy has \"{}\" (group {})", peer.uid, policy->Text(header.method),
+                           NameOf(GroupOf(header.method)))};
     Warn(peer.uid, "calls denied",
          fmt::format("{}.{}: denied to process {} of user {}", header.service, header.method, peer.pid, peer.uid));
     return true;
@@ -323,9 +341,27 @@ ServerHealth ServerCore::Health() {
     return health;
 }
 
+void ServerCore::NoteReload(const std::string &file, const std::string &mistake) {
+    const MutexLock lock(mutex_);
+    mistakes_.erase(file);
+    if (!mistake.empty()) {
+        mistakes_.emplace(file, mistake);
+    }
+}
+
+std::vector<std::string> ServerCore::Mistakes() {
+    const MutexLock lock(mutex_);
+    std::vector<std::string> mistakes;
+    for (const auto &[file, mistake] : mistakes_) {
+        mistakes.push_back(mistake);
+    }
+    return mistakes;
+}
+
 ServerStatus ServerCore::Status() {
     ServerStatus status;
     status.health = Health();
+    status.mistakes = Mistakes();
     for (const LimitInfo &limit : DescribeLimits(options_.limits)) {
         status.limits.push_back({limit.name, limit.value, limit.meaning});
     }

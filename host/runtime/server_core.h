@@ -33,6 +33,9 @@ public:
     void Start();
     bool Stop() TARN_EXCLUDES(mutex_);
     void RunDue() { loop_.RunDue(); }
+    void SetPolicy(const Policy &policy) TARN_EXCLUDES(policyMutex_);
+    void NoteReload(const std::string &file, const std::string &mistake) TARN_EXCLUDES(mutex_);
+    std::vector<std::string> Mistakes() TARN_EXCLUDES(mutex_);
     std::vector<std::filesystem::path> Sockets() const;
 
     // --- For the sessions
@@ -44,7 +47,7 @@ public:
     // What the runtime's own service answers; empty and the reason when it does not.
     std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     const Limits &GetLimits() const { return options_.limits; }
-    const Policy &GetPolicy() const { return options_.policy; }
+    std::shared_ptr<const Policy> GetPolicy() const TARN_EXCLUDES(policyMutex_);
     Refusals &GetRefusals() { return refusals_; }
     // In the log, of a user. The topic is a literal.
     void Warn(uid_t user, std::string_view topic, const std::string &record) {
@@ -74,7 +77,7 @@ private:
     void ReturnMemory(Loop::Clock::time_point now);
     std::vector<std::shared_ptr<Session>> Sessions() TARN_EXCLUDES(mutex_);
     ServerHealth Health() TARN_EXCLUDES(mutex_);
-    ServerStatus Status();
+    ServerStatus Status() TARN_EXCLUDES(mutex_);
     const std::string &Description();
     void RunThread() TARN_EXCLUDES(mutex_);
     void CloseAcceptors();
@@ -100,8 +103,12 @@ private:
     std::once_flag described_;
     std::string description_; // set once
 
+    mutable Mutex policyMutex_;
+    std::shared_ptr<const Policy> policy_ TARN_GUARDED_BY(policyMutex_); // replaced, never changed
+
     Mutex mutex_;
     Condition changed_;
+    std::map<std::string, std::string> mistakes_ TARN_GUARDED_BY(mutex_); // by file
     size_t threadsRunning_ TARN_GUARDED_BY(mutex_) = 0;
     std::unordered_map<Session *, std::shared_ptr<Session>> sessions_ TARN_GUARDED_BY(mutex_);
     std::unordered_map<uid_t, std::weak_ptr<User>> users_ TARN_GUARDED_BY(mutex_);

@@ -24,7 +24,7 @@ const Limits &Session::GetLimits() const {
     return server_->GetLimits();
 }
 
-const Policy &Session::GetPolicy() const {
+std::shared_ptr<const Policy> Session::GetPolicy() const {
     return server_->GetPolicy();
 }
 

@@ -38,7 +38,7 @@ public:
     void Finished() TARN_EXCLUDES(mutex_);
     Clock::time_point Now() const { return GetLoop().Now(); }
     const Limits &GetLimits() const;
-    const Policy &GetPolicy() const;
+    std::shared_ptr<const Policy> GetPolicy() const;
     Refusals &GetRefusals();
     // In the log, of this peer.
     void Warn(std::string_view topic, const std::string &record);

@@ -87,6 +87,7 @@ MethodStatus MethodOf(const Json &from) {
 
 void Read(const Json &from, ServerStatus &status) {
     Read(from.at("health"), status.health);
+    status.mistakes = from.value("mistakes", std::vector<std::string>()); // which older servers don't tell
     Read(from.at("limits"), status.limits);
     Read(from.at("refused"), status.refused);
     for (const Json &service : from.at("services")) {
@@ -134,6 +135,7 @@ std::string ToJson(const ServerStatus &status) {
         services.push_back(ValueOf(service));
     }
     return Json{{"health", ValueOf(status.health)},
+                {"mistakes", status.mistakes},
                 {"limits", ValueOf(status.limits)},
                 {"refused", ValueOf(status.refused)},
                 {"services", std::move(services)}}

@@ -56,6 +56,7 @@ struct NamedValue {
 
 struct ServerStatus {
     ServerHealth health;
+    std::vector<std::string> mistakes; // in files that were read again: what was in force before holds
     std::vector<NamedValue> limits;
     std::vector<NamedValue> refused; // how often, by reason
     std::vector<ServiceStatus> services;

@@ -55,6 +55,13 @@ bool EvictOthers(const RunDirectory &directory, const path &socketPath, const st
     return true;
 }
 
+// Why nobody takes a connection: ECONNREFUSED where nobody listens, EAGAIN where all is taken for the moment. 0 where
+// somebody does.
+int Probe(const sockaddr_un &address) {
+    const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
+    return ConnectTo(probe.Fd(), address) == 0 ? 0 : errno;
+}
+
 // Removes what a dead server left at the path; throws when a live one, or something else, is there.
 void RemoveStale(const RunDirectory &directory, const path &socketPath, const sockaddr_un &address) {
     const std::string name = socketPath.filename();
@@ -66,15 +73,12 @@ void RemoveStale(const RunDirectory &directory, const path &socketPath, const so
     if (!S_ISSOCK(status.st_mode)) {
         throw std::runtime_error(socketPath.string() + ": not a socket; expected none, or one that a server left");
     }
-    const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!probe) {
-        Fail(errno, "socket");
-    }
-    if (ConnectTo(probe.Fd(), address) == 0 || errno == EAGAIN) {
+    const int error = Probe(address);
+    if (error == 0 || error == EAGAIN) {
         throw std::runtime_error(socketPath.string() + ": in use by a live server");
     }
-    if (errno != ECONNREFUSED) {
-        Fail(errno,
+    if (error != ECONNREFUSED) {
+        Fail(error,
              fmt::format("{}: a socket of user {}, which may have a server", socketPath.string(), status.st_uid));
     }
     if (unlinkat(directory.Open().Fd(), name.c_str(), 0) != 0) {
@@ -128,6 +132,10 @@ Descriptor ListenIn(const RunDirectory &directory, const path &socketPath, mode_
     return fd;
 }
 
+mode_t ModeFor(bool all) {
+    return all ? 0666 : 0600;
+}
+
 } // namespace
 
 Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
@@ -141,7 +149,7 @@ Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
     directory.Take(lock);
     RemoveStale(directory, path_, address);
     struct stat status;
-    fd_ = ListenIn(directory, path_, toAll ? 0666 : 0600, status);
+    fd_ = ListenIn(directory, path_, ModeFor(toAll), status);
     device_ = status.st_dev;
     inode_ = status.st_ino;
 }
@@ -149,9 +157,21 @@ Listener::Listener(path socketPath, bool toAll) : path_(std::move(socketPath)) {
 // Removes the path only while it is this socket's.
 Listener::~Listener() {
     struct stat status;
-    if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+    if (lstat(path_.c_str(), &status) == 0 && IsAt(status)) {
         unlink(path_.c_str());
     }
+}
+
+bool Listener::OpenTo(bool all) const {
+    const Descriptor file(open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) {
+        return false;
+    }
+    if (!IsAt(file.Status())) {
+        errno = ENOENT;
+        return false;
+    }
+    return ChangeMode(file, ModeFor(all));
 }
 
 std::string Transport::Address(std::string_view service, uint32_t pid) const {
@@ -278,6 +298,46 @@ std::vector<uint32_t> Transport::Agents() const {
     std::ranges::sort(pids);
     pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
     return pids;
+}
+
+namespace {
+
+bool IsDead(const RunDirectory &directory, const path &socketPath, struct stat &status) {
+    sockaddr_un address;
+    return fstatat(directory.Open().Fd(), socketPath.filename().c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISSOCK(status.st_mode) && FillAddress(socketPath, address) && Probe(address) == ECONNREFUSED;
+}
+
+// An agent of another user, who takes no lock, may have got the name since: it gets it back.
+void RemoveDead(const RunDirectory &directory, const std::string &name, const struct stat &dead) {
+    const int fd = directory.Open().Fd();
+    const std::string aside = HiddenName();
+    struct stat status {};
+    if (renameat(fd, name.c_str(), fd, aside.c_str()) != 0 ||
+        fstatat(fd, aside.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    if (status.st_dev != dead.st_dev || status.st_ino != dead.st_ino) {
+        linkat(fd, aside.c_str(), fd, name.c_str(), 0);
+    }
+    unlinkat(fd, aside.c_str(), 0);
+}
+
+} // namespace
+
+void Transport::RemoveDeadAgents() const {
+    const RunDirectory directory(directory_.RunDir());
+    if (!directory.IsOf(geteuid())) {
+        return;
+    }
+    RunDirectory::Lock lock;
+    directory.Take(lock);
+    for (const path &socketPath : AgentSockets(directory.Path())) {
+        if (struct stat status; IsDead(directory, socketPath, status)) {
+            RemoveDead(directory, socketPath.filename(), status);
+            Log().info("{}: removed, its agent has ended", socketPath.string());
+        }
+    }
 }
 
 // An agent whose name is taken, by another's live socket or a file that can't be removed, takes another.

@@ -1,6 +1,7 @@
 // What carries the bytes: connected stream sockets, and how they come about. Above it nothing knows of addresses.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -27,10 +28,15 @@ public:
     Listener &operator=(const Listener &) = delete;
     ~Listener();
 
+    // As `toAll`, from now on. False with errno after a failure.
+    bool OpenTo(bool all) const;
+
     int Fd() const { return fd_.Fd(); } // accepts stream sockets
     const std::filesystem::path &Path() const { return path_; }
 
 private:
+    bool IsAt(const struct stat &status) const { return status.st_dev == device_ && status.st_ino == inode_; }
+
     const std::filesystem::path path_;
     Descriptor fd_;
     dev_t device_ = 0;
@@ -62,6 +68,10 @@ public:
 
     // The processes that hold the sockets of agents, by rising number; of one that can't be asked, what its name says.
     std::vector<uint32_t> Agents() const;
+
+    // Removes the sockets that agents left on which nobody listens, where the directory is this user's. Throws what
+    // RunDirectory and its lock throw.
+    void RemoveDeadAgents() const;
 
 private:
     Connected ConnectToAgent(uint32_t pid, Clock::time_point deadline) const;

@@ -366,8 +366,12 @@ TEST_F(AgentsTest, AreDroppedWhenTheirProcessHasGone) {
     Pass(999ms);
     EXPECT_EQ(Names().size(), 2);
     peers.forgotten.clear();
+    EXPECT_EQ(peers.sweeps, 1) << "what was left before the daemon started";
     Pass(1ms);
     EXPECT_TRUE(Names().empty()) << "one has ended, another has the other's id";
+    EXPECT_EQ(peers.sweeps, 2);
+    Pass(1min);
+    EXPECT_EQ(peers.sweeps, 2) << "nobody has ended";
     EXPECT_NE(std::ranges::count(peers.forgotten, kPid), 0) << "their connections are not used again";
     EXPECT_NE(std::ranges::count(peers.forgotten, kOther), 0);
 }

@@ -43,6 +43,7 @@ public:
     bool HasAgent(uint32_t pid) override { return agents.count(pid) != 0; }
     bool HasProcess(uint32_t pid) override { return ended.count(pid) == 0; }
     void Forget(uint32_t pid) override { forgotten.push_back(pid); }
+    void RemoveDeadAgents() override { ++sweeps; }
     std::string LastError() override { return lastError; }
     std::string Explanation() override { return explanation; }
 
@@ -62,6 +63,7 @@ public:
     std::set<uint32_t> agents; // that have a socket
     std::set<uint32_t> ended;  // processes
     std::vector<uint32_t> forgotten;
+    size_t sweeps = 0; // of what agents left
     std::string lastError = "as the test says";
     std::string explanation; // of every reply
 

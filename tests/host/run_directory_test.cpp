@@ -10,7 +10,9 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -271,6 +273,52 @@ TEST_F(RunDirectoryTest, TheLockFollowsNoLinkAndIsNobodyElses) {
     std::filesystem::remove(file);
     std::filesystem::create_directories(file / "full");
     EXPECT_EQ(kit::ErrorOf([&] { host::LockFile(directory, RunDir(), 0ms); }), 0);
+}
+
+TEST_F(RunDirectoryTest, SocketsOfDeadAgentsAreRemovedAndNoOthers) {
+    Make(0755);
+    const std::vector<std::string> dead = {"agent-1.sock", "agent-2-0123456789abcdef.sock"};
+    const std::vector<std::string> others = {"agent-3.sock", "agent-4-0123456789abcdef.sock", "TarnSysdiagTarnd.sock",
+                                             "agent-5.sock"};
+    for (const std::string &name : {dead[0], dead[1], others[2]}) {
+        Bind(SocketPath(name)); // and close
+    }
+    const host::Listener live(SocketPath(others[0]), true), spare(SocketPath(others[1]), false);
+    std::ofstream(SocketPath(others[3])) << "no socket";
+    host::Transport(host::Directory(RunDir())).RemoveDeadAgents();
+    std::set<std::string> left;
+    for (const auto &entry : std::filesystem::directory_iterator(RunDir())) {
+        left.insert(entry.path().filename());
+    }
+    std::set<std::string> expected(others.begin(), others.end());
+    expected.insert(host::LockFile::kName);
+    EXPECT_EQ(left, expected);
+    EXPECT_EQ(Connect(SocketPath(others[0])), 0);
+}
+
+TEST_F(RunDirectoryTest, AnAgentThatTakesNoMoreConnectionsIsNotDead) {
+    Make(0755);
+    const host::Descriptor busy = Bind(SocketPath("agent-1.sock"));
+    ASSERT_EQ(listen(busy.Fd(), 0), 0);
+    const sockaddr_un address = AddressOf(SocketPath("agent-1.sock"));
+    std::vector<host::Descriptor> waiting;
+    do {
+        waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    } while (connect(waiting.back().Fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0);
+    ASSERT_EQ(errno, EAGAIN);
+    host::Transport(host::Directory(RunDir())).RemoveDeadAgents();
+    EXPECT_TRUE(std::filesystem::exists(SocketPath("agent-1.sock")));
+}
+
+TEST_F(RunDirectoryAsRootTest, WhoDoesNotOwnItRemovesNoDeadAgents) {
+    Make(01777);
+    AsOther([&] {
+        Bind(SocketPath("agent-1.sock"));
+        host::Transport(host::Directory(RunDir())).RemoveDeadAgents();
+        return std::filesystem::exists(SocketPath("agent-1.sock"));
+    });
+    host::Transport(host::Directory(RunDir())).RemoveDeadAgents();
+    EXPECT_FALSE(std::filesystem::exists(SocketPath("agent-1.sock"))) << "the owner does";
 }
 
 TEST_F(RunDirectoryAsRootTest, IsRefusedWhereAnotherUserOwnsIt) {

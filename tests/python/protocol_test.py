@@ -217,7 +217,7 @@ class Runtime(DaemonTest):
 
     def test_tells_the_status_of_its_methods(self):
         status = self.ask("Status")
-        self.assertEqual(set(status), {"health", "limits", "refused", "services"})
+        self.assertEqual(set(status), {"health", "limits", "mistakes", "refused", "services"})
         for entry in status["limits"] + status["refused"]:
             self.assertEqual(set(entry), {"name", "value", "meaning"})
         self.assertEqual([service["name"] for service in status["services"]], [TARND, TARND_AGENT])

@@ -100,6 +100,7 @@ public:
         peers_.Forget(pid);
         silent_.Forget(pid);
     }
+    void RemoveDeadAgents() { peers_.RemoveDeadAgents(); }
 
 private:
     void Call(const PeerCall &call, Whom whom);

@@ -6,6 +6,7 @@ namespace tarnd {
 
 AgentRegistry::AgentRegistry(const host::procfs::Procfs &proc, AgentLine &line, Timers &timers)
     : proc_(proc), line_(line) {
+    line_.RemoveDeadAgents();
     constexpr std::chrono::seconds kPeriod{1};
     const auto drop = [](void *self) { static_cast<AgentRegistry *>(self)->DropEnded(); };
     timers.Every(timers.Add("agents", drop, this), kPeriod);
@@ -51,11 +52,16 @@ std::vector<uint32_t> AgentRegistry::ThatAnswer() const {
 }
 
 void AgentRegistry::DropEnded() {
+    bool someEnded = false;
     for (const auto &[pid, agent] : Agents()) {
         if (!proc_.Runs(pid, agent.process.start) && Remove(pid)) {
             line_.ForgetProcess(pid);
+            someEnded = true;
             host::Log().info("agent {} of process {} has gone with it", agent.name, pid);
         }
+    }
+    if (someEnded) {
+        line_.RemoveDeadAgents();
     }
 }
 

@@ -23,7 +23,8 @@ struct Agent {
 
 class AgentRegistry {
 public:
-    // Drops those whose process has gone, from time to time. The line forgets those that go, or come anew.
+    // Drops those whose process has gone, from time to time, and removes what such agents left, also before this
+    // daemon. The line forgets those that go, or come anew.
     AgentRegistry(const host::procfs::Procfs &proc, AgentLine &line, Timers &timers);
 
     // True when the agent is new or has changed. Throws EBUSY where there are too many.
