@@ -1,7 +1,9 @@
 // tarnd: the diagnosis daemon.
 #include <linux/capability.h>
 
-#include <csignal>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -15,6 +17,7 @@
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
 #include "host/runtime/directory.h"
+#include "host/serve/main_loop.h"
 #include "host/serve/privilege.h"
 #include "host/serve/serve.h"
 #include "host/stacks/helpers.h"
@@ -25,9 +28,23 @@ namespace {
 
 constexpr uint64_t kMega = 1000000;
 
+// /var/log/tarn for root or where it exists, else the user's own.
+std::string DefaultLogDirectory() {
+    const std::string system = tarnd::Options().logDirectory;
+    std::error_code unknown;
+    if (geteuid() == 0 || std::filesystem::is_directory(system, unknown)) {
+        return system;
+    }
+    if (const char *const state = secure_getenv("XDG_STATE_HOME"); state != nullptr && state[0] == '/') {
+        return std::string(state) + "/tarn/log";
+    }
+    const char *const home = secure_getenv("HOME");
+    return home != nullptr && home[0] == '/' ? std::string(home) + "/.local/state/tarn/log" : system;
+}
+
 struct Arguments {
     host::ServeOptions serve;
-    tarnd::Options daemon;
+    std::string logDirectory;
     uint32_t sampleIntervalMs = static_cast<uint32_t>(tarnd::Options().sampleInterval.count());
     std::vector<std::string> copyTargets;
     uint64_t measureRateMb = tarnd::Options().measuredBytesPerSecond / kMega;
@@ -46,8 +63,8 @@ std::string CheckCopyTarget(const std::string &text) {
 void Declare(host::CommandLine &line, Arguments &options) {
     host::Declare(line, options.serve);
     using host::WithDefault;
-    line.Option("--log-dir", options.daemon.logDirectory, "DIR",
-                WithDefault("Directory that archives are made of and in", options.daemon.logDirectory));
+    line.Option("--log-dir", options.logDirectory, "DIR",
+                "Directory that archives are made of and in [/var/log/tarn, or the user's own]");
     line.List("--copy-target", options.copyTargets, "NAME=DIR ...",
               "Directory that archives may be copied to, by that name", CheckCopyTarget);
     line.Option("--sample-interval", options.sampleIntervalMs, {10, 60000}, "MS",
@@ -83,9 +100,9 @@ void PrintAccounting() {
 }
 
 tarnd::Options OptionsOf(const Arguments &arguments) {
-    tarnd::Options options = arguments.daemon;
+    tarnd::Options options;
     options.runDirectory = host::Directory(arguments.serve.runDir).RunDir();
-    options.logDirectory = NormalPath(options.logDirectory);
+    options.logDirectory = NormalPath(arguments.logDirectory.empty() ? DefaultLogDirectory() : arguments.logDirectory);
     if (!arguments.serve.stateDir.empty()) {
         options.stateDirectory = NormalPath(arguments.serve.stateDir);
     }
@@ -104,11 +121,9 @@ tarnd::Options OptionsOf(const Arguments &arguments) {
 // Processes and files of all users are looked at, and nobody's are changed.
 void DropPrivileges(const Arguments &arguments, const tarnd::Options &options) {
     using Given = host::NeededDirectory::Given;
-    std::vector<host::NeededDirectory> directories{{options.runDirectory, 0755, Given::kDirectory},
-                                                   {options.logDirectory, 0750, Given::kNothing}};
-    if (!options.stateDirectory.empty()) {
-        directories.push_back({options.stateDirectory, 0700, Given::kDirectoryAndFiles});
-    }
+    std::vector<host::NeededDirectory> directories = host::DirectoriesOf(arguments.serve);
+    directories.insert(directories.begin(),
+                       {"log directory", options.logDirectory, "--log-dir", 0750, Given::kNothing});
     std::vector<unsigned> capabilities{CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH};
     if (options.zoneLink) {
         capabilities.insert(capabilities.end(), {CAP_SYS_TIME, CAP_DAC_OVERRIDE}); // the zone's link is root's
@@ -126,8 +141,8 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     const tarnd::Options options = OptionsOf(arguments);
     host::stacks::Helpers helpers(arguments.unwinder); // keep the right to become other users
     DropPrivileges(arguments, options);
-    // The terminal that it was started on may go: that ends it as well, and leaves no sockets.
-    const sigset_t signals = host::BlockSignals({SIGINT, SIGTERM, host::IsIgnored(SIGHUP) ? SIGTERM : SIGHUP});
+    host::OpenLog(arguments.serve);
+    host::BlockSignals();
     host::Client::Default().Configure({.runDir = arguments.serve.runDir});
     const host::SystemClocks clocks;
     const host::procfs::Procfs proc;
@@ -140,12 +155,8 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
-    host::Log().info("serving in {}", daemon.options.runDirectory.string());
     daemon.masterLink.Greet(); // the master may call back at once
-    int signal = 0;
-    sigwait(&signals, &signal);
-    host::Log().info("signal {}: shutting down", signal);
-    host::StopOrExit(server);
+    host::RunMainLoop({arguments.serve, server, "TarnSysdiagTarnd"});
 }
 
 } // namespace

@@ -1,9 +1,8 @@
 // tarn-master: the diagnosis master, which holds the daemon's configuration.
-#include <csignal>
-
 #include "host/master/master.h"
 #include "host/master/service.h"
 #include "host/runtime/directory.h"
+#include "host/serve/main_loop.h"
 #include "host/serve/privilege.h"
 #include "host/serve/serve.h"
 
@@ -23,28 +22,17 @@ void Declare(host::CommandLine &line, Options &options) {
 
 // It needs nothing that its user has not.
 void DropPrivileges(const host::ServeOptions &options) {
-    using Given = host::NeededDirectory::Given;
-    std::vector<host::NeededDirectory> directories{{host::Directory(options.runDir).RunDir(), 0755, Given::kDirectory}};
-    if (!options.stateDir.empty()) {
-        directories.push_back({options.stateDir, 0700, Given::kDirectoryAndFiles});
-    }
-    host::Become(host::UserToBecome(options.user), directories, {});
+    host::Become(host::UserToBecome(options.user), host::DirectoriesOf(options), {});
 }
 
 void Serve(const Options &options, const host::ServerOptions &server) {
     DropPrivileges(options.serve);
-    const sigset_t signals = host::BlockSignals({SIGHUP, SIGINT, SIGTERM});
+    host::OpenLog(options.serve);
+    host::BlockSignals();
     const host::SystemClocks clocks;
     master::Master master(clocks, host::procfs::Procfs(), options.config, options.serve.stateDir, server);
     master.Start();
-    for (int signal = 0; signal != SIGINT && signal != SIGTERM;) {
-        sigwait(&signals, &signal);
-        host::Log().info("signal {}", signal);
-        if (signal == SIGHUP) {
-            master.Reload();
-        }
-    }
-    host::StopOrExit(master.server);
+    host::RunMainLoop({options.serve, master.server, "TarnSysdiagMaster", [&master] { master.Reload(); }});
 }
 
 } // namespace

@@ -31,8 +31,8 @@ Master &Master::Serving() {
 
 Master::Master(const host::Clocks &theClocks, host::procfs::Procfs theProcfs, const std::filesystem::path &file,
                const std::filesystem::path &stateDirectory, const host::ServerOptions &options)
-    : clocks(theClocks), procfs(std::move(theProcfs)), settings(clocks, file, stateDirectory), runDir_(options.runDir),
-      client_({.runDir = runDir_}), server(Completed(options)) {
+    : clocks(theClocks), procfs(std::move(theProcfs)), settings(clocks, file, stateDirectory), file_(file),
+      runDir_(options.runDir), client_({.runDir = runDir_}), server(Completed(options)) {
     assert(serving == nullptr);
     serving = this;
     server.AddService(kServiceSpec);
@@ -45,16 +45,17 @@ Master::~Master() {
 
 void Master::Start() {
     server.Start();
-    host::Log().info("serving in {}", host::Directory(runDir_).RunDir().string());
     GreetDaemon(client_);
 }
 
 bool Master::Reload() {
-    const bool taken = settings.Reload();
-    if (taken) {
-        GreetDaemon(client_);
+    const std::string mistake = settings.Reload();
+    server.NoteReload(file_, mistake);
+    if (!mistake.empty()) {
+        return false;
     }
-    return taken;
+    GreetDaemon(client_);
+    return true;
 }
 
 } // namespace master

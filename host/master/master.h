@@ -26,8 +26,8 @@ public:
 
     void Start(); // serves, and greets the daemon
 
-    // Reads the file again and greets the daemon, which then fetches what is new. False, with the reason in the log,
-    // when the file is refused.
+    // Reads the file again and greets the daemon, which then fetches what is new. False, with the reason in the log and
+    // in the server's status, when the file is refused.
     bool Reload();
 
     const host::Clocks &clocks;
@@ -36,6 +36,7 @@ public:
     std::atomic<uint64_t> announcementNum = 0; // of daemons
 
 private:
+    const std::filesystem::path file_;
     const std::filesystem::path runDir_;
     host::Client client_;
 

@@ -51,7 +51,7 @@ Settings::Settings(const host::Clocks &clocks, std::filesystem::path file, const
     changes_ = StillValid(Load(), config_);
 }
 
-bool Settings::Reload() {
+std::string Settings::Reload() {
     const host::MutexLock lock(mutex_);
     try {
         Config config = LoadConfig(file_);
@@ -63,10 +63,10 @@ bool Settings::Reload() {
         changes_ = std::move(changes);
         ++readCount_;
         host::Log().info("{} read again", file_.string());
-        return true;
+        return {};
     } catch (const std::exception &error) {
         host::Log().error("{}; what was configured before holds", error.what());
-        return false;
+        return error.what();
     }
 }
 

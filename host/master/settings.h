@@ -36,8 +36,8 @@ public:
     // kept in memory.
     Settings(const host::Clocks &clocks, std::filesystem::path file, const std::filesystem::path &stateDirectory);
 
-    // Reads the file again. False, with the reason in the log, when it is refused: all is as before then.
-    bool Reload();
+    // Reads the file again. What is wrong with it, which is logged: all is as before then; empty when nothing is.
+    std::string Reload();
 
     Config Configured() const;
     uint32_t ReadCount() const; // of the file

@@ -5,8 +5,12 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 
@@ -42,6 +46,24 @@ public:
     }
     std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<OneLine>(); }
 };
+
+// What the journal takes for a record's level.
+class Priority final : public spdlog::custom_flag_formatter {
+public:
+    void format(const spdlog::details::log_msg &message, const std::tm &, spdlog::memory_buf_t &line) override {
+        constexpr std::string_view kPriorities[] = {"<7>", "<7>", "<6>", "<4>", "<3>", "<2>"}; // from trace on
+        const std::string_view text = kPriorities[message.level];
+        line.append(text.data(), text.data() + text.size());
+    }
+    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<Priority>(); }
+};
+
+// Whoever gave this process the journal as standard error says by which file it is known.
+bool IsJournal(int fd) {
+    const char *const stream = secure_getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && fstat(fd, &status) == 0 && fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
+}
 
 std::shared_ptr<const LogHook> CurrentHook() {
     const std::lock_guard lock(hookMutex);
@@ -80,19 +102,36 @@ spdlog::level::level_enum SpdlogLevel(LogLevel level) {
     }
 }
 
-// Kept for the life of the process, as the hook is.
-spdlog::logger &Lines() {
-    static auto &lines = []() -> spdlog::logger & {
-        auto *const made = new spdlog::logger("tarn", std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+class Lines {
+public:
+    Lines() : sink_(std::make_shared<spdlog::sinks::stderr_color_sink_mt>()), logger_("tarn", sink_) {
+        logger_.set_level(spdlog::level::trace);
+        logger_.flush_on(spdlog::level::trace);
+        Fit();
+    }
+
+    // Kept for the life of the process, as the hook is.
+    static Lines &OfProcess() {
+        static auto &lines = *new Lines;
+        return lines;
+    }
+
+    void Fit() {
         auto formatter = std::make_unique<spdlog::pattern_formatter>();
-        formatter->add_flag<OneLine>('*').set_pattern("%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
-        made->set_formatter(std::move(formatter));
-        made->set_level(spdlog::level::trace);
-        made->flush_on(spdlog::level::trace);
-        return *made;
-    }();
-    return lines;
-}
+        formatter->add_flag<OneLine>('*').add_flag<Priority>('&').set_pattern(
+            IsJournal(STDERR_FILENO) ? "%&[%t] %*" : "%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
+        sink_->set_formatter(std::move(formatter));
+        sink_->set_color_mode(spdlog::color_mode::automatic);
+    }
+
+    void Write(spdlog::level::level_enum level, fmt::string_view text) {
+        logger_.log(level, spdlog::string_view_t(text.data(), text.size()));
+    }
+
+private:
+    const std::shared_ptr<spdlog::sinks::stderr_color_sink_mt> sink_;
+    spdlog::logger logger_;
+};
 
 const char *OrEmpty(const char *text) {
     return text == nullptr ? "" : text;
@@ -139,12 +178,16 @@ void Logger::Write(LogLevel level, fmt::string_view format, fmt::format_args arg
 }
 
 void Logger::Write(LogLevel level, fmt::string_view text) {
-    Lines().log(SpdlogLevel(level), spdlog::string_view_t(text.data(), text.size()));
+    Lines::OfProcess().Write(SpdlogLevel(level), text);
 }
 
 Logger &Log() {
     static constinit Logger log;
     return log;
+}
+
+void FitLogToStandardError() {
+    Lines::OfProcess().Fit();
 }
 
 LogHook SetLogHook(LogHook hook) {

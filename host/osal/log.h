@@ -56,6 +56,10 @@ private:
 // The process's log.
 Logger &Log();
 
+// Gives lines the form that suits what standard error is: the journal gets priorities and knows the time itself, a
+// terminal colours. To be called when standard error has become another file.
+void FitLogToStandardError();
+
 // While it lives, the warnings and errors that this thread logs are written as far as it passes them. One may be within
 // another, which is not asked then.
 class LogGate {

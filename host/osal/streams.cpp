@@ -5,6 +5,8 @@
 
 #include <initializer_list>
 
+#include "host/osal/descriptor.h"
+
 namespace host {
 
 void OccupyClosedStreams() {
@@ -12,6 +14,14 @@ void OccupyClosedStreams() {
         if (fcntl(stream, F_GETFD) < 0) {
             open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY); // the lowest free one is this
         }
+    }
+}
+
+void AppendErrorsTo(const std::filesystem::path &file) {
+    const std::string what = "log file " + file.string();
+    const Descriptor log(open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640), what);
+    if (dup2(log.Fd(), STDERR_FILENO) < 0) {
+        Fail(errno, what);
     }
 }
 

@@ -48,13 +48,23 @@ void GiveFiles(const std::filesystem::path &directory, const Account &to) {
     }
 }
 
-void Prepare(const NeededDirectory &needed, const Account &to) {
-    using Given = NeededDirectory::Given;
-    std::error_code unknown;
-    const bool isNew = !std::filesystem::exists(needed.path, unknown);
-    if (const std::error_code error = MakeDirectories(needed.path, needed.mode); error) {
-        throw std::system_error(error, needed.path.string());
+// Whether it was missing.
+bool Make(const NeededDirectory &needed, const Account &user) {
+    std::error_code error;
+    const bool isNew = !std::filesystem::exists(needed.path, error);
+    error = MakeDirectories(needed.path, needed.mode);
+    if (!error && !std::filesystem::is_directory(needed.path, error) && !error) {
+        error = std::make_error_code(std::errc::not_a_directory);
     }
+    if (error) {
+        throw std::runtime_error(fmt::format("{} {}: {}; make it for user {}, or name another with {}", needed.what,
+                                             needed.path.string(), error.message(), user.user, needed.naming));
+    }
+    return isNew;
+}
+
+void Give(const NeededDirectory &needed, bool isNew, const Account &to) {
+    using Given = NeededDirectory::Given;
     const Descriptor directory(open(needed.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), needed.path.string());
     const struct stat status = directory.Status();
     const bool rootsAlone = status.st_uid == 0 && (status.st_mode & 022) == 0;
@@ -157,9 +167,9 @@ uid_t UserToBecome(const std::optional<std::string> &named) {
 void Become(uid_t user, const std::vector<NeededDirectory> &directories, const std::vector<unsigned> &capabilities) {
     const bool changes = user != geteuid();
     const Account to{user, PrimaryGroupOf(user).value_or(user)};
-    if (changes) {
-        for (const NeededDirectory &directory : directories) {
-            Prepare(directory, to);
+    for (const NeededDirectory &directory : directories) {
+        if (const bool isNew = Make(directory, to); changes) {
+            Give(directory, isNew, to);
         }
     }
     Check(capng_get_caps_process(), "the capabilities of this process");

@@ -1,7 +1,6 @@
 #include "host/serve/serve.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <utility>
@@ -9,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "host/osal/streams.h"
+#include "host/runtime/directory.h"
 
 namespace host {
 
@@ -16,6 +16,10 @@ namespace {
 
 std::string CheckNotEmpty(const std::string &text) {
     return text.empty() ? "found nothing, expected a directory" : "";
+}
+
+std::string CheckFile(const std::string &text) {
+    return text.empty() ? "found nothing, expected a file" : "";
 }
 
 std::string CheckLimit(const std::string &text) {
@@ -126,6 +130,8 @@ void Declare(CommandLine &line, ServeOptions &options) {
     line.Option(
         "--user", options.user, "USER",
         "User that root's program becomes; \"\" is root itself [$TARN_USER or tarn, where there is such a user]");
+    line.Option("--log-file", options.logFile, "FILE", "File for the log, opened anew on SIGHUP [standard error]",
+                CheckFile);
     line.LogLevelOption("--log-level", options.logLevel);
 }
 
@@ -140,26 +146,21 @@ ServerOptions ServerOptionsOf(const ServeOptions &options) {
     return server;
 }
 
-sigset_t BlockSignals(std::initializer_list<int> numbers) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int number : numbers) {
-        sigaddset(&signals, number);
+std::vector<NeededDirectory> DirectoriesOf(const ServeOptions &options) {
+    using Given = NeededDirectory::Given;
+    std::vector<NeededDirectory> directories;
+    if (!options.stateDir.empty()) {
+        directories.push_back({"state directory", options.stateDir, "--state-dir", 0700, Given::kDirectoryAndFiles});
     }
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signals;
+    directories.push_back(
+        {"run directory", Directory(options.runDir).RunDir(), "--run-dir or TARN_RUN_DIR", 0755, Given::kDirectory});
+    return directories;
 }
 
-bool IsIgnored(int signal) {
-    struct sigaction action {};
-    sigaction(signal, nullptr, &action);
-    return action.sa_handler == SIG_IGN;
-}
-
-void StopOrExit(Server &server) {
-    if (!server.Stop()) {
-        Log().error("a request is still being worked on: cut off");
-        std::_Exit(1);
+void OpenLog(const ServeOptions &options) {
+    if (!options.logFile.empty()) {
+        AppendErrorsTo(options.logFile);
+        FitLogToStandardError();
     }
 }
 

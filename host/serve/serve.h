@@ -1,10 +1,8 @@
-// What the programs that serve have in common: options, signals, and how they end.
+// What the command lines of the programs that serve have in common.
 #pragma once
 
-#include <csignal>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,6 +12,7 @@
 
 #include "host/osal/log.h"
 #include "host/runtime/server.h"
+#include "host/serve/privilege.h"
 
 namespace CLI {
 class App;
@@ -68,6 +67,7 @@ struct ServeOptions {
     std::string stateDir;
     std::vector<std::string> limits;
     std::string policy;
+    std::string logFile;
     std::optional<std::string> user;
     LogLevel logLevel = LogLevel::kInfo;
 };
@@ -79,14 +79,11 @@ constexpr int kBadUsage = 2;
 // Throws what is wrong with the policy.
 ServerOptions ServerOptionsOf(const ServeOptions &options);
 
-// To be called before the first thread starts, so that every thread inherits it and only main takes them.
-sigset_t BlockSignals(std::initializer_list<int> numbers);
+// Of the options' state, and of the sockets.
+std::vector<NeededDirectory> DirectoriesOf(const ServeOptions &options);
 
-// Whether nobody wants to hear of a signal, as of SIGHUP under nohup(1).
-bool IsIgnored(int signal);
-
-// Ends the process when a request is still being worked on after the bound: its thread uses what the end of main would
-// destroy.
-void StopOrExit(Server &server);
+// From then on the log, and all else that the process writes to standard error, goes to the file of the options, if
+// they name one. Throws std::system_error.
+void OpenLog(const ServeOptions &options);
 
 } // namespace host

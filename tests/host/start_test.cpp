@@ -5,51 +5,18 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/tarnd.h"
 
-#include <set>
-
-#include "host/runtime/status.h"
-#include "tests/host/kit.h"
+#include "tests/host/programs.h"
 
 namespace {
 
-class Start : public testing::Test {
+class Start : public kit::ProgramsTest {
 protected:
-    // A shell's command line; "$run" is a directory for sockets.
-    std::unique_ptr<kit::Process> Shell(const std::string &line) const {
-        return std::make_unique<kit::Process>(
-            dir_.Path(), std::vector<std::string>{"/bin/sh", "-c", "run=" + RunDir().string() + "; exec " + line});
-    }
     void ExpectRefusal(const std::string &line, int code, const std::string &text) const {
         const auto process = Shell(line);
         EXPECT_EQ(process->Wait(), code) << line;
         EXPECT_NE(process->Err().find(text), std::string::npos) << line << ": " << process->Err();
-        EXPECT_FALSE(std::filesystem::exists(RunDir())) << line;
+        EXPECT_EQ(Sockets(), std::set<std::string>()) << line;
     }
-    bool Answers() const {
-        host::Client client({.runDir = RunDir()});
-        host::ServerHealth health;
-        return AskHealth(client, "TarnSysdiagTarnd", 0, health).Ok();
-    }
-    bool Serves() const {
-        return kit::Eventually([this] { return Answers(); });
-    }
-    std::set<std::string> Sockets() const {
-        std::set<std::string> names;
-        std::error_code none;
-        for (const auto &entry : std::filesystem::directory_iterator(RunDir(), none)) {
-            if (entry.path().extension() == ".sock") {
-                names.insert(entry.path().filename());
-            }
-        }
-        return names;
-    }
-    std::filesystem::path RunDir() const { return dir_.Path() / "run"; }
-    std::string Write(const std::string &name, const std::string &content) const {
-        std::ofstream(dir_.Path() / name) << content;
-        return (dir_.Path() / name).string();
-    }
-
-    const kit::TempDir dir_;
 };
 
 TEST_F(Start, BadArgumentsAreToldInALine) {
@@ -107,35 +74,54 @@ TEST_F(Start, FilesThatCannotBeReadAreNamed) {
 
 TEST_F(Start, AStateDirectoryThatCannotBeIsNamed) {
     const std::string file = Write("file", ""), config = Write("config", "");
-    ExpectRefusal(TARND " --run-dir $run --state-dir " + file, 1, "tarnd: " + file + ": Not a directory\n");
-    ExpectRefusal(TARND " --run-dir $run --state-dir /proc/none", 1, "tarnd: /proc/none: No such file or directory\n");
+    ExpectRefusal(TARND " --log-dir $log --run-dir $run --state-dir " + file, 1,
+                  "tarnd: state directory " + file + ": Not a directory; make it for user ");
+    ExpectRefusal(TARND " --log-dir $log --run-dir $run --state-dir /proc/none", 1,
+                  "state directory /proc/none: No such file or directory; make it for user ");
     ExpectRefusal(TARN_MASTER " --run-dir $run --state-dir " + file + " " + config, 1,
-                  "tarn-master: " + file + ": Not a directory\n");
+                  "tarn-master: state directory " + file + ": Not a directory; make it for user ");
 }
 
 TEST_F(Start, ARunDirectoryThatCannotBeIsNamed) {
     const std::string file = Write("file", "");
-    ExpectRefusal(TARND " --run-dir " + file + "/run", 1, "run directory " + file + "/run: Not a directory");
-    ExpectRefusal(TARND " --run-dir " + dir_.Path().string() + "/" + std::string(100, 'x'), 1,
+    ExpectRefusal(TARND " --log-dir $log --run-dir " + file + "/run", 1,
+                  "run directory " + file + "/run: Not a directory");
+    ExpectRefusal(TARND " --log-dir $log --run-dir " + dir_.Path().string() + "/" + std::string(100, 'x'), 1,
                   "expected a socket path of at most 107");
     // Not even root makes a directory there.
-    ExpectRefusal(TARND " --run-dir /proc/none", 1, "run directory /proc/none: No such file or directory");
+    ExpectRefusal(TARND " --log-dir $log --run-dir /proc/none", 1,
+                  "run directory /proc/none: No such file or directory");
     ExpectRefusal(TARN_MASTER " --run-dir /proc/none " + Write("config", ""), 1,
                   "run directory /proc/none: No such file or directory");
     ExpectRefusal(TARN_AGENT " --run-dir /proc/none", 1,
                   "tarn-agent: the agent does not start: No such file or directory\n");
 }
 
+TEST_F(Start, AMissingLogDirectoryIsMadeOrItsOptionIsNamed) {
+    ExpectRefusal(
+        TARND " --run-dir $run --log-dir /proc/none", 1,
+        fmt::format("tarnd: log directory /proc/none: No such file or directory; make it for user {}, or name "
+                    "another with --log-dir\n",
+                    geteuid()));
+    const auto daemon = Shell(TARND " --user '' --run-dir $run --log-dir $log/of/tarnd");
+    ASSERT_TRUE(Serves()) << daemon->Err();
+    using std::filesystem::perms;
+    EXPECT_EQ(std::filesystem::status(LogDir() / "of/tarnd").permissions(), perms(0750));
+    EXPECT_EQ(daemon->Stop(), 0);
+}
+
 // The one that serves is not disturbed.
 TEST_F(Start, ASecondServerOfARunDirectoryIsRefused) {
     const std::string config = Write("config", "");
-    const auto daemon = Shell(TARND " --run-dir $run"), master = Shell(TARN_MASTER " --run-dir $run " + config);
+    const auto daemon = Shell(TARND " --log-dir $log --run-dir $run"),
+               master = Shell(TARN_MASTER " --run-dir $run " + config);
     ASSERT_TRUE(Serves()) << daemon->Err();
     ASSERT_TRUE(kit::Eventually([&] { return master->Err().find("serving in") != std::string::npos; }))
         << master->Err();
     const std::set<std::string> sockets = Sockets();
-    for (const auto &[line, socket] : {std::pair(std::string(TARND " --run-dir $run"), "/TarnSysdiagTarnd.sock"),
-                                       std::pair(TARN_MASTER " --run-dir $run " + config, "/TarnSysdiagMaster.sock")}) {
+    for (const auto &[line, socket] :
+         {std::pair(std::string(TARND " --log-dir $log --run-dir $run"), "/TarnSysdiagTarnd.sock"),
+          std::pair(TARN_MASTER " --run-dir $run " + config, "/TarnSysdiagMaster.sock")}) {
         const auto second = Shell(line);
         EXPECT_EQ(second->Wait(), 1) << line;
         EXPECT_NE(second->Err().find(RunDir().string() + socket + ": in use by a live server\n"), std::string::npos)
@@ -149,31 +135,96 @@ TEST_F(Start, ASecondServerOfARunDirectoryIsRefused) {
 
 // What is left of a daemon that was killed is in nobody's use.
 TEST_F(Start, SocketsThatADeadServerLeftAreReplaced) {
-    const auto daemon = Shell(TARND " --run-dir $run");
+    const auto daemon = Shell(TARND " --log-dir $log --run-dir $run");
     ASSERT_TRUE(Serves()) << daemon->Err();
     daemon->Signal(SIGKILL);
     EXPECT_EQ(daemon->Wait(), -1);
     EXPECT_TRUE(Sockets().contains("TarnSysdiagTarnd.sock"));
-    const auto next = Shell(TARND " --run-dir $run");
+    const auto next = Shell(TARND " --log-dir $log --run-dir $run");
     ASSERT_TRUE(Serves()) << next->Err();
     EXPECT_EQ(next->Stop(), 0);
     EXPECT_EQ(Sockets(), std::set<std::string>());
 }
 
-TEST_F(Start, ARunDirectoryThatTheUserMayNotWriteIsNamed) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become another user";
+// Of agents that were killed: before the daemon started, and while it serves.
+TEST_F(Start, SocketsOfDeadAgentsAreRemoved) {
+    const auto agent = [&](const std::string &name) { return Shell(TARN_AGENT " --run-dir $run --name " + name); };
+    const auto socketOf = [](const kit::Process &process) { return fmt::format("agent-{}.sock", process.Pid()); };
+    const auto early = agent("early");
+    const std::string left = socketOf(*early);
+    ASSERT_TRUE(kit::Eventually([&] { return Sockets().contains(left); })) << early->Err();
+    early->Signal(SIGKILL);
+    early->Wait();
+    const auto daemon = Shell(TARND " --log-dir $log --run-dir $run");
+    ASSERT_TRUE(Serves()) << daemon->Err();
+    EXPECT_FALSE(Sockets().contains(left));
+
+    const auto killed = agent("killed"), lives = agent("lives");
+    const std::string killedsSocket = socketOf(*killed);
+    for (const char *name : {"killed", "lives"}) {
+        ASSERT_TRUE(kit::ComesToHave([&] { return daemon->Err(); }, fmt::format("agent {} of process", name)));
     }
-    if (Shell("setpriv --reuid 65534 --regid 65534 --clear-groups test -x " TARND)->Wait() != 0) {
-        GTEST_SKIP() << "nobody may not run " TARND;
+    EXPECT_TRUE(Sockets().contains(killedsSocket));
+    killed->Signal(SIGKILL);
+    killed->Wait();
+    EXPECT_TRUE(kit::Eventually([&] { return !Sockets().contains(killedsSocket); })) << daemon->Err();
+    EXPECT_TRUE(Sockets().contains(socketOf(*lives)));
+    EXPECT_EQ(daemon->Stop(), 0);
+}
+
+// Nobody, whom only root can become.
+class StartOfAUser : public Start {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root can become another user";
+        }
+        if (Shell(kNobody + ("test -x " TARND))->Wait() != 0) {
+            GTEST_SKIP() << "nobody may not run " TARND;
+        }
+        ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
     }
-    ExpectRefusal("setpriv --reuid 65534 --regid 65534 --clear-groups " TARND " --run-dir $run", 1,
-                  "run directory " + RunDir().string() + ": Permission denied");
+    static inline const std::string kNobody = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
+};
+
+TEST_F(StartOfAUser, ARunDirectoryThatHeMayNotMakeIsNamed) {
+    ExpectRefusal(kNobody + TARND " --log-dir / --run-dir $run", 1,
+                  fmt::format("run directory {}: Permission denied; make it for user 65534, or name another with "
+                              "--run-dir or TARN_RUN_DIR\n",
+                              RunDir().string()));
+}
+
+TEST_F(StartOfAUser, WithoutDirectoriesOfHisOwnTheOptionsAreNamed) {
+    if (std::filesystem::exists("/run/tarn") || std::filesystem::exists("/var/log/tarn")) {
+        GTEST_SKIP() << "this machine has the system's directories";
+    }
+    const std::string alone = kNobody + "env -i ";
+    ExpectRefusal(alone + TARND, 1,
+                  "log directory /var/log/tarn: Permission denied; make it for user 65534, or name another with "
+                  "--log-dir\n");
+    ExpectRefusal(alone + TARND " --log-dir /", 1,
+                  "run directory /run/tarn: Permission denied; make it for user 65534, or name another with --run-dir "
+                  "or TARN_RUN_DIR\n");
+}
+
+TEST_F(StartOfAUser, HisOwnDirectoriesAreTaken) {
+    if (std::filesystem::exists("/run/tarn") || std::filesystem::exists("/var/log/tarn")) {
+        GTEST_SKIP() << "this machine has the system's directories";
+    }
+    const std::filesystem::path home = dir_.Path() / "home";
+    std::filesystem::create_directory(home);
+    ASSERT_EQ(chown(home.c_str(), 65534, 65534), 0);
+    const auto daemon =
+        Shell(kNobody + "env -i HOME=" + home.string() + " XDG_RUNTIME_DIR=" + home.string() + " " TARND);
+    EXPECT_TRUE(kit::ComesToHave([&] { return daemon->Err(); }, "serving in " + home.string() + "/tarn\n"))
+        << daemon->Err();
+    EXPECT_TRUE(std::filesystem::exists(home / ".local/state/tarn/log"));
+    EXPECT_EQ(daemon->Stop(), 0);
 }
 
 TEST_F(Start, EverySignalThatEndsItLeavesNoSockets) {
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        const auto daemon = Shell(TARND " --run-dir $run");
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const auto daemon = Shell(TARND " --log-dir $log --run-dir $run");
         ASSERT_TRUE(Serves()) << daemon->Err();
         daemon->Signal(signal);
         EXPECT_EQ(daemon->Wait(), 0) << signal;
@@ -181,17 +232,9 @@ TEST_F(Start, EverySignalThatEndsItLeavesNoSockets) {
     }
 }
 
-TEST_F(Start, OutlivesItsTerminalUnderNohup) {
-    const auto daemon = Shell("nohup " TARND " --run-dir $run");
-    ASSERT_TRUE(Serves()) << daemon->Err();
-    daemon->Signal(SIGHUP);
-    EXPECT_TRUE(Answers());
-    EXPECT_EQ(daemon->Stop(), 0);
-}
-
 // Its first files and sockets would become standard output and error, and get the log.
 TEST_F(Start, WithoutDescriptorsKeepsTheFirstThreeFree) {
-    const auto daemon = Shell(TARND " --run-dir $run --state-dir $run.state <&- >&- 2>&-");
+    const auto daemon = Shell(TARND " --log-dir $log --run-dir $run --state-dir $run.state <&- >&- 2>&-");
     ASSERT_TRUE(Serves());
     for (const char *fd : {"0", "1", "2"}) {
         EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon->Pid()) + "/fd/" + fd), "/dev/null");
