@@ -160,7 +160,7 @@ Json SectionJson(const Section &section) {
         field["fixedOffset"] = type.fixed ? Json(type.fixed->offsets[i]) : Json();
         if (section.meaning != nullptr) {
             field["key"] = KeyOf(section.meaning->members[i]);
-            field["meaning"] = MeaningJson(section.meaning->members[i]);
+            field["meaning"] = Json::parse(MeaningJson(section.meaning->members[i]));
         }
         json["fields"].push_back(std::move(field));
     }

@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "host/meaning/meaning.h"
 
 namespace host::meaning {
@@ -28,6 +26,6 @@ inline constexpr std::string_view kSlotKinds[] = {"unsupported", "scalar", "stri
 std::string Reflect(std::span<const Service *const> services);
 
 // A member as such a record has it.
-nlohmann::ordered_json MeaningJson(const Member &member);
+std::string MeaningJson(const Member &member);
 
 } // namespace host::meaning

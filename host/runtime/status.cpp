@@ -1,164 +1,80 @@
 #include "host/runtime/status.h"
 
-#include <cerrno>
-
-#include <nlohmann/json.hpp>
+#include "host/osal/json_writer.h"
 
 namespace host {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-Json ValueOf(const ServerHealth &health) {
-    return {{"state", health.state},       {"pid", health.pid},          {"uptime_ms", health.uptime.count()},
-            {"workers", health.workers},   {"busy", health.busy},        {"connections", health.connections},
-            {"requests", health.requests}, {"timezone", health.timezone}};
+void Write(JsonWriter &json, const ServerHealth &health) {
+    json.Member("state", health.state);
+    json.Member("pid", health.pid);
+    json.Member("uptime_ms", health.uptime.count());
+    json.Member("workers", health.workers);
+    json.Member("busy", health.busy);
+    json.Member("connections", health.connections);
+    json.Member("requests", health.requests);
+    json.Member("timezone", health.timezone);
 }
 
-Json ValueOf(const std::vector<NamedValue> &values) {
-    Json list = Json::array();
-    for (const NamedValue &value : values) {
-        list.push_back({{"name", value.name}, {"value", value.value}, {"meaning", value.meaning}});
-    }
-    return list;
+void Write(JsonWriter &json, const NamedValue &value) {
+    json.Member("name", value.name);
+    json.Member("value", value.value);
+    json.Member("meaning", value.meaning);
 }
 
-Json ValueOf(const MethodStatus &method) {
-    return {{"index", method.index},
-            {"name", method.name},
-            {"request", method.request},
-            {"response", method.response},
-            {"request_hash", method.requestHash},
-            {"response_hash", method.responseHash},
-            {"calls", method.calls},
-            {"errors", method.errors},
-            {"cancelled", method.cancelled},
-            {"p50_ns", method.p50.count()},
-            {"p99_ns", method.p99.count()},
-            {"max_ns", method.max.count()}};
+void Write(JsonWriter &json, const MethodStatus &method) {
+    json.Member("index", method.index);
+    json.Member("name", method.name);
+    json.Member("request", method.request);
+    json.Member("response", method.response);
+    json.Member("request_hash", method.requestHash);
+    json.Member("response_hash", method.responseHash);
+    json.Member("calls", method.calls);
+    json.Member("errors", method.errors);
+    json.Member("cancelled", method.cancelled);
+    json.Member("p50_ns", method.p50.count());
+    json.Member("p99_ns", method.p99.count());
+    json.Member("max_ns", method.max.count());
 }
 
-Json ValueOf(const ServiceStatus &service) {
-    Json methods = Json::array();
-    for (const MethodStatus &method : service.methods) {
-        methods.push_back(ValueOf(method));
-    }
-    return {{"name", service.name}, {"methods", std::move(methods)}};
-}
-
-void Read(const Json &from, ServerHealth &health) {
-    health.state = from.at("state").get<std::string>();
-    health.pid = from.at("pid").get<uint32_t>();
-    health.uptime = std::chrono::milliseconds(from.at("uptime_ms").get<int64_t>());
-    health.workers = from.at("workers").get<uint32_t>();
-    health.busy = from.at("busy").get<uint32_t>();
-    health.connections = from.at("connections").get<uint64_t>();
-    health.requests = from.at("requests").get<uint64_t>();
-    health.timezone = from.value("timezone", std::string()); // which older servers don't tell
-}
-
-void Read(const Json &from, std::vector<NamedValue> &values) {
-    for (const Json &value : from) {
-        values.push_back({value.at("name").get<std::string>(), value.at("value").get<uint64_t>(),
-                          value.at("meaning").get<std::string>()});
-    }
-}
-
-std::chrono::nanoseconds Nanoseconds(const Json &value) {
-    return std::chrono::nanoseconds(value.get<int64_t>());
-}
-
-MethodStatus MethodOf(const Json &from) {
-    MethodStatus method;
-    method.index = from.at("index").get<uint32_t>();
-    method.name = from.at("name").get<std::string>();
-    method.request = from.at("request").get<std::string>();
-    method.response = from.at("response").get<std::string>();
-    method.requestHash = from.at("request_hash").get<uint32_t>();
-    method.responseHash = from.at("response_hash").get<uint32_t>();
-    method.calls = from.at("calls").get<uint64_t>();
-    method.errors = from.at("errors").get<uint64_t>();
-    method.cancelled = from.at("cancelled").get<uint64_t>();
-    method.p50 = Nanoseconds(from.at("p50_ns"));
-    method.p99 = Nanoseconds(from.at("p99_ns"));
-    method.max = Nanoseconds(from.at("max_ns"));
-    return method;
-}
-
-void Read(const Json &from, ServerStatus &status) {
-    Read(from.at("health"), status.health);
-    status.mistakes = from.value("mistakes", std::vector<std::string>()); // which older servers don't tell
-    Read(from.at("limits"), status.limits);
-    Read(from.at("refused"), status.refused);
-    for (const Json &service : from.at("services")) {
-        ServiceStatus &to = status.services.emplace_back();
-        to.name = service.at("name").get<std::string>();
-        for (const Json &method : service.at("methods")) {
-            to.methods.push_back(MethodOf(method));
-        }
-    }
-}
-
-CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method,
-                std::chrono::milliseconds deadline) {
-    return client.Call(
-        {.service = kRuntimeService, .pid = pid, .method = method, .deadline = deadline, .socketOf = service});
-}
+void Write(JsonWriter &json, const ServiceStatus &service);
 
 template <class Record>
-CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method, Record &record,
-                std::chrono::milliseconds deadline) {
-    CallOutcome outcome = Ask(client, service, pid, method, deadline);
-    if (!outcome.Ok()) {
-        return outcome;
-    }
-    try {
-        Record read;
-        Read(Json::parse(outcome.bytes), read);
-        record = std::move(read);
-    } catch (const nlohmann::json::exception &error) {
-        outcome.errCode = EBADMSG;
-        outcome.text = std::string(kRuntimeService) + "." + std::string(method) + ": not its answer: " + error.what();
-    }
-    return outcome;
+void WriteAll(JsonWriter &json, std::string_view name, const std::vector<Record> &records) {
+    json.Array(name, [&] {
+        for (const Record &record : records) {
+            json.Object([&] { Write(json, record); });
+        }
+    });
+}
+
+void Write(JsonWriter &json, const ServiceStatus &service) {
+    json.Member("name", service.name);
+    WriteAll(json, "methods", service.methods);
 }
 
 } // namespace
 
 std::string ToJson(const ServerHealth &health) {
-    return ValueOf(health).dump();
+    JsonWriter json;
+    json.Object([&] { Write(json, health); });
+    return json.Text();
 }
 
 std::string ToJson(const ServerStatus &status) {
-    Json services = Json::array();
-    for (const ServiceStatus &service : status.services) {
-        services.push_back(ValueOf(service));
-    }
-    return Json{{"health", ValueOf(status.health)},
-                {"mistakes", status.mistakes},
-                {"limits", ValueOf(status.limits)},
-                {"refused", ValueOf(status.refused)},
-                {"services", std::move(services)}}
-        .dump();
-}
-
-CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, ServerHealth &health,
-                      std::chrono::milliseconds deadline) {
-    return Ask(client, service, pid, "Health", health, deadline);
-}
-
-CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
-                      std::chrono::milliseconds deadline) {
-    return Ask(client, service, pid, "Status", status, deadline);
-}
-
-CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
-                           std::chrono::milliseconds deadline) {
-    CallOutcome outcome = Ask(client, service, pid, "Describe", deadline);
-    if (outcome.Ok()) {
-        description.assign(outcome.bytes.begin(), outcome.bytes.end());
-    }
-    return outcome;
+    JsonWriter json;
+    json.Object([&] {
+        json.Object("health", [&] { Write(json, status.health); });
+        json.Array("mistakes", [&] {
+            for (const std::string &mistake : status.mistakes) {
+                json.Value(mistake);
+            }
+        });
+        WriteAll(json, "limits", status.limits);
+        WriteAll(json, "refused", status.refused);
+        WriteAll(json, "services", status.services);
+    });
+    return json.Text();
 }
 
 } // namespace host

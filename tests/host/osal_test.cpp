@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/osal/accounting.h"
+#include "host/osal/json_writer.h"
 #include "host/osal/log.h"
 #include "host/osal/mutex.h"
 #include "tarn_sysdiag/platform/osal.h"
@@ -143,6 +144,26 @@ TEST(Log, LevelsBelowTheLogsAreLeftOut) {
     testing::internal::CaptureStderr();
     XRT_OsalLogWrite(nullptr, 7, 0, nullptr, 1, nullptr, "debug text");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(JsonWriter, WritesWhatParsersReadBack) {
+    host::JsonWriter inner;
+    inner.Value(1);
+    inner.Value("two");
+    host::JsonWriter json;
+    json.Object([&] {
+        json.Member("text", "a \"quoted\" \\ path\n\x01\x1f, ü");
+        json.Member("numbers", UINT64_MAX);
+        json.Member("least", INT64_MIN);
+        json.Member("yes", true);
+        json.Member("none", std::optional<int>());
+        json.Array("empty", [] {});
+        json.Array("written", [&] { json.Written(host::JsonWriter()), json.Written(inner), json.Value(3); });
+        json.Object("object", [&] { json.Member("ends with a bracket [", "{"), json.Object("in", [] {}); });
+    });
+    EXPECT_EQ(json.Text(), R"({"text":"a \"quoted\" \\ path\n\u0001\u001f, ü","numbers":18446744073709551615,)"
+                           R"("least":-9223372036854775808,"yes":true,"none":null,"empty":[],)"
+                           R"("written":[1,"two",3],"object":{"ends with a bracket [":"{","in":{}}})");
 }
 
 TEST(BoundedCopies, CopyAndFill) {
