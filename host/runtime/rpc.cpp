@@ -10,6 +10,7 @@
 #include "host/runtime/catalogue.h"
 #include "host/runtime/client.h"
 #include "host/runtime/encode.h"
+#include "host/runtime/last_error.h"
 #include "host/runtime/outgoing.h"
 #include "tarn_sysdiag/platform/osal.h"
 
@@ -113,6 +114,11 @@ private:
 };
 
 } // namespace
+
+void KeepLastError(std::string text) {
+    lastError = std::move(text);
+}
+
 } // namespace host
 
 const char *TarnHost_LastError() {

@@ -75,7 +75,7 @@ void RemoveStale(const RunDirectory &directory, const path &socketPath, const so
     }
     const int error = Probe(address);
     if (error == 0 || error == EAGAIN) {
-        throw std::runtime_error(socketPath.string() + ": in use by a live server");
+        Fail(EADDRINUSE, socketPath.string() + ": in use by a live server");
     }
     if (error != ECONNREFUSED) {
         Fail(error,

@@ -15,8 +15,8 @@ typedef struct TarnHost_InvokeCtx {
 } TarnHost_InvokeCtx;
 
 /*
- * Why the last call failed that failed on this thread, in words; of an asynchronous call, on the thread of its callback
- * and during it. Never null; valid until the next call on this thread.
+ * Why the last call of a proxy or of TarnHost_Serve (serve.h) failed that failed on this thread, in words; of an
+ * asynchronous call, on the thread of its callback and during it. Never null; valid until the next call on this thread.
  */
 const char *TarnHost_LastError(void);
 
