@@ -24,6 +24,7 @@
 
 #include "host/agent/lines.h"
 #include "host/agent/own_maps.h"
+#include "host/agent/registers.h"
 #include "host/agent/stack.h"
 #include "host/agent/symbols.h"
 #include "host/blackbox/box.h"
@@ -61,34 +62,13 @@ void Copy(char (&to)[kSize], std::string_view from) {
     memcpy(to, from.data(), length);
 }
 
-void AddRegister(FaultHead &head, const char *name, uint64_t value) {
-    auto &one = head.registers[head.registerNum++];
-    Copy(one.name, name);
-    one.value = value;
-}
-
 void AddRegisters(FaultHead &head, const ucontext_t &context) {
-#if defined(__x86_64__)
-    static constexpr struct {
-        int index;
-        const char *name;
-    } kRegisters[] = {{REG_RIP, "rip"}, {REG_RSP, "rsp"}, {REG_RBP, "rbp"},   {REG_RAX, "rax"}, {REG_RBX, "rbx"},
-                      {REG_RCX, "rcx"}, {REG_RDX, "rdx"}, {REG_RSI, "rsi"},   {REG_RDI, "rdi"}, {REG_R8, "r8"},
-                      {REG_R9, "r9"},   {REG_R10, "r10"}, {REG_R11, "r11"},   {REG_R12, "r12"}, {REG_R13, "r13"},
-                      {REG_R14, "r14"}, {REG_R15, "r15"}, {REG_EFL, "eflags"}};
-    for (const auto &one : kRegisters) {
-        AddRegister(head, one.name, static_cast<uint64_t>(context.uc_mcontext.gregs[one.index]));
+    static_assert(std::size(kRegisters) <= std::size(FaultHead{}.registers));
+    for (const Register &shown : kRegisters) {
+        auto &one = head.registers[head.registerNum++];
+        Copy(one.name, shown.name);
+        one.value = shown.In(context);
     }
-#elif defined(__aarch64__)
-    AddRegister(head, "pc", context.uc_mcontext.pc);
-    AddRegister(head, "sp", context.uc_mcontext.sp);
-    for (size_t i = 0; i < 31; ++i) {
-        const char name[] = {'x', static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10), 0};
-        AddRegister(head, name, context.uc_mcontext.regs[i]);
-    }
-#else
-    static_cast<void>(head), static_cast<void>(context);
-#endif
 }
 
 void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
@@ -109,7 +89,7 @@ void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
 void FillModules(FaultStack &stack) {
     OwnMaps maps;
     for (OwnMapping mapping; maps.Next(mapping);) {
-        for (StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
+        for (StackFrame &frame : std::span(stack.frames, static_cast<size_t>(stack.frameNum))) {
             if (!mapping.path.empty() && mapping.Has(frame.address)) {
                 Copy(frame.module, mapping.path.substr(mapping.path.rfind('/') + 1));
             }
@@ -160,7 +140,7 @@ void RecordSignal(int signal, const siginfo_t &info, void *context) {
     FillHead(head, FaultKind::kException, *static_cast<const ucontext_t *>(context));
     head.signal = signal;
     head.code = info.si_code;
-    head.address = reinterpret_cast<uint64_t>(info.si_addr);
+    head.address = reinterpret_cast<uintptr_t>(info.si_addr);
     if (info.si_code <= 0) {
         head.address = 0; // sent by a process, not raised by an instruction
     }

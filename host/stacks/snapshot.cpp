@@ -83,8 +83,14 @@ private:
     Clock::time_point stoppedAt_;
 };
 
+#if defined(__arm__)
+using Registers = user_regs;
+#else
+using Registers = user_regs_struct;
+#endif
+
 void ReadRegisters(const Traced &thread, Snapshot &snapshot) {
-    user_regs_struct regs{};
+    Registers regs{};
     iovec io{&regs, sizeof regs};
     if (ptrace(PTRACE_GETREGSET, thread.Id(), reinterpret_cast<void *>(NT_PRSTATUS), &io) != 0) {
         Fail(errno, static_cast<uint32_t>(thread.Id()), "its registers");

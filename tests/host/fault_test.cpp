@@ -10,6 +10,7 @@ TARN_UNIT()
 #include <set>
 
 #include "host/agent/faults.h"
+#include "host/agent/registers.h"
 #include "host/blackbox/box.h"
 #include "host/blackbox/reader.h"
 #include "tarn_sysdiag/agent.h"
@@ -123,9 +124,7 @@ TEST_F(FaultTest, ReadsACrashBackAlsoAfterARestart) {
         EXPECT_TRUE(Has(report.text, "Crash+")) << report.text;
         EXPECT_TRUE(Has(report.text, "(tarn-agent)\n")) << report.text;
         EXPECT_TRUE(Has(report.text, "(libtarn_agent.so)\n")) << "the thread that runs the commands: " << report.text;
-#if defined(__x86_64__)
-        EXPECT_TRUE(Has(report.text, "rip    ")) << report.text;
-#endif
+        EXPECT_TRUE(Has(report.text, std::string(agent::kRegisters[0].name) + "    ")) << report.text;
         RestartDaemon();
     }
 }
@@ -554,7 +553,7 @@ TEST_F(RecordingTest, TellsWhoseFaultWhenAndWhere) {
     ASSERT_GE(record.stack.frameNum, 2);
     const host::blackbox::StackFrame &caller = record.stack.frames[0];
     EXPECT_STREQ(caller.function, "FailACheckForTheTest");
-    EXPECT_EQ(caller.address - caller.offset, reinterpret_cast<uint64_t>(&FailACheckForTheTest));
+    EXPECT_EQ(caller.address - caller.offset, reinterpret_cast<uintptr_t>(&FailACheckForTheTest));
     EXPECT_STREQ(caller.module, "fault_test");
 }
 
