@@ -174,7 +174,7 @@ Tarn_sys_diag_TimerInfo AppTimers::InfoOf(uint32_t id, const Timer &timer) const
     info.uiMaxRunUs = static_cast<uint32_t>(timer.maxRun.count());
     info.uiMaxDelayUs = static_cast<uint32_t>(timer.maxDelay.count());
     info.ullExpireNum = timer.expireNum;
-    info.ullCallbackAddr = reinterpret_cast<uint64_t>(timer.function);
+    info.ullCallbackAddr = reinterpret_cast<uintptr_t>(timer.function);
     return info;
 }
 

@@ -28,14 +28,14 @@ constexpr size_t kMaxDamages = 64;
 constexpr size_t kScanAtOnce = 256; // blocks, so that an allocation never waits long
 
 uint64_t AddressOf(const void *pointer) {
-    return reinterpret_cast<uint64_t>(pointer);
+    return reinterpret_cast<uintptr_t>(pointer);
 }
 
 bool IsName(const char *name, size_t room) {
     return name != nullptr && *name != 0 && strlen(name) < room;
 }
 
-size_t BackGuard(const Partition &memory, const Partition::Run &run, uint64_t bytes) {
+size_t BackGuard(const Partition &memory, const Partition::Run &run, size_t bytes) {
     return std::min(memory.RunBytes(run.order) - kFrontGuard - bytes, kMaxBackGuard);
 }
 
@@ -267,7 +267,7 @@ bool Memory::CheckGuards(uint64_t address, Block &block) {
     const HandleState &handle = handles_.at(block.handleId);
     const Partition &memory = *partitions_.at(handle.partitionId).memory;
     const auto *const start = reinterpret_cast<const volatile uint8_t *>(address);
-    const size_t back = BackGuard(memory, block.run, block.bytes);
+    const size_t back = BackGuard(memory, block.run, static_cast<size_t>(block.bytes));
     const size_t before = FirstWrong(start - kFrontGuard, kFrontGuard);
     const size_t behind = FirstWrong(start + block.bytes, back);
     if (before == kFrontGuard && behind == back) {

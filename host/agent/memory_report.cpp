@@ -90,7 +90,8 @@ Report Look(const Memory &memory, uint64_t address) {
     }
     Report report{kBlockHead};
     report.Add(BlockLine(*block));
-    const std::vector<uint8_t> bytes = BytesAt(block->address, std::min<uint64_t>(block->bytes, 256));
+    const std::vector<uint8_t> bytes =
+        BytesAt(block->address, static_cast<size_t>(std::min<uint64_t>(block->bytes, 256)));
     for (size_t i = 0; i < bytes.size(); i += 16) {
         const size_t length = std::min<size_t>(16, bytes.size() - i);
         report.Add(fmt::format("{:#x} {:02x}\n", block->address + i,

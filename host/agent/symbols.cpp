@@ -89,8 +89,8 @@ private:
     bool Find(const Section &table, uint64_t address, Symbol &found) const {
         std::array<Symbol, 128> some;
         for (uint64_t at = 0; at < table.sh_size;) {
-            const ssize_t got = pread(file_.Fd(), some.data(), std::min<uint64_t>(sizeof some, table.sh_size - at),
-                                      static_cast<off_t>(table.sh_offset + at));
+            const auto wanted = static_cast<size_t>(std::min<uint64_t>(sizeof some, table.sh_size - at));
+            const ssize_t got = pread(file_.Fd(), some.data(), wanted, static_cast<off_t>(table.sh_offset + at));
             const auto end = some.begin() + std::max<ssize_t>(got, 0) / static_cast<ssize_t>(sizeof found);
             const auto one =
                 std::find_if(some.begin(), end, [&](const Symbol &symbol) { return Contains(symbol, address); });

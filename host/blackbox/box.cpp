@@ -179,7 +179,7 @@ void Box::Write(const void *data, size_t size, size_t at) const {
 Entry::Entry(const Box &box) : box_(box), draft_(box.IsOpen() ? box.TakeDraft() : nullptr) {
     if (draft_ != nullptr) {
         sequence_ = box_.TakeSequence();
-        slotAt_ = sizeof(FileHeader) + (sequence_ - 1) % kSlotNum * sizeof(FaultSlot);
+        slotAt_ = sizeof(FileHeader) + static_cast<size_t>((sequence_ - 1) % kSlotNum) * sizeof(FaultSlot);
         box_.Write(&sequence_, sizeof sequence_, slotAt_ + offsetof(FaultSlot, sequence));
     }
 }

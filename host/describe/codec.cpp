@@ -75,7 +75,7 @@ uint8_t *WriteData(const Slot &slot, const Content &content, uint8_t *at) {
     Store(at, static_cast<uint32_t>(content.count));
     at += 4;
     if (!IsTable(slot)) {
-        const size_t size = content.count * slot.width + (slot.kind == Kind::kString ? 1 : 0);
+        const size_t size = static_cast<size_t>(content.count) * slot.width + (slot.kind == Kind::kString ? 1 : 0);
         memcpy(at, content.first, size);
         return at + size;
     }
@@ -222,7 +222,7 @@ void *AllocateOwned(uint64_t size) {
     if (block == nullptr) {
         throw std::bad_alloc();
     }
-    return memset(block, 0, size);
+    return memset(block, 0, static_cast<size_t>(size));
 }
 
 } // namespace host::describe

@@ -99,7 +99,7 @@ private:
                           "the field's offset from its table");
         }
         if (slot.kind == Kind::kScalar) {
-            AddNote(at, width, [&] { return fmt::format("= {}", LoadScalar(&message_[at], width)); });
+            AddNote(at, width, [&] { return fmt::format("= {}", LoadScalar(At(at), width)); });
             return true;
         }
         if (slot.kind == Kind::kTable) {
@@ -203,7 +203,7 @@ private:
     }
 
     void NoteElements(const Slot &slot, uint64_t at, uint32_t count) {
-        const auto bytes = message_.subspan(at, uint64_t{count} * slot.width);
+        const auto bytes = message_.subspan(static_cast<size_t>(at), size_t{count} * slot.width);
         AddNote(at, bytes.size(), [&] { return "= " + ElementsText(slot, bytes); });
         if (slot.kind == Kind::kString && at + count < message_.size()) {
             AddNote(at + count, 1, [] { return "end of the string, which no reader checks"; });
@@ -233,8 +233,10 @@ private:
         return all.size() > kMostText ? text + "..." : text;
     }
 
-    uint32_t Word(uint64_t at) const { return velto::Load<uint32_t>(&message_[at]); }
-    uint16_t HalfWord(uint64_t at) const { return velto::Load<uint16_t>(&message_[at]); }
+    // Of a place that is in the message.
+    const uint8_t *At(uint64_t at) const { return &message_[static_cast<size_t>(at)]; }
+    uint32_t Word(uint64_t at) const { return velto::Load<uint32_t>(At(at)); }
+    uint16_t HalfWord(uint64_t at) const { return velto::Load<uint16_t>(At(at)); }
 
     // Whose name the log shows.
     struct Function {
@@ -296,23 +298,24 @@ Explanation Explain(const Type &type, std::span<const uint8_t> message, bool not
 }
 
 std::string DumpText(const Explanation &explanation, std::span<const uint8_t> message) {
-    constexpr size_t kBytesShown = 8;
+    constexpr uint64_t kBytesShown = 8;
     std::string text;
-    const auto line = [&](size_t at, size_t size, const std::string &path, const std::string &meaning) {
+    const auto line = [&](uint64_t at, uint64_t size, const std::string &path, const std::string &meaning) {
         std::string hex;
-        for (size_t i = 0; i < std::min(size, kBytesShown); ++i) {
-            hex += fmt::format("{:02x} ", message[at + i]);
+        for (const uint8_t byte :
+             message.subspan(static_cast<size_t>(at), static_cast<size_t>(std::min(size, kBytesShown)))) {
+            hex += fmt::format("{:02x} ", byte);
         }
         hex += size > kBytesShown ? "..." : "";
         text += fmt::format("{:>8} {:>6}  {:<28}{}{}{}\n", at, size, hex, path, path.empty() ? "" : " ", meaning);
     };
-    size_t end = 0;
+    uint64_t end = 0;
     for (const Note &note : explanation.notes) {
         if (note.at > end) {
             line(end, note.at - end, "", "nothing refers to these");
         }
         line(note.at, note.size, note.path, note.text);
-        end = std::max(end, size_t{note.at} + note.size);
+        end = std::max(end, note.at + note.size);
     }
     if (explanation.notesCut) {
         text += "the rest is left out: too many fields\n";

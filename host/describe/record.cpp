@@ -55,7 +55,7 @@ std::vector<uint8_t> Encode(const Record &record, Form form) {
     if (size > UINT32_MAX) {
         throw std::invalid_argument(std::string(type.name) + ": the message would take more than 4294967295 bytes");
     }
-    message.resize(size);
+    message.resize(static_cast<size_t>(size));
     WriteRegular(type, record.Data(), message.data());
     return message;
 }

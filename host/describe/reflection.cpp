@@ -326,7 +326,7 @@ const meaning::Record &Interface::Reader::RecordOf(const Json &number, std::stri
     if (!number.is_number_unsigned() || number.get<uint64_t>() >= to_.records.size()) {
         Refuse(key, number, fmt::format("the number of one of the {} records in front of it", to_.records.size()));
     }
-    return to_.records[number.get<uint64_t>()];
+    return to_.records[number.get<size_t>()];
 }
 
 Slot Interface::Reader::ReadSlot(const Json &from) {

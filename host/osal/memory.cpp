@@ -147,7 +147,9 @@ void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t, const char *pcTag) {
     }
     host::Account *const account = host::AccountOf(host::NameOf(pcTag));
     const uint64_t size = uint64_t{uiSize} + sizeof(host::Header);
-    auto *const header = account == nullptr || size > SIZE_MAX ? nullptr : static_cast<host::Header *>(malloc(size));
+    auto *const header = account == nullptr || size > SIZE_MAX
+                             ? nullptr
+                             : static_cast<host::Header *>(malloc(static_cast<size_t>(size)));
     if (header == nullptr) {
         return nullptr;
     }

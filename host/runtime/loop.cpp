@@ -190,7 +190,9 @@ void Loop::RunDue() {
 void Loop::SetTimer() {
     const auto left = timers_.begin()->first.first - Now();
     const auto ns = std::max<int64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(left).count(), 1);
-    const itimerspec when = {{0, 0}, {ns / 1'000'000'000, ns % 1'000'000'000}};
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    when.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
     timerfd_settime(timerDue_.Fd(), 0, &when, nullptr);
 }
 

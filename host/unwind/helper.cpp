@@ -116,7 +116,7 @@ Snapshot Decode(const std::vector<uint8_t> &bytes) {
         Fail(EPROTO, "a snapshot");
     }
     snapshot.registers.resize(snapshot.head.registerNum);
-    memcpy(snapshot.registers.data(), bytes.data() + headBytes, registerBytes);
+    memcpy(snapshot.registers.data(), bytes.data() + headBytes, static_cast<size_t>(registerBytes));
     snapshot.stack.assign(bytes.end() - snapshot.head.stackBytes, bytes.end());
     return snapshot;
 }

@@ -76,8 +76,8 @@ Descriptor CopyOfMemory(const Target &target, const Module &module) {
         }
         const uint64_t length = std::min(mapping.high - mapping.low, kMostMemoryBytes - mapping.fileOffset);
         for (uint64_t done = 0; done < length;) {
-            const size_t got =
-                target.Read(mapping.low + done, chunk.data(), std::min<uint64_t>(length - done, chunk.size()));
+            const auto wanted = static_cast<size_t>(std::min<uint64_t>(length - done, chunk.size()));
+            const size_t got = target.Read(mapping.low + done, chunk.data(), wanted);
             if (got == 0 || !Write(copy, chunk.data(), got, mapping.fileOffset + done)) {
                 break;
             }

@@ -227,13 +227,13 @@ TEST_F(MemoryTest, KnowsTheBlockAtAnAddress) {
     char *const block = Allocate(50, {0x77});
     clocks_.Advance(90s);
     char *const next = Allocate(0);
-    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uint64_t>(block - 1)), std::nullopt);
-    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uint64_t>(block + 50)), std::nullopt);
-    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uint64_t>(next))->bytes, 0) << "an empty one too";
-    const std::optional<BlockInfo> info = memory_.BlockAt(reinterpret_cast<uint64_t>(block + 49));
+    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uintptr_t>(block - 1)), std::nullopt);
+    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uintptr_t>(block + 50)), std::nullopt);
+    EXPECT_EQ(memory_.BlockAt(reinterpret_cast<uintptr_t>(next))->bytes, 0) << "an empty one too";
+    const std::optional<BlockInfo> info = memory_.BlockAt(reinterpret_cast<uintptr_t>(block + 49));
     ASSERT_TRUE(info);
     EXPECT_EQ(info->number, 1);
-    EXPECT_EQ(info->address, reinterpret_cast<uint64_t>(block));
+    EXPECT_EQ(info->address, reinterpret_cast<uintptr_t>(block));
     EXPECT_EQ(info->bytes, 50);
     EXPECT_EQ(info->handleId, handle_);
     EXPECT_EQ(info->handleName, "first");
@@ -310,7 +310,7 @@ TEST_F(MemoryTest, ShowsABlocksFirstBytes) {
     char *const block = Allocate(300);
     memset(block, 0xAB, 300);
     const Report look =
-        agent::Diagnose(memory_, memory_command::kLook, std::to_string(reinterpret_cast<uint64_t>(block + 299)));
+        agent::Diagnose(memory_, memory_command::kLook, std::to_string(reinterpret_cast<uintptr_t>(block + 299)));
     EXPECT_EQ(look.lineNum, 1 + 16) << "256 bytes, 16 in a line";
     const auto hex = [](const char *at) {
         char text[24];

@@ -278,7 +278,7 @@ TEST_F(AppTimersTest, TellWhatTheyAre) {
     EXPECT_EQ(info.uiTid, static_cast<uint32_t>(gettid()));
     EXPECT_EQ(info.ucPeriodic, 1);
     EXPECT_EQ(info.uiPeriodMs, 10);
-    EXPECT_EQ(info.ullCallbackAddr, reinterpret_cast<uint64_t>(&Call));
+    EXPECT_EQ(info.ullCallbackAddr, reinterpret_cast<uintptr_t>(&Call));
     EXPECT_EQ(Info(other).ucPeriodic, 0);
     EXPECT_EQ(timers_.Get(0).size(), 2);
     EXPECT_TRUE(timers_.Get(4711).empty());

@@ -153,7 +153,7 @@ TEST_F(TimerTest, Expires) {
     const Tarn_sys_diag_TimerInfo shot = Info(once);
     EXPECT_STREQ(shot.szTimerName, "shot");
     EXPECT_EQ(shot.ullExpireNum, 1);
-    EXPECT_EQ(shot.ullCallbackAddr, reinterpret_cast<uint64_t>(&Count));
+    EXPECT_EQ(shot.ullCallbackAddr, reinterpret_cast<uintptr_t>(&Count));
     Tarn_sys_diag_CallStackInput addresses{0, {shot.ullCallbackAddr}};
     EXPECT_NE(
         std::string(Ask<Tarn_sys_diag_CallStackOutput>("GetCallStackFunction", addresses)->astFuncName[0].szFuncName)

@@ -30,7 +30,7 @@ TEST_F(LiveCpuTest, TellsWhichThreadRuns) {
     EXPECT_TRUE(kit::Eventually([&] {
         const auto cpus =
             Call<Tarn_sys_diag_MultiCpuUsageRet>("MultiCpuUsageQuery", Tarn_sys_diag_MultiCpuUsageInput{});
-        return cpus.Status() == 0 && cpus->uiCpuNum == 1 + sysconf(_SC_NPROCESSORS_ONLN) &&
+        return cpus.Status() == 0 && cpus->uiCpuNum == static_cast<uint32_t>(1 + sysconf(_SC_NPROCESSORS_ONLN)) &&
                cpus->pstCpu[0].uiValue5 > 0;
     })) << "the subject runs";
 }

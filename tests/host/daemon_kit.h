@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <map>
 
 #include "tests/host/kit.h"
@@ -45,8 +46,9 @@ protected:
             EXPECT_EQ(daemon_->Stop(), 0) << daemon_->Err();
             const std::string out = daemon_->Out();
             uint64_t blocks = 1, bytes = 1;
-            ASSERT_EQ(
-                sscanf(out.c_str() + std::min(out.find("\ntotal "), out.size()), "\ntotal %lu %lu", &blocks, &bytes), 2)
+            ASSERT_EQ(sscanf(out.c_str() + std::min(out.find("\ntotal "), out.size()), "\ntotal %" SCNu64 " %" SCNu64,
+                             &blocks, &bytes),
+                      2)
                 << out;
             EXPECT_EQ(blocks, 0) << out;
             EXPECT_EQ(bytes, 0) << out;

@@ -163,7 +163,7 @@ TEST(Refusal, NamesTheFieldOfAnElement) {
         return note.path == "pstThread[1].acName" && note.text == "count: 32";
     });
     ASSERT_NE(count, notes.end());
-    message[count->at] = 31;
+    message.at(static_cast<size_t>(count->at)) = 31;
     const auto refusal = Explain(record.GetType(), message).refusal;
     ASSERT_TRUE(refusal);
     EXPECT_EQ(refusal->check, Check::kFixedCount);
@@ -177,7 +177,7 @@ TEST(Notes, CoverEveryByteThatIsWritten) {
         std::vector<bool> covered(golden.wire.size());
         for (const Note &note : Explain(*golden.type, golden.wire).notes) {
             for (uint64_t i = note.at; i < note.at + note.size; ++i) {
-                covered.at(i) = true;
+                covered.at(static_cast<size_t>(i)) = true;
             }
         }
         std::vector<bool> written(golden.wire.size(), golden.json["form"] == "regular");

@@ -11,6 +11,7 @@ TARN_UNIT()
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cinttypes>
 #include <map>
 
 #include "tests/host/daemon_kit.h"
@@ -334,11 +335,12 @@ TEST_F(DumpTest, ShowsBytes) {
     const auto answer = Dump(self_, reinterpret_cast<uintptr_t>(text), 20);
     ASSERT_EQ(answer.Status(), 0) << answer.Text();
     EXPECT_EQ(answer->uiValue1, 20);
+    const uint64_t at = reinterpret_cast<uintptr_t>(text);
     char expected[256];
     snprintf(expected, sizeof expected,
-             "%lx  42 79 74 65 73 20 74 6f 20 62 65 20 66 6f 75 6e  Bytes to be foun\n"
-             "%lx  64 0a 01 ff                                      d...\n",
-             reinterpret_cast<unsigned long>(text), reinterpret_cast<unsigned long>(text) + 16);
+             "%" PRIx64 "  42 79 74 65 73 20 74 6f 20 62 65 20 66 6f 75 6e  Bytes to be foun\n"
+             "%" PRIx64 "  64 0a 01 ff                                      d...\n",
+             at, at + 16);
     EXPECT_EQ(std::string(answer->szValue), expected);
 }
 
@@ -351,8 +353,9 @@ TEST_F(DumpTest, NamesWhatCannotBeRead) {
     EXPECT_EQ(part->uiValue1, 8);
     char expected[256];
     snprintf(expected, sizeof expected,
-             "%lx  5a 5a 5a 5a 5a 5a 5a 5a                          ZZZZZZZZ\n%lx-%lx can't be read\n", at + page - 8,
-             at + page, at + page + 24);
+             "%" PRIx64 "  5a 5a 5a 5a 5a 5a 5a 5a                          ZZZZZZZZ\n%" PRIx64 "-%" PRIx64
+             " can't be read\n",
+             at + page - 8, at + page, at + page + 24);
     EXPECT_EQ(std::string(part->szValue), expected);
     EXPECT_EQ(Dump(subject.Pid(), at + page, 16).Status(), EFAULT);
     EXPECT_EQ(Dump(subject.Pid(), at, 65536).Status(), 0);

@@ -137,7 +137,7 @@ public:
     }
 
 private:
-    uint64_t Below(uint64_t end) { return random_() % end; }
+    size_t Below(size_t end) { return static_cast<size_t>(random_() % end); }
 
     Json Value(const Slot &slot, const Member &member, const meaning::Record *inside) {
         switch (slot.kind) {
@@ -183,9 +183,9 @@ private:
             }
             return "20240229235958";
         }
-        const uint64_t room = slot.kind == Kind::kBytes ? slot.length : 40;
+        const size_t room = slot.kind == Kind::kBytes ? slot.length : 40;
         std::string bytes;
-        for (uint64_t length = Below(room + 1); bytes.size() < length;) {
+        for (size_t length = Below(room + 1); bytes.size() < length;) {
             constexpr std::string_view kSome = "ab\\x41\n \xC3\xBC\xFF\x01";
             bytes += Below(4) == 0 ? static_cast<char>(1 + Below(255)) : kSome[Below(kSome.size())];
         }
@@ -203,7 +203,7 @@ private:
             return Json::object(); // none
         }
         const Moment when = MomentOf(
-            std::chrono::system_clock::time_point(std::chrono::milliseconds(Below(200ULL * 365 * 86400 * 1000))),
+            std::chrono::system_clock::time_point(std::chrono::milliseconds(random_() % (200ULL * 365 * 86400 * 1000))),
             Zone::kGmt);
         return {{"usYear", when.year},       {"ucMonth", when.month},
                 {"ucDay", when.day},         {"ucHour", when.hour},

@@ -9,6 +9,7 @@ TARN_UNIT()
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cinttypes>
 #include <deque>
 #include <thread>
 
@@ -280,7 +281,7 @@ TEST_F(LargeRequests, ThatAreNeverWhole) {
     const uint64_t most = Memory("VmHWM");
     EXPECT_LT(most, before + 100 * 1024);
     EXPECT_TRUE(kit::Eventually([&] { return Memory("VmRSS") < before + 24 * 1024; })) << Memory("VmRSS");
-    printf("resident: %lu KiB, at most %lu, then %lu\n", before, most, Memory("VmRSS"));
+    printf("resident: %" PRIu64 " KiB, at most %" PRIu64 ", then %" PRIu64 "\n", before, most, Memory("VmRSS"));
 }
 
 // What a user's calls write is bounded, whatever they are.

@@ -11,6 +11,7 @@ TARN_UNIT()
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cinttypes>
 #include <random>
 #include <set>
 #include <thread>
@@ -195,7 +196,7 @@ TEST_F(LyingAgent, MakesNoneButItsOwnCallsFail) {
         caller.join();
     }
     EXPECT_EQ(root.Failed(), 0);
-    printf("%lu lies; PidIsOnline meanwhile: median %.2f ms, longest %.1f ms\n", lies_->load(),
+    printf("%" PRIu64 " lies; PidIsOnline meanwhile: median %.2f ms, longest %.1f ms\n", lies_->load(),
            root.Percentile(0.5).count(), root.Longest().count());
     EXPECT_TRUE(Answers());
 }

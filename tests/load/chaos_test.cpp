@@ -12,6 +12,7 @@ TARN_UNIT()
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cinttypes>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -107,10 +108,10 @@ protected:
             caller.join();
         }
         callers_.clear();
-        printf("%lu calls, %lu of them answered, the slowest after %.2f s; by status:", findings_.calls,
+        printf("%" PRIu64 " calls, %" PRIu64 " of them answered, the slowest after %.2f s; by status:", findings_.calls,
                findings_.answered, std::chrono::duration<double>(findings_.slowest).count());
         for (const auto &[status, count] : findings_.byStatus) {
-            printf(" %u: %lu", status, count);
+            printf(" %u: %" PRIu64, status, count);
         }
         printf("\n");
         EXPECT_GT(findings_.answered, 0u);

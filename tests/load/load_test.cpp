@@ -5,6 +5,7 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/tarnd.h"
 
+#include <cinttypes>
 #include <future>
 #include <mutex>
 
@@ -49,11 +50,11 @@ public:
     }
 
     void Print(Clock::duration time) const {
-        printf("%lu calls of %zu methods, %.0f a second, the slowest %.2f s; by status:", calls_, byMethod_.size(),
-               static_cast<double>(calls_) / std::chrono::duration<double>(time).count(),
+        printf("%" PRIu64 " calls of %zu methods, %.0f a second, the slowest %.2f s; by status:", calls_,
+               byMethod_.size(), static_cast<double>(calls_) / std::chrono::duration<double>(time).count(),
                std::chrono::duration<double>(slowest_).count());
         for (const auto &[status, count] : byStatus_) {
-            printf(" %u: %lu", status, count);
+            printf(" %u: %" PRIu64, status, count);
         }
         printf("\n");
     }
@@ -115,7 +116,8 @@ TEST_F(Load, ManyClientsCallAllMethods) {
     }
     const uint64_t end = ResidentKib(daemon_->Pid()), endAgent = ResidentKib(agent_->Pid());
     tally_.Print(Clock::now() - start);
-    printf("resident: daemon %lu, then %lu KiB; agent %lu, then %lu KiB\n", warm, end, warmAgent, endAgent);
+    printf("resident: daemon %" PRIu64 ", then %" PRIu64 " KiB; agent %" PRIu64 ", then %" PRIu64 " KiB\n", warm, end,
+           warmAgent, endAgent);
     for (const std::string &failure : tally_.Failures()) {
         ADD_FAILURE() << failure;
     }

@@ -108,7 +108,7 @@ uint32_t Mix::ProcessFor(const Method &method) const {
 Json Mix::AnyValue(const Method &method, const Slot &slot) {
     static const std::vector<std::string> texts{"",  "*",       "mix",        "mix.log", "../mix",
                                                 "/", "counter", "\xC3\xA4 b", "CET"};
-    const auto text = [&](size_t most) { return texts[random_() % texts.size()].substr(0, most); };
+    const auto text = [&](size_t most) { return texts[static_cast<size_t>(random_() % texts.size())].substr(0, most); };
     switch (slot.kind) {
     case Kind::kScalar:
         if (HoldsProcess(method, slot.name)) {
@@ -175,9 +175,10 @@ host::CallRequest Mix::Call::WithDeadline(std::chrono::milliseconds deadline) co
 
 Mix::Call Mix::Next() {
     const auto &methods = Methods();
-    const Method *method = &methods[random_() % methods.size()];
+    const auto any = [&] { return &methods[static_cast<size_t>(random_() % methods.size())]; };
+    const Method *method = any();
     while (IsHeavy(*method) && random_() % 32 != 0) {
-        method = &methods[random_() % methods.size()];
+        method = any();
     }
     const bool valid = random_() % 2 == 0;
     const Json json = valid ? ValidRequest(*method) : AnyRecord(*method, *method->request);

@@ -173,7 +173,7 @@ private:
     uint64_t SomeCall() {
         const uint64_t dice = random_();
         const std::lock_guard lock(mutex_);
-        return numbers_.empty() ? 0 : numbers_[dice % numbers_.size()];
+        return numbers_.empty() ? 0 : numbers_[static_cast<size_t>(dice % numbers_.size())];
     }
 
     void CallMany(uint64_t seed, int count) {

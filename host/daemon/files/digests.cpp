@@ -55,7 +55,7 @@ std::string Digests::Read(const host::Descriptor &file, uint64_t size, const hos
     std::vector<char> block(kBlock);
     for (uint64_t at = 0; at != size;) {
         check();
-        const size_t wanted = std::min<uint64_t>(block.size(), size - at);
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(block.size(), size - at));
         const ssize_t length = pread(file.Fd(), block.data(), wanted, static_cast<off_t>(at));
         if (length < 0 && errno == EINTR) {
             continue;
@@ -66,7 +66,7 @@ std::string Digests::Read(const host::Descriptor &file, uint64_t size, const hos
         if (length == 0) {
             break; // it was cut off
         }
-        const auto bytes = static_cast<uint64_t>(length);
+        const auto bytes = static_cast<size_t>(length);
         sha.Add({block.data(), bytes});
         at += bytes;
         bytesRead_ += bytes;

@@ -34,7 +34,7 @@ public:
     MemoryDump Run() {
         proc_.ReadProcess(pid_); // the call below would take a thread's id too
         const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-        std::vector<uint8_t> page(pageSize);
+        std::vector<uint8_t> page(static_cast<size_t>(pageSize));
         while (at_ != end_) {
             const size_t length = static_cast<size_t>(std::min(pageSize - at_ % pageSize, end_ - at_));
             if (ReadPage(proc_, pid_, at_, page.data(), length)) {

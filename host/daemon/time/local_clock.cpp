@@ -41,7 +41,9 @@ void LinkZone(const std::filesystem::path &link, const std::string &zone) {
 void SetSystemClock(GmtTime to) {
     const auto sinceEpoch = to.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
-    const timespec time{seconds.count(), std::chrono::nanoseconds(sinceEpoch - seconds).count()};
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(seconds.count());
+    time.tv_nsec = static_cast<long>(std::chrono::nanoseconds(sinceEpoch - seconds).count());
     if (clock_settime(CLOCK_REALTIME, &time) != 0) {
         host::Fail(errno, "the system's clock");
     }
