@@ -10,6 +10,7 @@
 namespace {
 using Names = std::set<std::string>;
 using testing::IsEmpty;
+using testing::Not;
 
 const ElfFile &Library() {
     static const ElfFile library(TEST_LIBRARY);
@@ -42,6 +43,24 @@ constexpr bool kSanitized = false;
         GTEST_SKIP() << "the sanitizers bring names and libraries of their own";                                       \
     }
 } // namespace
+
+TEST(ClientBinary, ExportsTheProxiesAlone) {
+    const Names defined = ElfFile(TEST_CLIENT).Names(true), listed = ReadNames(TEST_CLIENT_EXPORTS);
+    EXPECT_THAT(defined, Not(IsEmpty()));
+    EXPECT_THAT(Without(defined, listed), IsEmpty()) << "exported, but not listed";
+    EXPECT_THAT(Without(listed, defined), IsEmpty()) << "listed, but not exported";
+    EXPECT_THAT(Without(defined, Library().Names(true)), IsEmpty()) << "not the library's";
+}
+
+TEST(ClientBinary, AsksForARuntimeAndForNoHandler) {
+    SKIP_SANITIZED();
+    const ElfFile client(TEST_CLIENT);
+    EXPECT_THAT(Without(client.Names(false), kCLibrary),
+                testing::UnorderedElementsAre("RPC_GetRpcInvoke", "RPC_IdlMsgAsyncCall", "RPC_IdlMsgCreate",
+                                              "RPC_IdlMsgDestroy", "RPC_IdlMsgOnewayCall", "RPC_IdlMsgSyncCall",
+                                              "g_uiMoraModuleId", "memcpy_s", "memcpy_sOptAsm", "memset_s"));
+    EXPECT_EQ(client.Needed(), std::vector<std::string>{"libc.so.6"});
+}
 
 TEST(Binary, ExportsTheNamesOfTheVersionScriptAndNoOther) {
     const Names defined = Library().Names(true), listed = ReadNames(TEST_EXPORTS);
