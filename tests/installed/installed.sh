@@ -37,16 +37,25 @@ for header in tarn_sysdiag/server/tarnd.h tarn_sysdiag/client/agent.h tarn_sysdi
     echo "#include <$header>" | cc -xc -std=c99 -fsyntax-only $(pkg-config --cflags tarn_sysdiag) -
 done
 
-# The guide's program is built by the guide's own line, and answers. One without a sanitizer can't load what has one.
+# The guides' programs are built by the guides' own lines, and answer. One without a sanitizer can't load what has one.
 [[ ${2:-} != sanitized ]] || exit 0
-guide=$(dirname "$0")/../../docs/agent-author.md
-sed -n '/^```c$/,/^```$/{/^```/d;p}' "$guide" >"$scratch/greeter.c"
-line=$(grep '^    cc -o greeter' "$guide")
-(cd "$scratch" && eval "$line")
 export LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
+guides=$(realpath "$(dirname "$0")/../../docs")
+
+# build_of GUIDE FILE...: these files are the guide's pieces of C, one after the other; its line for cc makes the program.
+build_of() {
+    awk -v scratch="$scratch" -v files="${*:2}" '
+        BEGIN { split(files, names) }
+        /^```c$/ { file = scratch "/" names[++piece]; next }
+        /^```$/ { file = "" }
+        file { print > file }' "$1"
+    (cd "$scratch" && eval "$(grep '^    cc ' "$1")")
+}
+
+build_of "$guides/agent-author.md" greeter.c
 "$scratch/greeter" &
 greeter=$!
-trap '[[ -z $daemon ]] || kill "$daemon"; kill "$greeter"; rm -rf "$scratch"' EXIT
+trap 'kill $daemon "$greeter" || :; rm -rf "$scratch"' EXIT
 served=
 for _ in {1..600}; do
     "$prefix/bin/tarnctl" call DBGCmdExecShowByTarnd process=$greeter command=served >/dev/null 2>&1 || { sleep 0.05; continue; }
@@ -55,3 +64,19 @@ for _ in {1..600}; do
     sleep 0.05
 done
 [[ $served == *"served "* ]] || { echo "found '$served', expected the greeter's count"; exit 1; }
+
+build_of "$guides/daemon-author.md" served.c rest.c
+! "$scratch/served" 2>"$scratch/served.log" || { echo "found a second daemon in the same place"; exit 1; }
+grep -q 'TarnSysdiagTarnd.sock: in use by a live server' "$scratch/served.log" || { cat "$scratch/served.log"; exit 1; }
+kill "$daemon" && wait "$daemon"
+"$scratch/served" &
+daemon=$!
+for _ in {1..600}; do
+    online=$("$prefix/bin/tarnctl" call PidIsOnline process=$$ 2>/dev/null) && break
+    sleep 0.05
+done
+[[ $online == *online*on* ]] || { echo "found '$online', expected this process to be online"; exit 1; }
+refused=$("$prefix/bin/tarnctl" call PidIsOnline process=4194305 2>&1) && { echo "found '$refused', expected a failure"; exit 1; }
+[[ $refused == *"numbers up to 4194304"* ]] || { echo "found '$refused', expected the method's own words"; exit 1; }
+kill "$daemon" && wait "$daemon"
+daemon=
