@@ -9,12 +9,21 @@
 
 #include <tarn_sysdiag/client/agent.h>
 #include <tarn_sysdiag/client/master.h>
+#include <tarn_sysdiag/platform/osal.h>
 #include <tarn_sysdiag/platform/securec.h>
 
 uint32_t g_uiMoraModuleId = 1;
 
 static int g_iInvoker;
 static int g_iSent;
+static int g_iLogged;
+
+/* Of the OS layer: found by the library where the program exports it. */
+void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode, const char *pcFile,
+                      uint32_t uiLine, const char *pcFunction, const char *pcFormat, ...) {
+    (void)pstModule, (void)uiLevel, (void)uiErrCode, (void)pcFile, (void)uiLine, (void)pcFunction, (void)pcFormat;
+    ++g_iLogged;
+}
 
 int memcpy_s(void *pDest, size_t uiDestSize, const void *pSource, size_t uiCount) {
     if (uiCount > uiDestSize) {
@@ -74,13 +83,23 @@ uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx) {
     return 0;
 }
 
+/* Has the library refuse a message, which it logs. */
+static int RefusesGarbage(void) {
+    static const uint8_t aucGarbage[] = {200, 0, 0, 0};
+    Tarn_sys_diag_DiagResult stResult;
+    IdlCodecTable stCodec;
+    TarnSysdiagAgent_DBGCmdExecResultGetSetIdl(&stCodec);
+    return stCodec.pfnUnpack(aucGarbage, sizeof aucGarbage, &stResult) == NULL;
+}
+
 int main(void) {
     static char acGreeting[] = CONSUMER_GREETING;
     const Tarn_sys_diag_DbgCmdShowInput stIn = {acGreeting};
     Tarn_sys_diag_DimTimeCfg stCfg;
     const uint32_t uiError = TarnSysdiagAgent_DBGCmdExecShow_oneway(&stIn, NULL);
     const IdlCallResult stUnknown = TarnSysdiagMaster_SysdiagGetDimCfgInfo(NULL, &stCfg, NULL);
-    printf("error %u, greetings sent %d, of an unknown service error %u\n", (unsigned)uiError, g_iSent,
-           (unsigned)stUnknown.uiErrCode);
-    return uiError != 0 || g_iSent != 1 || stUnknown.uiErrCode != 22;
+    const int iRefuses = RefusesGarbage();
+    printf("error %u, greetings sent %d, of an unknown service error %u, logged %d\n", (unsigned)uiError, g_iSent,
+           (unsigned)stUnknown.uiErrCode, g_iLogged);
+    return uiError != 0 || g_iSent != 1 || stUnknown.uiErrCode != 22 || !iRefuses;
 }

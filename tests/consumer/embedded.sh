@@ -19,7 +19,7 @@ quietly "$scratch/build/caller"
 quietly "$scratch/build/skeleton"
 cmake --install "$scratch/build" --prefix "$scratch/nothing" >/dev/null
 [[ ! -e $scratch/nothing ]] || { echo "installed, without being asked:"; find "$scratch/nothing"; exit 1; }
-(cd "$scratch/build" && ctest -N) | grep -q '^Total Tests: 0$'
+[[ $(ctest --test-dir "$scratch/build" -N) == *"Total Tests: 0"* ]]
 
 quietly cmake -DTARN_INSTALL=ON "$scratch/build"
 quietly cmake --install "$scratch/build" --prefix "$scratch/prefix"
@@ -27,4 +27,4 @@ quietly cmake -S "$here" -B "$scratch/found" -DCMAKE_PREFIX_PATH="$scratch/prefi
 quietly cmake --build "$scratch/found"
 quietly "$scratch/found/caller"
 quietly "$scratch/found/skeleton"
-! readelf -d "$scratch/found/skeleton" | grep tarn_sysdiag
+[[ $(readelf -d "$scratch/found/skeleton") != *tarn_sysdiag* ]]

@@ -17,16 +17,26 @@ quietly() {
     "$@" >"$scratch/log" 2>&1 || { printf 'failed: %s\n' "$*"; cat "$scratch/log"; exit 1; }
 }
 
-# by_pkgconfig DIRECTORY: C programs from one command each.
+# by_pkgconfig DIRECTORY: C programs from one command each; a daemon that hides what it doesn't say is for others.
 by_pkgconfig() {
     mkdir "$1"
     local flags
     flags=$(pkg-config --cflags --libs tarn_sysdiag_client)
     quietly "$cc" -Wall -I "$here" "$here/caller.c" -o "$1/caller" $flags
     flags=$(pkg-config --cflags --libs tarn_sysdiag)
-    quietly "$cc" -Wall "$skeleton" -o "$1/skeleton" $flags
+    quietly "$cc" -Wall -fvisibility=hidden "$skeleton" -o "$1/skeleton" $flags
     LD_LIBRARY_PATH=$libraries quietly "${runner[@]}" "$1/caller"
     LD_LIBRARY_PATH=$libraries quietly "${runner[@]}" "$1/skeleton"
+}
+
+# os_layer DIRECTORY NUM OPTION...: of a program's OS layer the library finds as much as nm does, which is NUM functions.
+os_layer() {
+    mkdir "$1"
+    local found said
+    quietly "$cc" "${@:3}" -I "$here" "$here/caller.c" -o "$1/caller" $(pkg-config --cflags --libs tarn_sysdiag_client)
+    found=$(nm -D --defined-only "$1/caller" | grep -c XRT_Osal || true)
+    said=$(LD_LIBRARY_PATH=$libraries "${runner[@]}" "$1/caller")
+    [[ $found == "$2" && $said == *"logged $2" ]] || { echo "nm finds $found, expected $2, and: $said"; exit 1; }
 }
 
 # by_cmake DIRECTORY PREFIX
@@ -62,6 +72,8 @@ consume() {
 
 quietly cmake --install "$build" --prefix "$scratch/prefix"
 consume prefix "$scratch/prefix"
+os_layer "$scratch/unseen-os-layer" 0
+os_layer "$scratch/seen-os-layer" 1 -rdynamic
 DESTDIR=$scratch/destdir quietly cmake --install "$build" --prefix /opt/tarn
 consume destdir "$scratch/destdir/opt/tarn"
 

@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "tarn_sysdiag/platform/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -18,14 +20,14 @@ typedef struct TarnHost_InvokeCtx {
  * Why the last call of a proxy or of TarnHost_Serve (serve.h) failed that failed on this thread, in words; of an
  * asynchronous call, on the thread of its callback and during it. Never null; valid until the next call on this thread.
  */
-const char *TarnHost_LastError(void);
+TARN_EXPORT const char *TarnHost_LastError(void);
 
 /*
  * Why the result in a reply is a failure, in words of the method's: of the last call that ended on this thread, or of
  * an asynchronous call during its callback. Empty when the reply brings no explanation, and after a call that failed,
  * of which TarnHost_LastError tells. Never null; valid until the next call on this thread.
  */
-const char *TarnHost_Explanation(void);
+TARN_EXPORT const char *TarnHost_Explanation(void);
 
 #ifdef __cplusplus
 }

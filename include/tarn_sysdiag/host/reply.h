@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "tarn_sysdiag/platform/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -15,13 +17,13 @@ extern "C" {
  * Else the record stays the caller's: 22 for a null argument, 114 (EALREADY) for a request that has been answered, by
  * an earlier reply, by a status that the implementation returned, by its deadline or by the server's end.
  */
-uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse);
+TARN_EXPORT uint32_t TarnHost_Reply(void *pReplyCtx, void *pResponse);
 
 /*
  * Answers with a status instead, as an implementation does that returns non-zero, for one that has already returned 0.
  * 0, or 22 for status 0, or 114.
  */
-uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
+TARN_EXPORT uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
 
 /*
  * Why a request fails, in words for the caller: the reason of the status that the implementation on this thread is
@@ -29,13 +31,13 @@ uint32_t TarnHost_ReplyStatus(void *pReplyCtx, uint32_t uiStatus);
  * counts. Of a long text the caller gets the first 1024 bytes, and '?' for each control character. Without an
  * implementation on this thread, nothing happens.
  */
-void TarnHost_Explain(const char *pcReason);
+TARN_EXPORT void TarnHost_Explain(const char *pcReason);
 
 /*
  * The same for a request that is answered later, or by another thread. 0; 22 for a null text, or where a null context
  * stands for no request; 114 (EALREADY) for a request that has been answered.
  */
-uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason);
+TARN_EXPORT uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason);
 
 /*
  * Whether work on the request is still wanted; what takes long asks now and then. 0 while it is, else why not: 110
@@ -43,11 +45,11 @@ uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason);
  * stopping, 114 (EALREADY) it has been answered. The caller of a one-way request may go. A null context is the request
  * whose implementation runs on this thread, for a method without reply; 0 when there is none.
  */
-uint32_t TarnHost_Cancelled(void *pReplyCtx);
+TARN_EXPORT uint32_t TarnHost_Cancelled(void *pReplyCtx);
 
 /* What is left of the request's deadline, in ms: 0 when it has passed or the request has been answered. Null as above;
  * the longest there is when no implementation runs on this thread. */
-uint32_t TarnHost_RemainingMs(void *pReplyCtx);
+TARN_EXPORT uint32_t TarnHost_RemainingMs(void *pReplyCtx);
 
 /* Who calls, as the kernel names it. */
 typedef struct TarnHost_Peer {
@@ -59,11 +61,11 @@ typedef struct TarnHost_Peer {
 
 /* 0; 22 for a null place, or where a null context, as above, stands for no request; 114 (EALREADY) for the context of a
  * request that has been answered. */
-uint32_t TarnHost_PeerOf(void *pReplyCtx, TarnHost_Peer *pstPeer);
+TARN_EXPORT uint32_t TarnHost_PeerOf(void *pReplyCtx, TarnHost_Peer *pstPeer);
 
 /* 1 while the process that connected has not ended: what was read of uiPid before was read of it, and of no other that
  * has got its number. 0 as well where there is no peer. */
-uint32_t TarnHost_PeerLives(void *pReplyCtx);
+TARN_EXPORT uint32_t TarnHost_PeerLives(void *pReplyCtx);
 
 #ifdef __cplusplus
 }

@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include "tarn_sysdiag/platform/export.h"
 #include "tarn_sysdiag/platform/rpc.h"
 
 #ifdef __cplusplus
@@ -25,15 +26,15 @@ typedef struct TarnHost_ServerOptions {
  * 22 for a null argument, a specification that is not well-formed or comes twice, or a mistake in the policy's file;
  * 98 (EADDRINUSE) when another process serves there; the system's error for a socket or directory that it refuses.
  */
-uint32_t TarnHost_Serve(const TarnHost_ServerOptions *pstOptions, const IdlModuleSpec *const *ppstSpecs,
-                        uint32_t uiSpecNum, TarnHost_Server **ppstServer);
+TARN_EXPORT uint32_t TarnHost_Serve(const TarnHost_ServerOptions *pstOptions, const IdlModuleSpec *const *ppstSpecs,
+                                    uint32_t uiSpecNum, TarnHost_Server **ppstServer);
 
 /*
  * Removes the sockets, refuses new requests, waits 5 s for handlers, and answers what is left with ECANCELED. The
  * server is released. 0, also for a null server; 110 (ETIMEDOUT) when a handler was still running: its thread is left
  * behind.
  */
-uint32_t TarnHost_StopServing(TarnHost_Server *pstServer);
+TARN_EXPORT uint32_t TarnHost_StopServing(TarnHost_Server *pstServer);
 
 #ifdef __cplusplus
 }

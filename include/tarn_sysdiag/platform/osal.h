@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include "tarn_sysdiag/platform/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,18 +18,18 @@ typedef struct XrtLogModule {
 } XrtLogModule;
 
 /* Writes a log record; the format and its arguments are printf's. */
-void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode, const char *pcFile,
-                      uint32_t uiLine, const char *pcFunction, const char *pcFormat, ...)
-    __attribute__((format(printf, 7, 8)));
+TARN_EXPORT void XRT_OsalLogWrite(const XrtLogModule *pstModule, uint32_t uiLevel, uint32_t uiErrCode,
+                                  const char *pcFile, uint32_t uiLine, const char *pcFunction, const char *pcFormat,
+                                  ...) __attribute__((format(printf, 7, 8)));
 
 /* 1 when a module's memory comes from XRT_OsalMemCacheAlloc and goes to XRT_OsalMemFree; else it is the C library's. */
-uint32_t XRT_OsalMemUseFlagGet(uint32_t uiModuleId);
+TARN_EXPORT uint32_t XRT_OsalMemUseFlagGet(uint32_t uiModuleId);
 
 /* A block of uiSize bytes, accounted to module and tag, or null. */
-void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t uiModuleId, const char *pcTag);
+TARN_EXPORT void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t uiModuleId, const char *pcTag);
 
 /* Gives back a block; null is accepted. */
-void XRT_OsalMemFree(void *pBlock, uint32_t uiModuleId, const char *pcTag);
+TARN_EXPORT void XRT_OsalMemFree(void *pBlock, uint32_t uiModuleId, const char *pcTag);
 
 #ifdef __cplusplus
 }

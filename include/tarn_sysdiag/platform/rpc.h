@@ -7,6 +7,8 @@
 
 #include <stdint.h>
 
+#include "tarn_sysdiag/platform/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -121,23 +123,23 @@ typedef struct IdlModuleSpec {
 } IdlModuleSpec;
 
 /* The module id that the proxies' messages are accounted to. */
-extern uint32_t g_uiMoraModuleId;
+extern TARN_EXPORT uint32_t g_uiMoraModuleId;
 
 /* Client side. An invoker is bound to a service; pInvokeCtx is the caller's, passed on unchanged. */
-void *RPC_GetRpcInvoke(IdlServerAddr *pstAddr, void *pInvokeCtx);
-void *RPC_IdlMsgCreate(uint32_t uiSize, uint32_t uiModuleId, const char *pcTag);
-void RPC_IdlMsgDestroy(void *pMsg, uint32_t uiModuleId, const char *pcTag);
-void RPC_IdlMsgSyncCall(IdlCallResult *pstResult, void *pInvoker, const void *pReq, void *pResp,
-                        const IdlMethodName *pstMethod, const IdlCodecTable *pstCodec);
-uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx);
-uint32_t RPC_IdlMsgOnewayCall(void *pInvoker, const void *pReq, const IdlMethodName *pstMethod,
-                              const IdlCodecTable *pstCodec);
+TARN_EXPORT void *RPC_GetRpcInvoke(IdlServerAddr *pstAddr, void *pInvokeCtx);
+TARN_EXPORT void *RPC_IdlMsgCreate(uint32_t uiSize, uint32_t uiModuleId, const char *pcTag);
+TARN_EXPORT void RPC_IdlMsgDestroy(void *pMsg, uint32_t uiModuleId, const char *pcTag);
+TARN_EXPORT void RPC_IdlMsgSyncCall(IdlCallResult *pstResult, void *pInvoker, const void *pReq, void *pResp,
+                                    const IdlMethodName *pstMethod, const IdlCodecTable *pstCodec);
+TARN_EXPORT uint32_t RPC_IdlMsgAsyncCall(const IdlAsyncCtx *pstCtx);
+TARN_EXPORT uint32_t RPC_IdlMsgOnewayCall(void *pInvoker, const void *pReq, const IdlMethodName *pstMethod,
+                                          const IdlCodecTable *pstCodec);
 
 /* Server side. */
-void *RPC_IdlReqVeltoMsgUnPack(void *pRequest, void *pRecord, const IdlServerCodecTable *pstCodec);
-IdlServerCodecTable *RPC_GetUsrFuncLib(void *pRecord);
-void *RPC_IdlMsgNew(uint32_t uiSize, uint32_t uiZero);
-void RPC_IdlMsgFree(void *pRecord, uint32_t uiZero);
+TARN_EXPORT void *RPC_IdlReqVeltoMsgUnPack(void *pRequest, void *pRecord, const IdlServerCodecTable *pstCodec);
+TARN_EXPORT IdlServerCodecTable *RPC_GetUsrFuncLib(void *pRecord);
+TARN_EXPORT void *RPC_IdlMsgNew(uint32_t uiSize, uint32_t uiZero);
+TARN_EXPORT void RPC_IdlMsgFree(void *pRecord, uint32_t uiZero);
 
 #ifdef __cplusplus
 }

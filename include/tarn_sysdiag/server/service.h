@@ -21,12 +21,12 @@
 #include "tarn_sysdiag/platform/rpc.h"
 
 #define TARN_SERVED(method, request, response)                                                                         \
-    uint32_t method(const Tarn_sys_diag_##request *pstRequest, void *pReplyCtx);                                       \
-    void method##_free(Tarn_sys_diag_##response *pstResponse);                                                         \
+    TARN_EXPORT uint32_t method(const Tarn_sys_diag_##request *pstRequest, void *pReplyCtx);                           \
+    TARN_EXPORT void method##_free(Tarn_sys_diag_##response *pstResponse);                                             \
     TARN_EXPORT uint32_t method##_wrapper(void *pRequest, void *pReplyCtx, IdlServerCodecTable *pstCodec);
 
 #define TARN_SERVED_NO_REPLY(method, request)                                                                          \
-    uint32_t method(const Tarn_sys_diag_##request *pstRequest);                                                        \
+    TARN_EXPORT uint32_t method(const Tarn_sys_diag_##request *pstRequest);                                            \
     TARN_EXPORT uint32_t method##_wrapper(void *pRequest, void *pReplyCtx, IdlServerCodecTable *pstCodec);
 
 #endif
