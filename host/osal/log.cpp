@@ -1,20 +1,13 @@
 #include "host/osal/log.h"
 
 #include <fmt/format.h>
-#include <spdlog/logger.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 
-#include "host/osal/text.h"
+#include "host/osal/log_lines.h"
 #include "tarn_sysdiag/platform/osal.h"
 
 namespace host {
@@ -35,34 +28,6 @@ constinit thread_local LogGate *gate = nullptr;
 bool MayWrite(LogLevel level) {
     const bool isGated = gate != nullptr && (level == LogLevel::kWarning || level == LogLevel::kError);
     return !isGated || gate->Passes();
-}
-
-// A record stays in its line and is harmless to terminals, whoever chose the names and texts in it.
-class OneLine final : public spdlog::custom_flag_formatter {
-public:
-    void format(const spdlog::details::log_msg &message, const std::tm &, spdlog::memory_buf_t &line) override {
-        const std::string text = LineOfText({message.payload.data(), message.payload.size()});
-        line.append(text.data(), text.data() + text.size());
-    }
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<OneLine>(); }
-};
-
-// What the journal takes for a record's level.
-class Priority final : public spdlog::custom_flag_formatter {
-public:
-    void format(const spdlog::details::log_msg &message, const std::tm &, spdlog::memory_buf_t &line) override {
-        constexpr std::string_view kPriorities[] = {"<7>", "<7>", "<6>", "<4>", "<3>", "<2>"}; // from trace on
-        const std::string_view text = kPriorities[message.level];
-        line.append(text.data(), text.data() + text.size());
-    }
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<Priority>(); }
-};
-
-// Whoever gave this process the journal as standard error says by which file it is known.
-bool IsJournal(int fd) {
-    const char *const stream = secure_getenv("JOURNAL_STREAM");
-    struct stat status {};
-    return stream != nullptr && fstat(fd, &status) == 0 && fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
 }
 
 std::shared_ptr<const LogHook> CurrentHook() {
@@ -86,52 +51,6 @@ LogLevel LevelOf(uint32_t level) {
         return LogLevel::kDebug;
     }
 }
-
-spdlog::level::level_enum SpdlogLevel(LogLevel level) {
-    switch (level) {
-    case LogLevel::kDebug:
-        return spdlog::level::debug;
-    case LogLevel::kInfo:
-        return spdlog::level::info;
-    case LogLevel::kWarning:
-        return spdlog::level::warn;
-    case LogLevel::kError:
-        return spdlog::level::err;
-    default:
-        return spdlog::level::critical;
-    }
-}
-
-class Lines {
-public:
-    Lines() : sink_(std::make_shared<spdlog::sinks::stderr_color_sink_mt>()), logger_("tarn", sink_) {
-        logger_.set_level(spdlog::level::trace);
-        logger_.flush_on(spdlog::level::trace);
-        Fit();
-    }
-
-    // Kept for the life of the process, as the hook is.
-    static Lines &OfProcess() {
-        static auto &lines = *new Lines;
-        return lines;
-    }
-
-    void Fit() {
-        auto formatter = std::make_unique<spdlog::pattern_formatter>();
-        formatter->add_flag<OneLine>('*').add_flag<Priority>('&').set_pattern(
-            IsJournal(STDERR_FILENO) ? "%&[%t] %*" : "%Y-%m-%d %H:%M:%S.%e %^%l%$ [%P:%t] %*");
-        sink_->set_formatter(std::move(formatter));
-        sink_->set_color_mode(spdlog::color_mode::automatic);
-    }
-
-    void Write(spdlog::level::level_enum level, fmt::string_view text) {
-        logger_.log(level, spdlog::string_view_t(text.data(), text.size()));
-    }
-
-private:
-    const std::shared_ptr<spdlog::sinks::stderr_color_sink_mt> sink_;
-    spdlog::logger logger_;
-};
 
 const char *OrEmpty(const char *text) {
     return text == nullptr ? "" : text;
@@ -178,7 +97,7 @@ void Logger::Write(LogLevel level, fmt::string_view format, fmt::format_args arg
 }
 
 void Logger::Write(LogLevel level, fmt::string_view text) {
-    Lines::OfProcess().Write(SpdlogLevel(level), text);
+    LogLines::OfProcess().Write(level, {text.data(), text.size()});
 }
 
 Logger &Log() {
@@ -187,7 +106,7 @@ Logger &Log() {
 }
 
 void FitLogToStandardError() {
-    Lines::OfProcess().Fit();
+    LogLines::OfProcess().Fit();
 }
 
 LogHook SetLogHook(LogHook hook) {
