@@ -1,10 +1,10 @@
 #include "host/agent/commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <sstream>
 #include <vector>
 
 #include <fmt/format.h>
@@ -39,12 +39,28 @@ void TarnAgent_Print(TarnAgentOutput *output, const char *format, ...) {
 
 namespace agent {
 
+namespace {
+
+constexpr char kBlanks[] = " \t\n\r\v\f";
+
+std::vector<std::string> WordsOf(const std::string &line) {
+    std::vector<std::string> words;
+    for (size_t at = line.find_first_not_of(kBlanks); at != std::string::npos;) {
+        const size_t end = std::min(line.find_first_of(kBlanks, at), line.size());
+        words.push_back(line.substr(at, end - at));
+        at = line.find_first_not_of(kBlanks, end);
+    }
+    return words;
+}
+
+} // namespace
+
 CommandTable::CommandTable() {
     AddBuiltins(*this);
 }
 
 uint32_t CommandTable::Add(const char *name, const char *help, TarnAgentCommand function, void *userData) {
-    if (name == nullptr || function == nullptr || *name == 0 || strpbrk(name, " \t\n\r\v\f") != nullptr) {
+    if (name == nullptr || function == nullptr || *name == 0 || strpbrk(name, kBlanks) != nullptr) {
         return EINVAL;
     }
     const host::MutexLock lock(mutex_);
@@ -62,11 +78,7 @@ bool CommandTable::Find(const std::string &name, Command &command) const {
 }
 
 uint32_t CommandTable::Run(const std::string &line, TarnAgentOutput &output) const {
-    std::istringstream stream(line);
-    std::vector<std::string> words;
-    for (std::string word; stream >> word;) {
-        words.push_back(word);
-    }
+    const std::vector<std::string> words = WordsOf(line);
     if (words.empty()) {
         TarnAgent_Print(&output, "no command in the line; \"help\" lists the commands\n");
         return EINVAL;

@@ -1,3 +1,4 @@
+#include "host/agent/platform.h"
 #include "host/answer/unit.h"
 
 TARN_UNIT()

@@ -1,4 +1,5 @@
 // The agent's unit: codecs, wrappers and registration tables of TarnSysdiagAgent.
+#include "host/agent/platform.h"
 #include "host/answer/unit.h"
 #include "server/frame.h"
 

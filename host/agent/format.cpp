@@ -1,0 +1,16 @@
+// Text formatting, compiled into the agent: without locales, which are ten times its size.
+#define FMT_STATIC_THOUSANDS_SEPARATOR ','
+#include <fmt/format-inl.h>
+
+FMT_BEGIN_NAMESPACE
+namespace detail {
+
+template dragonbox::decimal_fp<float> dragonbox::to_decimal(float) noexcept;
+template dragonbox::decimal_fp<double> dragonbox::to_decimal(double) noexcept;
+template thousands_sep_result<char> thousands_sep_impl(locale_ref);
+template char decimal_point_impl(locale_ref);
+template void buffer<char>::append(const char *, const char *);
+template void vformat_to(buffer<char> &, string_view, basic_format_args<FMT_BUFFER_CONTEXT(char)>, locale_ref);
+
+} // namespace detail
+FMT_END_NAMESPACE
