@@ -62,7 +62,7 @@ class Agent::Running {
 public:
     Running(Agent &agent, const std::string &name, const std::filesystem::path &runDir)
         : scan_(agent.memoryScan), commands_(agent.commandWork_), service_(runDir),
-          faults_(name, host::Directory(runDir).RunDir()), timers_(agent.timerWork_), watchdog_(agent.watchdog_),
+          faults_(name, host::FaultDir(host::Directory(runDir).RunDir())), timers_(agent.timerWork_), watchdog_(agent.watchdog_),
           resources_(agent.resourceWork_), registration_(name, runDir, agent.resources) {}
 
 private:

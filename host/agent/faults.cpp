@@ -28,6 +28,7 @@
 #include "host/agent/stack.h"
 #include "host/agent/symbols.h"
 #include "host/blackbox/box.h"
+#include "host/osal/directories.h"
 #include "host/osal/log.h"
 #include "tarn_sysdiag/agent.h"
 
@@ -267,7 +268,7 @@ void AppendNumber(char (&to)[kSize], unsigned number) {
 
 } // namespace
 
-Faults::Faults(const std::string &name, const std::filesystem::path &runDir) {
+Faults::Faults(const std::string &name, const std::filesystem::path &directory) {
     try {
         Copy(handlerState.agentName, name);
         char comm[16] = {};
@@ -277,8 +278,9 @@ Faults::Faults(const std::string &name, const std::filesystem::path &runDir) {
         PrepareThread();
         uint64_t address = 0;
         CallStack({&address, 1}); // the unwinder sets itself up at its first use
+        host::MakeDirectories(directory, 0755); // what keeps it from that, the box says
         std::filesystem::path aside;
-        handlerState.box = new Box(host::blackbox::FileOf(runDir, geteuid()), aside);
+        handlerState.box = new Box(host::blackbox::FileOf(directory, geteuid()), aside);
         if (!aside.empty()) {
             host::Log().error("agent {}: what was in the place of the black box is none, and is now {}", name,
                               aside.string());

@@ -15,7 +15,7 @@ inline constexpr std::array kFaultSignals{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGAB
 class Faults {
 public:
     // A black box that can't be had is logged: the application runs all the same.
-    Faults(const std::string &agentName, const std::filesystem::path &runDir);
+    Faults(const std::string &agentName, const std::filesystem::path &directory);
     ~Faults();
     Faults(const Faults &) = delete;
     Faults &operator=(const Faults &) = delete;

@@ -112,8 +112,8 @@ private:
 
 } // namespace
 
-std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid) {
-    return runDir / ("blackbox-" + std::to_string(uid));
+std::filesystem::path FileOf(const std::filesystem::path &directory, uint32_t uid) {
+    return directory / ("blackbox-" + std::to_string(uid));
 }
 
 Box::Box(const std::filesystem::path &file, std::filesystem::path &aside) {

@@ -14,8 +14,8 @@
 
 namespace host::blackbox {
 
-// The file of a user in the run directory.
-std::filesystem::path FileOf(const std::filesystem::path &runDir, uint32_t uid);
+// The file of a user.
+std::filesystem::path FileOf(const std::filesystem::path &directory, uint32_t uid);
 
 // An open file, and memory to make records in. The file is never mapped: one that is cut off would kill who looks at
 // it. Opening allocates and throws; the rest may be called from a signal handler.

@@ -41,11 +41,11 @@ std::optional<uint32_t> UserOf(std::string_view name) {
     return FileOf({}, user) == name ? std::optional(user) : std::nullopt;
 }
 
-std::vector<uint32_t> UsersWithFiles(const std::filesystem::path &runDir, const Check &check) {
+std::vector<uint32_t> UsersWithFiles(const std::filesystem::path &directory, const Check &check) {
     std::vector<uint32_t> users;
     std::error_code none;
     size_t names = 0;
-    for (const auto &entry : std::filesystem::directory_iterator(runDir, none)) {
+    for (const auto &entry : std::filesystem::directory_iterator(directory, none)) {
         if (names++ % 64 == 0) {
             check();
         }
@@ -65,7 +65,7 @@ struct NoBlackBox : std::runtime_error {
 class BoxFile {
 public:
     // Opens nothing but a file of the user's own.
-    BoxFile(const std::filesystem::path &runDir, uint32_t user, int flags) : path_(FileOf(runDir, user)) {
+    BoxFile(const std::filesystem::path &directory, uint32_t user, int flags) : path_(FileOf(directory, user)) {
         struct stat status {};
         if (lstat(path_.c_str(), &status) != 0) {
             Fail(errno, path_.string());
@@ -168,8 +168,8 @@ void Confine(FaultRecord &record) {
     }
 }
 
-bool MayWrite(const std::filesystem::path &runDir, uint32_t user) {
-    return faccessat(AT_FDCWD, FileOf(runDir, user).c_str(), W_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) == 0 ||
+bool MayWrite(const std::filesystem::path &directory, uint32_t user) {
+    return faccessat(AT_FDCWD, FileOf(directory, user).c_str(), W_OK, AT_EACCESS | AT_SYMLINK_NOFOLLOW) == 0 ||
            errno != EACCES;
 }
 
@@ -182,7 +182,8 @@ void LeaveOut(Contents &contents, const std::string &reason) {
 
 } // namespace
 
-Contents List(const std::filesystem::path &runDir, const IsErased &isErased, const Chosen &chosen, const Check &check) {
+Contents List(const std::filesystem::path &directory, const IsErased &isErased, const Chosen &chosen,
+              const Check &check) {
     Contents contents;
     uint32_t user = 0;
     const Scan::Take take = [&](const BoxFile &, uint32_t slot, const FaultSlot &content, bool whole) {
@@ -198,13 +199,14 @@ Contents List(const std::filesystem::path &runDir, const IsErased &isErased, con
     };
     Scan scan(take);
     size_t files = 0;
-    for (const uint32_t one : UsersWithFiles(runDir, check)) {
+    for (const uint32_t one : UsersWithFiles(directory, check)) {
         check();
         user = one;
         try {
-            const BoxFile file(runDir, user, O_RDONLY);
+            const BoxFile file(directory, user, O_RDONLY);
             if (++files > kMostFiles) {
-                throw NoBlackBox(fmt::format("{}: there are more than {}", FileOf(runDir, user).string(), kMostFiles));
+                throw NoBlackBox(
+                    fmt::format("{}: there are more than {}", FileOf(directory, user).string(), kMostFiles));
             }
             scan.Through(file);
         } catch (const std::runtime_error &error) {
@@ -216,10 +218,10 @@ Contents List(const std::filesystem::path &runDir, const IsErased &isErased, con
     return contents;
 }
 
-std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const RecordPlace &place) {
+std::optional<FaultRecord> Read(const std::filesystem::path &directory, const RecordPlace &place) {
     try {
         const auto slot = std::make_unique<FaultSlot>();
-        const BoxFile file(runDir, place.user, O_RDONLY);
+        const BoxFile file(directory, place.user, O_RDONLY);
         if (!file.ReadWhole(place.slot, *slot) || slot->sequence != place.sequence || StateOf(*slot) != State::kWhole) {
             return {};
         }
@@ -231,7 +233,7 @@ std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const Recor
     }
 }
 
-Erased Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check) {
+Erased Erase(const std::filesystem::path &directory, const Chosen &chosen, bool damaged, const Check &check) {
     Erased erased;
     uint32_t user = 0;
     bool denied = false;
@@ -249,12 +251,12 @@ Erased Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool dam
     Scan scan(take);
     std::exception_ptr failure;
     size_t files = 0;
-    for (const uint32_t one : UsersWithFiles(runDir, check)) {
+    for (const uint32_t one : UsersWithFiles(directory, check)) {
         check();
         user = one;
         try {
-            denied = !MayWrite(runDir, user);
-            const BoxFile file(runDir, user, denied ? O_RDONLY : O_RDWR);
+            denied = !MayWrite(directory, user);
+            const BoxFile file(directory, user, denied ? O_RDONLY : O_RDWR);
             if (++files > kMostFiles) {
                 break;
             }

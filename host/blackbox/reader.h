@@ -35,9 +35,10 @@ using Chosen = std::function<bool(const FaultHead &)>;
 // Whether a record counts as erased, whatever its file says.
 using IsErased = std::function<bool(const RecordPlace &)>;
 
-// The records in all black boxes of a run directory that are not erased, and that a function chooses. Of very many
+// The records in all black boxes of a directory that are not erased, and that a function chooses. Of very many
 // files, those of the lowest user ids are looked at.
-Contents List(const std::filesystem::path &runDir, const IsErased &isErased, const Chosen &chosen, const Check &check);
+Contents List(const std::filesystem::path &directory, const IsErased &isErased, const Chosen &chosen,
+              const Check &check);
 
 struct FaultRecord {
     bool hasStack; // else its writer was killed, or failed, before it had written it
@@ -46,7 +47,7 @@ struct FaultRecord {
 };
 
 // Counts are in their ranges, and texts end. None when the slot has another record by now.
-std::optional<FaultRecord> Read(const std::filesystem::path &runDir, const RecordPlace &place);
+std::optional<FaultRecord> Read(const std::filesystem::path &directory, const RecordPlace &place);
 
 struct Erased {
     size_t number = 0;
@@ -55,6 +56,6 @@ struct Erased {
 
 // Erases the records that a function chooses and, when asked to, what is left of damaged ones. A black box that can't
 // be written though it may be throws, after the others are done.
-Erased Erase(const std::filesystem::path &runDir, const Chosen &chosen, bool damaged, const Check &check);
+Erased Erase(const std::filesystem::path &directory, const Chosen &chosen, bool damaged, const Check &check);
 
 } // namespace host::blackbox

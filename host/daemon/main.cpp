@@ -1,10 +1,12 @@
 // tarnd: the diagnosis daemon.
 #include <linux/capability.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -35,11 +37,8 @@ std::string DefaultLogDirectory() {
     if (geteuid() == 0 || std::filesystem::is_directory(system, unknown)) {
         return system;
     }
-    if (const char *const state = secure_getenv("XDG_STATE_HOME"); state != nullptr && state[0] == '/') {
-        return std::string(state) + "/tarn/log";
-    }
-    const char *const home = secure_getenv("HOME");
-    return home != nullptr && home[0] == '/' ? std::string(home) + "/.local/state/tarn/log" : system;
+    const std::filesystem::path state = host::UserStateDir();
+    return state.empty() ? system : (state / "tarn/log").string();
 }
 
 struct Arguments {
@@ -102,6 +101,7 @@ void PrintAccounting() {
 tarnd::Options OptionsOf(const Arguments &arguments) {
     tarnd::Options options;
     options.runDirectory = host::Directory(arguments.serve.runDir).RunDir();
+    options.faultDirectory = host::FaultDir(options.runDirectory);
     options.logDirectory = NormalPath(arguments.logDirectory.empty() ? DefaultLogDirectory() : arguments.logDirectory);
     if (!arguments.serve.stateDir.empty()) {
         options.stateDirectory = NormalPath(arguments.serve.stateDir);
@@ -118,12 +118,21 @@ tarnd::Options OptionsOf(const Arguments &arguments) {
     return options;
 }
 
-// Processes and files of all users are looked at, and nobody's are changed.
+std::optional<mode_t> ModeOf(const std::filesystem::path &directory) {
+    struct stat status {};
+    return stat(directory.c_str(), &status) == 0 ? std::optional(status.st_mode & 07777) : std::nullopt;
+}
+
+// Processes and files of all users are looked at, and nobody's are changed. Who may have an agent may record faults.
 void DropPrivileges(const Arguments &arguments, const tarnd::Options &options) {
     using Given = host::NeededDirectory::Given;
     std::vector<host::NeededDirectory> directories = host::DirectoriesOf(arguments.serve);
     directories.insert(directories.begin(),
                        {"log directory", options.logDirectory, "--log-dir", 0750, Given::kNothing});
+    if (options.faultDirectory != options.runDirectory) {
+        directories.push_back({"directory of fault records", options.faultDirectory, "TARN_FAULT_DIR",
+                               ModeOf(options.runDirectory).value_or(0755), Given::kDirectory});
+    }
     std::vector<unsigned> capabilities{CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH};
     if (options.zoneLink) {
         capabilities.insert(capabilities.end(), {CAP_SYS_TIME, CAP_DAC_OVERRIDE}); // the zone's link is root's

@@ -11,7 +11,8 @@
 namespace tarnd {
 
 struct Options {
-    std::filesystem::path runDirectory; // of the sockets
+    std::filesystem::path runDirectory;   // of the sockets
+    std::filesystem::path faultDirectory; // of what agents record
     std::string logDirectory = "/var/log/tarn";
     std::string stateDirectory;                     // of what is kept beyond a restart; empty: nothing is
     std::map<std::string, std::string> copyTargets; // directories by name

@@ -7,17 +7,49 @@
 
 namespace host {
 
+namespace {
+
+constexpr char kSystemRunDir[] = "/run/tarn";
+
+std::filesystem::path Named(const char *variable) {
+    const char *const value = secure_getenv(variable);
+    return value == nullptr ? "" : value;
+}
+
+// Empty where the system has none for this user.
+std::filesystem::path UserRunDir() {
+    const std::filesystem::path parent = Named("XDG_RUNTIME_DIR");
+    return parent.empty() ? parent : parent / "tarn";
+}
+
+} // namespace
+
 std::filesystem::path DefaultRunDir() {
-    const std::filesystem::path system = "/run/tarn";
-    if (const char *const named = secure_getenv("TARN_RUN_DIR"); named != nullptr && named[0] != 0) {
+    if (const std::filesystem::path named = Named("TARN_RUN_DIR"); !named.empty()) {
         return named;
     }
     std::error_code ignored;
-    const char *const user = secure_getenv("XDG_RUNTIME_DIR");
-    if (geteuid() == 0 || user == nullptr || user[0] == 0 || std::filesystem::is_directory(system, ignored)) {
-        return system;
+    const std::filesystem::path own = UserRunDir();
+    return geteuid() == 0 || own.empty() || std::filesystem::is_directory(kSystemRunDir, ignored) ? kSystemRunDir : own;
+}
+
+std::filesystem::path UserStateDir() {
+    if (std::filesystem::path state = Named("XDG_STATE_HOME"); state.is_absolute()) {
+        return state;
     }
-    return std::filesystem::path(user) / "tarn";
+    const std::filesystem::path home = Named("HOME");
+    return home.is_absolute() ? home / ".local/state" : std::filesystem::path();
+}
+
+std::filesystem::path FaultDir(const std::filesystem::path &runDir) {
+    if (std::filesystem::path named = Named("TARN_FAULT_DIR"); !named.empty()) {
+        return named;
+    }
+    if (runDir == kSystemRunDir) {
+        return "/var/lib/tarn-faults";
+    }
+    const std::filesystem::path state = UserStateDir();
+    return !state.empty() && runDir == UserRunDir() ? state / "tarn-faults" : runDir;
 }
 
 Directory::Directory(std::filesystem::path runDir) : runDir_(runDir.empty() ? DefaultRunDir() : std::move(runDir)) {}

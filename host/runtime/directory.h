@@ -10,6 +10,15 @@ namespace host {
 // $TARN_RUN_DIR; else /run/tarn for root or where it exists; else $XDG_RUNTIME_DIR/tarn; else /run/tarn.
 std::filesystem::path DefaultRunDir();
 
+// What is kept for this user beyond a restart of the machine, below his home: $XDG_STATE_HOME, or ~/.local/state. Empty
+// where there is none.
+std::filesystem::path UserStateDir();
+
+// Where the agents of a run directory record faults, which shall outlive the machine's restart: $TARN_FAULT_DIR; else
+// /var/lib/tarn-faults for /run/tarn, and tarn-faults in UserStateDir() for $XDG_RUNTIME_DIR/tarn; else the run
+// directory, which somebody has chosen.
+std::filesystem::path FaultDir(const std::filesystem::path &runDir);
+
 class Directory {
 public:
     // An empty path is DefaultRunDir().

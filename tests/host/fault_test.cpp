@@ -129,6 +129,17 @@ TEST_F(FaultTest, ReadsACrashBackAlsoAfterARestart) {
     }
 }
 
+TEST_F(FaultTest, HasItsRecordsWhereItIsToldTo) {
+    const std::filesystem::path faults = dir_.Path() / "state/faults";
+    setenv("TARN_FAULT_DIR", faults.c_str(), 1);
+    RestartDaemon();
+    const uint32_t pid = Crash("crash segv");
+    unsetenv("TARN_FAULT_DIR");
+    EXPECT_EQ(Exceptions(pid).matches, 1);
+    EXPECT_TRUE(std::filesystem::exists(host::blackbox::FileOf(faults, geteuid())));
+    EXPECT_FALSE(std::filesystem::exists(box_)) << "the run directory is gone after a restart of the machine";
+}
+
 TEST_F(FaultTest, RecordsEachKindAndFiltersThem) {
     const uint32_t divided = Crash("crash fpe");
     const uint32_t aborted = Crash("crash abort");

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "host/osal/directories.h"
+#include "host/runtime/directory.h"
 #include "host/runtime/transport.h"
 #include "tests/host/error_of.h"
 #include "tests/host/temp_dir.h"
@@ -49,6 +50,21 @@ uid_t OwnerOf(const path &file) {
     EXPECT_EQ(lstat(file.c_str(), &status), 0) << file;
     return status.st_uid;
 }
+
+// Of the environment, while it lives.
+class Variable {
+public:
+    Variable(const char *name, const char *value) : name_(name), had_(getenv(name) != nullptr) {
+        before_ = had_ ? getenv(name) : "";
+        value == nullptr ? unsetenv(name) : setenv(name, value, 1);
+    }
+    ~Variable() { had_ ? setenv(name_, before_.c_str(), 1) : unsetenv(name_); }
+
+private:
+    const char *const name_;
+    const bool had_;
+    std::string before_;
+};
 
 std::string RefusalOf(const std::function<void()> &action) {
     try {
@@ -363,6 +379,21 @@ TEST_F(RunDirectoryAsRootTest, AUserOfADirectoryForAllNeedsNoLockOfIt) {
     const host::Descriptor directory(open(RunDir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const host::LockFile roots(directory, RunDir(), 0ms);
     AsOther([&] { return RefusalOf([&] { host::Listener(SocketPath(), true); }).empty(); });
+}
+
+TEST(FaultDirectory, OutlivesTheMachineUnlessTheRunDirectoryWasChosen) {
+    const Variable named("TARN_FAULT_DIR", nullptr), runtime("XDG_RUNTIME_DIR", "/run/user/7"), home("HOME", "/home/u"),
+        state("XDG_STATE_HOME", nullptr);
+    EXPECT_EQ(host::FaultDir("/run/tarn"), "/var/lib/tarn-faults");
+    EXPECT_EQ(host::FaultDir("/run/user/7/tarn"), "/home/u/.local/state/tarn-faults");
+    EXPECT_EQ(host::FaultDir("/tmp/chosen"), "/tmp/chosen");
+    {
+        const Variable other("XDG_STATE_HOME", "/home/u/state");
+        EXPECT_EQ(host::FaultDir("/run/user/7/tarn"), "/home/u/state/tarn-faults");
+    }
+    const Variable other("TARN_FAULT_DIR", "/faults");
+    EXPECT_EQ(host::FaultDir("/run/tarn"), "/faults");
+    EXPECT_EQ(host::FaultDir("/tmp/chosen"), "/faults");
 }
 
 } // namespace

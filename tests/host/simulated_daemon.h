@@ -26,7 +26,7 @@ struct StateDirectory {
 struct SimulatedDaemon {
     explicit SimulatedDaemon(const tarnd::Options &more = {}) : options(more) {
         options.runsByItself = false;
-        options.runDirectory = dir.Path();
+        options.runDirectory = options.faultDirectory = dir.Path();
         if (options.logDirectory == tarnd::Options().logDirectory) {
             options.logDirectory = dir.Path();
         }

@@ -119,7 +119,7 @@ std::string TextOfLeftOut(const Contents &contents) {
 // Fills a reply of text and the number of matches.
 template <class Reply>
 void Fill(Reply &reply, const Query &query, void *replyCtx) {
-    const std::filesystem::path &directory = Daemon::Serving().options.runDirectory;
+    const std::filesystem::path &directory = Daemon::Serving().options.faultDirectory;
     const auto check = [replyCtx] { host::CheckWanted(replyCtx); };
     const auto chosen = [&query](const FaultHead &head) { return query.Matches(head); };
     const auto isErased = [](const RecordPlace &place) { return Daemon::Serving().erasedFaults.Has(place); };
@@ -154,7 +154,7 @@ void Reset(uint32_t records, uint32_t pid, void *replyCtx) {
         return (all || head.kind == kind) && (pid == 0 || head.pid == pid);
     };
     const host::blackbox::Erased erased = host::blackbox::Erase(
-        Daemon::Serving().options.runDirectory, chosen, all && pid == 0, [replyCtx] { host::CheckWanted(replyCtx); });
+        Daemon::Serving().options.faultDirectory, chosen, all && pid == 0, [replyCtx] { host::CheckWanted(replyCtx); });
     Daemon::Serving().erasedFaults.Add(erased.denied);
     host::Log().info("black box: {} records erased", erased.number + erased.denied.size());
 }
