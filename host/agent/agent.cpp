@@ -62,8 +62,8 @@ class Agent::Running {
 public:
     Running(Agent &agent, const std::string &name, const std::filesystem::path &runDir)
         : scan_(agent.memoryScan), commands_(agent.commandWork_), service_(runDir),
-          faults_(name, host::FaultDir(host::Directory(runDir).RunDir())), timers_(agent.timerWork_), watchdog_(agent.watchdog_),
-          resources_(agent.resourceWork_), registration_(name, runDir, agent.resources) {}
+          faults_(name, host::FaultDir(host::Directory(runDir).RunDir())), timers_(agent.timerWork_),
+          watchdog_(agent.watchdog_), resources_(agent.resourceWork_), registration_(name, runDir, agent.resources) {}
 
 private:
     const StoppedAtEnd scan_; // which peers start

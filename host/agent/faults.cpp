@@ -277,7 +277,7 @@ Faults::Faults(const std::string &name, const std::filesystem::path &directory) 
         Copy(handlerState.processName, Lines("/proc/self/comm").Next(text) ? text : std::string_view(comm));
         PrepareThread();
         uint64_t address = 0;
-        CallStack({&address, 1}); // the unwinder sets itself up at its first use
+        CallStack({&address, 1});               // the unwinder sets itself up at its first use
         host::MakeDirectories(directory, 0755); // what keeps it from that, the box says
         std::filesystem::path aside;
         handlerState.box = new Box(host::blackbox::FileOf(directory, geteuid()), aside);
