@@ -16,6 +16,7 @@
 #include "host/daemon/sampling/libproc2_source.h"
 #include "host/meaning/reflect.h"
 #include "host/osal/accounting.h"
+#include "host/osal/directories.h"
 #include "host/osal/log.h"
 #include "host/runtime/client.h"
 #include "host/runtime/directory.h"
@@ -123,15 +124,26 @@ std::optional<mode_t> ModeOf(const std::filesystem::path &directory) {
     return stat(directory.c_str(), &status) == 0 ? std::optional(status.st_mode & 07777) : std::nullopt;
 }
 
-// Processes and files of all users are looked at, and nobody's are changed. Who may have an agent may record faults.
+// Who may have an agent may record faults. Without the directory none are recorded, which is no reason not to serve.
+bool MakeFaultDirectory(const tarnd::Options &options) {
+    const mode_t mode = ModeOf(options.runDirectory).value_or(0755);
+    const std::error_code error = host::MakeDirectories(options.faultDirectory, mode);
+    if (error) {
+        host::Log().warn("fault directory {}: {}; no fault will be recorded: make it, or name another with "
+                         "TARN_FAULT_DIR",
+                         options.faultDirectory.string(), error.message());
+    }
+    return !error;
+}
+
+// Processes and files of all users are looked at, and nobody's are changed.
 void DropPrivileges(const Arguments &arguments, const tarnd::Options &options) {
     using Given = host::NeededDirectory::Given;
     std::vector<host::NeededDirectory> directories = host::DirectoriesOf(arguments.serve);
     directories.insert(directories.begin(),
                        {"log directory", options.logDirectory, "--log-dir", 0750, Given::kNothing});
-    if (options.faultDirectory != options.runDirectory) {
-        directories.push_back({"directory of fault records", options.faultDirectory, "TARN_FAULT_DIR",
-                               ModeOf(options.runDirectory).value_or(0755), Given::kDirectory});
+    if (options.faultDirectory != options.runDirectory && MakeFaultDirectory(options)) {
+        directories.push_back({"fault directory", options.faultDirectory, "TARN_FAULT_DIR", 0755, Given::kDirectory});
     }
     std::vector<unsigned> capabilities{CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH};
     if (options.zoneLink) {

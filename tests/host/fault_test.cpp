@@ -140,6 +140,14 @@ TEST_F(FaultTest, HasItsRecordsWhereItIsToldTo) {
     EXPECT_FALSE(std::filesystem::exists(box_)) << "the run directory is gone after a restart of the machine";
 }
 
+TEST_F(FaultTest, ServesWithoutAPlaceForRecords) {
+    setenv("TARN_FAULT_DIR", "/proc/nowhere", 1);
+    RestartDaemon();
+    unsetenv("TARN_FAULT_DIR");
+    EXPECT_TRUE(Has(daemon_->Err(), "fault directory /proc/nowhere: ")) << daemon_->Err();
+    EXPECT_EQ(Exceptions().matches, 0);
+}
+
 TEST_F(FaultTest, RecordsEachKindAndFiltersThem) {
     const uint32_t divided = Crash("crash fpe");
     const uint32_t aborted = Crash("crash abort");
