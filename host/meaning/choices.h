@@ -73,7 +73,10 @@ inline constexpr Choice kAll[] = {kEnds, kBegins};
 namespace fresh_start {
 constexpr Choice kOverload{0, "overload", "The record of memory overloads."};
 constexpr Choice kLeak{1, "leak", "The growth that makes a process a leak suspect."};
-inline constexpr Choice kAll[] = {kOverload, kLeak};
+constexpr Choice kSettings{2, "settings",
+                           "What clients have set that the master sets as well: its settings hold again, or the "
+                           "default."};
+inline constexpr Choice kAll[] = {kOverload, kLeak, kSettings};
 } // namespace fresh_start
 
 namespace overload_monitor {

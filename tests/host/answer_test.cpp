@@ -66,8 +66,8 @@ TEST(Answer, TextsAreNoneButOnesThatAreAccepted) {
         return RefusalOf(methods::ClearEnvAct, request);
     };
     EXPECT_EQ(refusal("leak"), "");
-    EXPECT_EQ(refusal("lea\x1B"), "what (acValue1) is \"lea?\", expected \"overload\" or \"leak\"");
-    EXPECT_EQ(refusal(""), "what (acValue1) is empty, expected \"overload\" or \"leak\"");
+    EXPECT_EQ(refusal("lea\x1B"), "what (acValue1) is \"lea?\", expected \"overload\", \"leak\" or \"settings\"");
+    EXPECT_EQ(refusal(""), "what (acValue1) is empty, expected \"overload\", \"leak\" or \"settings\"");
     EXPECT_EQ(RefusalOf(methods::ZipLogFile, {}), "name (szZipName) is empty, expected a text");
 }
 

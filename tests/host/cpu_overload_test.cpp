@@ -261,9 +261,9 @@ TEST_F(CpuOverloadTest, KeepsItsThresholdsBeyondARestart) {
     EXPECT_EQ(next.WatchedNumber(), 2);
     other.Pass(1s);
     EXPECT_EQ(next.WatchedNumber(), 1) << "one of the processes has ended";
-    EXPECT_EQ(next.System().over, 900);
-    EXPECT_EQ(next.System().recover, 800);
-    EXPECT_EQ(next.System().seconds, 7);
+    EXPECT_EQ(next.System().Value().over, 900);
+    EXPECT_EQ(next.System().Value().recover, 800);
+    EXPECT_EQ(next.System().Value().seconds, 7);
     EXPECT_EQ(next.WatchedProcess(kPid).thresholds.over, 2000);
     EXPECT_EQ(next.WatchedProcess(kPid).thresholds.recover, 1900);
     EXPECT_EQ(next.WatchedProcess(kPid).thresholds.seconds, 3);
@@ -280,7 +280,7 @@ TEST_F(CpuOverloadTest, ChangesNothingThatCanNotBeKept) {
     AddProcess(kPid + 1, "another", 0);
     std::filesystem::remove_all(dir.Path() / "state");
     EXPECT_THROW(of.SetSystem({500, 500, 0}), std::system_error);
-    EXPECT_EQ(of.System().over, 900);
+    EXPECT_EQ(of.System().Value().over, 900);
     EXPECT_THROW(of.Watch(kPid, {500, 500, 0}), std::system_error);
     EXPECT_THROW(of.Watch(kPid + 1, {500, 500, 0}), std::system_error);
     EXPECT_THROW(of.Unwatch(kPid), std::system_error);

@@ -33,7 +33,7 @@ struct Item {
 class HealthPartsTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
     HealthPartsTest() : SimulatedDaemon(Kept()) {
-        daemon->clock.SetZone({"UTC", 0}, "a test");
+        daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient);
         proc.Write("loadavg", "0.00 9.00 9.00 1/100 7\n");
         SetDescriptors("1000 0 10000");
         for (const char *const resource : {"cpu", "memory", "io"}) {

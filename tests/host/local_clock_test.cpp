@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char *kSource = "a test";
+constexpr tarnd::Source kSource = tarnd::Source::kClient;
 
 class LocalClockTest : public testing::Test {
 protected:

@@ -1,6 +1,8 @@
 // What the daemon tells the master, and what it takes over from it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <initializer_list>
 
 #include "host/meaning/choices.h"
@@ -21,9 +23,9 @@ const host::DstRule kSummer{"summer", 60, host::ParseChange("04-01/02:00:00"), h
 const host::WallTime kInJuly{std::chrono::sys_days(std::chrono::July / 1 / 2026)};
 
 // A master that has configured everything.
-class MasterLinkTest : public testing::Test, protected kit::SimulatedDaemon {
+class MasterLinkTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MasterLinkTest() {
+    MasterLinkTest() : SimulatedDaemon(Kept()) {
         peers.OnOneway(TarnSysdiagMaster_DetectSysdiagServerOnline_oneway, [this](uint32_t pid, const auto &) {
             EXPECT_EQ(pid, 0) << "no agent's";
             ++greetings_;
@@ -84,18 +86,52 @@ protected:
             ->uiResult;
     }
     std::pair<uint32_t, uint32_t> OfMemory() const {
-        const tarnd::MemoryThresholds thresholds = daemon->memoryOverload.Thresholds();
+        const tarnd::MemoryThresholds thresholds = daemon->memoryOverload.Thresholds().Value();
         return {thresholds.over, thresholds.recover};
     }
-    std::string Zoned(host::WallTime when = {}) const { return daemon->clock.Text(when); }
-    uint32_t MeasurementPeriodMs() const {
-        for (const tarnd::Timers::Timer &timer : daemon->timers.List()) {
-            if (std::string(timer.name) == "measurement") {
-                return static_cast<uint32_t>(timer.period.count());
-            }
-        }
-        return UINT32_MAX;
+    static uint32_t SetCpu(uint32_t over, uint32_t recover, uint32_t seconds) {
+        return kit::CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadCpuThresholdSet,
+                                                         Tarn_sys_diag_SysOvLoadCpuThreshold{over, recover, seconds})
+            ->uiResult;
     }
+    static uint32_t Clear(std::string_view what) {
+        Tarn_sys_diag_ClearEnvActInput request{};
+        host::CopyText(request.acValue1, what);
+        return kit::CallMethod<Tarn_sys_diag_OperResult>(ClearEnvAct, request)->uiResult;
+    }
+    static std::string SourceOfCpu() {
+        return kit::CallMethod<Tarn_sys_diag_GetSysCpuOverloadCfgOutput>(GetSysCpuOverloadCfg, Tarn_sys_diag_None{})
+            .Reason();
+    }
+    static std::string SourceOfMemory() {
+        return kit::CallMethod<Tarn_sys_diag_GetSysMemOverloadCfgOutput>(GetSysMemOverloadCfg, Tarn_sys_diag_None{})
+            .Reason();
+    }
+    static void SetAllAsAClient() {
+        EXPECT_EQ(SetCpu(710, 610, 5), 0);
+        EXPECT_EQ(SetMemory(720, 620), 0);
+        const Tarn_sys_diag_DimTimeCfg times{static_cast<uint8_t>(measurement_time::kEverySeconds), 7};
+        EXPECT_EQ(TarnSetDimTimeCfgByTarnd(&times), 0);
+        Tarn_sys_diag_SetTimezoneInput zone{};
+        host::CopyText(zone.stTimezone.szTimezoneName, "client");
+        zone.stTimezone.uiTimezoneOffset = 60;
+        EXPECT_EQ(kit::CallMethod<Tarn_sys_diag_Result>(SetTimezone, zone)->uiResult, 0);
+    }
+    void ExpectTheClients() const {
+        EXPECT_EQ(daemon->cpuOverload.System().Value(), (tarnd::Thresholds{710, 610, 5}));
+        EXPECT_EQ(OfMemory(), std::pair(720U, 620U));
+        EXPECT_EQ(MeasurementPeriodMs(), 7000);
+        EXPECT_EQ(Zoned(kInJuly), "2026-07-01 01:00:00 +0100") << "and no daylight saving of the master's zone";
+        EXPECT_EQ(SourceOfCpu(), "thresholds from a client");
+        EXPECT_EQ(SourceOfMemory(), "thresholds from a client");
+    }
+    std::string Zoned(host::WallTime when = {}) const { return daemon->clock.Text(when); }
+    tarnd::Timers::Timer MeasurementTimer() const {
+        const std::vector<tarnd::Timers::Timer> timers = daemon->timers.List();
+        return *std::ranges::find(timers, std::string_view("measurement"), &tarnd::Timers::Timer::name);
+    }
+    int64_t MeasurementPeriodMs() const { return MeasurementTimer().period.count(); }
+    uint64_t MeasurementExpiries() const { return MeasurementTimer().expiries; }
 
     uint32_t unreachable_ = 0;
     uint32_t zone_ = settings_source::kConfigured;
@@ -113,7 +149,7 @@ TEST_F(MasterLinkTest, TakesOverWhatTheMasterHasConfigured) {
     Greet();
     EXPECT_EQ(greetings_, 1);
     EXPECT_EQ(Zoned(), "1970-01-01 05:45:00 +0545");
-    const tarnd::Thresholds cpu = daemon->cpuOverload.System();
+    const tarnd::Thresholds cpu = daemon->cpuOverload.System().Value();
     EXPECT_EQ(cpu.over, 700);
     EXPECT_EQ(cpu.recover, 600);
     EXPECT_EQ(cpu.seconds, 30);
@@ -136,8 +172,8 @@ TEST_F(MasterLinkTest, TakesOverTheDaylightSavingOfItsZone) {
 }
 
 TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
-    daemon->clock.SetZone({"UTC", 0}, "a test");
-    daemon->clock.SetDst(kSummer, "a test");
+    daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient);
+    daemon->clock.SetDst(kSummer, tarnd::Source::kClient);
     zone_ = settings_source::kSystem;
     Greet();
     EXPECT_EQ(Zoned(), "1970-01-01 00:00:00 +0000");
@@ -146,12 +182,12 @@ TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {
 }
 
 TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
-    const uint32_t before = daemon->cpuOverload.System().over;
+    const uint32_t before = daemon->cpuOverload.System().Value().over;
     for (const uint32_t status : std::initializer_list<uint32_t>{ENODATA, ENOENT, EPERM}) {
         cpuResult_ = {status, 0};
         memory_.over += 10;
         Greet();
-        EXPECT_EQ(daemon->cpuOverload.System().over, before);
+        EXPECT_EQ(daemon->cpuOverload.System().Value().over, before);
         EXPECT_EQ(OfMemory().first, memory_.over);
     }
     cpuResult_ = {0, 0};
@@ -160,12 +196,72 @@ TEST_F(MasterLinkTest, GoesOnAfterWhatTheMasterDoesNotHaveOrHasWrong) {
         cpu_ = wrong;
         memory_.over += 10;
         Greet();
-        EXPECT_EQ(daemon->cpuOverload.System().over, before);
+        EXPECT_EQ(daemon->cpuOverload.System().Value().over, before);
         EXPECT_EQ(OfMemory().first, memory_.over);
     }
     cpu_ = {1000, 1000, cpu_overload::kMostSeconds};
     Greet();
-    EXPECT_EQ(daemon->cpuOverload.System().over, 1000);
+    EXPECT_EQ(daemon->cpuOverload.System().Value().over, 1000);
+}
+
+TEST_F(MasterLinkTest, LeavesWhatClientsHaveSet) {
+    peers.On(TarnSysdiagMaster_MemChangeInnerConfig, [](uint32_t, const auto &, auto &) {
+        return IdlCallResult{EPERM, 0}; // a master that keeps to its own
+    });
+    dst_ = kSummer;
+    EXPECT_EQ(SourceOfCpu(), "thresholds from the default");
+    Greet();
+    EXPECT_EQ(SourceOfCpu(), "thresholds from the master");
+    EXPECT_EQ(SourceOfMemory(), "thresholds from the master");
+    SetAllAsAClient();
+    Greet();
+    ExpectTheClients();
+    Restart();
+    ExpectTheClients();
+    Greet();
+    ExpectTheClients();
+
+    EXPECT_EQ(Clear("settings"), 0);
+    EXPECT_EQ(daemon->cpuOverload.System().Value(), cpu_);
+    EXPECT_EQ(OfMemory(), std::pair(800U, 750U));
+    EXPECT_EQ(MeasurementPeriodMs(), 300'000);
+    EXPECT_EQ(Zoned(kInJuly), "2026-07-01 06:45:00 +0645");
+    EXPECT_EQ(SourceOfMemory(), "thresholds from the master");
+    Restart();
+    EXPECT_EQ(daemon->cpuOverload.System().Value(), cpu_) << "without asking the master again";
+    EXPECT_EQ(SourceOfCpu(), "thresholds from the master");
+}
+
+TEST_F(MasterLinkTest, WritesNothingAndStartsNoTimerAnewForWhatItHasAlready) {
+    Greet();
+    const std::vector<const char *> documents{"cpu-overload", "memory-overload", "measurement", "clock"};
+    for (const char *const document : documents) {
+        EXPECT_TRUE(std::filesystem::remove(state.Path() / fmt::format("{}.json", document))) << document;
+    }
+    for (int minute = 0; minute < 5; ++minute) {
+        Pass(1min);
+        Greet();
+        const Tarn_sys_diag_DimTimeCfg same{static_cast<uint8_t>(measurement_time::kEveryMinutes), 5};
+        EXPECT_EQ(TarnSetDimTimeCfgByTarnd(&same), 0);
+    }
+    EXPECT_EQ(MeasurementExpiries(), 1);
+    for (const char *const document : documents) {
+        EXPECT_EQ(std::filesystem::exists(state.Path() / fmt::format("{}.json", document)),
+                  std::string_view(document) == "measurement") // whose times are a client's now
+            << document;
+    }
+}
+
+TEST_F(MasterLinkTest, TakesNoShareToEndBelowForTheFirst) {
+    cpu_ = {700, 0, 30};
+    memory_ = {970, 0};
+    Greet();
+    EXPECT_EQ(daemon->cpuOverload.System().Value(), (tarnd::Thresholds{700, 700, 30}));
+    EXPECT_EQ(OfMemory(), std::pair(970U, 970U));
+    EXPECT_EQ(SetCpu(600, 0, 1), 0);
+    EXPECT_EQ(SetMemory(650, 0), 0);
+    EXPECT_EQ(daemon->cpuOverload.System().Value(), (tarnd::Thresholds{600, 600, 1}));
+    EXPECT_EQ(OfMemory(), std::pair(650U, 650U));
 }
 
 TEST_F(MasterLinkTest, AsksNoMoreOfAMasterThatDoesNotAnswer) {

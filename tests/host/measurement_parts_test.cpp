@@ -32,7 +32,7 @@ constexpr char kDigestOfFirst[] = "a7937b64b8caa58f03721bb6bacf5c78cb235febe0e70
 
 class MeasurementPartsTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MeasurementPartsTest() : SimulatedDaemon(KeptAndUnlimited()) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+    MeasurementPartsTest() : SimulatedDaemon(KeptAndUnlimited()) { daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient); }
 
     tarnd::Options KeptAndUnlimited() const {
         tarnd::Options options = Kept();
@@ -348,7 +348,7 @@ TEST_F(MeasurementByTimeTest, RunsByTheDaemonsClock) {
     EXPECT_EQ(Measurements(1s, 1), 0);
     EXPECT_EQ(Measurements(1s, 1), 1);
     SetClock(2, 29, 58);
-    daemon->clock.SetZone({"east", 60}, "the test");
+    daemon->clock.SetZone({"east", 60}, tarnd::Source::kClient);
     RunDue();
     EXPECT_EQ(Measurements(1s, 1), 0);
     EXPECT_EQ(Measurements(1s, 1), 1);
@@ -541,7 +541,7 @@ TEST_F(MeasurementPartsTest, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(mode(measurement_mode::kOff), 0);
     const std::string kept = kit::TextOfFile(state.Path() / "measurement.json");
     EXPECT_NE(kept.find("\"hour\": 255"), kept.npos) << kept;
-    EXPECT_NE(kept.find("\"mode\": 0"), kept.npos) << kept;
+    EXPECT_NE(kept.find("\"client\": 0"), kept.npos) << kept;
 }
 
 // Why a method without reply refuses a request.

@@ -19,7 +19,7 @@ namespace overload_monitor = host::meaning::overload_monitor;
 
 class MemoryWatchTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MemoryWatchTest() : SimulatedDaemon(Kept()) { daemon->clock.SetZone({"UTC", 0}, "the test"); }
+    MemoryWatchTest() : SimulatedDaemon(Kept()) { daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient); }
 
     // All memory is 1000000 KiB.
     void Use(uint64_t kib) { machine.memory.available = 1'000'000 - kib; }
@@ -287,11 +287,11 @@ TEST_F(MemoryWatchTest, SaysWhatItExpects) {
     EXPECT_EQ(SetAnswer(700, 701).Reason(),
               "ends-below (uiValue2) is 701 ‰, expected at most begins-at (uiValue1), which is 700 ‰");
     EXPECT_EQ(Query(3).Reason(), "report (uiValue1) is 3, expected suspects (0), history (1) or overloads (2)");
-    EXPECT_EQ(ClearAnswer("").Reason(), R"(what (acValue1) is empty, expected "overload" or "leak")");
+    EXPECT_EQ(ClearAnswer("").Reason(), R"(what (acValue1) is empty, expected "overload", "leak" or "settings")");
     EXPECT_EQ(ClearAnswer("every\nthing").Reason(),
-              R"(what (acValue1) is "every thing", expected "overload" or "leak")");
+              R"(what (acValue1) is "every thing", expected "overload", "leak" or "settings")");
     EXPECT_EQ(ClearAnswer("overload", "x").Reason(),
-              R"(pattern (acValue2) is "x", expected none for the record of overloads)");
+              R"(pattern (acValue2) is "x", expected none for overloads and settings)");
 }
 
 TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {

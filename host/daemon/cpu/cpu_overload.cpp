@@ -10,7 +10,7 @@ namespace tarnd {
 namespace {
 
 constexpr const char *kDocument = "cpu-overload";
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2; // 1: who set the system's thresholds was not told
 
 host::Document ToDocument(const Thresholds &thresholds) {
     return host::Document::Object{
@@ -19,6 +19,11 @@ host::Document ToDocument(const Thresholds &thresholds) {
 
 Thresholds FromDocument(const host::Document &content) {
     return {content.Get<uint32_t>("over"), content.Get<uint32_t>("recover"), content.Get<uint32_t>("seconds")};
+}
+
+Thresholds Complete(Thresholds thresholds) {
+    thresholds.recover = thresholds.recover == 0 ? thresholds.over : thresholds.recover;
+    return thresholds;
 }
 
 std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const ProcessSample &to,
@@ -52,8 +57,13 @@ CpuOverload::CpuOverload(host::Store &store, Sampler &sampler, const host::procf
 }
 
 void CpuOverload::Load() {
-    store_.Load(kDocument, kVersion, [this](const host::Document &content) {
-        const Thresholds system = FromDocument(content.At("system"));
+    store_.Load(kDocument, kVersion, [this](const host::Document &content, uint32_t version) {
+        Setting<Thresholds> system{Thresholds{}};
+        if (version == 1) {
+            system.Set(Source::kMaster, Complete(FromDocument(content.At("system"))));
+        } else {
+            system.Take(content.At("system"), FromDocument);
+        }
         std::map<uint32_t, Watched> watched;
         for (const host::Document &process : content.ArrayAt("processes")) {
             Watched &entry = watched[process.Get<uint32_t>("pid")];
@@ -73,21 +83,43 @@ void CpuOverload::Save() const {
             {"pid", pid}, {"startTicks", watched.startTicks}, {"thresholds", ToDocument(watched.thresholds)}});
     }
     store_.Save(kDocument, kVersion,
-                host::Document::Object{{"system", ToDocument(thresholds_)}, {"processes", processes}});
+                host::Document::Object{{"system", thresholds_.ToDocument(ToDocument)}, {"processes", processes}});
 }
 
-void CpuOverload::SetSystem(const Thresholds &thresholds) {
+void CpuOverload::SetSystem(const Thresholds &thresholds, Source source) {
     const host::MutexLock lock(mutex_);
-    const Thresholds before = std::exchange(thresholds_, thresholds);
+    Setting<Thresholds> changed = thresholds_;
+    changed.Set(source, Complete(thresholds));
+    Change(changed);
+}
+
+void CpuOverload::ForgetClients() {
+    const host::MutexLock lock(mutex_);
+    Setting<Thresholds> changed = thresholds_;
+    changed.ForgetClients();
+    Change(changed);
+}
+
+void CpuOverload::Change(const Setting<Thresholds> &system) {
+    if (system == thresholds_) {
+        return;
+    }
+    const Setting<Thresholds> before = std::exchange(thresholds_, system);
     try {
         Save();
     } catch (...) {
         thresholds_ = before;
         throw;
     }
+    const Thresholds &value = system.Value();
+    host::Log().info("CPU overload: {}, from {}",
+                     value.over == 0 ? "off"
+                                     : fmt::format("begins at {} permille for {} s, ends below {}", value.over,
+                                                   value.seconds, value.recover),
+                     NameOf(system.From()));
 }
 
-Thresholds CpuOverload::System() const {
+Setting<Thresholds> CpuOverload::System() const {
     const host::MutexLock lock(mutex_);
     return thresholds_;
 }
@@ -180,7 +212,7 @@ void CpuOverload::Take(const SamplePtr &previous, const SamplePtr &latest) {
 
 void CpuOverload::TakeSystem(const SamplePtr &previous, const SamplePtr &latest) {
     const uint32_t permille = BusyPermille(previous->system.cpu, latest->system.cpu);
-    switch (system_.Follow(permille, thresholds_, previous, latest)) {
+    switch (system_.Follow(permille, thresholds_.Value(), previous, latest)) {
     case Crossing::Event::kBegins:
         if (const ProcessSample *const busiest = Busiest(*system_.Since(), *latest)) {
             ofSystem_ = Begin(*system_.Since(), *busiest, *latest);

@@ -12,6 +12,7 @@
 #include "host/daemon/cpu/crossing.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/sampler.h"
+#include "host/daemon/setting.h"
 #include "host/osal/mutex.h"
 #include "host/osal/work_queue.h"
 #include "host/store/store.h"
@@ -70,8 +71,11 @@ public:
     CpuOverload(const CpuOverload &) = delete;
     CpuOverload &operator=(const CpuOverload &) = delete;
 
-    void SetSystem(const Thresholds &thresholds);
-    Thresholds System() const;
+    // Without a share to end below, an overload ends below the one that it begins at. What is thrown when they can't be
+    // kept leaves the thresholds as they were; so for all that are set.
+    void SetSystem(const Thresholds &thresholds, Source source = Source::kClient);
+    void ForgetClients(); // what they have set for the system
+    Setting<Thresholds> System() const;
     void Watch(uint32_t pid, const Thresholds &thresholds);
     void Unwatch(uint32_t pid); // throws ENOENT
     size_t WatchedNumber() const;
@@ -84,6 +88,7 @@ public:
 private:
     void Load();
     void Save() const TARN_REQUIRES(mutex_); // which keeps documents in the order of their changes
+    void Change(const Setting<Thresholds> &system) TARN_REQUIRES(mutex_);
     void Take(const SamplePtr &previous, const SamplePtr &latest);
     void TakeSystem(const SamplePtr &previous, const SamplePtr &latest) TARN_REQUIRES(mutex_);
     void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous, const SamplePtr &latest)
@@ -98,7 +103,7 @@ private:
     const ReadStacks readStacks_;
 
     mutable host::Mutex mutex_;
-    Thresholds thresholds_ TARN_GUARDED_BY(mutex_);
+    Setting<Thresholds> thresholds_ TARN_GUARDED_BY(mutex_){Thresholds{}};
     Crossing system_ TARN_GUARDED_BY(mutex_);
     std::shared_ptr<Overload> ofSystem_ TARN_GUARDED_BY(mutex_); // that lasts
     std::map<uint32_t, Watched> watched_ TARN_GUARDED_BY(mutex_);

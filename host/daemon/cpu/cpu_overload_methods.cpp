@@ -1,6 +1,7 @@
 // The thresholds of CPU overloads, and what has been recorded of them.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/explain_source.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
@@ -49,7 +50,7 @@ std::vector<Tarn_sys_diag_CpuOvMonThread> Describe(uint32_t pid, const Watched &
 uint32_t SysOvLoadCpuThresholdSet(const Tarn_sys_diag_SysOvLoadCpuThreshold *request, void *replyCtx) {
     return host::AnswerResult(host::methods::SysOvLoadCpuThresholdSet, request, replyCtx, [&] {
         const auto &[beginsAt, endsBelow, mustLast] = *request;
-        tarnd::Daemon::Serving().cpuOverload.SetSystem({beginsAt, endsBelow == 0 ? beginsAt : endsBelow, mustLast});
+        tarnd::Daemon::Serving().cpuOverload.SetSystem({beginsAt, endsBelow, mustLast});
     });
 }
 
@@ -60,14 +61,15 @@ uint32_t SetCpuOvProcThreshold(const Tarn_sys_diag_SetCpuOvProcThresholdInput *r
 
 uint32_t OvloadCpuSwitchState(const Tarn_sys_diag_OvloadCpuSwitchInput *request, void *replyCtx) {
     return host::Answer(host::methods::OvloadCpuSwitchState, request, replyCtx, [](auto &reply) {
-        reply.uiSwitch = tarnd::Daemon::Serving().cpuOverload.System().over != 0 ? 1 : 0;
+        reply.uiSwitch = tarnd::Daemon::Serving().cpuOverload.System().Value().over != 0 ? 1 : 0;
     });
 }
 
 uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx) {
-    return host::Answer(host::methods::GetSysCpuOverloadCfg, request, replyCtx, [](auto &reply) {
+    return host::Answer(host::methods::GetSysCpuOverloadCfg, request, replyCtx, [&](auto &reply) {
         const tarnd::CpuOverload &overload = tarnd::Daemon::Serving().cpuOverload;
-        const tarnd::Thresholds thresholds = overload.System();
+        const tarnd::Setting<tarnd::Thresholds> system = overload.System();
+        const tarnd::Thresholds &thresholds = system.Value();
         auto &[beginsAt, endsBelow, mustLast, watched, sampleInterval, overloads] = reply.Members();
         beginsAt = thresholds.over;
         endsBelow = thresholds.recover;
@@ -75,6 +77,7 @@ uint32_t GetSysCpuOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx)
         watched = static_cast<uint32_t>(overload.WatchedNumber());
         sampleInterval = static_cast<uint32_t>(tarnd::Daemon::Serving().sampler.Interval().count());
         overloads = overload.RecordNumber();
+        tarnd::ExplainSource(replyCtx, "thresholds", system.From());
     });
 }
 

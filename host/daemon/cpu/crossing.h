@@ -12,6 +12,8 @@ struct Thresholds {
     uint32_t over = 0;    // an overload begins at this; 0: none does
     uint32_t recover = 0; // and ends below this
     uint32_t seconds = 0; // that the use must last
+
+    bool operator==(const Thresholds &) const = default;
 };
 
 // Follows a share over the samples.

@@ -26,7 +26,8 @@ namespace measurement_time = host::meaning::measurement_time;
 
 constexpr char kSettings[] = "measurement";
 constexpr char kBaseline[] = "measurement-baseline";
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kSettingsVersion = 2; // 1: who set them was not told
+constexpr uint32_t kBaselineVersion = 1;
 // Why there is no answer, besides what the status says.
 constexpr char kGivenUp[] = "the measurement was given up";
 
@@ -52,6 +53,14 @@ uint32_t CheckedMode(uint32_t mode) {
     const Tarn_sys_diag_DimWorkModeCfg request{mode};
     host::meaning::Check(*host::methods::TarnSetDimWorkModeCfgByTarnd.request, &request);
     return mode;
+}
+
+MeasurementTimes TimesOf(const Document &content) {
+    return Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
+}
+
+Document TimesDocument(const MeasurementTimes &times) {
+    return Document::Object{{"hour", times.hour}, {"minute", times.minute}};
 }
 
 Measurement::State NothingMeasured() {
@@ -103,8 +112,7 @@ std::chrono::milliseconds MeasurementTimes::Period() const {
 
 Measurement::Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store,
                          LocalClock &clock, Timers &timers, uint64_t bytesPerSecond)
-    : clocks_(clocks), proc_(proc), store_(store), clock_(clock),
-      timers_(timers), times_{measurement_time::kEveryMinutes, 0}, mode_(measurement_mode::kReport),
+    : clocks_(clocks), proc_(proc), store_(store), clock_(clock), timers_(timers), settings_(Defaults()),
       state_(NothingMeasured()),
       timer_(timers.Add(
           "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this)),
@@ -131,48 +139,94 @@ Measurement::~Measurement() {
 
 void Measurement::Load() {
     const host::MutexLock lock(mutex_);
-    store_.Load(kSettings, kVersion, [this](const Document &content) TARN_REQUIRES(mutex_) {
-        const MeasurementTimes times = Checked({content.Get<uint8_t>("hour"), content.Get<uint8_t>("minute")});
-        mode_ = CheckedMode(content.Get<uint32_t>("mode"));
-        times_ = times;
+    store_.Load(kSettings, kSettingsVersion, [this](const Document &content, uint32_t version) TARN_REQUIRES(mutex_) {
+        settings_ = Parse(content, version);
     });
-    store_.Load(kBaseline, kVersion,
+    store_.Load(kBaseline, kBaselineVersion,
                 [this](const Document &content) TARN_REQUIRES(mutex_) { baseline_ = FromDocument(content); });
 }
 
-void Measurement::Set(MeasurementTimes times, uint32_t mode) {
-    store_.Save(kSettings, kVersion, Document::Object{{"hour", times.hour}, {"minute", times.minute}, {"mode", mode}});
-    times_ = times;
-    mode_ = mode;
-    Arm();
+Measurement::Settings Measurement::Defaults() {
+    return {Setting(MeasurementTimes{measurement_time::kEveryMinutes, 0}),
+            Setting(static_cast<uint32_t>(measurement_mode::kReport))};
+}
+
+Measurement::Settings Measurement::Parse(const Document &content, uint32_t version) {
+    Settings settings = Defaults();
+    if (version == 1) {
+        settings.times.Set(Source::kMaster, TimesOf(content));
+        settings.mode.Set(Source::kMaster, CheckedMode(content.Get<uint32_t>("mode")));
+    } else {
+        settings.times.Take(content.At("times"), TimesOf);
+        settings.mode.Take(content.At("mode"), [](const Document &mode) { return CheckedMode(mode.As<uint32_t>()); });
+    }
+    return settings;
+}
+
+// A timer whose setting stays goes on.
+void Measurement::Change(const Settings &changed) {
+    if (changed == settings_) {
+        return;
+    }
+    store_.Save(kSettings, kSettingsVersion,
+                Document::Object{{"times", changed.times.ToDocument(TimesDocument)},
+                                 {"mode", changed.mode.ToDocument([](uint32_t mode) { return Document(mode); })}});
+    const std::optional<MeasurementTimes> before = settings_.Times();
+    settings_ = changed;
+    if (settings_.Times() != before) {
+        Arm();
+    }
+    const MeasurementTimes &times = settings_.times.Value();
+    host::Log().info("measurement times {} {} from {}, work mode {} from {}", times.hour, times.minute,
+                     NameOf(settings_.times.From()), settings_.mode.Value(), NameOf(settings_.mode.From()));
 }
 
 // ---- When ----
 
-void Measurement::SetTimes(MeasurementTimes times) {
+void Measurement::SetTimes(MeasurementTimes times, Source source) {
     const host::MutexLock lock(mutex_);
-    Set(Checked(times), mode_);
-    host::Log().info("measurement times {} {}", times_.hour, times_.minute);
+    Settings changed = settings_;
+    changed.times.Set(source, Checked(times));
+    Change(changed);
 }
 
-void Measurement::SetMode(uint32_t mode) {
+void Measurement::SetMode(uint32_t mode, Source source) {
     const host::MutexLock lock(mutex_);
-    Set(times_, CheckedMode(mode));
-    host::Log().info("measurement work mode {}", mode_);
+    Settings changed = settings_;
+    changed.mode.Set(source, CheckedMode(mode));
+    Change(changed);
 }
 
-bool Measurement::IsByTime() const {
-    return mode_ != measurement_mode::kOff && !times_.IsNever();
+void Measurement::ForgetClients() {
+    const host::MutexLock lock(mutex_);
+    Settings changed = settings_;
+    changed.times.ForgetClients();
+    changed.mode.ForgetClients();
+    Change(changed);
+}
+
+Source Measurement::SourceOfTimes() const {
+    const host::MutexLock lock(mutex_);
+    return settings_.times.From();
+}
+
+bool Measurement::Settings::IsByTime() const {
+    return mode.Value() != measurement_mode::kOff && !times.Value().IsNever();
+}
+
+std::optional<MeasurementTimes> Measurement::Settings::Times() const {
+    return IsByTime() ? std::optional(times.Value()) : std::nullopt;
 }
 
 void Measurement::Arm() {
+    const std::optional<MeasurementTimes> times = settings_.Times();
     daily_.reset();
-    if (!IsByTime()) {
+    if (!times) {
         timers_.Cancel(timer_);
-    } else if (times_.Period() != 0ms) {
-        timers_.Every(timer_, times_.Period());
+    } else if (times->Period() != 0ms) {
+        timers_.Every(timer_, times->Period());
     } else {
-        daily_.emplace(std::chrono::hours(times_.hour) + std::chrono::minutes(times_.minute), clock_.LocalNow());
+        daily_.emplace(std::chrono::hours(times->hour) + std::chrono::minutes(times->minute), clock_.LocalNow());
         WaitForTimeOfDay();
     }
 }
@@ -192,7 +246,7 @@ void Measurement::WaitForTimeOfDay() {
 
 void Measurement::Expire() {
     const host::MutexLock lock(mutex_);
-    if (!IsByTime()) {
+    if (!settings_.IsByTime()) {
         return; // it has just been switched off
     }
     const bool due = !daily_ || daily_->Take(clock_.LocalNow());
@@ -216,7 +270,7 @@ bool Measurement::Operate(uint32_t operation, MeasurementWaiter waiter) {
         Enqueue(Kind::kRecord, std::move(waiter));
         return true;
     case measurement_operation::kForget:
-        store_.Save(kBaseline, kVersion, ToDocument({}));
+        store_.Save(kBaseline, kBaselineVersion, ToDocument({}));
         baseline_.clear();
         state_ = NothingMeasured();
         host::Log().info("measurement: the baseline is forgotten");
@@ -336,7 +390,7 @@ uint32_t Measurement::WhyUnwanted(const Job &job) const {
 
 void Measurement::Record(const Survey &survey) {
     const host::MutexLock lock(mutex_);
-    store_.Save(kBaseline, kVersion, ToDocument(survey.files));
+    store_.Save(kBaseline, kBaselineVersion, ToDocument(survey.files));
     baseline_ = survey.files;
     state_ = {measurement_state::kAsRecorded, fmt::format("{} files recorded; {}", baseline_.size(), Scope(survey))};
 }
@@ -362,7 +416,7 @@ void Measurement::Conclude(const Survey &survey, const Comparison &comparison) {
     }
     const std::set<std::string> &changed = comparison.Changed();
     std::set<std::string> added = comparison.Added();
-    if (mode_ == measurement_mode::kLearn && !added.empty()) {
+    if (settings_.mode.Value() == measurement_mode::kLearn && !added.empty()) {
         Learn(survey, added);
         added.clear();
     }
@@ -382,7 +436,7 @@ void Measurement::Learn(const Survey &survey, const std::set<std::string> &added
     for (const std::string &path : added) {
         baseline[path] = survey.files.at(path);
     }
-    store_.Save(kBaseline, kVersion, ToDocument(baseline));
+    store_.Save(kBaseline, kBaselineVersion, ToDocument(baseline));
     baseline_ = std::move(baseline);
 }
 

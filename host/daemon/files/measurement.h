@@ -14,6 +14,7 @@
 #include "host/clock/daily.h"
 #include "host/daemon/files/comparison.h"
 #include "host/daemon/files/survey.h"
+#include "host/daemon/setting.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/daemon/time/timers.h"
 #include "host/meaning/choices.h"
@@ -31,6 +32,8 @@ struct MeasurementTimes {
 
     bool IsNever() const;
     std::chrono::milliseconds Period() const; // 0: once a day
+
+    bool operator==(const MeasurementTimes &) const = default;
 };
 
 // Who asked for a measurement and waits for its end.
@@ -50,8 +53,10 @@ public:
     Measurement &operator=(const Measurement &) = delete;
     ~Measurement(); // gives up what runs
 
-    void SetTimes(MeasurementTimes times);
-    void SetMode(uint32_t mode);
+    void SetTimes(MeasurementTimes times, Source source = Source::kClient);
+    void SetMode(uint32_t mode, Source source = Source::kClient);
+    void ForgetClients(); // what they have set
+    Source SourceOfTimes() const;
 
     // True when the waiter will be answered, once the work is done.
     bool Operate(uint32_t operation, MeasurementWaiter waiter);
@@ -73,9 +78,18 @@ private:
     };
 
     // When.
+    struct Settings {
+        Setting<MeasurementTimes> times;
+        Setting<uint32_t> mode;
+
+        bool IsByTime() const;
+        std::optional<MeasurementTimes> Times() const; // none: not by time
+        bool operator==(const Settings &) const = default;
+    };
+    static Settings Defaults();
+    static Settings Parse(const host::Document &content, uint32_t version);
     void Load();
-    void Set(MeasurementTimes times, uint32_t mode) TARN_REQUIRES(mutex_); // once it is kept
-    bool IsByTime() const TARN_REQUIRES(mutex_);
+    void Change(const Settings &changed) TARN_REQUIRES(mutex_); // once it is kept
     void Arm() TARN_REQUIRES(mutex_);
     void ArmByClock();
     void WaitForTimeOfDay() TARN_REQUIRES(mutex_);
@@ -106,8 +120,7 @@ private:
     uint64_t lastJob_ TARN_GUARDED_BY(mutex_) = 0;
     uint64_t cancelledJob_ TARN_GUARDED_BY(mutex_) = 0; // and all before it
     bool ends_ TARN_GUARDED_BY(mutex_) = false;
-    MeasurementTimes times_ TARN_GUARDED_BY(mutex_);
-    uint32_t mode_ TARN_GUARDED_BY(mutex_);
+    Settings settings_ TARN_GUARDED_BY(mutex_);
     FileDigests baseline_ TARN_GUARDED_BY(mutex_);
     State state_ TARN_GUARDED_BY(mutex_);
     State soFar_ TARN_GUARDED_BY(mutex_) = {host::meaning::measurement_state::kRuns, ""}; // of the work under way

@@ -1,6 +1,7 @@
 // Measurement.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/explain_source.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 using tarnd::Daemon;
@@ -33,11 +34,12 @@ uint32_t TarnSetDimWorkModeCfgByTarnd(const Tarn_sys_diag_DimWorkModeCfg *reques
 }
 
 uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *request, void *replyCtx) {
-    return host::Answer(host::methods::TarnGetDimMeasRstByTarnd, request, replyCtx, [](auto &reply) {
+    return host::Answer(host::methods::TarnGetDimMeasRstByTarnd, request, replyCtx, [&](auto &reply) {
         const tarnd::Measurement::State last = Daemon::Serving().measurement.Last();
         auto &[state, text, differences] = reply.Members();
         state = last.code;
         host::CopyText(text, last.text);
         differences = last.differences;
+        tarnd::ExplainSource(replyCtx, "times", Daemon::Serving().measurement.SourceOfTimes());
     });
 }

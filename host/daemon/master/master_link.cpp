@@ -14,7 +14,6 @@ namespace tarnd {
 
 namespace {
 
-constexpr const char *kSource = "the master";
 constexpr const char *kSystem = "system"; // whose overload configuration the daemon follows
 
 } // namespace
@@ -23,6 +22,13 @@ void MasterLink::Greet() {
     const host::MutexLock lock(mutex_);
     greets_ = true;
     TellDue();
+}
+
+void MasterLink::ForgetClients() {
+    localClock_.ForgetClients();
+    cpuOverload_.ForgetClients();
+    memoryOverload_.ForgetClients();
+    measurement_.ForgetClients();
 }
 
 void MasterLink::TellMemoryThresholds() {
@@ -70,7 +76,7 @@ void MasterLink::RunDue() {
 }
 
 void MasterLink::SendMemoryThresholds() {
-    const MemoryThresholds thresholds = memoryOverload_.Thresholds();
+    const MemoryThresholds thresholds = memoryOverload_.Thresholds().Value();
     Tarn_sys_diag_OvLoadMemCtlOutput request{};
     auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = request;
     host::CopyText(name, kSystem);
@@ -87,14 +93,14 @@ void MasterLink::FetchClock() {
         const auto &[source, zone] = reply;
         if (source == host::meaning::settings_source::kConfigured) {
             host::meaning::Check(host::methods::SetTimezone, {zone});
-            localClock_.SetZone(host::FromRecord(zone), kSource);
+            localClock_.SetZone(host::FromRecord(zone), Source::kMaster);
             zoned = true;
         }
     });
     line_.Ask("GetDst", TarnSysdiagMaster_GetDst, Tarn_sys_diag_None{}, [&](const auto &reply) {
         if (zoned) { // a zone without a rule saves no daylight
             host::meaning::Check(host::methods::SetDst, {reply.stDst});
-            localClock_.SetDst(host::FromRecord(reply.stDst), kSource);
+            localClock_.SetDst(host::FromRecord(reply.stDst), Source::kMaster);
         }
     });
 }
@@ -105,16 +111,14 @@ void MasterLink::FetchOverload() {
     line_.Ask("GetCpuOvLoadCfgInfo", TarnSysdiagMaster_GetCpuOvLoadCfgInfo, ofCpu, [this](const auto &reply) {
         const auto &[name, variant, beginsAt, endsBelow, mustLast, timesRead] = reply;
         host::meaning::Check(host::methods::SysOvLoadCpuThresholdSet, {beginsAt, endsBelow, mustLast});
-        cpuOverload_.SetSystem({beginsAt, endsBelow, mustLast});
-        host::Log().info("CPU overload {} to {} permille from {}", beginsAt, endsBelow, kSource);
+        cpuOverload_.SetSystem({beginsAt, endsBelow, mustLast}, Source::kMaster);
     });
     Tarn_sys_diag_OvLoadMemCtlInput ofMemory{};
     host::CopyText(ofMemory.acName1, kSystem);
     line_.Ask("GetMemoryOvLoadCfgInfo", TarnSysdiagMaster_GetMemoryOvLoadCfgInfo, ofMemory, [this](const auto &reply) {
         const auto &[name, variant, beginsAt, endsBelow, state, changedBy, changes, changedAt] = reply;
         host::meaning::Check(host::methods::SysOvLoadMemThresholdSet, {beginsAt, endsBelow});
-        memoryOverload_.Set({beginsAt, endsBelow});
-        host::Log().info("memory overload {} to {} permille from {}", beginsAt, endsBelow, kSource);
+        memoryOverload_.Set({beginsAt, endsBelow}, Source::kMaster);
     });
 }
 
@@ -123,12 +127,12 @@ void MasterLink::FetchMeasurement() {
               [this](const auto &reply) {
                   host::meaning::Check(host::methods::TarnSetDimTimeCfgByTarnd, reply);
                   const auto &[hour, minute] = reply;
-                  measurement_.SetTimes({hour, minute});
+                  measurement_.SetTimes({hour, minute}, Source::kMaster);
               });
     line_.Ask("SysdiagGetDimWorkMode", TarnSysdiagMaster_SysdiagGetDimWorkMode, Tarn_sys_diag_None{},
               [this](const auto &reply) {
                   host::meaning::Check(host::methods::TarnSetDimWorkModeCfgByTarnd, reply);
-                  measurement_.SetMode(reply.uiWorkMode);
+                  measurement_.SetMode(reply.uiWorkMode, Source::kMaster);
               });
 }
 

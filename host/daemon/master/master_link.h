@@ -25,6 +25,9 @@ public:
     // Has the daemon announced, and the master's configuration fetched.
     void Greet();
 
+    // What clients have set of what the master sets as well is given up for what the master has.
+    void ForgetClients();
+
     // Has the master told the memory thresholds that hold now; as soon as it is there, if it is not.
     void TellMemoryThresholds();
 

@@ -11,19 +11,34 @@ namespace tarnd {
 namespace {
 
 constexpr char kDocument[] = "memory-overload";
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2; // 1: who set the thresholds was not told
 
 // The master and what was stored keep to what a client must keep to.
-const MemoryThresholds &Checked(const MemoryThresholds &thresholds) {
+MemoryThresholds Checked(MemoryThresholds thresholds) {
     const Tarn_sys_diag_SysOvLoadMemThreshold request{thresholds.over, thresholds.recover};
     host::meaning::Check(*host::methods::SysOvLoadMemThresholdSet.request, &request);
+    thresholds.recover = thresholds.recover == 0 ? thresholds.over : thresholds.recover;
     return thresholds;
 }
 
-MemoryThresholds Kept(host::Store &store) {
-    MemoryThresholds thresholds;
-    store.Load(kDocument, kVersion, [&](const host::Document &content) {
-        thresholds = Checked({content.Get<uint32_t>("over"), content.Get<uint32_t>("recover")});
+MemoryThresholds FromDocument(const host::Document &content) {
+    return Checked({content.Get<uint32_t>("over"), content.Get<uint32_t>("recover")});
+}
+
+host::Document ToDocument(const MemoryThresholds &thresholds) {
+    return host::Document::Object{{"over", thresholds.over}, {"recover", thresholds.recover}};
+}
+
+Setting<MemoryThresholds> Kept(host::Store &store) {
+    Setting<MemoryThresholds> thresholds{MemoryThresholds{}};
+    store.Load(kDocument, kVersion, [&](const host::Document &content, uint32_t version) {
+        Setting<MemoryThresholds> kept{MemoryThresholds{}};
+        if (version == 1) {
+            kept.Set(Source::kMaster, FromDocument(content));
+        } else {
+            kept.Take(content, FromDocument);
+        }
+        thresholds = kept;
     });
     return thresholds;
 }
@@ -34,19 +49,34 @@ MemoryOverload::MemoryOverload(host::Store &store, Sampler &sampler) : store_(st
     sampler.OnSample("memory overload", [this](const SamplePtr &, const SamplePtr &latest) { Take(*latest); });
 }
 
-void MemoryOverload::Set(const MemoryThresholds &thresholds) {
-    Checked(thresholds);
+void MemoryOverload::Set(const MemoryThresholds &thresholds, Source source) {
     const host::MutexLock lock(mutex_);
-    store_.Save(kDocument, kVersion,
-                host::Document::Object{{"over", thresholds.over}, {"recover", thresholds.recover}});
-    thresholds_ = thresholds;
-    host::Log().info("memory overload: {}", thresholds.over == 0
-                                                ? "off"
-                                                : fmt::format("begins at {} permille in use, ends below {}",
-                                                              thresholds.over, thresholds.recover));
+    Setting<MemoryThresholds> changed = thresholds_;
+    changed.Set(source, Checked(thresholds));
+    Change(changed);
 }
 
-MemoryThresholds MemoryOverload::Thresholds() const {
+void MemoryOverload::ForgetClients() {
+    const host::MutexLock lock(mutex_);
+    Setting<MemoryThresholds> changed = thresholds_;
+    changed.ForgetClients();
+    Change(changed);
+}
+
+void MemoryOverload::Change(const Setting<MemoryThresholds> &changed) {
+    if (changed == thresholds_) {
+        return;
+    }
+    store_.Save(kDocument, kVersion, changed.ToDocument(ToDocument));
+    thresholds_ = changed;
+    const MemoryThresholds &value = changed.Value();
+    host::Log().info(
+        "memory overload: {}, from {}",
+        value.over == 0 ? "off" : fmt::format("begins at {} permille in use, ends below {}", value.over, value.recover),
+        NameOf(changed.From()));
+}
+
+Setting<MemoryThresholds> MemoryOverload::Thresholds() const {
     const host::MutexLock lock(mutex_);
     return thresholds_;
 }
@@ -64,7 +94,8 @@ void MemoryOverload::Clear() {
 void MemoryOverload::Take(const Sample &sample) {
     const uint32_t used = UsedPermille(sample.system.memory);
     const host::MutexLock lock(mutex_);
-    const bool over = thresholds_.over != 0 && used >= (record_.lasts ? thresholds_.recover : thresholds_.over);
+    const MemoryThresholds &thresholds = thresholds_.Value();
+    const bool over = thresholds.over != 0 && used >= (record_.lasts ? thresholds.recover : thresholds.over);
     if (over == record_.lasts) {
         return;
     }

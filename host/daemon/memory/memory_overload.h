@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/daemon/sampling/sampler.h"
+#include "host/daemon/setting.h"
 #include "host/osal/mutex.h"
 #include "host/store/store.h"
 
@@ -15,7 +16,9 @@ namespace tarnd {
 // Shares of all memory, in permille.
 struct MemoryThresholds {
     uint32_t over = 900;    // an overload begins at this; 0: none does
-    uint32_t recover = 850; // and ends below this
+    uint32_t recover = 850; // and ends below this; 0: below the same
+
+    bool operator==(const MemoryThresholds &) const = default;
 };
 
 struct MemoryEvent {
@@ -35,8 +38,9 @@ public:
     MemoryOverload(host::Store &store, Sampler &sampler);
 
     // Kept beyond a restart; what is thrown when that fails leaves the thresholds as they were.
-    void Set(const MemoryThresholds &thresholds);
-    MemoryThresholds Thresholds() const;
+    void Set(const MemoryThresholds &thresholds, Source source = Source::kClient);
+    void ForgetClients();
+    Setting<MemoryThresholds> Thresholds() const;
 
     struct Record {
         bool lasts = false;             // an overload, at this moment
@@ -51,9 +55,11 @@ public:
     void Take(const Sample &sample);
 
 private:
+    void Change(const Setting<MemoryThresholds> &changed) TARN_REQUIRES(mutex_);
+
     host::Store &store_;
     mutable host::Mutex mutex_;
-    MemoryThresholds thresholds_ TARN_GUARDED_BY(mutex_);
+    Setting<MemoryThresholds> thresholds_ TARN_GUARDED_BY(mutex_);
     Record record_ TARN_GUARDED_BY(mutex_);
 };
 

@@ -1,6 +1,7 @@
 // Memory overloads: what was recorded, and the thresholds.
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/explain_source.h"
 #include "host/daemon/memory/memory_use.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
@@ -16,11 +17,12 @@ void ClearEnvironment(const Tarn_sys_diag_ClearEnvActInput &request) {
     const std::string_view names = host::TextOf(pattern);
     if (host::TextOf(what) == fresh_start::kLeak.name) {
         Daemon::Serving().memoryLeaks.Mark(std::string(names));
-    } else if (names.empty()) {
-        Daemon::Serving().memoryOverload.Clear();
+    } else if (!names.empty()) {
+        throw host::meaning::BadMember(host::methods::ClearEnvAct, "pattern", names, "none for overloads and settings");
+    } else if (host::TextOf(what) == fresh_start::kSettings.name) {
+        Daemon::Serving().masterLink.ForgetClients();
     } else {
-        throw host::meaning::BadMember(host::methods::ClearEnvAct, "pattern", names,
-                                       "none for the record of overloads");
+        Daemon::Serving().memoryOverload.Clear();
     }
 }
 
@@ -52,28 +54,30 @@ uint32_t GetSysMemOverloadStat(const Tarn_sys_diag_None *request, void *replyCtx
 uint32_t GetSysMemOverloadSw(const Tarn_sys_diag_None *request, void *replyCtx) {
     return host::Answer(host::methods::GetSysMemOverloadSw, request, replyCtx, [](auto &reply) {
         auto &[on, debug] = reply.Members();
-        on = Daemon::Serving().memoryOverload.Thresholds().over != 0 ? 1 : 0;
+        on = Daemon::Serving().memoryOverload.Thresholds().Value().over != 0 ? 1 : 0;
         debug = Daemon::Serving().overloadDebug.IsOn(host::meaning::overload_monitor::kMemory) ? 1 : 0;
     });
 }
 
 uint32_t GetSysMemOverloadCfg(const Tarn_sys_diag_None *request, void *replyCtx) {
-    return host::Answer(host::methods::GetSysMemOverloadCfg, request, replyCtx, [](auto &reply) {
+    return host::Answer(host::methods::GetSysMemOverloadCfg, request, replyCtx, [&](auto &reply) {
         const Daemon &daemon = Daemon::Serving();
-        const tarnd::MemoryThresholds thresholds = daemon.memoryOverload.Thresholds();
+        const tarnd::Setting<tarnd::MemoryThresholds> setting = daemon.memoryOverload.Thresholds();
+        const tarnd::MemoryThresholds &thresholds = setting.Value();
         auto &[beginsAt, endsBelow, inUse, sampleInterval, overloads] = reply.Members();
         beginsAt = thresholds.over;
         endsBelow = thresholds.recover;
         inUse = tarnd::UsedPermille(daemon.sampler.Latest()->system.memory);
         sampleInterval = static_cast<uint32_t>(daemon.sampler.Interval().count());
         overloads = daemon.memoryOverload.TheRecord().overloads;
+        tarnd::ExplainSource(replyCtx, "thresholds", setting.From());
     });
 }
 
 uint32_t SysOvLoadMemThresholdSet(const Tarn_sys_diag_SysOvLoadMemThreshold *request, void *replyCtx) {
     return host::AnswerResult(host::methods::SysOvLoadMemThresholdSet, request, replyCtx, [&] {
         const auto &[beginsAt, endsBelow] = *request;
-        Daemon::Serving().memoryOverload.Set({beginsAt, endsBelow == 0 ? beginsAt : endsBelow});
+        Daemon::Serving().memoryOverload.Set({beginsAt, endsBelow});
         Daemon::Serving().masterLink.TellMemoryThresholds();
     });
 }

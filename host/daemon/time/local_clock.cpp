@@ -20,7 +20,7 @@ using host::LocalMillis;
 using host::Millis;
 
 constexpr const char *kDocument = "clock";
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;               // 1: who set zone and rule was not told
 constexpr const char *kTime = "time (stTime)"; // what requests call it
 constexpr const char *kZones = "/usr/share/zoneinfo";
 
@@ -41,9 +41,7 @@ void LinkZone(const std::filesystem::path &link, const std::string &zone) {
 void SetSystemClock(GmtTime to) {
     const auto sinceEpoch = to.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
-    timespec time{};
-    time.tv_sec = static_cast<time_t>(seconds.count());
-    time.tv_nsec = static_cast<long>(std::chrono::nanoseconds(sinceEpoch - seconds).count());
+    const timespec time{seconds.count(), std::chrono::nanoseconds(sinceEpoch - seconds).count()};
     if (clock_settime(CLOCK_REALTIME, &time) != 0) {
         host::Fail(errno, "the system's clock");
     }
@@ -57,34 +55,51 @@ host::DateFormat DateFormatOf(const Document &content) {
     return static_cast<host::DateFormat>(format);
 }
 
-Document ToDocument(const ClockSettings &settings) {
-    Document::Object content{{"shiftMs", settings.shift.count()},
-                             {"dateFormat", static_cast<uint32_t>(settings.dateFormat)}};
-    if (settings.zone) {
-        content["zone"] =
-            Document::Object{{"name", settings.zone->name}, {"offsetMinutes", settings.zone->offsetMinutes}};
-    }
-    if (settings.dst) {
-        content["dst"] = Document::Object{{"name", settings.dst->name},
-                                          {"offsetMinutes", settings.dst->offsetMinutes},
-                                          {"start", host::TextOf(settings.dst->start)},
-                                          {"end", host::TextOf(settings.dst->end)}};
-    }
-    return content;
+std::optional<host::Zone> ZoneOf(const Document &content) {
+    return host::CheckedZone({content.Get<std::string>("name"), content.Get<int32_t>("offsetMinutes")});
 }
 
-ClockSettings FromDocument(const Document &content) {
+Document ZoneDocument(const std::optional<host::Zone> &zone) {
+    return Document::Object{{"name", zone->name}, {"offsetMinutes", zone->offsetMinutes}}; // only a zone is set
+}
+
+std::optional<host::DstRule> RuleOf(const Document &content) {
+    if (content.IsNull()) {
+        return std::nullopt; // daylight saving was switched off
+    }
+    return host::CheckedRule({content.Get<std::string>("name"), content.Get<uint32_t>("offsetMinutes"),
+                              host::ParseChange(content.Get<std::string>("start")),
+                              host::ParseChange(content.Get<std::string>("end"))});
+}
+
+Document RuleDocument(const std::optional<host::DstRule> &rule) {
+    if (!rule) {
+        return nullptr;
+    }
+    return Document::Object{{"name", rule->name},
+                            {"offsetMinutes", rule->offsetMinutes},
+                            {"start", host::TextOf(rule->start)},
+                            {"end", host::TextOf(rule->end)}};
+}
+
+Document ToDocument(const ClockSettings &settings) {
+    return Document::Object{{"shiftMs", settings.shift.count()},
+                            {"dateFormat", static_cast<uint32_t>(settings.dateFormat)},
+                            {"zone", settings.zone.ToDocument(ZoneDocument)},
+                            {"dst", settings.dst.ToDocument(RuleDocument)}};
+}
+
+ClockSettings FromDocument(const Document &content, uint32_t version) {
     ClockSettings settings;
     settings.shift = Millis(content.Get<int64_t>("shiftMs"));
     settings.dateFormat = DateFormatOf(content);
-    if (const Document *const zone = content.Find("zone")) {
-        settings.zone = host::CheckedZone({zone->Get<std::string>("name"), zone->Get<int32_t>("offsetMinutes")});
-    }
-    if (const Document *const dst = content.Find("dst")) {
-        settings.dst = host::CheckedRule({dst->Get<std::string>("name"), dst->Get<uint32_t>("offsetMinutes"),
-                                          host::ParseChange(dst->Get<std::string>("start")),
-                                          host::ParseChange(dst->Get<std::string>("end"))});
-    }
+    const auto take = [&](const char *key, auto &setting, auto parse) {
+        if (const Document *const found = content.Find(key)) {
+            version == 1 ? setting.Set(Source::kMaster, parse(*found)) : setting.Take(*found, parse);
+        }
+    };
+    take("zone", settings.zone, ZoneOf);
+    take("dst", settings.dst, RuleOf);
     return settings;
 }
 
@@ -93,27 +108,44 @@ ClockSettings FromDocument(const Document &content) {
 LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink)
     : clocks_(clocks), store_(store), zoneLink_(std::move(zoneLink)) {
     const host::MutexLock lock(mutex_);
-    store_.Load(kDocument, kVersion,
-                [this](const Document &content) TARN_REQUIRES(mutex_) { settings_ = FromDocument(content); });
+    store_.Load(kDocument, kVersion, [this](const Document &content, uint32_t version) TARN_REQUIRES(mutex_) {
+        settings_ = FromDocument(content, version);
+    });
 }
 
-void LocalClock::SetZone(const host::Zone &zone, const char *source) {
+void LocalClock::SetZone(const host::Zone &zone, Source source) {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
-    changed.zone = host::CheckedZone(zone);
-    if (zoneLink_) {
+    changed.zone.Set(source, host::CheckedZone(zone));
+    if (zoneLink_ && changed.zone.From() == source) {
         LinkZone(*zoneLink_, zone.name);
     }
-    const std::string before = settings_.zone ? host::TextOf(*settings_.zone) : "the system's";
-    Change(std::move(changed), fmt::format("time zone {} from {}, before {}", host::TextOf(zone), source, before));
+    const std::string text = fmt::format("time zone {} from {}", host::TextOf(zone), NameOf(source));
+    const std::string before = settings_.Zone() ? host::TextOf(*settings_.Zone()) : "the system's";
+    Change(changed, changed.zone.From() == source ? fmt::format("{}, before {}", text, before)
+                                                  : fmt::format("{}; a client's {} holds", text, before));
 }
 
-void LocalClock::SetDst(const std::optional<host::DstRule> &rule, const char *source) {
+void LocalClock::SetDst(const std::optional<host::DstRule> &rule, Source source) {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
-    changed.dst = rule ? std::optional(host::CheckedRule(*rule)) : std::nullopt;
-    Change(std::move(changed), fmt::format("daylight saving {} from {}, before {}", host::TextOf(rule), source,
-                                           host::TextOf(settings_.dst)));
+    changed.dst.Set(source, rule ? std::optional(host::CheckedRule(*rule)) : std::nullopt);
+    const std::string text = fmt::format("daylight saving {} from {}", host::TextOf(rule), NameOf(source));
+    const std::string before = host::TextOf(settings_.Dst());
+    Change(changed, changed.dst.From() == source ? fmt::format("{}, before {}", text, before)
+                                                 : fmt::format("{}; a client's {} holds", text, before));
+}
+
+void LocalClock::ForgetClients() {
+    const host::MutexLock lock(mutex_);
+    ClockSettings changed = settings_;
+    changed.zone.ForgetClients();
+    changed.dst.ForgetClients();
+    if (zoneLink_ && changed.Zone() && changed.Zone() != settings_.Zone()) {
+        LinkZone(*zoneLink_, changed.Zone()->name);
+    }
+    Change(changed, fmt::format("time zone from {}, daylight saving from {}", NameOf(changed.zone.From()),
+                                NameOf(changed.dst.From())));
 }
 
 void LocalClock::SetGmt(const Tarn_sys_diag_Systime &time) {
@@ -124,8 +156,8 @@ void LocalClock::SetGmt(const Tarn_sys_diag_Systime &time) {
 void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     const host::MutexLock lock(mutex_);
     const LocalMillis local = host::FromRecord(time, kTime);
-    if (settings_.zone) {
-        SetNow(host::WallClock(*settings_.zone, settings_.dst).ToGmt(local));
+    if (settings_.Zone()) {
+        SetNow(host::WallClock(*settings_.Zone(), settings_.Dst()).ToGmt(local));
         return;
     }
     tm fields{};
@@ -168,7 +200,7 @@ std::string LocalClock::Text(host::WallTime when, host::Precision precision) con
 std::string LocalClock::PosixZone() const {
     const host::MutexLock lock(mutex_);
     const GmtTime now = std::chrono::floor<Millis>(clocks_.WallNow()) + settings_.shift;
-    return settings_.zone ? host::PosixText(*settings_.zone, settings_.dst, now) : "";
+    return settings_.Zone() ? host::PosixText(*settings_.Zone(), settings_.Dst(), now) : "";
 }
 
 std::string LocalClock::TextWithoutZone(host::WallTime when) const {
@@ -177,11 +209,11 @@ std::string LocalClock::TextWithoutZone(host::WallTime when) const {
 }
 
 host::ZonedTime LocalClock::Local(host::WallTime when) const {
-    if (!settings_.zone) {
+    if (!settings_.Zone()) {
         return host::SystemsTime(when + settings_.shift);
     }
     const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
-    const LocalMillis local = host::WallClock(*settings_.zone, settings_.dst).ToLocal(gmt);
+    const LocalMillis local = host::WallClock(*settings_.Zone(), settings_.Dst()).ToLocal(gmt);
     return {local, std::chrono::floor<std::chrono::seconds>(local.time_since_epoch() - gmt.time_since_epoch())};
 }
 

@@ -9,16 +9,21 @@
 
 #include "host/clock/clocks.h"
 #include "host/clock/rules.h"
+#include "host/daemon/setting.h"
 #include "host/osal/mutex.h"
 #include "host/store/store.h"
 
 namespace tarnd {
 
 struct ClockSettings {
-    std::optional<host::Zone> zone; // none: the system's, with its daylight saving
-    std::optional<host::DstRule> dst;
+    Setting<std::optional<host::Zone>> zone{std::nullopt}; // none: the system's, with its daylight saving
+    Setting<std::optional<host::DstRule>> dst{std::nullopt};
     host::Millis shift{0}; // what the daemon's clock is ahead of the system's
     host::DateFormat dateFormat = host::DateFormat::kYearMonthDay;
+
+    const std::optional<host::Zone> &Zone() const { return zone.Value(); }
+    // The master's belongs to its zone.
+    std::optional<host::DstRule> Dst() const { return dst.From() < zone.From() ? std::nullopt : dst.Value(); }
 
     bool operator==(const ClockSettings &) const = default;
 };
@@ -33,10 +38,11 @@ public:
     // not ask the clock. Before the first request.
     void OnChange(std::function<void()> function) { changed_ = std::move(function); }
 
-    // Each takes a setting over, keeps it, and says so in the log; `source` is who wants it. Throws what is wrong with
-    // it, or what keeps it from being applied or kept; the settings are as before then.
-    void SetZone(const host::Zone &zone, const char *source);
-    void SetDst(const std::optional<host::DstRule> &rule, const char *source);
+    // Each takes a setting over, keeps it, and says so in the log. Throws what is wrong with it, or what keeps it from
+    // being applied or kept; the settings are as before then.
+    void SetZone(const host::Zone &zone, Source source);
+    void SetDst(const std::optional<host::DstRule> &rule, Source source);
+    void ForgetClients(); // their zone and rule
     void SetGmt(const Tarn_sys_diag_Systime &time);
     void SetLocal(const Tarn_sys_diag_Systime &time);
     void SetDateFormat(host::DateFormat format);

@@ -7,13 +7,14 @@ using tarnd::Daemon;
 
 uint32_t SetTimezone(const Tarn_sys_diag_SetTimezoneInput *request, void *replyCtx) {
     return host::AnswerResult(host::methods::SetTimezone, request, replyCtx, [&] {
-        Daemon::Serving().clock.SetZone(host::FromRecord(request->stTimezone), "a client");
+        Daemon::Serving().clock.SetZone(host::FromRecord(request->stTimezone), tarnd::Source::kClient);
     });
 }
 
 uint32_t SetDst(const Tarn_sys_diag_SetDstInput *request, void *replyCtx) {
-    return host::AnswerResult(host::methods::SetDst, request, replyCtx,
-                              [&] { Daemon::Serving().clock.SetDst(host::FromRecord(request->stDst), "a client"); });
+    return host::AnswerResult(host::methods::SetDst, request, replyCtx, [&] {
+        Daemon::Serving().clock.SetDst(host::FromRecord(request->stDst), tarnd::Source::kClient);
+    });
 }
 
 uint32_t SetGmt(const Tarn_sys_diag_SetGmtInput *request, void *replyCtx) {
