@@ -516,6 +516,33 @@ TEST_F(CpuMethodsTest, TellWhichThreadKeptACpuBusy) {
     EXPECT_EQ(event.uiThreadUse, 900);
 }
 
+TEST_F(CpuMethodsTest, TellWhoKeepsACpuBusyLatelyAndWhoDidOverTheEvent) {
+    const uint32_t old = kPid + 9, young = kPid + 10;
+    machine.busyPermille = {0, 1000};
+    for (const uint32_t pid : {old, young}) {
+        machine.Add(pid, "worker", pid == old ? 900 : 0);
+        host::procfs::Task task = kit::FakeProc::MakeTask(pid, pid == old ? "old" : "young", 'R');
+        task.lastCpu = 1;
+        proc.SetThread(pid, task);
+    }
+    Pass(1s, 30);
+    machine.processes[old].threads[old].runPermille = 55;
+    machine.processes[young].threads[young].runPermille = 940;
+    Pass(1s, 5);
+    const auto events = Events(0, 0, 0);
+    ASSERT_EQ(events->uiEventNum, 1);
+    EXPECT_EQ(events->pstEvent[0].uiDuration, 35'000);
+    EXPECT_EQ(events->pstEvent[0].uiPid, young);
+    EXPECT_EQ(std::string(events->pstEvent[0].szThreadName), "young");
+    EXPECT_EQ(events->pstEvent[0].uiThreadUse, 940);
+    EXPECT_NE(
+        events.Reason().find(fmt::format("on CPU 1, thread {0} (old) of process {0} had most: 779 permille", old)),
+        std::string::npos)
+        << events.Reason();
+    EXPECT_EQ(Events(old, 0, 0)->uiEventNum, 1) << "it is both processes'";
+    EXPECT_EQ(Events(young, 0, 0)->uiEventNum, 1);
+}
+
 TEST_F(CpuMethodsTest, TellTheEventsThatAreAskedFor) {
     proc.Write("pressure/cpu", "some avg10=0.00 avg60=0.00 avg300=0.00 total=0\n");
     for (size_t i = 0; i < tarnd::CpuEvents::kEvents + 2; ++i) {

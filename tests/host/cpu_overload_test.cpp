@@ -79,7 +79,8 @@ TEST_F(CpuOverloadTest, RecordsAnOverloadOfTheSystem) {
     EXPECT_EQ(last.name, "much");
     EXPECT_EQ(last.systemPermille, 750);
     EXPECT_EQ(last.processPermille, 900);
-    ASSERT_EQ(last.threads.size(), 1);
+    ASSERT_EQ(last.threads.size(), 2);
+    EXPECT_EQ(last.threads[1].tid, kPid);
     EXPECT_EQ(last.threads[0].tid, kPid + 1);
     EXPECT_EQ(last.threads[0].permille, 900);
     EXPECT_EQ(last.threads[0].runNs, 2'700'000'000);
@@ -108,6 +109,23 @@ TEST_F(CpuOverloadTest, NamesTheProcessThatUsedMostSinceItBegan) {
     WaitForRecords(1);
     EXPECT_EQ(overload->Last().name, "first");
     EXPECT_EQ(overload->Last().processPermille, 600);
+}
+
+TEST_F(CpuOverloadTest, RecordsTheBusiestThreadsOfTheSystem) {
+    for (uint32_t i = 0; i < 12; ++i) {
+        machine.Add(kPid + i, "worker", 10 * (i + 1));
+    }
+    machine.Add(kPid + 12, "idle");
+    machine.busyPermille = {1000, 1000};
+    overload->SetSystem({900, 900, 0});
+    Pass(10s);
+    WaitForRecords(1);
+    const Overload last = overload->Last();
+    ASSERT_EQ(last.threads.size(), CpuOverload::kThreads);
+    for (uint32_t i = 0; i < CpuOverload::kThreads; ++i) {
+        EXPECT_EQ(last.threads[i].pid, kPid + 11 - i) << "one of each process";
+        EXPECT_EQ(last.threads[i].permille, 10 * (12 - i));
+    }
 }
 
 TEST_F(CpuOverloadTest, RecordsTheBusiestThreads) {

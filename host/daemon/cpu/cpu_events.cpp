@@ -8,6 +8,7 @@
 #include "host/daemon/sampling/rates.h"
 #include "host/meaning/choices.h"
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 
 namespace tarnd {
 
@@ -70,25 +71,18 @@ std::vector<ThreadRun> BusiestThreads(const Sample &before, const Sample &latest
 }
 
 // The busiest thread that is on the CPU now. A thread counts with all its time, wherever it ran before.
-void NameThread(CpuEvent &event, const Sample &before, const Sample &latest, const host::procfs::Procfs &proc) {
-    std::optional<ThreadRun> busiest;
+CpuEvent::Thread BusiestOn(uint32_t cpu, const Sample &before, const Sample &latest, const host::procfs::Procfs &proc) {
+    const auto ns = static_cast<uint64_t>((latest.system.at - before.system.at).count());
+    std::optional<CpuEvent::Thread> busiest;
     for (const ThreadRun &run : BusiestThreads(before, latest)) {
         host::procfs::SkipHidden([&] {
             const host::procfs::Task thread = proc.ReadThread(run.pid, run.tid);
-            if (!busiest.has_value() && thread.lastCpu == event.cpu) {
-                busiest = run;
-                event.threadName = thread.name;
+            if (!busiest.has_value() && thread.lastCpu == cpu) {
+                busiest = {run.pid, run.tid, thread.name, std::min(Permille(run.runNs, ns), 1000U)};
             }
         });
     }
-    if (!busiest.has_value()) {
-        return;
-    }
-    event.pid = busiest->pid;
-    event.tid = busiest->tid;
-    const auto ns = static_cast<uint64_t>(std::chrono::nanoseconds(event.duration).count());
-    event.threadPermille =
-        static_cast<uint32_t>(std::min<uint64_t>(busiest->runNs * 1000 / std::max<uint64_t>(ns, 1), 1000));
+    return busiest.value_or(CpuEvent::Thread{});
 }
 
 uint32_t PressureNow(const host::procfs::Procfs &proc) {
@@ -103,7 +97,7 @@ uint32_t PressureNow(const host::procfs::Procfs &proc) {
 
 CpuEvents::CpuEvents(Sampler &sampler, const HealthSettings &settings, const host::procfs::Procfs &proc,
                      const host::Clocks &clocks)
-    : settings_(settings), proc_(proc), clocks_(clocks) {
+    : sampler_(sampler), settings_(settings), proc_(proc), clocks_(clocks) {
     sampler.OnSample("cpu events",
                      [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
 }
@@ -131,7 +125,10 @@ void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest
     event.cpu = cpu.id;
     event.usePermille = UsePermille(*busy.since, cpu);
     event.pressurePermille = PressureNow(proc_);
-    NameThread(event, *busy.since, *latest, proc_);
+    const SamplePtr recent = sampler_.Before(kRecent);
+    event.overall = BusiestOn(cpu.id, *busy.since, *latest, proc_);
+    event.lately =
+        recent->system.at <= busy.since->system.at ? event.overall : BusiestOn(cpu.id, *recent, *latest, proc_);
     Keep(busy.number, std::move(event));
 }
 
@@ -148,7 +145,7 @@ void CpuEvents::Keep(uint64_t &number, CpuEvent event) {
     }
     number = ++lastNumber_;
     host::Log().warn("CPU {} is busy: {} permille, most of it in thread {} ({}) of process {}", event.cpu,
-                     event.usePermille, event.tid, event.threadName, event.pid);
+                     event.usePermille, event.lately.tid, host::LineOfText(event.lately.name), event.lately.pid);
     if (events_.size() == kEvents) {
         events_.pop_front();
     }
@@ -161,8 +158,7 @@ std::vector<CpuEvent> CpuEvents::List(const CpuEventQuery &query) const {
     {
         const host::MutexLock lock(mutex_);
         for (const auto &[number, event] : events_) {
-            if ((query.pid == 0 || event.pid == query.pid) &&
-                (query.within == 0s || now - event.last <= query.within)) {
+            if ((query.pid == 0 || event.IsOf(query.pid)) && (query.within == 0s || now - event.last <= query.within)) {
                 list.push_back(event);
             }
         }

@@ -21,10 +21,17 @@ struct CpuEvent {
     uint32_t cpu = 0;
     uint32_t usePermille = 0;
     uint32_t pressurePermille = 0;
-    uint32_t pid = 0;
-    uint32_t tid = 0;
-    std::string threadName;
-    uint32_t threadPermille = 0; // of one CPU
+    // The busiest thread of those that were on the CPU at the end; all 0 for none.
+    struct Thread {
+        uint32_t pid = 0;
+        uint32_t tid = 0;
+        std::string name;
+        uint32_t permille = 0; // of one CPU
+    };
+    Thread lately; // over the last kRecent of the duration
+    Thread overall;
+
+    bool IsOf(uint32_t process) const { return lately.pid == process || overall.pid == process; }
 };
 
 // Those wanted; 0: any.
@@ -37,6 +44,7 @@ struct CpuEventQuery {
 class CpuEvents {
 public:
     static constexpr size_t kEvents = 128;
+    static constexpr std::chrono::seconds kRecent{3};
 
     // Follows the samples.
     CpuEvents(Sampler &sampler, const HealthSettings &settings, const host::procfs::Procfs &proc,
@@ -58,6 +66,7 @@ private:
     void Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest);
     void Keep(uint64_t &number, CpuEvent event);
 
+    const Sampler &sampler_;
     const HealthSettings &settings_;
     const host::procfs::Procfs &proc_;
     const host::Clocks &clocks_;

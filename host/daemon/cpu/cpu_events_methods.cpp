@@ -17,14 +17,29 @@ Tarn_sys_diag_PadsCpuEvent Describe(const CpuEvent &event) {
     record.uiCpuId = event.cpu;
     record.uiCpuUse = event.usePermille;
     record.uiPressure = event.pressurePermille;
-    record.uiPid = event.pid;
-    record.uiTid = event.tid;
-    host::CopyText(record.szThreadName, event.threadName);
-    record.uiThreadUse = event.threadPermille;
+    record.uiPid = event.lately.pid;
+    record.uiTid = event.lately.tid;
+    host::CopyText(record.szThreadName, event.lately.name);
+    record.uiThreadUse = event.lately.permille;
     return record;
 }
 
-void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
+// Of the newest first: an explanation has little room.
+std::string WhoHadMostOverall(const std::vector<CpuEvent> &events) {
+    std::string text;
+    for (auto event = events.rbegin(); event != events.rend(); ++event) {
+        if (const CpuEvent::Thread &thread = event->overall; thread.tid != event->lately.tid) {
+            text += fmt::format("{}over all of the event of {} on CPU {}, thread {} ({}) of process {} had most: "
+                                "{} permille",
+                                text.empty() ? "" : "; ", Daemon::Serving().clock.TextWithoutZone(event->begin),
+                                event->cpu, thread.tid, host::LineOfText(thread.name), thread.pid, thread.permille);
+        }
+    }
+    return text;
+}
+
+void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, void *replyCtx,
+                host::Reply<Tarn_sys_diag_PadsCpuEventResult> &reply) {
     const auto &[process, within, most] = request;
     CpuEventQuery query;
     query.pid = process;
@@ -34,6 +49,7 @@ void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn
     std::vector<Tarn_sys_diag_PadsCpuEvent> records;
     std::transform(events.begin(), events.end(), std::back_inserter(records), Describe);
     reply.pstEvent = reply.Keep(std::move(records), reply.uiEventNum);
+    TarnHost_ExplainReply(replyCtx, WhoHadMostOverall(events).c_str());
 }
 
 } // namespace
@@ -42,5 +58,5 @@ void ListEvents(const Tarn_sys_diag_PadsCpuEventInput &request, host::Reply<Tarn
 
 uint32_t TarnPadsGetCpuEventByTarnd(const Tarn_sys_diag_PadsCpuEventInput *request, void *replyCtx) {
     return host::Answer(host::methods::TarnPadsGetCpuEventByTarnd, request, replyCtx,
-                        [&](auto &reply) { tarnd::ListEvents(*request, reply); });
+                        [&](auto &reply) { tarnd::ListEvents(*request, replyCtx, reply); });
 }

@@ -26,14 +26,13 @@ Thresholds Complete(Thresholds thresholds) {
     return thresholds;
 }
 
-std::vector<OverloadThread> BusiestThreads(const ProcessSample *from, const ProcessSample &to,
-                                           std::chrono::nanoseconds elapsed) {
-    std::vector<ThreadUse> uses = ThreadUses(from, to);
+std::vector<OverloadThread> BusiestThreads(std::vector<ThreadUse> uses, std::chrono::nanoseconds elapsed) {
     KeepBusiest(uses, CpuOverload::kThreads);
     std::vector<OverloadThread> threads;
     for (const ThreadUse &use : uses) {
         if (use.usedNs != 0) {
             OverloadThread thread;
+            thread.pid = use.pid;
             thread.tid = use.tid;
             thread.runNs = use.total.runNs;
             thread.permille = ThreadPermille(use, elapsed);
@@ -215,7 +214,7 @@ void CpuOverload::TakeSystem(const SamplePtr &previous, const SamplePtr &latest)
     switch (system_.Follow(permille, thresholds_.Value(), previous, latest)) {
     case Crossing::Event::kBegins:
         if (const ProcessSample *const busiest = Busiest(*system_.Since(), *latest)) {
-            ofSystem_ = Begin(*system_.Since(), *busiest, *latest);
+            ofSystem_ = Begin(*system_.Since(), *busiest, SystemThreadUses(*system_.Since(), *latest), *latest);
         }
         break;
     case Crossing::Event::kEnds:
@@ -243,7 +242,8 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
     switch (watched.crossing.Follow(permille, watched.thresholds, previous, latest)) {
     case Crossing::Event::kBegins:
         ++watched.overloads;
-        watched.overload = Begin(*watched.crossing.Since(), process, *latest);
+        watched.overload = Begin(*watched.crossing.Since(), process,
+                                 ThreadUses(watched.crossing.Since()->Find(process), process), *latest);
         break;
     case Crossing::Event::kEnds:
         End(watched.overload, *latest);
@@ -254,21 +254,21 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
 }
 
 // Null when it is not recorded.
-std::shared_ptr<Overload> CpuOverload::Begin(const Sample &since, const ProcessSample &process, const Sample &latest) {
+std::shared_ptr<Overload> CpuOverload::Begin(const Sample &since, const ProcessSample &process,
+                                             std::vector<ThreadUse> uses, const Sample &latest) {
     if (pendingNum_ == kMaxPending) {
         host::Log().error("CPU overload by {} ({}): not recorded, {} wait for their stacks", process.name, process.pid,
                           kMaxPending);
         return nullptr;
     }
     const std::chrono::nanoseconds elapsed = latest.system.at - since.system.at;
-    const ProcessSample *const before = since.Find(process);
     auto overload = std::make_shared<Overload>();
     overload->begin = since.system.time;
     overload->pid = process.pid;
     overload->name = process.name;
     overload->systemPermille = BusyPermille(since.system.cpu, latest.system.cpu);
-    overload->processPermille = ProcessPermille(before, process, elapsed);
-    overload->threads = BusiestThreads(before, process, elapsed);
+    overload->processPermille = ProcessPermille(since.Find(process), process, elapsed);
+    overload->threads = BusiestThreads(std::move(uses), elapsed);
     ++pendingNum_;
     queue_.Post([this, overload, copy = *overload](const std::stop_token &) mutable {
         host::Attempt("an overload's stacks", [&] { readStacks_(copy); });

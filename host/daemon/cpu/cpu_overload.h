@@ -20,6 +20,7 @@
 namespace tarnd {
 
 struct OverloadThread {
+    uint32_t pid = 0;
     uint32_t tid = 0;
     std::string name;
     uint64_t runNs = 0; // since the thread started
@@ -34,7 +35,7 @@ struct Overload {
     std::string name;
     uint32_t systemPermille = 0;
     uint32_t processPermille = 0;
-    std::vector<OverloadThread> threads; // the busiest first
+    std::vector<OverloadThread> threads; // the busiest first: of a watched process, or of the system
     bool recorded = false;               // with their stacks
 };
 
@@ -93,8 +94,8 @@ private:
     void TakeSystem(const SamplePtr &previous, const SamplePtr &latest) TARN_REQUIRES(mutex_);
     void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous, const SamplePtr &latest)
         TARN_REQUIRES(mutex_);
-    std::shared_ptr<Overload> Begin(const Sample &since, const ProcessSample &process, const Sample &latest)
-        TARN_REQUIRES(mutex_);
+    std::shared_ptr<Overload> Begin(const Sample &since, const ProcessSample &process, std::vector<ThreadUse> uses,
+                                    const Sample &latest) TARN_REQUIRES(mutex_);
     static void End(std::shared_ptr<Overload> &overload, const Sample &latest);
     void Record(const std::shared_ptr<Overload> &overload, Overload withStacks);
 

@@ -100,7 +100,7 @@ uint32_t DisCpuOvloadCallstackInfo(const Tarn_sys_diag_CpuOvloadThreadCallstackI
         const tarnd::Overload overload = tarnd::Daemon::Serving().cpuOverload.Last();
         for (const tarnd::OverloadThread &thread : overload.threads) {
             Tarn_sys_diag_TopCpuOvloadThread &entry = reply.astThread[reply.uiThreadNum++];
-            entry.uiPid = overload.pid;
+            entry.uiPid = thread.pid;
             entry.uiTid = thread.tid;
             host::CopyText(entry.szThreadName, thread.name);
             entry.ullCpuTime = thread.runNs / 1'000'000;

@@ -1,6 +1,7 @@
 #include "host/daemon/cpu/overload_stacks.h"
 
 #include <chrono>
+#include <map>
 
 #include "host/osal/attempt.h"
 #include "host/stacks/stacks.h"
@@ -23,11 +24,19 @@ std::string TextOfStack(const host::stacks::Stack &stack) {
 } // namespace
 
 void ReadOverloadStacks(host::stacks::Tracer &tracer, host::stacks::Helpers &helpers, Overload &overload) {
-    host::stacks::Process process(tracer, helpers, overload.pid, std::chrono::steady_clock::now() + kMostTime);
+    const auto deadline = std::chrono::steady_clock::now() + kMostTime;
+    std::map<uint32_t, std::vector<OverloadThread *>> processes;
     for (OverloadThread &thread : overload.threads) {
-        host::Attempt("an overload's stack", [&] {
-            thread.name = tracer.Proc().ReadThread(overload.pid, thread.tid).name;
-            thread.stack = TextOfStack(process.Read(thread.tid));
+        host::Attempt("an overload's thread",
+                      [&] { thread.name = tracer.Proc().ReadThread(thread.pid, thread.tid).name; });
+        processes[thread.pid].push_back(&thread);
+    }
+    for (const auto &[pid, threads] : processes) {
+        host::Attempt("an overload's process", [&, pid = pid, &of = threads] {
+            host::stacks::Process process(tracer, helpers, pid, deadline);
+            for (OverloadThread *const thread : of) {
+                host::Attempt("an overload's stack", [&] { thread->stack = TextOfStack(process.Read(thread->tid)); });
+            }
         });
     }
 }

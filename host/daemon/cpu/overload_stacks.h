@@ -7,8 +7,7 @@
 
 namespace tarnd {
 
-// Adds the names and stacks of the threads; one that can't be read is left without. Throws where the process can't be
-// looked into.
+// Adds the names and stacks of the threads; one that can't be read is left without.
 void ReadOverloadStacks(host::stacks::Tracer &tracer, host::stacks::Helpers &helpers, Overload &overload);
 
 } // namespace tarnd

@@ -79,6 +79,19 @@ inline std::vector<ThreadUse> ThreadUses(const ProcessSample *from, const Proces
     return uses;
 }
 
+// The same of all processes that have used anything.
+inline std::vector<ThreadUse> SystemThreadUses(const Sample &from, const Sample &to) {
+    std::vector<ThreadUse> uses;
+    for (const ProcessSample &process : to.processes) {
+        const ProcessSample *const before = from.Find(process);
+        if (before == nullptr || before->threads != process.threads) {
+            const std::vector<ThreadUse> ofProcess = ThreadUses(before, process);
+            uses.insert(uses.end(), ofProcess.begin(), ofProcess.end());
+        }
+    }
+    return uses;
+}
+
 // What a process used, of whose threads `uses` tells. What has been used by threads that have ended since is only in
 // its ticks: user and system time, each rounded down at both ends.
 inline uint64_t ProcessUsedNs(const ProcessSample *from, const ProcessSample &to, const std::vector<ThreadUse> &uses) {
