@@ -11,7 +11,6 @@
 #include "host/agent/commands.h"
 #include "host/agent/dead_loops.h"
 #include "host/agent/health.h"
-#include "host/agent/heap.h"
 #include "host/agent/memory.h"
 #include "host/agent/message_rules.h"
 #include "host/agent/periodic.h"
@@ -48,7 +47,6 @@ public:
     DeadLoops deadLoops;
     Resources resources;
     Memory memory;
-    Heap heap;
     Health health;
     Periodic memoryScan;
 

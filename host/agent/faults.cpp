@@ -72,7 +72,7 @@ void AddRegisters(FaultHead &head, const ucontext_t &context) {
     }
 }
 
-void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
+void FillHead(FaultHead &head, FaultKind kind) {
     memset(&head, 0, sizeof head);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -83,7 +83,6 @@ void FillHead(FaultHead &head, FaultKind kind, const ucontext_t &context) {
     Copy(head.agent, handlerState.agentName);
     Copy(head.process, handlerState.processName);
     prctl(PR_GET_NAME, head.thread);
-    AddRegisters(head, context);
 }
 
 // Names the files that the addresses lie in.
@@ -138,7 +137,8 @@ void RecordSignal(int signal, const siginfo_t &info, void *context) {
         return;
     }
     FaultHead &head = entry.Head();
-    FillHead(head, FaultKind::kException, *static_cast<const ucontext_t *>(context));
+    FillHead(head, FaultKind::kException);
+    AddRegisters(head, *static_cast<const ucontext_t *>(context));
     head.signal = signal;
     head.code = info.si_code;
     head.address = reinterpret_cast<uintptr_t>(info.si_addr);
@@ -327,10 +327,8 @@ void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigne
     if (!entry) {
         return;
     }
-    ucontext_t context;
-    getcontext(&context);
     agent::FaultHead &head = entry.Head();
-    agent::FillHead(head, agent::FaultKind::kAssertion, context);
+    agent::FillHead(head, agent::FaultKind::kAssertion);
     agent::Append(head.text, expression);
     agent::Append(head.text, " in ");
     agent::Append(head.text, function);

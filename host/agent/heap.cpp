@@ -2,14 +2,15 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+
 namespace agent {
 
-HeapUse Heap::Look() {
+HeapUse LookAtHeap(const host::procfs::Procfs &proc) {
     const struct mallinfo2 info = mallinfo2();
     const uint64_t used = info.uordblks + info.hblkhd;
-    for (uint64_t before = peak_; before < used && !peak_.compare_exchange_weak(before, used);) {
-    }
-    return {info.arena + info.hblkhd, used, peak_};
+    const uint64_t resident = host::procfs::FieldOf(proc.Read("self/status"), "VmHWM") << 10;
+    return {info.arena + info.hblkhd, used, std::max(used, resident)};
 }
 
 } // namespace agent

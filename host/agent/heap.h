@@ -1,23 +1,19 @@
 // The C library's heap.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
+
+#include "host/procfs/procfs.h"
 
 namespace agent {
 
 struct HeapUse {
     uint64_t totalBytes = 0;
     uint64_t usedBytes = 0;
-    uint64_t peakBytes = 0; // the most that was used when it was looked at
+    // The C library keeps none: the most of the whole process that was in memory, or what is used now if that is more.
+    uint64_t peakBytes = 0;
 };
 
-class Heap {
-public:
-    HeapUse Look();
-
-private:
-    std::atomic<uint64_t> peak_ = 0;
-};
+HeapUse LookAtHeap(const host::procfs::Procfs &proc);
 
 } // namespace agent

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "host/agent/agent.h"
+#include "host/agent/heap.h"
 #include "host/agent/memory_report.h"
 #include "host/agent/methods.h"
 #include "host/agent/symbols.h"
@@ -275,7 +276,7 @@ uint32_t TarnGetAppMemUnitInfo(const Tarn_sys_diag_GetAppMemInfoInput *request, 
             }
         }
         if (query.Wants(memory_unit::kMalloc, std::string(memory_unit::kMalloc.name)) && choice.Takes()) {
-            units.push_back(ToRecord(Agent::OfProcess().heap.Look()));
+            units.push_back(ToRecord(LookAtHeap(host::procfs::Procfs())));
         }
         reply.uiTotalNum = choice.Matches();
         reply.pstUnit = reply.Keep(std::move(units), reply.uiUnitNum);

@@ -302,7 +302,7 @@ RECORD(GetAppMemInfoInput,
         "The process whose agent is asked; an agent answers for its own process only."},
        {"uiQueryType", "view", OneOf(app_memory::kOfUnits).Default(app_memory::kUnits), "What is listed."},
        {"uiUnitId", "unit", OneOf(memory_unit::kAll).Open().Zero("all"), "The unit: a partition, or the heap."},
-       {"uiModuleId", "module", Unused().UpTo(0), "Must be 0: modules are chosen by their names."},
+       {"uiModuleId", "module", Unused().UpTo(0), "Must be 0: modules have no numbers, and are chosen by their names."},
        {"uiStart", "skip", Count().Zero("none"),
         "How many matches to skip, so that a long answer can be had in parts."},
        {"uiMaxNum", "most", Count().Zero("all"), "How many matches to return."},
@@ -317,7 +317,9 @@ RECORD(AppMemUnit, {"uiUnitId", "unit", OneOf(memory_unit::kAll).Open(), "The un
        {"szUnitName", "name", Text(), "The unit's name."},
        {"ullTotalBytes", "total", Bytes(), "The memory that the unit took from the system."},
        {"ullUsedBytes", "used", Bytes(), "What the application uses of it."},
-       {"ullPeakBytes", "peak", Bytes(), "The most that it ever used at once."},
+       {"ullPeakBytes", "peak", Bytes(),
+        "The most that it ever used of it at once. Of the heap, of which nothing keeps that, the most of the whole "
+        "process that was in memory, or what is used now where that is more."},
        {"pstBlockClass", "block-sizes", Records(), "The unit's blocks by their size, the smallest first."})
 
 METHOD(TarnGetAppMemDetailOrModuleInfo, Group::kMemory,

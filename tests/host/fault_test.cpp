@@ -178,6 +178,8 @@ TEST_F(FaultTest, RecordsAssertions) {
     EXPECT_EQ(goesOn.matches, 1);
     EXPECT_TRUE(Has(goesOn.text, "assertion wordNum == 0 in Check, ")) << goesOn.text;
     EXPECT_TRUE(Has(goesOn.text, "example.c:")) << goesOn.text;
+    EXPECT_FALSE(Has(goesOn.text, std::string(agent::kRegisters[0].name) + "    "))
+        << "none is captured: " << goesOn.text;
     const std::string first = goesOn.text.substr(goesOn.text.find("#0 "));
     EXPECT_TRUE(Has(first.substr(0, first.find('\n')), "Check+")) << goesOn.text;
     EXPECT_EQ(Exceptions().matches, 0);

@@ -19,6 +19,9 @@ std::string UnitsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &requ
         text += fmt::format("{:>10} {:<32} {:>14} {:>14} {:>14}\n", unit.uiUnitId,
                             host::LineOfText(host::TextOf(unit.szUnitName)), unit.ullTotalBytes, unit.ullUsedBytes,
                             unit.ullPeakBytes);
+        if (unit.uiUnitId == host::meaning::memory_unit::kMalloc) {
+            text += fmt::format("{:>10} its peak is that of the whole process in memory\n", "");
+        }
         for (uint32_t j = 0; j < unit.uiBlockClassNum; ++j) {
             const Tarn_sys_diag_MemBlockClass &one = unit.pstBlockClass[j];
             if (one.uiUsedNum != 0 || one.uiPeakNum != 0) {

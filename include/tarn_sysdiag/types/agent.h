@@ -110,7 +110,7 @@ typedef struct Tarn_sys_diag_MemBlockClass {
     uint32_t uiBlockSize; /* bytes */
     uint32_t uiUsedNum;
     uint32_t uiFreeNum;
-    uint32_t uiPeakNum;   /* most blocks ever in use at once */
+    uint32_t uiPeakNum; /* most blocks ever in use at once */
 } Tarn_sys_diag_MemBlockClass;
 VELTO_TABLE(MemBlockClass, uiBlockSize, uiUsedNum, uiFreeNum, uiPeakNum)
 
@@ -132,10 +132,10 @@ VELTO_TABLE(GetMirelMemPtInfoInput, uiPtId)
 
 /* Reply of GetMirelMemPtInfo: the state of one memory partition, by block size and by handle. */
 typedef struct Tarn_sys_diag_GetMirelMemPtInfoOutput {
-    uint32_t uiResult;                          /* 0, or an errno value and nothing else */
+    uint32_t uiResult; /* 0, or an errno value and nothing else */
     uint32_t uiPtId;
     char szPtName[32];
-    TARN_U64 ullTotalBytes;                     /* size of the partition */
+    TARN_U64 ullTotalBytes; /* size of the partition */
     TARN_U64 ullUsedBytes;
     TARN_U64 ullPeakBytes;                      /* most bytes ever in use at once */
     TARN_U64 ullMaxFreeBytes;                   /* largest free piece, which shows how fragmented the partition is */
@@ -156,11 +156,11 @@ VELTO_TABLE(MemHandInfo, uiHandleId, uiStackIndex)
 
 /* Reply of MemHandleCallStack: one allocation site of a memory handle. */
 typedef struct Tarn_sys_diag_MemHandInfoOut {
-    uint32_t uiResult;          /* 0, or an errno value: 2 if there is no such handle or site */
+    uint32_t uiResult; /* 0, or an errno value: 2 if there is no such handle or site */
     uint32_t uiHandleId;
-    uint32_t uiStackTotal;      /* allocation sites that the agent knows for the handle */
-    uint32_t uiBlockNum;        /* blocks held that were allocated here */
-    TARN_U64 ullUsedBytes;      /* and their bytes */
+    uint32_t uiStackTotal; /* allocation sites that the agent knows for the handle */
+    uint32_t uiBlockNum;   /* blocks held that were allocated here */
+    TARN_U64 ullUsedBytes; /* and their bytes */
     char szHandleName[32];
     uint32_t uiAddrNum;         /* addresses used in aullStackAddr */
     TARN_U64 aullStackAddr[32]; /* return addresses, innermost first; the rest is 0 */
@@ -221,11 +221,11 @@ VELTO_TABLE(MemDmgInfoOut, VELTO_VECTOR(uiInfoLen, pucInfo), uiValue1)
  */
 typedef struct Tarn_sys_diag_GetAppMemInfoInput {
     uint32_t uiPid;
-    uint32_t uiQueryType;  /* 0 units, 1 every block in detail, 2 sums by module */
+    uint32_t uiQueryType; /* 0 units, 1 every block in detail, 2 sums by module */
     uint32_t uiUnitId;
-    uint32_t uiModuleId;
-    uint32_t uiStart;      /* matches to skip, so that a long answer can be fetched in parts */
-    uint32_t uiMaxNum;     /* most matches to return; 0 leaves it to the agent */
+    uint32_t uiModuleId; /* 0: the host kit gives modules no numbers */
+    uint32_t uiStart;    /* matches to skip, so that a long answer can be fetched in parts */
+    uint32_t uiMaxNum;   /* most matches to return; 0 leaves it to the agent */
     char szAppName[32];
     char szUnitName[64];
     char szModuleName[64]; /* program or shared object */
@@ -239,7 +239,7 @@ typedef struct Tarn_sys_diag_AppMemUnit {
     char szUnitName[64];
     TARN_U64 ullTotalBytes;                     /* memory that the unit took from the system */
     TARN_U64 ullUsedBytes;                      /* of which the application uses now */
-    TARN_U64 ullPeakBytes;                      /* most that it ever used at once */
+    TARN_U64 ullPeakBytes;                      /* most that it ever used at once; of malloc, see the reference */
     uint32_t uiBlockClassNum;                   /* elements of pstBlockClass */
     Tarn_sys_diag_MemBlockClass *pstBlockClass; /* owned; by rising block size */
 } Tarn_sys_diag_AppMemUnit;
