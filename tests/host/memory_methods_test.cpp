@@ -14,6 +14,7 @@
 #include "host/daemon/memory/process_memory.h"
 #include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/method_kit.h"
+#include "tests/host/nobody.h"
 #include "tests/host/simulated_daemon.h"
 
 namespace {
@@ -36,7 +37,7 @@ struct Directories {
 class MemoryMethodsTest : public testing::Test, protected Directories, protected kit::SimulatedDaemon {
 protected:
     MemoryMethodsTest() : SimulatedDaemon(Placed(*this)) {
-        daemon->clock.SetZone({"UTC", 0}, "the test");
+        daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient);
         proc.Write("uptime", "170.25 300.00\n");
     }
 
@@ -162,7 +163,9 @@ TEST_F(MemoryMethodsTest, SumUpProcesses) {
     EXPECT_EQ(Statistics(std::to_string(kFakePid)).Status(), ESRCH);
     EXPECT_EQ(Statistics("4294967295").Status(), ESRCH);
     EXPECT_EQ(Selected("4294967296"), (std::vector<uint32_t>{})) << "a name";
-    EXPECT_EQ(Selected(std::string(50, 'x'), std::string(50, 'y')), (std::vector<uint32_t>{}));
+    EXPECT_EQ(Selected(std::string(50, 'x'), "4294967295"), (std::vector<uint32_t>{}));
+    EXPECT_EQ(Statistics("", "nobody-of-this-name").Reason(),
+              "user (acPosition2) is \"nobody-of-this-name\", expected the name of a user of the system, or a number");
     proc.Remove(fmt::format("{}/exe", kFakePid + 300));
     proc.Remove(fmt::format("{}/stat", kFakePid + 300)); // it has just ended
     EXPECT_EQ(Selected(""), (std::vector<uint32_t>{200, 100}));
@@ -191,6 +194,23 @@ TEST_F(MemoryMethodsTest, GoIntoDetail) {
     EXPECT_EQ(Details(0)->uiProcNum, 2);
     proc.Remove(fmt::format("{}/wchan", kFakePid + 200)); // it has just ended
     EXPECT_EQ(Details(0)->uiProcNum, 1);
+}
+
+TEST_F(MemoryMethodsTest, GoIntoDetailWhereWhatIsSharedMayNotBeRead) {
+    AddProcess(kFakePid + 100, "app");
+    std::filesystem::permissions(proc.Proc().Path(kFakePid + 100, "smaps_rollup"), std::filesystem::perms::none);
+    std::filesystem::permissions(proc.Proc().Path(""), std::filesystem::perms(0755));
+    const kit::Nobody nobody;
+    for (const uint32_t pid : {kFakePid + 100, 0U}) {
+        const auto answer = Details(pid);
+        ASSERT_EQ(answer->uiProcNum, 1);
+        ExpectCommon(answer->pstProc[0], kFakePid + 100, "app");
+        EXPECT_EQ(answer->pstProc[0].uiPss, 0);
+        EXPECT_EQ(answer->pstProc[0].uiOomScore, 666);
+        EXPECT_EQ(answer.Reason(), fmt::format("what processes share and have for themselves may not be read of 1 of "
+                                               "them, process {} first: 0 stands for it",
+                                               kFakePid + 100));
+    }
 }
 
 TEST_F(MemoryMethodsTest, TellWhatProcessesWithoutMemoryHave) {
@@ -236,6 +256,17 @@ TEST_F(MemoryMethodsTest, ListMappings) {
     EXPECT_EQ(std::string(heap.szMapName), "[heap]");
     EXPECT_EQ(heap.uiSize, UINT32_MAX) << "more than a member holds";
     EXPECT_EQ(Mappings(kFakePid + 1).Status(), ESRCH);
+}
+
+TEST_F(MemoryMethodsTest, TellTheWholeRangeOfAddressesOf16Digits) {
+    AddProcess(kFakePid, "app");
+    proc.Write(fmt::format("{}/smaps", kFakePid),
+               Smaps("7ffd01234000-7ffd01256000 rw-p 00000000 00:00 0 [stack]", 10) +
+                   Smaps("ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0 [vsyscall]", 20));
+    const auto answer = Mappings(kFakePid);
+    ASSERT_EQ(answer->uiMapNum, 2);
+    EXPECT_EQ(std::string(answer->pstMap[0].szAddrRange), "7ffd01234000-7ffd01256000");
+    EXPECT_EQ(std::string(answer->pstMap[1].szAddrRange), "ffffffffff600000+1000");
 }
 
 TEST_F(MemoryMethodsTest, ListOnlySoManyMappings) {
@@ -480,6 +511,10 @@ TEST_F(MemoryMethodsTest, SumUpNodes) {
     EXPECT_EQ(answer->pstNode[0].uiFilePages, 3000 - 33);
     EXPECT_EQ(answer->pstNode[1].uiNodeId, 10);
     expectNode(answer->pstNode[1], 2000);
+    EXPECT_EQ(whole.Reason(), "");
+    EXPECT_EQ(answer.Reason(), "the nodes have 5000 KiB together, the system 1000 KiB (MemTotal)");
+    proc.Write("meminfo", "MemTotal: 5020 kB\n");
+    EXPECT_EQ(nodes().Reason(), "") << "a little more is nobody's node";
 }
 
 TEST_F(MemoryMethodsTest, CountHugePages) {

@@ -89,6 +89,19 @@ std::vector<Node> ReadNodes(const Daemon &daemon) {
     return nodes;
 }
 
+// Where the nodes are not the whole system, as in some virtual machines; the kernel reserves a little of it besides.
+std::string Disagreement(const std::vector<Node> &nodes, const Daemon &daemon) {
+    const uint64_t total = host::procfs::FieldOf(daemon.proc.Read("meminfo"), "MemTotal");
+    uint64_t sum = 0;
+    for (const Node &node : nodes) {
+        sum += node.uiMemTotal;
+    }
+    const uint64_t difference = std::max(sum, total) - std::min(sum, total);
+    return difference <= total / 100
+               ? ""
+               : fmt::format("the nodes have {} KiB together, the system {} KiB (MemTotal)", sum, total);
+}
+
 } // namespace
 
 } // namespace tarnd
@@ -106,8 +119,10 @@ uint32_t GetKpiMemoryInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, v
 }
 
 uint32_t GetSysMemUseInfo(const Tarn_sys_diag_None *request, void *replyCtx) {
-    return host::Answer(host::methods::GetSysMemUseInfo, request, replyCtx, [](auto &reply) {
-        reply.pstNode = reply.Keep(tarnd::ReadNodes(tarnd::Daemon::Serving()), reply.uiNodeNum);
+    return host::Answer(host::methods::GetSysMemUseInfo, request, replyCtx, [&](auto &reply) {
+        std::vector<tarnd::Node> nodes = tarnd::ReadNodes(tarnd::Daemon::Serving());
+        TarnHost_ExplainReply(replyCtx, tarnd::Disagreement(nodes, tarnd::Daemon::Serving()).c_str());
+        reply.pstNode = reply.Keep(std::move(nodes), reply.uiNodeNum);
     });
 }
 

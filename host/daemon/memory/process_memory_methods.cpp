@@ -67,6 +67,10 @@ std::vector<Tarn_sys_diag_SysMemStatisPro> Statistics(const Tarn_sys_diag_Positi
     UserNames names;
     std::vector<Tarn_sys_diag_SysMemStatisPro> records;
     const auto &[process, user] = request;
+    if (const std::string name(host::TextOf(user)); !name.empty() && !NumberIn(name) && !UserNames::Knows(name)) {
+        throw host::meaning::BadMember(host::methods::GetSysMemStatisPro, "user", name,
+                                       "the name of a user of the system, or a number");
+    }
     SelectProcesses(daemon.proc, std::string(host::TextOf(process)), std::string(host::TextOf(user)), names,
                     [&](const ProcessStatus &one) {
                         Tarn_sys_diag_SysMemStatisPro record{};
@@ -79,18 +83,33 @@ std::vector<Tarn_sys_diag_SysMemStatisPro> Statistics(const Tarn_sys_diag_Positi
     return records;
 }
 
-Tarn_sys_diag_SysOsMemInfo Detail(uint32_t pid, UserNames &names) {
+// False where they may not be read, though the rest may.
+bool TakeShares(uint32_t pid, Tarn_sys_diag_SysOsMemInfo &record) {
+    std::string rollup;
+    try {
+        rollup = Proc().Read(pid, "smaps_rollup");
+    } catch (const std::system_error &error) {
+        if (error.code() == std::errc::permission_denied || error.code() == std::errc::operation_not_permitted) {
+            return false;
+        }
+        throw;
+    }
+    record.uiPss = Kib(FieldOf(rollup, "Pss"));
+    record.uiSharedClean = Kib(FieldOf(rollup, "Shared_Clean"));
+    record.uiSharedDirty = Kib(FieldOf(rollup, "Shared_Dirty"));
+    record.uiPrivateClean = Kib(FieldOf(rollup, "Private_Clean"));
+    record.uiPrivateDirty = Kib(FieldOf(rollup, "Private_Dirty"));
+    record.uiSwapPss = Kib(FieldOf(rollup, "SwapPss"));
+    return true;
+}
+
+// Notes where what it shares is hidden.
+Tarn_sys_diag_SysOsMemInfo Detail(uint32_t pid, UserNames &names, std::vector<uint32_t> &hidden) {
     const ProcessStatus process(Proc(), pid);
     const auto text = [&](const char *file) { return Proc().Read(pid, file); };
     Tarn_sys_diag_SysOsMemInfo record{};
-    if (process.HasMemory()) {
-        const std::string rollup = text("smaps_rollup");
-        record.uiPss = Kib(FieldOf(rollup, "Pss"));
-        record.uiSharedClean = Kib(FieldOf(rollup, "Shared_Clean"));
-        record.uiSharedDirty = Kib(FieldOf(rollup, "Shared_Dirty"));
-        record.uiPrivateClean = Kib(FieldOf(rollup, "Private_Clean"));
-        record.uiPrivateDirty = Kib(FieldOf(rollup, "Private_Dirty"));
-        record.uiSwapPss = Kib(FieldOf(rollup, "SwapPss"));
+    if (process.HasMemory() && !TakeShares(pid, record)) {
+        hidden.push_back(pid);
     }
     Describe(process, names, record);
     host::CopyText(record.szGroupName, names.Group(process.EffectiveId("Gid")));
@@ -102,20 +121,27 @@ Tarn_sys_diag_SysOsMemInfo Detail(uint32_t pid, UserNames &names) {
     return record;
 }
 
-std::vector<Tarn_sys_diag_SysOsMemInfo> Details(uint32_t pid) {
+std::vector<Tarn_sys_diag_SysOsMemInfo> Details(uint32_t pid, std::vector<uint32_t> &hidden) {
     UserNames names;
     if (pid != 0) {
-        return {Detail(pid, names)};
+        return {Detail(pid, names, hidden)};
     }
     std::vector<Tarn_sys_diag_SysOsMemInfo> records;
     for (const uint32_t id : Proc().ProcessIds()) {
-        host::procfs::SkipHidden([&] { records.push_back(Detail(id, names)); });
+        host::procfs::SkipHidden([&] { records.push_back(Detail(id, names, hidden)); });
     }
     return records;
 }
 
 std::string_view WithoutDirectories(std::string_view name) {
     return name.starts_with('/') ? name.substr(name.rfind('/') + 1) : name;
+}
+
+// Two addresses of 16 digits have no room.
+std::string RangeText(const host::procfs::Mapping &mapping) {
+    return mapping.range.size() < sizeof(Tarn_sys_diag_SysProOs::szAddrRange)
+               ? mapping.range
+               : fmt::format("{:x}+{:x}", mapping.start, mapping.end - mapping.start);
 }
 
 std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
@@ -127,7 +153,7 @@ std::vector<Tarn_sys_diag_SysProOs> Mappings(uint32_t pid) {
         }
         Tarn_sys_diag_SysProOs record{};
         record.uiPid = pid;
-        host::CopyText(record.szAddrRange, mapping.range);
+        host::CopyText(record.szAddrRange, RangeText(mapping));
         host::CopyText(record.szPerms, mapping.perms);
         record.uiSize = Kib(mapping.size);
         record.uiRss = Kib(mapping.resident);
@@ -154,7 +180,15 @@ uint32_t GetSysMemStatisPro(const Tarn_sys_diag_PositionStr *request, void *repl
 
 uint32_t GetOsProcessMemInfo(const Tarn_sys_diag_SysOsMemInfoInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetOsProcessMemInfo, request, replyCtx, [&](auto &reply) {
-        reply.pstProc = reply.Keep(tarnd::Details(request->uiPid), reply.uiProcNum);
+        std::vector<uint32_t> hidden;
+        reply.pstProc = reply.Keep(tarnd::Details(request->uiPid, hidden), reply.uiProcNum);
+        if (!hidden.empty()) {
+            const std::string missing =
+                fmt::format("what processes share and have for themselves may not be read of {} of them, process {} "
+                            "first: 0 stands for it",
+                            hidden.size(), hidden.front());
+            TarnHost_ExplainReply(replyCtx, missing.c_str());
+        }
     });
 }
 

@@ -10,6 +10,8 @@ namespace tarnd {
 // Each name is looked up once. A user or group without a name has its number as text.
 class UserNames {
 public:
+    static bool Knows(const std::string &user); // by its name
+
     const std::string &User(uint32_t uid);
     const std::string &Group(uint32_t gid);
 

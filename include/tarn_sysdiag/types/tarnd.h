@@ -472,7 +472,7 @@ typedef struct Tarn_sys_diag_SysOsMemInfo {
     uint32_t uiVmPte;
     uint32_t uiVmSwap;
     uint32_t uiHugetlb; /* HugetlbPages */
-    uint32_t uiPss; /* from here to uiSwapPss: /proc/PID/smaps_rollup */
+    uint32_t uiPss;     /* from here to uiSwapPss: /proc/PID/smaps_rollup */
     uint32_t uiSharedClean;
     uint32_t uiSharedDirty;
     uint32_t uiPrivateClean;
@@ -503,7 +503,7 @@ VELTO_TABLE(SysProOsInput, uiPid)
 /* One mapping of a process, from /proc/PID/smaps. Texts that don't fit are cut at the end. */
 typedef struct Tarn_sys_diag_SysProOs {
     uint32_t uiPid;
-    char szAddrRange[32]; /* "b6f00000-b6f21000", hexadecimal */
+    char szAddrRange[32]; /* "b6f00000-b6f21000", hexadecimal; "ffffffffff600000+1000", where two have no room */
     char szPerms[16];     /* "r-xp" */
     uint32_t uiSize;
     uint32_t uiRss;
@@ -513,8 +513,7 @@ typedef struct Tarn_sys_diag_SysProOs {
     char szDevInode[32]; /* device and inode of the mapped file, "b3:02 1571"; "00:00 0" when there is none */
     char szMapName[32];  /* its name without directories, or "[heap]", "[stack]"; empty for anonymous memory */
 } Tarn_sys_diag_SysProOs;
-VELTO_TABLE(SysProOs, uiPid, szAddrRange, szPerms, uiSize, uiRss, uiPss, uiPrivateDirty, uiSwap, szDevInode,
-            szMapName)
+VELTO_TABLE(SysProOs, uiPid, szAddrRange, szPerms, uiSize, uiRss, uiPss, uiPrivateDirty, uiSwap, szDevInode, szMapName)
 
 /* Reply of GetOsProcessMapsInfo, in address order. */
 typedef struct Tarn_sys_diag_SysProOsResult {
@@ -936,10 +935,10 @@ typedef struct Tarn_sys_diag_PadsCpuEvent {
     uint32_t uiCpuId;
     uint32_t uiCpuUse;   /* use of the CPU over the duration, permille; /proc/stat */
     uint32_t uiPressure; /* "some avg10" of /proc/pressure/cpu at its end, permille; 0 when the kernel has none */
-    uint32_t uiPid;      /* the thread that took most of the CPU's time */
+    uint32_t uiPid;      /* the thread that took most of the CPU's time lately */
     uint32_t uiTid;
     char szThreadName[32]; /* /proc/PID/task/TID/comm */
-    uint32_t uiThreadUse;  /* its share of the CPU over the duration, permille */
+    uint32_t uiThreadUse;  /* its share of the CPU lately, permille */
 } Tarn_sys_diag_PadsCpuEvent;
 VELTO_TABLE(PadsCpuEvent, stTime, uiDuration, uiCpuId, uiCpuUse, uiPressure, uiPid, uiTid, szThreadName, uiThreadUse)
 
@@ -970,9 +969,9 @@ VELTO_TABLE(GetProcTableInput)
 typedef struct Tarn_sys_diag_ProcTableEntry {
     uint32_t uiPid;
     uint32_t uiPpid;
-    uint32_t uiUid;        /* real user */
-    char szProcName[32];   /* /proc/PID/comm */
-    uint8_t ucState;       /* state letter of /proc/PID/stat: 'R', 'S', 'D', 'Z', ... */
+    uint32_t uiUid;      /* real user */
+    char szProcName[32]; /* /proc/PID/comm */
+    uint8_t ucState;     /* state letter of /proc/PID/stat: 'R', 'S', 'D', 'Z', ... */
     uint32_t uiThreadNum;
     uint32_t uiRss;        /* KiB */
     TARN_U64 ullStartTime; /* ms from boot to the start of the process */
