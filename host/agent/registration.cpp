@@ -102,9 +102,10 @@ uint32_t Registration::Call(const host::meaning::Choice &announced) {
     return daemon;
 }
 
+// Again and again: others may have ended the subscription.
 void Registration::Subscribe() {
     const uint32_t events = resources_.Events();
-    if (events != events_) {
+    if (events != 0 || events != events_) {
         const Tarn_sys_diag_AppSubscribeInput request{OwnPid(), events};
         CallDaemon<Tarn_sys_diag_Result>(client_, "TarnAppSubscribe", request, &Tarn_sys_diag_Result::uiResult);
         events_ = events;

@@ -26,7 +26,7 @@ private:
     const Resources &resources_;
     host::Client client_;
     uint32_t daemonPid_ = 0; // whom the agent is registered with; 0: with none
-    uint32_t events_ = 0;    // that the daemon knows the application to want
+    uint32_t events_ = 0;    // that the daemon was told the application to want
     std::string failure_;    // the last that was logged, so that each is logged once
     Periodic renewal_;
 };

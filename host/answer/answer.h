@@ -129,7 +129,8 @@ inline void CheckWanted(void *replyCtx) {
     }
 }
 
-// The same for a reply with a result and more: when there is a failure, it alone travels.
+// The same for a reply with a result and more: when there is a failure, it alone travels. A result that the function
+// itself fills in stays.
 template <class Request, class Response, class Fill>
 uint32_t AnswerWithResult(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx,
                           Fill fill) {
@@ -137,8 +138,8 @@ uint32_t AnswerWithResult(const meaning::MethodOf<Request, Response> &method, co
         const uint32_t result = Run(method, request, [&] { fill(reply); });
         if (result != 0) {
             static_cast<Response &>(reply) = Response{};
+            meaning::ResultIn(*method.response, &reply) = result;
         }
-        meaning::ResultIn(*method.response, &reply) = result;
     });
 }
 

@@ -261,6 +261,11 @@ const uint32_t *FindNumber(const Record &meaning, const void *record, Kind kind)
 
 } // namespace
 
+bool HasResult(const Record &meaning) {
+    return std::ranges::find(meaning.members, Kind::kErrno, [](const Member &one) { return one.value.kind; }) !=
+           meaning.members.end();
+}
+
 uint32_t &ResultIn(const Record &meaning, void *record) {
     if (const uint32_t *const result = FindNumber(meaning, record, Kind::kErrno)) {
         return const_cast<uint32_t &>(*result);

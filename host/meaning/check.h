@@ -19,6 +19,7 @@ std::system_error BadMember(const Method &method, std::string_view member, std::
                             const std::string &expected);
 
 // The member of a reply in which a failure travels: its errno value.
+bool HasResult(const Record &meaning);
 uint32_t &ResultIn(const Record &meaning, void *record);
 
 // The process that a record names; null where it has no member for one.

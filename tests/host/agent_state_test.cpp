@@ -459,16 +459,16 @@ TEST_F(RelayTest, RelaysToTheAgent) {
     };
     EXPECT_EQ(timers(1)->uiResult, 0);
     EXPECT_TRUE(kit::Eventually([&] { return agent->Err().find("\"heartbeat\" expired") != std::string::npos; }));
-    EXPECT_EQ(timers(2).Status(), EINVAL) << "refused before it reaches the agent";
-    EXPECT_EQ(DeadLoopConfig(0).Status(), EINVAL);
-    EXPECT_EQ(DeadLoopConfig(kit::EndedPid()).Status(), ESRCH);
+    EXPECT_EQ(timers(2)->uiResult, EINVAL) << "refused before it reaches the agent";
+    EXPECT_EQ(DeadLoopConfig(0)->uiResult, EINVAL);
+    EXPECT_EQ(DeadLoopConfig(kit::EndedPid())->uiResult, ESRCH);
     EXPECT_EQ(agent->Stop(), 0);
 }
 
 TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentHangs) {
     const auto hanging = StartAgent();
     Stop(*hanging);
-    EXPECT_EQ(DeadLoopConfig(hanging->Pid()).Status(), ETIMEDOUT) << "before the caller's own deadline";
+    EXPECT_EQ(DeadLoopConfig(hanging->Pid())->uiResult, ETIMEDOUT) << "before the caller's own deadline";
 }
 
 TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentIsKilled) {
@@ -477,13 +477,13 @@ TEST_F(RelayTest, EndsWithAnErrorWhenTheAgentIsKilled) {
     EXPECT_EQ(DeadLoopConfig(pid).Status(), 0);
     Stop(*killed);
     uint32_t status = 0;
-    std::thread caller([&] { status = DeadLoopConfig(pid).Status(); });
+    std::thread caller([&] { status = DeadLoopConfig(pid)->uiResult; });
     EXPECT_TRUE(kit::Eventually([&] { return DaemonIsBusy(); })) << "it waits for the agent";
     killed->Signal(SIGKILL);
     killed->Wait();
     caller.join();
     EXPECT_TRUE(status == ECONNRESET || status == ESRCH) << status;
-    EXPECT_EQ(DeadLoopConfig(pid).Status(), ESRCH);
+    EXPECT_EQ(DeadLoopConfig(pid)->uiResult, ESRCH);
     EXPECT_EQ(DeadLoopConfig(StartAgent()->Pid()).Status(), 0) << "the daemon goes on";
 }
 

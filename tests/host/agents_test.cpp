@@ -36,6 +36,17 @@ protected:
         }
         return {0, std::generic_category()};
     }
+    int CodeOfOneThatLeaves(const IdlCallResult &result) {
+        peers_.agents = {kPid};
+        peers_.On(TARND_AGENT_METHOD(GetTopNHandleInfo), [&](uint32_t, const auto &, auto &) {
+            peers_.agents.clear();
+            return result;
+        });
+        const int code =
+            kit::ErrorOf([&] { line_.Ask(TARND_AGENT_METHOD(GetTopNHandleInfo), kPid, Tarn_sys_diag_None{}); });
+        peers_.agents = {kPid};
+        return code;
+    }
     int CodeOf(const IdlCallResult &result, uint32_t pid = kPid) { return ErrorOf(result, pid).code().value(); }
 
     kit::ManualClocks clocks_;
@@ -55,6 +66,9 @@ TEST_F(AgentLineTest, TellsWhyAnAgentDoesNotAnswer) {
     peers_.ended = {kPid};
     EXPECT_EQ(CodeOf({0, ECONNRESET}), ESRCH);
     EXPECT_EQ(CodeOf({0, ETIMEDOUT}), ETIMEDOUT);
+    EXPECT_EQ(CodeOf({0, EINVAL}), EINVAL);
+    EXPECT_EQ(CodeOfOneThatLeaves({0, EINVAL}), ESRCH) << "its proxy finds nobody";
+    EXPECT_EQ(CodeOfOneThatLeaves({EINVAL, 0}), EINVAL) << "what it said before";
     EXPECT_EQ(CodeOf({EPERM, ETIMEDOUT}), ETIMEDOUT);
     const std::string text = ErrorOf({EPERM, 0}).what();
     EXPECT_NE(text.find("the agent of process 5000000: as the test says"), std::string::npos) << text;
@@ -193,6 +207,21 @@ TEST_F(CourierTest, GoesToAllAgentsAndWithEachErrandToOne) {
     EXPECT_EQ(Take(), (Ran{{kPid, 1}, {kOther, 1}}));
     courier_.SendEach(kOther);
     EXPECT_EQ(Take(), (Ran{{kOther, 1}, {kOther, 2}}));
+}
+
+TEST_F(CourierTest, GoesAgainToAnAgentThatWasGoneAndIsBack) {
+    const auto errand = Add(1);
+    error_ = ESRCH;
+    courier_.Send(errand, kPid);
+    EXPECT_EQ(Take().size(), 1);
+    courier_.Resume(kOther);
+    clocks_.Advance(1h);
+    EXPECT_EQ(Take(), Ran{}) << "it is gone";
+    error_ = 0;
+    courier_.Resume(kPid);
+    EXPECT_EQ(Take(), (Ran{{kPid, 1}}));
+    courier_.Resume(kPid);
+    EXPECT_EQ(Take(), Ran{}) << "it missed nothing";
 }
 
 TEST_F(CourierTest, GoesAgainAfterAFailureUnlessTheAgentIsGoneOrDoesNotKnowIt) {
@@ -481,7 +510,7 @@ TEST_F(AgentsTest, AnswerWhatTheyAreAskedThroughTheDaemon) {
         Tarn_sys_diag_GetMirelMemPtInfoByTarndInput request{};
         request.uiTargetPid = pid;
         request.uiPtId = id;
-        return kit::CallMethod<Tarn_sys_diag_GetMirelMemPtInfoOutput>(GetMirelMemPtInfoByTarnd, request).Status();
+        return kit::CallMethod<Tarn_sys_diag_GetMirelMemPtInfoOutput>(GetMirelMemPtInfoByTarnd, request)->uiResult;
     };
     EXPECT_EQ(ask(kPid, 9), 0);
     EXPECT_EQ(ask(kPid, 8), EPERM);
@@ -731,6 +760,28 @@ TEST_F(SubscriptionsTest, EndWithTheirProcessAndWhenTheyAreForNothing) {
     EXPECT_EQ(daemon->subscriptions.Set({kPid, 9, 0}, event::kCpu), 0) << "it was another's";
     EXPECT_EQ(Subscribe(kPid, 0), 0);
     EXPECT_EQ(List()->uiSubscribeNum, 0);
+}
+
+// An agent renews its subscription with its registration, and has nothing new to hear then.
+TEST_F(SubscriptionsTest, ThatAreRenewedAreToldNothing) {
+    EXPECT_EQ(AddAgent(kPid, "agent"), 0);
+    RunDue();
+    size_t told = 0;
+    peers.On(TARND_AGENT_METHOD(TarnUpdateResourceInfo), [&](uint32_t, const auto &, auto &) {
+        ++told;
+        return IdlCallResult{0, 0};
+    });
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
+    Pass(1s);
+    const size_t first = std::exchange(told, 0);
+    EXPECT_GE(first, 1);
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
+    RunDue();
+    EXPECT_EQ(told, 0);
+    EXPECT_EQ(Subscribe(kPid, 0), 0) << "by someone else";
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
+    RunDue();
+    EXPECT_EQ(told, 1);
 }
 
 TEST_F(SubscriptionsTest, OfAnAgentAreAskedOfIt) {

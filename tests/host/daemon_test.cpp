@@ -201,7 +201,7 @@ TEST_F(DaemonTest, TellsThatThereIsNoAgent) {
     const auto get = [&](uint32_t pid) {
         return Call<Tarn_sys_diag_DiagResult>("DBGCmdExecResultGetByTarnd",
                                               Tarn_sys_diag_DbgCmdResultGetByTarndInput{pid})
-            .Status();
+            ->uiResult;
     };
     EXPECT_EQ(get(static_cast<uint32_t>(getpid())), ESRCH);
     EXPECT_EQ(get(0), EINVAL);

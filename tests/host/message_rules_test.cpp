@@ -291,7 +291,7 @@ TEST_F(MessageRulesTest, AreCountedInAllAgentsThatAnswer) {
     ASSERT_EQ(peers.calls.size(), 3);
     EXPECT_EQ(peers.calls[0].timeoutMs, 500);
     EXPECT_EQ(Get(0, 0, kOther)->uiRuleNum, 1);
-    EXPECT_EQ(Get(0, 0, kOther + 9).Status(), ESRCH) << "no agent there";
+    EXPECT_EQ(Get(0, 0, kOther + 9)->uiResult, ESRCH) << "no agent there";
 }
 
 TEST_F(MessageRulesTest, AreCountedWithinOneTimeHoweverManyAgentsAreSilent) {

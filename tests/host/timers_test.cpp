@@ -237,8 +237,36 @@ TEST_F(TimerMethodsTest, TellOneOrSomeOfThem) {
     EXPECT_EQ(List(0, 0, 0, static_cast<uint32_t>(getpid()))->uiTimerNum, all->uiTimerNum) << "its own process";
 }
 
+TEST_F(TimerMethodsTest, OfAllAgentsAreThereToo) {
+    const uint32_t own = List()->uiTotalNum;
+    for (uint32_t i = 0; i < 3; ++i) {
+        AddAgent(kit::kFakePid + i, "agent");
+    }
+    RunDue();
+    Tarn_sys_diag_TimerInfo flush{};
+    flush.uiTimerId = 1;
+    host::CopyText(flush.szTimerName, "flush");
+    peers.On(TARND_AGENT_METHOD(TarnAgentGetTimerInfo), [&](uint32_t pid, const auto &, auto &reply) {
+        if (pid == kit::kFakePid + 2) {
+            return IdlCallResult{0, ECONNRESET};
+        }
+        reply.pstTimer = &flush;
+        reply.uiTimerNum = 1;
+        return IdlCallResult{0, 0};
+    });
+    const auto all = List();
+    ASSERT_EQ(all->uiTotalNum, own + 2);
+    EXPECT_EQ(std::string(all->pstTimer[own].szTimerName), "5000000:flush");
+    EXPECT_EQ(std::string(all->pstTimer[own + 1].szTimerName), "5000001:flush");
+    EXPECT_EQ(all.Reason(), "without the timers of processes 5000002");
+    const auto last = List(0, own + 1, 1);
+    ASSERT_EQ(last->uiTimerNum, 1);
+    EXPECT_EQ(std::string(last->pstTimer[0].szTimerName), "5000001:flush");
+    EXPECT_EQ(List(0, 0, 0, static_cast<uint32_t>(getpid()))->uiTotalNum, own) << "those of the daemon alone";
+}
+
 TEST_F(TimerMethodsTest, OfAnAgentAreAskedOfIt) {
-    EXPECT_EQ(List(77, 0, 0, kit::kFakePid).Status(), ESRCH) << "no agent";
+    EXPECT_EQ(List(77, 0, 0, kit::kFakePid)->uiResult, ESRCH) << "no agent";
     peers.agents.insert(kit::kFakePid);
     peers.On(TARND_AGENT_METHOD(TarnAgentGetTimerInfo), [](uint32_t pid, const auto &request, auto &reply) {
         reply.uiPid = pid;

@@ -99,7 +99,7 @@ TEST_F(Unprivileged, ReachesAgentsOfOthersAndNobodyElseDoes) {
     ASSERT_TRUE(kit::Eventually([&] { return client_.Knows("TarnSysdiagAgent", agent.Pid()); })) << agent.Err();
     const auto timers = Call<Tarn_sys_diag_GetTimerInfoResult>("TarnGetTimerInfoTarnd",
                                                                Tarn_sys_diag_GetTimerInput{0, 0, 1, agent.Pid()});
-    EXPECT_EQ(timers.Status(), 0) << timers.Text() << agent.Err();
+    EXPECT_EQ(timers->uiResult, 0) << timers.Explanation() << agent.Err();
     kit::Attacker attacker(
         [&] {
             host::Client client({.runDir = dir_.Path()});

@@ -77,7 +77,8 @@ protected:
     // Through the daemon, so that it must have registered.
     bool AgentAnswers() {
         const Tarn_sys_diag_DbgCmdResultGetByTarndInput request{scene_.agent};
-        return this->template Call<Tarn_sys_diag_DiagResult>("DBGCmdExecResultGetByTarnd", request).Status() == 0;
+        const auto answer = this->template Call<Tarn_sys_diag_DiagResult>("DBGCmdExecResultGetByTarnd", request);
+        return answer.Status() == 0 && answer->uiResult != ESRCH && answer->uiResult != ETIMEDOUT;
     }
 
     const std::filesystem::path state_ = this->dir_.Path() / "logs" / "state"; // on the same disk as the logs

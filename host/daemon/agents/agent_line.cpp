@@ -38,6 +38,9 @@ void AgentLine::Call(const PeerCall &call, Whom whom) {
     if (result.uiErrCode == ECONNREFUSED || result.uiErrCode == ENOENT) {
         FailWithoutAgent(call.pid); // killed, and its socket left behind; or gone since it was looked up
     }
+    if (result.uiErrCode != 0 && result.uiErrCode != ETIMEDOUT && !peers_.HasAgent(call.pid)) {
+        FailWithoutAgent(call.pid); // left meanwhile: its proxy has nobody to call
+    }
     if (result.uiErrCode == ECONNRESET && !peers_.HasProcess(call.pid)) {
         FailWithoutAgent(call.pid); // killed while it worked on the call
     }

@@ -21,6 +21,8 @@ void Register(const Tarn_sys_diag_AgentRegInfoInput &request, void *replyCtx) {
         }
     } else if (daemon.registry.Add(process, agent, version)) {
         daemon.courier.SendEach(process.pid);
+    } else {
+        daemon.courier.Resume(process.pid);
     }
 }
 

@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::seconds kRetryAfter{1};
 
 bool IsFinal(uint32_t error) {
-    return error == 0 || error == ESRCH || error == ENOSYS;
+    return error == 0 || error == ENOSYS;
 }
 
 } // namespace
@@ -41,7 +41,17 @@ void Courier::SendEach(uint32_t pid) {
     }
 }
 
+void Courier::Resume(uint32_t pid) {
+    const host::MutexLock lock(mutex_);
+    for (Errand errand = 0; errand < runs_.size(); ++errand) {
+        if (missed_.count({pid, errand}) != 0) {
+            SendNow(errand, pid);
+        }
+    }
+}
+
 void Courier::SendNow(Errand errand, uint32_t pid) {
+    missed_.erase({pid, errand});
     const host::SteadyTime now = clocks_.SteadyNow();
     due_[{pid, errand}] = now;
     tell_(now);
@@ -69,10 +79,19 @@ void Courier::RunDue() {
     const uint32_t error = host::Attempt("courier", [&run, pid = pid] { run(pid); });
     lock.Lock();
     visited_.erase(pid);
-    if (!IsFinal(error) && registry_.Answers(pid)) {
+    if (error == ESRCH) {
+        NoteMissed(errand, pid);
+    } else if (!IsFinal(error) && registry_.Answers(pid)) {
         due_.try_emplace({pid, errand}, clocks_.SteadyNow() + kRetryAfter);
     }
     TellNextOf(pid);
+}
+
+// One that has gone for good is no longer registered, or soon won't be.
+void Courier::NoteMissed(Errand errand, uint32_t pid) {
+    const std::map<uint32_t, Agent> agents = registry_.Agents();
+    missed_.insert({pid, errand});
+    std::erase_if(missed_, [&](const auto &entry) { return agents.count(entry.first) == 0; });
 }
 
 // The errand that is due first, of the agents that none is with.

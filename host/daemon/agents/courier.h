@@ -25,15 +25,16 @@ public:
     Courier(const host::Clocks &clocks, AgentRegistry &registry) : clocks_(clocks), registry_(registry) {}
 
     // What there is to do with the agent of a process. It finds out by itself what the agent has to be told, so one
-    // that was asked for twice is run once. May throw; it is then run again later, unless the agent is gone or does not
-    // know the method, or is set aside: all are sent to one that is back. An agent has one at a time; those of several
-    // agents run at the same time.
+    // that was asked for twice is run once. May throw; it is then run again later, unless the agent does not know the
+    // method, is gone, until it resumes, or is set aside: all are sent to one that is back. An agent has one at a time;
+    // those of several agents run at the same time.
     using Errand = size_t;
     Errand Add(std::function<void(uint32_t pid)> run);
 
     void Send(Errand errand, uint32_t pid);
     void SendToAll(Errand errand);
     void SendEach(uint32_t pid); // all that there are, in the order in which they were added
+    void Resume(uint32_t pid);   // those that found the agent gone, which is back
 
     // Who drives the courier is told from when on RunDue has an errand to run, once for each. Threads may run several
     // at the same time.
@@ -46,13 +47,15 @@ private:
     void SendNow(Errand errand, uint32_t pid) TARN_REQUIRES(mutex_);
     Errands::iterator Next() TARN_REQUIRES(mutex_);
     void TellNextOf(uint32_t pid) TARN_REQUIRES(mutex_);
+    void NoteMissed(Errand errand, uint32_t pid) TARN_REQUIRES(mutex_);
 
     const host::Clocks &clocks_;
     AgentRegistry &registry_;
     host::Mutex mutex_;
     std::vector<std::function<void(uint32_t pid)>> runs_ TARN_GUARDED_BY(mutex_);
     Errands due_ TARN_GUARDED_BY(mutex_);
-    std::set<uint32_t> visited_ TARN_GUARDED_BY(mutex_); // agents that an errand is with
+    std::set<std::pair<uint32_t, Errand>> missed_ TARN_GUARDED_BY(mutex_); // of registered agents, that were gone
+    std::set<uint32_t> visited_ TARN_GUARDED_BY(mutex_);                   // agents that an errand is with
     std::function<void(host::SteadyTime)> tell_ TARN_GUARDED_BY(mutex_) = [](host::SteadyTime) {};
 };
 

@@ -9,16 +9,19 @@ namespace tarnd {
 // How long an agent has for its part of a request that the daemon is working on; throws ETIMEDOUT when nothing is left.
 uint32_t RelayTimeout(void *replyCtx);
 
-// All of it within the request's own deadline.
+// All of it within the request's own deadline. What keeps the agent from answering is the reply's result, where it has
+// one.
 template <class Own, class Request, class Response>
 uint32_t Relay(const host::meaning::MethodOf<Own, Response> &method, const Own *request, void *replyCtx,
                const AgentMethod<Request, Response> &agentMethod, uint32_t pid, const Request &agentRequest) {
-    return host::Answer(method, request, replyCtx, [&](auto &reply) {
+    const auto fill = [&](auto &reply) {
         auto answer = Daemon::Serving().agentLine.Ask(agentMethod, pid, agentRequest, RelayTimeout(replyCtx));
         TarnHost_ExplainReply(replyCtx, answer->explanation.c_str());
         static_cast<Response &>(reply) = answer->record;
         reply.KeepOwner(std::move(answer));
-    });
+    };
+    return host::meaning::HasResult(*method.response) ? host::AnswerWithResult(method, request, replyCtx, fill)
+                                                      : host::Answer(method, request, replyCtx, fill);
 }
 
 } // namespace tarnd

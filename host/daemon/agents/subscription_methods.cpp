@@ -47,8 +47,10 @@ void Subscribe(const Tarn_sys_diag_AppSubscribeInput &request, void *replyCtx) {
     Daemon &daemon = Daemon::Serving();
     const Registrant process = RegistrantOf(daemon.proc, named, replyCtx);
     const uint32_t before = daemon.subscriptions.Set(process, events);
-    daemon.resourceLevels.Tell(process.pid);
-    host::Log().info("process {} subscribes to events {:#x}, before to {:#x}", process.pid, events, before);
+    if (events != before) { // agents renew what they have
+        daemon.resourceLevels.Tell(process.pid);
+        host::Log().info("process {} subscribes to events {:#x}, before to {:#x}", process.pid, events, before);
+    }
 }
 
 } // namespace

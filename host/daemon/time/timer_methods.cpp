@@ -1,9 +1,13 @@
-// What becomes of the daemon's own timers, and of an agent's.
+// What becomes of the daemon's own timers, and of the agents'.
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+
+#include <fmt/ranges.h>
 
 #include "host/answer/answer.h"
+#include "host/daemon/agents/at_once.h"
 #include "host/daemon/agents/relay.h"
 #include "host/daemon/daemon.h"
 #include "tarn_sysdiag/server/tarnd.h"
@@ -38,20 +42,69 @@ Tarn_sys_diag_TimerInfo Describe(const Timers::Timer &timer, host::SteadyTime no
     return info;
 }
 
-void ListTimers(const Tarn_sys_diag_GetTimerInput &request, host::Reply<Tarn_sys_diag_GetTimerInfoResult> &reply) {
-    const auto &[wanted, skip, most, process] = request;
+std::vector<Tarn_sys_diag_TimerInfo> OwnTimers(uint32_t wanted) {
     const auto now = Daemon::Serving().clocks.SteadyNow();
     std::vector<Tarn_sys_diag_TimerInfo> infos;
     for (const Timers::Timer &timer : Daemon::Serving().timers.List()) {
-        if (wanted != 0 && timer.id != wanted) {
-            continue;
-        }
-        const uint32_t index = reply.uiTotalNum++;
-        if (index >= skip && (most == 0 || index - skip < most)) {
+        if (wanted == 0 || timer.id == wanted) {
             infos.push_back(Describe(timer, now));
         }
     }
+    return infos;
+}
+
+using TimersOfProcesses = std::map<uint32_t, std::vector<Tarn_sys_diag_TimerInfo>>;
+
+// Of the agents that answer; their process is before their names.
+TimersOfProcesses TimersOfAgents(uint32_t wanted, uint32_t timeoutMs) {
+    const Tarn_sys_diag_GetTimerInput all{wanted, 0, 0, kAgentsOwn};
+    host::Mutex mutex;
+    TimersOfProcesses timers;
+    AskAtOnce("TarnAgentGetTimerInfo", Daemon::Serving().registry.ThatAnswer(), [&](uint32_t pid) {
+        const auto answer =
+            Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnAgentGetTimerInfo), pid, all, timeoutMs);
+        answer->RequireResult(fmt::format("the agent of process {}", pid));
+        const host::MutexLock lock(mutex);
+        std::vector<Tarn_sys_diag_TimerInfo> &infos = timers[pid];
+        for (uint32_t i = 0; i < answer->record.uiTimerNum; ++i) {
+            Tarn_sys_diag_TimerInfo &info = infos.emplace_back(answer->record.pstTimer[i]);
+            host::CopyText(info.szTimerName, fmt::format("{}:{}", pid, host::TextOf(info.szTimerName)));
+        }
+    });
+    return timers;
+}
+
+void ExplainMissing(const TimersOfProcesses &timers, void *replyCtx) {
+    std::vector<uint32_t> missing;
+    for (const auto &[pid, agent] : Daemon::Serving().registry.Agents()) {
+        if (timers.count(pid) == 0) {
+            missing.push_back(pid);
+        }
+    }
+    if (!missing.empty()) {
+        const std::string text = fmt::format("without the timers of processes {}", fmt::join(missing, ", "));
+        TarnHost_ExplainReply(replyCtx, text.c_str());
+    }
+}
+
+void ListTimers(const Tarn_sys_diag_GetTimerInput &request, void *replyCtx,
+                host::Reply<Tarn_sys_diag_GetTimerInfoResult> &reply) {
+    constexpr uint32_t kMostMs = 500; // for the agents
+    const auto &[wanted, skip, most, process] = request;
+    std::vector<Tarn_sys_diag_TimerInfo> infos = OwnTimers(wanted);
+    if (process == 0) {
+        const TimersOfProcesses ofAgents = TimersOfAgents(wanted, std::min(RelayTimeout(replyCtx), kMostMs));
+        for (const auto &[pid, ofProcess] : ofAgents) {
+            infos.insert(infos.end(), ofProcess.begin(), ofProcess.end());
+        }
+        ExplainMissing(ofAgents, replyCtx);
+    }
     reply.uiPid = static_cast<uint32_t>(getpid());
+    reply.uiTotalNum = static_cast<uint32_t>(infos.size());
+    infos.erase(infos.begin(), infos.begin() + std::min<ptrdiff_t>(std::ssize(infos), skip));
+    if (most != 0 && infos.size() > most) {
+        infos.resize(most);
+    }
     reply.pstTimer = reply.Keep(std::move(infos), reply.uiTimerNum);
 }
 
@@ -66,5 +119,5 @@ uint32_t TarnGetTimerInfoTarnd(const Tarn_sys_diag_GetTimerInput *request, void 
                             TARND_AGENT_METHOD(TarnAgentGetTimerInfo), process, {timer, skip, most, tarnd::kAgentsOwn});
     }
     return host::Answer(host::methods::TarnGetTimerInfoTarnd, request, replyCtx,
-                        [&](auto &reply) { tarnd::ListTimers(*request, reply); });
+                        [&](auto &reply) { tarnd::ListTimers(*request, replyCtx, reply); });
 }
