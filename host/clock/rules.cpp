@@ -1,6 +1,8 @@
 #include "host/clock/rules.h"
 
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <regex>
 #include <string_view>
 #include <utility>
@@ -131,6 +133,61 @@ DstChange ParseChange(const std::string &text) {
         return {number(1), small(2), small(3), small(4), small(7), small(8), small(9)};
     }
     return {number(1), small(5), 0, small(6), small(7), small(8), small(9)};
+}
+
+namespace {
+
+// "CET" or "<+0545>"; false without one.
+bool TakeZoneName(std::string_view &text) {
+    const bool quoted = text.starts_with('<');
+    size_t length = 0;
+    while (length < text.size() &&
+           (quoted ? text[length] != '>' : isalpha(static_cast<unsigned char>(text[length])) != 0)) {
+        ++length;
+    }
+    length += quoted && length < text.size() ? 1 : 0;
+    text.remove_prefix(length);
+    return length >= 3;
+}
+
+uint32_t TakeNumber(std::string_view &text) {
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(end - text.data()));
+    return number;
+}
+
+// "-1", "-5:45": hours and minutes west of Greenwich; what is returned is east of it.
+std::optional<int32_t> TakeOffset(std::string_view &text) {
+    const bool east = text.starts_with('-');
+    if (east || text.starts_with('+')) {
+        text.remove_prefix(1);
+    }
+    if (text.empty() || isdigit(static_cast<unsigned char>(text.front())) == 0) {
+        return std::nullopt;
+    }
+    auto minutes = static_cast<int32_t>(TakeNumber(text) * 60);
+    if (text.starts_with(':')) {
+        text.remove_prefix(1);
+        minutes += static_cast<int32_t>(TakeNumber(text));
+    }
+    return east ? minutes : -minutes;
+}
+
+} // namespace
+
+std::vector<int32_t> OffsetsOf(std::string_view posixText) {
+    if (!TakeZoneName(posixText)) {
+        return {};
+    }
+    const std::optional<int32_t> standard = TakeOffset(posixText);
+    if (!standard) {
+        return {};
+    }
+    if (!TakeZoneName(posixText)) {
+        return {*standard};
+    }
+    return {*standard, TakeOffset(posixText).value_or(*standard + 60)};
 }
 
 Zone FromRecord(const Tarn_sys_diag_Timezone &record) {

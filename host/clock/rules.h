@@ -8,6 +8,8 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "host/clock/calendar.h"
 
@@ -66,6 +68,9 @@ std::string TextOf(const std::optional<DstRule> &rule);
 // A zone with a rule as POSIX has them for TZ: "<CET>-1<CEST>,M3.5.0,M10.5.0/3". A rule for one year is said as if it
 // held for each, until it is over.
 std::string PosixText(const Zone &zone, const std::optional<DstRule> &rule, GmtTime now);
+
+// The offsets, of standard time and of daylight saving, that such a text has; none where it is not one. In minutes.
+std::vector<int32_t> OffsetsOf(std::string_view posixText);
 
 // What clocks on the wall show in a zone with a rule.
 class WallClock {

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "host/osal/text.h"
+#include "tests/host/error_of.h"
 #include "tests/host/manual_clocks.h"
 #include "tests/host/refusal.h"
 #include "tests/host/temp_dir.h"
@@ -56,6 +57,39 @@ TEST_F(LocalClockTest, ShowsTheSystemsTimeUntilItIsToldAnother) {
     char text[32];
     strftime(text, sizeof text, "%F %T %z", localtime(&now));
     EXPECT_EQ(Shown(), text);
+}
+
+TEST_F(LocalClockTest, TakesAZoneOfTheSystemWithAnOffsetThatItHas) {
+    const auto write = [this](const std::string &zone, const std::string &end) {
+        std::filesystem::create_directories((dir_.Path() / "zones" / zone).parent_path());
+        std::ofstream(dir_.Path() / "zones" / zone) << "TZif2" << std::string(40, '\0') << "\n" << end << "\n";
+    };
+    write("Europe/Berlin", "CET-1CEST,M3.5.0,M10.5.0/3");
+    write("Asia/Kathmandu", "<+0545>-5:45");
+    tarnd::LocalClock clock(clocks_, store_, {}, dir_.Path() / "zones");
+    const auto refusal = [&](const std::string &name, int32_t minutes) {
+        return kit::ReasonOf([&] { clock.SetZone({name, minutes}, kSource); });
+    };
+    EXPECT_EQ(refusal("Europe/Berlin", 0),
+              "zone.offset is 0, expected 60 or 120 minutes, which the system has for Europe/Berlin");
+    EXPECT_EQ(refusal("Asia/Kathmandu", 300),
+              "zone.offset is 300, expected 345 minutes, which the system has for Asia/Kathmandu");
+    EXPECT_EQ(clock.PosixZone(), "") << "as before";
+    for (const host::Zone &zone : {host::Zone{"Europe/Berlin", 60}, host::Zone{"Europe/Berlin", 120},
+                                   host::Zone{"Asia/Kathmandu", 345}, host::Zone{"Europe", 0}, host::Zone{"ours", 7}}) {
+        EXPECT_EQ(refusal(zone.name, zone.offsetMinutes), "");
+    }
+}
+
+TEST(OffsetsOf, AreThoseOfATextForTZ) {
+    using host::OffsetsOf;
+    EXPECT_EQ(OffsetsOf("EST5EDT,M3.2.0,M11.1.0"), (std::vector{-300, -240}));
+    EXPECT_EQ(OffsetsOf("IST-1GMT0,M10.5.0,M3.5.0/1"), (std::vector{60, 0}));
+    EXPECT_EQ(OffsetsOf("<+1030>-10:30<+11>-11,M10.1.0,M4.1.0"), (std::vector{630, 660}));
+    EXPECT_EQ(OffsetsOf("UTC0"), (std::vector{0}));
+    for (const char *const none : {"", "X", "<+03", "CET", "CETx", "1CET", "CET-"}) {
+        EXPECT_EQ(OffsetsOf(none), std::vector<int32_t>{}) << none;
+    }
 }
 
 TEST_F(LocalClockTest, TellsItsZoneWithItsRule) {

@@ -3,9 +3,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
+#include <fstream>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "host/osal/error.h"
 #include "host/osal/log.h"
@@ -22,11 +25,10 @@ using host::Millis;
 constexpr const char *kDocument = "clock";
 constexpr uint32_t kVersion = 2;               // 1: who set zone and rule was not told
 constexpr const char *kTime = "time (stTime)"; // what requests call it
-constexpr const char *kZones = "/usr/share/zoneinfo";
 
 // Replaced in one step, as whoever reads the zone expects.
-void LinkZone(const std::filesystem::path &link, const std::string &zone) {
-    const std::filesystem::path target = std::filesystem::path(kZones) / zone;
+void LinkZone(const std::filesystem::path &link, const std::filesystem::path &zones, const std::string &zone) {
+    const std::filesystem::path target = zones / zone;
     if (!std::filesystem::is_regular_file(target)) {
         host::Fail(ENOENT, fmt::format("the system has no zone {}", zone));
     }
@@ -41,7 +43,9 @@ void LinkZone(const std::filesystem::path &link, const std::string &zone) {
 void SetSystemClock(GmtTime to) {
     const auto sinceEpoch = to.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
-    const timespec time{seconds.count(), std::chrono::nanoseconds(sinceEpoch - seconds).count()};
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(seconds.count());
+    time.tv_nsec = static_cast<long>(std::chrono::nanoseconds(sinceEpoch - seconds).count());
     if (clock_settime(CLOCK_REALTIME, &time) != 0) {
         host::Fail(errno, "the system's clock");
     }
@@ -105,8 +109,9 @@ ClockSettings FromDocument(const Document &content, uint32_t version) {
 
 } // namespace
 
-LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink)
-    : clocks_(clocks), store_(store), zoneLink_(std::move(zoneLink)) {
+LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink,
+                       std::filesystem::path zones)
+    : clocks_(clocks), store_(store), zoneLink_(std::move(zoneLink)), zones_(std::move(zones)) {
     const host::MutexLock lock(mutex_);
     store_.Load(kDocument, kVersion, [this](const Document &content, uint32_t version) TARN_REQUIRES(mutex_) {
         settings_ = FromDocument(content, version);
@@ -117,13 +122,29 @@ void LocalClock::SetZone(const host::Zone &zone, Source source) {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
     changed.zone.Set(source, host::CheckedZone(zone));
+    CheckAgainstSystem(zone);
     if (zoneLink_ && changed.zone.From() == source) {
-        LinkZone(*zoneLink_, zone.name);
+        LinkZone(*zoneLink_, zones_, zone.name);
     }
     const std::string text = fmt::format("time zone {} from {}", host::TextOf(zone), NameOf(source));
     const std::string before = settings_.Zone() ? host::TextOf(*settings_.Zone()) : "the system's";
     Change(changed, changed.zone.From() == source ? fmt::format("{}, before {}", text, before)
                                                   : fmt::format("{}; a client's {} holds", text, before));
+}
+
+// A zone's file ends with a line that tells its offsets from now on.
+void LocalClock::CheckAgainstSystem(const host::Zone &zone) const {
+    std::ifstream file(zones_ / zone.name, std::ios::binary);
+    std::string line, last;
+    while (std::getline(file, line)) {
+        last = line;
+    }
+    const std::vector<int32_t> offsets = host::OffsetsOf(last);
+    if (!offsets.empty() && std::ranges::find(offsets, zone.offsetMinutes) == offsets.end()) {
+        throw host::BadValue(
+            "zone.offset", zone.offsetMinutes,
+            fmt::format("{} minutes, which the system has for {}", fmt::join(offsets, " or "), zone.name));
+    }
 }
 
 void LocalClock::SetDst(const std::optional<host::DstRule> &rule, Source source) {
@@ -142,7 +163,7 @@ void LocalClock::ForgetClients() {
     changed.zone.ForgetClients();
     changed.dst.ForgetClients();
     if (zoneLink_ && changed.Zone() && changed.Zone() != settings_.Zone()) {
-        LinkZone(*zoneLink_, changed.Zone()->name);
+        LinkZone(*zoneLink_, zones_, changed.Zone()->name);
     }
     Change(changed, fmt::format("time zone from {}, daylight saving from {}", NameOf(changed.zone.From()),
                                 NameOf(changed.dst.From())));

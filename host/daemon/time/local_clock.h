@@ -32,14 +32,16 @@ class LocalClock {
 public:
     // Takes over what an earlier run kept. With the link that names the system's zone, settings go to the system as
     // well: to its clock, and to the link.
-    LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink);
+    LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink,
+               std::filesystem::path zones = "/usr/share/zoneinfo");
 
     // What clocks show depends on the settings: the function is called after each change of them. It must be short and
     // not ask the clock. Before the first request.
     void OnChange(std::function<void()> function) { changed_ = std::move(function); }
 
     // Each takes a setting over, keeps it, and says so in the log. Throws what is wrong with it, or what keeps it from
-    // being applied or kept; the settings are as before then.
+    // being applied or kept; the settings are as before then. A zone that the system has a file of has an offset that
+    // it has there; the name of another is a label.
     void SetZone(const host::Zone &zone, Source source);
     void SetDst(const std::optional<host::DstRule> &rule, Source source);
     void ForgetClients(); // their zone and rule
@@ -60,6 +62,7 @@ public:
     std::string PosixZone() const;
 
 private:
+    void CheckAgainstSystem(const host::Zone &zone) const;
     host::ZonedTime Local(host::WallTime when) const TARN_REQUIRES(mutex_);
     void SetNow(host::GmtTime now) TARN_REQUIRES(mutex_);
     void Change(ClockSettings changed, const std::string &what) TARN_REQUIRES(mutex_);
@@ -67,6 +70,7 @@ private:
     const host::Clocks &clocks_;
     host::Store &store_;
     const std::optional<std::filesystem::path> zoneLink_;
+    const std::filesystem::path zones_;
     mutable host::Mutex mutex_;
     ClockSettings settings_ TARN_GUARDED_BY(mutex_);
     std::function<void()> changed_;
