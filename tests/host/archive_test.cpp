@@ -3,6 +3,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
+#include <locale.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -25,6 +26,8 @@ using namespace std::chrono_literals;
 
 // The files of an archive and what is in them.
 std::map<std::string, std::string> ReadArchive(const std::filesystem::path &path) {
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    uselocale(utf8);
     std::map<std::string, std::string> files;
     const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
     archive_read_support_format_zip(reader.get());
@@ -34,7 +37,15 @@ std::map<std::string, std::string> ReadArchive(const std::filesystem::path &path
         EXPECT_EQ(archive_read_data(reader.get(), text.data(), text.size()), static_cast<la_ssize_t>(text.size()));
         files[archive_entry_pathname(entry)] = text;
     }
+    uselocale(LC_GLOBAL_LOCALE);
     return files;
+}
+
+// Bit 11 of the flags, 24 bytes before a file's name in its local header.
+bool IsMarkedAsUtf8(const std::string &archive, const std::string &name) {
+    const size_t at = archive.find(name);
+    EXPECT_TRUE(at != archive.npos && at >= 24) << name;
+    return (archive.at(at - 23) & 8) != 0;
 }
 
 // The time of an archive's first file.
@@ -240,6 +251,33 @@ TEST_F(ArchiveTest, KeepsNamesAsTheyAre) {
     }
     ASSERT_EQ(Zip("names", "", "names.zip"), 0);
     EXPECT_EQ(ReadArchive(logs_ / "names.zip"), expected);
+    const std::string bytes = kit::TextOfFile(logs_ / "names.zip");
+    EXPECT_TRUE(IsMarkedAsUtf8(bytes, "names/\xC3\xA4"));
+    EXPECT_FALSE(IsMarkedAsUtf8(bytes, "names/\xFF\xFE.log")) << "which it is not";
+}
+
+TEST_F(ArchiveTest, HasEmptyDirectories) {
+    std::filesystem::create_directories(logs_ / "some" / "empty");
+    std::ofstream(logs_ / "some" / "file") << "text";
+    const auto answer = ZipAnswer("some", "", "some.zip");
+    const std::map<std::string, std::string> expected{{"some/empty/", ""}, {"some/file", "text"}};
+    EXPECT_EQ(ReadArchive(logs_ / "some.zip"), expected);
+    EXPECT_EQ(answer.Reason(), "");
+}
+
+TEST_F(ArchiveTest, HasEarlierArchivesOnlyWhenTheyAreAskedFor) {
+    ASSERT_EQ(Zip("system.log", "app", "earlier.zip"), 0);
+    std::ofstream(logs_ / "app" / "others.zip") << "PK";
+    std::filesystem::remove(logs_ / "app" / "link.log"); // which is left out as well
+    const auto answer = ZipAnswer("app", "", "app.zip");
+    const std::map<std::string, std::string> expected{
+        {"app/a.log", "first\n"}, {"app/old/b.log", big_}, {"app/others.zip", "PK"}};
+    EXPECT_EQ(ReadArchive(logs_ / "app.zip"), expected);
+    EXPECT_EQ(answer.Reason(),
+              "1 left out, the first of them app/earlier.zip: an archive, which is packed only when it "
+              "is asked for itself");
+    ASSERT_EQ(Zip("app/earlier.zip", "", "again.zip"), 0);
+    EXPECT_EQ(ReadArchive(logs_ / "again.zip").count("earlier.zip"), 1);
 }
 
 TEST_F(ArchiveTest, LeavesOutDirectoriesThatAreTooDeep) {
@@ -485,6 +523,7 @@ TEST_F(CopyTest, LeavesAnotherFileThatHasTheNameOfWhatItMoves) {
 
 TEST_F(CopyTest, CopiesAnEmptyArchiveForItsGroupAndTellsSo) {
     std::filesystem::create_directory(logs_ / "empty");
+    std::filesystem::create_symlink("nowhere", logs_ / "empty" / "left out");
     ASSERT_EQ(Zip("empty", "", "empty.zip"), 0);
     testing::internal::CaptureStderr();
     const mode_t before = umask(0);

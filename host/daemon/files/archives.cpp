@@ -3,6 +3,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
+#include <locale.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "host/meaning/methods.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
+#include "host/osal/text.h"
 #include "host/store/files.h"
 
 namespace tarnd {
@@ -42,6 +44,25 @@ uint64_t HoleBytes(const Descriptor &file, off_t size, uint64_t most) {
     }
     return bytes;
 }
+
+// Names are marked as UTF-8 where that is the charset of the thread that writes them. One that is none is not marked.
+class Charset {
+public:
+    explicit Charset(const std::string &name)
+        : utf8_(host::IsText(name) ? newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr) : nullptr),
+          before_(uselocale(utf8_)) {}
+    ~Charset() {
+        uselocale(before_);
+        if (utf8_ != nullptr) {
+            freelocale(utf8_);
+        }
+    }
+    Charset(const Charset &) = delete;
+    Charset &operator=(const Charset &) = delete;
+
+private:
+    const locale_t utf8_, before_;
+};
 
 class ZipWriter {
 public:
@@ -70,7 +91,11 @@ public:
         const struct stat status = source.Status();
         if (S_ISDIR(status.st_mode)) {
             AddDirectory(std::move(source), path, depth);
-        } else if (Takes(status) && HasRoom(source, path, status)) {
+        } else if (!Takes(status)) {
+            return;
+        } else if (depth != 0 && IsOwnArchive(source)) {
+            leftOut_.Add(path + ": an archive, which is packed only when it is asked for itself");
+        } else if (HasRoom(source, path, status)) {
             AddFile(source, path, status);
         }
     }
@@ -87,6 +112,10 @@ private:
             return;
         }
         const std::vector<std::string> names = host::NamesIn(source, left_.entries + 1);
+        if (names.empty() && !path.empty()) {
+            WriteHeader(path, source.Status());
+            Check(archive_write_finish_entry(zip_.get()));
+        }
         for (const std::string &name : names) {
             progress_.Add(0);
             if (left_.entries == 0) {
@@ -131,11 +160,16 @@ private:
         return true;
     }
 
-    void AddFile(const Descriptor &source, const std::string &path, const struct stat &status) {
+    void WriteHeader(const std::string &path, const struct stat &status) {
         const std::unique_ptr<archive_entry, void (*)(archive_entry *)> entry(archive_entry_new(), archive_entry_free);
         archive_entry_copy_stat(entry.get(), &status);
         archive_entry_set_pathname(entry.get(), path.c_str());
+        const Charset charset(path);
         Check(archive_write_header(zip_.get(), entry.get()));
+    }
+
+    void AddFile(const Descriptor &source, const std::string &path, const struct stat &status) {
+        WriteHeader(path, status);
         // The header has promised a size: a log that grows meanwhile is cut, one that shrinks filled up with zeros.
         char buffer[65536];
         for (auto left = static_cast<uint64_t>(status.st_size); left != 0;) {
