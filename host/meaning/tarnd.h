@@ -245,7 +245,7 @@ RECORD(AssertInfoCondition, {"uiValue1", "process", Pid().Zero("all"), "The proc
        {"uiValue3", "most", Count().Zero("all"), "How many records to return."})
 RECORD(AssertInfoResult,
        {"pucInfo", "text", Lines().Zero("no record"),
-        "The records with time, process, expression, registers and stack. Lines at the end name files that may not be "
+        "The records with time, process, expression and stack. Lines at the end name files that may not be "
         "read, and tell how many records were found damaged. Of more than 2 MiB of records the reply explains where to "
         "go on."},
        {"uiValue1", "matches", Count(), "How many records match, returned or not."})
@@ -360,7 +360,9 @@ METHOD(GetOsProcessMapsInfo, Group::kMemory,
 RECORD(SysProOsInput, {"uiPid", "process", Pid(), "The process."})
 RECORD(SysProOsResult, {"pstMap", "mappings", Records(), "The mappings, in the order of their addresses."})
 RECORD(SysProOs, {"uiPid", "process", Pid(), "The process."},
-       {"szAddrRange", "range", Text(), "Its addresses in hexadecimal, \"b6f00000-b6f21000\"."},
+       {"szAddrRange", "range", Text(),
+        "Its addresses in hexadecimal, \"b6f00000-b6f21000\"; two of 16 digits as the first and the size, "
+        "\"ffffffffff600000+1000\"."},
        {"szPerms", "permissions", Text(), "What is allowed there, \"r-xp\"."},
        {"uiSize", "size", Kib(), "The size of the range."}, {"uiRss", "resident", Kib(), "What of it is in memory."},
        {"uiPss", "proportional", Kib(), "The same, with the process's part of what it shares with others."},
@@ -440,15 +442,18 @@ RECORD(SysOvLoadMemThreshold,
         "The share below which it ends."})
 
 METHOD(ClearEnvAct, Group::kSettings,
-       "Starts a record of memory anew. It fails with 28 ENOSPC for more than 64 patterns; an empty one clears the "
-       "others.",
+       "Starts a record of memory anew, or gives up what clients have set for what the master has or the default. It "
+       "fails with 28 ENOSPC for more than 64 patterns; an empty one clears the others.",
        "what=leak pattern=worker*")
 RECORD(ClearEnvActInput, {"acValue1", "what", Words(fresh_start::kAll), "What starts anew."},
        {"acValue2", "pattern", Pattern().Zero("all"),
-        "The names of the processes whose growth counts from now on, \"worker*\"; empty for the record of overloads."})
+        "The names of the processes whose growth counts from now on, \"worker*\"; empty for the record of overloads "
+        "and settings."})
 
 METHOD(GetSysMemUseInfo, Group::kReading,
-       "Shows how the memory of each NUMA node is used. A system without nodes has one record, \"system\".", "")
+       "Shows how the memory of each NUMA node is used. A system without nodes has one record, \"system\". The reply "
+       "explains where the nodes are not the whole system.",
+       "")
 RECORD(SysMemUseInfoResult, {"pstNode", "nodes", Records(), "The nodes, in the order of their numbers."})
 RECORD(SysMemUseInfo, {"uiNodeId", "node", Number(), "The node's number."},
        {"szNodeName", "name", Text(), "\"node0\", or \"system\"."},
@@ -487,15 +492,17 @@ VARIANT(GetKpiMemoryInfo, DisOsResourceInfoRet, {"acName", "name", Text(), "The 
 
 // ---- Log archives and time ----
 
-METHOD(ZipLogFile, Group::kCommands,
-       "Packs a file or a directory into a ZIP archive. Left out are links, files that may not be read, what lies more "
-       "than 32 directories deep, and what is beyond 200000 files or 16 GiB, of which 256 MiB may be holes; the reply "
-       "explains how many were left out, and the log names the first. A file that grows meanwhile is packed as far as "
-       "it went at first, the end of one that shrinks as zeros. The archive is there only when it is complete. It "
-       "fails with EEXIST (17) where its name is that of a file which is no archive of the daemon's, and with "
-       "ESHUTDOWN (108), ETIMEDOUT (110) or ECANCELED (125) "
-       "where it is given up since the daemon stops, or the caller's time is over, or the caller is gone.",
-       "source=app name=app.zip", Duration::kLong)
+METHOD(
+    ZipLogFile, Group::kCommands,
+    "Packs a file or a directory into a ZIP archive. Left out are links, files that may not be read, what lies more "
+    "than 32 directories deep, and what is beyond 200000 files or 16 GiB, of which 256 MiB may be holes; the reply "
+    "explains how many were left out, and the log names the first. A file that grows meanwhile is packed as far as "
+    "it went at first, the end of one that shrinks as zeros. Earlier archives are left out as well but for one that is "
+    "the source itself. The archive is there only when it is complete. It "
+    "fails with EEXIST (17) where its name is that of a file which is no archive of the daemon's, and with "
+    "ESHUTDOWN (108), ETIMEDOUT (110) or ECANCELED (125) "
+    "where it is given up since the daemon stops, or the caller's time is over, or the caller is gone.",
+    "source=app name=app.zip", Duration::kLong)
 RECORD(ZiploginfoInput,
        {"szLogPath", "source", Text().Zero("the log directory"),
         "What to pack: a file or a directory, relative to the log directory or absolute within it."},
@@ -521,12 +528,15 @@ RECORD(CopyloginfoInput,
         "The copy's path within the target; one that ends with \"/\" is a directory, where the copy has the archive's "
         "name. Directories must exist."})
 
-METHOD(SetTimezone, Group::kSettings,
-       "Sets the time zone of the daemon's clock. The local times in its replies and texts follow it, also beyond a "
-       "restart. Until a zone is set, the system's zone and daylight saving hold, and a rule of daylight saving that "
-       "was set before is kept for it. With --apply-clock the system's zone is set as well, of which the system must "
-       "have a file: ENOENT (2) where it has none, and EPERM (1) where the daemon may not.",
-       "zone.name=Europe/Berlin zone.offset=60")
+METHOD(
+    SetTimezone, Group::kSettings,
+    "Sets the time zone of the daemon's clock. The local times in its replies and texts follow it, also beyond a "
+    "restart. Until a zone is set, the system's zone and daylight saving hold, and a rule of daylight saving that "
+    "a client set before is kept for it. EINVAL (22) is answered to an offset that the system does not have for a zone "
+    "of which it has a file; other names are labels. With --apply-clock the system's zone is set as well, of which the "
+    "system must "
+    "have a file: ENOENT (2) where it has none, and EPERM (1) where the daemon may not.",
+    "zone.name=Europe/Berlin zone.offset=60")
 RECORD(SetTimezoneInput, {"stTimezone", "zone", OneRecord(), "The time zone."})
 
 METHOD(SetDst, Group::kSettings,
@@ -715,11 +725,12 @@ RECORD(SetNoxTimerDebugSwitchTarndInput,
        {"uiDebugSwitch", "on", Switch(), "Whether each expiry of a timer is logged with its delay and run time."},
        {"uiTargetPid", "process", Pid().From(1), "The process whose agent is asked."})
 
-METHOD(DetectTarndServerOnline, Group::kSettings,
+METHOD(DetectTarndServerOnline, Group::kReading,
        "Tells the daemon that a peer is there, or has something new. The daemon announces itself to the master and "
        "takes over what the master has configured, as at its own start: time zone and daylight saving, the overload "
-       "thresholds of \"system\", times and mode of measurement. What the master has not configured stays. Memory "
-       "thresholds that a client sets are told to the master, which keeps them.",
+       "thresholds of \"system\", times and mode of measurement. What a client has set holds before what the master "
+       "has, until ClearEnvAct gives it up; what the master has not configured stays. Memory thresholds that a client "
+       "sets are told to the master, which keeps them.",
        "")
 
 // ---- Measurement ----
@@ -799,10 +810,12 @@ RECORD(PadsCpuEvent, {"stTime", "began", LocalTime(), "When it began."},
        {"uiPressure", "pressure", Permille(),
         "The share of the last 10 s of it in which some task waited for a CPU; 0 where the kernel can't tell."},
        {"uiPid", "process", Pid(), "The thread's process."},
-       {"uiTid", "thread", Tid(), "The busiest thread of those that were on the CPU at the end."},
+       {"uiTid", "thread", Tid(),
+        "The busiest thread of those that were on the CPU at the end, over the last 3 s; the reply explains which had "
+        "most over the duration, where that is another."},
        {"szThreadName", "name", Text(), "The thread's name."},
        {"uiThreadUse", "cpu", Permille(),
-        "The thread's share of one CPU over the duration; its time on other CPUs counts."})
+        "The thread's share of one CPU over the last 3 s of the duration; its time on other CPUs counts."})
 
 // ---- Process table ----
 
@@ -863,10 +876,14 @@ VARIANT(TarnGetSubscribeInfoTarnd, SubscribeInfo, {"szName1", "name", Text(), "T
 VARIANT(TarnGetSubscribeInfoTarnd, GetSubscribeInfoResult,
         {"uiValue2", "events", SumOf(event::kAll), "All events that anybody subscribes to."})
 
-METHOD(TarnGetTimerInfoTarnd, Group::kMemory, "Lists the timers of the daemon, or of an application by its agent.",
-       "skip=0 most=10")
+METHOD(
+    TarnGetTimerInfoTarnd, Group::kMemory,
+    "Lists the timers of the daemon and of all applications, by their agents; or of one of them. Where all are listed, "
+    "an application's have its process before their names, \"4711:flush\", and the reply explains whose agents did not "
+    "answer.",
+    "skip=0 most=10")
 VARIANT(TarnGetTimerInfoTarnd, GetTimerInput,
-        {"uiValue4", "process", Pid().Zero("the daemon"),
+        {"uiValue4", "process", Pid().Zero("all"),
          "The process whose timers are wanted: the daemon's own, or one whose agent is asked."})
 
 } // namespace host::meaning

@@ -72,7 +72,7 @@ TEST(Groups, AreThoseOfWhatAMethodReaches) {
           "TarnGetDimMeasRstByTarnd", "TarnAgentGetTimerInfo", "TarnGetTimerInfoTarnd"}) {
         EXPECT_EQ(host::GroupOf(shown), Group::kMemory) << shown;
     }
-    EXPECT_EQ(host::GroupOf("DetectTarndServerOnline"), Group::kSettings) << "the master's replace the daemon's";
+    EXPECT_EQ(host::GroupOf("DetectTarndServerOnline"), Group::kReading);
     EXPECT_EQ(host::GroupOf("OvloadCpuSwitchState"), Group::kReading);
 }
 
