@@ -1,5 +1,5 @@
 # What is installed, in components: runtime, what programs of others load; development, what they are built with; host,
-# the host kit's programs; agent, what applications load to have an agent. Everything finds the rest from where it lies,
+# the host kit's programs; host_runtime, the libraries of those; agent, what applications load to have an agent. Everything finds the rest from where it lies,
 # whatever prefix it was configured for.
 include(CMakePackageConfigHelpers)
 
@@ -32,6 +32,16 @@ function(install_program program)
     set_property(TARGET ${program} PROPERTY INSTALL_RPATH $ORIGIN/${bin_to_lib})
     if(TARN_INSTALL)
         install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${arg_COMPONENT})
+    endif()
+endfunction()
+
+# install_manual(PAGE [COMPONENT component]): of man/; of the component host, if no other.
+function(install_manual page)
+    cmake_parse_arguments(arg "" "COMPONENT" "" COMPONENT host ${ARGN})
+    string(REGEX MATCH "[0-9]$" section ${page})
+    if(TARN_INSTALL)
+        install(FILES ${PROJECT_SOURCE_DIR}/man/${page}
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${arg_COMPONENT})
     endif()
 endfunction()
 

@@ -208,7 +208,7 @@ TEST_F(DaemonTest, TellsThatThereIsNoAgent) {
 }
 
 TEST_F(DaemonTest, RefusesASecondDaemonInTheSameDirectory) {
-    kit::Process second(dir_.Path(), {TARND, "--run-dir", dir_.Path()});
+    kit::Process second(dir_.Path(), {TARND, "--run-dir", dir_.Path(), "--log-dir", logs_});
     EXPECT_EQ(second.Wait(), 1);
     EXPECT_NE(second.Err().find("tarnd:"), std::string::npos);
     const auto answer = Call<Tarn_sys_diag_HugePagesOutput>("GetHugePagesInfo", Tarn_sys_diag_None{});
