@@ -624,7 +624,8 @@ TEST_F(MasterTest, ChecksItsConfiguration) {
     kit::Process good(dir_.Path(), {TARN_MASTER, file_, "--check"});
     EXPECT_EQ(good.Wait(), 0);
     Write(With(kConfig, "mode = learn", "mode = teach"));
-    for (const char *option : {"--check", "--run-dir=/nowhere"}) {
+    const std::string elsewhere = "--run-dir=" + (dir_.Path() / "elsewhere").string();
+    for (const std::string &option : {std::string("--check"), elsewhere}) {
         kit::Process bad(dir_.Path(), {TARN_MASTER, file_, option});
         EXPECT_EQ(bad.Wait(), 1);
         EXPECT_NE(bad.Err().find("mode: the value is \"teach\""), std::string::npos) << bad.Err();
