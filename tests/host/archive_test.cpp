@@ -12,6 +12,7 @@
 #include <set>
 
 #include "host/answer/unit.h"
+#include "host/daemon/files/entry_times.h"
 #include "host/store/files.h"
 #include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/kit.h"
@@ -49,13 +50,13 @@ bool IsMarkedAsUtf8(const std::string &archive, const std::string &name) {
 }
 
 // The time of an archive's first file.
-time_t TimeOfFirst(const std::filesystem::path &path) {
+int64_t TimeOfFirst(const std::filesystem::path &path) {
     const std::unique_ptr<archive, int (*)(archive *)> reader(archive_read_new(), archive_read_free);
     archive_read_support_format_zip(reader.get());
     EXPECT_EQ(archive_read_open_filename(reader.get(), path.c_str(), 4096), ARCHIVE_OK) << path;
     archive_entry *entry = nullptr;
     EXPECT_EQ(archive_read_next_header(reader.get(), &entry), ARCHIVE_OK);
-    return archive_entry_mtime(entry);
+    return tarnd::ModifiedAt(entry);
 }
 
 mode_t ModeOf(const std::filesystem::path &path) {

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "host/daemon/files/archive_mark.h"
+#include "host/daemon/files/entry_times.h"
 #include "host/daemon/files/left_out.h"
 #include "host/daemon/files/progress.h"
 #include "host/meaning/check.h"
@@ -160,10 +161,19 @@ private:
         return true;
     }
 
+    static void Describe(archive_entry *entry, const struct stat &status) {
+        archive_entry_set_mode(entry, status.st_mode);
+        archive_entry_set_uid(entry, status.st_uid);
+        archive_entry_set_gid(entry, status.st_gid);
+        archive_entry_set_size(entry, status.st_size);
+        const auto time = [](const timespec &from) { return EntryTime{from.tv_sec, from.tv_nsec}; };
+        SetTimes(entry, time(status.st_atim), time(status.st_mtim), time(status.st_ctim));
+    }
+
     void WriteHeader(const std::string &path, const struct stat &status) {
         const std::unique_ptr<archive_entry, void (*)(archive_entry *)> entry(archive_entry_new(), archive_entry_free);
-        archive_entry_copy_stat(entry.get(), &status);
         archive_entry_set_pathname(entry.get(), path.c_str());
+        Describe(entry.get(), status);
         const Charset charset(path);
         Check(archive_write_header(zip_.get(), entry.get()));
     }
