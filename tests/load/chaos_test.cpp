@@ -208,7 +208,7 @@ TEST_F(Chaos, ProcessesAreKilledAtRandomMoments) {
             ++masters;
             break;
         default:
-            clients[random() % clients.size()] = startClient();
+            clients[static_cast<size_t>(random() % clients.size())] = startClient();
             ++killedClients;
         }
     }
@@ -235,11 +235,11 @@ TEST_F(Chaos, ConnectionsAreCutInMidFrame) {
         strncpy(header.method, call.Name(), sizeof header.method - 1);
         std::vector<uint8_t> frame = host::MakeFrame(header, call.request);
         if (random() % 4 == 0) {
-            frame[random() % frame.size()] = static_cast<uint8_t>(random());
+            frame[static_cast<size_t>(random() % frame.size())] = static_cast<uint8_t>(random());
         }
         host::Descriptor fd = Connect();
         if (fd) {
-            send(fd.Fd(), frame.data(), random() % frame.size(), MSG_NOSIGNAL);
+            send(fd.Fd(), frame.data(), static_cast<size_t>(random() % frame.size()), MSG_NOSIGNAL);
         }
         if (cuts % 50 == 0) {
             silent.push_back(std::move(fd));
