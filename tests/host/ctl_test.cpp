@@ -151,7 +151,7 @@ TEST_F(Ctl, DescribesTypesAndHowTheyTravel) {
     ASSERT_EQ(Run("describe DetectTarndServerOnline --json"), 0);
     auto json = Json::parse(out_);
     EXPECT_TRUE(json["response"].is_null());
-    EXPECT_EQ(json["group"], "settings");
+    EXPECT_EQ(json["group"], "reading");
     EXPECT_EQ(json["types"][0]["type"], "None");
     EXPECT_EQ(json["types"][0]["fixedSize"], 16);
     ASSERT_EQ(Run("describe SetMemDmgScan --json"), 0);

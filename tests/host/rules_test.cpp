@@ -103,7 +103,7 @@ TEST_F(RulesTest, AreBroughtToTheAgents) {
     const auto ofAgent = Get(0, 0, pid_);
     ASSERT_EQ(ofAgent.Status(), 0) << ofAgent.Text();
     EXPECT_EQ(ofAgent->uiRuleNum, 2);
-    EXPECT_EQ(Get(0, 0, daemon_->Pid()).Status(), ESRCH) << "no agent there";
+    EXPECT_EQ(Get(0, 0, daemon_->Pid())->uiResult, ESRCH) << "no agent there";
 
     EXPECT_EQ(Clear(), 0);
     EXPECT_TRUE(kit::Eventually([&] { return keeper.Rules().empty(); }));
