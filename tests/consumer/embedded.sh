@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# embedded.sh SOURCE: a project has the library as a part of its own, as an archive, and gets of it that only: no tests, no host
-# kit, nothing to install unless it asks. The archive that it can have installed is found like the shared library.
+# embedded.sh SOURCE: a project has the library as a part of its own, as an archive, and gets of it that only: no tests,
+# no host kit, nothing to install unless it asks. The archive that it can have installed is found like the shared library.
 set -euo pipefail
 source=$(realpath "$1")
 here=$(realpath "$(dirname "$0")")
@@ -13,7 +13,8 @@ quietly() {
 }
 
 # A warning that a newer compiler may have is none of the project's errors.
-quietly cmake -S "$here" -B "$scratch/build" -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=OFF -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-Wpadded
+quietly cmake -S "$here" -B "$scratch/build" -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=OFF \
+    -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-Wpadded
 quietly cmake --build "$scratch/build" -j "$(nproc)"
 quietly "$scratch/build/caller"
 quietly "$scratch/build/skeleton"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# found.sh BUILD CC TOOLCHAIN HOST [RUNNER...]: what BUILD installs, to a prefix and to a DESTDIR, is found by other projects: with
-# pkg-config, CMake and meson. TOOLCHAIN is the file that CMake cross-compiles with, or empty; HOST is 1 where the host
+# found.sh BUILD CC TOOLCHAIN HOST [RUNNER...]: what BUILD installs, to a prefix and to a DESTDIR, is found by other
+# projects: with pkg-config, CMake and meson. TOOLCHAIN is the file that CMake cross-compiles with, or empty; HOST is 1 where the host
 # kit was built too; RUNNER is what programs are started by.
 set -euo pipefail
 build=$1 cc=$2 toolchain=$3 host=$4
@@ -29,7 +29,7 @@ by_pkgconfig() {
     LD_LIBRARY_PATH=$libraries quietly "${runner[@]}" "$1/skeleton"
 }
 
-# os_layer DIRECTORY NUM OPTION...: of a program's OS layer the library finds as much as nm does, which is NUM functions.
+# os_layer DIRECTORY NUM OPTION...: of a program's OS layer the library finds what nm does, which is NUM functions.
 os_layer() {
     mkdir "$1"
     local found said
@@ -76,6 +76,16 @@ os_layer "$scratch/unseen-os-layer" 0
 os_layer "$scratch/seen-os-layer" 1 -rdynamic
 DESTDIR=$scratch/destdir quietly cmake --install "$build" --prefix /opt/tarn
 consume destdir "$scratch/destdir/opt/tarn"
+
+# The components are the whole, and what a user includes has one name.
+files_of() {
+    (cd "$1" && find . ! -type d | sort)
+}
+for component in runtime development host host_runtime agent; do
+    quietly cmake --install "$build" --prefix "$scratch/components" --component "$component"
+done
+diff <(files_of "$scratch/prefix") <(files_of "$scratch/components")
+diff <(echo tarn_sysdiag) <(ls "$scratch/prefix/include")
 
 # Nothing was installed that names where it was built or configured for.
 ! grep -rIl -e "$(realpath "$build")" -e "$scratch" -e /usr/local "$scratch/destdir" "$scratch/prefix"
