@@ -318,7 +318,7 @@ void RemoveDead(const RunDirectory &directory, const std::string &name, const st
         return;
     }
     if (status.st_dev != dead.st_dev || status.st_ino != dead.st_ino) {
-        linkat(fd, aside.c_str(), fd, name.c_str(), 0);
+        [[maybe_unused]] const int linked = linkat(fd, aside.c_str(), fd, name.c_str(), 0); // or has made another
     }
     unlinkat(fd, aside.c_str(), 0);
 }
