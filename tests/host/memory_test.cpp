@@ -227,7 +227,11 @@ TEST_F(ProcessMemoryTest, ListsMappings) {
         std::getline(lines, name);
         name.erase(0, name.find_first_not_of(' '));
         EXPECT_EQ(map.uiPid, subject.Pid());
-        EXPECT_EQ(std::string(map.szAddrRange), range.substr(0, 31));
+        if (range.size() < sizeof map.szAddrRange) {
+            EXPECT_EQ(std::string(map.szAddrRange), range);
+        } else {
+            EXPECT_EQ(std::string(map.szAddrRange).find(range.substr(0, 16) + "+"), 0) << "start and size";
+        }
         EXPECT_EQ(std::string(map.szPerms), perms);
         EXPECT_EQ(std::string(map.szDevInode), device + " " + inode);
         EXPECT_EQ(std::string(map.szMapName),
@@ -379,7 +383,10 @@ TEST_F(DumpTest, ChecksWhatIsAskedFor) {
 using DeniedTest = kit::Denied<ProcessMemoryTest>;
 
 TEST_F(DeniedTest, TellsWhatMayNotBeSeen) {
-    EXPECT_EQ(Details(1).Status(), EACCES);
+    const auto details = Details(1);
+    ASSERT_EQ(details.Status(), 0) << details.Text();
+    EXPECT_GT(details->pstProc[0].uiVmSize, 0) << "that everybody may see";
+    EXPECT_EQ(details->pstProc[0].uiPss, 0);
     EXPECT_EQ(Mappings(1).Status(), EACCES);
     EXPECT_EQ(Call<Tarn_sys_diag_DumpOsProcMemValueResult>("DumpOsProcMemValue",
                                                            Tarn_sys_diag_DumpOsProcMemValueInput{1, 4096, 16})
@@ -399,7 +406,7 @@ TEST_F(DeniedTest, TellsWhatMayNotBeSeen) {
                            [&](const auto &one) { return one.uiPid == pid; });
     };
     EXPECT_TRUE(listed(daemon_->Pid()));
-    EXPECT_FALSE(listed(1));
+    EXPECT_TRUE(listed(1));
 }
 
 // A name that no other test has.
