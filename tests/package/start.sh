@@ -9,6 +9,8 @@ trap 'die "start.sh: line $LINENO"' ERR
 units=/lib/systemd/system
 value() { sed -n "s/^$2=//p" "$units/$1.service"; }
 
+systemd-tmpfiles --create tarn-host.conf # as when the system starts
+
 # The file system is read-only but for what the units write.
 writable=(/tmp)
 for unit in tarnd tarn-master; do
