@@ -69,7 +69,7 @@ LogLines &LogLines::OfProcess() {
 }
 
 void LogLines::Fit() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     form_ = IsJournal(STDERR_FILENO) ? Form::kJournal : HasColours(STDERR_FILENO) ? Form::kTerminal : Form::kPlain;
 }
 
@@ -78,7 +78,7 @@ void LogLines::Write(LogLevel level, std::string_view text) {
     const Look &look = LookOf(level);
     const std::string line = LineOfText(text);
     const int tid = gettid();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (form_ == Form::kJournal) {
         WriteAll(STDERR_FILENO, fmt::format("<{}>[{}] {}\n", look.priority, tid, line));
         return;

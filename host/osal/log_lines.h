@@ -1,10 +1,10 @@
 // The log's lines on standard error.
 #pragma once
 
-#include <mutex>
 #include <string_view>
 
 #include "host/osal/log.h"
+#include "host/osal/mutex.h"
 
 namespace host {
 
@@ -16,15 +16,15 @@ public:
     LogLines() { Fit(); }
 
     // Chooses the form that suits what standard error is.
-    void Fit();
+    void Fit() TARN_EXCLUDES(mutex_);
 
-    void Write(LogLevel level, std::string_view text);
+    void Write(LogLevel level, std::string_view text) TARN_EXCLUDES(mutex_);
 
 private:
     enum class Form { kPlain, kTerminal, kJournal };
 
-    std::mutex mutex_;
-    Form form_ = Form::kPlain;
+    Mutex mutex_;
+    Form form_ TARN_GUARDED_BY(mutex_) = Form::kPlain;
 };
 
 } // namespace host

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # embedded.sh SOURCE: a project has the library as a part of its own, as an archive, and gets of it that only: no tests,
-# no host kit, nothing to install unless it asks. The archive that it can have installed is found like the shared library.
+# no host kit, nothing to install unless it asks. The archive that it can have installed is found like the shared
+# library.
 set -euo pipefail
 source=$(realpath "$1")
 here=$(realpath "$(dirname "$0")")

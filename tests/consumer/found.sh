@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # found.sh BUILD CC TOOLCHAIN HOST [RUNNER...]: what BUILD installs, to a prefix and to a DESTDIR, is found by other
-# projects: with pkg-config, CMake and meson. TOOLCHAIN is the file that CMake cross-compiles with, or empty; HOST is 1 where the host
-# kit was built too; RUNNER is what programs are started by.
+# projects: with pkg-config, CMake and meson. TOOLCHAIN is the file that CMake cross-compiles with, or empty; HOST is 1
+# where the host kit was built too; RUNNER is what programs are started by.
 set -euo pipefail
 build=$1 cc=$2 toolchain=$3 host=$4
 shift 4

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# exports.sh LIBRARY SCRIPT: a library of the host kit exports the C functions that its version script lists, and besides them
-# nothing but the kit's own.
+# exports.sh LIBRARY SCRIPT: a library of the host kit exports the C functions that its version script lists, and
+# besides them nothing but the kit's own.
 set -euo pipefail
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# hardened.sh FILE...: programs and libraries of the host kit have what the compiler and the linker have against attacks.
-# In what the C library's start-up code is marked for (control-flow enforcement), they are too.
+# hardened.sh FILE...: programs and libraries of the host kit have what the compiler and the linker have against
+# attacks. In what the C library's start-up code is marked for (control-flow enforcement), they are too.
 set -euo pipefail
 failed=0
 

@@ -124,7 +124,9 @@ TEST_F(Start, ASecondServerOfARunDirectoryIsRefused) {
           std::pair(TARN_MASTER " --run-dir $run " + config, "/TarnSysdiagMaster.sock")}) {
         const auto second = Shell(line);
         EXPECT_EQ(second->Wait(), 1) << line;
-        EXPECT_NE(second->Err().find(RunDir().string() + socket + ": in use by a live server: Address already in use\n"), std::string::npos)
+        EXPECT_NE(
+            second->Err().find(RunDir().string() + socket + ": in use by a live server: Address already in use\n"),
+            std::string::npos)
             << second->Err();
     }
     EXPECT_EQ(Sockets(), sockets);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# installed.sh BUILD [sanitized]: what `cmake --install` puts under a prefix works there, and after the prefix was moved, without
-# the build tree's help: the programs start and answer, and pkg-config finds headers and library.
+# installed.sh BUILD [sanitized]: what `cmake --install` puts under a prefix works there, and after the prefix was
+# moved, without the build tree's help: the programs start and answer, and pkg-config finds headers and library.
 set -euo pipefail
 build=$1
 scratch=$(mktemp -d)

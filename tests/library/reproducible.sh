@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# reproducible.sh SOURCE CC CXX: the libraries, with debug information, built from copies of SOURCE in two folders of different
-# names and lengths, are the same byte for byte, and name neither folder.
+# reproducible.sh SOURCE CC CXX: the libraries, with debug information, built from copies of SOURCE in two folders of
+# different names and lengths, are the same byte for byte, and name neither folder.
 set -euo pipefail
 source=$1
 scratch=$(mktemp -d)
