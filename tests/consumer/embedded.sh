@@ -15,7 +15,7 @@ quietly() {
 
 # A warning that a newer compiler may have is none of the project's errors.
 quietly cmake -S "$here" -B "$scratch/build" -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=OFF \
-    -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-Wpadded
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O1 -DCMAKE_CXX_FLAGS=-Wpadded
 quietly cmake --build "$scratch/build" -j "$(nproc)"
 quietly "$scratch/build/caller"
 quietly "$scratch/build/skeleton"

@@ -12,7 +12,7 @@ build_in() {
     cp -r "$source"/{CMakeLists.txt,client,cmake,include,library,platform,server,velto} "$1"
     cmake -G Ninja -S "$1" -B "$1/build" -DCMAKE_C_COMPILER="$2" -DCMAKE_CXX_COMPILER="$3" \
         -DTARN_HOST_KIT=OFF -DBUILD_TESTING=OFF \
-        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO='-O0 -g' >"$scratch/log" 2>&1 &&
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO='-O1 -g -fno-var-tracking' >"$scratch/log" 2>&1 &&
         cmake --build "$1/build" -j "$(nproc)" >>"$scratch/log" 2>&1 || { cat "$scratch/log"; exit 1; }
 }
 
