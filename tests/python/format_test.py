@@ -7,7 +7,7 @@ import unittest
 from pathlib import Path
 
 import documents
-import velto
+from tarn import velto
 
 ROOT = Path(__file__).resolve().parents[2]
 GOLDEN = ROOT / "tests" / "golden"

@@ -12,8 +12,7 @@ import unittest
 from pathlib import Path
 
 import documents
-import frames
-import velto
+from tarn import frames, velto
 
 ROOT = Path(__file__).resolve().parents[2]
 INTERFACE = (ROOT / "tests" / "golden" / "interface.txt").read_text(encoding="utf-8")
