@@ -1,62 +1,36 @@
-"""Reads and writes messages by docs/format.md, with the types of tests/golden/interface.txt.
+"""Reads and writes messages by docs/format.md.
 
-A record is a dictionary with a key for each slot: a number; a dictionary for a record; a list for records and for
-numbers; hexadecimal digits for bytes and strings; None for no string and for a vector without elements.
+The types are {name: slots}. A record is a dictionary with a key for each slot: a number; bytes for an array of bytes, a
+string and a vector of bytes; a dictionary for a record; a list for records and for numbers; None for no string and for
+a vector without elements.
 """
 
-import re
 import struct
+from dataclasses import dataclass
 
-SCALARS = {"u8": 1, "u16": 2, "u32": 4, "u64": 8}
 LONGEST = 0x7FFFFFFF
+MOST_TABLES = 1_000_000  # in one message: elements may lead to the same bytes, so a short one can make a long record
 
 
 class Refused(Exception):
-    """By a rule of "Reading"; `log` is what the library logs of it, (function, format, what is put in), or None."""
+    """By a rule of "Reading", or as too large; `type` is that of the table that is refused, `inside` whether it is
+    inside of another, `numbers` what the rule compares: of a rule on a table those that are known."""
 
-    def __init__(self, rule, what, log=None):
+    def __init__(self, rule, what, type=None, inside=False, numbers=()):
         super().__init__(f"rule {rule}: {what}")
-        self.rule = rule
-        self.log = log
+        self.rule, self.type, self.inside, self.numbers = rule, type, inside, numbers
 
 
+@dataclass(frozen=True)
 class Slot:
     """`shape` is scalar, string, array, vector, table, run or tables; `width` of a number or an element, `length` of an
     array or a run, `inner` the name of a type in it."""
 
-    def __init__(self, member, kind):
-        self.member, self.inner, self.length = member, None, None
-        if kind in SCALARS:
-            self.shape, self.width = "scalar", SCALARS[kind]
-        elif kind == "string":
-            self.shape, self.width = "string", 1
-        elif found := re.fullmatch(r"(bytes|u64)\[(\d+)\]", kind):
-            self.shape, self.width, self.length = "array", {"bytes": 1, "u64": 8}[found[1]], int(found[2])
-        elif found := re.fullmatch(r"vector of (u8|u32)", kind):
-            self.shape, self.width = "vector", SCALARS[found[1]]
-        elif found := re.fullmatch(r"table (\w+)", kind):
-            self.shape, self.width, self.inner = "table", 4, found[1]
-        elif found := re.fullmatch(r"tables (\w+)\[(\d+)\]", kind):
-            self.shape, self.width, self.inner, self.length = "run", 4, found[1], int(found[2])
-        elif found := re.fullmatch(r"vector of (\w+)", kind):
-            self.shape, self.width, self.inner = "tables", 4, found[1]
-        else:
-            raise ValueError(f"{member} is of the kind {kind!r}, which is not known")
-
-
-def read_types(text):
-    """The slots of each type, and what else interface.txt has of it: {name: slots}, {name: facts}."""
-    types, facts, name = {}, {}, None
-    for line in text.split("\nRemote service", 1)[0].splitlines():
-        if re.fullmatch(r"\w+", line):
-            name = line
-            types[name] = []
-        elif found := re.fullmatch(r"    hash (0x\w+), native size \d+, (?:fixed size (\d+)|owns memory)", line):
-            facts[name] = {"hash": int(found[1], 16), "size": found[2] and int(found[2]), "fixed": []}
-        elif found := re.fullmatch(r" +\d+  (\w.*?) +(\w+) +at \d+(?:, fixed (\d+))?(?:, \w+ at \d+)?", line):
-            types[name].append(Slot(found[2], found[1]))
-            facts[name]["fixed"].append(found[3] and int(found[3]))
-    return types, facts
+    member: str
+    shape: str
+    width: int = 4
+    length: int | None = None
+    inner: str | None = None
 
 
 def type_hash(name):
@@ -71,39 +45,37 @@ def absent(types, slot):
     if slot.shape == "scalar":
         return 0
     if slot.shape == "array":
-        return "00" * slot.length if slot.width == 1 else [0] * slot.length
+        return bytes(slot.length) if slot.width == 1 else [0] * slot.length
     empty = {inner.member: absent(types, inner) for inner in types.get(slot.inner, [])}
     return {"table": empty, "run": [empty] * (slot.length or 0)}.get(slot.shape)
 
 
 class Reader:
     def __init__(self, types, message):
-        self.types, self.message, self.size = types, message, len(message)
+        self.types, self.message, self.size, self.tables = types, message, len(message), 0
 
     def number(self, at, width):
         assert 0 <= at <= self.size - width, "a number outside of the message"
         return int.from_bytes(self.message[at : at + width], "little")
 
     def read(self, name):
-        function = f"Tarn_sys_diag_{name}_unpack"
         if not 4 <= self.size <= LONGEST:
-            log = "[VELTO]:Param invalid(%s, %d, %s)", ["nonNull", self.size, "nonNull"]
-            raise Refused("length", f"message of {self.size} bytes", (function, *log))
-        return self.table(self.number(0, 4), name, function)
+            raise Refused("length", f"message of {self.size} bytes", name, numbers=(self.size,))
+        return self.table(self.number(0, 4), name, inside=False)
 
-    def table(self, table, name, function):
+    def table(self, table, name, inside):
         last = self.size - 4
         if not 4 <= table <= last:
-            log = "[VELTO]:Table offset(%u) is out of range(4 - %u)", [table, self.size]
-            raise Refused(1, f"table at {table}", (function, *log))
+            raise Refused(1, f"table at {table}", name, inside, (table, self.size))
         vtable = (table - self.number(table, 4)) % 2**32
         if not 4 <= vtable <= last:
-            log = "[VELTO]:Vtable offset(%u) is out of range(4 - %u)", [table, last]
-            raise Refused(2, f"vtable at {vtable}", (function, *log))
+            raise Refused(2, f"vtable at {vtable}", name, inside, (table, last))
         length = self.number(vtable, 2)
         if length > self.size - vtable:
-            log = "[VELTO]:Vtable Len(%u) is out of range(0 - %u)", [length, self.size - vtable]
-            raise Refused(3, f"vtable of {length} bytes", (function, *log))
+            raise Refused(3, f"vtable of {length} bytes", name, inside, (length, self.size - vtable))
+        self.tables += 1
+        if self.tables > MOST_TABLES:
+            raise Refused("size", f"more than {MOST_TABLES} records", name, inside)
         record = {}
         for i, slot in enumerate(self.types[name]):
             offset = self.number(vtable + 4 + 2 * i, 2) if i < (length - 4) // 2 else 0
@@ -132,18 +104,18 @@ class Reader:
     def elements(self, at, count, slot):
         if count == 0 and slot.shape in ("vector", "tables"):
             return None
+        if slot.inner is None and slot.width == 1:
+            return bytes(self.message[at : at + count])
         places = range(at, at + slot.width * count, slot.width)
-        if slot.inner:
-            return [self.inner(place, slot) for place in places]
-        if slot.width == 1:
-            return self.message[at : at + count].hex()
-        return [self.number(place, slot.width) for place in places]
+        if slot.inner is None:
+            return [self.number(place, slot.width) for place in places]
+        return [self.inner(place, slot) for place in places]
 
     def inner(self, word, slot):
         table = word + self.number(word, 4)
         if table >= 2**32:
             raise Refused(6, f"{slot.member}: table at {table}")
-        return self.table(table, slot.inner, f"Tarn_sys_diag_{slot.inner}_unpack_non_root")
+        return self.table(table, slot.inner, inside=True)
 
 
 def read(types, name, message):
@@ -152,9 +124,8 @@ def read(types, name, message):
 
 def elements_of(value, slot):
     """A count, and the bytes of what is no table."""
-    if slot.width == 1:
-        return struct.pack("<I", len(value) // 2) + bytes.fromhex(value)
-    return struct.pack("<I", len(value)) + b"".join(element.to_bytes(slot.width, "little") for element in value)
+    data = value if slot.width == 1 else b"".join(element.to_bytes(slot.width, "little") for element in value)
+    return struct.pack("<I", len(value)) + data
 
 
 def write_regular(types, name, record):

@@ -26,6 +26,9 @@ for _ in {1..600}; do
     sleep 0.05
 done
 [[ $online == *online*on* ]] || { echo "found '$online', expected this process to be online"; exit 1; }
+answer=$(PYTHONPATH=$prefix/lib/python3/dist-packages /usr/bin/python3 -B -c \
+    'import tarn; print(tarn.connect().call("PidIsOnline", process=1).online)')
+[[ $answer == True ]] || { echo "found '$answer' from Python, expected process 1 to be online"; exit 1; }
 
 export PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tarn_sysdiag.pc)")
 for variable in libdir includedir; do

@@ -81,6 +81,9 @@ has 'main+' tarnctl call GetCallStackInfoByTid process=$$ thread=$$ || die "no s
 setpriv --reuid tarn --regid tarn --init-groups tarn-agent 2>/tmp/agent.log &
 await has 'TarnSysdiagAgent' tarnctl services
 
+online='import tarn; print(tarn.connect().call("PidIsOnline", process=1).online)'
+expect "the Python module's answer" "$(python3 -c "$online")" True
+
 cp /etc/tarn/policy /tmp/policy
 echo nonsense >>/etc/tarn/policy
 kill -HUP "${pids[tarnd]}"

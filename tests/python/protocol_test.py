@@ -1,23 +1,20 @@
-"""A daemon answers the client that was made from docs/protocol.md as the document says, in its examples byte for byte.
+"""A daemon answers the client that was made from docs/protocol.md as it says, in its examples byte for byte."""
 
-TARND is the daemon's program.
-"""
-
+import json
 import os
 import re
-import subprocess
-import tempfile
-import time
 import unittest
 from pathlib import Path
 
 import documents
+from daemon import TARND, running_daemon
+from interface_text import read_types, slot_of
 from tarn import frames, velto
 
 ROOT = Path(__file__).resolve().parents[2]
 INTERFACE = (ROOT / "tests" / "golden" / "interface.txt").read_text(encoding="utf-8")
-TYPES, FACTS = velto.read_types(INTERFACE)
-TARND, TARND_AGENT = "TarnSysdiagTarnd", "TarnSysdiagTarndAgent"
+TYPES, FACTS = read_types(INTERFACE)
+TARND_AGENT = "TarnSysdiagTarndAgent"
 
 
 def online_request(**other):
@@ -28,22 +25,7 @@ def online_request(**other):
 class DaemonTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        scratch = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(scratch.cleanup)
-        cls.run_dir = Path(scratch.name)
-        options = ["--run-dir", cls.run_dir, "--log-dir", cls.run_dir, "--log-level", "error"]
-        cls.daemon = subprocess.Popen([os.environ["TARND"], *options], stderr=subprocess.DEVNULL)
-        cls.addClassCleanup(cls.daemon.wait)
-        cls.addClassCleanup(cls.daemon.terminate)
-        deadline = time.monotonic() + 60
-        while True:
-            try:
-                cls.connect(TARND).__exit__()
-                return
-            except OSError:
-                if cls.daemon.poll() is not None or time.monotonic() > deadline:
-                    raise
-                time.sleep(0.01)
+        cls.daemon, cls.run_dir = cls.enterClassContext(running_daemon())
 
     @classmethod
     def connect(cls, service):
@@ -199,7 +181,9 @@ class Runtime(DaemonTest):
 
     def ask(self, method, socket=TARND):
         with self.connect(socket) as connection:
-            return connection.ask_runtime(method)
+            answer = connection.call(frames.request("TarnHostRuntime", method, 0, b""))
+        self.assertEqual(answer.kind, frames.REPLY, answer.text)
+        return json.loads(answer.message)
 
     def methods(self, service):
         """As interface.txt has them: number, name, type of the request and its hash, the same of the response."""
@@ -247,7 +231,7 @@ class Runtime(DaemonTest):
             for slot, expected in zip(type["slots"], TYPES[type["name"]], strict=True):
                 kind = self.KINDS[slot["kind"]]
                 kind = kind[slot["width"]] if slot["kind"] == "scalar" else kind.format(**slot)
-                self.assertEqual(vars(velto.Slot(slot["member"], kind)), vars(expected), type["name"])
+                self.assertEqual(slot_of(slot["member"], kind), expected, type["name"])
                 self.assertEqual(slot["count"] is not None, expected.shape in ("vector", "tables"))
                 self.assertEqual(slot["width"], 0 if expected.inner else expected.width)
                 self.assertIn(slot["type"], known | {None})
