@@ -4,6 +4,7 @@
 
 #include "host/osal/attempt.h"
 #include "host/procfs/procfs.h"
+#include "host/runtime/settings.h"
 
 namespace host {
 
@@ -46,6 +47,12 @@ void CheckRequest(const meaning::Method &method, const void *request) {
         Fail(EACCES,
              fmt::format("{} not user {}'s, and the policy's memory-of-others does not name that user",
                          target == 0 ? "what is asked for is" : fmt::format("process {} is", target), caller.uiUid));
+    }
+}
+
+void NoteDone(const meaning::Method &method, const void *request) {
+    if (method.group == Group::kSettings) {
+        NoteSetting(method, request);
     }
 }
 

@@ -80,12 +80,16 @@ bool MayLookInto(uint32_t pid);
 // caller's: a process of another user, or all processes.
 void CheckRequest(const meaning::Method &method, const void *request);
 
+// To be called when a method has done what was asked for: a change of a setting is told to the server.
+void NoteDone(const meaning::Method &method, const void *request);
+
 // Runs the function of a method without reply, unless its request is refused.
 template <class Request, class Response, class Function>
 uint32_t Run(const meaning::MethodOf<Request, Response> &method, const Request *request, Function function) {
     return StatusOf(method, [&] {
         CheckRequest(method, request);
         function();
+        NoteDone(method, request);
     });
 }
 
@@ -110,6 +114,7 @@ uint32_t Answer(const meaning::MethodOf<Request, Response> &method, const Reques
     return SendReply<Response>(method, replyCtx, [&](auto &reply) {
         CheckRequest(method, request);
         fill(reply);
+        NoteDone(method, request);
     });
 }
 

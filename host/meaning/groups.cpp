@@ -18,15 +18,16 @@ struct Grouped {
 };
 
 // Of the lists only this: a program that serves one of them need not carry the others.
+constexpr Grouped kOwnMethods[] = {{"Health", Group::kReading},    {"Status", Group::kReading},
+                                   {"Describe", Group::kReading},  {"Events", Group::kReading},
+                                   {"Overloads", Group::kReading}, {"Figures", Group::kReading}};
+
 constexpr auto kMethods = [] {
     auto methods = std::to_array<Grouped>({
 #define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
     {#method, meaning::kTextOf<struct meaning::method##_>.group},
 #define TARN_SERVICE_METHOD_NO_REPLY(service, method, request) TARN_SERVICE_METHOD(service, method, request, )
 #include "host/meaning/all_methods.h"
-        {"Health", Group::kReading}, // the runtime's own
-        {"Status", Group::kReading},
-        {"Describe", Group::kReading},
     });
     std::ranges::sort(methods, {}, &Grouped::method);
     return methods;
@@ -35,6 +36,10 @@ static_assert(std::ranges::adjacent_find(kMethods, {}, &Grouped::method) == kMet
               "two methods have one name");
 
 } // namespace
+
+bool IsOwnMethod(std::string_view method) {
+    return std::ranges::find(kOwnMethods, method, &Grouped::method) != std::end(kOwnMethods);
+}
 
 std::string_view NameOf(Group group) {
     constexpr std::string_view kNames[] = {"reading", "memory", "settings", "commands", "agents"};
@@ -48,6 +53,10 @@ std::optional<Group> GroupNamed(std::string_view name) {
 }
 
 Group GroupOf(std::string_view method) {
+    const auto *const own = std::ranges::find(kOwnMethods, method, &Grouped::method);
+    if (own != std::end(kOwnMethods)) {
+        return own->group;
+    }
     const auto found = std::ranges::lower_bound(kMethods, method, {}, &Grouped::method);
     return found != kMethods.end() && found->method == method ? found->group : Group::kCommands;
 }

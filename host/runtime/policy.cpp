@@ -34,7 +34,7 @@ std::vector<std::string> WordsOf(const std::string &line) {
 }
 
 bool IsMethod(const std::string &name) {
-    return FindMethod(name) != nullptr || name == "Health" || name == "Status" || name == "Describe";
+    return FindMethod(name) != nullptr || IsOwnMethod(name);
 }
 
 constexpr char kMemoryOfOthers[] = "memory-of-others";

@@ -11,6 +11,7 @@
 
 #include "host/osal/log.h"
 #include "host/runtime/encode.h"
+#include "host/runtime/server_core.h"
 #include "host/runtime/session.h"
 
 namespace host {
@@ -277,6 +278,12 @@ void Request::Answer(std::string_view payload) {
     }
 }
 
+void Request::AnswerStatus(uint32_t status, const std::string &why) {
+    if (Live::Get().Claim(context_) != nullptr) {
+        SendError(status, 0, why);
+    }
+}
+
 void Request::Cancel(const Session *session, uint64_t id) {
     Live::Get().Cancel(
         [=](const Request &request) { return request.session_.get() == session && request.frame_.header.id == id; });
@@ -519,6 +526,12 @@ uint32_t PeerOf(void *replyCtx, TarnHost_Peer *to) {
     const bool memoryOfOthers = request->session_->GetPolicy()->AllowsMemoryOfOthers(peer);
     *to = {static_cast<uint32_t>(peer.pid), peer.uid, peer.gid, memoryOfOthers};
     return 0;
+}
+
+void NoteSetting(const meaning::Method &method, const void *request) {
+    if (running != nullptr) {
+        running->session_->GetServer().NoteSetting(running->session_->GetPeer(), method, request);
+    }
 }
 
 uint32_t PeerLives(void *replyCtx) {

@@ -12,6 +12,7 @@
 #include "host/runtime/quota.h"
 #include "host/runtime/request_states.h"
 #include "host/runtime/services.h"
+#include "host/runtime/settings.h"
 #include "tarn_sysdiag/host/reply.h"
 #include "tarn_sysdiag/platform/rpc.h"
 
@@ -43,6 +44,10 @@ public:
     ~Request();
 
     const FrameHeader &Header() const { return frame_.header; }
+    std::string_view Payload() const {
+        return {reinterpret_cast<const char *>(frame_.payload.data()), frame_.payload.size()};
+    }
+    Session &GetSession() const { return *session_; }
     // Null when it is the runtime's own service that is asked.
     ServedMethod *Method() const { return admission_.method; }
 
@@ -54,6 +59,10 @@ public:
     // Ends it without an answer.
     void GiveUp();
     void Answer(std::string_view payload);
+    // With a failure of the method.
+    void AnswerStatus(uint32_t status, const std::string &why);
+    // Of one that is answered later: when its deadline passes before that, it is refused.
+    void AwaitDeadline() { StartTimer(); }
 
     // The caller takes no answer any more: to one call, or to all calls of its connection.
     static void Cancel(const Session *session, uint64_t id);
@@ -77,6 +86,7 @@ private:
     friend uint32_t PeerOf(void *replyCtx, TarnHost_Peer *peer);
     friend uint32_t PeerLives(void *replyCtx);
     friend uint32_t Explain(void *replyCtx, const char *reason);
+    friend void NoteSetting(const meaning::Method &method, const void *request);
 
     void RunWrapper();
     void SetState(RequestState state);

@@ -20,7 +20,9 @@
 
 #include "host/clock/clocks.h"
 #include "host/runtime/limits.h"
+#include "host/runtime/own_methods.h"
 #include "host/runtime/policy.h"
+#include "host/runtime/settings.h"
 #include "tarn_sysdiag/platform/rpc.h"
 
 namespace host {
@@ -36,6 +38,10 @@ struct ServerOptions {
     // What Describe answers (host/meaning/reflect.h); asked for when the first peer asks, and never again. Null: the
     // server doesn't describe its services.
     std::function<std::string()> describe = {};
+    // What the runtime's own service has besides; outlives the server. Null: nothing.
+    OwnMethods *ownMethods = nullptr;
+    // Is told of changes of settings, on the threads that make them.
+    OnSetting onSetting = {};
     // The zone of the local times in replies, as POSIX has it for TZ; null, or empty: the system's.
     std::function<std::string()> timezone = {};
 };

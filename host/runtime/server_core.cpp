@@ -58,7 +58,7 @@ ServerCore::ServerCore(const ServerOptions &options, const std::vector<const Idl
     : options_(options), workers_(std::max(1U, options.workers)), quotas_(MakeQuotas(options.limits, workers_)),
       turns_(QuotaOf(Resource::kWorkers)), services_(specs),
       loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()),
-      policy_(std::make_shared<const Policy>(options.policy)) {
+      polls_(loop_, options.ownMethods), policy_(std::make_shared<const Policy>(options.policy)) {
     const Transport transport{Directory(options.runDir)};
     for (const IdlModuleSpec *const spec : specs) {
         acceptors_.push_back(std::make_shared<Acceptor>(
@@ -306,15 +306,32 @@ void ServerCore::RequestEnds() {
 
 // --- What the server says of itself
 
-std::string ServerCore::Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal) {
+void ServerCore::ServeOwn(const std::shared_ptr<Request> &request) {
+    const FrameHeader &header = request->Header();
     const std::string_view method = header.method;
-    if (method != "Health" && method != "Status" && method != "Describe") {
-        refusal = {Reason::kUnknown, ENOENT, "the runtime's own service has Health, Status and Describe"};
-        return {};
+    const Peer &peer = request->GetSession().GetPeer();
+    const bool isProgram = polls_.Has(method);
+    Refusal refusal{Reason::kUnknown, ENOENT, "the runtime's own service has Health, Status and Describe"};
+    if (!isProgram && method != "Health" && method != "Status" && method != "Describe") {
+        request->Refuse(refusal);
+    } else if (Denied(peer, header, refusal)) {
+        request->Refuse(refusal);
+    } else if (isProgram) {
+        polls_.Ask(request, {std::string(method), std::string(request->Payload()),
+                             [this, peer](std::string_view other) { return MayCall(peer, other); }});
+    } else {
+        const std::string answer = Introspect(method, refusal);
+        answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
     }
-    if (Denied(peer, header, refusal)) {
-        return {};
-    }
+}
+
+// Of all users' processes, and not only of the peer's own.
+bool ServerCore::MayCall(const Peer &peer, std::string_view method) const {
+    const std::shared_ptr<const Policy> policy = GetPolicy();
+    return policy->Allows(peer, method) && (GroupOf(method) != Group::kMemory || policy->AllowsMemoryOfOthers(peer));
+}
+
+std::string ServerCore::Introspect(std::string_view method, Refusal &refusal) {
     if (method == "Describe") {
         refusal = {Reason::kUnknown, ENOENT, "this server does not describe its services"};
         return Description();
@@ -383,6 +400,7 @@ void ServerCore::Start() {
         acceptor->Open();
     }
     CheckTimes();
+    polls_.Open();
     {
         const MutexLock lock(mutex_);
         threadsRunning_ = workers_ + 1;
@@ -440,6 +458,7 @@ bool ServerCore::Stop() {
     const auto until = Loop::Clock::now() + options_.stopBound;
     stopping_ = true;
     CloseAcceptors();
+    polls_.Close();
     {
         MutexLock lock(mutex_);
         changed_.WaitUntil(lock, until, [this] { return requests_ == 0; });

@@ -17,6 +17,7 @@
 #include "host/runtime/loop.h"
 #include "host/runtime/memory_return.h"
 #include "host/runtime/peer_log.h"
+#include "host/runtime/polls.h"
 #include "host/runtime/quota.h"
 #include "host/runtime/server.h"
 #include "host/runtime/services.h"
@@ -44,8 +45,8 @@ public:
     std::shared_ptr<User> UserOf(uid_t uid) TARN_EXCLUDES(mutex_);
     Quota &QuotaOf(Resource resource) { return quotas_[static_cast<size_t>(resource)]; }
     Admission Admit(const Peer &peer, User &user, const FrameHeader &header);
-    // What the runtime's own service answers; empty and the reason when it does not.
-    std::string Introspect(const Peer &peer, const FrameHeader &header, Refusal &refusal);
+    // A request to the runtime's own service.
+    void ServeOwn(const std::shared_ptr<Request> &request);
     const Limits &GetLimits() const { return options_.limits; }
     std::shared_ptr<const Policy> GetPolicy() const TARN_EXCLUDES(policyMutex_);
     Refusals &GetRefusals() { return refusals_; }
@@ -55,6 +56,11 @@ public:
     }
     bool MayLogCallOf(uid_t user) { return peerLog_.MayWrite(user, loop_.Now()); }
     void CountCutOff(const Peer &peer, Reason reason, const std::string &why);
+    void NoteSetting(const Peer &peer, const meaning::Method &method, const void *request) const {
+        if (options_.onSetting) {
+            options_.onSetting(peer, method, request);
+        }
+    }
     bool IsStopping() const { return stopping_; }
     void RequestBegins() { requests_.fetch_add(1); }
     void RequestEnds() TARN_EXCLUDES(mutex_);
@@ -69,6 +75,9 @@ private:
     void RefuseConnection(const Descriptor &fd, const Peer &peer, const User &user);
     void RefuseForShortage(const Descriptor &fd, const std::string &why);
     bool Charges(User &user, const FrameHeader &header, Admission &admission, Refusal &refusal);
+    // What the server says of itself; empty and the reason when it does not.
+    std::string Introspect(std::string_view method, Refusal &refusal);
+    bool MayCall(const Peer &peer, std::string_view method) const;
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(Turn turn);
     static void ServeTurn(Session &session);
@@ -95,6 +104,7 @@ private:
     const Loop::Clock::time_point started_;
     Refusals refusals_;
     PeerLog peerLog_;
+    Polls polls_;
     MemoryReturn memoryReturn_; // of CheckTimes
     std::vector<std::thread> threads_;
     std::vector<std::shared_ptr<Acceptor>> acceptors_;

@@ -146,9 +146,7 @@ bool Session::ServeNext() {
 
 void Session::Serve(const std::shared_ptr<Request> &request) {
     if (request->Method() == nullptr) {
-        Refusal refusal;
-        const std::string answer = server_->Introspect(peer_, request->Header(), refusal);
-        answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
+        server_->ServeOwn(request);
     } else if (IsStopping()) {
         request->Refuse({Reason::kStopping, ECANCELED, "the server is stopping"});
     } else {
