@@ -218,6 +218,21 @@ Contents List(const std::filesystem::path &directory, const IsErased &isErased, 
     return contents;
 }
 
+uint64_t StampOf(const std::filesystem::path &directory) {
+    uint64_t stamp = 0;
+    const auto add = [&stamp](auto value) { stamp = (stamp ^ static_cast<uint64_t>(value)) * 0x100000001b3; };
+    for (const uint32_t user : UsersWithFiles(directory, [] {})) {
+        struct stat status {};
+        if (lstat(FileOf(directory, user).c_str(), &status) == 0) {
+            add(user);
+            add(status.st_ino);
+            add(status.st_mtim.tv_sec);
+            add(status.st_mtim.tv_nsec);
+        }
+    }
+    return stamp;
+}
+
 std::optional<FaultRecord> Read(const std::filesystem::path &directory, const RecordPlace &place) {
     try {
         const auto slot = std::make_unique<FaultSlot>();

@@ -46,6 +46,9 @@ struct FaultRecord {
     FaultStack stack;
 };
 
+// Changes when a black box of a directory is written to; twice within a tick of the files' clock perhaps once.
+uint64_t StampOf(const std::filesystem::path &directory);
+
 // Counts are in their ranges, and texts end. None when the slot has another record by now.
 std::optional<FaultRecord> Read(const std::filesystem::path &directory, const RecordPlace &place);
 

@@ -55,6 +55,15 @@ struct StatsOptions {
     bool json = false;
 };
 
+struct EventsOptions {
+    std::filesystem::path runDir;
+    std::vector<std::string> kinds; // none: all
+    uint64_t from = 0;              // number; 0: the oldest that is kept
+    std::optional<uint64_t> last;   // so many numbers at the end
+    bool follow = false;
+    bool json = false; // an object a line
+};
+
 struct TopOptions {
     std::filesystem::path runDir;
     uint32_t frames = 0; // 0: one, or on a terminal until the user ends it
@@ -83,6 +92,7 @@ void Describe(const std::filesystem::path &runDir, const std::string &name, View
 void Call(const CallOptions &options);
 void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);
+void Events(const EventsOptions &options);
 void Top(const TopOptions &options);
 void Decode(const DecodeOptions &options);
 void Encode(const EncodeOptions &options);

@@ -53,6 +53,7 @@ struct Arguments {
     bool json = false, wire = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
+    ctl::EventsOptions events;
     ctl::TopOptions top;
     ctl::DecodeOptions decode;
     ctl::EncodeOptions encode;
@@ -152,6 +153,21 @@ void AddStatus(CLI::App &app, Arguments &arguments) {
         }
         arguments.top.runDir = arguments.runDir;
         ctl::Top(arguments.top);
+    });
+}
+
+void AddEvents(CLI::App &app, Arguments &arguments) {
+    auto *const events = app.add_subcommand("events", "What happened, from the daemon's journal");
+    events->add_flag("-f,--follow", arguments.events.follow, "Wait for what happens, until it is interrupted");
+    events->add_option("--kind", arguments.events.kinds, "Of these kinds only: crash, setting, ...")
+        ->option_text("KIND ...");
+    auto *const from =
+        events->add_option("--from", arguments.events.from, "From the event of this number on")->option_text("N");
+    events->add_option("--last", arguments.events.last, "Of the last so many")->option_text("N")->excludes(from);
+    events->add_flag("--json", arguments.events.json, "For programs, an object a line");
+    events->callback([&] {
+        arguments.events.runDir = arguments.runDir;
+        ctl::Events(arguments.events);
     });
 }
 
@@ -270,6 +286,7 @@ int main(int argc, char **argv) {
     app.footer(kCommandFooter); // commands made after it repeat it
     AddCall(app, arguments);
     AddStatus(app, arguments);
+    AddEvents(app, arguments);
     app.footer("");
     AddCodec(app, arguments);
     AddCompletion(app, arguments);

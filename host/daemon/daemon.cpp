@@ -39,7 +39,7 @@ Daemon::Daemon(Options theOptions, const host::Clocks &theClocks, const host::pr
 Daemon::~Daemon() = default;
 
 Daemon::Drivers::Drivers(Daemon &daemon)
-    : samples(daemon.sampler), timers("timers", daemon.timers),
+    : history("history", daemon.history), samples(daemon.sampler), timers("timers", daemon.timers),
       courier("courier", daemon.courier, Courier::kMaxThreads), masterLink("master link", daemon.masterLink) {}
 
 } // namespace tarnd

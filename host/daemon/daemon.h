@@ -23,12 +23,16 @@
 #include "host/daemon/health/health_examiner.h"
 #include "host/daemon/health/health_settings.h"
 #include "host/daemon/health/resource_levels.h"
+#include "host/daemon/history/history.h"
+#include "host/daemon/history/minutes.h"
 #include "host/daemon/master/master_link.h"
+#include "host/daemon/memory/leak_watch.h"
 #include "host/daemon/memory/memory_leaks.h"
 #include "host/daemon/memory/memory_overload.h"
 #include "host/daemon/options.h"
 #include "host/daemon/peers.h"
 #include "host/daemon/processes/erased_faults.h"
+#include "host/daemon/processes/fault_watch.h"
 #include "host/daemon/processes/process_table.h"
 #include "host/daemon/sampling/sample_driver.h"
 #include "host/daemon/sampling/sampler.h"
@@ -66,29 +70,34 @@ public:
     host::stacks::Helpers &helpers;
     const Archives archives{options.logDirectory, options.copyTargets, clocks};
     host::Store store{options.stateDirectory};
+    History history{options.stateDirectory, clocks};
     LocalClock clock{clocks, store, options.zoneLink};
     Timers timers{clocks};
     AgentLine agentLine;
-    AgentRegistry registry{proc, agentLine, timers};
+    AgentRegistry registry{proc, history, agentLine, timers};
     Courier courier{clocks, registry};
     Subscriptions subscriptions{proc};
     MessageRules messageRules{clocks, proc, store, registry, agentLine, courier};
     HealthSettings healthSettings{store, agentLine, courier};
     ProcessTable processTable{proc};
     ErasedFaults erasedFaults{store};
+    FaultWatch faultWatch{options.faultDirectory, erasedFaults, history, timers};
     Sampler sampler;
+    Minutes minutes{sampler, [this](const MinuteFigures &minute) { history.AddMinute(minute); }};
     CpuPeaks cpuPeaks{sampler};
     host::stacks::Tracer tracer{proc};
-    CpuOverload cpuOverload{store, sampler, proc,
-                            [this](Overload &overload) { ReadOverloadStacks(tracer, helpers, overload); }};
+    CpuOverload cpuOverload{store,   history,
+                            history, sampler,
+                            proc,    [this](Overload &overload) { ReadOverloadStacks(tracer, helpers, overload); }};
     CpuEvents cpuEvents{sampler, healthSettings, proc, clocks};
-    Starvation starvation{store, sampler, proc};
+    Starvation starvation{store, history, sampler, proc};
     OverloadDebug overloadDebug{sampler};
-    MemoryOverload memoryOverload{store, sampler};
+    MemoryOverload memoryOverload{store, history, sampler};
     MemoryLeaks memoryLeaks{clocks, sampler};
-    Measurement measurement{clocks, proc, store, clock, timers, options.measuredBytesPerSecond};
+    LeakWatch leakWatch{memoryLeaks, history, timers};
+    Measurement measurement{clocks, proc, store, clock, timers, history, options.measuredBytesPerSecond};
     ResourceLevels resourceLevels{sampler, proc, healthSettings, subscriptions, agentLine, courier};
-    AgentProbe agentProbe{clocks, registry, healthSettings, agentLine, courier, timers};
+    AgentProbe agentProbe{clocks, registry, healthSettings, agentLine, courier, timers, history};
     HealthExaminer healthExaminer;
     MasterLine masterLine;
     MasterLink masterLink{clocks, masterLine, clock, cpuOverload, memoryOverload, measurement};
@@ -97,6 +106,7 @@ private:
     // The threads of those that need some.
     struct Drivers {
         explicit Drivers(Daemon &daemon);
+        Driver<History> history;
         SampleDriver samples;
         Driver<Timers> timers;
         Driver<Courier> courier;

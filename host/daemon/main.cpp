@@ -12,6 +12,8 @@
 
 #include "host/clock/clocks.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/history/history_service.h"
+#include "host/daemon/history/setting_event.h"
 #include "host/daemon/options.h"
 #include "host/daemon/sampling/libproc2_source.h"
 #include "host/meaning/reflect.h"
@@ -170,7 +172,12 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     tarnd::Libproc2Source samples(proc);
     tarnd::RemotePeers peers;
     tarnd::Daemon daemon(options, clocks, proc, samples, peers, helpers);
+    tarnd::HistoryService historyService(daemon.history);
     serverOptions.describe = Describe;
+    serverOptions.ownMethods = &historyService;
+    serverOptions.onSetting = [&](const host::Peer &peer, const host::meaning::Method &method, const void *request) {
+        daemon.history.Add(tarnd::SettingEvent(proc, peer, method, request));
+    };
     serverOptions.timezone = [&daemon] { return daemon.clock.PosixZone(); };
     host::Server server(std::move(serverOptions));
     server.AddService(__module_spec_TarnSysdiagTarnd);

@@ -135,10 +135,12 @@ RECORD(OperResult, {"uiResult", "result", Errno(), "0, or why it was not done."}
 METHOD(OvloadCpuSwitchState, Group::kReading, "Tells whether CPU overloads of the system are detected.", "")
 RECORD(OvloadCpuSwitchRet, {"uiSwitch", "on", Switch(), "On when a threshold for the system is set."})
 
-METHOD(DisCpuOvloadInfo, Group::kReading,
-       "Shows the last CPU overload, of the system or of a process that is watched. It is recorded with the process "
-       "that used most, or that is watched. The call fails with 61 ENODATA when there was none.",
-       "")
+METHOD(
+    DisCpuOvloadInfo, Group::kReading,
+    "Shows the last CPU overload of the system, also of before a restart; where it had none, the last one of a "
+    "process that is watched. It is recorded with the process that used most, or that is watched. The call fails with "
+    "61 ENODATA when there was none.",
+    "")
 RECORD(DisCpuOvloadRet, {"stTime1", "began", LocalTime(), "When it began."},
        {"acName", "name", Text(), "The name of the process that used most, or that is watched."},
        {"uiValue1", "process", Pid(), "That process."},
@@ -162,12 +164,14 @@ RECORD(TopCpuOvloadThread, {"uiPid", "process", Pid(), "Its process."}, {"uiTid"
         "of GetCallStackInfoByTid."})
 
 METHOD(GetSysCpuMonitorHistoryInfo, Group::kReading,
-       "Shows how busy the CPUs were at each sample of the last hour. The last 3600 samples are kept, which is an hour "
-       "at the default interval.",
+       "Shows how busy the CPUs were at each sample of the last hour, and before that in each minute of the last week. "
+       "The last 3600 samples are kept, which is an hour at the default interval; the minutes also beyond a restart.",
        "")
-RECORD(SysCpuMonitorHistoryInfoResult, {"pstRecord", "samples", Records(), "The samples, the oldest first."})
-RECORD(SysCpuMonitorHistoryInfo, {"stTime", "time", LocalTime(), "When the sample was taken."},
-       {"ucValue1", "busy", Percent(), "The share of all CPUs that was busy since the sample before."},
+RECORD(SysCpuMonitorHistoryInfoResult,
+       {"pstRecord", "samples", Records(), "The minutes and the samples, the oldest first."})
+RECORD(SysCpuMonitorHistoryInfo, {"stTime", "time", LocalTime(), "When the sample was taken, or the minute ended."},
+       {"ucValue1", "busy", Percent(),
+        "The share of all CPUs that was busy since the sample before, or over the minute."},
        {"ucValue2", "waiting", Percent(), "The share that was idle, but something waited for a device."})
 
 METHOD(GetSysCpuOverloadCfg, Group::kReading, "Shows what is set for CPU overloads, and how many there were.", "")

@@ -712,8 +712,9 @@ class Methods:
         *,
         deadline: float | None = ...,
     ) -> DisCpuOvloadRet:
-        """Shows the last CPU overload, of the system or of a process that is watched. It is recorded with the process
-        that used most, or that is watched. The call fails with 61 ENODATA when there was none.
+        """Shows the last CPU overload of the system, also of before a restart; where it had none, the last one of a
+        process that is watched. It is recorded with the process that used most, or that is watched. The call fails with
+        61 ENODATA when there was none.
         """
     @overload
     def call(
@@ -734,8 +735,9 @@ class Methods:
         *,
         deadline: float | None = ...,
     ) -> SysCpuMonitorHistoryInfoResult:
-        """Shows how busy the CPUs were at each sample of the last hour. The last 3600 samples are kept, which is an
-        hour at the default interval.
+        """Shows how busy the CPUs were at each sample of the last hour, and before that in each minute of the last
+        week. The last 3600 samples are kept, which is an hour at the default interval; the minutes also beyond a
+        restart.
         """
     @overload
     def call(

@@ -9,6 +9,7 @@
 #include "tarn_sysdiag/server/tarnd.h"
 #include "tarn_sysdiag/server/tarnd_agent.h"
 #include "tests/host/error_of.h"
+#include "tests/host/kept_events.h"
 #include "tests/host/refusal.h"
 #include "tests/host/simulated_daemon.h"
 
@@ -182,7 +183,8 @@ protected:
     kit::FakePeers peers_;
     tarnd::AgentLine line_{clocks_, peers_};
     tarnd::Timers timers_{clocks_};
-    tarnd::AgentRegistry registry_{proc_, line_, timers_};
+    kit::KeptEvents events_;
+    tarnd::AgentRegistry registry_{proc_, events_, line_, timers_};
     tarnd::Courier courier_{clocks_, registry_};
     kit::ManualDriver<tarnd::Courier> driver_{courier_, clocks_};
     Ran ran_;

@@ -9,6 +9,7 @@
 #include "tests/host/error_of.h"
 #include "tests/host/eventually.h"
 #include "tests/host/fake_proc.h"
+#include "tests/host/kept_events.h"
 #include "tests/host/scripted_samples.h"
 
 namespace {
@@ -35,7 +36,7 @@ protected:
     }
 
     void Make() {
-        overload.emplace(store, sampler, proc, [this](Overload &read) {
+        overload.emplace(store, overloads, events, sampler, proc, [this](Overload &read) {
             mayRead.acquire();
             for (tarnd::OverloadThread &thread : read.threads) {
                 thread.stack = "stack of " + std::to_string(thread.tid);
@@ -54,6 +55,8 @@ protected:
     }
 
     host::Store store;
+    kit::KeptOverloads overloads;
+    kit::KeptEvents events;
     kit::FakeProc proc;
     std::counting_semaphore<1000> mayRead{100};
     std::atomic<bool> readingFails = false;
@@ -275,7 +278,7 @@ TEST_F(CpuOverloadTest, KeepsItsThresholdsBeyondARestart) {
     kit::SampledMachine other;
     other.machine = machine;
     other.machine.processes.erase(kPid + 1);
-    CpuOverload next(store, other.sampler, proc, [](Overload &) {});
+    CpuOverload next(store, overloads, events, other.sampler, proc, [](Overload &) {});
     EXPECT_EQ(next.WatchedNumber(), 2);
     other.Pass(1s);
     EXPECT_EQ(next.WatchedNumber(), 1) << "one of the processes has ended";
@@ -291,7 +294,7 @@ TEST_F(CpuOverloadTest, KeepsItsThresholdsBeyondARestart) {
 TEST_F(CpuOverloadTest, ChangesNothingThatCanNotBeKept) {
     const kit::TempDir dir;
     host::Store kept(dir.Path() / "state");
-    CpuOverload of(kept, sampler, proc, [](Overload &) {});
+    CpuOverload of(kept, overloads, events, sampler, proc, [](Overload &) {});
     AddProcess(kPid, "worker", 0);
     of.SetSystem({900, 800, 7});
     of.Watch(kPid, {2000, 1900, 3});

@@ -28,7 +28,7 @@ std::string Slurp(const std::filesystem::path &file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-constexpr char kCommands[] = "list, describe, call, services, stats, top, decode, encode, completion";
+constexpr char kCommands[] = "list, describe, call, services, stats, top, events, decode, encode, completion";
 
 class Ctl : public testing::Test {
 protected:

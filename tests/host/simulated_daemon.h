@@ -56,7 +56,9 @@ struct SimulatedDaemon {
 
     // Until nothing is due.
     void RunDue() {
-        while (drivers->timers.RunDue() + drivers->courier.RunDue() + drivers->masterLink.RunDue() != 0) {
+        while (drivers->history.RunDue() + drivers->timers.RunDue() + drivers->courier.RunDue() +
+                   drivers->masterLink.RunDue() !=
+               0) {
         }
     }
 
@@ -83,8 +85,9 @@ struct SimulatedDaemon {
 
     struct Drivers {
         explicit Drivers(SimulatedDaemon &of)
-            : timers(of.daemon->timers, of.clocks), courier(of.daemon->courier, of.clocks),
-              masterLink(of.daemon->masterLink, of.clocks) {}
+            : history(of.daemon->history, of.clocks), timers(of.daemon->timers, of.clocks),
+              courier(of.daemon->courier, of.clocks), masterLink(of.daemon->masterLink, of.clocks) {}
+        ManualDriver<tarnd::History> history;
         ManualDriver<tarnd::Timers> timers;
         ManualDriver<tarnd::Courier> courier;
         ManualDriver<tarnd::MasterLink> masterLink;

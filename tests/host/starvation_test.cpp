@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/host/fake_proc.h"
+#include "tests/host/kept_events.h"
 #include "tests/host/scripted_samples.h"
 
 namespace {
@@ -35,8 +36,9 @@ protected:
     }
 
     host::Store store;
+    kit::KeptEvents events;
     kit::FakeProc proc;
-    Starvation starvation{store, sampler, proc};
+    Starvation starvation{store, events, sampler, proc};
 };
 
 TEST_F(StarvationTest, CountsAWaitThatLasts) {
@@ -50,6 +52,10 @@ TEST_F(StarvationTest, CountsAWaitThatLasts) {
     EXPECT_EQ(starvation.Of(kPid, kTid)->last, clocks.WallNow());
     Pass(1s, 100);
     EXPECT_EQ(Times(), 1) << "it is one wait";
+    ASSERT_EQ(events.events.size(), 1) << "and one event";
+    EXPECT_EQ(events.events[0].kind, tarnd::EventKind::kStarvation);
+    EXPECT_EQ(events.events[0].pid, kPid);
+    EXPECT_EQ(events.events[0].text, fmt::format("thread {} was ready for 2000 ms without a CPU", kTid));
     EXPECT_EQ(starvation.Of(kPid, kTid)->longest, 102s);
     EXPECT_EQ(starvation.Of(kPid, kTid)->last, clocks.WallNow());
     EXPECT_FALSE(starvation.Of(kPid + 5, kTid).has_value()) << "another process's";
@@ -180,7 +186,7 @@ TEST_F(StarvationTest, LivesWithThreadsThatEnd) {
 TEST_F(StarvationTest, KeepsItsSettingsBeyondARestart) {
     kit::SampledMachine other;
     other.machine = machine;
-    const Starvation next(store, other.sampler, proc);
+    const Starvation next(store, events, other.sampler, proc);
     other.Pass(1s, 3);
     EXPECT_FALSE(next.Of(kPid, kTid).has_value());
     other.Pass(1s);
@@ -188,7 +194,7 @@ TEST_F(StarvationTest, KeepsItsSettingsBeyondARestart) {
     starvation.Switch(false);
     kit::SampledMachine third;
     third.machine = machine;
-    const Starvation off(store, third.sampler, proc);
+    const Starvation off(store, events, third.sampler, proc);
     third.Pass(1s, 10);
     EXPECT_FALSE(off.Of(kPid, kTid).has_value());
 }

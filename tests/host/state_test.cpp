@@ -160,8 +160,8 @@ TEST_F(StateTest, OutlivesTheDaemon) {
     ExpectAll(1);
     for (const auto &entry : std::filesystem::directory_iterator(state_)) {
         const std::string stem = entry.path().stem();
-        EXPECT_TRUE(stem == ".lock" || std::any_of(documents_.begin(), documents_.end(),
-                                                   [&](const Document &d) { return d.name == stem; }))
+        const auto isNamed = [&](const Document &document) { return document.name == stem; };
+        EXPECT_TRUE(stem == ".lock" || stem == "history" || std::any_of(documents_.begin(), documents_.end(), isNamed))
             << entry.path() << " is none of the documents here";
     }
 }
@@ -246,6 +246,37 @@ TEST_F(StateTest, IsAsItWasWhenItCannotBeKept) {
     ExpectAll(1);
     disk.Empty();
     SetAll(2);
+}
+
+// Nothing is missed and nothing told twice, while one daemon goes and another comes.
+TEST_F(StateTest, EventsAreFollowedAcrossARestart) {
+    const kit::Process follower(dir_.Path(), {TARNCTL, "--run-dir", dir_.Path(), "events", "-f", "--kind", "setting"});
+    const auto set = [&](uint32_t beginsAt) {
+        EXPECT_EQ(Result("SysOvLoadCpuThresholdSet", Tarn_sys_diag_SysOvLoadCpuThreshold{beginsAt, 500, 3600},
+                         &Tarn_sys_diag_OperResult::uiResult),
+                  0);
+    };
+    const auto count = [&](const std::string &text) {
+        const std::string out = follower.Out();
+        size_t number = 0;
+        for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) {
+            ++number;
+        }
+        return number;
+    };
+    set(991);
+    EXPECT_TRUE(kit::Eventually([&] { return count("begins-at=991 ") == 1; })) << follower.Out() << follower.Err();
+    set(992);
+    EXPECT_EQ(daemon_->Stop(), 0);
+    StartDaemon();
+    set(993);
+    EXPECT_TRUE(kit::Eventually([&] { return count("begins-at=993 ") == 1; })) << follower.Out() << follower.Err();
+    EXPECT_EQ(count("begins-at=991 "), 1);
+    EXPECT_EQ(count("begins-at=992 "), 1) << follower.Out();
+    EXPECT_EQ(count("\n"), 3);
+    EXPECT_EQ(count(" setting: state_test (" + std::to_string(getpid()) + "): SysOvLoadCpuThresholdSet begins-at="), 3)
+        << follower.Out();
+    EXPECT_EQ(count(", by user " + std::to_string(geteuid())), 3);
 }
 
 } // namespace

@@ -14,10 +14,22 @@ namespace tarnd {
 namespace health_level = host::meaning::health_level;
 namespace system_health_item = host::meaning::system_health_item;
 
+namespace {
+
+// The items of which the journal tells.
+std::optional<EventKind> TroubleOf(std::string_view item) {
+    namespace health_item = host::meaning::health_item;
+    return item == health_item::kDeadLoops.name      ? std::optional(EventKind::kDeadLoop)
+           : item == health_item::kMemoryDamage.name ? std::optional(EventKind::kMemoryDamage)
+                                                     : std::nullopt;
+}
+
+} // namespace
+
 AgentProbe::AgentProbe(const host::Clocks &clocks, AgentRegistry &registry, const HealthSettings &settings,
-                       AgentLine &line, Courier &courier, Timers &timers)
+                       AgentLine &line, Courier &courier, Timers &timers, Journal &journal)
     : clocks_(clocks), registry_(registry), settings_(settings), line_(line), courier_(courier),
-      errand_(courier.Add([this](uint32_t pid) { Probe(pid); })) {
+      errand_(courier.Add([this](uint32_t pid) { Probe(pid); })), journal_(journal) {
     constexpr std::chrono::seconds kPeriod{2};
     const auto probe = [](void *self) { static_cast<AgentProbe *>(self)->ProbeAll(); };
     timers.Every(timers.Add("agent health", probe, this), kPeriod);
@@ -34,7 +46,7 @@ void AgentProbe::ProbeAll() {
 
 // What goes wrong is the finding.
 void AgentProbe::Probe(uint32_t pid) {
-    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, health_level::kGood, {}};
+    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, health_level::kGood, {}, {}};
     const host::SteadyTime start = clocks_.SteadyNow();
     const bool wasSetAside = line_.Silent().IsSetAside(pid);
     try {
@@ -54,7 +66,21 @@ void AgentProbe::Probe(uint32_t pid) {
         host::Log().warn("the agent of process {} {}", pid,
                          health.answers ? "answers again" : "does not answer: " + health.complaint);
     }
+    TellTroubles(before == probed_.end() ? nullptr : &before->second, health);
     probed_[pid] = std::move(health);
+}
+
+// Those that there were not before, or of which something else is found now.
+void AgentProbe::TellTroubles(const AgentHealth *before, const AgentHealth &now) {
+    const std::map<uint32_t, Agent> agents = registry_.Agents();
+    const auto agent = agents.find(now.pid);
+    for (const auto &[kind, found] : now.troubles) {
+        const bool isKnown =
+            before != nullptr && before->troubles.count(kind) != 0 && before->troubles.at(kind) == found;
+        if (!isKnown) {
+            journal_.Add({now.lookedAt, kind, now.pid, agent == agents.end() ? "" : agent->second.name, found});
+        }
+    }
 }
 
 void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
@@ -62,10 +88,16 @@ void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
                                  settings_.LimitOf(system_health_item::kAgents), AgentLine::Whom::kAlsoSilent);
     const auto &[worst, on, itemNum, items] = reply->record;
     health.worstLevel = worst;
-    for (uint32_t i = 0; i < itemNum && health.complaint.empty(); ++i) {
+    for (uint32_t i = 0; i < itemNum; ++i) {
         const auto &[level, name, source, lookedAt, found] = items[i];
-        if (level != health_level::kGood) {
+        if (level == health_level::kGood) {
+            continue;
+        }
+        if (health.complaint.empty()) {
             health.complaint = fmt::format("{}: {}", host::TextOf(name), host::TextOf(found));
+        }
+        if (const auto trouble = TroubleOf(host::TextOf(name))) {
+            health.troubles[*trouble] = host::TextOf(found);
         }
     }
 }

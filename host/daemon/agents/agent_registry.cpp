@@ -4,8 +4,8 @@
 
 namespace tarnd {
 
-AgentRegistry::AgentRegistry(const host::procfs::Procfs &proc, AgentLine &line, Timers &timers)
-    : proc_(proc), line_(line) {
+AgentRegistry::AgentRegistry(const host::procfs::Procfs &proc, Journal &journal, AgentLine &line, Timers &timers)
+    : proc_(proc), journal_(journal), line_(line) {
     line_.RemoveDeadAgents();
     constexpr std::chrono::seconds kPeriod{1};
     const auto drop = [](void *self) { static_cast<AgentRegistry *>(self)->DropEnded(); };
@@ -27,13 +27,20 @@ bool AgentRegistry::Add(const Registrant &process, const std::string &name, uint
     }
     isOther ? line_.ForgetProcess(process.pid) : line_.Forget(process.pid);
     host::Log().info("agent {} of process {} has registered", name, process.pid);
+    journal_.Add({{}, EventKind::kAgentComes, process.pid, name, fmt::format("of user {}", process.user)});
     return true;
 }
 
 bool AgentRegistry::Remove(uint32_t pid) {
     line_.Forget(pid);
     const host::MutexLock lock(mutex_);
-    return agents_.erase(pid) != 0;
+    const auto agent = agents_.extract(pid);
+    if (agent) {
+        const Registrant &process = agent.mapped().process;
+        const char *const how = proc_.Runs(pid, process.start) ? "it has left" : "its process has ended";
+        journal_.Add({{}, EventKind::kAgentGoes, pid, agent.mapped().name, how});
+    }
+    return !agent.empty();
 }
 
 std::map<uint32_t, Agent> AgentRegistry::Agents() const {

@@ -241,20 +241,27 @@ uint32_t LoadAverage() {
     return static_cast<uint32_t>(load * 1000 + 0.5);
 }
 
+Tarn_sys_diag_SysCpuMonitorHistoryInfo Figures(host::WallTime when, uint32_t busyPermille, uint32_t waitingPermille) {
+    const auto percent = [](uint32_t permille) { return static_cast<uint8_t>(std::min((permille + 5) / 10, 100U)); };
+    return {Daemon::Serving().clock.LocalTime(when), percent(busyPermille), percent(waitingPermille)};
+}
+
+// By the minute until the first of the samples, then by them.
 std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
-    const std::vector<SystemSample> history = Daemon::Serving().sampler.History();
+    const Daemon &daemon = Daemon::Serving();
+    const std::vector<SystemSample> history = daemon.sampler.History();
     std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> records;
+    for (const MinuteFigures &minute : daemon.history.Minutes({})) {
+        if (minute.time <= history.front().time) {
+            records.push_back(Figures(minute.time, minute.busyPermille, minute.waitingPermille));
+        }
+    }
     for (size_t i = 1; i < history.size(); ++i) {
         const CpuTicks &from = history[i - 1].cpu;
         const CpuTicks &to = history[i].cpu;
         const uint64_t total = Growth(from.Total(), to.Total());
-        Tarn_sys_diag_SysCpuMonitorHistoryInfo record{};
-        auto &[time, busy, waiting] = record;
-        time = Daemon::Serving().clock.LocalTime(history[i].time);
-        busy = static_cast<uint8_t>((BusyPermille(from, to) + 5) / 10);
-        waiting =
-            static_cast<uint8_t>(std::min<uint32_t>((Permille(Growth(from.ioWait, to.ioWait), total) + 5) / 10, 100));
-        records.push_back(record);
+        records.push_back(
+            Figures(history[i].time, BusyPermille(from, to), Permille(Growth(from.ioWait, to.ioWait), total)));
     }
     return records;
 }

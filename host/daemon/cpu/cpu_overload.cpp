@@ -48,8 +48,10 @@ void LogEnd(const Overload &overload) {
 
 } // namespace
 
-CpuOverload::CpuOverload(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc, ReadStacks readStacks)
-    : store_(store), proc_(proc), readStacks_(std::move(readStacks)) {
+CpuOverload::CpuOverload(host::Store &store, OverloadHistory &history, Journal &journal, Sampler &sampler,
+                         const host::procfs::Procfs &proc, ReadStacks readStacks)
+    : store_(store), history_(history), journal_(journal), proc_(proc), readStacks_(std::move(readStacks)),
+      lastOfSystem_(history.Last(Overload::Of::kSystem)), lastOfProcess_(history.Last(Overload::Of::kProcess)) {
     Load();
     sampler.OnSample("CPU overload",
                      [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
@@ -111,11 +113,15 @@ void CpuOverload::Change(const Setting<Thresholds> &system) {
         throw;
     }
     const Thresholds &value = system.Value();
-    host::Log().info("CPU overload: {}, from {}",
-                     value.over == 0 ? "off"
-                                     : fmt::format("begins at {} permille for {} s, ends below {}", value.over,
-                                                   value.seconds, value.recover),
-                     NameOf(system.From()));
+    const std::string text = fmt::format("CPU overload: {}, from {}",
+                                         value.over == 0 ? "off"
+                                                         : fmt::format("begins at {} permille for {} s, ends below {}",
+                                                                       value.over, value.seconds, value.recover),
+                                         NameOf(system.From()));
+    host::Log().info("{}", text);
+    if (system.From() == Source::kMaster) { // clients are told of with their calls
+        journal_.Add({{}, EventKind::kSetting, 0, "", text});
+    }
 }
 
 Setting<Thresholds> CpuOverload::System() const {
@@ -179,10 +185,11 @@ uint32_t CpuOverload::RecordNumber() const {
 
 Overload CpuOverload::Last() const {
     const host::MutexLock lock(mutex_);
-    if (last_ == nullptr) {
+    const std::optional<Overload> &last = lastOfSystem_.has_value() ? lastOfSystem_ : lastOfProcess_;
+    if (!last.has_value()) {
         throw std::system_error(ENODATA, std::generic_category(), "there has been no overload");
     }
-    return *last_;
+    return *last;
 }
 
 void CpuOverload::ResetPeaks() {
@@ -214,7 +221,8 @@ void CpuOverload::TakeSystem(const SamplePtr &previous, const SamplePtr &latest)
     switch (system_.Follow(permille, thresholds_.Value(), previous, latest)) {
     case Crossing::Event::kBegins:
         if (const ProcessSample *const busiest = Busiest(*system_.Since(), *latest)) {
-            ofSystem_ = Begin(*system_.Since(), *busiest, SystemThreadUses(*system_.Since(), *latest), *latest);
+            ofSystem_ = Begin(Overload::Of::kSystem, *system_.Since(), *busiest,
+                              SystemThreadUses(*system_.Since(), *latest), *latest);
         }
         break;
     case Crossing::Event::kEnds:
@@ -242,7 +250,7 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
     switch (watched.crossing.Follow(permille, watched.thresholds, previous, latest)) {
     case Crossing::Event::kBegins:
         ++watched.overloads;
-        watched.overload = Begin(*watched.crossing.Since(), process,
+        watched.overload = Begin(Overload::Of::kProcess, *watched.crossing.Since(), process,
                                  ThreadUses(watched.crossing.Since()->Find(process), process), *latest);
         break;
     case Crossing::Event::kEnds:
@@ -254,7 +262,7 @@ void CpuOverload::TakeProcess(Watched &watched, const ProcessSample &process, co
 }
 
 // Null when it is not recorded.
-std::shared_ptr<Overload> CpuOverload::Begin(const Sample &since, const ProcessSample &process,
+std::shared_ptr<Overload> CpuOverload::Begin(Overload::Of of, const Sample &since, const ProcessSample &process,
                                              std::vector<ThreadUse> uses, const Sample &latest) {
     if (pendingNum_ == kMaxPending) {
         host::Log().error("CPU overload by {} ({}): not recorded, {} wait for their stacks", process.name, process.pid,
@@ -263,6 +271,7 @@ std::shared_ptr<Overload> CpuOverload::Begin(const Sample &since, const ProcessS
     }
     const std::chrono::nanoseconds elapsed = latest.system.at - since.system.at;
     auto overload = std::make_shared<Overload>();
+    overload->of = of;
     overload->begin = since.system.time;
     overload->pid = process.pid;
     overload->name = process.name;
@@ -282,13 +291,18 @@ void CpuOverload::Record(const std::shared_ptr<Overload> &overload, Overload wit
     --pendingNum_;
     overload->threads = std::move(withStacks.threads);
     overload->recorded = true;
-    last_ = overload;
     ++recordNumber_;
     host::Log().warn("CPU overload: the system uses {} permille, {} ({}) {} permille of a CPU",
                      overload->systemPermille, overload->name, overload->pid, overload->processPermille);
+    Keep(*overload);
     if (overload->end.has_value()) {
         LogEnd(*overload);
     }
+}
+
+void CpuOverload::Keep(Overload &overload) {
+    history_.Keep(overload);
+    (overload.of == Overload::Of::kSystem ? lastOfSystem_ : lastOfProcess_) = overload;
 }
 
 void CpuOverload::End(std::shared_ptr<Overload> &overload, const Sample &latest) {
@@ -297,6 +311,7 @@ void CpuOverload::End(std::shared_ptr<Overload> &overload, const Sample &latest)
     }
     overload->end = latest.system.time;
     if (overload->recorded) {
+        Keep(*overload);
         LogEnd(*overload);
     }
     overload.reset();

@@ -1,5 +1,5 @@
 // CPU overloads: of the system, and of processes that are watched one by one. Each is recorded with the moment, the
-// process that used most and the stacks of its busiest threads; the last one is kept.
+// process that used most and the stacks of the busiest threads, in a history.
 #pragma once
 
 #include <functional>
@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "host/daemon/cpu/crossing.h"
+#include "host/daemon/cpu/overload.h"
+#include "host/daemon/history/event.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/daemon/setting.h"
@@ -18,26 +20,6 @@
 #include "host/store/store.h"
 
 namespace tarnd {
-
-struct OverloadThread {
-    uint32_t pid = 0;
-    uint32_t tid = 0;
-    std::string name;
-    uint64_t runNs = 0; // since the thread started
-    uint32_t permille = 0;
-    std::optional<std::string> stack; // none when it could not be read
-};
-
-struct Overload {
-    host::WallTime begin;
-    std::optional<host::WallTime> end; // none while it lasts
-    uint32_t pid = 0;                  // the process that used most
-    std::string name;
-    uint32_t systemPermille = 0;
-    uint32_t processPermille = 0;
-    std::vector<OverloadThread> threads; // the busiest first: of a watched process, or of the system
-    bool recorded = false;               // with their stacks
-};
 
 struct WatchedThread {
     uint32_t tid = 0;
@@ -68,7 +50,8 @@ public:
     using ReadStacks = std::function<void(Overload &)>;
 
     // Loads what was set before a restart, and follows the samples.
-    CpuOverload(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc, ReadStacks readStacks);
+    CpuOverload(host::Store &store, OverloadHistory &history, Journal &journal, Sampler &sampler,
+                const host::procfs::Procfs &proc, ReadStacks readStacks);
     CpuOverload(const CpuOverload &) = delete;
     CpuOverload &operator=(const CpuOverload &) = delete;
 
@@ -83,8 +66,9 @@ public:
     Watched WatchedProcess(uint32_t pid) const; // throws ENOENT
 
     uint32_t RecordNumber() const; // since the start
-    Overload Last() const;         // throws ENODATA
-    void ResetPeaks();             // of the watched threads
+    // The system's last one; where it had none, the last of the watched processes. Throws ENODATA.
+    Overload Last() const;
+    void ResetPeaks(); // of the watched threads
 
 private:
     void Load();
@@ -94,12 +78,15 @@ private:
     void TakeSystem(const SamplePtr &previous, const SamplePtr &latest) TARN_REQUIRES(mutex_);
     void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous, const SamplePtr &latest)
         TARN_REQUIRES(mutex_);
-    std::shared_ptr<Overload> Begin(const Sample &since, const ProcessSample &process, std::vector<ThreadUse> uses,
-                                    const Sample &latest) TARN_REQUIRES(mutex_);
-    static void End(std::shared_ptr<Overload> &overload, const Sample &latest);
+    std::shared_ptr<Overload> Begin(Overload::Of of, const Sample &since, const ProcessSample &process,
+                                    std::vector<ThreadUse> uses, const Sample &latest) TARN_REQUIRES(mutex_);
+    void End(std::shared_ptr<Overload> &overload, const Sample &latest) TARN_REQUIRES(mutex_);
+    void Keep(Overload &overload) TARN_REQUIRES(mutex_);
     void Record(const std::shared_ptr<Overload> &overload, Overload withStacks);
 
     host::Store &store_;
+    OverloadHistory &history_;
+    Journal &journal_;
     const host::procfs::Procfs &proc_;
     const ReadStacks readStacks_;
 
@@ -109,7 +96,7 @@ private:
     std::shared_ptr<Overload> ofSystem_ TARN_GUARDED_BY(mutex_); // that lasts
     std::map<uint32_t, Watched> watched_ TARN_GUARDED_BY(mutex_);
     uint32_t recordNumber_ TARN_GUARDED_BY(mutex_) = 0;
-    std::shared_ptr<Overload> last_ TARN_GUARDED_BY(mutex_);
+    std::optional<Overload> lastOfSystem_ TARN_GUARDED_BY(mutex_), lastOfProcess_ TARN_GUARDED_BY(mutex_);
     size_t pendingNum_ TARN_GUARDED_BY(mutex_) = 0; // their stacks are to be read
 
     host::WorkQueue queue_{"overload"}; // that reads them; ends before what it uses

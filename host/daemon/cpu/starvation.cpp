@@ -14,8 +14,8 @@ constexpr uint32_t kVersion = 1;
 
 } // namespace
 
-Starvation::Starvation(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc)
-    : store_(store), proc_(proc) {
+Starvation::Starvation(host::Store &store, Journal &journal, Sampler &sampler, const host::procfs::Procfs &proc)
+    : store_(store), journal_(journal), proc_(proc) {
     store_.Load(kDocument, kVersion, [this](const host::Document &content) {
         const StarvationSettings settings{content.Get<bool>("on"),
                                           std::chrono::milliseconds(content.Get<uint32_t>("thresholdMs"))};
@@ -140,8 +140,11 @@ void Starvation::Record(Thread &thread, uint32_t tid, std::chrono::nanoseconds w
     }
     if (!thread.counted) {
         ++thread.record.times;
-        host::Log().warn("thread {} of process {} starves: ready for {} ms without a CPU", tid, thread.pid,
-                         std::chrono::duration_cast<std::chrono::milliseconds>(waited).count());
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(waited).count();
+        host::Log().warn("thread {} of process {} starves: ready for {} ms without a CPU", tid, thread.pid, ms);
+        const ProcessSample *const process = latest.Find(thread.pid);
+        journal_.Add({latest.system.time, EventKind::kStarvation, thread.pid, process == nullptr ? "" : process->name,
+                      fmt::format("thread {} was ready for {} ms without a CPU", tid, ms)});
     }
     thread.record.longest = std::max(thread.record.longest, waited);
     thread.record.last = latest.system.time;

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 
+#include "host/daemon/history/event.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/osal/mutex.h"
 #include "host/store/store.h"
@@ -26,7 +27,7 @@ struct StarvationSettings {
 class Starvation {
 public:
     // Loads what was set before a restart, and follows the samples.
-    Starvation(host::Store &store, Sampler &sampler, const host::procfs::Procfs &proc);
+    Starvation(host::Store &store, Journal &journal, Sampler &sampler, const host::procfs::Procfs &proc);
     Starvation(const Starvation &) = delete;
     Starvation &operator=(const Starvation &) = delete;
 
@@ -58,6 +59,7 @@ private:
         TARN_REQUIRES(mutex_);
 
     host::Store &store_;
+    Journal &journal_;
     const host::procfs::Procfs &proc_;
     mutable host::Mutex mutex_;
     StarvationSettings settings_ TARN_GUARDED_BY(mutex_);

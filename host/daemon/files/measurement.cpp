@@ -111,9 +111,9 @@ std::chrono::milliseconds MeasurementTimes::Period() const {
 }
 
 Measurement::Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store,
-                         LocalClock &clock, Timers &timers, uint64_t bytesPerSecond)
-    : clocks_(clocks), proc_(proc), store_(store), clock_(clock), timers_(timers), settings_(Defaults()),
-      state_(NothingMeasured()),
+                         LocalClock &clock, Timers &timers, Journal &journal, uint64_t bytesPerSecond)
+    : clocks_(clocks), proc_(proc), store_(store), clock_(clock), timers_(timers), journal_(journal),
+      settings_(Defaults()), state_(NothingMeasured()),
       timer_(timers.Add(
           "measurement", [](void *self) { static_cast<Measurement *>(self)->Expire(); }, this)),
       clockTimer_(timers.Add(
@@ -177,8 +177,13 @@ void Measurement::Change(const Settings &changed) {
         Arm();
     }
     const MeasurementTimes &times = settings_.times.Value();
-    host::Log().info("measurement times {} {} from {}, work mode {} from {}", times.hour, times.minute,
-                     NameOf(settings_.times.From()), settings_.mode.Value(), NameOf(settings_.mode.From()));
+    const std::string text =
+        fmt::format("measurement times {} {} from {}, work mode {} from {}", times.hour, times.minute,
+                    NameOf(settings_.times.From()), settings_.mode.Value(), NameOf(settings_.mode.From()));
+    host::Log().info("{}", text);
+    if (settings_.times.From() == Source::kMaster || settings_.mode.From() == Source::kMaster) {
+        journal_.Add({{}, EventKind::kSetting, 0, "", text});
+    }
 }
 
 // ---- When ----
@@ -429,6 +434,9 @@ void Measurement::Conclude(const Survey &survey, const Comparison &comparison) {
     state_.code = differs ? measurement_state::kDiffers : measurement_state::kAsRecorded;
     state_.text = example.empty() ? counts : WithExample(counts, example);
     state_.differences = static_cast<uint32_t>(changed.size() + added.size());
+    if (differs) {
+        journal_.Add({{}, EventKind::kIntegrity, 0, "", state_.text});
+    }
 }
 
 void Measurement::Learn(const Survey &survey, const std::set<std::string> &added) {

@@ -14,6 +14,7 @@
 #include "host/clock/daily.h"
 #include "host/daemon/files/comparison.h"
 #include "host/daemon/files/survey.h"
+#include "host/daemon/history/event.h"
 #include "host/daemon/setting.h"
 #include "host/daemon/time/local_clock.h"
 #include "host/daemon/time/timers.h"
@@ -48,7 +49,7 @@ public:
 
     // Takes over what an earlier run kept.
     Measurement(const host::Clocks &clocks, const host::procfs::Procfs &proc, host::Store &store, LocalClock &clock,
-                Timers &timers, uint64_t bytesPerSecond);
+                Timers &timers, Journal &journal, uint64_t bytesPerSecond);
     Measurement(const Measurement &) = delete;
     Measurement &operator=(const Measurement &) = delete;
     ~Measurement(); // gives up what runs
@@ -114,6 +115,7 @@ private:
     host::Store &store_;
     LocalClock &clock_;
     Timers &timers_;
+    Journal &journal_;
 
     mutable host::Mutex mutex_;
     std::deque<Job> jobs_ TARN_GUARDED_BY(mutex_); // also those that are worked on

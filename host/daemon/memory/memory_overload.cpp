@@ -45,7 +45,8 @@ Setting<MemoryThresholds> Kept(host::Store &store) {
 
 } // namespace
 
-MemoryOverload::MemoryOverload(host::Store &store, Sampler &sampler) : store_(store), thresholds_(Kept(store)) {
+MemoryOverload::MemoryOverload(host::Store &store, Journal &journal, Sampler &sampler)
+    : store_(store), journal_(journal), thresholds_(Kept(store)) {
     sampler.OnSample("memory overload", [this](const SamplePtr &, const SamplePtr &latest) { Take(*latest); });
 }
 
@@ -70,10 +71,14 @@ void MemoryOverload::Change(const Setting<MemoryThresholds> &changed) {
     store_.Save(kDocument, kVersion, changed.ToDocument(ToDocument));
     thresholds_ = changed;
     const MemoryThresholds &value = changed.Value();
-    host::Log().info(
+    const std::string text = fmt::format(
         "memory overload: {}, from {}",
         value.over == 0 ? "off" : fmt::format("begins at {} permille in use, ends below {}", value.over, value.recover),
         NameOf(changed.From()));
+    host::Log().info("{}", text);
+    if (changed.From() == Source::kMaster) { // clients are told of with their calls
+        journal_.Add({{}, EventKind::kSetting, 0, "", text});
+    }
 }
 
 Setting<MemoryThresholds> MemoryOverload::Thresholds() const {
@@ -109,6 +114,8 @@ void MemoryOverload::Take(const Sample &sample) {
     }
     host::Log().warn("memory overload {}: {} permille in use; process {} ({}) has most, {} KiB",
                      over ? "begins" : "ends", used, event.pid, host::LineOfText(event.name), event.rssKb);
+    journal_.Add({event.time, over ? EventKind::kMemoryOverloadBegins : EventKind::kMemoryOverloadEnds, event.pid,
+                  event.name, fmt::format("{} permille in use; this process has most, {} KiB", used, event.rssKb)});
     if (record_.events.size() == kEvents) {
         record_.events.pop_front();
     }

@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include "host/daemon/history/event.h"
 #include "host/daemon/sampling/sampler.h"
 #include "host/daemon/setting.h"
 #include "host/osal/mutex.h"
@@ -35,7 +36,7 @@ public:
     static constexpr size_t kEvents = 256;
 
     // With the thresholds that were set before a restart. Follows the samples.
-    MemoryOverload(host::Store &store, Sampler &sampler);
+    MemoryOverload(host::Store &store, Journal &journal, Sampler &sampler);
 
     // Kept beyond a restart; what is thrown when that fails leaves the thresholds as they were.
     void Set(const MemoryThresholds &thresholds, Source source = Source::kClient);
@@ -58,6 +59,7 @@ private:
     void Change(const Setting<MemoryThresholds> &changed) TARN_REQUIRES(mutex_);
 
     host::Store &store_;
+    Journal &journal_;
     mutable host::Mutex mutex_;
     Setting<MemoryThresholds> thresholds_ TARN_GUARDED_BY(mutex_);
     Record record_ TARN_GUARDED_BY(mutex_);

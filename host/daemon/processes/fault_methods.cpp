@@ -1,12 +1,10 @@
 // What agents have recorded in the black boxes, as text for people.
 #include <algorithm>
-#include <csignal>
-#include <cstring>
-#include <ctime>
 
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
 #include "host/daemon/daemon.h"
+#include "host/daemon/processes/fault_text.h"
 #include "host/daemon/processes/helper_time.h"
 #include "host/meaning/choices.h"
 #include "host/osal/log.h"
@@ -25,51 +23,16 @@ using host::blackbox::RecordPlace;
 using host::blackbox::StackFrame;
 using host::stacks::Demangler;
 
-const char *CauseText(int signal, int code) {
-    static constexpr struct {
-        int signal;
-        int code;
-        const char *text;
-    } kCauses[] = {
-        {SIGSEGV, SEGV_MAPERR, "address not mapped"},     {SIGSEGV, SEGV_ACCERR, "no permission for the access"},
-        {SIGBUS, BUS_ADRALN, "misaligned address"},       {SIGBUS, BUS_ADRERR, "nothing behind the address"},
-        {SIGFPE, FPE_INTDIV, "integer division by zero"}, {SIGFPE, FPE_INTOVF, "integer overflow"},
-        {SIGILL, ILL_ILLOPC, "illegal opcode"},           {SIGILL, ILL_ILLOPN, "illegal operand"}};
-    for (const auto &cause : kCauses) {
-        if (cause.signal == signal && cause.code == code) {
-            return cause.text;
-        }
-    }
-    return code <= 0 ? "sent by a process" : "raised by the kernel";
-}
-
-std::string SignalText(const FaultHead &head) {
-    const char *const name = sigabbrev_np(head.signal);
-    std::string text = fmt::format("signal {} SIG{}, {}", head.signal, name == nullptr ? "?" : name,
-                                   CauseText(head.signal, head.code));
-    if (head.code > 0) {
-        text += fmt::format(", address {:#x}", head.address);
-    }
-    return text;
-}
-
 std::string FunctionText(const StackFrame &frame, Demangler &names) {
     return frame.function[0] == 0 ? "?" : fmt::format("{}+{:#x}", names.Readable(frame.function), frame.offset);
 }
 
-host::WallTime TimeOf(const FaultHead &head) {
-    constexpr uint64_t kSecond = 1'000'000'000;
-    return host::NearestWallTime(std::chrono::seconds(head.timeNs / kSecond),
-                                 std::chrono::nanoseconds(head.timeNs % kSecond));
-}
-
 std::string RecordText(const FaultRecord &record, Demangler &names) {
     const FaultHead &head = record.head;
-    std::string text = fmt::format(
-        "{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
-        Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
-        host::LineOfText(head.process), head.tid, host::LineOfText(head.thread), host::LineOfText(head.agent),
-        head.kind == FaultKind::kException ? SignalText(head) : "assertion " + host::LineOfText(head.text));
+    std::string text = fmt::format("{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
+                                   Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
+                                   host::LineOfText(head.process), head.tid, host::LineOfText(head.thread),
+                                   host::LineOfText(head.agent), CauseText(head));
     for (uint32_t i = 0; i < head.registerNum; ++i) {
         text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::LineOfText(head.registers[i].name),
                             head.registers[i].value, i % 4 == 3 || i + 1 == head.registerNum ? "\n" : "");
