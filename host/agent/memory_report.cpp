@@ -29,11 +29,15 @@ namespace memory_command = host::meaning::memory_command;
 constexpr const char *kBlockHead = "         NUMBER            ADDRESS        BYTES PARTITION        HANDLE           "
                                    "    THREAD      AGE s ALLOCATED BY\n";
 
+std::string SecondsOf(std::chrono::steady_clock::duration time) {
+    const auto tenths = std::chrono::round<std::chrono::duration<int64_t, std::deci>>(time).count();
+    return fmt::format("{}.{}", tenths / 10, tenths % 10);
+}
+
 std::string BlockLine(const BlockInfo &block) {
-    return fmt::format("{:>15} {:>18} {:>12} {:<16} {:<16} {:>10} {:>10.1f} {}\n", block.number,
+    return fmt::format("{:>15} {:>18} {:>12} {:<16} {:<16} {:>10} {:>10} {}\n", block.number,
                        fmt::format("{:#x}", block.address), block.bytes, host::LineOfText(block.partitionName),
-                       host::LineOfText(block.handleName), block.tid, std::chrono::duration<double>(block.age).count(),
-                       SiteText(block.site));
+                       host::LineOfText(block.handleName), block.tid, SecondsOf(block.age), SiteText(block.site));
 }
 
 Report Summary(const Memory &memory) {

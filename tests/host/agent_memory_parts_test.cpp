@@ -294,6 +294,8 @@ TEST_F(MemoryTest, TellsItInReports) {
     EXPECT_TRUE(Has(since.text, "         2             89 0x44\n")) << since.text;
     EXPECT_EQ(agent::Diagnose(memory_, memory_command::kSummary, "").lineNum, 1);
     EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "").lineNum, 3);
+    clocks_.Advance(72s + 250ms);
+    EXPECT_TRUE(Has(agent::Diagnose(memory_, memory_command::kBlocks, "").text, "       72.2 0x44\n"));
     EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "0").lineNum, 3);
     EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "0x1 \n").lineNum, 3);
     EXPECT_EQ(agent::Diagnose(memory_, memory_command::kBlocks, "2").lineNum, 0);
