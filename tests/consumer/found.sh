@@ -81,7 +81,7 @@ consume destdir "$scratch/destdir/opt/tarn"
 files_of() {
     (cd "$1" && find . ! -type d | sort)
 }
-for component in runtime development host host_runtime agent; do
+for component in runtime development host host_runtime agent python; do
     quietly cmake --install "$build" --prefix "$scratch/components" --component "$component"
 done
 diff <(files_of "$scratch/prefix") <(files_of "$scratch/components")
