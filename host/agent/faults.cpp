@@ -41,6 +41,7 @@ using host::blackbox::Entry;
 using host::blackbox::FaultHead;
 using host::blackbox::FaultKind;
 using host::blackbox::FaultStack;
+using host::blackbox::kFrameNum;
 using host::blackbox::StackFrame;
 
 // All that the signal handler knows, to which nobody hands an object. It is set before the handlers are installed,
@@ -85,29 +86,52 @@ void FillHead(FaultHead &head, FaultKind kind) {
     prctl(PR_GET_NAME, head.thread);
 }
 
-// Names the files that the addresses lie in.
+// Names the files that the addresses lie in. The mappings of a file follow each other, the one of its start first.
 void FillModules(FaultStack &stack) {
     OwnMaps maps;
+    uint64_t start = 0;
     for (OwnMapping mapping; maps.Next(mapping);) {
-        for (StackFrame &frame : std::span(stack.frames, static_cast<size_t>(stack.frameNum))) {
+        start = mapping.fileOffset == 0 ? mapping.start : start;
+        for (StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
             if (!mapping.path.empty() && mapping.Has(frame.address)) {
-                Copy(frame.module, mapping.path.substr(mapping.path.rfind('/') + 1));
+                const std::string_view path = WithoutDeleted(mapping.path);
+                Copy(frame.module, path.substr(path.rfind('/') + 1));
+                frame.moduleOffset = frame.address - start;
             }
         }
+    }
+}
+
+// One look into a file serves all frames that follow each other in it.
+void FillBuildIds(FaultStack &stack) {
+    const StackFrame *last = nullptr;
+    for (StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
+        if (last != nullptr && frame.address - frame.moduleOffset == last->address - last->moduleOffset) {
+            frame.buildIdBytes = last->buildIdBytes;
+            memcpy(frame.buildId, last->buildId, sizeof frame.buildId);
+        } else if (frame.module[0] != 0) {
+            frame.buildIdBytes = static_cast<uint8_t>(BuildIdAt(frame.address, frame.buildId));
+        }
+        last = &frame;
     }
 }
 
 // `isExact` when the first address is where the thread stopped rather than one that a call returns to.
 void FillStack(FaultStack &stack, std::span<const uint64_t> addresses, bool isExact) {
     memset(&stack, 0, sizeof stack);
-    for (const uint64_t address : addresses) {
+    stack.isCut = addresses.size() > kFrameNum ? 1 : 0;
+    for (const uint64_t address : addresses.first(std::min<size_t>(addresses.size(), kFrameNum))) {
         const uint64_t back = isExact && stack.frameNum == 0 ? 0 : 1;
         StackFrame &frame = stack.frames[stack.frameNum++];
         frame.address = address;
         frame.offset = FunctionAt(address - back, frame.function) + back;
     }
     FillModules(stack);
+    FillBuildIds(stack);
 }
+
+// One more than are recorded tells whether there are more.
+using Addresses = std::array<uint64_t, kFrameNum + 1>;
 
 // Keeps the box from being taken away while one writes to it.
 class Writing {
@@ -146,7 +170,7 @@ void RecordSignal(int signal, const siginfo_t &info, void *context) {
         head.address = 0; // sent by a process, not raised by an instruction
     }
     entry.SealHead();
-    std::array<uint64_t, host::blackbox::kFrameNum> addresses;
+    Addresses addresses;
     FillStack(entry.Stack(), {addresses.data(), CallStackOf(context, addresses)}, true);
     entry.SealStack();
 }
@@ -337,7 +361,7 @@ void TarnAgent_AssertionFailed(const char *expression, const char *file, unsigne
     agent::Append(head.text, ":");
     agent::AppendNumber(head.text, line);
     entry.SealHead();
-    std::array<uint64_t, host::blackbox::kFrameNum> addresses;
+    agent::Addresses addresses;
     agent::FillStack(entry.Stack(), {addresses.data(), agent::CallStack(addresses)}, false);
     entry.SealStack();
 }

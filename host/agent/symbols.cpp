@@ -55,7 +55,37 @@ public:
         return 0;
     }
 
+    size_t BuildId(std::span<uint8_t> id) const {
+        Segment segment;
+        for (unsigned i = 0; isOne_ && i < header_.e_phnum; ++i) {
+            if (ReadAt(header_.e_phoff + uint64_t{i} * sizeof segment, segment) && segment.p_type == PT_NOTE) {
+                if (const size_t bytes = BuildIdIn(segment, id); bytes != 0) {
+                    return bytes;
+                }
+            }
+        }
+        return 0;
+    }
+
 private:
+    // A note is a head, a name and a description, each filled up to a multiple of four bytes.
+    size_t BuildIdIn(const Segment &notes, std::span<uint8_t> id) const {
+        const auto filled = [](uint64_t bytes) { return (bytes + 3) & ~uint64_t{3}; };
+        constexpr char kOwner[] = "GNU";
+        ElfW(Nhdr) head;
+        for (uint64_t at = 0; at + sizeof head <= notes.p_filesz && ReadAt(notes.p_offset + at, head);) {
+            const uint64_t name = notes.p_offset + at + sizeof head, content = name + filled(head.n_namesz);
+            char owner[sizeof kOwner] = {};
+            if (head.n_type == NT_GNU_BUILD_ID && head.n_namesz == sizeof kOwner && head.n_descsz <= id.size() &&
+                ReadAt(name, owner) && memcmp(owner, kOwner, sizeof kOwner) == 0) {
+                const ssize_t got = pread(file_.Fd(), id.data(), head.n_descsz, static_cast<off_t>(content));
+                return got == static_cast<ssize_t>(head.n_descsz) ? head.n_descsz : 0;
+            }
+            at = content + filled(head.n_descsz) - notes.p_offset;
+        }
+        return 0;
+    }
+
     template <class Part>
     bool ReadAt(uint64_t offset, Part &part) const {
         return pread(file_.Fd(), &part, sizeof part, static_cast<off_t>(offset)) == sizeof part;
@@ -116,19 +146,47 @@ private:
     bool isOne_ = false;
 };
 
-} // namespace
+constexpr std::string_view kDeleted = " (deleted)";
+constexpr char kProgram[] = "/proc/self/exe"; // can be opened also when it has no name any more
 
-uint64_t FunctionAt(uint64_t address, std::span<char> name) {
-    name[0] = 0;
+bool IsProgram(std::string_view path) {
+    char program[512];
+    const ssize_t length = readlink(kProgram, program, sizeof program);
+    return length > 0 && path == std::string_view(program, static_cast<size_t>(length));
+}
+
+// Has a function look at the file that is mapped at an address.
+template <class Look>
+void LookAt(uint64_t address, Look look) {
     OwnMaps maps;
     for (OwnMapping mapping; maps.Next(mapping);) {
         char path[512];
         if (mapping.Has(address) && mapping.path.size() < sizeof path) {
             path[mapping.path.copy(path, sizeof path - 1)] = 0;
-            return Image(path).FunctionAt(address - mapping.start + mapping.fileOffset, name);
+            const bool isProgram = mapping.path.ends_with(kDeleted) && IsProgram(mapping.path);
+            look(Image(isProgram ? kProgram : path), address - mapping.start + mapping.fileOffset);
+            return;
         }
     }
-    return 0;
+}
+
+} // namespace
+
+uint64_t FunctionAt(uint64_t address, std::span<char> name) {
+    name[0] = 0;
+    uint64_t behind = 0;
+    LookAt(address, [&](const Image &image, uint64_t offset) { behind = image.FunctionAt(offset, name); });
+    return behind;
+}
+
+size_t BuildIdAt(uint64_t address, std::span<uint8_t> id) {
+    size_t bytes = 0;
+    LookAt(address, [&](const Image &image, uint64_t) { bytes = image.BuildId(id); });
+    return bytes;
+}
+
+std::string_view WithoutDeleted(std::string_view path) {
+    return path.substr(0, path.size() - (path.ends_with(kDeleted) ? kDeleted.size() : 0));
 }
 
 } // namespace agent

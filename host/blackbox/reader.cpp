@@ -162,8 +162,9 @@ void Confine(FaultRecord &record) {
     }
     head.agent[sizeof head.agent - 1] = head.process[sizeof head.process - 1] = 0;
     head.thread[sizeof head.thread - 1] = head.text[sizeof head.text - 1] = 0;
-    record.stack.frameNum = std::min<uint64_t>(record.stack.frameNum, std::size(record.stack.frames));
+    record.stack.frameNum = std::min(record.stack.frameNum, kFrameNum);
     for (StackFrame &frame : record.stack.frames) {
+        frame.buildIdBytes = std::min(frame.buildIdBytes, static_cast<uint8_t>(sizeof frame.buildId));
         frame.function[sizeof frame.function - 1] = frame.module[sizeof frame.module - 1] = 0;
     }
 }

@@ -34,17 +34,24 @@ struct FaultHead {
     CpuRegister registers[34];
 };
 
+// With the module's file and the place in it an address can be symbolized elsewhere. Records of older writers have
+// zeros for what they did not know.
 struct StackFrame {
     uint64_t address;
     uint64_t offset; // from the function's start
     char function[128];
-    char module[112];
+    char module[80];
+    uint64_t moduleOffset; // from where the module's file begins in memory
+    uint8_t buildIdBytes;
+    uint8_t buildId[23];
 };
+static_assert(sizeof(StackFrame) == 256);
 
 constexpr uint32_t kFrameNum = 32;
 
 struct FaultStack {
-    uint64_t frameNum;
+    uint32_t frameNum;
+    uint32_t isCut; // there were more
     StackFrame frames[kFrameNum];
 };
 

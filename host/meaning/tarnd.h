@@ -691,12 +691,14 @@ METHOD(GetAllTidsByPid, Group::kReading, "Lists the threads of a process.", "pro
 RECORD(Pid, {"uiPid", "process", Pid(), "The process."})
 RECORD(Tids, {"puiTids", "threads", Tids(), "Its threads, by rising ids."})
 
-METHOD(GetCallStackInfoByTid, Group::kMemory,
-       "Reads the call stacks of a process's threads. A thread is held up for as long as its registers and 256 KiB of "
-       "its stack take to copy, no longer. It fails with EPERM (1) where the process may not be looked into, or is "
-       "traced by another one; with EOPNOTSUPP (95) for a thread of the kernel; and with ETIMEDOUT (110) for a thread "
-       "asked for that waits for a device and does not stop.",
-       "process=4711", Duration::kLong)
+METHOD(
+    GetCallStackInfoByTid, Group::kMemory,
+    "Reads the call stacks of a process's threads. A thread is held up for as long as its registers and 256 KiB of "
+    "its stack take to copy, no longer. It fails with EPERM (1) where the process may not be looked into, or is "
+    "traced by another one; with EOPNOTSUPP (95) for a thread of the kernel; with ETIMEDOUT (110) for a thread asked "
+    "for that waits for a device and does not stop; and with ESRCH (3) for a process that ends meanwhile. The reply "
+    "explains which threads have more than 32 frames, where each module begins, and its build id.",
+    "process=4711", Duration::kLong)
 RECORD(Tid, {"uiPid", "process", Pid(), "The process."},
        {"uiTid", "thread", Tid().Zero("all of the process"), "The thread whose stack is wanted."})
 RECORD(CallStackContext,

@@ -7,7 +7,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "host/osal/error.h"
 #include "host/osal/text.h"
@@ -41,6 +44,14 @@ public:
         rest_ = rest_.subspan(bytes);
         return true;
     }
+    bool TakeHex(size_t bytes, std::string &text) {
+        if (bytes > unwind::kMostBuildIdBytes || bytes > rest_.size()) {
+            return false;
+        }
+        text = fmt::format("{:02x}", fmt::join(rest_.first(bytes), ""));
+        rest_ = rest_.subspan(bytes);
+        return true;
+    }
     size_t Rest() const { return rest_.size(); }
 
 private:
@@ -65,15 +76,34 @@ std::string Frame::Text() const {
     return module.empty() ? fmt::format("{:#x}", address) : fmt::format("{}+{:#x}", module, offset);
 }
 
+std::string ModulesText(std::span<const Frame> frames) {
+    std::map<uint64_t, std::string> modules; // by where they begin
+    for (const Frame &frame : frames) {
+        if (!frame.module.empty()) {
+            const uint64_t start = frame.address - frame.moduleOffset;
+            modules[start] = fmt::format("{} at {:#x}{}{}", frame.module, start,
+                                         frame.buildId.empty() ? "" : ", build id ", frame.buildId);
+        }
+    }
+    std::string text;
+    for (const auto &[start, module] : modules) {
+        text += (text.empty() ? "" : "; ") + module;
+    }
+    return text;
+}
+
 std::optional<std::vector<Frame>> ParseFrames(Bytes bytes) {
     std::vector<Frame> frames;
     for (Cursor cursor(bytes); cursor.Rest() != 0;) {
         unwind::FrameHead head{};
         Frame frame;
         if (frames.size() == unwind::kMostFrames || !cursor.Take(head) ||
-            !cursor.TakeName(head.moduleBytes, frame.module) || !cursor.TakeName(head.functionBytes, frame.function)) {
+            !cursor.TakeName(head.moduleBytes, frame.module) || !cursor.TakeName(head.functionBytes, frame.function) ||
+            !cursor.TakeHex(head.buildIdBytes, frame.buildId)) {
             return {};
         }
+        frame.moduleOffset = head.moduleOffset;
+        frame.moreFollow = head.moreFollow != 0;
         frame.address = head.address;
         frame.offset = head.offset;
         frames.push_back(std::move(frame));

@@ -24,10 +24,16 @@ struct Frame {
     std::string function; // demangled; empty where no symbol covers the address
     uint64_t offset = 0;  // from the function's start, or from the module's
     std::string module;   // file name of the program or library; empty where none is mapped
+    uint64_t moduleOffset = 0;
+    std::string buildId;     // of the module, in hex; empty where it has none
+    bool moreFollow = false; // of the last frame: there are more
 
     // "Worker::Run(int)+0x1c"; "libfoo.so.1+0x4c10" without a function; "0x7f0012345678" without a module
     std::string Text() const;
 };
+
+// What an address needs to be symbolized elsewhere, of each module once: "app at 0x555555554000, build id 1b7f..".
+std::string ModulesText(std::span<const Frame> frames);
 
 // What helpers say, taken apart; nothing where it is not as it should be. Names come as one line of text each.
 std::optional<std::vector<Frame>> ParseFrames(std::span<const uint8_t> bytes);

@@ -88,10 +88,16 @@ std::string Encode(const std::vector<Frame> &frames) {
     for (const Frame &frame : frames) {
         const std::string module = frame.module.substr(0, kMostNameBytes);
         const std::string function = frame.function.substr(0, kMostNameBytes);
-        const FrameHead head{frame.address, frame.offset, static_cast<uint32_t>(module.size()),
-                             static_cast<uint32_t>(function.size())};
+        const std::string buildId = frame.buildId.substr(0, kMostBuildIdBytes);
+        const FrameHead head{frame.address,
+                             frame.offset,
+                             frame.moduleOffset,
+                             static_cast<uint32_t>(module.size()),
+                             static_cast<uint32_t>(function.size()),
+                             static_cast<uint32_t>(buildId.size()),
+                             frame.moreFollow ? 1U : 0U};
         Append(text, &head, sizeof head);
-        text += module + function;
+        text += module + function + buildId;
     }
     return text;
 }

@@ -26,7 +26,7 @@ enum class Kind : uint32_t {
     kName = 2,     // a name to demangle; answered by a name if it can be, and end
     // From a helper.
     kReady = 3,    // int32_t: 0, or the errno value of why there will be no answers
-    kFrames = 4,   // FrameHead, module, function; for each frame
+    kFrames = 4,   // FrameHead, module, function, build id; for each frame
     kReadable = 5, // uint32_t, the frame's index; its function's name, demangled
     kEnd = 6,
 };
@@ -45,16 +45,20 @@ struct SnapshotHead {
 
 struct FrameHead {
     uint64_t address;
-    uint64_t offset;
+    uint64_t offset;       // from the function's start, or from the module's
+    uint64_t moduleOffset; // from where the module begins in memory
     uint32_t moduleBytes;
     uint32_t functionBytes;
+    uint32_t buildIdBytes;
+    uint32_t moreFollow; // of the last frame: there are more, which are not told
 };
 
 constexpr size_t kMostFrames = 32;
 constexpr size_t kMostRegisters = 64;
 constexpr size_t kMostStackBytes = 256U << 10;
 constexpr size_t kMostNameBytes = 512; // of a module or a function; what is longer is cut
-constexpr size_t kMostReplyBytes = kMostFrames * (sizeof(FrameHead) + 2 * kMostNameBytes);
+constexpr size_t kMostBuildIdBytes = 64;
+constexpr size_t kMostReplyBytes = kMostFrames * (sizeof(FrameHead) + 2 * kMostNameBytes + kMostBuildIdBytes);
 constexpr size_t kMostRequestBytes = sizeof(SnapshotHead) + kMostRegisters * sizeof(uint64_t) + kMostStackBytes;
 
 } // namespace host::unwind

@@ -17,6 +17,9 @@ Elf *OpenElf(const Descriptor &file) {
     return elf_begin(file.Fd(), ELF_C_READ_MMAP, nullptr);
 }
 
+// What the kernel says of a file that has no name any more.
+constexpr std::string_view kDeleted = " (deleted)";
+
 } // namespace
 
 // A process that can be looked into is for the processor that this program is for.
@@ -118,8 +121,12 @@ int Unwinder::TakeFrame(Dwfl_Frame *frame, void *self) {
         return DWARF_CB_ABORT;
     }
     auto *const unwinder = static_cast<Unwinder *>(self);
+    if (unwinder->frames_.size() == kMostFrames) {
+        unwinder->frames_.back().moreFollow = true;
+        return DWARF_CB_ABORT;
+    }
     unwinder->AddFrame(address, activation);
-    return unwinder->frames_.size() < kMostFrames ? DWARF_CB_OK : DWARF_CB_ABORT;
+    return DWARF_CB_OK;
 }
 
 // What returns to an address was called just before it, which may be another function's end.
@@ -130,14 +137,20 @@ void Unwinder::AddFrame(uint64_t address, bool activation) {
     if (Dwfl_Module *const module = dwfl_addrmodule(dwfl_.get(), within)) {
         Dwarf_Addr start = 0;
         const std::string path = dwfl_module_info(module, nullptr, &start, nullptr, nullptr, nullptr, nullptr, nullptr);
-        frame.module = path.substr(path.rfind('/') + 1);
-        frame.offset = address - start;
+        const std::string file = path.substr(0, path.size() - (path.ends_with(kDeleted) ? kDeleted.size() : 0));
+        frame.module = file.substr(file.rfind('/') + 1);
+        frame.offset = frame.moduleOffset = address - start;
         GElf_Off offset = 0;
         GElf_Sym symbol;
         const char *const function = dwfl_module_addrinfo(module, within, &offset, &symbol, nullptr, nullptr, nullptr);
         if (function != nullptr && function[0] != 0) {
             frame.function = function;
             frame.offset = offset + (address - within);
+        }
+        const unsigned char *bits = nullptr; // known once the module's file was looked into, as for the symbol
+        GElf_Addr where = 0;
+        if (const int bytes = dwfl_module_build_id(module, &bits, &where); bytes > 0) {
+            frame.buildId.assign(reinterpret_cast<const char *>(bits), static_cast<size_t>(bytes));
         }
     }
     frames_.push_back(std::move(frame));

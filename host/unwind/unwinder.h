@@ -27,6 +27,9 @@ struct Frame {
     uint64_t offset = 0;  // from the function's start, or from the module's
     std::string module;   // file name; empty where none is mapped
     std::string function; // as its symbol has it; empty where none covers the address
+    uint64_t moduleOffset = 0;
+    std::string buildId; // of the module; empty where it has none
+    bool moreFollow = false;
 };
 
 class Unwinder {

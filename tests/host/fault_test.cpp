@@ -122,11 +122,43 @@ TEST_F(FaultTest, ReadsACrashBackAlsoAfterARestart) {
         EXPECT_TRUE(Has(report.text, "signal 11 SIGSEGV, address not mapped, address 0x0")) << report.text;
         EXPECT_TRUE(Has(report.text, "WriteThroughNull+")) << report.text;
         EXPECT_TRUE(Has(report.text, "Crash+")) << report.text;
-        EXPECT_TRUE(Has(report.text, "(tarn-agent)\n")) << report.text;
+        EXPECT_TRUE(Has(report.text, "(tarn-agent+0x")) << report.text;
         EXPECT_TRUE(Has(report.text, "(libtarn_agent.so.")) << "the thread that runs the commands: " << report.text;
         EXPECT_TRUE(Has(report.text, std::string(agent::kRegisters[0].name) + "    ")) << report.text;
         RestartDaemon();
     }
+}
+
+// What readelf says of it.
+std::string BuildIdOf(const std::string &file) {
+    const std::string command = "LC_ALL=C readelf -n " + file + " | sed -n 's/.*Build ID: //p'";
+    const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
+    char line[256] = {};
+    return fgets(line, sizeof line, out.get()) == nullptr ? "" : std::string(line, strcspn(line, "\n"));
+}
+
+TEST_F(FaultTest, TellsWhatItTakesToSymbolizeElsewhere) {
+    const std::string id = BuildIdOf(TARN_AGENT);
+    if (id.empty()) {
+        GTEST_SKIP() << "the linker makes no build ids";
+    }
+    const Report report = Exceptions(Crash("crash segv"));
+    EXPECT_TRUE(Has(report.text, "  tarn-agent has build id " + id + "\n")) << report.text;
+    EXPECT_FALSE(Has(report.text, "more frames are not recorded")) << report.text;
+}
+
+TEST_F(FaultTest, NamesTheFunctionsOfAProgramThatWasDeleted) {
+    const std::filesystem::path program = dir_.Path() / "short-lived";
+    std::filesystem::copy_file(TARN_AGENT, program);
+    kit::Process agent(dir_.Path(), {program, "--name", "faulty", "--run-dir", dir_.Path()});
+    ASSERT_TRUE(kit::Eventually([&] { return Has(agent.Err(), "registered with the daemon, process "); }));
+    std::filesystem::remove(program);
+    const uint32_t pid = agent.Pid();
+    Command(agent, "crash segv");
+    EXPECT_TRUE(Ends(agent));
+    const Report report = Exceptions(pid);
+    EXPECT_TRUE(Has(report.text, "WriteThroughNull+")) << report.text;
+    EXPECT_TRUE(Has(report.text, "(short-lived+0x")) << report.text;
 }
 
 TEST_F(FaultTest, HasItsRecordsWhereItIsToldTo) {
@@ -162,6 +194,7 @@ TEST_F(FaultTest, RecordsEachKindAndFiltersThem) {
     EXPECT_TRUE(Has(Exceptions(lost).text, "Crash+")) << Exceptions(lost).text;
     EXPECT_TRUE(Has(Exceptions(overflown).text, "SIGSEGV"));
     EXPECT_GE(CountOf(Exceptions(overflown).text, "Recurse"), 20) << Exceptions(overflown).text;
+    EXPECT_TRUE(Has(Exceptions(overflown).text, "  more frames are not recorded\n")) << Exceptions(overflown).text;
 
     EXPECT_EQ(Exceptions(0, 0, 0, SIGFPE).matches, 1);
     const Report second = Exceptions(0, 2, 1);

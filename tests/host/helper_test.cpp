@@ -28,12 +28,13 @@ void Append(Bytes &to, const void *from, size_t size) {
 }
 
 Bytes FrameBytes(uint64_t address, std::string_view module, std::string_view function) {
-    const host::unwind::FrameHead head{address, 16, static_cast<uint32_t>(module.size()),
-                                       static_cast<uint32_t>(function.size())};
+    const host::unwind::FrameHead head{
+        address, 16, 32, static_cast<uint32_t>(module.size()), static_cast<uint32_t>(function.size()), 2, 0};
     Bytes bytes;
     Append(bytes, &head, sizeof head);
     Append(bytes, module.data(), module.size());
     Append(bytes, function.data(), function.size());
+    Append(bytes, "\x1b\x02", 2); // a build id
     return bytes;
 }
 
@@ -65,6 +66,9 @@ TEST(HelperReplyTest, HasFrames) {
     EXPECT_EQ(frames->at(0).address, 0x1000);
     EXPECT_EQ(frames->at(0).Text(), "_Z3Foov+0x10");
     EXPECT_EQ(frames->at(1).module, "program");
+    EXPECT_EQ(frames->at(1).buildId, "1b02");
+    EXPECT_EQ(host::stacks::ModulesText(*frames),
+              "libfoo.so at 0xfe0, build id 1b02; program at 0x1fe0, build id 1b02");
 }
 
 TEST(HelperReplyTest, IsRefusedWhereItIsNotWellFormed) {

@@ -8,6 +8,7 @@ TARN_UNIT()
 #include <sys/ptrace.h>
 
 #include "host/procfs/procfs.h"
+#include "host/stacks/readable.h"
 #include "host/stacks/stacks.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/error_of.h"
@@ -60,15 +61,27 @@ TEST_F(StacksTest, NamesTheFunctions) {
     EXPECT_EQ(burner.frames[0].module, "host_subject");
     const host::stacks::Frame &last = burner.frames.back();
     EXPECT_TRUE(last.module.starts_with("libc.so") || last.module.starts_with("libpthread")) << last.Text();
+    EXPECT_FALSE(last.moreFollow);
+    const std::string modules = host::stacks::ModulesText(burner.frames);
+    EXPECT_NE(modules.find("host_subject at 0x"), std::string::npos) << modules;
+    EXPECT_NE(modules.find(", build id "), std::string::npos) << modules;
 
     ASSERT_TRUE(Sleeps());
     const host::stacks::Stack sleeper = process.Read(subject_.tids.at("sleeper"));
     EXPECT_EQ(sleeper.frames.size(), host::stacks::kMaxFrames) << "of more";
+    EXPECT_TRUE(sleeper.frames.back().moreFollow);
     EXPECT_EQ(CountFunction(sleeper, "SleepForGood()"), 1);
     // Below it are pause and, where one calls the kernel through a function of its own, that.
     const size_t below = sleeper.frames[0].function == "__kernel_vsyscall" ? 2 : 1;
     EXPECT_NE(sleeper.frames[below - 1].function.find("pause"), std::string::npos) << sleeper.frames[0].Text();
     EXPECT_EQ(CountFunction(sleeper, "Descend(unsigned int)"), sleeper.frames.size() - below - 1);
+}
+
+TEST_F(StacksTest, MakesNamesInATextReadable) {
+    host::stacks::Demangler names(helpers_, Soon());
+    EXPECT_EQ(host::stacks::WithReadableNames("2 blocks, _ZN6Worker3RunEi+0x1c\n(_Z4Mainv) a_Z4Mainv _Z\n", names),
+              "2 blocks, Worker::Run(int)+0x1c\n(Main()) a_Z4Mainv _Z\n");
+    EXPECT_EQ(host::stacks::WithReadableNames("", names), "");
 }
 
 TEST_F(StacksTest, HoldsAThreadUpForAMomentOnly) {

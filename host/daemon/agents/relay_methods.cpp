@@ -4,9 +4,26 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "host/daemon/processes/helper_time.h"
+#include "host/stacks/readable.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
+
+namespace {
+
+// A report of the agent's, in which functions have the names of their symbols: it can't make others of them.
+template <class Reply>
+void MakeReadable(Reply &reply, uint8_t *&bytes, uint32_t &length, void *replyCtx) {
+    if (bytes != nullptr) {
+        host::stacks::Demangler names(Daemon::Serving().helpers, HelperDeadline(replyCtx));
+        const std::string text =
+            host::stacks::WithReadableNames({reinterpret_cast<const char *>(bytes), length}, names);
+        bytes = reply.Keep(std::vector<uint8_t>(text.begin(), text.end()), length);
+    }
+}
+
+} // namespace
 
 uint32_t RelayTimeout(void *replyCtx) {
     constexpr uint32_t kAnswerMs = 100; // of the request's time, to tell the caller how the agent failed
@@ -40,7 +57,8 @@ uint32_t GetMirelMemPtInfoByTarnd(const Tarn_sys_diag_GetMirelMemPtInfoByTarndIn
 uint32_t MemDiagMaByTarnd(const Tarn_sys_diag_mem_RPCIN_input *request, void *replyCtx) {
     return tarnd::Relay(host::methods::MemDiagMaByTarnd, request, replyCtx, TARND_AGENT_METHOD(MemDiag_ma),
                         request->uiTargetPid,
-                        Tarn_sys_diag_mem_RPCIN{request->uiMemCmd, request->uiMemDataLen, request->pucMemData});
+                        Tarn_sys_diag_mem_RPCIN{request->uiMemCmd, request->uiMemDataLen, request->pucMemData},
+                        [&](auto &reply) { tarnd::MakeReadable(reply, reply.pucData, reply.uiDataLen, replyCtx); });
 }
 
 uint32_t DBGCmdExecShowByTarnd(const Tarn_sys_diag_DbgCmdShowByTarndInput *request) {
@@ -70,7 +88,8 @@ uint32_t SetMemDmgScanTarnd(const Tarn_sys_diag_MemDmgScanInTarnd *request, void
 
 uint32_t GetMemDmgInfoTarnd(const Tarn_sys_diag_MemDmgInfoInTarnd *request, void *replyCtx) {
     return tarnd::Relay(host::methods::GetMemDmgInfoTarnd, request, replyCtx, TARND_AGENT_METHOD(GetMemDmgInfo),
-                        request->uiTargetPid, Tarn_sys_diag_MemDmgInfoIn{request->uiInfoType});
+                        request->uiTargetPid, Tarn_sys_diag_MemDmgInfoIn{request->uiInfoType},
+                        [&](auto &reply) { tarnd::MakeReadable(reply, reply.pucInfo, reply.uiInfoLen, replyCtx); });
 }
 
 uint32_t TarnGetDlpCfgFromAgent(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {

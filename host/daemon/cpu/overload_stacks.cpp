@@ -18,7 +18,11 @@ std::string TextOfStack(const host::stacks::Stack &stack) {
     for (const host::stacks::Frame &frame : stack.frames) {
         text += frame.Text() + "\n";
     }
-    return text;
+    if (!stack.frames.empty() && stack.frames.back().moreFollow) {
+        text += "(more frames are not told)\n";
+    }
+    const std::string modules = host::stacks::ModulesText(stack.frames);
+    return text + (modules.empty() ? "" : "(" + modules + ")\n");
 }
 
 } // namespace

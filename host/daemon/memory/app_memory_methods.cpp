@@ -1,6 +1,8 @@
 // The memory of an application, as its agent tells it, as text for people.
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
+#include "host/daemon/processes/helper_time.h"
+#include "host/stacks/readable.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
@@ -33,10 +35,13 @@ std::string UnitsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &requ
     return text;
 }
 
-std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
+std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs,
+                        host::stacks::Deadline namesBy) {
     const auto answer =
         Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), pid, request, timeoutMs);
-    return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
+    host::stacks::Demangler names(Daemon::Serving().helpers, namesBy);
+    return host::stacks::WithReadableNames(
+        {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen}, names);
 }
 
 } // namespace
@@ -50,8 +55,8 @@ uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx
         query.uiPid = tarnd::kAgentsOwn;
         query.uiQueryType = view;
         const uint32_t timeoutMs = tarnd::RelayTimeout(replyCtx);
-        reply.szInfo =
-            reply.Keep(view == host::meaning::app_memory::kUnits ? tarnd::UnitsText(process, query, timeoutMs)
-                                                                 : tarnd::DetailsText(process, query, timeoutMs));
+        reply.szInfo = reply.Keep(view == host::meaning::app_memory::kUnits
+                                      ? tarnd::UnitsText(process, query, timeoutMs)
+                                      : tarnd::DetailsText(process, query, timeoutMs, tarnd::HelperDeadline(replyCtx)));
     });
 }

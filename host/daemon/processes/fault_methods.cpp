@@ -1,5 +1,7 @@
 // What agents have recorded in the black boxes, as text for people.
 #include <algorithm>
+#include <map>
+#include <span>
 
 #include "host/answer/answer.h"
 #include "host/blackbox/reader.h"
@@ -19,12 +21,35 @@ using host::blackbox::Contents;
 using host::blackbox::FaultHead;
 using host::blackbox::FaultKind;
 using host::blackbox::FaultRecord;
+using host::blackbox::FaultStack;
 using host::blackbox::RecordPlace;
 using host::blackbox::StackFrame;
 using host::stacks::Demangler;
 
 std::string FunctionText(const StackFrame &frame, Demangler &names) {
     return frame.function[0] == 0 ? "?" : fmt::format("{}+{:#x}", names.Readable(frame.function), frame.offset);
+}
+
+// "libc.so.6+0x29d90", where the address is in the file.
+std::string ModuleText(const StackFrame &frame) {
+    const std::string module = frame.module[0] == 0 ? "?" : host::LineOfText(frame.module);
+    return frame.moduleOffset == 0 ? module : fmt::format("{}+{:#x}", module, frame.moduleOffset);
+}
+
+// Each module's, so that its addresses can be symbolized elsewhere.
+std::string BuildIdsText(const FaultStack &stack) {
+    std::map<std::string, std::string> ids;
+    for (const StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
+        if (frame.buildIdBytes != 0) {
+            const std::span bytes(frame.buildId, frame.buildIdBytes);
+            ids[host::LineOfText(frame.module)] = fmt::format("{:02x}", fmt::join(bytes, ""));
+        }
+    }
+    std::string text;
+    for (const auto &[module, id] : ids) {
+        text += fmt::format("  {} has build id {}\n", module, id);
+    }
+    return text;
 }
 
 std::string RecordText(const FaultRecord &record, Demangler &names) {
@@ -40,13 +65,12 @@ std::string RecordText(const FaultRecord &record, Demangler &names) {
     if (!record.hasStack) {
         return text + "  no stack: the process was killed while it wrote the record, or is writing it\n";
     }
-    for (uint64_t i = 0; i < record.stack.frameNum; ++i) {
+    for (uint32_t i = 0; i < record.stack.frameNum; ++i) {
         const StackFrame &frame = record.stack.frames[i];
-        const std::string function = host::LineOfText(FunctionText(frame, names));
-        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address, function,
-                            frame.module[0] == 0 ? "?" : host::LineOfText(frame.module));
+        text += fmt::format("  #{:<2} {:016x} {} ({})\n", i, frame.address,
+                            host::LineOfText(FunctionText(frame, names)), ModuleText(frame));
     }
-    return text;
+    return text + (record.stack.isCut != 0 ? "  more frames are not recorded\n" : "") + BuildIdsText(record.stack);
 }
 
 struct Query {

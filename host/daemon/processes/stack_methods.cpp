@@ -41,27 +41,60 @@ host::stacks::Stack ReadUnlessStuck(host::stacks::Process &stacks, uint32_t tid)
     }
 }
 
-// A thread that ends meanwhile is left out, unless it is the only one asked for.
-std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Tid &request, void *replyCtx) {
-    const std::string process = Daemon::Serving().proc.ReadProcess(request.uiPid).name;
-    host::stacks::Process stacks(Daemon::Serving().tracer, Daemon::Serving().helpers, request.uiPid,
-                                 HelperDeadline(replyCtx));
-    std::vector<Tarn_sys_diag_CallStackThreadInfo> threads;
-    if (request.uiTid != 0) {
-        Daemon::Serving().proc.ReadThread(request.uiPid, request.uiTid); // of this process, or ESRCH
-        threads.push_back(Describe(request.uiPid, process, request.uiTid, stacks.Read(request.uiTid)));
-        return threads;
-    }
-    for (const uint32_t tid : Daemon::Serving().proc.ThreadIds(request.uiPid)) {
-        if (const uint32_t reason = TarnHost_Cancelled(replyCtx); reason != 0) {
-            throw std::system_error(static_cast<int>(reason), std::generic_category(),
-                                    fmt::format("after the stacks of {} threads", threads.size()));
+// The stacks that are told, and what there is no room for beside them.
+class Stacks {
+public:
+    Stacks(const Tarn_sys_diag_Tid &request, void *replyCtx)
+        : pid_(request.uiPid), process_(Daemon::Serving().proc.ReadProcess(pid_).name),
+          stacks_(Daemon::Serving().tracer, Daemon::Serving().helpers, pid_, HelperDeadline(replyCtx)) {
+        if (request.uiTid != 0) {
+            Daemon::Serving().proc.ReadThread(pid_, request.uiTid); // of this process, or ESRCH
+            Add(request.uiTid, stacks_.Read(request.uiTid));
+        } else {
+            AddAll(replyCtx);
         }
-        host::procfs::SkipEnded(
-            [&] { threads.push_back(Describe(request.uiPid, process, tid, ReadUnlessStuck(stacks, tid))); });
     }
-    return threads;
-}
+
+    std::vector<Tarn_sys_diag_CallStackThreadInfo> &Threads() { return threads_; }
+
+    // Which threads have more frames than are told, and what symbolizes the addresses elsewhere.
+    std::string Explanation() const {
+        std::string text = host::stacks::ModulesText(frames_);
+        for (const uint32_t tid : cut_) {
+            text = fmt::format("of thread {} more frames are not told; ", tid) + text;
+        }
+        return text;
+    }
+
+private:
+    // A thread that ends meanwhile is left out, unless it is the only one asked for.
+    void AddAll(void *replyCtx) {
+        for (const uint32_t tid : Daemon::Serving().proc.ThreadIds(pid_)) {
+            if (const uint32_t reason = TarnHost_Cancelled(replyCtx); reason != 0) {
+                host::Fail(static_cast<int>(reason), fmt::format("after the stacks of {} threads", threads_.size()));
+            }
+            host::procfs::SkipEnded([&] { Add(tid, ReadUnlessStuck(stacks_, tid)); });
+        }
+        if (threads_.empty()) {
+            host::Fail(ESRCH, fmt::format("process {} has ended meanwhile", pid_));
+        }
+    }
+
+    void Add(uint32_t tid, const host::stacks::Stack &stack) {
+        threads_.push_back(Describe(pid_, process_, tid, stack));
+        frames_.insert(frames_.end(), stack.frames.begin(), stack.frames.end());
+        if (!stack.frames.empty() && stack.frames.back().moreFollow) {
+            cut_.push_back(tid);
+        }
+    }
+
+    const uint32_t pid_;
+    const std::string process_;
+    host::stacks::Process stacks_;
+    std::vector<Tarn_sys_diag_CallStackThreadInfo> threads_;
+    std::vector<host::stacks::Frame> frames_;
+    std::vector<uint32_t> cut_;
+};
 
 } // namespace
 
@@ -70,10 +103,11 @@ std::vector<Tarn_sys_diag_CallStackThreadInfo> ReadStacks(const Tarn_sys_diag_Ti
 uint32_t GetCallStackInfoByTid(const Tarn_sys_diag_Tid *request, void *replyCtx) {
     return host::Answer(host::methods::GetCallStackInfoByTid, request, replyCtx, [&](auto &reply) {
         auto &[heldUp, threadNum, threads] = reply.Members();
-        std::vector<Tarn_sys_diag_CallStackThreadInfo> stacks = tarnd::ReadStacks(*request, replyCtx);
-        for (const auto &[thread, name, cpuTime, processName, frames, itsHeldUp, addresses, functions] : stacks) {
-            heldUp += itsHeldUp;
+        tarnd::Stacks stacks(*request, replyCtx);
+        for (const Tarn_sys_diag_CallStackThreadInfo &thread : stacks.Threads()) {
+            heldUp += thread.uiValue3;
         }
-        threads = reply.Keep(std::move(stacks), threadNum);
+        threads = reply.Keep(std::move(stacks.Threads()), threadNum);
+        TarnHost_ExplainReply(replyCtx, stacks.Explanation().c_str());
     });
 }
