@@ -80,8 +80,8 @@ bool DecodeReference(const Message &message, Place place, Record &record, const 
         Slot::Count(record) = Number(count);
         const size_t size = Bytes(count, sizeof(Element));
         if constexpr (kTables) {
-            if constexpr (kClearFrom<Element> == 0) {
-                memset(value, 0, size);
+            if constexpr (kClearFrom<Element> < kNativeSize<Element>) {
+                memset(value, 0, size); // a text in front too, as it may turn out to be absent
             }
             return DecodeRun<Unit>(message, place.at, Number(count), value);
         } else {

@@ -83,4 +83,27 @@ typedef struct Tarn_sys_diag_TestOwners {
 VELTO_TABLE(TestOwners, stOwner, astOwner, VELTO_VECTOR(uiOwnerNum, pstOwner), VELTO_VECTOR(uiTablesNum, pstTables),
             pcText, uiLast)
 
+/* Such a text is left to be overwritten when a record is cleared; as elements the records are in new memory. */
+typedef struct Tarn_sys_diag_TestLongOwner {
+    char acText[4096];
+    uint8_t ucValue;
+    char *pcText;
+} Tarn_sys_diag_TestLongOwner;
+VELTO_TABLE(TestLongOwner, acText, ucValue, pcText)
+
+typedef struct Tarn_sys_diag_TestLongPlain {
+    char acText[4096];
+    uint8_t ucValue;
+    TARN_U64 aullValue[2];
+} Tarn_sys_diag_TestLongPlain;
+VELTO_TABLE(TestLongPlain, acText, ucValue, aullValue)
+
+typedef struct Tarn_sys_diag_TestLongs {
+    uint32_t uiOwnerNum;
+    Tarn_sys_diag_TestLongOwner *pstOwner;
+    uint32_t uiPlainNum;
+    Tarn_sys_diag_TestLongPlain *pstPlain;
+} Tarn_sys_diag_TestLongs;
+VELTO_TABLE(TestLongs, VELTO_VECTOR(uiOwnerNum, pstOwner), VELTO_VECTOR(uiPlainNum, pstPlain))
+
 #endif
