@@ -102,7 +102,10 @@ template <size_t kSize>
     if constexpr (kSize == 0) {
         return true;
     } else if constexpr (kSize < 16) {
-        return memcmp(left, right, kSize) == 0;
+        constexpr size_t kWidth = std::bit_floor(kSize);
+        constexpr size_t kLast = kSize - kWidth;
+        const uint64_t differing = LoadWord<kWidth>(left) ^ LoadWord<kWidth>(right);
+        return (differing | (LoadWord<kWidth>(left + kLast) ^ LoadWord<kWidth>(right + kLast))) == 0;
     } else {
         Vector<uint8_t> differing = LoadVector<16>(left + kSize - 16) ^ LoadVector<16>(right + kSize - 16);
         for (size_t i = 0; i + 16 <= kSize; i += 16) {

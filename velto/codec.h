@@ -44,7 +44,7 @@
 
 #include "velto/decode.h"
 #include "velto/encode.h"
-#include "velto/fixed.h"
+#include "velto/layout.h"
 #include "velto/release.h"
 #include "velto/shape.h"
 
@@ -101,20 +101,21 @@ template <class Unit>
                                                                                        : Opened::kFailed;
 }
 
-// Reads a message whose root table has the full form; else false, and the record is as it was. Bad arguments are left
-// to BeginUnpack, which has the words for them.
+// Reads a message whose root table has the fixed or the full form; else false, and the record is as it was. Bad
+// arguments are left to BeginUnpack, which has the words for them.
 template <class Unit, class Record>
-[[gnu::always_inline]] inline bool UnpackFull(const Message &message, void *out) {
+[[gnu::always_inline]] inline bool UnpackBlock(const Message &message, void *out) {
     const bool bad = message.bytes == nullptr || out == nullptr || static_cast<int32_t>(message.length) < 4;
     if (bad || Unit::binding.Swapped()) [[unlikely]] {
         return false;
     }
-    const uint8_t *const vtable = FullTable<Record>(message, Load<uint32_t>(message.bytes));
-    if (vtable == nullptr) {
+    auto &record = *static_cast<Record *>(out);
+    const auto root = Load<uint32_t>(message.bytes);
+    const bool fixed = root == 4; // the full form has its vtable there
+    if (!(fixed ? DecodeBlock<Form::kFixed>(message, root, record) : DecodeBlock<Form::kFull>(message, root, record))) {
         return false;
     }
     Unit::binding.EnsureMemBound();
-    ReadFull(vtable, *static_cast<Record *>(out));
     return true;
 }
 
@@ -155,7 +156,7 @@ VELTO_FRAME Opened BeginUnpack(const Message &message, void *out, const Type &ty
 template <class Unit, class Record>
 [[gnu::always_inline]] inline void *Unpack(const Message &message, void *out, const char *function) {
     if constexpr (kHasFull<Record>) {
-        if (UnpackFull<Unit, Record>(message, out)) [[likely]] {
+        if (UnpackBlock<Unit, Record>(message, out)) [[likely]] {
             return out;
         }
     }
@@ -193,7 +194,7 @@ template <class Unit, class Record>
 [[gnu::always_inline]] inline uint32_t PackFixed(uint8_t *message, const void *in) {
     if constexpr (kHasFixed<Record>) {
         Store<uint32_t>(message, 4);
-        WriteFixedTable(message + 4, *static_cast<const Record *>(in));
+        WriteBlock<Form::kFixed>(message + 4, *static_cast<const Record *>(in));
         FinishPack<Unit>(message, message, Shape<Record>::kType);
     }
     return 0;

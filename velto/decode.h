@@ -7,7 +7,7 @@
 
 #include "velto/bounds.h"
 #include "velto/describe.h"
-#include "velto/full.h"
+#include "velto/layout.h"
 #include "velto/shape.h"
 
 namespace velto {
@@ -163,11 +163,16 @@ VELTO_FRAME Opened OpenNested(const Message &message, uint32_t position, const T
     return DecodeByShape<Unit>(message, type, table, record, function);
 }
 
-// The vtable of the table at `position` if it has the full form, else null.
-template <class Record>
-[[gnu::always_inline]] inline const uint8_t *FullTable(const Message &message, uint32_t position) {
-    const uint8_t *const vtable = BytesAround(message, position, kVtableSize<Record>, kFullLayout<Record>.end);
-    return vtable != nullptr && HasFullStructure<Record>(vtable) ? vtable : nullptr;
+// Reads the table at `position` if it has this form; else the record is as it was.
+template <Form kForm, class Record>
+[[gnu::always_inline]] inline bool DecodeBlock(const Message &message, uint32_t position, Record &record) {
+    constexpr auto &kPlaces = kLayout<Record, kForm>;
+    const uint8_t *const block = BytesAround(message, position, kPlaces.table, kPlaces.size - kPlaces.table);
+    if (block == nullptr || !HasStructure<kForm, Record>(block)) {
+        return false;
+    }
+    ReadBlock<kForm>(block, record);
+    return true;
 }
 
 // Reads the table at `position` into a record that is zero from kClearFrom on.
@@ -175,8 +180,7 @@ template <class Unit, class Record>
 [[gnu::always_inline]] inline bool DecodeNested(const Message &message, uint32_t position, Record &record,
                                                 const char *function) {
     if constexpr (kHasFull<Record>) {
-        if (const uint8_t *const vtable = FullTable<Record>(message, position); vtable != nullptr) [[likely]] {
-            ReadFull(vtable, record);
+        if (DecodeBlock<Form::kFull>(message, position, record)) [[likely]] {
             return true;
         }
     }

@@ -9,6 +9,7 @@
 #include "velto/bytes.h"
 #include "velto/describe.h"
 #include "velto/full.h"
+#include "velto/layout.h"
 
 namespace velto {
 
@@ -71,7 +72,7 @@ static auto DataSize(const Record &record) {
 template <class Record>
 static SizeOf<Record> TableSize(const Record &record) {
     if constexpr (kHasFull<Record>) {
-        return kFullSize<Record> - ZeroBytes(record);
+        return kLayout<Record, Form::kFull>.size - ZeroBytes(record);
     }
     SizeOf<Record> size = kVtableSize<Record> + 4;
     EachSlot<Record>([&]<class Slot, size_t>() {
@@ -145,6 +146,12 @@ static uint8_t *WriteData(uint8_t *at, const Record &record) {
     }
 }
 
+// An offset word leads to a nested table itself, which stands behind its vtable; anything else starts where it leads.
+template <class Value>
+constexpr uint32_t kLead = 0;
+template <Described Record>
+constexpr uint32_t kLead<Record> = kVtableSize<Record>;
+
 // The bytes that stand behind a table's scalars whatever the record holds: offset words and fixed data.
 template <class Record>
 constexpr uint32_t kBytesBehindScalars = [] {
@@ -162,8 +169,8 @@ template <class Record>
 static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
     if constexpr (kHasFull<Record>) {
         if (IsFull(record)) [[likely]] {
-            WriteFull(vtable, record);
-            return vtable + kFullSize<Record>;
+            WriteBlock<Form::kFull>(vtable, record);
+            return vtable + kLayout<Record, Form::kFull>.size;
         }
     }
     uint8_t *const table = vtable + kVtableSize<Record>;

@@ -35,7 +35,7 @@ inline std::vector<TypeInfo> &Registry() {
 template <class Record>
 constexpr const uint32_t *FixedOffsets() {
     if constexpr (kHasFixed<Record>) {
-        return kFixedLayout<Record>.fields.data();
+        return kLayout<Record, Form::kFixed>.fields.data();
     } else {
         return nullptr;
     }

@@ -1,13 +1,16 @@
 // What codecs, proxies and wrappers trade, speed for room. The frame of one, what all of its kind do, is compiled into
-// each or is one function that all call: the first is faster, the second smaller. Devices have 32 bits and little room.
+// each or is one function that all call: the first is faster, the second smaller. A type's straight code is compiled in
+// or is a function of its own likewise. Devices have 32 bits and little room.
 #pragma once
 
 #include <cstdint>
 
 #if UINTPTR_MAX > UINT32_MAX
 #define VELTO_FRAME [[gnu::always_inline]] inline
+#define VELTO_STRAIGHT [[gnu::always_inline]] inline
 #else
 #define VELTO_FRAME [[gnu::noinline]] inline
+#define VELTO_STRAIGHT static
 #endif
 
 namespace velto {

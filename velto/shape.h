@@ -7,7 +7,7 @@
 
 #include "velto/bounds.h"
 #include "velto/describe.h"
-#include "velto/full.h"
+#include "velto/layout.h"
 
 namespace velto {
 

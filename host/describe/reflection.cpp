@@ -12,7 +12,7 @@
 #include "host/meaning/reflect.h"
 #include "host/meaning/unit.h"
 #include "host/osal/text.h"
-#include "velto/fixed.h"
+#include "velto/layout.h"
 #include "velto/shape.h"
 
 namespace host::describe {

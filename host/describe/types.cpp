@@ -12,7 +12,7 @@
 #include <numeric>
 #include <unordered_map>
 
-#include "velto/fixed.h"
+#include "velto/layout.h"
 #include "velto/shape.h"
 
 namespace host::describe {

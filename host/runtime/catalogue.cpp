@@ -3,7 +3,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "velto/fixed.h"
+#include "velto/layout.h"
 
 // Their tables are read by what is included above.
 #include "tarn_sysdiag/types/agent.h"

@@ -119,7 +119,7 @@ static_assert(!velto::kHasFixed<Tarn_sys_diag_mem_RPCIN>);
 // Those of the requests of the master service that have its own types: their fields say them.
 FIXED_SIZE(PhysicalAddrInput, 32)
 FIXED_SIZE(GetLMProcLPidInput, 24)
-static_assert(velto::kFixedLayout<Tarn_sys_diag_OvLoadMemCtlOutput>.dataEnd == 144);
+static_assert(velto::kLayout<Tarn_sys_diag_OvLoadMemCtlOutput, velto::Form::kFixed>.tableEnd == 144);
 
 // Fixed sizes of the replies.
 FIXED_SIZE(PidIsOnlineOuput, 24)
@@ -142,7 +142,7 @@ FIXED_SIZE(DisOsResourceInfoRet, 80)
 FIXED_SIZE(DisCpuOvloadRet, 160)
 FIXED_SIZE(DimMeasRst, 168)
 FIXED_SIZE(MemLeakQryOut, 40992)
-static_assert(velto::kFixedLayout<Tarn_sys_diag_DimMeasRst>.dataEnd == 148);
+static_assert(velto::kLayout<Tarn_sys_diag_DimMeasRst, velto::Form::kFixed>.tableEnd == 148);
 
 // How many wrappers there are of each shape.
 constexpr uint32_t CountShapes(Shape shape) {
