@@ -7,8 +7,9 @@
 
 // Calls what(Type) for each type measured.
 #define BENCH_TYPES(what)                                                                                              \
-    what(Result) what(PidIsOnlineOuput) what(SetDstInput) what(SysCpuStatInfo) what(CallStackContext)                  \
-        what(DumpOsProcMemValueResult) what(Tids) what(MemLeakQryOut) what(SysMemStatisFileResult)
+    what(Result) what(PidIsOnlineOuput) what(DisCpuOvloadRet) what(SetDstInput) what(SysCpuStatInfo)                   \
+        what(CallStackContext) what(DumpOsProcMemValueResult) what(Tids) what(MemLeakQryOut)                           \
+            what(SysMemStatisFileResult)
 
 namespace bench {
 

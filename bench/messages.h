@@ -25,6 +25,7 @@ struct MessageSpec {
 constexpr MessageSpec kMessages[] = {
     {"Result", "Result", 0, 0, 16, Dominated::kByFields},
     {"PidIsOnlineOuput", "PidIsOnlineOuput", 0, 0, 16, Dominated::kByFields},
+    {"DisCpuOvloadRet", "DisCpuOvloadRet", 0, 0, 16, Dominated::kByFields},
     {"SetDstInput", "SetDstInput", 0, 0, 16, Dominated::kByFields},
     {"SysCpuStatInfo_1", "SysCpuStatInfo", 1, 0, 256, Dominated::kByFields},
     {"SysCpuStatInfo_16", "SysCpuStatInfo", 16, 0, 16, Dominated::kByFields},

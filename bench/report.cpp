@@ -6,6 +6,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "bench/operation.h"
+
 namespace bench {
 
 namespace {
@@ -17,6 +19,7 @@ constexpr const char *kAllPeers[] = {"protobuf_fill", "capnp", "nanopb", "protob
 constexpr double kPeerGoal = 3, kBlockPeerGoal = 1;
 constexpr double kFloorGoal = 4, kArrayFloorGoal = 2.5, kBlockFloorGoal = 1.25;
 constexpr double kSwapGoal = 1.03;
+constexpr double kSentEncodeGoal = 0.8, kSentDecodeGoal = 1; // of the regular form
 
 std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char *format, ...) {
@@ -49,6 +52,18 @@ public:
         for (const char *operation : {"encode", "decode"}) {
             for (const Message &message : messages) {
                 PrintTime(message, operation);
+            }
+        }
+    }
+
+    // As the runtime sends each message: types without a fixed form have the same rows twice.
+    void PrintSent(const std::vector<Message> &messages) {
+        out_ << Format("| %-25s | %-9s | %-7s | %8s | %10s | %5s | %4s | %-6s |\n", "as it is sent", "operation",
+                       "form", "ns", "regular ns", "ratio", "goal", "");
+        out_ << "|---|---|---|---|---|---|---|---|\n";
+        for (const char *operation : {"encode", "decode"}) {
+            for (const Message &message : messages) {
+                PrintSentRow(message, operation);
             }
         }
     }
@@ -117,6 +132,19 @@ private:
             }
         }
         return best;
+    }
+
+    void PrintSentRow(const Message &message, const char *operation) {
+        const double sent = Time("sent", message, operation), regular = Time("velto", message, operation);
+        if (sent == 0 || regular == 0) {
+            return; // filtered out
+        }
+        const bool fixed = FindCodecs(VeltoCodecs(), message.spec.type).packFixed != nullptr;
+        const double ratio = sent / regular;
+        out_ << Format("| %-25s | %-9s | %-7s | %8.1f | %10.1f | %5.2f |", message.spec.name, operation,
+                       fixed ? "fixed" : "regular", sent, regular, ratio);
+        const double goal = std::string(operation) == "encode" ? kSentEncodeGoal : kSentDecodeGoal;
+        out_ << (fixed ? Format(" %4.2f | %-6s |\n", goal, Met(ratio <= goal)) : Format(" %4s | %-6s |\n", "-", "-"));
     }
 
     void PrintTime(const Message &message, const char *operation) {
@@ -204,6 +232,8 @@ void PrintReport(std::ostream &out, const std::vector<Message> &messages, const 
                  const Instructions &instructions) {
     Report report(out, rows, instructions);
     report.PrintTimes(messages);
+    out << '\n';
+    report.PrintSent(messages);
     out << '\n';
     report.PrintComparisons(messages);
     if (!instructions.empty()) {

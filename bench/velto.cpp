@@ -1,5 +1,5 @@
-// The library's own operations, in the regular and the fixed form, and those of a build without the byte-swapped
-// branch.
+// The library's own operations: in the regular form, as the runtime sends a type, which is in the fixed form if it has
+// one, and those of a build without the byte-swapped branch.
 #include "bench/operation.h"
 
 namespace bench {
@@ -110,12 +110,14 @@ void AddVelto(const Message &message, Operations &operations) {
     const Codecs &codecs = FindCodecs(VeltoCodecs(), message.spec.type);
     AddRegular(System("velto", codecs, message), operations);
     AddRegular(System("velto_unswapped", FindCodecs(UnswappedCodecs(), message.spec.type), message), operations);
-    if (codecs.packFixed != nullptr) {
-        const System system("velto_fixed", codecs, message);
-        const Pool pool = system.MakePool(EncodeFixed);
-        system.AddEncodeFixed(pool, operations);
-        system.AddDecode(pool, operations);
+    const System sent("sent", codecs, message);
+    if (codecs.packFixed == nullptr) {
+        AddRegular(sent, operations);
+        return;
     }
+    const Pool pool = sent.MakePool(EncodeFixed);
+    sent.AddEncodeFixed(pool, operations);
+    sent.AddDecode(pool, operations);
 }
 
 } // namespace bench
