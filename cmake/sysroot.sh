@@ -37,6 +37,21 @@ own_apt() {
         -o APT::Install-Recommends=false "$@"
 }
 
+# What dpkg would know of a package here: dpkg-shlibdeps asks it which package a library is of, by the library's path as
+# this machine sees it.
+enter() {
+    local database=$sysroot/var/lib/dpkg control=$apt/control name file
+    name=$(dpkg-deb --show --showformat '${Package}' "$1")
+    [[ $(dpkg-deb --field "$1" Multi-Arch) != same ]] || name+=:$architecture
+    { dpkg-deb --field "$1" | sed '/^Package:/a Status: install ok installed'; echo; } >>"$database/status"
+    dpkg-deb --fsys-tarfile "$1" | tar --list | sed "s#^[.]#$sysroot#; s#/\$##" >"$database/info/$name.list"
+    rm -rf "$control"
+    dpkg-deb --control "$1" "$control"
+    for file in symbols shlibs; do
+        [[ ! -f $control/$file ]] || mv "$control/$file" "$database/info/$name.$file"
+    done
+}
+
 # Absolute links would lead out of it.
 link_inside() {
     local link target
@@ -50,8 +65,9 @@ if [[ -f $sysroot/made-of && $(packages) == "$(cat "$sysroot/made-of")" ]]; then
     exit
 fi
 rm -rf "$sysroot" "$apt"
-mkdir -p "$sysroot" "$apt"/{state/lists/partial,cache/archives/partial}
+mkdir -p "$sysroot/var/lib/dpkg/info" "$apt"/{state/lists/partial,cache/archives/partial}
 : >"$apt/status"
+echo 1 >"$sysroot/var/lib/dpkg/info/format" # files there are named with architectures
 sources >"$apt/sources.list"
 [[ -s $apt/sources.list ]] || die "apt knows no suite of Debian's; run apt-get update"
 own_apt update >&2
@@ -59,6 +75,7 @@ own_apt update >&2
 own_apt install --download-only --yes $(packages) >&2
 for package in "$apt"/cache/archives/*.deb; do
     dpkg-deb --extract "$package" "$sysroot"
+    enter "$package"
 done
 link_inside
 rm -rf "$apt"
