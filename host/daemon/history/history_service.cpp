@@ -133,7 +133,7 @@ host::OwnMethods::Told HistoryService::Tell(const Question &question) const {
 host::OwnMethods::Told HistoryService::TellEvents(const Question &question) const {
     const Asked asked(question.text);
     const std::set<EventKind> kinds = KindsIn(asked);
-    const auto most = std::min<uint64_t>(asked.Get<uint64_t>("most", kMostEvents), kMostEvents);
+    const auto most = static_cast<size_t>(std::min<uint64_t>(asked.Get<uint64_t>("most", kMostEvents), kMostEvents));
     const History::Extent extent = history_.TheExtent();
     const auto last = asked.Get<uint64_t>("last", UINT64_MAX);
     const bool isOther = asked.Get<std::string>("journal", extent.journal) != extent.journal;
