@@ -7,6 +7,7 @@
 #include <iostream>
 #include <new>
 
+#include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
 #include "host/osal/accounts.h"
@@ -287,6 +288,7 @@ int main(int argc, char **argv) {
     AddCall(app, arguments);
     AddStatus(app, arguments);
     AddEvents(app, arguments);
+    ctl::AddCaptures(app, arguments.runDir);
     app.footer("");
     AddCodec(app, arguments);
     AddCompletion(app, arguments);

@@ -20,7 +20,8 @@ struct Grouped {
 // Of the lists only this: a program that serves one of them need not carry the others.
 constexpr Grouped kOwnMethods[] = {{"Health", Group::kReading},    {"Status", Group::kReading},
                                    {"Describe", Group::kReading},  {"Events", Group::kReading},
-                                   {"Overloads", Group::kReading}, {"Figures", Group::kReading}};
+                                   {"Overloads", Group::kReading}, {"Figures", Group::kReading},
+                                   {"Capture", Group::kMemory}};
 
 constexpr auto kMethods = [] {
     auto methods = std::to_array<Grouped>({

@@ -98,6 +98,10 @@ CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, Se
     return Ask(client, service, pid, "Status", status, deadline);
 }
 
+CallOutcome AskCapture(Client &client, std::string_view service, uint32_t pid, std::chrono::milliseconds deadline) {
+    return Ask(client, service, pid, "Capture", deadline);
+}
+
 CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
                            std::chrono::milliseconds deadline) {
     CallOutcome outcome = Ask(client, service, pid, "Describe", deadline);

@@ -396,7 +396,7 @@ void Request::SendReply(std::span<uint8_t> frame, uint32_t explanationSize) {
     header.explanationSize = explanationSize;
     header.length = static_cast<uint32_t>(frame.size() - kHeaderSize);
     WriteHeader(header, frame.first<kHeaderSize>());
-    session_->Send(frame);
+    session_->SendFrame(frame);
 }
 
 void Request::SendError(uint32_t status, uint32_t errCode, const std::string &text) {
@@ -414,7 +414,7 @@ void Request::SendError(uint32_t status, uint32_t errCode, const std::string &te
     header.typeHash = frame_.header.typeHash;
     header.status = status;
     header.errCode = errCode;
-    session_->Send(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
+    session_->SendFrame(MakeFrame(header, {reinterpret_cast<const uint8_t *>(whole.data()), whole.size()}));
 }
 
 // Unless it is over: who ends it stops the timer after that.

@@ -57,7 +57,7 @@ std::array<Quota, kResourceNum> MakeQuotas(const Limits &limits, unsigned worker
 ServerCore::ServerCore(const ServerOptions &options, const std::vector<const IdlModuleSpec *> &specs)
     : options_(options), workers_(std::max(1U, options.workers)), quotas_(MakeQuotas(options.limits, workers_)),
       turns_(QuotaOf(Resource::kWorkers)), services_(specs),
-      loop_(options.clocks != nullptr ? *options.clocks : systemClocks_), started_(loop_.Now()),
+      clocks_(options.clocks != nullptr ? *options.clocks : systemClocks_), loop_(clocks_), started_(loop_.Now()),
       polls_(loop_, options.ownMethods), policy_(std::make_shared<const Policy>(options.policy)) {
     const Transport transport{Directory(options.runDir)};
     for (const IdlModuleSpec *const spec : specs) {
@@ -309,20 +309,33 @@ void ServerCore::RequestEnds() {
 void ServerCore::ServeOwn(const std::shared_ptr<Request> &request) {
     const FrameHeader &header = request->Header();
     const std::string_view method = header.method;
-    const Peer &peer = request->GetSession().GetPeer();
-    const bool isProgram = polls_.Has(method);
-    Refusal refusal{Reason::kUnknown, ENOENT, "the runtime's own service has Health, Status and Describe"};
-    if (!isProgram && method != "Health" && method != "Status" && method != "Describe") {
+    Session &session = request->GetSession();
+    const Peer &peer = session.GetPeer();
+    const bool isProgram = polls_.Has(method), isCapture = method == "Capture";
+    Refusal refusal{Reason::kUnknown, ENOENT, "the runtime's own service has Health, Status, Describe and Capture"};
+    if (!isProgram && !isCapture && method != "Health" && method != "Status" && method != "Describe") {
         request->Refuse(refusal);
-    } else if (Denied(peer, header, refusal)) {
+    } else if (Denied(peer, header, refusal) || (isCapture && !MayCapture(peer, refusal))) {
         request->Refuse(refusal);
     } else if (isProgram) {
         polls_.Ask(request, {std::string(method), std::string(request->Payload()),
                              [this, peer](std::string_view other) { return MayCall(peer, other); }});
     } else {
-        const std::string answer = Introspect(method, refusal);
+        const std::string answer = isCapture ? session.Capture(refusal) : Introspect(method, refusal);
         answer.empty() ? request->Refuse(refusal) : request->Answer(answer);
     }
+}
+
+// A capture has what all users ask and are answered.
+bool ServerCore::MayCapture(const Peer &peer, Refusal &refusal) {
+    if (MayCall(peer, "Capture")) {
+        return true;
+    }
+    refusal = {Reason::kDenied, EACCES,
+               fmt::format("denied to user {}, to whom the policy's memory-of-others is not allowed: a capture has the "
+                           "calls of all users",
+                           peer.uid)};
+    return false;
 }
 
 // Of all users' processes, and not only of the peer's own.

@@ -22,6 +22,7 @@
 #include "host/runtime/server.h"
 #include "host/runtime/services.h"
 #include "host/runtime/session.h"
+#include "host/runtime/tap.h"
 #include "host/runtime/turns.h"
 
 namespace host {
@@ -47,6 +48,8 @@ public:
     Admission Admit(const Peer &peer, User &user, const FrameHeader &header);
     // A request to the runtime's own service.
     void ServeOwn(const std::shared_ptr<Request> &request);
+    Tap &GetTap() { return tap_; }
+    WallTime WallNow() const { return clocks_.WallNow(); }
     const Limits &GetLimits() const { return options_.limits; }
     std::shared_ptr<const Policy> GetPolicy() const TARN_EXCLUDES(policyMutex_);
     Refusals &GetRefusals() { return refusals_; }
@@ -78,6 +81,7 @@ private:
     // What the server says of itself; empty and the reason when it does not.
     std::string Introspect(std::string_view method, Refusal &refusal);
     bool MayCall(const Peer &peer, std::string_view method) const;
+    bool MayCapture(const Peer &peer, Refusal &refusal);
     bool Denied(const Peer &peer, const FrameHeader &header, Refusal &refusal);
     void Work(Turn turn);
     static void ServeTurn(Session &session);
@@ -99,7 +103,9 @@ private:
     std::array<Quota, kResourceNum> quotas_; // outlive what is charged to them
     Turns turns_;
     const Services services_;
+    Tap tap_;
     const SystemClocks systemClocks_;
+    const Clocks &clocks_;
     Loop loop_;
     const Loop::Clock::time_point started_;
     Refusals refusals_;

@@ -17,7 +17,7 @@ constexpr std::chrono::milliseconds kRest(100);
 Session::Session(Loop &loop, Descriptor fd, Peer peer, std::shared_ptr<User> user, Charge connection,
                  std::shared_ptr<ServerCore> server)
     : Link(loop, std::move(fd), server->GetLimits().messageBytes), server_(std::move(server)), peer_(std::move(peer)),
-      user_(std::move(user)), connection_(std::move(connection)),
+      user_(std::move(user)), connection_(std::move(connection)), number_(server_->GetTap().NextConnection()),
       queued_(server_->QuotaOf(Resource::kQueuedBytes).Take(*user_, 0)) {}
 
 const Limits &Session::GetLimits() const {
@@ -52,6 +52,7 @@ bool Session::KeepsPayload(const FrameHeader &header) {
 void Session::Take(std::span<Frame> frames, Clock::time_point now) {
     const auto self = Self();
     for (Frame &frame : frames) {
+        CopyReceived(frame);
         if (frame.header.kind == FrameKind::kCancel) {
             Request::Cancel(this, frame.header.id);
             continue;
@@ -154,6 +155,47 @@ void Session::Serve(const std::shared_ptr<Request> &request) {
     }
 }
 
+// --- Captures
+
+std::string Session::Capture(Refusal &refusal) {
+    const MutexLock lock(mutex_);
+    if (capture_ == nullptr) {
+        capture_ = server_->GetTap().Open();
+    }
+    if (capture_ == nullptr) {
+        refusal = {Reason::kRequests, EBUSY, fmt::format("{} captures run already", Tap::kMostReaders)};
+        return {};
+    }
+    isCapturing_ = true;
+    return capture_->Take();
+}
+
+void Session::Copy(Direction direction, uint32_t length, std::span<const uint8_t> head,
+                   std::span<const uint8_t> payload) {
+    server_->GetTap().Add({.time = server_->WallNow(),
+                           .connection = number_,
+                           .process = static_cast<uint32_t>(peer_.pid),
+                           .user = peer_.uid,
+                           .direction = direction,
+                           .length = length},
+                          head, payload);
+}
+
+void Session::CopyReceived(const Frame &frame) {
+    if (server_->GetTap().IsUsed() && !isCapturing_) {
+        uint8_t head[kHeaderSize];
+        WriteHeader(frame.header, head);
+        Copy(Direction::kReceived, kHeaderSize + frame.header.length, head, frame.payload);
+    }
+}
+
+void Session::SendFrame(std::span<const uint8_t> frame) {
+    if (server_->GetTap().IsUsed() && !isCapturing_) {
+        Copy(Direction::kSent, static_cast<uint32_t>(frame.size()), frame, {});
+    }
+    Send(frame);
+}
+
 void Session::Finished() {
     bool roomAgain;
     {
@@ -235,7 +277,7 @@ void Session::OnBad(const FrameParser &parser) {
 
 void Session::Refuse(Reason reason, uint32_t errCode, const std::string &text) {
     server_->CountCutOff(peer_, reason, text);
-    Send(MakeRefusal(errCode, text));
+    SendFrame(MakeRefusal(errCode, text));
     CloseWhenSent();
 }
 

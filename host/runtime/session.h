@@ -1,12 +1,15 @@
 // A client's connection, on the server's side.
 #pragma once
 
+#include <atomic>
 #include <deque>
+#include <memory>
 #include <string>
 
 #include "host/runtime/link.h"
 #include "host/runtime/policy.h"
 #include "host/runtime/request.h"
+#include "host/runtime/tap.h"
 
 namespace host {
 
@@ -44,6 +47,10 @@ public:
     void Warn(std::string_view topic, const std::string &record);
     bool MayLogCall();
     using Link::GetLoop;
+    // What Capture answers; empty and the reason where there are enough captures.
+    std::string Capture(Refusal &refusal) TARN_EXCLUDES(mutex_);
+    // A frame of an answer.
+    void SendFrame(std::span<const uint8_t> frame);
     const ServerCore &GetServer() const { return *server_; }
     bool IsStopping() const;
 
@@ -61,19 +68,24 @@ private:
     std::shared_ptr<Session> Self() { return std::static_pointer_cast<Session>(shared_from_this()); }
     std::shared_ptr<Request> NextWaiting() TARN_EXCLUDES(mutex_);
     void Serve(const std::shared_ptr<Request> &request);
+    void Copy(Direction direction, uint32_t length, std::span<const uint8_t> head, std::span<const uint8_t> payload);
+    void CopyReceived(const Frame &frame);
     bool IsIdle() TARN_EXCLUDES(mutex_);
 
     const std::shared_ptr<ServerCore> server_;
     const Peer peer_;
     const std::shared_ptr<User> user_;
     const Charge connection_;
-    Charge queued_;                  // what is unsent, under the link's lock
-    std::deque<Admission> admitted_; // of the frames that are to be taken, the reader's
-    Mutex mutex_;                    // taken after the link's
+    const uint64_t number_;                 // of the connection, for captures
+    std::atomic<bool> isCapturing_ = false; // what goes over it is not captured itself
+    Charge queued_;                         // what is unsent, under the link's lock
+    std::deque<Admission> admitted_;        // of the frames that are to be taken, the reader's
+    Mutex mutex_;                           // taken after the link's
     std::deque<std::shared_ptr<Request>> waiting_ TARN_GUARDED_BY(mutex_);
     uint32_t inFlight_ TARN_GUARDED_BY(mutex_) = 0; // waiting, running, or not yet answered
     bool onewayRuns_ TARN_GUARDED_BY(mutex_) = false;
     bool rests_ TARN_GUARDED_BY(mutex_) = false;
+    std::unique_ptr<Tap::Reader> capture_ TARN_GUARDED_BY(mutex_); // from the first request for one on
 };
 
 } // namespace host

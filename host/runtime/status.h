@@ -13,7 +13,7 @@ namespace host {
 
 // Its methods take an empty request and answer with JSON: Health with an object of the members of ServerHealth, Status
 // with one of the members of ServerStatus, in snake case, where durations end in _ms or _ns; Describe with what
-// host/meaning/reflect.h says.
+// host/meaning/reflect.h says. Capture answers with the frames of tapped_frame.h.
 constexpr std::string_view kRuntimeService = "TarnHostRuntime";
 
 struct ServerHealth {
@@ -67,6 +67,9 @@ CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, Se
                       std::chrono::milliseconds deadline = {});
 CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
                       std::chrono::milliseconds deadline = {});
+
+// What a server has received and sent since it was asked on the same connection before, as tapped_frame.h reads it.
+CallOutcome AskCapture(Client &client, std::string_view service, uint32_t pid, std::chrono::milliseconds deadline = {});
 
 CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
                            std::chrono::milliseconds deadline = {});

@@ -28,7 +28,9 @@ std::string Slurp(const std::filesystem::path &file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-constexpr char kCommands[] = "list, describe, call, services, stats, top, events, decode, encode, completion";
+constexpr char kCommands[] =
+    "list, describe, call, services, stats, top, events, capture, dissector, replay, decode, encode, "
+    "completion";
 
 class Ctl : public testing::Test {
 protected:

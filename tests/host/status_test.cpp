@@ -269,7 +269,7 @@ TEST_F(StatusTest, AnUnknownQuestionIsRefused) {
     const host::CallOutcome outcome =
         client_.Call({.service = host::kRuntimeService, .method = "Weather", .socketOf = kTarnd});
     EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
-    EXPECT_EQ(outcome.text, "TarnHostRuntime.Weather: the runtime's own service has Health, Status and Describe");
+    EXPECT_EQ(outcome.text, "TarnHostRuntime.Weather: the runtime's own service has Health, Status, Describe and Capture");
 }
 
 } // namespace
