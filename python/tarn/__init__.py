@@ -9,6 +9,6 @@
 
 from .client import Client, connect
 from .errors import BadRequest, CallFailed, Error, TimedOut, Unreachable
-from .values import Record
+from .values import Event, Record
 
-__all__ = ["BadRequest", "CallFailed", "Client", "Error", "Record", "TimedOut", "Unreachable", "connect"]
+__all__ = ["BadRequest", "CallFailed", "Client", "Error", "Event", "Record", "TimedOut", "Unreachable", "connect"]

@@ -3,17 +3,18 @@
 import json
 import threading
 import time
+from datetime import datetime, timezone
 from functools import cached_property
 from os import PathLike
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, Mapping
+from typing import TYPE_CHECKING, Any, Iterable, Iterator, Mapping
 
 from . import frames
 from .directory import default_run_dir, socket_of, why_not_trusted
 from .errors import ERRNO_OF_NAME, CallFailed, TimedOut, Unreachable
 from .meaning import Interface
 from .methods import Methods
-from .values import named, wired
+from .values import Event, named, wired
 from .velto import Refused, read, type_hash, write_regular
 
 if TYPE_CHECKING:
@@ -21,6 +22,8 @@ if TYPE_CHECKING:
 
 TARND, AGENT, RUNTIME = "TarnSysdiagTarnd", "TarnSysdiagAgent", "TarnHostRuntime"
 LONGEST_DEADLINE = 3600
+WAIT_FOR_EVENTS = 60  # seconds, again and again
+RETRY = 1  # seconds until a daemon that has gone is looked for again
 
 
 def connect(
@@ -57,9 +60,10 @@ class Client(Methods):
         """What the server says of its methods."""
         return Interface(self.ask_runtime("Describe"))
 
-    def ask_runtime(self, method: str) -> Any:
-        """What the server's runtime answers with: "Health" or "Status"."""
-        return json.loads(self._exchange(RUNTIME, method, 0, b"", None).message)
+    def ask_runtime(self, method: str, question: Any = None, deadline: float | None = None) -> Any:
+        """What the server's own service answers with, such as "Health" or "Status"."""
+        message = b"" if question is None else json.dumps(question).encode()
+        return json.loads(self._exchange(RUNTIME, method, 0, message, deadline).message)
 
     def request(self, method: str, members: Mapping[str, Any], deadline: float | None = None) -> Any:
         """As `call`, with the members in a dictionary."""
@@ -79,6 +83,35 @@ class Client(Methods):
         """The processes, the busiest first."""
         processes = self.call("SysCpuStatInfoQuery").processes
         return sorted(processes, key=lambda process: process.cpu_permille, reverse=True)
+
+    def events(
+        self, *, kinds: Iterable[str] = (), first: int = 0, last: int | None = None, follow: bool = False
+    ) -> Iterator[Event]:
+        """What happened, as the daemon's journal has it: from the event with the number `first` on, or the `last` so
+        many. With `follow` it waits for more and never ends; what happens while the daemon is started anew is not
+        missed."""
+        question = {"kinds": list(kinds), "from": first, "wait_ms": WAIT_FOR_EVENTS * 1000 if follow else 0}
+        if last is not None:
+            question["last"] = last
+        with Client(self._service, self._agent, self._run_dir, self._deadline) as reader:
+            while True:
+                page = reader._page(question, follow)
+                for event in page["events"]:
+                    time_of = datetime.fromtimestamp(event.pop("time_ms") / 1000, timezone.utc)
+                    yield Event(event, time=time_of)
+                question |= {"journal": page["journal"], "from": page["next"]}
+                question.pop("last", None)
+                if not follow and page["next"] >= page["end"]:
+                    return
+
+    def _page(self, question, follow):
+        while True:
+            try:
+                return self.ask_runtime("Events", question, question["wait_ms"] / 1000 + self._deadline)
+            except (Unreachable, TimedOut):
+                if not follow:
+                    raise
+                time.sleep(RETRY)
 
     def _open(self, what, deadline):
         path = socket_of(self._run_dir, self._service, self._agent)

@@ -36,6 +36,17 @@ class Record(dict[str, Any]):
         return f"Record({', '.join(f'{key}={value!r}' for key, value in self.items())})"
 
 
+class Event(Record):
+    """Of the daemon's journal. `pid` is 0 where it is of no process, whose name `process` is."""
+
+    number: int
+    time: datetime
+    kind: str
+    pid: int
+    process: str
+    text: str
+
+
 def named(meaning, wire):
     """A reply."""
     return Record((member.key, value_of(member, wire[member.wire])) for member in meaning.members if not member.unused)

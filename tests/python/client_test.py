@@ -6,11 +6,12 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 from pathlib import Path
 
 import pytest
 import tarn
-from daemon import running_agent, running_daemon
+from daemon import daemon_in, running_agent, running_daemon
 from tarn import frames, stubs, velto
 
 DESCRIPTION = {
@@ -51,6 +52,35 @@ def test_processes_are_listed_busiest_first(daemon):
     assert (own.parent, own.threads >= 1, own.resident_bytes > 1 << 20) == (os.getppid(), True, True)
     shares = [process.cpu_permille for process in processes]
     assert shares == sorted(shares, reverse=True)
+
+
+def change_a_setting(client):
+    client.call("SysOvLoadCpuThresholdSet", begins_at="90%", must_last="10s")
+
+
+def test_events_are_waited_for_and_kept(daemon):
+    following = daemon.events(kinds=["setting"], follow=True)
+    change_a_setting(daemon)
+    first = next(following)
+    change_a_setting(daemon)
+    second = next(following)
+    following.close()
+    assert [event.kind for event in (first, second)] == ["setting"] * 2 and second.number > first.number
+    assert abs(second.time.timestamp() - time.time()) < 3600 and "SysOvLoadCpuThresholdSet" in second.text
+    assert list(daemon.events(kinds=["setting"], first=first.number))[:2] == [first, second]
+    assert [event.number >= second.number for event in daemon.events(last=1)] == [True]
+
+
+def test_events_are_followed_beyond_a_daemon_that_ends(tmp_path):
+    with daemon_in(tmp_path), tarn.connect(run_dir=tmp_path) as client:
+        change_a_setting(client)
+        following = client.events(kinds=["setting"], follow=True)
+        first = next(following)
+    with daemon_in(tmp_path):
+        change_a_setting(client)
+        assert next(following).number > first.number
+    following.close()
+    client.close()
 
 
 def test_failures_have_the_daemons_reason(daemon):

@@ -32,14 +32,18 @@ def running(command, socket_of):
         server.wait()
 
 
+def daemon_in(directory):
+    """The daemon, with all that it has in that directory."""
+    directories = ["--run-dir", directory, "--log-dir", directory, "--state-dir", f"{directory}/state"]
+    command = [os.environ["TARND"], *directories, "--log-level", "error"]
+    return running(command, lambda _: f"{directory}/{TARND}.sock")
+
+
 @contextlib.contextmanager
 def running_daemon():
     """The daemon's process, and its run directory."""
-    with tempfile.TemporaryDirectory() as scratch:
-        directories = ["--run-dir", scratch, "--log-dir", scratch, "--state-dir", f"{scratch}/state"]
-        command = [os.environ["TARND"], *directories, "--log-level", "error"]
-        with running(command, lambda _: f"{scratch}/{TARND}.sock") as daemon:
-            yield daemon, Path(scratch)
+    with tempfile.TemporaryDirectory() as scratch, daemon_in(scratch) as daemon:
+        yield daemon, Path(scratch)
 
 
 @contextlib.contextmanager
