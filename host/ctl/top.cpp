@@ -132,6 +132,12 @@ std::string Time(uint64_t us) {
     return DurationText(std::chrono::microseconds(us));
 }
 
+// What is nobody's has none.
+std::string Id(const Json &record, const char *member) {
+    const uint64_t id = Number(record, member);
+    return id == 0 ? "-" : std::to_string(id);
+}
+
 void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
     const Json &all = cpus.at(0);
     out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
@@ -153,13 +159,14 @@ void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
     columns.Add({"PROCESS", "CPU", "NAME", "HIGHEST", "CPU TIME", "RESIDENT", "THREADS", "STATE", "USER"});
     for (size_t i = 0; i < std::min(rows, processes.size()); ++i) {
         const Json &process = processes[i];
-        columns.Add({std::to_string(Number(process, "process")), Share(process, "cpu_permille"), Text(process, "name"),
+        columns.Add({Id(process, "process"), Share(process, "cpu_permille"), Text(process, "name"),
                      Share(process, "highest_permille"),
                      Time(Number(process, "user_time_us") + Number(process, "system_time_us")),
                      SizeText(Number(process, "resident_bytes")), std::to_string(Number(process, "threads")),
                      Text(process, "state"), Text(process, "user")});
     }
-    out << fmt::format("\n{} processes\n", processes.size());
+    const auto number = std::ranges::count_if(processes, [](const Json &one) { return Number(one, "process") != 0; });
+    out << fmt::format("\n{} processes\n", number);
     columns.Print(out, 0);
 }
 
@@ -167,8 +174,8 @@ void PrintThreads(std::ostream &out, const Json &threads) {
     Columns columns;
     columns.Add({"THREAD", "CPU", "NAME", "OF PROCESS", "ON", "CPU TIME"});
     for (const Json &thread : threads) {
-        columns.Add({std::to_string(Number(thread, "thread")), Share(thread, "cpu_permille"), Text(thread, "name"),
-                     fmt::format("{} ({})", Number(thread, "process"), Text(thread, "process_name")),
+        columns.Add({Id(thread, "thread"), Share(thread, "cpu_permille"), Text(thread, "name"),
+                     fmt::format("{} ({})", Id(thread, "process"), Text(thread, "process_name")),
                      std::to_string(Number(thread, "on_cpu")), Time(Number(thread, "cpu_time_us"))});
     }
     out << "\nbusiest threads\n";

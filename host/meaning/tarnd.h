@@ -44,22 +44,29 @@ RECORD(OsProcessCpuThread, {"acName", "name", Text(), "The thread's name."},
 
 METHOD(CalculateAllThreadCpuUse, Group::kReading,
        "Measures what the threads of all processes that may be seen use of one CPU, from some time ago until the "
-       "latest sample. It fails with 11 EAGAIN in the first tenth of a second of the daemon, which has one sample "
-       "then.",
+       "latest sample. What no thread has used that runs still is there as well, in elements without a thread, so "
+       "that the shares of all add up to what the system used: what threads had of a process that have ended, in one "
+       "for the process; what processes had that have ended, named \"(ended)\"; \"(interrupts)\"; time \"(stolen)\" by "
+       "a hypervisor; and \"(other)\" that the system counted. It fails with 11 EAGAIN in the first tenth of a second "
+       "of the daemon, which has one sample then.",
        "interval=5s most=10")
 RECORD(ThreadCpuInput,
        {"uiValue1", "interval", Milliseconds().UpTo(measured_interval::kMostMs).Default(measured_interval::kDefaultMs),
         "The last so much time before the latest sample, or a little more; at most as far back as samples reach."},
        {"uiValue2", "most", Count().Zero("all"), "How many threads to return, the busiest first."})
 RECORD(ThreadCpuRet, {"pstThread", "threads", Records(), "The threads, the busiest first."})
-RECORD(ThreadCpu, {"uiTid", "thread", Tid(), "The thread."}, {"usValue1", "cpu", Permille(), "Its share of one CPU."},
-       {"ucValue2", "state", Letter(), "The kernel's letter for its state."},
-       {"ucValue3", "on-cpu", Number(), "The CPU that it ran on last; 255 stands for that or a higher one."},
+RECORD(ThreadCpu, {"uiTid", "thread", Tid().Zero("threads of the process that are not told one by one"), "The thread."},
+       {"usValue1", "cpu", Permille(), "Its share of one CPU."},
+       {"ucValue2", "state", Letter(), "The kernel's letter for its state; X where it has ended since the sample."},
+       {"ucValue3", "on-cpu", Number(),
+        "The CPU that it ran on last; 255 stands for that or a higher one, and for an unknown one."},
        {"ullValue4", "cpu-time", Microseconds(), "The CPU time that it took since it started."},
        {"ullValue5", "waited", Microseconds(), "How long it was ready since it started, but waited for a CPU."},
-       {"acName", "name", Text(), "The thread's name."}, {"uiValue6", "process", Pid(), "Its process."},
+       {"acName", "name", Text(), "The thread's name, or that of time which is no running process's."},
+       {"uiValue6", "process", Pid().Zero("none"), "Its process."},
        {"acValue7", "process-name", Text(), "The name of its process."},
-       {"acValue8", "scheduled", Text(), "How it is scheduled: \"SCHED_OTHER nice 0\", \"SCHED_FIFO 50\"."},
+       {"acValue8", "scheduled", Text().Zero("it has ended"),
+        "How it is scheduled: \"SCHED_OTHER nice 0\", \"SCHED_FIFO 50\"."},
        {"uiValue9", "timeslices", Count(), "How often it was given a CPU."})
 
 METHOD(CalculateProcThreadCpuUse, Group::kReading,
@@ -75,12 +82,18 @@ METHOD(GetHugePagesInfo, Group::kReading, "Counts the system's huge pages of the
 RECORD(HugePagesOutput, {"uiValue1", "total", Count(), "How many huge pages there are."},
        {"uiValue2", "free", Count(), "How many of them are free."})
 
-METHOD(SysCpuStatInfoQuery, Group::kReading,
-       "Shows what all processes that may be seen use of the CPUs, with their states, users and programs. It fails "
-       "with 11 EAGAIN in the first tenth of a second of the daemon, which has one sample then.",
-       "")
+METHOD(
+    SysCpuStatInfoQuery, Group::kReading,
+    "Shows what all processes that may be seen use of the CPUs, with their states, users and programs. Behind them "
+    "is what no running process used: elements with the process 0, so that the shares of all add up to what the "
+    "system used. They are named \"(ended)\", for processes that have ended since; \"(interrupts)\"; \"(stolen)\", by "
+    "a "
+    "hypervisor; and \"(other)\", for what the system counted besides. It fails with 11 EAGAIN in the first tenth of "
+    "a second of the daemon, which has one sample then.",
+    "")
 RECORD(SysCpuStatInfo, {"pstProc", "processes", Records(), "The processes."})
-RECORD(SysCpuStatProc, {"uiPid", "process", Pid(), "The process."}, {"acName", "name", Text(), "Its name."},
+RECORD(SysCpuStatProc, {"uiPid", "process", Pid().Zero("no running process"), "The process."},
+       {"acName", "name", Text(), "Its name."},
        {"uiValue1", "cpu", Permille(), "Its share of one CPU between the last two samples."},
        {"uiValue2", "highest", Permille(),
         "The highest such share between two samples since the daemon's start, or since ResetMaxCpuUseInfo."},
@@ -91,8 +104,8 @@ RECORD(SysCpuStatProc, {"uiPid", "process", Pid(), "The process."}, {"acName", "
        {"uiValue6", "parent", Pid().Zero("none"), "Its parent."},
        {"uiValue7", "threads", Count(), "How many threads it has."}, {"uiValue8", "nice", Signed(), "Its nice value."},
        {"uiValue9", "on-cpu", Number(), "The CPU that it ran on last."},
-       {"stTime2", "started", LocalTime(), "When it started."},
-       {"acValue10", "user", Text(), "The effective user, as a number when it has no name."},
+       {"stTime2", "started", LocalTime().Zero("no process"), "When it started."},
+       {"acValue10", "user", Text().Zero("it has ended"), "The effective user, as a number when it has no name."},
        {"acValue11", "program", Text().Zero("may not be seen, or a kernel thread"),
         "The program's path; its end when it is long."},
        {"uiValue12", "cpu-since-start", Permille(), "Its share of one CPU since it started."},

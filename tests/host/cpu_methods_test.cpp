@@ -1,6 +1,9 @@
 // Who uses the CPUs, as the daemon's methods tell it of a machine that is the test's.
 #include <sched.h>
 
+#include <algorithm>
+#include <numeric>
+
 #include <gtest/gtest.h>
 
 #include "host/meaning/choices.h"
@@ -75,6 +78,10 @@ protected:
     }
     static auto Processes() {
         return CallMethod<Tarn_sys_diag_SysCpuStatInfo>(SysCpuStatInfoQuery, Tarn_sys_diag_SysCpuStatInfoInput{});
+    }
+    static auto Threads(uint32_t ms, uint32_t limit) {
+        return CallMethod<Tarn_sys_diag_ThreadCpuRet>(CalculateAllThreadCpuUse,
+                                                      Tarn_sys_diag_ThreadCpuInput{ms, limit});
     }
     static uint32_t SetSystem(uint32_t over, uint32_t recover, uint32_t seconds) {
         return CallMethod<Tarn_sys_diag_OperResult>(SysOvLoadCpuThresholdSet,
@@ -166,15 +173,19 @@ TEST_F(CpuMethodsTest, SayThatTheThreadsOfAProcessWereNotSampled) {
 }
 
 TEST_F(CpuMethodsTest, MeasureAllThreads) {
-    machine.Add(kPid + 9, "hidden", 700);
+    machine.Add(kPid + 9, "short-lived", 700);
     Pass(1s, 9);
-    const auto threads = [](uint32_t ms, uint32_t limit) {
-        return CallMethod<Tarn_sys_diag_ThreadCpuRet>(CalculateAllThreadCpuUse,
-                                                      Tarn_sys_diag_ThreadCpuInput{ms, limit});
-    };
-    const auto all = threads(3000, 0);
-    ASSERT_EQ(all->uiThreadNum, 2) << "one that /proc does not show is left out";
-    const Tarn_sys_diag_ThreadCpu &busy = all->pstThread[0];
+    const auto all = Threads(3000, 0);
+    ASSERT_EQ(all->uiThreadNum, 3);
+    const Tarn_sys_diag_ThreadCpu &gone = all->pstThread[0];
+    EXPECT_EQ(gone.uiTid, kPid + 9) << "one that /proc shows no longer is told from the sample";
+    EXPECT_EQ(gone.usValue1, 700);
+    EXPECT_EQ(gone.ucValue2, 'X');
+    EXPECT_EQ(gone.ucValue3, 255);
+    EXPECT_EQ(gone.ullValue4, 6'300'000);
+    EXPECT_EQ(std::string(gone.acName), "short-lived") << "a first thread has its process's name";
+    EXPECT_EQ(std::string(gone.acValue8), "");
+    const Tarn_sys_diag_ThreadCpu &busy = all->pstThread[1];
     EXPECT_EQ(busy.uiTid, kBusy);
     EXPECT_EQ(busy.usValue1, 500);
     EXPECT_EQ(busy.ucValue2, 'R');
@@ -186,13 +197,109 @@ TEST_F(CpuMethodsTest, MeasureAllThreads) {
     EXPECT_EQ(std::string(busy.acValue7), "worker");
     EXPECT_EQ(std::string(busy.acValue8), "SCHED_FIFO 7");
     EXPECT_EQ(busy.uiValue9, 100);
-    EXPECT_EQ(all->pstThread[1].uiTid, kPid);
-    EXPECT_EQ(threads(3000, 2)->uiThreadNum, 1) << "of the two busiest";
+    EXPECT_EQ(all->pstThread[2].uiTid, kPid);
+    EXPECT_EQ(Threads(3000, 2)->uiThreadNum, 2);
     host::procfs::Task farAway = kit::FakeProc::MakeTask(kBusy, "busy", 'R');
     farAway.lastCpu = 300;
     proc.SetThread(kPid, farAway);
-    EXPECT_EQ(threads(3000, 0)->pstThread[0].ucValue3, 255) << "as far as the member goes";
-    EXPECT_EQ(threads(host::meaning::measured_interval::kMostMs + 1, 0).Status(), EINVAL);
+    EXPECT_EQ(Threads(3000, 0)->pstThread[1].ucValue3, 255) << "as far as the member goes";
+    EXPECT_EQ(Threads(host::meaning::measured_interval::kMostMs + 1, 0).Status(), EINVAL);
+}
+
+// A machine that builds something: two CPUs are busy, 1600 permille of 2000 with children that are too short-lived for
+// any sample, 40 with interrupts, and 30 for who knows whom.
+class BuildingMachineTest : public CpuMethodsTest {
+protected:
+    BuildingMachineTest() { Pass(1s, 3); }
+
+    void Pass(std::chrono::nanoseconds time, int times = 1) {
+        for (int i = 0; i < times; ++i) {
+            const auto ms = static_cast<uint64_t>(time / 1ms);
+            machine.busyPermille = {1000, 1000};
+            machine.cpus[0].ticks.interrupt += ms * 40 / 1000;
+            machine.cpus[0].ticks.user -= ms * 40 / 1000;
+            make.childNs += ms * 1'400'000;
+            shell.childNs += ms * 200'000;
+            CpuMethodsTest::Pass(time);
+        }
+    }
+    template <class Row, class Share>
+    static uint64_t Sum(const Row *rows, uint32_t number, Share Row::*share) {
+        return std::accumulate(rows, rows + number, uint64_t{0},
+                               [&](uint64_t sum, const Row &row) { return sum + row.*share; });
+    }
+
+    kit::ScriptedMachine::Process &make = machine.Add(kPid + 20, "make"), &shell = machine.Add(kPid + 21, "sh");
+};
+
+TEST_F(BuildingMachineTest, ThreadsAndWhatHasEndedAddUpToTheSystem) {
+    machine.processes[kPid].threads[kBusy].runPermille = 330;
+    Pass(1s, 10);
+    const auto all = Threads(5000, 0);
+    EXPECT_NEAR(static_cast<double>(Sum(all->pstThread, all->uiThreadNum, &Tarn_sys_diag_ThreadCpu::usValue1)), 2000,
+                40);
+    ASSERT_GE(all->uiThreadNum, 4);
+    const Tarn_sys_diag_ThreadCpu &ended = all->pstThread[0];
+    EXPECT_EQ(std::string(ended.acName), "(ended)");
+    EXPECT_EQ(ended.usValue1, 1600);
+    EXPECT_EQ(ended.uiTid, 0);
+    EXPECT_EQ(ended.uiValue6, 0);
+    EXPECT_EQ(all->pstThread[1].uiTid, kBusy);
+    EXPECT_EQ(std::string(all->pstThread[2].acName), "(interrupts)");
+    EXPECT_EQ(all->pstThread[2].usValue1, 40);
+    EXPECT_EQ(std::string(all->pstThread[3].acName), "(other)");
+    EXPECT_EQ(all->pstThread[3].usValue1, 30);
+    EXPECT_EQ(Threads(5000, 2)->uiThreadNum, 2) << "the busiest, whatever they are";
+}
+
+TEST_F(BuildingMachineTest, ProcessesAndWhatHasEndedAddUpToTheSystem) {
+    machine.processes[kPid].threads[kBusy].runPermille = 290;
+    machine.Add(kPid + 9, "short-lived", 70);
+    machine.processes[kPid + 9].rssKb = 77;
+    proc.Write("uptime", "1000.00 1500.00\n");
+    Pass(10s, 2);
+    const auto all = Processes();
+    EXPECT_NEAR(static_cast<double>(Sum(all->pstProc, all->uiProcNum, &Tarn_sys_diag_SysCpuStatProc::uiValue1)), 2000,
+                40);
+    ASSERT_EQ(all->uiProcNum, 6);
+    const Tarn_sys_diag_SysCpuStatProc &gone = all->pstProc[1];
+    EXPECT_EQ(gone.uiPid, kPid + 9) << "one that /proc shows no longer is told from the sample";
+    EXPECT_EQ(std::string(gone.acName), "short-lived");
+    EXPECT_EQ(gone.uiValue1, 70);
+    EXPECT_EQ(std::string(gone.acValue5), "X (dead)");
+    EXPECT_EQ(gone.uiValue14, 77);
+    const Tarn_sys_diag_SysCpuStatProc &ended = all->pstProc[4];
+    EXPECT_EQ(ended.uiPid, 0);
+    EXPECT_EQ(std::string(ended.acName), "(ended)");
+    EXPECT_EQ(ended.uiValue1, 1600);
+    EXPECT_EQ(std::string(all->pstProc[5].acName), "(interrupts)") << "nothing is left for \"(other)\"";
+}
+
+// Who waited for a process that samples have seen is charged with all of its time; what it had before is not of now.
+TEST_F(BuildingMachineTest, WhatAProcessUsedBeforeItEndedCountsOnce) {
+    machine.processes[kPid].threads[kBusy].runPermille = 330;
+    machine.Add(kPid + 9, "compiler", 330);
+    Pass(10s);
+    make.childNs += machine.processes[kPid + 9].usedNs;
+    machine.processes.erase(kPid + 9);
+    Pass(10s);
+    const auto all = Processes();
+    const auto *const ended = std::find_if(all->pstProc, all->pstProc + all->uiProcNum,
+                                           [](const auto &row) { return std::string(row.acName) == "(ended)"; });
+    ASSERT_NE(ended, all->pstProc + all->uiProcNum);
+    EXPECT_NEAR(ended->uiValue1, 1600, 1);
+}
+
+TEST_F(CpuMethodsTest, TellOfThreadsThatHaveEndedWithTheirProcess) {
+    machine.processes[kPid].threads.erase(kBusy);
+    machine.processes[kPid].usedNs += 900'000'000; // by threads that no sample has seen
+    SimulatedDaemon::Pass(1s);
+    const auto all = Threads(1000, 1);
+    ASSERT_EQ(all->uiThreadNum, 1);
+    EXPECT_EQ(all->pstThread[0].uiTid, 0);
+    EXPECT_EQ(all->pstThread[0].uiValue6, kPid);
+    EXPECT_EQ(std::string(all->pstThread[0].acValue7), "worker");
+    EXPECT_NEAR(all->pstThread[0].usValue1, 900, 20) << "a tick at either end is not known";
 }
 
 TEST_F(CpuMethodsTest, TellTheStatisticsOfAllProcesses) {

@@ -1,10 +1,13 @@
 // A sample of the machine that the test runs on, against what the test reads there itself.
 #include "host/daemon/sampling/libproc2_source.h"
 
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <ctime>
 #include <set>
 #include <sstream>
 
@@ -46,6 +49,25 @@ TEST(LiveSamples, ShowThisProcessAndThisMachine) {
 
     const tarnd::Sample next = source.Read(&sample);
     EXPECT_GE(next.system.contextSwitches, sample.system.contextSwitches);
+}
+
+TEST(LiveSamples, ShowWhatChildrenUsedThatHaveEnded) {
+    const host::procfs::Procfs proc;
+    tarnd::Libproc2Source source(proc);
+    const pid_t child = fork();
+    if (child == 0) {
+        while (clock() < CLOCKS_PER_SEC / 20) {
+        }
+        _exit(0);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    rusage ofChildren{};
+    getrusage(RUSAGE_CHILDREN, &ofChildren);
+    const double us = static_cast<double>(ofChildren.ru_utime.tv_sec + ofChildren.ru_stime.tv_sec) * 1e6 +
+                      static_cast<double>(ofChildren.ru_utime.tv_usec + ofChildren.ru_stime.tv_usec);
+    const double ticks = us * static_cast<double>(host::procfs::TicksPerSecond()) / 1e6;
+    EXPECT_GE(ticks, 5);
+    EXPECT_NEAR(static_cast<double>(source.Read(nullptr).Find(static_cast<uint32_t>(getpid()))->childTicks), ticks, 2);
 }
 
 // What the members of a sample must be where nothing changes meanwhile.

@@ -34,6 +34,7 @@ public:
         uint64_t usedNs = 0;  // also by threads that have ended
         int threadsError = 0; // set where the threads can't be read
         bool leftOut = false; // there are more threads than are sampled
+        uint64_t childNs = 0; // used by children that it has waited for
     };
 
     explicit ScriptedMachine(uint32_t cpuNum = 2) : busyPermille(cpuNum, 0) {
@@ -117,6 +118,7 @@ private:
         sample.threadNum = static_cast<uint32_t>(process.threads.size());
         sample.startTicks = process.startTicks;
         sample.cpuTicks = process.usedNs * host::procfs::TicksPerSecond() / 1'000'000'000;
+        sample.childTicks = process.childNs * host::procfs::TicksPerSecond() / 1'000'000'000;
         sample.rssKb = process.rssKb;
         sample.state = process.state;
         sample.name = process.name;

@@ -330,7 +330,12 @@ std::vector<std::pair<uint32_t, double>> ProcessesIn(const std::string &batch) {
     }
     std::vector<std::pair<uint32_t, double>> processes;
     for (std::pair<uint32_t, double> process; std::getline(in, line) && !line.empty();) {
-        EXPECT_EQ(sscanf(line.c_str(), "%u %lf%%", &process.first, &process.second), 2) << line;
+        if (line.starts_with('-')) { // nobody's
+            process.first = 0;
+            EXPECT_EQ(sscanf(line.c_str(), "- %lf%%", &process.second), 1) << line;
+        } else {
+            EXPECT_EQ(sscanf(line.c_str(), "%u %lf%%", &process.first, &process.second), 2) << line;
+        }
         processes.push_back(process);
     }
     return processes;

@@ -2,9 +2,12 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <optional>
+#include <set>
 #include <sstream>
 
 #include "host/answer/answer.h"
+#include "host/daemon/cpu/unattributed.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/health/resource_levels.h"
 #include "host/daemon/processes/process_age.h"
@@ -81,39 +84,90 @@ void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, Whole of,
 
 // ---- All threads ----
 
-Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &itsProcess,
-                                 std::chrono::nanoseconds elapsed) {
-    const host::procfs::Task task = Daemon::Serving().proc.ReadThread(use.pid, use.tid);
+// A thread that has ended since the sample is told from that.
+constexpr char kEnded = 'X';
+constexpr uint8_t kUnknownCpu = UINT8_MAX;
+
+uint16_t ToU16(uint32_t permille) {
+    return static_cast<uint16_t>(std::min<uint32_t>(permille, UINT16_MAX));
+}
+
+Tarn_sys_diag_ThreadCpu Describe(const ThreadUse &use, const std::string &itsProcess, uint32_t permille) {
+    std::optional<host::procfs::Task> task;
+    host::procfs::SkipHidden([&] { task = Daemon::Serving().proc.ReadThread(use.pid, use.tid); });
+    const std::string nameThen = use.tid == use.pid ? itsProcess : "";
     Tarn_sys_diag_ThreadCpu entry{};
     auto &[thread, cpu, state, onCpu, cpuTime, waited, name, process, processName, scheduled, timeslices] = entry;
     thread = use.tid;
-    cpu = static_cast<uint16_t>(ThreadPermille(use, elapsed));
-    state = static_cast<uint8_t>(task.state);
-    onCpu = static_cast<uint8_t>(std::min<uint32_t>(task.lastCpu, UINT8_MAX));
+    cpu = ToU16(permille);
+    state = static_cast<uint8_t>(task ? task->state : kEnded);
+    onCpu = task ? static_cast<uint8_t>(std::min<uint32_t>(task->lastCpu, UINT8_MAX)) : kUnknownCpu;
     cpuTime = use.total.runNs / 1000;
     waited = use.total.waitNs / 1000;
-    host::CopyText(name, task.name);
+    host::CopyText(name, task ? task->name : nameThen);
     process = use.pid;
     host::CopyText(processName, itsProcess);
-    host::CopyText(scheduled, host::procfs::SchedulingText(task));
+    host::CopyText(scheduled, task ? host::procfs::SchedulingText(*task) : "");
     timeslices = static_cast<uint32_t>(use.total.sliceNum);
     return entry;
 }
 
-std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit) {
-    const Sampler::Window window = Daemon::Serving().sampler.Last(interval);
+Tarn_sys_diag_ThreadCpu DescribeThread(const Unattributed &rest) {
+    Tarn_sys_diag_ThreadCpu entry{};
+    auto &[thread, cpu, state, onCpu, cpuTime, waited, name, process, processName, scheduled, timeslices] = entry;
+    cpu = ToU16(rest.permille);
+    onCpu = kUnknownCpu;
+    host::CopyText(name, rest.name);
+    return entry;
+}
+
+// What threads of a process used that are not told one by one: they have ended since, or could not be sampled.
+ThreadUse OfUntoldThreads(const ProcessSample *from, const ProcessSample &to, const std::vector<ThreadUse> &uses) {
+    uint64_t told = 0;
+    for (const ThreadUse &use : uses) {
+        told += use.usedNs;
+    }
+    return {to.pid, 0, {}, ProcessUsedNs(from, to, uses) - told};
+}
+
+std::vector<ThreadUse> UsesOfAllThreads(const Sampler::Window &window) {
     std::vector<ThreadUse> uses;
     for (const ProcessSample &process : window.to->processes) {
-        const std::vector<ThreadUse> ofProcess = ThreadUses(window.from->Find(process), process);
+        const ProcessSample *const before = window.from->Find(process);
+        const std::vector<ThreadUse> ofProcess = ThreadUses(before, process);
         uses.insert(uses.end(), ofProcess.begin(), ofProcess.end());
+        if (const ThreadUse untold = OfUntoldThreads(before, process, ofProcess); untold.usedNs != 0) {
+            uses.push_back(untold);
+        }
+    }
+    return uses;
+}
+
+// Several threads may have more than a CPU.
+uint32_t ShareOf(const ThreadUse &use, std::chrono::nanoseconds elapsed) {
+    return use.tid == 0 ? Permille(use.usedNs, static_cast<uint64_t>(elapsed.count())) : ThreadPermille(use, elapsed);
+}
+
+std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit) {
+    const Sampler::Window window = Daemon::Serving().sampler.Last(interval);
+    std::vector<ThreadUse> uses = UsesOfAllThreads(window);
+    uint64_t shown = 0;
+    for (const ThreadUse &use : uses) {
+        shown += ShareOf(use, window.Length());
     }
     KeepBusiest(uses, limit);
-    std::vector<Tarn_sys_diag_ThreadCpu> threads;
+    std::vector<Tarn_sys_diag_ThreadCpu> rows;
     for (const ThreadUse &use : uses) {
-        host::procfs::SkipHidden(
-            [&] { threads.push_back(Describe(use, window.to->Find(use.pid)->name, window.Length())); });
+        rows.push_back(Describe(use, window.to->Find(use.pid)->name, ShareOf(use, window.Length())));
     }
-    return threads;
+    for (const Unattributed &rest : UnattributedUse(*window.from, *window.to, shown)) {
+        if (rest.permille != 0) {
+            rows.push_back(DescribeThread(rest));
+        }
+    }
+    std::ranges::stable_sort(rows, std::ranges::greater(), &Tarn_sys_diag_ThreadCpu::usValue1);
+    rows.resize(limit == 0 ? rows.size() : std::min(limit, rows.size()));
+    return rows;
 }
 
 // ---- All processes ----
@@ -158,6 +212,16 @@ const ProcessSample *FindSampled(const host::procfs::Task &task, const Sampler::
     return window.to->Find(process);
 }
 
+struct Shares {
+    uint32_t cpu = 0;
+    Peak highest;
+};
+
+Shares SharesOf(const ProcessSample &sampled, const Sampler::Window &window) {
+    return {ProcessPermille(window.from->Find(sampled), sampled, window.Length()),
+            Daemon::Serving().cpuPeaks.OfProcess(sampled)};
+}
+
 Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &users, const Sampler::Window &window) {
     const Daemon &daemon = Daemon::Serving();
     const auto ms = [](uint64_t ticks) { return static_cast<uint32_t>(TicksToNs(ticks) / 1'000'000); };
@@ -169,10 +233,10 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     process = task.id;
     host::CopyText(name, task.name);
     if (const ProcessSample *const sampled = FindSampled(task, window)) {
-        const Peak peak = daemon.cpuPeaks.OfProcess(*sampled);
-        cpu = ProcessPermille(window.from->Find(*sampled), *sampled, window.Length());
-        highest = peak.permille;
-        highestAt = TimeOf(peak);
+        const Shares shares = SharesOf(*sampled, window);
+        cpu = shares.cpu;
+        highest = shares.highest.permille;
+        highestAt = TimeOf(shares.highest);
     }
     userTime = ms(task.userTicks);
     systemTime = ms(task.systemTicks);
@@ -190,13 +254,56 @@ Tarn_sys_diag_SysCpuStatProc Describe(const ProcessDetails &details, UserNames &
     return entry;
 }
 
+// One that has ended since the sample.
+Tarn_sys_diag_SysCpuStatProc Describe(const ProcessSample &sampled, const Sampler::Window &window) {
+    const Daemon &daemon = Daemon::Serving();
+    const Shares shares = SharesOf(sampled, window);
+    Tarn_sys_diag_SysCpuStatProc entry{};
+    auto &[process, name, cpu, highest, userTime, systemTime, highestAt, state, parent, threads, nice, onCpu, started,
+           user, program, cpuSinceStart, majorFaults, resident] = entry;
+    process = sampled.pid;
+    host::CopyText(name, sampled.name);
+    cpu = shares.cpu;
+    highest = shares.highest.permille;
+    highestAt = TimeOf(shares.highest);
+    host::CopyText(state, host::procfs::StateText(kEnded));
+    threads = sampled.threadNum;
+    started = daemon.clock.LocalTime(StartOf(AgeOf(daemon.proc, sampled.startTicks), daemon.clocks));
+    resident = static_cast<uint32_t>(sampled.rssKb);
+    return entry;
+}
+
+Tarn_sys_diag_SysCpuStatProc DescribeProcess(const Unattributed &rest) {
+    Tarn_sys_diag_SysCpuStatProc entry{};
+    entry.uiValue1 = rest.permille; // the share
+    host::CopyText(entry.acName, rest.name);
+    return entry;
+}
+
 std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses() {
     const Daemon &daemon = Daemon::Serving();
     const Sampler::Window window = daemon.sampler.Last({});
     UserNames users;
     std::vector<Tarn_sys_diag_SysCpuStatProc> processes;
+    std::set<std::pair<uint32_t, uint64_t>> there;
     for (const uint32_t pid : daemon.proc.ProcessIds()) {
-        host::procfs::SkipHidden([&] { processes.push_back(Describe(ReadDetails(daemon.proc, pid), users, window)); });
+        host::procfs::SkipHidden([&] {
+            const ProcessDetails details = ReadDetails(daemon.proc, pid);
+            processes.push_back(Describe(details, users, window));
+            there.emplace(pid, details.task.startTicks);
+        });
+    }
+    uint64_t shown = 0;
+    for (const ProcessSample &sampled : window.to->processes) {
+        shown += ProcessPermille(window.from->Find(sampled), sampled, window.Length());
+        if (!there.contains({sampled.pid, sampled.startTicks})) {
+            processes.push_back(Describe(sampled, window));
+        }
+    }
+    for (const Unattributed &rest : UnattributedUse(*window.from, *window.to, shown)) {
+        if (rest.permille != 0) {
+            processes.push_back(DescribeProcess(rest));
+        }
     }
     return processes;
 }

@@ -13,9 +13,9 @@ namespace tarnd {
 
 namespace {
 
-constexpr std::array<pids_item, 7> kProcessItems{PIDS_ID_PID, PIDS_NLWP,  PIDS_TICS_BEGAN, PIDS_TICS_ALL,
-                                                 PIDS_RSS,    PIDS_STATE, PIDS_CMD};
-enum ProcessItem { kPid, kThreadNum, kStart, kTicks, kRss, kState, kName };
+constexpr std::array<pids_item, 8> kProcessItems{PIDS_ID_PID,     PIDS_NLWP, PIDS_TICS_BEGAN, PIDS_TICS_ALL,
+                                                 PIDS_TICS_ALL_C, PIDS_RSS,  PIDS_STATE,      PIDS_CMD};
+enum ProcessItem { kPid, kThreadNum, kStart, kTicks, kTicksWithChildren, kRss, kState, kName };
 
 constexpr std::array<stat_item, 8> kCpuItems{STAT_TIC_ID,      STAT_TIC_SUM_USER, STAT_TIC_SYSTEM, STAT_TIC_IRQ,
                                              STAT_TIC_SOFTIRQ, STAT_TIC_STOLEN,   STAT_TIC_IDLE,   STAT_TIC_IOWAIT};
@@ -62,6 +62,7 @@ ProcessSample ProcessOf(const pids_stack *stack) {
     process.threadNum = static_cast<uint32_t>(item(kThreadNum).s_int);
     process.startTicks = item(kStart).ull_int;
     process.cpuTicks = item(kTicks).ull_int;
+    process.childTicks = item(kTicksWithChildren).ull_int - process.cpuTicks;
     process.rssKb = item(kRss).ul_int * pageKb;
     process.state = static_cast<char>(item(kState).s_ch);
     process.name = item(kName).str;
