@@ -14,6 +14,7 @@ namespace agent {
 namespace {
 
 namespace health_level = host::meaning::health_level;
+namespace system_health_level = host::meaning::system_health_level;
 
 constexpr uint8_t kFirstOfApplication = 64;
 
@@ -53,18 +54,18 @@ bool Health::IsOn() const {
 
 // The application's checks run without the lock: they may register and set what they like.
 std::vector<Health::Result> Health::Look() const {
-    std::map<uint8_t, Item> items;
-    {
+    const auto [allOn, items] = [this] {
         const host::MutexLock lock(mutex_);
-        items = on_ ? items_ : items;
-    }
+        return std::pair(on_, items_);
+    }();
     std::vector<Result> results;
     for (const auto &[id, item] : items) {
-        if (item.on) {
-            Finding finding{health_level::kBad, "the check failed"};
+        Finding finding{system_health_level::kUnknown, "switched off"};
+        if (allOn && item.on) {
+            finding = {health_level::kBad, "the check failed"};
             host::Attempt(item.name.c_str(), [&, &one = item] { finding = one.check(one.limit); });
-            results.push_back({std::move(finding), item.name});
         }
+        results.push_back({std::move(finding), item.name});
     }
     return results;
 }

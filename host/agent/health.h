@@ -34,7 +34,7 @@ public:
     void SetAll(bool on);
     void Set(uint8_t function, bool on, uint32_t limit); // throws ENOENT
     bool IsOn() const;
-    std::vector<Result> Look() const; // at all items that are on
+    std::vector<Result> Look() const; // at the items that are on; the others are unknown
 
 private:
     mutable host::Mutex mutex_;

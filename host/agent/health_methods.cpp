@@ -1,9 +1,8 @@
 // The health of the process, asked for from outside.
-#include <algorithm>
-
 #include "host/agent/agent.h"
 #include "host/agent/methods.h"
 #include "host/clock/calendar.h"
+#include "host/meaning/health.h"
 
 namespace agent {
 
@@ -13,6 +12,7 @@ uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *request, void
         const Agent &agent = Agent::OfProcess();
         const std::string when = host::CompactText(host::SystemsTime(agent.clocks.WallNow()).local);
         std::vector<Tarn_sys_diag_SysHealthInfo> infos;
+        worst = host::meaning::system_health_level::kUnknown;
         for (const Health::Result &result : agent.health.Look()) {
             auto &[level, name, source, lookedAt, found] = infos.emplace_back();
             level = result.level;
@@ -20,7 +20,7 @@ uint32_t TarnPadsGetProcSystemHealthInfo(const Tarn_sys_diag_None *request, void
             host::CopyText(source, agent.Name());
             host::CopyText(lookedAt, when);
             host::CopyText(found, result.text);
-            worst = std::max<uint32_t>(worst, level);
+            worst = host::meaning::WorseHealth(worst, level);
         }
         on = agent.health.IsOn() ? 1 : 0;
         items = reply.Keep(std::move(infos), itemNum);

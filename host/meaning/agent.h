@@ -181,11 +181,12 @@ METHOD(TarnDetectMemHostage, Group::kMemory,
 
 // ---- Health ----
 
-METHOD(TarnPadsGetProcSystemHealthInfo, Group::kReading, "Looks at all health items of the process that are on.", "")
-RECORD(PadsSystemHealthResult, {"uiValue1", "level", OneOf(health_level::kAll), "The worst level of all items."},
+METHOD(TarnPadsGetProcSystemHealthInfo, Group::kReading, "Looks at the health items of the process that are on.", "")
+RECORD(PadsSystemHealthResult,
+       {"uiValue1", "level", OneOf(system_health_level::kAll), "The worst level of the items of which it is known."},
        {"uiValue2", "on", Switch(), "The global switch; while it is off, no item is looked at."},
-       {"pstHealthInfo", "items", Records(), "The items that were looked at."})
-RECORD(SysHealthInfo, {"ucValue1", "level", OneOf(health_level::kAll), "The item's level."},
+       {"pstHealthInfo", "items", Records(), "The items; of one that is off the level is unknown."})
+RECORD(SysHealthInfo, {"ucValue1", "level", OneOf(system_health_level::kAll), "The item's level."},
        {"acValue1", "name", Text(), "The item's name."}, {"acValue2", "source", Text(), "The agent's name."},
        {"acValue3", "looked-at", LocalTime(), "When it was looked at."},
        {"acValue4", "found", Text(), "What was found."})

@@ -302,8 +302,8 @@ constexpr Choice kDescriptors{134, "descriptors",
                               "Descriptors of the system that are in use, in permille; the limit is 800."};
 constexpr Choice kLoad{135, "load", "Load of the last minute for each CPU, in thousandths; the limit is 2000."};
 constexpr Choice kAgents{136, "agents",
-                         "The agents: one that takes longer to answer than the limit, in milliseconds, is bad, and one "
-                         "that does answer has the worst level of "
+                         "The agents: one that takes longer to answer than the limit, in milliseconds, is bad, or "
+                         "unknown where it has never answered, and one that does answer has the worst level of "
                          "its own items; the limit is 1000, and at most that."};
 constexpr Choice kCpuEvent{137, "cpu-event",
                            "The use of one CPU, in permille, from which on it is a CPU event; the limit is 950."};
@@ -316,7 +316,7 @@ constexpr uint32_t kLast = kCpuEventTime;
 } // namespace system_health_item
 
 namespace system_health_level {
-constexpr Choice kUnknown{3, "unknown", "It can't be told."};
+constexpr Choice kUnknown{3, "unknown", "It can't be told, or it is switched off."};
 inline constexpr Choice kAll[] = {health_level::kGood, health_level::kDegraded, health_level::kBad, kUnknown};
 } // namespace system_health_level
 

@@ -784,14 +784,13 @@ RECORD(DimMeasRst, {"uiValue1", "state", OneOf(measurement_state::kAll), "What w
 // ---- Health ----
 
 METHOD(TarnPadsGetSystemHealthInfoByTarnd, Group::kReading,
-       "Looks at the health of the system, or at that of a process, by its agent.", "item=memory")
+       "Looks at the health of the system, or at that of a process, by its agent. Times are the daemon's, also of what "
+       "an agent tells; the reply explains how far they are from GMT.",
+       "item=memory")
 RECORD(PadsSystemHealthInput,
        {"ucValue", "item", OneOf(system_health_item::kAll).Zero("all").Where("uiValue", 0), "What is looked at."},
        {"uiValue", "process", Pid().Zero("the system"), "The process whose agent is asked, for all of its items."})
-VARIANT(TarnPadsGetSystemHealthInfoByTarnd, PadsSystemHealthResult,
-        {"uiValue1", "level", OneOf(health_level::kAll), "The worst level of the items of which it is known."})
 VARIANT(TarnPadsGetSystemHealthInfoByTarnd, SysHealthInfo,
-        {"ucValue1", "level", OneOf(system_health_level::kAll), "The item's level."},
         {"acValue2", "source", Text(), "\"system\", or the agent's name."},
         {"acValue4", "found", Text(), "What was found, or why nothing was."})
 

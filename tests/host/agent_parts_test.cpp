@@ -615,7 +615,9 @@ protected:
     std::map<std::string, std::string> Texts() {
         std::map<std::string, std::string> texts;
         for (const Health::Result &result : health_.Look()) {
-            texts[result.name] = result.text;
+            if (result.level != host::meaning::system_health_level::kUnknown) {
+                texts[result.name] = result.text;
+            }
         }
         return texts;
     }
@@ -631,6 +633,7 @@ TEST_F(HealthTest, LooksAtWhatIsOn) {
     EXPECT_EQ(health_.Look()[0].level, health_level::kDegraded);
     health_.Set(1, false, 0);
     EXPECT_EQ(Texts(), (::Texts{{"two", "20"}}));
+    EXPECT_EQ(health_.Look()[0].text, "switched off");
     health_.Set(1, true, 11);
     EXPECT_EQ(Texts(), (::Texts{{"one", "11"}, {"two", "20"}}));
     health_.Set(0, true, 5);

@@ -1,4 +1,6 @@
 // Health: what is switched on, from which limit on it complains, and who is told of a resource that runs short.
+#include <algorithm>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -169,33 +171,93 @@ TEST_F(HealthPartsTest, TellsOfAgents) {
     ASSERT_EQ(agents.size(), 2);
     EXPECT_EQ(agents[0].name, fmt::format("agent of process {}", kPid));
     EXPECT_EQ(agents[0].source, "sleepy");
-    EXPECT_EQ(agents[0].level, health_level::kBad);
-    EXPECT_EQ(agents[0].text.substr(0, 16), "does not answer:");
+    EXPECT_EQ(agents[0].level, system_health_level::kUnknown) << "there may be none";
+    EXPECT_EQ(agents[0].text.substr(0, 19), "has never answered:");
     EXPECT_EQ(agents[1].text, "answered after 3 ms");
     EXPECT_EQ(Get(0, kPid).Status(), ETIMEDOUT) << "asked itself";
     EXPECT_EQ(Get(0, kOther).Status(), 0);
     EXPECT_EQ(Get(0, kOther + 1).Status(), ESRCH);
 }
 
+TEST_F(HealthPartsTest, AnAgentIsBadThatAnswersNoLonger) {
+    AddAgent(kPid, "sleepy");
+    IdlCallResult result{0, 0};
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo),
+             [&](uint32_t, const auto &, auto &) { return result; });
+    Pass(2s);
+    EXPECT_EQ(Items(system_health_item::kAgents).at(0).level, health_level::kGood);
+    result = {0, ETIMEDOUT};
+    Pass(2s);
+    const Item silent = Items(system_health_item::kAgents).at(0);
+    EXPECT_EQ(silent.level, health_level::kBad);
+    EXPECT_EQ(silent.text.substr(0, 16), "does not answer:");
+    EXPECT_EQ(Get()->uiValue1, health_level::kBad);
+}
+
+TEST_F(HealthPartsTest, OneFalseRegistrationIsNoBadSystem) {
+    AddAgent(kPid, "none");
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [](uint32_t, const auto &, auto &) {
+        return IdlCallResult{0, ECONNREFUSED};
+    });
+    Pass(2s, 30);
+    EXPECT_EQ(Items(system_health_item::kAgents).at(0).level, system_health_level::kUnknown);
+    EXPECT_EQ(Get()->uiValue1, health_level::kGood);
+}
+
+TEST_F(HealthPartsTest, AnAgentsItemsHaveTheTimeOfTheDaemon) {
+    daemon->clock.SetZone({"+0330", 210}, tarnd::Source::kClient);
+    AddAgent(kPid, "elsewhere");
+    Tarn_sys_diag_SysHealthInfo item{};
+    host::CopyText(item.acValue3, "19991231235959");
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [&](uint32_t, const auto &, auto &reply) {
+        reply.uiHealthInfoNum = 1;
+        reply.pstHealthInfo = &item;
+        return IdlCallResult{0, 0};
+    });
+    const auto answer = Get(0, kPid);
+    ASSERT_EQ(answer->uiHealthInfoNum, 1);
+    EXPECT_EQ(std::string(answer->pstHealthInfo[0].acValue3), "20231115014331");
+    EXPECT_EQ(answer.Reason(), "by the daemon's clock, at 2023-11-15 01:43:31 +0330");
+    EXPECT_EQ(Find("cpu").time, "20231115014331");
+}
+
+TEST_F(HealthPartsTest, CountsNoLevelBeforeItsTime) {
+    Restart();
+    machine.busyPermille = {1000, 1000};
+    Pass(100ms);
+    EXPECT_EQ(Find("cpu").level, system_health_level::kUnknown);
+    EXPECT_EQ(Find("cpu").text, "0.1 s of 10 s have been sampled yet");
+    Pass(1s, 9);
+    EXPECT_EQ(Find("cpu").level, system_health_level::kUnknown);
+    Pass(1s);
+    EXPECT_EQ(Find("cpu").level, health_level::kBad);
+}
+
 // ---- What is switched ----
 
 TEST_F(HealthPartsTest, LooksAtWhatIsSwitchedOn) {
+    const auto isKnown = [](const Item &item) { return item.level != system_health_level::kUnknown; };
+    const auto anyIsKnown = [&] { return std::ranges::any_of(Items(), isKnown); };
     EXPECT_EQ(Items(system_health_item::kMemory).size(), 1);
     EXPECT_EQ(Switch(system_health_item::kLoad, 0), 0);
-    EXPECT_EQ(Find("load").level, 99);
-    EXPECT_NE(Find("memory").level, 99);
+    EXPECT_EQ(Find("load").level, system_health_level::kUnknown);
+    EXPECT_EQ(Find("load").text, "switched off");
+    EXPECT_EQ(Get(system_health_item::kLoad)->uiValue1, system_health_level::kUnknown) << "and not good";
+    EXPECT_TRUE(isKnown(Find("memory")));
+    EXPECT_EQ(Get()->uiValue1, health_level::kGood) << "of what is known";
     EXPECT_EQ(Get()->uiValue2, 1);
     EXPECT_EQ(SwitchAll(0), 0);
-    EXPECT_TRUE(Items().empty());
+    EXPECT_FALSE(anyIsKnown());
+    EXPECT_EQ(Get()->uiValue1, system_health_level::kUnknown);
     EXPECT_EQ(Get()->uiValue2, 0);
     EXPECT_EQ(SwitchAll(1), 0);
-    EXPECT_EQ(Find("load").level, 99) << "it is off by itself";
+    EXPECT_FALSE(isKnown(Find("load"))) << "it is off by itself";
     EXPECT_EQ(Switch(5, 1), 0);
     EXPECT_EQ(Switch(0, 0), 0);
-    EXPECT_TRUE(Items().empty());
+    EXPECT_FALSE(anyIsKnown());
     EXPECT_FALSE(daemon->healthSettings.IsOn(5)) << "an agent's";
     EXPECT_EQ(Switch(0, 1), 0);
-    EXPECT_NE(Find("load").level, 99);
+    EXPECT_TRUE(isKnown(Find("load")));
 }
 
 TEST_F(HealthPartsTest, RefusesByWhatMembersMean) {
@@ -350,6 +412,17 @@ TEST_F(ResourceLevelsTest, OfCpusAreThoseOfThreeSeconds) {
     EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 1, 667}}));
     Pass(1s);
     EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 2, 833}}));
+}
+
+TEST_F(ResourceLevelsTest, OfCpusAreNotToldBeforeThreeSeconds) {
+    Restart();
+    EXPECT_EQ(Subscribe(kPid, event::kCpu), 0);
+    machine.busyPermille = {1000, 1000};
+    Pass(100ms);
+    Pass(1s, 2);
+    EXPECT_EQ(Take(), Told{});
+    Pass(1s);
+    EXPECT_EQ(Take(), (Told{{kPid, resource::kCpu, 2, 1000}}));
 }
 
 TEST_F(ResourceLevelsTest, OfDescriptorsAreThoseInUse) {

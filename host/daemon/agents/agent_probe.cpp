@@ -13,6 +13,7 @@ namespace tarnd {
 
 namespace health_level = host::meaning::health_level;
 namespace system_health_item = host::meaning::system_health_item;
+namespace system_health_level = host::meaning::system_health_level;
 
 namespace {
 
@@ -46,7 +47,7 @@ void AgentProbe::ProbeAll() {
 
 // What goes wrong is the finding.
 void AgentProbe::Probe(uint32_t pid) {
-    AgentHealth health{pid, {}, clocks_.WallNow(), true, 0, health_level::kGood, {}, {}};
+    AgentHealth health{pid, {}, clocks_.WallNow(), true, true, 0, health_level::kGood, {}, {}};
     const host::SteadyTime start = clocks_.SteadyNow();
     const bool wasSetAside = line_.Silent().IsSetAside(pid);
     try {
@@ -62,6 +63,7 @@ void AgentProbe::Probe(uint32_t pid) {
     health.answerMs = static_cast<uint32_t>(took.count());
     const host::MutexLock lock(mutex_);
     const auto before = probed_.find(pid);
+    health.hasAnswered = health.answers || (before != probed_.end() && before->second.hasAnswered);
     if (const bool answered = before == probed_.end() || before->second.answers; answered != health.answers) {
         host::Log().warn("the agent of process {} {}", pid,
                          health.answers ? "answers again" : "does not answer: " + health.complaint);
@@ -90,7 +92,7 @@ void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
     health.worstLevel = worst;
     for (uint32_t i = 0; i < itemNum; ++i) {
         const auto &[level, name, source, lookedAt, found] = items[i];
-        if (level == health_level::kGood) {
+        if (level == health_level::kGood || level == system_health_level::kUnknown) {
             continue;
         }
         if (health.complaint.empty()) {
@@ -99,6 +101,9 @@ void AgentProbe::Ask(uint32_t pid, AgentHealth &health) {
         if (const auto trouble = TroubleOf(host::TextOf(name))) {
             health.troubles[*trouble] = host::TextOf(found);
         }
+    }
+    if (worst == system_health_level::kUnknown) {
+        health.complaint = "none of its items is known";
     }
 }
 

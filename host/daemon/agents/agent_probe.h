@@ -22,6 +22,7 @@ struct AgentHealth {
     std::string name;
     host::WallTime lookedAt;
     bool answers;
+    bool hasAnswered;                          // since it registered: else there may be none
     uint32_t answerMs;                         // how long it took
     uint32_t worstLevel;                       // of what it says
     std::string complaint;                     // the first of its items that is not good; or why it does not answer

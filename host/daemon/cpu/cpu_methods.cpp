@@ -417,11 +417,16 @@ uint32_t GetSysCpuMonitorHistoryInfo(const Tarn_sys_diag_SysCpuMonitorHistoryInf
 }
 
 uint32_t GetKpiCpuInfo(const Tarn_sys_diag_DisOsResourceInfoInput *request, void *replyCtx) {
-    return host::Answer(host::methods::GetKpiCpuInfo, request, replyCtx, [](auto &reply) {
+    return host::Answer(host::methods::GetKpiCpuInfo, request, replyCtx, [&](auto &reply) {
         auto &[name, now, lastMinute, highest, load] = reply.Members();
         host::CopyText(name, "cpu");
-        now = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, {});
-        lastMinute = tarnd::CpuUsePermille(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));
+        now = tarnd::CpuUseOver(tarnd::Daemon::Serving().sampler, {}).permille;
+        const tarnd::CpuUse ofMinute = tarnd::CpuUseOver(tarnd::Daemon::Serving().sampler, std::chrono::minutes(1));
+        lastMinute = ofMinute.permille;
+        if (ofMinute.over < std::chrono::minutes(1)) {
+            const double seconds = std::chrono::duration<double>(ofMinute.over).count();
+            TarnHost_ExplainReply(replyCtx, fmt::format("of the last minute {:.1f} s were sampled", seconds).c_str());
+        }
         highest = tarnd::Daemon::Serving().cpuPeaks.OfSystem().permille;
         load = tarnd::LoadAverage();
     });

@@ -61,10 +61,7 @@ public:
     Examination(const HealthExaminer &of, uint8_t function) : of_(of), function_(function) {}
 
     std::vector<HealthItem> Run() {
-        Look(system_health_item::kCpu, [&](const std::string &name, uint32_t limit) {
-            const uint32_t use = CpuUsePermille(of_.sampler_, std::chrono::seconds(10));
-            AddShare(name, use, limit, "of all CPUs' time in the last 10 s");
-        });
+        Look(system_health_item::kCpu, [&](const std::string &name, uint32_t limit) { AddCpu(name, limit); });
         LookAtPressure(system_health_item::kCpuPressure, "cpu");
         Look(system_health_item::kMemory, [&](const std::string &name, uint32_t limit) {
             AddShare(name, UsedPermille(of_.sampler_.Latest()->system.memory), limit, "of the memory in use");
@@ -90,10 +87,14 @@ private:
               const std::function<void(const std::string &name, uint32_t limit)> &look,
               const std::string &ofItem = "") {
         const auto function = static_cast<uint8_t>(item);
-        if ((function_ != 0 && function_ != function) || !of_.settings_.IsOn(function)) {
+        if (function_ != 0 && function_ != function) {
             return;
         }
         const std::string name = std::string(item.name) + ofItem;
+        if (!of_.settings_.IsOn(function)) {
+            Add(system_health_level::kUnknown, name, "switched off");
+            return;
+        }
         try {
             look(name, of_.settings_.LimitOf(function));
         } catch (const std::system_error &error) {
@@ -114,6 +115,19 @@ private:
         Look(item, [&](const std::string &name, uint32_t limit) {
             AddShare(name, ReadPressure(of_.proc_, resource), limit, "of the last 10 s some task waited");
         });
+    }
+
+    // What was measured over less says little of that time.
+    void AddCpu(const std::string &name, uint32_t limit) {
+        constexpr std::chrono::seconds kInterval{10};
+        const CpuUse use = CpuUseOver(of_.sampler_, kInterval);
+        if (use.over < kInterval) {
+            const double seconds = std::chrono::duration<double>(use.over).count();
+            Add(system_health_level::kUnknown, name,
+                fmt::format("{:.1f} s of {} s have been sampled yet", seconds, kInterval.count()));
+            return;
+        }
+        AddShare(name, use.permille, limit, "of all CPUs' time in the last 10 s");
     }
 
     void AddDisk(const std::string &name, const std::string &directory, uint32_t limit) {
@@ -142,8 +156,11 @@ private:
 
     void AddAgents() {
         for (const AgentHealth &agent : of_.probe_.Health()) {
-            const uint32_t level = agent.answers ? agent.worstLevel : health_level::kBad;
-            const std::string text = !agent.answers            ? "does not answer: " + agent.complaint
+            const uint32_t level = agent.answers       ? agent.worstLevel
+                                   : agent.hasAnswered ? uint32_t{health_level::kBad}
+                                                       : uint32_t{system_health_level::kUnknown};
+            const char *const silence = agent.hasAnswered ? "does not answer: " : "has never answered: ";
+            const std::string text = !agent.answers            ? silence + agent.complaint
                                      : agent.complaint.empty() ? fmt::format("answered after {} ms", agent.answerMs)
                                                                : agent.complaint;
             items_.push_back({level, fmt::format("agent of process {}", agent.pid), agent.name, text, agent.lookedAt});

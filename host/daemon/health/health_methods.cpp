@@ -1,7 +1,6 @@
 // What sets and tells the health of the system.
-#include <algorithm>
-
 #include "host/daemon/agents/relay.h"
+#include "host/meaning/health.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
@@ -21,15 +20,40 @@ Record ToRecord(const HealthItem &item) {
     return record;
 }
 
-void Examine(uint8_t item, host::Reply<Tarn_sys_diag_PadsSystemHealthResult> &reply) {
+using Reply = host::Reply<Tarn_sys_diag_PadsSystemHealthResult>;
+
+void Examine(uint8_t item, Reply &reply) {
     auto &[worst, on, itemNum, items] = reply.Members();
+    worst = host::meaning::system_health_level::kUnknown;
     std::vector<Record> records;
     for (const HealthItem &one : Daemon::Serving().healthExaminer.Examine(item)) {
-        worst = one.level == host::meaning::system_health_level::kUnknown ? worst : std::max(worst, one.level);
+        worst = host::meaning::WorseHealth(worst, one.level);
         records.push_back(ToRecord(one));
     }
     on = Daemon::Serving().healthSettings.AllOn();
     items = reply.Keep(std::move(records), itemNum);
+}
+
+// The agent looks at its items when it is asked; what time it is there says the clock of its process.
+void AskAgent(uint32_t pid, void *replyCtx, Reply &reply) {
+    Daemon &daemon = Daemon::Serving();
+    auto answer = daemon.agentLine.Ask(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), pid, Tarn_sys_diag_None{},
+                                       RelayTimeout(replyCtx));
+    auto &[worst, on, itemNum, items] = answer->record;
+    const std::string now = host::CompactText(daemon.clock.Shown(daemon.clocks.WallNow()));
+    for (uint32_t i = 0; i < itemNum; ++i) {
+        host::CopyText(items[i].acValue3, now);
+    }
+    reply.Members() = answer->record;
+    reply.KeepOwner(std::move(answer));
+}
+
+void Tell(const Tarn_sys_diag_PadsSystemHealthInput &request, void *replyCtx, Reply &reply) {
+    const auto &[item, process] = request;
+    process == 0 ? Examine(item, reply) : AskAgent(process, replyCtx, reply);
+    const Daemon &daemon = Daemon::Serving();
+    TarnHost_ExplainReply(
+        replyCtx, fmt::format("by the daemon's clock, at {}", daemon.clock.Text(daemon.clocks.WallNow())).c_str());
 }
 
 } // namespace
@@ -37,12 +61,8 @@ void Examine(uint8_t item, host::Reply<Tarn_sys_diag_PadsSystemHealthResult> &re
 } // namespace tarnd
 
 uint32_t TarnPadsGetSystemHealthInfoByTarnd(const Tarn_sys_diag_PadsSystemHealthInput *request, void *replyCtx) {
-    if (const auto &[item, process] = *request; process != 0) {
-        return tarnd::Relay(host::methods::TarnPadsGetSystemHealthInfoByTarnd, request, replyCtx,
-                            TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), process, Tarn_sys_diag_None{});
-    }
     return host::Answer(host::methods::TarnPadsGetSystemHealthInfoByTarnd, request, replyCtx,
-                        [&](auto &reply) { tarnd::Examine(request->ucValue, reply); });
+                        [&](auto &reply) { tarnd::Tell(*request, replyCtx, reply); });
 }
 
 uint32_t TarnPadsSetPadsGlobalSwitchByTarnd(const Tarn_sys_diag_PadsGlobalSwitch *request) {

@@ -46,9 +46,9 @@ host::meaning::Choice LevelOf(uint32_t use, uint32_t limit, uint8_t before) {
 
 } // namespace
 
-uint32_t CpuUsePermille(const Sampler &sampler, std::chrono::nanoseconds interval) {
-    const Sampler::Window window = sampler.Last(interval);
-    return BusyPermille(window.from->system.cpu, window.to->system.cpu);
+CpuUse CpuUseOver(const Sampler &sampler, std::chrono::nanoseconds interval) {
+    const auto [from, to] = sampler.LastOfSystem(interval);
+    return {BusyPermille(from.cpu, to.cpu), to.at - from.at};
 }
 
 uint32_t DescriptorUsePermille(const host::procfs::Procfs &proc) {
@@ -71,7 +71,9 @@ ResourceLevels::ResourceLevels(Sampler &sampler, const host::procfs::Procfs &pro
 void ResourceLevels::Look() {
     bool changed = false;
     for (size_t i = 0; i < kResources.size(); ++i) {
-        changed = Note(i, Use(kResources[i].id)) || changed;
+        if (const std::optional<uint32_t> use = Use(kResources[i].id)) {
+            changed = Note(i, *use) || changed;
+        }
     }
     if (changed) {
         for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
@@ -80,10 +82,12 @@ void ResourceLevels::Look() {
     }
 }
 
-uint32_t ResourceLevels::Use(uint32_t resource) const {
+std::optional<uint32_t> ResourceLevels::Use(uint32_t resource) const {
     switch (resource) {
-    case resource::kCpu:
-        return CpuUsePermille(sampler_, kCpuInterval);
+    case resource::kCpu: {
+        const CpuUse use = CpuUseOver(sampler_, kCpuInterval);
+        return use.over < kCpuInterval ? std::nullopt : std::optional(use.permille);
+    }
     case resource::kMemory:
         return UsedPermille(sampler_.Latest()->system.memory);
     default:

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 #include "host/daemon/agents/agent_line.h"
 #include "host/daemon/agents/courier.h"
@@ -16,7 +17,11 @@
 namespace tarnd {
 
 // Shares in permille.
-uint32_t CpuUsePermille(const Sampler &sampler, std::chrono::nanoseconds interval); // of all CPUs together
+struct CpuUse { // of all CPUs together
+    uint32_t permille = 0;
+    std::chrono::nanoseconds over{}; // what it was measured over; may be less than was asked for
+};
+CpuUse CpuUseOver(const Sampler &sampler, std::chrono::nanoseconds interval);
 uint32_t DescriptorUsePermille(const host::procfs::Procfs &proc);
 
 class ResourceLevels {
@@ -33,7 +38,7 @@ private:
 
     void Look();
     bool Note(size_t index, uint32_t use);
-    uint32_t Use(uint32_t resource) const;
+    std::optional<uint32_t> Use(uint32_t resource) const; // none while it is not known
     void BringTo(uint32_t pid);
 
     Sampler &sampler_;

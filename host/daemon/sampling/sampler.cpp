@@ -34,6 +34,12 @@ std::chrono::nanoseconds CpuTimeOfThread() {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
+void RequireTwo(size_t samples) {
+    if (samples < 2) {
+        throw std::system_error(EAGAIN, std::generic_category(), "the second sample has not been taken yet");
+    }
+}
+
 } // namespace
 
 Sampler::Sampler(SampleSource &source, const host::Clocks &clocks, std::chrono::milliseconds interval)
@@ -73,9 +79,7 @@ SamplePtr Sampler::Before(std::chrono::nanoseconds age) const {
 
 Sampler::Window Sampler::Last(std::chrono::nanoseconds age) const {
     const host::MutexLock lock(mutex_);
-    if (whole_.size() < 2) {
-        throw std::system_error(EAGAIN, std::generic_category(), "the second sample has not been taken yet");
-    }
+    RequireTwo(whole_.size());
     const SamplePtr latest = whole_.back();
     const auto &last = whole_[whole_.size() - 2]->system.at;
     return {NewestBefore(std::min(last, latest->system.at - age)), latest};
@@ -85,6 +89,15 @@ SamplePtr Sampler::NewestBefore(host::SteadyTime when) const {
     const auto sample = std::find_if(whole_.rbegin(), whole_.rend(),
                                      [&](const SamplePtr &candidate) { return candidate->system.at <= when; });
     return sample == whole_.rend() ? whole_.front() : *sample;
+}
+
+Sampler::SystemWindow Sampler::LastOfSystem(std::chrono::nanoseconds age) const {
+    const host::MutexLock lock(mutex_);
+    RequireTwo(system_.size());
+    const SystemSample &latest = system_.back();
+    const auto from = std::find_if(system_.rbegin() + 1, system_.rend(),
+                                   [&](const SystemSample &candidate) { return latest.at - candidate.at >= age; });
+    return {from == system_.rend() ? system_.front() : *from, latest};
 }
 
 std::vector<SamplePtr> Sampler::Recent(size_t number) const {

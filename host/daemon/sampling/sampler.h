@@ -66,6 +66,13 @@ public:
     };
     Window Last(std::chrono::nanoseconds age) const;
 
+    // The same of the system alone, as far back as it is kept.
+    struct SystemWindow {
+        SystemSample from;
+        SystemSample to;
+    };
+    SystemWindow LastOfSystem(std::chrono::nanoseconds age) const;
+
     // The whole samples, oldest first, at most the last `number`.
     std::vector<SamplePtr> Recent(size_t number = kWholeSamples) const;
 
