@@ -101,8 +101,13 @@ private:
     static inline termios before_{};
 };
 
-// A reply in the names of its meanings.
-Json Ask(host::Client &client, const char *name, const Json &request = Json::object()) {
+// A reply in the names of its meanings, and what explains it.
+struct Told {
+    Json reply;
+    std::string explanation;
+};
+
+Told Ask(host::Client &client, const char *name, const Json &request = Json::object()) {
     const Method &method = RequireMethod(name);
     const auto message = Encode(FromJson(*method.request, FromNamed(request, *method.meaning->request)));
     const host::CallOutcome outcome = client.Call(kService, 0, name, method.request->hash, message);
@@ -113,7 +118,7 @@ Json Ask(host::Client &client, const char *name, const Json &request = Json::obj
     if (!record) {
         throw Failure(kRefused, fmt::format("{}: the reply is refused", name));
     }
-    return ToNamed(ToJson(*record), *method.meaning->response);
+    return {ToNamed(ToJson(*record), *method.meaning->response), outcome.explanation};
 }
 
 uint64_t Number(const Json &record, const char *member) {
@@ -138,7 +143,8 @@ std::string Id(const Json &record, const char *member) {
     return id == 0 ? "-" : std::to_string(id);
 }
 
-void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
+// What there is to say of the processes does not move them.
+void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory, const std::string &ofProcesses) {
     const Json &all = cpus.at(0);
     out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
                        Share(all, "busy_permille"), Share(all, "user_permille"), Share(all, "system_permille"),
@@ -148,7 +154,7 @@ void PrintCpus(std::ostream &out, const Json &cpus, const Json &memory) {
     for (size_t i = 1; i < cpus.size(); ++i) {
         line += fmt::format("{}{} {}", i == 1 ? "" : "  ", Text(cpus[i], "name"), Share(cpus[i], "busy_permille"));
     }
-    out << line << "\n";
+    out << line << (ofProcesses.empty() ? "" : "  processes: " + host::LineOfText(ofProcesses)) << "\n";
 }
 
 void PrintProcesses(std::ostream &out, Json processes, size_t rows) {
@@ -185,9 +191,11 @@ void PrintThreads(std::ostream &out, const Json &threads) {
 // `rows` of each table.
 std::string Frame(host::Client &client, size_t rows) {
     std::ostringstream out;
-    PrintCpus(out, Ask(client, "MultiCpuUsageQuery").at("cpus"), Ask(client, "GetKpiMemoryInfo"));
-    PrintProcesses(out, Ask(client, "SysCpuStatInfoQuery").at("processes"), rows);
-    PrintThreads(out, Ask(client, "CalculateAllThreadCpuUse", {{"most", rows}}).at("threads"));
+    const Told processes = Ask(client, "SysCpuStatInfoQuery");
+    PrintCpus(out, Ask(client, "MultiCpuUsageQuery").reply.at("cpus"), Ask(client, "GetKpiMemoryInfo").reply,
+              processes.explanation);
+    PrintProcesses(out, processes.reply.at("processes"), rows);
+    PrintThreads(out, Ask(client, "CalculateAllThreadCpuUse", {{"most", rows}}).reply.at("threads"));
     return out.str();
 }
 

@@ -160,6 +160,7 @@ Task ParseStat(std::string_view line) {
     task.majorFaults = static_cast<uint64_t>(field(12));
     task.userTicks = static_cast<uint64_t>(field(14));
     task.systemTicks = static_cast<uint64_t>(field(15));
+    task.childTicks = static_cast<uint64_t>(field(16)) + static_cast<uint64_t>(field(17));
     task.nice = static_cast<int32_t>(field(19));
     task.threadNum = static_cast<uint32_t>(field(20));
     task.startTicks = static_cast<uint64_t>(field(22));

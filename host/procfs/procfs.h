@@ -23,6 +23,7 @@ struct Task {
     bool ofKernel = false;
     uint64_t userTicks = 0;
     uint64_t systemTicks = 0;
+    uint64_t childTicks = 0;  // of children that have ended and were waited for, and of theirs
     uint64_t minorFaults = 0; // page faults that needed no disk
     uint64_t majorFaults = 0; // those that did
     int32_t nice = 0;

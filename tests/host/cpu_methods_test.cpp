@@ -162,6 +162,55 @@ TEST_F(CpuMethodsTest, MeasureOverTheIntervalThatIsAskedFor) {
     EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 2000)->uiValue1, 500) << "until now";
 }
 
+TEST_F(CpuMethodsTest, SayOverWhichTimeTheFirstAnswerIsAfterAPause) {
+    somebodyLooks = false;
+    Pass(1s, 99); // the last sample with processes is that of the first minute's end
+    const auto first = Threads(1000, 0);
+    EXPECT_EQ(first->pstThread[0].usValue1, 500);
+    EXPECT_EQ(first.Reason(), "measured over 40.0 s, not 1.0: so far apart are the samples");
+    EXPECT_EQ(Processes().Reason(), first.Reason());
+    Pass(1s, 2);
+    EXPECT_EQ(Threads(1000, 0).Reason(), "");
+    EXPECT_EQ(Processes().Reason(), "");
+    EXPECT_EQ(Measure(CalculateProcThreadCpuUse, kPid, 1000).Reason(), "");
+}
+
+TEST_F(CpuMethodsTest, SampleProcessesForThresholdsAndWatches) {
+    somebodyLooks = false;
+    const auto readings = [&] {
+        const size_t before = machine.processReadings;
+        Pass(1s, 10);
+        return machine.processReadings - before;
+    };
+    Pass(1s, 61); // attention has faded
+    EXPECT_EQ(readings(), 0);
+    EXPECT_EQ(SetSystem(900, 800, 5), 0);
+    EXPECT_EQ(readings(), 10);
+    EXPECT_EQ(SetSystem(0, 0, 0), 0);
+    EXPECT_EQ(readings(), 0);
+    EXPECT_EQ(SetProcess(kPid, 1, 900, 5), 0);
+    EXPECT_EQ(readings(), 10);
+    EXPECT_EQ(SetProcess(kPid, 0, 0, 0), 0);
+    EXPECT_EQ(readings(), 0);
+    daemon->starvation.Switch(true);
+    EXPECT_EQ(readings(), 10);
+    daemon->starvation.Switch(false);
+    EXPECT_EQ(readings(), 0);
+}
+
+TEST_F(CpuMethodsTest, TellWhichThreadKeepsACpuBusyThatNobodyLookedAt) {
+    somebodyLooks = false;
+    Pass(1s, 70);
+    machine.busyPermille = {0, 1000};
+    machine.processes[kPid].threads[kBusy].runPermille = 900;
+    Pass(1s, 4);
+    const auto events = Events(0, 0, 0);
+    ASSERT_EQ(events->uiEventNum, 1);
+    EXPECT_EQ(events->pstEvent[0].uiDuration, 4000);
+    EXPECT_EQ(events->pstEvent[0].uiTid, kBusy);
+    EXPECT_EQ(events->pstEvent[0].uiThreadUse, 900);
+}
+
 TEST_F(CpuMethodsTest, SayThatTheThreadsOfAProcessWereNotSampled) {
     machine.processes[kPid].threadsError = EMFILE;
     Pass(1s, 2);

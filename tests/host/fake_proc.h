@@ -73,11 +73,11 @@ private:
         constexpr uint32_t kOfKernel = 0x00200000;
         const uint64_t pages = task.residentKb * 1024 / static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
         return fmt::format(
-            "{} ({}) {} {} 0 {} 0 -1 {} {} 0 {} 0 {} {} 0 0 20 {} {} 0 {} 0 {} 0 0 0 0 0 0 0 0 0 0 0 0 0 "
+            "{} ({}) {} {} 0 {} 0 -1 {} {} 0 {} 0 {} {} {} 0 20 {} {} 0 {} 0 {} 0 0 0 0 0 0 0 0 0 0 0 0 0 "
             "17 {} {} {} 0 0 0 0 0 0 0 0 0 0 0\n",
             task.id, task.name, task.state, task.parent, task.session, task.ofKernel ? kOfKernel : 0, task.minorFaults,
-            task.majorFaults, task.userTicks, task.systemTicks, task.nice, task.threadNum, task.startTicks, pages,
-            task.lastCpu, task.realTimePriority, task.policy);
+            task.majorFaults, task.userTicks, task.systemTicks, task.childTicks, task.nice, task.threadNum,
+            task.startTicks, pages, task.lastCpu, task.realTimePriority, task.policy);
     }
 
     const TempDir dir_;

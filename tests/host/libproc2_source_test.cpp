@@ -22,7 +22,7 @@ TEST(LiveSamples, ShowThisProcessAndThisMachine) {
     tarnd::Libproc2Source source(proc);
     const auto pid = static_cast<uint32_t>(getpid());
     const host::procfs::Task before = proc.ReadProcess(pid);
-    const tarnd::Sample sample = source.Read(nullptr);
+    const tarnd::Sample sample = source.Read(tarnd::Reading::kProcesses, nullptr);
     const host::procfs::Task after = proc.ReadProcess(pid);
 
     const tarnd::ProcessSample *const own = sample.Find(pid);
@@ -47,7 +47,7 @@ TEST(LiveSamples, ShowThisProcessAndThisMachine) {
     EXPECT_EQ(sample.system.memory.total, host::procfs::FieldOf(proc.Read("meminfo"), "MemTotal"));
     EXPECT_LT(sample.system.memory.available, sample.system.memory.total);
 
-    const tarnd::Sample next = source.Read(&sample);
+    const tarnd::Sample next = source.Read(tarnd::Reading::kProcesses, &sample);
     EXPECT_GE(next.system.contextSwitches, sample.system.contextSwitches);
 }
 
@@ -67,7 +67,9 @@ TEST(LiveSamples, ShowWhatChildrenUsedThatHaveEnded) {
                       static_cast<double>(ofChildren.ru_utime.tv_usec + ofChildren.ru_stime.tv_usec);
     const double ticks = us * static_cast<double>(host::procfs::TicksPerSecond()) / 1e6;
     EXPECT_GE(ticks, 5);
-    EXPECT_NEAR(static_cast<double>(source.Read(nullptr).Find(static_cast<uint32_t>(getpid()))->childTicks), ticks, 2);
+    EXPECT_NEAR(static_cast<double>(
+                    source.Read(tarnd::Reading::kProcesses, nullptr).Find(static_cast<uint32_t>(getpid()))->childTicks),
+                ticks, 2);
 }
 
 // What the members of a sample must be where nothing changes meanwhile.
@@ -103,7 +105,8 @@ TEST(LiveSamples, HaveEachFigureInItsMember) {
     tarnd::Libproc2Source source(proc);
     std::set<size_t> seen; // those that were once between what they were before and after
     kit::Await("each figure is as /proc tells it", [&] {
-        const std::vector<uint64_t> before = FiguresNow(proc), figures = FiguresOf(source.Read(nullptr)),
+        const std::vector<uint64_t> before = FiguresNow(proc),
+                                    figures = FiguresOf(source.Read(tarnd::Reading::kProcesses, nullptr)),
                                     after = FiguresNow(proc);
         for (size_t i = 0; i < figures.size(); ++i) {
             const auto [least, most] = std::minmax(before[i], after[i]);
@@ -113,7 +116,7 @@ TEST(LiveSamples, HaveEachFigureInItsMember) {
         }
         return seen.size() == figures.size();
     });
-    for (const tarnd::CpuSample &cpu : source.Read(nullptr).cpus) {
+    for (const tarnd::CpuSample &cpu : source.Read(tarnd::Reading::kProcesses, nullptr).cpus) {
         const std::string name = "cpu" + std::to_string(cpu.id);
         EXPECT_NE(proc.Read("stat").find("\n" + name + " "), std::string::npos) << name;
     }

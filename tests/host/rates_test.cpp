@@ -17,7 +17,7 @@ tarnd::ProcessSample MakeProcess(uint64_t start, uint64_t ticks, std::vector<tar
 }
 
 TEST(Rates, TellProcessesOfOneIdApart) {
-    const tarnd::Sample before{{}, {}, {MakeProcess(100, 5000, {})}};
+    const tarnd::Sample before{{}, {}, true, {MakeProcess(100, 5000, {})}};
     const tarnd::ProcessSample later = MakeProcess(200, 50, {});
     EXPECT_EQ(before.Find(later), nullptr);
     EXPECT_EQ(tarnd::ProcessPermille(before.Find(later), later, 1s), 50 * 1000 / host::procfs::TicksPerSecond())
@@ -85,7 +85,7 @@ TEST(Rates, CountThreadsThatCameOrEnded) {
     EXPECT_EQ(uses[2].usedNs, 70);
     EXPECT_EQ(tarnd::ProcessUsedNs(&from, to, uses), tarnd::TicksToNs(98)) << "by threads that have ended";
     EXPECT_EQ(tarnd::ProcessUsedNs(&from, from, tarnd::ThreadUses(&from, from)), 0);
-    const tarnd::Sample before{{}, {}, {from}}, after{{}, {}, {to}};
+    const tarnd::Sample before{{}, {}, true, {from}}, after{{}, {}, true, {to}};
     EXPECT_EQ(tarnd::Busiest(before, after), &after.processes[0]);
     EXPECT_EQ(tarnd::Busiest(before, before), nullptr);
 }

@@ -100,7 +100,7 @@ TEST_F(SamplerTest, KeepsThreadsNoLongerThanWholeSamples) {
 TEST_F(SamplerTest, IsDrivenSoonAfterTheStart) {
     Sampler hourly(machine, clocks, 1h);
     const tarnd::SampleDriver driver(hourly);
-    kit::Await("there are rates", [&] { return hourly.Recent().size() == 2; });
+    kit::Await("there are rates", [&] { return hourly.TheCost().samples == 2; });
 }
 
 TEST_F(SamplerTest, RemembersNothingOfAProcessThatHadTheIdBefore) {
@@ -141,10 +141,73 @@ TEST_F(SamplerTest, CallsItsHooksInOrderAndOutlivesWhatTheyThrow) {
     EXPECT_EQ(calls[2].second, sampler.Latest());
 }
 
+// ---- While nobody looks at processes ----
+
+class UnwatchedTest : public SamplerTest {
+protected:
+    UnwatchedTest() {
+        machine.Add(kPid, "worker", 500);
+        somebodyLooks = false;
+        Pass(1s, 150); // the last sample with processes is that of the 120th second
+        machine.processReadings = 0;
+    }
+};
+
+TEST_F(UnwatchedTest, ProcessesAreSampledEachMinute) {
+    Pass(1s, 600);
+    EXPECT_EQ(machine.processReadings, 10);
+    EXPECT_EQ(sampler.LastOfSystem(10s).to.at, clocks.SteadyNow());
+    EXPECT_FALSE(sampler.Latest()->hasProcesses);
+    EXPECT_EQ(sampler.LastTwo().Length(), 1s) << "the system is sampled each second";
+    EXPECT_EQ(sampler.Last({}).Length(), 60s);
+    EXPECT_EQ(sampler.HistoryOf(kPid).size(), 12);
+}
+
+TEST_F(UnwatchedTest, ProcessesAreSampledForWhoLooksAndForAWhile) {
+    clocks.Advance(500ms);
+    sampler.Look();
+    EXPECT_EQ(machine.processReadings, 1) << "at once";
+    EXPECT_EQ(sampler.Last({}).Length(), 30500ms);
+    sampler.Look();
+    EXPECT_EQ(machine.processReadings, 1) << "it is as young as can be";
+    Pass(1s, 59);
+    EXPECT_EQ(machine.processReadings, 60);
+    EXPECT_EQ(sampler.Last({}).Length(), 1s);
+    Pass(1s, 30);
+    EXPECT_EQ(machine.processReadings, 60) << "nobody has looked since";
+}
+
+TEST_F(UnwatchedTest, AShareIsOfNoLessThanHalfAnInterval) {
+    sampler.Look();
+    Pass(400ms);
+    EXPECT_EQ(sampler.Last({}).Length(), 30400ms);
+    Pass(100ms);
+    EXPECT_EQ(sampler.Last({}).Length(), 500ms);
+}
+
+TEST_F(UnwatchedTest, ProcessesAreSampledWhileTheyAreNeeded) {
+    bool needed = false;
+    std::vector<std::chrono::nanoseconds> lengths;
+    sampler.OnProcesses(
+        "in need", [&] { return needed; },
+        [&](const tarnd::SamplePtr &previous, const tarnd::SamplePtr &latest) {
+            EXPECT_TRUE(previous->hasProcesses);
+            lengths.push_back(latest->system.at - previous->system.at);
+        });
+    Pass(1s, 20);
+    EXPECT_EQ(machine.processReadings, 0);
+    needed = true;
+    Pass(1s, 2);
+    sampler.Look(); // does not come between
+    Pass(1s);
+    needed = false;
+    EXPECT_EQ(lengths, (std::vector<std::chrono::nanoseconds>{51s, 1s, 1s}));
+}
+
 TEST_F(SamplerTest, TellsWhatTheLongestSampleTook) {
     struct Slow : tarnd::SampleSource {
         explicit Slow(kit::ManualClocks &of) : time(of) {}
-        tarnd::Sample Read(const tarnd::Sample *) override {
+        tarnd::Sample Read(tarnd::Reading, const tarnd::Sample *) override {
             time.Advance(takes);
             return {};
         }

@@ -67,7 +67,7 @@ public:
         }
     }
 
-    tarnd::Sample Read(const tarnd::Sample *previous) override {
+    tarnd::Sample Read(tarnd::Reading reading, const tarnd::Sample *previous) override {
         if (error != 0) {
             throw std::system_error(error, std::generic_category(), "the machine");
         }
@@ -79,6 +79,10 @@ public:
         sample.system.memory = memory;
         sample.system.contextSwitches = contextSwitches;
         sample.system.runnable = runnable;
+        if (reading == tarnd::Reading::kSystem) {
+            return sample;
+        }
+        ++processReadings;
         for (const auto &[pid, process] : processes) {
             sample.processes.push_back(Describe(pid, process, previous));
         }
@@ -92,6 +96,7 @@ public:
     uint32_t runnable = 0;
     std::map<uint32_t, Process> processes;
     int error = 0; // that a reading fails with
+    size_t processReadings = 0;
 
 private:
     static void Pass(Process &process, Thread &thread, std::chrono::nanoseconds time) {
@@ -152,10 +157,14 @@ struct SampledMachine {
         for (int i = 0; i < times; ++i) {
             machine.Pass(time);
             clocks.Advance(time);
+            if (somebodyLooks) {
+                sampler.Look();
+            }
             sampler.Take();
         }
     }
 
+    bool somebodyLooks = true;
     ManualClocks clocks;
     ScriptedMachine machine;
     tarnd::Sampler sampler{machine, clocks};

@@ -38,6 +38,9 @@ struct SimulatedDaemon {
         for (int i = 0; i < times; ++i) {
             machine.Pass(time);
             clocks.Advance(time);
+            if (somebodyLooks) {
+                daemon->sampler.Look();
+            }
             daemon->sampler.Take();
             RunDue();
         }
@@ -74,6 +77,7 @@ struct SimulatedDaemon {
         return CallMethod<Tarn_sys_diag_AgentRegInfoResult>(AgentRegInfo, request)->uiValue1;
     }
 
+    bool somebodyLooks = true; // at processes, all the time
     const TempDir dir;
     tarnd::Options options;
     ManualClocks clocks;

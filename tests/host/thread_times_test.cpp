@@ -52,7 +52,7 @@ TEST_F(ThreadTimesTest, AreReadInTheOrderOfTheirIds) {
 
 TEST_F(ThreadTimesTest, OfAnIdleProcessAreThoseOfTheSampleBefore) {
     SetThread(kPid + 7, kPid + 7, 100);
-    const tarnd::Sample before{{}, {}, Add({MakeProcess(kPid + 7, 5)})};
+    const tarnd::Sample before{{}, {}, true, Add({MakeProcess(kPid + 7, 5)})};
     SetThread(kPid + 7, kPid + 7, 101);
     EXPECT_EQ(Add({MakeProcess(kPid + 7, 5)}, &before)[0].threads, before.processes[0].threads);
     EXPECT_EQ(Add({MakeProcess(kPid + 7, 6)}, &before)[0].threads->at(0).count.runNs, 101) << "it has used a tick";
@@ -65,7 +65,7 @@ TEST_F(ThreadTimesTest, OfAnIdleProcessAreThoseOfTheSampleBefore) {
 
 // Once there was no descriptor left for the threads of a process that has done nothing since.
 TEST_F(ThreadTimesTest, AreReadAgainWhereTheyCouldNotBeRead) {
-    const tarnd::Sample before{{}, {}, Add({MakeProcess(kPid + 7, 5)})};
+    const tarnd::Sample before{{}, {}, true, Add({MakeProcess(kPid + 7, 5)})};
     EXPECT_EQ(before.processes[0].threads, nullptr);
     EXPECT_EQ(before.processes[0].threadsError, ESRCH);
     SetThread(kPid + 7, kPid + 7, 100);

@@ -109,7 +109,11 @@ void CpuEvents::Take(const SamplePtr &previous, const SamplePtr &latest) {
         if (!on || UsePermille(*previous, cpu) < limit) {
             busy_.erase(cpu.id);
         } else {
-            Follow(busy_.try_emplace(cpu.id, Busy{previous}).first->second, cpu, latest);
+            const auto [busy, begins] = busy_.try_emplace(cpu.id, Busy{previous, previous});
+            if (begins && !previous->hasProcesses) {
+                busy->second.processes = sampler_.WithProcesses();
+            }
+            Follow(busy->second, cpu, latest);
         }
     }
 }
@@ -125,10 +129,10 @@ void CpuEvents::Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest
     event.cpu = cpu.id;
     event.usePermille = UsePermille(*busy.since, cpu);
     event.pressurePermille = PressureNow(proc_);
-    const SamplePtr recent = sampler_.Before(kRecent);
-    event.overall = BusiestOn(cpu.id, *busy.since, *latest, proc_);
-    event.lately =
-        recent->system.at <= busy.since->system.at ? event.overall : BusiestOn(cpu.id, *recent, *latest, proc_);
+    const SamplePtr now = sampler_.WithProcesses(), recent = sampler_.Before(kRecent);
+    const SamplePtr start = busy.processes == now ? sampler_.Last({}).from : busy.processes;
+    event.overall = BusiestOn(cpu.id, *start, *now, proc_);
+    event.lately = recent->system.at <= start->system.at ? event.overall : BusiestOn(cpu.id, *recent, *now, proc_);
     Keep(busy.number, std::move(event));
 }
 

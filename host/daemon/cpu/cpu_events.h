@@ -59,6 +59,7 @@ private:
     // A CPU that has been busy since a sample.
     struct Busy {
         SamplePtr since;
+        SamplePtr processes; // the first sample since that has them
         uint64_t number = 0; // of its event, 0 before it has lasted long enough
     };
 
@@ -66,7 +67,7 @@ private:
     void Follow(Busy &busy, const CpuSample &cpu, const SamplePtr &latest);
     void Keep(uint64_t &number, CpuEvent event);
 
-    const Sampler &sampler_;
+    Sampler &sampler_;
     const HealthSettings &settings_;
     const host::procfs::Procfs &proc_;
     const host::Clocks &clocks_;

@@ -55,16 +55,29 @@ Tarn_sys_diag_OsProcessCpuThread Describe(const ThreadUse &use, uint32_t permill
     return entry;
 }
 
+// Where it is not about what was asked for: nobody asked before, or the daemon has just started.
+void ExplainLength(void *replyCtx, std::chrono::nanoseconds length, std::chrono::nanoseconds asked) {
+    const auto seconds = [](std::chrono::nanoseconds time) { return std::chrono::duration<double>(time).count(); };
+    const auto interval = Daemon::Serving().sampler.Interval();
+    if (length + interval / 2 < asked || length > asked + 2 * interval) {
+        TarnHost_ExplainReply(replyCtx, fmt::format("measured over {:.1f} s, not {:.1f}: so far apart are the samples",
+                                                    seconds(length), seconds(asked))
+                                            .c_str());
+    }
+}
+
 // What a share is stated of.
 enum class Whole { kOneCpu, kAllCpus };
 
-void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, Whole of,
+void MeasureProcess(const Tarn_sys_diag_OsProcessCpuInput &request, void *replyCtx, Whole of,
                     host::Reply<Tarn_sys_diag_OsProcessCpuRet> &reply) {
-    const Daemon &daemon = Daemon::Serving();
+    Daemon &daemon = Daemon::Serving();
     const auto &[process, interval, most] = request;
+    daemon.sampler.Look();
     const SamplePtr sample = daemon.sampler.Before(IntervalOf(interval));
     const ProcessSample now = ReadNow(daemon.proc, process);
     const std::chrono::nanoseconds elapsed = daemon.clocks.SteadyNow() - sample->system.at;
+    ExplainLength(replyCtx, elapsed, IntervalOf(interval));
     const ProcessSample *const before = sample->Find(now);
     if (before != nullptr && before->threads == nullptr) {
         const int error = before->threadsError == 0 ? ENODATA : before->threadsError;
@@ -148,8 +161,11 @@ uint32_t ShareOf(const ThreadUse &use, std::chrono::nanoseconds elapsed) {
     return use.tid == 0 ? Permille(use.usedNs, static_cast<uint64_t>(elapsed.count())) : ThreadPermille(use, elapsed);
 }
 
-std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit) {
+std::vector<Tarn_sys_diag_ThreadCpu> MeasureAllThreads(std::chrono::nanoseconds interval, size_t limit,
+                                                       void *replyCtx) {
+    Daemon::Serving().sampler.Look();
     const Sampler::Window window = Daemon::Serving().sampler.Last(interval);
+    ExplainLength(replyCtx, window.Length(), interval);
     std::vector<ThreadUse> uses = UsesOfAllThreads(window);
     uint64_t shown = 0;
     for (const ThreadUse &use : uses) {
@@ -280,9 +296,11 @@ Tarn_sys_diag_SysCpuStatProc DescribeProcess(const Unattributed &rest) {
     return entry;
 }
 
-std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses() {
-    const Daemon &daemon = Daemon::Serving();
+std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses(void *replyCtx) {
+    Daemon &daemon = Daemon::Serving();
+    daemon.sampler.Look();
     const Sampler::Window window = daemon.sampler.Last({});
+    ExplainLength(replyCtx, window.Length(), daemon.sampler.Interval());
     UserNames users;
     std::vector<Tarn_sys_diag_SysCpuStatProc> processes;
     std::set<std::pair<uint32_t, uint64_t>> there;
@@ -325,7 +343,7 @@ Tarn_sys_diag_MultiCpuUsage Describe(const std::string &cpu, const CpuTicks &fro
 }
 
 std::vector<Tarn_sys_diag_MultiCpuUsage> MeasureCpus() {
-    const Sampler::Window window = Daemon::Serving().sampler.Last({});
+    const Sampler::Window window = Daemon::Serving().sampler.LastTwo();
     std::vector<Tarn_sys_diag_MultiCpuUsage> cpus{
         Describe("cpu", window.from->system.cpu, window.to->system.cpu, Daemon::Serving().cpuPeaks.OfSystem())};
     for (const CpuSample &cpu : window.to->cpus) {
@@ -379,24 +397,26 @@ std::vector<Tarn_sys_diag_SysCpuMonitorHistoryInfo> DescribeHistory() {
 
 uint32_t CalculateOsProcCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
     return host::Answer(host::methods::CalculateOsProcCpuUse, request, replyCtx,
-                        [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kAllCpus, reply); });
+                        [&](auto &reply) { tarnd::MeasureProcess(*request, replyCtx, tarnd::Whole::kAllCpus, reply); });
 }
 
 uint32_t CalculateProcThreadCpuUse(const Tarn_sys_diag_OsProcessCpuInput *request, void *replyCtx) {
     return host::Answer(host::methods::CalculateProcThreadCpuUse, request, replyCtx,
-                        [&](auto &reply) { tarnd::MeasureProcess(*request, tarnd::Whole::kOneCpu, reply); });
+                        [&](auto &reply) { tarnd::MeasureProcess(*request, replyCtx, tarnd::Whole::kOneCpu, reply); });
 }
 
 uint32_t CalculateAllThreadCpuUse(const Tarn_sys_diag_ThreadCpuInput *request, void *replyCtx) {
     return host::Answer(host::methods::CalculateAllThreadCpuUse, request, replyCtx, [&](auto &reply) {
         const auto &[interval, most] = *request;
-        reply.pstThread = reply.Keep(tarnd::MeasureAllThreads(tarnd::IntervalOf(interval), most), reply.uiThreadNum);
+        reply.pstThread =
+            reply.Keep(tarnd::MeasureAllThreads(tarnd::IntervalOf(interval), most, replyCtx), reply.uiThreadNum);
     });
 }
 
 uint32_t SysCpuStatInfoQuery(const Tarn_sys_diag_SysCpuStatInfoInput *request, void *replyCtx) {
-    return host::Answer(host::methods::SysCpuStatInfoQuery, request, replyCtx,
-                        [](auto &reply) { reply.pstProc = reply.Keep(tarnd::DescribeProcesses(), reply.uiProcNum); });
+    return host::Answer(host::methods::SysCpuStatInfoQuery, request, replyCtx, [&](auto &reply) {
+        reply.pstProc = reply.Keep(tarnd::DescribeProcesses(replyCtx), reply.uiProcNum);
+    });
 }
 
 uint32_t MultiCpuUsageQuery(const Tarn_sys_diag_MultiCpuUsageInput *request, void *replyCtx) {

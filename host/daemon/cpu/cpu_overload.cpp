@@ -53,8 +53,9 @@ CpuOverload::CpuOverload(host::Store &store, OverloadHistory &history, Journal &
     : store_(store), history_(history), journal_(journal), proc_(proc), readStacks_(std::move(readStacks)),
       lastOfSystem_(history.Last(Overload::Of::kSystem)), lastOfProcess_(history.Last(Overload::Of::kProcess)) {
     Load();
-    sampler.OnSample("CPU overload",
-                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
+    sampler.OnProcesses(
+        "CPU overload", [this] { return NeedsProcesses(); },
+        [this](const SamplePtr &previous, const SamplePtr &latest) { Take(previous, latest); });
 }
 
 void CpuOverload::Load() {
@@ -199,6 +200,12 @@ void CpuOverload::ResetPeaks() {
             thread.highest = 0;
         }
     }
+}
+
+// Who has made it is asked of the time from its begin on.
+bool CpuOverload::NeedsProcesses() const {
+    const host::MutexLock lock(mutex_);
+    return thresholds_.Value().over != 0 || system_.Over() || !watched_.empty();
 }
 
 void CpuOverload::Take(const SamplePtr &previous, const SamplePtr &latest) {

@@ -74,6 +74,7 @@ private:
     void Load();
     void Save() const TARN_REQUIRES(mutex_); // which keeps documents in the order of their changes
     void Change(const Setting<Thresholds> &system) TARN_REQUIRES(mutex_);
+    bool NeedsProcesses() const;
     void Take(const SamplePtr &previous, const SamplePtr &latest);
     void TakeSystem(const SamplePtr &previous, const SamplePtr &latest) TARN_REQUIRES(mutex_);
     void TakeProcess(Watched &watched, const ProcessSample &process, const SamplePtr &previous, const SamplePtr &latest)

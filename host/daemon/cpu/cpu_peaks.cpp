@@ -18,6 +18,9 @@ void Raise(Peak &peak, uint32_t permille, const Sample &sample) {
 CpuPeaks::CpuPeaks(Sampler &sampler) {
     sampler.OnSample("CPU peaks",
                      [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+    sampler.OnProcesses(
+        "CPU peaks of processes", [] { return false; },
+        [this](const SamplePtr &previous, const SamplePtr &latest) { TakeProcesses(*previous, *latest); });
 }
 
 void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
@@ -30,6 +33,10 @@ void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
             }
         }
     }
+}
+
+void CpuPeaks::TakeProcesses(const Sample &previous, const Sample &latest) {
+    const host::MutexLock lock(mutex_);
     std::map<uint32_t, OfOneProcess> running;
     const auto elapsed = latest.system.at - previous.system.at;
     for (const ProcessSample &process : latest.processes) {

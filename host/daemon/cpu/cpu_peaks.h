@@ -1,4 +1,5 @@
-// The highest CPU use of the system, its CPUs and its processes between two samples, since the start or a reset.
+// The highest CPU use of the system, its CPUs and its processes between two samples that have them, since the start or
+// a reset.
 #pragma once
 
 #include <chrono>
@@ -30,6 +31,7 @@ public:
 
 private:
     void Take(const Sample &previous, const Sample &latest);
+    void TakeProcesses(const Sample &previous, const Sample &latest);
 
     struct OfOneProcess {
         uint64_t startTicks = 0;

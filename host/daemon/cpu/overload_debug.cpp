@@ -33,8 +33,9 @@ void LogMemory(const Sample &latest) {
 } // namespace
 
 OverloadDebug::OverloadDebug(Sampler &sampler) {
-    sampler.OnSample("overload debug",
-                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+    sampler.OnProcesses(
+        "overload debug", [this] { return on_ != 0; },
+        [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
 }
 
 void OverloadDebug::Take(const Sample &previous, const Sample &latest) const {

@@ -22,8 +22,14 @@ Starvation::Starvation(host::Store &store, Journal &journal, Sampler &sampler, c
         const host::MutexLock lock(mutex_);
         settings_ = settings;
     });
-    sampler.OnSample("starvation",
-                     [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+    sampler.OnProcesses(
+        "starvation", [this] { return IsOn(); },
+        [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
+}
+
+bool Starvation::IsOn() const {
+    const host::MutexLock lock(mutex_);
+    return settings_.on;
 }
 
 void Starvation::Switch(bool on) {

@@ -49,6 +49,7 @@ private:
         StarvationRecord record;
     };
 
+    bool IsOn() const;
     void Set(const StarvationSettings &settings) TARN_REQUIRES(mutex_);
     void Take(const Sample &previous, const Sample &latest);
     // Throws where the thread has ended or is hidden.

@@ -81,7 +81,7 @@ std::optional<LeakSuspect> MemoryLeaks::Suspect(const ProcessSample &process, ui
 }
 
 std::vector<LeakSuspect> MemoryLeaks::Suspects(const Scope &scope, uint64_t leastKb, const host::Check &check) const {
-    const SamplePtr latest = sampler_.Latest();
+    const SamplePtr latest = sampler_.WithProcesses();
     if (scope.pid != 0 && latest->Find(scope.pid) == nullptr) {
         FailWithoutProcess(scope.pid);
     }
@@ -101,6 +101,7 @@ std::vector<LeakSuspect> MemoryLeaks::Suspects(const Scope &scope, uint64_t leas
 }
 
 std::vector<ProcessPoint> MemoryLeaks::ProcessHistory(const Scope &scope) const {
+    sampler_.WithProcesses();
     std::vector<ProcessPoint> points = sampler_.HistoryOf(scope.pid);
     if (points.empty()) {
         FailWithoutProcess(scope.pid);

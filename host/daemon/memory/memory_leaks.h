@@ -34,7 +34,7 @@ class MemoryLeaks {
 public:
     static constexpr size_t kPatterns = 64;
 
-    MemoryLeaks(const host::Clocks &clocks, const Sampler &sampler) : clocks_(clocks), sampler_(sampler) {}
+    MemoryLeaks(const host::Clocks &clocks, Sampler &sampler) : clocks_(clocks), sampler_(sampler) {}
 
     // From now on only growth counts that is yet to come, of the processes whose names match a pattern; empty: of all.
     // Throws ENOSPC beyond kPatterns.
@@ -60,7 +60,7 @@ private:
     std::optional<LeakSuspect> Suspect(const ProcessSample &process, uint32_t seconds) const;
 
     const host::Clocks &clocks_;
-    const Sampler &sampler_;
+    Sampler &sampler_;
     mutable host::Mutex mutex_;
     std::map<std::string, host::SteadyTime> marks_ TARN_GUARDED_BY(mutex_);
 };

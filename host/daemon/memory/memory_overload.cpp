@@ -46,7 +46,7 @@ Setting<MemoryThresholds> Kept(host::Store &store) {
 } // namespace
 
 MemoryOverload::MemoryOverload(host::Store &store, Journal &journal, Sampler &sampler)
-    : store_(store), journal_(journal), thresholds_(Kept(store)) {
+    : store_(store), journal_(journal), sampler_(sampler), thresholds_(Kept(store)) {
     sampler.OnSample("memory overload", [this](const SamplePtr &, const SamplePtr &latest) { Take(*latest); });
 }
 
@@ -107,7 +107,8 @@ void MemoryOverload::Take(const Sample &sample) {
     record_.lasts = over;
     record_.overloads += over ? 1 : 0;
     MemoryEvent event{sample.system.time, over, used, 0, {}, 0};
-    if (const ProcessSample *const largest = LargestProcess(sample)) {
+    const SamplePtr processes = sampler_.WithProcesses();
+    if (const ProcessSample *const largest = LargestProcess(*processes)) {
         event.pid = largest->pid;
         event.name = largest->name;
         event.rssKb = largest->rssKb;

@@ -60,6 +60,7 @@ private:
 
     host::Store &store_;
     Journal &journal_;
+    Sampler &sampler_;
     mutable host::Mutex mutex_;
     Setting<MemoryThresholds> thresholds_ TARN_GUARDED_BY(mutex_);
     Record record_ TARN_GUARDED_BY(mutex_);

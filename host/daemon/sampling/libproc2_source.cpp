@@ -1,21 +1,14 @@
 #include "host/daemon/sampling/libproc2_source.h"
 
 #include <libproc2/meminfo.h>
-#include <libproc2/pids.h>
 #include <libproc2/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <system_error>
 
 namespace tarnd {
 
 namespace {
-
-constexpr std::array<pids_item, 8> kProcessItems{PIDS_ID_PID,     PIDS_NLWP, PIDS_TICS_BEGAN, PIDS_TICS_ALL,
-                                                 PIDS_TICS_ALL_C, PIDS_RSS,  PIDS_STATE,      PIDS_CMD};
-enum ProcessItem { kPid, kThreadNum, kStart, kTicks, kTicksWithChildren, kRss, kState, kName };
 
 constexpr std::array<stat_item, 8> kCpuItems{STAT_TIC_ID,      STAT_TIC_SUM_USER, STAT_TIC_SYSTEM, STAT_TIC_IRQ,
                                              STAT_TIC_SOFTIRQ, STAT_TIC_STOLEN,   STAT_TIC_IDLE,   STAT_TIC_IOWAIT};
@@ -52,34 +45,13 @@ CpuTicks TicksOf(const stat_stack *stack) {
     return cpu;
 }
 
-ProcessSample ProcessOf(const pids_stack *stack) {
-    const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
-    const auto item = [&](ProcessItem which) -> const auto & {
-        return stack->head[which].result;
-    };
-    ProcessSample process;
-    process.pid = static_cast<uint32_t>(item(kPid).s_int);
-    process.threadNum = static_cast<uint32_t>(item(kThreadNum).s_int);
-    process.startTicks = item(kStart).ull_int;
-    process.cpuTicks = item(kTicks).ull_int;
-    process.childTicks = item(kTicksWithChildren).ull_int - process.cpuTicks;
-    process.rssKb = item(kRss).ul_int * pageKb;
-    process.state = static_cast<char>(item(kState).s_ch);
-    process.name = item(kName).str;
-    return process;
-}
-
 } // namespace
 
 struct Libproc2Source::Handles {
-    pids_info *processes = nullptr;
     stat_info *cpus = nullptr;
     meminfo_info *memory = nullptr;
 
     ~Handles() {
-        if (processes != nullptr) {
-            procps_pids_unref(&processes);
-        }
         if (cpus != nullptr) {
             procps_stat_unref(&cpus);
         }
@@ -90,26 +62,26 @@ struct Libproc2Source::Handles {
 };
 
 Libproc2Source::Libproc2Source(const host::procfs::Procfs &proc)
-    : handles_(std::make_unique<Handles>()), threads_(proc) {
-    std::array items = kProcessItems; // the library wants no constants, but does not change them
-    Check(procps_pids_new(&handles_->processes, items.data(), items.size()), "the list of processes");
+    : handles_(std::make_unique<Handles>()), processes_(proc), threads_(proc) {
     Check(procps_stat_new(&handles_->cpus), "/proc/stat");
     Check(procps_meminfo_new(&handles_->memory), "/proc/meminfo");
 }
 
 Libproc2Source::~Libproc2Source() = default;
 
-Sample Libproc2Source::Read(const Sample *previous) {
+Sample Libproc2Source::Read(Reading reading, const Sample *previous) {
     Sample sample;
     ReadCpus(sample);
     ReadMemory(sample.system.memory);
-    ReadProcesses(sample.processes);
-    threads_.AddThreads(sample.processes, previous);
+    if (reading != Reading::kSystem) {
+        sample.processes = processes_.Read(reading == Reading::kProcessesAnew ? nullptr : previous);
+        threads_.AddThreads(sample.processes, previous);
+    }
     return sample;
 }
 
 void Libproc2Source::ReadCpus(Sample &sample) {
-    std::array items = kCpuItems;
+    std::array items = kCpuItems; // the library wants no constants, but does not change them
     const stat_reaped *const read =
         Check(procps_stat_reap(handles_->cpus, STAT_REAP_CPUS_ONLY, items.data(), items.size()), "/proc/stat");
     sample.system.cpu = TicksOf(read->summary);
@@ -134,16 +106,6 @@ void Libproc2Source::ReadMemory(MemorySample &memory) {
     for (size_t i = 0; i < std::size(to); ++i) {
         *to[i] = read->head[i].result.ul_int;
     }
-}
-
-void Libproc2Source::ReadProcesses(std::vector<ProcessSample> &processes) {
-    const pids_fetch *const read =
-        Check(procps_pids_reap(handles_->processes, PIDS_FETCH_TASKS_ONLY), "the list of processes");
-    for (int i = 0; i < read->counts->total; ++i) {
-        processes.push_back(ProcessOf(read->stacks[i]));
-    }
-    std::sort(processes.begin(), processes.end(),
-              [](const ProcessSample &a, const ProcessSample &b) { return a.pid < b.pid; });
 }
 
 } // namespace tarnd

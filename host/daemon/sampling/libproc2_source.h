@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "host/daemon/sampling/process_reader.h"
 #include "host/daemon/sampling/sample_source.h"
 #include "host/daemon/sampling/thread_times.h"
 
@@ -15,15 +16,15 @@ public:
     Libproc2Source(const Libproc2Source &) = delete;
     Libproc2Source &operator=(const Libproc2Source &) = delete;
 
-    Sample Read(const Sample *previous) override;
+    Sample Read(Reading reading, const Sample *previous) override;
 
 private:
     void ReadCpus(Sample &sample);
     void ReadMemory(MemorySample &memory);
-    void ReadProcesses(std::vector<ProcessSample> &processes);
 
     struct Handles;
     const std::unique_ptr<Handles> handles_;
+    const ProcessReader processes_;
     ThreadSampler threads_;
 };
 

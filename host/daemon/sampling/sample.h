@@ -51,6 +51,7 @@ struct ProcessSample {
     uint32_t threadNum = 0;
     uint64_t startTicks = 0; // since the system started; tells apart two processes that had the same id
     uint64_t cpuTicks = 0;
+    uint64_t cpuNs = 0;      // the same by the process's own clock, a little earlier; 0: not known
     uint64_t childTicks = 0; // of children that have ended and were waited for, and of theirs
     uint64_t rssKb = 0;
     char state = 0; // as procfs::Task has it
@@ -74,6 +75,7 @@ struct SystemSample {
 struct Sample {
     SystemSample system;
     std::vector<CpuSample> cpus;
+    bool hasProcesses = false;            // else they were not read; the sampler says so
     std::vector<ProcessSample> processes; // in rising order of their ids
 
     // Null when there was no such process.

@@ -5,13 +5,18 @@
 
 namespace tarnd {
 
+enum class Reading {
+    kSystem,
+    kProcesses,     // too, those that have been idle as `previous` has them
+    kProcessesAnew, // all
+};
+
 class SampleSource {
 public:
     virtual ~SampleSource() = default;
 
-    // A reading of all but the time. `previous`, which may be null, has what is known of processes that have been idle
-    // since. Throws when it can't. For one thread at a time.
-    virtual Sample Read(const Sample *previous) = 0;
+    // A reading of all but the time. `previous` may be null. Throws when it can't. For one thread at a time.
+    virtual Sample Read(Reading reading, const Sample *previous) = 0;
 };
 
 } // namespace tarnd

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "host/osal/attempt.h"
 #include "host/osal/log.h"
@@ -44,7 +45,8 @@ void RequireTwo(size_t samples) {
 
 Sampler::Sampler(SampleSource &source, const host::Clocks &clocks, std::chrono::milliseconds interval)
     : source_(source), clocks_(clocks), interval_(interval) {
-    Read(nullptr);
+    const host::MutexLock reading(readMutex_);
+    KeepTick(lastProcesses_ = Read(Reading::kProcessesAnew));
 }
 
 Sampler::~Sampler() {
@@ -56,20 +58,60 @@ Sampler::~Sampler() {
 }
 
 void Sampler::OnSample(const char *name, Hook hook) {
-    hooks_.emplace_back(name, std::move(hook));
+    followers_.push_back({name, {}, std::move(hook)});
+}
+
+void Sampler::OnProcesses(const char *name, Need need, Hook hook) {
+    followers_.push_back({name, std::move(need), std::move(hook)});
+}
+
+Reading Sampler::NextReading() const {
+    if (ticks_ % kCoarseEvery == 0) {
+        return Reading::kProcessesAnew;
+    }
+    const bool needed = std::ranges::any_of(
+        followers_, [](const Follower &follower) { return follower.need != nullptr && follower.need(); });
+    return needed || clocks_.SteadyNow() < attentionUntil_.load() ? Reading::kProcesses : Reading::kSystem;
 }
 
 void Sampler::Take() {
+    const Reading reading = NextReading();
     const SamplePtr previous = Latest();
-    const SamplePtr latest = Read(previous.get());
-    for (const auto &[name, hook] : hooks_) {
-        host::Attempt(name, [&, &call = hook] { call(previous, latest); });
+    const SamplePtr latest = [&] {
+        const host::MutexLock one(readMutex_);
+        const SamplePtr sample = Read(reading);
+        KeepTick(sample);
+        return sample;
+    }();
+    const SamplePtr before = latest->hasProcesses ? std::exchange(lastProcesses_, latest) : nullptr;
+    for (const Follower &follower : followers_) {
+        if (follower.need == nullptr) {
+            host::Attempt(follower.name, [&] { follower.hook(previous, latest); });
+        } else if (latest->hasProcesses) {
+            host::Attempt(follower.name, [&] { follower.hook(before, latest); });
+        }
     }
+}
+
+void Sampler::Look() {
+    attentionUntil_ = clocks_.SteadyNow() + kAttention;
+    WithProcesses();
+}
+
+SamplePtr Sampler::WithProcesses() {
+    const host::MutexLock one(readMutex_);
+    {
+        const host::MutexLock lock(mutex_);
+        if (whole_.back()->system.at >= latest_->system.at) {
+            return whole_.back();
+        }
+    }
+    return Read(Reading::kProcesses);
 }
 
 SamplePtr Sampler::Latest() const {
     const host::MutexLock lock(mutex_);
-    return whole_.back();
+    return latest_;
 }
 
 SamplePtr Sampler::Before(std::chrono::nanoseconds age) const {
@@ -82,7 +124,14 @@ Sampler::Window Sampler::Last(std::chrono::nanoseconds age) const {
     RequireTwo(whole_.size());
     const SamplePtr latest = whole_.back();
     const auto &last = whole_[whole_.size() - 2]->system.at;
-    return {NewestBefore(std::min(last, latest->system.at - age)), latest};
+    const std::chrono::nanoseconds least = std::max<std::chrono::nanoseconds>(age, interval_ / 2);
+    return {NewestBefore(std::min(last, latest->system.at - least)), latest};
+}
+
+Sampler::Window Sampler::LastTwo() const {
+    const host::MutexLock lock(mutex_);
+    RequireTwo(system_.size());
+    return {previous_, latest_};
 }
 
 SamplePtr Sampler::NewestBefore(host::SteadyTime when) const {
@@ -141,26 +190,42 @@ Sampler::Cost Sampler::TheCost() const {
     return cost_;
 }
 
-SamplePtr Sampler::Read(const Sample *previous) {
+SamplePtr Sampler::Read(Reading reading) {
+    const SamplePtr previous = [this]() -> SamplePtr {
+        const host::MutexLock lock(mutex_);
+        return whole_.empty() ? nullptr : whole_.back();
+    }();
     const std::chrono::nanoseconds cpuStart = CpuTimeOfThread();
     const host::WallTime time = clocks_.WallNow();
     const host::SteadyTime at = clocks_.SteadyNow();
-    auto sample = std::make_shared<Sample>(source_.Read(previous));
+    auto sample = std::make_shared<Sample>(source_.Read(reading, previous.get()));
     sample->system.time = time;
     sample->system.at = at;
+    sample->hasProcesses = reading != Reading::kSystem;
     Keep(sample, CpuTimeOfThread() - cpuStart, clocks_.SteadyNow() - at);
     return sample;
 }
 
-void Sampler::Keep(SamplePtr sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed) {
+void Sampler::Keep(const SamplePtr &sample, std::chrono::nanoseconds cpu, std::chrono::nanoseconds elapsed) {
     const host::MutexLock lock(mutex_);
-    if (cost_.samples++ % kCoarseEvery == 0) {
-        Push(coarse_, WithoutThreads(*sample), kCoarseSamples);
-    }
+    ++cost_.samples;
     cost_.cpu += cpu;
     cost_.longest = std::max(cost_.longest, elapsed);
+    if (sample->hasProcesses) {
+        Push(whole_, sample, kWholeSamples);
+        while (sample->system.at - whole_.front()->system.at > interval_ * kSystemSamples) {
+            whole_.pop_front();
+        }
+    }
+}
+
+void Sampler::KeepTick(const SamplePtr &sample) {
+    const host::MutexLock lock(mutex_);
+    if (ticks_++ % kCoarseEvery == 0) {
+        Push(coarse_, WithoutThreads(*sample), kCoarseSamples);
+    }
     Push(system_, sample->system, kSystemSamples);
-    Push(whole_, std::move(sample), kWholeSamples);
+    previous_ = std::exchange(latest_, sample);
 }
 
 } // namespace tarnd

@@ -38,6 +38,7 @@ void ThreadSampler::AddThreads(std::vector<ProcessSample> &processes, const Samp
             break;
         }
         threadNum += process.threadNum;
+        process.threadsError = 0;
         process.threads = ThreadsOfIdle(process, previous);
         if (process.threads == nullptr) {
             Read(process);
