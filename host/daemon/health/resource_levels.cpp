@@ -7,6 +7,7 @@
 #include "host/daemon/memory/memory_use.h"
 #include "host/daemon/sampling/rates.h"
 #include "host/meaning/choices.h"
+#include "host/osal/attempt.h"
 #include "host/osal/error.h"
 #include "host/osal/log.h"
 
@@ -71,9 +72,10 @@ ResourceLevels::ResourceLevels(Sampler &sampler, const host::procfs::Procfs &pro
 void ResourceLevels::Look() {
     bool changed = false;
     for (size_t i = 0; i < kResources.size(); ++i) {
-        if (const std::optional<uint32_t> use = Use(kResources[i].id)) {
-            changed = Note(i, *use) || changed;
-        }
+        host::Attempt("resources", [&] { // one that can't be told keeps nobody from hearing of the others
+            const std::optional<uint32_t> use = Use(kResources[i].id);
+            changed = (use && Note(i, *use)) || changed;
+        });
     }
     if (changed) {
         for (const Subscriptions::Subscription &subscription : subscriptions_.List()) {
