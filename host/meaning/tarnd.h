@@ -26,8 +26,9 @@ RECORD(ProcessStatusOutput,
 
 METHOD(CalculateOsProcCpuUse, Group::kReading,
        "Measures what a process and its threads use of all CPUs, from some time ago until now. What was used before "
-       "comes from the samples that the daemon takes each second, or as --sample-interval says; the last 120 of them "
-       "are kept whole.",
+       "comes from samples of processes, which the daemon takes each second, or as --sample-interval says, while "
+       "somebody asks for them or they are needed, and else with each 60th sample of the system; 120 are kept. "
+       "The reply explains over which time it was measured, where that is not what was asked for.",
        "process=1 interval=2s most=5")
 RECORD(OsProcessCpuInput, {"uiPid", "process", Pid(), "The process."},
        {"uiValue1", "interval", Milliseconds().UpTo(measured_interval::kMostMs).Default(measured_interval::kDefaultMs),
@@ -326,16 +327,19 @@ RECORD(DumpOsProcMemValueResult,
         "read\"."},
        {"uiValue1", "read", Bytes(), "How much was read."})
 
-METHOD(MemLeakOrHisQry, Group::kReading,
-       "Shows which processes may leak memory, what memory was like before, or its overloads. A leak suspect is a "
-       "process whose resident memory was at its lowest higher in each quarter of the time than in the one before.",
-       "report=suspects interval=10m", Duration::kLong)
+METHOD(
+    MemLeakOrHisQry, Group::kReading,
+    "Shows which processes may leak memory, what memory was like before, or its overloads. A leak suspect is a "
+    "process that was seen for 5 minutes at least, whose resident memory was at its lowest higher in each quarter of "
+    "the time than in the one before, and for which a straight line through a point of each minute rises by more than "
+    "two standard errors, which the report tells beside it.",
+    "report=suspects interval=10m", Duration::kLong)
 RECORD(MemLeakQryIn,
        {"uiValue1", "report", OneOf(memory_report::kAll).Default(memory_report::kSuspects), "Which report is wanted."},
        {"uiValue2", "process", Pid().Zero("all suspects, or the system's history"),
         "The process; not looked at for overloads."},
        {"uiValue3", "interval", Seconds().Zero("since the process started, an hour at most"),
-        "The last so much time; not looked at for overloads."},
+        "The last so much time, 5 minutes at least for suspects; not looked at for overloads."},
        {"uiValue4", "limit", Number().Zero("1024 KiB for suspects, 60 lines for the history"),
         "For suspects the least growth in KiB; for the history how many lines to return at most, chosen evenly; not "
         "looked at for overloads."})

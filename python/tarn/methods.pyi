@@ -473,7 +473,7 @@ class SysHealthInfo(Record):
     found: str
 
 class PadsSystemHealthResult(Record):
-    level: Literal["good", "degraded", "bad"] | int
+    level: Literal["good", "degraded", "bad", "unknown"] | int
     on: bool
 
 class PadsCpuEvent(Record):
@@ -607,8 +607,9 @@ class Methods:
         most: int = ...,
     ) -> OsProcessCpuRet:
         """Measures what a process and its threads use of all CPUs, from some time ago until now. What was used before
-        comes from the samples that the daemon takes each second, or as --sample-interval says; the last 120 of them are
-        kept whole.
+        comes from samples of processes, which the daemon takes each second, or as --sample-interval says, while
+        somebody asks for them or they are needed, and else with each 60th sample of the system; 120 are kept. The reply
+        explains over which time it was measured, where that is not what was asked for.
         """
     @overload
     def call(
@@ -621,7 +622,11 @@ class Methods:
         most: int = ...,
     ) -> ThreadCpuRet:
         """Measures what the threads of all processes that may be seen use of one CPU, from some time ago until the
-        latest sample. It fails with 11 EAGAIN in the first tenth of a second of the daemon, which has one sample then.
+        latest sample. What no thread has used that runs still is there as well, in elements without a thread, so that
+        the shares of all add up to what the system used: what threads had of a process that have ended, in one for the
+        process; what processes had that have ended, named "(ended)"; "(interrupts)"; time "(stolen)" by a hypervisor;
+        and "(other)" that the system counted. It fails with 11 EAGAIN in the first tenth of a second of the daemon,
+        which has one sample then.
         """
     @overload
     def call(
@@ -655,8 +660,11 @@ class Methods:
         *,
         deadline: float | None = ...,
     ) -> SysCpuStatInfo:
-        """Shows what all processes that may be seen use of the CPUs, with their states, users and programs. It fails
-        with 11 EAGAIN in the first tenth of a second of the daemon, which has one sample then.
+        """Shows what all processes that may be seen use of the CPUs, with their states, users and programs. Behind them
+        is what no running process used: elements with the process 0, so that the shares of all add up to what the
+        system used. They are named "(ended)", for processes that have ended since; "(interrupts)"; "(stolen)", by a
+        hypervisor; and "(other)", for what the system counted besides. It fails with 11 EAGAIN in the first tenth of a
+        second of the daemon, which has one sample then.
         """
     @overload
     def call(
@@ -865,7 +873,9 @@ class Methods:
         limit: int = ...,
     ) -> MemLeakQryOut:
         """Shows which processes may leak memory, what memory was like before, or its overloads. A leak suspect is a
-        process whose resident memory was at its lowest higher in each quarter of the time than in the one before.
+        process that was seen for 5 minutes at least, whose resident memory was at its lowest higher in each quarter of
+        the time than in the one before, and for which a straight line through a point of each minute rises by more than
+        two standard errors, which the report tells beside it.
         """
     @overload
     def call(
@@ -1416,7 +1426,8 @@ class Methods:
             "agents", "cpu-event", "cpu-event-time"] | int = ...,
         process: int = ...,
     ) -> PadsSystemHealthResult:
-        """Looks at the health of the system, or at that of a process, by its agent.
+        """Looks at the health of the system, or at that of a process, by its agent. Times are the daemon's, also of
+        what an agent tells; the reply explains how far they are from GMT.
         """
     @overload
     def call(

@@ -63,11 +63,11 @@ protected:
     }
     static std::string Row(uint32_t pid, const std::string &name, uint64_t rss, uint64_t grown, uint64_t rate,
                            uint64_t over) {
-        return fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}\n", pid, name, rss, grown, rate, over);
+        return fmt::format("{:>8} {:<16} {:>12} {:>12} {:>10} {:>8} {:>8}\n", pid, name, rss, grown, rate, 0, over);
     }
 
-    const std::string suspects_ = fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}\n", "PID", "NAME", "RSS KiB",
-                                              "GROWN KiB", "KiB/min", "OVER s");
+    const std::string suspects_ = fmt::format("{:>8} {:<16} {:>12} {:>12} {:>10} {:>8} {:>8}\n", "PID", "NAME",
+                                              "RSS KiB", "GROWN KiB", "KiB/min", "+/-", "OVER s");
 };
 
 TEST_F(MemoryWatchTest, IndicatesTheUseOfMemory) {
@@ -233,40 +233,83 @@ TEST_F(MemoryWatchTest, SuspectsWhatGrowsAndGrows) {
     machine.Add(13, "wave");
     machine.Add(14, "slow");
     Pass(1s);
-    for (int i = 0; i < 40; ++i) {
+    for (uint64_t i = 0; i < 600; ++i) {
         machine.processes.at(11).rssKb += 100;
         machine.processes.at(12).rssKb = i < 3 ? 1000 : 500'000;
-        machine.processes.at(13).rssKb = 1000 + static_cast<uint64_t>(i % 9) * 10'000;
+        machine.processes.at(13).rssKb = 1000 + i % 90 * 10'000;
         machine.processes.at(14).rssKb += 33;
         Pass(1s);
     }
-    // Of 41 samples, 1 s apart, the last quarter begins with that of the 31st second.
-    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40))
-        << "1023 is too little";
-    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 1023),
-              suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40) + Row(14, "slow", 2320, 1023, 1534, 40));
-    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 3100), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40));
-    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 3101), suspects_);
-    EXPECT_EQ(Text(memory_report::kSuspects, 11, 0, 1), suspects_ + Row(11, "le aky", 5000, 3100, 4650, 40));
+    // Of the points of 10 minutes the last quarter begins with the eighth.
+    const std::string leaky = Row(11, "le aky", 61'000, 42'000, 6000, 540);
+    const std::string slow = Row(14, "slow", 20'800, 13'860, 1980, 540);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + leaky + slow);
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 13'860), suspects_ + leaky + slow);
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 13'861), suspects_ + leaky);
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 42'001), suspects_);
+    EXPECT_EQ(Text(memory_report::kSuspects, 11), suspects_ + leaky);
     EXPECT_EQ(Text(memory_report::kSuspects, 10, 0, 1), suspects_);
-    EXPECT_EQ(Text(memory_report::kSuspects, 11, 20, 1), suspects_ + Row(11, "le aky", 5000, 1600, 4800, 20));
-    EXPECT_EQ(Text(memory_report::kSuspects, 11, 2, 1), suspects_) << "too few points for four quarters";
+    EXPECT_EQ(Text(memory_report::kSuspects, 11, 400), suspects_ + Row(11, "le aky", 61'000, 30'000, 6000, 360));
+    EXPECT_EQ(Query(memory_report::kSuspects, 11, 299).Reason(),
+              "interval (uiValue3) is 299 s, expected at least 300 s for suspects");
     EXPECT_EQ(Query(memory_report::kSuspects, 99).Status(), ESRCH);
     EXPECT_EQ(Query(memory_report::kSuspects, 0, 0, 0, ECANCELED).Status(), ECANCELED);
+}
+
+TEST_F(MemoryWatchTest, SuspectsNobodyWhoHasJustStarted) {
+    Pass(1s, 600);
+    machine.Add(10, "compiler");
+    Grow(10, 20'000, 5);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_);
+    Grow(10, 20'000, 350);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_) << "its first and last minute are 5 minutes apart next";
+    Grow(10, 20'000, 10);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(10, "compiler", 7'301'000, 4'800'000, 1'200'000, 300));
+}
+
+// Of one minute in five somebody looks: the points are closer together then, and the growth is no other.
+TEST_F(MemoryWatchTest, SuspectsTheSameWhoeverLooks) {
+    machine.Add(10, "leaky");
+    Pass(1s);
+    for (int i = 0; i < 600; ++i) {
+        somebodyLooks = i % 300 < 60;
+        Grow(10, 100, 1);
+    }
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(10, "leaky", 61'000, 42'000, 6000, 540));
+}
+
+TEST(MemoryTrend, TellsHowSureItIs) {
+    const auto trend = [](const std::vector<uint64_t> &kbEachMinute) {
+        std::vector<tarnd::ProcessPoint> points;
+        for (const uint64_t kb : kbEachMinute) {
+            tarnd::ProcessPoint &point = points.emplace_back();
+            point.at = host::SteadyTime(points.size() * 1min);
+            point.rssKb = kb;
+        }
+        return tarnd::TrendOf(points);
+    };
+    EXPECT_DOUBLE_EQ(trend({100, 110, 120, 130}).kbPerMinute, 10);
+    EXPECT_DOUBLE_EQ(trend({100, 110, 120, 130}).error, 0);
+    EXPECT_DOUBLE_EQ(trend({1, 3, 2, 5, 4}).kbPerMinute, 0.8);
+    EXPECT_NEAR(trend({1, 3, 2, 5, 4}).error, 0.693, 0.001);
+    EXPECT_TRUE(trend({1, 3, 2, 5, 4}).Rises());
+    EXPECT_FALSE(trend({1, 9, 2, 8, 4}).Rises());
+    EXPECT_FALSE(trend({7, 7, 7, 7}).Rises());
+    EXPECT_FALSE(trend({9, 8, 7, 6}).Rises());
 }
 
 TEST_F(MemoryWatchTest, ForgetsGrowthThatIsKnown) {
     machine.Add(10, "leaky");
     machine.Add(11, "other");
     Pass(1s);
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 600; ++i) {
         machine.processes.at(11).rssKb += 200;
         Grow(10, 100, 1);
     }
     EXPECT_EQ(Clear("leak", "lea*"), 0);
-    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(11, "other", 9000, 6200, 9300, 40));
-    Grow(10, 100, 20);
-    EXPECT_EQ(Text(memory_report::kSuspects, 10), suspects_ + Row(10, "leaky", 7000, 1600, 4800, 20));
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + Row(11, "other", 121'000, 84'000, 12'000, 540));
+    Grow(10, 100, 400);
+    EXPECT_EQ(Text(memory_report::kSuspects, 10), suspects_ + Row(10, "leaky", 101'000, 24'000, 6000, 300));
     EXPECT_EQ(Clear("leak"), 0);
     EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 1), suspects_) << "all";
 }
@@ -309,6 +352,17 @@ TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {
                                                               "2023-11-14 22:13:24 +0000         1032        2\n");
     EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 1), head + "2023-11-14 22:13:24 +0000         1032        2\n");
     EXPECT_EQ(Query(memory_report::kHistory, 99).Status(), ESRCH);
+}
+
+// It is sampled each second lately, and was each minute before.
+TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcessAtEvenTimes) {
+    machine.Add(10, "app");
+    Grow(10, 8, 300);
+    const std::string text = Text(memory_report::kHistory, 10, 0, 5);
+    for (const char *const time : {"22:14:20", "22:15:20", "22:16:20", "22:17:20", "22:18:20"}) {
+        EXPECT_NE(text.find(time), text.npos) << time << "\n" << text;
+    }
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6);
 }
 
 TEST_F(MemoryWatchTest, TellsTheHistoryOfTheSystem) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "host/osal/error.h"
 
@@ -43,6 +44,28 @@ std::optional<uint64_t> SteadyGrowth(const std::vector<ProcessPoint> &points) {
     return lowest.back() - lowest.front();
 }
 
+Trend TrendOf(const std::vector<ProcessPoint> &points) {
+    const auto number = static_cast<double>(points.size());
+    const auto minutes = [&](const ProcessPoint &point) {
+        return std::chrono::duration<double, std::ratio<60>>(point.at - points.front().at).count();
+    };
+    double meanTime = 0, meanKb = 0;
+    for (const ProcessPoint &point : points) {
+        meanTime += minutes(point) / number;
+        meanKb += static_cast<double>(point.rssKb) / number;
+    }
+    double ofTime = 0, ofBoth = 0, ofKb = 0; // sums of squares and products
+    for (const ProcessPoint &point : points) {
+        const double time = minutes(point) - meanTime, kb = static_cast<double>(point.rssKb) - meanKb;
+        ofTime += time * time;
+        ofBoth += time * kb;
+        ofKb += kb * kb;
+    }
+    const double slope = ofBoth / ofTime;
+    const double besideTheLine = std::max(ofKb - slope * ofBoth, 0.0);
+    return {slope, 2 * std::sqrt(besideTheLine / (number - 2) / ofTime)};
+}
+
 void MemoryLeaks::Mark(const std::string &pattern) {
     const host::MutexLock lock(mutex_);
     if (pattern.empty()) {
@@ -70,14 +93,31 @@ host::SteadyTime MemoryLeaks::WindowStart(uint32_t seconds) const {
     return seconds == 0 ? host::SteadyTime{} : clocks_.SteadyNow() - std::chrono::seconds(seconds);
 }
 
+// The points of a process are closer together where somebody looked.
+std::vector<ProcessPoint> MemoryLeaks::EvenPoints(uint32_t pid, host::SteadyTime since) const {
+    const std::chrono::nanoseconds step = sampler_.Interval() * Sampler::kCoarseEvery;
+    const std::chrono::nanoseconds early = sampler_.Interval() / 2; // samples are not to the nanosecond
+    std::vector<ProcessPoint> even;
+    for (const ProcessPoint &point : Since(since, sampler_.HistoryOf(pid))) {
+        if (even.empty() || point.at - even.back().at >= step - early) {
+            even.push_back(point);
+        }
+    }
+    return even;
+}
+
 std::optional<LeakSuspect> MemoryLeaks::Suspect(const ProcessSample &process, uint32_t seconds) const {
     const auto since = std::max(WindowStart(seconds), MarkOf(process.name));
-    const std::vector<ProcessPoint> points = Since(since, sampler_.HistoryOf(process.pid));
-    const std::optional<uint64_t> grown = points.empty() ? std::nullopt : SteadyGrowth(points);
-    if (!grown) {
+    const std::vector<ProcessPoint> points = EvenPoints(process.pid, since);
+    if (points.size() < kLeastPoints || points.back().at - points.front().at < kLeastAge) {
         return std::nullopt;
     }
-    return LeakSuspect{process.pid, process.name, process.rssKb, *grown, points.back().at - points.front().at};
+    const std::optional<uint64_t> grown = SteadyGrowth(points);
+    const Trend trend = TrendOf(points);
+    if (!grown || !trend.Rises()) {
+        return std::nullopt;
+    }
+    return LeakSuspect{process.pid, process.name, process.rssKb, *grown, trend, points.back().at - points.front().at};
 }
 
 std::vector<LeakSuspect> MemoryLeaks::Suspects(const Scope &scope, uint64_t leastKb, const host::Check &check) const {

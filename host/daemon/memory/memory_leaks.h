@@ -15,24 +15,37 @@
 
 namespace tarnd {
 
+// The straight line that is nearest to points.
+struct Trend {
+    double kbPerMinute = 0;
+    double error = 0; // two standard errors, in KiB a minute
+
+    bool Rises() const { return kbPerMinute > error; }
+};
+
 // A process that has grown.
 struct LeakSuspect {
     uint32_t pid = 0;
     std::string name;
     uint64_t rssKb = 0;
     uint64_t grownKb = 0;
+    Trend trend;
     std::chrono::duration<double> over{};
-
-    double KbPerMinute() const { return static_cast<double>(grownKb) * 60 / over.count(); }
 };
 
 // Growth that does not come back: of the quarters of the time each has a higher minimum than the one before. What a
 // process takes and frees again and again does not show, nor what it took once at its start. `points` are not empty.
 std::optional<uint64_t> SteadyGrowth(const std::vector<ProcessPoint> &points);
 
+// Of three points or more.
+Trend TrendOf(const std::vector<ProcessPoint> &points);
+
 class MemoryLeaks {
 public:
     static constexpr size_t kPatterns = 64;
+    // What starts grows. Before a process has been seen for so long, and so often, nobody can tell.
+    static constexpr std::chrono::minutes kLeastAge{5};
+    static constexpr size_t kLeastPoints = 6;
 
     MemoryLeaks(const host::Clocks &clocks, Sampler &sampler) : clocks_(clocks), sampler_(sampler) {}
 
@@ -57,6 +70,7 @@ public:
 private:
     host::SteadyTime WindowStart(uint32_t seconds) const;
     host::SteadyTime MarkOf(const std::string &processName) const;
+    std::vector<ProcessPoint> EvenPoints(uint32_t pid, host::SteadyTime since) const;
     std::optional<LeakSuspect> Suspect(const ProcessSample &process, uint32_t seconds) const;
 
     const host::Clocks &clocks_;

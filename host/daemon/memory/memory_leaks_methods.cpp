@@ -1,7 +1,11 @@
 // Memory leaks and the history of memory, as text for people.
+#include <algorithm>
+#include <iterator>
+
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/memory/memory_use.h"
+#include "host/meaning/check.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
@@ -36,26 +40,34 @@ private:
 };
 
 Report Suspects(const MemoryLeaks::Scope &scope, uint32_t leastKib, void *replyCtx) {
-    Report report(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12} {:>8}", "PID", "NAME", "RSS KiB", "GROWN KiB",
-                              "KiB/min", "OVER s"));
+    Report report(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>10} {:>8} {:>8}", "PID", "NAME", "RSS KiB", "GROWN KiB",
+                              "KiB/min", "+/-", "OVER s"));
     for (const LeakSuspect &suspect :
          Daemon::Serving().memoryLeaks.Suspects(scope, leastKib, [&] { host::CheckWanted(replyCtx); })) {
-        report.Add(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>12.0f} {:>8.0f}", suspect.pid,
-                               host::LineOfText(suspect.name), suspect.rssKb, suspect.grownKb, suspect.KbPerMinute(),
-                               suspect.over.count()));
+        report.Add(fmt::format("{:>8} {:<16} {:>12} {:>12} {:>10.0f} {:>8.0f} {:>8.0f}", suspect.pid,
+                               host::LineOfText(suspect.name), suspect.rssKb, suspect.grownKb,
+                               suspect.trend.kbPerMinute, suspect.trend.error, suspect.over.count()));
     }
     return report;
 }
 
-// So many at most, evenly chosen, the first and the last among them.
-template <class Element>
-std::vector<Element> Thinned(const std::vector<Element> &elements, size_t most) {
-    if (elements.size() <= most) {
-        return elements;
+// So many at most, the first and the last among them, at times that are as even as there are points.
+template <class Point>
+std::vector<Point> Thinned(const std::vector<Point> &points, size_t most) {
+    if (points.size() <= most) {
+        return points;
     }
-    std::vector<Element> thinned;
+    if (most == 1) {
+        return {points.back()};
+    }
+    const auto span = points.back().at - points.front().at;
+    std::vector<Point> thinned;
     for (size_t i = 0; i < most; ++i) {
-        thinned.push_back(elements[most == 1 ? elements.size() - 1 : i * (elements.size() - 1) / (most - 1)]);
+        const host::SteadyTime wanted = points.front().at + span * i / (most - 1);
+        const auto after = std::ranges::upper_bound(points, wanted, {}, &Point::at);
+        if (const Point &point = *std::prev(after); thinned.empty() || thinned.back().at != point.at) {
+            thinned.push_back(point);
+        }
     }
     return thinned;
 }
@@ -100,6 +112,11 @@ Report Query(const Tarn_sys_diag_MemLeakQryIn &request, void *replyCtx) {
         return Overloads();
     }
     if (report == memory_report::kSuspects) {
+        constexpr std::chrono::seconds kLeast = MemoryLeaks::kLeastAge;
+        if (interval != 0 && std::chrono::seconds(interval) < kLeast) {
+            throw host::meaning::BadMember(host::methods::MemLeakOrHisQry, "interval", interval,
+                                           fmt::format("at least {} s for suspects", kLeast.count()));
+        }
         return Suspects({process, interval}, limit == 0 ? memory_report::kDefaultGrowthKib : limit, replyCtx);
     }
     const size_t lines = limit == 0 ? memory_report::kDefaultLines : limit;
