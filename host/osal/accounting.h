@@ -26,8 +26,8 @@ std::vector<TagUse> MemoryByTag();
 // All tags together. Its peak is that of the sum, not the sum of the peaks.
 MemoryUse MemoryTotal();
 
-// While it lives, this thread is refused memory beyond so many bytes in all, whatever it frees meanwhile. A message may
-// ask its decoder for far more than it has bytes.
+// While it lives, this thread is refused memory beyond so many bytes in all, the allocator's own in front of each block
+// included, whatever it frees meanwhile. A message may ask its decoder for far more than it has bytes.
 class AllocationBudget {
 public:
     explicit AllocationBudget(uint64_t bytes);

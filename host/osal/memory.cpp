@@ -142,11 +142,11 @@ uint32_t XRT_OsalMemUseFlagGet(uint32_t) {
 }
 
 void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t, const char *pcTag) {
-    if (uiSize > host::budget) {
+    const uint64_t size = uint64_t{uiSize} + sizeof(host::Header);
+    if (size > host::budget) {
         return nullptr;
     }
     host::Account *const account = host::AccountOf(host::NameOf(pcTag));
-    const uint64_t size = uint64_t{uiSize} + sizeof(host::Header);
     auto *const header = account == nullptr || size > SIZE_MAX
                              ? nullptr
                              : static_cast<host::Header *>(malloc(static_cast<size_t>(size)));
@@ -154,7 +154,7 @@ void *XRT_OsalMemCacheAlloc(uint32_t uiSize, uint32_t, const char *pcTag) {
         return nullptr;
     }
     *header = {account, uiSize, host::kLive};
-    host::budget -= host::budget == UINT64_MAX ? 0 : uiSize;
+    host::budget -= host::budget == UINT64_MAX ? 0 : size;
     account->counters.Add(uiSize);
     host::total.Add(uiSize);
     return header + 1;

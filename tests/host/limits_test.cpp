@@ -9,9 +9,13 @@ TARN_UNIT()
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <map>
 
+#include "host/osal/accounting.h"
+#include "host/osal/log.h"
+#include "host/runtime/encode.h"
 #include "host/runtime/status.h"
 #include "peer.h"
 #include "served_test.h"
@@ -338,6 +342,62 @@ TEST_F(LimitsTest, MemoryThatDecodingARequestMayTake) {
     const Tarn_sys_diag_GetTaskInfoInput input{1, 2, name.data(), 3, 4};
     const auto answer = kit::Call<Unit, Tarn_sys_diag_GetTaskInfoResult>(client_, kTarnd, 0, "GetTaskInfo", input);
     EXPECT_EQ(answer.Status(), 12U);
+}
+
+// A ProcPtRecodResult whose records are all one table on the wire, with one text.
+std::vector<uint8_t> SharedRecord(uint32_t recordNum, uint32_t textLength) {
+    std::vector<uint8_t> message;
+    const auto put = [&](auto... values) {
+        (message.insert(message.end(), reinterpret_cast<const uint8_t *>(&values),
+                        reinterpret_cast<const uint8_t *>(&values) + sizeof values),
+         ...);
+    };
+    constexpr uint16_t kSlots = 4, kOwnerSlots = 10; // the last of each is the one that is there
+    constexpr uint16_t kVtable = 4 + 2 * kSlots, kOwnerVtable = 4 + 2 * kOwnerSlots;
+    put(uint32_t{4 + kVtable}, kVtable, uint16_t{8}, std::array<uint16_t, kSlots - 1>{}, uint16_t{4});
+    put(uint32_t{kVtable}, uint32_t{4}, recordNum);
+    const auto table = static_cast<uint32_t>(message.size()) + 4 * recordNum + kOwnerVtable;
+    for (uint32_t i = 0; i < recordNum; ++i) {
+        put(table - static_cast<uint32_t>(message.size()));
+    }
+    put(kOwnerVtable, uint16_t{8}, std::array<uint16_t, kOwnerSlots - 1>{}, uint16_t{4});
+    put(uint32_t{kOwnerVtable}, uint32_t{4}, textLength);
+    message.insert(message.end(), textLength, 'x');
+    return message;
+}
+
+// Whether the message is decoded, and what is logged then.
+bool DecodesWithin(uint32_t memory, const std::vector<uint8_t> &message, std::vector<std::string> &logged) {
+    host::SetLogHook([&](const host::LogRecord &one) { logged.push_back(one.text); });
+    IdlCodecTable codec{};
+    TarnSysdiagAgent_GetProcPartitionMemHandleRecodSetIdl(&codec);
+    Tarn_sys_diag_ProcPtRecodResult result{};
+    const bool decoded = host::DecodeWithin(memory, codec, message.data(), message.size(), &result) != nullptr;
+    EXPECT_EQ(host::MemoryTotal().liveBlocks > 0, decoded) << "a refusal leaves nothing";
+    codec.pfnFreeUnpacked(&result);
+    host::SetLogHook(nullptr);
+    return decoded;
+}
+
+TEST(DecodedBytes, OfRecordsThatShareATextAreCountedForEach) {
+    const std::vector<uint8_t> message = SharedRecord(8000, 33400);
+    ASSERT_LE(message.size(), 65536U);
+    std::vector<std::string> logged;
+    EXPECT_FALSE(DecodesWithin(16 << 20, message, logged));
+    EXPECT_LE(host::MemoryTotal().peakBytes, 16U << 20);
+    ASSERT_EQ(logged.size(), 1U);
+    EXPECT_EQ(logged[0], "[VELTO]:Malloc unpack data failed, size(33401)");
+    EXPECT_EQ(host::MemoryTotal().liveBlocks, 0U);
+}
+
+TEST(DecodedBytes, OfSmallBlocksAreCountedWithWhatEachTakesBeside) {
+    const std::vector<uint8_t> message = SharedRecord(1000, 0);
+    constexpr uint32_t kRecords = 1000 * sizeof(Tarn_sys_diag_ProcPtRecod);
+    std::vector<std::string> logged;
+    EXPECT_FALSE(DecodesWithin(kRecords + 1000 * 8, message, logged));
+    EXPECT_EQ(logged.size(), 1U);
+    EXPECT_TRUE(DecodesWithin(kRecords + 1000 * 64, message, logged));
+    EXPECT_EQ(logged.size(), 1U);
 }
 
 // --- Settings
