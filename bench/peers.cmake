@@ -48,11 +48,11 @@ else()
     endforeach()
 
     add_library(bench_protobuf STATIC protobuf.cpp ${generated}/protobuf/bench.pb.cc ${schemas})
-    target_include_directories(bench_protobuf PRIVATE ${generated})
+    target_include_directories(bench_protobuf PRIVATE ${PROJECT_SOURCE_DIR} ${generated})
     target_link_libraries(bench_protobuf PUBLIC bench_messages protobuf::libprotobuf)
 
     add_library(bench_capnp STATIC capnp.cpp ${generated}/capnp/bench.capnp.c++)
-    target_include_directories(bench_capnp PRIVATE ${generated})
+    target_include_directories(bench_capnp PRIVATE ${PROJECT_SOURCE_DIR} ${generated})
     target_link_libraries(bench_capnp PUBLIC bench_messages capnp kj)
 
     # All types, for their size only.
@@ -60,5 +60,6 @@ else()
 endif()
 
 add_library(bench_nanopb STATIC nanopb.cpp ${generated}/nanopb/bench.pb.c)
-target_include_directories(bench_nanopb PRIVATE ${generated} ${generated}/nanopb SYSTEM ${nanopb_include})
+target_include_directories(bench_nanopb PRIVATE ${PROJECT_SOURCE_DIR} ${generated} ${generated}/nanopb
+                           SYSTEM ${nanopb_include})
 target_link_libraries(bench_nanopb PUBLIC bench_messages ${nanopb_library})
