@@ -1,5 +1,6 @@
 #include "host/runtime/catalogue.h"
 
+#include <iterator>
 #include <unordered_map>
 #include <vector>
 
@@ -24,20 +25,28 @@ constexpr uint32_t RequestBytes() {
     }
 }
 
+// A method as the lists have it: what the rest follows from.
+struct Listed {
+    const char *service, *method, *request, *response;
+    uint32_t requestBytes;
+};
+constexpr Listed kListed[] = {
+#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
+    {#service, #method, #request, #response, RequestBytes<Tarn_sys_diag_##request>()},
+#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request)                                                         \
+    {#service, #method, #request, "", RequestBytes<Tarn_sys_diag_##request>()},
+#include "host/meaning/all_methods.h"
+};
+
 std::vector<MethodInfo> Build() {
     std::vector<MethodInfo> methods;
-    const auto add = [&](std::string_view service, const char *method, const char *request, const char *response,
-                         uint32_t requestBytes) {
-        const uint32_t index = !methods.empty() && methods.back().service == service ? methods.back().index + 1 : 1;
-        const uint32_t responseHash = response[0] == 0 ? 0 : velto::TypeHash(response);
-        methods.push_back(
-            {service, method, index, request, response, velto::TypeHash(request), responseHash, requestBytes});
-    };
-#define TARN_SERVICE_METHOD(service, method, request, response)                                                        \
-    add(#service, #method, #request, #response, RequestBytes<Tarn_sys_diag_##request>());
-#define TARN_SERVICE_METHOD_NO_REPLY(service, method, request)                                                         \
-    add(#service, #method, #request, "", RequestBytes<Tarn_sys_diag_##request>());
-#include "host/meaning/all_methods.h"
+    methods.reserve(std::size(kListed));
+    for (const Listed &one : kListed) {
+        const uint32_t index = !methods.empty() && methods.back().service == one.service ? methods.back().index + 1 : 1;
+        const uint32_t responseHash = one.response[0] == 0 ? 0 : velto::TypeHash(one.response);
+        methods.push_back({one.service, one.method, index, one.request, one.response, velto::TypeHash(one.request),
+                           responseHash, one.requestBytes});
+    }
     return methods;
 }
 
