@@ -38,11 +38,12 @@ public:
     // False behind the last.
     bool Next();
 
-    // Of this row. A number that the type can't hold is damage.
+    // Of this row. A number that the type can't hold is damage; one of 64 bits is what was put in, also beyond
+    // INT64_MAX, though statements then see it as negative.
     template <std::integral T>
     T Get(int column) const {
         const int64_t number = Number(column);
-        if (!std::in_range<T>(number)) {
+        if (sizeof(T) < sizeof(number) && !std::in_range<T>(number)) {
             throw DatabaseDamage("a number is out of its range: " + std::to_string(number));
         }
         return static_cast<T>(number);

@@ -133,4 +133,15 @@ TEST_F(DatabaseTest, RefusesNumbersThatDoNotFit) {
     EXPECT_EQ(rows.Get<int64_t>(0), -1);
 }
 
+TEST_F(DatabaseTest, KeepsNumbersOf64Bits) {
+    Database database({.file = {}, .schema = kSchema});
+    for (const uint64_t number : {uint64_t{0}, uint64_t{INT64_MAX}, uint64_t{INT64_MAX} + 1, UINT64_MAX}) {
+        database.Run("DELETE FROM words");
+        database.Run("INSERT INTO words VALUES ('', ?)", number);
+        host::Rows rows = database.Query("SELECT number FROM words");
+        ASSERT_TRUE(rows.Next());
+        EXPECT_EQ(rows.Get<uint64_t>(0), number);
+    }
+}
+
 } // namespace

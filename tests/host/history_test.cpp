@@ -132,6 +132,40 @@ TEST_F(HistoryTest, SetsADamagedFileAsideAndBeginsAnew) {
     EXPECT_NE(daemon->history.TheExtent().journal, journal) << "numbers begin again";
 }
 
+// Numbers that no run has written, in a file that is sound otherwise.
+TEST_F(HistoryTest, SetsAFileAsideWhoseDamageOnlyAReaderFinds) {
+    AddEvent("lost");
+    RunDue();
+    Stop();
+    host::Database({.file = state.Path() / "history.db"}).Run("INSERT INTO fault_marks VALUES (-1, 0, 0)");
+    testing::internal::CaptureStderr();
+    Restart();
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("a number is out of its range: -1; set aside as history.db.damaged"), std::string::npos) << log;
+    AddEvent("kept");
+    RunDue();
+    ASSERT_EQ(Events().size(), 1);
+    EXPECT_EQ(Events()[0].text, "kept");
+}
+
+// A black box is its user's to write, so any number may stand in it.
+TEST_F(HistoryTest, RemembersMarksOfAnyNumber) {
+    constexpr tarnd::FaultMark kMost{.sequence = UINT64_MAX, .timeNs = UINT64_MAX};
+    daemon->history.AddFaults({}, {{1000, kMost}});
+    RunDue();
+    Restart();
+    const tarnd::FaultMarks marks = daemon->history.ReadFaultMarks();
+    ASSERT_TRUE(marks.contains(1000));
+    EXPECT_EQ(marks.at(1000).sequence, UINT64_MAX);
+    EXPECT_EQ(marks.at(1000).timeNs, UINT64_MAX);
+}
+
+TEST_F(HistoryTest, HasNothingBehindTheHighestNumber) {
+    AddEvent("first");
+    RunDue();
+    EXPECT_TRUE(daemon->history.EventsFrom(UINT64_MAX, 10).empty());
+}
+
 TEST_F(HistoryTest, IsKeptInMemoryWhereNoFileCanBe) {
     Stop();
     std::filesystem::remove(state.Path() / "history.db");

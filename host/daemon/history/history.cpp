@@ -7,16 +7,17 @@ namespace tarnd {
 
 namespace {
 
-HistoryTables OpenTables(const std::filesystem::path &stateDirectory) {
-    if (!stateDirectory.empty()) {
-        const std::filesystem::path file = stateDirectory / "history.db";
-        try {
-            return HistoryTables(file);
-        } catch (const std::system_error &error) {
-            host::Log().error("{}; the history is kept in memory only", error.what());
-        }
+std::unique_ptr<HistoryTables> InMemory(const std::system_error &reason) {
+    host::Log().error("{}; the history is kept in memory only", reason.what());
+    return std::make_unique<HistoryTables>(std::filesystem::path());
+}
+
+std::unique_ptr<HistoryTables> OpenTables(const std::filesystem::path &stateDirectory) {
+    try {
+        return std::make_unique<HistoryTables>(stateDirectory.empty() ? stateDirectory : stateDirectory / "history.db");
+    } catch (const std::system_error &error) {
+        return InMemory(error);
     }
-    return HistoryTables({});
 }
 
 std::string BeginText(const Overload &overload) {
@@ -35,11 +36,22 @@ std::string EndText(const Overload &overload) {
 
 } // namespace
 
+// Damage that is found only now costs what is in the file, and nobody the answer.
+template <class Read>
+auto History::ReadTables(const Read &read) const {
+    try {
+        return read(*tables_);
+    } catch (const host::DatabaseDamage &damage) {
+        BeginAnew(damage);
+        return read(*tables_);
+    }
+}
+
 History::History(const std::filesystem::path &stateDirectory, const host::Clocks &clocks)
     : clocks_(clocks), tables_(OpenTables(stateDirectory)) {
     const host::MutexLock tables(tablesMutex_);
     const host::MutexLock lock(mutex_);
-    lastOverload_ = tables_.LastOverload();
+    lastOverload_ = ReadTables([](const HistoryTables &kept) { return kept.LastOverload(); });
 }
 
 History::~History() {
@@ -182,26 +194,36 @@ bool History::Write(const HistoryBatch &batch) {
     const uint32_t error = host::Attempt("the history", [&] {
         const host::MutexLock lock(tablesMutex_);
         try {
-            tables_.Write(batch);
+            tables_->Write(batch);
         } catch (const host::DatabaseDamage &damage) {
-            tables_.SetAside(host::ReasonOf(damage));
-            tables_.Write(batch);
+            BeginAnew(damage);
+            tables_->Write(batch);
         }
     });
     return error == 0;
+}
+
+void History::BeginAnew(const host::DatabaseDamage &damage) const {
+    try {
+        tables_->SetAside(host::ReasonOf(damage));
+    } catch (const std::system_error &error) {
+        tables_ = InMemory(error);
+    }
 }
 
 // --- Reading
 
 History::Extent History::TheExtent() const {
     const host::MutexLock lock(tablesMutex_);
-    const auto [oldest, end] = tables_.EventNumbers();
-    return {tables_.JournalName(), oldest, end};
+    return ReadTables([](const HistoryTables &kept) {
+        const auto [oldest, end] = kept.EventNumbers();
+        return Extent{kept.JournalName(), oldest, end};
+    });
 }
 
 std::vector<NumberedEvent> History::EventsFrom(uint64_t number, size_t most) const {
     const host::MutexLock lock(tablesMutex_);
-    return tables_.EventsFrom(number, most);
+    return ReadTables([&](const HistoryTables &kept) { return kept.EventsFrom(number, most); });
 }
 
 std::optional<Overload> History::Last(Overload::Of of) const {
@@ -211,13 +233,13 @@ std::optional<Overload> History::Last(Overload::Of of) const {
 
 std::vector<Overload> History::Overloads(Overload::Of of, size_t most) const {
     const host::MutexLock lock(tablesMutex_);
-    return tables_.Overloads(of, most);
+    return ReadTables([&](const HistoryTables &kept) { return kept.Overloads(of, most); });
 }
 
 // With those that are still to be written.
 std::vector<MinuteFigures> History::Minutes(host::WallTime since) const {
     const host::MutexLock tables(tablesMutex_);
-    std::vector<MinuteFigures> minutes = tables_.Minutes(since);
+    std::vector<MinuteFigures> minutes = ReadTables([&](const HistoryTables &kept) { return kept.Minutes(since); });
     const host::MutexLock lock(mutex_);
     for (const MinuteFigures &minute : waiting_.minutes) {
         if (minute.time >= since) {
@@ -229,7 +251,7 @@ std::vector<MinuteFigures> History::Minutes(host::WallTime since) const {
 
 FaultMarks History::ReadFaultMarks() const {
     const host::MutexLock lock(tablesMutex_);
-    return tables_.ReadFaultMarks();
+    return ReadTables([](const HistoryTables &kept) { return kept.ReadFaultMarks(); });
 }
 
 } // namespace tarnd

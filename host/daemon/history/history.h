@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "host/clock/clocks.h"
@@ -62,11 +63,14 @@ private:
     HistoryBatch TakeBatch();
     void PutBack(HistoryBatch batch);
     bool Write(const HistoryBatch &batch);
+    template <class Read>
+    auto ReadTables(const Read &read) const TARN_REQUIRES(tablesMutex_);
+    void BeginAnew(const host::DatabaseDamage &damage) const TARN_REQUIRES(tablesMutex_);
 
     const host::Clocks &clocks_;
 
-    mutable host::Mutex tablesMutex_; // taken before the other
-    HistoryTables tables_ TARN_GUARDED_BY(tablesMutex_);
+    mutable host::Mutex tablesMutex_;                                             // taken before the other
+    mutable std::unique_ptr<HistoryTables> tables_ TARN_GUARDED_BY(tablesMutex_); // whoever finds damage sets it aside
 
     mutable host::Mutex mutex_;
     HistoryBatch waiting_ TARN_GUARDED_BY(mutex_);

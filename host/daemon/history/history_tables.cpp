@@ -129,6 +129,9 @@ std::string HistoryTables::JournalName() const {
 
 std::vector<NumberedEvent> HistoryTables::EventsFrom(uint64_t number, size_t most) const {
     std::vector<NumberedEvent> events;
+    if (!std::in_range<int64_t>(number)) { // beyond all that are ever given
+        return events;
+    }
     for (Rows rows = database_.Query("SELECT number, time, kind, pid, process, text FROM events WHERE number >= ? "
                                      "ORDER BY number LIMIT ?",
                                      number, most);
