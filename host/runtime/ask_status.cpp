@@ -17,7 +17,8 @@ void Read(const Json &from, ServerHealth &health) {
     health.busy = from.at("busy").get<uint32_t>();
     health.connections = from.at("connections").get<uint64_t>();
     health.requests = from.at("requests").get<uint64_t>();
-    health.timezone = from.value("timezone", std::string()); // which older servers don't tell
+    health.version = from.value("version", std::string()); // which older servers don't tell, nor the zone
+    health.timezone = from.value("timezone", std::string());
 }
 
 void Read(const Json &from, std::vector<NamedValue> &values) {

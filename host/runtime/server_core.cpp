@@ -365,6 +365,7 @@ ServerHealth ServerCore::Health() {
     health.workers = workers_;
     health.busy = static_cast<uint32_t>(QuotaOf(Resource::kWorkers).Used());
     health.requests = requests_;
+    health.version = TARN_VERSION;
     health.timezone = options_.timezone ? options_.timezone() : "";
     const MutexLock lock(mutex_);
     health.connections = sessions_.size();

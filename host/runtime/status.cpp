@@ -13,6 +13,7 @@ void Write(JsonWriter &json, const ServerHealth &health) {
     json.Member("busy", health.busy);
     json.Member("connections", health.connections);
     json.Member("requests", health.requests);
+    json.Member("version", health.version);
     json.Member("timezone", health.timezone);
 }
 

@@ -24,6 +24,7 @@ struct ServerHealth {
     uint32_t busy = 0;    // of them, those that do
     uint64_t connections = 0;
     uint64_t requests = 0; // that have arrived and not ended
+    std::string version;   // of the runtime that serves; empty: it is too old to tell
     std::string timezone;  // of the local times in replies, as POSIX has it for TZ; empty: the system's
 };
 
