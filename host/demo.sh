@@ -69,11 +69,11 @@ start_daemon() {
 start_application() {
     tarn-agent --name example 2>>"$work/agent.log" &
     agent=$!
-    await tarnctl stats --pid "$agent"
+    await known
 }
 
 # A debug command inside the application, through the daemon.
-command_agent() { run tarnctl call DBGCmdExecShowByTarnd process="$agent" command="$1"; }
+command_agent() { run tarnctl exec example "$@"; }
 
 # The thread that uses the most CPU time of the application: its name and its id, a line each.
 busiest_thread() {
@@ -82,7 +82,7 @@ busiest_thread() {
 }
 spins() { busiest_thread | grep -q spinning; }
 over_threshold() { tarnctl call DisCpuOvloadInfo && spins; }
-has_counted() { tarnctl call DBGCmdExecResultGetByTarnd process="$agent"; }
+known() { tarnctl exec example help; }
 
 cat <<EOT
 Tarnd runs on devices and answers what is wrong with them, without a debugger and without stopping anything. Here it
@@ -99,38 +99,40 @@ say "The daemon shall watch the application: more than 5 % of a CPU for a second
 run tarnctl call SetCpuOvProcThreshold process="$agent" on=on begins-at=5% must-last=1s
 
 say "The application goes wild: a debug command starts a thread that runs without a break"
-command_agent "loop 60"
+command_agent loop 60
 await over_threshold
 
 say "Something eats the machine. What?"
 run_head 12 tarnctl top
 
 say "The application is process $agent. Which of its threads is it?"
-run tarnctl call CalculateProcThreadCpuUse process="$agent" most=3
+run_head 8 tarnctl top example
 thread=$(busiest_thread | sed -n 2p)
 
 say "What is thread $thread doing? Its stack says it; \"held up\" is for how long it had to stand still for that"
-run tarnctl call GetCallStackInfoByTid process="$agent" thread="$thread"
+run tarnctl stack example -t "$thread"
+
+say "... and where does it spend its time?"
+run tarnctl stack example -t "$thread" --samples 20 --every 20ms
 
 say "Nobody has to be there when it happens: the overload is on record, with the stacks of that moment"
-run tarnctl call DisCpuOvloadInfo
-run_head 16 tarnctl call DisCpuOvloadCallstackInfo
+run tarnctl overloads
+run_head 16 tarnctl overloads --stacks
 
 say "Then the application crashes"
-command_agent "crash segv"
+command_agent crash segv || true # nobody is left to answer
 wait "$agent" 2>/dev/null || true
 agent=''
 
 say "... and somebody kills the daemon, without a warning. The new one knows the crash: signal, registers, stack"
 { kill -KILL "$daemon" && wait "$daemon"; } 2>/dev/null || true # or bash tells of it
 start_daemon
-run_head 24 tarnctl call GetExceptionInfo most=1
+run tarnctl crashes
+run_head 24 tarnctl crashes show 1
 
 say "The application is started again, and the daemon passes commands on to it as before"
 start_application
-command_agent "counter"
-await has_counted
-run tarnctl call DBGCmdExecResultGetByTarnd process="$agent"
+command_agent counter
 
 say "A malformed request is refused, and tarnctl says why: the root offset is 200, the message has 18 bytes"
 cd "$work"

@@ -4,22 +4,16 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <map>
 #include <numeric>
-#include <span>
 
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/ctl/remote.h"
 #include "host/ctl/request.h"
-#include "host/ctl/values.h"
-#include "host/describe/explain.h"
 #include "host/osal/text.h"
 #include "host/runtime/client.h"
-#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -40,66 +34,14 @@ void RequireTarget(const Method &method, const CallOptions &options) {
     }
 }
 
-Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {
-    const Type &type = *method.response;
-    if (const auto refusal = Explain(type, reply, false).refusal) {
-        throw Failure(kRefused,
-                      fmt::format("{}: the reply is refused as {}: {}", method.name, type.name, refusal->text));
-    }
-    auto record = host::describe::Decode(type, reply);
-    if (!record) {
-        throw Failure(kOther, fmt::format("{}: no memory to decode {} bytes", type.name, reply.size()));
-    }
-    return std::move(*record);
-}
-
-// A call that went well may still bring a failure: the result in its reply, and perhaps why.
-void RequireResult(const Method &method, const Record &reply, const std::string &explanation) {
-    const host::meaning::Record &meaning = *method.meaning->response;
-    for (size_t i = 0; i < meaning.members.size(); ++i) {
-        const host::meaning::Member &member = meaning.members[i];
-        const Slot &slot = reply.GetType().slots[i];
-        if (member.value.kind != host::meaning::Kind::kErrno) {
-            continue;
-        }
-        const uint64_t result = LoadScalar(static_cast<const uint8_t *>(reply.Data()) + slot.offset, slot.width);
-        if (result != 0) {
-            throw Failure(kRemote,
-                          fmt::format("{}.{}: {} ({}) is {}{}{}", method.service, method.name, member.name, member.wire,
-                                      ValueText(member.value, result), explanation.empty() ? "" : ": ", explanation));
-        }
-    }
-}
-
 void PrintReply(const Method &method, const Record &reply, JsonForm json) {
     if (json != JsonForm::kNone) {
         std::cout << JsonOf(reply, method.meaning->response, json).dump(2) << "\n";
     } else if (reply.GetType().slots.empty()) {
         std::cout << method.name << ": done, the reply has no members\n";
     } else {
-        PrintRecord(std::cout, reply, *method.meaning->response);
-    }
-}
-
-bool HasLocalTimes(const host::meaning::Record *record) {
-    const auto isTime = [](const host::meaning::Member &member) {
-        return member.value.kind == host::meaning::Kind::kLocalTime ||
-               member.value.kind == host::meaning::Kind::kUnixTime;
-    };
-    return record != nullptr &&
-           (std::ranges::any_of(record->members, isTime) || std::ranges::any_of(record->inside, HasLocalTimes));
-}
-
-// Local times are those of the server's clock. A server that doesn't tell its zone has the one of this program.
-void UseZoneOf(host::Client &client, const Method &method, const CallOptions &options) {
-    if (!HasLocalTimes(method.meaning->request) && !HasLocalTimes(method.meaning->response)) {
-        return;
-    }
-    host::ServerHealth health;
-    if (AskHealth(client, method.service, options.pid.value_or(0), health, options.deadline).Ok() &&
-        !health.timezone.empty()) {
-        setenv("TZ", health.timezone.c_str(), 1);
-        tzset();
+        const Output output;
+        PrintRecord(std::cout, reply, *method.meaning->response, output.GetStyle());
     }
 }
 
@@ -194,7 +136,7 @@ void Call(const CallOptions &options) {
     const Method &method = RequireMethod(options.method, remote);
     RequireTarget(method, options);
     host::Client client({.runDir = options.runDir});
-    UseZoneOf(client, method, options);
+    UseZoneOf(client, method, options.pid.value_or(0));
     const std::vector<uint8_t> request =
         options.raw.empty() ? host::describe::Encode(ReadRequest(method, options.request)) : ReadMessage(options.raw);
     const host::CallRequest call{method.service, options.pid.value_or(0), method.name, method.request->hash,

@@ -138,7 +138,8 @@ void Decode(const DecodeOptions &options) {
     if (options.json != JsonForm::kNone) {
         std::cout << JsonOf(*record, MeaningOf(type), options.json).dump(2) << "\n";
     } else {
-        PrintRecord(std::cout, *record);
+        const Output output;
+        PrintRecord(std::cout, *record, output.GetStyle());
     }
 }
 

@@ -25,11 +25,20 @@ enum ExitCode {
 
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitCode code, const std::string &text) : runtime_error(text), code_(code) {}
+    Failure(ExitCode code, const std::string &text, uint32_t result = 0)
+        : runtime_error(text), code_(code), result_(result) {}
     ExitCode Code() const { return code_; }
+    uint32_t Result() const { return result_; } // errno value that a method answered with; 0 where that isn't why
 
 private:
     ExitCode code_;
+    uint32_t result_;
+};
+
+// What holds for all commands.
+struct Globals {
+    std::string runDir; // of the services' sockets; empty for the default one
+    bool quiet = false; // no progress
 };
 
 // kNone: text for people.
@@ -64,12 +73,6 @@ struct EventsOptions {
     bool json = false; // an object a line
 };
 
-struct TopOptions {
-    std::filesystem::path runDir;
-    uint32_t frames = 0; // 0: one, or on a terminal until the user ends it
-    std::chrono::milliseconds delay{1000};
-};
-
 struct DecodeOptions {
     std::string type;
     std::string file; // or - for standard input
@@ -93,7 +96,6 @@ void Call(const CallOptions &options);
 void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);
 void Events(const EventsOptions &options);
-void Top(const TopOptions &options);
 void Decode(const DecodeOptions &options);
 void Encode(const EncodeOptions &options);
 
@@ -112,8 +114,5 @@ host::describe::Record ReadRecord(const host::describe::Type &type, const std::s
 
 // The record's JSON, with the names of the wire or of what is meant.
 host::describe::Json JsonOf(const host::describe::Record &record, const host::meaning::Record *meaning, JsonForm form);
-
-// What completion offers: the members that a request of the method states, or the values of one of them.
-void CompleteMembers(const std::string &method, const std::string &member);
 
 } // namespace ctl

@@ -1,25 +1,27 @@
 #include "host/ctl/completion.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
+#include <algorithm>
 #include <iostream>
+#include <set>
 
-#include "host/ctl/commands.h"
+#include "host/ctl/process.h"
+#include "host/ctl/tasks/tasks.h"
 #include "host/describe/stated.h"
 
 namespace ctl {
+
+using namespace host::describe;
 
 namespace {
 
 using Names = std::vector<std::string>;
 
+constexpr char kFiles[] = ":files", kDirectories[] = ":directories";
+
 bool TakesValue(const CLI::Option &option) {
     return option.get_items_expected_max() > 0;
-}
-
-bool TakesValueOfAll(const CLI::Option *option) {
-    return TakesValue(*option);
 }
 
 // "--json" or "-o".
@@ -34,53 +36,93 @@ Names Spellings(const CLI::Option &option) {
     return names;
 }
 
-struct Command {
-    std::string name, description;
-    std::vector<const CLI::Option *> options, operands;
+const CLI::App *FindCommand(const CLI::App &app, const std::string &name) {
+    const auto commands = app.get_subcommands([&name](const CLI::App *command) { return command->get_name() == name; });
+    return commands.empty() ? nullptr : commands.front();
+}
 
-    Names AllSpellings(bool onlyOfValues) const {
-        Names all;
-        for (const CLI::Option *option : options) {
-            if (!onlyOfValues || TakesValue(*option)) {
-                const Names names = Spellings(*option);
-                all.insert(all.end(), names.begin(), names.end());
+// A command line up to the word that is completed.
+class Line {
+public:
+    Line(const CLI::App &app, const Names &words) : app_(app), words_(words) {
+        for (size_t i = 0; i + 1 < words.size(); ++i) {
+            Take(words[i]);
+        }
+    }
+
+    const std::string &Word() const { return words_.back(); }
+    const CLI::App *Command() const { return command_; }
+    const CLI::Option *Awaited() const { return awaited_; } // the option whose value comes next
+    const Names &Operands() const { return operands_; }
+
+    // The operand that comes next; the last one takes all that follow, where it takes several.
+    const CLI::Option *Operand() const {
+        size_t at = operands_.size();
+        for (const CLI::Option *option : command_->get_options()) {
+            if (option->get_positional() && (at-- == 0 || option->get_items_expected_max() > 1)) {
+                return option;
             }
         }
-        return all;
+        return nullptr;
     }
-    Names OperandNames() const {
+
+    // Of the command and of the whole program.
+    const CLI::Option *OptionOf(const std::string &spelling) const {
+        for (const CLI::App *app : {command_, &app_}) {
+            for (const CLI::Option *option : app == nullptr ? std::vector<const CLI::Option *>() : app->get_options()) {
+                if (std::ranges::count(Spellings(*option), spelling) != 0) {
+                    return option;
+                }
+            }
+        }
+        return nullptr;
+    }
+
+    Names Options() const {
         Names names;
-        for (const CLI::Option *operand : operands) {
-            names.push_back(operand->get_single_name());
+        for (const CLI::App *app : {command_, &app_}) {
+            for (const CLI::Option *option : app == nullptr ? std::vector<const CLI::Option *>() : app->get_options()) {
+                for (const std::string &name : Spellings(*option)) {
+                    if (std::ranges::count(names, name) == 0) {
+                        names.push_back(name);
+                    }
+                }
+            }
         }
         return names;
     }
-};
 
-// An app or one of its commands.
-Command CommandOf(const CLI::App &app) {
-    Command command{app.get_name(), app.get_description(), {}, {}};
-    for (const CLI::Option *option : app.get_options()) {
-        (option->get_positional() ? command.operands : command.options).push_back(option);
+    std::string ValueOf(const std::string &spelling) const {
+        const auto found = std::ranges::find(words_, spelling);
+        return words_.end() - found > 1 ? *(found + 1) : "";
     }
-    return command;
-}
 
-// With the options of the whole program that take a value, which may stand behind a command as well.
-std::vector<Command> CommandsOf(const CLI::App &app) {
-    std::vector<Command> commands;
-    for (const CLI::App *from : app.get_subcommands(IsForPeople)) {
-        commands.push_back(CommandOf(*from));
-        for (const CLI::Option *option : app.get_options(TakesValueOfAll)) {
-            commands.back().options.push_back(option);
+private:
+    void Take(const std::string &word) {
+        if (awaited_ != nullptr) {
+            awaited_ = nullptr;
+        } else if (word.starts_with('-') && word.size() > 1) {
+            const CLI::Option *const option = OptionOf(word);
+            awaited_ = option != nullptr && TakesValue(*option) ? option : nullptr;
+        } else if (command_ == nullptr) {
+            command_ = FindCommand(app_, word);
+        } else {
+            operands_.push_back(word);
         }
     }
-    return commands;
-}
+
+    const CLI::App &app_;
+    const Names &words_;
+    const CLI::App *command_ = nullptr;
+    const CLI::Option *awaited_ = nullptr;
+    Names operands_;
+};
+
+// ---- What can be offered ----
 
 Names MethodNames() {
     Names names;
-    for (const auto &method : host::describe::Methods()) {
+    for (const Method &method : Methods()) {
         names.emplace_back(method.name);
     }
     return names;
@@ -88,188 +130,46 @@ Names MethodNames() {
 
 Names TypeNames() {
     Names names;
-    for (const auto &type : host::describe::Types()) {
+    for (const Type &type : Types()) {
         names.emplace_back(type.name);
     }
     return names;
 }
 
-// What both shells call the names by: NAME is an operand that takes a method or a type, WORD one that takes anything.
-std::string Words() {
-    return fmt::format("    local SERVICE='{}'\n    local METHOD='{}'\n    local TYPE='{}'\n"
-                       "    local NAME=\"$METHOD $TYPE\" WORD=$SERVICE SHELL_NAME='bash zsh'\n",
-                       fmt::join(host::describe::Services(), " "), fmt::join(MethodNames(), " "),
-                       fmt::join(TypeNames(), " "));
+Names ServiceNames() {
+    return {Services().begin(), Services().end()};
 }
 
-// Where the command stands: behind options of the whole program. And where its agents are looked for.
-constexpr char kBashCommand[] = R"bash(    local at=1 i run_dir=''
-    while ((at < COMP_CWORD)) && [[ ${COMP_WORDS[at]} == -* ]]; do
-        [[ $valued != *" ${COMP_WORDS[at]} "* ]] || ((at++))
-        ((at++))
-    done
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        [[ ${COMP_WORDS[i]} != --run-dir ]] || run_dir=${COMP_WORDS[i + 1]}
-    done
-)bash";
-
-constexpr char kBashEnd[] = R"bash(    local word=${COMP_WORDS[COMP_CWORD]} kind='' command=$at method=''
-    if [[ $valued == *" ${COMP_WORDS[COMP_CWORD - 1]} "* ]]; then
-        kind=${COMP_WORDS[COMP_CWORD - 1]}
-    elif [[ $word == -* ]]; then
-        kind=OPTION
-    elif ((COMP_CWORD == command)); then
-        kind=COMMAND
-    else
-        at=0
-        for ((i = command + 1; i < COMP_CWORD; i++)); do
-            if [[ $valued == *" ${COMP_WORDS[i]} "* ]]; then
-                ((i++))
-            elif [[ ${COMP_WORDS[i]} != -* ]]; then
-                ((at++)) || method=${COMP_WORDS[i]}
-            fi
-        done
-        kind=${operands[at]:-}
-        ((at == 0)) || [[ ${operands[1]:-} != REQUEST ]] || kind=REQUEST # the rest
-    fi
-    case $kind in
-    COMMAND | OPTION | SERVICE | METHOD | TYPE | NAME | WORD | SHELL_NAME) COMPREPLY=($(compgen -W "${!kind}" -- "$word")) ;;
-    --pid) COMPREPLY=($(compgen -W "$(_tarnctl_pids)" -- "$word")) ;;
-    --run-dir) COMPREPLY=($(compgen -d -- "$word")) ;;
-    FILE | -o | --raw) COMPREPLY=($(compgen -f -- "$word")) ;;
-    JSON) [[ $word != @* ]] || COMPREPLY=($(compgen -P @ -f -- "${word#@}")) ;;
-    REQUEST) _tarnctl_request ;;
-    esac
+Names Joined(Names names, const Names &more) {
+    names.insert(names.end(), more.begin(), more.end());
+    return names;
 }
-complete -F _tarnctl tarnctl
-)bash";
 
-// A member, or a value behind its name: "=" is a word of its own to most bashes.
-constexpr char kBashRequest[] = R"bash(_tarnctl_request() {
-    local program=${COMP_WORDS[0]} name=''
-    if [[ $word == @* ]]; then
-        COMPREPLY=($(compgen -P @ -f -- "${word#@}"))
-        return
-    elif [[ $word == '=' ]]; then
-        name=${COMP_WORDS[COMP_CWORD - 1]} word=''
-    elif [[ ${COMP_WORDS[COMP_CWORD - 1]} == '=' ]]; then
-        name=${COMP_WORDS[COMP_CWORD - 2]}
-    elif [[ $word == *=* ]]; then
-        name=${word%%=*}
-        COMPREPLY=($(compgen -P "$name=" -W "$("$program" complete-members "$method" "$name")" -- "${word#*=}"))
-        return
-    else
-        compopt -o nospace 2>/dev/null
-    fi
-    COMPREPLY=($(compgen -W "$("$program" complete-members "$method" $name)" -- "$word"))
-}
-)bash";
-
-// The same; the method is the first word that is one.
-constexpr char kZshRequest[] = R"zsh(_tarnctl_request() {
-    local method=${words[(r)(${(j:|:)${=METHOD}})]}
-    if compset -P 1 '*='; then
-        compadd -- ${(f)"$(_call_program members tarnctl complete-members $method ${IPREFIX%=})"}
-    elif compset -P @; then
-        _files
-    else
-        compadd -S '' -- ${(f)"$(_call_program members tarnctl complete-members $method)"}
-    fi
-}
-)zsh";
-
-// The processes with an agent.
-constexpr char kPids[] = R"bash(_tarnctl_pids() {
-    ls "${run_dir:-${TARN_RUN_DIR:-/run/tarn}}" 2>/dev/null | sed -n 's/^agent-\([0-9]*\)\.sock$/\1/p'
-}
-)bash";
-
-void WriteBash(const Command &program, const std::vector<Command> &commands) {
+Names CommandNames(const CLI::App &app) {
     Names names;
-    for (const Command &command : commands) {
-        names.push_back(command.name);
+    for (const CLI::App *command : app.get_subcommands(IsForPeople)) {
+        names.push_back(command->get_name());
     }
-    std::cout << "# bash completion of tarnctl, as \"tarnctl completion bash\" writes it\n"
-              << kPids << kBashRequest << "_tarnctl() {\n";
-    std::cout << Words()
-              << fmt::format("    local COMMAND='{}' OPTION='{}' valued=' {} ' operands=()\n", fmt::join(names, " "),
-                             fmt::join(program.AllSpellings(false), " "), fmt::join(program.AllSpellings(true), " "))
-              << kBashCommand << "    case ${COMP_WORDS[at]} in\n";
-    for (const Command &command : commands) {
-        std::cout << fmt::format("    {}) OPTION='{}' valued=' {} ' operands=({}) ;;\n", command.name,
-                                 fmt::join(command.AllSpellings(false), " "),
-                                 fmt::join(command.AllSpellings(true), " "), fmt::join(command.OperandNames(), " "));
-    }
-    std::cout << "    esac\n" << kBashEnd;
+    return names;
 }
 
-// Within single quotes, and within the brackets of a zsh specification.
-std::string Quoted(const std::string &text) {
-    std::string quoted;
-    for (const char character : text) {
-        quoted += character == '\'' ? "'\\''" : character == ']' ? "\\]" : std::string(1, character);
+// A description says in quotes which words can stand there: "\"show N\" for one, \"list\" for all".
+Names QuotedWords(const std::string &description) {
+    Names names;
+    for (size_t at = description.find('"'); at != description.npos; at = description.find('"', at + 1)) {
+        const size_t end = std::min(description.find('"', at + 1), description.size());
+        const std::string quoted = description.substr(at + 1, end - at - 1);
+        names.push_back(quoted.substr(0, quoted.find(' ')));
+        at = end;
     }
-    return quoted;
-}
-
-// What zsh completes a value or an operand with.
-std::string ZshAction(const std::string &name) {
-    if (name == "--pid") {
-        return "($(_tarnctl_pids))";
-    }
-    if (name == "--raw" || name == "-o" || name == "FILE") {
-        return "_files";
-    }
-    if (name == "--run-dir") {
-        return "_files -/";
-    }
-    if (name == "REQUEST") {
-        return "_tarnctl_request";
-    }
-    return name.starts_with('-') || name == "JSON" ? " " : "($" + name + ")";
-}
-
-void WriteZshOptions(const Command &command) {
-    for (const CLI::Option *option : command.options) {
-        for (const std::string &name : Spellings(*option)) {
-            const std::string value = TakesValue(*option) ? fmt::format("\":value:{}\"", ZshAction(name)) : "";
-            std::cout << fmt::format(" \\\n            '{}[{}]'{}", name, Quoted(option->get_description()), value);
-        }
-    }
-}
-
-void WriteZsh(const Command &program, const std::vector<Command> &commands) {
-    std::cout << "#compdef tarnctl\n# zsh completion of tarnctl, as \"tarnctl completion zsh\" writes it\n"
-              << kPids << kZshRequest << "_tarnctl() {\n"
-              << Words() << "    local -a commands=(\n";
-    for (const Command &command : commands) {
-        std::cout << fmt::format("        '{}:{}'\n", command.name, Quoted(command.description));
-    }
-    std::cout << "    )\n    local run_dir=$words[$words[(i)--run-dir]+1] context state state_descr line\n"
-                 "    typeset -A opt_args\n    _arguments -C";
-    WriteZshOptions(program);
-    std::cout << " \\\n            ': :->command' '*:: :->argument' && return\n"
-                 "    if [[ $state == command ]]; then\n        _describe command commands\n        return\n    fi\n"
-                 "    case $words[1] in\n";
-    for (const Command &command : commands) {
-        std::cout << "    " << command.name << ")\n        _arguments";
-        WriteZshOptions(command);
-        for (const std::string &name : command.OperandNames()) {
-            const char *const rest = name == "REQUEST" ? "*" : "";
-            std::cout << fmt::format(" \\\n            \"{}:{}:{}\"", rest, name, ZshAction(name));
-        }
-        std::cout << "\n        ;;\n";
-    }
-    std::cout
-        << "    esac\n}\n"
-           "if [[ $funcstack[1] == _tarnctl ]]; then\n    _tarnctl \"$@\"\nelse\n    compdef _tarnctl tarnctl\nfi\n";
+    return names;
 }
 
 // The member of a nested record that a path leads to; null when there is none.
 const host::meaning::Member *FindPath(const host::meaning::Record *record, const std::string &path) {
     const size_t dot = path.find('.');
-    const auto *const member = host::describe::FindMember(*record, path.substr(0, dot));
-    const auto *const inside = member == nullptr ? nullptr : host::describe::InsideOf(*record, *member);
+    const auto *const member = FindMember(*record, path.substr(0, dot));
+    const auto *const inside = member == nullptr ? nullptr : InsideOf(*record, *member);
     return dot == path.npos ? member : inside == nullptr ? nullptr : FindPath(inside, path.substr(dot + 1));
 }
 
@@ -284,30 +184,199 @@ Names ValuesOf(const host::meaning::Value &value) {
     return names;
 }
 
-} // namespace
-
-void WriteCompletion(const CLI::App &app, const std::string &shell) {
-    if (shell != "bash" && shell != "zsh") {
-        throw Failure(kUsage, fmt::format("found {}, expected a shell: bash, zsh", shell));
-    }
-    (shell == "bash" ? WriteBash : WriteZsh)(CommandOf(app), CommandsOf(app));
-}
-
-// Quiet: who completes a line has not finished it.
-void CompleteMembers(const std::string &name, const std::string &path) {
-    const auto *const method = host::describe::FindMethod(name);
+// "begins-at=", or the values of a member behind its name.
+Names RequestWords(const std::string &methodName, const std::string &word) {
+    const Method *const method = FindMethod(methodName);
     if (method == nullptr) {
-        return;
+        return {};
     }
     const host::meaning::Record *const request = method->meaning->request;
-    if (!path.empty()) {
-        const auto *const member = FindPath(request, path);
-        std::cout << fmt::format("{}\n", fmt::join(member == nullptr ? Names() : ValuesOf(member->value), "\n"));
+    Names offered;
+    const size_t sign = word.find('=');
+    if (sign == word.npos) {
+        for (const std::string &member : StatedNames(*request)) {
+            offered.push_back(member + "=");
+        }
+    } else if (const auto *const member = FindPath(request, word.substr(0, sign))) {
+        for (const std::string &value : ValuesOf(member->value)) {
+            offered.push_back(word.substr(0, sign + 1) + value);
+        }
+    }
+    return offered;
+}
+
+Names AgentPids(const Globals &globals) {
+    Names names;
+    for (const uint32_t pid : host::Client({.runDir = globals.runDir}).Agents()) {
+        names.push_back(std::to_string(pid));
+    }
+    return names;
+}
+
+// The names of all that run, and of their agents; their ids where a digit was typed. Quiet where nobody answers.
+Names ProcessNames(const Globals &globals, const std::string &word) {
+    std::set<std::string> names;
+    try {
+        Server server(globals);
+        for (const Process &process : AllProcesses(server)) {
+            names.insert(word.empty() || word.front() < '0' || word.front() > '9' ? process.name
+                                                                                  : std::to_string(process.pid));
+        }
+        for (const Process &agent : Agents(server)) {
+            names.insert(agent.name);
+        }
+    } catch (const Failure &) {
+        // an unfinished line is no place for it
+    }
+    return {names.begin(), names.end()};
+}
+
+// Of an operand or an option's value, by what help calls it.
+Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globals) {
+    const std::string name = option.get_positional() ? option.get_single_name() : option.get_option_text();
+    const std::string &word = line.Word();
+    const std::string command = line.Command() == nullptr ? "" : line.Command()->get_name();
+    if (name == "METHOD") {
+        return MethodNames();
+    }
+    if (name == "TYPE") {
+        return TypeNames();
+    }
+    if (name == "NAME") {
+        return Joined(MethodNames(), TypeNames());
+    }
+    if (name == "WORD" || name == "SERVICE") {
+        return ServiceNames();
+    }
+    if (name == "TASK") {
+        return CommandNames(*line.Command()->get_parent());
+    }
+    if (name == "PROCESS" || name == "PATTERN") {
+        return ProcessNames(globals, word);
+    }
+    if (name == "PID") {
+        return AgentPids(globals);
+    }
+    if (name == "FILE" || ((name == "REQUEST" || name == "JSON") && word.starts_with('@'))) {
+        return {kFiles};
+    }
+    if (name == "DIR") {
+        return {kDirectories};
+    }
+    if (name == "REQUEST") {
+        return RequestWords(line.Operands().front(), word);
+    }
+    if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "set") {
+        return command == "rules" ? RequestWords("UpdateMsgCtrlRuleTarnd", word) : SettingWords(word);
+    }
+    const bool isFirst = line.Operands().empty();
+    Names names = isFirst || !option.get_positional() ? QuotedWords(option.get_description()) : Names();
+    return command == "crashes" ? Joined(names, ProcessNames(globals, word)) : names;
+}
+
+Names Offer(const CLI::App &app, const Line &line, const Globals &globals) {
+    if (line.Awaited() != nullptr) {
+        return OfferFor(*line.Awaited(), line, globals);
+    }
+    if (line.Word().starts_with('-')) {
+        return line.Options();
+    }
+    if (line.Command() == nullptr) {
+        return CommandNames(app);
+    }
+    const CLI::Option *const operand = line.Operand();
+    return operand == nullptr ? Names() : OfferFor(*operand, line, globals);
+}
+
+// ---- The shells' scripts ----
+
+// "=" and ":" are words of their own to most bashes, which replace what is behind them only.
+constexpr char kBash[] = R"bash(# bash completion of tarnctl, as "tarnctl completion bash" writes it
+_tarnctl() {
+    local line=${COMP_LINE:0:COMP_POINT} words offer i
+    read -ra words <<<"$line"
+    [[ $line != *[[:blank:]] ]] || words+=('')
+    local word=${words[-1]}
+    mapfile -t offer < <("${words[0]}" complete -- "${words[@]:1}" 2>/dev/null)
+    case ${offer[0]-} in
+    :files)
+        compopt -o filenames 2>/dev/null
+        local sign=${word%%[!@]*}
+        mapfile -t offer < <(compgen -P "$sign" -f -- "${word#@}")
+        ;;
+    :directories)
+        compopt -o filenames 2>/dev/null
+        mapfile -t offer < <(compgen -d -- "$word")
+        ;;
+    *=) compopt -o nospace 2>/dev/null ;;
+    esac
+    local breaks=${COMP_WORDBREAKS//[!=:]/} behind=''
+    [[ -z $breaks ]] || behind=${word%"${word##*["$breaks"]}"}
+    for i in "${!offer[@]}"; do
+        COMPREPLY[i]=${offer[i]#"$behind"}
+    done
+}
+complete -F _tarnctl tarnctl
+)bash";
+
+constexpr char kZsh[] = R"zsh(#compdef tarnctl
+# zsh completion of tarnctl, as "tarnctl completion zsh" writes it
+_tarnctl() {
+    local -a offer
+    offer=(${(f)"$($words[1] complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)"})
+    case $offer[1] in
+    :files) compset -P @; _files ;;
+    :directories) _files -/ ;;
+    *=) compadd -S '' -- $offer ;;
+    *) compadd -- $offer ;;
+    esac
+}
+if [[ $funcstack[1] == _tarnctl ]]; then
+    _tarnctl "$@"
+else
+    compdef _tarnctl tarnctl
+fi
+)zsh";
+
+constexpr char kFish[] = R"fish(# fish completion of tarnctl, as "tarnctl completion fish" writes it
+function __tarnctl
+    set -l words (commandline -opc)
+    set -l word (commandline -ct)
+    set -l offer ($words[1] complete -- $words[2..-1] "$word" 2>/dev/null)
+    switch "$offer[1]"
+        case :files
+            set -l sign (string match -r '^@' -- "$word")
+            __fish_complete_path (string replace -r '^@' '' -- "$word") | string replace -r '^' "$sign"
+        case :directories
+            __fish_complete_directories "$word"
+        case '*'
+            string join \n -- $offer
+    end
+end
+complete -c tarnctl -f -a '(__tarnctl)'
+)fish";
+
+} // namespace
+
+void Complete(const CLI::App &app, const Globals &globals, const std::vector<std::string> &words) {
+    if (words.empty()) {
         return;
     }
-    for (const std::string &member : host::describe::StatedNames(*request)) {
-        std::cout << member << "=\n";
+    const Line line(app, words);
+    Globals there = globals;
+    there.runDir = line.ValueOf("--run-dir").empty() ? globals.runDir : line.ValueOf("--run-dir");
+    for (const std::string &name : Offer(app, line, there)) {
+        if (name.starts_with(':') || name.starts_with(line.Word())) {
+            std::cout << name << "\n";
+        }
     }
+}
+
+void WriteCompletion(const std::string &shell) {
+    if (shell != "bash" && shell != "zsh" && shell != "fish") {
+        throw Failure(kUsage, fmt::format("found {}, expected a shell: bash, zsh, fish", shell));
+    }
+    std::cout << (shell == "bash" ? kBash : shell == "zsh" ? kZsh : kFish);
 }
 
 } // namespace ctl

@@ -1,9 +1,12 @@
-// completion: what a shell needs to complete tarnctl's command lines. Commands and options come from the parser, names
-// of methods and types from the descriptions, so that neither is listed twice.
+// What a shell offers for a word of tarnctl's command line. Commands and options come from the parser, names of
+// methods, members and types from the descriptions, processes and agents from the daemon, so that none is listed twice.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
+
+#include "host/ctl/commands.h"
 
 namespace ctl {
 
@@ -12,7 +15,11 @@ inline bool IsForPeople(const CLI::App *command) {
     return !command->get_group().empty();
 }
 
-// Writes the script of a shell, "bash" or "zsh", to standard output.
-void WriteCompletion(const CLI::App &app, const std::string &shell);
+// Prints what the last of the words can be, behind the program's name, a line each; ":files" or ":directories" where
+// the shell knows. What ends with "=" goes on.
+void Complete(const CLI::App &app, const Globals &globals, const std::vector<std::string> &words);
+
+// Writes the script of a shell, which asks Complete, to standard output.
+void WriteCompletion(const std::string &shell);
 
 } // namespace ctl

@@ -121,28 +121,26 @@ void PrintMethod(const Method &method) {
 
 // ---- For people: how it travels ----
 
-void PrintLayout(const Type &type) {
+void PrintLayout(const Type &type, const Style &style) {
     const std::string fixed = type.fixed ? fmt::format("fixed form {} bytes", type.fixed->Size()) : "no fixed form";
     std::cout << fmt::format("{}  hash 0x{:08X}, record {} bytes, {}\n", type.name, type.hash, type.size, fixed);
-    Columns columns;
-    columns.Add({"slot", "member", "kind", "at", "fixed", "count"});
+    Table table({"slot", "member", "kind", "at", "fixed", "count"});
     for (size_t i = 0; i < type.slots.size(); ++i) {
         const Slot &slot = type.slots[i];
-        columns.Add({std::to_string(i), slot.name, KindText(slot), std::to_string(slot.offset),
-                     type.fixed ? std::to_string(type.fixed->offsets[i]) : "-",
-                     slot.count == nullptr ? "" : slot.count});
+        table.Add({std::to_string(i), slot.name, KindText(slot), std::to_string(slot.offset),
+                   type.fixed ? std::to_string(type.fixed->offsets[i]) : "-", slot.count == nullptr ? "" : slot.count});
     }
     if (type.slots.empty()) {
         std::cout << "  no members\n";
     } else {
-        columns.Print(std::cout, 2);
+        table.Print(std::cout, style, 2);
     }
 }
 
-void PrintLayouts(const std::vector<Section> &sections) {
+void PrintLayouts(const std::vector<Section> &sections, const Style &style) {
     for (const Section &section : sections) {
         std::cout << (&section == &sections.front() ? "" : "\n");
-        PrintLayout(*section.type);
+        PrintLayout(*section.type, style);
     }
 }
 
@@ -176,6 +174,7 @@ void PrintJson(Json json, const std::vector<Section> &sections) {
 
 void DescribeMethod(const Method &method, View view, bool json) {
     const auto sections = SectionsOf(method);
+    const Output output(!json);
     if (json) {
         PrintJson(MethodJson(method), sections);
     } else if (view == View::kMeaning) {
@@ -184,18 +183,19 @@ void DescribeMethod(const Method &method, View view, bool json) {
     } else {
         std::cout << fmt::format("{}.{}  index {}: {} -> {}\n\n", method.service, method.name, method.index,
                                  method.request->name, ResponseName(method));
-        PrintLayouts(sections);
+        PrintLayouts(sections, output.GetStyle());
     }
 }
 
 void DescribeType(const Type &type, View view, bool json) {
     const auto sections = WithInsides({{"", &type, MeaningOf(type)}});
+    const Output output(!json);
     if (json) {
         PrintJson(Json::object(), sections);
     } else if (view == View::kMeaning) {
         PrintSections(sections);
     } else {
-        PrintLayouts(sections);
+        PrintLayouts(sections, output.GetStyle());
     }
 }
 

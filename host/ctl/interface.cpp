@@ -77,33 +77,33 @@ std::string Marked(const Method &method, std::string_view text) {
 }
 
 // In the order of the interface.
-void PrintByIndex(const MethodList &methods) {
-    Columns columns;
+void PrintByIndex(const MethodList &methods, const Style &style) {
+    Table table;
     for (const Method *method : methods) {
-        columns.Add({std::to_string(method->index), method->name, method->request->name,
-                     Marked(*method, ResponseName(*method))});
+        table.Add({std::to_string(method->index), method->name, method->request->name,
+                   Marked(*method, ResponseName(*method))});
     }
-    columns.Print(std::cout, 2);
+    table.Print(std::cout, style, 2);
 }
 
-void PrintByGroup(const MethodList &methods) {
-    Columns columns;
+void PrintByGroup(const MethodList &methods, const Style &style) {
+    Table table;
     for (const host::Group group : host::kGroups) {
         const auto in = [group](const Method *method) { return method->meaning->group == group; };
         if (std::ranges::any_of(methods, in)) {
-            columns.Add({std::string(NameOf(group))});
+            table.Add({std::string(NameOf(group))});
         }
         for (const Method *method : methods) {
             if (in(method)) {
-                columns.Add(
+                table.Add(
                     {fmt::format("  {}", method->name), Marked(*method, FirstSentence(method->meaning->sentence))});
             }
         }
     }
-    columns.Print(std::cout, 2);
+    table.Print(std::cout, style, 2);
 }
 
-void PrintService(const host::meaning::Service &service, const MethodList &methods, View view) {
+void PrintService(const host::meaning::Service &service, const MethodList &methods, View view, const Style &style) {
     MethodList own;
     std::ranges::copy_if(methods, std::back_inserter(own),
                          [&](const Method *method) { return std::string_view(method->service) == service.name; });
@@ -112,10 +112,10 @@ void PrintService(const host::meaning::Service &service, const MethodList &metho
     }
     if (view == View::kWire) {
         std::cout << service.name << "\n";
-        PrintByIndex(own);
+        PrintByIndex(own, style);
     } else {
         std::cout << service.name << ": " << FirstSentence(service.sentence) << "\n";
-        PrintByGroup(own);
+        PrintByGroup(own, style);
     }
 }
 
@@ -188,14 +188,15 @@ void List(const std::filesystem::path &runDir, const std::string &word, View vie
         std::cout << all.dump(2) << "\n";
         return;
     }
+    const Output output;
     for (const host::meaning::Service *service : Meanings()) {
-        PrintService(*service, methods, view);
+        PrintService(*service, methods, view, output.GetStyle());
         std::erase_if(methods,
                       [&](const Method *method) { return method->service == std::string_view(service->name); });
     }
     while (!methods.empty()) { // of services that are not known here
         const std::string_view service = methods.front()->service;
-        PrintService({service.data(), kServerOnly, {}}, methods, view);
+        PrintService({service.data(), kServerOnly, {}}, methods, view, output.GetStyle());
         std::erase_if(methods, [&](const Method *method) { return method->service == service; });
     }
 }

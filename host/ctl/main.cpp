@@ -2,7 +2,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
+#include <clocale>
 #include <cstdlib>
 #include <iostream>
 #include <new>
@@ -10,9 +10,13 @@
 #include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
+#include "host/ctl/ssh.h"
+#include "host/ctl/tasks/tasks.h"
+#include "host/ctl/terminal.h"
 #include "host/osal/accounts.h"
 #include "host/osal/streams.h"
 #include "host/osal/text.h"
+#include "host/runtime/status.h"
 
 namespace {
 
@@ -28,34 +32,17 @@ constexpr char kFooter[] = R"(Exit codes:
 constexpr char kCommandFooter[] =
     "Services are looked for in --run-dir DIR, also before the command, or as tarnctl --help says.";
 
-// As ParseTime takes it.
-std::string TimeText(std::chrono::milliseconds time) {
-    return time.count() % 1000 != 0 ? fmt::format("{}ms", time.count()) : fmt::format("{}s", time.count() / 1000);
-}
-
-// "500ms", "2s", "1m"; a bare number is of seconds.
-std::chrono::milliseconds ParseTime(const char *option, const std::string &text) {
-    constexpr uint64_t kMost = 3'600'000;
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const std::string unit = end;
-    const uint64_t scale = unit == "ms" ? 1 : unit == "s" || unit.empty() ? 1000 : unit == "m" ? 60'000 : 0;
-    if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
-        throw ctl::Failure(
-            ctl::kUsage, fmt::format("{}: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", option, text));
-    }
-    return std::chrono::milliseconds(number * scale);
-}
-
 const CLI::Range kPid(1U, static_cast<unsigned>(INT32_MAX));
 
 struct Arguments {
-    std::string runDir, word, name, member, deadline, delay, shell, jsonForm;
+    ctl::Globals globals;
+    std::string word, name, deadline, shell, jsonForm, task;
+    std::vector<std::string> words;
+    std::string host; // taken out before
     bool json = false, wire = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
     ctl::EventsOptions events;
-    ctl::TopOptions top;
     ctl::DecodeOptions decode;
     ctl::EncodeOptions encode;
 };
@@ -70,13 +57,14 @@ void AddList(CLI::App &app, Arguments &arguments) {
         ->option_text(" ");
     list->add_flag("--wire", arguments.wire, "Indices and types in place of what is meant");
     list->add_flag("--json", arguments.json, "For programs, with both");
-    list->callback([&] { ctl::List(arguments.runDir, arguments.word, ViewOf(arguments), arguments.json); });
+    list->callback([&] { ctl::List(arguments.globals.runDir, arguments.word, ViewOf(arguments), arguments.json); });
 
     auto *const describe = app.add_subcommand("describe", "What a method and its members mean, or a type's members");
     describe->add_option("NAME", arguments.name, "Method, Service.Method or type")->required()->option_text(" ");
     describe->add_flag("--wire", arguments.wire, "Slots, offsets, sizes and hashes in place of what is meant");
     describe->add_flag("--json", arguments.json, "For programs, with both");
-    describe->callback([&] { ctl::Describe(arguments.runDir, arguments.name, ViewOf(arguments), arguments.json); });
+    describe->callback(
+        [&] { ctl::Describe(arguments.globals.runDir, arguments.name, ViewOf(arguments), arguments.json); });
 }
 
 constexpr char kNamed[] = "named";
@@ -108,7 +96,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
         ->excludes(request);
     call->add_option("--pid", arguments.call.pid, "The process whose agent is called")->option_text("PID")->check(kPid);
     call->add_option("--deadline", arguments.deadline,
-                     "How long to wait: 500ms, 2s, 1m; default " + TimeText(arguments.call.deadline))
+                     "How long to wait: 500ms, 2s, 1m; default " + ctl::TimeText(arguments.call.deadline))
         ->option_text("TIME");
     call->add_flag("--oneway", arguments.call.oneway, "Send only: neither reply nor failure comes back");
     call->add_option("--repeat", arguments.call.repeat, "Call so many times, and print how long that took")
@@ -117,9 +105,9 @@ void AddCall(CLI::App &app, Arguments &arguments) {
     AddJsonForm(*call, arguments);
     call->callback([&, call] {
         if (call->count("--deadline") != 0) {
-            arguments.call.deadline = ParseTime("--deadline", arguments.deadline);
+            arguments.call.deadline = ctl::ParseTime("--deadline", arguments.deadline);
         }
-        arguments.call.runDir = arguments.runDir;
+        arguments.call.runDir = arguments.globals.runDir;
         arguments.call.json = JsonFormOf(arguments);
         ctl::Call(arguments.call);
     });
@@ -128,7 +116,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
 void AddStatus(CLI::App &app, Arguments &arguments) {
     auto *const services = app.add_subcommand("services", "The servers of the run directory and how they are");
     services->add_flag("--json", arguments.json, "For programs");
-    services->callback([&] { ctl::ListServices(arguments.runDir, arguments.json); });
+    services->callback([&] { ctl::ListServices(arguments.globals.runDir, arguments.json); });
 
     auto *const stats = app.add_subcommand("stats", "What a server's methods cost, its limits and what it refused");
     auto *const service =
@@ -139,21 +127,8 @@ void AddStatus(CLI::App &app, Arguments &arguments) {
         ->excludes(service);
     stats->add_flag("--json", arguments.stats.json, "For programs");
     stats->callback([&] {
-        arguments.stats.runDir = arguments.runDir;
+        arguments.stats.runDir = arguments.globals.runDir;
         ctl::Stats(arguments.stats);
-    });
-
-    auto *const top = app.add_subcommand("top", "The busiest processes and threads, again and again; q ends it");
-    top->add_option("-n", arguments.top.frames, "How often; default until q, or once when not on a terminal")
-        ->option_text("N");
-    top->add_option("-d", arguments.delay, "Time between: 500ms, 2s, 1m; default " + TimeText(arguments.top.delay))
-        ->option_text("TIME");
-    top->callback([&, top] {
-        if (top->count("-d") != 0) {
-            arguments.top.delay = ParseTime("-d", arguments.delay);
-        }
-        arguments.top.runDir = arguments.runDir;
-        ctl::Top(arguments.top);
     });
 }
 
@@ -167,7 +142,7 @@ void AddEvents(CLI::App &app, Arguments &arguments) {
     events->add_option("--last", arguments.events.last, "Of the last so many")->option_text("N")->excludes(from);
     events->add_flag("--json", arguments.events.json, "For programs, an object a line");
     events->callback([&] {
-        arguments.events.runDir = arguments.runDir;
+        arguments.events.runDir = arguments.globals.runDir;
         ctl::Events(arguments.events);
     });
 }
@@ -197,19 +172,27 @@ void AddCodec(CLI::App &app, Arguments &arguments) {
 
 void AddCompletion(CLI::App &app, Arguments &arguments) {
     auto *const completion = app.add_subcommand("completion", "Prints the completion script of a shell");
-    completion->add_option("SHELL_NAME", arguments.shell, "bash or zsh")->required()->option_text(" ");
-    completion->callback([&] { ctl::WriteCompletion(app, arguments.shell); });
+    completion->add_option("SHELL", arguments.shell, "\"bash\", \"zsh\" or \"fish\"")->required()->option_text(" ");
+    completion->callback([&] { ctl::WriteCompletion(arguments.shell); });
 
-    auto *const members = app.add_subcommand("complete-members", "What completion offers for a request")->group("");
-    members->add_option("METHOD", arguments.name)->required();
-    members->add_option("MEMBER", arguments.member);
-    members->callback([&] { ctl::CompleteMembers(arguments.name, arguments.member); });
+    // Asked by those scripts.
+    auto *const complete = app.add_subcommand("complete", "What the last of the words can be")->group("");
+    complete->add_option("WORDS", arguments.words);
+    complete->callback([&] { ctl::Complete(app, arguments.globals, arguments.words); });
 }
 
 int Fail(int code, const std::string &text) {
     std::cout.flush();
     std::cerr << "tarnctl: " << host::LineOfText(text) << "\n";
     return code;
+}
+
+void AddTasks(CLI::App &app, const ctl::Globals &globals) {
+    for (const auto add : {ctl::AddPs, ctl::AddTop, ctl::AddStack, ctl::AddMem, ctl::AddLeaks, ctl::AddCrashes,
+                           ctl::AddOverloads, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect, ctl::AddExec,
+                           ctl::AddSettings, ctl::AddMeasure, ctl::AddRules, ctl::AddTime}) {
+        add(app, globals);
+    }
 }
 
 // As the variable says it, for whatever the command calls.
@@ -220,38 +203,78 @@ void TrustServersOf(const std::string &user) {
     setenv("TARN_USER", user.c_str(), 1);
 }
 
+std::string RunDirOf(const CLI::App &app) {
+    const std::vector<std::string> runDir = app.get_option("--run-dir")->results();
+    return runDir.empty() ? "" : runDir.front();
+}
+
+// Of this program, and of the daemon where it answers.
+std::string Versions(const CLI::App &app) {
+    constexpr std::chrono::seconds kDeadline{1};
+    host::Client client({.runDir = RunDirOf(app)});
+    host::ServerHealth health;
+    const host::CallOutcome outcome = AskHealth(client, "TarnSysdiagTarnd", 0, health, kDeadline);
+    const std::string daemon = !outcome.Ok()            ? "no answer"
+                               : health.version.empty() ? "too old to tell"
+                                                        : host::LineOfText(health.version);
+    return "tarnctl " TARN_VERSION "\ntarnd " + daemon;
+}
+
 void AddGlobal(CLI::App &app, Arguments &arguments) {
     app.require_subcommand(1);
     app.fallthrough(); // the options of all commands may stand behind the command as well
-    app.set_version_flag("--version", "tarnctl " TARN_VERSION, "Print the version and exit");
-    app.add_option("--run-dir", arguments.runDir,
+    app.set_version_flag(
+        "--version", [&app] { return Versions(app); }, "Print the versions of both ends and exit");
+    app.add_option("-H,--host", arguments.host, "Run on this machine, by ssh: [USER@]HOST[:PORT]; before the command")
+        ->option_text("HOST");
+    app.add_option("--run-dir", arguments.globals.runDir,
                    "Directory of the services' sockets; default $TARN_RUN_DIR, or /run/tarn")
         ->type_name("DIR")
         ->check([](const std::string &text) { return text.empty() ? "found nothing, expected a directory" : ""; });
+    app.add_flag("--quiet", arguments.globals.quiet, "No progress of what takes long");
     app.add_option_function<std::string>("--server-user", TrustServersOf,
                                          "User whose servers are trusted besides root's, one's own and the directory's "
                                          "owner's; default $TARN_USER, or tarn")
         ->option_text("USER");
 }
 
-// The parser itself would only say that a command is missing.
-std::string MissingCommand(const CLI::App &app) {
+std::vector<std::string> CommandNames(const CLI::App &app) {
     std::vector<std::string> names;
     for (const CLI::App *command : app.get_subcommands(ctl::IsForPeople)) {
         names.push_back(command->get_name());
     }
-    const std::vector<std::string> rest = app.remaining();
-    return fmt::format("found {}, expected a command: {}", rest.empty() ? "nothing" : rest.front(),
-                       fmt::join(names, ", "));
+    return names;
+}
+
+// The parser itself would only say that a command is missing.
+std::string WrongCommand(const CLI::App &app, const std::string &found) {
+    const std::vector<std::string> names = CommandNames(app);
+    const std::string closest = host::describe::DidYouMean(found, {names.begin(), names.end()});
+    return closest.empty() ? fmt::format("found {}, expected a command: {}", found, fmt::join(names, ", "))
+                           : fmt::format("{}: no such command{}", found, closest);
+}
+
+void AddHelp(CLI::App &app, Arguments &arguments) {
+    auto *const help = app.add_subcommand("help", "What a task or another command does, with examples");
+    help->add_option("TASK", arguments.task, "Its name; all if not given")->option_text(" ");
+    help->callback([&] {
+        const auto named = [&](const CLI::App *command) {
+            return arguments.task == command->get_name() && ctl::IsForPeople(command);
+        };
+        const auto found = app.get_subcommands(named);
+        if (found.empty() && !arguments.task.empty()) {
+            throw ctl::Failure(ctl::kUsage, WrongCommand(app, arguments.task));
+        }
+        const ctl::Output output;
+        std::cout << (found.empty() ? app.help("", CLI::AppFormatMode::All) : found.front()->help("tarnctl"));
+    });
 }
 
 // "call METHOD --help" is of the method.
 int Help(const CLI::App &app, const CLI::Success &request) {
     const CLI::App *const call = app.get_subcommand("call");
     if (call->parsed() && call->count("METHOD") != 0 && call->count("--help") != 0) {
-        const std::vector<std::string> runDir = app.get_option("--run-dir")->results();
-        ctl::Describe(runDir.empty() ? "" : runDir.front(), call->get_option("METHOD")->results().front(),
-                      ctl::View::kMeaning, false);
+        ctl::Describe(RunDirOf(app), call->get_option("METHOD")->results().front(), ctl::View::kMeaning, false);
         return ctl::kDone;
     }
     return app.exit(request);
@@ -260,16 +283,24 @@ int Help(const CLI::App &app, const CLI::Success &request) {
 int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
     const auto commands = app.get_subcommands();
     if (commands.empty() && dynamic_cast<const CLI::RequiredError *>(&error) != nullptr) {
-        return Fail(ctl::kUsage, MissingCommand(app));
+        const std::vector<std::string> rest = app.remaining();
+        return Fail(ctl::kUsage, WrongCommand(app, rest.empty() ? "nothing" : rest.front()));
     }
     const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
     return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", error.what(), command));
 }
 
 // Exit code; what fails is thrown.
-int Run(CLI::App &app, int argc, char **argv) {
+int Run(CLI::App &app, std::vector<std::string> arguments) {
+    if (const std::string host = ctl::TakeHost(arguments); !host.empty()) {
+        return ctl::RunAt(host, std::move(arguments));
+    }
     try {
-        app.parse(argc, argv);
+        std::ranges::reverse(arguments); // as the parser takes them
+        app.parse(std::move(arguments));
+        if (app.count("--host") != 0) {
+            throw CLI::ValidationError("--host", "expected before the command");
+        }
         return ctl::kDone;
     } catch (const CLI::Success &request) { // --help, --version
         return Help(app, request);
@@ -280,22 +311,25 @@ int Run(CLI::App &app, int argc, char **argv) {
 
 int main(int argc, char **argv) {
     host::OccupyClosedStreams();
+    setlocale(LC_CTYPE, "C.UTF-8"); // texts are UTF-8, whatever the user's terminal has
     CLI::App app("Looks at the diagnosis services: their interface, their messages, their answers.", "tarnctl");
     Arguments arguments;
     AddGlobal(app, arguments);
+    AddTasks(app, arguments.globals);
     AddList(app, arguments);
     app.footer(kCommandFooter); // commands made after it repeat it
     AddCall(app, arguments);
     AddStatus(app, arguments);
     AddEvents(app, arguments);
-    ctl::AddCaptures(app, arguments.runDir);
+    ctl::AddCaptures(app, arguments.globals.runDir);
     app.footer("");
     AddCodec(app, arguments);
     AddCompletion(app, arguments);
+    AddHelp(app, arguments);
     app.footer(kFooter);
     int code = ctl::kDone;
     try {
-        code = Run(app, argc, argv);
+        code = Run(app, {argv + std::min(argc, 1), argv + argc});
     } catch (const CLI::ParseError &error) {
         return FailToParse(app, error);
     } catch (const ctl::Failure &failure) {

@@ -2,10 +2,20 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
+
+#include "host/ctl/values.h"
+#include "host/describe/explain.h"
+#include "host/meaning/meaning.h"
+#include "host/runtime/status.h"
 
 namespace ctl {
+
+using namespace host::describe;
 
 namespace {
 
@@ -25,6 +35,15 @@ ExitCode CodeOf(const host::CallOutcome &outcome) {
     }
 }
 
+bool HasLocalTimes(const host::meaning::Record *record) {
+    const auto isTime = [](const host::meaning::Member &member) {
+        return member.value.kind == host::meaning::Kind::kLocalTime ||
+               member.value.kind == host::meaning::Kind::kUnixTime;
+    };
+    return record != nullptr &&
+           (std::ranges::any_of(record->members, isTime) || std::ranges::any_of(record->inside, HasLocalTimes));
+}
+
 } // namespace
 
 Failure FailureOf(std::string_view service, std::string_view method, const host::CallOutcome &outcome) {
@@ -39,7 +58,50 @@ Failure FailureOf(std::string_view service, std::string_view method, const host:
     }
     const std::string code =
         remote ? fmt::format("status {}", outcome.status) : fmt::format("error {}", outcome.errCode);
-    return {CodeOf(outcome), what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : "")};
+    return {CodeOf(outcome), what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : ""),
+            remote ? outcome.status : 0};
+}
+
+Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {
+    const Type &type = *method.response;
+    if (const auto refusal = Explain(type, reply, false).refusal) {
+        throw Failure(kRefused,
+                      fmt::format("{}: the reply is refused as {}: {}", method.name, type.name, refusal->text));
+    }
+    auto record = host::describe::Decode(type, reply);
+    if (!record) {
+        throw Failure(kOther, fmt::format("{}: no memory to decode {} bytes", type.name, reply.size()));
+    }
+    return std::move(*record);
+}
+
+void RequireResult(const Method &method, const Record &reply, const std::string &explanation) {
+    const host::meaning::Record &meaning = *method.meaning->response;
+    for (size_t i = 0; i < meaning.members.size(); ++i) {
+        const host::meaning::Member &member = meaning.members[i];
+        const Slot &slot = reply.GetType().slots[i];
+        if (member.value.kind != host::meaning::Kind::kErrno) {
+            continue;
+        }
+        const uint64_t result = LoadScalar(static_cast<const uint8_t *>(reply.Data()) + slot.offset, slot.width);
+        if (result != 0) {
+            throw Failure(kRemote,
+                          fmt::format("{}.{}: {} ({}) is {}{}{}", method.service, method.name, member.name, member.wire,
+                                      ValueText(member.value, result), explanation.empty() ? "" : ": ", explanation),
+                          static_cast<uint32_t>(result));
+        }
+    }
+}
+
+void UseZoneOf(host::Client &client, const Method &method, uint32_t agent) {
+    if (!HasLocalTimes(method.meaning->request) && !HasLocalTimes(method.meaning->response)) {
+        return;
+    }
+    host::ServerHealth health;
+    if (AskHealth(client, method.service, agent, health).Ok() && !health.timezone.empty()) {
+        setenv("TZ", health.timezone.c_str(), 1);
+        tzset();
+    }
 }
 
 } // namespace ctl

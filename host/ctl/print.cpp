@@ -31,22 +31,6 @@ std::string NameText(const Json &name) {
     return host::LineOfText(text.substr(0, text.find_last_not_of('\0') + 1));
 }
 
-// Characters, not bytes: what follows the first byte of a UTF-8 sequence takes no room.
-size_t Width(const std::string &text) {
-    return static_cast<size_t>(
-        std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
-}
-
-// A number, perhaps with a unit: "4711", "-20", "12.5 %", "3.4 MiB".
-bool IsQuantity(const std::string &text) {
-    constexpr size_t kLongestUnit = 3;
-    const size_t end = std::min(text.find_first_not_of("0123456789.", text.starts_with('-') ? 1 : 0), text.size());
-    const size_t rest = text.size() - end;
-    return text.find_first_of("0123456789") < end &&
-           (rest == 0 ||
-            (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
-}
-
 // "2026-02-03 04:05:06 +0100"; empty for no time.
 std::string TimeText(const Json &time, meaning::Kind kind) {
     using namespace host::describe;
@@ -123,16 +107,17 @@ enum class Room { kLine, kCell };
 
 class Printer {
 public:
-    explicit Printer(std::ostream &out) : out_(out) {}
+    Printer(std::ostream &out, const Style &style) : out_(out), style_(style) {}
 
-    void Table(const Shown &shown, const Json &json, size_t indent) const;
+    void Members(const Shown &shown, const Json &json, size_t indent) const;
 
 private:
     void Line(const Shown &shown, size_t slot, const Json &value, size_t width, size_t indent) const;
     void Elements(const Shown &shown, const Json &array, size_t indent) const;
-    void Rows(const Shown &shown, const Json &array, size_t indent) const;
+    bool FitsPage(const Table &rows, size_t count, size_t indent) const;
 
     std::ostream &out_;
+    const Style &style_;
 };
 
 std::string NumberText(const Shown &shown, const Value &value, uint64_t number, Room room) {
@@ -140,7 +125,10 @@ std::string NumberText(const Shown &shown, const Value &value, uint64_t number, 
     if (number == 0 && !value.zero.empty() && room == Room::kLine) {
         return std::string(value.zero);
     }
-    return id && room == Room::kCell && shown.HasNames() ? std::to_string(number) : ValueText(value, number);
+    if (!id || room == Room::kLine || !shown.HasNames()) {
+        return ValueText(value, number);
+    }
+    return number == 0 && !value.zero.empty() ? "-" : std::to_string(number); // what is nobody's has none
 }
 
 // Of an array, which travels whole, the numbers up to the last that is not 0.
@@ -156,6 +144,14 @@ std::string NumbersText(const Shown &shown, size_t slot, const Json &numbers) {
     return text.empty() ? "-" : text;
 }
 
+// Lines stay lines in a cell; whoever prints them takes care of what is no text.
+std::string WithoutLastEnd(std::string lines) {
+    if (lines.ends_with('\n')) {
+        lines.pop_back();
+    }
+    return lines.empty() ? "-" : lines;
+}
+
 std::string TextOf(const Shown &shown, size_t slot, const Json &json, Room room) {
     const Member *const member = shown.MemberOf(slot);
     if (member == nullptr) {
@@ -168,6 +164,9 @@ std::string TextOf(const Shown &shown, size_t slot, const Json &json, Room room)
     if (json.is_number_unsigned()) {
         return NumberText(shown, value, json.get<uint64_t>(), room);
     }
+    if (value.kind == meaning::Kind::kLines && json.is_string()) {
+        return WithoutLastEnd(json.get<std::string>());
+    }
     const std::string text = json.is_null()                            ? ""
                              : shown.type.slots[slot].table != nullptr ? TimeText(json, value.kind)
                              : value.kind == meaning::Kind::kBinary    ? OneLine(json)
@@ -175,16 +174,23 @@ std::string TextOf(const Shown &shown, size_t slot, const Json &json, Room room)
     return !text.empty() ? text : room == Room::kLine && !value.zero.empty() ? std::string(value.zero) : "-";
 }
 
-// Names may hold line ends as well, but stay in their line.
-bool HasLines(const Shown &shown, size_t slot, const Json &value) {
-    return shown.type.slots[slot].kind != Kind::kBytes && value.is_string() &&
-           value.get_ref<const std::string &>().find('\n') != std::string::npos;
+// A text that is lines; a name may hold line ends as well, but stays in its line.
+std::optional<std::string> LinesIn(const Shown &shown, size_t slot, const Json &value) {
+    const Member *const member = shown.MemberOf(slot);
+    const bool lines = member != nullptr && member->value.kind == meaning::Kind::kLines;
+    if (!value.is_string() || (shown.type.slots[slot].kind == Kind::kBytes && !lines)) {
+        return std::nullopt;
+    }
+    const auto &text = value.get_ref<const std::string &>();
+    return text.find('\n') == text.npos ? std::nullopt : std::optional(text);
 }
 
 // Whether each element takes one line.
 bool FitsRows(const Shown &shown, const Json &array) {
     for (size_t i = 0; i < shown.type.slots.size(); ++i) {
-        const auto hasLines = [&](const Json &one) { return HasLines(shown, i, one[shown.type.slots[i].name]); };
+        const auto hasLines = [&](const Json &one) {
+            return LinesIn(shown, i, one[shown.type.slots[i].name]).has_value();
+        };
         if (!shown.IsFlat(i) || (shown.meaning != nullptr && std::ranges::any_of(array, hasLines))) {
             return false;
         }
@@ -202,15 +208,14 @@ Json Filled(const Slot &slot, const Json &array) {
     return filled;
 }
 
-void Printer::Rows(const Shown &shown, const Json &array, size_t indent) const {
-    Columns columns;
-    std::vector<std::string> head;
+Table RowsOf(const Shown &shown, const Json &array) {
+    std::vector<std::string> heads;
     for (size_t i = 0; i < shown.type.slots.size(); ++i) {
         if (shown.Has(i)) {
-            head.push_back(shown.NameOf(i));
+            heads.push_back(shown.NameOf(i));
         }
     }
-    columns.Add(head);
+    Table table(heads);
     for (const Json &element : array) {
         std::vector<std::string> row;
         for (size_t i = 0; i < shown.type.slots.size(); ++i) {
@@ -218,19 +223,29 @@ void Printer::Rows(const Shown &shown, const Json &array, size_t indent) const {
                 row.push_back(TextOf(shown, i, element[shown.type.slots[i].name], Room::kCell));
             }
         }
-        columns.Add(row);
+        table.Add(row);
     }
-    columns.Print(out_, indent);
+    return table;
+}
+
+// Programs that read lines of text expect several elements in rows, whatever their width.
+bool Printer::FitsPage(const Table &rows, size_t count, size_t indent) const {
+    constexpr size_t kPage = 100;
+    const size_t most = style_.width != 0 ? style_.width : count == 1 ? kPage : SIZE_MAX;
+    return rows.Width() + indent <= most;
 }
 
 void Printer::Elements(const Shown &shown, const Json &array, size_t indent) const {
     if (FitsRows(shown, array)) {
-        Rows(shown, array, indent);
-        return;
+        const Table rows = RowsOf(shown, array);
+        if (shown.meaning == nullptr || FitsPage(rows, array.size(), indent)) {
+            rows.Print(out_, style_, indent);
+            return;
+        }
     }
     for (size_t i = 0; i < array.size(); ++i) {
         out_ << std::string(indent, ' ') << "[" << i << "]\n";
-        Table(shown, array[i], indent + 2);
+        Members(shown, array[i], indent + 2);
     }
 }
 
@@ -239,15 +254,15 @@ void Printer::Line(const Shown &shown, size_t slot, const Json &value, size_t wi
     const std::string name = std::string(indent, ' ') + title;
     const std::string padding(width - title.size() + 2, ' ');
     if (shown.IsFlat(slot)) {
-        if (HasLines(shown, slot, value)) {
+        if (const auto lines = LinesIn(shown, slot, value)) {
             out_ << name << "\n";
-            PrintLines(out_, value.get_ref<const std::string &>(), indent + 2);
+            PrintLines(out_, *lines, indent + 2);
         } else {
             out_ << name << padding << TextOf(shown, slot, value, Room::kLine) << "\n";
         }
     } else if (shown.type.slots[slot].kind == Kind::kTable) {
         out_ << name << "\n";
-        Table(shown.Inside(slot), value, indent + 2);
+        Members(shown.Inside(slot), value, indent + 2);
     } else {
         const Json elements = shown.meaning == nullptr ? value : Filled(shown.type.slots[slot], value);
         out_ << name << padding << elements.size() << (elements.size() == 1 ? " element\n" : " elements\n");
@@ -257,7 +272,7 @@ void Printer::Line(const Shown &shown, size_t slot, const Json &value, size_t wi
     }
 }
 
-void Printer::Table(const Shown &shown, const Json &json, size_t indent) const {
+void Printer::Members(const Shown &shown, const Json &json, size_t indent) const {
     size_t width = 0;
     for (size_t i = 0; i < shown.type.slots.size(); ++i) {
         width = std::max(width, shown.Has(i) ? shown.NameOf(i).size() : 0);
@@ -271,40 +286,17 @@ void Printer::Table(const Shown &shown, const Json &json, size_t indent) const {
 
 } // namespace
 
-void Columns::Add(const std::vector<std::string> &row) {
-    auto &added = rows_.emplace_back();
-    for (const std::string &text : row) {
-        added.push_back(host::LineOfText(text));
-    }
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const Style &style) {
+    Printer(out, style).Members({record.GetType(), nullptr}, host::describe::ToJson(record), 0);
 }
 
-void Columns::Print(std::ostream &out, size_t indent) const {
-    std::vector<size_t> widths;
-    for (const auto &row : rows_) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], Width(row[i]));
-        }
-    }
-    for (size_t at = 0; at < rows_.size(); ++at) {
-        const auto &row = rows_[at];
-        std::string line(indent, ' ');
-        for (size_t i = 0; i < row.size(); ++i) {
-            const std::string padding(widths[i] - Width(row[i]), ' ');
-            const bool head = at == 0 && rows_.size() > 1 && i < rows_[1].size() && IsQuantity(rows_[1][i]);
-            line += (i == 0 ? "" : "  ") + (head || IsQuantity(row[i]) ? padding + row[i] : row[i] + padding);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        out << line << "\n";
-    }
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const meaning::Record &meaning,
+                 const Style &style) {
+    Printer(out, style).Members({record.GetType(), &meaning}, host::describe::ToJson(record), 0);
 }
 
-void PrintRecord(std::ostream &out, const host::describe::Record &record) {
-    Printer(out).Table({record.GetType(), nullptr}, host::describe::ToJson(record), 0);
-}
-
-void PrintRecord(std::ostream &out, const host::describe::Record &record, const meaning::Record &meaning) {
-    Printer(out).Table({record.GetType(), &meaning}, host::describe::ToJson(record), 0);
+std::string MemberText(const Type &type, const meaning::Record &meaning, size_t slot, const Json &wire) {
+    return TextOf({type, &meaning}, slot, wire, Room::kCell);
 }
 
 } // namespace ctl

@@ -3,25 +3,21 @@
 
 #include <ostream>
 
+#include "host/ctl/table.h"
 #include "host/describe/json.h"
 #include "host/meaning/meaning.h"
 
 namespace ctl {
 
-// Rows of text in columns of one width, numbers and what stands above them to the right. Whatever a text holds, it
-// stays in its line.
-class Columns {
-public:
-    void Add(const std::vector<std::string> &row);
-    void Print(std::ostream &out, size_t indent) const;
+// A member a line, nested tables indented, texts of several lines below each other, vectors of flat tables as a table
+// of their own; one that is wider than the terminal, or than a page where it has one row, downwards. With the members
+// and the numbers as they travel, or as that record means them.
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const Style &style);
+void PrintRecord(std::ostream &out, const host::describe::Record &record, const host::meaning::Record &meaning,
+                 const Style &style);
 
-private:
-    std::vector<std::vector<std::string>> rows_;
-};
-
-// A member a line, nested tables indented, vectors of flat tables as a table of their own: with the members and the
-// numbers as they travel, or as that record means them.
-void PrintRecord(std::ostream &out, const host::describe::Record &record);
-void PrintRecord(std::ostream &out, const host::describe::Record &record, const host::meaning::Record &meaning);
+// A member of a record for a cell of a table, of its JSON of the wire.
+std::string MemberText(const host::describe::Type &type, const host::meaning::Record &meaning, size_t slot,
+                       const host::describe::Json &wire);
 
 } // namespace ctl

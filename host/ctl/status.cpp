@@ -62,32 +62,31 @@ void PrintMistakes(const std::vector<std::string> &mistakes) {
     }
 }
 
-void PrintValues(const char *title, const std::vector<host::NamedValue> &values) {
+void PrintValues(const char *title, const std::vector<host::NamedValue> &values, const Style &style) {
     std::cout << "\n" << title << "\n";
-    Columns columns;
+    Table table;
     for (const host::NamedValue &value : values) {
-        columns.Add({value.name, std::to_string(value.value), value.meaning});
+        table.Add({value.name, std::to_string(value.value), value.meaning});
     }
-    columns.Print(std::cout, 2);
+    table.Print(std::cout, style, 2);
 }
 
 // Methods that nobody has called say nothing.
-void PrintMethods(const host::ServiceStatus &service) {
-    Columns columns;
-    columns.Add({"method", "calls", "errors", "cancelled", "p50", "p99", "max"});
+void PrintMethods(const host::ServiceStatus &service, const Style &style) {
+    Table table({"method", "calls", "errors", "cancelled", "p50", "p99", "max"});
     size_t called = 0;
     for (const host::MethodStatus &method : service.methods) {
         if (method.calls != 0) {
             ++called;
-            columns.Add({method.name, std::to_string(method.calls), std::to_string(method.errors),
-                         std::to_string(method.cancelled), DurationText(method.p50), DurationText(method.p99),
-                         DurationText(method.max)});
+            table.Add({method.name, std::to_string(method.calls), std::to_string(method.errors),
+                       std::to_string(method.cancelled), DurationText(method.p50), DurationText(method.p99),
+                       DurationText(method.max)});
         }
     }
     std::cout << fmt::format("\n{}: {} of {} methods called\n", host::LineOfText(service.name), called,
                              service.methods.size());
     if (called != 0) {
-        columns.Print(std::cout, 2);
+        table.Print(std::cout, style, 2);
     }
 }
 
@@ -96,8 +95,7 @@ void PrintMethods(const host::ServiceStatus &service) {
 void ListServices(const std::filesystem::path &given, bool json) {
     const std::filesystem::path runDir = host::Directory(given).RunDir();
     host::Client client({.runDir = runDir});
-    Columns columns;
-    columns.Add({"service", "process", "state", "uptime", "workers", "busy", "connections", "requests"});
+    Table table({"service", "process", "state", "uptime", "workers", "busy", "connections", "requests"});
     Json all = Json::array();
     const std::vector<Server> servers = FindServers(client, runDir);
     for (const Server &server : servers) {
@@ -106,13 +104,13 @@ void ListServices(const std::filesystem::path &given, bool json) {
         Json entry{{"service", server.service}, {"agentOf", server.pid}};
         if (outcome.Ok()) {
             const uint32_t pid = server.pid == 0 ? health.pid : server.pid; // not as a namespace of its own has it
-            columns.Add({server.service, PidText(pid), health.state, DurationText(health.uptime),
-                         std::to_string(health.workers), std::to_string(health.busy),
-                         std::to_string(health.connections), std::to_string(health.requests)});
+            table.Add({server.service, PidText(pid), health.state, DurationText(health.uptime),
+                       std::to_string(health.workers), std::to_string(health.busy), std::to_string(health.connections),
+                       std::to_string(health.requests)});
             entry["health"] = Json::parse(host::ToJson(health));
         } else {
-            columns.Add({server.service, server.pid == 0 ? "-" : PidText(server.pid),
-                         "no answer: " + std::system_category().message(static_cast<int>(outcome.errCode))});
+            table.Add({server.service, server.pid == 0 ? "-" : PidText(server.pid),
+                       "no answer: " + std::system_category().message(static_cast<int>(outcome.errCode))});
             entry["error"] = outcome.text;
         }
         all.push_back(std::move(entry));
@@ -122,7 +120,8 @@ void ListServices(const std::filesystem::path &given, bool json) {
     } else if (servers.empty()) {
         std::cout << "no services in " << runDir.string() << "\n";
     } else {
-        columns.Print(std::cout, 0);
+        const Output output;
+        table.Print(std::cout, output.GetStyle());
     }
 }
 
@@ -143,13 +142,15 @@ void Stats(const StatsOptions &options) {
         std::cout << Json::parse(host::ToJson(status)).dump(2) << "\n";
         return;
     }
+    const Output output;
+    const Style &style = output.GetStyle();
     PrintHealth(status.health);
     PrintMistakes(status.mistakes);
     for (const host::ServiceStatus &served : status.services) {
-        PrintMethods(served);
+        PrintMethods(served, style);
     }
-    PrintValues("refused or cut off", status.refused);
-    PrintValues("limits", status.limits);
+    PrintValues("refused or cut off", status.refused, style);
+    PrintValues("limits", status.limits, style);
 }
 
 } // namespace ctl

@@ -47,7 +47,7 @@ TEST_F(Start, TheAgentAndTheCommandLineTellBadArgumentsToo) {
                       "tarn-agent: --name: found \"" + name + "\", expected a name of 1 to 31 bytes\n");
     }
     ExpectRefusal(TARNCTL " --nonsense", 2, "tarnctl: ");
-    ExpectRefusal(TARNCTL " nonsense", 2, "tarnctl: found nonsense, expected a command: list, describe, call, ");
+    ExpectRefusal(TARNCTL " nonsense", 2, "tarnctl: found nonsense, expected a command: ps, top, stack, ");
     ExpectRefusal(TARNCTL " --run-dir $run services", 3, "/run: cannot look for services: No such file or directory\n");
     ExpectRefusal(TARNCTL " list >/dev/full", 1, "tarnctl: cannot write to standard output\n");
 }

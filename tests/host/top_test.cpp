@@ -5,16 +5,7 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/common.h"
 
-#include <poll.h>
-#include <pty.h>
-#include <sys/ioctl.h>
-#include <termios.h>
-#include <utmp.h>
-
-#include <cerrno>
-#include <system_error>
-
-#include "tests/host/kit.h"
+#include "tests/host/on_terminal.h"
 
 namespace {
 
@@ -23,130 +14,20 @@ using namespace kit;
 constexpr std::string_view kEnter = "\033[?1049h\033[?25l", kLeave = "\033[?25h\033[?1049l";
 constexpr std::string_view kFrameStart = "\033[H", kFrameEnd = "q ends";
 
-// A program on a terminal.
-class OnTerminal {
-public:
-    OnTerminal(std::vector<std::string> command, winsize size, const char *kind = "xterm") {
-        if (openpty(&master_, &terminal_, nullptr, nullptr, &size) != 0) {
-            throw std::system_error(errno, std::generic_category(), "openpty");
-        }
-        before_ = Modes();
-        std::vector<char *> arguments;
-        for (std::string &word : command) {
-            arguments.push_back(word.data());
-        }
-        arguments.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(master_);
-            login_tty(terminal_);
-            setenv("TERM", kind, 1);
-            execv(arguments[0], arguments.data());
-            _exit(127);
-        }
+// The lines of the first whole frame that it writes from now on, which a key asks for.
+std::vector<std::string> FrameAfter(OnTerminal &top, const std::string &key) {
+    top.Forget();
+    top.Press(key);
+    EXPECT_TRUE(top.Shows(kFrameEnd)) << top.Output();
+    const std::string &output = top.Output();
+    const size_t start = output.find(kFrameStart) + kFrameStart.size();
+    std::istringstream frame(output.substr(start, output.find(kFrameEnd) - start));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(frame, line);) {
+        lines.push_back(line.substr(0, line.find("\033[K")));
     }
-    ~OnTerminal() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        HangUp();
-    }
-    OnTerminal(const OnTerminal &) = delete;
-    OnTerminal &operator=(const OnTerminal &) = delete;
-
-    // Whether it writes the text, behind what was written when Forget was last called.
-    bool Shows(std::string_view text) {
-        return Eventually([&] {
-            Read();
-            return output_.find(text) != output_.npos;
-        });
-    }
-    void Forget() {
-        Read();
-        output_.clear();
-    }
-    const std::string &Output() const { return output_; }
-
-    // The lines of the first whole frame that it writes from now on, which a key asks for.
-    std::vector<std::string> FrameAfter(const std::string &key) {
-        Forget();
-        Press(key);
-        EXPECT_TRUE(Shows(kFrameEnd)) << output_;
-        const size_t start = output_.find(kFrameStart) + kFrameStart.size();
-        std::istringstream frame(output_.substr(start, output_.find(kFrameEnd) - start));
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(frame, line);) {
-            lines.push_back(line.substr(0, line.find("\033[K")));
-        }
-        return lines;
-    }
-
-    void Press(const std::string &keys) const {
-        EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    }
-    void Resize(winsize size) const { EXPECT_EQ(ioctl(master_, TIOCSWINSZ, &size), 0); }
-    void Signal(int signal) const { kill(pid_, signal); }
-    void HangUp() {
-        for (int *const end : {&master_, &terminal_}) {
-            if (*end != -1) {
-                close(*end);
-                *end = -1;
-            }
-        }
-    }
-
-    bool Stops() const {
-        int status = 0;
-        return Eventually([&] { return waitpid(pid_, &status, WUNTRACED | WNOHANG) == pid_; }) && WIFSTOPPED(status);
-    }
-    // The exit status, or the signal that ended it, negative.
-    int Wait() {
-        int status = 0;
-        const auto ended = [&] {
-            Read(); // it may wait for room
-            return waitpid(pid_, &status, WNOHANG) != 0;
-        };
-        if (!Eventually(ended)) {
-            ADD_FAILURE() << "it does not end: " << output_;
-            kill(pid_, SIGKILL);
-            waitpid(pid_, &status, 0);
-        }
-        pid_ = -1;
-        Read();
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-    bool IsRaw() const { return (Modes().c_lflag & (ICANON | ECHO)) == 0; }
-    bool IsAsBefore() const {
-        const termios now = Modes();
-        return now.c_lflag == before_.c_lflag && now.c_iflag == before_.c_iflag && now.c_oflag == before_.c_oflag &&
-               memcmp(now.c_cc, before_.c_cc, sizeof now.c_cc) == 0;
-    }
-
-private:
-    termios Modes() const {
-        termios modes{};
-        EXPECT_EQ(tcgetattr(terminal_, &modes), 0);
-        return modes;
-    }
-    void Read() {
-        char bytes[4096];
-        for (pollfd ready{master_, POLLIN, 0}; master_ != -1 && poll(&ready, 1, 0) > 0;) {
-            const ssize_t count = read(master_, bytes, sizeof bytes);
-            if (count <= 0) {
-                return;
-            }
-            output_.append(bytes, static_cast<size_t>(count));
-        }
-    }
-
-    int master_ = -1;
-    int terminal_ = -1; // held here too, so that its modes outlive the program
-    termios before_{};
-    std::string output_;
-    pid_t pid_ = -1;
-};
+    return lines;
+}
 
 class Top : public testing::Test {
 protected:
@@ -207,7 +88,7 @@ TEST_F(Top, TakesTheTerminalUntilQAndGivesItBackAsItWas) {
 TEST_F(Top, AnyOtherKeyAsksForANewFrame) {
     OnTerminal top = Start();
     ASSERT_TRUE(top.Shows(kFrameEnd));
-    const auto lines = top.FrameAfter("x");
+    const auto lines = FrameAfter(top, "x");
     EXPECT_EQ(LineOf(lines, "CPU busy "), 0);
     EXPECT_LT(LineOf(lines, "PROCESS "), LineOf(lines, "busiest threads"));
     EXPECT_LT(LineOf(lines, "THREAD "), lines.size());
@@ -217,14 +98,14 @@ TEST_F(Top, AnyOtherKeyAsksForANewFrame) {
 TEST_F(Top, FitsTheTerminalAlsoWhenThatIsResized) {
     OnTerminal top = Start();
     ASSERT_TRUE(top.Shows(kFrameEnd));
-    const auto large = top.FrameAfter(" ");
+    const auto large = FrameAfter(top, " ");
     const size_t header = LineOf(large, "PROCESS ");
     ASSERT_LT(header, large.size());
     EXPECT_NE(large[header].find(" USER"), std::string::npos);
 
     constexpr winsize kSmall{12, 40, 0, 0};
     top.Resize(kSmall);
-    const auto small = top.FrameAfter(" ");
+    const auto small = FrameAfter(top, " ");
     EXPECT_LT(small.size(), large.size());
     EXPECT_LE(small.size(), kSmall.ws_row) << "with the last line, which has \"q ends\"";
     for (const std::string &line : small) {
@@ -233,7 +114,7 @@ TEST_F(Top, FitsTheTerminalAlsoWhenThatIsResized) {
     EXPECT_LT(LineOf(small, "PROCESS "), small.size());
 
     top.Resize(kLarge);
-    const auto again = top.FrameAfter(" ");
+    const auto again = FrameAfter(top, " ");
     EXPECT_NE(again.at(header).find(" USER"), std::string::npos);
 }
 

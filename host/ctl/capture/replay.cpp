@@ -9,7 +9,7 @@
 #include "host/ctl/capture/headers.h"
 #include "host/ctl/capture/pcapng.h"
 #include "host/ctl/commands.h"
-#include "host/ctl/print.h"
+#include "host/ctl/table.h"
 #include "host/describe/record.h"
 #include "host/describe/types.h"
 #include "host/meaning/meaning.h"
@@ -106,16 +106,14 @@ std::string WhyNot(const Method *method, const CapturedCall &call, bool all) {
 
 class Replayer {
 public:
-    explicit Replayer(const ReplayOptions &options) : client_({.runDir = options.runDir}), all_(options.all) {
-        columns_.Add({"METHOD", "CAPTURED", "NOW"});
-    }
+    explicit Replayer(const ReplayOptions &options) : client_({.runDir = options.runDir}), all_(options.all) {}
 
     void Replay(const CapturedCall &call) {
         const std::string name = fmt::format("{}.{}", call.header.service, call.header.method);
         const Method *const method = host::describe::FindMethod(name);
         const std::string captured = method == nullptr ? "" : TypeThen(*method, call);
         if (const std::string why = WhyNot(method, call, all_); !why.empty()) {
-            columns_.Add({call.header.method, captured, "not sent: " + why});
+            table_.Add({call.header.method, captured, "not sent: " + why});
             return;
         }
         ++sent_;
@@ -124,11 +122,11 @@ public:
             TypeNow(*method, client_.Call(method->service, 0, method->name, call.header.typeHash, message));
         const bool comparable = captured != "no answer" && captured != "cut";
         differ_ += comparable && now != captured ? 1 : 0;
-        columns_.Add({call.header.method, captured, now});
+        table_.Add({call.header.method, captured, now});
     }
 
     void End() const {
-        columns_.Print(std::cout, 0);
+        table_.Print(std::cout, StyleOfOutput());
         if (differ_ != 0) {
             throw Failure(kRemote, fmt::format("{} of {} answers are of another type than captured", differ_, sent_));
         }
@@ -137,7 +135,7 @@ public:
 private:
     host::Client client_;
     const bool all_;
-    Columns columns_;
+    Table table_{{"METHOD", "CAPTURED", "NOW"}};
     size_t sent_ = 0, differ_ = 0;
 };
 

@@ -1,0 +1,47 @@
+// What tasks that list have in common: columns that can be chosen, and an object a line for programs.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "host/ctl/server.h"
+#include "host/ctl/table.h"
+
+namespace ctl {
+
+struct ListOptions {
+    std::vector<std::string> columns; // empty for those that the task shows by itself
+    bool noHeaders = false;
+    bool json = false;
+};
+
+void AddListOptions(CLI::App &task, ListOptions &options);
+
+// Of the whole program's tasks: what answers with one record.
+void AddJson(CLI::App &task, bool &json);
+
+class Listing {
+public:
+    // With all columns that there are, and those that are shown unless others are chosen; none for all.
+    Listing(const ListOptions &options, std::vector<std::string> columns, const std::vector<std::string> &shown = {});
+    // Of records, whose members are the columns.
+    Listing(const ListOptions &options, const host::meaning::Record &meaning, const std::vector<std::string> &shown);
+
+    void Add(const std::vector<std::string> &cells, host::describe::Json json);
+    void Add(const Elements &elements);
+
+    // JSON, or the table.
+    void Print(std::ostream &out, const Style &style) const;
+    // The same on standard output, through a pager; for a table that would be empty, what there is none of.
+    void Show(const std::string &none) const;
+
+private:
+    static std::vector<std::string> ColumnsOf(const host::meaning::Record &meaning);
+
+    const ListOptions &options_;
+    const std::vector<std::string> columns_;
+    std::vector<size_t> shown_;
+    std::vector<std::vector<std::string>> rows_;
+    std::vector<host::describe::Json> objects_;
+};
+
+} // namespace ctl

@@ -1,0 +1,34 @@
+// How far something is that takes long: a bar on a terminal, a line now and then otherwise, nothing with --quiet. All
+// to standard error.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "host/ctl/commands.h"
+
+namespace ctl {
+
+class Progress {
+public:
+    // Of so many; 0 where nobody knows how many.
+    Progress(const Globals &globals, std::string what, uint64_t all = 0);
+    ~Progress(); // clears the bar
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    void Set(uint64_t done, const std::string &note = {});
+
+private:
+    using Clock = std::chrono::steady_clock;
+    std::string Text(uint64_t done, const std::string &note) const;
+
+    const std::string what_;
+    const uint64_t all_;
+    const bool quiet_, terminal_;
+    Clock::time_point next_; // when it is shown again
+    bool shown_ = false;
+};
+
+} // namespace ctl

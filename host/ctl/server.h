@@ -1,0 +1,73 @@
+// The daemon, or an agent, as tasks ask it: by the names of the meanings.
+#pragma once
+
+#include <initializer_list>
+
+#include "host/ctl/commands.h"
+#include "host/meaning/meaning.h"
+#include "host/runtime/client.h"
+
+namespace ctl {
+
+// Elements of one type, as a method means them.
+struct Elements {
+    const host::describe::Type &type;
+    const host::meaning::Record &meaning;
+    host::describe::Json wire; // an array
+
+    host::describe::Json Named() const;
+    host::describe::Json Named(const host::describe::Json &element) const;
+
+    // A member of an element, as it travels, or in words. Throws Failure for a name that no member has.
+    const host::describe::Json &Value(const host::describe::Json &element, std::string_view member) const;
+    uint64_t Number(const host::describe::Json &element, std::string_view member) const;
+    std::string Text(const host::describe::Json &element, std::string_view member) const;
+
+    // The records in a member of each, in their order.
+    Elements Inside(std::string_view member) const;
+
+    // What is measured or counted falls, what names something rises.
+    void SortBy(std::string_view member);
+
+    void Keep(size_t most);
+};
+
+struct Reply {
+    const host::describe::Method &method;
+    host::describe::Json wire;
+    std::string explanation;
+
+    host::describe::Json Named() const;
+    // A member by its name: what travels, a member in words, the elements of a vector or a run.
+    const host::describe::Json &operator[](std::string_view member) const;
+    std::string Text(std::string_view member) const;
+    Elements In(std::string_view member) const;
+};
+
+// How long what may take long is waited for.
+constexpr std::chrono::minutes kPatience{10};
+
+class Server {
+public:
+    explicit Server(const Globals &globals) : client_({.runDir = globals.runDir}) {}
+
+    // The request is JSON in the names of the meanings, or words, "begins-at=90%". Throws Failure.
+    Reply Ask(const std::string &method, const host::describe::Json &request = host::describe::Json::object());
+    Reply Ask(const std::string &method, const std::vector<std::string> &words);
+
+    // The same, also where the result in the reply is a failure.
+    Reply AskAnyway(const std::string &method, const host::describe::Json &request);
+
+    // The same; nothing where the answer is one of these errno values.
+    std::optional<Reply> AskUnless(std::initializer_list<uint32_t> none, const std::string &method,
+                                   const host::describe::Json &request = host::describe::Json::object());
+
+    host::Client &GetClient() { return client_; }
+
+private:
+    Reply Send(const host::describe::Method &method, const host::describe::Record &request, bool anyResult = false);
+
+    host::Client client_;
+};
+
+} // namespace ctl

@@ -1,0 +1,141 @@
+#include "host/ctl/ssh.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "host/ctl/commands.h"
+
+namespace ctl {
+
+namespace {
+
+// For the shell at the other end.
+std::string Quoted(const std::string &word) {
+    std::string quoted = "'";
+    for (const char letter : word) {
+        quoted += letter == '\'' ? "'\\''" : std::string(1, letter);
+    }
+    return quoted + "'";
+}
+
+std::vector<std::string> CommandFor(const std::string &host, const std::vector<std::string> &arguments, bool terminal) {
+    const char *const program = getenv("TARN_SSH");
+    std::vector<std::string> command{program == nullptr || *program == 0 ? "ssh" : program, "-x",
+                                     terminal ? "-t" : "-T"};
+    const size_t colon = host.rfind(':');
+    const bool hasPort = colon != host.npos && host.find(':') == colon;
+    if (hasPort) {
+        command.insert(command.end(), {"-p", host.substr(colon + 1)});
+    }
+    command.insert(command.end(), {"--", host.substr(0, hasPort ? colon : host.size())});
+    std::string line = "tarnctl";
+    for (const std::string &argument : arguments) {
+        line += " " + Quoted(argument);
+    }
+    command.push_back(line);
+    return command;
+}
+
+// The exit status; its standard output goes to the descriptor, unless that is -1.
+int Run(const std::vector<std::string> &command, int output) {
+    std::vector<char *> words;
+    for (const std::string &word : command) {
+        words.push_back(const_cast<char *>(word.c_str()));
+    }
+    words.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (output != -1) {
+            dup2(output, STDOUT_FILENO);
+        }
+        execvp(words[0], words.data());
+        fprintf(stderr, "tarnctl: %s: cannot run: %s\n", words[0], strerror(errno));
+        _exit(255);
+    }
+    std::signal(SIGINT, SIG_IGN); // is for the other end
+    int status = 0;
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    constexpr int kOfSsh = 255; // what failed is the connection
+    const int code = pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : kOfSsh;
+    return code == kOfSsh ? kConnection : code;
+}
+
+// The file of "-o FILE", which is taken out; by default one of the host's name.
+std::string TakeFile(std::vector<std::string> &arguments, const std::string &host) {
+    const auto option = std::ranges::find(arguments, "-o");
+    if (arguments.end() - option > 1) {
+        const std::string file = *(option + 1);
+        arguments.erase(option, option + 2);
+        return file;
+    }
+    char now[16] = {};
+    const time_t seconds = time(nullptr);
+    strftime(now, sizeof now, "%Y%m%d%H%M%S", localtime(&seconds));
+    return fmt::format("tarn-{}-{}.tar.gz", host, now);
+}
+
+int CollectFrom(const std::string &host, std::vector<std::string> arguments) {
+    const std::string file = TakeFile(arguments, host);
+    arguments.insert(arguments.end(), {"-o", "-"});
+    if (file == "-") {
+        return Run(CommandFor(host, arguments, false), -1);
+    }
+    const std::string partial = file + ".part";
+    const int output = open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (output < 0) {
+        throw Failure(kOther, fmt::format("{}: cannot write: {}", partial, strerror(errno)));
+    }
+    const int code = Run(CommandFor(host, arguments, false), output);
+    const bool isWhole = close(output) == 0 && code == kDone;
+    if (!isWhole || rename(partial.c_str(), file.c_str()) != 0) {
+        unlink(partial.c_str());
+        return code == kDone ? static_cast<int>(kOther) : code;
+    }
+    printf("%s\n", file.c_str());
+    return code;
+}
+
+// The argument behind an option of the whole program, and behind its value.
+std::vector<std::string>::iterator Next(std::vector<std::string> &arguments, std::vector<std::string>::iterator at) {
+    const bool hasValue = *at == "--run-dir" || *at == "--server-user";
+    return at + std::min<std::ptrdiff_t>(hasValue ? 2 : 1, arguments.end() - at);
+}
+
+std::string CommandOf(std::vector<std::string> &arguments) {
+    auto at = arguments.begin();
+    while (at != arguments.end() && at->starts_with('-')) {
+        at = Next(arguments, at);
+    }
+    return at == arguments.end() ? "" : *at;
+}
+
+} // namespace
+
+std::string TakeHost(std::vector<std::string> &arguments) {
+    for (auto at = arguments.begin(); at != arguments.end() && at->starts_with('-'); at = Next(arguments, at)) {
+        if ((*at == "-H" || *at == "--host") && arguments.end() - at > 1) {
+            const std::string host = *(at + 1);
+            arguments.erase(at, at + 2);
+            return host;
+        }
+    }
+    return "";
+}
+
+int RunAt(const std::string &host, std::vector<std::string> arguments) {
+    const bool collects = CommandOf(arguments) == "collect" && std::ranges::count(arguments, "--help") == 0;
+    return collects ? CollectFrom(host, std::move(arguments))
+                    : Run(CommandFor(host, arguments, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0), -1);
+}
+
+} // namespace ctl

@@ -1,0 +1,84 @@
+// exec: a debug command in an application, by its agent, and what became of it.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+#include "host/ctl/listing.h"
+#include "host/ctl/process.h"
+#include "host/ctl/progress.h"
+#include "host/ctl/tasks/tasks.h"
+#include "host/ctl/terminal.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+struct Options {
+    std::string process, deadline = "1m";
+    std::vector<std::string> words;
+    bool json = false;
+};
+
+// The reply, whatever the command itself returned.
+Reply ResultOf(const Globals &globals, Server &server, uint32_t pid, std::chrono::milliseconds deadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    Progress progress(globals, "the command runs");
+    for (std::chrono::milliseconds pause{5};; pause = std::min(2 * pause, std::chrono::milliseconds(200))) {
+        const Reply reply = server.AskAnyway("DBGCmdExecResultGetByTarnd", Json{{"process", pid}});
+        if (reply["result"] != EINPROGRESS) {
+            return reply;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            throw Failure(kDeadline, fmt::format("the command still runs after {}; --deadline gives it more time",
+                                                 TimeText(deadline)));
+        }
+        progress.Set(0);
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+void Exec(const Globals &globals, const Options &options) {
+    const auto deadline = ParseTime("--deadline", options.deadline);
+    Server server(globals);
+    const uint32_t pid = FindProcess(server, options.process).pid;
+    const std::string command = fmt::format("{}", fmt::join(options.words, " "));
+    server.Ask("DBGCmdExecShowByTarnd", Json{{"process", pid}, {"command", command}});
+    const Reply reply = ResultOf(globals, server, pid, deadline);
+    const Json named = reply.Named();
+    if (options.json) {
+        std::cout << named.dump() << "\n";
+    } else {
+        const Output output;
+        std::cout << reply.Text("output") << "\n";
+    }
+    if (const auto result = reply["result"].get<uint32_t>(); result != 0) {
+        throw Failure(kRemote, fmt::format("{}: {} ({})", command, reply.Text("result"), named["result"].dump()),
+                      result);
+    }
+}
+
+} // namespace
+
+void AddExec(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task = AddTask(app, "exec", "Runs a debug command in an application, and waits for its result",
+                                   {"exec worker help", "exec worker loop 60", "exec worker --deadline 10m dump all"});
+    task->add_option(kProcess, options->process, "A process with an agent, as with stack")
+        ->required()
+        ->option_text(" ");
+    task->add_option("COMMAND", options->words, "The command and its words; \"help\" lists the commands")
+        ->required()
+        ->option_text(" ");
+    task->add_option("--deadline", options->deadline, "How long to wait for the result; default 1m")
+        ->option_text("TIME");
+    AddJson(*task, options->json);
+    task->callback([&globals, options] { Exec(globals, *options); });
+}
+
+} // namespace ctl

@@ -1,0 +1,51 @@
+// health: how the system is, or an application with an agent.
+#include <fmt/format.h>
+
+#include <iostream>
+
+#include "host/ctl/listing.h"
+#include "host/ctl/process.h"
+#include "host/ctl/tasks/tasks.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+struct Options {
+    std::string process;
+    ListOptions list;
+};
+
+std::string Coloured(const Style &style, const std::string &level) {
+    return level == "bad" ? style.Bad(level) : level == "degraded" ? style.Warning(level) : level;
+}
+
+void Health(const Globals &globals, const Options &options) {
+    Server server(globals);
+    const uint32_t pid = options.process.empty() ? 0 : FindProcess(server, options.process).pid;
+    const Reply reply = server.Ask("TarnPadsGetSystemHealthInfoByTarnd", Json{{"process", pid}});
+    const Elements items = reply.In("items");
+    Listing listing(options.list, items.meaning, {"level", "name", "source", "found"});
+    listing.Add(items);
+    if (!options.list.json && !options.list.noHeaders) {
+        std::cout << (reply["on"] == 0 ? "the health items are switched off: nothing is looked at\n"
+                                       : Coloured(StyleOfOutput(), reply.Text("level")) + " is the worst level\n");
+    }
+    listing.Show("no items");
+}
+
+} // namespace
+
+void AddHealth(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task = AddTask(app, "health", "How the system is, or an application with an agent",
+                                   {"health", "health worker", "settings set health.disk.limit=850"});
+    task->add_option(kProcess, options->process, "A process with an agent, as with stack; the system if not given")
+        ->option_text(" ");
+    AddListOptions(*task, options->list);
+    task->callback([&globals, options] { Health(globals, *options); });
+}
+
+} // namespace ctl

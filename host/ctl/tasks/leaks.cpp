@@ -1,0 +1,134 @@
+// leaks: the processes whose memory grows and isn't given back.
+#include <fmt/format.h>
+
+#include <iostream>
+#include <set>
+#include <thread>
+
+#include "host/ctl/listing.h"
+#include "host/ctl/process.h"
+#include "host/ctl/tasks/reports.h"
+#include "host/ctl/tasks/tasks.h"
+#include "host/ctl/units.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+struct Options {
+    std::string process, last, least, every = "10s";
+    bool follow = false;
+    ListOptions list;
+};
+
+struct Suspect {
+    uint64_t process, residentBytes, grownBytes, bytesPerMinute, overSeconds;
+    std::string name;
+};
+
+// "4711 worker 10240 2048 512 240", where a name may have blanks.
+std::optional<Suspect> SuspectOf(const std::string &line) {
+    const std::vector<std::string> words = WordsOf(line);
+    const size_t num = words.size();
+    if (num < 6) {
+        return std::nullopt;
+    }
+    return Suspect{NumberOf(words[0]),
+                   NumberOf(words[num - 4]) * 1024,
+                   NumberOf(words[num - 3]) * 1024,
+                   NumberOf(words[num - 2]) * 1024,
+                   NumberOf(words[num - 1]),
+                   Joined(words, 1, 4)};
+}
+
+std::vector<Suspect> Suspects(Server &server, const Options &options) {
+    Json request{{"report", "suspects"}};
+    if (!options.process.empty()) {
+        request["process"] = FindProcess(server, options.process).pid;
+    }
+    if (!options.last.empty()) {
+        request["interval"] = fmt::format("{}s", ParseSpan("--last", options.last).count());
+    }
+    if (!options.least.empty()) {
+        request["limit"] = NumberOf(options.least);
+    }
+    std::vector<Suspect> suspects;
+    for (const std::string &line : ReportLines(server, request)) {
+        if (const auto suspect = SuspectOf(line)) {
+            suspects.push_back(*suspect);
+        }
+    }
+    return suspects;
+}
+
+void Add(Listing &listing, const Suspect &suspect) {
+    listing.Add({std::to_string(suspect.process), suspect.name, SizeText(suspect.residentBytes),
+                 SizeText(suspect.grownBytes), SizeText(suspect.bytesPerMinute),
+                 DurationText(std::chrono::seconds(suspect.overSeconds))},
+                {{"process", suspect.process},
+                 {"name", suspect.name},
+                 {"resident_bytes", suspect.residentBytes},
+                 {"grown_bytes", suspect.grownBytes},
+                 {"bytes_per_minute", suspect.bytesPerMinute},
+                 {"over_us", suspect.overSeconds * 1'000'000}});
+}
+
+Listing NewListing(const ListOptions &options) {
+    return {options, {"process", "name", "resident", "grown", "per-minute", "over"}};
+}
+
+// Each suspect when it becomes one.
+void Follow(Server &server, Options options) {
+    const auto every = ParseTime("--every", options.every);
+    for (std::set<uint64_t> known;; std::this_thread::sleep_for(every)) {
+        Listing listing = NewListing(options.list);
+        std::set<uint64_t> now;
+        for (const Suspect &suspect : Suspects(server, options)) {
+            now.insert(suspect.process);
+            if (!known.contains(suspect.process)) {
+                Add(listing, suspect);
+            }
+        }
+        if (now != known || !options.list.noHeaders) {
+            listing.Print(std::cout, StyleOfOutput());
+            std::cout << std::flush;
+        }
+        known = std::move(now);
+        options.list.noHeaders = true; // behind the first
+    }
+}
+
+void Leaks(const Globals &globals, const Options &options) {
+    Server server(globals);
+    if (options.follow) {
+        Follow(server, options);
+        return;
+    }
+    Listing listing = NewListing(options.list);
+    for (const Suspect &suspect : Suspects(server, options)) {
+        Add(listing, suspect);
+    }
+    listing.Show("no process grows without giving back");
+}
+
+} // namespace
+
+void AddLeaks(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task = AddTask(app, "leaks", "The processes whose memory grows and isn't given back",
+                                   {"leaks", "leaks --last 10m --least 512", "leaks worker", "leaks --follow"});
+    task->add_option(kProcess, options->process, "A process, as with stack; all if not given")->option_text(" ");
+    task->add_option("--last", options->last, "Growth in the last so much time; default since the start, at most 1h")
+        ->option_text("TIME");
+    task->add_option("--least", options->least, "Growth of at least so many KiB; default 1024")
+        ->option_text("KIB")
+        ->check(CLI::Range(1U, UINT32_MAX));
+    task->add_flag("--follow", options->follow, "Each when it becomes suspect, until interrupted");
+    task->add_option("--every", options->every, "How often to look with --follow; default 10s")->option_text("TIME");
+    AddListOptions(*task, options->list);
+    task->callback([&globals, options] { Leaks(globals, *options); });
+}
+
+} // namespace ctl

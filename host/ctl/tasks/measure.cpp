@@ -1,0 +1,90 @@
+// measure: whether what runs is what was recorded.
+#include <fmt/format.h>
+
+#include <csignal>
+#include <iostream>
+#include <thread>
+
+#include "host/ctl/listing.h"
+#include "host/ctl/progress.h"
+#include "host/ctl/tasks/tasks.h"
+#include "host/meaning/choices.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+namespace measurement_state = host::meaning::measurement_state;
+
+struct Options {
+    std::string what = "run";
+    bool follow = false, json = false;
+};
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void Print(const Reply &reply, bool json) {
+    if (json) {
+        std::cout << reply.Named().dump() << "\n";
+    } else {
+        std::cout << reply.Text("state") << ": " << reply.Text("text") << "\n";
+    }
+}
+
+// Until it is done; the first interrupt has the daemon give it up.
+Reply WaitForEnd(const Globals &globals, Server &server, bool follow) {
+    std::signal(SIGINT, [](int) { interrupted = 1; });
+    Progress progress(globals, "measuring");
+    uint64_t told = 0;
+    for (;;) {
+        Reply reply = server.Ask("TarnGetDimMeasRstByTarnd");
+        const auto differences = reply["differences"].get<uint64_t>();
+        if (reply["state"].get<uint32_t>() != measurement_state::kRuns) {
+            return reply;
+        }
+        if (interrupted != 0) {
+            server.Ask("TarnSetDimOpration", Json{{"operation", "cancel"}});
+            throw Failure(kOther, "interrupted: the measurement was given up");
+        }
+        if (follow && differences != told) {
+            std::cout << differences << " files differ so far" << std::endl;
+            told = differences;
+        }
+        progress.Set(0, differences == 0 ? "no difference so far" : fmt::format("{} files differ so far", differences));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
+void Measure(const Globals &globals, const Options &options) {
+    Server server(globals);
+    if (options.what == "run") {
+        server.Ask("TarnSetDimOpration", Json{{"operation", "start"}});
+        Print(WaitForEnd(globals, server, options.follow), options.json);
+    } else if (options.what == "result") {
+        Print(options.follow ? WaitForEnd(globals, server, true) : server.Ask("TarnGetDimMeasRstByTarnd"),
+              options.json);
+    } else { // as the method's operations are called
+        server.Ask("TarnSetDimOpration", Json{{"operation", options.what}});
+        Print(server.Ask("TarnGetDimMeasRstByTarnd"), options.json);
+    }
+}
+
+} // namespace
+
+void AddMeasure(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task = AddTask(app, "measure", "Whether the programs that run are those that were recorded",
+                                   {"measure record", "measure", "measure result --follow", "measure cancel"});
+    task->add_option("WHAT", options->what,
+                     "\"run\", as if nothing is given: measures and waits; \"record\" records what is compared with; "
+                     "\"result\" of the last one; \"cancel\" or \"forget\"")
+        ->option_text(" ")
+        ->check(CLI::IsMember({"run", "record", "result", "cancel", "forget"}));
+    task->add_flag("--follow", options->follow, "A line whenever more files differ, until it is done");
+    AddJson(*task, options->json);
+    task->callback([&globals, options] { Measure(globals, *options); });
+}
+
+} // namespace ctl

@@ -1,0 +1,96 @@
+// ps: which processes there are, and what each uses.
+#include <fmt/format.h>
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <iostream>
+#include <sstream>
+
+#include "host/ctl/listing.h"
+#include "host/ctl/screen.h"
+#include "host/ctl/server.h"
+#include "host/ctl/tasks/tasks.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+struct Options {
+    std::string pattern, user, sort = "cpu", delay;
+    uint32_t most = 0;
+    ListOptions list;
+};
+
+const std::vector<std::string> kShown{"process",     "user",    "cpu",   "resident", "user-time",
+                                      "system-time", "threads", "state", "name"};
+
+Elements Chosen(Server &server, const Options &options) {
+    Elements processes = server.Ask("SysCpuStatInfoQuery").In("processes");
+    Json chosen = Json::array();
+    for (const Json &process : processes.wire) {
+        const bool named = options.pattern.empty() ||
+                           options.pattern == std::to_string(processes.Number(process, "process")) ||
+                           fnmatch(options.pattern.c_str(), processes.Text(process, "name").c_str(), 0) == 0;
+        if (named && (options.user.empty() || options.user == processes.Text(process, "user"))) {
+            chosen.push_back(process);
+        }
+    }
+    processes.wire = std::move(chosen);
+    processes.SortBy(options.sort);
+    if (options.most != 0) {
+        processes.Keep(options.most);
+    }
+    return processes;
+}
+
+Listing ListingOf(Server &server, const Options &options) {
+    const Elements processes = Chosen(server, options);
+    Listing listing(options.list, processes.meaning, kShown);
+    listing.Add(processes);
+    return listing;
+}
+
+void Watch(Server &server, const Options &options) {
+    const auto frame = [&](size_t) {
+        std::ostringstream out;
+        ListingOf(server, options).Print(out, {});
+        return out.str();
+    };
+    const Repetition repetition{.times = Screen::IsThere() ? 0 : UINT32_MAX,
+                                .delay = ParseTime("--watch", options.delay)};
+    Repeat(
+        repetition, frame, [](char) {}, "q ends");
+}
+
+void Ps(const Globals &globals, const Options &options) {
+    Server server(globals);
+    if (!options.delay.empty()) {
+        Watch(server, options);
+    } else {
+        ListingOf(server, options).Show("no such process");
+    }
+}
+
+} // namespace
+
+void AddPs(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task =
+        AddTask(app, "ps", "Which processes there are, and what each uses",
+                {"ps --sort resident -n 10", "ps 'worker*' --columns process,cpu,name", "ps --user root --watch"});
+    task->add_option("PATTERN", options->pattern,
+                     "A process's id, its name or a pattern such as 'worker*'; all if not given")
+        ->option_text(" ");
+    task->add_option("--user", options->user, "Processes of this effective user")->option_text("USER");
+    task->add_option("--sort", options->sort,
+                     "By this column: what is used most first, names and ids rising; default cpu")
+        ->option_text("COLUMN");
+    task->add_option("-n", options->most, "The first so many")->option_text("N");
+    task->add_flag("--watch{1s}", options->delay, "Again and again, each second or --watch=TIME; q ends it");
+    AddListOptions(*task, options->list);
+    task->callback([&globals, options] { Ps(globals, *options); });
+}
+
+} // namespace ctl

@@ -1,0 +1,53 @@
+#include "host/ctl/tasks/tasks.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+
+namespace ctl {
+
+CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples) {
+    CLI::App *const task = app.add_subcommand(name, sentence);
+    std::string footer = "Examples:";
+    for (const char *example : examples) {
+        footer += fmt::format("\n  tarnctl {}", example);
+    }
+    task->footer(footer);
+    return task;
+}
+
+std::string TimeText(std::chrono::milliseconds time) {
+    return time.count() % 1000 != 0 ? fmt::format("{}ms", time.count()) : fmt::format("{}s", time.count() / 1000);
+}
+
+std::chrono::seconds ParseSpan(const char *option, const std::string &text) {
+    constexpr uint64_t kMost = 10ULL * 366 * 86400;
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string unit = end;
+    const uint64_t scale = unit == "s" || unit.empty() ? 1
+                           : unit == "m"               ? 60
+                           : unit == "h"               ? 3600
+                           : unit == "d"               ? 86400
+                                                       : 0;
+    if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
+        throw Failure(kUsage, fmt::format("{}: found {}, expected a time, as 30s, 10m, 1h or 7d", option,
+                                          text.empty() ? "nothing" : text));
+    }
+    return std::chrono::seconds(number * scale);
+}
+
+std::chrono::milliseconds ParseTime(const char *option, const std::string &text) {
+    constexpr uint64_t kMost = 3'600'000;
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string unit = end;
+    const uint64_t scale = unit == "ms" ? 1 : unit == "s" || unit.empty() ? 1000 : unit == "m" ? 60'000 : 0;
+    if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
+        throw Failure(kUsage,
+                      fmt::format("{}: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", option, text));
+    }
+    return std::chrono::milliseconds(number * scale);
+}
+
+} // namespace ctl

@@ -1,0 +1,199 @@
+// top: the busiest processes and threads again and again, as the daemon sees them.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "host/ctl/process.h"
+#include "host/ctl/screen.h"
+#include "host/ctl/server.h"
+#include "host/ctl/table.h"
+#include "host/ctl/tasks/tasks.h"
+#include "host/osal/text.h"
+
+namespace ctl {
+
+using host::describe::Json;
+
+namespace {
+
+struct Options {
+    std::string process, delay;
+    Repetition repetition;
+};
+
+constexpr std::string_view kKeys = "q ends   c m n sort by CPU, memory, name   j k choose a process   t its threads";
+
+class View {
+public:
+    View(Server &server, uint32_t process) : server_(server), threadsOf_(process) {}
+
+    std::string Frame(size_t lines);
+    void OnKey(char key);
+
+private:
+    void PrintSystem(std::ostream &out, const std::string &ofProcesses);
+    void PrintProcesses(std::ostream &out, Elements processes, size_t rows);
+    void PrintBusiestThreads(std::ostream &out, size_t rows);
+    void PrintThreads(std::ostream &out, size_t rows);
+
+    Server &server_;
+    std::string_view order_ = "cpu";
+    size_t chosen_ = SIZE_MAX;    // row of the processes, from 0; SIZE_MAX for none
+    std::vector<uint64_t> shown_; // processes, by rows
+    uint64_t threadsOf_;          // in place of the processes and threads of the system, unless 0
+};
+
+// "12.3 %" of an item that starts with it; nothing for one that is off, or can't be told.
+std::string Pressure(Server &server, const char *item) {
+    const Elements items = server.Ask("TarnPadsGetSystemHealthInfoByTarnd", Json{{"item", item}}).In("items");
+    if (items.wire.empty()) {
+        return "not watched";
+    }
+    const std::string found = items.Text(items.wire.front(), "found");
+    return found.find('%') == found.npos ? "unknown" : found.substr(0, found.find('%') + 1);
+}
+
+// What there is to say of the processes does not move them.
+void View::PrintSystem(std::ostream &out, const std::string &ofProcesses) {
+    const Elements cpus = server_.Ask("MultiCpuUsageQuery").In("cpus");
+    const Reply memory = server_.Ask("GetKpiMemoryInfo");
+    const Json &all = cpus.wire.at(0);
+    out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
+                       cpus.Text(all, "busy"), cpus.Text(all, "user"), cpus.Text(all, "system"),
+                       cpus.Text(all, "waiting"), memory.Text("now"), memory.Text("available"));
+    out << fmt::format("some task waited in the last 10 s: for a CPU {}, for memory {}, for I/O {}\n",
+                       Pressure(server_, "cpu-pressure"), Pressure(server_, "memory-pressure"),
+                       Pressure(server_, "io-pressure"));
+    for (size_t i = 1; i < cpus.wire.size(); ++i) {
+        out << fmt::format("{}{} {}", i == 1 ? "" : "  ", cpus.Text(cpus.wire[i], "name"),
+                           cpus.Text(cpus.wire[i], "busy"));
+    }
+    out << (ofProcesses.empty() ? "" : "  processes: " + host::LineOfText(ofProcesses)) << "\n";
+}
+
+void View::PrintProcesses(std::ostream &out, Elements processes, size_t rows) {
+    const auto number =
+        std::ranges::count_if(processes.wire, [&](const Json &one) { return processes.Number(one, "process") != 0; });
+    out << fmt::format("\n{} processes\n", number);
+    processes.SortBy(order_);
+    processes.Keep(rows);
+    shown_.clear();
+    for (const Json &process : processes.wire) {
+        shown_.push_back(processes.Number(process, "process"));
+    }
+    chosen_ = chosen_ == SIZE_MAX || shown_.empty() ? SIZE_MAX : std::min(chosen_, shown_.size() - 1);
+    Table table(
+        {"PROCESS", "CPU", "NAME", "HIGHEST", "USER TIME", "SYSTEM TIME", "RESIDENT", "THREADS", "STATE", "USER"});
+    for (size_t i = 0; i < processes.wire.size(); ++i) {
+        std::vector<std::string> row;
+        for (const char *member : {"process", "cpu", "name", "highest", "user-time", "system-time", "resident",
+                                   "threads", "state", "user"}) {
+            row.push_back(processes.Text(processes.wire[i], member));
+        }
+        if (i == chosen_) {
+            row.back() += " <";
+        }
+        table.Add(row);
+    }
+    table.Print(out);
+}
+
+void View::PrintBusiestThreads(std::ostream &out, size_t rows) {
+    const Elements threads = server_.Ask("CalculateAllThreadCpuUse", Json{{"most", rows}}).In("threads");
+    Table table({"THREAD", "CPU", "NAME", "OF PROCESS", "ON", "CPU TIME"});
+    for (const Json &thread : threads.wire) {
+        table.Add({threads.Text(thread, "thread"), threads.Text(thread, "cpu"), threads.Text(thread, "name"),
+                   fmt::format("{} ({})", threads.Text(thread, "process"), threads.Text(thread, "process-name")),
+                   threads.Text(thread, "on-cpu"), threads.Text(thread, "cpu-time")});
+    }
+    out << "\nbusiest threads\n";
+    table.Print(out);
+}
+
+void View::PrintThreads(std::ostream &out, size_t rows) {
+    const Reply reply =
+        server_.Ask("CalculateProcThreadCpuUse", Json{{"process", threadsOf_}, {"most", std::max<size_t>(rows, 1)}});
+    const Elements threads = reply.In("threads");
+    Table table({"THREAD", "CPU", "NAME", "STATE", "ON", "CPU TIME", "SCHEDULED"});
+    for (const Json &thread : threads.wire) {
+        std::vector<std::string> row;
+        for (const char *member : {"thread", "cpu", "name", "state", "on-cpu", "cpu-time", "scheduled"}) {
+            row.push_back(threads.Text(thread, member));
+        }
+        table.Add(row);
+    }
+    out << fmt::format("\nthreads of process {}, which uses {} of a CPU\n", threadsOf_, reply.Text("cpu"));
+    table.Print(out);
+}
+
+std::string View::Frame(size_t lines) {
+    constexpr size_t kOtherLines = 9; // of the system, heads and empty ones
+    const size_t rows = lines > kOtherLines ? lines - kOtherLines : 2;
+    std::ostringstream out;
+    if (threadsOf_ != 0) {
+        PrintSystem(out, "");
+        PrintThreads(out, rows);
+    } else {
+        const Reply processes = server_.Ask("SysCpuStatInfoQuery");
+        PrintSystem(out, processes.explanation);
+        PrintProcesses(out, processes.In("processes"), std::max<size_t>(rows / 2, 1));
+        PrintBusiestThreads(out, std::max<size_t>(rows / 2, 1));
+    }
+    return out.str();
+}
+
+void View::OnKey(char key) {
+    switch (key) {
+    case 'c':
+        order_ = "cpu";
+        break;
+    case 'm':
+        order_ = "resident";
+        break;
+    case 'n':
+        order_ = "name";
+        break;
+    case 'j':
+        ++chosen_; // from none to the first
+        break;
+    case 'k':
+        chosen_ -= chosen_ == 0 || chosen_ == SIZE_MAX ? 0 : 1;
+        break;
+    case 't': // and back
+        threadsOf_ = threadsOf_ != 0 || shown_.empty() ? 0 : shown_[chosen_ == SIZE_MAX ? 0 : chosen_];
+        break;
+    default:
+        break;
+    }
+}
+
+void Top(const Globals &globals, const Options &options) {
+    Server server(globals);
+    View view(server, options.process.empty() ? 0 : FindProcess(server, options.process).pid);
+    Repeat(
+        options.repetition, [&](size_t lines) { return view.Frame(lines); }, [&](char key) { view.OnKey(key); }, kKeys);
+}
+
+} // namespace
+
+void AddTop(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task = AddTask(app, "top", "The busiest processes and threads, again and again; q ends it",
+                                   {"top", "top worker", "top --batch -n 3 -d 10s"});
+    task->add_option(kProcess, options->process, "The threads of this process")->option_text(" ");
+    task->add_option("-n", options->repetition.times, "How often; default until q, or once when not on a terminal")
+        ->option_text("N");
+    task->add_option("-d", options->delay,
+                     "Time between: 500ms, 2s, 1m; default " + TimeText(options->repetition.delay))
+        ->option_text("TIME");
+    task->add_flag("--batch", options->repetition.batch, "Text without control sequences, also on a terminal");
+    task->callback([&globals, options, task] {
+        if (task->count("-d") != 0) {
+            options->repetition.delay = ParseTime("-d", options->delay);
+        }
+        Top(globals, *options);
+    });
+}
+
+} // namespace ctl

@@ -1,0 +1,237 @@
+// The tasks of tarnctl, with a daemon and an application that has an agent.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "tarn_sysdiag/types/common.h"
+
+#include "tests/host/on_terminal.h"
+#include "tests/host/tasks_kit.h"
+
+namespace {
+
+using namespace kit;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+TEST_F(Tasks, PsListsSortsAndChooses) {
+    const auto worker = StartWorker();
+    const std::string pid = std::to_string(worker->Pid());
+    ASSERT_TRUE(Eventually([&] { return Out("ps ctlworker --no-headers --columns process") == pid + "\n"; })) << out_;
+    EXPECT_THAT(Out("ps 'ctlwork*'"), StartsWith("process  user"));
+    EXPECT_EQ(Out("ps " + pid + " --columns name,process"),
+              fmt::format("{:<9}  process\nctlworker  {:>7}\n", "name", pid));
+    EXPECT_EQ(Out("ps no-such-process"), "no such process\n");
+    const std::vector<Json> sorted = Objects("ps --json --sort resident -n 3");
+    ASSERT_EQ(sorted.size(), 3u);
+    EXPECT_GE(sorted[0]["resident_bytes"], sorted[1]["resident_bytes"]);
+    EXPECT_GE(sorted[1]["resident_bytes"], sorted[2]["resident_bytes"]);
+    ExpectFailure(2, "ps --columns process,nonsense",
+                  "--columns: found nonsense, expected names of: process, name, cpu");
+    ExpectFailure(2, "ps --sort nonsense", "found nonsense, expected one of: process, name, cpu");
+}
+
+TEST_F(Tasks, AProcessIsAnIdANameAPatternOrAnAgentsName) {
+    const auto one = StartWorker();
+    StartAgent();
+    for (const std::string &name : {std::to_string(one->Pid()), std::string("ctlworker"), std::string("'ctlw*'")}) {
+        EXPECT_THAT(Out("mem " + name), HasSubstr(fmt::format("process               {}", one->Pid()))) << name;
+    }
+    EXPECT_THAT(Out("mem tasked"), HasSubstr(AgentPid()));
+    const auto other = StartWorker();
+    ASSERT_TRUE(Eventually([&] { return Run("mem ctlworker") == 2; }));
+    EXPECT_THAT(error_, HasSubstr(fmt::format("ctlworker: 2 processes, expected one of: {} (ctlworker), ",
+                                              std::min(one->Pid(), other->Pid()))));
+    ExpectFailure(2, "stack nobody-has-it", "nobody-has-it: no process and no agent has that name");
+    ExpectFailure(2, "stack 0", "0: no process and no agent has that name");
+}
+
+TEST_F(Tasks, StackShowsOnceAndOnAverage) {
+    StartAgent();
+    EXPECT_THAT(Out("stack tasked"), StartsWith("thread " + AgentPid() + " ("));
+    EXPECT_THAT(out_, HasSubstr("\n  #0  "));
+    EXPECT_GT(Objects("stack tasked --all --json").size(), 1u);
+    EXPECT_EQ(Objects("stack tasked --json")[0]["thread"], agent_->Pid());
+    EXPECT_THAT(Out("stack tasked --samples 3 --every 1ms"), StartsWith("100.0 %  "));
+    const std::string folded = Out("stack tasked --samples 3 --every 1ms --folded");
+    EXPECT_THAT(folded, HasSubstr(";"));
+    EXPECT_THAT(folded, Not(HasSubstr("main+0x"))) << "a function is one, wherever it is";
+    ExpectFailure(2, "stack tasked --folded", "--folded: expected --samples N");
+}
+
+TEST_F(Tasks, MemTellsOfNowBeforeAndMappings) {
+    EXPECT_THAT(Out("mem"), StartsWith("in use "));
+    const auto worker = StartWorker();
+    const std::string pid = std::to_string(worker->Pid());
+    EXPECT_EQ(Objects("mem " + pid + " --json").at(0)["process"], worker->Pid());
+    EXPECT_THAT(Out("mem " + pid + " --maps --columns name --no-headers"), HasSubstr("[stack]"));
+    ASSERT_TRUE(Eventually([&] { return !Objects("mem " + pid + " --history --json").empty(); })) << error_;
+    const Json point = Objects("mem " + pid + " --history --json --last 10m").at(0);
+    EXPECT_GT(point["resident_bytes"], 0);
+    EXPECT_THAT(point["time"].get<std::string>(), HasSubstr("T")) << "with its zone";
+    EXPECT_THAT(Out("mem --history"), StartsWith("time  "));
+    ExpectFailure(2, "mem --maps", "--maps: expected a PROCESS");
+    ExpectFailure(2, "mem --history --last soon", "--last: found soon, expected a time, as 30s, 10m, 1h or 7d");
+}
+
+TEST_F(Tasks, ExecWaitsForWhatTheCommandWrites) {
+    StartAgent();
+    EXPECT_THAT(Out("exec tasked help"), HasSubstr("crash"));
+    EXPECT_EQ(Objects("exec tasked --json help").at(0)["result"], "ok");
+    ExpectFailure(5, "exec tasked no-such-command", "no-such-command: ");
+}
+
+TEST_F(Tasks, CrashesAreListedAndShown) {
+    EXPECT_EQ(Out("crashes"), "no crashes\n");
+    StartAgent();
+    const std::string pid = AgentPid();
+    Run("exec tasked crash segv"); // nobody is left to answer
+    EXPECT_EQ(agent_->Wait(), -1);
+    const std::vector<Json> crashes = Objects("crashes --json");
+    ASSERT_EQ(crashes.size(), 1u) << out_;
+    EXPECT_EQ(crashes[0]["process"], std::stoul(pid));
+    EXPECT_EQ(crashes[0]["agent"], "tasked");
+    EXPECT_THAT(crashes[0]["what"].get<std::string>(), StartsWith("signal 11 SIGSEGV"));
+    EXPECT_THAT(Out("crashes list tasked --last 1h"), HasSubstr(pid));
+    EXPECT_THAT(Out("crashes show 1"), HasSubstr("\n  #0 "));
+    EXPECT_EQ(Out("crashes another"), "no crashes\n");
+    ExpectFailure(2, "crashes show 2", "2: no such crash, expected 1 to 1");
+    ExpectFailure(2, "crashes show", "expected list, show N or PROCESS");
+}
+
+TEST_F(Tasks, SettingsAreToldWithTheirSourceAndSet) {
+    const auto setting = [&](const std::string &name) {
+        for (const Json &one : Objects("settings --json")) {
+            if (one["name"] == name) {
+                return one;
+            }
+        }
+        return Json();
+    };
+    EXPECT_EQ(setting("cpu.begins-at")["source"], "the default");
+    EXPECT_EQ(Out("settings set cpu.begins-at=90% cpu.must-last=10s health.load.limit=3000"), "");
+    EXPECT_EQ(Out("settings set cpu.ends-below=80%"), "") << "the others stay";
+    EXPECT_EQ(setting("cpu.begins-at")["value"], 900);
+    EXPECT_EQ(setting("cpu.begins-at")["source"], "a client");
+    EXPECT_EQ(setting("cpu.ends-below")["value"], 800);
+    EXPECT_EQ(setting("health.load.limit")["value"], "3.00");
+    EXPECT_EQ(Out("settings reset"), "");
+    EXPECT_EQ(setting("cpu.begins-at")["source"], "the default");
+    ExpectFailure(2, "settings set cpu.begin-at=90%", "cpu.begin-at: no such setting; did you mean cpu.begins-at?");
+    ExpectFailure(2, "settings set cpu.begins-at=190%", "begins-at (uiValue1) is 1900 ‰, expected 0 to 1000");
+    ExpectFailure(2, "settings set nonsense", "found nonsense, expected NAME=VALUE");
+    ExpectFailure(2, "settings set measurement.hour=3", "missing minute");
+}
+
+TEST_F(Tasks, HealthOverloadsAndLeaksTellWhatThereIs) {
+    EXPECT_THAT(Out("health"), HasSubstr(" is the worst level\nlevel "));
+    EXPECT_THAT(Objects("health --json"), testing::SizeIs(testing::Gt(3u)));
+    EXPECT_EQ(Out("leaks --least 4000000"), "no process grows without giving back\n");
+    EXPECT_EQ(Out("leaks --least 4000000 --json"), "");
+    EXPECT_EQ(Run("overloads"), 0) << error_;
+    EXPECT_EQ(Run("overloads --stacks"), 0) << error_;
+    const Process busy(dir_.Path(), {"/bin/sh", "-c", "while :; do :; done"});
+    EXPECT_EQ(Out(fmt::format("call SetCpuOvProcThreshold process={} on=on begins-at=1% must-last=0", busy.Pid())),
+              "result  ok\n");
+    ASSERT_TRUE(Eventually([&] { return Out("overloads --columns kind,process").find("cpu ") != std::string::npos; }));
+    EXPECT_THAT(out_, HasSubstr(std::to_string(busy.Pid())));
+}
+
+TEST_F(Tasks, RulesAreSetListedAndCleared) {
+    EXPECT_EQ(Out("rules"), "no rules\n");
+    EXPECT_EQ(Out("rules set rule=7 action=limit rate=100 'sender=worker*'"), "");
+    EXPECT_THAT(Out("rules --columns rule,action,rate,sender --no-headers"), StartsWith("7  limit  100  worker*"));
+    EXPECT_EQ(Objects("rules --json").at(0)["definition"]["rule"], 7);
+    EXPECT_EQ(Out("rules clear"), "");
+    EXPECT_EQ(Out("rules"), "no rules\n");
+    ExpectFailure(2, "rules set rule=7", "missing action");
+    ExpectFailure(2, "rules nonsense", "found nonsense, expected list, set NAME=VALUE..., or clear");
+}
+
+TEST_F(Tasks, WatchTellsAndRunsACommand) {
+    const Process busy(dir_.Path(), {"/bin/sh", "-c", "while :; do :; done"});
+    const std::string pid = std::to_string(busy.Pid());
+    EXPECT_THAT(Out("watch --process " + pid +
+                    " --cpu 0.1% --every 50ms --for 100ms -n 1 "
+                    "--exec 'echo it is $TARN_WATCH_PROCESS'"),
+                HasSubstr("begins  " + pid + " sh: CPU "));
+    EXPECT_THAT(out_, HasSubstr("it is " + pid + "\n"));
+    ExpectFailure(2, "watch --process 1", "found neither --cpu nor --mem");
+    ExpectFailure(2, "watch --cpu much", "--cpu: found much, expected a share, such as 90% or 900");
+}
+
+TEST_F(Tasks, CollectPutsAllIntoOneArchive) {
+    EXPECT_EQ(Out("--quiet collect -o all.tar.gz --last 1h"), "all.tar.gz\n");
+    const Process list(dir_.Path(), {"/bin/tar", "tzf", dir_.Path() / "all.tar.gz"});
+    ASSERT_TRUE(Eventually([&] { return list.Out().find("logs.zip") != std::string::npos; })) << list.Out() << error_;
+    for (const char *file : {"processes.json", "health.json", "crashes.txt", "events.jsonl", "status.json"}) {
+        EXPECT_THAT(list.Out(), HasSubstr(std::string("tarn/") + file));
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(dir_.Path() / "logs")) << "nothing is left there";
+    EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "all.tar.gz.part"));
+    ExpectFailure(1, "collect -o /nowhere/all.tar.gz", "/nowhere/all.tar.gz: cannot write");
+}
+
+TEST_F(Tasks, TimeIsToldAndSet) {
+    EXPECT_EQ(Out("time zone Etc/GMT-5"), "");
+    EXPECT_THAT(Out("time"), HasSubstr("+05:00\n"));
+    EXPECT_EQ(Out("time set 2030-01-02T03:04:05Z"), "");
+    EXPECT_THAT(Objects("time --json").at(0)["time"].get<std::string>(), StartsWith("2030-01-02T08:04:"));
+    ExpectFailure(2, "time zone Nowhere/City", "Nowhere/City: this system has no such zone");
+    ExpectFailure(2, "time set", "found set, expected nothing, set TIME, or zone NAME");
+}
+
+TEST_F(Tasks, MeasureTellsTheResult) {
+    EXPECT_THAT(Out("measure result"), StartsWith("none: "));
+    EXPECT_THAT(Objects("measure forget --json").at(0)["state"].get<std::string>(), testing::Eq("none"));
+    EXPECT_EQ(Run("measure nonsense"), 2);
+}
+
+TEST_F(Tasks, EachHasHelpWithExamples) {
+    for (const char *task : {"ps", "top", "stack", "mem", "leaks", "crashes", "overloads", "health", "watch", "collect",
+                             "exec", "settings", "measure", "rules", "time"}) {
+        const std::string help = Out(std::string(task) + " --help");
+        EXPECT_THAT(help, HasSubstr("Examples:\n  tarnctl ")) << task;
+        EXPECT_EQ(Out(std::string("help ") + task), help);
+    }
+    ExpectFailure(2, "help stacks", "stacks: no such command; did you mean stack, stats?");
+    ExpectFailure(2, "colect", "colect: no such command; did you mean collect?");
+    EXPECT_THAT(Out("--version"), HasSubstr("\ntarnd 0."));
+}
+
+// ---- On a terminal ----
+
+class OnScreen : public Tasks {
+protected:
+    OnTerminal Show(const std::string &environment, const std::string &arguments, unsigned short columns = 40) const {
+        const std::string line =
+            fmt::format("{} exec {} --run-dir {} {}", environment, TARNCTL, dir_.Path().string(), arguments);
+        return {{"/bin/sh", "-c", line}, {24, columns, 0, 0}};
+    }
+};
+
+TEST_F(OnScreen, LinesAreCutAndHeadsBold) {
+    OnTerminal ps = Show("TARN_PAGER=cat", "ps");
+    EXPECT_EQ(ps.Wait(), 0);
+    EXPECT_THAT(ps.Output(), HasSubstr("\033[1m"));
+    EXPECT_THAT(ps.Output(), HasSubstr("…"));
+    OnTerminal plain = Show("NO_COLOR=1 TARN_PAGER=cat", "ps");
+    EXPECT_EQ(plain.Wait(), 0);
+    EXPECT_THAT(plain.Output(), Not(HasSubstr("\033[1m")));
+}
+
+TEST_F(OnScreen, APagerGetsWholeLines) {
+    OnTerminal ps = Show("TARN_PAGER='sed s/^/paged:/'", "ps");
+    EXPECT_EQ(ps.Wait(), 0);
+    EXPECT_THAT(ps.Output(), HasSubstr("paged:"));
+    EXPECT_THAT(ps.Output(), Not(HasSubstr("…")));
+}
+
+TEST_F(OnScreen, WideRecordsGoDownwards) {
+    OnTerminal call = Show("TARN_PAGER=cat", fmt::format("call GetOsProcessMemInfo process={}", getpid()), 80);
+    EXPECT_EQ(call.Wait(), 0);
+    EXPECT_THAT(call.Output(), HasSubstr("[0]\r\n    process "));
+}
+
+} // namespace
