@@ -25,6 +25,17 @@ os_layer "$scratch/seen-os-layer" 1 -rdynamic
 DESTDIR=$scratch/destdir quietly cmake --install "$build" --prefix /opt/tarn
 consume destdir "$scratch/destdir/opt/tarn"
 
+# The configuration is below the prefix that is installed to, not the one that was configured for; that of /usr in /etc.
+if [[ $host == 1 ]]; then
+    DESTDIR=$scratch/system quietly cmake --install "$build" --prefix /usr --component host
+    for directory in prefix/etc destdir/opt/tarn/etc system/etc; do
+        [[ -f $scratch/$directory/tarn/policy && -f $scratch/$directory/tarn/master.conf ]] ||
+            { echo "found no configuration in $scratch/$directory"; exit 1; }
+    done
+    diff <(printf '%s\n' etc usr) <(ls "$scratch/system")
+    [[ ! -e $scratch/system/usr/etc ]]
+fi
+
 # The components are the whole, and what a user includes has one name.
 files_of() {
     (cd "$1" && find . ! -type d | sort)
