@@ -184,7 +184,7 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     server.AddService(__module_spec_TarnSysdiagTarndAgent);
     server.Start();
     daemon.masterLink.Greet(); // the master may call back at once
-    host::RunMainLoop({arguments.serve, server, "TarnSysdiagTarnd"});
+    host::RunMainLoop({arguments.serve, server, "TarnSysdiagTarnd", [&] { daemon.masterLink.Refresh(); }});
 }
 
 } // namespace

@@ -196,10 +196,12 @@ uint32_t SysdiagGetMKCfgInfo(const Tarn_sys_diag_None *request, void *replyCtx) 
 
 uint32_t GetLMProcLPid(const Tarn_sys_diag_GetLMProcLPidInput *request, void *replyCtx) {
     return host::Answer(host::methods::GetLMProcLPid, request, replyCtx, [&](auto &reply) {
-        const host::procfs::Task process = Master::Serving().procfs.ReadProcess(request->uiPid);
-        auto &[parent, session] = reply.Members();
-        parent = process.parent;
-        session = process.session;
+        const host::procfs::Procfs &procfs = Master::Serving().procfs;
+        procfs.ReadProcess(request->uiPid); // a thread is none
+        const std::vector<uint32_t> numbers = procfs.NumbersOf(request->uiPid);
+        auto &[namespaces, local] = reply.Members();
+        namespaces = static_cast<uint32_t>(numbers.size() - 1);
+        local = numbers.back();
     });
 }
 

@@ -127,8 +127,10 @@ constexpr Choice kUnits{0, "units", "The units from which the application alloca
 constexpr Choice kDetails{1, "details", "A line for each block."};
 constexpr Choice kModules{2, "modules",
                           "A line for each program or shared object that allocated blocks, with their sum."};
+constexpr Choice kHolders{3, "holders",
+                          "The ten memory handles that hold most, where from, and what is held for ended threads."};
 inline constexpr Choice kOfUnits[] = {kUnits};
-inline constexpr Choice kAll[] = {kUnits, kDetails, kModules};
+inline constexpr Choice kAll[] = {kUnits, kDetails, kModules, kHolders};
 inline constexpr Choice kOfBlocks[] = {kDetails, kModules};
 } // namespace app_memory
 

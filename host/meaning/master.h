@@ -104,11 +104,13 @@ RECORD(MKCfgInfoOutput, {"acCfgInfo", "text", Text(), "The configuration's text.
        {"uiValue3", "timeout", Seconds(), "How long to wait for a start."})
 
 METHOD(GetLMProcLPid, Group::kReading,
-       "Tells the parent and the session of a process. It fails with ESRCH (3) when there is no such process.",
+       "Tells the local process id: the one that a process has in its own namespace, as in a container. It fails with "
+       "ESRCH (3) when there is no such process.",
        "process=1")
 RECORD(GetLMProcLPidInput, {"uiPid", "process", Pid(), "The process."})
-RECORD(GetLMProcLPidOutput, {"uiValue1", "parent", Pid().Zero("none"), "The process's parent."},
-       {"uiLPid", "session", Pid().Zero("none"), "The process that leads its session."})
+RECORD(GetLMProcLPidOutput,
+       {"uiValue1", "namespaces", Count(), "How many namespaces of processes it is in below the master's."},
+       {"uiLPid", "local-process", Pid(), "The id that it has in the innermost; the same as here where there is none."})
 
 METHOD(DetectSysdiagServerOnline, Group::kReading, "Announces a daemon, which the master counts and logs.", "")
 

@@ -222,18 +222,18 @@ Task Procfs::ReadProcess(uint32_t pid) const {
     return ParseStat(Read(pid, "stat"));
 }
 
-uint32_t Procfs::OwnNumberOf(uint32_t pid) const {
+std::vector<uint32_t> Procfs::NumbersOf(uint32_t pid) const {
     const std::string status = Read(pid, "status");
     constexpr std::string_view kLine = "\nNSpid:";
-    const size_t line = status.find(kLine);
-    if (line == status.npos) { // a kernel without namespaces
-        return pid;
+    std::vector<uint32_t> numbers;
+    if (const size_t line = status.find(kLine); line != status.npos) {
+        const char *at = status.data() + line + kLine.size();
+        const char *const end = status.data() + status.size();
+        for (uint32_t number = 0; at < end && *at == '\t'; numbers.push_back(number)) {
+            at = std::from_chars(at + 1, end, number).ptr;
+        }
     }
-    const size_t end = status.find('\n', line + kLine.size());
-    const size_t last = status.rfind('\t', end) + 1;
-    uint32_t number = pid;
-    std::from_chars(status.data() + last, status.data() + status.size(), number);
-    return number;
+    return numbers.empty() ? std::vector{pid} : numbers; // a kernel without namespaces
 }
 
 bool Procfs::Runs(uint32_t pid, uint64_t startTicks) const {

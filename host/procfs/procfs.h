@@ -73,8 +73,9 @@ public:
     // The leading thread of a process. The id of another thread is no process.
     Task ReadProcess(uint32_t pid) const;
 
-    // The number that a process has in the innermost of its namespaces: what it calls itself.
-    uint32_t OwnNumberOf(uint32_t pid) const;
+    // The numbers of a process, from here down to the innermost of its namespaces, where it calls itself by the last.
+    std::vector<uint32_t> NumbersOf(uint32_t pid) const;
+    uint32_t OwnNumberOf(uint32_t pid) const { return NumbersOf(pid).back(); }
 
     // Whether the process that started then is still there, and no other has got its id: one that may not be seen has.
     bool Runs(uint32_t pid, uint64_t startTicks) const;

@@ -1019,7 +1019,7 @@ class Methods:
         *,
         deadline: float | None = ...,
         process: int,
-        view: Literal["units", "details", "modules"] | int = ...,
+        view: Literal["units", "details", "modules", "holders"] | int = ...,
     ) -> AppMemInfoOutput:
         """Shows the memory of an application, as its agent tells it.
         """
@@ -1359,7 +1359,7 @@ class Methods:
         deadline: float | None = ...,
     ) -> None:
         """Tells the daemon that a peer is there, or has something new. The daemon announces itself to the master and
-        takes over what the master has configured, as at its own start: time zone and daylight saving, the overload
+        takes over what the master has, as at its own start: the time, time zone and daylight saving, the overload
         thresholds of "system", times and mode of measurement. What a client has set holds before what the master has,
         until ClearEnvAct gives it up; what the master has not configured stays. Memory thresholds that a client sets
         are told to the master, which keeps them.

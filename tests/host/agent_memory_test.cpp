@@ -537,6 +537,8 @@ TEST_F(RelayedMemoryTest, TellsALeakAndADamage) {
     EXPECT_TRUE(Has(text(app_memory::kUnits), "blocks of 256 bytes")) << text(app_memory::kUnits);
     EXPECT_TRUE(Has(text(app_memory::kDetails), "LeakBlocks"));
     EXPECT_TRUE(Has(text(app_memory::kModules), "tarn-agent"));
+    EXPECT_TRUE(Has(text(app_memory::kHolders), "leaks")) << text(app_memory::kHolders);
+    EXPECT_TRUE(Has(text(app_memory::kHolders), " sites: LeakBlocks")) << text(app_memory::kHolders);
     const auto wrong = Call<Tarn_sys_diag_AppMemInfoOutput>("AppMemInfo", Tarn_sys_diag_AppMemInfoInput{pid_, 9});
     EXPECT_EQ(wrong.Status(), EINVAL);
     const auto nobody = Call<Tarn_sys_diag_AppMemInfoOutput>("AppMemInfo", Tarn_sys_diag_AppMemInfoInput{1, 0});

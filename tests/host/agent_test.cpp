@@ -5,6 +5,8 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/tarnd.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "host/runtime/catalogue.h"
@@ -84,13 +86,19 @@ TEST_F(AgentTest, RunsTheCommandsThatEveryAgentHas) {
         EXPECT_TRUE(Has(help.text, name)) << help.text;
     }
 
-    EXPECT_TRUE(kit::Eventually([&] { return Has(Run(pid, "threads").text, "counting"); }));
-    const Result threads = Run(pid, "threads");
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-        std::string name = kit::TextOfFile(entry.path() / "comm");
-        name.pop_back();
-        EXPECT_TRUE(Has(threads.text, entry.path().filename().string() + " " + name)) << threads.text;
-    }
+    const auto hasAll = [pid](const std::string &threads) {
+        const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task");
+        return std::all_of(begin(tasks), end(tasks), [&](const std::filesystem::directory_entry &task) {
+            std::string name = kit::TextOfFile(task.path() / "comm");
+            name.pop_back();
+            return Has(threads, task.path().filename().string() + " " + name);
+        });
+    };
+    std::string threads; // which name themselves once they run
+    EXPECT_TRUE(kit::Eventually([&] {
+        threads = Run(pid, "threads").text;
+        return Has(threads, "counting") && hasAll(threads);
+    })) << threads;
 
     const Result memory = Run(pid, "memory");
     const std::string status = kit::TextOfFile("/proc/" + std::to_string(pid) + "/status");

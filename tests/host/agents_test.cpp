@@ -581,6 +581,50 @@ TEST_F(AgentsTest, HaveTheirReasonToldWithWhatTheDaemonAsks) {
     EXPECT_EQ(reason(), "the agent of process 5000000: its heap is being walked");
 }
 
+TEST_F(AgentsTest, TellWhoHoldsTheirMemory) {
+    peers.agents = {kPid};
+    static Tarn_sys_diag_MemHandleUse uses[] = {
+        {7, "frames", 3, 700, 900}, {8, "idle", 0, 0, 64}, {9, "gone", 1, 5, 5}};
+    peers.On(TARND_AGENT_METHOD(GetTopNHandleInfo), [](uint32_t, const auto &, auto &reply) {
+        reply.uiHandleTotal = 12;
+        reply.ullTotalBytes = 1000;
+        reply.uiHandleNum = static_cast<uint32_t>(std::size(uses));
+        reply.pstHandle = uses;
+        return IdlCallResult{0, 0};
+    });
+    peers.On(TARND_AGENT_METHOD(MemHandleCallStack), [](uint32_t, const auto &request, auto &reply) {
+        EXPECT_EQ(request.uiStackIndex, 0) << "the site that holds most";
+        EXPECT_NE(request.uiHandleId, 8) << "which holds nothing";
+        reply.uiResult = request.uiHandleId == 9 ? ENOENT : 0; // given back meanwhile
+        reply.uiStackTotal = 4;
+        reply.uiBlockNum = 2;
+        reply.ullUsedBytes = 600;
+        reply.uiAddrNum = 2;
+        reply.aullStackAddr[0] = 0x1000;
+        reply.aullStackAddr[1] = 0x2000;
+        return IdlCallResult{0, 0};
+    });
+    peers.On(TARND_AGENT_METHOD(GetCallStackFunction), [](uint32_t, const auto &request, auto &reply) {
+        EXPECT_EQ(request.aullStackAddr[1], 0x2000);
+        host::CopyText(reply.astFuncName[0].szFuncName, "Grow+0x1f");
+        host::CopyText(reply.astFuncName[1].szFuncName, "main+0x20");
+        return IdlCallResult{0, 0};
+    });
+    peers.calls.clear();
+    const auto answer = kit::CallMethod<Tarn_sys_diag_AppMemInfoOutput>(
+        AppMemInfo, Tarn_sys_diag_AppMemInfoInput{kPid, host::meaning::app_memory::kHolders});
+    ASSERT_EQ(answer.Status(), 0) << answer.Reason();
+    EXPECT_EQ(std::string(answer->szInfo),
+              "    HANDLE NAME                                 BLOCKS     USED bytes     PEAK bytes\n"
+              "         7 frames                                    3            700            900\n"
+              "           most, 600 bytes in 2 blocks, at the first of 4 sites: Grow+0x1f <- main+0x20\n"
+              "         8 idle                                      0              0             64\n"
+              "         9 gone                                      1              5              5\n"
+              "12 handles are open and hold 1000 bytes\n"
+              "0 blocks are held though the threads that allocated them have ended\n");
+    EXPECT_EQ(peers.calls.size(), 6) << "the last two look for hostages, and ask which there are";
+}
+
 uint32_t RelayTimeoutOf(uint32_t remainingMs) {
     kit::ReplyContext request;
     request.remainingMs = remainingMs;

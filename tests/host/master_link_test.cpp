@@ -31,6 +31,16 @@ protected:
             ++greetings_;
             return unreachable_;
         });
+        peers.On(TarnSysdiagMaster_UpdateInnerConfig, [this](uint32_t, const auto &, auto &) {
+            cpu_ = inFile_;
+            return IdlCallResult{0, 0};
+        });
+        peers.On(TarnSysdiagMaster_GetGmt, [this](uint32_t, const auto &, auto &reply) {
+            const auto now = clocks.WallNow() + ahead_;
+            reply.stGmtTime =
+                host::ToRecord(host::LocalMillis(std::chrono::floor<host::Millis>(now).time_since_epoch()));
+            return IdlCallResult{0, 0};
+        });
         peers.On(TarnSysdiagMaster_GetTimezone, [this](uint32_t, const auto &, auto &reply) {
             reply.uiValue1 = zone_;
             host::CopyText(reply.stTimezone.szTimezoneName, "Asia/Kathmandu");
@@ -136,7 +146,8 @@ protected:
     uint32_t unreachable_ = 0;
     uint32_t zone_ = settings_source::kConfigured;
     std::optional<host::DstRule> dst_; // that goes with the zone
-    tarnd::Thresholds cpu_{700, 600, 30};
+    tarnd::Thresholds cpu_{700, 600, 30}, inFile_ = cpu_;
+    host::Millis ahead_{0}; // the master's clock of the system's
     IdlCallResult cpuResult_{0, 0};
     tarnd::MemoryThresholds memory_{800, 750};
     int greetings_ = 0;
@@ -169,6 +180,38 @@ TEST_F(MasterLinkTest, TakesOverTheDaylightSavingOfItsZone) {
     dst_.reset();
     Greet();
     EXPECT_EQ(Zoned(kInJuly), "2026-07-01 05:45:00 +0545");
+}
+
+TEST_F(MasterLinkTest, TakesOverTheTimeWhereNoClientHasSetIt) {
+    zone_ = settings_source::kSystem;
+    daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient);
+    ahead_ = 1900ms;
+    Greet();
+    EXPECT_EQ(Zoned(clocks.WallNow()), "2023-11-14 22:13:20 +0000") << "so long may an answer take";
+    ahead_ = 1h;
+    Greet();
+    EXPECT_EQ(Zoned(clocks.WallNow()), "2023-11-14 23:13:20 +0000");
+    Restart();
+    EXPECT_EQ(Zoned(clocks.WallNow()), "2023-11-14 23:13:20 +0000");
+    const auto set = [this](uint16_t year) {
+        daemon->clock.SetGmt({year, 2, 3, 0, 0, 0, 0, 0});
+        return Zoned(clocks.WallNow());
+    };
+    EXPECT_EQ(set(2031), "2031-02-03 00:00:00 +0000");
+    Greet();
+    EXPECT_EQ(Zoned(clocks.WallNow()), "2031-02-03 00:00:00 +0000") << "a client's holds";
+    EXPECT_EQ(Clear("settings"), 0);
+    EXPECT_EQ(Zoned(clocks.WallNow()), "2023-11-14 23:13:20 +0000") << "the master's again";
+}
+
+TEST_F(MasterLinkTest, HasTheMasterReadItsFileAgainBeforeItFetches) {
+    inFile_ = {500, 400, 3};
+    Greet();
+    EXPECT_EQ(daemon->cpuOverload.System().Value().over, 700);
+    daemon->masterLink.Refresh();
+    RunDue();
+    EXPECT_EQ(daemon->cpuOverload.System().Value(), inFile_);
+    EXPECT_EQ(greetings_, 2);
 }
 
 TEST_F(MasterLinkTest, LeavesTheZoneThatIsOnlyTheMastersSystems) {

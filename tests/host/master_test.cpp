@@ -362,15 +362,22 @@ TEST_F(MasterInProcessTest, FillsATextUpToItsLastByte) {
     EXPECT_EQ(std::string(process->acCfgInfo, longest.size()), longest);
 }
 
-TEST_F(MasterInProcessTest, KnowsWhoLeadsAProcess) {
+TEST_F(MasterInProcessTest, KnowsWhatAProcessIsCalledInItsNamespace) {
     const std::filesystem::path process = proc_ / "17";
     std::filesystem::create_directories(process);
-    std::ofstream(process / "status") << "Tgid:\t17\n";
+    std::ofstream(process / "status") << "Tgid:\t17\nNgid:\t0\n";
     std::ofstream(process / "stat") << "17 (x) S 5 6 7 0 -1 64 0 0 0 0 5 6 0 0 20 0 1 0 99 0 0 1 0 0 0 0 0 0 0 0 0 0 0 "
                                        "0 17 7 0 0 0 0 0\n";
-    const auto leader = Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{17});
-    EXPECT_EQ(leader->uiValue1, 5);
-    EXPECT_EQ(leader->uiLPid, 7);
+    const auto ask = [this] {
+        const auto answer =
+            Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{17});
+        return std::pair(answer->uiValue1, answer->uiLPid);
+    };
+    EXPECT_EQ(ask(), std::pair(0U, 17U)) << "a kernel without namespaces";
+    std::ofstream(process / "status") << "Tgid:\t17\nNSpid:\t17\nNSpgid:\t17\n";
+    EXPECT_EQ(ask(), std::pair(0U, 17U));
+    std::ofstream(process / "status") << "Tgid:\t17\nNSpid:\t17\t5\t1\nNSpgid:\t17\t5\t1\n";
+    EXPECT_EQ(ask(), std::pair(2U, 1U));
     EXPECT_EQ(Ask<Tarn_sys_diag_GetLMProcLPidOutput>("GetLMProcLPid", Tarn_sys_diag_GetLMProcLPidInput{18}).Status(),
               ESRCH);
 }

@@ -583,7 +583,8 @@ TEST_F(MemoryMethodsTest, SayWhatTheyExpect) {
     EXPECT_EQ(Dump(1, UINT64_MAX, 1).Reason(),
               "address (ullAddress) is 0xffffffffffffffff, expected an address with the whole range behind it");
     EXPECT_EQ(application(0, 0).Reason(), "process (uiValue1) is 0, expected at least 1");
-    EXPECT_EQ(application(1, 3).Reason(), "view (uiValue2) is 3, expected units (0), details (1) or modules (2)");
+    EXPECT_EQ(application(1, 4).Reason(),
+              "view (uiValue2) is 4, expected units (0), details (1), modules (2) or holders (3)");
 }
 
 } // namespace

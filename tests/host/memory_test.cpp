@@ -30,6 +30,9 @@ public:
             const size_t blank = line.rfind(' ');
             at_[line.substr(0, blank)] = std::stoull(line.substr(blank + 1), nullptr, 0);
         }
+        EXPECT_TRUE(kit::Eventually([this] { // it has said so a moment before it rests
+            return kit::TextOfFile(fmt::format("/proc/{}/stat", Pid())).find(") S ") != std::string::npos;
+        }));
     }
     ~Subject() { Stop(); } // it removes what it has named
 

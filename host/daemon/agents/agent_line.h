@@ -84,6 +84,14 @@ public:
         return reply;
     }
 
+    // Calls a method without reply and waits until it is done.
+    template <class Request>
+    void Do(IdlCallResult (*method)(const Request *, void *), uint32_t pid, const Request &request,
+            uint32_t timeoutMs = kRelayTimeoutMs) {
+        const auto run = [&](TarnHost_InvokeCtx *ctx) { return method(&request, ctx); };
+        Call({pid, timeoutMs, reinterpret_cast<void (*)()>(method), &request, nullptr, run}, Whom::kThatAnswer);
+    }
+
     // Sends to a method without reply: Tell(TarnSysdiagAgent_<Method>_oneway, pid, request).
     template <class Request>
     void Tell(uint32_t (*oneway)(const Request *, void *), uint32_t pid, const Request &request) {

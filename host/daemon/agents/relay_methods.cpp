@@ -87,9 +87,19 @@ uint32_t SetMemDmgScanTarnd(const Tarn_sys_diag_MemDmgScanInTarnd *request, void
 }
 
 uint32_t GetMemDmgInfoTarnd(const Tarn_sys_diag_MemDmgInfoInTarnd *request, void *replyCtx) {
-    return tarnd::Relay(host::methods::GetMemDmgInfoTarnd, request, replyCtx, TARND_AGENT_METHOD(GetMemDmgInfo),
-                        request->uiTargetPid, Tarn_sys_diag_MemDmgInfoIn{request->uiInfoType},
-                        [&](auto &reply) { tarnd::MakeReadable(reply, reply.pucInfo, reply.uiInfoLen, replyCtx); });
+    return host::Answer(host::methods::GetMemDmgInfoTarnd, request, replyCtx, [&](auto &reply) {
+        const auto &[report, process] = *request;
+        tarnd::AgentLine &line = tarnd::Daemon::Serving().agentLine;
+        if (report != host::meaning::damage_report::kDamages) { // hostages are those of the last look for them
+            line.Do(TarnSysdiagAgent_TarnDetectMemHostage, process, Tarn_sys_diag_None{},
+                    tarnd::RelayTimeout(replyCtx));
+        }
+        auto answer = line.Ask(TARND_AGENT_METHOD(GetMemDmgInfo), process, Tarn_sys_diag_MemDmgInfoIn{report},
+                               tarnd::RelayTimeout(replyCtx));
+        static_cast<Tarn_sys_diag_MemDmgInfoOut &>(reply) = answer->record;
+        reply.KeepOwner(std::move(answer));
+        tarnd::MakeReadable(reply, reply.pucInfo, reply.uiInfoLen, replyCtx);
+    });
 }
 
 uint32_t TarnGetDlpCfgFromAgent(const Tarn_sys_diag_GetDeadLoopCfgInput *request, void *replyCtx) {

@@ -24,6 +24,12 @@ void MasterLink::Greet() {
     TellDue();
 }
 
+void MasterLink::Refresh() {
+    const host::MutexLock lock(mutex_);
+    refreshes_ = greets_ = true;
+    TellDue();
+}
+
 void MasterLink::ForgetClients() {
     localClock_.ForgetClients();
     cpuOverload_.ForgetClients();
@@ -55,6 +61,7 @@ void MasterLink::RunDue() {
     host::MutexLock lock(mutex_);
     const bool tells = std::exchange(tells_, false);
     const bool greets = std::exchange(greets_, false);
+    const bool refreshes = std::exchange(refreshes_, false);
     lock.Unlock();
     bool told = !tells;
     try {
@@ -62,11 +69,16 @@ void MasterLink::RunDue() {
             SendMemoryThresholds();
             told = true;
         }
+        if (refreshes) { // so that what is fetched is what the file has now
+            line_.Ask("UpdateInnerConfig", TarnSysdiagMaster_UpdateInnerConfig, Tarn_sys_diag_None{},
+                      [](const auto &) {});
+        }
         if (greets) {
             line_.Tell(TarnSysdiagMaster_DetectSysdiagServerOnline_oneway, Tarn_sys_diag_None{});
             FetchClock();
             FetchOverload();
             FetchMeasurement();
+            FetchTime();
         }
     } catch (const MasterUnreachable &error) {
         host::Log().info("no master: {}", error.what());
@@ -103,6 +115,11 @@ void MasterLink::FetchClock() {
             localClock_.SetDst(host::FromRecord(reply.stDst), Source::kMaster);
         }
     });
+}
+
+void MasterLink::FetchTime() {
+    line_.Ask("GetGmt", TarnSysdiagMaster_GetGmt, Tarn_sys_diag_None{},
+              [this](const auto &reply) { localClock_.TakeMastersGmt(reply.stGmtTime); });
 }
 
 void MasterLink::FetchOverload() {

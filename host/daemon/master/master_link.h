@@ -25,6 +25,9 @@ public:
     // Has the daemon announced, and the master's configuration fetched.
     void Greet();
 
+    // The same, once the master has read its configuration file again.
+    void Refresh();
+
     // What clients have set of what the master sets as well is given up for what the master has.
     void ForgetClients();
 
@@ -41,6 +44,7 @@ private:
     void FetchClock();
     void FetchOverload();
     void FetchMeasurement();
+    void FetchTime();
 
     const host::Clocks &clocks_;
     MasterLine &line_;
@@ -50,6 +54,7 @@ private:
     Measurement &measurement_;
     host::Mutex mutex_;
     bool greets_ TARN_GUARDED_BY(mutex_) = false;
+    bool refreshes_ TARN_GUARDED_BY(mutex_) = false;
     bool tells_ TARN_GUARDED_BY(mutex_) = false;
     std::function<void(host::SteadyTime)> tell_ TARN_GUARDED_BY(mutex_);
 };

@@ -1,6 +1,7 @@
 // The memory of an application, as its agent tells it, as text for people.
 #include "host/answer/answer.h"
 #include "host/daemon/agents/relay.h"
+#include "host/daemon/memory/memory_holders.h"
 #include "host/daemon/processes/helper_time.h"
 #include "host/stacks/readable.h"
 #include "tarn_sysdiag/server/tarnd.h"
@@ -35,13 +36,26 @@ std::string UnitsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &requ
     return text;
 }
 
-std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs,
-                        host::stacks::Deadline namesBy) {
+std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &request, uint32_t timeoutMs) {
     const auto answer =
         Daemon::Serving().agentLine.Ask(TARND_AGENT_METHOD(TarnGetAppMemDetailOrModuleInfo), pid, request, timeoutMs);
-    host::stacks::Demangler names(Daemon::Serving().helpers, namesBy);
-    return host::stacks::WithReadableNames(
-        {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen}, names);
+    return {reinterpret_cast<const char *>(answer->record.pucInfo), answer->record.uiInfoLen};
+}
+
+std::string TextOf(const Tarn_sys_diag_AppMemInfoInput &request, void *replyCtx) {
+    namespace app_memory = host::meaning::app_memory;
+    const auto &[process, view] = request;
+    const auto timeoutMs = [replyCtx] { return RelayTimeout(replyCtx); };
+    Tarn_sys_diag_GetAppMemInfoInput query{};
+    query.uiPid = kAgentsOwn;
+    query.uiQueryType = view;
+    if (view == app_memory::kUnits) {
+        return UnitsText(process, query, timeoutMs());
+    }
+    const std::string text = view == app_memory::kHolders ? HoldersText(Daemon::Serving().agentLine, process, timeoutMs)
+                                                          : DetailsText(process, query, timeoutMs());
+    host::stacks::Demangler names(Daemon::Serving().helpers, HelperDeadline(replyCtx));
+    return host::stacks::WithReadableNames(text, names);
 }
 
 } // namespace
@@ -49,14 +63,6 @@ std::string DetailsText(uint32_t pid, const Tarn_sys_diag_GetAppMemInfoInput &re
 } // namespace tarnd
 
 uint32_t AppMemInfo(const Tarn_sys_diag_AppMemInfoInput *request, void *replyCtx) {
-    return host::Answer(host::methods::AppMemInfo, request, replyCtx, [&](auto &reply) {
-        const auto &[process, view] = *request;
-        Tarn_sys_diag_GetAppMemInfoInput query{};
-        query.uiPid = tarnd::kAgentsOwn;
-        query.uiQueryType = view;
-        const uint32_t timeoutMs = tarnd::RelayTimeout(replyCtx);
-        reply.szInfo = reply.Keep(view == host::meaning::app_memory::kUnits
-                                      ? tarnd::UnitsText(process, query, timeoutMs)
-                                      : tarnd::DetailsText(process, query, timeoutMs, tarnd::HelperDeadline(replyCtx)));
-    });
+    return host::Answer(host::methods::AppMemInfo, request, replyCtx,
+                        [&](auto &reply) { reply.szInfo = reply.Keep(tarnd::TextOf(*request, replyCtx)); });
 }

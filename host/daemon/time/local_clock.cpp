@@ -23,7 +23,7 @@ using host::LocalMillis;
 using host::Millis;
 
 constexpr const char *kDocument = "clock";
-constexpr uint32_t kVersion = 2;               // 1: who set zone and rule was not told
+constexpr uint32_t kVersion = 3;               // 2: only clients set the clock; 1: who set zone and rule was not told
 constexpr const char *kTime = "time (stTime)"; // what requests call it
 
 // Replaced in one step, as whoever reads the zone expects.
@@ -59,6 +59,10 @@ host::DateFormat DateFormatOf(const Document &content) {
     return static_cast<host::DateFormat>(format);
 }
 
+Millis ShiftOf(const Document &shift) {
+    return Millis(shift.As<int64_t>());
+}
+
 std::optional<host::Zone> ZoneOf(const Document &content) {
     return host::CheckedZone({content.Get<std::string>("name"), content.Get<int32_t>("offsetMinutes")});
 }
@@ -87,7 +91,7 @@ Document RuleDocument(const std::optional<host::DstRule> &rule) {
 }
 
 Document ToDocument(const ClockSettings &settings) {
-    return Document::Object{{"shiftMs", settings.shift.count()},
+    return Document::Object{{"shift", settings.shift.ToDocument([](Millis shift) { return shift.count(); })},
                             {"dateFormat", static_cast<uint32_t>(settings.dateFormat)},
                             {"zone", settings.zone.ToDocument(ZoneDocument)},
                             {"dst", settings.dst.ToDocument(RuleDocument)}};
@@ -95,13 +99,16 @@ Document ToDocument(const ClockSettings &settings) {
 
 ClockSettings FromDocument(const Document &content, uint32_t version) {
     ClockSettings settings;
-    settings.shift = Millis(content.Get<int64_t>("shiftMs"));
+    if (version < 3 && content.Get<int64_t>("shiftMs") != 0) {
+        settings.shift.Set(Source::kClient, Millis(content.Get<int64_t>("shiftMs")));
+    }
     settings.dateFormat = DateFormatOf(content);
     const auto take = [&](const char *key, auto &setting, auto parse) {
         if (const Document *const found = content.Find(key)) {
             version == 1 ? setting.Set(Source::kMaster, parse(*found)) : setting.Take(*found, parse);
         }
     };
+    take("shift", settings.shift, ShiftOf);
     take("zone", settings.zone, ZoneOf);
     take("dst", settings.dst, RuleOf);
     return settings;
@@ -160,25 +167,37 @@ void LocalClock::SetDst(const std::optional<host::DstRule> &rule, Source source)
 void LocalClock::ForgetClients() {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;
+    changed.shift.ForgetClients();
     changed.zone.ForgetClients();
     changed.dst.ForgetClients();
     if (zoneLink_ && changed.Zone() && changed.Zone() != settings_.Zone()) {
         LinkZone(*zoneLink_, zones_, changed.Zone()->name);
     }
-    Change(changed, fmt::format("time zone from {}, daylight saving from {}", NameOf(changed.zone.From()),
-                                NameOf(changed.dst.From())));
+    Change(changed, fmt::format("clock from {}, time zone from {}, daylight saving from {}",
+                                NameOf(changed.shift.From()), NameOf(changed.zone.From()), NameOf(changed.dst.From())));
 }
 
 void LocalClock::SetGmt(const Tarn_sys_diag_Systime &time) {
     const host::MutexLock lock(mutex_);
-    SetNow(GmtTime(host::FromRecord(time, kTime).time_since_epoch()));
+    SetNow(GmtTime(host::FromRecord(time, kTime).time_since_epoch()), Source::kClient);
+}
+
+// What a reply takes on its way is no difference.
+void LocalClock::TakeMastersGmt(const Tarn_sys_diag_Systime &time) {
+    constexpr std::chrono::seconds kOnItsWay{2};
+    const host::MutexLock lock(mutex_);
+    const GmtTime masters(host::FromRecord(time, "the master's time").time_since_epoch());
+    const GmtTime own = std::chrono::floor<Millis>(clocks_.WallNow()) + settings_.shift.Value();
+    if (settings_.shift.From() != Source::kClient && std::chrono::abs(masters - own) > kOnItsWay) {
+        SetNow(masters, Source::kMaster);
+    }
 }
 
 void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     const host::MutexLock lock(mutex_);
     const LocalMillis local = host::FromRecord(time, kTime);
     if (settings_.Zone()) {
-        SetNow(host::WallClock(*settings_.Zone(), settings_.Dst()).ToGmt(local));
+        SetNow(host::WallClock(*settings_.Zone(), settings_.Dst()).ToGmt(local), Source::kClient);
         return;
     }
     tm fields{};
@@ -193,7 +212,7 @@ void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     if (fields.tm_hour != time.ucHour || fields.tm_min != time.ucMinute) {
         throw host::BadValue(kTime, host::TextOf(local), "a time that the clock does not skip when it goes forward");
     }
-    SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)));
+    SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)), Source::kClient);
 }
 
 void LocalClock::SetDateFormat(host::DateFormat format) {
@@ -220,7 +239,7 @@ std::string LocalClock::Text(host::WallTime when, host::Precision precision) con
 
 std::string LocalClock::PosixZone() const {
     const host::MutexLock lock(mutex_);
-    const GmtTime now = std::chrono::floor<Millis>(clocks_.WallNow()) + settings_.shift;
+    const GmtTime now = std::chrono::floor<Millis>(clocks_.WallNow()) + settings_.shift.Value();
     return settings_.Zone() ? host::PosixText(*settings_.Zone(), settings_.Dst(), now) : "";
 }
 
@@ -231,25 +250,25 @@ std::string LocalClock::TextWithoutZone(host::WallTime when) const {
 
 host::ZonedTime LocalClock::Local(host::WallTime when) const {
     if (!settings_.Zone()) {
-        return host::SystemsTime(when + settings_.shift);
+        return host::SystemsTime(when + settings_.shift.Value());
     }
-    const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift;
+    const GmtTime gmt = std::chrono::time_point_cast<Millis>(when) + settings_.shift.Value();
     const LocalMillis local = host::WallClock(*settings_.Zone(), settings_.Dst()).ToLocal(gmt);
     return {local, std::chrono::floor<std::chrono::seconds>(local.time_since_epoch() - gmt.time_since_epoch())};
 }
 
-void LocalClock::SetNow(GmtTime now) {
+void LocalClock::SetNow(GmtTime now, Source source) {
     ClockSettings changed = settings_;
     if (zoneLink_) {
         SetSystemClock(now);
-        changed.shift = Millis(0);
+        changed.shift.Set(source, Millis(0));
     } else {
-        changed.shift = now - std::chrono::floor<Millis>(clocks_.WallNow());
+        changed.shift.Set(source, now - std::chrono::floor<Millis>(clocks_.WallNow()));
     }
     const LocalMillis gmt(now.time_since_epoch());
-    Change(std::move(changed),
-           fmt::format("clock set to {} GMT, {} ms ahead of the system's, before {} ms",
-                       host::TextOf(gmt, settings_.dateFormat), changed.shift.count(), settings_.shift.count()));
+    Change(std::move(changed), fmt::format("clock set to {} GMT from {}, {} ms ahead of the system's, before {} ms",
+                                           host::TextOf(gmt, settings_.dateFormat), NameOf(source),
+                                           changed.shift.Value().count(), settings_.shift.Value().count()));
 }
 
 void LocalClock::Change(ClockSettings changed, const std::string &what) {

@@ -18,7 +18,7 @@ namespace tarnd {
 struct ClockSettings {
     Setting<std::optional<host::Zone>> zone{std::nullopt}; // none: the system's, with its daylight saving
     Setting<std::optional<host::DstRule>> dst{std::nullopt};
-    host::Millis shift{0}; // what the daemon's clock is ahead of the system's
+    Setting<host::Millis> shift{host::Millis(0)}; // what the daemon's clock is ahead of the system's
     host::DateFormat dateFormat = host::DateFormat::kYearMonthDay;
 
     const std::optional<host::Zone> &Zone() const { return zone.Value(); }
@@ -44,9 +44,10 @@ public:
     // it has there; the name of another is a label.
     void SetZone(const host::Zone &zone, Source source);
     void SetDst(const std::optional<host::DstRule> &rule, Source source);
-    void ForgetClients(); // their zone and rule
+    void ForgetClients(); // their clock, zone and rule
     void SetGmt(const Tarn_sys_diag_Systime &time);
     void SetLocal(const Tarn_sys_diag_Systime &time);
+    void TakeMastersGmt(const Tarn_sys_diag_Systime &time); // where no client has set the clock
     void SetDateFormat(host::DateFormat format);
 
     // A moment of the system's clock as the daemon's shows it.
@@ -64,7 +65,7 @@ public:
 private:
     void CheckAgainstSystem(const host::Zone &zone) const;
     host::ZonedTime Local(host::WallTime when) const TARN_REQUIRES(mutex_);
-    void SetNow(host::GmtTime now) TARN_REQUIRES(mutex_);
+    void SetNow(host::GmtTime now, Source source) TARN_REQUIRES(mutex_);
     void Change(ClockSettings changed, const std::string &what) TARN_REQUIRES(mutex_);
 
     const host::Clocks &clocks_;
