@@ -10,13 +10,14 @@
 #include <chrono>
 #include <map>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include "host/meaning/methods.h"
 #include "host/osal/error.h"
+#include "host/osal/hex.h"
 #include "host/osal/text.h"
 
 namespace agent {
@@ -98,9 +99,7 @@ Report Look(const Memory &memory, uint64_t address) {
         BytesAt(block->address, static_cast<size_t>(std::min<uint64_t>(block->bytes, 256)));
     for (size_t i = 0; i < bytes.size(); i += 16) {
         const size_t length = std::min<size_t>(16, bytes.size() - i);
-        report.Add(fmt::format("{:#x} {:02x}\n", block->address + i,
-                               fmt::join(bytes.begin() + static_cast<ptrdiff_t>(i),
-                                         bytes.begin() + static_cast<ptrdiff_t>(i + length), " ")));
+        report.Add(fmt::format("{:#x} {}\n", block->address + i, host::Hex(std::span(bytes).subspan(i, length), " ")));
     }
     return report;
 }

@@ -1,6 +1,7 @@
 // For a unit outside the library, in a program or library that does not link the library's own: as velto/codec.h, and
 // with it the shapes of the types. Then TARN_UNIT() and the headers of types/ follow. The functions are templates: of
-// all the types in a header, a program uses few, and compilers take seconds for each hundred.
+// all the types in a header, a program uses few, and compilers take seconds for each hundred. Decoders are one function
+// that goes by the type's shape: smaller than straight code for each type, and quick enough for what comes in here.
 #pragma once
 
 #define VELTO_ON_TABLE(type) VELTO_DEFINE_SHAPE(type, inline)
@@ -30,6 +31,21 @@ constexpr auto kFunctionName = [] {
     return name;
 }();
 
+template <class Unit>
+[[gnu::noinline]] void *UnpackByShape(const Message &message, void *record, const TypeShape &type, VeltoFreeFn release,
+                                      const char *function) {
+    OpenedTable table;
+    Opened opened = BeginUnpack<Unit>(message, record, type, function, table);
+    if (opened == Opened::kStraight) {
+        memset(record, 0, type.size);
+        opened = DecodeByShape<Unit>(message, type, table, record, function);
+    }
+    if (opened == Opened::kRefused) {
+        return nullptr;
+    }
+    return opened == Opened::kDone ? record : Abandon(record, type, release);
+}
+
 // The functions are templates of their own, and compiled only where the codec's members are used.
 template <class Unit, class Record>
 struct OnDemand {
@@ -37,10 +53,8 @@ struct OnDemand {
         return velto::Pack<Unit, Record>(out, record, kFunctionName<Record, "_pack">.data());
     }
     static void *Unpack(const uint8_t *bytes, uint32_t length, void *record) {
-        return velto::Unpack<Unit, Record>({bytes, length}, record, kFunctionName<Record, "_unpack">.data());
-    }
-    static void *UnpackNonRoot(const uint8_t *bytes, uint32_t length, void *record, uint32_t position) {
-        return velto::UnpackNonRoot<Unit, Record>({bytes, length}, record, position, Table<Record>::kUnpackNonRoot);
+        return UnpackByShape<Unit>({bytes, length}, record, Shape<Record>::kType,
+                                   kOwns<Record> ? FreeUnpacked : nullptr, kFunctionName<Record, "_unpack">.data());
     }
     static void *FreeUnpacked(void *record) {
         return velto::FreeUnpacked<Unit, Record>(record, kFunctionName<Record, "_free_unpacked">.data());
@@ -57,7 +71,6 @@ struct Codec {
     using Functions = OnDemand<Unit, Record>;
     static constexpr auto kPack = Functions::Pack;
     static constexpr auto kUnpack = Functions::Unpack;
-    static constexpr auto kUnpackNonRoot = Functions::UnpackNonRoot;
     static constexpr auto kFreeUnpacked = Functions::FreeUnpacked;
     static constexpr auto kPackFixed = Functions::PackFixed;
     static constexpr auto kFixedSize = Functions::FixedSize;

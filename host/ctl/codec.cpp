@@ -11,6 +11,7 @@
 #include "host/ctl/print.h"
 #include "host/describe/explain.h"
 #include "host/describe/named.h"
+#include "host/osal/hex.h"
 
 namespace ctl {
 
@@ -52,7 +53,7 @@ void WriteMessage(const std::vector<uint8_t> &message, const std::string &file) 
     const auto *const bytes = reinterpret_cast<const char *>(message.data());
     if (file.empty()) {
         if (isatty(STDOUT_FILENO) != 0) {
-            std::cout << Hex(message) << "\n";
+            std::cout << host::Hex(message) << "\n";
         } else {
             std::cout.write(bytes, static_cast<std::streamsize>(message.size()));
         }

@@ -8,6 +8,7 @@
 #include "host/describe/named.h"
 #include "host/describe/named_units.h"
 #include "host/describe/quantity.h"
+#include "host/osal/hex.h"
 #include "host/osal/text.h"
 #include "velto/shape.h"
 

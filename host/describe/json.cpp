@@ -6,6 +6,7 @@
 #include <set>
 
 #include "host/describe/codec.h"
+#include "host/osal/hex.h"
 #include "host/osal/text.h"
 
 namespace host::describe {
@@ -302,17 +303,6 @@ Record FromJson(const Type &type, const Json &json) {
 
 Json ToJson(const Record &record) {
     return RecordToJson(record.GetType(), record.Data());
-}
-
-std::string Hex(std::span<const uint8_t> bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * bytes.size());
-    for (const uint8_t byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-    }
-    return text;
 }
 
 std::optional<std::vector<uint8_t>> FromHex(std::string_view text) {

@@ -35,9 +35,6 @@ Record FromJson(const Type &type, const Json &json);
 
 Json ToJson(const Record &record);
 
-// Bytes as lower-case hex.
-std::string Hex(std::span<const uint8_t> bytes);
-
 // Nothing unless the text is an even number of hex digits.
 std::optional<std::vector<uint8_t>> FromHex(std::string_view text);
 

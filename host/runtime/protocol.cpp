@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/osal/hex.h"
 #include "velto/bytes.h"
 
 namespace host {
@@ -113,8 +114,8 @@ void FrameParser::CheckStart() {
     uint8_t expected[4];
     velto::Store(expected, kMagic);
     if (memcmp(headerBytes_, expected, std::min(headerSize_, sizeof expected)) != 0) {
-        Refuse(EBADMSG, fmt::format("not a frame: it starts with {:02x}, expected 54 52 50 43 (\"TRPC\")",
-                                    fmt::join(headerBytes_, headerBytes_ + std::min<size_t>(headerSize_, 4), " ")));
+        Refuse(EBADMSG, fmt::format("not a frame: it starts with {}, expected 54 52 50 43 (\"TRPC\")",
+                                    Hex(std::span(headerBytes_).first(std::min<size_t>(headerSize_, 4)), " ")));
         return;
     }
     if (headerSize_ >= kKindAt && velto::Load<uint16_t>(headerBytes_ + kVersionAt) != kVersion) {

@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "host/osal/error.h"
+#include "host/osal/hex.h"
 #include "host/osal/text.h"
 
 namespace host::stacks {
@@ -48,7 +49,7 @@ public:
         if (bytes > unwind::kMostBuildIdBytes || bytes > rest_.size()) {
             return false;
         }
-        text = fmt::format("{:02x}", fmt::join(rest_.first(bytes), ""));
+        text = Hex(rest_.first(bytes));
         rest_ = rest_.subspan(bytes);
         return true;
     }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/osal/accounting.h"
+#include "host/osal/hex.h"
 #include "host/osal/text.h"
 #include "tests/host/golden.h"
 

@@ -8,6 +8,7 @@
 #include "host/describe/escape.h"
 #include "host/describe/moment.h"
 #include "host/describe/named_units.h"
+#include "host/osal/hex.h"
 #include "tests/host/zone.h"
 
 namespace host::describe {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/osal/accounting.h"
+#include "host/osal/hex.h"
 #include "host/osal/json_writer.h"
 #include "host/osal/log.h"
 #include "host/osal/mutex.h"
@@ -164,6 +165,13 @@ TEST(JsonWriter, WritesWhatParsersReadBack) {
     EXPECT_EQ(json.Text(), R"({"text":"a \"quoted\" \\ path\n\u0001\u001f, ü","numbers":18446744073709551615,)"
                            R"("least":-9223372036854775808,"yes":true,"none":null,"empty":[],)"
                            R"("written":[1,"two",3],"object":{"ends with a bracket [":"{","in":{}}})");
+}
+
+TEST(Text, HexHasTwoDigitsForEachByte) {
+    const uint8_t bytes[] = {0x00, 0x0a, 0xff};
+    EXPECT_EQ(host::Hex(bytes), "000aff");
+    EXPECT_EQ(host::Hex(bytes, " "), "00 0a ff");
+    EXPECT_EQ(host::Hex({}, " "), "");
 }
 
 TEST(BoundedCopies, CopyAndFill) {

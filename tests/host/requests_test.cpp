@@ -7,6 +7,7 @@ TARN_UNIT()
 #include "tarn_sysdiag/types/common.h"
 
 #include "host/describe/json.h"
+#include "host/osal/hex.h"
 #include "tests/host/daemon_kit.h"
 
 namespace {
@@ -34,7 +35,7 @@ Json Bytes(const Filling &filling, size_t length) {
         bytes += filling.text;
     }
     bytes.resize(std::min(bytes.size(), length));
-    return {{"hex", host::describe::Hex({reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()})}};
+    return {{"hex", host::Hex({reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()})}};
 }
 
 Json Filled(const Slot &slot, const Filling &filling) {

@@ -9,6 +9,7 @@
 #include "host/daemon/processes/fault_text.h"
 #include "host/daemon/processes/helper_time.h"
 #include "host/meaning/choices.h"
+#include "host/osal/hex.h"
 #include "host/osal/log.h"
 #include "host/osal/text.h"
 #include "tarn_sysdiag/server/tarnd.h"
@@ -42,7 +43,7 @@ std::string BuildIdsText(const FaultStack &stack) {
     for (const StackFrame &frame : std::span(stack.frames, stack.frameNum)) {
         if (frame.buildIdBytes != 0) {
             const std::span bytes(frame.buildId, frame.buildIdBytes);
-            ids[host::LineOfText(frame.module)] = fmt::format("{:02x}", fmt::join(bytes, ""));
+            ids[host::LineOfText(frame.module)] = host::Hex(bytes);
         }
     }
     std::string text;
