@@ -45,4 +45,10 @@ void FreeOfMessage(void *block) noexcept {
     free(block);
 }
 
+void FreeKeptBlocks() noexcept {
+    for (std::atomic<void *> &block : kept) {
+        free(block.exchange(nullptr, std::memory_order_acquire));
+    }
+}
+
 } // namespace host

@@ -12,6 +12,8 @@ namespace host {
 // back to the system, and each would be cleared and mapped anew.
 void *AllocateForMessage(size_t size);
 void FreeOfMessage(void *block) noexcept;
+// Those that are kept.
+void FreeKeptBlocks() noexcept;
 
 template <class Byte>
 struct MessageAllocator {

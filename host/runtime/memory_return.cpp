@@ -8,22 +8,35 @@
 #include <cstdio>
 
 #include "host/osal/descriptor.h"
+#include "host/runtime/bytes.h"
 
 namespace host {
 
-bool MemoryReturn::IsDue(uint64_t resident, Clock::time_point now) {
+bool MemoryReturn::IsDue(uint64_t resident, bool isIdle, Clock::time_point now) {
     inUse_ = std::min(inUse_, resident);
-    if (resident - inUse_ <= kMostKept || now < next_) {
+    const bool hasGrown = resident - inUse_ > inUse_ / kPartKept;
+    if (now < next_ || !(hasGrown || (isIdle && !isSettled_))) {
         return false;
     }
     next_ = now + kInterval;
     return true;
 }
 
-void ReturnLargeBlocks() {
+void MemoryReturn::Done(uint64_t resident, bool isIdle) {
+    inUse_ = resident;
+    isSettled_ = isIdle;
+}
+
+void KeepOneHeap() {
     constexpr int kLarge = 1 << 20; // of smaller ones the runtime keeps a few itself
+    mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, kLarge);
     mallopt(M_TRIM_THRESHOLD, 4 * kLarge);
+}
+
+void TrimHeap() {
+    FreeKeptBlocks();
+    malloc_trim(0);
 }
 
 uint64_t ResidentBytes() {

@@ -1,7 +1,6 @@
 #include "host/runtime/server_core.h"
 
 #include <fmt/format.h>
-#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -184,9 +183,10 @@ void ServerCore::CheckTimes() {
 void ServerCore::ReturnMemory(Loop::Clock::time_point now) {
     constexpr uint64_t kSmall = 1 << 20;
     const uint64_t held = QuotaOf(Resource::kReceivedBytes).Used() + QuotaOf(Resource::kQueuedBytes).Used();
-    if (held < kSmall && memoryReturn_.IsDue(ResidentBytes(), now)) {
-        malloc_trim(0);
-        memoryReturn_.Done(ResidentBytes());
+    const bool isIdle = requests_ == 0;
+    if (held < kSmall && memoryReturn_.IsDue(ResidentBytes(), isIdle, now)) {
+        TrimHeap();
+        memoryReturn_.Done(ResidentBytes(), isIdle);
     }
 }
 
@@ -408,7 +408,7 @@ ServerStatus ServerCore::Status() {
 
 void ServerCore::Start() {
     if (options_.returnsMemory) {
-        ReturnLargeBlocks();
+        KeepOneHeap();
     }
     for (const auto &acceptor : acceptors_) {
         acceptor->Open();
