@@ -1,7 +1,7 @@
 #!/bin/bash
 # Builds in release mode, counts ARM instructions, measures, and prints the tables: bench.sh. Results are in
-# build/release/bench: codec.json, call.json, instructions.txt, roundtrip.txt, idle.txt. Options are handed to the codec
-# benchmark, which takes Google Benchmark's: --benchmark_filter=velto/Result.
+# build/release/bench: codec.json, call.json, tap.json, instructions.txt, roundtrip.txt, idle.txt. Options are handed to
+# the codec benchmark, which takes Google Benchmark's: --benchmark_filter=velto/Result.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 native=build/release arm=build/arm-bench jobs=${JOBS:-$(nproc)}
@@ -9,7 +9,8 @@ nanopb=$PWD/$arm/nanopb
 result=$native/bench
 
 cmake --preset release -DTARN_BENCH=ON -DBUILD_TESTING=OFF >/dev/null
-cmake --build "$native" -j "$jobs" --target bench_codec bench_call bench_counter bench_roundtrip tarnd tarnctl
+cmake --build "$native" -j "$jobs" --target bench_codec bench_call bench_counter bench_roundtrip bench_tap tarnd \
+    tarnctl
 [[ -d $nanopb/usr ]] || bench/nanopb_arm.sh "$nanopb"
 cmake --preset arm -B "$arm" -DTARN_BENCH=ON -DBUILD_TESTING=OFF -DBENCH_GENERATED="$PWD/$result/generated" \
     -DNANOPB_ROOT="$nanopb" >/dev/null
@@ -34,5 +35,7 @@ printf '\n== codecs\n'
     --instructions="$result/instructions.txt" "$@"
 printf '\n== round trips\n'
 "$result/bench_roundtrip" | tee "$result/roundtrip.txt"
+printf '\n== the tap of captures\n'
+"$result/bench_tap" "${measure[@]}" --benchmark_report_aggregates_only=true --benchmark_out="$result/tap.json"
 printf '\n== an idle daemon\n'
 bench/idle.sh "$native" | tee "$result/idle.txt"
