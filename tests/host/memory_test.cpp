@@ -31,7 +31,7 @@ public:
             at_[line.substr(0, blank)] = std::stoull(line.substr(blank + 1), nullptr, 0);
         }
         EXPECT_TRUE(kit::Eventually([this] { // it has said so a moment before it rests
-            return kit::TextOfFile(fmt::format("/proc/{}/stat", Pid())).find(") S ") != std::string::npos;
+            return kit::TextOfFile("/proc/" + std::to_string(Pid()) + "/stat").find(") S ") != std::string::npos;
         }));
     }
     ~Subject() { Stop(); } // it removes what it has named
