@@ -16,7 +16,7 @@ for ((i = 0; i < number; ++i)); do
     pids+=($!)
 done
 mkdir "$work/logs"
-"$programs/tarnd" --run-dir "$work" --log-dir "$work/logs" >"$work/out" 2>"$work/err" &
+"$programs/tarnd" --run-dir "$work" --log-dir "$work/logs" --state-dir "$work/state" >"$work/out" 2>"$work/err" &
 daemon=$!
 pids+=("$daemon")
 until grep -q 'serving in' "$work/err"; do
