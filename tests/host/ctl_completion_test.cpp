@@ -14,10 +14,10 @@ using namespace kit;
 
 // What is typed, and the line that a Tab makes of it.
 struct Typed {
-    const char *word;
-    const char *line;
+    std::string word;
+    std::string line;
 };
-constexpr Typed kTyped[] = {
+const Typed kTyped[] = {
     {"tarnctl cra", "tarnctl crashes "},
     {"tarnctl crashes sho", "tarnctl crashes show "},
     {"tarnctl call PidIs", "tarnctl call PidIsOnline "},
@@ -28,7 +28,6 @@ constexpr Typed kTyped[] = {
     {"tarnctl settings set cpu.beg", "cpu.begins-at="},
     {"tarnctl completion z", "tarnctl completion zsh "},
     {"tarnctl help col", "tarnctl help collect "},
-    {"tarnctl stack ctlwork", "tarnctl stack ctlworker "},
     {"tarnctl exec task", "tarnctl exec tasked "},
     {"tarnctl call GetTaskInfo @ctl_no_se", "@ctl_no_secret"},
 };
@@ -40,7 +39,7 @@ protected:
         worker_ = StartWorker();
         StartAgent();
         std::ofstream(dir_.Path() / "ctl_no_secret");
-        ASSERT_TRUE(Eventually([&] { return Run("mem ctlworker") == 0; })) << error_;
+        ASSERT_TRUE(Eventually([&] { return Run("mem " + name_) == 0; })) << error_;
     }
 
     // Puts tarnctl in reach of a shell.
@@ -49,10 +48,16 @@ protected:
                            std::filesystem::path(TARNCTL).parent_path().string());
     }
 
-    static void ExpectCompleted(OnTerminal &shell) {
-        for (const Typed &typed : kTyped) {
+    std::vector<Typed> AllTyped() const {
+        std::vector<Typed> all(std::begin(kTyped), std::end(kTyped));
+        all.push_back({"tarnctl stack " + name_.substr(0, name_.size() - 2), "tarnctl stack " + name_ + " "});
+        return all;
+    }
+
+    void ExpectCompleted(OnTerminal &shell) const {
+        for (const Typed &typed : AllTyped()) {
             shell.Forget();
-            shell.Press(std::string(typed.word) + "\t");
+            shell.Press(typed.word + "\t");
             ASSERT_TRUE(shell.Shows(typed.line)) << typed.word << ": " << shell.Output();
             shell.Press("\025\n"); // the line away
         }
@@ -80,7 +85,7 @@ TEST_F(Completion, OfZsh) {
 }
 
 TEST_F(Completion, OfFish) {
-    for (const Typed &typed : kTyped) {
+    for (const Typed &typed : AllTyped()) {
         const std::string line =
             fmt::format("{}tarnctl completion fish | source; complete -C '{}'", Prepare(), typed.word);
         Process fish(dir_.Path(),

@@ -18,10 +18,11 @@ using testing::StartsWith;
 TEST_F(Tasks, PsListsSortsAndChooses) {
     const auto worker = StartWorker();
     const std::string pid = std::to_string(worker->Pid());
-    ASSERT_TRUE(Eventually([&] { return Out("ps ctlworker --no-headers --columns process") == pid + "\n"; })) << out_;
-    EXPECT_THAT(Out("ps 'ctlwork*'"), StartsWith("process  user"));
+    ASSERT_TRUE(Eventually([&] { return Out("ps " + name_ + " --no-headers --columns process") == pid + "\n"; }))
+        << out_;
+    EXPECT_THAT(Out("ps '" + name_ + "*'"), StartsWith("process  user"));
     EXPECT_EQ(Out("ps " + pid + " --columns name,process"),
-              fmt::format("{:<9}  process\nctlworker  {:>7}\n", "name", pid));
+              fmt::format("{:<{}}  process\n{}  {:>7}\n", "name", name_.size(), name_, pid));
     EXPECT_EQ(Out("ps no-such-process"), "no such process\n");
     const std::vector<Json> sorted = Objects("ps --json --sort resident -n 3");
     ASSERT_EQ(sorted.size(), 3u);
@@ -35,13 +36,14 @@ TEST_F(Tasks, PsListsSortsAndChooses) {
 TEST_F(Tasks, AProcessIsAnIdANameAPatternOrAnAgentsName) {
     const auto one = StartWorker();
     StartAgent();
-    for (const std::string &name : {std::to_string(one->Pid()), std::string("ctlworker"), std::string("'ctlw*'")}) {
+    for (const std::string &name :
+         {std::to_string(one->Pid()), name_, "'" + name_.substr(0, name_.size() - 5) + "*'"}) {
         EXPECT_THAT(Out("mem " + name), HasSubstr(fmt::format("process               {}", one->Pid()))) << name;
     }
     EXPECT_THAT(Out("mem tasked"), HasSubstr(AgentPid()));
     const auto other = StartWorker();
-    ASSERT_TRUE(Eventually([&] { return Run("mem ctlworker") == 2; }));
-    EXPECT_THAT(error_, HasSubstr(fmt::format("ctlworker: 2 processes, expected one of: {} (ctlworker), ",
+    ASSERT_TRUE(Eventually([&] { return Run("mem " + name_) == 2; }));
+    EXPECT_THAT(error_, HasSubstr(fmt::format("{0}: 2 processes, expected one of: {1} ({0}), ", name_,
                                               std::min(one->Pid(), other->Pid()))));
     ExpectFailure(2, "stack nobody-has-it", "nobody-has-it: no process and no agent has that name");
     ExpectFailure(2, "stack 0", "0: no process and no agent has that name");

@@ -30,8 +30,8 @@ protected:
         return std::make_unique<Process>(dir_.Path(), withPlace);
     }
 
-    // A process of a name that no other has.
-    std::filesystem::path Worker() const { return dir_.Path() / "ctlworker"; }
+    // A process of a name that no other has, of another test neither.
+    std::filesystem::path Worker() const { return dir_.Path() / name_; }
     std::unique_ptr<Process> StartWorker() const {
         return std::make_unique<Process>(dir_.Path(), std::vector<std::string>{Worker(), "600"});
     }
@@ -70,6 +70,7 @@ protected:
     std::string AgentPid() const { return std::to_string(agent_->Pid()); }
 
     const TempDir dir_;
+    const std::string name_ = fmt::format("c{}worker", getpid());
     std::unique_ptr<Process> daemon_, agent_;
     std::string out_, error_;
 };

@@ -195,7 +195,7 @@ class Runtime(DaemonTest):
         for service in TARND, TARND_AGENT:
             health = self.ask("Health", service)
             self.assertEqual(set(health), {"state", "pid", "uptime_ms", "workers", "busy", "connections", "requests",
-                                           "timezone"})
+                                           "timezone", "version"})
             self.assertEqual((health["state"], health["pid"]), ("serving", self.daemon.pid))
 
     def test_tells_the_status_of_its_methods(self):
