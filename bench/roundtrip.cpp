@@ -4,7 +4,7 @@
 // server share a processor: they never run at the same time, and what waking another processor takes depends on how
 // soundly it slept, not on the system that is measured.
 //
-//   bench_roundtrip                    all systems
+//   bench_roundtrip FILE               all systems, into a JSON file that report.py reads
 //   bench_roundtrip --against OTHER    the runtime's server here and that of another build of this program, in turn
 #include <sched.h>
 #include <signal.h>
@@ -20,12 +20,16 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "bench/roundtrip.h"
 
@@ -203,25 +207,21 @@ Figures Measure(const bench::System &system, size_t size, unsigned callers, cons
 
 using Row = std::map<std::string, Figures>; // by system
 
-void Print(size_t size, unsigned callers, const Row &row) {
-    const double raw = row.at("raw").p50, runtime = row.at("runtime").p50;
+// Rows as Google Benchmark's files have them.
+void Write(std::ostream &out, size_t size, unsigned callers, const Row &row) {
     for (const bench::System *const system : Systems()) {
         const Figures &figures = row.at(system->Name());
-        printf("%7zu %7u  %-8s %9.1f %9.1f %10.0f %9.1f", size, callers, system->Name(), figures.p50, figures.p99,
-               figures.rate, figures.cpu);
-        if (std::string(system->Name()) == "runtime") {
-            printf("   %.2f times raw, goal at most 1.25: %s", runtime / raw, runtime <= 1.25 * raw ? "met" : "MISSED");
-        } else if (system != &bench::RawSystem()) {
-            const double goal = system == &bench::GrpcSystem() ? 5 : 2;
-            printf("   %.2f times the runtime, goal at least %.0f: %s", figures.p50 / runtime, goal,
-                   figures.p50 >= goal * runtime ? "met" : "MISSED");
-        }
-        printf("\n");
+        out << fmt::format("  {{\"name\": \"{0}/{1}/{2}\", \"system\": \"{0}\", \"bytes\": {1}, \"callers\": {2}, "
+                           "\"p50\": {3:.3f}, \"p99\": {4:.3f}, \"rate\": {5:.1f}, \"cpu\": {6:.3f}}}",
+                           system->Name(), size, callers, figures.p50, figures.p99, figures.rate, figures.cpu)
+            << (system == Systems().back() ? "" : ",\n");
     }
 }
 
-void MeasureAll() {
-    printf("%7s %7s  %-8s %9s %9s %10s %9s\n", "bytes", "callers", "system", "p50 us", "p99 us", "calls/s", "cpu us");
+void MeasureAll(const std::string &file) {
+    std::ofstream out(file);
+    out << "{\"time_unit\": \"us\", \"benchmarks\": [\n";
+    const char *between = "";
     for (const size_t size : kSizes) {
         for (const unsigned callers : kCallers) {
             Row row;
@@ -230,8 +230,11 @@ void MeasureAll() {
                     row[system->Name()].TakeBest(Measure(*system, size, callers));
                 }
             }
-            Print(size, callers, row);
+            Write(out << std::exchange(between, ",\n"), size, callers, row);
         }
+    }
+    if (!(out << "\n]}\n").flush()) {
+        throw std::runtime_error(file + ": not written");
     }
 }
 
@@ -282,10 +285,11 @@ int main(int argc, char **argv) {
             Serve(argv[2], std::stoul(argv[3]), argv[4]);
         } else if (argc == 3 && strcmp(argv[1], "--against") == 0) {
             MeasureAgainst(argv[2]);
-        } else if (argc != 1) {
-            throw std::invalid_argument("expected no arguments, or --against and another build of this program");
+        } else if (argc == 2 && argv[1][0] != '-') {
+            MeasureAll(argv[1]);
         } else {
-            MeasureAll();
+            throw std::invalid_argument(
+                "expected a file for the figures, or --against and another build of this program");
         }
     } catch (const std::exception &error) {
         std::cerr << argv[0] << ": " << error.what() << '\n';
