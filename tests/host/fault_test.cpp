@@ -144,7 +144,8 @@ TEST_F(FaultTest, TellsWhatItTakesToSymbolizeElsewhere) {
     }
     const Report report = Exceptions(Crash("crash segv"));
     EXPECT_TRUE(Has(report.text, "  tarn-agent has build id " + id + "\n")) << report.text;
-    EXPECT_FALSE(Has(report.text, "more frames are not recorded")) << report.text;
+    const bool isFull = Has(report.text, "\n  #31 "); // as deep as it may be without optimization
+    EXPECT_TRUE(isFull || !Has(report.text, "more frames are not recorded")) << report.text;
 }
 
 TEST_F(FaultTest, NamesTheFunctionsOfAProgramThatWasDeleted) {
