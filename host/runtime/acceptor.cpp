@@ -11,8 +11,6 @@
 
 #include "host/osal/log.h"
 
-#include "host/osal/log.h"
-
 namespace host {
 namespace {
 
