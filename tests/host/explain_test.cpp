@@ -6,6 +6,7 @@
 
 #include "host/describe/record.h"
 #include "host/osal/accounting.h"
+#include "host/osal/hex.h"
 #include "host/osal/log.h"
 #include "tests/host/golden.h"
 #include "velto/bytes.h"
@@ -52,7 +53,7 @@ protected:
         if (const Verdict decoder = Decoder(type, exact); decoder != Explainer(type, exact)) {
             ADD_FAILURE() << type.name << ": the decoder: " << decoder << "; explained: " << Explainer(type, exact)
                           << "\n"
-                          << Hex(exact).substr(0, 200);
+                          << host::Hex(exact).substr(0, 200);
         }
     }
 
