@@ -130,6 +130,9 @@ start_daemon
 run tarnctl crashes
 run_head 24 tarnctl crashes show 1
 
+say "What else happened, in its order? Whoever asks with --follow is told of what comes, too"
+run tarnctl events --since 1h
+
 say "The application is started again, and the daemon passes commands on to it as before"
 start_application
 command_agent counter

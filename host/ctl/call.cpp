@@ -3,15 +3,16 @@
 
 #include <algorithm>
 #include <cmath>
-#include <csignal>
 #include <iostream>
 #include <map>
 #include <numeric>
 
+#include "host/ctl/interrupt.h"
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/ctl/remote.h"
 #include "host/ctl/request.h"
+#include "host/ctl/wait.h"
 #include "host/osal/text.h"
 #include "host/runtime/client.h"
 
@@ -72,22 +73,13 @@ struct Series {
     }
 };
 
-volatile std::sig_atomic_t interrupted = 0;
-
-// The first SIGINT ends a series early, so that what was measured is not lost; the next one ends the program.
-void WatchInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = 1; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-}
-
+// The first interrupt ends it early, so that what was measured is not lost.
 template <class Send>
 Series Measure(const Method &method, const CallOptions &options, Send send) {
     using Clock = std::chrono::steady_clock;
     Series series;
-    WatchInterrupt();
-    for (uint32_t i = 0; i < options.repeat && interrupted == 0; ++i) {
+    const Interrupts interrupts;
+    for (uint32_t i = 0; i < options.repeat && !interrupts.Came(); ++i) {
         const auto sent = Clock::now();
         const host::CallOutcome outcome = send();
         const std::chrono::duration<double> time = Clock::now() - sent;
@@ -129,6 +121,11 @@ void PrintSeries(const Method &method, const Series &series, bool json) {
     }
 }
 
+host::CallOutcome Await(host::Client &client, const host::CallRequest &call, const CallOptions &options) {
+    Progress progress({options.runDir, options.quiet}, fmt::format("waiting for {}", call.method));
+    return CallAndShow(client, call, progress);
+}
+
 } // namespace
 
 void Call(const CallOptions &options) {
@@ -151,7 +148,7 @@ void Call(const CallOptions &options) {
         }
         return;
     }
-    const host::CallOutcome outcome = send();
+    const host::CallOutcome outcome = options.oneway ? send() : Await(client, call, options);
     if (const auto reply = ReplyOf(method, outcome, options)) {
         PrintReply(method, *reply, options.json);
         RequireResult(method, *reply, outcome.explanation);

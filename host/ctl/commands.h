@@ -54,6 +54,7 @@ struct CallOptions {
     std::chrono::milliseconds deadline = host::Limits().deadline;
     uint32_t repeat = 0; // times to call and to measure; 0: once, and print the reply
     bool oneway = false;
+    bool quiet = false; // no progress
     JsonForm json = JsonForm::kNone;
 };
 
@@ -62,15 +63,6 @@ struct StatsOptions {
     std::string service;         // empty for the daemon's
     std::optional<uint32_t> pid; // whose agent instead
     bool json = false;
-};
-
-struct EventsOptions {
-    std::filesystem::path runDir;
-    std::vector<std::string> kinds; // none: all
-    uint64_t from = 0;              // number; 0: the oldest that is kept
-    std::optional<uint64_t> last;   // so many numbers at the end
-    bool follow = false;
-    bool json = false; // an object a line
 };
 
 struct DecodeOptions {
@@ -95,7 +87,6 @@ void Describe(const std::filesystem::path &runDir, const std::string &name, View
 void Call(const CallOptions &options);
 void ListServices(const std::filesystem::path &runDir, bool json);
 void Stats(const StatsOptions &options);
-void Events(const EventsOptions &options);
 void Decode(const DecodeOptions &options);
 void Encode(const EncodeOptions &options);
 

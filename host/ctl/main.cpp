@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <new>
@@ -10,6 +11,7 @@
 #include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
+#include "host/ctl/interrupt.h"
 #include "host/ctl/ssh.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/ctl/terminal.h"
@@ -42,7 +44,6 @@ struct Arguments {
     bool json = false, wire = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
-    ctl::EventsOptions events;
     ctl::DecodeOptions decode;
     ctl::EncodeOptions encode;
 };
@@ -108,6 +109,7 @@ void AddCall(CLI::App &app, Arguments &arguments) {
             arguments.call.deadline = ctl::ParseTime("--deadline", arguments.deadline);
         }
         arguments.call.runDir = arguments.globals.runDir;
+        arguments.call.quiet = arguments.globals.quiet;
         arguments.call.json = JsonFormOf(arguments);
         ctl::Call(arguments.call);
     });
@@ -129,21 +131,6 @@ void AddStatus(CLI::App &app, Arguments &arguments) {
     stats->callback([&] {
         arguments.stats.runDir = arguments.globals.runDir;
         ctl::Stats(arguments.stats);
-    });
-}
-
-void AddEvents(CLI::App &app, Arguments &arguments) {
-    auto *const events = app.add_subcommand("events", "What happened, from the daemon's journal");
-    events->add_flag("-f,--follow", arguments.events.follow, "Wait for what happens, until it is interrupted");
-    events->add_option("--kind", arguments.events.kinds, "Of these kinds only: crash, setting, ...")
-        ->option_text("KIND ...");
-    auto *const from =
-        events->add_option("--from", arguments.events.from, "From the event of this number on")->option_text("N");
-    events->add_option("--last", arguments.events.last, "Of the last so many")->option_text("N")->excludes(from);
-    events->add_flag("--json", arguments.events.json, "For programs, an object a line");
-    events->callback([&] {
-        arguments.events.runDir = arguments.globals.runDir;
-        ctl::Events(arguments.events);
     });
 }
 
@@ -189,8 +176,8 @@ int Fail(int code, const std::string &text) {
 
 void AddTasks(CLI::App &app, const ctl::Globals &globals) {
     for (const auto add : {ctl::AddPs, ctl::AddTop, ctl::AddStack, ctl::AddMem, ctl::AddLeaks, ctl::AddCrashes,
-                           ctl::AddOverloads, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect, ctl::AddExec,
-                           ctl::AddSettings, ctl::AddMeasure, ctl::AddRules, ctl::AddTime}) {
+                           ctl::AddOverloads, ctl::AddEvents, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect,
+                           ctl::AddExec, ctl::AddSettings, ctl::AddMeasure, ctl::AddRules, ctl::AddTime}) {
         add(app, globals);
     }
 }
@@ -320,7 +307,6 @@ int main(int argc, char **argv) {
     app.footer(kCommandFooter); // commands made after it repeat it
     AddCall(app, arguments);
     AddStatus(app, arguments);
-    AddEvents(app, arguments);
     ctl::AddCaptures(app, arguments.globals.runDir);
     app.footer("");
     AddCodec(app, arguments);
@@ -334,6 +320,10 @@ int main(int argc, char **argv) {
         return FailToParse(app, error);
     } catch (const ctl::Failure &failure) {
         return Fail(failure.Code(), failure.what());
+    } catch (const ctl::Interrupted &interrupted) {
+        Fail(ctl::kOther, interrupted.what());
+        std::signal(SIGINT, SIG_DFL);
+        std::raise(SIGINT);
     } catch (const std::bad_alloc &) {
         return Fail(ctl::kOther, "no memory");
     } catch (const std::exception &error) {

@@ -1,24 +1,24 @@
 #include "host/ctl/progress.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <iostream>
 
+#include "host/ctl/terminal.h"
 #include "host/osal/text.h"
 
 namespace ctl {
 
 namespace {
 
-constexpr std::chrono::milliseconds kOfBar{100};
-constexpr std::chrono::seconds kOfLines{10};
+constexpr std::chrono::milliseconds kOfBar{100}, kUntilBar{500};
+constexpr std::chrono::milliseconds kOfLines{10'000};
 
 } // namespace
 
 Progress::Progress(const Globals &globals, std::string what, uint64_t all)
     : what_(std::move(what)), all_(all), quiet_(globals.quiet), terminal_(isatty(STDERR_FILENO) != 0),
-      next_(Clock::now() + (terminal_ ? std::chrono::milliseconds(kOfBar) : std::chrono::milliseconds(kOfLines))) {}
+      next_(start_ + (terminal_ ? kUntilBar : kOfLines)) {}
 
 Progress::~Progress() {
     if (shown_ && terminal_) {
@@ -26,29 +26,36 @@ Progress::~Progress() {
     }
 }
 
-std::string Progress::Text(uint64_t done, const std::string &note) const {
+std::string Progress::Text() const {
     constexpr size_t kWidth = 30;
-    const std::string behind = note.empty() ? "" : ", " + host::LineOfText(note);
+    const std::string behind = note_.empty() ? "" : ", " + host::LineOfText(note_);
     if (all_ == 0) {
-        return fmt::format("{}{}{}", what_, done == 0 ? "" : fmt::format(" {}", done), behind);
+        const auto time = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_);
+        return fmt::format("{}{}, {} s", what_, behind, time.count());
     }
-    const auto full = static_cast<size_t>(std::min(done, all_) * kWidth / all_);
+    const auto full = static_cast<size_t>(std::min(done_, all_) * kWidth / all_);
     const std::string bar =
         terminal_ ? fmt::format(" [{}{}]", std::string(full, '#'), std::string(kWidth - full, ' ')) : "";
-    return fmt::format("{}{} {} of {}{}", what_, bar, done, all_, behind);
+    return fmt::format("{}{} {} of {}{}", what_, bar, done_, all_, behind);
 }
 
 void Progress::Set(uint64_t done, const std::string &note) {
+    done_ = done;
+    note_ = note;
+    Show();
+}
+
+void Progress::Show() {
     const auto now = Clock::now();
     if (quiet_ || now < next_) {
         return;
     }
     shown_ = true;
     if (terminal_) {
-        std::cerr << "\r" << Text(done, note) << "\033[K" << std::flush;
+        std::cerr << "\r" << CutTo(Text(), TerminalWidth(STDERR_FILENO)) << "\033[K" << std::flush;
         next_ = now + kOfBar;
     } else {
-        std::cerr << "tarnctl: " << Text(done, note) << "\n";
+        std::cerr << "tarnctl: " << Text() << "\n";
         next_ = now + kOfLines;
     }
 }

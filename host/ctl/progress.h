@@ -12,22 +12,27 @@ namespace ctl {
 
 class Progress {
 public:
-    // Of so many; 0 where nobody knows how many.
+    // Of so many; 0 where nobody knows how many, and the time tells that it goes on.
     Progress(const Globals &globals, std::string what, uint64_t all = 0);
     ~Progress(); // clears the bar
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
 
     void Set(uint64_t done, const std::string &note = {});
+    // What was set last, when it is time for that. To be called while something is waited for.
+    void Show();
 
 private:
     using Clock = std::chrono::steady_clock;
-    std::string Text(uint64_t done, const std::string &note) const;
+    std::string Text() const;
 
     const std::string what_;
     const uint64_t all_;
     const bool quiet_, terminal_;
+    const Clock::time_point start_ = Clock::now();
     Clock::time_point next_; // when it is shown again
+    uint64_t done_ = 0;
+    std::string note_;
     bool shown_ = false;
 };
 

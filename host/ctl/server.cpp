@@ -8,6 +8,7 @@
 #include "host/ctl/outcome.h"
 #include "host/ctl/print.h"
 #include "host/ctl/request.h"
+#include "host/ctl/wait.h"
 #include "host/describe/named.h"
 #include "host/meaning/check.h"
 #include "host/osal/attempt.h"
@@ -128,13 +129,21 @@ Reply Server::Ask(const std::string &name, const std::vector<std::string> &words
     return Send(method, ReadRequest(method, words));
 }
 
+host::CallOutcome Server::Wait(const host::CallRequest &call) {
+    if (whole_ != nullptr) {
+        return CallAndShow(client_, call, *whole_);
+    }
+    Progress progress(globals_, fmt::format("waiting for {}", call.method));
+    return CallAndShow(client_, call, progress);
+}
+
 Reply Server::Send(const Method &method, const Record &request, bool anyResult) {
     UseZoneOf(client_, method, 0);
     const std::vector<uint8_t> message = Encode(request);
     const bool isLong = method.meaning->duration == host::meaning::Duration::kLong;
-    const host::CallOutcome outcome =
-        client_.Call({method.service, 0, method.name, method.request->hash, message,
-                      isLong ? std::chrono::milliseconds(kPatience) : host::Limits().deadline});
+    const host::CallRequest call{method.service,       0,       method.name,
+                                 method.request->hash, message, isLong ? kPatience : host::Limits().deadline};
+    const host::CallOutcome outcome = isLong || whole_ != nullptr ? Wait(call) : client_.Call(call);
     if (!outcome.Ok()) {
         throw FailureOf(method.service, method.name, outcome);
     }

@@ -3,7 +3,7 @@
 
 #include <initializer_list>
 
-#include "host/ctl/commands.h"
+#include "host/ctl/progress.h"
 #include "host/meaning/meaning.h"
 #include "host/runtime/client.h"
 
@@ -45,11 +45,11 @@ struct Reply {
 };
 
 // How long what may take long is waited for.
-constexpr std::chrono::minutes kPatience{10};
+constexpr std::chrono::milliseconds kPatience{600'000};
 
 class Server {
 public:
-    explicit Server(const Globals &globals) : client_({.runDir = globals.runDir}) {}
+    explicit Server(const Globals &globals) : globals_(globals), client_({.runDir = globals.runDir}) {}
 
     // The request is JSON in the names of the meanings, or words, "begins-at=90%". Throws Failure.
     Reply Ask(const std::string &method, const host::describe::Json &request = host::describe::Json::object());
@@ -64,10 +64,25 @@ public:
 
     host::Client &GetClient() { return client_; }
 
+    // By itself it shows of each call that may take long that it runs. While this lives, another's progress does.
+    class Part {
+    public:
+        Part(Server &server, Progress &whole) : server_(server) { server_.whole_ = &whole; }
+        ~Part() { server_.whole_ = nullptr; }
+        Part(const Part &) = delete;
+        Part &operator=(const Part &) = delete;
+
+    private:
+        Server &server_;
+    };
+
 private:
+    host::CallOutcome Wait(const host::CallRequest &call);
     Reply Send(const host::describe::Method &method, const host::describe::Record &request, bool anyResult = false);
 
+    const Globals &globals_;
     host::Client client_;
+    Progress *whole_ = nullptr;
 };
 
 } // namespace ctl

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -84,13 +83,13 @@ std::string CutTo(std::string_view line, size_t columns) {
     return std::string(line.substr(0, end)) + (columns == 0 ? "" : "…");
 }
 
-size_t TerminalWidth() {
+size_t TerminalWidth(int output) {
     constexpr size_t kUsual = 80;
     winsize size{};
-    if (isatty(STDOUT_FILENO) == 0) {
+    if (isatty(output) == 0) {
         return 0;
     }
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : kUsual;
+    return ioctl(output, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 ? size.ws_col : kUsual;
 }
 
 std::string Style::Bold(const std::string &text) const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <iostream>
@@ -16,8 +17,8 @@ size_t WidthOf(std::string_view line);
 // As much of a line as so many columns show, "…" where something is left out.
 std::string CutTo(std::string_view line, size_t columns);
 
-// How many columns standard output shows; 0 where it is no terminal.
-size_t TerminalWidth();
+// How many columns standard output, or another, shows; 0 where it is no terminal.
+size_t TerminalWidth(int output = STDOUT_FILENO);
 
 // What the reader's device can show.
 struct Style {

@@ -5,6 +5,7 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/common.h"
 
+#include "host/daemon/history/event.h"
 #include "tests/host/on_terminal.h"
 #include "tests/host/tasks_kit.h"
 
@@ -59,6 +60,7 @@ TEST_F(Tasks, StackShowsOnceAndOnAverage) {
     const std::string folded = Out("stack tasked --samples 3 --every 1ms --folded");
     EXPECT_THAT(folded, HasSubstr(";"));
     EXPECT_THAT(folded, Not(HasSubstr("main+0x"))) << "a function is one, wherever it is";
+    EXPECT_THAT(Out("stack tasked --samples 2 --every 1"), StartsWith("100.0 %  ")) << "in milliseconds";
     ExpectFailure(2, "stack tasked --folded", "--folded: expected --samples N");
 }
 
@@ -88,7 +90,8 @@ TEST_F(Tasks, CrashesAreListedAndShown) {
     EXPECT_EQ(Out("crashes"), "no crashes\n");
     StartAgent();
     const std::string pid = AgentPid();
-    Run("exec tasked crash segv"); // nobody is left to answer
+    EXPECT_NE(Run("exec tasked crash segv"), 0) << "nobody is left to answer";
+    EXPECT_EQ(out_, "") << "which has no output";
     EXPECT_EQ(agent_->Wait(), -1);
     const std::vector<Json> crashes = Objects("crashes --json");
     ASSERT_EQ(crashes.size(), 1u) << out_;
@@ -163,6 +166,38 @@ TEST_F(Tasks, WatchTellsAndRunsACommand) {
     ExpectFailure(2, "watch --cpu much", "--cpu: found much, expected a share, such as 90% or 900");
 }
 
+TEST_F(Tasks, WatchTellsThatAProcessHasEnded) {
+    auto busy =
+        std::make_unique<Process>(dir_.Path(), std::vector<std::string>{"/bin/sh", "-c", "while :; do :; done"});
+    const std::string pid = std::to_string(busy->Pid());
+    Process watch(dir_.Path(),
+                  {TARNCTL, "--run-dir", dir_.Path(), "watch", "--process", pid, "--cpu", "0.1%", "--every", "50ms"});
+    ASSERT_TRUE(Eventually([&] { return watch.Out().find("begins  " + pid) != std::string::npos; })) << watch.Err();
+    busy.reset();
+    EXPECT_TRUE(Eventually([&] { return watch.Out().find("ends    " + pid) != std::string::npos; })) << watch.Out();
+}
+
+TEST_F(Tasks, EventsAreChosenByKindNumberAndTime) {
+    EXPECT_EQ(Out("settings set cpu.begins-at=90%"), "");
+    StartAgent();
+    ASSERT_TRUE(Eventually([&] { return Objects("events --kind agent-comes --json").size() == 1; })) << out_;
+    EXPECT_THAT(Out("events"), testing::ContainsRegex(" [+-][0-9]{4} #[0-9]+ setting: .*begins-at=900"));
+    EXPECT_THAT(out_, HasSubstr(fmt::format(" agent-comes: tasked ({})", AgentPid())));
+    EXPECT_EQ(Out("events --since 1h"), out_);
+    EXPECT_EQ(Out("events --since +1h"), "");
+    const auto number = Objects("events --last 1 --json").at(0)["number"].get<uint64_t>();
+    EXPECT_EQ(Objects(fmt::format("events --from {} --json", number)).size(), 1u);
+    ExpectFailure(2, "events --since lately",
+                  "--since: found lately, expected how long ago, such as 10m, 1h or 7d, or");
+    ExpectFailure(5, "events --kind nonsense", "kinds has \"nonsense\", expected of crash assertion");
+}
+
+TEST_F(Tasks, EventsAreOfferedByKinds) {
+    for (const tarnd::EventKindInfo &kind : tarnd::kEventKinds) {
+        EXPECT_EQ(Out(fmt::format("complete -- events --kind {}", kind.name)), fmt::format("{}\n", kind.name));
+    }
+}
+
 TEST_F(Tasks, CollectPutsAllIntoOneArchive) {
     EXPECT_EQ(Out("--quiet collect -o all.tar.gz --last 1h"), "all.tar.gz\n");
     const Process list(dir_.Path(), {"/bin/tar", "tzf", dir_.Path() / "all.tar.gz"});
@@ -191,8 +226,8 @@ TEST_F(Tasks, MeasureTellsTheResult) {
 }
 
 TEST_F(Tasks, EachHasHelpWithExamples) {
-    for (const char *task : {"ps", "top", "stack", "mem", "leaks", "crashes", "overloads", "health", "watch", "collect",
-                             "exec", "settings", "measure", "rules", "time"}) {
+    for (const char *task : {"ps", "top", "stack", "mem", "leaks", "crashes", "overloads", "events", "health", "watch",
+                             "collect", "exec", "settings", "measure", "rules", "time"}) {
         const std::string help = Out(std::string(task) + " --help");
         EXPECT_THAT(help, HasSubstr("Examples:\n  tarnctl ")) << task;
         EXPECT_EQ(Out(std::string("help ") + task), help);
@@ -228,6 +263,55 @@ TEST_F(OnScreen, APagerGetsWholeLines) {
     EXPECT_EQ(ps.Wait(), 0);
     EXPECT_THAT(ps.Output(), HasSubstr("paged:"));
     EXPECT_THAT(ps.Output(), Not(HasSubstr("…")));
+}
+
+// The application's command ends when the application does.
+TEST_F(OnScreen, ACommandThatIsInterruptedIsForgotten) {
+    agent_ = Start({SLOW_AGENT, dir_.Path()});
+    ASSERT_TRUE(Eventually([&] { return Run("exec slow help") == 0; })) << error_ << agent_->Err();
+    OnTerminal exec = Show("", "exec slow wait", 80);
+    ASSERT_TRUE(exec.Shows("\rthe command runs, ")) << exec.Output();
+    exec.Press("\003");
+    EXPECT_EQ(exec.Wait(), -SIGINT);
+    EXPECT_THAT(exec.Output(), HasSubstr("\r\033[Ktarnctl: interrupted: what waited is forgotten"));
+    OnTerminal another = Show("", "--quiet exec slow help", 80); // which waits for the first
+    ASSERT_TRUE(Eventually([&] { return Run("call DBGCmdExecResultGetByTarnd process=" + AgentPid()) == 5; })) << out_;
+    another.Press("\003");
+    EXPECT_EQ(another.Wait(), -SIGINT);
+    EXPECT_THAT(another.Output(), Not(HasSubstr("the command runs")));
+}
+
+TEST_F(OnScreen, ACallThatIsInterruptedIsCancelled) {
+    daemon_->Signal(SIGSTOP);
+    OnTerminal call = Show("", "call PidIsOnline process=1 --deadline 10m", 80);
+    ASSERT_TRUE(call.Shows("\rwaiting for PidIsOnline, ")) << call.Output();
+    call.Press("\003");
+    EXPECT_EQ(call.Wait(), -SIGINT);
+    EXPECT_THAT(call.Output(), HasSubstr("PidIsOnline: interrupted, and cancelled"));
+    daemon_->Signal(SIGCONT);
+}
+
+TEST_F(OnScreen, SamplesThatAreInterruptedAreShown) {
+    StartAgent();
+    OnTerminal stack = Show("TARN_PAGER=cat", "stack tasked --samples 100000 --every 10ms", 80);
+    ASSERT_TRUE(stack.Shows("samples [")) << stack.Output();
+    EXPECT_THAT(stack.Output(), HasSubstr(" of 100000"));
+    stack.Press("\003");
+    EXPECT_EQ(stack.Wait(), 0);
+    EXPECT_THAT(stack.Output(), HasSubstr("100.0 %  "));
+}
+
+TEST_F(OnScreen, AnInterruptedCollectionLeavesNothing) {
+    const std::string file = dir_.Path() / "part.tar.gz";
+    daemon_->Signal(SIGSTOP);
+    OnTerminal collect = Show("", "collect -o " + file, 80);
+    ASSERT_TRUE(collect.Shows("\rcollecting [")) << collect.Output();
+    EXPECT_TRUE(std::filesystem::exists(file + ".part"));
+    collect.Press("\003");
+    EXPECT_EQ(collect.Wait(), -SIGINT);
+    EXPECT_FALSE(std::filesystem::exists(file + ".part"));
+    EXPECT_FALSE(std::filesystem::exists(file));
+    daemon_->Signal(SIGCONT);
 }
 
 TEST_F(OnScreen, WideRecordsGoDownwards) {

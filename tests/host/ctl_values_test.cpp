@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "host/ctl/tasks/rows.h"
 #include "host/meaning/list.h"
 #include "tests/host/zone.h"
 
@@ -58,6 +59,20 @@ TEST(CtlValues, NameSomething) {
     EXPECT_EQ(ValueText(Signed(), 0xFFFFFFEC), "-20");
     const ZoneOfTest zone("CET-1");
     EXPECT_EQ(ValueText(UnixTime(), 1'770'087'906), "2026-02-03 04:05:06 +0100");
+}
+
+// As the daemon's report has them.
+TEST(CtlRows, OfLeaksHaveNamesWithBlanks) {
+    const auto row = ctl::LeakRowOf("      11 le aky                  61000        42000       6000       20      540");
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->process, 11);
+    EXPECT_EQ(row->name, "le aky");
+    EXPECT_EQ(row->residentBytes, 61'000 * 1024);
+    EXPECT_EQ(row->grownBytes, 42'000 * 1024);
+    EXPECT_EQ(row->bytesPerMinute, 6000 * 1024);
+    EXPECT_EQ(row->errorBytesPerMinute, 20 * 1024);
+    EXPECT_EQ(row->overSeconds, 540);
+    EXPECT_FALSE(ctl::LeakRowOf("11 leaky 61000 42000 6000 540")) << "a number is missing";
 }
 
 } // namespace

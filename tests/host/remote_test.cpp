@@ -110,6 +110,12 @@ TEST_F(NewerDaemon, IsCalledByWordsAndByJson) {
     EXPECT_NE(Run("call GetFanInfo fan=9").find("fan (uiFan) is 9, expected"), std::string::npos);
 }
 
+TEST_F(NewerDaemon, WithoutAJournalHasNoEventsToFollow) {
+    for (const char *arguments : {"events", "events --follow"}) {
+        EXPECT_EQ(Run(arguments), "tarnctl: this daemon keeps no journal of events: it is older than that\n");
+    }
+}
+
 TEST_F(NewerDaemon, AnswersInItsOwnNames) {
     const Json reply = RunJson("call GetFanInfo fan=0 --json=named");
     EXPECT_EQ(reply["fans"].size(), 2U);

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <iostream>
 
+#include "host/ctl/interrupt.h"
+#include "host/ctl/journal.h"
 #include "host/ctl/outcome.h"
 #include "host/ctl/progress.h"
 #include "host/ctl/server.h"
@@ -121,18 +123,14 @@ class Collection {
 public:
     Collection(const Globals &globals, Server &server, const Options &options)
         : server_(server), options_(options), archive_(options.file),
-          progress_(globals, "collecting", std::size(kParts) + 3) {}
+          progress_(globals, "collecting", std::size(kParts) + 3), part_(server, progress_) {}
 
     void Run() {
         for (const Part &part : kParts) {
-            progress_.Set(++done_, part.file);
             Try(part.file, [&] { archive_.Add(part.file, ContentOf(server_.Ask(part.method, RequestOf(part)))); });
         }
-        progress_.Set(++done_, "services");
         Try("status.json", [&] { AddStatus(); });
-        progress_.Set(++done_, "events");
         Try("events.jsonl", [&] { archive_.Add("events.jsonl", Events()); });
-        progress_.Set(++done_, "logs");
         Try("logs.zip", [&] { AddLogs(); });
         if (!missing_.empty()) {
             archive_.Add("missing.txt", missing_);
@@ -145,6 +143,10 @@ public:
 private:
     template <class Collect>
     void Try(const char *what, Collect collect) {
+        progress_.Set(++done_, what);
+        if (interrupts_.Came()) {
+            throw Interrupted("interrupted: there is no archive");
+        }
         try {
             collect();
         } catch (const Failure &failure) {
@@ -174,30 +176,17 @@ private:
         archive_.Add("status.json", host::ToJson(status));
     }
 
-    // The journal, an event a line.
+    // An event a line.
     std::string Events() {
         const auto last = options_.last.empty() ? std::chrono::seconds(INT32_MAX) : ParseSpan("--last", options_.last);
         const auto now = std::chrono::system_clock::now().time_since_epoch();
-        Json question{{"from", 0}, {"kinds", Json::array()}, {"wait_ms", 0}};
+        Journal journal(server_.GetClient(), {});
         std::string lines;
-        for (bool isMore = true; isMore;) {
-            const std::string text = question.dump();
-            const host::CallOutcome outcome =
-                server_.GetClient().Call({.service = host::kRuntimeService,
-                                          .method = "Events",
-                                          .request = {reinterpret_cast<const uint8_t *>(text.data()), text.size()},
-                                          .socketOf = "TarnSysdiagTarnd"});
-            if (!outcome.Ok()) {
-                throw FailureOf(host::kRuntimeService, "Events", outcome);
-            }
-            const Json page = Json::parse(outcome.bytes);
-            for (const Json &event : page.at("events")) {
+        while (journal.IsMore()) {
+            for (const Json &event : journal.Next()) {
                 const std::chrono::milliseconds time(event.at("time_ms").get<int64_t>());
                 lines += now - time <= last ? event.dump() + "\n" : "";
             }
-            question["journal"] = page.at("journal");
-            question["from"] = page.at("next");
-            isMore = page.at("next") < page.at("end");
         }
         return lines;
     }
@@ -240,6 +229,8 @@ private:
     const Options &options_;
     Archive archive_;
     Progress progress_;
+    const Server::Part part_;
+    const Interrupts interrupts_;
     uint64_t done_ = 0;
     std::string missing_;
 };

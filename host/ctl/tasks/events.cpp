@@ -1,59 +1,78 @@
 // events: what happened, from the daemon's journal.
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <iostream>
 #include <thread>
 
-#include "host/ctl/outcome.h"
+#include "host/ctl/journal.h"
+#include "host/ctl/tasks/tasks.h"
 #include "host/describe/moment.h"
-#include "host/runtime/status.h"
 
 namespace ctl {
 
-using namespace host::describe;
+using host::describe::Json;
 
 namespace {
 
-constexpr std::string_view kService = "TarnSysdiagTarnd";
-constexpr std::chrono::seconds kWait{60};  // for something to happen
-constexpr std::chrono::seconds kRetry{1};  // until a daemon that has gone is looked for again
-constexpr std::chrono::seconds kAnswer{5}; // that an answer may take
+struct Options {
+    Journal::Wanted wanted;
+    std::string since;
+    bool follow = false, json = false;
+};
 
-// Reads the journal page by page, and knows where it goes on.
+using Time = std::chrono::system_clock::time_point;
+
+Time TimeOf(const Json &event) {
+    return Time(std::chrono::milliseconds(event.at("time_ms").get<int64_t>()));
+}
+
+// "1h" is that long ago.
+Time SinceOf(const std::string &text) {
+    const Time now = std::chrono::system_clock::now();
+    const bool isSpan = !text.empty() && text.find_first_not_of("0123456789smhd") == text.npos;
+    const auto time = isSpan ? now - ParseSpan("--since", text) : host::describe::ParseStatedTime(text, now);
+    if (!time) {
+        throw Failure(kUsage, fmt::format("--since: found {}, expected how long ago, such as 10m, 1h or 7d, or {}",
+                                          text.empty() ? "nothing" : text, host::describe::kMomentExpected));
+    }
+    return *time;
+}
+
+void Print(const Json &event, bool json) {
+    if (json) {
+        std::cout << event.dump() << "\n";
+        return;
+    }
+    const auto pid = event.at("pid").get<uint32_t>();
+    const auto process = event.at("process").get<std::string>();
+    std::string who = process.empty() && pid != 0 ? "?" : process;
+    if (pid != 0) {
+        who += fmt::format(" ({})", pid);
+    }
+    std::cout << fmt::format("{} #{} {}: {}{}{}\n", host::describe::ZonedText(TimeOf(event)),
+                             event.at("number").get<uint64_t>(), event.at("kind").get<std::string>(), who,
+                             who.empty() ? "" : ": ", event.at("text").get<std::string>());
+}
+
 class Reader {
 public:
-    explicit Reader(const EventsOptions &options) : options_(options), client_({.runDir = options.runDir}) {
-        question_ = Json{{"from", options.from}, {"kinds", options.kinds}};
-        if (options.last) {
-            question_["last"] = *options.last;
+    Reader(const Globals &globals, const Options &options)
+        : options_(options), since_(options.since.empty() ? Time::min() : SinceOf(options.since)),
+          client_({.runDir = globals.runDir}), journal_(client_, options.wanted) {}
+
+    void ReadAll() {
+        while (journal_.IsMore()) {
+            Next({});
         }
     }
 
-    // Prints what there is, and returns whether there is more. Waits for it where it is followed.
-    bool Next() {
-        const host::CallOutcome outcome = Ask();
-        if (!outcome.Ok()) {
-            throw FailureOf(host::kRuntimeService, "Events", outcome);
-        }
-        const Json page = Json::parse(outcome.bytes);
-        TellGap(page);
-        for (const Json &event : page.at("events")) {
-            Print(event);
-        }
-        std::cout.flush();
-        question_["journal"] = page.at("journal");
-        question_["from"] = page.at("next");
-        question_.erase("last");
-        return page.at("next") < page.at("end");
-    }
-
-    // The same, until it is ended. What is missed while there is no daemon is read from the next one.
+    // Also of what happens, until it is ended. What is missed while there is no daemon is read from the next one.
     void Follow() {
-        bool connected = true;
-        for (;;) {
+        constexpr std::chrono::seconds kWait{60}; // for something to happen
+        constexpr std::chrono::seconds kRetry{1}; // until a daemon that has gone is looked for again
+        for (bool connected = true;;) {
             try {
-                Next();
+                Next(kWait);
                 connected = true;
             } catch (const Failure &failure) {
                 if (failure.Code() != kConnection && failure.Code() != kDeadline) {
@@ -68,57 +87,50 @@ public:
     }
 
 private:
-    host::CallOutcome Ask() {
-        const auto wait = std::chrono::milliseconds(options_.follow ? kWait : std::chrono::seconds(0));
-        question_["wait_ms"] = wait.count();
-        const std::string text = question_.dump();
-        return client_.Call({.service = host::kRuntimeService,
-                             .method = "Events",
-                             .request = {reinterpret_cast<const uint8_t *>(text.data()), text.size()},
-                             .deadline = wait + kAnswer,
-                             .socketOf = kService});
+    void Next(std::chrono::milliseconds wait) {
+        const std::vector<Json> events = journal_.Next(wait);
+        if (!journal_.Gap().empty()) {
+            std::cerr << "tarnctl: " << journal_.Gap() << "\n";
+        }
+        for (const Json &event : events) {
+            if (TimeOf(event) >= since_) {
+                Print(event, options_.json);
+            }
+        }
+        std::cout.flush();
     }
 
-    void TellGap(const Json &page) const {
-        if (question_.contains("journal") && question_.at("journal") != page.at("journal")) {
-            std::cerr << "tarnctl: the daemon has another journal now: its events are shown from the first on\n";
-        } else if (question_.contains("journal") && question_.at("from") < page.at("from")) {
-            std::cerr << fmt::format("tarnctl: the events {} to {} are not kept any more\n",
-                                     question_.at("from").get<uint64_t>(), page.at("from").get<uint64_t>() - 1);
-        }
-    }
-
-    void Print(const Json &event) const {
-        if (options_.json) {
-            std::cout << event.dump() << "\n";
-            return;
-        }
-        const std::chrono::system_clock::time_point time(std::chrono::milliseconds(event.at("time_ms").get<int64_t>()));
-        const auto pid = event.at("pid").get<uint32_t>();
-        const auto process = event.at("process").get<std::string>();
-        std::string who = process.empty() && pid != 0 ? "?" : process;
-        if (pid != 0) {
-            who += fmt::format(" ({})", pid);
-        }
-        std::cout << fmt::format("{} #{} {}: {}{}{}\n", ZonedText(time), event.at("number").get<uint64_t>(),
-                                 event.at("kind").get<std::string>(), who, who.empty() ? "" : ": ",
-                                 event.at("text").get<std::string>());
-    }
-
-    const EventsOptions &options_;
+    const Options &options_;
+    const Time since_;
     host::Client client_;
-    Json question_;
+    Journal journal_;
 };
+
+void Events(const Globals &globals, const Options &options) {
+    Reader reader(globals, options);
+    options.follow ? reader.Follow() : reader.ReadAll();
+}
 
 } // namespace
 
-void Events(const EventsOptions &options) {
-    Reader reader(options);
-    if (options.follow) {
-        reader.Follow();
-    }
-    while (reader.Next()) {
-    }
+void AddEvents(CLI::App &app, const Globals &globals) {
+    const auto options = std::make_shared<Options>();
+    CLI::App *const task =
+        AddTask(app, "events", "What happened, from the daemon's journal: crashes, overloads, agents, settings",
+                {"events --since 1h", "events --follow --kind crash assertion", "events --last 20 --json"});
+    task->add_flag("-f,--follow", options->follow, "Wait for what happens, until it is interrupted");
+    task->add_option("--kind", options->wanted.kinds,
+                     "Of these kinds only: \"crash\", \"assertion\", \"cpu-overload-begins\", \"cpu-overload-ends\", "
+                     "\"memory-overload-begins\", \"memory-overload-ends\", \"dead-loop\", \"starvation\", "
+                     "\"leak-suspect\", \"memory-damage\", \"integrity\", \"agent-comes\", \"agent-goes\", \"setting\"")
+        ->option_text("KIND ...");
+    task->add_option("--since", options->since, "Those of the last so much time, as 1h, or since a time")
+        ->option_text("TIME");
+    auto *const from =
+        task->add_option("--from", options->wanted.from, "From the event of this number on")->option_text("N");
+    task->add_option("--last", options->wanted.last, "Of the last so many")->option_text("N")->excludes(from);
+    task->add_flag("--json", options->json, "For programs: an object a line");
+    task->callback([&globals, options] { Events(globals, *options); });
 }
 
 } // namespace ctl

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
-#include <thread>
 
+#include "host/ctl/interrupt.h"
 #include "host/ctl/listing.h"
 #include "host/ctl/process.h"
 #include "host/ctl/progress.h"
@@ -29,6 +29,7 @@ struct Options {
 Reply ResultOf(const Globals &globals, Server &server, uint32_t pid, std::chrono::milliseconds deadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     Progress progress(globals, "the command runs");
+    const Interrupts interrupts;
     for (std::chrono::milliseconds pause{5};; pause = std::min(2 * pause, std::chrono::milliseconds(200))) {
         const Reply reply = server.AskAnyway("DBGCmdExecResultGetByTarnd", Json{{"process", pid}});
         if (reply["result"] != EINPROGRESS) {
@@ -38,8 +39,12 @@ Reply ResultOf(const Globals &globals, Server &server, uint32_t pid, std::chrono
             throw Failure(kDeadline, fmt::format("the command still runs after {}; --deadline gives it more time",
                                                  TimeText(deadline)));
         }
-        progress.Set(0);
-        std::this_thread::sleep_for(pause);
+        if (interrupts.Came()) {
+            server.Ask("DBGCmdExecCleanByTarnd", Json{{"process", pid}});
+            throw Interrupted("interrupted: what waited is forgotten, a command that runs goes on without its output");
+        }
+        progress.Show();
+        interrupts.Sleep(pause);
     }
 }
 
@@ -53,13 +58,12 @@ void Exec(const Globals &globals, const Options &options) {
     const Json named = reply.Named();
     if (options.json) {
         std::cout << named.dump() << "\n";
-    } else {
+    } else if (const Json &text = named["output"]; text.is_string() && text != "") {
         const Output output;
         std::cout << reply.Text("output") << "\n";
     }
     if (const auto result = reply["result"].get<uint32_t>(); result != 0) {
-        throw Failure(kRemote, fmt::format("{}: {} ({})", command, reply.Text("result"), named["result"].dump()),
-                      result);
+        throw Failure(kRemote, fmt::format("{}: {}", command, reply.Text("result")), result);
     }
 }
 

@@ -23,27 +23,7 @@ struct Options {
     ListOptions list;
 };
 
-struct Suspect {
-    uint64_t process, residentBytes, grownBytes, bytesPerMinute, overSeconds;
-    std::string name;
-};
-
-// "4711 worker 10240 2048 512 240", where a name may have blanks.
-std::optional<Suspect> SuspectOf(const std::string &line) {
-    const std::vector<std::string> words = WordsOf(line);
-    const size_t num = words.size();
-    if (num < 6) {
-        return std::nullopt;
-    }
-    return Suspect{NumberOf(words[0]),
-                   NumberOf(words[num - 4]) * 1024,
-                   NumberOf(words[num - 3]) * 1024,
-                   NumberOf(words[num - 2]) * 1024,
-                   NumberOf(words[num - 1]),
-                   Joined(words, 1, 4)};
-}
-
-std::vector<Suspect> Suspects(Server &server, const Options &options) {
+std::vector<LeakRow> Suspects(Server &server, const Options &options) {
     Json request{{"report", "suspects"}};
     if (!options.process.empty()) {
         request["process"] = FindProcess(server, options.process).pid;
@@ -54,29 +34,30 @@ std::vector<Suspect> Suspects(Server &server, const Options &options) {
     if (!options.least.empty()) {
         request["limit"] = NumberOf(options.least);
     }
-    std::vector<Suspect> suspects;
+    std::vector<LeakRow> suspects;
     for (const std::string &line : ReportLines(server, request)) {
-        if (const auto suspect = SuspectOf(line)) {
+        if (const auto suspect = LeakRowOf(line)) {
             suspects.push_back(*suspect);
         }
     }
     return suspects;
 }
 
-void Add(Listing &listing, const Suspect &suspect) {
+void Add(Listing &listing, const LeakRow &suspect) {
     listing.Add({std::to_string(suspect.process), suspect.name, SizeText(suspect.residentBytes),
-                 SizeText(suspect.grownBytes), SizeText(suspect.bytesPerMinute),
+                 SizeText(suspect.grownBytes), SizeText(suspect.bytesPerMinute), SizeText(suspect.errorBytesPerMinute),
                  DurationText(std::chrono::seconds(suspect.overSeconds))},
                 {{"process", suspect.process},
                  {"name", suspect.name},
                  {"resident_bytes", suspect.residentBytes},
                  {"grown_bytes", suspect.grownBytes},
                  {"bytes_per_minute", suspect.bytesPerMinute},
+                 {"bytes_per_minute_error", suspect.errorBytesPerMinute},
                  {"over_us", suspect.overSeconds * 1'000'000}});
 }
 
 Listing NewListing(const ListOptions &options) {
-    return {options, {"process", "name", "resident", "grown", "per-minute", "over"}};
+    return {options, {"process", "name", "resident", "grown", "per-minute", "give-or-take", "over"}};
 }
 
 // Each suspect when it becomes one.
@@ -85,7 +66,7 @@ void Follow(Server &server, Options options) {
     for (std::set<uint64_t> known;; std::this_thread::sleep_for(every)) {
         Listing listing = NewListing(options.list);
         std::set<uint64_t> now;
-        for (const Suspect &suspect : Suspects(server, options)) {
+        for (const LeakRow &suspect : Suspects(server, options)) {
             now.insert(suspect.process);
             if (!known.contains(suspect.process)) {
                 Add(listing, suspect);
@@ -107,7 +88,7 @@ void Leaks(const Globals &globals, const Options &options) {
         return;
     }
     Listing listing = NewListing(options.list);
-    for (const Suspect &suspect : Suspects(server, options)) {
+    for (const LeakRow &suspect : Suspects(server, options)) {
         Add(listing, suspect);
     }
     listing.Show("no process grows without giving back");

@@ -1,10 +1,9 @@
 // measure: whether what runs is what was recorded.
 #include <fmt/format.h>
 
-#include <csignal>
 #include <iostream>
-#include <thread>
 
+#include "host/ctl/interrupt.h"
 #include "host/ctl/listing.h"
 #include "host/ctl/progress.h"
 #include "host/ctl/tasks/tasks.h"
@@ -23,8 +22,6 @@ struct Options {
     bool follow = false, json = false;
 };
 
-volatile std::sig_atomic_t interrupted = 0;
-
 void Print(const Reply &reply, bool json) {
     if (json) {
         std::cout << reply.Named().dump() << "\n";
@@ -35,7 +32,7 @@ void Print(const Reply &reply, bool json) {
 
 // Until it is done; the first interrupt has the daemon give it up.
 Reply WaitForEnd(const Globals &globals, Server &server, bool follow) {
-    std::signal(SIGINT, [](int) { interrupted = 1; });
+    const Interrupts interrupts;
     Progress progress(globals, "measuring");
     uint64_t told = 0;
     for (;;) {
@@ -44,16 +41,16 @@ Reply WaitForEnd(const Globals &globals, Server &server, bool follow) {
         if (reply["state"].get<uint32_t>() != measurement_state::kRuns) {
             return reply;
         }
-        if (interrupted != 0) {
+        if (interrupts.Came()) {
             server.Ask("TarnSetDimOpration", Json{{"operation", "cancel"}});
-            throw Failure(kOther, "interrupted: the measurement was given up");
+            throw Interrupted("interrupted, and the measurement cancelled");
         }
         if (follow && differences != told) {
             std::cout << differences << " files differ so far" << std::endl;
             told = differences;
         }
         progress.Set(0, differences == 0 ? "no difference so far" : fmt::format("{} files differ so far", differences));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        interrupts.Sleep(std::chrono::milliseconds(100));
     }
 }
 

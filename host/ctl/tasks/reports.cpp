@@ -1,6 +1,5 @@
 #include "host/ctl/tasks/reports.h"
 
-#include <charconv>
 #include <iostream>
 #include <sstream>
 
@@ -26,35 +25,12 @@ std::vector<std::string> ReportLines(Server &server, const Json &request) {
     return lines;
 }
 
-std::vector<std::string> WordsOf(const std::string &line) {
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
-
 TimedLine TimedLineOf(const std::string &line) {
     constexpr size_t kTimeWords = 3; // the date, the time, the zone
     std::vector<std::string> words = WordsOf(line);
     const size_t most = std::min(words.size(), kTimeWords);
     const std::string time = Joined(words, 0, words.size() - most);
     return {time, {words.begin() + static_cast<std::ptrdiff_t>(most), words.end()}};
-}
-
-std::string Joined(const std::vector<std::string> &words, size_t first, size_t leftOut) {
-    std::string text;
-    for (size_t i = first; i + leftOut < words.size(); ++i) {
-        text += (i == first ? "" : " ") + words[i];
-    }
-    return text;
-}
-
-uint64_t NumberOf(const std::string &word) {
-    uint64_t number = 0;
-    std::from_chars(word.data(), word.data() + word.size(), number);
-    return number;
 }
 
 Json TimeJson(const std::string &time) {

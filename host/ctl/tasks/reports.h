@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/ctl/server.h"
+#include "host/ctl/tasks/rows.h"
 
 namespace ctl {
 
@@ -14,14 +15,6 @@ struct TimedLine {
     std::vector<std::string> words;
 };
 TimedLine TimedLineOf(const std::string &line);
-
-std::vector<std::string> WordsOf(const std::string &line);
-
-// The words from one on, joined again; all but so many at the end.
-std::string Joined(const std::vector<std::string> &words, size_t first, size_t leftOut);
-
-// 0 for what is no number.
-uint64_t NumberOf(const std::string &word);
 
 // As programs read it: RFC 3339 where the daemon's order of dates allows that.
 host::describe::Json TimeJson(const std::string &time);

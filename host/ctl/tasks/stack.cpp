@@ -4,8 +4,8 @@
 
 #include <iostream>
 #include <map>
-#include <thread>
 
+#include "host/ctl/interrupt.h"
 #include "host/ctl/process.h"
 #include "host/ctl/progress.h"
 #include "host/ctl/tasks/tasks.h"
@@ -96,20 +96,30 @@ std::string WithoutOffset(const std::string &function) {
     return hasName ? function.substr(0, sign) : function;
 }
 
+void AddSample(const std::vector<Stack> &stacks, Node &root) {
+    for (Stack stack : stacks) {
+        std::ranges::transform(stack.functions, stack.functions.begin(), WithoutOffset);
+        stack.functions.push_back(stack.name);
+        root.Add(stack.functions);
+    }
+}
+
+// Ends early when it is interrupted: what was seen until then is not lost.
 Node Sample(const Globals &globals, Server &server, uint32_t pid, const Options &options) {
-    const auto every = ParseTime("--every", options.every);
+    const std::chrono::milliseconds every = ParseTime("--every", options.every, TimeUnit::kMilliseconds);
     Node root;
     Progress progress(globals, "samples", options.samples);
-    for (uint32_t i = 0; i < options.samples; ++i) {
-        if (i != 0) {
-            std::this_thread::sleep_for(every);
+    const Server::Part part(server, progress);
+    const Interrupts interrupts;
+    try {
+        for (uint32_t i = 0; i < options.samples && (i == 0 || interrupts.Sleep(every)); ++i) {
+            AddSample(Read(server, pid, options.all ? 0 : options.thread), root);
+            progress.Set(i + 1);
         }
-        for (Stack &stack : Read(server, pid, options.all ? 0 : options.thread)) {
-            std::ranges::transform(stack.functions, stack.functions.begin(), WithoutOffset);
-            stack.functions.push_back(stack.name);
-            root.Add(stack.functions);
+    } catch (const Interrupted &) {
+        if (root.samples == 0) {
+            throw;
         }
-        progress.Set(i + 1);
     }
     return root;
 }
@@ -189,7 +199,8 @@ void AddStack(CLI::App &app, const Globals &globals) {
     task->add_option("--samples", options->samples, "So many times, as a tree with the share of each function")
         ->option_text("N")
         ->check(CLI::Range(1U, 100'000U));
-    task->add_option("--every", options->every, "Time between two samples; default 100ms")->option_text("TIME");
+    task->add_option("--every", options->every, "Time between two samples, in ms without a unit; default 100ms")
+        ->option_text("TIME");
     task->add_flag("--folded", options->folded, "The samples as lines for flame graphs, \"main;work;spin 12\"");
     task->add_flag("--json", options->json, "For programs: an object a line, for each thread or way that was seen");
     task->callback([&globals, options] { ShowStack(globals, *options); });

@@ -37,12 +37,13 @@ std::chrono::seconds ParseSpan(const char *option, const std::string &text) {
     return std::chrono::seconds(number * scale);
 }
 
-std::chrono::milliseconds ParseTime(const char *option, const std::string &text) {
+std::chrono::milliseconds ParseTime(const char *option, const std::string &text, TimeUnit bare) {
     constexpr uint64_t kMost = 3'600'000;
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const std::string unit = end;
-    const uint64_t scale = unit == "ms" ? 1 : unit == "s" || unit.empty() ? 1000 : unit == "m" ? 60'000 : 0;
+    const std::string stated = end;
+    const std::string unit = !stated.empty() ? stated : bare == TimeUnit::kSeconds ? "s" : "ms";
+    const uint64_t scale = unit == "ms" ? 1 : unit == "s" ? 1000 : unit == "m" ? 60'000 : 0;
     if (error != std::errc() || scale == 0 || number == 0 || number > kMost / scale) {
         throw Failure(kUsage,
                       fmt::format("{}: found {}, expected a time of 1ms to 60m, as 500ms, 2s or 1m", option, text));

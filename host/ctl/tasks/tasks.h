@@ -15,6 +15,7 @@ void AddSettings(CLI::App &app, const Globals &globals);
 void AddCrashes(CLI::App &app, const Globals &globals);
 void AddOverloads(CLI::App &app, const Globals &globals);
 void AddLeaks(CLI::App &app, const Globals &globals);
+void AddEvents(CLI::App &app, const Globals &globals);
 void AddHealth(CLI::App &app, const Globals &globals);
 void AddCollect(CLI::App &app, const Globals &globals);
 void AddExec(CLI::App &app, const Globals &globals);
@@ -29,8 +30,9 @@ std::vector<std::string> SettingWords(const std::string &word);
 // A command whose help ends with examples, a line each without "tarnctl".
 CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples);
 
-// "500ms", "2s", "1m"; a bare number is of seconds. Throws Failure, which names the option.
-std::chrono::milliseconds ParseTime(const char *option, const std::string &text);
+// "500ms", "2s", "1m"; a bare number is of that unit. Throws Failure, which names the option.
+enum class TimeUnit { kMilliseconds, kSeconds };
+std::chrono::milliseconds ParseTime(const char *option, const std::string &text, TimeUnit bare = TimeUnit::kSeconds);
 
 // The same, up to years: "1h", "7d".
 std::chrono::seconds ParseSpan(const char *option, const std::string &text);

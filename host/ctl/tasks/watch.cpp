@@ -135,10 +135,17 @@ public:
             const auto before = beyond_.find(subject.process);
             State state = before != beyond_.end() ? before->second : State{};
             if (IsBeyond(subject, limits_)) {
+                state.last = subject;
                 Pass(subject, state);
                 still[subject.process] = state;
             } else if (state.told) {
                 Tell(subject, false, options_);
+            }
+            beyond_.erase(subject.process);
+        }
+        for (const auto &[process, state] : beyond_) {
+            if (state.told) { // and has ended since
+                Tell(state.last, false, options_);
             }
         }
         beyond_ = std::move(still);
@@ -150,6 +157,7 @@ private:
     struct State {
         Clock::time_point since = Clock::now();
         bool told = false;
+        Subject last{};
     };
 
     void Pass(const Subject &subject, State &state) {

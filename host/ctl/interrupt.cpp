@@ -1,0 +1,28 @@
+#include "host/ctl/interrupt.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace ctl {
+
+Interrupts::Interrupts() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { came_ = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
+    sigaction(SIGINT, &action, &before_);
+}
+
+Interrupts::~Interrupts() {
+    sigaction(SIGINT, &before_, nullptr);
+}
+
+bool Interrupts::Sleep(std::chrono::milliseconds time) const {
+    constexpr std::chrono::milliseconds kLook{50};
+    const auto end = std::chrono::steady_clock::now() + time;
+    for (auto now = end - time; now < end && !Came(); now = std::chrono::steady_clock::now()) {
+        std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(end - now, kLook));
+    }
+    return !Came();
+}
+
+} // namespace ctl

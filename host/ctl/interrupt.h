@@ -1,0 +1,34 @@
+// Ctrl-C, for what has to be ended properly.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+
+namespace ctl {
+
+// While it lives, the first SIGINT is noted only; the next one ends the program.
+class Interrupts {
+public:
+    Interrupts();
+    ~Interrupts();
+    Interrupts(const Interrupts &) = delete;
+    Interrupts &operator=(const Interrupts &) = delete;
+
+    bool Came() const { return came_ != 0; }
+
+    // False as soon as one came.
+    bool Sleep(std::chrono::milliseconds time) const;
+
+private:
+    static inline volatile std::sig_atomic_t came_ = 0;
+    struct sigaction before_ {};
+};
+
+// What was done is given up. The program cleans up, and ends as the signal would have ended it.
+class Interrupted : public std::runtime_error {
+public:
+    using runtime_error::runtime_error;
+};
+
+} // namespace ctl
