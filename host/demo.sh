@@ -117,7 +117,7 @@ run tarnctl stack example -t "$thread" --samples 20 --every 20ms
 
 say "Nobody has to be there when it happens: the overload is on record, with the stacks of that moment"
 run tarnctl overloads
-run_head 16 tarnctl overloads --stacks
+run_head 16 tarnctl overloads show
 
 say "Then the application crashes"
 command_agent crash segv || true # nobody is left to answer

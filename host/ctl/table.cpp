@@ -1,6 +1,7 @@
 #include "host/ctl/table.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "host/osal/text.h"
 
@@ -19,16 +20,25 @@ std::vector<std::string> LinesOf(const std::string &text) {
     return lines.empty() ? std::vector<std::string>{""} : lines;
 }
 
-} // namespace
+// "6m 02s", "2h 05m".
+bool IsDuration(const std::string &text) {
+    unsigned first = 0, second = 0;
+    int end = 0;
+    return (sscanf(text.c_str(), "%um %us%n", &first, &second, &end) == 2 && end != 0) ||
+           (sscanf(text.c_str(), "%uh %um%n", &first, &second, &end) == 2 && end != 0);
+}
 
+// A number, perhaps with a unit: "4711", "-20", "12.5 %", "3.4 MiB".
 bool IsQuantity(const std::string &text) {
     constexpr size_t kLongestUnit = 3;
     const size_t end = std::min(text.find_first_not_of("0123456789.", text.starts_with('-') ? 1 : 0), text.size());
     const size_t rest = text.size() - end;
-    return text.find_first_of("0123456789") < end &&
-           (rest == 0 ||
-            (text[end] == ' ' && rest <= kLongestUnit + 1 && text.find_first_of("0123456789.()-", end) == text.npos));
+    const bool isNumber = text.find_first_of("0123456789") < end;
+    return isNumber && (rest == 0 || (text[end] == ' ' && rest <= kLongestUnit + 1 &&
+                                      text.find_first_of("0123456789.()-", end) == text.npos));
 }
+
+} // namespace
 
 Table::Table(const std::vector<std::string> &heads) : heads_(RowOf(heads)) {}
 
@@ -42,37 +52,48 @@ void Table::Add(const std::vector<std::string> &row) {
     rows_.push_back(RowOf(row));
 }
 
-std::vector<size_t> Table::Widths() const {
-    std::vector<size_t> widths;
-    const auto widen = [&widths](const Row &row) {
-        widths.resize(std::max(widths.size(), row.size()));
+std::vector<Table::Column> Table::Columns() const {
+    std::vector<Column> columns;
+    const auto widen = [&columns](const Row &row) {
+        columns.resize(std::max(columns.size(), row.size()));
         for (size_t i = 0; i < row.size(); ++i) {
             for (const std::string &line : row[i]) {
-                widths[i] = std::max(widths[i], WidthOf(line));
+                columns[i].width = std::max(columns[i].width, WidthOf(line));
             }
         }
     };
     widen(heads_);
     std::ranges::for_each(rows_, widen);
-    return widths;
+    for (size_t i = 0; i < columns.size(); ++i) {
+        columns[i].right = IsToTheRight(i);
+    }
+    return columns;
 }
 
 size_t Table::Width() const {
     size_t sum = 0;
-    for (const size_t width : Widths()) {
-        sum += width + (sum == 0 ? 0 : 2);
+    for (const Column &column : Columns()) {
+        sum += column.width + (sum == 0 ? 0 : 2);
     }
     return sum;
 }
 
-// A head stands as what is below it.
-bool Table::IsToTheRight(const Row &row, size_t column, bool head) const {
-    const Row &looked = head && !rows_.empty() && column < rows_.front().size() ? rows_.front() : row;
-    return IsQuantity(looked[column].front());
+// A number may be missing, but no cell is anything else.
+bool Table::IsToTheRight(size_t column) const {
+    bool hasNumber = false;
+    for (const Row &row : rows_) {
+        const std::string text = column < row.size() ? row[column].front() : "";
+        const bool isNumber = IsQuantity(text) || IsDuration(text);
+        if (!isNumber && !text.empty() && text != "-") {
+            return false;
+        }
+        hasNumber = hasNumber || isNumber;
+    }
+    return hasNumber;
 }
 
-void Table::PrintRow(std::ostream &out, const Row &row, const Form &form, bool head) const {
-    const auto &[widths, style, indent] = form;
+void Table::PrintRow(std::ostream &out, const Row &row, const Form &form, bool head) {
+    const auto &[columns, style, indent] = form;
     size_t lines = 1;
     for (const Cell &cell : row) {
         lines = std::max(lines, cell.size());
@@ -81,8 +102,8 @@ void Table::PrintRow(std::ostream &out, const Row &row, const Form &form, bool h
         std::string line(indent, ' ');
         for (size_t i = 0; i < row.size(); ++i) {
             const std::string text = at < row[i].size() ? row[i][at] : "";
-            const std::string padding(widths[i] - WidthOf(text), ' ');
-            line += (i == 0 ? "" : "  ") + (IsToTheRight(row, i, head) ? padding + text : text + padding);
+            const std::string padding(columns[i].width - WidthOf(text), ' ');
+            line += (i == 0 ? "" : "  ") + (columns[i].right ? padding + text : text + padding);
         }
         line.erase(line.find_last_not_of(' ') + 1);
         line = style.whole ? line : CutTo(line, style.width);
@@ -91,7 +112,7 @@ void Table::PrintRow(std::ostream &out, const Row &row, const Form &form, bool h
 }
 
 void Table::Print(std::ostream &out, const Style &style, size_t indent) const {
-    const Form form{Widths(), style, indent};
+    const Form form{Columns(), style, indent};
     if (!heads_.empty()) {
         PrintRow(out, heads_, form, true);
     }

@@ -9,8 +9,8 @@
 
 namespace ctl {
 
-// Columns are as wide as the terminal shows what is in them, numbers and what stands above them to the right. Controls
-// never get out of a cell; lines of one do, below each other.
+// Columns are as wide as the terminal shows what is in them; those of numbers stand to the right. Controls never get
+// out of a cell; lines of one do, below each other.
 class Table {
 public:
     Table() = default;
@@ -26,22 +26,23 @@ public:
 private:
     using Cell = std::vector<std::string>; // its lines
     using Row = std::vector<Cell>;
+    struct Column {
+        size_t width = 0;
+        bool right = false; // where its cells stand
+    };
     struct Form {
-        std::vector<size_t> widths;
+        std::vector<Column> columns;
         const Style &style;
         size_t indent;
     };
 
     static Row RowOf(const std::vector<std::string> &texts);
-    std::vector<size_t> Widths() const;
-    void PrintRow(std::ostream &out, const Row &row, const Form &form, bool head) const;
-    bool IsToTheRight(const Row &row, size_t column, bool head) const;
+    std::vector<Column> Columns() const;
+    bool IsToTheRight(size_t column) const;
+    static void PrintRow(std::ostream &out, const Row &row, const Form &form, bool head);
 
     Row heads_;
     std::vector<Row> rows_;
 };
-
-// A number, perhaps with a unit: "4711", "-20", "12.5 %", "3.4 MiB".
-bool IsQuantity(const std::string &text);
 
 } // namespace ctl

@@ -51,6 +51,17 @@ TEST_F(CtlTable, NumbersStandToTheRightAndTheirHeadsAsWell) {
     EXPECT_EQ(table.Width(), 20u);
 }
 
+TEST_F(CtlTable, NumbersThatAreMissingDontMoveTheOthers) {
+    Table table({"pid", "time", "value"});
+    table.Add({"-", "1.2 s", "90.0 %"});
+    table.Add({"4711", "6m 02s", "not told"});
+    table.Add({"7", "2h 05m", "on"});
+    EXPECT_EQ(Print(table), " pid    time  value\n"
+                            "   -   1.2 s  90.0 %\n"
+                            "4711  6m 02s  not told\n"
+                            "   7  2h 05m  on\n");
+}
+
 TEST_F(CtlTable, LinesOfACellStandBelowEachOther) {
     Table table({"n", "stack", "x"});
     table.Add({"1", "main\nwork\033[1m", "a"});

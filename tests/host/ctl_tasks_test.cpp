@@ -12,6 +12,7 @@ TARN_UNIT()
 namespace {
 
 using namespace kit;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -115,6 +116,8 @@ TEST_F(Tasks, SettingsAreToldWithTheirSourceAndSet) {
         return Json();
     };
     EXPECT_EQ(setting("cpu.begins-at")["source"], "the default");
+    EXPECT_EQ(setting("cpu.begins-at")["value"], 0);
+    EXPECT_THAT(Out("settings"), ContainsRegex(" detect none +the default\n")) << "what 0 means";
     EXPECT_EQ(Out("settings set cpu.begins-at=90% cpu.must-last=10s health.load.limit=3000"), "");
     EXPECT_EQ(Out("settings set cpu.ends-below=80%"), "") << "the others stay";
     EXPECT_EQ(setting("cpu.begins-at")["value"], 900);
@@ -135,12 +138,22 @@ TEST_F(Tasks, HealthOverloadsAndLeaksTellWhatThereIs) {
     EXPECT_EQ(Out("leaks --least 4000000"), "no process grows without giving back\n");
     EXPECT_EQ(Out("leaks --least 4000000 --json"), "");
     EXPECT_EQ(Run("overloads"), 0) << error_;
-    EXPECT_EQ(Run("overloads --stacks"), 0) << error_;
     const Process busy(dir_.Path(), {"/bin/sh", "-c", "while :; do :; done"});
     EXPECT_EQ(Out(fmt::format("call SetCpuOvProcThreshold process={} on=on begins-at=1% must-last=0", busy.Pid())),
               "result  ok\n");
-    ASSERT_TRUE(Eventually([&] { return Out("overloads --columns kind,process").find("cpu ") != std::string::npos; }));
+    ASSERT_TRUE(
+        Eventually([&] { return Out("overloads --columns kind,process").find("process ") != std::string::npos; }));
     EXPECT_THAT(out_, HasSubstr(std::to_string(busy.Pid())));
+    const Json overload = Objects("overloads list --json").at(0);
+    EXPECT_GT(overload["by_it_permille"], 0);
+    const std::string show = "overloads show " + overload["number"].dump();
+    const std::string shown = Out(show);
+    EXPECT_THAT(shown, StartsWith("overload " + overload["number"].dump() + " of a watched process, "));
+    EXPECT_THAT(shown, HasSubstr("\nthread " + std::to_string(busy.Pid()) + " (sh) of process "));
+    EXPECT_EQ(Out("overloads show"), shown) << "it is the newest";
+    EXPECT_EQ(Objects(show + " --json").at(0)["threads"].at(0)["pid"], busy.Pid());
+    ExpectFailure(2, "overloads show 4711", "4711: no such overload; tarnctl overloads lists them");
+    ExpectFailure(2, "overloads of-late", "found of-late, expected list, or show N");
 }
 
 TEST_F(Tasks, RulesAreSetListedAndCleared) {

@@ -211,9 +211,9 @@ std::vector<std::pair<uint32_t, double>> ProcessesIn(const std::string &batch) {
     }
     std::vector<std::pair<uint32_t, double>> processes;
     for (std::pair<uint32_t, double> process; std::getline(in, line) && !line.empty();) {
-        if (line.starts_with('-')) { // nobody's
+        if (line[line.find_first_not_of(' ')] == '-') { // nobody's
             process.first = 0;
-            EXPECT_EQ(sscanf(line.c_str(), "- %lf%%", &process.second), 1) << line;
+            EXPECT_EQ(sscanf(line.c_str(), " - %lf%%", &process.second), 1) << line;
         } else {
             EXPECT_EQ(sscanf(line.c_str(), "%u %lf%%", &process.first, &process.second), 2) << line;
         }
@@ -232,6 +232,15 @@ TEST_F(Top, ShowsTheBusiestProcessesFirst) {
         return std::any_of(processes.begin(), processes.end(),
                            [&](const auto &process) { return process.first == busy.Pid() && process.second > 0; });
     })) << "a busy process is among those shown";
+}
+
+TEST_F(Top, SaysThatAProcessHasEnded) {
+    Process ended(dir_.Path(), {"/bin/true"});
+    const std::string pid = std::to_string(ended.Pid());
+    EXPECT_EQ(ended.Wait(), 0);
+    const std::string batch = Batch({pid});
+    EXPECT_NE(batch.find("\nprocess " + pid + " has ended\n"), std::string::npos) << batch;
+    EXPECT_EQ(batch.rfind("CPU busy ", 0), 0) << "the system is still told";
 }
 
 TEST_F(Top, SaysWhatItsOptionsTake) {

@@ -1,17 +1,20 @@
 // overloads: when the CPUs, one of them, or memory were overloaded, and by whom.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <iostream>
 #include <sstream>
 
 #include "host/ctl/listing.h"
+#include "host/ctl/outcome.h"
 #include "host/ctl/tasks/reports.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/ctl/terminal.h"
 #include "host/ctl/units.h"
+#include "host/describe/moment.h"
 #include "host/osal/text.h"
+#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -20,48 +23,90 @@ using host::describe::Json;
 namespace {
 
 struct Options {
-    bool stacks = false;
+    std::vector<std::string> words;
     ListOptions list;
 };
 
-void AddCpuOverload(Server &server, Listing &listing) {
-    const auto last = server.AskUnless({ENODATA}, "DisCpuOvloadInfo");
-    if (!last) {
-        return;
-    }
-    const Json named = last->Named();
-    listing.Add({"cpu", last->Text("began"), named["ended"].is_null() ? "it lasts" : last->Text("ended"),
-                 last->Text("busy"), std::to_string((*last)["process"].get<uint64_t>()), last->Text("name"),
-                 last->Text("cpu")},
-                {{"kind", "cpu"},
-                 {"began", named["began"]},
-                 {"ended", named["ended"]},
-                 {"used_permille", named["busy_permille"]},
-                 {"process", named["process"]},
-                 {"name", named["name"]},
-                 {"by_it", last->Text("cpu")}});
+using Time = std::chrono::system_clock::time_point;
+
+struct Row {
+    Time began;
+    std::vector<std::string> cells;
+    Json json;
+};
+
+Time TimeOfMs(const Json &ms) {
+    return Time(std::chrono::milliseconds(ms.get<int64_t>()));
 }
 
-// Of one CPU, mostly by one thread.
-void AddCpuEvents(Server &server, Listing &listing) {
+std::string EndText(const Json &overload) {
+    const Json &end = overload.at("ended_ms");
+    return end.is_null() ? "it lasts" : host::describe::ZonedText(TimeOfMs(end));
+}
+
+// ---- Of the CPUs, by a process ----
+
+// Those of the daemon's history; with a number that one, and its threads.
+Json CpuOverloads(Server &server, uint64_t number = 0) {
+    UseZoneOf(server.GetClient(), RequireMethod("DisCpuOvloadInfo"), 0);
+    const std::string question = Json{{"number", number}}.dump();
+    const host::CallOutcome outcome =
+        server.GetClient().Call({.service = host::kRuntimeService,
+                                 .method = "Overloads",
+                                 .request = {reinterpret_cast<const uint8_t *>(question.data()), question.size()},
+                                 .socketOf = "TarnSysdiagTarnd"});
+    if (!outcome.Ok()) {
+        throw FailureOf(host::kRuntimeService, "Overloads", outcome);
+    }
+    return Json::parse(outcome.bytes).at("overloads");
+}
+
+void AddCpuOverloads(Server &server, std::vector<Row> &rows) {
+    for (const Json &one : CpuOverloads(server)) {
+        const Time began = TimeOfMs(one.at("began_ms"));
+        const Json &end = one.at("ended_ms");
+        const std::string kind = one.at("of") == "system" ? "cpu" : "process";
+        const auto name = one.at("process").get<std::string>();
+        rows.push_back(
+            {began,
+             {one.at("number").dump(), kind, host::describe::ZonedText(began), EndText(one),
+              PermilleText(one.at("busy_permille")), one.at("pid").dump(), name, PermilleText(one.at("cpu_permille"))},
+             {{"number", one.at("number")},
+              {"kind", kind},
+              {"began", host::describe::Rfc3339(began)},
+              {"ended", end.is_null() ? Json() : Json(host::describe::Rfc3339(TimeOfMs(end)))},
+              {"used_permille", one.at("busy_permille")},
+              {"process", one.at("pid")},
+              {"name", name},
+              {"by_it_permille", one.at("cpu_permille")}}});
+    }
+}
+
+// ---- Of one CPU, mostly by one thread ----
+
+void AddCpuEvents(Server &server, std::vector<Row> &rows) {
     const Elements events = server.Ask("TarnPadsGetCpuEventByTarnd").In("events");
     for (const Json &event : events.wire) {
         const Json named = events.Named(event);
+        const std::string cpu = fmt::format("cpu{}", events.Number(event, "on-cpu"));
         const std::string thread =
             fmt::format("{} (thread {})", events.Text(event, "cpu"), events.Number(event, "thread"));
-        listing.Add({fmt::format("cpu{}", events.Number(event, "on-cpu")), events.Text(event, "began"),
-                     "after " + events.Text(event, "duration"), events.Text(event, "busy"),
-                     std::to_string(events.Number(event, "process")), events.Text(event, "name"), thread},
-                    {{"kind", fmt::format("cpu{}", events.Number(event, "on-cpu"))},
-                     {"began", named["began"]},
-                     {"duration_us", named["duration_us"]},
-                     {"used_permille", named["busy_permille"]},
-                     {"process", named["process"]},
-                     {"thread", named["thread"]},
-                     {"name", named["name"]},
-                     {"by_it", thread}});
+        rows.push_back({host::describe::ParseStatedTime(named["began"].get<std::string>(), {}).value_or(Time()),
+                        {"-", cpu, events.Text(event, "began"), "after " + events.Text(event, "duration"),
+                         events.Text(event, "busy"), std::to_string(events.Number(event, "process")),
+                         events.Text(event, "name"), thread},
+                        {{"kind", cpu},
+                         {"began", named["began"]},
+                         {"duration_us", named["duration_us"]},
+                         {"used_permille", named["busy_permille"]},
+                         {"process", named["process"]},
+                         {"thread", named["thread"]},
+                         {"name", named["name"]},
+                         {"by_it_permille", events.Number(event, "cpu")}}});
     }
 }
+
+// ---- Of memory ----
 
 struct MemoryOverload {
     std::string began, ended, name;
@@ -86,52 +131,97 @@ std::vector<MemoryOverload> MemoryOverloads(Server &server) {
     return overloads;
 }
 
-void AddMemoryOverloads(Server &server, Listing &listing) {
+void AddMemoryOverloads(Server &server, std::vector<Row> &rows) {
     for (const MemoryOverload &one : MemoryOverloads(server)) {
-        listing.Add({"memory", one.began, one.ended.empty() ? "it lasts" : one.ended, PermilleText(one.usedPermille),
-                     std::to_string(one.process), one.name, SizeText(one.residentBytes)},
-                    {{"kind", "memory"},
-                     {"began", TimeJson(one.began)},
-                     {"ended", one.ended.empty() ? Json() : TimeJson(one.ended)},
-                     {"used_permille", one.usedPermille},
-                     {"process", one.process},
-                     {"name", one.name},
-                     {"by_it", SizeText(one.residentBytes)}});
+        rows.push_back(
+            {TimeOf(one.began).value_or(Time()),
+             {"-", "memory", one.began, one.ended.empty() ? "it lasts" : one.ended, PermilleText(one.usedPermille),
+              std::to_string(one.process), one.name, SizeText(one.residentBytes)},
+             {{"kind", "memory"},
+              {"began", TimeJson(one.began)},
+              {"ended", one.ended.empty() ? Json() : TimeJson(one.ended)},
+              {"used_permille", one.usedPermille},
+              {"process", one.process},
+              {"name", one.name},
+              {"by_it_bytes", one.residentBytes}}});
     }
 }
 
-void PrintStacks(Server &server) {
-    const auto last = server.AskUnless({ENODATA}, "DisCpuOvloadCallstackInfo");
-    if (!last) {
-        std::cout << "no CPU overload\n";
+// ---- The commands ----
+
+void List(Server &server, const Options &options) {
+    std::vector<Row> rows;
+    AddCpuOverloads(server, rows);
+    AddCpuEvents(server, rows);
+    AddMemoryOverloads(server, rows);
+    std::ranges::stable_sort(rows, std::ranges::greater(), &Row::began);
+    Listing listing(options.list, {"number", "kind", "began", "ended", "used", "process", "name", "by-it"});
+    for (const Row &row : rows) {
+        listing.Add(row.cells, row.json);
+    }
+    listing.Show("no overloads");
+}
+
+void PrintThread(const Json &thread, const Style &style) {
+    std::cout << style.Bold(fmt::format("thread {} ({})", thread.at("tid").get<uint32_t>(),
+                                        host::LineOfText(thread.at("name").get<std::string>())))
+              << fmt::format(" of process {}, {} of a CPU\n", thread.at("pid").get<uint32_t>(),
+                             PermilleText(thread.at("permille")));
+    std::istringstream stack(thread.at("stack").is_null() ? "no stack: it could not be read"
+                                                          : thread.at("stack").get<std::string>());
+    for (std::string function; std::getline(stack, function);) {
+        std::cout << "  " << host::LineOfText(function) << "\n";
+    }
+}
+
+// The newest where no number is given.
+Json Chosen(Server &server, const std::string &number) {
+    const Json all = CpuOverloads(server);
+    const auto numberOf = [](const Json &one) { return one.at("number").get<uint64_t>(); };
+    const auto found =
+        number.empty() ? std::ranges::max_element(all, {}, numberOf)
+                       : std::ranges::find_if(all, [&](const Json &one) { return one.at("number").dump() == number; });
+    if (found == all.end()) {
+        throw Failure(kUsage, number.empty()
+                                  ? "no overload of the CPUs"
+                                  : fmt::format("{}: no such overload; tarnctl overloads lists them", number));
+    }
+    const Json whole = CpuOverloads(server, numberOf(*found));
+    return whole.empty() ? *found : whole.front(); // it may just have been dropped
+}
+
+void Show(Server &server, const std::string &number, bool json) {
+    const Json overload = Chosen(server, number);
+    if (json) {
+        std::cout << overload.dump() << "\n";
         return;
     }
     const Output output;
-    Elements threads = last->In("threads");
-    threads.Keep((*last)["found"].get<size_t>());
-    for (const Json &thread : threads.wire) {
-        std::cout << output.GetStyle().Bold(
-                         fmt::format("thread {} ({})", threads.Number(thread, "thread"), threads.Text(thread, "name")))
-                  << fmt::format(" of process {}, {} of a CPU\n", threads.Number(thread, "process"),
-                                 threads.Text(thread, "cpu"));
-        std::istringstream stack(threads.Text(thread, "stack"));
-        for (std::string function; std::getline(stack, function);) {
-            std::cout << "  " << host::LineOfText(function) << "\n";
-        }
+    std::cout << fmt::format("overload {} of {}, {} to {}, {} of the CPUs in use\n", overload.at("number").dump(),
+                             overload.at("of") == "system" ? "the system" : "a watched process",
+                             host::describe::ZonedText(TimeOfMs(overload.at("began_ms"))), EndText(overload),
+                             PermilleText(overload.at("busy_permille")));
+    if (!overload.contains("threads")) {
+        std::cout << "its threads are not for this user to see: the policy keeps stacks to others\n";
+        return;
+    }
+    for (const Json &thread : overload.at("threads")) {
+        PrintThread(thread, output.GetStyle());
     }
 }
 
 void Overloads(const Globals &globals, const Options &options) {
-    Server server(globals);
-    if (options.stacks) {
-        PrintStacks(server);
-        return;
+    const std::vector<std::string> &words = options.words;
+    const bool show = !words.empty() && words.front() == "show";
+    if (words.size() > (show ? 2 : 1) || (!words.empty() && !show && words.front() != "list")) {
+        throw Failure(kUsage, fmt::format("found {}, expected list, or show N", fmt::join(words, " ")));
     }
-    Listing listing(options.list, {"kind", "began", "ended", "used", "process", "name", "by-it"});
-    AddCpuOverload(server, listing);
-    AddCpuEvents(server, listing);
-    AddMemoryOverloads(server, listing);
-    listing.Show("no overloads");
+    Server server(globals);
+    if (show) {
+        Show(server, words.size() == 2 ? words[1] : "", options.list.json);
+    } else {
+        List(server, options);
+    }
 }
 
 } // namespace
@@ -140,9 +230,11 @@ void AddOverloads(CLI::App &app, const Globals &globals) {
     const auto options = std::make_shared<Options>();
     CLI::App *const task =
         AddTask(app, "overloads", "When CPUs or memory were overloaded, and which process used most then",
-                {"overloads", "overloads --stacks", "settings set cpu.begins-at=90% cpu.must-last=10s"});
-    task->add_flag("--stacks", options->stacks,
-                   "The busiest threads of the last CPU overload and what they were doing");
+                {"overloads", "overloads show 7", "settings set cpu.begins-at=90% cpu.must-last=10s"});
+    task->add_option("WHAT", options->words,
+                     "\"list\", as if nothing is given; \"show N\" for the busiest threads of the one of that number, "
+                     "and what they were doing; without N of the newest")
+        ->option_text(" ");
     AddListOptions(*task, options->list);
     task->callback([&globals, options] { Overloads(globals, *options); });
 }

@@ -10,6 +10,7 @@
 #include "host/ctl/screen.h"
 #include "host/ctl/server.h"
 #include "host/ctl/tasks/tasks.h"
+#include "host/osal/text.h"
 
 namespace ctl {
 
@@ -23,11 +24,13 @@ struct Options {
     ListOptions list;
 };
 
+constexpr char kMethod[] = "SysCpuStatInfoQuery";
 const std::vector<std::string> kShown{"process",     "user",    "cpu",   "resident", "user-time",
                                       "system-time", "threads", "state", "name"};
 
-Elements Chosen(Server &server, const Options &options) {
-    Elements processes = server.Ask("SysCpuStatInfoQuery").In("processes");
+// Of all that the daemon tells.
+Elements Chosen(const Reply &told, const Options &options) {
+    Elements processes = told.In("processes");
     Json chosen = Json::array();
     for (const Json &process : processes.wire) {
         const bool named = options.pattern.empty() ||
@@ -45,8 +48,8 @@ Elements Chosen(Server &server, const Options &options) {
     return processes;
 }
 
-Listing ListingOf(Server &server, const Options &options) {
-    const Elements processes = Chosen(server, options);
+Listing ListingOf(const Reply &told, const Options &options) {
+    const Elements processes = Chosen(told, options);
     Listing listing(options.list, processes.meaning, kShown);
     listing.Add(processes);
     return listing;
@@ -55,7 +58,11 @@ Listing ListingOf(Server &server, const Options &options) {
 void Watch(Server &server, const Options &options) {
     const auto frame = [&](size_t) {
         std::ostringstream out;
-        ListingOf(server, options).Print(out, {});
+        const Reply told = server.Ask(kMethod);
+        ListingOf(told, options).Print(out, {});
+        if (!told.explanation.empty() && !options.list.json) {
+            out << host::LineOfText(told.explanation) << "\n";
+        }
         return out.str();
     };
     const Repetition repetition{.times = Screen::IsThere() ? 0 : UINT32_MAX,
@@ -69,7 +76,11 @@ void Ps(const Globals &globals, const Options &options) {
     if (!options.delay.empty()) {
         Watch(server, options);
     } else {
-        ListingOf(server, options).Show("no such process");
+        const Reply told = server.Ask(kMethod);
+        ListingOf(told, options).Show("no such process");
+        if (!told.explanation.empty()) {
+            std::cerr << "tarnctl: " << host::LineOfText(told.explanation) << "\n";
+        }
     }
 }
 

@@ -55,13 +55,19 @@ std::string SourceOf(const std::string &explanation) {
     return from == explanation.npos ? "-" : explanation.substr(from + 6);
 }
 
+// What 0 means is told as the setting says it.
+std::string ValueOf(const Reply &reply, const Member &member) {
+    const bool isZero = reply[member.name] == 0 && !member.value.zero.empty();
+    return isZero ? std::string(member.value.zero) : reply.Text(member.name);
+}
+
 void AddGroup(Server &server, const Group &group, Listing &listing) {
     const std::optional<Reply> reply = group.get == nullptr ? std::nullopt : std::optional(server.Ask(group.get));
     const Json named = reply ? reply->Named() : Json();
     for (const Member &member : MembersOf(group)) {
         const std::string name = fmt::format("{}.{}", group.name, member.name);
         const std::string source = reply ? SourceOf(reply->explanation) : "-";
-        listing.Add({name, reply ? reply->Text(member.name) : "not told", source, std::string(member.sentence)},
+        listing.Add({name, reply ? ValueOf(*reply, member) : "not told", source, std::string(member.sentence)},
                     {{"name", name},
                      {"value", reply ? named.at(host::describe::KeyOf(member)) : Json()},
                      {"source", source == "-" ? Json() : Json(source)}});

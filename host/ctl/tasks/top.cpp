@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <sstream>
 
 #include "host/ctl/process.h"
@@ -36,6 +37,7 @@ private:
     void PrintProcesses(std::ostream &out, Elements processes, size_t rows);
     void PrintBusiestThreads(std::ostream &out, size_t rows);
     void PrintThreads(std::ostream &out, size_t rows);
+    static std::string OnCpu(const Elements &threads, const Json &thread);
 
     Server &server_;
     std::string_view order_ = "cpu";
@@ -99,31 +101,45 @@ void View::PrintProcesses(std::ostream &out, Elements processes, size_t rows) {
     table.Print(out);
 }
 
+// As one byte it has room for 254 of them, and a value for one that is not known.
+std::string View::OnCpu(const Elements &threads, const Json &thread) {
+    constexpr uint64_t kUnknown = UINT8_MAX;
+    return threads.Number(thread, "on-cpu") == kUnknown ? "-" : threads.Text(thread, "on-cpu");
+}
+
 void View::PrintBusiestThreads(std::ostream &out, size_t rows) {
     const Elements threads = server_.Ask("CalculateAllThreadCpuUse", Json{{"most", rows}}).In("threads");
     Table table({"THREAD", "CPU", "NAME", "OF PROCESS", "ON", "CPU TIME"});
     for (const Json &thread : threads.wire) {
         table.Add({threads.Text(thread, "thread"), threads.Text(thread, "cpu"), threads.Text(thread, "name"),
                    fmt::format("{} ({})", threads.Text(thread, "process"), threads.Text(thread, "process-name")),
-                   threads.Text(thread, "on-cpu"), threads.Text(thread, "cpu-time")});
+                   OnCpu(threads, thread), threads.Text(thread, "cpu-time")});
     }
     out << "\nbusiest threads\n";
     table.Print(out);
 }
 
 void View::PrintThreads(std::ostream &out, size_t rows) {
-    const Reply reply =
-        server_.Ask("CalculateProcThreadCpuUse", Json{{"process", threadsOf_}, {"most", std::max<size_t>(rows, 1)}});
-    const Elements threads = reply.In("threads");
+    const Json request{{"process", threadsOf_}, {"most", std::max<size_t>(rows, 1)}};
+    const auto reply = server_.AskUnless({ESRCH}, "CalculateProcThreadCpuUse", request);
+    if (!reply) {
+        out << fmt::format("\nprocess {} has ended\n", threadsOf_);
+        return;
+    }
+    const Elements threads = reply->In("threads");
     Table table({"THREAD", "CPU", "NAME", "STATE", "ON", "CPU TIME", "SCHEDULED"});
     for (const Json &thread : threads.wire) {
         std::vector<std::string> row;
-        for (const char *member : {"thread", "cpu", "name", "state", "on-cpu", "cpu-time", "scheduled"}) {
+        for (const char *member : {"thread", "cpu", "name", "state"}) {
+            row.push_back(threads.Text(thread, member));
+        }
+        row.push_back(OnCpu(threads, thread));
+        for (const char *member : {"cpu-time", "scheduled"}) {
             row.push_back(threads.Text(thread, member));
         }
         table.Add(row);
     }
-    out << fmt::format("\nthreads of process {}, which uses {} of a CPU\n", threadsOf_, reply.Text("cpu"));
+    out << fmt::format("\nthreads of process {}, which uses {} of a CPU\n", threadsOf_, reply->Text("cpu"));
     table.Print(out);
 }
 
