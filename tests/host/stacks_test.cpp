@@ -7,6 +7,10 @@ TARN_UNIT()
 
 #include <sys/ptrace.h>
 
+#include <algorithm>
+#include <future>
+
+#include "host/daemon/processes/room.h"
 #include "host/procfs/procfs.h"
 #include "host/stacks/readable.h"
 #include "host/stacks/stacks.h"
@@ -284,6 +288,39 @@ TEST_F(StackMethodTest, TellsTheOtherStacksOfAProcessWithAThreadThatDoesNotStop)
     for (uint32_t i = 0; i < all->uiThreadNum; ++i) {
         EXPECT_EQ(all->pstThreadInfo[i].uiValue2 == 0, all->pstThreadInfo[i].uiTid == blocked);
     }
+}
+
+TEST(Explanation, CountsWhatHasNoRoom) {
+    const std::string text = "of thread 17 more frames are not told; first at 0x10; second at 0x20";
+    const auto within = [&](size_t bytes) { return tarnd::WithinRoom(text, bytes); };
+    EXPECT_EQ(within(text.size()), text);
+    const std::string two = "of thread 17 more frames are not told; first at 0x10; 1 more are not told";
+    const std::string one = "of thread 17 more frames are not told; 2 more are not told";
+    EXPECT_EQ(within(text.size() - 1), one) << "what is told instead takes room, too";
+    EXPECT_EQ(within(one.size()), one);
+    EXPECT_EQ(within(one.size() - 1), "3 more are not told");
+    const std::string longer = text + std::string(100, 'x');
+    EXPECT_EQ(tarnd::WithinRoom(longer, two.size()), two);
+    EXPECT_EQ(tarnd::WithinRoom(longer, two.size() - 1), one);
+}
+
+// The daemon is held in the middle of the threads until all of them are gone.
+TEST_F(StackMethodTest, TellsNothingOfAProcessThatEndsMeanwhile) {
+    Subject subject(dir_, 1, 40);
+    ASSERT_TRUE(IsBlocked(subject, "blocked39"));
+    auto outcome = std::async(std::launch::async, [&] {
+        return client_.Call("TarnSysdiagTarnd", 0, "GetCallStackInfoByTid", velto::kTypeHash<Tarn_sys_diag_Tid>,
+                            kit::Encode<Unit>(Tarn_sys_diag_Tid{subject.Pid(), 0}), 60s);
+    });
+    EXPECT_TRUE(kit::Eventually([&] { return TracerOf(subject.tids.at("blocked0")) != 0; }));
+    daemon_->Signal(SIGSTOP);
+    subject.Signal(SIGKILL);
+    EXPECT_TRUE(kit::Eventually([&] {
+        return std::ranges::all_of(host::procfs::Procfs().ReadThreads(subject.Pid()),
+                                   [](const host::procfs::Task &thread) { return thread.state == 'Z'; });
+    }));
+    daemon_->Signal(SIGCONT);
+    EXPECT_EQ(outcome.get().status, ESRCH);
 }
 
 // Each thread that does not stop takes a while; nobody waits for the stacks of the last.

@@ -4,6 +4,7 @@
 #include "host/answer/answer.h"
 #include "host/daemon/daemon.h"
 #include "host/daemon/processes/helper_time.h"
+#include "host/daemon/processes/room.h"
 #include "tarn_sysdiag/server/tarnd.h"
 
 namespace tarnd {
@@ -45,7 +46,7 @@ host::stacks::Stack ReadUnlessStuck(host::stacks::Process &stacks, uint32_t tid)
 class Stacks {
 public:
     Stacks(const Tarn_sys_diag_Tid &request, void *replyCtx)
-        : pid_(request.uiPid), process_(Daemon::Serving().proc.ReadProcess(pid_).name),
+        : pid_(request.uiPid), process_(Daemon::Serving().proc.ReadProcess(pid_)),
           stacks_(Daemon::Serving().tracer, Daemon::Serving().helpers, pid_, HelperDeadline(replyCtx)) {
         if (request.uiTid != 0) {
             Daemon::Serving().proc.ReadThread(pid_, request.uiTid); // of this process, or ESRCH
@@ -59,11 +60,12 @@ public:
 
     // Which threads have more frames than are told, and what symbolizes the addresses elsewhere.
     std::string Explanation() const {
-        std::string text = host::stacks::ModulesText(frames_);
+        constexpr size_t kMostTold = 1024; // of what TarnHost_ExplainReply is given
+        std::string text;
         for (const uint32_t tid : cut_) {
-            text = fmt::format("of thread {} more frames are not told; ", tid) + text;
+            text += fmt::format("of thread {} more frames are not told; ", tid);
         }
-        return text;
+        return WithinRoom(text + host::stacks::ModulesText(frames_), kMostTold);
     }
 
 private:
@@ -75,13 +77,13 @@ private:
             }
             host::procfs::SkipEnded([&] { Add(tid, ReadUnlessStuck(stacks_, tid)); });
         }
-        if (threads_.empty()) {
+        if (!Daemon::Serving().proc.Runs(pid_, process_.startTicks)) { // else some of its threads would pass for all
             host::Fail(ESRCH, fmt::format("process {} has ended meanwhile", pid_));
         }
     }
 
     void Add(uint32_t tid, const host::stacks::Stack &stack) {
-        threads_.push_back(Describe(pid_, process_, tid, stack));
+        threads_.push_back(Describe(pid_, process_.name, tid, stack));
         frames_.insert(frames_.end(), stack.frames.begin(), stack.frames.end());
         if (!stack.frames.empty() && stack.frames.back().moreFollow) {
             cut_.push_back(tid);
@@ -89,7 +91,7 @@ private:
     }
 
     const uint32_t pid_;
-    const std::string process_;
+    const host::procfs::Task process_;
     host::stacks::Process stacks_;
     std::vector<Tarn_sys_diag_CallStackThreadInfo> threads_;
     std::vector<host::stacks::Frame> frames_;
