@@ -7,6 +7,7 @@
 
 #include "host/blackbox/box.h"
 #include "host/daemon/history/history_service.h"
+#include "host/meaning/choices.h"
 #include "host/store/document.h"
 #include "tarn_sysdiag/server/tarnd.h"
 #include "tests/host/error_of.h"
@@ -348,6 +349,48 @@ TEST_F(HistoryTest, TellsOfThresholdsOfTheMaster) {
               (std::vector<std::string>{
                   "setting  (0): CPU overload: begins at 900 permille for 5 s, ends below 800, from the master",
                   "setting  (0): memory overload: begins at 970 permille in use, ends below 970, from the master"}));
+}
+
+TEST_F(HistoryTest, TellsOfWhatAgentsFind) {
+    namespace health_item = host::meaning::health_item;
+    namespace health_level = host::meaning::health_level;
+    Tarn_sys_diag_SysHealthInfo items[2]{};
+    host::CopyText(items[0].acValue1, health_item::kDeadLoops.name);
+    host::CopyText(items[1].acValue1, health_item::kMemoryDamage.name);
+    peers.On(TARND_AGENT_METHOD(TarnPadsGetProcSystemHealthInfo), [&](uint32_t, const auto &, auto &reply) {
+        reply.uiHealthInfoNum = 2;
+        reply.pstHealthInfo = items;
+        return IdlCallResult{0, 0};
+    });
+    const auto find = [&](Tarn_sys_diag_SysHealthInfo &item, const std::string &found) {
+        item.ucValue1 = static_cast<uint8_t>(found.empty() ? health_level::kGood : health_level::kBad);
+        host::CopyText(item.acValue4, found);
+        Pass(2s, 2);
+    };
+    EXPECT_EQ(AddAgent(kPid, "display"), 0);
+    find(items[0], "");
+    find(items[0], "thread 17");
+    find(items[1], "1 damage");
+    find(items[1], "2 damages");
+    find(items[0], "");
+    find(items[0], "thread 18");
+    Pass(1s);
+    EXPECT_EQ(Told(), (std::vector<std::string>{
+                          "agent-comes display (5000000): of user 0", "dead-loop display (5000000): thread 17",
+                          "memory-damage display (5000000): 1 damage", "memory-damage display (5000000): 2 damages",
+                          "dead-loop display (5000000): thread 18"}));
+}
+
+TEST_F(HistoryTest, TellsOfASuspectOfALeakOnce) {
+    machine.Add(kPid, "leaky");
+    machine.Add(kPid + 1, "steady");
+    for (int second = 0; second < 1300; ++second) {
+        machine.processes.at(kPid).rssKb += 100;
+        Pass(1s);
+    }
+    const std::vector<std::string> told = Told();
+    ASSERT_EQ(told.size(), 1);
+    EXPECT_TRUE(told[0].starts_with("leak-suspect leaky (5000000): has ")) << told[0];
 }
 
 // --- How it is asked for

@@ -32,7 +32,9 @@ constexpr char kDigestOfFirst[] = "a7937b64b8caa58f03721bb6bacf5c78cb235febe0e70
 
 class MeasurementPartsTest : public testing::Test, protected kit::StateDirectory, protected kit::SimulatedDaemon {
 protected:
-    MeasurementPartsTest() : SimulatedDaemon(KeptAndUnlimited()) { daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient); }
+    MeasurementPartsTest() : SimulatedDaemon(KeptAndUnlimited()) {
+        daemon->clock.SetZone({"UTC", 0}, tarnd::Source::kClient);
+    }
 
     tarnd::Options KeptAndUnlimited() const {
         tarnd::Options options = Kept();
@@ -109,6 +111,21 @@ TEST_F(MeasurementPartsTest, FindsAnExecutableThatWasChanged) {
     EXPECT_EQ(Baseline().find(kDigestOfFirst), std::string::npos);
     EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
     EXPECT_EQ(Result()->uiValue1, measurement_state::kNoBaseline) << "it is forgotten at once";
+}
+
+TEST_F(MeasurementPartsTest, TellsTheJournalWhatDiffers) {
+    Install("victim", "first");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(measurement_operation::kRecord), 0);
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    Install("victim", "second");
+    Run(kFakePid, "victim");
+    EXPECT_EQ(Operate(measurement_operation::kMeasure), 0);
+    Pass(1s);
+    const std::vector<tarnd::NumberedEvent> events = daemon->history.EventsFrom(0, 10);
+    ASSERT_EQ(events.size(), 1) << "and nothing of what was as it was recorded";
+    EXPECT_EQ(events[0].kind, tarnd::EventKind::kIntegrity);
+    EXPECT_EQ(events[0].text, std::string(Result()->acMeasResult));
 }
 
 TEST_F(MeasurementPartsTest, LearnsNewFilesWhenToldTo) {
