@@ -1,8 +1,11 @@
 // What the agent tells of the application's memory.
+#include <dlfcn.h>
 #include <fnmatch.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 
 #include "host/agent/agent.h"
 #include "host/agent/heap.h"
@@ -22,6 +25,29 @@ namespace top_handles = host::meaning::top_handles;
 
 bool Matches(std::string_view pattern, const std::string &name) {
     return pattern.empty() || fnmatch(std::string(pattern).c_str(), name.c_str(), 0) == 0;
+}
+
+// A function's name as its author wrote it. The agent brings no demangler along: an application that needs one mostly
+// has C++'s library, and else names stay as they are.
+std::string Readable(const char *symbol) {
+    using Demangle = char *(*)(const char *name, char *out, size_t *bytes, int *status);
+    const auto demangle = reinterpret_cast<Demangle>(dlsym(RTLD_DEFAULT, "__cxa_demangle"));
+    if (demangle == nullptr || !std::string_view(symbol).starts_with("_Z")) {
+        return symbol;
+    }
+    const std::unique_ptr<char, void (*)(void *)> name(demangle(symbol, nullptr, nullptr, nullptr), free);
+    return name == nullptr ? symbol : name.get();
+}
+
+// "name+0x1f", of which the name is cut where there is no room.
+std::string FunctionText(uint64_t address) {
+    char symbol[1024];
+    const uint64_t offset = FunctionAt(address, symbol);
+    if (symbol[0] == 0) {
+        return "?";
+    }
+    const std::string place = fmt::format("+{:#x}", offset);
+    return Readable(symbol).substr(0, sizeof(Tarn_sys_diag_FuncName::szFuncName) - 1 - place.size()) + place;
 }
 
 std::string FileName(const std::string &path) {
@@ -218,11 +244,8 @@ uint32_t GetCallStackFunction(const Tarn_sys_diag_CallStackInput *request, void 
     return host::Answer(host::methods::GetCallStackFunction, request, replyCtx, [&](auto &reply) {
         CheckProcess(host::methods::GetCallStackFunction, request->uiPid);
         for (size_t i = 0; i < std::size(request->aullStackAddr); ++i) {
-            char name[100];
             if (const uint64_t address = request->aullStackAddr[i]; address != 0) {
-                const uint64_t offset = FunctionAt(address, name);
-                host::CopyText(reply.astFuncName[i].szFuncName,
-                               name[0] == 0 ? "?" : fmt::format("{}+{:#x}", name, offset));
+                host::CopyText(reply.astFuncName[i].szFuncName, FunctionText(address));
             }
         }
     });

@@ -292,6 +292,12 @@ TEST_F(AgentMemoryTest, KnowsWhereMemoryWasAllocated) {
     ASSERT_EQ(names.Status(), 0) << names.Text();
     EXPECT_TRUE(Has(names->astFuncName[0].szFuncName, "AllocateForTheTest+0x"));
     EXPECT_STREQ(names->astFuncName[31].szFuncName, "");
+    size_t ofThisTest = 0;
+    for (const Tarn_sys_diag_FuncName &function : names->astFuncName) {
+        EXPECT_FALSE(Has(function.szFuncName, "_Z")) << function.szFuncName;
+        ofThisTest += Has(function.szFuncName, "KnowsWhereMemoryWasAllocated_Test::TestBody()+0x") ? 1 : 0;
+    }
+    EXPECT_EQ(ofThisTest, 1);
     EXPECT_EQ(stack(site->uiStackTotal)->uiResult, ENOENT);
     TarnAgent_Free(elsewhere);
     EXPECT_EQ(stack(0)->uiStackTotal, site->uiStackTotal - 1);
