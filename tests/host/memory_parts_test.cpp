@@ -352,6 +352,8 @@ TEST_F(MemoryWatchTest, TellsTheHistoryOfAProcess) {
                                                               "2023-11-14 22:13:24 +0000         1032        2\n");
     EXPECT_EQ(Text(memory_report::kHistory, 10, 0, 1), head + "2023-11-14 22:13:24 +0000         1032        2\n");
     EXPECT_EQ(Query(memory_report::kHistory, 99).Status(), ESRCH);
+    machine.Add(99, "late"); // since the latest sample
+    EXPECT_EQ(Query(memory_report::kHistory, 99).Status(), 0);
 }
 
 // It is sampled each second lately, and was each minute before.

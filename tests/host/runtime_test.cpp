@@ -242,6 +242,19 @@ TEST_F(RuntimeTest, ProxyOfAProcessWithoutAgent) {
     EXPECT_NE(std::string(TarnHost_LastError()).find("TarnSysdiagAgent of process 999999999"), std::string::npos);
 }
 
+// The library between a proxy's caller and the runtime is no place for exceptions: it would leave its message behind.
+TEST_F(RuntimeTest, ProxyThrowsNothingWithoutDescriptors) {
+    const rlim_t none = kit::OneMoreDescriptor() - 1;
+    const Tarn_sys_diag_None request{};
+    TarnHost_InvokeCtx ctx{static_cast<uint32_t>(getpid()), 1000};
+    host::Client::Default().Shutdown();
+    const kit::DescriptorLimit limit(none);
+    IdlCallResult result{};
+    EXPECT_NO_THROW(result = TarnSysdiagAgent_TarnDetectMemHostage(&request, &ctx));
+    EXPECT_NE(result.uiErrCode, 0U);
+    EXPECT_NO_THROW(EXPECT_NE(TarnSysdiagAgent_TarnDetectMemHostage_oneway(&request, &ctx), 0U));
+}
+
 // Counts callbacks of asynchronous proxies, by the error that they were given.
 struct Callbacks {
     std::mutex mutex;

@@ -121,7 +121,7 @@ std::optional<LeakSuspect> MemoryLeaks::Suspect(const ProcessSample &process, ui
 }
 
 std::vector<LeakSuspect> MemoryLeaks::Suspects(const Scope &scope, uint64_t leastKb, const host::Check &check) const {
-    const SamplePtr latest = sampler_.WithProcesses();
+    const SamplePtr latest = scope.pid == 0 ? sampler_.WithProcesses() : sampler_.WithProcess(scope.pid);
     if (scope.pid != 0 && latest->Find(scope.pid) == nullptr) {
         FailWithoutProcess(scope.pid);
     }
@@ -141,7 +141,7 @@ std::vector<LeakSuspect> MemoryLeaks::Suspects(const Scope &scope, uint64_t leas
 }
 
 std::vector<ProcessPoint> MemoryLeaks::ProcessHistory(const Scope &scope) const {
-    sampler_.WithProcesses();
+    sampler_.WithProcess(scope.pid);
     std::vector<ProcessPoint> points = sampler_.HistoryOf(scope.pid);
     if (points.empty()) {
         FailWithoutProcess(scope.pid);

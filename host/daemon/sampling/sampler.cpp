@@ -109,6 +109,15 @@ SamplePtr Sampler::WithProcesses() {
     return Read(Reading::kProcesses);
 }
 
+SamplePtr Sampler::WithProcess(uint32_t pid) {
+    const SamplePtr latest = WithProcesses();
+    if (latest->Find(pid) != nullptr) {
+        return latest;
+    }
+    const host::MutexLock one(readMutex_);
+    return Read(Reading::kProcesses);
+}
+
 SamplePtr Sampler::Latest() const {
     const host::MutexLock lock(mutex_);
     return latest_;

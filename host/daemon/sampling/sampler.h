@@ -64,6 +64,8 @@ public:
 
     // The latest with processes, which are read now where the latest sample has none. Never null.
     SamplePtr WithProcesses();
+    // The same, but read now as well where it has not this process, which may have started since.
+    SamplePtr WithProcess(uint32_t pid);
 
     // Never null; may have no processes.
     SamplePtr Latest() const;
