@@ -138,20 +138,31 @@ TEST_F(Tasks, HealthOverloadsAndLeaksTellWhatThereIs) {
     EXPECT_EQ(Out("leaks --least 4000000"), "no process grows without giving back\n");
     EXPECT_EQ(Out("leaks --least 4000000 --json"), "");
     EXPECT_EQ(Run("overloads"), 0) << error_;
+}
+
+TEST_F(Tasks, OverloadsAreListedAndShown) {
     const Process busy(dir_.Path(), {"/bin/sh", "-c", "while :; do :; done"});
-    EXPECT_EQ(Out(fmt::format("call SetCpuOvProcThreshold process={} on=on begins-at=1% must-last=0", busy.Pid())),
+    const uint32_t pid = busy.Pid();
+    EXPECT_EQ(Out(fmt::format("call SetCpuOvProcThreshold process={} on=on begins-at=1% must-last=0", pid)),
               "result  ok\n");
-    ASSERT_TRUE(
-        Eventually([&] { return Out("overloads --columns kind,process").find("process ") != std::string::npos; }));
-    EXPECT_THAT(out_, HasSubstr(std::to_string(busy.Pid())));
-    const Json overload = Objects("overloads list --json").at(0);
-    EXPECT_GT(overload["by_it_permille"], 0);
-    const std::string show = "overloads show " + overload["number"].dump();
+    const auto overload = [&] { // the newest of a watched process; CPUs of a busy machine have theirs
+        for (const Json &one : Objects("overloads list --json")) {
+            if (one["kind"] == "process") {
+                return one;
+            }
+        }
+        return Json();
+    };
+    ASSERT_TRUE(Eventually([&] { return !overload().is_null(); })) << error_;
+    const Json newest = overload();
+    EXPECT_EQ(newest["process"], pid);
+    EXPECT_GT(newest["by_it_permille"], 0);
+    const std::string show = "overloads show " + newest["number"].dump();
     const std::string shown = Out(show);
-    EXPECT_THAT(shown, StartsWith("overload " + overload["number"].dump() + " of a watched process, "));
-    EXPECT_THAT(shown, HasSubstr("\nthread " + std::to_string(busy.Pid()) + " (sh) of process "));
-    EXPECT_EQ(Out("overloads show"), shown) << "it is the newest";
-    EXPECT_EQ(Objects(show + " --json").at(0)["threads"].at(0)["pid"], busy.Pid());
+    EXPECT_THAT(shown, StartsWith("overload " + newest["number"].dump() + " of a watched process, began "));
+    EXPECT_THAT(shown, HasSubstr("\nthread " + std::to_string(pid) + " (sh) of process "));
+    EXPECT_GE(Objects("overloads show --json").at(0)["number"], newest["number"]) << "another may have begun since";
+    EXPECT_EQ(Objects(show + " --json").at(0)["threads"].at(0)["pid"], pid);
     ExpectFailure(2, "overloads show 4711", "4711: no such overload; tarnctl overloads lists them");
     ExpectFailure(2, "overloads of-late", "found of-late, expected list, or show N");
 }
@@ -191,7 +202,7 @@ TEST_F(Tasks, WatchTellsThatAProcessHasEnded) {
 }
 
 TEST_F(Tasks, EventsAreChosenByKindNumberAndTime) {
-    EXPECT_EQ(Out("settings set cpu.begins-at=90%"), "");
+    EXPECT_EQ(Out("settings set cpu.begins-at=90% cpu.must-last=10m"), "") << "which no busy machine adds an event to";
     StartAgent();
     ASSERT_TRUE(Eventually([&] { return Objects("events --kind agent-comes --json").size() == 1; })) << out_;
     EXPECT_THAT(Out("events"), testing::ContainsRegex(" [+-][0-9]{4} #[0-9]+ setting: .*begins-at=900"));

@@ -197,9 +197,10 @@ void Show(Server &server, const std::string &number, bool json) {
         return;
     }
     const Output output;
-    std::cout << fmt::format("overload {} of {}, {} to {}, {} of the CPUs in use\n", overload.at("number").dump(),
+    std::cout << fmt::format("overload {} of {}, began {}, {}{}, {} of the CPUs in use\n", overload.at("number").dump(),
                              overload.at("of") == "system" ? "the system" : "a watched process",
-                             host::describe::ZonedText(TimeOfMs(overload.at("began_ms"))), EndText(overload),
+                             host::describe::ZonedText(TimeOfMs(overload.at("began_ms"))),
+                             overload.at("ended_ms").is_null() ? "" : "ended ", EndText(overload),
                              PermilleText(overload.at("busy_permille")));
     if (!overload.contains("threads")) {
         std::cout << "its threads are not for this user to see: the policy keeps stacks to others\n";
