@@ -47,7 +47,7 @@ Config ConfigOf(fleet::SettingsFile file, const std::filesystem::path &machineId
         file.Refuse("device", error.what());
     }
     config.groups = GroupsOf(file, file.Take("groups", "reading"));
-    config.requests = file.TakeNumber("requests", 1, 64, config.requests);
+    config.requests = static_cast<size_t>(file.TakeNumber("requests", 1, 64, config.requests));
     config.hello = std::chrono::seconds(file.TakeNumber("hello-seconds", 1, 86400, 60));
     file.ExpectNothingElse();
     return config;
