@@ -140,7 +140,13 @@ template <class Request, class Response, class Fill>
 uint32_t AnswerWithResult(const meaning::MethodOf<Request, Response> &method, const Request *request, void *replyCtx,
                           Fill fill) {
     return SendReply<Response>(method, replyCtx, [&](auto &reply) {
-        const uint32_t result = Run(method, request, [&] { fill(reply); });
+        const uint32_t result = StatusOf(method, [&] {
+            CheckRequest(method, request);
+            fill(reply);
+            if (meaning::ResultIn(*method.response, &reply) == 0) { // else an agent refused
+                NoteDone(method, request);
+            }
+        });
         if (result != 0) {
             static_cast<Response &>(reply) = Response{};
             meaning::ResultIn(*method.response, &reply) = result;

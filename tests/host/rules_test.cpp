@@ -7,6 +7,7 @@ TARN_UNIT()
 #include "tarn_sysdiag/types/master.h"
 #include "tarn_sysdiag/types/tarnd.h"
 
+#include "host/runtime/status.h"
 #include "tests/host/daemon_kit.h"
 #include "tests/host/fake_agent.h"
 
@@ -133,6 +134,45 @@ TEST_F(RulesTest, AreInForceInTheAgentAlsoAfterTheDaemonCameBack) {
     ASSERT_TRUE(Logged("agent tester of process " + std::to_string(agent.Pid()) + " has registered"));
     EXPECT_EQ(Clear(), 0);
     EXPECT_TRUE(kit::Eventually([&] { return ofAgent() == 0; })) << daemon_->Err();
+}
+
+// What is set in an agent through the daemon.
+class RelayedSettingsTest : public kit::DaemonTest<Unit> {
+protected:
+    uint32_t Scan(uint32_t scan) {
+        return Call<Tarn_sys_diag_MemDmgScanOut>("SetMemDmgScanTarnd", Tarn_sys_diag_MemDmgScanInTarnd{scan, pid_})
+            ->uiResult;
+    }
+    std::string Settings() {
+        const std::string question = R"({"kinds": ["setting"]})";
+        const host::CallOutcome outcome =
+            client_.Call({.service = host::kRuntimeService,
+                          .method = "Events",
+                          .request = {reinterpret_cast<const uint8_t *>(question.data()), question.size()},
+                          .deadline = std::chrono::seconds(10),
+                          .socketOf = "TarnSysdiagTarnd"});
+        EXPECT_TRUE(outcome.Ok()) << outcome.text;
+        return {outcome.bytes.begin(), outcome.bytes.end()};
+    }
+    const uint32_t pid_ = static_cast<uint32_t>(getpid()); // of the agent
+};
+
+TEST_F(RelayedSettingsTest, AreInTheJournalWithWhoSetThem) {
+    namespace damage_scan = host::meaning::damage_scan;
+    FakeAgent agent(dir_.Path());
+    agent.On<Tarn_sys_diag_MemDmgScanIn, Tarn_sys_diag_MemDmgScanOut>(
+        "SetMemDmgScan", [](const auto &request, auto &reply) {
+            reply.uiResult = request.uiScanSwitch == damage_scan::kOnce ? EBUSY : 0;
+        });
+    EXPECT_EQ(Scan(damage_scan::kOnce), EBUSY);
+    EXPECT_EQ(Scan(damage_scan::kOn), 0);
+    ASSERT_TRUE(kit::Eventually([&] { return Settings().find("SetMemDmgScanTarnd") != std::string::npos; }));
+    const std::string settings = Settings();
+    const std::string text =
+        "SetMemDmgScanTarnd scan=on process=" + std::to_string(pid_) + ", by user " + std::to_string(geteuid());
+    EXPECT_NE(settings.find(text), std::string::npos) << settings;
+    EXPECT_NE(settings.find(R"("process":"rules_test")"), std::string::npos) << settings;
+    EXPECT_EQ(settings.find("scan=once"), std::string::npos) << "the agent did not do it: " << settings;
 }
 
 } // namespace
