@@ -71,7 +71,7 @@ public:
     const Archives archives{options.logDirectory, options.copyTargets, clocks};
     host::Store store{options.stateDirectory};
     History history{options.stateDirectory, clocks};
-    LocalClock clock{clocks, store, options.zoneLink};
+    LocalClock clock{clocks, store, history, options.zoneLink};
     Timers timers{clocks};
     AgentLine agentLine;
     AgentRegistry registry{proc, history, agentLine, timers};

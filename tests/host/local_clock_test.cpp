@@ -5,9 +5,12 @@
 
 #include <fstream>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "host/osal/text.h"
 #include "tests/host/error_of.h"
+#include "tests/host/kept_events.h"
 #include "tests/host/manual_clocks.h"
 #include "tests/host/refusal.h"
 #include "tests/host/temp_dir.h"
@@ -44,12 +47,21 @@ protected:
             clock_.SetDst(host::DstRule{"CEST", minutes, {0, 3, 5, 0, 2, 0, 0}, {0, 10, 5, 0, 3, 0, 0}}, kSource);
         });
     }
+    std::vector<std::string> Journaled() const {
+        std::vector<std::string> texts;
+        for (const tarnd::Event &event : journal_.events) {
+            EXPECT_EQ(event.kind, tarnd::EventKind::kSetting);
+            texts.push_back(event.text);
+        }
+        return texts;
+    }
     std::string Shown() const { return clock_.Text(clocks_.WallNow()); }
 
     const kit::TempDir dir_;
     kit::ManualClocks clocks_; // at 2023-11-14 22:13:20 GMT
     host::Store store_{dir_.Path() / "state"};
-    tarnd::LocalClock clock_{clocks_, store_, {}};
+    kit::KeptEvents journal_;
+    tarnd::LocalClock clock_{clocks_, store_, journal_, {}};
 };
 
 TEST_F(LocalClockTest, ShowsTheSystemsTimeUntilItIsToldAnother) {
@@ -66,7 +78,7 @@ TEST_F(LocalClockTest, TakesAZoneOfTheSystemWithAnOffsetThatItHas) {
     };
     write("Europe/Berlin", "CET-1CEST,M3.5.0,M10.5.0/3");
     write("Asia/Kathmandu", "<+0545>-5:45");
-    tarnd::LocalClock clock(clocks_, store_, {}, dir_.Path() / "zones");
+    tarnd::LocalClock clock(clocks_, store_, journal_, {}, dir_.Path() / "zones");
     const auto refusal = [&](const std::string &name, int32_t minutes) {
         return kit::ReasonOf([&] { clock.SetZone({name, minutes}, kSource); });
     };
@@ -218,13 +230,13 @@ TEST_F(LocalClockTest, KeepsItsSettings) {
     EXPECT_EQ(SetGmt({2026, 7, 1, 12, 0, 0, 0, 0}), 0);
     clock_.SetDateFormat(host::DateFormat::kDayMonthYear);
     EXPECT_EQ(Shown(), "01-07-2026 13:30:00 +0130");
-    EXPECT_EQ(tarnd::LocalClock(clocks_, store_, {}).Text(clocks_.WallNow()), Shown());
+    EXPECT_EQ(tarnd::LocalClock(clocks_, store_, journal_, {}).Text(clocks_.WallNow()), Shown());
 }
 
 TEST_F(LocalClockTest, TakesNothingOverThatMakesNoSense) {
     for (const uint32_t format : {2U, 3U}) {
         store_.Save("clock", 1, host::Document::Object{{"shiftMs", 1000}, {"dateFormat", format}});
-        const tarnd::LocalClock clock(clocks_, store_, {});
+        const tarnd::LocalClock clock(clocks_, store_, journal_, {});
         const bool taken = host::TextOf(clock.LocalNow()) != host::TextOf(clock_.LocalNow());
         EXPECT_EQ(taken, format == 2) << "the shift is of the same document";
     }
@@ -254,12 +266,49 @@ TEST_F(LocalClockTest, TellsOfEachChangeAndOfNothingElse) {
     EXPECT_EQ(changes, 2);
 }
 
+TEST_F(LocalClockTest, TellsTheJournalWhatComesToHoldFromTheMaster) {
+    constexpr auto kMaster = tarnd::Source::kMaster;
+    const host::DstRule rule{"summer", 60, host::ParseChange("04-01/02:00:00"), host::ParseChange("10-01/03:00:00")};
+    for (int time = 0; time < 2; ++time) { // the second time it has come to hold already
+        clock_.SetZone({"ours", 345}, kMaster);
+        clock_.SetDst(rule, kMaster);
+        clock_.TakeMastersGmt({2023, 11, 14, 23, 13, 20, 0, 0});
+    }
+    const std::string before = host::TextOf(std::optional<host::DstRule>());
+    EXPECT_EQ(Journaled(),
+              (std::vector<std::string>{
+                  "time zone " + host::TextOf(host::Zone{"ours", 345}) + " from the master, before the system's",
+                  "daylight saving " + host::TextOf(rule) + " from the master, before " + before,
+                  "clock set to 2023-11-14 23:13:20 GMT from the master, 3600000 ms ahead of the system's, "
+                  "before 0 ms"}));
+}
+
+TEST_F(LocalClockTest, TellsTheJournalOfTheMastersOnceNoClientsHold) {
+    constexpr auto kMaster = tarnd::Source::kMaster;
+    EXPECT_EQ(SetZone("theirs", 0), 0);
+    EXPECT_EQ(SetEuropeanDst(), 0);
+    EXPECT_EQ(SetGmt({2026, 7, 1, 12, 0, 0, 0, 0}), 0);
+    clock_.SetZone({"ours", 345}, kMaster);
+    clock_.SetDst(std::nullopt, kMaster);
+    clock_.TakeMastersGmt({2023, 11, 14, 23, 13, 20, 0, 0});
+    EXPECT_EQ(Journaled(), std::vector<std::string>());
+    clock_.ForgetClients();
+    EXPECT_EQ(Journaled(), (std::vector<std::string>{"clock from the default, time zone from the master, daylight "
+                                                     "saving from the master"}));
+}
+
+TEST_F(LocalClockTest, TellsTheJournalNoRuleOfTheMasterForAClientsZone) {
+    EXPECT_EQ(SetZone("theirs", 0), 0);
+    clock_.SetDst(host::DstRule{"summer", 60, {0, 3, 5, 0, 2, 0, 0}, {0, 10, 5, 0, 3, 0, 0}}, tarnd::Source::kMaster);
+    EXPECT_EQ(Journaled(), std::vector<std::string>());
+}
+
 TEST_F(LocalClockTest, NamesTheSystemsZoneWhereItIsToldTo) {
     if (!std::filesystem::exists("/usr/share/zoneinfo/Asia/Kathmandu")) {
         GTEST_SKIP() << "the system has no zones";
     }
     const std::filesystem::path link = dir_.Path() / "localtime";
-    tarnd::LocalClock clock(clocks_, store_, link);
+    tarnd::LocalClock clock(clocks_, store_, journal_, link);
     EXPECT_EQ(ErrorOf([&] { clock.SetZone({"Nowhere/At_All", 60}, kSource); }), ENOENT);
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(link)));
     for (const auto &[name, minutes] : std::map<std::string, int32_t>{{"Asia/Kathmandu", 345}, {"Europe/Berlin", 60}}) {
@@ -274,7 +323,7 @@ TEST_F(LocalClockTest, LeavesNothingWhereItCantNameTheZone) {
     }
     const std::filesystem::path etc = dir_.Path() / "etc";
     std::filesystem::create_directories(etc / "localtime" / "in the way");
-    tarnd::LocalClock clock(clocks_, store_, etc / "localtime");
+    tarnd::LocalClock clock(clocks_, store_, journal_, etc / "localtime");
     EXPECT_NE(ErrorOf([&] { clock.SetZone({"Asia/Kathmandu", 345}, kSource); }), 0);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(etc), {}), 1);
     EXPECT_EQ(clock.Text(clocks_.WallNow()), Shown()) << "as before";

@@ -114,11 +114,22 @@ ClockSettings FromDocument(const Document &content, uint32_t version) {
     return settings;
 }
 
+template <class T>
+bool IsNewOfMaster(const Setting<T> &now, const Setting<T> &before) {
+    return now.From() == Source::kMaster && (before.From() != Source::kMaster || now.Value() != before.Value());
+}
+
+// Whether something of the master's begins to hold.
+bool IsNewOfMaster(const ClockSettings &now, const ClockSettings &before) {
+    return IsNewOfMaster(now.shift, before.shift) || IsNewOfMaster(now.zone, before.zone) ||
+           (IsNewOfMaster(now.dst, before.dst) && now.dst.From() >= now.zone.From());
+}
+
 } // namespace
 
-LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink,
-                       std::filesystem::path zones)
-    : clocks_(clocks), store_(store), zoneLink_(std::move(zoneLink)), zones_(std::move(zones)) {
+LocalClock::LocalClock(const host::Clocks &clocks, host::Store &store, Journal &journal,
+                       std::optional<std::filesystem::path> zoneLink, std::filesystem::path zones)
+    : clocks_(clocks), store_(store), journal_(journal), zoneLink_(std::move(zoneLink)), zones_(std::move(zones)) {
     const host::MutexLock lock(mutex_);
     store_.Load(kDocument, kVersion, [this](const Document &content, uint32_t version) TARN_REQUIRES(mutex_) {
         settings_ = FromDocument(content, version);
@@ -276,11 +287,15 @@ void LocalClock::Change(ClockSettings changed, const std::string &what) {
         return; // the master tells its settings whenever it is there
     }
     store_.Save(kDocument, kVersion, ToDocument(changed));
+    const bool isNewOfMaster = IsNewOfMaster(changed, settings_);
     settings_ = std::move(changed);
     if (changed_) {
         changed_();
     }
     host::Log().info("{}", what);
+    if (isNewOfMaster) { // clients are told of with their calls
+        journal_.Add({{}, EventKind::kSetting, 0, "", what});
+    }
 }
 
 } // namespace tarnd

@@ -9,6 +9,7 @@
 
 #include "host/clock/clocks.h"
 #include "host/clock/rules.h"
+#include "host/daemon/history/event.h"
 #include "host/daemon/setting.h"
 #include "host/osal/mutex.h"
 #include "host/store/store.h"
@@ -31,9 +32,9 @@ struct ClockSettings {
 class LocalClock {
 public:
     // Takes over what an earlier run kept. With the link that names the system's zone, settings go to the system as
-    // well: to its clock, and to the link.
-    LocalClock(const host::Clocks &clocks, host::Store &store, std::optional<std::filesystem::path> zoneLink,
-               std::filesystem::path zones = "/usr/share/zoneinfo");
+    // well: to its clock, and to the link. What comes to hold from the master is told to the journal.
+    LocalClock(const host::Clocks &clocks, host::Store &store, Journal &journal,
+               std::optional<std::filesystem::path> zoneLink, std::filesystem::path zones = "/usr/share/zoneinfo");
 
     // What clocks show depends on the settings: the function is called after each change of them. It must be short and
     // not ask the clock. Before the first request.
@@ -70,6 +71,7 @@ private:
 
     const host::Clocks &clocks_;
     host::Store &store_;
+    Journal &journal_;
     const std::optional<std::filesystem::path> zoneLink_;
     const std::filesystem::path zones_;
     mutable host::Mutex mutex_;
