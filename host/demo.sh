@@ -139,7 +139,7 @@ command_agent counter
 
 say "A malformed request is refused, and tarnctl says why: the root offset is 200, the message has 18 bytes"
 cd "$work"
-tarnctl encode Pid '{"uiPid": 1}' -o good
+tarnctl encode Pid process=1 -o good
 { printf '\xc8\x00\x00\x00'; tail -c +5 good; } >broken
 run tarnctl decode Pid broken --explain || true
 run tarnctl call GetAllTidsByPid --raw broken || printf '(exit code %s)\n' $?

@@ -9,6 +9,7 @@
 
 #include "host/ctl/commands.h"
 #include "host/ctl/print.h"
+#include "host/ctl/request.h"
 #include "host/describe/explain.h"
 #include "host/describe/named.h"
 #include "host/osal/hex.h"
@@ -94,19 +95,6 @@ std::vector<uint8_t> ReadMessage(const std::string &file) {
         return std::move(*bytes);
     }
     return {content.begin(), content.end()};
-}
-
-Record ReadRecord(const Type &type, const std::string &source) {
-    const std::string text = source == "-"             ? ReadAll("-")
-                             : source.starts_with('@') ? ReadAll(source.substr(1))
-                                                       : source;
-    const host::meaning::Record *const meaning = MeaningOf(type);
-    try {
-        const Json json = ParseJson(text);
-        return FromJson(type, meaning == nullptr ? json : FromNamed(json, *meaning));
-    } catch (const JsonError &error) {
-        throw Failure(kUsage, fmt::format("{}: {}", type.name, error.what()));
-    }
 }
 
 Json JsonOf(const Record &record, const host::meaning::Record *meaning, JsonForm form) {

@@ -74,8 +74,8 @@ struct DecodeOptions {
 
 struct EncodeOptions {
     std::string type;
-    std::string record; // JSON, @FILE or -
-    std::string output; // empty for standard output
+    std::vector<std::string> record; // as a call's request
+    std::string output;              // empty for standard output
     bool fixed = false;
 };
 
@@ -99,9 +99,6 @@ std::string ReadAll(const std::string &file);
 
 // A message in a file, as bytes or as hex digits.
 std::vector<uint8_t> ReadMessage(const std::string &file);
-
-// A record from JSON text, @FILE or -; by the names of the wire, or of what is meant where a method means it.
-host::describe::Record ReadRecord(const host::describe::Type &type, const std::string &source);
 
 // The record's JSON, with the names of the wire or of what is meant.
 host::describe::Json JsonOf(const host::describe::Record &record, const host::meaning::Record *meaning, JsonForm form);

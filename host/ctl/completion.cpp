@@ -185,24 +185,27 @@ Names ValuesOf(const host::meaning::Value &value) {
 }
 
 // "begins-at=", or the values of a member behind its name.
-Names RequestWords(const std::string &methodName, const std::string &word) {
-    const Method *const method = FindMethod(methodName);
-    if (method == nullptr) {
+Names RecordWords(const host::meaning::Record *record, const std::string &word) {
+    if (record == nullptr) {
         return {};
     }
-    const host::meaning::Record *const request = method->meaning->request;
     Names offered;
     const size_t sign = word.find('=');
     if (sign == word.npos) {
-        for (const std::string &member : StatedNames(*request)) {
+        for (const std::string &member : StatedNames(*record)) {
             offered.push_back(member + "=");
         }
-    } else if (const auto *const member = FindPath(request, word.substr(0, sign))) {
+    } else if (const auto *const member = FindPath(record, word.substr(0, sign))) {
         for (const std::string &value : ValuesOf(member->value)) {
             offered.push_back(word.substr(0, sign + 1) + value);
         }
     }
     return offered;
+}
+
+Names RequestWords(const std::string &methodName, const std::string &word) {
+    const Method *const method = FindMethod(methodName);
+    return method == nullptr ? Names() : RecordWords(method->meaning->request, word);
 }
 
 Names AgentPids(const Globals &globals) {
@@ -257,7 +260,7 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     if (name == "PID") {
         return AgentPids(globals);
     }
-    if (name == "FILE" || ((name == "REQUEST" || name == "JSON") && word.starts_with('@'))) {
+    if (name == "FILE" || ((name == "REQUEST" || name == "RECORD") && word.starts_with('@'))) {
         return {kFiles};
     }
     if (name == "DIR") {
@@ -265,6 +268,10 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     }
     if (name == "REQUEST") {
         return RequestWords(line.Operands().front(), word);
+    }
+    if (name == "RECORD") {
+        const Type *const type = FindType(line.Operands().front());
+        return type == nullptr ? Names() : RecordWords(MeaningOf(*type), word);
     }
     if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "set") {
         return command == "rules" ? RequestWords("UpdateMsgCtrlRuleTarnd", word) : SettingWords(word);

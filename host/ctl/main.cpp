@@ -149,7 +149,9 @@ void AddCodec(CLI::App &app, Arguments &arguments) {
 
     auto *const encode = app.add_subcommand("encode", "Writes a record as a message, in hex to a terminal");
     encode->add_option("TYPE", arguments.encode.type, "Of the record")->required()->option_text(" ");
-    encode->add_option("JSON", arguments.encode.record, "The record: JSON, @FILE, or - for standard input")
+    encode
+        ->add_option("RECORD", arguments.encode.record,
+                     "The record: NAME=VALUE for each member, or JSON, @FILE, - for standard input")
         ->required()
         ->option_text(" ");
     encode->add_flag("--fixed", arguments.encode.fixed, "In the fixed form");

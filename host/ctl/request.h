@@ -1,4 +1,4 @@
-// The request of a call, as a person states it.
+// A request or another record, as a person states it: words NAME=VALUE, or one that is JSON, @FILE or -.
 #pragma once
 
 #include <string>
@@ -8,8 +8,10 @@
 
 namespace ctl {
 
-// Of words NAME=VALUE, or of one that is JSON, @FILE or -. What a request must state and doesn't, or states and doesn't
-// fit, fails here: none of it is sent.
+// What a request must state and doesn't, or states and doesn't fit, fails here: none of it is sent.
 host::describe::Record ReadRequest(const host::describe::Method &method, const std::vector<std::string> &words);
+
+// Of any type: what isn't stated is 0 or absent, and values need not be those that a method accepts.
+host::describe::Record ReadRecord(const host::describe::Type &type, const std::vector<std::string> &words);
 
 } // namespace ctl

@@ -193,6 +193,20 @@ TEST_F(Ctl, TakesRecordsFromFilesAndWritesToFiles) {
     EXPECT_EQ(out_, "uiResult  9\n");
 }
 
+TEST_F(Ctl, EncodesWhatIsStatedInWords) {
+    ASSERT_EQ(Run("encode SysOvLoadCpuThreshold begins-at=190% uiValue3=10s -o message"), 0) << error_;
+    ASSERT_EQ(Run("decode SysOvLoadCpuThreshold message --json"), 0) << "also what no method accepts";
+    EXPECT_EQ(Json::parse(out_), (Json{{"uiValue1", 1900}, {"uiValue2", 0}, {"uiValue3", 10}}));
+    EXPECT_EQ(Run("encode SysOvLoadCpuThreshold begin-at=90%"), 2);
+    EXPECT_NE(error_.find("begins-at"), std::string::npos) << error_;
+    const auto unnamed = std::ranges::find_if(Types(), [](const Type &type) { return MeaningOf(type) == nullptr; });
+    if (unnamed != Types().end()) {
+        const std::string name = unnamed->name;
+        ExpectFailure(2, "encode " + name + " member=1",
+                      name + ": no method has it, so its members have no names: expected JSON, @FILE or -");
+    }
+}
+
 TEST_F(Ctl, PrintsVectorsOfFlatTablesAsTables) {
     ASSERT_EQ(
         Run(R"(encode OsProcessCpuRet '{"uiValue1":3,"pstThread":[{"acName":"main","uiValue1":12},{"acName":"w"}]}')"
