@@ -402,6 +402,15 @@ TEST_F(CpuMethodsTest, TellTheUserAndTheProgramAsTheKernelWritesThem) {
     EXPECT_EQ(Processes().Status(), EPROTO);
 }
 
+TEST_F(CpuMethodsTest, TellAHighestUseThatIsNoLessThanTheOneOfNow) {
+    machine.processes[kPid].threads[kBusy].runPermille = 900;
+    somebodyLooks = false;
+    Pass(70s);
+    const auto all = Processes(); // of a sample that is taken out of turn
+    EXPECT_EQ(all->pstProc[0].uiValue1, 900);
+    EXPECT_EQ(all->pstProc[0].uiValue2, 900);
+}
+
 TEST_F(CpuMethodsTest, TellTheHighestUseUntilItIsReset) {
     Pass(10s);
     machine.processes[kPid].threads[kBusy].runPermille = 100;

@@ -300,6 +300,7 @@ std::vector<Tarn_sys_diag_SysCpuStatProc> DescribeProcesses(void *replyCtx) {
     Daemon &daemon = Daemon::Serving();
     daemon.sampler.Look();
     const Sampler::Window window = daemon.sampler.Last({});
+    daemon.cpuPeaks.TakeProcesses(*window.from, *window.to);
     ExplainLength(replyCtx, window.Length(), daemon.sampler.Interval());
     UserNames users;
     std::vector<Tarn_sys_diag_SysCpuStatProc> processes;

@@ -37,6 +37,10 @@ void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
 
 void CpuPeaks::TakeProcesses(const Sample &previous, const Sample &latest) {
     const host::MutexLock lock(mutex_);
+    if (latest.system.at <= processesSeen_) {
+        return;
+    }
+    processesSeen_ = latest.system.at;
     std::map<uint32_t, OfOneProcess> running;
     const auto elapsed = latest.system.at - previous.system.at;
     for (const ProcessSample &process : latest.processes) {

@@ -25,13 +25,15 @@ public:
 
     void Reset();
 
+    // Processes between two samples that have them, of which the later may have been taken out of turn.
+    void TakeProcesses(const Sample &previous, const Sample &latest);
+
     Peak OfSystem() const;
     Peak OfCpu(uint32_t id) const;
     Peak OfProcess(const ProcessSample &process) const;
 
 private:
     void Take(const Sample &previous, const Sample &latest);
-    void TakeProcesses(const Sample &previous, const Sample &latest);
 
     struct OfOneProcess {
         uint64_t startTicks = 0;
@@ -41,6 +43,7 @@ private:
     Peak system_ TARN_GUARDED_BY(mutex_);
     std::map<uint32_t, Peak> cpus_ TARN_GUARDED_BY(mutex_);
     std::map<uint32_t, OfOneProcess> processes_ TARN_GUARDED_BY(mutex_); // those that run
+    host::SteadyTime processesSeen_ TARN_GUARDED_BY(mutex_){};           // in the latest sample that was taken over
 };
 
 } // namespace tarnd
