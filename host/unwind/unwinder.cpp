@@ -143,7 +143,8 @@ void Unwinder::AddFrame(uint64_t address, bool activation) {
         GElf_Off offset = 0;
         GElf_Sym symbol;
         const char *const function = dwfl_module_addrinfo(module, within, &offset, &symbol, nullptr, nullptr, nullptr);
-        if (function != nullptr && function[0] != 0) {
+        // A symbol without a size, a label, may be of anything below.
+        if (function != nullptr && function[0] != 0 && offset < symbol.st_size) {
             frame.function = function;
             frame.offset = offset + (address - within);
         }

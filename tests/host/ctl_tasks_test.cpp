@@ -65,6 +65,16 @@ TEST_F(Tasks, StackShowsOnceAndOnAverage) {
     ExpectFailure(2, "stack tasked --folded", "--folded: expected --samples N");
 }
 
+TEST_F(Tasks, StackNamesNoFunctionBeyondItsSymbol) {
+    const Process subject(dir_.Path(), {STRIPPED_SUBJECT});
+    const std::string stack = fmt::format("stack {} ", subject.Pid());
+    ASSERT_TRUE(Eventually([&] { return Out(stack).find("main+0x") != std::string::npos; })) << out_;
+    EXPECT_THAT(out_, ContainsRegex(" stripped_subject\\+0x[0-9a-f]+\n"));
+    EXPECT_THAT(out_, Not(HasSubstr("label_without_size")));
+    EXPECT_THAT(Out(stack + "--samples 2 --every 1ms"), ContainsRegex(" stripped_subject\\+0x[0-9a-f]+\n"));
+    EXPECT_THAT(out_, HasSubstr(" main\n"));
+}
+
 TEST_F(Tasks, MemTellsOfNowBeforeAndMappings) {
     EXPECT_THAT(Out("mem"), StartsWith("in use "));
     const auto worker = StartWorker();

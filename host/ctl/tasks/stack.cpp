@@ -2,8 +2,12 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
+#include <charconv>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <set>
 
 #include "host/ctl/interrupt.h"
 #include "host/ctl/process.h"
@@ -24,24 +28,59 @@ struct Options {
     bool all = false, folded = false, json = false;
 };
 
+struct Frame {
+    std::string text; // "Worker::Run(int)+0x1c"; "worker+0x4c10" in a module without a symbol for it
+    std::string name; // "Worker::Run(int)": a function is one, wherever it is; without one, the text
+};
+
 struct Stack {
     uint64_t thread;
     std::string name;
     uint64_t heldUpUs;
-    std::vector<std::string> functions; // the innermost first
+    std::vector<Frame> frames; // the innermost first
 };
+
+// Where modules begin, as a reply with stacks explains it: "worker at 0x555555554000, build id 1b7f; libc.so.6 at ...".
+std::set<uint64_t> ModuleStarts(std::string_view explanation) {
+    constexpr std::string_view kAt = " at 0x", kEnd = "; ";
+    std::set<uint64_t> starts;
+    for (size_t at = 0; (at = explanation.find(kAt, at)) != explanation.npos; at = explanation.find(kEnd, at)) {
+        uint64_t start = 0;
+        std::from_chars(explanation.data() + at + kAt.size(), explanation.data() + explanation.size(), start, 16);
+        starts.insert(start);
+        at += kAt.size();
+    }
+    return starts;
+}
+
+// An offset is from a module's start where no symbol covers the address. Of libraries not all starts may be told.
+Frame FrameOf(const std::string &text, uint64_t address, const std::set<uint64_t> &moduleStarts) {
+    const size_t sign = text.rfind("+0x");
+    if (sign == text.npos) {
+        return {text, text};
+    }
+    uint64_t offset = 0;
+    std::from_chars(text.data() + sign + 3, text.data() + text.size(), offset, 16);
+    const bool hasFunction = !moduleStarts.contains(address - offset) && text.find(".so") > sign;
+    return {text, hasFunction ? text.substr(0, sign) : text};
+}
 
 std::vector<Stack> Read(Server &server, uint32_t pid, uint32_t tid) {
     std::vector<Stack> stacks;
-    const Json request{{"process", pid}, {"thread", tid}};
-    for (const Json &thread : server.Ask("GetCallStackInfoByTid", request).In("threads").Named()) {
+    const Reply reply = server.Ask("GetCallStackInfoByTid", Json{{"process", pid}, {"thread", tid}});
+    const std::set<uint64_t> moduleStarts = ModuleStarts(reply.explanation);
+    const Elements threads = reply.In("threads");
+    for (const Json &wire : threads.wire) {
+        const Json thread = threads.Named(wire);
+        const Json &addresses = threads.Value(wire, "stack");
         Stack stack{thread["thread"].get<uint64_t>(),
                     host::LineOfText(thread["name"].get<std::string>()),
                     thread["held_up_us"].get<uint64_t>(),
                     {}};
         const auto frames = std::min<size_t>(thread["frames"].get<size_t>(), thread["functions"].size());
         for (size_t i = 0; i < frames; ++i) {
-            stack.functions.push_back(host::LineOfText(thread["functions"][i]["function"].get<std::string>()));
+            stack.frames.push_back(FrameOf(host::LineOfText(thread["functions"][i]["function"].get<std::string>()),
+                                           addresses.at(i).get<uint64_t>(), moduleStarts));
         }
         stacks.push_back(std::move(stack));
     }
@@ -54,10 +93,10 @@ void Print(const std::vector<Stack> &stacks) {
         std::cout << (&stack == &stacks.front() ? "" : "\n")
                   << output.GetStyle().Bold(fmt::format("thread {} ({})", stack.thread, stack.name))
                   << fmt::format(", held up {} us\n", stack.heldUpUs);
-        for (size_t i = 0; i < stack.functions.size(); ++i) {
-            std::cout << fmt::format("  #{:<2} {}\n", i, stack.functions[i]);
+        for (size_t i = 0; i < stack.frames.size(); ++i) {
+            std::cout << fmt::format("  #{:<2} {}\n", i, stack.frames[i].text);
         }
-        if (stack.functions.empty()) {
+        if (stack.frames.empty()) {
             std::cout << "  no stack: it waits for a device and does not stop\n";
         }
     }
@@ -65,10 +104,12 @@ void Print(const std::vector<Stack> &stacks) {
 
 void PrintJson(const std::vector<Stack> &stacks) {
     for (const Stack &stack : stacks) {
+        std::vector<std::string> functions;
+        std::ranges::transform(stack.frames, std::back_inserter(functions), &Frame::text);
         std::cout << Json{{"thread", stack.thread},
                           {"name", stack.name},
                           {"held_up_us", stack.heldUpUs},
-                          {"functions", stack.functions}}
+                          {"functions", functions}}
                          .dump()
                   << "\n";
     }
@@ -89,18 +130,12 @@ struct Node {
     }
 };
 
-// "Worker::Run(int)" of "Worker::Run(int)+0x1c": a function is one, wherever it is.
-std::string WithoutOffset(const std::string &function) {
-    const size_t sign = function.rfind("+0x");
-    const bool hasName = sign != function.npos && function.find(".so") > sign;
-    return hasName ? function.substr(0, sign) : function;
-}
-
 void AddSample(const std::vector<Stack> &stacks, Node &root) {
-    for (Stack stack : stacks) {
-        std::ranges::transform(stack.functions, stack.functions.begin(), WithoutOffset);
-        stack.functions.push_back(stack.name);
-        root.Add(stack.functions);
+    for (const Stack &stack : stacks) {
+        std::vector<std::string> names;
+        std::ranges::transform(stack.frames, std::back_inserter(names), &Frame::name);
+        names.push_back(stack.name);
+        root.Add(names);
     }
 }
 
