@@ -133,7 +133,10 @@ void Call(const CallOptions &options) {
     const Method &method = RequireMethod(options.method, remote);
     RequireTarget(method, options);
     host::Client client({.runDir = options.runDir});
-    UseZoneOf(client, method, options.pid.value_or(0));
+    if (HasLocalTimes(method)) {
+        UseZone([&](const host::CallRequest &call) { return client.Call(call); }, method.service,
+                options.pid.value_or(0));
+    }
     const std::vector<uint8_t> request =
         options.raw.empty() ? host::describe::Encode(ReadRequest(method, options.request)) : ReadMessage(options.raw);
     const host::CallRequest call{method.service, options.pid.value_or(0), method.name, method.request->hash,

@@ -2,18 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-
-#include "host/ctl/outcome.h"
-#include "host/runtime/status.h"
+#include "host/ctl/own_service.h"
 
 namespace ctl {
 
 using host::describe::Json;
 
 namespace {
-
-constexpr std::string_view kService = "TarnSysdiagTarnd";
 
 std::string GapBetween(const Json &question, const Json &page) {
     if (!question.contains("journal")) {
@@ -36,31 +31,14 @@ Journal::Journal(host::Client &client, const Wanted &wanted)
 }
 
 std::vector<Json> Journal::Next(std::chrono::milliseconds wait) {
-    const host::CallOutcome outcome = Ask(wait);
-    if (outcome.errCode == ENOENT && client_.Knows(kService, 0)) {
-        throw Failure(kRemote, "this daemon keeps no journal of events: it is older than that");
-    }
-    if (!outcome.Ok()) {
-        throw FailureOf(host::kRuntimeService, "Events", outcome);
-    }
-    const Json page = Json::parse(outcome.bytes);
+    question_["wait_ms"] = wait.count();
+    const Json page = AskOwnService(client_, "Events", question_, wait);
     gap_ = GapBetween(question_, page);
     question_["journal"] = page.at("journal");
     question_["from"] = page.at("next");
     question_.erase("last");
     isMore_ = page.at("next") < page.at("end");
     return page.at("events");
-}
-
-host::CallOutcome Journal::Ask(std::chrono::milliseconds wait) {
-    constexpr std::chrono::seconds kAnswer{5}; // that an answer may take
-    question_["wait_ms"] = wait.count();
-    const std::string text = question_.dump();
-    return client_.Call({.service = host::kRuntimeService,
-                         .method = "Events",
-                         .request = {reinterpret_cast<const uint8_t *>(text.data()), text.size()},
-                         .deadline = wait + kAnswer,
-                         .socketOf = kService});
 }
 
 } // namespace ctl

@@ -30,8 +30,6 @@ public:
     const std::string &Gap() const { return gap_; }
 
 private:
-    host::CallOutcome Ask(std::chrono::milliseconds wait);
-
     host::Client &client_;
     host::describe::Json question_;
     bool isMore_ = true;

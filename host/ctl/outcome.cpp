@@ -11,7 +11,6 @@
 #include "host/ctl/values.h"
 #include "host/describe/explain.h"
 #include "host/meaning/meaning.h"
-#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -93,12 +92,13 @@ void RequireResult(const Method &method, const Record &reply, const std::string 
     }
 }
 
-void UseZoneOf(host::Client &client, const Method &method, uint32_t agent) {
-    if (!HasLocalTimes(method.meaning->request) && !HasLocalTimes(method.meaning->response)) {
-        return;
-    }
+bool HasLocalTimes(const Method &method) {
+    return HasLocalTimes(method.meaning->request) || HasLocalTimes(method.meaning->response);
+}
+
+void UseZone(const host::Caller &call, std::string_view service, uint32_t agent) {
     host::ServerHealth health;
-    if (AskHealth(client, method.service, agent, health).Ok() && !health.timezone.empty()) {
+    if (AskHealth(call, service, agent, health).Ok() && !health.timezone.empty()) {
         setenv("TZ", health.timezone.c_str(), 1);
         tzset();
     }

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "host/ctl/commands.h"
-#include "host/runtime/client.h"
+#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -19,8 +19,10 @@ host::describe::Record DecodeReply(const host::describe::Method &method, std::sp
 void RequireResult(const host::describe::Method &method, const host::describe::Record &reply,
                    const std::string &explanation);
 
-// Local times are those of the server's clock: where a method has any, this program takes its zone. A server that
-// doesn't tell it has that of this program.
-void UseZoneOf(host::Client &client, const host::describe::Method &method, uint32_t agent);
+bool HasLocalTimes(const host::describe::Method &method);
+
+// Local times are those of the server's clock: this program takes its zone. A server that doesn't tell it has that of
+// this program.
+void UseZone(const host::Caller &call, std::string_view service, uint32_t agent = 0);
 
 } // namespace ctl

@@ -125,8 +125,25 @@ Reply Server::AskAnyway(const std::string &name, const Json &request) {
 
 Reply Server::Ask(const std::string &name, const std::vector<std::string> &words) {
     const Method &method = RequireMethod(name);
-    UseZoneOf(client_, method, 0);
+    UseZoneFor(method);
     return Send(method, ReadRequest(method, words));
+}
+
+void Server::UseZone() {
+    if (!hasZone_) {
+        ctl::UseZone([this](const host::CallRequest &call) { return Call(call, false); }, "TarnSysdiagTarnd");
+        hasZone_ = true;
+    }
+}
+
+void Server::UseZoneFor(const Method &method) {
+    if (HasLocalTimes(method)) {
+        UseZone();
+    }
+}
+
+host::CallOutcome Server::Call(const host::CallRequest &call, bool isLong) {
+    return isLong || whole_ != nullptr ? Wait(call) : client_.Call(call);
 }
 
 host::CallOutcome Server::Wait(const host::CallRequest &call) {
@@ -138,12 +155,12 @@ host::CallOutcome Server::Wait(const host::CallRequest &call) {
 }
 
 Reply Server::Send(const Method &method, const Record &request, bool anyResult) {
-    UseZoneOf(client_, method, 0);
+    UseZoneFor(method);
     const std::vector<uint8_t> message = Encode(request);
     const bool isLong = method.meaning->duration == host::meaning::Duration::kLong;
     const host::CallRequest call{method.service,       0,       method.name,
                                  method.request->hash, message, isLong ? kPatience : host::Limits().deadline};
-    const host::CallOutcome outcome = isLong || whole_ != nullptr ? Wait(call) : client_.Call(call);
+    const host::CallOutcome outcome = Call(call, isLong);
     if (!outcome.Ok()) {
         throw FailureOf(method.service, method.name, outcome);
     }

@@ -62,6 +62,9 @@ public:
     std::optional<Reply> AskUnless(std::initializer_list<uint32_t> none, const std::string &method,
                                    const host::describe::Json &request = host::describe::Json::object());
 
+    // For local times, which are those of the daemon's clock.
+    void UseZone();
+
     host::Client &GetClient() { return client_; }
 
     // By itself it shows of each call that may take long that it runs. While this lives, another's progress does.
@@ -77,12 +80,15 @@ public:
     };
 
 private:
+    void UseZoneFor(const host::describe::Method &method);
+    host::CallOutcome Call(const host::CallRequest &call, bool isLong);
     host::CallOutcome Wait(const host::CallRequest &call);
     Reply Send(const host::describe::Method &method, const host::describe::Record &request, bool anyResult = false);
 
     const Globals &globals_;
     host::Client client_;
     Progress *whole_ = nullptr;
+    bool hasZone_ = false;
 };
 
 } // namespace ctl

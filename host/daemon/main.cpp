@@ -12,9 +12,9 @@
 
 #include "host/clock/clocks.h"
 #include "host/daemon/daemon.h"
-#include "host/daemon/history/history_service.h"
 #include "host/daemon/history/setting_event.h"
 #include "host/daemon/options.h"
+#include "host/daemon/own_service.h"
 #include "host/daemon/sampling/libproc2_source.h"
 #include "host/meaning/reflect.h"
 #include "host/osal/accounting.h"
@@ -172,9 +172,9 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     tarnd::Libproc2Source samples(proc);
     tarnd::RemotePeers peers;
     tarnd::Daemon daemon(options, clocks, proc, samples, peers, helpers);
-    tarnd::HistoryService historyService(daemon.history);
+    tarnd::OwnService ownService(daemon);
     serverOptions.describe = Describe;
-    serverOptions.ownMethods = &historyService;
+    serverOptions.ownMethods = &ownService;
     serverOptions.onSetting = [&](const host::Peer &peer, const host::meaning::Method &method, const void *request) {
         daemon.history.Add(tarnd::SettingEvent(proc, peer, method, request));
     };

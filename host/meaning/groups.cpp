@@ -21,7 +21,7 @@ struct Grouped {
 constexpr Grouped kOwnMethods[] = {{"Health", Group::kReading},    {"Status", Group::kReading},
                                    {"Describe", Group::kReading},  {"Events", Group::kReading},
                                    {"Overloads", Group::kReading}, {"Figures", Group::kReading},
-                                   {"Capture", Group::kMemory}};
+                                   {"Settings", Group::kReading},  {"Capture", Group::kMemory}};
 
 constexpr auto kMethods = [] {
     auto methods = std::to_array<Grouped>({

@@ -18,12 +18,16 @@ std::string NumberText(const Value &value, uint64_t number) {
     return choice == value.choices.end() ? WithSign(number, value.kind) : std::string(choice->name);
 }
 
+uint64_t Load(const velto::SlotShape &slot, const uint8_t *at) {
+    uint64_t number = 0;
+    memcpy(&number, at, slot.width); // little-endian, as all machines that it runs on
+    return number;
+}
+
 // Empty where there is nothing to say.
 std::string ValueText(const Member &member, const velto::SlotShape &slot, const uint8_t *at) {
     if (slot.kind == velto::Kind::kScalar) {
-        uint64_t number = 0;
-        memcpy(&number, at, slot.width); // little-endian, as all machines that it runs on
-        return NumberText(member.value, number);
+        return NumberText(member.value, Load(slot, at));
     }
     const char *text = nullptr;
     if (slot.kind == velto::Kind::kString) {
@@ -38,6 +42,11 @@ std::string ValueText(const Member &member, const velto::SlotShape &slot, const 
 }
 
 } // namespace
+
+uint64_t NumberOf(const Record &meaning, size_t member, const void *record) {
+    const velto::SlotShape &slot = meaning.shape->Slot(member);
+    return Load(slot, static_cast<const uint8_t *>(record) + slot.offset);
+}
 
 std::string WordsOf(const Record &meaning, const void *record) {
     std::string words;

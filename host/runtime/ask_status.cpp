@@ -63,16 +63,18 @@ void Read(const Json &from, ServerStatus &status) {
     }
 }
 
-CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method,
-                std::chrono::milliseconds deadline) {
-    return client.Call(
-        {.service = kRuntimeService, .pid = pid, .method = method, .deadline = deadline, .socketOf = service});
+CallRequest RequestOf(std::string_view service, uint32_t pid, std::string_view method,
+                      std::chrono::milliseconds deadline) {
+    return {.service = kRuntimeService, .pid = pid, .method = method, .deadline = deadline, .socketOf = service};
+}
+
+Caller CallerOf(Client &client) {
+    return [&client](const CallRequest &request) { return client.Call(request); };
 }
 
 template <class Record>
-CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::string_view method, Record &record,
-                std::chrono::milliseconds deadline) {
-    CallOutcome outcome = Ask(client, service, pid, method, deadline);
+CallOutcome Ask(const Caller &call, const CallRequest &request, Record &record) {
+    CallOutcome outcome = call(request);
     if (!outcome.Ok()) {
         return outcome;
     }
@@ -82,7 +84,8 @@ CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::str
         record = std::move(read);
     } catch (const nlohmann::json::exception &error) {
         outcome.errCode = EBADMSG;
-        outcome.text = std::string(kRuntimeService) + "." + std::string(method) + ": not its answer: " + error.what();
+        outcome.text =
+            std::string(kRuntimeService) + "." + std::string(request.method) + ": not its answer: " + error.what();
     }
     return outcome;
 }
@@ -91,21 +94,25 @@ CallOutcome Ask(Client &client, std::string_view service, uint32_t pid, std::str
 
 CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, ServerHealth &health,
                       std::chrono::milliseconds deadline) {
-    return Ask(client, service, pid, "Health", health, deadline);
+    return Ask(CallerOf(client), RequestOf(service, pid, "Health", deadline), health);
+}
+
+CallOutcome AskHealth(const Caller &call, std::string_view service, uint32_t pid, ServerHealth &health) {
+    return Ask(call, RequestOf(service, pid, "Health", {}), health);
 }
 
 CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
                       std::chrono::milliseconds deadline) {
-    return Ask(client, service, pid, "Status", status, deadline);
+    return Ask(CallerOf(client), RequestOf(service, pid, "Status", deadline), status);
 }
 
 CallOutcome AskCapture(Client &client, std::string_view service, uint32_t pid, std::chrono::milliseconds deadline) {
-    return Ask(client, service, pid, "Capture", deadline);
+    return client.Call(RequestOf(service, pid, "Capture", deadline));
 }
 
 CallOutcome AskDescription(Client &client, std::string_view service, uint32_t pid, std::string &description,
                            std::chrono::milliseconds deadline) {
-    CallOutcome outcome = Ask(client, service, pid, "Describe", deadline);
+    CallOutcome outcome = client.Call(RequestOf(service, pid, "Describe", deadline));
     if (outcome.Ok()) {
         description.assign(outcome.bytes.begin(), outcome.bytes.end());
     }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -68,6 +69,10 @@ CallOutcome AskHealth(Client &client, std::string_view service, uint32_t pid, Se
                       std::chrono::milliseconds deadline = {});
 CallOutcome AskStatus(Client &client, std::string_view service, uint32_t pid, ServerStatus &status,
                       std::chrono::milliseconds deadline = {});
+
+// The same by a function that calls, which waits in its own way.
+using Caller = std::function<CallOutcome(const CallRequest &)>;
+CallOutcome AskHealth(const Caller &call, std::string_view service, uint32_t pid, ServerHealth &health);
 
 // What a server has received and sent since it was asked on the same connection before, as tapped_frame.h reads it.
 CallOutcome AskCapture(Client &client, std::string_view service, uint32_t pid, std::chrono::milliseconds deadline = {});

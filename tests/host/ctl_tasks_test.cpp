@@ -133,13 +133,50 @@ TEST_F(Tasks, SettingsAreToldWithTheirSourceAndSet) {
     EXPECT_EQ(setting("cpu.begins-at")["value"], 900);
     EXPECT_EQ(setting("cpu.begins-at")["source"], "a client");
     EXPECT_EQ(setting("cpu.ends-below")["value"], 800);
-    EXPECT_EQ(setting("health.load.limit")["value"], "3.00");
+    EXPECT_EQ(setting("health.load.limit")["value"], 3000);
+    EXPECT_EQ(setting("health.load.limit")["source"], "a client");
+    EXPECT_EQ(setting("health.disk.limit")["source"], "the default");
     EXPECT_EQ(Out("settings reset"), "");
     EXPECT_EQ(setting("cpu.begins-at")["source"], "the default");
     ExpectFailure(2, "settings set cpu.begin-at=90%", "cpu.begin-at: no such setting; did you mean cpu.begins-at?");
     ExpectFailure(2, "settings set cpu.begins-at=190%", "begins-at (uiValue1) is 1900 ‰, expected 0 to 1000");
     ExpectFailure(2, "settings set nonsense", "found nonsense, expected NAME=VALUE");
-    ExpectFailure(2, "settings set measurement.hour=3", "missing minute");
+    ExpectFailure(5, "settings set health.disk.limit=1001",
+                  "limit (uiValue) is 1001, expected a share of at most 1000");
+    ExpectFailure(2, "settings set health.load.limit=3 cpu.begins-at=much", "cpu.begins-at: found much, expected");
+    EXPECT_EQ(setting("health.load.limit")["value"], 3000) << "all or none";
+}
+
+// Also those that the methods which set them don't tell.
+TEST_F(Tasks, EachSettingIsToldAndSet) {
+    const auto all = [&] {
+        std::map<std::string, Json> settings;
+        for (const Json &one : Objects("settings --json")) {
+            settings[one["name"].get<std::string>()] = one;
+        }
+        return settings;
+    };
+    for (const auto &[name, setting] : all()) {
+        EXPECT_EQ(setting["source"], "the default") << name;
+        EXPECT_FALSE(setting["value"].is_null()) << name;
+    }
+    EXPECT_EQ(Out("settings set starvation.on=on starvation.threshold=2s measurement.hour=3 measurement.mode=learn "
+                  "date.format=day-month-year health.disk.limit=85% health.agents.on=off health.on=off"),
+              "");
+    std::map<std::string, Json> settings = all();
+    const std::map<std::string, Json> expected{
+        {"starvation.on", true},    {"starvation.threshold", 2'000'000}, {"measurement.hour", 3},
+        {"measurement.minute", 0},  {"measurement.mode", "learn"},       {"date.format", "day-month-year"},
+        {"health.disk.limit", 850}, {"health.agents.on", false},         {"health.on", false}};
+    for (const auto &[name, value] : expected) {
+        EXPECT_EQ(settings[name]["value"], value) << name;
+        EXPECT_EQ(settings[name]["source"], "a client") << name;
+    }
+    EXPECT_EQ(settings["health.disk.on"]["value"], true) << "the limit alone was set";
+    EXPECT_THAT(Out("settings --no-headers"), ContainsRegex("health.disk.limit +85.0 % +a client\n"));
+    EXPECT_EQ(Out("settings set health.disk.limit=80%"), "");
+    EXPECT_EQ(Out("settings set health.agents.limit=500ms"), "");
+    EXPECT_EQ(all()["health.agents.on"]["value"], false) << "it stays off";
 }
 
 TEST_F(Tasks, HealthOverloadsAndLeaksTellWhatThereIs) {

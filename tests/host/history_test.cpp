@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "host/blackbox/box.h"
-#include "host/daemon/history/history_service.h"
+#include "host/daemon/own_service.h"
 #include "host/meaning/choices.h"
 #include "host/store/document.h"
 #include "tarn_sysdiag/server/tarnd.h"
@@ -469,6 +469,26 @@ TEST_F(HistoryServiceTest, TellsOverloadsAndTheThreadsOfOne) {
     EXPECT_EQ(one().ArrayAt("overloads")[0].ArrayAt("threads")[0].Get<std::string>("stack"), "main+0x1\n");
     denied_ = "DisCpuOvloadCallstackInfo";
     EXPECT_EQ(one().ArrayAt("overloads")[0].Find("threads"), nullptr);
+}
+
+TEST_F(HistoryServiceTest, StandsBesideTheSettings) {
+    daemon->measurement.SetTimes({3, 30}, tarnd::Source::kMaster);
+    daemon->healthSettings.SwitchAll(false);
+    const tarnd::OwnService service(*daemon);
+    EXPECT_TRUE(service.Has("Events"));
+    const host::Document told =
+        host::Document::Parse(service.Tell({"Settings", "", [](std::string_view) { return true; }}).text);
+    const auto setting = [&](std::string_view method) -> const host::Document & {
+        const auto isIt = [&](const host::Document &one) { return one.Get<std::string>("method") == method; };
+        return *std::ranges::find_if(told.ArrayAt("settings"), isIt);
+    };
+    const host::Document &times = setting("TarnSetDimTimeCfgByTarnd");
+    EXPECT_EQ(times.Get<std::string>("source"), "the master");
+    EXPECT_EQ(times.At("request").Get<uint32_t>("ucValue1"), 3);
+    EXPECT_EQ(times.At("request").Get<uint32_t>("ucValue2"), 30);
+    EXPECT_EQ(setting("TarnPadsSetPadsGlobalSwitchByTarnd").Get<std::string>("source"), "a client");
+    EXPECT_EQ(setting("SysOvLoadMemThresholdSet").Get<std::string>("source"), "the default");
+    EXPECT_EQ(setting("SysOvLoadMemThresholdSet").At("request").Get<uint32_t>("uiValue1"), 900);
 }
 
 TEST_F(HistoryServiceTest, TellsFigures) {

@@ -7,14 +7,13 @@
 #include <sstream>
 
 #include "host/ctl/listing.h"
-#include "host/ctl/outcome.h"
+#include "host/ctl/own_service.h"
 #include "host/ctl/tasks/reports.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/ctl/terminal.h"
 #include "host/ctl/units.h"
 #include "host/describe/moment.h"
 #include "host/osal/text.h"
-#include "host/runtime/status.h"
 
 namespace ctl {
 
@@ -46,23 +45,9 @@ std::string EndText(const Json &overload) {
 
 // ---- Of the CPUs, by a process ----
 
-// Those of the daemon's history; with a number that one, and its threads.
-Json CpuOverloads(Server &server, uint64_t number = 0) {
-    UseZoneOf(server.GetClient(), RequireMethod("DisCpuOvloadInfo"), 0);
-    const std::string question = Json{{"number", number}}.dump();
-    const host::CallOutcome outcome =
-        server.GetClient().Call({.service = host::kRuntimeService,
-                                 .method = "Overloads",
-                                 .request = {reinterpret_cast<const uint8_t *>(question.data()), question.size()},
-                                 .socketOf = "TarnSysdiagTarnd"});
-    if (!outcome.Ok()) {
-        throw FailureOf(host::kRuntimeService, "Overloads", outcome);
-    }
-    return Json::parse(outcome.bytes).at("overloads");
-}
-
 void AddCpuOverloads(Server &server, std::vector<Row> &rows) {
-    for (const Json &one : CpuOverloads(server)) {
+    server.UseZone();
+    for (const Json &one : CpuOverloads(server.GetClient())) {
         const Time began = TimeOfMs(one.at("began_ms"));
         const Json &end = one.at("ended_ms");
         const std::string kind = one.at("of") == "system" ? "cpu" : "process";
@@ -176,7 +161,8 @@ void PrintThread(const Json &thread, const Style &style) {
 
 // The newest where no number is given.
 Json Chosen(Server &server, const std::string &number) {
-    const Json all = CpuOverloads(server);
+    server.UseZone();
+    const Json all = CpuOverloads(server.GetClient());
     const auto numberOf = [](const Json &one) { return one.at("number").get<uint64_t>(); };
     const auto found =
         number.empty() ? std::ranges::max_element(all, {}, numberOf)
@@ -186,8 +172,7 @@ Json Chosen(Server &server, const std::string &number) {
                                   ? "no overload of the CPUs"
                                   : fmt::format("{}: no such overload; tarnctl overloads lists them", number));
     }
-    const Json whole = CpuOverloads(server, numberOf(*found));
-    return whole.empty() ? *found : whole.front(); // it may just have been dropped
+    return WithThreads(server.GetClient(), *found);
 }
 
 void Show(Server &server, const std::string &number, bool json) {

@@ -4,19 +4,28 @@
 
 #include <algorithm>
 #include <iostream>
-#include <map>
+#include <iterator>
 
 #include "host/ctl/listing.h"
+#include "host/ctl/own_service.h"
 #include "host/ctl/tasks/tasks.h"
+#include "host/ctl/values.h"
 #include "host/describe/named.h"
+#include "host/describe/quantity.h"
 #include "host/meaning/choices.h"
 #include "host/meaning/meaning.h"
 
 namespace ctl {
 
 using host::describe::DidYouMean;
+using host::describe::FindMethod;
 using host::describe::Json;
+using host::describe::Method;
+using host::meaning::Choice;
+using host::meaning::Kind;
 using host::meaning::Member;
+using host::meaning::Value;
+namespace items = host::meaning::system_health_item;
 
 namespace {
 
@@ -28,82 +37,112 @@ struct Options {
 // The members of a method's request are settings: "cpu." and the name of one.
 struct Group {
     const char *name;
-    const char *set;
-    const char *get; // which has the same members; null where nothing tells them
+    std::string_view method;
 };
 constexpr Group kGroups[] = {
-    {"cpu", "SysOvLoadCpuThresholdSet", "GetSysCpuOverloadCfg"},
-    {"memory", "SysOvLoadMemThresholdSet", "GetSysMemOverloadCfg"},
-    {"starvation", "SetTaskSwitch", nullptr},
-    {"starvation", "SetTaskStarvThreshold", nullptr},
-    {"measurement", "TarnSetDimTimeCfgByTarnd", nullptr},
-    {"measurement", "TarnSetDimWorkModeCfgByTarnd", nullptr},
-    {"date", "SetDateFormat", nullptr},
-    {"health", "TarnPadsSetPadsGlobalSwitchByTarnd", "TarnPadsGetSystemHealthInfoByTarnd"},
+    {"cpu", "SysOvLoadCpuThresholdSet"},
+    {"memory", "SysOvLoadMemThresholdSet"},
+    {"starvation", "SetTaskSwitch"},
+    {"starvation", "SetTaskStarvThreshold"},
+    {"measurement", "TarnSetDimTimeCfgByTarnd"},
+    {"measurement", "TarnSetDimWorkModeCfgByTarnd"},
+    {"date", "SetDateFormat"},
+    {"health", "TarnPadsSetPadsGlobalSwitchByTarnd"},
 };
-constexpr char kSetItem[] = "TarnPadsSetPadsAppFunSwitchByTarnd"; // health.disk.limit
 
 std::span<const Member> MembersOf(const Group &group) {
-    return RequireMethod(group.set).meaning->request->members;
+    return RequireMethod(std::string(group.method)).meaning->request->members;
 }
 
 // ---- What is set ----
 
-// "thresholds from a client"
-std::string SourceOf(const std::string &explanation) {
-    const size_t from = explanation.find(" from ");
-    return from == explanation.npos ? "-" : explanation.substr(from + 6);
+// What is in force, as the request that would set it.
+struct InForce {
+    const Method *method;
+    Json request; // the wire's
+    std::string source;
+    bool isChanged = false;
+
+    std::span<const Member> Members() const { return method->meaning->request->members; }
+    uint64_t Number(const Member &member) const { return request.at(std::string(member.wire)).get<uint64_t>(); }
+};
+
+// Those that are known here.
+std::vector<InForce> AskSettings(Server &server) {
+    std::vector<InForce> settings;
+    const Json told = AskOwnService(server.GetClient(), "Settings");
+    for (const Json &one : told.at("settings")) {
+        if (const Method *const method = FindMethod(one.at("method").get<std::string>())) {
+            settings.push_back({method, one.at("request"), one.at("source").get<std::string>()});
+        }
+    }
+    return settings;
 }
+
+// The health item that is set; null for another setting.
+const Choice *ItemOf(const InForce &setting) {
+    const auto item = std::ranges::find(setting.Members(), "item", &Member::name);
+    if (item == setting.Members().end()) {
+        return nullptr;
+    }
+    const auto *const found = std::ranges::find(items::kAll, setting.Number(*item), &Choice::value);
+    return found == std::end(items::kAll) ? nullptr : found;
+}
+
+// "cpu", "health.disk"; empty for what only a later daemon has.
+std::string GroupNameOf(const InForce &setting) {
+    const Choice *const item = ItemOf(setting);
+    const auto *const group = std::ranges::find(kGroups, std::string_view(setting.method->name), &Group::method);
+    return item != nullptr ? fmt::format("health.{}", item->name) : group == std::end(kGroups) ? "" : group->name;
+}
+
+// A limit is in what its item measures.
+Value ValueOf(const InForce &setting, const Member &member) {
+    const Choice *const item = member.name == "limit" ? ItemOf(setting) : nullptr;
+    Value value = member.value;
+    if (item != nullptr) {
+        value.kind = *item == items::kLoad                                      ? Kind::kThousandths
+                     : *item == items::kAgents || *item == items::kCpuEventTime ? Kind::kMilliseconds
+                                                                                : Kind::kPermille;
+    }
+    return value;
+}
+
+struct Row {
+    std::vector<std::string> cells;
+    Json json;
+};
 
 // What 0 means is told as the setting says it.
-std::string ValueOf(const Reply &reply, const Member &member) {
-    const bool isZero = reply[member.name] == 0 && !member.value.zero.empty();
-    return isZero ? std::string(member.value.zero) : reply.Text(member.name);
+Row RowOf(const std::string &group, const InForce &setting, const Member &member) {
+    const std::string name = fmt::format("{}.{}", group, member.name);
+    const Choice *const item = member.name == "limit" ? ItemOf(setting) : nullptr;
+    const uint64_t number = setting.Number(member);
+    const bool isZero = number == 0 && !member.value.zero.empty();
+    const std::string text = isZero ? std::string(member.value.zero) : ValueText(ValueOf(setting, member), number);
+    const Json named = host::describe::ToNamed(setting.request, *setting.method->meaning->request);
+    return {{name, text, setting.source, std::string(item == nullptr ? member.sentence : item->sentence)},
+            {{"name", name}, {"value", named.at(host::describe::KeyOf(member))}, {"source", setting.source}}};
 }
 
-void AddGroup(Server &server, const Group &group, Listing &listing) {
-    const std::optional<Reply> reply = group.get == nullptr ? std::nullopt : std::optional(server.Ask(group.get));
-    const Json named = reply ? reply->Named() : Json();
-    for (const Member &member : MembersOf(group)) {
-        const std::string name = fmt::format("{}.{}", group.name, member.name);
-        const std::string source = reply ? SourceOf(reply->explanation) : "-";
-        listing.Add({name, reply ? ValueOf(*reply, member) : "not told", source, std::string(member.sentence)},
-                    {{"name", name},
-                     {"value", reply ? named.at(host::describe::KeyOf(member)) : Json()},
-                     {"source", source == "-" ? Json() : Json(source)}});
+std::vector<Row> Rows(Server &server) {
+    std::vector<Row> rows;
+    for (const InForce &setting : AskSettings(server)) {
+        const std::string group = GroupNameOf(setting);
+        for (const Member &member : group.empty() ? std::span<const Member>() : setting.Members()) {
+            if (member.name != "item") {
+                rows.push_back(RowOf(group, setting, member));
+            }
+        }
     }
-}
-
-// An item that is on is looked at, and what is found ends with its limit.
-void AddItems(Server &server, Listing &listing) {
-    namespace items = host::meaning::system_health_item;
-    const Elements looked = server.Ask("TarnPadsGetSystemHealthInfoByTarnd").In("items");
-    for (const host::meaning::Choice &item : items::kAll) {
-        const auto found = std::ranges::find_if(looked.wire, [&](const Json &one) {
-            const std::string name = looked.Text(one, "name");
-            return name.substr(0, name.find(' ')) == item.name;
-        });
-        const bool isOn = found != looked.wire.end();
-        const std::string text = isOn ? looked.Text(*found, "found") : "";
-        const size_t limit = text.rfind("limit ");
-        const std::string limitText = limit == text.npos ? "not told" : text.substr(limit + 6);
-        const std::string name = fmt::format("health.{}", item.name);
-        const bool isLooked = item != items::kAgents && item != items::kCpuEvent && item != items::kCpuEventTime;
-        const std::string state = !isLooked ? "not told" : isOn ? "on" : "off";
-        listing.Add({name + ".on", state, "-", "Whether it is looked at."},
-                    {{"name", name + ".on"}, {"value", isLooked ? Json(isOn) : Json()}, {"source", nullptr}});
-        listing.Add(
-            {name + ".limit", limitText, "-", std::string(item.sentence)},
-            {{"name", name + ".limit"}, {"value", limit == text.npos ? Json() : Json(limitText)}, {"source", nullptr}});
-    }
+    return rows;
 }
 
 void List(Server &server, const Options &options) {
     Listing listing(options.list, {"name", "value", "source", "meaning"}, {"name", "value", "source"});
-    for (const Group &group : kGroups) {
-        AddGroup(server, group, listing);
+    for (const Row &row : Rows(server)) {
+        listing.Add(row.cells, row.json);
     }
-    AddItems(server, listing);
     listing.Show("no settings");
 }
 
@@ -137,7 +176,7 @@ std::vector<std::string> Names() {
             names.push_back(fmt::format("{}.{}", group.name, member.name));
         }
     }
-    for (const host::meaning::Choice &item : host::meaning::system_health_item::kAll) {
+    for (const Choice &item : items::kAll) {
         names.push_back(fmt::format("health.{}.on", item.name));
         names.push_back(fmt::format("health.{}.limit", item.name));
     }
@@ -151,49 +190,36 @@ std::vector<std::string> Names() {
                                       DidYouMean(name, {names.begin(), names.end()})));
 }
 
-// What isn't stated stays as it is, where that is told.
-void Set(Server &server, const Group &group, const std::map<std::string, std::string> &stated) {
-    const std::optional<Reply> now = group.get == nullptr ? std::nullopt : std::optional(server.Ask(group.get));
-    std::vector<std::string> words;
-    for (const Member &member : MembersOf(group)) {
-        const std::string name(member.name);
-        if (const auto value = stated.find(name); value != stated.end()) {
-            words.push_back(fmt::format("{}={}", name, value->second));
-        } else if (now) {
-            words.push_back(fmt::format("{}={}", name, (*now)[name].get<uint64_t>()));
+void Change(std::vector<InForce> &settings, const Wish &wish) {
+    for (InForce &setting : settings) {
+        const auto member = std::ranges::find(setting.Members(), wish.member, &Member::name);
+        if (GroupNameOf(setting) != wish.group || member == setting.Members().end() || member->name == "item") {
+            continue;
+        }
+        try {
+            const Value value = ValueOf(setting, *member);
+            setting.request[std::string(member->wire)] = host::describe::ParseQuantity(value, wish.value);
+            setting.isChanged = true;
+            return;
+        } catch (const host::describe::QuantityError &error) {
+            throw Failure(kUsage, fmt::format("{}.{}: {}", wish.group, wish.member, error.what()));
         }
     }
-    server.Ask(group.set, words);
+    FailOf(wish);
 }
 
-// An item is set whole: its switch is stated, or on.
-void SetItem(Server &server, const std::string &item, std::map<std::string, std::string> stated) {
-    stated.try_emplace("on", "on");
-    std::vector<std::string> words{"item=" + item};
-    for (const auto &[name, value] : stated) {
-        words.push_back(fmt::format("{}={}", name, value));
-    }
-    server.Ask(kSetItem, words);
-}
-
+// What isn't stated stays as it is.
 void SetAll(Server &server, std::span<const std::string> words) {
-    std::map<const Group *, std::map<std::string, std::string>> groups;
-    std::map<std::string, std::map<std::string, std::string>> items;
-    for (const std::string &word : words) {
-        const Wish wish = WishOf(word);
-        if (const Group *const group = GroupOf(wish)) {
-            groups[group][wish.member] = wish.value;
-        } else if (wish.group.starts_with("health.")) {
-            items[wish.group.substr(wish.group.find('.') + 1)][wish.member] = wish.value;
-        } else {
-            FailOf(wish);
+    std::vector<Wish> wishes;
+    std::ranges::transform(words, std::back_inserter(wishes), WishOf);
+    std::vector<InForce> settings = AskSettings(server);
+    for (const Wish &wish : wishes) {
+        Change(settings, wish);
+    }
+    for (const InForce &setting : settings) {
+        if (setting.isChanged) {
+            server.Ask(setting.method->name, setting.request);
         }
-    }
-    for (const auto &[group, stated] : groups) {
-        Set(server, *group, stated);
-    }
-    for (const auto &[item, stated] : items) {
-        SetItem(server, item, stated);
     }
 }
 
@@ -213,6 +239,12 @@ void Settings(const Globals &globals, const Options &options) {
 
 } // namespace
 
+std::vector<Json> SettingObjects(Server &server) {
+    std::vector<Json> objects;
+    std::ranges::transform(Rows(server), std::back_inserter(objects), &Row::json);
+    return objects;
+}
+
 std::vector<std::string> SettingWords(const std::string &word) {
     std::vector<std::string> words;
     const size_t sign = word.find('=');
@@ -229,8 +261,7 @@ std::vector<std::string> SettingWords(const std::string &word) {
     if (wish.member == "on") {
         return {word.substr(0, sign) + "=off", word.substr(0, sign) + "=on"};
     }
-    for (const host::meaning::Choice &choice :
-         member == members.end() ? std::span<const host::meaning::Choice>() : member->value.choices) {
+    for (const Choice &choice : member == members.end() ? std::span<const Choice>() : member->value.choices) {
         words.push_back(fmt::format("{}={}", word.substr(0, sign), choice.name));
     }
     return words;
@@ -240,11 +271,11 @@ void AddSettings(CLI::App &app, const Globals &globals) {
     const auto options = std::make_shared<Options>();
     CLI::App *const task = AddTask(app, "settings", "Thresholds and switches of the daemon, and whose they are",
                                    {"settings", "settings set cpu.begins-at=90% cpu.must-last=10s",
-                                    "settings set health.disk.limit=850", "settings reset"});
+                                    "settings set health.disk.limit=85%", "settings reset"});
     task->add_option(
             "WHAT", options->words,
             "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each; \"reset\" gives up what clients "
-            "have set for what the master has or the default")
+            "have set of overloads, measurement and the clock for what the master has or the default")
         ->option_text(" ");
     AddListOptions(*task, options->list);
     task->callback([&globals, options] { Settings(globals, *options); });

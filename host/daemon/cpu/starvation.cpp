@@ -23,13 +23,13 @@ Starvation::Starvation(host::Store &store, Journal &journal, Sampler &sampler, c
         settings_ = settings;
     });
     sampler.OnProcesses(
-        "starvation", [this] { return IsOn(); },
+        "starvation", [this] { return Settings().on; },
         [this](const SamplePtr &previous, const SamplePtr &latest) { Take(*previous, *latest); });
 }
 
-bool Starvation::IsOn() const {
+StarvationSettings Starvation::Settings() const {
     const host::MutexLock lock(mutex_);
-    return settings_.on;
+    return settings_;
 }
 
 void Starvation::Switch(bool on) {

@@ -22,6 +22,8 @@ struct StarvationRecord {
 struct StarvationSettings {
     bool on = false;
     std::chrono::milliseconds threshold{1000};
+
+    bool operator==(const StarvationSettings &) const = default;
 };
 
 class Starvation {
@@ -34,6 +36,7 @@ public:
     // Kept beyond a restart.
     void Switch(bool on);
     void SetThreshold(std::chrono::milliseconds threshold);
+    StarvationSettings Settings() const;
 
     // None of a thread that has not starved since it started, or since Reset.
     std::optional<StarvationRecord> Of(uint32_t pid, uint32_t tid) const;
@@ -49,7 +52,6 @@ private:
         StarvationRecord record;
     };
 
-    bool IsOn() const;
     void Set(const StarvationSettings &settings) TARN_REQUIRES(mutex_);
     void Take(const Sample &previous, const Sample &latest);
     // Throws where the thread has ended or is hidden.

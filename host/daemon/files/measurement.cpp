@@ -210,9 +210,14 @@ void Measurement::ForgetClients() {
     Change(changed);
 }
 
-Source Measurement::SourceOfTimes() const {
+Setting<MeasurementTimes> Measurement::Times() const {
     const host::MutexLock lock(mutex_);
-    return settings_.times.From();
+    return settings_.times;
+}
+
+Setting<uint32_t> Measurement::Mode() const {
+    const host::MutexLock lock(mutex_);
+    return settings_.mode;
 }
 
 bool Measurement::Settings::IsByTime() const {

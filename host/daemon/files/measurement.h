@@ -57,7 +57,8 @@ public:
     void SetTimes(MeasurementTimes times, Source source = Source::kClient);
     void SetMode(uint32_t mode, Source source = Source::kClient);
     void ForgetClients(); // what they have set
-    Source SourceOfTimes() const;
+    Setting<MeasurementTimes> Times() const;
+    Setting<uint32_t> Mode() const;
 
     // True when the waiter will be answered, once the work is done.
     bool Operate(uint32_t operation, MeasurementWaiter waiter);

@@ -40,6 +40,6 @@ uint32_t TarnGetDimMeasRstByTarnd(const Tarn_sys_diag_None *request, void *reply
         state = last.code;
         host::CopyText(text, last.text);
         differences = last.differences;
-        tarnd::ExplainSource(replyCtx, "times", Daemon::Serving().measurement.SourceOfTimes());
+        tarnd::ExplainSource(replyCtx, "times", Daemon::Serving().measurement.Times().From());
     });
 }

@@ -125,15 +125,21 @@ bool HealthSettings::AllOn() const {
 }
 
 bool HealthSettings::IsOn(uint32_t item) const {
-    const host::MutexLock lock(mutex_);
-    const auto set = functions_.find(item);
-    return allOn_ && (set == functions_.end() || set->second.on);
+    return AllOn() && Of(item).on;
 }
 
 uint32_t HealthSettings::LimitOf(uint32_t item) const {
+    return Of(item).limit;
+}
+
+HealthSettings::Item HealthSettings::Of(uint32_t item) const {
     const host::MutexLock lock(mutex_);
     const auto set = functions_.find(item);
-    return set == functions_.end() || set->second.limit == 0 ? DefaultLimit(item) : set->second.limit;
+    if (set == functions_.end()) {
+        return {true, DefaultLimit(item), false};
+    }
+    const auto &[on, limit] = set->second;
+    return {on, limit == 0 ? DefaultLimit(item) : limit, true};
 }
 
 std::vector<Tarn_sys_diag_PadsAppFunSwitch> HealthSettings::OfAgents() const {

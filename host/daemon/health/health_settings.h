@@ -27,6 +27,14 @@ public:
     bool IsOn(uint32_t item) const; // and all
     uint32_t LimitOf(uint32_t item) const;
 
+    // An item as it is set, whatever all are, and whether somebody has set it.
+    struct Item {
+        bool on = true;
+        uint32_t limit = 0;
+        bool isSet = false;
+    };
+    Item Of(uint32_t item) const;
+
     // What was set of the agents' functions, in the order in which it is to be told.
     std::vector<Tarn_sys_diag_PadsAppFunSwitch> OfAgents() const;
 

@@ -226,6 +226,11 @@ void LocalClock::SetLocal(const Tarn_sys_diag_Systime &time) {
     SetNow(GmtTime(std::chrono::seconds(seconds) + Millis(time.uiMillisecond)), Source::kClient);
 }
 
+host::DateFormat LocalClock::TheDateFormat() const {
+    const host::MutexLock lock(mutex_);
+    return settings_.dateFormat;
+}
+
 void LocalClock::SetDateFormat(host::DateFormat format) {
     const host::MutexLock lock(mutex_);
     ClockSettings changed = settings_;

@@ -50,6 +50,7 @@ public:
     void SetLocal(const Tarn_sys_diag_Systime &time);
     void TakeMastersGmt(const Tarn_sys_diag_Systime &time); // where no client has set the clock
     void SetDateFormat(host::DateFormat format);
+    host::DateFormat TheDateFormat() const;
 
     // A moment of the system's clock as the daemon's shows it.
     Tarn_sys_diag_Systime LocalTime(host::WallTime when) const;
