@@ -91,12 +91,12 @@ void Screen::Suspend(int) {
 void Repeat(const Repetition &repetition, const MakeFrame &frame, const std::function<void(char)> &onKey,
             std::string_view keys) {
     constexpr size_t kBatchLines = 40; // where no terminal says how much room there is
-    if (repetition.batch || !Screen::IsThere()) {
+    if (repetition.batch || repetition.json || !Screen::IsThere()) {
         for (uint32_t i = 0; i < std::max(repetition.times, 1U); ++i) {
             if (i != 0) {
                 std::this_thread::sleep_for(repetition.delay);
             }
-            std::cout << (i == 0 ? "" : "\n") << frame(kBatchLines) << std::flush;
+            std::cout << (i == 0 || repetition.json ? "" : "\n") << frame(kBatchLines) << std::flush;
         }
         return;
     }

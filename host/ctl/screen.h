@@ -47,6 +47,7 @@ struct Repetition {
     uint32_t times = 0; // 0: until the end
     std::chrono::milliseconds delay{1000};
     bool batch = false; // as where there is no terminal
+    bool json = false;  // the same for programs: nothing between two views
 };
 using MakeFrame = std::function<std::string(size_t lines)>;
 // A key that the view knows is told; the last line names those.

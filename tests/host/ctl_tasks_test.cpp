@@ -75,6 +75,20 @@ TEST_F(Tasks, StackNamesNoFunctionBeyondItsSymbol) {
     EXPECT_THAT(out_, HasSubstr(" main\n"));
 }
 
+TEST_F(Tasks, TopTellsProgramsAnObjectForEachView) {
+    const auto worker = StartWorker();
+    const std::vector<Json> views = Objects("top --json -n 2 -d 1ms");
+    ASSERT_EQ(views.size(), 2u) << out_;
+    EXPECT_GT(views[1]["processes"].size(), 1u);
+    EXPECT_GE(views[1]["processes"][0]["highest_permille"], views[1]["processes"][0]["cpu_permille"]);
+    EXPECT_GE(views[1]["cpus"].size(), 2u) << "all together, and each";
+    EXPECT_GT(views[1]["memory"]["available_bytes"], 0);
+    const Json threads = Objects(fmt::format("top {} --json", worker->Pid())).at(0)["threads"];
+    ASSERT_EQ(threads.size(), 1u);
+    EXPECT_EQ(threads[0]["thread"], worker->Pid());
+    EXPECT_EQ(Objects("ps --json -n 1 --watch=1ms | head -n 3").size(), 3u) << "without empty lines";
+}
+
 TEST_F(Tasks, MemTellsOfNowBeforeAndMappings) {
     EXPECT_THAT(Out("mem"), StartsWith("in use "));
     const auto worker = StartWorker();
@@ -291,7 +305,7 @@ TEST_F(Tasks, TimeIsToldAndSet) {
 }
 
 TEST_F(Tasks, MeasureTellsTheResult) {
-    EXPECT_THAT(Out("measure result"), StartsWith("none: "));
+    EXPECT_EQ(Out("measure result"), "nothing was measured yet\n");
     EXPECT_THAT(Objects("measure forget --json").at(0)["state"].get<std::string>(), testing::Eq("none"));
     EXPECT_EQ(Run("measure nonsense"), 2);
 }
@@ -334,6 +348,9 @@ TEST_F(OnScreen, APagerGetsWholeLines) {
     EXPECT_EQ(ps.Wait(), 0);
     EXPECT_THAT(ps.Output(), HasSubstr("paged:"));
     EXPECT_THAT(ps.Output(), Not(HasSubstr("…")));
+    OnTerminal health = Show("TARN_PAGER='sed s/^/paged:/'", "health");
+    EXPECT_EQ(health.Wait(), 0);
+    EXPECT_THAT(health.Output(), StartsWith("paged:")) << "also what stands above the table";
 }
 
 // The application's command ends when the application does.

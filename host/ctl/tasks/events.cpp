@@ -6,6 +6,7 @@
 
 #include "host/ctl/journal.h"
 #include "host/ctl/tasks/tasks.h"
+#include "host/ctl/terminal.h"
 #include "host/describe/moment.h"
 
 namespace ctl {
@@ -108,7 +109,12 @@ private:
 
 void Events(const Globals &globals, const Options &options) {
     Reader reader(globals, options);
-    options.follow ? reader.Follow() : reader.ReadAll();
+    if (options.follow) {
+        reader.Follow();
+    } else {
+        const Output output(!options.json);
+        reader.ReadAll();
+    }
 }
 
 } // namespace

@@ -29,11 +29,14 @@ void Health(const Globals &globals, const Options &options) {
     const Elements items = reply.In("items");
     Listing listing(options.list, items.meaning, {"level", "name", "source", "found"});
     listing.Add(items);
+    const Output output(!options.list.json);
     if (!options.list.json && !options.list.noHeaders) {
         std::cout << (reply["on"] == 0 ? "the health items are switched off: nothing is looked at\n"
-                                       : Coloured(StyleOfOutput(), reply.Text("level")) + " is the worst level\n");
+                                       : Coloured(output.GetStyle(), reply.Text("level")) + " is the worst level\n");
     }
-    listing.Show("no items");
+    if (!items.wire.empty()) {
+        listing.Print(std::cout, output.GetStyle());
+    }
 }
 
 } // namespace

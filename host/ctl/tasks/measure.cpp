@@ -22,11 +22,22 @@ struct Options {
     bool follow = false, json = false;
 };
 
+std::string TextOf(const Reply &reply) {
+    switch (reply["state"].get<uint32_t>()) {
+    case measurement_state::kNone:
+        return "nothing was measured yet";
+    case measurement_state::kNoBaseline:
+        return "there is nothing recorded to compare with: tarnctl measure record records what runs now";
+    default:
+        return reply.Text("state") + ": " + reply.Text("text");
+    }
+}
+
 void Print(const Reply &reply, bool json) {
     if (json) {
         std::cout << reply.Named().dump() << "\n";
     } else {
-        std::cout << reply.Text("state") << ": " << reply.Text("text") << "\n";
+        std::cout << TextOf(reply) << "\n";
     }
 }
 

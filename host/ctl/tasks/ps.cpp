@@ -65,8 +65,9 @@ void Watch(Server &server, const Options &options) {
         }
         return out.str();
     };
-    const Repetition repetition{.times = Screen::IsThere() ? 0 : UINT32_MAX,
-                                .delay = ParseTime("--watch", options.delay)};
+    const Repetition repetition{.times = Screen::IsThere() && !options.list.json ? 0 : UINT32_MAX,
+                                .delay = ParseTime("--watch", options.delay),
+                                .json = options.list.json};
     Repeat(
         repetition, frame, [](char) {}, "q ends");
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <sstream>
 
 #include "host/ctl/process.h"
@@ -10,6 +11,7 @@
 #include "host/ctl/server.h"
 #include "host/ctl/table.h"
 #include "host/ctl/tasks/tasks.h"
+#include "host/describe/moment.h"
 #include "host/osal/text.h"
 
 namespace ctl {
@@ -30,6 +32,7 @@ public:
     View(Server &server, uint32_t process) : server_(server), threadsOf_(process) {}
 
     std::string Frame(size_t lines);
+    std::string JsonFrame(); // a line
     void OnKey(char key);
 
 private:
@@ -46,7 +49,7 @@ private:
     uint64_t threadsOf_;          // in place of the processes and threads of the system, unless 0
 };
 
-// "12.3 %" of an item that starts with it; nothing for one that is off, or can't be told.
+// "12.3 %" of an item that starts with it; what is said of one that is off, or can't be told.
 std::string Pressure(Server &server, const char *item) {
     const Elements items = server.Ask("TarnPadsGetSystemHealthInfoByTarnd", Json{{"item", item}}).In("items");
     if (items.wire.empty()) {
@@ -54,6 +57,12 @@ std::string Pressure(Server &server, const char *item) {
     }
     const std::string found = items.Text(items.wire.front(), "found");
     return found.find('%') == found.npos ? "unknown" : found.substr(0, found.find('%') + 1);
+}
+
+Json PressurePermille(Server &server, const char *item) {
+    unsigned percent = 0, tenths = 0;
+    const bool isKnown = sscanf(Pressure(server, item).c_str(), "%u.%u %%", &percent, &tenths) == 2;
+    return isKnown ? Json(percent * 10 + tenths) : Json();
 }
 
 // What there is to say of the processes does not move them.
@@ -89,9 +98,11 @@ void View::PrintProcesses(std::ostream &out, Elements processes, size_t rows) {
         {"PROCESS", "CPU", "NAME", "HIGHEST", "USER TIME", "SYSTEM TIME", "RESIDENT", "THREADS", "STATE", "USER"});
     for (size_t i = 0; i < processes.wire.size(); ++i) {
         std::vector<std::string> row;
-        for (const char *member : {"process", "cpu", "name", "highest", "user-time", "system-time", "resident",
-                                   "threads", "state", "user"}) {
+        for (const char *member : {"process", "cpu", "name"}) {
             row.push_back(processes.Text(processes.wire[i], member));
+        }
+        for (const char *member : {"highest", "user-time", "system-time", "resident", "threads", "state", "user"}) {
+            row.push_back(shown_[i] == 0 ? "-" : processes.Text(processes.wire[i], member)); // else it is nobody's
         }
         if (i == chosen_) {
             row.back() += " <";
@@ -159,6 +170,29 @@ std::string View::Frame(size_t lines) {
     return out.str();
 }
 
+// All processes, and the busiest threads; or those of the one process.
+std::string View::JsonFrame() {
+    constexpr uint32_t kThreads = 20;
+    Json frame{{"time", host::describe::Rfc3339(std::chrono::system_clock::now())},
+               {"cpus", server_.Ask("MultiCpuUsageQuery").In("cpus").Named()},
+               {"memory", server_.Ask("GetKpiMemoryInfo").Named()},
+               {"cpu_pressure_permille", PressurePermille(server_, "cpu-pressure")},
+               {"memory_pressure_permille", PressurePermille(server_, "memory-pressure")},
+               {"io_pressure_permille", PressurePermille(server_, "io-pressure")}};
+    if (threadsOf_ == 0) {
+        Elements processes = server_.Ask("SysCpuStatInfoQuery").In("processes");
+        processes.SortBy(order_);
+        frame["processes"] = processes.Named();
+        frame["threads"] = server_.Ask("CalculateAllThreadCpuUse", Json{{"most", kThreads}}).In("threads").Named();
+    } else {
+        const Json request{{"process", threadsOf_}, {"most", kThreads}};
+        const auto reply = server_.AskUnless({ESRCH}, "CalculateProcThreadCpuUse", request);
+        frame["process"] = threadsOf_;
+        frame["threads"] = reply ? reply->In("threads").Named() : Json(); // null: it has ended
+    }
+    return frame.dump() + "\n";
+}
+
 void View::OnKey(char key) {
     switch (key) {
     case 'c':
@@ -188,7 +222,9 @@ void Top(const Globals &globals, const Options &options) {
     Server server(globals);
     View view(server, options.process.empty() ? 0 : FindProcess(server, options.process).pid);
     Repeat(
-        options.repetition, [&](size_t lines) { return view.Frame(lines); }, [&](char key) { view.OnKey(key); }, kKeys);
+        options.repetition,
+        [&](size_t lines) { return options.repetition.json ? view.JsonFrame() : view.Frame(lines); },
+        [&](char key) { view.OnKey(key); }, kKeys);
 }
 
 } // namespace
@@ -196,7 +232,7 @@ void Top(const Globals &globals, const Options &options) {
 void AddTop(CLI::App &app, const Globals &globals) {
     const auto options = std::make_shared<Options>();
     CLI::App *const task = AddTask(app, "top", "The busiest processes and threads, again and again; q ends it",
-                                   {"top", "top worker", "top --batch -n 3 -d 10s"});
+                                   {"top", "top worker", "top --batch -n 3 -d 10s", "top --json"});
     task->add_option(kProcess, options->process, "The threads of this process")->option_text(" ");
     task->add_option("-n", options->repetition.times, "How often; default until q, or once when not on a terminal")
         ->option_text("N");
@@ -204,6 +240,8 @@ void AddTop(CLI::App &app, const Globals &globals) {
                      "Time between: 500ms, 2s, 1m; default " + TimeText(options->repetition.delay))
         ->option_text("TIME");
     task->add_flag("--batch", options->repetition.batch, "Text without control sequences, also on a terminal");
+    task->add_flag("--json", options->repetition.json,
+                   "For programs: an object a line for each view, with all processes, and at most 20 threads");
     task->callback([&globals, options, task] {
         if (task->count("-d") != 0) {
             options->repetition.delay = ParseTime("-d", options->delay);
