@@ -1,5 +1,8 @@
 #include "host/ctl/interrupt.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <thread>
 
@@ -14,6 +17,11 @@ Interrupts::Interrupts() {
 
 Interrupts::~Interrupts() {
     sigaction(SIGINT, &before_, nullptr);
+}
+
+bool Interrupts::Came() const {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return came_ != 0 || (poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0);
 }
 
 bool Interrupts::Sleep(std::chrono::milliseconds time) const {

@@ -7,7 +7,8 @@
 
 namespace ctl {
 
-// While it lives, the first SIGINT is noted only; the next one ends the program.
+// While it lives, the first SIGINT is noted only; the next one ends the program. That nobody is there any more to read
+// standard output, as where a connection by ssh broke, is the same.
 class Interrupts {
 public:
     Interrupts();
@@ -15,7 +16,7 @@ public:
     Interrupts(const Interrupts &) = delete;
     Interrupts &operator=(const Interrupts &) = delete;
 
-    bool Came() const { return came_ != 0; }
+    bool Came() const;
 
     // False as soon as one came.
     bool Sleep(std::chrono::milliseconds time) const;

@@ -11,8 +11,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
+#include "host/ctl/archive.h"
 #include "host/ctl/commands.h"
+#include "host/ctl/interrupt.h"
 
 namespace ctl {
 
@@ -45,8 +48,33 @@ std::vector<std::string> CommandFor(const std::string &host, const std::vector<s
     return command;
 }
 
-// The exit status; its standard output goes to the descriptor, unless that is -1.
-int Run(const std::vector<std::string> &command, int output) {
+// Held back while it lives, to be taken one by one; a child is to have them as before.
+class HeldSignals {
+public:
+    HeldSignals() {
+        sigemptyset(&held_);
+        sigaddset(&held_, SIGINT);
+        sigaddset(&held_, SIGCHLD);
+        sigprocmask(SIG_BLOCK, &held_, &before_);
+    }
+    ~HeldSignals() { Release(); }
+    HeldSignals(const HeldSignals &) = delete;
+    HeldSignals &operator=(const HeldSignals &) = delete;
+
+    void Release() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    int Next() const {
+        int signal = 0;
+        sigwait(&held_, &signal);
+        return signal;
+    }
+
+private:
+    sigset_t held_{}, before_{};
+};
+
+// The exit status; its standard output goes to the descriptor, unless that is -1. An interrupt ends the connection,
+// which the other end notices.
+int Run(const std::vector<std::string> &command, int output, const HeldSignals &signals) {
     std::vector<char *> words;
     for (const std::string &word : command) {
         words.push_back(const_cast<char *>(word.c_str()));
@@ -54,6 +82,7 @@ int Run(const std::vector<std::string> &command, int output) {
     words.push_back(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
+        signals.Release();
         if (output != -1) {
             dup2(output, STDOUT_FILENO);
         }
@@ -61,13 +90,24 @@ int Run(const std::vector<std::string> &command, int output) {
         fprintf(stderr, "tarnctl: %s: cannot run: %s\n", words[0], strerror(errno));
         _exit(255);
     }
-    std::signal(SIGINT, SIG_IGN); // is for the other end
     int status = 0;
-    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    bool interrupted = false;
+    while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
+        if (signals.Next() == SIGINT) {
+            interrupted = true;
+            kill(pid, SIGINT);
+        }
     }
     constexpr int kOfSsh = 255; // what failed is the connection
     const int code = pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : kOfSsh;
+    if (interrupted && code == kOfSsh) {
+        throw Interrupted("interrupted, and cancelled at the other end");
+    }
     return code == kOfSsh ? kConnection : code;
+}
+
+bool Take(std::vector<std::string> &arguments, std::string_view option) {
+    return std::erase(arguments, option) != 0;
 }
 
 // The file of "-o FILE", which is taken out; by default one of the host's name.
@@ -84,24 +124,59 @@ std::string TakeFile(std::vector<std::string> &arguments, const std::string &hos
     return fmt::format("tarn-{}-{}.tar.gz", host, now);
 }
 
+// A file that is there only when it is complete.
+class PartialFile {
+public:
+    explicit PartialFile(const std::string &file)
+        : file_(file), partial_(file + ".part"),
+          fd_(open(partial_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+        if (fd_ < 0) {
+            Fail(partial_);
+        }
+    }
+    ~PartialFile() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        if (!complete_) {
+            unlink(partial_.c_str());
+        }
+    }
+    PartialFile(const PartialFile &) = delete;
+    PartialFile &operator=(const PartialFile &) = delete;
+
+    int Fd() const { return fd_; }
+    void Complete() {
+        complete_ = close(std::exchange(fd_, -1)) == 0 && rename(partial_.c_str(), file_.c_str()) == 0;
+        if (!complete_) {
+            Fail(file_);
+        }
+    }
+
+private:
+    [[noreturn]] static void Fail(const std::string &file) {
+        throw Failure(kOther, fmt::format("{}: cannot write: {}", file, strerror(errno)));
+    }
+
+    const std::string file_, partial_;
+    int fd_;
+    bool complete_ = false;
+};
+
 int CollectFrom(const std::string &host, std::vector<std::string> arguments) {
+    const HeldSignals signals;
     const std::string file = TakeFile(arguments, host);
     arguments.insert(arguments.end(), {"-o", "-"});
     if (file == "-") {
-        return Run(CommandFor(host, arguments, false), -1);
+        return Run(CommandFor(host, arguments, false), -1, signals);
     }
-    const std::string partial = file + ".part";
-    const int output = open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (output < 0) {
-        throw Failure(kOther, fmt::format("{}: cannot write: {}", partial, strerror(errno)));
+    const bool json = Take(arguments, "--json");
+    PartialFile partial(file);
+    const int code = Run(CommandFor(host, arguments, false), partial.Fd(), signals);
+    if (code == kDone) {
+        partial.Complete();
+        PrintArchive(file, json);
     }
-    const int code = Run(CommandFor(host, arguments, false), output);
-    const bool isWhole = close(output) == 0 && code == kDone;
-    if (!isWhole || rename(partial.c_str(), file.c_str()) != 0) {
-        unlink(partial.c_str());
-        return code == kDone ? static_cast<int>(kOther) : code;
-    }
-    printf("%s\n", file.c_str());
     return code;
 }
 
@@ -134,8 +209,11 @@ std::string TakeHost(std::vector<std::string> &arguments) {
 
 int RunAt(const std::string &host, std::vector<std::string> arguments) {
     const bool collects = CommandOf(arguments) == "collect" && std::ranges::count(arguments, "--help") == 0;
-    return collects ? CollectFrom(host, std::move(arguments))
-                    : Run(CommandFor(host, arguments, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0), -1);
+    if (collects) {
+        return CollectFrom(host, std::move(arguments));
+    }
+    const HeldSignals signals;
+    return Run(CommandFor(host, arguments, isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0), -1, signals);
 }
 
 } // namespace ctl

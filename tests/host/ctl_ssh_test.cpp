@@ -8,6 +8,7 @@ TARN_UNIT()
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include "tests/host/on_terminal.h"
 #include "tests/host/tasks_kit.h"
 
 namespace {
@@ -73,6 +74,19 @@ protected:
         return code;
     }
 
+    // Whether a tarnctl with that command asks this test's daemon, by way of the server.
+    bool RunsThere(const std::string &command) const {
+        const std::string line = std::string("tarnctl") + '\0' + command;
+        const std::string variable = "TARN_RUN_DIR=" + dir_.Path().string();
+        for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+            if (TextOfFile(entry.path() / "cmdline").starts_with(line) &&
+                TextOfFile(entry.path() / "environ").find(variable) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     const uint16_t port_ = FreePort();
     std::unique_ptr<Process> server_;
 };
@@ -89,7 +103,26 @@ TEST_F(AtHost, WhatIsCollectedComesHere) {
     EXPECT_EQ(RunThere("--quiet collect -o there.tar.gz"), 0) << error_;
     EXPECT_EQ(out_, "there.tar.gz\n");
     EXPECT_TRUE(Does("tar tzf there.tar.gz | grep -q processes.json"));
+    EXPECT_EQ(RunThere("--quiet collect -o there.tar.gz --json"), 0) << error_;
+    EXPECT_EQ(Json::parse(out_), (Json{{"file", "there.tar.gz"}, {"missing", Json::array()}}));
     EXPECT_FALSE(std::filesystem::exists(File("there.tar.gz.part")));
+}
+
+// The other end has no terminal: it notices that nobody reads any more.
+TEST_F(AtHost, AnInterruptedCollectionLeavesNothingAtEitherEnd) {
+    daemon_->Signal(SIGSTOP);
+    OnTerminal collect({"/usr/bin/env", "-u", "TARN_RUN_DIR", TARNCTL, "-H", fmt::format("127.0.0.1:{}", port_),
+                        "collect", "-o", File("there.tar.gz")},
+                       {24, 80, 0, 0});
+    ASSERT_TRUE(Eventually([&] { return RunsThere("collect"); })) << collect.Output();
+    EXPECT_TRUE(std::filesystem::exists(File("there.tar.gz.part")));
+    collect.Press("\003");
+    EXPECT_EQ(collect.Wait(), -SIGINT);
+    EXPECT_THAT(collect.Output(), testing::HasSubstr("tarnctl: interrupted"));
+    EXPECT_FALSE(std::filesystem::exists(File("there.tar.gz.part")));
+    EXPECT_FALSE(std::filesystem::exists(File("there.tar.gz")));
+    EXPECT_TRUE(Eventually([&] { return !RunsThere("collect"); })) << "so that the daemon knows";
+    daemon_->Signal(SIGCONT);
 }
 
 TEST_F(AtHost, NoConnectionIsAConnectionError) {

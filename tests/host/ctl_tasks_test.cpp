@@ -224,6 +224,12 @@ TEST_F(Tasks, OverloadsAreListedAndShown) {
     EXPECT_THAT(shown, HasSubstr("\nthread " + std::to_string(pid) + " (sh) of process "));
     EXPECT_GE(Objects("overloads show --json").at(0)["number"], newest["number"]) << "another may have begun since";
     EXPECT_EQ(Objects(show + " --json").at(0)["threads"].at(0)["pid"], pid);
+    EXPECT_EQ(Out("--quiet collect -o all.tar.gz"), "all.tar.gz\n");
+    std::vector<uint64_t> collected;
+    for (const Json &one : Archived("all.tar.gz", "cpu-overloads.jsonl")) {
+        collected.push_back(one["number"].get<uint64_t>());
+    }
+    EXPECT_THAT(collected, testing::Contains(newest["number"].get<uint64_t>()));
     ExpectFailure(2, "overloads show 4711", "4711: no such overload; tarnctl overloads lists them");
     ExpectFailure(2, "overloads of-late", "found of-late, expected list, or show N");
 }
@@ -292,7 +298,12 @@ TEST_F(Tasks, CollectPutsAllIntoOneArchive) {
     }
     EXPECT_TRUE(std::filesystem::is_empty(dir_.Path() / "logs")) << "nothing is left there";
     EXPECT_FALSE(std::filesystem::exists(dir_.Path() / "all.tar.gz.part"));
+    EXPECT_THAT(Archived("all.tar.gz", "settings.jsonl"), testing::SizeIs(Objects("settings --json").size()));
+    const Json told = Objects("--quiet collect -o all.tar.gz --json").at(0);
+    EXPECT_EQ(told["file"], "all.tar.gz");
+    EXPECT_EQ(told["missing"], Json::array());
     ExpectFailure(1, "collect -o /nowhere/all.tar.gz", "/nowhere/all.tar.gz: cannot write");
+    ExpectFailure(2, "collect -o - --json >/dev/null", "--json: expected -o FILE with it");
 }
 
 TEST_F(Tasks, TimeIsToldAndSet) {
@@ -315,6 +326,7 @@ TEST_F(Tasks, EachHasHelpWithExamples) {
                              "collect", "exec", "settings", "measure", "rules", "time"}) {
         const std::string help = Out(std::string(task) + " --help");
         EXPECT_THAT(help, HasSubstr("Examples:\n  tarnctl ")) << task;
+        EXPECT_THAT(help, HasSubstr("  --json ")) << task;
         EXPECT_EQ(Out(std::string("help ") + task), help);
     }
     ExpectFailure(2, "help stacks", "stacks: no such command; did you mean stack, stats?");

@@ -63,6 +63,17 @@ protected:
         }
         return objects;
     }
+    // The lines of a file in an archive that was collected.
+    std::vector<Json> Archived(const std::string &archive, const std::string &file) {
+        Process tar(dir_.Path(), {"/bin/tar", "xzOf", dir_.Path() / archive, "tarn/" + file});
+        EXPECT_EQ(tar.Wait(), 0) << tar.Err();
+        std::istringstream lines(tar.Out());
+        std::vector<Json> objects;
+        for (std::string line; std::getline(lines, line);) {
+            objects.push_back(Json::parse(line));
+        }
+        return objects;
+    }
     void ExpectFailure(int code, const std::string &arguments, const std::string &text) {
         EXPECT_EQ(Run(arguments), code) << arguments;
         EXPECT_THAT(error_, testing::HasSubstr(text)) << arguments;

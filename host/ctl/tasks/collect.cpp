@@ -1,19 +1,21 @@
 // collect: what somebody far away needs to find out what is wrong, in one archive.
-#include <archive.h>
-#include <archive_entry.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 
+#include "host/ctl/archive.h"
 #include "host/ctl/interrupt.h"
 #include "host/ctl/journal.h"
+#include "host/ctl/listing.h"
 #include "host/ctl/outcome.h"
+#include "host/ctl/own_service.h"
 #include "host/ctl/progress.h"
-#include "host/ctl/server.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/describe/moment.h"
 #include "host/osal/text.h"
@@ -27,6 +29,7 @@ namespace {
 
 struct Options {
     std::string file, last;
+    bool json = false;
 };
 
 // A reply of the daemon's that becomes a file; its text where it has one, else JSON.
@@ -48,68 +51,12 @@ constexpr Part kParts[] = {
     {"health.json", "TarnPadsGetSystemHealthInfoByTarnd", "{}", nullptr},
     {"crashes.txt", "GetExceptionInfo", "{}", nullptr},
     {"assertions.txt", "GetAssertInfo", "{}", nullptr},
-    {"cpu-overload.json", "DisCpuOvloadInfo", "{}", nullptr},
-    {"cpu-overload-stacks.json", "DisCpuOvloadCallstackInfo", "{}", nullptr},
     {"cpu-events.json", "TarnPadsGetCpuEventByTarnd", "{}", "within"},
     {"memory-overloads.txt", "MemLeakOrHisQry", R"({"report": "overloads"})", nullptr},
-    {"settings-cpu.json", "GetSysCpuOverloadCfg", "{}", nullptr},
-    {"settings-memory.json", "GetSysMemOverloadCfg", "{}", nullptr},
     {"measurement.json", "TarnGetDimMeasRstByTarnd", "{}", nullptr},
     {"rules.json", "TarnGetMsgRuleInfoTarnd", "{}", nullptr},
     {"subscriptions.json", "TarnGetSubscribeInfoTarnd", "{}", nullptr},
     {"timers.json", "TarnGetTimerInfoTarnd", "{}", nullptr},
-};
-
-// A compressed archive that is there only when it is complete; "-" for standard output.
-class Archive {
-public:
-    explicit Archive(const std::string &file) : file_(file), partial_(file + ".part") {
-        archive_write_add_filter_gzip(archive_.get());
-        archive_write_set_format_pax_restricted(archive_.get());
-        Require(file == "-" ? archive_write_open_fd(archive_.get(), STDOUT_FILENO)
-                            : archive_write_open_filename(archive_.get(), partial_.c_str()));
-    }
-    ~Archive() {
-        if (!complete_ && file_ != "-") {
-            archive_write_close(archive_.get());
-            unlink(partial_.c_str());
-        }
-    }
-    Archive(const Archive &) = delete;
-    Archive &operator=(const Archive &) = delete;
-
-    void Add(const std::string &name, std::string_view content) {
-        const std::unique_ptr<archive_entry, void (*)(archive_entry *)> entry(archive_entry_new(), archive_entry_free);
-        archive_entry_set_pathname(entry.get(), ("tarn/" + name).c_str());
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_perm(entry.get(), 0600);
-        archive_entry_set_mtime(entry.get(), time(nullptr), 0);
-        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(content.size()));
-        Require(archive_write_header(archive_.get(), entry.get()));
-        if (archive_write_data(archive_.get(), content.data(), content.size()) < 0) {
-            Require(ARCHIVE_FATAL);
-        }
-    }
-
-    void Finish() {
-        Require(archive_write_close(archive_.get()));
-        if (file_ != "-" && rename(partial_.c_str(), file_.c_str()) != 0) {
-            throw Failure(kOther, fmt::format("{}: cannot write: {}", file_, strerror(errno)));
-        }
-        complete_ = true;
-    }
-
-private:
-    void Require(int result) const {
-        if (result < ARCHIVE_WARN) {
-            const char *const text = archive_error_string(archive_.get());
-            throw Failure(kOther, fmt::format("{}: cannot write: {}", file_, text == nullptr ? "unknown" : text));
-        }
-    }
-
-    const std::string file_, partial_;
-    const std::unique_ptr<archive, int (*)(archive *)> archive_{archive_write_new(), archive_write_free};
-    bool complete_ = false;
 };
 
 std::string ContentOf(const Reply &reply) {
@@ -123,17 +70,19 @@ class Collection {
 public:
     Collection(const Globals &globals, Server &server, const Options &options)
         : server_(server), options_(options), archive_(options.file),
-          progress_(globals, "collecting", std::size(kParts) + 3), part_(server, progress_) {}
+          progress_(globals, "collecting", std::size(kParts) + 5), part_(server, progress_) {}
 
     void Run() {
         for (const Part &part : kParts) {
             Try(part.file, [&] { archive_.Add(part.file, ContentOf(server_.Ask(part.method, RequestOf(part)))); });
         }
         Try("status.json", [&] { AddStatus(); });
-        Try("events.jsonl", [&] { archive_.Add("events.jsonl", Events()); });
+        Try("settings.jsonl", [&] { AddLines("settings.jsonl", SettingObjects(server_)); });
+        Try("cpu-overloads.jsonl", [&] { AddLines("cpu-overloads.jsonl", Overloads()); });
+        Try("events.jsonl", [&] { AddLines("events.jsonl", Events()); });
         Try("logs.zip", [&] { AddLogs(); });
         if (!missing_.empty()) {
-            archive_.Add("missing.txt", missing_);
+            archive_.Add(kMissing, missing_);
         }
         archive_.Finish();
     }
@@ -144,9 +93,7 @@ private:
     template <class Collect>
     void Try(const char *what, Collect collect) {
         progress_.Set(++done_, what);
-        if (interrupts_.Came()) {
-            throw Interrupted("interrupted: there is no archive");
-        }
+        RequireNoInterrupt();
         try {
             collect();
         } catch (const Failure &failure) {
@@ -156,6 +103,12 @@ private:
             if (failure.Result() != ENODATA) { // then there is nothing to miss
                 missing_ += fmt::format("{}: {}\n", what, host::LineOfText(failure.what()));
             }
+        }
+    }
+
+    void RequireNoInterrupt() const {
+        if (interrupts_.Came()) {
+            throw Interrupted("interrupted: there is no archive");
         }
     }
 
@@ -176,19 +129,42 @@ private:
         archive_.Add("status.json", host::ToJson(status));
     }
 
-    // An event a line.
-    std::string Events() {
+    void AddLines(const char *file, const std::vector<Json> &objects) {
+        std::string lines;
+        for (const Json &object : objects) {
+            lines += object.dump() + "\n";
+        }
+        archive_.Add(file, lines);
+    }
+
+    // By a time in ms.
+    bool IsWanted(const Json &time) const {
         const auto last = options_.last.empty() ? std::chrono::seconds(INT32_MAX) : ParseSpan("--last", options_.last);
         const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return now - std::chrono::milliseconds(time.get<int64_t>()) <= last;
+    }
+
+    std::vector<Json> Events() {
         Journal journal(server_.GetClient(), {});
-        std::string lines;
+        std::vector<Json> events;
         while (journal.IsMore()) {
-            for (const Json &event : journal.Next()) {
-                const std::chrono::milliseconds time(event.at("time_ms").get<int64_t>());
-                lines += now - time <= last ? event.dump() + "\n" : "";
+            std::ranges::copy_if(journal.Next(), std::back_inserter(events),
+                                 [&](const Json &event) { return IsWanted(event.at("time_ms")); });
+        }
+        return events;
+    }
+
+    // All that are kept, and with the threads of those where they may be seen.
+    std::vector<Json> Overloads() {
+        std::vector<Json> overloads;
+        for (const Json &one : CpuOverloads(server_.GetClient())) {
+            RequireNoInterrupt();
+            const Json &end = one.at("ended_ms");
+            if (end.is_null() || IsWanted(end)) {
+                overloads.push_back(WithThreads(server_.GetClient(), one));
             }
         }
-        return lines;
+        return overloads;
     }
 
     // The daemon packs them into its log directory, where the archive is fetched from and removed.
@@ -248,6 +224,9 @@ void Collect(const Globals &globals, Options options) {
     if (options.file == "-" && isatty(STDOUT_FILENO) != 0) {
         throw Failure(kUsage, "-o -: standard output is a terminal, expected a file or a pipe");
     }
+    if (options.file == "-" && options.json) {
+        throw Failure(kUsage, "--json: expected -o FILE with it, as standard output takes the archive");
+    }
     Server server(globals);
     std::string missing;
     {
@@ -259,7 +238,7 @@ void Collect(const Globals &globals, Options options) {
         std::cerr << "tarnctl: not all could be had:\n" << missing;
     }
     if (options.file != "-") {
-        std::cout << options.file << "\n";
+        PrintArchive(options.file, options.json);
     }
 }
 
@@ -272,8 +251,10 @@ void AddCollect(CLI::App &app, const Globals &globals) {
                 {"collect", "collect -o trouble.tar.gz --last 1h", "-H device collect -o device.tar.gz"});
     task->add_option("-o", options->file, "The archive; - for standard output; default tarn-HOST-TIME.tar.gz")
         ->option_text("FILE");
-    task->add_option("--last", options->last, "Of events and histories the last so much time: 10m, 1h; logs are whole")
+    task->add_option("--last", options->last,
+                     "Of events, overloads and histories the last so much time: 10m, 1h; logs are whole")
         ->option_text("TIME");
+    AddJson(*task, options->json);
     task->callback([&globals, options] { Collect(globals, *options); });
 }
 
