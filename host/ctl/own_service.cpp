@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cctype>
 #include <cerrno>
 
 #include "host/ctl/outcome.h"
@@ -23,7 +24,9 @@ Json AskOwnService(host::Client &client, std::string_view method, const Json &qu
                      .deadline = wait + kAnswer,
                      .socketOf = kDaemon});
     if (outcome.errCode == ENOENT && client.Knows(kDaemon, 0)) {
-        throw Failure(kRemote, fmt::format("this daemon does not tell its {}: it is older than that", method));
+        std::string subject(method);
+        subject.front() = static_cast<char>(std::tolower(subject.front()));
+        throw Failure(kRemote, fmt::format("this daemon does not tell its {}: it is older than that", subject));
     }
     if (!outcome.Ok()) {
         throw FailureOf(host::kRuntimeService, method, outcome);

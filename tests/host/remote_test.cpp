@@ -112,7 +112,7 @@ TEST_F(NewerDaemon, IsCalledByWordsAndByJson) {
 
 TEST_F(NewerDaemon, WithoutAJournalHasNoEventsToFollow) {
     for (const char *arguments : {"events", "events --follow"}) {
-        EXPECT_EQ(Run(arguments), "tarnctl: this daemon keeps no journal of events: it is older than that\n");
+        EXPECT_EQ(Run(arguments), "tarnctl: this daemon does not tell its events: it is older than that\n");
     }
 }
 
