@@ -81,7 +81,7 @@ busiest_thread() {
         sed -n 's/^ *"\(name\|thread\)": "\?\([a-z0-9-]*\)"\?,$/\2/p'
 }
 spins() { busiest_thread | grep -q spinning; }
-over_threshold() { tarnctl call DisCpuOvloadInfo && spins; }
+over_threshold() { tarnctl overloads show && spins; }
 known() { tarnctl exec example help; }
 
 cat <<EOT

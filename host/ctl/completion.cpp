@@ -24,18 +24,6 @@ bool TakesValue(const CLI::Option &option) {
     return option.get_items_expected_max() > 0;
 }
 
-// "--json" or "-o".
-Names Spellings(const CLI::Option &option) {
-    Names names;
-    for (const std::string &name : option.get_snames()) {
-        names.push_back("-" + name);
-    }
-    for (const std::string &name : option.get_lnames()) {
-        names.push_back("--" + name);
-    }
-    return names;
-}
-
 const CLI::App *FindCommand(const CLI::App &app, const std::string &name) {
     const auto commands = app.get_subcommands([&name](const CLI::App *command) { return command->get_name() == name; });
     return commands.empty() ? nullptr : commands.front();
@@ -364,6 +352,17 @@ complete -c tarnctl -f -a '(__tarnctl)'
 )fish";
 
 } // namespace
+
+std::vector<std::string> Spellings(const CLI::Option &option) {
+    Names names;
+    for (const std::string &name : option.get_snames()) {
+        names.push_back("-" + name);
+    }
+    for (const std::string &name : option.get_lnames()) {
+        names.push_back("--" + name);
+    }
+    return names;
+}
 
 void Complete(const CLI::App &app, const Globals &globals, const std::vector<std::string> &words) {
     if (words.empty()) {

@@ -15,6 +15,9 @@ inline bool IsForPeople(const CLI::App *command) {
     return !command->get_group().empty();
 }
 
+// "-o" and "--output", as they are typed.
+std::vector<std::string> Spellings(const CLI::Option &option);
+
 // Prints what the last of the words can be, behind the program's name, a line each; ":files" or ":directories" where
 // the shell knows. What ends with "=" goes on.
 void Complete(const CLI::App &app, const Globals &globals, const std::vector<std::string> &words);

@@ -6,7 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <new>
+#include <set>
 
 #include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
@@ -269,14 +271,44 @@ int Help(const CLI::App &app, const CLI::Success &request) {
     return app.exit(request);
 }
 
+// Of a command, and of the whole program.
+std::string WrongOption(std::initializer_list<const CLI::App *> apps, const std::string &found) {
+    std::set<std::string> names;
+    for (const CLI::App *app : apps) {
+        for (const CLI::Option *option : app->get_options()) {
+            std::ranges::copy(ctl::Spellings(*option), std::inserter(names, names.end()));
+        }
+    }
+    return fmt::format("{}: no such option{}", found, host::describe::DidYouMean(found, {names.begin(), names.end()}));
+}
+
 int FailToParse(const CLI::App &app, const CLI::ParseError &error) {
     const auto commands = app.get_subcommands();
-    if (commands.empty() && dynamic_cast<const CLI::RequiredError *>(&error) != nullptr) {
-        const std::vector<std::string> rest = app.remaining();
-        return Fail(ctl::kUsage, WrongCommand(app, rest.empty() ? "nothing" : rest.front()));
-    }
     const std::string command = commands.empty() ? "" : commands.front()->get_name() + " ";
-    return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", error.what(), command));
+    const bool noCommand = commands.empty() && dynamic_cast<const CLI::RequiredError *>(&error) != nullptr;
+    std::string what = error.what();
+    if (noCommand || dynamic_cast<const CLI::ExtrasError *>(&error) != nullptr) {
+        const std::vector<std::string> rest = app.remaining(true);
+        const auto option = std::ranges::find_if(rest, [](const std::string &word) { return word.starts_with("--"); });
+        if (option != rest.end()) {
+            what = WrongOption({commands.empty() ? &app : commands.front(), &app}, *option);
+        } else if (noCommand) {
+            return Fail(ctl::kUsage, WrongCommand(app, rest.empty() ? "nothing" : rest.front()));
+        }
+    }
+    return Fail(ctl::kUsage, fmt::format("{} (tarnctl {}--help says more)", what, command));
+}
+
+// What help calls an option's value, messages call so too.
+void NameValues(CLI::App &app) {
+    for (CLI::Option *const option : app.get_options()) {
+        if (!option->get_positional() && option->get_option_text().size() > 1) {
+            option->type_name(option->get_option_text());
+        }
+    }
+    for (CLI::App *const command : app.get_subcommands({})) {
+        NameValues(*command);
+    }
 }
 
 // Exit code; what fails is thrown.
@@ -315,6 +347,7 @@ int main(int argc, char **argv) {
     AddCompletion(app, arguments);
     AddHelp(app, arguments);
     app.footer(kFooter);
+    NameValues(app);
     int code = ctl::kDone;
     try {
         code = Run(app, {argv + std::min(argc, 1), argv + argc});

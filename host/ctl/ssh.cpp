@@ -197,10 +197,14 @@ std::string CommandOf(std::vector<std::string> &arguments) {
 } // namespace
 
 std::string TakeHost(std::vector<std::string> &arguments) {
+    constexpr std::string_view kShort = "-H", kLong = "--host", kLongWithValue = "--host=";
     for (auto at = arguments.begin(); at != arguments.end() && at->starts_with('-'); at = Next(arguments, at)) {
-        if ((*at == "-H" || *at == "--host") && arguments.end() - at > 1) {
-            const std::string host = *(at + 1);
-            arguments.erase(at, at + 2);
+        const bool isNext = (*at == kShort || *at == kLong) && arguments.end() - at > 1;
+        const bool isIn = at->starts_with(kLongWithValue) || (at->starts_with(kShort) && at->size() > kShort.size());
+        if (isNext || isIn) {
+            const size_t sign = at->starts_with(kLong) ? kLongWithValue.size() : kShort.size();
+            const std::string host = isNext ? *(at + 1) : at->substr(sign);
+            arguments.erase(at, at + (isNext ? 2 : 1));
             return host;
         }
     }

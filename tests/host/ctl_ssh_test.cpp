@@ -134,6 +134,12 @@ TEST_F(AtHost, NoConnectionIsAConnectionError) {
 // Where there is no other machine to be asked.
 TEST_F(Tasks, AHostStandsBeforeTheCommand) {
     ExpectFailure(2, "ps -H somewhere", "--host: expected before the command");
+    setenv("TARN_SSH", "/bin/echo", 1);
+    for (const char *option : {"-H somewhere", "-Hsomewhere", "--host somewhere", "--host=somewhere"}) {
+        EXPECT_EQ(Out(option + std::string(" ps 1")),
+                  fmt::format("-x -T -- somewhere tarnctl '--run-dir' '{}' 'ps' '1'\n", dir_.Path().string()));
+    }
+    unsetenv("TARN_SSH");
 }
 
 } // namespace
