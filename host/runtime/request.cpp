@@ -498,7 +498,11 @@ uint32_t Explain(void *replyCtx, const char *reason) {
     if (reason == nullptr || IsOutside(replyCtx)) {
         return EINVAL;
     }
-    return Request::Live::Get().Explain(NumberOf(replyCtx), reason) ? 0 : EALREADY;
+    try {
+        return Request::Live::Get().Explain(NumberOf(replyCtx), reason) ? 0 : EALREADY;
+    } catch (const std::bad_alloc &) { // the handler's callers are C, and have no table to unwind by
+        return ENOMEM;
+    }
 }
 
 uint32_t RemainingMs(void *replyCtx) {

@@ -14,6 +14,7 @@ TARN_UNIT()
 namespace {
 
 constexpr size_t kNone = SIZE_MAX;
+constexpr char kReason[] = "longer than what a string has room for in itself";
 thread_local size_t allocationsLeft = kNone; // of this thread, until one fails
 
 } // namespace
@@ -110,7 +111,10 @@ TEST_F(NoMemoryTest, ForACallThatFails) {
 
 TEST_F(NoMemoryTest, ForAReplyThatHasToWait) {
     served::On("PidIsOnline", [](const void *, void *replyCtx) {
-        TarnHost_Explain("a reason that is longer than what a string has in itself");
+        const bool isSpared = allocationsLeft != 0;
+        uint32_t error = ENOMEM;
+        EXPECT_NO_THROW(error = TarnHost_ExplainReply(replyCtx, kReason)) << "through callers in C";
+        EXPECT_EQ(error, isSpared ? 0U : uint32_t{ENOMEM});
         return kit::AnswerOnline(replyCtx);
     });
     std::vector<uint8_t> sent = OnlineRequest(1);

@@ -35,7 +35,8 @@ TARN_EXPORT void TarnHost_Explain(const char *pcReason);
 
 /*
  * The same for a request that is answered later, or by another thread. 0; 22 for a null text, or where a null context
- * stands for no request; 114 (EALREADY) for a request that has been answered.
+ * stands for no request; 114 (EALREADY) for a request that has been answered; 12 (ENOMEM) where there is no memory for
+ * the text.
  */
 TARN_EXPORT uint32_t TarnHost_ExplainReply(void *pReplyCtx, const char *pcReason);
 
