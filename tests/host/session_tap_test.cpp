@@ -47,7 +47,8 @@ TEST(Tap, DropsAndCountsWhatASlowReaderHasNoRoomFor) {
     for (size_t i = 0; i < kFrames; ++i) {
         tap.Add({.length = static_cast<uint32_t>(payload.size())}, {}, payload);
     }
-    size_t taken = 0, dropped = 0;
+    size_t taken = 0;
+    uint64_t dropped = 0;
     std::string text;
     for (host::Tapped tapped = TakeFrom(*reader, text); !tapped.frames.empty(); tapped = TakeFrom(*reader, text)) {
         EXPECT_LE(text.size(), host::Tap::kMostAtOnce);
