@@ -83,12 +83,6 @@ private:
     Clock::time_point stoppedAt_;
 };
 
-#if defined(__arm__)
-using Registers = user_regs;
-#else
-using Registers = user_regs_struct;
-#endif
-
 void ReadRegisters(const Traced &thread, Snapshot &snapshot) {
     Registers regs{};
     iovec io{&regs, sizeof regs};
@@ -98,6 +92,26 @@ void ReadRegisters(const Traced &thread, Snapshot &snapshot) {
     if (io.iov_len != sizeof regs) {
         Fail(ENOTSUP, static_cast<uint32_t>(thread.Id()), "runs code of another architecture");
     }
+    TakeRegisters(regs, snapshot);
+}
+
+Snapshot TakeOf(const procfs::Procfs &proc, uint32_t pid, uint32_t tid) {
+    Snapshot snapshot;
+    snapshot.stack.reserve(kStackBytes);
+    Clock::time_point stoppedAt;
+    {
+        const Traced thread(proc, pid, tid);
+        stoppedAt = thread.StoppedAt();
+        ReadRegisters(thread, snapshot);
+        ReadStack(pid, snapshot);
+    }
+    snapshot.stopped = Clock::now() - stoppedAt;
+    return snapshot;
+}
+
+} // namespace
+
+void TakeRegisters(const Registers &regs, Snapshot &snapshot) {
 #if defined(__x86_64__)
     snapshot.registers = {regs.rax, regs.rdx, regs.rcx, regs.rbx, regs.rsi, regs.rdi, regs.rbp, regs.rsp, regs.r8,
                           regs.r9,  regs.r10, regs.r11, regs.r12, regs.r13, regs.r14, regs.r15, regs.rip};
@@ -138,22 +152,6 @@ void ReadStack(uint32_t pid, Snapshot &snapshot) {
     const ssize_t got = process_vm_readv(static_cast<pid_t>(pid), &local, 1, remote.data(), remote.size(), 0);
     snapshot.stack.resize(got < 0 ? 0 : static_cast<size_t>(got));
 }
-
-Snapshot TakeOf(const procfs::Procfs &proc, uint32_t pid, uint32_t tid) {
-    Snapshot snapshot;
-    snapshot.stack.reserve(kStackBytes);
-    Clock::time_point stoppedAt;
-    {
-        const Traced thread(proc, pid, tid);
-        stoppedAt = thread.StoppedAt();
-        ReadRegisters(thread, snapshot);
-        ReadStack(pid, snapshot);
-    }
-    snapshot.stopped = Clock::now() - stoppedAt;
-    return snapshot;
-}
-
-} // namespace
 
 // The turn to trace a thread.
 class Tracer::Turn {

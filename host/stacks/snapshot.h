@@ -2,6 +2,8 @@
 // takes longer, unwinding and looking up names, is done on the copy while the thread runs on.
 #pragma once
 
+#include <sys/user.h>
+
 #include <chrono>
 #include <cstdint>
 #include <set>
@@ -20,6 +22,18 @@ struct Snapshot {
     std::vector<uint8_t> stack; // from the stack pointer on
     std::chrono::nanoseconds stopped{};
 };
+
+// As the kernel shows them to tracers, and in core files.
+#if defined(__arm__)
+using Registers = user_regs;
+#else
+using Registers = user_regs_struct;
+#endif
+
+// What a snapshot is made of: the registers first, then the stack of a process that can be looked into. Where none can
+// be read, there is none.
+void TakeRegisters(const Registers &regs, Snapshot &snapshot);
+void ReadStack(uint32_t pid, Snapshot &snapshot);
 
 // How long a thread is given to stop. It does so when it gets a CPU next, which may take a while on a busy machine; one
 // that waits for a device may not stop at all. It is not held up by the attempt.

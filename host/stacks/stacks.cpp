@@ -30,7 +30,10 @@ Process::Process(Tracer &tracer, Helpers &helpers, uint32_t pid, Deadline deadli
     : tracer_(tracer), pid_(pid), conversation_(helpers, PurposeFor(tracer.Proc(), pid), deadline) {}
 
 Stack Process::Read(uint32_t tid) {
-    const Snapshot snapshot = tracer_.Take(pid_, tid);
+    return Unwind(tracer_.Take(pid_, tid));
+}
+
+Stack Process::Unwind(const Snapshot &snapshot) {
     std::optional<std::vector<Frame>> frames =
         conversation_.Ask([&](Helper &helper, Deadline deadline) { return helper.Unwind(snapshot, deadline); });
     if (!frames.has_value()) {

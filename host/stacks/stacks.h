@@ -30,6 +30,9 @@ public:
     // that it is in, without names.
     Stack Read(uint32_t tid);
 
+    // Of a thread whose registers and stack are known.
+    Stack Unwind(const Snapshot &snapshot);
+
 private:
     Tracer &tracer_;
     const uint32_t pid_;
