@@ -30,7 +30,7 @@ struct FaultHead {
     char agent[32];
     char process[16];
     char thread[16];
-    char text[256]; // an assertion's expression and place
+    char text[256]; // an assertion's expression and place; of a process without an agent, its command line
     CpuRegister registers[34];
 };
 

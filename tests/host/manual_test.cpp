@@ -102,6 +102,7 @@ TEST(Manual, NamesTheOptionsOfTheOtherPrograms) {
     EXPECT_EQ(EntriesOf(Page("tarnd.8")), OptionsOf(TARND));
     EXPECT_EQ(EntriesOf(Page("tarn-master.8")), OptionsOf(TARN_MASTER));
     EXPECT_EQ(EntriesOf(Page("tarn-relay.8")), OptionsOf(TARN_RELAY));
+    EXPECT_EQ(EntriesOf(Page("tarn-core.8")), OptionsOf(TARN_CORE));
     EXPECT_EQ(EntriesOf(Page("tarn-agent.1")), OptionsOf(TARN_AGENT));
 }
 
@@ -113,7 +114,7 @@ TEST(Manual, NamesTheDebugCommandsOfTheExample) {
 }
 
 TEST(Manual, IsWellFormed) {
-    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-master.8", "tarn-relay.8"}) {
+    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-core.8", "tarn-master.8", "tarn-relay.8"}) {
         EXPECT_EQ(OutputOf(std::string("mandoc -T lint -W warning " MANUALS "/") + page), "");
     }
 }

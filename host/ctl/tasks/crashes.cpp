@@ -1,4 +1,4 @@
-// crashes: the fatal signals and failed assertions that agents recorded, the newest first.
+// crashes: the fatal signals and failed assertions that were recorded, the newest first.
 #include <fmt/format.h>
 #include <fnmatch.h>
 
@@ -42,7 +42,7 @@ std::string Between(std::string_view &text, std::string_view first, std::string_
     return part;
 }
 
-// "TIME process 12 (name), thread 13 (name), agent name".
+// "TIME process 12 (name), thread 13 (name), agent name"; without an agent the line ends before.
 Crash CrashOf(const std::string &head) {
     Crash crash;
     crash.time = head.substr(0, head.find(" process "));
@@ -50,8 +50,12 @@ Crash CrashOf(const std::string &head) {
     crash.process = NumberOf(Between(rest, " process ", " ("));
     crash.name = Between(rest, " (", "), thread ");
     crash.tid = NumberOf(Between(rest, "), thread ", " ("));
-    crash.thread = Between(rest, " (", "), agent ");
-    crash.agent = rest.substr(std::min(rest.size(), std::string_view("), agent ").size()));
+    if (rest.find("), agent ") == rest.npos) {
+        crash.thread = Between(rest, " (", ")");
+    } else {
+        crash.thread = Between(rest, " (", "), agent ");
+        crash.agent = rest.substr(std::string_view("), agent ").size());
+    }
     return crash;
 }
 
@@ -149,7 +153,7 @@ void Crashes(const Globals &globals, const Options &options) {
 void AddCrashes(CLI::App &app, const Globals &globals) {
     const auto options = std::make_shared<Options>();
     CLI::App *const task =
-        AddTask(app, "crashes", "Fatal signals and failed assertions that agents recorded, the newest first",
+        AddTask(app, "crashes", "Fatal signals and failed assertions that were recorded, the newest first",
                 {"crashes", "crashes --last 1h", "crashes worker", "crashes show 1"});
     task->add_option(
             "WHAT", options->words,

@@ -1,4 +1,4 @@
-// What agents have recorded in the black boxes, as text for people.
+// What agents, and tarn-core for others, have recorded in the black boxes, as text for people.
 #include <algorithm>
 #include <map>
 #include <span>
@@ -55,10 +55,13 @@ std::string BuildIdsText(const FaultStack &stack) {
 
 std::string RecordText(const FaultRecord &record, Demangler &names) {
     const FaultHead &head = record.head;
-    std::string text = fmt::format("{} process {} ({}), thread {} ({}), agent {}\n  {}\n",
+    std::string text = fmt::format("{} process {} ({}), thread {} ({}){}\n  {}\n",
                                    Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
                                    host::LineOfText(head.process), head.tid, host::LineOfText(head.thread),
-                                   host::LineOfText(head.agent), CauseText(head));
+                                   head.agent[0] == 0 ? "" : ", agent " + host::LineOfText(head.agent), CauseText(head));
+    if (head.kind == FaultKind::kException && head.text[0] != 0) {
+        text += fmt::format("  command line: {}\n", host::LineOfText(head.text));
+    }
     for (uint32_t i = 0; i < head.registerNum; ++i) {
         text += fmt::format("{}{:<6} {:016x}{}", i % 4 == 0 ? "  " : " ", host::LineOfText(head.registers[i].name),
                             head.registers[i].value, i % 4 == 3 || i + 1 == head.registerNum ? "\n" : "");
