@@ -102,10 +102,14 @@ bool ReadUpTo(int fd, std::vector<uint8_t> &bytes, uint64_t wanted) {
 } // namespace
 
 void ParseHead(CoreHead &head) {
-    const auto header = HeaderOf(head.bytes);
-    const auto notes = header ? NotesOf(head.bytes, *header) : std::nullopt;
-    if (notes && notes->p_offset < head.bytes.size()) {
-        const std::span<const uint8_t> rest = std::span(head.bytes).subspan(static_cast<size_t>(notes->p_offset));
+    const std::span<const uint8_t> bytes = head.bytes;
+    const auto header = HeaderOf(bytes);
+    if (!header) {
+        return;
+    }
+    const auto notes = NotesOf(bytes, *header);
+    if (notes && notes->p_offset < bytes.size()) {
+        const std::span<const uint8_t> rest = bytes.subspan(static_cast<size_t>(notes->p_offset));
         TakeNotes(head, rest.first(static_cast<size_t>(std::min<uint64_t>(notes->p_filesz, rest.size()))));
     }
 }

@@ -54,7 +54,7 @@ bool Attempt(const char *what, Step step) {
 int TakeCore(std::span<char *const> words) {
     OpenStreams();
     signal(SIGPIPE, SIG_IGN);
-    bool done = Attempt("what the kernel says", [&] {
+    bool done = Attempt("a crash", [&] {
         const core::Crash crash(words);
         const core::CoreHead head = core::ReadHead(STDIN_FILENO);
         const bool recorded = Attempt("the record", [&] {

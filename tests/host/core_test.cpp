@@ -370,7 +370,9 @@ public:
 
     host::stacks::Registers Registers() const {
         host::stacks::Registers registers{};
-        EXPECT_EQ(ptrace(PTRACE_ATTACH, pid_, nullptr, nullptr), 0) << strerror(errno);
+        if (ptrace(PTRACE_ATTACH, pid_, nullptr, nullptr) != 0) {
+            throw std::system_error(errno, std::generic_category(), "ptrace");
+        }
         EXPECT_EQ(waitpid(pid_, nullptr, 0), pid_);
         iovec to{&registers, sizeof registers};
         EXPECT_EQ(ptrace(PTRACE_GETREGSET, pid_, reinterpret_cast<void *>(uintptr_t{NT_PRSTATUS}), &to), 0);
@@ -560,6 +562,9 @@ TEST_F(PassOnTest, GivesItToAProgramWhole) {
     const std::string file = dir_.Path() / "taken";
     PassOn({.program = {"/bin/dd", "status=none", "of=" + file}}, {{'c', "0"}, {'d', "2"}});
     EXPECT_EQ(Made("taken"), Whole()) << "whose end was awaited";
+}
+
+TEST_F(PassOnTest, SaysThatThereIsNoSuchProgram) {
     EXPECT_EQ(ErrorOf([&] { PassOn({.program = {"/no/such/program"}}); }), ENOENT);
 }
 
