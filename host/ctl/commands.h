@@ -37,8 +37,9 @@ private:
 
 // What holds for all commands.
 struct Globals {
-    std::string runDir; // of the services' sockets; empty for the default one
-    bool quiet = false; // no progress
+    std::string runDir;     // of the services' sockets; empty for the default one
+    bool quiet = false;     // no progress
+    std::string fleet = {}; // URL of its server; empty for that of the context in use
 };
 
 // kNone: text for people.

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <set>
 
+#include "host/ctl/fleet/fleet.h"
 #include "host/ctl/process.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/describe/stated.h"
@@ -222,6 +223,18 @@ Names ProcessNames(const Globals &globals, const std::string &word) {
     return {names.begin(), names.end()};
 }
 
+// Of those that have ever said that they are there. Quiet where no server answers.
+Names DeviceNames(const Globals &globals) {
+    Names names;
+    try {
+        Fleet fleet(globals);
+        std::ranges::transform(Hellos(fleet, "*"), std::back_inserter(names), &Hello::device);
+    } catch (const Failure &) {
+        // an unfinished line is no place for it
+    }
+    return names;
+}
+
 // Of an operand or an option's value, by what help calls it.
 Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globals) {
     const std::string name = option.get_positional() ? option.get_single_name() : option.get_option_text();
@@ -248,6 +261,9 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     if (name == "PID") {
         return AgentPids(globals);
     }
+    if (name == "DEVICES") {
+        return DeviceNames(globals);
+    }
     if (name == "FILE" || ((name == "REQUEST" || name == "RECORD") && word.starts_with('@'))) {
         return {kFiles};
     }
@@ -263,6 +279,9 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     }
     if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "set") {
         return command == "rules" ? RequestWords("UpdateMsgCtrlRuleTarnd", word) : SettingWords(word);
+    }
+    if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "use") {
+        return Contexts();
     }
     const bool isFirst = line.Operands().empty();
     Names names = isFirst || !option.get_positional() ? QuotedWords(option.get_description()) : Names();
@@ -371,6 +390,7 @@ void Complete(const CLI::App &app, const Globals &globals, const std::vector<std
     const Line line(app, words);
     Globals there = globals;
     there.runDir = line.ValueOf("--run-dir").empty() ? globals.runDir : line.ValueOf("--run-dir");
+    there.fleet = line.ValueOf("--fleet").empty() ? globals.fleet : line.ValueOf("--fleet");
     for (const std::string &name : Offer(app, line, there)) {
         if (name.starts_with(':') || name.starts_with(line.Word())) {
             std::cout << name << "\n";

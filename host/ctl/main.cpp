@@ -13,6 +13,7 @@
 #include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
+#include "host/ctl/fleet/fleet.h"
 #include "host/ctl/interrupt.h"
 #include "host/ctl/ssh.h"
 #include "host/ctl/tasks/tasks.h"
@@ -222,6 +223,9 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
                    "Directory of the services' sockets; default $TARN_RUN_DIR, or /run/tarn")
         ->type_name("DIR")
         ->check([](const std::string &text) { return text.empty() ? "found nothing, expected a directory" : ""; });
+    app.add_option("--fleet", arguments.globals.fleet,
+                   "Server of the fleet: tls://HOST:PORT, or nats:// on this machine; default the context in use")
+        ->option_text("URL");
     app.add_flag("--quiet", arguments.globals.quiet, "No progress of what takes long");
     app.add_option_function<std::string>("--server-user", TrustServersOf,
                                          "User whose servers are trusted besides root's, one's own and the directory's "
@@ -343,6 +347,8 @@ int main(int argc, char **argv) {
     AddStatus(app, arguments);
     ctl::AddCaptures(app, arguments.globals.runDir);
     app.footer("");
+    ctl::AddDevices(app, arguments.globals);
+    ctl::AddContext(app);
     AddCodec(app, arguments);
     AddCompletion(app, arguments);
     AddHelp(app, arguments);

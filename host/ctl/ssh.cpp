@@ -182,7 +182,7 @@ int CollectFrom(const std::string &host, std::vector<std::string> arguments) {
 
 // The argument behind an option of the whole program, and behind its value.
 std::vector<std::string>::iterator Next(std::vector<std::string> &arguments, std::vector<std::string>::iterator at) {
-    const bool hasValue = *at == "--run-dir" || *at == "--server-user";
+    const bool hasValue = *at == "--run-dir" || *at == "--server-user" || *at == "--fleet";
     return at + std::min<std::ptrdiff_t>(hasValue ? 2 : 1, arguments.end() - at);
 }
 

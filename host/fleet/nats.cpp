@@ -78,12 +78,22 @@ void SetAccount(natsOptions *options, const Account &account) {
     }
 }
 
+using Since = std::optional<std::chrono::system_clock::time_point>;
+
+int64_t NanosecondsOf(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+}
+
 natsStatus SubscribeToStream(natsSubscription **made, jsCtx *streams, const std::string &stream,
-                             const std::string &subject) {
+                             const std::string &subject, Since since) {
     jsSubOptions options;
     jsSubOptions_Init(&options);
     options.Stream = stream.c_str();
     options.Ordered = true;
+    if (since) {
+        options.Config.DeliverPolicy = js_DeliverByStartTime;
+        options.Config.OptStartTime = NanosecondsOf(*since);
+    }
     return js_SubscribeSync(made, streams, subject.c_str(), nullptr, &options, nullptr);
 }
 
@@ -139,6 +149,14 @@ uint64_t Message::Sequence() const {
         return Metadata(metadata)->Sequence.Stream;
     }
     return natsMsg_GetSequence(Get());
+}
+
+std::chrono::system_clock::time_point Message::Time() const {
+    jsMsgMetaData *metadata = nullptr;
+    const int64_t time =
+        natsMsg_GetMetaData(&metadata, Get()) == NATS_OK ? Metadata(metadata)->Timestamp : natsMsg_GetTime(Get());
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::nanoseconds(time)));
 }
 
 // ---- The connection
@@ -380,9 +398,9 @@ uint64_t Connection::Add(const Message &message, const std::string &stream, cons
     return ack->Sequence;
 }
 
-void Connection::Read(const std::string &stream, const std::string &subject, const Handler &handler) {
+void Connection::Read(const std::string &stream, const std::string &subject, Since since, const Handler &handler) {
     natsSubscription *made = nullptr;
-    Require(SubscribeToStream(&made, streams_.get(), stream, subject), stream);
+    Require(SubscribeToStream(&made, streams_.get(), stream, subject, since), stream);
     const Reader reader(made);
     jsConsumerInfo *told = nullptr;
     Require(natsSubscription_GetConsumerInfo(&told, made, nullptr, nullptr), stream);

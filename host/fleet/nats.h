@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -39,8 +40,9 @@ public:
     // It is the server's word that nobody is subscribed to what was asked.
     bool TellsThatNobodyListens() const;
 
-    // Of one that comes from a stream.
+    // Of one that comes from a stream: its number there, and when the stream got it.
     uint64_t Sequence() const;
+    std::chrono::system_clock::time_point Time() const;
 
     natsMsg *Get() const { return message_.get(); }
 
@@ -124,8 +126,9 @@ public:
     };
     uint64_t Add(const Message &message, const std::string &stream, const std::string &id, uint64_t expectedLast);
 
-    // What a stream has of a subject, each message in its order.
-    void Read(const std::string &stream, const std::string &subject, const Handler &handler);
+    // What a stream has of a subject, or got of it since then, each message in its order.
+    void Read(const std::string &stream, const std::string &subject,
+              std::optional<std::chrono::system_clock::time_point> since, const Handler &handler);
 
 private:
     struct Subscription;

@@ -78,6 +78,15 @@ std::string SubjectOf(std::string_view device, std::string_view what) {
     return fmt::format("tarn.v1.{}.{}", device, what);
 }
 
+std::string DeviceOf(std::string_view subject) {
+    constexpr std::string_view kRoot = "tarn.v1.";
+    if (!subject.starts_with(kRoot)) {
+        return "";
+    }
+    subject.remove_prefix(kRoot.size());
+    return std::string(subject.substr(0, subject.find('.')));
+}
+
 void CheckDeviceName(std::string_view name) {
     const bool plain = std::ranges::all_of(name, [](char letter) {
         return (letter >= 'a' && letter <= 'z') || (letter >= 'A' && letter <= 'Z') ||

@@ -25,6 +25,9 @@ constexpr char kHelloStream[] = "TARN_HELLO";
 // Of a device, or of all with "*".
 std::string SubjectOf(std::string_view device, std::string_view what);
 
+// Whose a subject is; empty for another's.
+std::string DeviceOf(std::string_view subject);
+
 // Throws std::invalid_argument for what can't be a device's name: 1 to 64 letters, digits, '-' and '_'.
 void CheckDeviceName(std::string_view name);
 

@@ -154,10 +154,11 @@ protected:
     // What the stream has of the device, each as "number", or "gap to number".
     std::vector<std::string> Carried() {
         std::vector<std::string> carried;
-        operator_->Read(fleet::kEventStream, fleet::SubjectOf("press-1", "event"), [&](const fleet::Message &message) {
-            const Json event = Json::parse(message.Payload());
-            carried.push_back((event.at("kind") == "gap" ? "gap to " : "") + event.at("number").dump());
-        });
+        operator_->Read(fleet::kEventStream, fleet::SubjectOf("press-1", "event"), {},
+                        [&](const fleet::Message &message) {
+                            const Json event = Json::parse(message.Payload());
+                            carried.push_back((event.at("kind") == "gap" ? "gap to " : "") + event.at("number").dump());
+                        });
         return carried;
     }
     static std::vector<std::string> Numbers(uint64_t most) {

@@ -55,24 +55,20 @@ protected:
         EXPECT_EQ(Run(arguments), 0) << arguments << ": " << error_;
         return out_;
     }
-    std::vector<Json> Objects(const std::string &arguments) {
-        std::istringstream lines(Out(arguments));
+    static std::vector<Json> ObjectsOf(const std::string &text) {
+        std::istringstream lines(text);
         std::vector<Json> objects;
         for (std::string line; std::getline(lines, line);) {
             objects.push_back(Json::parse(line));
         }
         return objects;
     }
+    std::vector<Json> Objects(const std::string &arguments) { return ObjectsOf(Out(arguments)); }
     // The lines of a file in an archive that was collected.
     std::vector<Json> Archived(const std::string &archive, const std::string &file) {
         Process tar(dir_.Path(), {"/bin/tar", "xzOf", dir_.Path() / archive, "tarn/" + file});
         EXPECT_EQ(tar.Wait(), 0) << tar.Err();
-        std::istringstream lines(tar.Out());
-        std::vector<Json> objects;
-        for (std::string line; std::getline(lines, line);) {
-            objects.push_back(Json::parse(line));
-        }
-        return objects;
+        return ObjectsOf(tar.Out());
     }
     void ExpectFailure(int code, const std::string &arguments, const std::string &text) {
         EXPECT_EQ(Run(arguments), code) << arguments;

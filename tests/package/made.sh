@@ -22,8 +22,8 @@ declare -A needs=(
     [libtarn-host]='libc6 libfmt9 libgcc-s1 libstdc++6'
     [tarn-agent]='libc6 libgcc-s1'
     [python3-tarn]='python3'
-    [tarn-host]='libarchive13 libc6 libcap-ng0 libdw1 libelf1 libfmt9 libgcc-s1 libproc2-0 libseccomp2 libsqlite3-0
-        libssl3 libstdc++6 libsystemd0 libtarn-host libtarn-sysdiag procps systemd systemd'
+    [tarn-host]='libarchive13 libc6 libcap-ng0 libdw1 libelf1 libfmt9 libgcc-s1 libnats3.4 libproc2-0 libseccomp2
+        libsqlite3-0 libssl3 libstdc++6 libsystemd0 libtarn-host libtarn-sysdiag procps systemd systemd'
 )
 
 lintian --allow-root --fail-on error,warning "${packages[@]}"

@@ -1,0 +1,57 @@
+// Devices that are reached over a fleet's server.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "host/ctl/commands.h"
+#include "host/fleet/caller.h"
+
+namespace ctl {
+
+// The connection to the fleet's server, which --fleet or the context in use names. Throws Failure.
+class Fleet {
+public:
+    explicit Fleet(const Globals &globals);
+
+    fleet::Connection &Server() { return connection_; }
+    fleet::Caller &Caller() { return caller_; }
+
+private:
+    fleet::Connection connection_;
+    fleet::Caller caller_;
+};
+
+// What a device said of itself last.
+struct Hello {
+    std::string device;
+    std::chrono::system_clock::time_point seen;
+    host::describe::Json said;
+
+    // Of a member; "?" or 0 where it is not what it should be: any device may say anything.
+    std::string Text(const char *member) const;
+    uint64_t Number(const char *member) const;
+
+    // It would have been heard again by now.
+    bool IsSilent(std::chrono::system_clock::time_point now) const;
+};
+
+// What options that choose devices say in help.
+constexpr char kDevicesHelp[] = "Those with this name, or a pattern such as 'press-*'";
+
+// Of the devices that fit, by name. Throws Failure.
+std::vector<Hello> Hellos(Fleet &fleet, const std::string &pattern);
+// The same, where it has to be one at least.
+std::vector<Hello> SomeHellos(Fleet &fleet, const std::string &pattern);
+
+bool Fits(const std::string &device, const std::string &pattern);
+
+// The contexts that there are, by name.
+std::vector<std::string> Contexts();
+
+void AddDevices(CLI::App &app, const Globals &globals);
+void AddContext(CLI::App &app);
+
+} // namespace ctl

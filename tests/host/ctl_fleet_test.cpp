@@ -1,0 +1,95 @@
+// tarnctl over a fleet's server, the real one: devices with relays, which have one daemon between them.
+#include "host/answer/unit.h"
+
+TARN_UNIT()
+
+#include "tarn_sysdiag/types/common.h"
+
+#include "host/fleet/wire.h"
+#include "nats_server.h"
+#include "tests/host/tasks_kit.h"
+
+namespace {
+
+using namespace kit;
+
+class InFleet : public Tasks {
+protected:
+    void SetUp() override {
+        if (*kNatsServer == 0) {
+            GTEST_SKIP() << "this machine has no nats-server";
+        }
+        ASSERT_NO_FATAL_FAILURE(Tasks::SetUp());
+        server_.emplace();
+        setenv("XDG_CONFIG_HOME", (dir_.Path() / "config").c_str(), 1);
+        std::filesystem::create_directories(dir_.Path() / "config/tarn/contexts");
+        for (const char *const device : {"press-1", "press-2"}) {
+            std::ofstream(Config(device))
+                << "server = " << server_->Url() << "\ndevice = " << device << "\ngroups = reading settings\n";
+        }
+        Process streams(dir_.Path(), {TARN_RELAY, "--make-streams", Config("press-1")});
+        ASSERT_EQ(streams.Wait(), 0) << streams.Err();
+        for (const char *const device : {"press-1", "press-2"}) {
+            relays_.push_back(Start({TARN_RELAY, "--run-dir", dir_.Path(), Config(device)}));
+        }
+        SayHello("mill-1"); // and goes
+        ASSERT_TRUE(Await("all devices have said that they are there", [&] {
+            return Fleet("devices --json") == 0 && std::ranges::count(out_, '\n') == 3;
+        })) << error_;
+    }
+    void TearDown() override { unsetenv("XDG_CONFIG_HOME"); }
+
+    std::filesystem::path Config(const std::string &device) const { return dir_.Path() / (device + ".conf"); }
+
+    void SayHello(const std::string &device) const {
+        fleet::Connection connection({.account = {.url = server_->Url()}});
+        connection.Publish(fleet::SubjectOf(device, "hello"), R"({"version": "1.0.0", "health": "serving"})");
+        connection.Flush(kPatience);
+    }
+
+    int Fleet(const std::string &arguments) { return Run(fmt::format("--fleet {} {}", server_->Url(), arguments)); }
+
+    std::optional<NatsServer> server_;
+    std::vector<std::unique_ptr<Process>> relays_;
+};
+
+TEST_F(InFleet, DevicesTellHowTheyAre) {
+    EXPECT_EQ(Fleet("devices"), 0) << error_;
+    EXPECT_THAT(out_, testing::MatchesRegex("device +health +version +uptime +seen\n"
+                                            "mill-1 +.*"
+                                            "press-1 +serving +[0-9.]+ +[^ ]+ m?s +[^ ]+ s ago\n"
+                                            "press-2 +serving .*"));
+    ASSERT_EQ(Fleet("devices 'press-*' --json"), 0) << error_;
+    const std::vector<Json> devices = ObjectsOf(out_);
+    ASSERT_EQ(devices.size(), 2U);
+    EXPECT_EQ(devices[0].at("device"), "press-1");
+    EXPECT_EQ(devices[0].at("services"), Json::array({"TarnSysdiagTarnd"}));
+    EXPECT_EQ(Fleet("devices lathe"), 0);
+    EXPECT_EQ(out_, "no such device has ever said that it is there\n");
+}
+
+TEST_F(InFleet, AContextStandsForTheOption) {
+    ExpectFailure(2, "devices", "no fleet: expected --fleet URL, or a context in use");
+    ExpectFailure(2, "context use plant-7", "plant-7: no such context, expected a file ");
+    const std::filesystem::path context = dir_.Path() / "config/tarn/contexts/plant-7";
+    std::ofstream(context) << "server = " << server_->Url() << "\n";
+    EXPECT_THAT(Out("context"), testing::MatchesRegex("context +in-use\nplant-7 +no\n"));
+    Out("context use plant-7");
+    EXPECT_EQ(Objects("context --json"), (std::vector<Json>{{{"context", "plant-7"}, {"in_use", true}}}));
+    EXPECT_EQ(Objects("devices --json").size(), 3U);
+    ExpectFailure(2, "context use plant-8", "did you mean plant-7?");
+    std::ofstream(context) << "server = nats://10.0.0.1:4222\n";
+    ExpectFailure(2, "devices", "plant-7:1: server nats://10.0.0.1:4222: not encrypted, expected tls://HOST:PORT");
+    ExpectFailure(2, "--fleet nats://fleet.example:4222 devices", "not encrypted");
+    server_->Kill();
+    ExpectFailure(3, "--fleet " + server_->Url() + " devices", server_->Url());
+}
+
+TEST_F(InFleet, DevicesAndContextsAreCompleted) {
+    std::ofstream(dir_.Path() / "config/tarn/contexts/plant-7") << "server = " << server_->Url() << "\n";
+    EXPECT_EQ(Out("complete -- context use pl"), "plant-7\n");
+    EXPECT_EQ(Out(fmt::format("complete -- --fleet {} devices pr", server_->Url())), "press-1\npress-2\n");
+    EXPECT_EQ(Out("complete -- --fleet nats://127.0.0.1:1 devices pr"), "");
+}
+
+} // namespace
