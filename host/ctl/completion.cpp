@@ -235,6 +235,17 @@ Names DeviceNames(const Globals &globals) {
     return names;
 }
 
+// So that its processes are offered.
+std::unique_ptr<Device> Reach(Globals &globals, const std::string &name) {
+    try {
+        auto device = name.empty() ? nullptr : std::make_unique<Device>(globals, name);
+        globals.runDir = device == nullptr ? globals.runDir : device->RunDir().string();
+        return device;
+    } catch (const Failure &) {
+        return nullptr;
+    }
+}
+
 // Of an operand or an option's value, by what help calls it.
 Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globals) {
     const std::string name = option.get_positional() ? option.get_single_name() : option.get_option_text();
@@ -261,7 +272,7 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     if (name == "PID") {
         return AgentPids(globals);
     }
-    if (name == "DEVICES") {
+    if (name == "DEVICE" || name == "DEVICES") {
         return DeviceNames(globals);
     }
     if (name == "FILE" || ((name == "REQUEST" || name == "RECORD") && word.starts_with('@'))) {
@@ -391,6 +402,7 @@ void Complete(const CLI::App &app, const Globals &globals, const std::vector<std
     Globals there = globals;
     there.runDir = line.ValueOf("--run-dir").empty() ? globals.runDir : line.ValueOf("--run-dir");
     there.fleet = line.ValueOf("--fleet").empty() ? globals.fleet : line.ValueOf("--fleet");
+    const auto device = Reach(there, line.ValueOf("--device"));
     for (const std::string &name : Offer(app, line, there)) {
         if (name.starts_with(':') || name.starts_with(line.Word())) {
             std::cout << name << "\n";

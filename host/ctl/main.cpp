@@ -43,7 +43,9 @@ struct Arguments {
     ctl::Globals globals;
     std::string word, name, deadline, shell, jsonForm, task;
     std::vector<std::string> words;
-    std::string host; // taken out before
+    std::string host;   // taken out before
+    std::string device; // empty: this machine
+    std::optional<ctl::Device> reached;
     bool json = false, wire = false;
     ctl::CallOptions call;
     ctl::StatsOptions stats;
@@ -212,6 +214,14 @@ std::string Versions(const CLI::App &app) {
     return "tarnctl " TARN_VERSION "\ntarnd " + daemon;
 }
 
+// Its services are where commands look for those of this machine.
+void ReachDevice(Arguments &arguments) {
+    if (!arguments.device.empty()) {
+        arguments.reached.emplace(arguments.globals, arguments.device);
+        arguments.globals.runDir = arguments.reached->RunDir();
+    }
+}
+
 void AddGlobal(CLI::App &app, Arguments &arguments) {
     app.require_subcommand(1);
     app.fallthrough(); // the options of all commands may stand behind the command as well
@@ -226,6 +236,10 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
     app.add_option("--fleet", arguments.globals.fleet,
                    "Server of the fleet: tls://HOST:PORT, or nats:// on this machine; default the context in use")
         ->option_text("URL");
+    app.add_option("--device", arguments.device, "Ask this device of the fleet, in place of this machine")
+        ->option_text("DEVICE")
+        ->excludes("--run-dir");
+    app.parse_complete_callback([&arguments] { ReachDevice(arguments); });
     app.add_flag("--quiet", arguments.globals.quiet, "No progress of what takes long");
     app.add_option_function<std::string>("--server-user", TrustServersOf,
                                          "User whose servers are trusted besides root's, one's own and the directory's "

@@ -182,7 +182,8 @@ int CollectFrom(const std::string &host, std::vector<std::string> arguments) {
 
 // The argument behind an option of the whole program, and behind its value.
 std::vector<std::string>::iterator Next(std::vector<std::string> &arguments, std::vector<std::string>::iterator at) {
-    const bool hasValue = *at == "--run-dir" || *at == "--server-user" || *at == "--fleet";
+    constexpr std::string_view kWithValue[] = {"--run-dir", "--server-user", "--fleet", "--device"};
+    const bool hasValue = std::ranges::count(kWithValue, *at) != 0;
     return at + std::min<std::ptrdiff_t>(hasValue ? 2 : 1, arguments.end() - at);
 }
 

@@ -12,6 +12,8 @@ TARN_UNIT()
 namespace {
 
 using namespace kit;
+using testing::ContainsRegex;
+using testing::HasSubstr;
 
 class InFleet : public Tasks {
 protected:
@@ -47,7 +49,13 @@ protected:
         connection.Flush(kPatience);
     }
 
-    int Fleet(const std::string &arguments) { return Run(fmt::format("--fleet {} {}", server_->Url(), arguments)); }
+    int Fleet(const std::string &arguments) {
+        return RunAnywhere(fmt::format("--fleet {} {}", server_->Url(), arguments));
+    }
+    std::string OfFleet(const std::string &arguments) {
+        EXPECT_EQ(Fleet(arguments), 0) << arguments << ": " << error_;
+        return out_;
+    }
 
     std::optional<NatsServer> server_;
     std::vector<std::unique_ptr<Process>> relays_;
@@ -66,6 +74,48 @@ TEST_F(InFleet, DevicesTellHowTheyAre) {
     EXPECT_EQ(devices[0].at("services"), Json::array({"TarnSysdiagTarnd"}));
     EXPECT_EQ(Fleet("devices lathe"), 0);
     EXPECT_EQ(out_, "no such device has ever said that it is there\n");
+}
+
+TEST_F(InFleet, ADeviceIsAskedAsThisMachineIs) {
+    const auto worker = StartWorker();
+    EXPECT_TRUE(Eventually([&] { return OfFleet("--device press-1 ps " + name_).find(name_) != std::string::npos; }));
+    EXPECT_THAT(OfFleet("health --device press-2"), HasSubstr("is the worst level"));
+    EXPECT_THAT(OfFleet("--device press-1 services"), HasSubstr("TarnSysdiagTarnd"));
+    OfFleet("--device press-1 settings set cpu.begins-at=91%");
+    EXPECT_THAT(Out("settings --columns name,value"), ContainsRegex("cpu.begins-at +91"));
+    EXPECT_THAT(OfFleet("--device press-1 events --kind setting --json"), HasSubstr("begins-at"));
+    OfFleet("--device press-1 collect -o of-press.tar.gz");
+    EXPECT_FALSE(Archived("of-press.tar.gz", "settings.jsonl").empty());
+    EXPECT_EQ(Fleet("--device press-1 call GetKpiCpuInfo"), 0) << error_;
+    StartAgent();
+    EXPECT_EQ(Fleet("--device press-1 exec tasked help"), 5);
+    EXPECT_THAT(error_, HasSubstr("the relay of press-1 passes on no method of the group commands"));
+}
+
+TEST_F(InFleet, ADeviceThatIsNotThereIsNoConnection) {
+    EXPECT_EQ(Fleet("--device mill-1 ps"), 3);
+    EXPECT_THAT(error_, HasSubstr("mill-1: no such device is connected"));
+    EXPECT_EQ(Fleet("--device 'mill 1' ps"), 2);
+    EXPECT_THAT(error_, HasSubstr("--device: \"mill 1\" is no name of a device"));
+    EXPECT_EQ(Fleet("--device press-1 --run-dir . ps"), 2) << error_;
+}
+
+// A signal leaves it no time to tidy up.
+TEST_F(InFleet, ADeviceLeavesNoFilesBehind) {
+    const std::filesystem::path place = dir_.Path() / "tmp";
+    std::filesystem::create_directory(place);
+    setenv("TMPDIR", place.c_str(), 1);
+    OfFleet("--device press-1 ps");
+    EXPECT_TRUE(std::filesystem::is_empty(place));
+    daemon_.reset();
+    for (const int signal : {SIGINT, SIGKILL}) {
+        Process follows(dir_.Path(), {TARNCTL, "--fleet", server_->Url(), "--device", "press-1", "events", "--follow"});
+        ASSERT_TRUE(Eventually([&] { return follows.Err().find("waiting for the daemon") != std::string::npos; }));
+        follows.Signal(signal);
+        follows.Wait();
+        EXPECT_TRUE(Eventually([&] { return std::filesystem::is_empty(place); })) << signal;
+    }
+    unsetenv("TMPDIR");
 }
 
 TEST_F(InFleet, AContextStandsForTheOption) {
@@ -89,6 +139,13 @@ TEST_F(InFleet, DevicesAndContextsAreCompleted) {
     std::ofstream(dir_.Path() / "config/tarn/contexts/plant-7") << "server = " << server_->Url() << "\n";
     EXPECT_EQ(Out("complete -- context use pl"), "plant-7\n");
     EXPECT_EQ(Out(fmt::format("complete -- --fleet {} devices pr", server_->Url())), "press-1\npress-2\n");
+    EXPECT_EQ(Out(fmt::format("complete -- --fleet {} --device mi", server_->Url())), "mill-1\n");
+    const auto worker = StartWorker();
+    const std::string begun = name_.substr(0, name_.size() - 2);
+    EXPECT_TRUE(Eventually([&] {
+        return Out(fmt::format("complete -- --fleet {} --device press-1 stack {}", server_->Url(), begun)) ==
+               name_ + "\n";
+    })) << out_;
     EXPECT_EQ(Out("complete -- --fleet nats://127.0.0.1:1 devices pr"), "");
 }
 

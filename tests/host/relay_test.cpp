@@ -12,6 +12,7 @@ TARN_UNIT()
 #include <sstream>
 
 #include "host/fleet/caller.h"
+#include "host/fleet/gateway.h"
 #include "host/relay/relay.h"
 #include "host/runtime/status.h"
 #include "nats_server.h"
@@ -249,6 +250,29 @@ TEST_F(RelayTest, OneNameForTwoDevicesIsNoticedAndNobodyAnswers) {
     EXPECT_TRUE(kit::Eventually([&] { return CallOnline().errCode == ENOTUNIQ; }));
     other.reset();
     EXPECT_TRUE(kit::Eventually([&] { return CallOnline().Ok(); }));
+}
+
+TEST_F(RelayTest, ADeviceIsARunDirectoryOfThisMachineToo) {
+    Begin();
+    fleet::Gateway gateway(*caller_, "press-1");
+    host::Client client({.runDir = gateway.RunDir()});
+    const auto call = [&](std::chrono::milliseconds deadline) {
+        return client.Call(served::kTarnd, 0, "PidIsOnline", velto::kTypeHash<Tarn_sys_diag_PidIsOnlineInput>,
+                           question_, deadline);
+    };
+    EXPECT_EQ(call(20s).bytes, CallOnline().bytes);
+    host::ServerHealth health;
+    EXPECT_TRUE(AskHealth(client, served::kTarnd, 0, health).Ok());
+    EXPECT_EQ(health.state, "serving");
+    served::On("PidIsOnline", [](const void *, void *) { return 38U; });
+    EXPECT_EQ(call(20s).status, 38U);
+    std::atomic<uint32_t> why = 0;
+    served::On("PidIsOnline", [&](const void *, void *replyCtx) {
+        kit::Eventually([&] { return (why = TarnHost_Cancelled(replyCtx)) != 0; });
+        return 0U;
+    });
+    EXPECT_EQ(call(100ms).errCode, ETIMEDOUT);
+    EXPECT_TRUE(kit::Eventually([&] { return why != 0; }));
 }
 
 TEST_F(RelayTest, IsFoundByTheServersOwnDiscovery) {

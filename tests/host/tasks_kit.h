@@ -43,9 +43,12 @@ protected:
 
     // tarnctl with arguments as a shell takes them; its exit code.
     int Run(const std::string &arguments) {
+        return RunAnywhere(fmt::format("--run-dir {} {}", dir_.Path().string(), arguments));
+    }
+    // The same, which may ask others than the test's daemon.
+    int RunAnywhere(const std::string &arguments) {
         Process tarnctl(dir_.Path(),
-                        {"/bin/sh", "-c",
-                         fmt::format("cd {0}; exec {1} --run-dir {0} {2}", dir_.Path().string(), TARNCTL, arguments)});
+                        {"/bin/sh", "-c", fmt::format("cd {}; exec {} {}", dir_.Path().string(), TARNCTL, arguments)});
         const int code = tarnctl.Wait();
         out_ = tarnctl.Out();
         error_ = tarnctl.Err();

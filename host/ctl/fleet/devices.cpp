@@ -54,7 +54,19 @@ void PrintDevices(const Globals &globals, const Options &options) {
     listing.Show("no such device has ever said that it is there");
 }
 
+std::string CheckedName(const std::string &device) {
+    try {
+        fleet::CheckDeviceName(device);
+        return device;
+    } catch (const std::invalid_argument &error) {
+        throw Failure(kUsage, fmt::format("--device: {}", error.what()));
+    }
+}
+
 } // namespace
+
+Device::Device(const Globals &globals, const std::string &name)
+    : fleet_(globals), gateway_(fleet_.Caller(), CheckedName(name)) {}
 
 std::string Hello::Text(const char *member) const {
     const auto found = said.find(member);

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/ctl/commands.h"
-#include "host/fleet/caller.h"
+#include "host/fleet/gateway.h"
 
 namespace ctl {
 
@@ -22,6 +22,18 @@ public:
 private:
     fleet::Connection connection_;
     fleet::Caller caller_;
+};
+
+// A device whose services are in a run directory of this machine while this lives. Throws Failure.
+class Device {
+public:
+    Device(const Globals &globals, const std::string &name);
+
+    const std::filesystem::path &RunDir() const { return gateway_.RunDir(); }
+
+private:
+    Fleet fleet_;
+    fleet::Gateway gateway_;
 };
 
 // What a device said of itself last.
