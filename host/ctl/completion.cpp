@@ -246,6 +246,19 @@ std::unique_ptr<Device> Reach(Globals &globals, const std::string &name) {
     }
 }
 
+// What follows the first word of a task's.
+std::optional<Names> OfferBehind(const std::string &command, const Line &line) {
+    const Names &words = line.Operands();
+    const std::string first = words.empty() ? "" : words.front();
+    if (first == "set") {
+        return command == "rules" ? RequestWords("UpdateMsgCtrlRuleTarnd", line.Word()) : SettingWords(line.Word());
+    }
+    if (first == "call") {
+        return words.size() == 1 ? MethodNames() : RequestWords(words[1], line.Word());
+    }
+    return first == "use" ? std::optional(Contexts()) : std::nullopt;
+}
+
 // Of an operand or an option's value, by what help calls it.
 Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globals) {
     const std::string name = option.get_positional() ? option.get_single_name() : option.get_option_text();
@@ -288,11 +301,8 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
         const Type *const type = FindType(line.Operands().front());
         return type == nullptr ? Names() : RecordWords(MeaningOf(*type), word);
     }
-    if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "set") {
-        return command == "rules" ? RequestWords("UpdateMsgCtrlRuleTarnd", word) : SettingWords(word);
-    }
-    if (name == "WHAT" && !line.Operands().empty() && line.Operands().front() == "use") {
-        return Contexts();
+    if (const auto behind = name == "WHAT" ? OfferBehind(command, line) : std::nullopt) {
+        return *behind;
     }
     const bool isFirst = line.Operands().empty();
     Names names = isFirst || !option.get_positional() ? QuotedWords(option.get_description()) : Names();

@@ -362,6 +362,7 @@ int main(int argc, char **argv) {
     ctl::AddCaptures(app, arguments.globals.runDir);
     app.footer("");
     ctl::AddDevices(app, arguments.globals);
+    ctl::AddFleet(app, arguments.globals);
     ctl::AddContext(app);
     AddCodec(app, arguments);
     AddCompletion(app, arguments);

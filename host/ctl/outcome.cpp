@@ -96,11 +96,15 @@ bool HasLocalTimes(const Method &method) {
     return HasLocalTimes(method.meaning->request) || HasLocalTimes(method.meaning->response);
 }
 
+void UseZone(const std::string &zone) {
+    setenv("TZ", zone.c_str(), 1);
+    tzset();
+}
+
 void UseZone(const host::Caller &call, std::string_view service, uint32_t agent) {
     host::ServerHealth health;
     if (AskHealth(call, service, agent, health).Ok() && !health.timezone.empty()) {
-        setenv("TZ", health.timezone.c_str(), 1);
-        tzset();
+        UseZone(health.timezone);
     }
 }
 

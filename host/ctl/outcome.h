@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "host/ctl/commands.h"
@@ -23,6 +24,7 @@ bool HasLocalTimes(const host::describe::Method &method);
 
 // Local times are those of the server's clock: this program takes its zone. A server that doesn't tell it has that of
 // this program.
+void UseZone(const std::string &zone);
 void UseZone(const host::Caller &call, std::string_view service, uint32_t agent = 0);
 
 } // namespace ctl

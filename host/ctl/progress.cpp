@@ -21,6 +21,10 @@ Progress::Progress(const Globals &globals, std::string what, uint64_t all)
       next_(start_ + (terminal_ ? kUntilBar : kOfLines)) {}
 
 Progress::~Progress() {
+    Hide();
+}
+
+void Progress::Hide() const {
     if (shown_ && terminal_) {
         std::cerr << "\r\033[K" << std::flush;
     }

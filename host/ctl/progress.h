@@ -19,6 +19,8 @@ public:
     Progress &operator=(const Progress &) = delete;
 
     void Set(uint64_t done, const std::string &note = {});
+    // Makes room for other lines on the terminal, until it is shown again.
+    void Hide() const;
     // What was set last, when it is time for that. To be called while something is waited for.
     void Show();
 

@@ -112,6 +112,7 @@ void Announcer::Say() {
     if (answers) {
         hello["daemon_version"] = health.version;
         hello["uptime_ms"] = health.uptime.count();
+        hello["timezone"] = health.timezone;
     }
     {
         const host::MutexLock lock(mutex_);

@@ -118,6 +118,67 @@ TEST_F(InFleet, ADeviceLeavesNoFilesBehind) {
     unsetenv("TMPDIR");
 }
 
+TEST_F(InFleet, AMethodOfManyIsAnObjectForEach) {
+    std::vector<Json> lines = ObjectsOf(OfFleet("fleet call PidIsOnline process=1 --devices 'press-*'"));
+    EXPECT_EQ(error_, "2 answered, 0 silent, 0 refused\n");
+    ASSERT_EQ(lines.size(), 2U);
+    std::ranges::sort(lines, {}, [](const Json &line) { return line.at("device").get<std::string>(); });
+    EXPECT_EQ(lines[0].at("device"), "press-1");
+    EXPECT_EQ(lines[0].at("reply"), Json::parse(Out("call PidIsOnline process=1 --json=named")));
+    EXPECT_EQ(Fleet("fleet call PidIsOnline process=1 --at-a-time 1"), 3);
+    EXPECT_EQ(error_, "tarnctl: 2 answered, 1 silent, 0 refused\n");
+    const std::vector<Json> all = ObjectsOf(out_);
+    ASSERT_EQ(all.size(), 3U);
+    EXPECT_EQ(all[0].at("device"), "mill-1");
+    EXPECT_THAT(all[0].at("failure").get<std::string>(), HasSubstr("no such device is connected"));
+    EXPECT_EQ(Fleet("fleet call ClearEnvAct what=settings --devices press-1"), 0) << error_;
+    EXPECT_EQ(Fleet("fleet call PidIsOnline"), 2) << "what is missing is sent to nobody";
+    EXPECT_EQ(Fleet("fleet call PidIsOnline process=1 --devices lathe"), 2);
+    EXPECT_THAT(error_, HasSubstr("lathe: no such device"));
+    EXPECT_EQ(Fleet("fleet call"), 2);
+    EXPECT_EQ(error_, "tarnctl: found call, expected call METHOD REQUEST, or events\n");
+}
+
+TEST_F(InFleet, ARefusalIsWorseThanSilence) {
+    EXPECT_EQ(Fleet("fleet call ProcTableBuild options=as-tree"), 5) << error_;
+    EXPECT_EQ(error_, "tarnctl: 0 answered, 1 silent, 2 refused\n");
+    EXPECT_THAT(out_, HasSubstr("the relay of press-1 passes on no method of the group commands"));
+}
+
+// One that answers nobody.
+TEST_F(InFleet, AnInterruptIsToldToDevices) {
+    fleet::Connection mute({.account = {.url = server_->Url()}});
+    std::atomic<int> asked = 0, cancelled = 0;
+    mute.Subscribe(fleet::SubjectOf("mill-1", "call.>"), [&](const fleet::Message &) { ++asked; });
+    mute.Subscribe(fleet::SubjectOf("mill-1", "cancel"), [&](const fleet::Message &) { ++cancelled; });
+    mute.Flush(kPatience);
+    EXPECT_EQ(Fleet("fleet call PidIsOnline process=1 --devices mill-1 --deadline 50ms"), 4) << error_;
+    EXPECT_THAT(error_, HasSubstr("0 answered, 1 silent"));
+    Process call(dir_.Path(), {TARNCTL, "--fleet", server_->Url(), "fleet", "call", "PidIsOnline", "process=1",
+                               "--deadline", "60s", "--quiet"});
+    ASSERT_TRUE(Await("two answers", [&] { return asked == 2 && std::ranges::count(call.Out(), '\n') == 2; }));
+    const int before = cancelled;
+    call.Signal(SIGINT);
+    EXPECT_EQ(call.Wait(), -1) << "ended by the signal";
+    EXPECT_EQ(call.Err(), "tarnctl: interrupted after 2 of 3 devices, and cancelled\n");
+    EXPECT_TRUE(Eventually([&] { return cancelled == before + 1; }));
+}
+
+TEST_F(InFleet, EventsAreThoseOfAllDevices) {
+    Out("settings set cpu.begins-at=92%");
+    ASSERT_TRUE(Await("both relays have carried it", [&] {
+        return std::ranges::count(OfFleet("fleet events --since 1h --kind setting"), '\n') == 2;
+    }));
+    std::vector<Json> events = ObjectsOf(out_);
+    EXPECT_THAT(events[0].at("text").get<std::string>(), HasSubstr("begins-at"));
+    EXPECT_NE(events[0].at("device"), events[1].at("device"));
+    EXPECT_EQ(ObjectsOf(OfFleet("fleet events --kind setting --devices press-2")).size(), 1U);
+    EXPECT_EQ(OfFleet("fleet events --kind crash"), "");
+    EXPECT_EQ(OfFleet("fleet events --since '2090-01-01 00:00:00'"), "");
+    EXPECT_EQ(Fleet("fleet events --since soon"), 2);
+    EXPECT_THAT(error_, HasSubstr("--since: found soon, expected how long ago"));
+}
+
 TEST_F(InFleet, AContextStandsForTheOption) {
     ExpectFailure(2, "devices", "no fleet: expected --fleet URL, or a context in use");
     ExpectFailure(2, "context use plant-7", "plant-7: no such context, expected a file ");
@@ -138,6 +199,9 @@ TEST_F(InFleet, AContextStandsForTheOption) {
 TEST_F(InFleet, DevicesAndContextsAreCompleted) {
     std::ofstream(dir_.Path() / "config/tarn/contexts/plant-7") << "server = " << server_->Url() << "\n";
     EXPECT_EQ(Out("complete -- context use pl"), "plant-7\n");
+    EXPECT_EQ(Out("complete -- fleet ca"), "call\n");
+    EXPECT_EQ(Out("complete -- fleet call PidIs"), "PidIsOnline\n");
+    EXPECT_EQ(Out("complete -- fleet call PidIsOnline pro"), "process=\n");
     EXPECT_EQ(Out(fmt::format("complete -- --fleet {} devices pr", server_->Url())), "press-1\npress-2\n");
     EXPECT_EQ(Out(fmt::format("complete -- --fleet {} --device mi", server_->Url())), "mill-1\n");
     const auto worker = StartWorker();

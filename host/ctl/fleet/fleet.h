@@ -64,6 +64,7 @@ bool Fits(const std::string &device, const std::string &pattern);
 std::vector<std::string> Contexts();
 
 void AddDevices(CLI::App &app, const Globals &globals);
+void AddFleet(CLI::App &app, const Globals &globals);
 void AddContext(CLI::App &app);
 
 } // namespace ctl

@@ -27,18 +27,6 @@ Time TimeOf(const Json &event) {
     return Time(std::chrono::milliseconds(event.at("time_ms").get<int64_t>()));
 }
 
-// "1h" is that long ago.
-Time SinceOf(const std::string &text) {
-    const Time now = std::chrono::system_clock::now();
-    const bool isSpan = !text.empty() && text.find_first_not_of("0123456789smhd") == text.npos;
-    const auto time = isSpan ? now - ParseSpan("--since", text) : host::describe::ParseStatedTime(text, now);
-    if (!time) {
-        throw Failure(kUsage, fmt::format("--since: found {}, expected how long ago, such as 10m, 1h or 7d, or {}",
-                                          text.empty() ? "nothing" : text, host::describe::kMomentExpected));
-    }
-    return *time;
-}
-
 void Print(const Json &event, bool json) {
     if (json) {
         std::cout << event.dump() << "\n";
@@ -58,7 +46,7 @@ void Print(const Json &event, bool json) {
 class Reader {
 public:
     Reader(const Globals &globals, const Options &options)
-        : options_(options), since_(options.since.empty() ? Time::min() : SinceOf(options.since)),
+        : options_(options), since_(options.since.empty() ? Time::min() : SinceOf("--since", options.since)),
           client_({.runDir = globals.runDir}), journal_(client_, options.wanted) {}
 
     void ReadAll() {

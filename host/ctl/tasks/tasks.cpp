@@ -4,6 +4,8 @@
 
 #include <charconv>
 
+#include "host/describe/moment.h"
+
 namespace ctl {
 
 CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples) {
@@ -35,6 +37,17 @@ std::chrono::seconds ParseSpan(const char *option, const std::string &text) {
                                           text.empty() ? "nothing" : text));
     }
     return std::chrono::seconds(number * scale);
+}
+
+std::chrono::system_clock::time_point SinceOf(const char *option, const std::string &text) {
+    const auto now = std::chrono::system_clock::now();
+    const bool isSpan = !text.empty() && text.find_first_not_of("0123456789smhd") == text.npos;
+    const auto time = isSpan ? now - ParseSpan(option, text) : host::describe::ParseStatedTime(text, now);
+    if (!time) {
+        throw Failure(kUsage, fmt::format("{}: found {}, expected how long ago, such as 10m, 1h or 7d, or {}", option,
+                                          text.empty() ? "nothing" : text, host::describe::kMomentExpected));
+    }
+    return *time;
 }
 
 std::chrono::milliseconds ParseTime(const char *option, const std::string &text, TimeUnit bare) {

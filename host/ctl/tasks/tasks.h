@@ -42,6 +42,9 @@ std::chrono::milliseconds ParseTime(const char *option, const std::string &text,
 // The same, up to years: "1h", "7d".
 std::chrono::seconds ParseSpan(const char *option, const std::string &text);
 
+// "1h" is that long ago; or a time. Throws Failure, which names the option.
+std::chrono::system_clock::time_point SinceOf(const char *option, const std::string &text);
+
 // How ParseTime takes it.
 std::string TimeText(std::chrono::milliseconds time);
 
