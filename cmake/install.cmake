@@ -52,10 +52,11 @@ function(install_headers kind)
     endif()
 endfunction()
 
-# install_data(what install() takes): of the component host.
+# install_data(what install() takes [COMPONENT component]): of the component host, if no other.
 function(install_data)
+    cmake_parse_arguments(arg "" "COMPONENT" "" COMPONENT host ${ARGN})
     if(TARN_INSTALL)
-        install(${ARGN} COMPONENT host)
+        install(${arg_UNPARSED_ARGUMENTS} COMPONENT ${arg_COMPONENT})
     endif()
 endfunction()
 

@@ -21,6 +21,8 @@ declare -A needs=(
     [libtarn-sysdiag-dev]='libtarn-host libtarn-sysdiag tarn-agent'
     [libtarn-host]='libc6 libfmt9 libgcc-s1 libstdc++6'
     [tarn-agent]='libc6 libgcc-s1'
+    [tarn-relay]='libc6 libfmt9 libgcc-s1 libnats3.4 libssl3 libstdc++6 libsystemd0 libtarn-host systemd systemd
+        tarn-host'
     [python3-tarn]='python3'
     [tarn-host]='libarchive13 libc6 libcap-ng0 libdw1 libelf1 libfmt9 libgcc-s1 libnats3.4 libproc2-0 libseccomp2
         libsqlite3-0 libssl3 libstdc++6 libsystemd0 libtarn-host libtarn-sysdiag procps systemd systemd'
