@@ -5,9 +5,15 @@ TARN_UNIT()
 
 #include "tarn_sysdiag/types/tarnd.h"
 
+#include <sys/file.h>
+#include <sys/resource.h>
+
 #include <cstddef>
 #include <cstring>
 #include <set>
+#include <thread>
+
+#include <fmt/format.h>
 
 #include "host/agent/faults.h"
 #include "host/agent/registers.h"
@@ -15,6 +21,8 @@ TARN_UNIT()
 #include "host/blackbox/reader.h"
 #include "tarn_sysdiag/agent.h"
 #include "tests/host/daemon_kit.h"
+#include "tests/host/error_of.h"
+#include "tests/host/nobody.h"
 
 namespace {
 
@@ -326,6 +334,12 @@ protected:
         entry.SealStack();
     }
 
+    template <class Value>
+    void Overwrite(size_t at, const Value &value) const {
+        std::fstream file(file_, std::ios::binary | std::ios::in | std::ios::out);
+        file.seekp(static_cast<std::streamoff>(at)).write(reinterpret_cast<const char *>(&value), sizeof value);
+    }
+
     static constexpr auto kAll = [](const FaultHead &) { return true; };
     static constexpr auto kNoCheck = [] {};
     static constexpr auto kNoneErased = [](const host::blackbox::RecordPlace &) { return false; };
@@ -483,8 +497,179 @@ TEST_F(BoxTest, ConfinesWhatAWriterClaims) {
     const FaultRecord &record = records[0];
     EXPECT_EQ(record.head.registerNum, std::size(record.head.registers));
     EXPECT_EQ(record.stack.frameNum, host::blackbox::kFrameNum);
+    EXPECT_EQ(strlen(record.head.registers[33].name), sizeof record.head.registers[33].name - 1);
     EXPECT_EQ(strlen(record.head.text), sizeof record.head.text - 1);
     EXPECT_EQ(strlen(record.stack.frames[31].function), sizeof record.stack.frames[31].function - 1);
+}
+
+// What a reader or a writer of another version understands.
+TEST_F(BoxTest, HasOneForm) {
+    EXPECT_EQ(host::blackbox::Crc(0, "123456789", 9), 0xCBF43926U) << "the check value of that CRC";
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    const std::string bytes = kit::TextOfFile(file_);
+    ASSERT_EQ(bytes.size(), host::blackbox::kFileBytes);
+    EXPECT_EQ(bytes.substr(0, 8), "tarnbb01");
+    FaultSlot slot;
+    memcpy(&slot, bytes.data() + sizeof(host::blackbox::FileHeader), sizeof slot);
+    EXPECT_EQ(slot.sequence, 1);
+    std::string checked(reinterpret_cast<const char *>(&slot.sequence), sizeof slot.sequence);
+    checked.append(reinterpret_cast<const char *>(&slot.head), sizeof slot.head);
+    EXPECT_EQ(slot.headCheck, host::blackbox::Crc(0, checked.data(), checked.size()));
+    struct stat status {};
+    ASSERT_EQ(stat(file_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600);
+}
+
+TEST_F(BoxTest, OfAnotherGeometryIsNone) {
+    for (const size_t at :
+         {offsetof(host::blackbox::FileHeader, slotNum), offsetof(host::blackbox::FileHeader, slotBytes)}) {
+        std::filesystem::path aside;
+        WriteWhole(Box(file_, aside), 1);
+        Overwrite(at, uint32_t{32});
+        EXPECT_EQ(List().filesLeftOut, 1) << at;
+        WriteWhole(Box(file_, aside), 2);
+        EXPECT_EQ(aside, file_.string() + ".damaged") << at;
+        std::filesystem::remove(file_);
+    }
+}
+
+TEST_F(BoxTest, WithASecondNameIsNotUsed) {
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    std::filesystem::create_hard_link(file_, dir_.Path() / "another name");
+    WriteWhole(Box(file_, aside), 2);
+    EXPECT_EQ(aside, file_.string() + ".damaged");
+    EXPECT_EQ(Read().size(), 1);
+}
+
+// Another process sets it aside while this one waits to look at it.
+TEST_F(BoxTest, IsTheFileThatHasTheNameInTheEnd) {
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    const host::Descriptor held(open(file_.c_str(), O_RDONLY | O_CLOEXEC), file_.string());
+    ASSERT_EQ(flock(held.Fd(), LOCK_EX), 0);
+    std::thread writer([&] {
+        std::filesystem::path none;
+        WriteWhole(Box(file_, none), 2);
+    });
+    const std::string waiting = fmt::format("-> FLOCK  ADVISORY  WRITE {} ", getpid());
+    EXPECT_TRUE(kit::Eventually([&] { return kit::TextOfFile("/proc/locks").find(waiting) != std::string::npos; }));
+    std::filesystem::rename(file_, dir_.Path() / "aside");
+    ASSERT_EQ(flock(held.Fd(), LOCK_UN), 0);
+    writer.join();
+    const std::vector<FaultRecord> records = Read();
+    ASSERT_EQ(records.size(), 1);
+    EXPECT_EQ(records[0].head.pid, 2);
+}
+
+TEST_F(BoxTest, IsLockedByNobodyWhoIsDone) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    WriteWhole(box, 1);
+    const pid_t other = fork(); // a process sees no locks of its own
+    if (other == 0) {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        const int fd = open(file_.c_str(), O_RDWR);
+        _exit(fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(BoxTest, CountsOnAfterTheLastNumber) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    Overwrite(offsetof(host::blackbox::FileHeader, lastSequence), UINT64_MAX);
+    WriteWhole(box, 1);
+    ASSERT_EQ(List().records.size(), 1) << "there is no record 0";
+    EXPECT_EQ(List().records[0].sequence, 1);
+}
+
+TEST_F(BoxTest, SaysWhatIsNoFile) {
+    ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+    EXPECT_EQ(List().reasons, std::vector<std::string>{file_.string() + " is no regular file"});
+}
+
+TEST_F(BoxTest, TellsTheNewestFirst) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    for (const uint32_t time : {5U, 9U, 7U}) {
+        WriteWhole(box, time);
+    }
+    const std::vector<FaultRecord> records = Read();
+    ASSERT_EQ(records.size(), 3);
+    EXPECT_EQ(records[0].head.pid, 9);
+    EXPECT_EQ(records[1].head.pid, 7);
+    EXPECT_EQ(records[2].head.pid, 5);
+}
+
+TEST_F(BoxTest, TellsNoRecordInThePlaceOfAnother) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    WriteWhole(box, 1);
+    const host::blackbox::RecordPlace place = List().records.at(0);
+    ASSERT_TRUE(host::blackbox::Read(dir_.Path(), place).has_value());
+    for (uint32_t i = 0; i != host::blackbox::kSlotNum; ++i) {
+        WriteWhole(box, 2 + i);
+    }
+    EXPECT_FALSE(host::blackbox::Read(dir_.Path(), place).has_value());
+}
+
+TEST_F(BoxTest, ErasesWhatIsChosenAndWhatIsDamaged) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    WriteWhole(box, 1);
+    WriteWhole(box, 2);
+    Fill(Entry(box).Head(), 3); // and no more
+    constexpr auto kSecond = [](const FaultHead &head) { return head.pid == 2; };
+    EXPECT_EQ(host::blackbox::Erase(dir_.Path(), kSecond, false, kNoCheck).number, 1);
+    EXPECT_EQ(List().damaged, 1);
+    EXPECT_EQ(host::blackbox::Erase(dir_.Path(), kSecond, true, kNoCheck).number, 1) << "the damaged one";
+    EXPECT_EQ(List().damaged, 0);
+    ASSERT_EQ(Read().size(), 1);
+    EXPECT_EQ(Read()[0].head.pid, 1);
+    const auto none = host::blackbox::List(
+        dir_.Path(), [](const auto &) { return true; }, kAll, kNoCheck);
+    EXPECT_TRUE(none.records.empty()) << "erased elsewhere";
+}
+
+// Somebody has written there.
+TEST_F(BoxTest, HasNothingInASlotWithoutARecord) {
+    std::filesystem::path aside;
+    const Box box(file_, aside);
+    Overwrite(sizeof(host::blackbox::FileHeader) + offsetof(FaultSlot, erased), uint64_t{7});
+    EXPECT_EQ(List().damaged, 0);
+}
+
+TEST_F(BoxTest, ErasesNothingThatMayNotBeWritten) {
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    ASSERT_EQ(chmod(file_.c_str(), 0444), 0);
+    ASSERT_EQ(chmod(dir_.Path().c_str(), 0755), 0);
+    const kit::Nobody nobody;
+    const host::blackbox::Erased erased = host::blackbox::Erase(dir_.Path(), kAll, false, kNoCheck);
+    EXPECT_EQ(erased.number, 0);
+    ASSERT_EQ(erased.denied.size(), 1);
+    EXPECT_EQ(erased.denied[0].sequence, 1);
+    EXPECT_EQ(List().records.size(), 1);
+}
+
+// It may be written, and yet it can't.
+TEST_F(BoxTest, SaysWhatCannotBeErased) {
+    std::filesystem::path aside;
+    WriteWhole(Box(file_, aside), 1);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    const int error = kit::ErrorOf([&] { host::blackbox::Erase(dir_.Path(), kAll, false, kNoCheck); });
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_EQ(error, EFBIG);
 }
 
 // Files of such names that anyone may have made.
