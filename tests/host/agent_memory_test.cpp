@@ -9,6 +9,8 @@ TARN_UNIT()
 #include <dlfcn.h>
 
 #include <atomic>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <random>
@@ -540,7 +542,15 @@ TEST_F(RelayedMemoryTest, TellsALeakAndADamage) {
         return std::string(answer->szInfo);
     };
     EXPECT_TRUE(Has(text(app_memory::kUnits), "buffers")) << text(app_memory::kUnits);
-    EXPECT_TRUE(Has(text(app_memory::kUnits), "blocks of 256 bytes")) << text(app_memory::kUnits);
+    const std::string units = text(app_memory::kUnits), ofSize = "blocks of 256 bytes: ";
+    uint32_t used = 0, unused = 0, most = 0;
+    ASSERT_EQ(sscanf(units.c_str() + std::min(units.find(ofSize) + ofSize.size(), units.size()),
+                     "%" SCNu32 " used, %" SCNu32 " free, %" SCNu32 " at most", &used, &unused, &most),
+              3)
+        << units;
+    EXPECT_GE(used, 20U) << "as many leak";
+    EXPECT_LT(unused, used) << units;
+    EXPECT_GE(most, used) << units;
     EXPECT_TRUE(Has(text(app_memory::kDetails), "LeakBlocks"));
     EXPECT_TRUE(Has(text(app_memory::kModules), "tarn-agent"));
     EXPECT_TRUE(Has(text(app_memory::kHolders), "leaks")) << text(app_memory::kHolders);

@@ -311,7 +311,7 @@ TEST_F(MemoryMethodsTest, ListSharedMemory) {
     EXPECT_EQ(Shared()->uiShareNum, 0) << "a kernel without System V memory";
     const std::string head = "key shmid perms size cpid lpid nattch uid gid cuid cgid atime dtime ctime rss swap\n";
     proc.Write("sysvipc/shm", head + "42 7 1640 10241 1 2 5 4000001 2 4000003 4 5 6 7 4097 9\n"
-                                     "-1 8 600 1 1 2 0 4000001 2 3 4 5 6 7 0 9\n");
+                                     "-1 8 607 1 1 2 0 4000001 2 3 4 5 6 7 0 9\n");
     const std::filesystem::path file = memory.path / "sub" / "name";
     std::filesystem::create_directory(file.parent_path());
     std::ofstream(file) << std::string(9000, 'x');
@@ -343,7 +343,7 @@ TEST_F(MemoryMethodsTest, ListSharedMemory) {
     EXPECT_EQ(std::string(sysv.acName), "key 0x0000002a");
     EXPECT_EQ(std::string(sysv.acValue5), "sysv 0640 4000001 removed");
     EXPECT_EQ(std::string(none.acName), "key 0xffffffff");
-    EXPECT_EQ(std::string(none.acValue5), "sysv 0600 4000001");
+    EXPECT_EQ(std::string(none.acValue5), "sysv 0607 4000001");
     EXPECT_EQ(Shared(ECANCELED).Status(), ECANCELED);
     proc.Write("sysvipc/shm", head + "42 7 1640\n");
     EXPECT_EQ(Shared().Status(), EPROTO);

@@ -232,18 +232,21 @@ TEST_F(MemoryWatchTest, SuspectsWhatGrowsAndGrows) {
     machine.Add(12, "once");
     machine.Add(13, "wave");
     machine.Add(14, "slow");
+    machine.Add(15, "small");
     Pass(1s);
     for (uint64_t i = 0; i < 600; ++i) {
         machine.processes.at(11).rssKb += 100;
         machine.processes.at(12).rssKb = i < 3 ? 1000 : 500'000;
         machine.processes.at(13).rssKb = 1000 + i % 90 * 10'000;
         machine.processes.at(14).rssKb += 33;
+        machine.processes.at(15).rssKb += 1;
         Pass(1s);
     }
     // Of the points of 10 minutes the last quarter begins with the eighth.
     const std::string leaky = Row(11, "le aky", 61'000, 42'000, 6000, 540);
     const std::string slow = Row(14, "slow", 20'800, 13'860, 1980, 540);
-    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + leaky + slow);
+    EXPECT_EQ(Text(memory_report::kSuspects), suspects_ + leaky + slow) << "1 MiB at least, where nothing is asked for";
+    EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 1), suspects_ + leaky + slow + Row(15, "small", 1600, 420, 60, 540));
     EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 13'860), suspects_ + leaky + slow);
     EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 13'861), suspects_ + leaky);
     EXPECT_EQ(Text(memory_report::kSuspects, 0, 0, 42'001), suspects_);
