@@ -1,6 +1,7 @@
 #include "host/stacks/snapshot.h"
 
 #include <elf.h>
+#include <fmt/format.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
 #include <sys/user.h>
@@ -29,9 +30,7 @@ using Clock = std::chrono::steady_clock;
 class Traced {
 public:
     Traced(const procfs::Procfs &proc, uint32_t pid, uint32_t tid) : proc_(proc), pid_(pid), tid_(tid) {
-        if (ptrace(PTRACE_SEIZE, Id(), nullptr, nullptr) != 0) {
-            Fail(errno, tid, "may not be looked into");
-        }
+        Seize();
         if (ptrace(PTRACE_INTERRUPT, Id(), nullptr, nullptr) != 0) {
             Fail(errno, tid, "may not be stopped");
         }
@@ -49,6 +48,24 @@ public:
     pid_t Id() const { return static_cast<pid_t>(tid_); }
 
 private:
+    // Another that has the thread, as a second daemon of this machine may, lets go of it soon.
+    void Seize() {
+        const auto start = Clock::now();
+        for (bool wasFree = false; ptrace(PTRACE_SEIZE, Id(), nullptr, nullptr) != 0;) {
+            const int error = errno;
+            const bool isFree = error == EPERM && !HasTracer();
+            if (error != EPERM || (isFree && wasFree) || Clock::now() - start > kTracedTimeout) {
+                Fail(error, tid_, "may not be looked into");
+            }
+            wasFree = isFree;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    bool HasTracer() const {
+        return procfs::FieldOf(proc_.Read(pid_, fmt::format("task/{}/status", tid_)), "TracerPid") != 0;
+    }
+
     void WaitForStop() {
         const auto start = Clock::now();
         for (auto pause = std::chrono::microseconds(20);;

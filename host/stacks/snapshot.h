@@ -40,6 +40,9 @@ void ReadStack(uint32_t pid, Snapshot &snapshot);
 constexpr std::chrono::milliseconds kStopTimeout{5000};
 constexpr std::chrono::milliseconds kBlockedTimeout{200};
 
+// How long another tracer is waited for, which takes a snapshot as well or is a debugger.
+constexpr std::chrono::milliseconds kTracedTimeout{500};
+
 constexpr size_t kStackBytes = unwind::kMostStackBytes;
 
 // Takes snapshots. One tracer at a time can have a thread, so a program has one of these.

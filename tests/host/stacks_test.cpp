@@ -49,6 +49,16 @@ protected:
         return kit::Eventually([&] { return State("sleeper") == 'S'; });
     }
 
+    // Unless another daemon, which looks at busy threads, has it at the moment.
+    static void Debug(pid_t tid) {
+        ASSERT_TRUE(kit::Eventually([&] { return ptrace(PTRACE_SEIZE, tid, nullptr, nullptr) == 0; }));
+    }
+    static void LetGo(pid_t tid) {
+        ASSERT_EQ(ptrace(PTRACE_INTERRUPT, tid, nullptr, nullptr), 0);
+        ASSERT_EQ(waitpid(tid, nullptr, __WALL), tid);
+        ASSERT_EQ(ptrace(PTRACE_DETACH, tid, nullptr, nullptr), 0);
+    }
+
     const kit::TempDir dir_;
     const Subject subject_{dir_};
     const host::procfs::Procfs proc_;
@@ -125,12 +135,20 @@ TEST_F(StacksTest, SaysWhyItCannotRead) {
     host::stacks::Process process = Open(subject_.Pid());
     EXPECT_EQ(ErrorOf([&] { process.Read(EndedPid()); }), ESRCH);
     const auto burner = static_cast<pid_t>(subject_.tids.at("burner"));
-    ASSERT_EQ(ptrace(PTRACE_SEIZE, burner, nullptr, nullptr), 0);
+    Debug(burner);
     EXPECT_EQ(ErrorOf([&] { process.Read(subject_.tids.at("burner")); }), EPERM) << "a debugger has it";
-    ASSERT_EQ(ptrace(PTRACE_INTERRUPT, burner, nullptr, nullptr), 0);
-    ASSERT_EQ(waitpid(burner, nullptr, __WALL), burner);
-    ASSERT_EQ(ptrace(PTRACE_DETACH, burner, nullptr, nullptr), 0);
+    LetGo(burner);
     EXPECT_EQ(ErrorOf([&] { process.Read(subject_.tids.at("burner")); }), 0);
+}
+
+TEST_F(StacksTest, WaitsForAnotherThatLetsGoSoon) {
+    host::stacks::Process process = Open(subject_.Pid());
+    const auto burner = static_cast<pid_t>(subject_.tids.at("burner"));
+    Debug(burner);
+    std::future<int> read = std::async([&] { return ErrorOf([&] { process.Read(subject_.tids.at("burner")); }); });
+    EXPECT_EQ(read.wait_for(20ms), std::future_status::timeout) << "failed at once";
+    LetGo(burner);
+    EXPECT_EQ(read.get(), 0);
 }
 
 TEST_F(StacksTest, MayNotLookIntoAnotherUsersProcess) {
