@@ -32,6 +32,8 @@ public:
     }
     void Kill() { process_.reset(); }
     std::string Url() const { return "nats://127.0.0.1:" + port_; }
+    std::string Log() const { return process_->Err(); }
+    uint32_t Pid() const { return process_->Pid(); }
 
 private:
     std::filesystem::path Config() const { return dir_.Path() / "nats.conf"; }
