@@ -75,7 +75,14 @@ say "One device, asked as if it were this machine"
 run_head 6 tarnctl --device mill-1 health
 run_head 6 tarnctl --device mill-1 ps --sort cpu
 
-say "Its relay passes on what it was told to: reading and settings, and no commands"
+say "Which device is the busiest, and with which process?"
+run_head 13 tarnctl fleet top --batch
+
+say "A setting for all presses: first what it would change, then the change itself, ten devices at a time"
+run tarnctl fleet set cpu.begins-at=90% --devices 'press-*' --dry-run
+run tarnctl fleet set cpu.begins-at=90% --devices 'press-*'
+
+say "The relay of mill-1 passes on what it was told to: reading and settings, and no commands"
 run tarnctl --device mill-1 settings set cpu.begins-at=85%
 run tarnctl fleet call ProcTableBuild options=as-tree || true
 

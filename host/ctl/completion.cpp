@@ -8,6 +8,7 @@
 
 #include "host/ctl/fleet/fleet.h"
 #include "host/ctl/process.h"
+#include "host/ctl/settings.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/describe/stated.h"
 

@@ -31,18 +31,6 @@ size_t SlotOf(const host::meaning::Record &meaning, std::string_view member) {
     return static_cast<size_t>(found - members.begin());
 }
 
-Record RecordOf(const Method &method, const Json &request) {
-    try {
-        Record record = FromJson(*method.request, FromNamed(request, *method.meaning->request));
-        host::meaning::Check(*method.meaning->request, record.Data());
-        return record;
-    } catch (const JsonError &error) {
-        throw Failure(kUsage, error.what());
-    } catch (const std::system_error &error) {
-        throw Failure(kUsage, host::ReasonOf(error));
-    }
-}
-
 bool IsAmount(host::meaning::Kind kind) {
     return kind < host::meaning::Kind::kNumber;
 }
@@ -113,6 +101,32 @@ Elements Reply::In(std::string_view member) const {
     return {*method.response->slots[slot].table, *method.meaning->response->inside[slot], (*this)[member]};
 }
 
+Record RecordOf(const Method &method, const Json &request) {
+    try {
+        Record record = FromJson(*method.request, FromNamed(request, *method.meaning->request));
+        host::meaning::Check(*method.meaning->request, record.Data());
+        return record;
+    } catch (const JsonError &error) {
+        throw Failure(kUsage, error.what());
+    } catch (const std::system_error &error) {
+        throw Failure(kUsage, host::ReasonOf(error));
+    }
+}
+
+Reply ReplyTo(const Method &method, const host::CallOutcome &outcome, bool anyResult) {
+    if (!outcome.Ok()) {
+        throw FailureOf(method.service, method.name, outcome);
+    }
+    if (method.response == nullptr) {
+        return {method, Json::object(), outcome.explanation};
+    }
+    const Record reply = DecodeReply(method, outcome.bytes);
+    if (!anyResult) {
+        RequireResult(method, reply, outcome.explanation);
+    }
+    return {method, ToJson(reply), outcome.explanation};
+}
+
 Reply Server::Ask(const std::string &name, const Json &request) {
     const Method &method = RequireMethod(name);
     return Send(method, RecordOf(method, request));
@@ -160,18 +174,7 @@ Reply Server::Send(const Method &method, const Record &request, bool anyResult) 
     const bool isLong = method.meaning->duration == host::meaning::Duration::kLong;
     const host::CallRequest call{method.service,       0,       method.name,
                                  method.request->hash, message, isLong ? kPatience : host::Limits().deadline};
-    const host::CallOutcome outcome = Call(call, isLong);
-    if (!outcome.Ok()) {
-        throw FailureOf(method.service, method.name, outcome);
-    }
-    if (method.response == nullptr) {
-        return {method, Json::object(), outcome.explanation};
-    }
-    const Record reply = DecodeReply(method, outcome.bytes);
-    if (!anyResult) {
-        RequireResult(method, reply, outcome.explanation);
-    }
-    return {method, ToJson(reply), outcome.explanation};
+    return ReplyTo(method, Call(call, isLong), anyResult);
 }
 
 std::optional<Reply> Server::AskUnless(std::initializer_list<uint32_t> none, const std::string &method,

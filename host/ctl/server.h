@@ -44,6 +44,12 @@ struct Reply {
     Elements In(std::string_view member) const;
 };
 
+// A request, in the names of the meanings or of the wire. Throws Failure for one that is not accepted.
+host::describe::Record RecordOf(const host::describe::Method &method, const host::describe::Json &request);
+
+// What a call brought. Throws Failure where it failed or, unless any will do, the result in its reply is a failure.
+Reply ReplyTo(const host::describe::Method &method, const host::CallOutcome &outcome, bool anyResult = false);
+
 // How long what may take long is waited for.
 constexpr std::chrono::milliseconds kPatience{600'000};
 

@@ -1,14 +1,11 @@
-// settings: thresholds and switches of the daemon, with whose they are.
+#include "host/ctl/settings.h"
+
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
-#include <iostream>
 #include <iterator>
 
-#include "host/ctl/listing.h"
 #include "host/ctl/own_service.h"
-#include "host/ctl/tasks/tasks.h"
 #include "host/ctl/values.h"
 #include "host/describe/named.h"
 #include "host/describe/quantity.h"
@@ -28,11 +25,6 @@ using host::meaning::Value;
 namespace items = host::meaning::system_health_item;
 
 namespace {
-
-struct Options {
-    std::vector<std::string> words;
-    ListOptions list;
-};
 
 // The members of a method's request are settings: "cpu." and the name of one.
 struct Group {
@@ -56,48 +48,33 @@ std::span<const Member> MembersOf(const Group &group) {
 
 // ---- What is set ----
 
-// What is in force, as the request that would set it.
-struct InForce {
-    const Method *method;
-    Json request; // the wire's
-    std::string source;
-    bool isChanged = false;
+std::span<const Member> MembersOf(const Setting &setting) {
+    return setting.method->meaning->request->members;
+}
 
-    std::span<const Member> Members() const { return method->meaning->request->members; }
-    uint64_t Number(const Member &member) const { return request.at(std::string(member.wire)).get<uint64_t>(); }
-};
-
-// Those that are known here.
-std::vector<InForce> AskSettings(Server &server) {
-    std::vector<InForce> settings;
-    const Json told = AskOwnService(server.GetClient(), "Settings");
-    for (const Json &one : told.at("settings")) {
-        if (const Method *const method = FindMethod(one.at("method").get<std::string>())) {
-            settings.push_back({method, one.at("request"), one.at("source").get<std::string>()});
-        }
-    }
-    return settings;
+uint64_t NumberOf(const Setting &setting, const Member &member) {
+    return setting.request.at(std::string(member.wire)).get<uint64_t>();
 }
 
 // The health item that is set; null for another setting.
-const Choice *ItemOf(const InForce &setting) {
-    const auto item = std::ranges::find(setting.Members(), "item", &Member::name);
-    if (item == setting.Members().end()) {
+const Choice *ItemOf(const Setting &setting) {
+    const auto item = std::ranges::find(MembersOf(setting), "item", &Member::name);
+    if (item == MembersOf(setting).end()) {
         return nullptr;
     }
-    const auto *const found = std::ranges::find(items::kAll, setting.Number(*item), &Choice::value);
+    const auto *const found = std::ranges::find(items::kAll, NumberOf(setting, *item), &Choice::value);
     return found == std::end(items::kAll) ? nullptr : found;
 }
 
 // "cpu", "health.disk"; empty for what only a later daemon has.
-std::string GroupNameOf(const InForce &setting) {
+std::string GroupNameOf(const Setting &setting) {
     const Choice *const item = ItemOf(setting);
     const auto *const group = std::ranges::find(kGroups, std::string_view(setting.method->name), &Group::method);
     return item != nullptr ? fmt::format("health.{}", item->name) : group == std::end(kGroups) ? "" : group->name;
 }
 
 // A limit is in what its item measures.
-Value ValueOf(const InForce &setting, const Member &member) {
+Value ValueOf(const Setting &setting, const Member &member) {
     const Choice *const item = member.name == "limit" ? ItemOf(setting) : nullptr;
     Value value = member.value;
     if (item != nullptr) {
@@ -108,42 +85,19 @@ Value ValueOf(const InForce &setting, const Member &member) {
     return value;
 }
 
-struct Row {
-    std::vector<std::string> cells;
-    Json json;
-};
-
 // What 0 means is told as the setting says it.
-Row RowOf(const std::string &group, const InForce &setting, const Member &member) {
+SettingRow RowOf(const std::string &group, const Setting &setting, const Member &member) {
     const std::string name = fmt::format("{}.{}", group, member.name);
     const Choice *const item = member.name == "limit" ? ItemOf(setting) : nullptr;
-    const uint64_t number = setting.Number(member);
+    const uint64_t number = NumberOf(setting, member);
     const bool isZero = number == 0 && !member.value.zero.empty();
     const std::string text = isZero ? std::string(member.value.zero) : ValueText(ValueOf(setting, member), number);
     const Json named = host::describe::ToNamed(setting.request, *setting.method->meaning->request);
-    return {{name, text, setting.source, std::string(item == nullptr ? member.sentence : item->sentence)},
+    return {name,
+            text,
+            setting.source,
+            std::string(item == nullptr ? member.sentence : item->sentence),
             {{"name", name}, {"value", named.at(host::describe::KeyOf(member))}, {"source", setting.source}}};
-}
-
-std::vector<Row> Rows(Server &server) {
-    std::vector<Row> rows;
-    for (const InForce &setting : AskSettings(server)) {
-        const std::string group = GroupNameOf(setting);
-        for (const Member &member : group.empty() ? std::span<const Member>() : setting.Members()) {
-            if (member.name != "item") {
-                rows.push_back(RowOf(group, setting, member));
-            }
-        }
-    }
-    return rows;
-}
-
-void List(Server &server, const Options &options) {
-    Listing listing(options.list, {"name", "value", "source", "meaning"}, {"name", "value", "source"});
-    for (const Row &row : Rows(server)) {
-        listing.Add(row.cells, row.json);
-    }
-    listing.Show("no settings");
 }
 
 // ---- Setting ----
@@ -190,16 +144,16 @@ std::vector<std::string> Names() {
                                       DidYouMean(name, {names.begin(), names.end()})));
 }
 
-void Change(std::vector<InForce> &settings, const Wish &wish) {
-    for (InForce &setting : settings) {
-        const auto member = std::ranges::find(setting.Members(), wish.member, &Member::name);
-        if (GroupNameOf(setting) != wish.group || member == setting.Members().end() || member->name == "item") {
+void Change(std::vector<Setting> &settings, const Wish &wish) {
+    for (Setting &setting : settings) {
+        const auto member = std::ranges::find(MembersOf(setting), wish.member, &Member::name);
+        if (GroupNameOf(setting) != wish.group || member == MembersOf(setting).end() || member->name == "item") {
             continue;
         }
         try {
             const Value value = ValueOf(setting, *member);
             setting.request[std::string(member->wire)] = host::describe::ParseQuantity(value, wish.value);
-            setting.isChanged = true;
+            setting.isStated = true;
             return;
         } catch (const host::describe::QuantityError &error) {
             throw Failure(kUsage, fmt::format("{}.{}: {}", wish.group, wish.member, error.what()));
@@ -208,41 +162,49 @@ void Change(std::vector<InForce> &settings, const Wish &wish) {
     FailOf(wish);
 }
 
-// What isn't stated stays as it is.
-void SetAll(Server &server, std::span<const std::string> words) {
-    std::vector<Wish> wishes;
-    std::ranges::transform(words, std::back_inserter(wishes), WishOf);
-    std::vector<InForce> settings = AskSettings(server);
-    for (const Wish &wish : wishes) {
-        Change(settings, wish);
+} // namespace
+
+std::vector<Setting> SettingsIn(const Json &told) {
+    std::vector<Setting> settings;
+    for (const Json &one : told.at("settings")) {
+        if (const Method *const method = FindMethod(one.at("method").get<std::string>())) {
+            settings.push_back({method, one.at("request"), one.at("source").get<std::string>()});
+        }
     }
-    for (const InForce &setting : settings) {
-        if (setting.isChanged) {
-            server.Ask(setting.method->name, setting.request);
+    return settings;
+}
+
+std::vector<Setting> AskSettings(Server &server) {
+    return SettingsIn(AskOwnService(server.GetClient(), "Settings"));
+}
+
+std::vector<SettingRow> RowsOf(const std::vector<Setting> &settings) {
+    std::vector<SettingRow> rows;
+    for (const Setting &setting : settings) {
+        const std::string group = GroupNameOf(setting);
+        for (const Member &member : group.empty() ? std::span<const Member>() : MembersOf(setting)) {
+            if (member.name != "item") {
+                rows.push_back(RowOf(group, setting, member));
+            }
+        }
+    }
+    return rows;
+}
+
+void RequireSettings(std::span<const std::string> words) {
+    const std::vector<std::string> names = Names();
+    for (const std::string &word : words) {
+        const Wish wish = WishOf(word);
+        if (std::ranges::count(names, wish.group + "." + wish.member) == 0) {
+            FailOf(wish);
         }
     }
 }
 
-void Settings(const Globals &globals, const Options &options) {
-    const std::vector<std::string> &words = options.words;
-    Server server(globals);
-    if (words.empty() || (words.size() == 1 && words[0] == "list")) {
-        List(server, options);
-    } else if (words[0] == "set" && words.size() > 1) {
-        SetAll(server, std::span(words).subspan(1));
-    } else if (words[0] == "reset" && words.size() == 1) {
-        server.Ask("ClearEnvAct", Json{{"what", "settings"}});
-    } else {
-        throw Failure(kUsage, fmt::format("found {}, expected list, set NAME=VALUE..., or reset", words[0]));
+void Change(std::vector<Setting> &settings, std::span<const std::string> words) {
+    for (const std::string &word : words) {
+        Change(settings, WishOf(word));
     }
-}
-
-} // namespace
-
-std::vector<Json> SettingObjects(Server &server) {
-    std::vector<Json> objects;
-    std::ranges::transform(Rows(server), std::back_inserter(objects), &Row::json);
-    return objects;
 }
 
 std::vector<std::string> SettingWords(const std::string &word) {
@@ -265,20 +227,6 @@ std::vector<std::string> SettingWords(const std::string &word) {
         words.push_back(fmt::format("{}={}", word.substr(0, sign), choice.name));
     }
     return words;
-}
-
-void AddSettings(CLI::App &app, const Globals &globals) {
-    const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "settings", "Thresholds and switches of the daemon, and whose they are",
-                                   {"settings", "settings set cpu.begins-at=90% cpu.must-last=10s",
-                                    "settings set health.disk.limit=85%", "settings reset"});
-    task->add_option(
-            "WHAT", options->words,
-            "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each; \"reset\" gives up what clients "
-            "have set of overloads, measurement and the clock for what the master has or the default")
-        ->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Settings(globals, *options); });
 }
 
 } // namespace ctl

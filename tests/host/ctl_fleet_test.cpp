@@ -136,13 +136,72 @@ TEST_F(InFleet, AMethodOfManyIsAnObjectForEach) {
     EXPECT_EQ(Fleet("fleet call PidIsOnline process=1 --devices lathe"), 2);
     EXPECT_THAT(error_, HasSubstr("lathe: no such device"));
     EXPECT_EQ(Fleet("fleet call"), 2);
-    EXPECT_EQ(error_, "tarnctl: found call, expected call METHOD REQUEST, or events\n");
+    EXPECT_EQ(error_, "tarnctl: found call, expected call METHOD REQUEST, set NAME=VALUE..., top, or events\n");
 }
 
 TEST_F(InFleet, ARefusalIsWorseThanSilence) {
     EXPECT_EQ(Fleet("fleet call ProcTableBuild options=as-tree"), 5) << error_;
     EXPECT_EQ(error_, "tarnctl: 0 answered, 1 silent, 2 refused\n");
     EXPECT_THAT(out_, HasSubstr("the relay of press-1 passes on no method of the group commands"));
+}
+
+TEST_F(InFleet, SettingsOfManyAreSetOrOnlyTold) {
+    const auto begins = [&] { return Objects("settings --json")[0].at("value"); };
+    const Json before = begins();
+    const Json change{{"name", "cpu.begins-at"}, {"before", before}, {"after", 910}};
+    std::vector<Json> lines = ObjectsOf(OfFleet("fleet set cpu.begins-at=91% --devices 'press-*' --dry-run"));
+    EXPECT_EQ(error_, "2 would be set, 0 silent, 0 refused\n");
+    EXPECT_EQ(lines, (std::vector<Json>{{{"device", "press-1"}, {"changes", {change}}},
+                                        {{"device", "press-2"}, {"changes", {change}}}}));
+    EXPECT_EQ(begins(), before);
+    lines = ObjectsOf(OfFleet("fleet set cpu.begins-at=91% cpu.must-last=7s memory.begins-at=92% --devices press-1"));
+    EXPECT_EQ(error_, "1 set, 0 silent, 0 refused\n");
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].at("changes").size(), 3U);
+    EXPECT_EQ(lines[0].at("changes")[0], change);
+    EXPECT_EQ(begins(), 910);
+    EXPECT_THAT(OfFleet("--device press-2 settings"), ContainsRegex("memory.begins-at +92"));
+}
+
+TEST_F(InFleet, SettingEndsWhereADeviceFails) {
+    EXPECT_EQ(Fleet("fleet set cpu.begins-at=93% --at-a-time 1"), 3) << "mill-1 is the first and is not there";
+    EXPECT_EQ(error_, "tarnctl: 0 set, 1 silent, 0 refused, 2 not asked\n");
+    EXPECT_EQ(ObjectsOf(out_).size(), 1U);
+    EXPECT_EQ(Fleet("fleet set cpu.begins-at=93% --at-a-time 2"), 3);
+    EXPECT_EQ(error_, "tarnctl: 1 set, 1 silent, 0 refused, 1 not asked\n");
+    EXPECT_EQ(Fleet("fleet set cpu.begins-at=190%"), 3);
+    EXPECT_EQ(error_, "tarnctl: 0 set, 1 silent, 2 refused\n");
+    EXPECT_THAT(out_, HasSubstr("begins-at (uiValue1) is 1900"));
+    EXPECT_EQ(Fleet("fleet set cpu.begin-at=90%"), 2) << "no device is asked";
+    EXPECT_THAT(error_, HasSubstr("cpu.begin-at: no such setting; did you mean cpu.begins-at?"));
+    EXPECT_EQ(Fleet("fleet set"), 2);
+    EXPECT_EQ(Fleet("fleet set cpu.begins-at=90% --devices lathe"), 2);
+    EXPECT_THAT(error_, HasSubstr("lathe: no such device"));
+    SayHello("lathe-1");
+    fleet::Connection odd({.account = {.url = server_->Url()}});
+    odd.Subscribe(fleet::SubjectOf("lathe-1", "call.>"),
+                  [&](const fleet::Message &message) { odd.Publish(message.Reply(), R"({"settings": 7})"); });
+    odd.Flush(kPatience);
+    ASSERT_TRUE(Await("it is listed", [&] { return OfFleet("devices").find("lathe-1") != std::string::npos; }));
+    EXPECT_EQ(Fleet("fleet set cpu.begins-at=90% --devices lathe-1"), 6);
+    EXPECT_THAT(out_, HasSubstr("its settings are not as expected"));
+}
+
+TEST_F(InFleet, TheBusiestOfAllAreOnTop) {
+    EXPECT_EQ(Fleet("fleet top --batch --devices 'press-*'"), 0) << error_;
+    EXPECT_THAT(out_, testing::StartsWith("2 devices answered, 0 did not\n\nDEVICE "));
+    EXPECT_THAT(out_, ContainsRegex("press-1 +[0-9.]+ % "));
+    EXPECT_THAT(out_, HasSubstr("\nDEVICE   PROCESS "));
+    const std::vector<Json> views = ObjectsOf(OfFleet("fleet top --json -n 2 -d 10ms"));
+    ASSERT_EQ(views.size(), 2U);
+    const Json &devices = views[1].at("devices");
+    ASSERT_EQ(devices.size(), 3U);
+    EXPECT_FALSE(devices[0].at("processes").empty());
+    EXPECT_EQ(devices[2].at("device"), "mill-1");
+    EXPECT_THAT(devices[2].at("failure").get<std::string>(), HasSubstr("no such device is connected"));
+    EXPECT_EQ(Fleet("fleet top worker"), 2);
+    EXPECT_EQ(error_, "tarnctl: found top worker, expected call METHOD REQUEST, set NAME=VALUE..., top, or events\n");
+    EXPECT_EQ(Fleet("fleet top -d soon"), 2);
 }
 
 // One that answers nobody.
@@ -200,6 +259,7 @@ TEST_F(InFleet, DevicesAndContextsAreCompleted) {
     std::ofstream(dir_.Path() / "config/tarn/contexts/plant-7") << "server = " << server_->Url() << "\n";
     EXPECT_EQ(Out("complete -- context use pl"), "plant-7\n");
     EXPECT_EQ(Out("complete -- fleet ca"), "call\n");
+    EXPECT_EQ(Out("complete -- fleet set cpu.beg"), "cpu.begins-at=\n");
     EXPECT_EQ(Out("complete -- fleet call PidIs"), "PidIsOnline\n");
     EXPECT_EQ(Out("complete -- fleet call PidIsOnline pro"), "process=\n");
     EXPECT_EQ(Out(fmt::format("complete -- --fleet {} devices pr", server_->Url())), "press-1\npress-2\n");

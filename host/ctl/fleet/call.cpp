@@ -8,6 +8,7 @@
 #include "host/ctl/fleet/round.h"
 #include "host/ctl/outcome.h"
 #include "host/ctl/request.h"
+#include "host/ctl/server.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/meaning/meaning.h"
 
@@ -43,12 +44,11 @@ class Questions {
 public:
     Questions(const Method &method, const Zones &zones, const FleetOptions &options)
         : method_(method), zones_(zones), words_(options.words.begin() + 2, options.words.end()),
-          deadline_(options.deadline.empty() ? host::Limits().deadline : ParseTime("--deadline", options.deadline)),
-          message_(Encode(ReadRequest(method_, words_))) {}
+          deadline_(DeadlineOf(options.deadline)), message_(Encode(ReadRequest(method_, words_))) {}
 
     Asked For(const Hello &device) const {
         zones_.Use(device);
-        return {method_, zones_.AreUsed() ? Encode(ReadRequest(method_, words_)) : message_, deadline_};
+        return AskedFor(method_, zones_.AreUsed() ? Encode(ReadRequest(method_, words_)) : message_, deadline_);
     }
 
 private:
@@ -61,23 +61,13 @@ private:
 
 // The reply as a line; throws Failure for what is none, or tells of a failure.
 Json ReplyOf(const Method &method, const Zones &zones, const Answer &answer) {
-    const host::CallOutcome &outcome = answer.outcome;
-    if (!outcome.Ok()) {
-        throw FailureOf(method.service, method.name, outcome);
-    }
+    zones.Use(answer.device); // before members are put in words
+    const Reply reply = ReplyTo(method, answer.outcome);
     Json line{{"device", answer.device.device}};
     if (method.response != nullptr) {
-        zones.Use(answer.device);
-        const Record reply = DecodeReply(method, outcome.bytes);
-        RequireResult(method, reply, outcome.explanation);
-        line["reply"] = JsonOf(reply, method.meaning->response, JsonForm::kNamed);
+        line["reply"] = reply.Named();
     }
     return line;
-}
-
-void Print(const Json &line, Progress &progress) {
-    progress.Hide(); // the terminal may be the same
-    std::cout << line.dump() << std::endl;
 }
 
 } // namespace
@@ -92,18 +82,19 @@ void CallFleet(const Globals &globals, const FleetOptions &options) {
     Tally tally;
     const auto take = [&](Answer &&answer) {
         try {
-            Print(ReplyOf(method, zones, answer), progress);
+            PrintLine(ReplyOf(method, zones, answer), progress);
             tally.CountAnswer();
         } catch (const Failure &failure) {
-            Print({{"device", answer.device.device}, {"failure", failure.what()}}, progress);
+            PrintLine(FailureLine(answer.device, failure), progress);
             tally.Count(failure);
         }
         return true;
     };
     AskAll(
-        fleet, devices, options.atATime, progress, [&](const Hello &device) { return questions.For(device); }, take);
+        fleet, devices, options.atATime.value_or(kCallsAtATime), progress,
+        [&](const Hello &device) { return questions.For(device); }, take);
     progress.Hide();
-    tally.End();
+    tally.End(devices.size());
 }
 
 } // namespace ctl

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "host/ctl/interrupt.h"
+#include "host/ctl/tasks/tasks.h"
 #include "host/osal/mutex.h"
 
 namespace ctl {
@@ -44,6 +45,14 @@ private:
 
 } // namespace
 
+Asked AskedFor(const host::describe::Method &method, std::vector<uint8_t> message, std::chrono::milliseconds deadline) {
+    return {std::string(method.service), method.name, method.request->hash, std::move(message), deadline};
+}
+
+std::chrono::milliseconds DeadlineOf(const std::string &option) {
+    return option.empty() ? host::Limits().deadline : ParseTime("--deadline", option);
+}
+
 void AskAll(Fleet &fleet, const std::vector<Hello> &devices, size_t atATime, Progress &progress,
             const std::function<Asked(const Hello &)> &ask, const std::function<bool(Answer &&)> &take) {
     constexpr std::chrono::milliseconds kLook{50};
@@ -52,15 +61,14 @@ void AskAll(Fleet &fleet, const std::vector<Hello> &devices, size_t atATime, Pro
     std::vector<uint64_t> calls;
     const auto start = [&](size_t at) {
         const Asked asked = ask(devices[at]);
-        const std::string_view message(reinterpret_cast<const char *>(asked.message.data()), asked.message.size());
-        calls.push_back(
-            fleet.Caller().Start(devices[at].device,
-                                 {.service = std::string(asked.method.service),
-                                  .method = asked.method.name,
-                                  .typeHash = asked.method.request->hash,
-                                  .deadline = asked.deadline,
-                                  .message = message},
-                                 [arrived, at](host::CallOutcome &&outcome) { arrived->Add(at, std::move(outcome)); }));
+        calls.push_back(fleet.Caller().Start(
+            devices[at].device,
+            {.service = asked.service,
+             .method = asked.method,
+             .typeHash = asked.typeHash,
+             .deadline = asked.deadline,
+             .message = {reinterpret_cast<const char *>(asked.message.data()), asked.message.size()}},
+            [arrived, at](host::CallOutcome &&outcome) { arrived->Add(at, std::move(outcome)); }));
     };
     const auto giveUp = [&] { std::ranges::for_each(calls, [&](uint64_t call) { fleet.Caller().Cancel(call); }); };
     for (size_t ended = 0; ended < devices.size();) {
@@ -82,17 +90,30 @@ void AskAll(Fleet &fleet, const std::vector<Hello> &devices, size_t atATime, Pro
     }
 }
 
+void PrintLine(const host::describe::Json &line, Progress &progress) {
+    progress.Hide();
+    std::cout << line.dump() << std::endl;
+}
+
+host::describe::Json FailureLine(const Hello &device, const Failure &failure) {
+    return {{"device", device.device}, {"failure", failure.what()}};
+}
+
 void Tally::Count(const Failure &failure) {
     ++(failure.Code() == kConnection || failure.Code() == kDeadline ? silent_ : refused_);
     worst_ = std::max(worst_, failure.Code());
 }
 
-void Tally::End() const {
-    const std::string text = fmt::format("{} answered, {} silent, {} refused", answered_, silent_, refused_);
-    if (worst_ != kDone) {
-        throw Failure(worst_, text);
+std::string Tally::Text(size_t devices) const {
+    const std::string text = fmt::format("{} {}, {} silent, {} refused", answered_, did_, silent_, refused_);
+    return devices > All() ? fmt::format("{}, {} not asked", text, devices - All()) : text;
+}
+
+void Tally::End(size_t devices) const {
+    if (HasFailures()) {
+        throw Failure(worst_, Text(devices));
     }
-    std::cerr << text << "\n";
+    std::cerr << Text(devices) << "\n";
 }
 
 } // namespace ctl

@@ -16,6 +16,7 @@
 #include "host/ctl/outcome.h"
 #include "host/ctl/own_service.h"
 #include "host/ctl/progress.h"
+#include "host/ctl/settings.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/describe/moment.h"
 #include "host/osal/text.h"
@@ -77,7 +78,7 @@ public:
             Try(part.file, [&] { archive_.Add(part.file, ContentOf(server_.Ask(part.method, RequestOf(part)))); });
         }
         Try("status.json", [&] { AddStatus(); });
-        Try("settings.jsonl", [&] { AddLines("settings.jsonl", SettingObjects(server_)); });
+        Try("settings.jsonl", [&] { AddLines("settings.jsonl", Settings()); });
         Try("cpu-overloads.jsonl", [&] { AddLines("cpu-overloads.jsonl", Overloads()); });
         Try("events.jsonl", [&] { AddLines("events.jsonl", Events()); });
         Try("logs.zip", [&] { AddLogs(); });
@@ -152,6 +153,12 @@ private:
                                  [&](const Json &event) { return IsWanted(event.at("time_ms")); });
         }
         return events;
+    }
+
+    std::vector<Json> Settings() {
+        std::vector<Json> settings;
+        std::ranges::transform(RowsOf(AskSettings(server_)), std::back_inserter(settings), &SettingRow::json);
+        return settings;
     }
 
     // All that are kept, and with the threads of those where they may be seen.

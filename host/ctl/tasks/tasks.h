@@ -24,14 +24,6 @@ void AddRules(CLI::App &app, const Globals &globals);
 void AddMeasure(CLI::App &app, const Globals &globals);
 void AddWatch(CLI::App &app, const Globals &globals);
 
-// "cpu.begins-at=" for each setting; or those with the values that it can have, behind its name.
-std::vector<std::string> SettingWords(const std::string &word);
-
-class Server;
-
-// The settings as the task tells them to programs.
-std::vector<host::describe::Json> SettingObjects(Server &server);
-
 // A command whose help ends with examples, a line each without "tarnctl".
 CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples);
 
