@@ -1,8 +1,8 @@
 #!/bin/bash
-# Builds in release mode, counts ARM instructions, measures, prints the tables, and writes that of the round trips into
-# docs/performance.md: bench.sh. Results are in build/release/bench: codec.json, call.json, roundtrip.json,
-# tap.json, instructions.txt, idle.txt. Options are handed to the codec benchmark, which takes Google Benchmark's:
-# --benchmark_filter=velto/Result.
+# Builds in release mode, counts ARM instructions, measures, prints the tables, and writes those of calls into
+# docs/performance.md: bench.sh. Results are in build/release/bench: codec.json, call.json, roundtrip.json, fleet.json,
+# tap.json, instructions.txt, idle.txt, fleet_idle.txt. Options are handed to the codec benchmark, which takes Google
+# Benchmark's: --benchmark_filter=velto/Result.
 #
 # bench.sh --check: measures three times, and fails when a ratio is worse by more than 15 % in each than
 # bench/expected.json has it. bench.sh --record: writes bench/expected.json anew, from three runs.
@@ -42,7 +42,8 @@ if [[ ${1:-} == --check || ${1:-} == --record ]]; then
     exit
 fi
 
-build bench_codec bench_call bench_counter bench_roundtrip bench_tap tarnd tarnctl
+build bench_codec bench_call bench_counter bench_roundtrip bench_fleet bench_fleet_idle \
+    bench_tap tarnd tarnctl
 [[ -d $nanopb/usr ]] || bench/nanopb_arm.sh "$nanopb"
 cmake --preset arm -B "$arm" -DTARN_BENCH=ON -DBUILD_TESTING=OFF -DBENCH_GENERATED="$PWD/$result/generated" \
     -DNANOPB_ROOT="$nanopb" >/dev/null
@@ -62,11 +63,14 @@ printf '\n== calls\n'
 printf '\n== codecs\n'
 "$result/bench_codec" "${measure[@]}" --benchmark_out="$result/codec.json" \
     --instructions="$result/instructions.txt" "$@"
-printf '\n== round trips\n'
+printf '\n== round trips, and calls of a fleet\n'
 "$result/bench_roundtrip" "$result/roundtrip.json"
+"$result/bench_fleet" "$result/fleet.json"
 python3 bench/report.py table "$result"
 python3 bench/report.py write "$result" docs/performance.md
 printf '\n== the tap of captures\n'
 "$result/bench_tap" "${measure[@]}" --benchmark_report_aggregates_only=true --benchmark_out="$result/tap.json"
 printf '\n== an idle daemon\n'
 bench/idle.sh "$native" | tee "$result/idle.txt"
+printf '\n== an idle fleet\n'
+"$result/bench_fleet_idle" | tee "$result/fleet_idle.txt"

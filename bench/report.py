@@ -1,11 +1,11 @@
-"""What the benchmark measured, from its JSON: the table of round trips, and ratios compared with recorded ones.
+"""What the benchmark measured, from its JSON: the tables of calls, and ratios compared with recorded ones.
 
-    report.py table RUN                 prints the table
-    report.py write RUN DOCUMENT        writes it into a document, between its markers
+    report.py table RUN                 prints the tables
+    report.py write RUN DOCUMENT        writes them into a document, between their markers
     report.py record EXPECTED RUN...    writes the ratios of runs down, the median of each
     report.py check EXPECTED RUN...     fails when one is worse in each of the runs
 
-A run is a directory with codec.json and roundtrip.json. A ratio is how many times as long the first takes as the second
+A run is a directory with codec.json, roundtrip.json and, for the tables, fleet.json. A ratio is how many times as long the first takes as the second
 in the same run, so less is better.
 """
 
@@ -25,6 +25,8 @@ CALL_RATIOS = [("runtime", "raw"), ("runtime", "sd-bus")]
 # What the round trips are to reach: the runtime at most so many times the floor, a peer at least so many the runtime.
 FLOOR_GOAL = 1.25
 PEER_GOALS = {"sd-bus": 1, "grpc": 5}
+# A call over a fleet's server is to take at most what a local one does, and so many times what the server's own does.
+FLEET_GOAL = 1.3
 
 
 class Mistake(Exception):
@@ -55,8 +57,8 @@ def codec_times(run):
     return times
 
 
-def round_trips(run):
-    return {(row["bytes"], row["callers"], row["system"]): row for row in rows_of(Path(run) / "roundtrip.json")}
+def round_trips(run, file="roundtrip.json"):
+    return {(row["bytes"], row["callers"], row["system"]): row for row in rows_of(Path(run) / file)}
 
 
 def ratios_of(run):
@@ -115,7 +117,7 @@ def met(condition):
     return "met" if condition else "MISSED"
 
 
-def table_row(trips, size, callers, system):
+def round_trip_row(trips, size, callers, system):
     row = trips[size, callers, system]
     time, runtime = row["p50"], trips[size, callers, "runtime"]["p50"]
     if system == "raw":
@@ -130,28 +132,45 @@ def table_row(trips, size, callers, system):
             f"{verdict} |")
 
 
-def table(run):
-    trips = round_trips(run)
-    head = ["| bytes | callers | system | p50 | p99 | calls/s | cpu us | ratio | goal | |", "|---" * 10 + "|"]
-    return "\n".join(head + [table_row(trips, *key) for key in trips])
+def fleet_row(trips, size, callers, system):
+    row = trips[size, callers, system]
+    verdict = " |  | "
+    if system == "fleet":
+        ratio = (row["p50"] - trips[size, callers, "local"]["p50"]) / trips[size, callers, "nats"]["p50"]
+        verdict = f"local + {ratio:.2f} x nats | at most {FLEET_GOAL} | {met(ratio <= FLEET_GOAL)}"
+    return f"| {size} | {callers} | {system} | {row['p50']:.1f} | {row['p99']:.1f} | {row['rate']:.0f} | {verdict} |"
+
+
+# By what they are called in a document: the file, a row of it, and the columns between callers' system and ratio.
+TABLES = {"round trips": ("roundtrip.json", round_trip_row, ["p50", "p99", "calls/s", "cpu us"]),
+          "calls of a fleet": ("fleet.json", fleet_row, ["p50", "p99", "calls/s"])}
+
+
+def table(run, name):
+    file, row, figures = TABLES[name]
+    trips = round_trips(run, file)
+    columns = ["bytes", "callers", "system", *figures, "ratio", "goal"]
+    head = [f"| {' | '.join(columns)} | |", "|---" * (len(columns) + 1) + "|"]
+    return "\n".join(head + [row(trips, *key) for key in trips])
 
 
 def write(run, document):
-    begin, end = "<!-- round trips: ./dev bench writes this -->\n", "\n<!-- end of round trips -->"
     text = Path(document).read_text(encoding="utf-8")
-    # A function, since in a text a backslash would mean something.
-    written, places = re.subn(re.escape(begin) + ".*?" + re.escape(end),
-                              lambda _: f"{begin}\n{table(run)}\n{end}", text, flags=re.DOTALL)
-    if places != 1:
-        raise Mistake(f"{document}: {places} places for the table; expected one between the lines "
-                      f"{begin.strip()!r} and {end.strip()!r}")
-    Path(document).write_text(written, encoding="utf-8")
+    for name in TABLES:
+        begin, end = f"<!-- {name}: ./dev bench writes this -->\n", f"\n<!-- end of {name} -->"
+        written = f"{begin}\n{table(run, name)}\n{end}"
+        # A function, since in a text a backslash would mean something.
+        text, places = re.subn(re.escape(begin) + ".*?" + re.escape(end), lambda _, written=written: written, text, flags=re.DOTALL)
+        if places != 1:
+            raise Mistake(f"{document}: {places} places for the table; expected one between the lines "
+                          f"{begin.strip()!r} and {end.strip()!r}")
+    Path(document).write_text(text, encoding="utf-8")
 
 
 def main(arguments):
     command, rest = (arguments + [""])[0], arguments[1:]
     if command == "table" and len(rest) == 1:
-        print(table(rest[0]))
+        print("\n\n".join(table(rest[0], name) for name in TABLES))
     elif command == "write" and len(rest) == 2:
         write(*rest)
     elif command == "record" and len(rest) >= 2:

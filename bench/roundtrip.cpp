@@ -4,7 +4,7 @@
 // server share a processor: they never run at the same time, and what waking another processor takes depends on how
 // soundly it slept, not on the system that is measured.
 //
-//   bench_roundtrip FILE               all systems, into a JSON file that report.py reads
+//   bench_roundtrip FILE               all systems, into a JSON file that report.py reads; bench_fleet the same
 //   bench_roundtrip --against OTHER    the runtime's server here and that of another build of this program, in turn
 #include <sched.h>
 #include <signal.h>
@@ -43,10 +43,6 @@ constexpr unsigned kCallers[] = {1, 8};
 constexpr int kRepetitions = 7;
 constexpr auto kTime = 250ms; // of one measurement
 constexpr auto kWarmUp = 50ms;
-
-std::vector<const bench::System *> Systems() {
-    return {&bench::RawSystem(), &bench::RuntimeSystem(), &bench::SdBusSystem(), &bench::GrpcSystem()};
-}
 
 double ReadClock(clockid_t clock) { // us
     timespec time;
@@ -209,12 +205,12 @@ using Row = std::map<std::string, Figures>; // by system
 
 // Rows as Google Benchmark's files have them.
 void Write(std::ostream &out, size_t size, unsigned callers, const Row &row) {
-    for (const bench::System *const system : Systems()) {
+    for (const bench::System *const system : bench::Systems()) {
         const Figures &figures = row.at(system->Name());
         out << fmt::format("  {{\"name\": \"{0}/{1}/{2}\", \"system\": \"{0}\", \"bytes\": {1}, \"callers\": {2}, "
                            "\"p50\": {3:.3f}, \"p99\": {4:.3f}, \"rate\": {5:.1f}, \"cpu\": {6:.3f}}}",
                            system->Name(), size, callers, figures.p50, figures.p99, figures.rate, figures.cpu)
-            << (system == Systems().back() ? "" : ",\n");
+            << (system == bench::Systems().back() ? "" : ",\n");
     }
 }
 
@@ -226,7 +222,7 @@ void MeasureAll(const std::string &file) {
         for (const unsigned callers : kCallers) {
             Row row;
             for (int i = 0; i < kRepetitions; ++i) {
-                for (const bench::System *const system : Systems()) {
+                for (const bench::System *const system : bench::Systems()) {
                     row[system->Name()].TakeBest(Measure(*system, size, callers));
                 }
             }
@@ -268,7 +264,7 @@ void MeasureAgainst(const std::string &other) {
 }
 
 void Serve(const std::string &name, size_t size, const std::string &directory) {
-    for (const bench::System *const system : Systems()) {
+    for (const bench::System *const system : bench::Systems()) {
         if (name == system->Name()) {
             system->Serve(directory, size);
             return;

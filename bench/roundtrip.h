@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -24,6 +25,9 @@ public:
     virtual void Serve(const std::string &directory, size_t size) const = 0;
     virtual std::unique_ptr<Caller> Connect(const std::string &directory, int serverPid) const = 0;
 };
+
+// Those that a program compares.
+std::vector<const System *> Systems();
 
 const System &RawSystem();
 const System &RuntimeSystem();

@@ -254,9 +254,13 @@ void Connection::DestroyContext::operator()(jsCtx *context) const {
     jsCtx_Destroy(context);
 }
 
+// Who waits for a lock sleeps: where there is one processor, as on small devices, nothing comes of waiting awake.
+constexpr int64_t kNoSpins = 0;
+
 Connection::Connection(ConnectionOptions given) : callbacks_(std::make_shared<Callbacks>(std::move(given))) {
     const ConnectionOptions &options = callbacks_->options;
     options.account.Check();
+    Require(nats_Open(kNoSpins), "the client library");
     natsOptions *made = nullptr;
     Require(natsOptions_Create(&made), "options");
     const Options owned(made);

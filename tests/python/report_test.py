@@ -22,7 +22,9 @@ def make_run(directory, velto=20.0, **times):
     codec.append({"run_name": "velto/Result/encode", "name": "x_mean", "run_type": "aggregate", "cpu_time": 1.0})
     trips = [{"system": system, "bytes": 64, "callers": 1, "p50": time, "p99": 2 * time, "rate": 1e6 / time,
               "cpu": time + 1} for system, time in (USUAL | times).items()]
-    for name, rows in [("codec", codec), ("roundtrip", trips)]:
+    fleet = [{"system": system, "bytes": 64, "callers": 1, "p50": time, "p99": 2 * time, "rate": 1e6 / time}
+             for system, time in [("nats", 100.0), ("local", 10.0), ("fleet", 130.0)]]
+    for name, rows in [("codec", codec), ("roundtrip", trips), ("fleet", fleet)]:
         (directory / f"{name}.json").write_text(json.dumps({"benchmarks": rows}), encoding="utf-8")
     return directory
 
@@ -76,16 +78,19 @@ def test_what_is_measured_and_not_recorded_or_the_other_way_round_is_told(tmp_pa
     assert "velto/Result/encode : floor: 2.000, and none is recorded; ./dev bench --record does\n" in said
 
 
-def test_the_table_takes_the_place_of_the_old_one(tmp_path):
+def test_the_tables_take_the_places_of_the_old_ones(tmp_path):
     document = tmp_path / "performance.md"
-    around = ("before\n\n<!-- round trips: ./dev bench writes this -->\n{}\n<!-- end of round trips -->\n\nbehind\n")
-    document.write_text(around.format("\nold\n"), encoding="utf-8")
+    around = ("before\n\n<!-- round trips: ./dev bench writes this -->\n{}\n<!-- end of round trips -->\n\nbetween\n\n"
+              "<!-- calls of a fleet: ./dev bench writes this -->\n{}\n<!-- end of calls of a fleet -->\n\nbehind\n")
+    document.write_text(around.format("\nold\n", "\nold\n"), encoding="utf-8")
     report.write(make_run(tmp_path / "run"), document)
     once = document.read_text(encoding="utf-8")
-    table = report.table(tmp_path / "run")
-    assert once == around.format(f"\n{table}\n")
-    assert "| 64 | 1 | runtime | 12.0 | 24.0 | 83333 | 13.0 | 1.20 x raw | at most 1.25 | met |" in table
-    assert "| 64 | 1 | sd-bus | 18.0 | 36.0 | 55556 | 19.0 | 1.50 x runtime | at least 1 | met |" in table
+    trips, fleet = (report.table(tmp_path / "run", name) for name in ("round trips", "calls of a fleet"))
+    assert once == around.format(f"\n{trips}\n", f"\n{fleet}\n")
+    assert "| 64 | 1 | runtime | 12.0 | 24.0 | 83333 | 13.0 | 1.20 x raw | at most 1.25 | met |" in trips
+    assert "| 64 | 1 | sd-bus | 18.0 | 36.0 | 55556 | 19.0 | 1.50 x runtime | at least 1 | met |" in trips
+    assert "| 64 | 1 | nats | 100.0 | 200.0 | 10000 |  |  |  |" in fleet
+    assert "| 64 | 1 | fleet | 130.0 | 260.0 | 7692 | local + 1.20 x nats | at most 1.3 | met |" in fleet
     report.write(tmp_path / "run", document)
     assert document.read_text(encoding="utf-8") == once
 
@@ -102,7 +107,7 @@ def test_a_file_that_is_no_run_is_refused(tmp_path, content, wrong):
     if content is not None:
         (run / "roundtrip.json").write_text(content, encoding="utf-8")
     with pytest.raises(report.Mistake, match=f"roundtrip.json: .*{wrong}"):
-        report.table(run)
+        report.table(run, "round trips")
 
 
 def test_a_document_without_a_place_for_the_table_is_refused(tmp_path):

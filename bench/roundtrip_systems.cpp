@@ -1,0 +1,9 @@
+#include "bench/roundtrip.h"
+
+namespace bench {
+
+std::vector<const System *> Systems() {
+    return {&RawSystem(), &RuntimeSystem(), &SdBusSystem(), &GrpcSystem()};
+}
+
+} // namespace bench
