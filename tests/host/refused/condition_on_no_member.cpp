@@ -1,8 +1,0 @@
-#include "meaning.h"
-
-namespace host::meaning {
-
-RECORD(Sample, {"uiValue1", "first", Permille().UpTo(1000), "The first."},
-       {"ucValue2", "second", Count().Where("uiValue3", 1), "The second."})
-
-} // namespace host::meaning

@@ -1,7 +1,0 @@
-#include "meaning.h"
-
-namespace host::meaning {
-
-RECORD(Sample, {"uiValue1", "first", Text(), "The first."}, {"ucValue2", "second", Count(), "The second."})
-
-} // namespace host::meaning

@@ -1,7 +1,0 @@
-#include "meaning.h"
-
-namespace host::meaning {
-
-RECORD(Sample, {"uiValue1", "first", Permille().UpTo(1000), "The first."})
-
-} // namespace host::meaning
