@@ -4,9 +4,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <thread>
 
 namespace ctl {
+
+bool ReaderHasGone() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0;
+}
+
+void EndBy(int signal) {
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    std::abort(); // it was blocked
+}
 
 Interrupts::Interrupts() {
     struct sigaction action {};
@@ -20,8 +32,7 @@ Interrupts::~Interrupts() {
 }
 
 bool Interrupts::Came() const {
-    pollfd output{STDOUT_FILENO, 0, 0};
-    return came_ != 0 || (poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0);
+    return came_ != 0 || ReaderHasGone();
 }
 
 bool Interrupts::Sleep(std::chrono::milliseconds time) const {

@@ -1,4 +1,4 @@
-// Ctrl-C, for what has to be ended properly.
+// Ctrl-C, and a reader that has gone, for what has to be ended properly.
 #pragma once
 
 #include <chrono>
@@ -6,6 +6,12 @@
 #include <stdexcept>
 
 namespace ctl {
+
+// Nobody is there any more to read standard output.
+bool ReaderHasGone();
+
+// Ends the program as the signal would have, had nobody taken it.
+[[noreturn]] void EndBy(int signal);
 
 // While it lives, the first SIGINT is noted only; the next one ends the program. That nobody is there any more to read
 // standard output, as where a connection by ssh broke, is the same.

@@ -378,13 +378,15 @@ int main(int argc, char **argv) {
         return Fail(failure.Code(), failure.what());
     } catch (const ctl::Interrupted &interrupted) {
         Fail(ctl::kOther, interrupted.what());
-        std::signal(SIGINT, SIG_DFL);
-        std::raise(SIGINT);
+        ctl::EndBy(SIGINT);
     } catch (const std::bad_alloc &) {
         return Fail(ctl::kOther, "no memory");
     } catch (const std::exception &error) {
         return Fail(ctl::kOther, error.what());
     }
     std::cout.flush();
+    if (!std::cout && ctl::ReaderHasGone()) { // what asks a fleet ignores the signal of that
+        ctl::EndBy(SIGPIPE);
+    }
     return std::cout ? code : Fail(ctl::kOther, "cannot write to standard output");
 }

@@ -100,6 +100,13 @@ TEST_F(InFleet, ADeviceThatIsNotThereIsNoConnection) {
     EXPECT_EQ(Fleet("--device press-1 --run-dir . ps"), 2) << error_;
 }
 
+TEST_F(InFleet, AReaderThatHasGoneIsNoFailure) {
+    Fleet("--device press-1 ps | :");
+    EXPECT_EQ(error_, "");
+    Fleet("fleet call PidIsOnline process=1 --devices 'press-*' | :");
+    EXPECT_THAT(error_, testing::Not(HasSubstr("cannot write")));
+}
+
 // A signal leaves it no time to tidy up.
 TEST_F(InFleet, ADeviceLeavesNoFilesBehind) {
     const std::filesystem::path place = dir_.Path() / "tmp";
@@ -189,7 +196,7 @@ TEST_F(InFleet, SettingEndsWhereADeviceFails) {
 
 TEST_F(InFleet, TheBusiestOfAllAreOnTop) {
     EXPECT_EQ(Fleet("fleet top --batch --devices 'press-*'"), 0) << error_;
-    EXPECT_THAT(out_, testing::StartsWith("2 devices answered, 0 did not\n\nDEVICE "));
+    EXPECT_THAT(out_, testing::StartsWith("2 answered, 0 did not\n\nDEVICE "));
     EXPECT_THAT(out_, ContainsRegex("press-1 +[0-9.]+ % "));
     EXPECT_THAT(out_, HasSubstr("\nDEVICE   PROCESS "));
     const std::vector<Json> views = ObjectsOf(OfFleet("fleet top --json -n 2 -d 10ms"));

@@ -134,7 +134,7 @@ std::string FleetView::Frame(size_t lines) {
     const size_t rows = std::max<size_t>(2, lines > kOtherLines ? lines - kOtherLines : 0);
     Ask();
     std::ostringstream out;
-    out << fmt::format("{} devices answered, {} did not\n\n", busy_.size(), failed_.size());
+    out << fmt::format("{} answered, {} did not\n\n", busy_.size(), failed_.size());
     const size_t ofDevices = std::min(rows / 2, std::max<size_t>(busy_.size(), 1));
     PrintDevices(out, ofDevices);
     out << "\n";
