@@ -37,7 +37,8 @@ Health::Finding OpenDescriptors(const host::procfs::Procfs &procfs, uint32_t lim
     getrlimit(RLIMIT_NOFILE, &most);
     const uint64_t share = open * 1000 / std::max<uint64_t>(most.rlim_cur, 1);
     return {static_cast<uint8_t>(LevelOf(share, limit)),
-            fmt::format("{} of {} descriptors are open, {} permille, limit {}", open, most.rlim_cur, share, limit)};
+            fmt::format("{} of {} descriptors are open, {}.{} %, limit {}.{} %", open, most.rlim_cur, share / 10,
+                        share % 10, limit / 10, limit % 10)};
 }
 
 Health::Finding ResidentMemory(const host::procfs::Procfs &procfs, uint32_t limit) {

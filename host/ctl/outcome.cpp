@@ -57,8 +57,11 @@ Failure FailureOf(std::string_view service, std::string_view method, const host:
     }
     const std::string code =
         remote ? fmt::format("status {}", outcome.status) : fmt::format("error {}", outcome.errCode);
-    return {CodeOf(outcome), what + (what.find(code) == what.npos ? fmt::format(" ({})", code) : ""),
-            remote ? outcome.status : 0};
+    what += what.find(code) == what.npos ? fmt::format(" ({})", code) : "";
+    if (what.find(": not connected: ") != what.npos) {
+        what += "; does it run? tarnctl services lists those that do";
+    }
+    return {CodeOf(outcome), what, remote ? outcome.status : 0};
 }
 
 Record DecodeReply(const Method &method, std::span<const uint8_t> reply) {

@@ -140,8 +140,9 @@ std::vector<std::string> Names() {
 [[noreturn]] void FailOf(const Wish &wish) {
     const std::vector<std::string> names = Names();
     const std::string name = wish.group + "." + wish.member;
-    throw Failure(kUsage, fmt::format("{}: no such setting{}; tarnctl settings lists them", name,
-                                      DidYouMean(name, {names.begin(), names.end()})));
+    const std::string closest = DidYouMean(name, {names.begin(), names.end()});
+    throw Failure(kUsage, fmt::format("{}: no such setting{}", name,
+                                      closest.empty() ? "; tarnctl settings lists them" : closest));
 }
 
 void Change(std::vector<Setting> &settings, const Wish &wish) {

@@ -695,7 +695,7 @@ TEST(OwnHealth, TellsLevelsByTheirLimits) {
     EXPECT_EQ(level(1, 256), health_level::kBad) << "from twice of it";
     EXPECT_EQ(items.at(2).limit, 800);
     std::optional<kit::DescriptorLimit> sixty(60);
-    EXPECT_EQ(items.at(2).check(51).text, "3 of 60 descriptors are open, 50 permille, limit 51");
+    EXPECT_EQ(items.at(2).check(51).text, "3 of 60 descriptors are open, 5.0 %, limit 5.1 %");
     EXPECT_EQ(level(2, 51), health_level::kGood);
     EXPECT_EQ(level(2, 50), health_level::kDegraded);
     EXPECT_EQ(level(2, 25), health_level::kBad);

@@ -32,7 +32,7 @@ TEST_F(Tasks, PsListsSortsAndChooses) {
     EXPECT_GE(sorted[1]["resident_bytes"], sorted[2]["resident_bytes"]);
     ExpectFailure(2, "ps --columns process,nonsense",
                   "--columns: found nonsense, expected names of: process, name, cpu");
-    ExpectFailure(2, "ps --sort nonsense", "found nonsense, expected one of: process, name, cpu");
+    ExpectFailure(2, "ps --sort nonsense", "--sort: found nonsense, expected one of: process, name, cpu");
 }
 
 TEST_F(Tasks, AProcessIsAnIdANameAPatternOrAnAgentsName) {
@@ -111,7 +111,7 @@ TEST_F(Tasks, ExecWaitsForWhatTheCommandWrites) {
     StartAgent();
     EXPECT_THAT(Out("exec tasked help"), HasSubstr("crash"));
     EXPECT_EQ(Objects("exec tasked --json help").at(0)["result"], "ok");
-    ExpectFailure(5, "exec tasked no-such-command", "no-such-command: ");
+    ExpectFailure(5, "exec tasked no-such-command", "no-such-command: failed with 2 (No such file or directory)");
 }
 
 TEST_F(Tasks, CrashesAreListedAndShown) {

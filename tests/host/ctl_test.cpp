@@ -286,7 +286,8 @@ TEST_F(Ctl, NoServicesIsNoFailure) {
 TEST_F(Ctl, CallWithoutAServiceIsAConnectionError) {
     ExpectFailure(3, "call PidIsOnline process=1 --deadline 500ms",
                   "TarnSysdiagTarnd.PidIsOnline at " + (dir_ / "TarnSysdiagTarnd.sock").string() +
-                      ": not connected: No such file or directory (error 2)");
+                      ": not connected: No such file or directory (error 2); does it run? tarnctl services lists those "
+                      "that do");
     EXPECT_EQ(Run("call ClearMsgCtrlRule --pid 1"), 3);
     EXPECT_EQ(std::count(error_.begin(), error_.end(), '\n'), 1) << error_;
 }

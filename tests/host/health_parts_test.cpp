@@ -226,7 +226,7 @@ TEST_F(HealthPartsTest, CountsNoLevelBeforeItsTime) {
     machine.busyPermille = {1000, 1000};
     Pass(100ms);
     EXPECT_EQ(Find("cpu").level, system_health_level::kUnknown);
-    EXPECT_EQ(Find("cpu").text, "0.1 s of 10 s have been sampled yet");
+    EXPECT_EQ(Find("cpu").text, "0.1 s of 10 s have been sampled so far");
     Pass(1s, 9);
     EXPECT_EQ(Find("cpu").level, system_health_level::kUnknown);
     Pass(1s);

@@ -63,7 +63,7 @@ void Exec(const Globals &globals, const Options &options) {
         std::cout << reply.Text("output") << "\n";
     }
     if (const auto result = reply["result"].get<uint32_t>(); result != 0) {
-        throw Failure(kRemote, fmt::format("{}: {}", command, reply.Text("result")), result);
+        throw Failure(kRemote, fmt::format("{}: failed with {}", command, reply.Text("result")), result);
     }
 }
 

@@ -41,7 +41,11 @@ Elements Chosen(const Reply &told, const Options &options) {
         }
     }
     processes.wire = std::move(chosen);
-    processes.SortBy(options.sort);
+    try {
+        processes.SortBy(options.sort);
+    } catch (const Failure &failure) {
+        throw Failure(failure.Code(), fmt::format("--sort: {}", failure.what()));
+    }
     if (options.most != 0) {
         processes.Keep(options.most);
     }

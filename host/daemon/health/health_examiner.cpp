@@ -124,7 +124,7 @@ private:
         if (use.over < kInterval) {
             const double seconds = std::chrono::duration<double>(use.over).count();
             Add(system_health_level::kUnknown, name,
-                fmt::format("{:.1f} s of {} s have been sampled yet", seconds, kInterval.count()));
+                fmt::format("{:.1f} s of {} s have been sampled so far", seconds, kInterval.count()));
             return;
         }
         AddShare(name, use.permille, limit, "of all CPUs' time in the last 10 s");
