@@ -182,9 +182,10 @@ int Fail(int code, const std::string &text) {
 }
 
 void AddTasks(CLI::App &app, const ctl::Globals &globals) {
-    for (const auto add : {ctl::AddPs, ctl::AddTop, ctl::AddStack, ctl::AddMem, ctl::AddLeaks, ctl::AddCrashes,
-                           ctl::AddOverloads, ctl::AddEvents, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect,
-                           ctl::AddExec, ctl::AddSettings, ctl::AddMeasure, ctl::AddRules, ctl::AddTime}) {
+    for (const auto add :
+         {ctl::AddPs, ctl::AddTop, ctl::AddStack, ctl::AddMem, ctl::AddLeaks, ctl::AddCrashes, ctl::AddOverloads,
+          ctl::AddEvents, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect, ctl::AddExec, ctl::AddSettings,
+          ctl::AddMeasure, ctl::AddRules, ctl::AddTime, ctl::AddMetrics}) {
         add(app, globals);
     }
 }

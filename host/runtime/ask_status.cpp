@@ -46,6 +46,10 @@ MethodStatus MethodOf(const Json &from) {
     method.p50 = Nanoseconds(from.at("p50_ns"));
     method.p99 = Nanoseconds(from.at("p99_ns"));
     method.max = Nanoseconds(from.at("max_ns"));
+    method.sum = std::chrono::nanoseconds(from.value("sum_ns", int64_t{0})); // which older servers don't tell
+    for (const Json &below : from.value("below", Json::array())) {
+        method.below.push_back({Nanoseconds(below.at("ns")), below.at("calls").get<uint64_t>()});
+    }
     return method;
 }
 

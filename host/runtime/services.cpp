@@ -34,6 +34,12 @@ MethodStatus Describe(const ServedMethod &method) {
     status.p50 = statistics.latency.Percentile(0.50);
     status.p99 = statistics.latency.Percentile(0.99);
     status.max = statistics.latency.Max();
+    status.sum = statistics.latency.Sum();
+    if (status.calls != 0) {
+        for (const Histogram::Bound &bound : statistics.latency.Below()) {
+            status.below.push_back({bound.below, bound.count});
+        }
+    }
     return status;
 }
 

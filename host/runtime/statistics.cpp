@@ -21,6 +21,7 @@ double Histogram::LowerEnd(size_t bucket) {
 void Histogram::Add(std::chrono::nanoseconds duration) {
     const auto value = static_cast<uint64_t>(std::max<int64_t>(duration.count(), 0));
     buckets_[BucketOf(value)].fetch_add(1, std::memory_order_relaxed);
+    sum_.fetch_add(value, std::memory_order_relaxed);
     uint64_t most = max_.load(std::memory_order_relaxed);
     while (most < value && !max_.compare_exchange_weak(most, value, std::memory_order_relaxed)) {
     }
@@ -42,6 +43,24 @@ std::chrono::nanoseconds Histogram::Percentile(double share) const {
         before -= counts[i];
     }
     return Max();
+}
+
+std::array<Histogram::Bound, Histogram::kBounds> Histogram::Below() const {
+    constexpr unsigned kStep = 2; // powers of two from one bound to the next
+    static_assert(kFirstPower + (kBounds - 1) * kStep < kFirstPower + kPowers);
+    std::array<Bound, kBounds> bounds;
+    uint64_t count = 0;
+    size_t bucket = 0;
+    for (size_t i = 0; i < kBounds; ++i) {
+        const bool isLast = i + 1 == kBounds;
+        for (const size_t end = isLast ? buckets_.size() : (i + 1) * kStep * kParts; bucket < end; ++bucket) {
+            count += buckets_[bucket].load(std::memory_order_relaxed);
+        }
+        bounds[i] = {isLast ? std::chrono::nanoseconds::max()
+                            : std::chrono::nanoseconds(int64_t{1} << (kFirstPower + (i + 1) * kStep)),
+                     count};
+    }
+    return bounds;
 }
 
 const ReasonText &TextOf(Reason reason) {

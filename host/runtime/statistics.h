@@ -16,6 +16,16 @@ public:
     // The duration that `share` of all stay below, from 0 to 1; 0 when there are none.
     std::chrono::nanoseconds Percentile(double share) const;
     std::chrono::nanoseconds Max() const { return std::chrono::nanoseconds(max_.load(std::memory_order_relaxed)); }
+    std::chrono::nanoseconds Sum() const { return std::chrono::nanoseconds(sum_.load(std::memory_order_relaxed)); }
+
+    // How many are below each bound; the last bound is above all. The bounds are a power of four apart, so that few
+    // tell milliseconds from seconds.
+    struct Bound {
+        std::chrono::nanoseconds below;
+        uint64_t count;
+    };
+    static constexpr size_t kBounds = 14;
+    std::array<Bound, kBounds> Below() const;
 
 private:
     static constexpr unsigned kFirstPower = 10; // of the shortest duration told apart, in ns
@@ -25,7 +35,7 @@ private:
     static double LowerEnd(size_t bucket);
 
     std::array<std::atomic<uint32_t>, size_t{kPowers} * kParts> buckets_{};
-    std::atomic<uint64_t> max_ = 0;
+    std::atomic<uint64_t> max_ = 0, sum_ = 0; // in ns
 };
 
 struct MethodStatistics {

@@ -36,6 +36,15 @@ void Write(JsonWriter &json, const MethodStatus &method) {
     json.Member("p50_ns", method.p50.count());
     json.Member("p99_ns", method.p99.count());
     json.Member("max_ns", method.max.count());
+    json.Member("sum_ns", method.sum.count());
+    json.Array("below", [&] {
+        for (const CallsBelow &below : method.below) {
+            json.Object([&] {
+                json.Member("ns", below.time.count());
+                json.Member("calls", below.calls);
+            });
+        }
+    });
 }
 
 void Write(JsonWriter &json, const ServiceStatus &service);

@@ -29,6 +29,12 @@ struct ServerHealth {
     std::string timezone;  // of the local times in replies, as POSIX has it for TZ; empty: the system's
 };
 
+// How many calls took less than a time. The time of the last is above all: it counts them all.
+struct CallsBelow {
+    std::chrono::nanoseconds time{0};
+    uint64_t calls = 0;
+};
+
 struct MethodStatus {
     uint32_t index = 0; // in the service's interface table
     std::string name;
@@ -42,6 +48,8 @@ struct MethodStatus {
     std::chrono::nanoseconds p50{0};
     std::chrono::nanoseconds p99{0};
     std::chrono::nanoseconds max{0};
+    std::chrono::nanoseconds sum{0};
+    std::vector<CallsBelow> below; // by time; empty: none has called it, or the server is too old to tell
 };
 
 struct ServiceStatus {

@@ -64,6 +64,25 @@ TEST(Histogram, EndsOfItsRange) {
     EXPECT_GT(histogram.Percentile(1), 15min);
 }
 
+TEST(Histogram, CountsBelowBounds) {
+    host::Histogram histogram;
+    for (const auto time : std::initializer_list<std::chrono::nanoseconds>{1ns, 4095ns, 4096ns, 10ms, 10ms, 24h}) {
+        histogram.Add(time);
+    }
+    EXPECT_EQ(histogram.Sum(), 8192ns + 20ms + 24h);
+    const auto bounds = histogram.Below();
+    EXPECT_EQ(bounds[0].below, 4096ns);
+    EXPECT_EQ(bounds[0].count, 2U);
+    EXPECT_EQ(bounds[1].count, 3U);
+    for (size_t i = 1; i < bounds.size(); ++i) {
+        EXPECT_GT(bounds[i].below, bounds[i - 1].below);
+        EXPECT_GE(bounds[i].count, bounds[i - 1].count);
+        EXPECT_EQ(bounds[i].count >= 5, bounds[i].below > 10ms) << bounds[i].below.count();
+    }
+    EXPECT_EQ(bounds.back().count, 6U);
+    EXPECT_EQ(bounds.back().below, std::chrono::nanoseconds::max());
+}
+
 TEST(Reasons, EachHasANameOfItsOwnAndAMeaning) {
     std::set<std::string> names;
     for (size_t i = 0; i < static_cast<size_t>(host::Reason::kEnd_); ++i) {
@@ -184,6 +203,10 @@ TEST_F(StatusTest, CallsErrorsAndLatenciesAreCounted) {
     EXPECT_NEAR(static_cast<double>(method.p50.count()), 20e6, 0.06 * 20e6);
     EXPECT_GE(method.p99, method.p50);
     EXPECT_EQ(method.max, 20ms);
+    EXPECT_EQ(method.sum, 100ms) << "the failed call took no time of the server's clock";
+    ASSERT_FALSE(method.below.empty());
+    EXPECT_EQ(method.below.front().calls, 1U);
+    EXPECT_EQ(method.below.back().calls, 6U);
     EXPECT_EQ(Method("GetHugePagesInfo").calls, 0U);
 }
 
@@ -269,7 +292,8 @@ TEST_F(StatusTest, AnUnknownQuestionIsRefused) {
     const host::CallOutcome outcome =
         client_.Call({.service = host::kRuntimeService, .method = "Weather", .socketOf = kTarnd});
     EXPECT_EQ(outcome.errCode, uint32_t{ENOENT});
-    EXPECT_EQ(outcome.text, "TarnHostRuntime.Weather: the runtime's own service has Health, Status, Describe and Capture");
+    EXPECT_EQ(outcome.text,
+              "TarnHostRuntime.Weather: the runtime's own service has Health, Status, Describe and Capture");
 }
 
 } // namespace

@@ -208,7 +208,7 @@ class Runtime(DaemonTest):
             keys = "index", "name", "request", "request_hash", "response", "response_hash"
             found = [tuple(method[key] for key in keys) for method in service["methods"]]
             self.assertEqual(found, self.methods(service["name"]))
-            counts = {"calls", "errors", "cancelled", "p50_ns", "p99_ns", "max_ns"}
+            counts = {"calls", "errors", "cancelled", "p50_ns", "p99_ns", "max_ns", "sum_ns", "below"}
             for method in service["methods"]:
                 self.assertEqual(set(method), counts | set(keys))
 

@@ -22,6 +22,7 @@ void AddExec(CLI::App &app, const Globals &globals);
 void AddTime(CLI::App &app, const Globals &globals);
 void AddRules(CLI::App &app, const Globals &globals);
 void AddMeasure(CLI::App &app, const Globals &globals);
+void AddMetrics(CLI::App &app, const Globals &globals);
 void AddWatch(CLI::App &app, const Globals &globals);
 
 // A command whose help ends with examples, a line each without "tarnctl".
