@@ -30,7 +30,7 @@ std::string Slurp(const std::filesystem::path &file) {
 
 constexpr char kCommands[] =
     "ps, top, stack, mem, leaks, crashes, overloads, events, health, watch, collect, exec, settings, "
-    "measure, rules, time, list, describe, call, services, stats, capture, dissector, replay, devices, fleet, "
+    "measure, rules, time, metrics, list, describe, call, services, stats, capture, dissector, replay, devices, fleet, "
     "context, decode, encode, completion, help";
 
 class Ctl : public testing::Test {
