@@ -1,6 +1,8 @@
 #include "host/fleet/caller.h"
 
 #include <fmt/format.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,6 +23,13 @@ host::CallOutcome Failed(int error, std::string text) {
 }
 
 } // namespace
+
+std::string OwnName() {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    const passwd *const user = getpwuid(getuid());
+    return fmt::format("{}@{}", user == nullptr ? std::to_string(getuid()) : user->pw_name, host);
+}
 
 Caller::Caller(Connection &connection, std::string who)
     : connection_(connection), who_(std::move(who)), inbox_(connection.NewInbox()) {

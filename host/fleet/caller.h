@@ -13,6 +13,9 @@
 
 namespace fleet {
 
+// Of this process, as devices log it: "user@host".
+std::string OwnName();
+
 // All functions are thread-safe. Besides those of the calls themselves, a call may end with
 //   113 EHOSTUNREACH  no relay of this device is connected to the server
 //   110 ETIMEDOUT     no answer has come in time

@@ -21,17 +21,6 @@ struct Options {
 
 constexpr std::chrono::hours kKeptEvents{30 * 24};
 
-// Until it is told to end: the signal.
-int AwaitEnd() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    int signal = 0;
-    sigwait(&signals, &signal);
-    return signal;
-}
-
 int Run(const Options &options) {
     relay::Config config = relay::LoadConfig(options.config);
     config.runDir = options.runDir;
@@ -46,7 +35,7 @@ int Run(const Options &options) {
             kill(getpid(), SIGTERM);
         });
         host::service_manager::TellReady("relays " + device);
-        const int signal = AwaitEnd();
+        const int signal = host::AwaitEnd();
         host::Log().info("signal {}: shutting down", signal);
         host::service_manager::TellStopping();
     }

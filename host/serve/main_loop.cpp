@@ -125,6 +125,14 @@ void BlockSignals() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+int AwaitEnd() {
+    int signal = SIGHUP;
+    while (signal == SIGHUP) { // there is nothing to read again
+        signal = AwaitSignal({});
+    }
+    return signal;
+}
+
 void RunMainLoop(const Serving &serving) {
     Log().info("{}", StatusLine(serving));
     service_manager::TellReady(StatusLine(serving));

@@ -12,6 +12,9 @@ namespace host {
 // To be called before the first thread starts, so that every thread inherits it and only the main loop takes signals.
 void BlockSignals();
 
+// Until SIGINT or SIGTERM, which it returns.
+int AwaitEnd();
+
 // A program whose server has started.
 struct Serving {
     const ServeOptions &options;

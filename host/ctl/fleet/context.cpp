@@ -1,7 +1,5 @@
 // context: which fleet's server is asked, and as whom.
 #include <fmt/format.h>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -84,14 +82,6 @@ fleet::ConnectionOptions OptionsOf(const Globals &globals) {
     return options;
 }
 
-// For the logs of devices.
-std::string CallerName() {
-    char host[256] = {};
-    gethostname(host, sizeof host - 1);
-    const passwd *const user = getpwuid(getuid());
-    return fmt::format("{}@{}", user == nullptr ? std::to_string(getuid()) : user->pw_name, host);
-}
-
 void List(const ListOptions &options) {
     const std::string inUse = ContextInUse();
     Listing listing(options, {"context", "in-use"});
@@ -136,7 +126,7 @@ std::vector<std::string> Contexts() {
     return names;
 }
 
-Fleet::Fleet(const Globals &globals) try : connection_(OptionsOf(globals)), caller_(connection_, CallerName()) {
+Fleet::Fleet(const Globals &globals) try : connection_(OptionsOf(globals)), caller_(connection_, fleet::OwnName()) {
 } catch (const fleet::Error &error) {
     throw Failure(kConnection, error.what());
 }

@@ -8,6 +8,7 @@
 
 #include "host/ctl/commands.h"
 #include "host/fleet/gateway.h"
+#include "host/fleet/hello.h"
 
 namespace ctl {
 
@@ -36,19 +37,7 @@ private:
     fleet::Gateway gateway_;
 };
 
-// What a device said of itself last.
-struct Hello {
-    std::string device;
-    std::chrono::system_clock::time_point seen;
-    host::describe::Json said;
-
-    // Of a member; "?" or 0 where it is not what it should be: any device may say anything.
-    std::string Text(const char *member) const;
-    uint64_t Number(const char *member) const;
-
-    // It would have been heard again by now.
-    bool IsSilent(std::chrono::system_clock::time_point now) const;
-};
+using fleet::Hello;
 
 // What options that choose devices say in help.
 constexpr char kDevicesHelp[] = "Those with this name, or a pattern such as 'press-*'";
