@@ -85,6 +85,22 @@ Value ValueOf(const Setting &setting, const Member &member) {
     return value;
 }
 
+// For forms: the words that a value can be, or its bounds where it has some, and what 0 means beyond them.
+Json AcceptedJson(const Value &value) {
+    Json accepted = Json::object();
+    for (const Choice &choice : value.choices) {
+        accepted["words"].push_back(choice.name);
+    }
+    if (value.most != UINT64_MAX) {
+        accepted["least"] = ValueText(value, value.least);
+        accepted["most"] = ValueText(value, value.most);
+    }
+    if (!value.zero.empty()) {
+        accepted["zero"] = value.zero;
+    }
+    return accepted;
+}
+
 // What 0 means is told as the setting says it.
 SettingRow RowOf(const std::string &group, const Setting &setting, const Member &member) {
     const std::string name = fmt::format("{}.{}", group, member.name);
@@ -97,7 +113,12 @@ SettingRow RowOf(const std::string &group, const Setting &setting, const Member 
             text,
             setting.source,
             std::string(item == nullptr ? member.sentence : item->sentence),
-            {{"name", name}, {"value", named.at(host::describe::KeyOf(member))}, {"source", setting.source}}};
+            {{"name", name},
+             {"value", named.at(host::describe::KeyOf(member))},
+             {"source", setting.source},
+             {"text", text},
+             {"meaning", item == nullptr ? member.sentence : item->sentence},
+             {"accepts", AcceptedJson(ValueOf(setting, member))}}};
 }
 
 // ---- Setting ----

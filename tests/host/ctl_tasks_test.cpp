@@ -144,6 +144,11 @@ TEST_F(Tasks, SettingsAreToldWithTheirSourceAndSet) {
     };
     EXPECT_EQ(setting("cpu.begins-at")["source"], "the default");
     EXPECT_EQ(setting("cpu.begins-at")["value"], 0);
+    EXPECT_EQ(setting("cpu.begins-at")["text"], "detect none");
+    EXPECT_EQ(setting("cpu.begins-at")["accepts"],
+              (Json{{"least", "0.0 %"}, {"most", "100.0 %"}, {"zero", "detect none"}}));
+    EXPECT_THAT(setting("cpu.begins-at")["meaning"].get<std::string>(), HasSubstr("busy share"));
+    EXPECT_EQ(setting("measurement.mode")["accepts"]["words"], (Json{"off", "report", "learn"}));
     EXPECT_THAT(Out("settings"), ContainsRegex(" detect none +the default\n")) << "what 0 means";
     EXPECT_EQ(Out("settings set cpu.begins-at=90% cpu.must-last=10s health.load.limit=3000"), "");
     EXPECT_EQ(Out("settings set cpu.ends-below=80%"), "") << "the others stay";
