@@ -1,6 +1,7 @@
 # What is installed, in components: runtime, what programs of others load; development, what they are built with; host,
 # the host kit's programs; host_runtime, the libraries of those; agent, what applications load to have an agent; python,
-# the module for Python. Everything finds the rest from where it lies, whatever prefix it was configured for.
+# the module for Python; relay and web, tarn-relay and tarn-web. Everything finds the rest from where it lies, whatever
+# prefix it was configured for.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tarn_sysdiag)

@@ -69,6 +69,7 @@ TEST(Manual, NamesTheDefaultsThatHelpNames) {
     EXPECT_NE(daemon.find("[1000]"), daemon.npos) << daemon;
     ExpectDefaults(Page("tarnd.8"), daemon);
     ExpectDefaults(Page("tarn-master.8"), OutputOf(TARN_MASTER " --help"));
+    ExpectDefaults(Page("tarn-web.8"), OutputOf(TARN_WEB " --help"));
     ExpectDefaults(Page("tarn-agent.1"), OutputOf(TARN_AGENT " --help"));
     for (const char *command : {"call", "top"}) {
         const std::string page = Page("tarnctl.1");
@@ -102,6 +103,7 @@ TEST(Manual, NamesTheOptionsOfTheOtherPrograms) {
     EXPECT_EQ(EntriesOf(Page("tarnd.8")), OptionsOf(TARND));
     EXPECT_EQ(EntriesOf(Page("tarn-master.8")), OptionsOf(TARN_MASTER));
     EXPECT_EQ(EntriesOf(Page("tarn-relay.8")), OptionsOf(TARN_RELAY));
+    EXPECT_EQ(EntriesOf(Page("tarn-web.8")), OptionsOf(TARN_WEB));
     EXPECT_EQ(EntriesOf(Page("tarn-core.8")), OptionsOf(TARN_CORE));
     EXPECT_EQ(EntriesOf(Page("tarn-agent.1")), OptionsOf(TARN_AGENT));
 }
@@ -114,7 +116,8 @@ TEST(Manual, NamesTheDebugCommandsOfTheExample) {
 }
 
 TEST(Manual, IsWellFormed) {
-    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-core.8", "tarn-master.8", "tarn-relay.8"}) {
+    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-core.8", "tarn-master.8", "tarn-relay.8",
+                             "tarn-web.8"}) {
         EXPECT_EQ(OutputOf(std::string("mandoc -T lint -W warning " MANUALS "/") + page), "");
     }
 }

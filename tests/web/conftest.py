@@ -1,0 +1,3 @@
+import sys
+
+sys.dont_write_bytecode = True
