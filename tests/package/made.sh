@@ -23,6 +23,8 @@ declare -A needs=(
     [tarn-agent]='libc6 libgcc-s1'
     [tarn-relay]='libc6 libfmt9 libgcc-s1 libnats3.4 libssl3 libstdc++6 libsystemd0 libtarn-host systemd systemd
         tarn-host'
+    [tarn-web]='libc6 libcpp-httplib0.11 libfmt9 libgcc-s1 libjs-chart.js libnats3.4 libssl3 libstdc++6 libsystemd0
+        libtarn-host systemd systemd tarn-host'
     [python3-tarn]='python3'
     [tarn-host]='libarchive13 libc6 libcap-ng0 libdw1 libelf1 libfmt9 libgcc-s1 libnats3.4 libproc2-0 libseccomp2
         libsqlite3-0 libssl3 libstdc++6 libsystemd0 libtarn-host libtarn-sysdiag procps systemd systemd'

@@ -16,7 +16,7 @@ mmdebstrap --variant=apt --hook-dir=/usr/share/mmdebstrap/hooks/file-mirror-auto
     2>"$scratch/install.log" || { cat "$scratch/install.log"; exit 1; }
 echo 'installed'
 
-units=(tarnd.service tarn-master.service tarn-relay.service)
+units=(tarnd.service tarn-master.service tarn-relay.service tarn-web.service)
 systemd-analyze verify --man=no --root="$root" "${units[@]}"
 for unit in "${units[@]}"; do
     [[ -L $root/etc/systemd/system/multi-user.target.wants/$unit ]] || { echo "$unit: expected it to be enabled"; exit 1; }
@@ -34,7 +34,7 @@ unshare --mount --pid --fork --kill-child bash -euc "
     mount -t proc proc '$root/proc'
     chroot '$root' /usr/local/bin/start.sh"
 
-chroot "$root" dpkg --purge tarn-relay tarn-host >/dev/null
+chroot "$root" dpkg --purge tarn-web tarn-relay tarn-host >/dev/null
 left=$(cd "$root" && ls -d etc/tarn etc/tarn-relay run/tarn var/lib/tarn* var/log/tarn etc/systemd/system/*/tarn* 2>/dev/null || true)
 [[ -z $left ]] || { echo "found $left after the packages were purged, expected nothing"; exit 1; }
 echo 'purged'

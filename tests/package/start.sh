@@ -13,7 +13,7 @@ systemd-tmpfiles --create tarn-host.conf # as when the system starts
 
 # The file system is read-only but for what the units write.
 writable=(/tmp)
-for unit in tarnd tarn-master; do
+for unit in tarnd tarn-master tarn-web; do
     user=$(value $unit User)
     for directory in $(value $unit StateDirectory); do
         install -d -o "$user" -g "$user" -m "$(value $unit StateDirectoryMode)" "/var/lib/$directory"
@@ -42,7 +42,7 @@ start() {
     setpriv --reuid "$user" --regid "$user" --init-groups --no-new-privs \
         --bounding-set "-all${bounding:+,$bounding}" --inh-caps "-all${ambient:+,$ambient}" \
         --ambient-caps "-all${ambient:+,$ambient}" \
-        env -i "$(command -v filtered)" "/usr/local/share/$unit.service.calls" $(value "$unit" ExecStart) \
+        env -i "$(command -v filtered)" "/usr/local/share/$unit.service.calls" $(value "$unit" ExecStart | sed 's/ [$].*//') \
         2>"/tmp/$unit.log" &
     pids[$unit]=$!
 }
@@ -84,13 +84,31 @@ await has 'TarnSysdiagAgent' tarnctl services
 online='import tarn; print(tarn.connect().call("PidIsOnline", process=1).online)'
 expect "the Python module's answer" "$(python3 -c "$online")" True
 
+start tarn-web
+await test -s /var/lib/tarn-web/token
+expect "tarn-web's user" "$(status tarn-web Uid | cut -f1)" "$(id -u tarn-web)"
+expect "tarn-web's capabilities" "$(status tarn-web CapEff)" 0000000000000000
+page() {
+    python3 -c 'import sys, urllib.request as web
+token = open("/var/lib/tarn-web/token").read().strip()
+request = web.Request("http://127.0.0.1:8010" + sys.argv[1], headers={"Authorization": "Bearer " + token})
+print(web.urlopen(request).read().decode())' "$1"
+}
+await has '"version"' page /api/about
+has 'Chart.js v' page /chart.js || die "no plots"
+
 cp /etc/tarn/policy /tmp/policy
+echo 'reading same-user user:root user:tarn-web' >>/etc/tarn/policy
+sed -i '0,/^reading /{/^reading /d}' /etc/tarn/policy
+kill -HUP "${pids[tarnd]}"
+await has '"rows"' page /api/ask/settings
+cat /tmp/policy >/etc/tarn/policy
 echo nonsense >>/etc/tarn/policy
 kill -HUP "${pids[tarnd]}"
 await has '"nonsense", expected reading' tarnctl stats
 cat /tmp/policy >/etc/tarn/policy
 
-for unit in tarnd tarn-master; do
+for unit in tarn-web tarnd tarn-master; do
     kill "${pids[$unit]}"
     wait "${pids[$unit]}" || die "$unit: found exit status $?, expected 0"
 done
