@@ -23,7 +23,7 @@ export function devices(main) {
             .sort((a, b) => rank(a) - rank(b) || (a.device < b.device ? -1 : 1));
         show(grid, chosen.map(tile));
         none.hidden = chosen.length !== 0;
-        count.textContent = `${chosen.length} devices, ${chosen.filter(one => levelClass(one.health) !== "good").length} not well`;
+        count.textContent = `${chosen.length} ${chosen.length === 1 ? "device" : "devices"}, ${chosen.filter(one => levelClass(one.health) !== "good").length} not well`;
     };
     show(main, h("h1", {}, "Devices"), h("div", {class: "bar"}, filter, count), grid, none);
     return live({

@@ -40,7 +40,7 @@ const shareOf = item => item?.found.match(/^[\d.]+ %/)?.[0] ?? "unknown";
 
 export function overview(main, {link}) {
     const cpu = figure("CPUs busy"), memory = figure("Memory in use"), load = figure("Load"), level = figure("Health");
-    const pressures = h("dl", {class: "facts"}), pressure = {element: h("section", {class: "card"}, h("div", {class: "label"}, "Some task waited, last 10 s"), pressures)};
+    const pressures = h("dl", {class: "facts tight"}), pressure = {element: h("section", {class: "card"}, h("div", {class: "label"}, "Tasks that waited, last 10 s"), pressures)};
     const meters = new Meters();
     const minute = new Plot({series: [{label: "CPUs busy"}, {label: "waiting for I/O", dash: [5, 3]}], span: 120000, most: 100, unit: value => `${value} %`, label: "CPUs in the last two minutes", low: true});
     const past = new Plot({series: [{label: "CPUs busy"}, {label: "waiting for I/O", dash: [5, 3]}, {label: "memory in use", dash: [2, 2]}], span: hour, most: 100, unit: value => `${value} %`, label: "CPUs and memory in the last hour"});
@@ -73,7 +73,7 @@ export function overview(main, {link}) {
         health(reply) {
             if (reply === undefined) return;
             const item = name => reply.items.find(one => one.name === name);
-            show(pressures, [["CPU", "cpu"], ["memory", "memory"], ["I/O", "io"]].map(([title, name]) => [h("dt", {}, `for ${title}`), h("dd", {}, shareOf(item(`${name}-pressure`)))]));
+            show(pressures, [["CPU", "cpu"], ["Memory", "memory"], ["I/O", "io"]].map(([title, name]) => [h("dt", {}, title), h("dd", {}, shareOf(item(`${name}-pressure`)))]));
             const worse = reply.items.filter(one => one.level === "bad" || one.level === "degraded");
             level.set(badge(reply.on ? reply.level : "off"), worse.length === 0 ? `${reply.items.length} items` : worse.map(one => one.name).join(", "));
         },
