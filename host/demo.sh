@@ -126,3 +126,4 @@ awk '$1 == "total" && $2 == 0 { clean = 1 } END { exit !clean }' "$work/accounti
 
 say "That was it"
 printf 'The programs are in %s; "Five minutes" in README.md starts them for you to play with.\n' "$bin"
+printf './dev web shows such a machine in a browser.\n'
