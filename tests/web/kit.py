@@ -53,7 +53,7 @@ class Programs:
     def start_daemon(self):
         self.daemon = self.start(os.environ["TARND"], "--run-dir", self.run_dir, "--log-dir", self.work / "logs",
                                  "--state-dir", self.work / "state", "--sample-interval", "250")
-        eventually(lambda: self.ctl("services", check=False).returncode == 0, "the daemon answers")
+        eventually(lambda: self.ctl("call", "PidIsOnline", "process=1", check=False).returncode == 0, "the daemon answers")
 
     def start_web(self, *options):
         self.web = self.start(os.environ["TARN_WEB"], "--listen", "127.0.0.1:0", "--page", SOURCES / "host/web/page",

@@ -3,9 +3,7 @@
 let device = "";
 
 // Whose all that follows is; empty for the machine's own.
-export function setDevice(name) {
-    device = name;
-}
+export function setDevice(name) { device = name; }
 
 function address(path, values = {}) {
     const query = new URLSearchParams(values);
@@ -37,16 +35,15 @@ async function send(path, values, options) {
 export const about = () => send("/api/about");
 // The rows of a question, with the note that came with them.
 export const ask = (name, values, signal) => send(`/api/ask/${name}`, values, {signal});
-export const act = (name, words) => send(`/api/do/${name}`, {}, {method: "POST", body: JSON.stringify({words: words ?? []})});
+export const act = (name, words) =>
+    send(`/api/do/${name}`, {}, {method: "POST", body: JSON.stringify({words: words ?? []})});
 export const collectAddress = () => address("/api/collect");
 
 // ---- What comes by itself
 
 // Who wants to know whether the daemon answers.
 let onState = () => {};
-export function watchState(handler) {
-    onState = handler;
-}
+export function watchState(handler) { onState = handler; }
 
 function open(path, values, handlers) {
     const source = new EventSource(address(path, values));

@@ -35,9 +35,13 @@ export class Flame {
         this.graph = h("div", {class: "flame-graph"});
         this.back = h("button", {type: "button", onclick: () => this.zoom(this.root)}, "Show all");
         this.element = h("div", {},
-            h("div", {class: "bar"},
-                h("input", {type: "search", placeholder: "Search a function", "aria-label": "Search a function",
-                    oninput: event => this.search(event.target.value)}), this.back, this.told),
+            h("div", {class: "bar"}, h("input", {
+                type: "search",
+                placeholder: "Search a function",
+                "aria-label": "Search a function",
+                oninput: event => this.search(event.target.value)
+            }),
+                this.back, this.told),
             this.graph);
         this.draw();
     }
@@ -53,9 +57,7 @@ export class Flame {
         this.graph.querySelector("g")?.focus();
     }
 
-    isFound(node) {
-        return this.searched !== "" && node.name.toLowerCase().includes(this.searched);
-    }
+    isFound(node) { return this.searched !== "" && node.name.toLowerCase().includes(this.searched); }
 
     // Samples with a found function somewhere; what is above one is not counted again.
     foundIn(node) {
@@ -66,7 +68,8 @@ export class Flame {
     }
 
     shareText(node) {
-        return `${node.name}: ${node.samples} of ${this.root.samples} samples, ${(100 * node.samples / this.root.samples).toFixed(1)} %`;
+        return `${node.name}: ${node.samples} of ${this.root.samples} samples, ${
+            (100 * node.samples / this.root.samples).toFixed(1)} %`;
     }
 
     frame(node, left, right, row, depth) {
@@ -76,14 +79,26 @@ export class Flame {
         const letters = Math.floor((wide - 8) / 7.3);
         const text = node.name.length <= letters ? node.name : letters > 3 ? `${node.name.slice(0, letters - 1)}…` : "";
         const zoom = () => this.zoom(node);
-        const box = h("rect", {x: left, y: top, width: wide, height: rowHeight - 1, fill: fillOf(node.name), class: this.isFound(node) ? "found" : undefined});
-        const group = h("g", {tabindex: "0", role: "button", "aria-label": this.shareText(node), onclick: zoom,
+        const box = h("rect", {
+            x: left,
+            y: top,
+            width: wide,
+            height: rowHeight - 1,
+            fill: fillOf(node.name),
+            class: this.isFound(node) ? "found" : undefined
+        });
+        const group = h("g", {
+            tabindex: "0",
+            role: "button",
+            "aria-label": this.shareText(node),
+            onclick: zoom,
             onkeydown: event => {
                 if (event.key === "Enter") zoom();
                 if (event.key === "Escape") this.zoom(this.zoomed.above ?? this.root);
-            }, onfocus: () => this.told.textContent = this.shareText(node)},
-            h("title", {}, this.shareText(node)), box,
-            text !== "" && h("text", {x: left + 4, y: top + 14}, text));
+            },
+            onfocus: () => this.told.textContent = this.shareText(node)
+        },
+            h("title", {}, this.shareText(node)), box, text !== "" && h("text", {x: left + 4, y: top + 14}, text));
         const groups = [group];
         let at = left;
         for (const part of [...node.parts.values()].sort((a, b) => b.samples - a.samples)) {
@@ -96,11 +111,13 @@ export class Flame {
 
     draw() {
         const depth = depthOf(this.zoomed), height = depth * rowHeight;
-        show(this.graph, h("svg", {class: "flame", viewBox: `0 0 ${width} ${height}`, role: "group", "aria-label": "Flame graph"},
-            this.frame(this.zoomed, 0, width, 0, depth)));
+        show(this.graph,
+            h("svg", {class: "flame", viewBox: `0 0 ${width} ${height}`, role: "group", "aria-label": "Flame graph"},
+                this.frame(this.zoomed, 0, width, 0, depth)));
         this.back.disabled = this.zoomed === this.root;
         const found = this.foundIn(this.root);
-        this.told.textContent = this.searched === "" ? `${this.root.samples} samples; a click or Enter zooms, Escape goes back`
-            : `${(100 * found / this.root.samples).toFixed(1)} % of the samples are in it`;
+        this.told.textContent = this.searched === "" ?
+            `${this.root.samples} samples; a click or Enter zooms, Escape goes back` :
+            `${(100 * found / this.root.samples).toFixed(1)} % of the samples are in it`;
     }
 }

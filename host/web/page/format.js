@@ -20,7 +20,8 @@ export function duration(us) {
     const parts = [[86400, "d"], [3600, "h"], [60, "min"], [1, "s"]];
     const first = parts.findIndex(([size]) => seconds >= size);
     return parts.slice(first, first + 2)
-        .map(([size, unit], at) => `${Math.floor(at === 0 ? seconds / size : seconds % parts[first][0] / size)} ${unit}`)
+        .map(
+            ([size, unit], at) => `${Math.floor(at === 0 ? seconds / size : seconds % parts[first][0] / size)} ${unit}`)
         .join(" ");
 }
 

@@ -1,15 +1,15 @@
 // Which view is shown, and what is around it.
-import {h, show, notice} from "./dom.js";
 import {about, setDevice, watchState} from "./api.js";
-import {overview} from "./views/overview.js";
-import {processes} from "./views/processes.js";
-import {process} from "./views/process.js";
+import {h, notice, show} from "./dom.js";
 import {crashes} from "./views/crashes.js";
+import {devices} from "./views/devices.js";
 import {events} from "./views/events.js";
 import {health} from "./views/health.js";
 import {integrity} from "./views/integrity.js";
+import {overview} from "./views/overview.js";
+import {process} from "./views/process.js";
+import {processes} from "./views/processes.js";
 import {settings} from "./views/settings.js";
-import {devices} from "./views/devices.js";
 
 // A view draws itself into an element and returns what ends it.
 const views = {
@@ -39,9 +39,17 @@ export const linkOf = (device, ...parts) =>
 
 function drawNav(place) {
     const current = views[place.view]?.within ?? place.view;
-    const links = server.fleet && place.device === "" ? [] : Object.entries(views).filter(([, view]) => view.title)
-        .map(([name, view]) => h("a", {href: linkOf(place.device, name), "aria-current": name === current ? "page" : undefined}, view.title));
-    show(nav, server.fleet && h("a", {href: "#/", "aria-current": place.view === "devices" ? "page" : undefined}, "All devices"), links);
+    const links = server.fleet && place.device === "" ?
+        [] :
+        Object.entries(views)
+            .filter(([, view]) => view.title)
+            .map(([name, view]) =>
+                     h("a", {href: linkOf(place.device, name), "aria-current": name === current ? "page" : undefined},
+                         view.title));
+    show(nav,
+        server.fleet &&
+            h("a", {href: "#/", "aria-current": place.view === "devices" ? "page" : undefined}, "All devices"),
+        links);
     document.getElementById("where").textContent = place.device || (server.fleet ? "a fleet" : server.host);
 }
 
@@ -69,8 +77,10 @@ const themes = ["system", "light", "dark"];
 const button = document.getElementById("theme");
 
 function setTheme(theme) {
-    if (theme === "system") delete document.documentElement.dataset.theme;
-    else document.documentElement.dataset.theme = theme;
+    if (theme === "system")
+        delete document.documentElement.dataset.theme;
+    else
+        document.documentElement.dataset.theme = theme;
     button.textContent = {system: "◐ Auto", light: "☀ Light", dark: "☾ Dark"}[theme];
     localStorage.setItem("theme", theme);
     document.dispatchEvent(new Event("themechange"));
@@ -80,18 +90,23 @@ button.addEventListener("click", () => {
     const now = localStorage.getItem("theme") ?? "system";
     setTheme(themes[(themes.indexOf(now) + 1) % themes.length]);
 });
-matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => document.dispatchEvent(new Event("themechange")));
+matchMedia("(prefers-color-scheme: dark)")
+    .addEventListener("change", () => document.dispatchEvent(new Event("themechange")));
 
 // ---- Whether there is something to see
 
 watchState(problem => {
     const away = document.getElementById("away");
     away.hidden = problem === "";
-    away.textContent = problem === "" ? "" : `${problem}. What is shown is from before; this goes on by itself once there is an answer.`;
+    away.textContent = problem === "" ?
+        "" :
+        `${problem}. What is shown is from before; this goes on by itself once there is an answer.`;
     const state = document.getElementById("state");
     state.className = problem === "" ? "" : "away";
     state.title = problem;
-    state.textContent = problem === "" ? "live" : problem.startsWith("tarn-web") ? "tarn-web is away" : "the daemon is away";
+    state.textContent = problem === "" ? "live" :
+        problem.startsWith("tarn-web") ? "tarn-web is away" :
+                                         "the daemon is away";
 });
 
 setTheme(localStorage.getItem("theme") ?? "system");

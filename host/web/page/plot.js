@@ -52,13 +52,24 @@ export class Plot {
                 interaction: {mode: "index", intersect: false},
                 elements: {point: {radius: 0, hitRadius: 6}, line: {borderWidth: 1.8, tension: 0}},
                 scales: {
-                    x: {type: "linear", ticks: {maxTicksLimit: 7, maxRotation: 0, callback: value => clock(value).slice(0, this.span > 600000 ? 5 : 8)}},
+                    x: {
+                        type: "linear",
+                        ticks: {
+                            maxTicksLimit: 7,
+                            maxRotation: 0,
+                            callback: value => clock(value).slice(0, this.span > 600000 ? 5 : 8)
+                        }
+                    },
                     y: {min: 0, suggestedMax: most, ticks: {maxTicksLimit: 5, callback: value => unit(value)}},
                 },
                 plugins: {
                     legend: {display: series.length > 1, position: "bottom", labels: {boxWidth: 18, boxHeight: 1}},
-                    tooltip: {callbacks: {title: items => items.length ? clock(items[0].parsed.x) : "",
-                        label: item => `${item.dataset.label}: ${unit(item.parsed.y)}`}},
+                    tooltip: {
+                        callbacks: {
+                            title: items => items.length ? clock(items[0].parsed.x) : "",
+                            label: item => `${item.dataset.label}: ${unit(item.parsed.y)}`
+                        }
+                    },
                 },
             },
         });
@@ -73,7 +84,11 @@ export class Plot {
         for (const axis of ["x", "y"]) {
             const {grid, ticks} = this.chart.options.scales[axis];
             ticks.color = colour("--quiet");
-            this.chart.options.scales[axis].grid = {...grid, color: axis === "x" ? "transparent" : colour("--line"), borderColor: colour("--line")};
+            this.chart.options.scales[axis].grid = {
+                ...grid,
+                color: axis === "x" ? "transparent" : colour("--line"),
+                borderColor: colour("--line")
+            };
         }
         this.chart.options.plugins.legend.labels.color = colour("--text");
         this.chart.update("none");
@@ -108,7 +123,5 @@ export class Plot {
         this.chart.update("none");
     }
 
-    end() {
-        this.chart.destroy();
-    }
+    end() { this.chart.destroy(); }
 }

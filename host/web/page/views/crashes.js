@@ -1,23 +1,27 @@
 // Fatal signals and failed assertions, with registers, modules and stack.
-import {h, show, notice, empty} from "../dom.js";
 import {ask, follow} from "../api.js";
+import {empty, h, notice, show} from "../dom.js";
 import {moment} from "../format.js";
 
 function crashItem(crash, isOpen) {
     return h("details", {class: "card", open: isOpen, "data-crash": String(crash.number)},
-        h("summary", {}, h("span", {class: "level bad"}, "✕ "), " ", h("strong", {}, `${crash.name} (${crash.process})`), " ",
-            crash.what, " ", h("span", {class: "quiet"}, moment(crash.time))),
-        h("p", {class: "small quiet"}, `thread ${crash.thread_name} (${crash.thread})${crash.agent ? `, agent ${crash.agent}` : ""}`),
+        h("summary", {}, h("span", {class: "level bad"}, "✕ "), " ",
+            h("strong", {}, `${crash.name} (${crash.process})`), " ", crash.what, " ",
+            h("span", {class: "quiet"}, moment(crash.time))),
+        h("p", {class: "small quiet"},
+            `thread ${crash.thread_name} (${crash.thread})${crash.agent ? `, agent ${crash.agent}` : ""}`),
         h("pre", {}, crash.text));
 }
 
 export function crashes(main) {
     const over = new AbortController();
-    const list = h("div"), filter = h("input", {type: "search", placeholder: "Filter", "aria-label": "Filter", oninput: () => draw()});
+    const list = h("div"),
+          filter = h("input", {type: "search", placeholder: "Filter", "aria-label": "Filter", oninput: () => draw()});
     let known = null;
     const draw = () => {
         if (known === null) return;
-        const open = new Set([...list.querySelectorAll("details[open]")].map(one => one.querySelector("summary").textContent));
+        const open =
+            new Set([...list.querySelectorAll("details[open]")].map(one => one.querySelector("summary").textContent));
         const wanted = filter.value.toLowerCase();
         const chosen = known.filter(one => one.text.toLowerCase().includes(wanted));
         const items = chosen.map(one => crashItem(one, false));

@@ -18,8 +18,8 @@ export const wordsOf = kind => kind.replaceAll("-", " ");
 
 export function eventItem(event) {
     const who = event.process === "" ? "" : `${event.process}${event.pid ? ` (${event.pid})` : ""}`;
-    return h("li", {},
-        h("time", {datetime: new Date(event.time_ms).toISOString()}, moment(event.time_ms)),
+    return h("li", {}, h("time", {datetime: new Date(event.time_ms).toISOString()}, moment(event.time_ms)),
         h("span", {class: `kind level ${levelOf(event.kind)}`}, wordsOf(event.kind)),
-        h("span", {class: "what"}, who !== "" && h("strong", {}, who), who !== "" && event.text !== "" && ": ", event.text));
+        h("span", {class: "what"}, who !== "" && h("strong", {}, who), who !== "" && event.text !== "" && ": ",
+            event.text));
 }
