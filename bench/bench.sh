@@ -72,5 +72,6 @@ printf '\n== the tap of captures\n'
 "$result/bench_tap" "${measure[@]}" --benchmark_report_aggregates_only=true --benchmark_out="$result/tap.json"
 printf '\n== an idle daemon\n'
 bench/idle.sh "$native" | tee "$result/idle.txt"
+bench/viewers.py "$native" | tee "$result/viewers.txt"
 printf '\n== an idle fleet\n'
 "$result/bench_fleet_idle" | tee "$result/fleet_idle.txt"
