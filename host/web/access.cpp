@@ -32,6 +32,14 @@ std::string NewToken() {
     return host::Hex(bytes);
 }
 
+// Empty where there is no such file, or nothing in it.
+std::string FirstWordOf(const std::string &file) {
+    std::ifstream in(file);
+    std::string word;
+    in >> word;
+    return word;
+}
+
 // In a time that does not tell how much of it is right.
 bool Same(std::string_view left, std::string_view right) {
     return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
@@ -69,15 +77,14 @@ std::string TokenIn(const std::string &file) {
     if (file.empty()) {
         return NewToken();
     }
-    std::string token;
-    if (std::ifstream in(file); in >> token) {
+    if (const std::string token = FirstWordOf(file); !token.empty()) {
         if (token.size() < 2 * kTokenBytes) {
             throw std::runtime_error(fmt::format("{}: found a token of {} letters, expected {} or more", file,
                                                  token.size(), 2 * kTokenBytes));
         }
         return token;
     }
-    token = NewToken();
+    const std::string token = NewToken();
     const host::Descriptor out(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR), file);
     const std::string line = token + "\n";
     if (write(out.Fd(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {

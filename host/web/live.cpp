@@ -35,16 +35,16 @@ Live::~Live() {
     thread_.join();
 }
 
+// The one that has been due for longest, so that each has its turn where answers take long.
 std::string Live::NameOfDue(Clock::time_point now) const {
-    const auto due = std::ranges::find_if(
-        states_, [&](const auto &one) { return one.second.viewers != 0 && one.second.due <= now; });
-    return due == states_.end() ? "" : due->first;
+    const auto due = std::ranges::min_element(states_, {}, [](const auto &one) { return one.second.due; });
+    return due == states_.end() || due->second.due > now ? "" : due->first;
 }
 
 Live::Clock::time_point Live::NextDue() const {
     Clock::time_point next = Clock::now() + std::chrono::hours(1);
     for (const auto &[name, state] : states_) {
-        next = state.viewers == 0 ? next : std::min(next, state.due);
+        next = std::min(next, state.due);
     }
     return next;
 }

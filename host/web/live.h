@@ -57,7 +57,7 @@ private:
     using Clock = std::chrono::steady_clock;
     struct State {
         Topic topic;
-        size_t viewers = 0;
+        size_t viewers = 0; // it goes with the last
         Clock::time_point due;
         uint64_t number = 0; // of the answer; 0: none yet
         std::shared_ptr<const std::string> text = {};

@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <pthread.h>
 
 #include <fmt/format.h>
 
@@ -99,6 +100,16 @@ std::vector<std::string> HostsOf(const Address &address, uint16_t port, const st
     return all;
 }
 
+// There is a thread for each connection, and none needs much: what is usual would fill 32 bits of addresses.
+void KeepStacksSmall() {
+    constexpr size_t kStack = 512 * 1024;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStack);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+}
+
 int Run(const Options &options) {
     const Address address = *AddressOf(options.listen);
     const bool tls = !options.certificate.empty();
@@ -108,6 +119,7 @@ int Run(const Options &options) {
                                              options.listen));
     }
     host::BlockSignals();
+    KeepStacksSmall();
     web::Devices devices = MakeDevices(options);
     std::optional<web::Site> site;
     web::HttpServer server({.address = address.host,
