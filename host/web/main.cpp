@@ -102,7 +102,7 @@ std::vector<std::string> HostsOf(const Address &address, uint16_t port, const st
 
 // There is a thread for each connection, and none needs much: what is usual would fill 32 bits of addresses.
 void KeepStacksSmall() {
-    constexpr size_t kStack = 512 * 1024;
+    constexpr size_t kStack = 1024 * 1024;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStack);
