@@ -40,7 +40,7 @@ fi
 files_of() {
     (cd "$1" && find . ! -type d | sort)
 }
-for component in runtime development host host_runtime agent relay python; do
+for component in runtime development host host_runtime agent relay web python; do
     quietly cmake --install "$build" --prefix "$scratch/components" --component "$component"
 done
 diff <(files_of "$scratch/prefix") <(files_of "$scratch/components")
