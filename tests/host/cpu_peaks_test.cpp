@@ -52,4 +52,19 @@ TEST_F(CpuPeaksTest, AreNotThoseOfAProcessThatHadTheIdBefore) {
     EXPECT_EQ(peaks.OfProcess(later).time, host::WallTime{});
 }
 
+TEST_F(CpuPeaksTest, AreNotBelowTheShareOfALongerTimeThatIsTold) {
+    machine.Add(kPid, "worker", 0);
+    Pass(1s);
+    for (const uint32_t permille : {900, 100}) {
+        machine.processes[kPid].threads[kPid].runPermille = permille;
+        Pass(1s);
+    }
+    const std::vector<tarnd::SamplePtr> samples = sampler.Recent(3);
+    tarnd::CpuPeaks late{sampler}; // it has seen none of them
+    late.TakeProcesses(*samples[1], *samples[2]);
+    EXPECT_EQ(late.OfProcess(*samples[2]->Find(kPid)).permille, 100);
+    late.TakeProcesses(*samples[0], *samples[2]);
+    EXPECT_EQ(late.OfProcess(*samples[2]->Find(kPid)).permille, 500);
+}
+
 } // namespace

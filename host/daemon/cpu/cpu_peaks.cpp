@@ -37,7 +37,7 @@ void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
 
 void CpuPeaks::TakeProcesses(const Sample &previous, const Sample &latest) {
     const host::MutexLock lock(mutex_);
-    if (latest.system.at <= processesSeen_) {
+    if (latest.system.at < processesSeen_) { // the same one may end a longer time, in which a share was higher
         return;
     }
     processesSeen_ = latest.system.at;
