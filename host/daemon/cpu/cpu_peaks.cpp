@@ -37,7 +37,8 @@ void CpuPeaks::Take(const Sample &previous, const Sample &latest) {
 
 void CpuPeaks::TakeProcesses(const Sample &previous, const Sample &latest) {
     const host::MutexLock lock(mutex_);
-    if (latest.system.at < processesSeen_) { // the same one may end a longer time, in which a share was higher
+    // The same sample may end a longer time, in which a share was higher.
+    if (latest.system.at < processesSeen_ || latest.system.at <= resetAfter_) {
         return;
     }
     processesSeen_ = latest.system.at;
@@ -60,6 +61,7 @@ void CpuPeaks::Reset() {
     system_ = {};
     cpus_.clear();
     processes_.clear();
+    resetAfter_ = processesSeen_;
 }
 
 Peak CpuPeaks::OfSystem() const {

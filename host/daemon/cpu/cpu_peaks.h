@@ -44,6 +44,7 @@ private:
     std::map<uint32_t, Peak> cpus_ TARN_GUARDED_BY(mutex_);
     std::map<uint32_t, OfOneProcess> processes_ TARN_GUARDED_BY(mutex_); // those that run
     host::SteadyTime processesSeen_ TARN_GUARDED_BY(mutex_){};           // in the latest sample that was taken over
+    host::SteadyTime resetAfter_ TARN_GUARDED_BY(mutex_){};              // times that ended by then do not count
 };
 
 } // namespace tarnd
