@@ -11,16 +11,15 @@ namespace ctl {
 
 using namespace host::describe;
 
-void AddListOptions(CLI::App &task, ListOptions &options) {
-    task.add_option("--columns", options.columns, "Which columns, and in which order: a,b,c; \"all\" for all")
-        ->option_text("NAMES")
-        ->delimiter(',');
-    task.add_flag("--no-headers", options.noHeaders, "Rows only");
-    task.add_flag("--json", options.json, "For programs: an object a line, with all members");
+void AddListOptions(const Command &task, ListOptions &options) {
+    task.Option("--columns", options.columns, "NAMES", "Which columns, and in which order: a,b,c; \"all\" for all")
+        .SplitAt(',');
+    task.Flag("--no-headers", options.noHeaders, "Rows only");
+    task.Flag("--json", options.json, "For programs: an object a line, with all members");
 }
 
-void AddJson(CLI::App &task, bool &json) {
-    task.add_flag("--json", json, "For programs");
+void AddJson(const Command &task, bool &json) {
+    task.Flag("--json", json, "For programs");
 }
 
 Listing::Listing(const ListOptions &options, std::vector<std::string> columns, const std::vector<std::string> &shown)

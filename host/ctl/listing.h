@@ -1,8 +1,7 @@
 // What tasks that list have in common: columns that can be chosen, and an object a line for programs.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
+#include "host/ctl/command.h"
 #include "host/ctl/server.h"
 #include "host/ctl/table.h"
 
@@ -14,10 +13,10 @@ struct ListOptions {
     bool json = false;
 };
 
-void AddListOptions(CLI::App &task, ListOptions &options);
+void AddListOptions(const Command &task, ListOptions &options);
 
 // Of the whole program's tasks: what answers with one record.
-void AddJson(CLI::App &task, bool &json);
+void AddJson(const Command &task, bool &json);
 
 class Listing {
 public:

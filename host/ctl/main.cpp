@@ -11,6 +11,7 @@
 #include <set>
 
 #include "host/ctl/capture/capture.h"
+#include "host/ctl/command.h"
 #include "host/ctl/commands.h"
 #include "host/ctl/completion.h"
 #include "host/ctl/fleet/fleet.h"
@@ -25,6 +26,9 @@
 
 namespace {
 
+using ctl::Command;
+using ctl::Parameter;
+
 constexpr char kFooter[] = R"(Exit codes:
   0  done
   1  a file cannot be read or written, or no memory
@@ -36,8 +40,6 @@ constexpr char kFooter[] = R"(Exit codes:
 
 constexpr char kCommandFooter[] =
     "Services are looked for in --run-dir DIR, also before the command, or as tarnctl --help says.";
-
-const CLI::Range kPid(1U, static_cast<unsigned>(INT32_MAX));
 
 struct Arguments {
     ctl::Globals globals;
@@ -57,29 +59,27 @@ ctl::View ViewOf(const Arguments &arguments) {
     return arguments.wire ? ctl::View::kWire : ctl::View::kMeaning;
 }
 
-void AddList(CLI::App &app, Arguments &arguments) {
-    auto *const list = app.add_subcommand("list", "What the methods do, of all services or of one, or with a word");
-    list->add_option("WORD", arguments.word, "A service; or what is in a method's name, sentence, group or members")
-        ->option_text(" ");
-    list->add_flag("--wire", arguments.wire, "Indices and types in place of what is meant");
-    list->add_flag("--json", arguments.json, "For programs, with both");
-    list->callback([&] { ctl::List(arguments.globals.runDir, arguments.word, ViewOf(arguments), arguments.json); });
+void AddList(const Command &program, Arguments &arguments) {
+    const Command list = program.Add("list", "What the methods do, of all services or of one, or with a word");
+    list.Operand("WORD", arguments.word, "A service; or what is in a method's name, sentence, group or members");
+    list.Flag("--wire", arguments.wire, "Indices and types in place of what is meant");
+    list.Flag("--json", arguments.json, "For programs, with both");
+    list.Run([&] { ctl::List(arguments.globals.runDir, arguments.word, ViewOf(arguments), arguments.json); });
 
-    auto *const describe = app.add_subcommand("describe", "What a method and its members mean, or a type's members");
-    describe->add_option("NAME", arguments.name, "Method, Service.Method or type")->required()->option_text(" ");
-    describe->add_flag("--wire", arguments.wire, "Slots, offsets, sizes and hashes in place of what is meant");
-    describe->add_flag("--json", arguments.json, "For programs, with both");
-    describe->callback(
-        [&] { ctl::Describe(arguments.globals.runDir, arguments.name, ViewOf(arguments), arguments.json); });
+    const Command describe = program.Add("describe", "What a method and its members mean, or a type's members");
+    describe.Operand("NAME", arguments.name, "Method, Service.Method or type").Required();
+    describe.Flag("--wire", arguments.wire, "Slots, offsets, sizes and hashes in place of what is meant");
+    describe.Flag("--json", arguments.json, "For programs, with both");
+    describe.Run([&] { ctl::Describe(arguments.globals.runDir, arguments.name, ViewOf(arguments), arguments.json); });
 }
 
 constexpr char kNamed[] = "named";
 
-void AddJsonForm(CLI::App &command, Arguments &arguments) {
+void AddJsonForm(const Command &command, Arguments &arguments) {
     command
-        .add_flag("--json{wire}", arguments.jsonForm,
-                  "For programs, with the names of the wire; --json=named has those of what is meant")
-        ->check(CLI::IsMember({"wire", kNamed}));
+        .Flag("--json{wire}", arguments.jsonForm,
+              "For programs, with the names of the wire; --json=named has those of what is meant")
+        .OneOf({"wire", kNamed});
 }
 
 ctl::JsonForm JsonFormOf(const Arguments &arguments) {
@@ -88,29 +88,23 @@ ctl::JsonForm JsonFormOf(const Arguments &arguments) {
                                           : ctl::JsonForm::kWire;
 }
 
-void AddCall(CLI::App &app, Arguments &arguments) {
-    auto *const call = app.add_subcommand("call", "Calls a method and prints its reply");
-    call->add_option("METHOD", arguments.call.method, "Method or Service.Method; with --help, what it takes")
-        ->required()
-        ->option_text(" ");
-    auto *const request = call->add_option("REQUEST", arguments.call.request,
+void AddCall(const Command &program, Arguments &arguments) {
+    const Command call = program.Add("call", "Calls a method and prints its reply");
+    call.Operand("METHOD", arguments.call.method, "Method or Service.Method; with --help, what it takes").Required();
+    const Parameter request = call.Operand("REQUEST", arguments.call.request,
                                            "The request: NAME=VALUE for each member, or JSON, @FILE, - for standard "
-                                           "input")
-                              ->option_text(" ");
-    call->add_option("--raw", arguments.call.raw, "Send the message in this file as it is, well-formed or not")
-        ->option_text("FILE")
-        ->excludes(request);
-    call->add_option("--pid", arguments.call.pid, "The process whose agent is called")->option_text("PID")->check(kPid);
-    call->add_option("--deadline", arguments.deadline,
-                     "How long to wait: 500ms, 2s, 1m; default " + ctl::TimeText(arguments.call.deadline))
-        ->option_text("TIME");
-    call->add_flag("--oneway", arguments.call.oneway, "Send only: neither reply nor failure comes back");
-    call->add_option("--repeat", arguments.call.repeat, "Call so many times, and print how long that took")
-        ->option_text("N")
-        ->check(CLI::Range(1U, 1'000'000'000U));
-    AddJsonForm(*call, arguments);
-    call->callback([&, call] {
-        if (call->count("--deadline") != 0) {
+                                           "input");
+    call.Option("--raw", arguments.call.raw, "FILE", "Send the message in this file as it is, well-formed or not")
+        .Excludes(request);
+    call.Option("--pid", arguments.call.pid, "PID", "The process whose agent is called").Range(1, INT32_MAX);
+    call.Option("--deadline", arguments.deadline, "TIME",
+                "How long to wait: 500ms, 2s, 1m; default " + ctl::TimeText(arguments.call.deadline));
+    call.Flag("--oneway", arguments.call.oneway, "Send only: neither reply nor failure comes back");
+    call.Option("--repeat", arguments.call.repeat, "N", "Call so many times, and print how long that took")
+        .Range(1U, 1'000'000'000U);
+    AddJsonForm(call, arguments);
+    call.Run([&, call] {
+        if (call.Has("--deadline")) {
             arguments.call.deadline = ctl::ParseTime("--deadline", arguments.deadline);
         }
         arguments.call.runDir = arguments.globals.runDir;
@@ -120,59 +114,55 @@ void AddCall(CLI::App &app, Arguments &arguments) {
     });
 }
 
-void AddStatus(CLI::App &app, Arguments &arguments) {
-    auto *const services = app.add_subcommand("services", "The servers of the run directory and how they are");
-    services->add_flag("--json", arguments.json, "For programs");
-    services->callback([&] { ctl::ListServices(arguments.globals.runDir, arguments.json); });
+void AddStatus(const Command &program, Arguments &arguments) {
+    const Command services = program.Add("services", "The servers of the run directory and how they are");
+    services.Flag("--json", arguments.json, "For programs");
+    services.Run([&] { ctl::ListServices(arguments.globals.runDir, arguments.json); });
 
-    auto *const stats = app.add_subcommand("stats", "What a server's methods cost, its limits and what it refused");
-    auto *const service =
-        stats->add_option("SERVICE", arguments.stats.service, "Whose server; default the daemon")->option_text(" ");
-    stats->add_option("--pid", arguments.stats.pid, "The process whose agent is asked instead")
-        ->option_text("PID")
-        ->check(kPid)
-        ->excludes(service);
-    stats->add_flag("--json", arguments.stats.json, "For programs");
-    stats->callback([&] {
+    const Command stats = program.Add("stats", "What a server's methods cost, its limits and what it refused");
+    const Parameter service = stats.Operand("SERVICE", arguments.stats.service, "Whose server; default the daemon");
+    stats.Option("--pid", arguments.stats.pid, "PID", "The process whose agent is asked instead")
+        .Range(1, INT32_MAX)
+        .Excludes(service);
+    stats.Flag("--json", arguments.stats.json, "For programs");
+    stats.Run([&] {
         arguments.stats.runDir = arguments.globals.runDir;
         ctl::Stats(arguments.stats);
     });
 }
 
-void AddCodec(CLI::App &app, Arguments &arguments) {
-    auto *const decode = app.add_subcommand("decode", "Prints the record in a message");
-    decode->add_option("TYPE", arguments.decode.type, "Of the record")->required()->option_text(" ");
-    decode->add_option("FILE", arguments.decode.file, "The message, as bytes or in hex; - for standard input")
-        ->required()
-        ->option_text(" ");
-    AddJsonForm(*decode, arguments);
-    decode->add_flag("--explain", arguments.decode.explain, "What each byte means, and why the message is refused");
-    decode->callback([&] {
+void AddCodec(const Command &program, Arguments &arguments) {
+    const Command decode = program.Add("decode", "Prints the record in a message");
+    decode.Operand("TYPE", arguments.decode.type, "Of the record").Required();
+    decode.Operand("FILE", arguments.decode.file, "The message, as bytes or in hex; - for standard input").Required();
+    AddJsonForm(decode, arguments);
+    decode.Flag("--explain", arguments.decode.explain, "What each byte means, and why the message is refused");
+    decode.Run([&] {
         arguments.decode.json = JsonFormOf(arguments);
         ctl::Decode(arguments.decode);
     });
 
-    auto *const encode = app.add_subcommand("encode", "Writes a record as a message, in hex to a terminal");
-    encode->add_option("TYPE", arguments.encode.type, "Of the record")->required()->option_text(" ");
+    const Command encode = program.Add("encode", "Writes a record as a message, in hex to a terminal");
+    encode.Operand("TYPE", arguments.encode.type, "Of the record").Required();
     encode
-        ->add_option("RECORD", arguments.encode.record,
-                     "The record: NAME=VALUE for each member, or JSON, @FILE, - for standard input")
-        ->required()
-        ->option_text(" ");
-    encode->add_flag("--fixed", arguments.encode.fixed, "In the fixed form");
-    encode->add_option("-o", arguments.encode.output, "File to write to")->option_text("FILE");
-    encode->callback([&] { ctl::Encode(arguments.encode); });
+        .Operand("RECORD", arguments.encode.record,
+                 "The record: NAME=VALUE for each member, or JSON, @FILE, - for standard input")
+        .Required();
+    encode.Flag("--fixed", arguments.encode.fixed, "In the fixed form");
+    encode.Option("-o", arguments.encode.output, "FILE", "File to write to");
+    encode.Run([&] { ctl::Encode(arguments.encode); });
 }
 
-void AddCompletion(CLI::App &app, Arguments &arguments) {
-    auto *const completion = app.add_subcommand("completion", "Prints the completion script of a shell");
-    completion->add_option("SHELL", arguments.shell, "\"bash\", \"zsh\" or \"fish\"")->required()->option_text(" ");
-    completion->callback([&] { ctl::WriteCompletion(arguments.shell); });
+void AddCompletion(const Command &program, const CLI::App &app, Arguments &arguments) {
+    const Command completion = program.Add("completion", "Prints the completion script of a shell");
+    completion.Operand("SHELL", arguments.shell, "\"bash\", \"zsh\" or \"fish\"").Required();
+    completion.Run([&] { ctl::WriteCompletion(arguments.shell); });
 
     // Asked by those scripts.
-    auto *const complete = app.add_subcommand("complete", "What the last of the words can be")->group("");
-    complete->add_option("WORDS", arguments.words);
-    complete->callback([&] { ctl::Complete(app, arguments.globals, arguments.words); });
+    const Command complete = program.Add("complete", "What the last of the words can be");
+    complete.Hide();
+    complete.Operand("WORDS", arguments.words, "");
+    complete.Run([&] { ctl::Complete(app, arguments.globals, arguments.words); });
 }
 
 int Fail(int code, const std::string &text) {
@@ -181,12 +171,12 @@ int Fail(int code, const std::string &text) {
     return code;
 }
 
-void AddTasks(CLI::App &app, const ctl::Globals &globals) {
+void AddTasks(const Command &program, const ctl::Globals &globals) {
     for (const auto add :
          {ctl::AddPs, ctl::AddTop, ctl::AddStack, ctl::AddMem, ctl::AddLeaks, ctl::AddCrashes, ctl::AddOverloads,
           ctl::AddEvents, ctl::AddHealth, ctl::AddWatch, ctl::AddCollect, ctl::AddExec, ctl::AddSettings,
           ctl::AddMeasure, ctl::AddRules, ctl::AddTime, ctl::AddMetrics}) {
-        add(app, globals);
+        add(program, globals);
     }
 }
 
@@ -264,10 +254,10 @@ std::string WrongCommand(const CLI::App &app, const std::string &found) {
                            : fmt::format("{}: no such command{}", found, closest);
 }
 
-void AddHelp(CLI::App &app, Arguments &arguments) {
-    auto *const help = app.add_subcommand("help", "What a task or another command does, with examples");
-    help->add_option("TASK", arguments.task, "Its name; all if not given")->option_text(" ");
-    help->callback([&] {
+void AddHelp(const Command &program, const CLI::App &app, Arguments &arguments) {
+    const Command help = program.Add("help", "What a task or another command does, with examples");
+    help.Operand("TASK", arguments.task, "Its name; all if not given");
+    help.Run([&] {
         const auto named = [&](const CLI::App *command) {
             return arguments.task == command->get_name() && ctl::IsForPeople(command);
         };
@@ -353,21 +343,22 @@ int main(int argc, char **argv) {
     host::OccupyClosedStreams();
     setlocale(LC_CTYPE, "C.UTF-8"); // texts are UTF-8, whatever the user's terminal has
     CLI::App app("Looks at the diagnosis services: their interface, their messages, their answers.", "tarnctl");
+    const Command program(app);
     Arguments arguments;
     AddGlobal(app, arguments);
-    AddTasks(app, arguments.globals);
-    AddList(app, arguments);
+    AddTasks(program, arguments.globals);
+    AddList(program, arguments);
     app.footer(kCommandFooter); // commands made after it repeat it
-    AddCall(app, arguments);
-    AddStatus(app, arguments);
-    ctl::AddCaptures(app, arguments.globals.runDir);
+    AddCall(program, arguments);
+    AddStatus(program, arguments);
+    ctl::AddCaptures(program, arguments.globals.runDir);
     app.footer("");
-    ctl::AddDevices(app, arguments.globals);
-    ctl::AddFleet(app, arguments.globals);
-    ctl::AddContext(app);
-    AddCodec(app, arguments);
-    AddCompletion(app, arguments);
-    AddHelp(app, arguments);
+    ctl::AddDevices(program, arguments.globals);
+    ctl::AddFleet(program, arguments.globals);
+    ctl::AddContext(program);
+    AddCodec(program, arguments);
+    AddCompletion(program, app, arguments);
+    AddHelp(program, app, arguments);
     app.footer(kFooter);
     NameValues(app);
     int code = ctl::kDone;

@@ -9,6 +9,8 @@
 #include "host/osal/hex.h"
 #include "host/osal/text.h"
 
+template class nlohmann::basic_json<nlohmann::ordered_map>;
+
 namespace host::describe {
 
 namespace {

@@ -17,6 +17,8 @@
 
 #include "host/describe/record.h"
 
+extern template class nlohmann::basic_json<nlohmann::ordered_map>; // which is compiled once, in json.cpp
+
 namespace host::describe {
 
 using Json = nlohmann::ordered_json;

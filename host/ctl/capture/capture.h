@@ -1,13 +1,13 @@
 // What goes over a server's connections: captured, shown by other tools, and sent again.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "host/ctl/command.h"
 
 namespace ctl {
 
@@ -36,6 +36,6 @@ void WriteDissector();
 void Replay(const ReplayOptions &options);
 
 // The commands, with their options; the run directory is read when one runs.
-void AddCaptures(CLI::App &app, const std::string &runDir);
+void AddCaptures(const Command &program, const std::string &runDir);
 
 } // namespace ctl

@@ -7,38 +7,30 @@ namespace ctl {
 
 namespace {
 
-const CLI::Range kPid(1U, static_cast<unsigned>(INT32_MAX));
-
-void AddCapture(CLI::App &app, const std::string &runDir) {
-    auto *const capture = app.add_subcommand("capture", "Copies of the frames that a server receives and sends");
+void AddCapture(const Command &program, const std::string &runDir) {
+    const Command capture = program.Add("capture", "Copies of the frames that a server receives and sends");
     const auto options = std::make_shared<CaptureOptions>();
-    auto *const service =
-        capture->add_option("SERVICE", options->service, "Whose server; default the daemon")->option_text(" ");
-    capture->add_option("--pid", options->pid, "The process whose agent is looked at instead")
-        ->option_text("PID")
-        ->check(kPid)
-        ->excludes(service);
-    capture->add_option("-o", options->output, "File to write to, in place of standard output")->option_text("FILE");
-    capture->add_option("--method", options->methods, "Calls of this method only; may be given again")
-        ->option_text("METHOD");
-    capture->add_option("--process", options->processes, "Calls of this process only; may be given again")
-        ->option_text("PID")
-        ->check(kPid);
-    capture->add_option("--last", options->last, "Keep this many frames, those before the end")
-        ->option_text("N")
-        ->check(CLI::Range(1U, 1'000'000U));
-    capture->callback([options, &runDir] {
+    const Parameter service = capture.Operand("SERVICE", options->service, "Whose server; default the daemon");
+    capture.Option("--pid", options->pid, "PID", "The process whose agent is looked at instead")
+        .Range(1, INT32_MAX)
+        .Excludes(service);
+    capture.Option("-o", options->output, "FILE", "File to write to, in place of standard output");
+    capture.Option("--method", options->methods, "METHOD", "Calls of this method only; may be given again");
+    capture.Option("--process", options->processes, "PID", "Calls of this process only; may be given again")
+        .Range(1, INT32_MAX);
+    capture.Option("--last", options->last, "N", "Keep this many frames, those before the end").Range(1U, 1'000'000U);
+    capture.Run([options, &runDir] {
         options->runDir = runDir;
         Capture(*options);
     });
 }
 
-void AddReplay(CLI::App &app, const std::string &runDir) {
-    auto *const replay = app.add_subcommand("replay", "Sends captured requests again, and compares the answers' types");
+void AddReplay(const Command &program, const std::string &runDir) {
+    const Command replay = program.Add("replay", "Sends captured requests again, and compares the answers' types");
     const auto options = std::make_shared<ReplayOptions>();
-    replay->add_option("FILE", options->file, "What was captured; - for standard input")->required()->option_text(" ");
-    replay->add_flag("--all", options->all, "Also calls that change something");
-    replay->callback([options, &runDir] {
+    replay.Operand("FILE", options->file, "What was captured; - for standard input").Required();
+    replay.Flag("--all", options->all, "Also calls that change something");
+    replay.Run([options, &runDir] {
         options->runDir = runDir;
         Replay(*options);
     });
@@ -46,10 +38,10 @@ void AddReplay(CLI::App &app, const std::string &runDir) {
 
 } // namespace
 
-void AddCaptures(CLI::App &app, const std::string &runDir) {
-    AddCapture(app, runDir);
-    app.add_subcommand("dissector", "Prints a dissector of captured frames, in Lua")->callback(WriteDissector);
-    AddReplay(app, runDir);
+void AddCaptures(const Command &program, const std::string &runDir) {
+    AddCapture(program, runDir);
+    program.Add("dissector", "Prints a dissector of captured frames, in Lua").Run(WriteDissector);
+    AddReplay(program, runDir);
 }
 
 } // namespace ctl

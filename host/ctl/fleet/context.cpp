@@ -131,16 +131,15 @@ Fleet::Fleet(const Globals &globals) try : connection_(OptionsOf(globals)), call
     throw Failure(kConnection, error.what());
 }
 
-void AddContext(CLI::App &app) {
+void AddContext(const Command &program) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "context", "Which fleet is asked where --fleet names none", {"context", "context use plant-7"});
-    task->add_option("WHAT", options->words,
-                     "\"list\", as if nothing is given; \"use\" with the name of a file of settings in "
-                     "~/.config/tarn/contexts, from now on")
-        ->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([options] { Run(*options); });
+    const Command task =
+        program.Add("context", "Which fleet is asked where --fleet names none", {"context", "context use plant-7"});
+    task.Operand("WHAT", options->words,
+                 "\"list\", as if nothing is given; \"use\" with the name of a file of settings in "
+                 "~/.config/tarn/contexts, from now on");
+    AddListOptions(task, options->list);
+    task.Run([options] { Run(*options); });
 }
 
 } // namespace ctl

@@ -75,13 +75,13 @@ std::vector<Hello> SomeHellos(Fleet &fleet, const std::string &pattern) {
     return hellos;
 }
 
-void AddDevices(CLI::App &app, const Globals &globals) {
+void AddDevices(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "devices", "The devices of the fleet, and how they are",
-                                   {"devices --fleet tls://fleet.example:4222", "devices 'press-*'"});
-    task->add_option("DEVICES", options->pattern, kDevicesHelp)->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { PrintDevices(globals, *options); });
+    const Command task = program.Add("devices", "The devices of the fleet, and how they are",
+                                     {"devices --fleet tls://fleet.example:4222", "devices 'press-*'"});
+    task.Operand("DEVICES", options->pattern, kDevicesHelp);
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { PrintDevices(globals, *options); });
 }
 
 } // namespace ctl

@@ -1,11 +1,11 @@
 // Devices that are reached over a fleet's server.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <string>
 #include <vector>
 
+#include "host/ctl/command.h"
 #include "host/ctl/commands.h"
 #include "host/fleet/gateway.h"
 #include "host/fleet/hello.h"
@@ -52,8 +52,8 @@ bool Fits(const std::string &device, const std::string &pattern);
 // The contexts that there are, by name.
 std::vector<std::string> Contexts();
 
-void AddDevices(CLI::App &app, const Globals &globals);
-void AddFleet(CLI::App &app, const Globals &globals);
-void AddContext(CLI::App &app);
+void AddDevices(const Command &program, const Globals &globals);
+void AddFleet(const Command &program, const Globals &globals);
+void AddContext(const Command &program);
 
 } // namespace ctl

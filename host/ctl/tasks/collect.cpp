@@ -251,18 +251,16 @@ void Collect(const Globals &globals, Options options) {
 
 } // namespace
 
-void AddCollect(CLI::App &app, const Globals &globals) {
+void AddCollect(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "collect", "Logs, crashes, processes, health and settings in one archive, for somebody far away",
-                {"collect", "collect -o trouble.tar.gz --last 1h", "-H device collect -o device.tar.gz"});
-    task->add_option("-o", options->file, "The archive; - for standard output; default tarn-HOST-TIME.tar.gz")
-        ->option_text("FILE");
-    task->add_option("--last", options->last,
-                     "Of events, overloads and histories the last so much time: 10m, 1h; logs are whole")
-        ->option_text("TIME");
-    AddJson(*task, options->json);
-    task->callback([&globals, options] { Collect(globals, *options); });
+    const Command task =
+        program.Add("collect", "Logs, crashes, processes, health and settings in one archive, for somebody far away",
+                    {"collect", "collect -o trouble.tar.gz --last 1h", "-H device collect -o device.tar.gz"});
+    task.Option("-o", options->file, "FILE", "The archive; - for standard output; default tarn-HOST-TIME.tar.gz");
+    task.Option("--last", options->last, "TIME",
+                "Of events, overloads and histories the last so much time: 10m, 1h; logs are whole");
+    AddJson(task, options->json);
+    task.Run([&globals, options] { Collect(globals, *options); });
 }
 
 } // namespace ctl

@@ -150,19 +150,17 @@ void Crashes(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddCrashes(CLI::App &app, const Globals &globals) {
+void AddCrashes(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "crashes", "Fatal signals and failed assertions that were recorded, the newest first",
-                {"crashes", "crashes --last 1h", "crashes worker", "crashes show 1"});
-    task->add_option(
-            "WHAT", options->words,
-            "\"list\", as if nothing is given; \"show N\" for all of the one of that number; or a process's id, "
-            "name or pattern, or an agent's name")
-        ->option_text(" ");
-    task->add_option("--last", options->last, "Those of the last so much time: 10m, 1h, 7d")->option_text("TIME");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Crashes(globals, *options); });
+    const Command task =
+        program.Add("crashes", "Fatal signals and failed assertions that were recorded, the newest first",
+                    {"crashes", "crashes --last 1h", "crashes worker", "crashes show 1"});
+    task.Operand("WHAT", options->words,
+                 "\"list\", as if nothing is given; \"show N\" for all of the one of that number; or a process's id, "
+                 "name or pattern, or an agent's name");
+    task.Option("--last", options->last, "TIME", "Those of the last so much time: 10m, 1h, 7d");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Crashes(globals, *options); });
 }
 
 } // namespace ctl

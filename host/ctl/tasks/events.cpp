@@ -107,24 +107,21 @@ void Events(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddEvents(CLI::App &app, const Globals &globals) {
+void AddEvents(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "events", "What happened, from the daemon's journal: crashes, overloads, agents, settings",
-                {"events --since 1h", "events --follow --kind crash assertion", "events --last 20 --json"});
-    task->add_flag("-f,--follow", options->follow, "Wait for what happens, until it is interrupted");
-    task->add_option("--kind", options->wanted.kinds,
-                     "Of these kinds only: \"crash\", \"assertion\", \"cpu-overload-begins\", \"cpu-overload-ends\", "
-                     "\"memory-overload-begins\", \"memory-overload-ends\", \"dead-loop\", \"starvation\", "
-                     "\"leak-suspect\", \"memory-damage\", \"integrity\", \"agent-comes\", \"agent-goes\", \"setting\"")
-        ->option_text("KIND ...");
-    task->add_option("--since", options->since, "Those of the last so much time, as 1h, or since a time")
-        ->option_text("TIME");
-    auto *const from =
-        task->add_option("--from", options->wanted.from, "From the event of this number on")->option_text("N");
-    task->add_option("--last", options->wanted.last, "Of the last so many")->option_text("N")->excludes(from);
-    task->add_flag("--json", options->json, "For programs: an object a line");
-    task->callback([&globals, options] { Events(globals, *options); });
+    const Command task =
+        program.Add("events", "What happened, from the daemon's journal: crashes, overloads, agents, settings",
+                    {"events --since 1h", "events --follow --kind crash assertion", "events --last 20 --json"});
+    task.Flag("-f,--follow", options->follow, "Wait for what happens, until it is interrupted");
+    task.Option("--kind", options->wanted.kinds, "KIND ...",
+                "Of these kinds only: \"crash\", \"assertion\", \"cpu-overload-begins\", \"cpu-overload-ends\", "
+                "\"memory-overload-begins\", \"memory-overload-ends\", \"dead-loop\", \"starvation\", "
+                "\"leak-suspect\", \"memory-damage\", \"integrity\", \"agent-comes\", \"agent-goes\", \"setting\"");
+    task.Option("--since", options->since, "TIME", "Those of the last so much time, as 1h, or since a time");
+    const Parameter from = task.Option("--from", options->wanted.from, "N", "From the event of this number on");
+    task.Option("--last", options->wanted.last, "N", "Of the last so many").Excludes(from);
+    task.Flag("--json", options->json, "For programs: an object a line");
+    task.Run([&globals, options] { Events(globals, *options); });
 }
 
 } // namespace ctl

@@ -69,20 +69,16 @@ void Exec(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddExec(CLI::App &app, const Globals &globals) {
+void AddExec(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "exec", "Runs a debug command in an application, and waits for its result",
-                                   {"exec worker help", "exec worker loop 60", "exec worker --deadline 10m dump all"});
-    task->add_option(kProcess, options->process, "A process with an agent, as with stack")
-        ->required()
-        ->option_text(" ");
-    task->add_option("COMMAND", options->words, "The command and its words; \"help\" lists the commands")
-        ->required()
-        ->option_text(" ");
-    task->add_option("--deadline", options->deadline, "How long to wait for the result; default 1m")
-        ->option_text("TIME");
-    AddJson(*task, options->json);
-    task->callback([&globals, options] { Exec(globals, *options); });
+    const Command task =
+        program.Add("exec", "Runs a debug command in an application, and waits for its result",
+                    {"exec worker help", "exec worker loop 60", "exec worker --deadline 10m dump all"});
+    task.Operand(kProcess, options->process, "A process with an agent, as with stack").Required();
+    task.Operand("COMMAND", options->words, "The command and its words; \"help\" lists the commands").Required();
+    task.Option("--deadline", options->deadline, "TIME", "How long to wait for the result; default 1m");
+    AddJson(task, options->json);
+    task.Run([&globals, options] { Exec(globals, *options); });
 }
 
 } // namespace ctl

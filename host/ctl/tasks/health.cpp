@@ -41,14 +41,13 @@ void Health(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddHealth(CLI::App &app, const Globals &globals) {
+void AddHealth(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "health", "How the system is, or an application with an agent",
-                                   {"health", "health worker", "settings set health.disk.limit=850"});
-    task->add_option(kProcess, options->process, "A process with an agent, as with stack; the system if not given")
-        ->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Health(globals, *options); });
+    const Command task = program.Add("health", "How the system is, or an application with an agent",
+                                     {"health", "health worker", "settings set health.disk.limit=850"});
+    task.Operand(kProcess, options->process, "A process with an agent, as with stack; the system if not given");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Health(globals, *options); });
 }
 
 } // namespace ctl

@@ -96,20 +96,18 @@ void Leaks(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddLeaks(CLI::App &app, const Globals &globals) {
+void AddLeaks(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "leaks", "The processes whose memory grows and isn't given back",
-                                   {"leaks", "leaks --last 10m --least 512", "leaks worker", "leaks --follow"});
-    task->add_option(kProcess, options->process, "A process, as with stack; all if not given")->option_text(" ");
-    task->add_option("--last", options->last, "Growth in the last so much time; default since the start, at most 1h")
-        ->option_text("TIME");
-    task->add_option("--least", options->least, "Growth of at least so many KiB; default 1024")
-        ->option_text("KIB")
-        ->check(CLI::Range(1U, UINT32_MAX));
-    task->add_flag("--follow", options->follow, "Each when it becomes suspect, until interrupted");
-    task->add_option("--every", options->every, "How often to look with --follow; default 10s")->option_text("TIME");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Leaks(globals, *options); });
+    const Command task = program.Add("leaks", "The processes whose memory grows and isn't given back",
+                                     {"leaks", "leaks --last 10m --least 512", "leaks worker", "leaks --follow"});
+    task.Operand(kProcess, options->process, "A process, as with stack; all if not given");
+    task.Option("--last", options->last, "TIME",
+                "Growth in the last so much time; default since the start, at most 1h");
+    task.Option("--least", options->least, "KIB", "Growth of at least so many KiB; default 1024").Range(1U, UINT32_MAX);
+    task.Flag("--follow", options->follow, "Each when it becomes suspect, until interrupted");
+    task.Option("--every", options->every, "TIME", "How often to look with --follow; default 10s");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Leaks(globals, *options); });
 }
 
 } // namespace ctl

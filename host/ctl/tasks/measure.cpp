@@ -81,18 +81,17 @@ void Measure(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddMeasure(CLI::App &app, const Globals &globals) {
+void AddMeasure(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "measure", "Whether the programs that run are those that were recorded",
-                                   {"measure record", "measure", "measure result --follow", "measure cancel"});
-    task->add_option("WHAT", options->what,
-                     "\"run\", as if nothing is given: measures and waits; \"record\" records what is compared with; "
-                     "\"result\" of the last one; \"cancel\" or \"forget\"")
-        ->option_text(" ")
-        ->check(CLI::IsMember({"run", "record", "result", "cancel", "forget"}));
-    task->add_flag("--follow", options->follow, "A line whenever more files differ, until it is done");
-    AddJson(*task, options->json);
-    task->callback([&globals, options] { Measure(globals, *options); });
+    const Command task = program.Add("measure", "Whether the programs that run are those that were recorded",
+                                     {"measure record", "measure", "measure result --follow", "measure cancel"});
+    task.Operand("WHAT", options->what,
+                 "\"run\", as if nothing is given: measures and waits; \"record\" records what is compared with; "
+                 "\"result\" of the last one; \"cancel\" or \"forget\"")
+        .OneOf({"run", "record", "result", "cancel", "forget"});
+    task.Flag("--follow", options->follow, "A line whenever more files differ, until it is done");
+    AddJson(task, options->json);
+    task.Run([&globals, options] { Measure(globals, *options); });
 }
 
 } // namespace ctl

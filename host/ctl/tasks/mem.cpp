@@ -117,18 +117,16 @@ void Mem(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddMem(CLI::App &app, const Globals &globals) {
+void AddMem(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "mem", "The memory of the system or of a process: now, before, its mappings",
-                                   {"mem", "mem worker", "mem worker --history --last 10m", "mem worker --maps"});
-    task->add_option(kProcess, options->process, "A process, as with stack; the system if not given")->option_text(" ");
-    auto *const history = task->add_flag("--history", options->history, "What it was like before");
-    task->add_option("--last", options->last, "Of the history the last so much time: 10m, 1h")
-        ->option_text("TIME")
-        ->needs(history);
-    task->add_flag("--maps", options->maps, "The mappings of the process")->excludes(history);
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Mem(globals, *options); });
+    const Command task = program.Add("mem", "The memory of the system or of a process: now, before, its mappings",
+                                     {"mem", "mem worker", "mem worker --history --last 10m", "mem worker --maps"});
+    task.Operand(kProcess, options->process, "A process, as with stack; the system if not given");
+    const Parameter history = task.Flag("--history", options->history, "What it was like before");
+    task.Option("--last", options->last, "TIME", "Of the history the last so much time: 10m, 1h").Needs(history);
+    task.Flag("--maps", options->maps, "The mappings of the process").Excludes(history);
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Mem(globals, *options); });
 }
 
 } // namespace ctl

@@ -39,11 +39,10 @@ void Metrics(const Globals &globals) {
 
 } // namespace
 
-void AddMetrics(CLI::App &app, const Globals &globals) {
-    CLI::App *const task =
-        AddTask(app, "metrics", "Figures for Prometheus: load, memory, health, calls, what was refused",
-                {"metrics", "metrics >/var/lib/prometheus/node-exporter/tarn.prom.new"});
-    task->callback([&globals] { Metrics(globals); });
+void AddMetrics(const Command &program, const Globals &globals) {
+    const Command task = program.Add("metrics", "Figures for Prometheus: load, memory, health, calls, what was refused",
+                                     {"metrics", "metrics >/var/lib/prometheus/node-exporter/tarn.prom.new"});
+    task.Run([&globals] { Metrics(globals); });
 }
 
 } // namespace ctl

@@ -212,17 +212,16 @@ void Overloads(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddOverloads(CLI::App &app, const Globals &globals) {
+void AddOverloads(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "overloads", "When CPUs or memory were overloaded, and which process used most then",
-                {"overloads", "overloads show 7", "settings set cpu.begins-at=90% cpu.must-last=10s"});
-    task->add_option("WHAT", options->words,
-                     "\"list\", as if nothing is given; \"show N\" for the busiest threads of the one of that number, "
-                     "and what they were doing; without N of the newest")
-        ->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Overloads(globals, *options); });
+    const Command task =
+        program.Add("overloads", "When CPUs or memory were overloaded, and which process used most then",
+                    {"overloads", "overloads show 7", "settings set cpu.begins-at=90% cpu.must-last=10s"});
+    task.Operand("WHAT", options->words,
+                 "\"list\", as if nothing is given; \"show N\" for the busiest threads of the one of that number, "
+                 "and what they were doing; without N of the newest");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Overloads(globals, *options); });
 }
 
 } // namespace ctl

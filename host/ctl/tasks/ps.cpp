@@ -91,22 +91,20 @@ void Ps(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddPs(CLI::App &app, const Globals &globals) {
+void AddPs(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "ps", "Which processes there are, and what each uses",
-                {"ps --sort resident -n 10", "ps 'worker*' --columns process,cpu,name", "ps --user root --watch"});
-    task->add_option("PATTERN", options->pattern,
-                     "A process's id, its name or a pattern such as 'worker*'; all if not given")
-        ->option_text(" ");
-    task->add_option("--user", options->user, "Processes of this effective user")->option_text("USER");
-    task->add_option("--sort", options->sort,
-                     "By this column: what is used most first, names and ids rising; default cpu")
-        ->option_text("COLUMN");
-    task->add_option("-n", options->most, "The first so many")->option_text("N");
-    task->add_flag("--watch{1s}", options->delay, "Again and again, each second or --watch=TIME; q ends it");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Ps(globals, *options); });
+    const Command task =
+        program.Add("ps", "Which processes there are, and what each uses",
+                    {"ps --sort resident -n 10", "ps 'worker*' --columns process,cpu,name", "ps --user root --watch"});
+    task.Operand("PATTERN", options->pattern,
+                 "A process's id, its name or a pattern such as 'worker*'; all if not given");
+    task.Option("--user", options->user, "USER", "Processes of this effective user");
+    task.Option("--sort", options->sort, "COLUMN",
+                "By this column: what is used most first, names and ids rising; default cpu");
+    task.Option("-n", options->most, "N", "The first so many");
+    task.Flag("--watch{1s}", options->delay, "Again and again, each second or --watch=TIME; q ends it");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Ps(globals, *options); });
 }
 
 } // namespace ctl

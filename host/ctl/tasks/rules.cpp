@@ -62,21 +62,18 @@ void Rules(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddRules(CLI::App &app, const Globals &globals) {
+void AddRules(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "rules", "Which messages between applications pass",
-                {"rules", "rules --process worker", "rules set rule=7 action=limit rate=100 'sender=worker*'",
-                 "rules set rule=8 action=drop message=debug", "rules clear"});
-    task->add_option(
-            "WHAT", options->words,
-            "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each member of a rule; \"clear\" for "
-            "all of them")
-        ->option_text(" ");
-    task->add_option("--process", options->process, "The rules of this process's agent in place of the daemon's")
-        ->option_text(kProcess);
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Rules(globals, *options); });
+    const Command task =
+        program.Add("rules", "Which messages between applications pass",
+                    {"rules", "rules --process worker", "rules set rule=7 action=limit rate=100 'sender=worker*'",
+                     "rules set rule=8 action=drop message=debug", "rules clear"});
+    task.Operand("WHAT", options->words,
+                 "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each member of a rule; \"clear\" for "
+                 "all of them");
+    task.Option("--process", options->process, kProcess, "The rules of this process's agent in place of the daemon's");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Rules(globals, *options); });
 }
 
 } // namespace ctl

@@ -49,18 +49,16 @@ void Settings(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddSettings(CLI::App &app, const Globals &globals) {
+void AddSettings(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "settings", "Thresholds and switches of the daemon, and whose they are",
-                                   {"settings", "settings set cpu.begins-at=90% cpu.must-last=10s",
-                                    "settings set health.disk.limit=85%", "settings reset"});
-    task->add_option(
-            "WHAT", options->words,
-            "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each; \"reset\" gives up what clients "
-            "have set of overloads, measurement and the clock for what the master has or the default")
-        ->option_text(" ");
-    AddListOptions(*task, options->list);
-    task->callback([&globals, options] { Settings(globals, *options); });
+    const Command task = program.Add("settings", "Thresholds and switches of the daemon, and whose they are",
+                                     {"settings", "settings set cpu.begins-at=90% cpu.must-last=10s",
+                                      "settings set health.disk.limit=85%", "settings reset"});
+    task.Operand("WHAT", options->words,
+                 "\"list\", as if nothing is given; \"set\" with NAME=VALUE for each; \"reset\" gives up what clients "
+                 "have set of overloads, measurement and the clock for what the master has or the default");
+    AddListOptions(task, options->list);
+    task.Run([&globals, options] { Settings(globals, *options); });
 }
 
 } // namespace ctl

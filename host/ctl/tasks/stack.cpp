@@ -221,24 +221,21 @@ void ShowStack(const Globals &globals, Options options) {
 
 } // namespace
 
-void AddStack(CLI::App &app, const Globals &globals) {
+void AddStack(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "stack", "What the threads of a process are doing: their call stacks",
-                {"stack worker", "stack 4711 -t 4713", "stack worker --all --samples 50 --every 20ms",
-                 "stack worker --samples 200 --folded >worker.folded"});
-    task->add_option(kProcess, options->process, kProcessHelp)->required()->option_text(" ");
-    auto *const thread =
-        task->add_option("-t", options->thread, "This thread; default the process's first")->option_text("TID");
-    task->add_flag("--all", options->all, "All threads")->excludes(thread);
-    task->add_option("--samples", options->samples, "So many times, as a tree with the share of each function")
-        ->option_text("N")
-        ->check(CLI::Range(1U, 100'000U));
-    task->add_option("--every", options->every, "Time between two samples, in ms without a unit; default 100ms")
-        ->option_text("TIME");
-    task->add_flag("--folded", options->folded, "The samples as lines for flame graphs, \"main;work;spin 12\"");
-    task->add_flag("--json", options->json, "For programs: an object a line, for each thread or way that was seen");
-    task->callback([&globals, options] { ShowStack(globals, *options); });
+    const Command task =
+        program.Add("stack", "What the threads of a process are doing: their call stacks",
+                    {"stack worker", "stack 4711 -t 4713", "stack worker --all --samples 50 --every 20ms",
+                     "stack worker --samples 200 --folded >worker.folded"});
+    task.Operand(kProcess, options->process, kProcessHelp).Required();
+    const Parameter thread = task.Option("-t", options->thread, "TID", "This thread; default the process's first");
+    task.Flag("--all", options->all, "All threads").Excludes(thread);
+    task.Option("--samples", options->samples, "N", "So many times, as a tree with the share of each function")
+        .Range(1U, 100'000U);
+    task.Option("--every", options->every, "TIME", "Time between two samples, in ms without a unit; default 100ms");
+    task.Flag("--folded", options->folded, "The samples as lines for flame graphs, \"main;work;spin 12\"");
+    task.Flag("--json", options->json, "For programs: an object a line, for each thread or way that was seen");
+    task.Run([&globals, options] { ShowStack(globals, *options); });
 }
 
 } // namespace ctl

@@ -8,16 +8,6 @@
 
 namespace ctl {
 
-CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples) {
-    CLI::App *const task = app.add_subcommand(name, sentence);
-    std::string footer = "Examples:";
-    for (const char *example : examples) {
-        footer += fmt::format("\n  tarnctl {}", example);
-    }
-    task->footer(footer);
-    return task;
-}
-
 std::string TimeText(std::chrono::milliseconds time) {
     return time.count() % 1000 != 0 ? fmt::format("{}ms", time.count()) : fmt::format("{}s", time.count() / 1000);
 }

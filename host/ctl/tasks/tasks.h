@@ -1,32 +1,28 @@
 // What a person wants to know or to do, a file each. A function makes the task's command.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
+#include "host/ctl/command.h"
 #include "host/ctl/commands.h"
 
 namespace ctl {
 
-void AddPs(CLI::App &app, const Globals &globals);
-void AddTop(CLI::App &app, const Globals &globals);
-void AddStack(CLI::App &app, const Globals &globals);
-void AddMem(CLI::App &app, const Globals &globals);
-void AddSettings(CLI::App &app, const Globals &globals);
-void AddCrashes(CLI::App &app, const Globals &globals);
-void AddOverloads(CLI::App &app, const Globals &globals);
-void AddLeaks(CLI::App &app, const Globals &globals);
-void AddEvents(CLI::App &app, const Globals &globals);
-void AddHealth(CLI::App &app, const Globals &globals);
-void AddCollect(CLI::App &app, const Globals &globals);
-void AddExec(CLI::App &app, const Globals &globals);
-void AddTime(CLI::App &app, const Globals &globals);
-void AddRules(CLI::App &app, const Globals &globals);
-void AddMeasure(CLI::App &app, const Globals &globals);
-void AddMetrics(CLI::App &app, const Globals &globals);
-void AddWatch(CLI::App &app, const Globals &globals);
-
-// A command whose help ends with examples, a line each without "tarnctl".
-CLI::App *AddTask(CLI::App &app, const char *name, const char *sentence, std::initializer_list<const char *> examples);
+void AddPs(const Command &program, const Globals &globals);
+void AddTop(const Command &program, const Globals &globals);
+void AddStack(const Command &program, const Globals &globals);
+void AddMem(const Command &program, const Globals &globals);
+void AddSettings(const Command &program, const Globals &globals);
+void AddCrashes(const Command &program, const Globals &globals);
+void AddOverloads(const Command &program, const Globals &globals);
+void AddLeaks(const Command &program, const Globals &globals);
+void AddEvents(const Command &program, const Globals &globals);
+void AddHealth(const Command &program, const Globals &globals);
+void AddCollect(const Command &program, const Globals &globals);
+void AddExec(const Command &program, const Globals &globals);
+void AddTime(const Command &program, const Globals &globals);
+void AddRules(const Command &program, const Globals &globals);
+void AddMeasure(const Command &program, const Globals &globals);
+void AddMetrics(const Command &program, const Globals &globals);
+void AddWatch(const Command &program, const Globals &globals);
 
 // "500ms", "2s", "1m"; a bare number is of that unit. Throws Failure, which names the option.
 enum class TimeUnit { kMilliseconds, kSeconds };

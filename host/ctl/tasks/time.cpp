@@ -76,17 +76,16 @@ void Time(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddTime(CLI::App &app, const Globals &globals) {
+void AddTime(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "time", "The daemon's clock and zone, or sets them",
-                {"time", "time set 2026-02-03T04:05:06+01:00", "time set +1h", "time zone Europe/Berlin"});
-    task->add_option("WHAT", options->words,
-                     "Nothing to see them; \"set TIME\"; \"zone NAME\", with the minutes east of Greenwich behind it "
-                     "where this system doesn't know the zone")
-        ->option_text(" ");
-    AddJson(*task, options->json);
-    task->callback([&globals, options] { Time(globals, *options); });
+    const Command task =
+        program.Add("time", "The daemon's clock and zone, or sets them",
+                    {"time", "time set 2026-02-03T04:05:06+01:00", "time set +1h", "time zone Europe/Berlin"});
+    task.Operand("WHAT", options->words,
+                 "Nothing to see them; \"set TIME\"; \"zone NAME\", with the minutes east of Greenwich behind it "
+                 "where this system doesn't know the zone");
+    AddJson(task, options->json);
+    task.Run([&globals, options] { Time(globals, *options); });
 }
 
 } // namespace ctl

@@ -229,21 +229,19 @@ void Top(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddTop(CLI::App &app, const Globals &globals) {
+void AddTop(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task = AddTask(app, "top", "The busiest processes and threads, again and again; q ends it",
-                                   {"top", "top worker", "top --batch -n 3 -d 10s", "top --json"});
-    task->add_option(kProcess, options->process, "The threads of this process")->option_text(" ");
-    task->add_option("-n", options->repetition.times, "How often; default until q, or once when not on a terminal")
-        ->option_text("N");
-    task->add_option("-d", options->delay,
-                     "Time between: 500ms, 2s, 1m; default " + TimeText(options->repetition.delay))
-        ->option_text("TIME");
-    task->add_flag("--batch", options->repetition.batch, "Text without control sequences, also on a terminal");
-    task->add_flag("--json", options->repetition.json,
-                   "For programs: an object a line for each view, with all processes, and at most 20 threads");
-    task->callback([&globals, options, task] {
-        if (task->count("-d") != 0) {
+    const Command task = program.Add("top", "The busiest processes and threads, again and again; q ends it",
+                                     {"top", "top worker", "top --batch -n 3 -d 10s", "top --json"});
+    task.Operand(kProcess, options->process, "The threads of this process");
+    task.Option("-n", options->repetition.times, "N", "How often; default until q, or once when not on a terminal");
+    task.Option("-d", options->delay, "TIME",
+                "Time between: 500ms, 2s, 1m; default " + TimeText(options->repetition.delay));
+    task.Flag("--batch", options->repetition.batch, "Text without control sequences, also on a terminal");
+    task.Flag("--json", options->repetition.json,
+              "For programs: an object a line for each view, with all processes, and at most 20 threads");
+    task.Run([&globals, options, task] {
+        if (task.Has("-d")) {
             options->repetition.delay = ParseTime("-d", options->delay);
         }
         Top(globals, *options);

@@ -194,28 +194,24 @@ void Watch(const Globals &globals, const Options &options) {
 
 } // namespace
 
-void AddWatch(CLI::App &app, const Globals &globals) {
+void AddWatch(const Command &program, const Globals &globals) {
     const auto options = std::make_shared<Options>();
-    CLI::App *const task =
-        AddTask(app, "watch", "Tells when the system or a process uses too much, and runs a command then",
-                {"watch --cpu 90% --for 10s", "watch --process 'worker*' --mem 512MiB",
-                 "watch --process worker --cpu 80% --for 5s -n 1 --exec 'tarnctl stack $TARN_WATCH_PROCESS --all'"});
-    task->add_option("--cpu", options->cpu, "From this share on: of all CPUs, or of one with --process")
-        ->option_text("SHARE");
-    task->add_option("--mem", options->memory, "From this share of memory in use on, or this size with --process")
-        ->option_text("AMOUNT");
-    task->add_option("--process", options->process,
-                     "Processes of this id, name, pattern or agent's name in place of the system")
-        ->option_text(kProcess);
-    task->add_option("--for", options->lasts, "When it lasts so long; default at once")->option_text("TIME");
-    task->add_option("--every", options->every, "How often to look; default 1s")->option_text("TIME");
-    task->add_option("--exec", options->command,
-                     "A command for the shell, each time that it begins: it finds "
-                     "TARN_WATCH_PROCESS, TARN_WATCH_NAME and TARN_WATCH_CPU")
-        ->option_text("COMMAND");
-    task->add_option("-n", options->times, "End after so many times; default when interrupted")->option_text("N");
-    task->add_flag("--json", options->json, "For programs: an object a line");
-    task->callback([&globals, options] { Watch(globals, *options); });
+    const Command task = program.Add(
+        "watch", "Tells when the system or a process uses too much, and runs a command then",
+        {"watch --cpu 90% --for 10s", "watch --process 'worker*' --mem 512MiB",
+         "watch --process worker --cpu 80% --for 5s -n 1 --exec 'tarnctl stack $TARN_WATCH_PROCESS --all'"});
+    task.Option("--cpu", options->cpu, "SHARE", "From this share on: of all CPUs, or of one with --process");
+    task.Option("--mem", options->memory, "AMOUNT", "From this share of memory in use on, or this size with --process");
+    task.Option("--process", options->process, kProcess,
+                "Processes of this id, name, pattern or agent's name in place of the system");
+    task.Option("--for", options->lasts, "TIME", "When it lasts so long; default at once");
+    task.Option("--every", options->every, "TIME", "How often to look; default 1s");
+    task.Option("--exec", options->command, "COMMAND",
+                "A command for the shell, each time that it begins: it finds "
+                "TARN_WATCH_PROCESS, TARN_WATCH_NAME and TARN_WATCH_CPU");
+    task.Option("-n", options->times, "N", "End after so many times; default when interrupted");
+    task.Flag("--json", options->json, "For programs: an object a line");
+    task.Run([&globals, options] { Watch(globals, *options); });
 }
 
 } // namespace ctl
