@@ -51,9 +51,9 @@ TARN_EXPORT uint32_t TarnAgent_RegisterCommand(const char *pcName, const char *p
 
 /*
  * While the agent runs, SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT are recorded with registers and stack in the black
- * box of the user, a file that the daemon reads, now or after a restart of the machine: in /var/lib/tarn-faults or, with
- * a run directory of one's own, beside its sockets; $TARN_FAULT_DIR names another directory. Then the signal goes to
- * the handler that was installed before; by default the process ends as it would have without the agent.
+ * box of the user, a file that the daemon reads, now or after a restart of the machine: in /var/lib/tarn-faults or,
+ * with a run directory of one's own, beside its sockets; $TARN_FAULT_DIR names another directory. Then the signal goes
+ * to the handler that was installed before; by default the process ends as it would have without the agent.
  */
 
 /* Gives the calling thread a stack for signal handlers, so that the overflow of its own can be recorded. The thread

@@ -116,8 +116,8 @@ TEST(Manual, NamesTheDebugCommandsOfTheExample) {
 }
 
 TEST(Manual, IsWellFormed) {
-    for (const char *page : {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-core.8", "tarn-master.8", "tarn-relay.8",
-                             "tarn-web.8"}) {
+    for (const char *page :
+         {"tarnctl.1", "tarn-agent.1", "tarnd.8", "tarn-core.8", "tarn-master.8", "tarn-relay.8", "tarn-web.8"}) {
         EXPECT_EQ(OutputOf(std::string("mandoc -T lint -W warning " MANUALS "/") + page), "");
     }
 }

@@ -55,10 +55,11 @@ std::string BuildIdsText(const FaultStack &stack) {
 
 std::string RecordText(const FaultRecord &record, Demangler &names) {
     const FaultHead &head = record.head;
-    std::string text = fmt::format("{} process {} ({}), thread {} ({}){}\n  {}\n",
-                                   Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
-                                   host::LineOfText(head.process), head.tid, host::LineOfText(head.thread),
-                                   head.agent[0] == 0 ? "" : ", agent " + host::LineOfText(head.agent), CauseText(head));
+    std::string text =
+        fmt::format("{} process {} ({}), thread {} ({}){}\n  {}\n",
+                    Daemon::Serving().clock.Text(TimeOf(head), host::Precision::kMilliseconds), head.pid,
+                    host::LineOfText(head.process), head.tid, host::LineOfText(head.thread),
+                    head.agent[0] == 0 ? "" : ", agent " + host::LineOfText(head.agent), CauseText(head));
     if (head.kind == FaultKind::kException && head.text[0] != 0) {
         text += fmt::format("  command line: {}\n", host::LineOfText(head.text));
     }
