@@ -30,7 +30,7 @@ struct Document {
 
 class StateTest : public kit::DaemonTest<Unit> {
 protected:
-    std::vector<std::string> Options() const override { return {"--state-dir", state_}; }
+    std::vector<std::string> Options() const override { return {"--state-dir", state_, "--measure-rate", "0"}; }
 
     template <class Response, class Request>
     uint32_t Result(const char *method, const Request &request, uint32_t Response::*result) {
