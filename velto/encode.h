@@ -152,17 +152,13 @@ constexpr uint32_t kLead = 0;
 template <Described Record>
 constexpr uint32_t kLead<Record> = kVtableSize<Record>;
 
-// The bytes that stand behind a table's scalars whatever the record holds: offset words and fixed data.
-template <class Record>
-constexpr uint32_t kBytesBehindScalars = [] {
-    uint32_t bytes = 0;
-    EachSlot<Record>([&]<class Slot, size_t>() {
-        if constexpr (kAlwaysPresent<Slot>) {
-            bytes += 8;
-        }
-    });
-    return bytes;
-}();
+// All bits for a scalar that is present, none for one that is 0. The compilers would make branches of what depends on
+// it, which scalars as they are in life mispredict every other time.
+[[gnu::always_inline]] inline uint32_t Mask(bool present) {
+    uint32_t mask = 0U - static_cast<uint32_t>(present);
+    asm("" : "+r"(mask));
+    return mask;
+}
 
 // Writes a table behind its vtable. Returns the end of all that it wrote.
 template <class Record>
@@ -174,40 +170,49 @@ static uint8_t *WriteTable(uint8_t *vtable, const Record &record) {
         }
     }
     uint8_t *const table = vtable + kVtableSize<Record>;
-    uint8_t *at = table + 4;
+    uint32_t end = 4; // of the scalars, from the table
     uint32_t references = 0;
-    const auto setSlot = [&](size_t index, const uint8_t *field) {
-        Store(vtable + 4 + 2 * index, static_cast<uint16_t>(field - table)); // the table itself: absent
+    const auto setSlot = [&](size_t index, uint32_t place) { // 0: absent
+        Store(vtable + 4 + 2 * index, static_cast<uint16_t>(place));
     };
     EachSlot<Record>([&]<class Slot, size_t kIndex>() {
         if constexpr (kIsReference<Slot>) {
             references += IsPresent<Slot>(record) ? 1 : 0;
-        } else if constexpr (kBytesBehindScalars<Record> >= 8) {
-            // A value of 0 is stored and then overwritten by what follows: cheaper than a branch that mispredicts.
-            const auto value = Slot::Get(record);
-            Store(at, value);
-            setSlot(kIndex, value != 0 ? at : table);
-            at += value != 0 ? sizeof value : 0;
-        } else if (const auto value = Slot::Get(record); value != 0) {
-            Store(at, value);
-            setSlot(kIndex, at);
-            at += sizeof value;
         } else {
-            setSlot(kIndex, table);
+            const auto value = Slot::Get(record);
+            if constexpr (kPrefersSpeed) {
+                // What is 0 is stored where the distance word will be.
+                const uint32_t mask = Mask(value != 0);
+                setSlot(kIndex, end & mask);
+                if constexpr (sizeof value == 8) {
+                    Store(table + (end & mask), static_cast<uint32_t>(value));
+                    Store(table + ((end + 4) & mask), static_cast<uint32_t>(value >> 32));
+                } else {
+                    Store(table + (end & mask), value);
+                }
+                end += uint32_t{sizeof value} & mask;
+            } else if (value != 0) {
+                setSlot(kIndex, end);
+                Store(table + end, value);
+                end += sizeof value;
+            } else {
+                setSlot(kIndex, 0);
+            }
         }
     });
 
+    uint8_t *at = table + end;
     uint8_t *word = at;
     at += 4 * references;
     EachSlot<Record>([&]<class Slot, size_t kIndex>() {
         if constexpr (kIsReference<Slot>) {
             if (IsPresent<Slot>(record)) {
-                setSlot(kIndex, word);
+                setSlot(kIndex, static_cast<uint32_t>(word - table));
                 Store(word, static_cast<uint32_t>(at - word) + kLead<typename Slot::Value>);
                 at = WriteData<Slot>(at, record);
                 word += 4;
             } else {
-                setSlot(kIndex, table);
+                setSlot(kIndex, 0);
             }
         }
     });
