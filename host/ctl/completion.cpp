@@ -307,7 +307,7 @@ Names OfferFor(const CLI::Option &option, const Line &line, const Globals &globa
     }
     const bool isFirst = line.Operands().empty();
     Names names = isFirst || !option.get_positional() ? QuotedWords(option.get_description()) : Names();
-    return command == "crashes" ? Joined(names, ProcessNames(globals, word)) : names;
+    return command == "crashes" && isFirst ? Joined(names, ProcessNames(globals, word)) : names;
 }
 
 Names Offer(const CLI::App &app, const Line &line, const Globals &globals) {

@@ -68,7 +68,11 @@ void Listing::Add(const Elements &elements) {
     }
 }
 
-void Listing::Print(std::ostream &out, const Style &style) const {
+void Listing::Print(std::ostream &out, const Style &style, const std::string &none) const {
+    if (rows_.empty() && !none.empty() && !options_.json && !options_.noHeaders) {
+        out << none << "\n";
+        return;
+    }
     if (options_.json) {
         for (const Json &object : objects_) {
             out << object.dump() << "\n";
@@ -88,12 +92,8 @@ void Listing::Print(std::ostream &out, const Style &style) const {
 }
 
 void Listing::Show(const std::string &none) const {
-    if (rows_.empty() && !options_.json && !options_.noHeaders) {
-        std::cout << none << "\n";
-        return;
-    }
-    const Output output(!options_.json);
-    Print(std::cout, output.GetStyle());
+    const Output output(!options_.json && !rows_.empty());
+    Print(std::cout, output.GetStyle(), none);
 }
 
 } // namespace ctl

@@ -28,9 +28,9 @@ public:
     void Add(const std::vector<std::string> &cells, host::describe::Json json);
     void Add(const Elements &elements);
 
-    // JSON, or the table.
-    void Print(std::ostream &out, const Style &style) const;
-    // The same on standard output, through a pager; for a table that would be empty, what there is none of.
+    // JSON, or the table; for one that would be empty, what there is none of, unless that is nothing.
+    void Print(std::ostream &out, const Style &style, const std::string &none = "") const;
+    // The same on standard output, through a pager.
     void Show(const std::string &none) const;
 
 private:

@@ -230,7 +230,12 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
     app.add_option("--device", arguments.device, "Ask this device of the fleet, in place of this machine")
         ->option_text("DEVICE")
         ->excludes("--run-dir");
-    app.parse_complete_callback([&arguments] { ReachDevice(arguments); });
+    app.parse_complete_callback([&app, &arguments] { // before the command runs
+        if (app.count("--host") != 0) {
+            throw CLI::ValidationError("--host", "expected before the command");
+        }
+        ReachDevice(arguments);
+    });
     app.add_flag("--quiet", arguments.globals.quiet, "No progress of what takes long");
     app.add_option_function<std::string>("--server-user", TrustServersOf,
                                          "User whose servers are trusted besides root's, one's own and the directory's "
@@ -266,7 +271,9 @@ void AddHelp(const Command &program, const CLI::App &app, Arguments &arguments) 
             throw ctl::Failure(ctl::kUsage, WrongCommand(app, arguments.task));
         }
         const ctl::Output output;
-        std::cout << (found.empty() ? app.help("", CLI::AppFormatMode::All) : found.front()->help("tarnctl"));
+        // Asked itself, the program would hand out the help of the command that was given: this one's.
+        std::cout << (found.empty() ? app.get_formatter()->make_help(&app, "tarnctl", CLI::AppFormatMode::Normal)
+                                    : found.front()->help("tarnctl"));
     });
 }
 
@@ -322,15 +329,12 @@ void NameValues(CLI::App &app) {
 
 // Exit code; what fails is thrown.
 int Run(CLI::App &app, std::vector<std::string> arguments) {
-    if (const std::string host = ctl::TakeHost(arguments); !host.empty()) {
-        return ctl::RunAt(host, std::move(arguments));
+    if (const auto host = ctl::TakeHost(arguments)) {
+        return ctl::RunAt(*host, std::move(arguments));
     }
     try {
         std::ranges::reverse(arguments); // as the parser takes them
         app.parse(std::move(arguments));
-        if (app.count("--host") != 0) {
-            throw CLI::ValidationError("--host", "expected before the command");
-        }
         return ctl::kDone;
     } catch (const CLI::Success &request) { // --help, --version
         return Help(app, request);

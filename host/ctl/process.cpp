@@ -36,6 +36,11 @@ std::string ListOf(const std::vector<Process> &processes) {
 
 } // namespace
 
+std::string KernelName(const std::string &text) {
+    constexpr size_t kKept = 15;
+    return text.find_first_of("*?[\\") == text.npos ? text.substr(0, kKept) : text;
+}
+
 std::vector<Process> AllProcesses(Server &server) {
     return ByName(server, "");
 }
@@ -63,7 +68,7 @@ std::vector<Process> FindProcesses(Server &server, const std::string &text) {
     if (isNumber && pid != 0) {
         return {{pid, ""}};
     }
-    std::vector<Process> found = text.empty() || isNumber ? std::vector<Process>() : ByName(server, text);
+    std::vector<Process> found = text.empty() || isNumber ? std::vector<Process>() : ByName(server, KernelName(text));
     for (const Process &agent : Agents(server)) {
         if (agent.name == text && std::ranges::find(found, agent.pid, &Process::pid) == found.end()) {
             found.push_back(agent);

@@ -14,6 +14,9 @@ struct Process {
 constexpr char kProcess[] = "PROCESS";
 constexpr char kProcessHelp[] = "A process: its id, its name, a pattern such as 'worker*', or an agent's name";
 
+// A name or pattern of one as the kernel has it, which keeps 15 bytes of a name.
+std::string KernelName(const std::string &text);
+
 // All that a text stands for: the process of that id, whatever its name; or those of that name, with a name of that
 // pattern, or with an agent of that name. Throws Failure where there is none.
 std::vector<Process> FindProcesses(Server &server, const std::string &text);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 
 #include "host/ctl/own_service.h"
 #include "host/ctl/values.h"
@@ -184,6 +185,17 @@ void Change(std::vector<Setting> &settings, const Wish &wish) {
     FailOf(wish);
 }
 
+// What isn't stated but bounded by what is, and beyond it now, is left to the daemon where 0 means that.
+void Follow(Setting &setting, const Member &member) {
+    const Value &value = member.value;
+    if (value.notAbove.empty() || value.zero.empty()) {
+        return;
+    }
+    if (NumberOf(setting, member) > setting.request.at(std::string(value.notAbove)).get<uint64_t>()) {
+        setting.request[std::string(member.wire)] = 0;
+    }
+}
+
 } // namespace
 
 std::vector<Setting> SettingsIn(const Json &told) {
@@ -224,8 +236,18 @@ void RequireSettings(std::span<const std::string> words) {
 }
 
 void Change(std::vector<Setting> &settings, std::span<const std::string> words) {
+    std::set<std::string> stated;
     for (const std::string &word : words) {
-        Change(settings, WishOf(word));
+        const Wish wish = WishOf(word);
+        Change(settings, wish);
+        stated.insert(wish.group + "." + wish.member);
+    }
+    for (Setting &setting : settings) {
+        for (const Member &member : setting.isStated ? MembersOf(setting) : std::span<const Member>()) {
+            if (!stated.contains(fmt::format("{}.{}", GroupNameOf(setting), member.name))) {
+                Follow(setting, member);
+            }
+        }
     }
 }
 

@@ -29,8 +29,9 @@ struct SettingRow {
 };
 std::vector<SettingRow> RowsOf(const std::vector<Setting> &settings);
 
-// Takes "cpu.begins-at=90%" and the like; what isn't stated stays as it is. Throws Failure for one that there is not,
-// or a value that is not accepted.
+// Takes "cpu.begins-at=90%" and the like; what isn't stated stays as it is, unless that is above what bounds it and the
+// daemon has a value for that: where an overload begins below its old end, it ends where it begins. Throws Failure for
+// one that there is not, or a value that is not accepted.
 void Change(std::vector<Setting> &settings, std::span<const std::string> words);
 
 // The same for words whose names no daemon has, before one is asked.

@@ -197,7 +197,7 @@ std::string CommandOf(std::vector<std::string> &arguments) {
 
 } // namespace
 
-std::string TakeHost(std::vector<std::string> &arguments) {
+std::optional<std::string> TakeHost(std::vector<std::string> &arguments) {
     constexpr std::string_view kShort = "-H", kLong = "--host", kLongWithValue = "--host=";
     for (auto at = arguments.begin(); at != arguments.end() && at->starts_with('-'); at = Next(arguments, at)) {
         const bool isNext = (*at == kShort || *at == kLong) && arguments.end() - at > 1;
@@ -205,11 +205,14 @@ std::string TakeHost(std::vector<std::string> &arguments) {
         if (isNext || isIn) {
             const size_t sign = at->starts_with(kLong) ? kLongWithValue.size() : kShort.size();
             const std::string host = isNext ? *(at + 1) : at->substr(sign);
+            if (host.empty()) {
+                throw Failure(kUsage, "--host: found nothing, expected a machine");
+            }
             arguments.erase(at, at + (isNext ? 2 : 1));
             return host;
         }
     }
-    return "";
+    return std::nullopt;
 }
 
 int RunAt(const std::string &host, std::vector<std::string> arguments) {

@@ -1,6 +1,7 @@
 // tarnctl on another machine, by ssh.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,7 @@ namespace ctl {
 // comes here. The program is $TARN_SSH, or ssh; a host may have ":PORT" behind it.
 int RunAt(const std::string &host, std::vector<std::string> arguments);
 
-// Takes "-H HOST" out of the arguments, where it stands before the command; empty where it doesn't.
-std::string TakeHost(std::vector<std::string> &arguments);
+// Takes "-H HOST" out of the arguments, where it stands before the command. Throws Failure for one without a name.
+std::optional<std::string> TakeHost(std::vector<std::string> &arguments);
 
 } // namespace ctl

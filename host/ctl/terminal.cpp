@@ -7,6 +7,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cwchar>
+#include <iostream>
+
+#include "host/osal/text.h"
 
 namespace ctl {
 
@@ -33,7 +36,11 @@ std::string Variable(const char *name, const char *ifNone) {
     return value == nullptr ? ifNone : value;
 }
 
-bool IsInPath(const std::string &program) {
+// A program by its path, or one that is found.
+bool IsThere(const std::string &program) {
+    if (program.find('/') != program.npos) {
+        return access(program.c_str(), X_OK) == 0;
+    }
     const std::string path = Variable("PATH", "/usr/bin:/bin");
     for (size_t at = 0; at <= path.size();) {
         const size_t end = std::min(path.find(':', at), path.size());
@@ -45,10 +52,19 @@ bool IsInPath(const std::string &program) {
     return false;
 }
 
-// Empty for none.
+// Empty for none. What is longer than a program and its options is the shell's to find.
 std::string PagerCommand() {
-    const std::string command = Variable("TARN_PAGER", Variable("PAGER", IsInPath("less") ? "less" : "").c_str());
-    return command == "cat" ? "" : command;
+    const std::string command = Variable("TARN_PAGER", Variable("PAGER", IsThere("less") ? "less" : "").c_str());
+    const std::string program = command.substr(0, command.find(' '));
+    const bool isPlain = program.find_first_of("=$`\"'\\;&|<>(){}~") == program.npos;
+    if (command.empty() || command == "cat") {
+        return "";
+    }
+    if (isPlain && !IsThere(program)) {
+        std::cerr << "tarnctl: " << host::LineOfText(program) << ": no such pager; TARN_PAGER or PAGER names one\n";
+        return "";
+    }
+    return command;
 }
 
 std::string Coloured(const Style &style, const char *code, const std::string &text) {

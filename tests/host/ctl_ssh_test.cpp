@@ -134,6 +134,9 @@ TEST_F(AtHost, NoConnectionIsAConnectionError) {
 // Where there is no other machine to be asked.
 TEST_F(Tasks, AHostStandsBeforeTheCommand) {
     ExpectFailure(2, "ps -H somewhere", "--host: expected before the command");
+    ExpectFailure(2, "list --host somewhere", "--host: expected before the command");
+    EXPECT_EQ(out_, "") << "nothing is done here";
+    ExpectFailure(2, "-H '' list", "--host: found nothing, expected a machine");
     setenv("TARN_SSH", "/bin/echo", 1);
     for (const char *option : {"-H somewhere", "-Hsomewhere", "--host somewhere", "--host=somewhere"}) {
         EXPECT_EQ(Out(option + std::string(" ps 1")),

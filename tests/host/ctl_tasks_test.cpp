@@ -86,6 +86,7 @@ TEST_F(Tasks, TopTellsProgramsAnObjectForEachView) {
     EXPECT_GE((*daemon)["highest_permille"], (*daemon)["cpu_permille"]);
     EXPECT_GE(views[1]["cpus"].size(), 2u) << "all together, and each";
     EXPECT_GT(views[1]["memory"]["available_bytes"], 0);
+    EXPECT_THAT(Out("ps no-such-process --watch | head -n 1"), StartsWith("no such process\n"));
     const Json threads = Objects(fmt::format("top {} --json", worker->Pid())).at(0)["threads"];
     ASSERT_EQ(threads.size(), 1u);
     EXPECT_EQ(threads[0]["thread"], worker->Pid());
@@ -129,7 +130,14 @@ TEST_F(Tasks, CrashesAreListedAndShown) {
     EXPECT_THAT(Out("crashes list tasked --last 1h"), HasSubstr(pid));
     EXPECT_THAT(Out("crashes show 1"), HasSubstr("\n  #0 "));
     EXPECT_EQ(Out("crashes another"), "no crashes\n");
-    ExpectFailure(2, "crashes show 2", "2: no such crash, expected 1 to 1");
+    // One keeps its number where others are left out.
+    agent_ = Start({TARN_AGENT, "--name", "second", "--run-dir", dir_.Path()});
+    ASSERT_TRUE(Eventually([&] { return Run("exec second help") == 0; })) << error_;
+    EXPECT_NE(Run("exec second crash segv"), 0);
+    EXPECT_EQ(agent_->Wait(), -1);
+    EXPECT_EQ(Objects("crashes tasked --json").at(0)["number"], 2);
+    EXPECT_THAT(Out("crashes show 2"), HasSubstr("agent tasked"));
+    ExpectFailure(2, "crashes show 3", "3: no such crash, expected 1 to 2");
     ExpectFailure(2, "crashes show", "expected list, show N or PROCESS");
 }
 
@@ -155,6 +163,8 @@ TEST_F(Tasks, SettingsAreToldWithTheirSourceAndSet) {
     EXPECT_EQ(setting("cpu.begins-at")["value"], 900);
     EXPECT_EQ(setting("cpu.begins-at")["source"], "a client");
     EXPECT_EQ(setting("cpu.ends-below")["value"], 800);
+    EXPECT_EQ(Out("settings set cpu.begins-at=70%"), "") << "below where it ended, which isn't stated";
+    EXPECT_EQ(setting("cpu.ends-below")["value"], 700);
     EXPECT_EQ(setting("health.load.limit")["value"], 3000);
     EXPECT_EQ(setting("health.load.limit")["source"], "a client");
     EXPECT_EQ(setting("health.disk.limit")["source"], "the default");
@@ -204,7 +214,7 @@ TEST_F(Tasks, EachSettingIsToldAndSet) {
 TEST_F(Tasks, HealthOverloadsAndLeaksTellWhatThereIs) {
     EXPECT_THAT(Out("health"), HasSubstr(" is the worst level\nlevel "));
     EXPECT_THAT(Objects("health --json"), testing::SizeIs(testing::Gt(3u)));
-    EXPECT_EQ(Out("leaks --least 4000000"), "no process grows without giving back\n");
+    EXPECT_EQ(Out("leaks --least 4000000"), "no process has grown for 5 minutes without giving back\n");
     EXPECT_EQ(Out("leaks --least 4000000 --json"), "");
     EXPECT_EQ(Run("overloads"), 0) << error_;
 }
@@ -261,8 +271,11 @@ TEST_F(Tasks, WatchTellsAndRunsACommand) {
                     "--exec 'echo it is $TARN_WATCH_PROCESS'"),
                 HasSubstr("begins  " + pid + " sh: CPU "));
     EXPECT_THAT(out_, HasSubstr("it is " + pid + "\n"));
+    ExpectFailure(2, "watch --cpu 90", "--cpu: found 90, expected a share, such as 90%");
+    EXPECT_EQ(Run("watch --process " + pid + " --mem 1 --exec 'exit 7' -n 1"), 0);
+    EXPECT_THAT(error_, HasSubstr("exit 7: ended with status 7\n"));
     ExpectFailure(2, "watch --process 1", "found neither --cpu nor --mem");
-    ExpectFailure(2, "watch --cpu much", "--cpu: found much, expected a share, such as 90% or 900");
+    ExpectFailure(2, "watch --cpu much", "--cpu: found much, expected a share, such as 90%");
 }
 
 TEST_F(Tasks, WatchTellsThatAProcessHasEnded) {
@@ -340,6 +353,7 @@ TEST_F(Tasks, EachHasHelpWithExamples) {
     ExpectFailure(2, "help stacks", "stacks: no such command; did you mean stack, stats?");
     ExpectFailure(2, "colect", "colect: no such command; did you mean collect?");
     EXPECT_THAT(Out("--version"), HasSubstr("\ntarnd 0."));
+    EXPECT_EQ(Out("help"), Out("--help"));
 }
 
 // ---- On a terminal ----
@@ -371,6 +385,26 @@ TEST_F(OnScreen, APagerGetsWholeLines) {
     OnTerminal health = Show("TARN_PAGER='sed s/^/paged:/'", "health");
     EXPECT_EQ(health.Wait(), 0);
     EXPECT_THAT(health.Output(), StartsWith("paged:")) << "also what stands above the table";
+}
+
+TEST_F(OnScreen, WithoutItsPagerAllIsShown) {
+    OnTerminal ps = Show("TARN_PAGER=no-such-pager", "ps", 80);
+    EXPECT_EQ(ps.Wait(), 0);
+    EXPECT_THAT(ps.Output(), HasSubstr("tarnctl: no-such-pager: no such pager; TARN_PAGER or PAGER names one"));
+    EXPECT_THAT(ps.Output(), HasSubstr("tarnd"));
+}
+
+TEST_F(OnScreen, EightyColumnsHaveTheNames) {
+    OnTerminal ps = Show("TARN_PAGER=cat", "ps tarnd", 80);
+    EXPECT_EQ(ps.Wait(), 0);
+    EXPECT_THAT(ps.Output(), ContainsRegex("name .*\r\n.* tarnd "));
+    OnTerminal top = Show("", "top", 80);
+    ASSERT_TRUE(top.Shows("busiest threads")) << top.Output();
+    top.Press("j");
+    EXPECT_TRUE(top.Shows(" <  ")) << top.Output();
+    EXPECT_THAT(top.Output(), Not(ContainsRegex("(waiting for I/O|available|I/O) [^\r\n]*…")));
+    top.Press("q");
+    EXPECT_EQ(top.Wait(), 0);
 }
 
 // The application's command ends when the application does.

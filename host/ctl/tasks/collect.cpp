@@ -93,7 +93,7 @@ public:
 private:
     template <class Collect>
     void Try(const char *what, Collect collect) {
-        progress_.Set(++done_, what);
+        progress_.Set(done_++, what);
         RequireNoInterrupt();
         try {
             collect();

@@ -27,7 +27,8 @@ struct Options {
 struct Crash {
     std::string time, name, thread, agent, what; // "signal 11 SIGSEGV, ...", or "assertion ..."
     uint64_t process = 0, tid = 0;
-    std::string text; // all of it
+    std::string text;  // all of it
+    size_t number = 0; // from the newest
 };
 
 // The text between two marks, and what is behind the second.
@@ -85,47 +86,48 @@ std::vector<Crash> Find(Server &server, const std::string &process, const std::s
     std::vector<Crash> crashes;
     AddRecords(server, "GetExceptionInfo", crashes);
     AddRecords(server, "GetAssertInfo", crashes);
+    std::ranges::stable_sort(
+        crashes, [](const Crash &left, const Crash &right) { return TimeOf(left.time) > TimeOf(right.time); });
+    for (size_t i = 0; i < crashes.size(); ++i) {
+        crashes[i].number = i + 1;
+    }
     std::erase_if(crashes, [&](const Crash &crash) { return !IsMeant(crash, process); });
     if (!last.empty()) {
         const auto since = std::chrono::system_clock::now() - ParseSpan("--last", last);
         std::erase_if(crashes, [&](const Crash &crash) { return TimeOf(crash.time).value_or(since) < since; });
     }
-    std::ranges::stable_sort(
-        crashes, [](const Crash &left, const Crash &right) { return TimeOf(left.time) > TimeOf(right.time); });
     return crashes;
 }
 
-Json JsonOf(const Crash &crash, size_t number) {
-    return {{"number", number},     {"time", TimeJson(crash.time)}, {"process", crash.process},
-            {"name", crash.name},   {"thread", crash.tid},          {"thread_name", crash.thread},
-            {"agent", crash.agent}, {"what", crash.what},           {"text", crash.text}};
+Json JsonOf(const Crash &crash) {
+    return {{"number", crash.number}, {"time", TimeJson(crash.time)}, {"process", crash.process},
+            {"name", crash.name},     {"thread", crash.tid},          {"thread_name", crash.thread},
+            {"agent", crash.agent},   {"what", crash.what},           {"text", crash.text}};
 }
 
 void List(const std::vector<Crash> &crashes, const Options &options) {
     Listing listing(options.list, {"number", "time", "process", "name", "thread", "thread-name", "agent", "what"},
                     {"number", "time", "process", "name", "what"});
-    for (size_t i = 0; i < crashes.size(); ++i) {
-        const Crash &crash = crashes[i];
-        listing.Add({std::to_string(i + 1), crash.time, std::to_string(crash.process), crash.name,
+    for (const Crash &crash : crashes) {
+        listing.Add({std::to_string(crash.number), crash.time, std::to_string(crash.process), crash.name,
                      std::to_string(crash.tid), crash.thread, crash.agent, crash.what},
-                    JsonOf(crash, i + 1));
+                    JsonOf(crash));
     }
     listing.Show("no crashes");
 }
 
 void ShowOne(const std::vector<Crash> &crashes, const std::string &number, bool json) {
-    const auto at = static_cast<size_t>(NumberOf(number));
-    if (at == 0 || at > crashes.size()) {
+    const auto found = std::ranges::find(crashes, NumberOf(number), &Crash::number);
+    if (found == crashes.end()) {
         throw Failure(kUsage, crashes.empty()
                                   ? fmt::format("{}: no crashes", number)
-                                  : fmt::format("{}: no such crash, expected 1 to {}", number, crashes.size()));
+                                  : fmt::format("{}: no such crash, expected 1 to {}", number, crashes.back().number));
     }
-    const Crash &crash = crashes[at - 1];
     if (json) {
-        std::cout << JsonOf(crash, at).dump() << "\n";
+        std::cout << JsonOf(*found).dump() << "\n";
     } else {
         const Output output;
-        std::cout << crash.text;
+        std::cout << found->text;
     }
 }
 

@@ -116,7 +116,8 @@ void AddEvents(const Command &program, const Globals &globals) {
     task.Option("--kind", options->wanted.kinds, "KIND ...",
                 "Of these kinds only: \"crash\", \"assertion\", \"cpu-overload-begins\", \"cpu-overload-ends\", "
                 "\"memory-overload-begins\", \"memory-overload-ends\", \"dead-loop\", \"starvation\", "
-                "\"leak-suspect\", \"memory-damage\", \"integrity\", \"agent-comes\", \"agent-goes\", \"setting\"");
+                "\"leak-suspect\", \"memory-damage\", \"integrity\", \"agent-comes\", \"agent-goes\", \"setting\"")
+        .SplitAt(',');
     task.Option("--since", options->since, "TIME", "Those of the last so much time, as 1h, or since a time");
     const Parameter from = task.Option("--from", options->wanted.from, "N", "From the event of this number on");
     task.Option("--last", options->wanted.last, "N", "Of the last so many").Excludes(from);

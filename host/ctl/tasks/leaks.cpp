@@ -91,7 +91,7 @@ void Leaks(const Globals &globals, const Options &options) {
     for (const LeakRow &suspect : Suspects(server, options)) {
         Add(listing, suspect);
     }
-    listing.Show("no process grows without giving back");
+    listing.Show("no process has grown for 5 minutes without giving back");
 }
 
 } // namespace

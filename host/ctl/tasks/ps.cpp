@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "host/ctl/listing.h"
+#include "host/ctl/process.h"
 #include "host/ctl/screen.h"
 #include "host/ctl/server.h"
 #include "host/ctl/tasks/tasks.h"
@@ -25,17 +26,20 @@ struct Options {
 };
 
 constexpr char kMethod[] = "SysCpuStatInfoQuery";
-const std::vector<std::string> kShown{"process",     "user",    "cpu",   "resident", "user-time",
-                                      "system-time", "threads", "state", "name"};
+// A narrow terminal cuts what is looked at least.
+const std::vector<std::string> kShown{"process", "user",  "cpu",       "resident",   "name",
+                                      "threads", "state", "user-time", "system-time"};
+constexpr char kNone[] = "no such process";
 
 // Of all that the daemon tells.
 Elements Chosen(const Reply &told, const Options &options) {
     Elements processes = told.In("processes");
     Json chosen = Json::array();
+    const std::string pattern = KernelName(options.pattern);
     for (const Json &process : processes.wire) {
         const bool named = options.pattern.empty() ||
                            options.pattern == std::to_string(processes.Number(process, "process")) ||
-                           fnmatch(options.pattern.c_str(), processes.Text(process, "name").c_str(), 0) == 0;
+                           fnmatch(pattern.c_str(), processes.Text(process, "name").c_str(), 0) == 0;
         if (named && (options.user.empty() || options.user == processes.Text(process, "user"))) {
             chosen.push_back(process);
         }
@@ -63,7 +67,7 @@ void Watch(Server &server, const Options &options) {
     const auto frame = [&](size_t) {
         std::ostringstream out;
         const Reply told = server.Ask(kMethod);
-        ListingOf(told, options).Print(out, {});
+        ListingOf(told, options).Print(out, {}, kNone);
         if (!told.explanation.empty() && !options.list.json) {
             out << host::LineOfText(told.explanation) << "\n";
         }
@@ -82,7 +86,7 @@ void Ps(const Globals &globals, const Options &options) {
         Watch(server, options);
     } else {
         const Reply told = server.Ask(kMethod);
-        ListingOf(told, options).Show("no such process");
+        ListingOf(told, options).Show(kNone);
         if (!told.explanation.empty()) {
             std::cerr << "tarnctl: " << host::LineOfText(told.explanation) << "\n";
         }

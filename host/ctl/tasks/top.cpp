@@ -70,10 +70,10 @@ void View::PrintSystem(std::ostream &out, const std::string &ofProcesses) {
     const Elements cpus = server_.Ask("MultiCpuUsageQuery").In("cpus");
     const Reply memory = server_.Ask("GetKpiMemoryInfo");
     const Json &all = cpus.wire.at(0);
-    out << fmt::format("CPU busy {} (user {}, system {}, waiting {}), memory in use {}, available {}\n",
-                       cpus.Text(all, "busy"), cpus.Text(all, "user"), cpus.Text(all, "system"),
-                       cpus.Text(all, "waiting"), memory.Text("now"), memory.Text("available"));
-    out << fmt::format("some task waited in the last 10 s: for a CPU {}, for memory {}, for I/O {}\n",
+    out << fmt::format("CPU busy {}: user {}, system {}, waiting for I/O {}\n", cpus.Text(all, "busy"),
+                       cpus.Text(all, "user"), cpus.Text(all, "system"), cpus.Text(all, "waiting"));
+    out << fmt::format("memory in use {}, available {}\n", memory.Text("now"), memory.Text("available"));
+    out << fmt::format("some task waited, last 10 s: for a CPU {}, memory {}, I/O {}\n",
                        Pressure(server_, "cpu-pressure"), Pressure(server_, "memory-pressure"),
                        Pressure(server_, "io-pressure"));
     for (size_t i = 1; i < cpus.wire.size(); ++i) {
@@ -94,18 +94,19 @@ void View::PrintProcesses(std::ostream &out, Elements processes, size_t rows) {
         shown_.push_back(processes.Number(process, "process"));
     }
     chosen_ = chosen_ == SIZE_MAX || shown_.empty() ? SIZE_MAX : std::min(chosen_, shown_.size() - 1);
+    // A narrow terminal cuts what is looked at least.
     Table table(
-        {"PROCESS", "CPU", "NAME", "HIGHEST", "USER TIME", "SYSTEM TIME", "RESIDENT", "THREADS", "STATE", "USER"});
+        {"PROCESS", "CPU", "NAME", "RESIDENT", "USER", "THREADS", "STATE", "HIGHEST", "USER TIME", "SYSTEM TIME"});
     for (size_t i = 0; i < processes.wire.size(); ++i) {
         std::vector<std::string> row;
         for (const char *member : {"process", "cpu", "name"}) {
             row.push_back(processes.Text(processes.wire[i], member));
         }
-        for (const char *member : {"highest", "user-time", "system-time", "resident", "threads", "state", "user"}) {
-            row.push_back(shown_[i] == 0 ? "-" : processes.Text(processes.wire[i], member)); // else it is nobody's
-        }
         if (i == chosen_) {
             row.back() += " <";
+        }
+        for (const char *member : {"resident", "user", "threads", "state", "highest", "user-time", "system-time"}) {
+            row.push_back(shown_[i] == 0 ? "-" : processes.Text(processes.wire[i], member)); // else it is nobody's
         }
         table.Add(row);
     }
@@ -155,7 +156,7 @@ void View::PrintThreads(std::ostream &out, size_t rows) {
 }
 
 std::string View::Frame(size_t lines) {
-    constexpr size_t kOtherLines = 9; // of the system, heads and empty ones
+    constexpr size_t kOtherLines = 10; // of the system, heads and empty ones
     const size_t rows = lines > kOtherLines ? lines - kOtherLines : 2;
     std::ostringstream out;
     if (threadsOf_ != 0) {

@@ -38,6 +38,11 @@ struct Subject {
 };
 
 uint64_t Parse(const char *option, const std::string &text, host::meaning::Kind kind) {
+    // A bare number would be of thousandths, which nobody means who writes 90.
+    if (kind == host::meaning::Kind::kPermille && !text.ends_with('%')) {
+        throw Failure(kUsage, fmt::format("{}: found {}, expected a share, such as 90%", option,
+                                          text.empty() ? "nothing" : text));
+    }
     host::meaning::Value value;
     value.kind = kind;
     try {
@@ -79,7 +84,8 @@ std::vector<Subject> SubjectsOf(Server &server, const std::string &process) {
         if (pid == 0) {
             continue;
         }
-        if (process == std::to_string(pid) || fnmatch(process.c_str(), name.c_str(), 0) == 0 || isAgent(pid)) {
+        if (process == std::to_string(pid) || fnmatch(KernelName(process).c_str(), name.c_str(), 0) == 0 ||
+            isAgent(pid)) {
             subjects.push_back({pid, name, processes.Number(one, "cpu"), processes.Number(one, "resident")});
         }
     }
@@ -117,8 +123,11 @@ void Run(const Subject &subject, const std::string &command) {
     setenv("TARN_WATCH_PROCESS", std::to_string(subject.process).c_str(), 1);
     setenv("TARN_WATCH_NAME", subject.name.c_str(), 1);
     setenv("TARN_WATCH_CPU", PermilleText(subject.cpuPermille).c_str(), 1);
-    if (const int status = std::system(command.c_str()); status != 0) {
-        std::cerr << "tarnctl: " << command << ": ended with status " << status << "\n";
+    const int status = std::system(command.c_str());
+    if (WIFSIGNALED(status)) {
+        std::cerr << fmt::format("tarnctl: {}: ended by signal {}\n", command, WTERMSIG(status));
+    } else if (status != 0) {
+        std::cerr << fmt::format("tarnctl: {}: ended with status {}\n", command, WEXITSTATUS(status));
     }
 }
 
