@@ -67,6 +67,7 @@ std::vector<std::string> ProgramOf(const std::string &tarnctl, const std::string
 
 Device::Device(const std::string &runDir, const std::string &tarnctl)
     : client_({.runDir = runDir}), live([this](const std::string &name) { return TopicOf(client_, name); }),
-      tasks(ProgramOf(tarnctl, runDir)), events(tasks.WordsOf({"events", "--last", "1000", "--follow", "--json"})) {}
+      tasks(ProgramOf(tarnctl, runDir)),
+      events(tasks.WordsOf({"events", "--last", "1000", "--follow", "--json"}), [this] { tasks.Forget(); }) {}
 
 } // namespace web

@@ -36,7 +36,8 @@ Events::Place Events::Place::Of(const std::string &text) {
     return {NumberOf(text), NumberOf(std::string_view(text).substr(std::min(dot + 1, text.size())))};
 }
 
-Events::Events(std::vector<std::string> program) : program_(std::move(program)), now_{FirstRun(), 0} {}
+Events::Events(std::vector<std::string> program, std::function<void()> onNews)
+    : program_(std::move(program)), onNews_(std::move(onNews)), now_{FirstRun(), 0} {}
 
 Events::~Events() {
     {
@@ -89,6 +90,9 @@ void Events::Follow() {
 }
 
 void Events::Take(std::string_view piece, std::string &line) {
+    if (onNews_) {
+        onNews_();
+    }
     const host::MutexLock lock(mutex_);
     line += piece;
     size_t at = 0;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,8 +15,8 @@ namespace web {
 class Events {
 public:
     // The program that prints the last events and those that come, a JSON object a line. It runs from the first viewer
-    // on, and again when it has ended.
-    explicit Events(std::vector<std::string> program);
+    // on, and again when it has ended. Before viewers get to know of something, `onNews` is called.
+    explicit Events(std::vector<std::string> program, std::function<void()> onNews = {});
     Events(const Events &) = delete;
     Events &operator=(const Events &) = delete;
     ~Events();
@@ -45,6 +46,7 @@ private:
     bool IsStopping() TARN_EXCLUDES(mutex_);
 
     const std::vector<std::string> program_;
+    const std::function<void()> onNews_;
     host::Mutex mutex_;
     host::Condition changed_;
     Place now_ TARN_GUARDED_BY(mutex_); // behind the newest

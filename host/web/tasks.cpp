@@ -81,8 +81,14 @@ Tasks::Ended Tasks::Run(const std::vector<std::string> &words) {
     return ended;
 }
 
+void Tasks::Forget() {
+    const host::MutexLock lock(mutex_);
+    questions_.clear();
+}
+
 Json Tasks::Do(const std::vector<std::string> &words) {
     const Ended ended = Run(words);
+    Forget();
     return ended.code != 0 ? ended.Error() : Json{{"said", ended.text}, {"note", ended.said}};
 }
 
@@ -105,8 +111,9 @@ Json Tasks::Ask(const std::vector<std::string> &words) {
     Json answer = ended.code != 0 ? ended.Error() : Json{{"rows", RowsOf(ended.text)}, {"note", ended.said}};
     const host::MutexLock lock(mutex_);
     question->answer = answer;
-    if (ended.code != 0) { // what failed may go well the next time
-        questions_.erase(words);
+    const auto kept = questions_.find(words);
+    if (ended.code != 0 && kept != questions_.end() && kept->second == question) {
+        questions_.erase(kept); // what failed may go well the next time
     }
     changed_.NotifyAll();
     return answer;

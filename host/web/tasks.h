@@ -20,10 +20,13 @@ public:
     explicit Tasks(std::vector<std::string> program) : program_(std::move(program)) {}
 
     // {"rows": [...], "note": "what was said besides"}, or {"error": "...", "code": 3}. Who asks the same within a
-    // second gets the same answer.
+    // second gets the same answer, unless something has happened since.
     host::describe::Json Ask(const std::vector<std::string> &words);
 
-    // Each time anew: {"said": "what it printed", "note": "..."}, or as above.
+    // Something has happened: what was asked before may be otherwise now.
+    void Forget();
+
+    // Each time anew, and something has happened then: {"said": "what it printed", "note": "..."}, or as above.
     host::describe::Json Do(const std::vector<std::string> &words);
 
     // What it prints, as it prints it.

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "host/web/events.h"
+#include "host/web/tasks.h"
 
 namespace {
 
@@ -13,6 +14,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using web::Events;
 using web::Live;
+using web::Tasks;
 
 // Topics that answer with how often they have been asked.
 class WebLiveTest : public testing::Test {
@@ -85,6 +87,27 @@ TEST_F(WebLiveTest, RefusesWhatThereIsNot) {
     EXPECT_THROW(Live::View(live_, {"cpu", "nothing"}), std::invalid_argument);
     Live::View view(live_, {"cpu"}); // and the one before has left nothing behind
     EXPECT_FALSE(view.Next(seconds(60)).empty());
+}
+
+// A program that says something else each time.
+TEST(WebTasksTest, AnAnswerHoldsUntilSomethingHappens) {
+    Tasks tasks({"/bin/sh", "-c", R"(echo "\"$(cat /proc/sys/kernel/random/uuid)\"")"});
+    Json before = tasks.Ask({"crashes"});
+    ASSERT_EQ(before["rows"].size(), 1u) << before;
+    tasks.Forget();
+    Json after = tasks.Ask({"crashes"});
+    EXPECT_NE(before, after);
+    before = after;
+    tasks.Do({"settings"});
+    EXPECT_NE(before, tasks.Ask({"crashes"}));
+}
+
+TEST(WebEventsTest, TellsOfNewsBeforeViewersGetThem) {
+    std::atomic<int> told = 0;
+    Events events({"/bin/sh", "-c", "echo one; sleep 600"}, [&] { ++told; });
+    while (events.Next({}, "", seconds(60)).events.empty()) {
+    }
+    EXPECT_GE(told, 1);
 }
 
 TEST(WebEventsTest, PlacesTravelAsText) {
