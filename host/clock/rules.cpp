@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
+#include <fstream>
 #include <regex>
 #include <string_view>
 #include <utility>
@@ -175,6 +177,22 @@ std::optional<int32_t> TakeOffset(std::string_view &text) {
 }
 
 } // namespace
+
+std::string SystemsPosixText(const std::filesystem::path &localtime, const std::filesystem::path &zones) {
+    const char *const variable = getenv("TZ");
+    const std::string name = variable == nullptr ? "" : variable + (*variable == ':' ? 1 : 0);
+    const std::filesystem::path file = variable == nullptr ? localtime : zones / name; // an absolute one is itself
+    std::ifstream in(file, std::ios::binary);
+    if (!in || !std::filesystem::is_regular_file(file)) {
+        return variable == nullptr || name.empty() ? "UTC0" : name; // as the C library takes it
+    }
+    const std::string content(std::istreambuf_iterator<char>(in), {});
+    if (!content.starts_with("TZif") || !content.ends_with('\n')) {
+        return "";
+    }
+    const size_t before = content.rfind('\n', content.size() - 2); // behind it the rule of what comes
+    return content.substr(before + 1, content.size() - before - 2);
+}
 
 std::vector<int32_t> OffsetsOf(std::string_view posixText) {
     if (!TakeZoneName(posixText)) {

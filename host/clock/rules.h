@@ -6,6 +6,7 @@
 //   2026-03-29/02:00:00  that day only; 2026-M3.5.0/02:00:00 the same
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,6 +69,11 @@ std::string TextOf(const std::optional<DstRule> &rule);
 // A zone with a rule as POSIX has them for TZ: "<CET>-1<CEST>,M3.5.0,M10.5.0/3". A rule for one year is said as if it
 // held for each, until it is over.
 std::string PosixText(const Zone &zone, const std::optional<DstRule> &rule, GmtTime now);
+
+// The zone of this process in the same way: what $TZ says, else the system's; a name is looked for among the zones.
+// Empty where it can't be told, and for none UTC. Of what held in years gone by only the present rule is told.
+std::string SystemsPosixText(const std::filesystem::path &localtime = "/etc/localtime",
+                             const std::filesystem::path &zones = "/usr/share/zoneinfo");
 
 // The offsets, of standard time and of daylight saving, that such a text has; none where it is not one. In minutes.
 std::vector<int32_t> OffsetsOf(std::string_view posixText);

@@ -63,7 +63,6 @@ template Parameter Command::Option(const char *, uint64_t &, const char *, const
 template Parameter Command::Option(const char *, std::optional<uint32_t> &, const char *, const std::string &) const;
 template Parameter Command::Option(const char *, std::optional<uint64_t> &, const char *, const std::string &) const;
 template Parameter Command::Option(const char *, std::vector<std::string> &, const char *, const std::string &) const;
-template Parameter Command::Option(const char *, std::vector<uint32_t> &, const char *, const std::string &) const;
 
 Parameter Command::Flag(const char *name, bool &value, const std::string &help) const {
     return Parameter(app_->add_flag(name, value, help));

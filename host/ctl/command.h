@@ -41,7 +41,7 @@ public:
     Command Add(const char *name, const char *sentence, std::initializer_list<const char *> examples = {}) const;
     void Hide() const; // from help and completion
 
-    // The values are of text, a number, an optional number, or several of text or numbers; in help, an option's is
+    // The values are of text, a number, an optional number, or several texts; in help, an option's is
     // called `valueName`.
     template <class Value>
     Parameter Operand(const char *name, Value &value, const std::string &help) const;

@@ -222,7 +222,7 @@ void AddGlobal(CLI::App &app, Arguments &arguments) {
         ->option_text("HOST");
     app.add_option("--run-dir", arguments.globals.runDir,
                    "Directory of the services' sockets; default $TARN_RUN_DIR, or /run/tarn")
-        ->type_name("DIR")
+        ->option_text("DIR")
         ->check([](const std::string &text) { return text.empty() ? "found nothing, expected a directory" : ""; });
     app.add_option("--fleet", arguments.globals.fleet,
                    "Server of the fleet: tls://HOST:PORT, or nats:// on this machine; default the context in use")

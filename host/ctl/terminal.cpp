@@ -147,7 +147,8 @@ void Output::StartPager(const std::string &command) {
     }
     close(ends[0]);
     if (pager_ > 0) {
-        std::signal(SIGINT, SIG_IGN); // is the pager's key from now on
+        std::signal(SIGINT, SIG_IGN);  // is the pager's key from now on
+        std::signal(SIGPIPE, SIG_IGN); // who has seen enough leaves
         dup2(ends[1], STDOUT_FILENO);
         style_.whole = true;
     }
@@ -157,6 +158,7 @@ void Output::StartPager(const std::string &command) {
 Output::~Output() {
     std::cout.flush();
     if (pager_ > 0) {
+        std::cout.clear();                  // of that the reader has left
         dup2(STDERR_FILENO, STDOUT_FILENO); // the pager has met the end
         waitpid(pager_, nullptr, 0);
     }

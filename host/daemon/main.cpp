@@ -178,7 +178,10 @@ void Serve(const Arguments &arguments, host::ServerOptions serverOptions) {
     serverOptions.onSetting = [&](const host::Peer &peer, const host::meaning::Method &method, const void *request) {
         daemon.history.Add(tarnd::SettingEvent(proc, peer, method, request));
     };
-    serverOptions.timezone = [&daemon] { return daemon.clock.PosixZone(); };
+    serverOptions.timezone = [&daemon] {
+        const std::string zone = daemon.clock.PosixZone();
+        return zone.empty() ? host::SystemsPosixText() : zone; // who asks may be in another
+    };
     host::Server server(std::move(serverOptions));
     server.AddService(__module_spec_TarnSysdiagTarnd);
     server.AddService(__module_spec_TarnSysdiagTarndAgent);

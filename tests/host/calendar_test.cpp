@@ -2,6 +2,7 @@
 #include <ctime>
 
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <system_error>
@@ -12,6 +13,7 @@
 #include "host/answer/answer.h"
 #include "host/clock/daily.h"
 #include "host/clock/rules.h"
+#include "tests/host/temp_dir.h"
 
 namespace {
 
@@ -347,6 +349,26 @@ std::vector<std::string> Taken(const host::WallClock &clock, sys_seconds from, s
         }
     }
     return taken;
+}
+
+// The rule of a zone's file stands behind all that it has of years gone by.
+TEST(SystemsPosixText, IsTheFilesRuleOrWhatTheVariableSays) {
+    const kit::TempDir dir;
+    const auto textBy = [&](const char *variable) {
+        const PosixZone zone(variable);
+        return host::SystemsPosixText(dir.Path() / "localtime", dir.Path());
+    };
+    unsetenv("TZ");
+    EXPECT_EQ(host::SystemsPosixText(dir.Path() / "localtime", dir.Path()), "UTC0") << "no file";
+    std::ofstream(dir.Path() / "localtime") << "TZif2 and what was\nCET-1CEST,M3.5.0,M10.5.0/3\n";
+    std::ofstream(dir.Path() / "Here") << "TZif2 and what was\n<+0545>-5:45\n";
+    std::ofstream(dir.Path() / "Damaged") << "TZif2 and what";
+    EXPECT_EQ(host::SystemsPosixText(dir.Path() / "localtime", dir.Path()), "CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(textBy("Here"), "<+0545>-5:45");
+    EXPECT_EQ(textBy(":Here"), "<+0545>-5:45");
+    EXPECT_EQ(textBy("Damaged"), "");
+    EXPECT_EQ(textBy("<+05>-5"), "<+05>-5");
+    EXPECT_EQ(textBy(""), "UTC0");
 }
 
 TEST(Daily, ComesOnceADayAlsoWhenClocksGoForwardOrBack) {

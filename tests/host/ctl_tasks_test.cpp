@@ -6,6 +6,7 @@ TARN_UNIT()
 #include "tarn_sysdiag/types/common.h"
 
 #include "host/daemon/history/event.h"
+#include "host/describe/moment.h"
 #include "tests/host/on_terminal.h"
 #include "tests/host/tasks_kit.h"
 
@@ -58,6 +59,9 @@ TEST_F(Tasks, StackShowsOnceAndOnAverage) {
     EXPECT_GT(Objects("stack tasked --all --json").size(), 1u);
     EXPECT_EQ(Objects("stack tasked --json")[0]["thread"], agent_->Pid());
     EXPECT_THAT(Out("stack tasked --samples 3 --every 1ms"), StartsWith("100.0 %  "));
+    const Process brief(dir_.Path(), {"/bin/sleep", "0.3"});
+    EXPECT_THAT(Out(fmt::format("stack {} --samples 1000 --every 1ms", brief.Pid())), StartsWith("100.0 %  "));
+    EXPECT_THAT(error_, HasSubstr("; what was seen until then:\n"));
     const std::string folded = Out("stack tasked --samples 3 --every 1ms --folded");
     EXPECT_THAT(folded, HasSubstr(";"));
     EXPECT_THAT(folded, Not(HasSubstr("main+0x"))) << "a function is one, wherever it is";
@@ -328,6 +332,14 @@ TEST_F(Tasks, CollectPutsAllIntoOneArchive) {
 }
 
 TEST_F(Tasks, TimeIsToldAndSet) {
+    setenv("TZ", "Asia/Tokyo", 1); // of the caller; the daemon has the machine's
+    const std::string daemon = Objects("time --json").at(0)["time"];
+    unsetenv("TZ");
+    const auto now = std::chrono::system_clock::now();
+    const auto told = host::describe::ParseStatedTime(daemon, now);
+    ASSERT_TRUE(told) << daemon;
+    EXPECT_LT(now - *told, std::chrono::hours(1)) << daemon;
+    EXPECT_LT(*told - now, std::chrono::hours(1)) << daemon;
     EXPECT_EQ(Out("time zone Etc/GMT-5"), "");
     EXPECT_THAT(Out("time"), HasSubstr("+05:00\n"));
     EXPECT_EQ(Out("time set 2030-01-02T03:04:05Z"), "");
@@ -385,6 +397,12 @@ TEST_F(OnScreen, APagerGetsWholeLines) {
     OnTerminal health = Show("TARN_PAGER='sed s/^/paged:/'", "health");
     EXPECT_EQ(health.Wait(), 0);
     EXPECT_THAT(health.Output(), StartsWith("paged:")) << "also what stands above the table";
+}
+
+TEST_F(OnScreen, WhoLeavesThePagerHasSeenEnough) {
+    OnTerminal list = Show("TARN_PAGER='head -n 1'", "list", 80);
+    EXPECT_EQ(list.Wait(), 0);
+    EXPECT_THAT(list.Output(), Not(HasSubstr("cannot write")));
 }
 
 TEST_F(OnScreen, WithoutItsPagerAllIsShown) {

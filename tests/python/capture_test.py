@@ -3,6 +3,7 @@ program."""
 
 import json
 import os
+import pathlib
 import signal
 import subprocess
 
@@ -91,9 +92,10 @@ def test_calls_are_shown_with_the_names_of_their_members(served, daemon, show, t
 
 
 def test_captures_are_of_some_calls_or_of_the_last_frames(served, daemon, show, tmp_path):
-    some, last, nobodys = (tmp_path / name for name in ("some", "last", "nobodys"))
+    some, last, nobodys, ours = (tmp_path / name for name in ("some", "last", "nobodys", "ours"))
+    name = pathlib.Path("/proc/self/comm").read_text().strip()
     with (Capture(served[1], some, "--method", "GetProcStatByPid"), Capture(served[1], last, "--last", "3"),
-          Capture(served[1], nobodys, "--process", "1")):
+          Capture(served[1], nobodys, "--process", "1"), Capture(served[1], ours, "--process", name)):
         for _ in range(2):
             daemon.call("PidIsOnline", process=1)
             daemon.call("GetProcStatByPid", process=os.getpid())
@@ -101,6 +103,8 @@ def test_captures_are_of_some_calls_or_of_the_last_frames(served, daemon, show, 
     methods = [frame.get("tarn.method") for frame in show(last, "tarn.method")]
     assert methods == [None, ["GetProcStatByPid"], ["GetProcStatByPid"]], "the first is an answer"
     assert show(nobodys, "tarn.method") == []
+    assert {tuple(frame["frame.interface_name"])[0].split(",")[0] for frame in show(ours, "frame.interface_name")} == {
+        f"process {os.getpid()}"}
 
 
 def test_requests_are_sent_again(served, daemon, tmp_path):

@@ -15,6 +15,7 @@
 #include "host/ctl/capture/headers.h"
 #include "host/ctl/capture/pcapng.h"
 #include "host/ctl/outcome.h"
+#include "host/ctl/process.h"
 #include "host/runtime/status.h"
 
 namespace ctl {
@@ -40,7 +41,13 @@ bool IsOneOf(const std::vector<Value> &all, const Value &one) {
 // Which frames are asked for: an answer's method is its request's.
 class Filter {
 public:
-    explicit Filter(const CaptureOptions &options) : processes_(options.processes) {
+    explicit Filter(const CaptureOptions &options) {
+        Server server({.runDir = options.runDir});
+        for (const std::string &text : options.processes) {
+            for (const Process &process : FindProcesses(server, text)) {
+                processes_.push_back(process.pid);
+            }
+        }
         for (const std::string &method : options.methods) {
             methods_.emplace_back(RequireMethod(method).name);
         }
@@ -66,7 +73,7 @@ public:
     }
 
 private:
-    const std::vector<uint32_t> &processes_;
+    std::vector<uint32_t> processes_;
     std::vector<std::string> methods_;
     std::set<CallKey> calls_; // that are not answered
 };

@@ -17,7 +17,7 @@ struct CaptureOptions {
     std::optional<uint32_t> pid;              // whose agent instead
     std::string output;                       // empty for standard output
     std::vector<std::string> methods;         // none: all
-    std::vector<uint32_t> processes;          // of callers; none: all
+    std::vector<std::string> processes;       // callers, as PROCESS; none: all
     uint32_t last = 0;                        // how many frames of the end are kept; 0: all
 };
 

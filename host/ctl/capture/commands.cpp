@@ -2,6 +2,7 @@
 
 #include "host/ctl/capture/capture.h"
 #include "host/ctl/commands.h"
+#include "host/ctl/process.h"
 
 namespace ctl {
 
@@ -16,8 +17,8 @@ void AddCapture(const Command &program, const std::string &runDir) {
         .Excludes(service);
     capture.Option("-o", options->output, "FILE", "File to write to, in place of standard output");
     capture.Option("--method", options->methods, "METHOD", "Calls of this method only; may be given again");
-    capture.Option("--process", options->processes, "PID", "Calls of this process only; may be given again")
-        .Range(1, INT32_MAX);
+    capture.Option("--process", options->processes, kProcess,
+                   "Calls of processes of this id, name, pattern or agent's name only; may be given again");
     capture.Option("--last", options->last, "N", "Keep this many frames, those before the end").Range(1U, 1'000'000U);
     capture.Run([options, &runDir] {
         options->runDir = runDir;

@@ -139,7 +139,7 @@ void AddSample(const std::vector<Stack> &stacks, Node &root) {
     }
 }
 
-// Ends early when it is interrupted: what was seen until then is not lost.
+// Ends early when it is interrupted, or the process has ended: what was seen until then is not lost.
 Node Sample(const Globals &globals, Server &server, uint32_t pid, const Options &options) {
     const std::chrono::milliseconds every = ParseTime("--every", options.every, TimeUnit::kMilliseconds);
     Node root;
@@ -155,6 +155,12 @@ Node Sample(const Globals &globals, Server &server, uint32_t pid, const Options 
         if (root.samples == 0) {
             throw;
         }
+    } catch (const Failure &failure) {
+        if (root.samples == 0) {
+            throw;
+        }
+        progress.Hide();
+        std::cerr << "tarnctl: " << host::LineOfText(failure.what()) << "; what was seen until then:\n";
     }
     return root;
 }
