@@ -292,10 +292,15 @@ std::string WrongOption(std::initializer_list<const CLI::App *> apps, const std:
     std::set<std::string> names;
     for (const CLI::App *app : apps) {
         for (const CLI::Option *option : app->get_options()) {
-            std::ranges::copy(ctl::Spellings(*option), std::inserter(names, names.end()));
+            const auto &own = option->get_lnames();
+            names.insert(own.begin(), own.end());
         }
     }
-    return fmt::format("{}: no such option{}", found, host::describe::DidYouMean(found, {names.begin(), names.end()}));
+    // Without what all begin with, which would make any two alike.
+    const std::string wanted = found.substr(2, found.find('=') - 2);
+    const std::vector<std::string> close = host::describe::ClosestNames(wanted, {names.begin(), names.end()});
+    return fmt::format("{}: no such option{}", found,
+                       close.empty() ? "" : fmt::format("; did you mean --{}?", fmt::join(close, ", --")));
 }
 
 int FailToParse(const CLI::App &app, const CLI::ParseError &error) {

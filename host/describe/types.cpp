@@ -272,17 +272,21 @@ char Lower(char character) {
     return static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
 }
 
-// How many characters must be inserted, removed or replaced to make one name the other, whatever their case.
+// How many characters must be inserted, removed, replaced or exchanged with their neighbour to make one name the other,
+// whatever their case.
 size_t EditDistance(std::string_view left, std::string_view right) {
-    std::vector<size_t> row(right.size() + 1);
+    std::vector<size_t> row(right.size() + 1), above(row.size()), twoAbove(row.size());
     std::iota(row.begin(), row.end(), size_t{0});
+    const auto same = [&](size_t i, size_t k) { return Lower(left[i - 1]) == Lower(right[k - 1]); };
     for (size_t i = 1; i <= left.size(); ++i) {
-        size_t diagonal = row[0];
+        twoAbove.swap(above);
+        above.swap(row);
         row[0] = i;
         for (size_t k = 1; k <= right.size(); ++k) {
-            const size_t replaced = diagonal + (Lower(left[i - 1]) == Lower(right[k - 1]) ? 0 : 1);
-            diagonal = row[k];
-            row[k] = std::min({row[k] + 1, row[k - 1] + 1, replaced});
+            row[k] = std::min({above[k] + 1, row[k - 1] + 1, above[k - 1] + (same(i, k) ? 0 : 1)});
+            if (i > 1 && k > 1 && same(i, k - 1) && same(i - 1, k)) {
+                row[k] = std::min(row[k], twoAbove[k - 2] + 1);
+            }
         }
     }
     return row.back();
@@ -298,6 +302,7 @@ bool Contains(std::string_view text, std::string_view part) {
 std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector<std::string_view> &names) {
     constexpr size_t kMost = 3;
     constexpr size_t kSpread = 2;    // a name that is much further off than the best was not meant
+    constexpr size_t kShort = 4;     // two letters are half of it
     constexpr size_t kLongest = 128; // what is longer is no misspelt name, and the distance takes quadratic time
     std::vector<std::pair<size_t, std::string_view>> close;
     if (wanted.empty() || wanted.size() > kLongest) {
@@ -305,7 +310,7 @@ std::vector<std::string> ClosestNames(std::string_view wanted, const std::vector
     }
     for (const std::string_view name : names) {
         const size_t distance = EditDistance(wanted, name);
-        if (distance <= std::max<size_t>(2, wanted.size() / 3)) {
+        if (distance <= std::max<size_t>(wanted.size() <= kShort ? 1 : 2, wanted.size() / 3)) {
             close.emplace_back(distance, name);
         } else if (wanted.size() >= 3 && Contains(name, wanted)) {
             close.emplace_back(wanted.size(), name);

@@ -363,6 +363,9 @@ TEST_F(Tasks, EachHasHelpWithExamples) {
         EXPECT_EQ(Out(std::string("help ") + task), help);
     }
     ExpectFailure(2, "help stacks", "stacks: no such command; did you mean stack, stats?");
+    ExpectFailure(2, "ps --colums pid", "--colums: no such option; did you mean --columns?");
+    ExpectFailure(2, "overloads --last 1h", "--last: no such option (tarnctl overloads --help says more)");
+    ExpectFailure(2, "leaks --last 1m", "--last: found 1m, expected 5m at least");
     ExpectFailure(2, "colect", "colect: no such command; did you mean collect?");
     EXPECT_THAT(Out("--version"), HasSubstr("\ntarnd 0."));
     EXPECT_EQ(Out("help"), Out("--help"));

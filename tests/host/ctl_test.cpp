@@ -238,7 +238,7 @@ TEST_F(Ctl, RefusesInOneLineWithoutBeingAsked) {
 
 TEST_F(Ctl, UsageErrorsSayWhatWasExpected) {
     ExpectFailure(2, "", std::string("found nothing, expected a command: ") + kCommands);
-    ExpectFailure(2, "lst", "lst: no such command; did you mean list, ps?");
+    ExpectFailure(2, "lst", "lst: no such command; did you mean list?");
     const std::string nowhere = ": no service, and in no method's name, sentence or members; ";
     ExpectFailure(2, "list TarnSysdiagMastr", "TarnSysdiagMastr" + nowhere + "did you mean TarnSysdiagMaster?");
     ExpectFailure(2, "list Nonsense", "Nonsense" + nowhere + "tarnctl list shows all");

@@ -63,7 +63,11 @@ void Exec(const Globals &globals, const Options &options) {
         std::cout << reply.Text("output") << "\n";
     }
     if (const auto result = reply["result"].get<uint32_t>(); result != 0) {
-        throw Failure(kRemote, fmt::format("{}: failed with {}", command, reply.Text("result")), result);
+        const bool hasEnded = result == ECONNRESET || result == ESRCH;
+        throw Failure(kRemote,
+                      fmt::format("{}: failed with {}{}", command, reply.Text("result"),
+                                  hasEnded ? "; the process has ended, tarnctl crashes may know why" : ""),
+                      result);
     }
 }
 

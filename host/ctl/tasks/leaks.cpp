@@ -23,13 +23,20 @@ struct Options {
     ListOptions list;
 };
 
+constexpr std::chrono::minutes kLeast{5}; // that growth has to last
+
 std::vector<LeakRow> Suspects(Server &server, const Options &options) {
     Json request{{"report", "suspects"}};
     if (!options.process.empty()) {
         request["process"] = FindProcess(server, options.process).pid;
     }
     if (!options.last.empty()) {
-        request["interval"] = fmt::format("{}s", ParseSpan("--last", options.last).count());
+        const auto last = ParseSpan("--last", options.last);
+        if (last < kLeast) {
+            throw Failure(kUsage, fmt::format("--last: found {}, expected 5m at least: growth is told after that time",
+                                              options.last));
+        }
+        request["interval"] = fmt::format("{}s", last.count());
     }
     if (!options.least.empty()) {
         request["limit"] = NumberOf(options.least);
