@@ -94,15 +94,18 @@ def wait_for(ask, what):
     return found
 
 
+# As top lists the thread once it has spun for a while: "    48   99.2 %  spinning  3 (tarn-agent)  0  1.8 s".
+SPINNING = re.compile(r"^ *(\d+) +(?:[3-9]\d|1\d\d)\.\d %  spinning ", re.MULTILINE)
+
+
 def spinning_thread():
-    """As top lists it: "    48   99.2 %  spinning  3 (tarn-agent)  0  1.8 s"."""
-    found = re.search(r"^ *(\d+) +[1-9][0-9.]* %  spinning ", tarnctl("top", "--batch").stdout, re.MULTILINE)
+    found = SPINNING.search(tarnctl("top", "--batch").stdout)
     return found and found[1]
 
 
 def top_with_spinning_thread(environment):
     lines = lines_of(on_terminal(["tarnctl", "top", "-n", "1"], environment))
-    return lines if any("  spinning  " in line for line in lines) else None
+    return lines if any(SPINNING.match(line) for line in lines) else None
 
 
 def look(directory, environment):
