@@ -308,6 +308,14 @@ TEST_F(Tasks, EventsAreChosenByKindNumberAndTime) {
     ExpectFailure(5, "events --kind nonsense", "kinds has \"nonsense\", expected of crash assertion");
 }
 
+// Also while there is nothing that it could write to the pipe.
+TEST_F(Tasks, EventsAreFollowedUntilNobodyReadsThem) {
+    EXPECT_EQ(Run("events --follow --since +1h | true"), 0);
+    daemon_->Signal(SIGTERM);
+    daemon_->Wait();
+    EXPECT_EQ(Run("events --follow | true"), 0) << "and while there is no daemon";
+}
+
 TEST_F(Tasks, EventsAreOfferedByKinds) {
     for (const tarnd::EventKindInfo &kind : tarnd::kEventKinds) {
         EXPECT_EQ(Out(fmt::format("complete -- events --kind {}", kind.name)), fmt::format("{}\n", kind.name));

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <thread>
 
+#include "host/ctl/interrupt.h"
 #include "host/ctl/journal.h"
 #include "host/ctl/tasks/tasks.h"
 #include "host/ctl/terminal.h"
@@ -55,11 +56,12 @@ public:
         }
     }
 
-    // Also of what happens, until it is ended. What is missed while there is no daemon is read from the next one.
+    // Also of what happens, until it is ended or nobody reads it any more. What is missed while there is no daemon is
+    // read from the next one.
     void Follow() {
-        constexpr std::chrono::seconds kWait{60}; // for something to happen
+        constexpr std::chrono::seconds kWait{5};  // for something to happen; then for whether somebody reads
         constexpr std::chrono::seconds kRetry{1}; // until a daemon that has gone is looked for again
-        for (bool connected = true;;) {
+        for (bool connected = true; !ReaderHasGone();) {
             try {
                 Next(kWait);
                 connected = true;
