@@ -5,7 +5,6 @@
 #include <iterator>
 #include <list>
 #include <map>
-#include <ranges>
 #include <sstream>
 
 #include "host/ctl/fleet/commands.h"
@@ -101,7 +100,10 @@ void FleetView::Ask(const char *name, Replies &replies) {
 
 void FleetView::PrintDevices(std::ostream &out, size_t rows) const {
     Table table({"DEVICE", "CPU", "MEMORY", "AVAILABLE", "PROCESSES"});
-    for (const Busy &device : busy_ | std::views::take(rows)) {
+    for (const Busy &device : busy_) {
+        if (rows-- == 0) {
+            break;
+        }
         table.Add({device.device, device.cpus.Text(device.cpus.wire.at(0), "busy"), device.memory.Text("now"),
                    device.memory.Text("available"), std::to_string(device.processes.wire.size())});
     }
