@@ -55,7 +55,7 @@ TEST_F(CpuPeaksTest, AreNotThoseOfAProcessThatHadTheIdBefore) {
 TEST_F(CpuPeaksTest, AreNotBelowTheShareOfALongerTimeThatIsTold) {
     machine.Add(kPid, "worker", 0);
     Pass(1s);
-    for (const uint32_t permille : {900, 100}) {
+    for (const uint32_t permille : {900U, 100U}) {
         machine.processes[kPid].threads[kPid].runPermille = permille;
         Pass(1s);
     }
