@@ -411,9 +411,16 @@ TEST_F(OnScreen, APagerGetsWholeLines) {
 }
 
 TEST_F(OnScreen, WhoLeavesThePagerHasSeenEnough) {
-    OnTerminal list = Show("TARN_PAGER='head -n 1'", "list", 80);
-    EXPECT_EQ(list.Wait(), 0);
-    EXPECT_THAT(list.Output(), Not(HasSubstr("cannot write")));
+    std::string processes; // more than a pipe holds
+    for (size_t i = 0; i < 200; ++i) {
+        processes += i == 0 ? "{}" : ",{}";
+    }
+    const std::string file = dir_.Path() / "message";
+    Out(fmt::format("encode SysCpuStatInfo '{{\"pstProc\": [{}]}}' -o {}", processes, file));
+    ASSERT_GT(Out("decode SysCpuStatInfo --explain " + file).size(), 65536u * 2);
+    OnTerminal explained = Show("TARN_PAGER='head -n 1'", "decode SysCpuStatInfo --explain " + file, 80);
+    EXPECT_EQ(explained.Wait(), 0);
+    EXPECT_THAT(explained.Output(), Not(HasSubstr("cannot write")));
 }
 
 TEST_F(OnScreen, WithoutItsPagerAllIsShown) {
