@@ -1,9 +1,4 @@
-// The lazy binding to the platform, in a process whose platform is what the build's definitions say:
-//
-//   TEST_LOG        it has XRT_OsalLogWrite
-//   TEST_USE_FLAG   it has XRT_OsalMemUseFlagGet, which returns this
-//   TEST_ALLOC      it has XRT_OsalMemCacheAlloc
-//   TEST_FREE       it has XRT_OsalMemFree
+// The lazy binding to the platform, in processes with different ones.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,6 +15,7 @@
 
 TARN_UNIT()
 
+#include "tests/codec/binding_platform.h"
 #include "tests/codec/test_types.h"
 
 // The linker leads the program's calls to these functions, and theirs to the C library's.
@@ -28,34 +24,16 @@ extern "C" void __real_free(void *block);
 extern "C" void *__real_dlsym(void *handle, const char *name);
 
 namespace {
-#if defined TEST_USE_FLAG && TEST_USE_FLAG == 1 && defined TEST_ALLOC && defined TEST_FREE
-constexpr bool kPlatformMemory = true;
-#else
-constexpr bool kPlatformMemory = false;
-#endif
-#ifdef TEST_LOG
-constexpr bool kPlatformLog = true;
-#else
-constexpr bool kPlatformLog = false;
-#endif
-#ifdef TEST_USE_FLAG
-constexpr bool kHasUseFlag = true;
-#else
-constexpr bool kHasUseFlag = false;
-#endif
-
-struct Calls {
-    std::atomic<int> useFlag = 0, alloc = 0, free = 0, log = 0, clibAlloc = 0, clibFree = 0;
-};
-Calls calls;
-std::atomic<bool> counting = false; // calls of malloc and free that the codecs make
+std::atomic<int> clibAlloc = 0, clibFree = 0; // calls of malloc and free that the codecs make
+std::atomic<bool> counting = false;
 
 std::mutex lookUpsMutex;
 std::map<std::string, int> lookUps;
 
 // Counts from here on.
 void Reset() {
-    calls.useFlag = calls.alloc = calls.free = calls.log = calls.clibAlloc = calls.clibFree = 0;
+    clibAlloc = clibFree = 0;
+    platformCalls.useFlag = platformCalls.alloc = platformCalls.free = platformCalls.log = 0;
     const std::lock_guard lock(lookUpsMutex);
     lookUps.clear();
 }
@@ -77,12 +55,12 @@ constexpr uint8_t kMessage[] = {
 
 extern "C" {
 void *__wrap_malloc(size_t size) {
-    calls.clibAlloc += counting ? 1 : 0;
+    clibAlloc += counting ? 1 : 0;
     return __real_malloc(size);
 }
 
 void __wrap_free(void *block) {
-    calls.clibFree += counting ? 1 : 0;
+    clibFree += counting ? 1 : 0;
     __real_free(block);
 }
 
@@ -99,39 +77,6 @@ void *__wrap_dlsym(void *handle, const char *name) {
 int memcpy_s(void *to, size_t room, const void *from, size_t count) {
     return count <= room && memcpy(to, from, count) != nullptr ? 0 : 34;
 }
-
-#ifdef TEST_LOG
-void XRT_OsalLogWrite(const XrtLogModule *, uint32_t, uint32_t, const char *, uint32_t, const char *, const char *,
-                      ...) {
-    ++calls.log;
-}
-#endif
-
-#ifdef TEST_USE_FLAG
-uint32_t XRT_OsalMemUseFlagGet(uint32_t moduleId) {
-    EXPECT_EQ(moduleId, 12U);
-    ++calls.useFlag;
-    return TEST_USE_FLAG;
-}
-#endif
-
-#ifdef TEST_ALLOC
-void *XRT_OsalMemCacheAlloc(uint32_t size, uint32_t moduleId, const char *tag) {
-    EXPECT_EQ(moduleId, 12U);
-    EXPECT_NE(tag, nullptr);
-    ++calls.alloc;
-    return __real_malloc(size);
-}
-#endif
-
-#ifdef TEST_FREE
-void XRT_OsalMemFree(void *block, uint32_t moduleId, const char *tag) {
-    EXPECT_EQ(moduleId, 12U);
-    EXPECT_NE(tag, nullptr);
-    ++calls.free;
-    __real_free(block);
-}
-#endif
 }
 
 // Each of these uses a binding of its own, as new as that of a unit just loaded. Blocks are volatile, or a compiler may
@@ -142,9 +87,9 @@ TEST(Binding, AllocatesWithTheCLibraryUntilItIsResolvedAndAsksForNothing) {
     platform::Binding binding;
     void *volatile block = Counting([&] { return binding.Alloc(1, "tag"); });
     Counting([&] { return binding.Free(block, "tag"), 0; });
-    EXPECT_EQ(calls.clibAlloc, 1);
-    EXPECT_EQ(calls.clibFree, 1);
-    EXPECT_EQ(calls.alloc + calls.free, 0);
+    EXPECT_EQ(clibAlloc, 1);
+    EXPECT_EQ(clibFree, 1);
+    EXPECT_EQ(platformCalls.alloc + platformCalls.free, 0);
     EXPECT_TRUE(lookUps.empty());
 }
 
@@ -154,10 +99,10 @@ TEST(Binding, TakesThePlatformsMemoryWhenTheFlagIs1AndBothFunctionsExistAndElseT
     Reset();
     void *volatile block = Counting([&] { return binding.Alloc(1, "tag"); });
     Counting([&] { return binding.Free(block, "tag"), 0; });
-    EXPECT_EQ(calls.alloc, kPlatformMemory ? 1 : 0);
-    EXPECT_EQ(calls.free, kPlatformMemory ? 1 : 0);
-    EXPECT_EQ(calls.clibAlloc, kPlatformMemory ? 0 : 1);
-    EXPECT_EQ(calls.clibFree, kPlatformMemory ? 0 : 1);
+    EXPECT_EQ(platformCalls.alloc, kPlatformMemory ? 1 : 0);
+    EXPECT_EQ(platformCalls.free, kPlatformMemory ? 1 : 0);
+    EXPECT_EQ(clibAlloc, kPlatformMemory ? 0 : 1);
+    EXPECT_EQ(clibFree, kPlatformMemory ? 0 : 1);
 }
 
 TEST(Binding, LooksUpTheMemoryFunctionsOnceAndOnlyThoseItNeeds) {
@@ -167,11 +112,11 @@ TEST(Binding, LooksUpTheMemoryFunctionsOnceAndOnlyThoseItNeeds) {
         binding.EnsureMemBound();
     }
     std::map<std::string, int> expected = {{"XRT_OsalMemUseFlagGet", 1}};
-#if defined TEST_USE_FLAG && TEST_USE_FLAG == 1
-    expected.insert({{"XRT_OsalMemCacheAlloc", 1}, {"XRT_OsalMemFree", 1}});
-#endif
+    if (kPlatformMemoryWanted) {
+        expected.insert({{"XRT_OsalMemCacheAlloc", 1}, {"XRT_OsalMemFree", 1}});
+    }
     EXPECT_EQ(lookUps, expected);
-    EXPECT_EQ(calls.useFlag, kHasUseFlag ? 1 : 0);
+    EXPECT_EQ(platformCalls.useFlag, kPlatformUseFlag ? 1 : 0);
 }
 
 TEST(Binding, LooksUpTheLogOnceWhetherOrNotItExists) {
@@ -181,7 +126,7 @@ TEST(Binding, LooksUpTheLogOnceWhetherOrNotItExists) {
         binding.Log(platform::kInvalid, __LINE__, "function", "[VELTO]:text %u", 1U);
     }
     EXPECT_EQ(lookUps, (std::map<std::string, int>{{"XRT_OsalLogWrite", 1}}));
-    EXPECT_EQ(calls.log, kPlatformLog ? 3 : 0);
+    EXPECT_EQ(platformCalls.log, kPlatformLog ? 3 : 0);
 }
 
 TEST(Binding, ClearsTheSwapFlagWhenItResolvesMemoryAndNotAgain) {
@@ -218,10 +163,10 @@ TEST(Binding, IsResolvedOnceBySixteenThreadsAtOnce) {
         }
         ASSERT_EQ(lookUps["XRT_OsalMemUseFlagGet"], 1);
         ASSERT_EQ(lookUps["XRT_OsalLogWrite"], 1);
-        ASSERT_EQ(calls.useFlag, kHasUseFlag ? 1 : 0);
-        ASSERT_EQ(calls.alloc, kPlatformMemory ? 16 : 0);
-        ASSERT_EQ(calls.free, kPlatformMemory ? 16 : 0);
-        ASSERT_EQ(calls.log, kPlatformLog ? 16 : 0);
+        ASSERT_EQ(platformCalls.useFlag, kPlatformUseFlag ? 1 : 0);
+        ASSERT_EQ(platformCalls.alloc, kPlatformMemory ? 16 : 0);
+        ASSERT_EQ(platformCalls.free, kPlatformMemory ? 16 : 0);
+        ASSERT_EQ(platformCalls.log, kPlatformLog ? 16 : 0);
     }
 }
 
@@ -235,10 +180,10 @@ TEST(Binding, CodecsAllocateAndReleaseThroughIt) {
     EXPECT_STREQ(record.pcText, "ab");
     Counting([&] { return Tarn_sys_diag_TestOwner_free_unpacked(&record); });
     EXPECT_EQ(record.pcText, nullptr);
-    EXPECT_EQ(calls.alloc, kPlatformMemory ? 1 : 0);
-    EXPECT_EQ(calls.free, kPlatformMemory ? 1 : 0);
-    EXPECT_EQ(calls.clibAlloc, kPlatformMemory ? 0 : 1);
-    EXPECT_EQ(calls.clibFree, kPlatformMemory ? 0 : 1);
+    EXPECT_EQ(platformCalls.alloc, kPlatformMemory ? 1 : 0);
+    EXPECT_EQ(platformCalls.free, kPlatformMemory ? 1 : 0);
+    EXPECT_EQ(clibAlloc, kPlatformMemory ? 0 : 1);
+    EXPECT_EQ(clibFree, kPlatformMemory ? 0 : 1);
 }
 
 TEST(Binding, CodecsGiveTheSameResultsWithAndWithoutALog) {
@@ -250,5 +195,5 @@ TEST(Binding, CodecsGiveTheSameResultsWithAndWithoutALog) {
     uint8_t byte;
     const VeltoOutBuf out{&byte, &capacity};
     EXPECT_EQ(Tarn_sys_diag_TestOwner_pack(&out, &record), 0U);
-    EXPECT_EQ(calls.log, kPlatformLog ? 3 : 0);
+    EXPECT_EQ(platformCalls.log, kPlatformLog ? 3 : 0);
 }
