@@ -75,7 +75,7 @@ TEST_F(Tasks, StackNamesNoFunctionBeyondItsSymbol) {
     ASSERT_TRUE(Eventually([&] { return Out(stack).find("main+0x") != std::string::npos; })) << out_;
     EXPECT_THAT(out_, ContainsRegex(" stripped_subject\\+0x[0-9a-f]+\n"));
     EXPECT_THAT(out_, Not(HasSubstr("label_without_size")));
-    EXPECT_THAT(Out(stack + "--samples 2 --every 1ms"), ContainsRegex(" stripped_subject\\+0x[0-9a-f]+\n"));
+    EXPECT_THAT(Out(stack + "--samples 2 --every 1ms"), HasSubstr(" [stripped_subject]\n")) << "one, wherever it is";
     EXPECT_THAT(out_, HasSubstr(" main\n"));
 }
 

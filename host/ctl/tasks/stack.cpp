@@ -29,8 +29,9 @@ struct Options {
 };
 
 struct Frame {
-    std::string text; // "Worker::Run(int)+0x1c"; "worker+0x4c10" in a module without a symbol for it
-    std::string name; // "Worker::Run(int)": a function is one, wherever it is; without one, the text
+    std::string text; // "Worker::Run(int)+0x1c"; "libm.so.6+0x4c10" in a module without a symbol for it
+    std::string
+        name; // "Worker::Run(int)", wherever in it; "[libm.so.6]", as profilers write what is of no known function
 };
 
 struct Stack {
@@ -62,7 +63,8 @@ Frame FrameOf(const std::string &text, uint64_t address, const std::set<uint64_t
     uint64_t offset = 0;
     std::from_chars(text.data() + sign + 3, text.data() + text.size(), offset, 16);
     const bool hasFunction = !moduleStarts.contains(address - offset) && text.find(".so") > sign;
-    return {text, hasFunction ? text.substr(0, sign) : text};
+    const std::string known = text.substr(0, sign);
+    return {text, hasFunction ? known : fmt::format("[{}]", known)};
 }
 
 std::vector<Stack> Read(Server &server, uint32_t pid, uint32_t tid) {
@@ -236,7 +238,8 @@ void AddStack(const Command &program, const Globals &globals) {
     task.Operand(kProcess, options->process, kProcessHelp).Required();
     const Parameter thread = task.Option("-t", options->thread, "TID", "This thread; default the process's first");
     task.Flag("--all", options->all, "All threads").Excludes(thread);
-    task.Option("--samples", options->samples, "N", "So many times, as a tree with the share of each function")
+    task.Option("--samples", options->samples, "N",
+                "So many times, as a tree with the share of each function; [libm.so.6] is what has no symbol in it")
         .Range(1U, 100'000U);
     task.Option("--every", options->every, "TIME", "Time between two samples, in ms without a unit; default 100ms");
     task.Flag("--folded", options->folded, "The samples as lines for flame graphs, \"main;work;spin 12\"");
